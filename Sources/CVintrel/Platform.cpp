@@ -1,0 +1,64 @@
+#include "CVintrel/Platform.h"
+
+#include <clocale>
+#include <cstdlib>
+#include <langinfo.h>
+#include <string_view>
+
+#ifdef __APPLE__
+#include <sys/attr.h>
+#include <unistd.h>
+#include <xlocale.h>
+#endif
+
+namespace CVintrel {
+
+namespace {
+
+/// The name of the locale that numbers follow, in POSIX's order of precedence; empty when none is set.
+std::string_view numericLocale()
+{
+    for (const char* variable : { "LC_ALL", "LC_NUMERIC", "LANG" })
+        if (const char* value = std::getenv(variable); value != nullptr && *value != '\0')
+            return value;
+    return {};
+}
+
+std::string findDecimalSeparator()
+{
+    if (const locale_t locale = newlocale(LC_NUMERIC_MASK, "", nullptr)) {
+        std::string separator = nl_langinfo_l(RADIXCHAR, locale);
+        freelocale(locale);
+        return separator.empty() ? "." : separator;
+    }
+    // A small system may not have the data of the user's own locale. Of Danish, the language of the program, the
+    // answer is known all the same.
+    return numericLocale().starts_with("da") ? "," : ".";
+}
+
+} // namespace
+
+const std::string& decimalSeparator()
+{
+    static const std::string separator = findDecimalSeparator();
+    return separator;
+}
+
+#ifdef __APPLE__
+
+bool setCreationDate(int descriptor, const std::timespec& date)
+{
+    attrlist attributes {};
+    attributes.bitmapcount = ATTR_BIT_MAP_COUNT;
+    attributes.commonattr = ATTR_CMN_CRTIME;
+    std::timespec value = date;
+    return fsetattrlist(descriptor, &attributes, &value, sizeof value, 0) == 0;
+}
+
+#else
+
+bool setCreationDate(int /*descriptor*/, const std::timespec& /*date*/) { return false; }
+
+#endif
+
+} // namespace CVintrel

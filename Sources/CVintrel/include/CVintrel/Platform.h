@@ -1,0 +1,16 @@
+#pragma once
+
+#include <ctime>
+#include <string>
+
+/// What only one system has, or each has in its own way. Everything that asks which system this is stands behind this.
+namespace CVintrel {
+
+/// The text between a number's integer and decimals in the environment's locale (LC_ALL, LC_NUMERIC, LANG); "." when
+/// the environment names none or one that is not known. The environment is asked once.
+const std::string& decimalSeparator();
+
+/// Sets the creation date of an open file. False where the system or the file system keeps none that can be set.
+bool setCreationDate(int descriptor, const std::timespec& date);
+
+} // namespace CVintrel

@@ -1,0 +1,205 @@
+#include "VintrelCLI/CommandLine.h"
+
+#include "VintrelCLI/TreeListing.h"
+#include "VintrelCore/Recovery.h"
+#include "VintrelCore/Scanner.h"
+#include "VintrelCore/SourceOpener.h"
+#include "VintrelCore/Unicode.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <filesystem>
+#include <ostream>
+
+namespace {
+
+using Arguments = std::span<const std::string>;
+
+constexpr std::string_view usage = R"(vintrel-cli – datagendannelse fra kommandolinjen
+
+  vintrel-cli list                          Vis tilsluttede diske
+  vintrel-cli scan <kilde>                  Hurtig scanning (partitioner og filsystemer)
+  vintrel-cli tree <kilde> [--deep]         Vis alle fundne filer
+  vintrel-cli deep <kilde> [--no-carve]     Dyb scanning (tabte partitioner + signaturer)
+  vintrel-cli recover <kilde> <mappe> [--deep] [--deleted]
+                                            Gendan filer til <mappe>
+  vintrel-cli image <kilde> <fil.img>       Lav et diskbillede (ddrescue-strategi)
+
+<kilde> er en billedfil eller et disknavn som disk4.
+)";
+
+constexpr std::size_t maxFailureLines = 10;
+
+/// What a command works with.
+struct Session {
+    Arguments arguments; ///< the command word first
+    std::ostream& out;
+    std::ostream& err;
+    WorkProgress progress; ///< of every operation; shown nowhere
+    std::unique_ptr<DiskSource> source;
+
+    bool has(std::string_view option) const { return std::ranges::count(arguments, option) != 0; }
+
+    /// Each line leaves in one write, so that it is seen at once and whole.
+    void print(std::string line) const { write(out, std::move(line)); }
+    void complain(std::string line) const { write(err, std::move(line)); }
+
+private:
+    static void write(std::ostream& stream, std::string line)
+    {
+        line += '\n';
+        stream.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
+    }
+};
+
+std::string number(std::uint64_t value) { return std::to_string(value); }
+
+std::unique_ptr<DiskSource> open(const std::string& name)
+{
+    std::error_code error;
+    const bool isDeviceName = name.starts_with("disk") && !std::filesystem::exists(name, error);
+    auto source = isDeviceName ? SourceOpener::openDevice(name, name) : SourceOpener::openImage(name);
+    if (const char* ranges = std::getenv("VINTREL_SIMULATE_BAD"))
+        for (const auto& range : parseByteRanges(ranges))
+            source->addSimulatedBadRange(range);
+    return source;
+}
+
+VolumeList allVolumes(Session& session)
+{
+    auto result = QuickScanner::run(*session.source, &session.progress);
+    for (const auto& note : result.notes)
+        session.print("! " + Unicode::escaped(note));
+    return std::move(result.volumes);
+}
+
+void scan(Session& session)
+{
+    auto& source = *session.source;
+    session.print(Unicode::escaped(source.displayName()) + ": " + formatBytes(source.size()) + ", sektor "
+        + number(source.sectorSize()) + " B");
+    const auto result = QuickScanner::run(source, &session.progress);
+    session.print("Partitionering: " + result.layout.scheme);
+    for (const auto& entry : result.layout.entries)
+        session.print("  #" + number(static_cast<std::uint64_t>(entry.index)) + " " + entry.typeName + " @ "
+            + number(entry.offset) + " " + formatBytes(entry.size) + " "
+            + std::string(displayName(entry.detected.value_or(FileSystemType::unknown))));
+    for (const auto& note : result.notes)
+        session.print("! " + Unicode::escaped(note));
+    for (const auto& volume : result.volumes) {
+        const auto totals = volume->root->totals();
+        session.print("  " + Unicode::escaped(volume->title()) + ": " + number(totals.files) + " filer, "
+            + number(totals.folders) + " mapper, " + number(totals.deleted) + " slettede, "
+            + formatBytes(totals.bytes));
+        for (const auto& note : volume->notes)
+            session.print("     note: " + Unicode::escaped(note));
+    }
+}
+
+void tree(Session& session)
+{
+    for (const auto& volume : allVolumes(session))
+        printTree(*volume, session.out);
+}
+
+void recover(Session& session)
+{
+    for (const auto& volume : allVolumes(session)) {
+        std::vector<FileNode*> nodes;
+        if (session.has("--deleted")) {
+            nodes = volume->root->allFiles();
+            std::erase_if(nodes, [](const FileNode* node) { return node->status == EntryStatus::existing; });
+        } else {
+            for (const auto& child : volume->root->children())
+                nodes.push_back(child.get());
+        }
+        const auto result = RecoveryEngine::recover(
+            nodes, volume->title(), *session.source, session.arguments[2], {}, nullptr, session.progress);
+        session.print(Unicode::escaped(volume->title()) + ": " + std::to_string(result.recovered) + " gendannet, "
+            + std::to_string(result.withErrors) + " med fejl, " + std::to_string(result.failed) + " mislykkedes → "
+            + Unicode::escaped(result.folder.value_or("-")));
+        for (std::size_t i = 0; i < std::min(result.failures.size(), maxFailureLines); ++i)
+            session.print("   " + Unicode::escaped(result.failures[i]));
+    }
+}
+
+struct Command {
+    std::string_view word;
+    std::size_t needed;        ///< arguments, the word among them
+    void (*perform)(Session&); ///< none: its engine is not built yet
+    bool readsSource;
+};
+
+constexpr Command commands[] = {
+    { "list", 1, nullptr, false },
+    { "scan", 2, scan, true },
+    { "tree", 2, tree, true },
+    { "deep", 2, nullptr, true },
+    { "recover", 3, recover, true },
+    { "image", 3, nullptr, true },
+};
+
+/// Whether the command does what its words say, or needs an engine that is not built yet.
+bool isBuilt(const Command& command, const Session& session)
+{
+    if (command.perform == nullptr)
+        session.complain("Fejl: Kommandoen " + std::string(command.word) + " er ikke bygget færdig endnu.");
+    else if ((command.word == "tree" || command.word == "recover") && session.has("--deep"))
+        session.complain("Fejl: Dyb scanning (--deep) er ikke bygget færdig endnu.");
+    else
+        return true;
+    return false;
+}
+
+} // namespace
+
+int run(std::span<const std::string> arguments, std::ostream& out, std::ostream& err)
+{
+    const auto* const command
+        = arguments.empty() ? std::end(commands) : std::ranges::find(commands, arguments[0], &Command::word);
+    if (command == std::end(commands) || arguments.size() < command->needed) {
+        out << usage << std::flush;
+        return exitUsage;
+    }
+    Session session { .arguments = arguments, .out = out, .err = err, .progress = {}, .source = nullptr };
+    if (!isBuilt(*command, session))
+        return exitNoSource;
+    try {
+        if (command->readsSource)
+            session.source = open(arguments[1]);
+    } catch (const SourceError& error) {
+        session.complain("Fejl: " + std::string(error.what()));
+        return exitNoSource;
+    }
+    command->perform(session);
+    return exitDone;
+}
+
+std::vector<ByteRange> parseByteRanges(std::string_view text)
+{
+    const auto split = [](std::string_view whole, char separator) {
+        std::vector<std::string_view> pieces;
+        while (!whole.empty()) {
+            const auto piece = whole.substr(0, whole.find(separator));
+            whole.remove_prefix(std::min(piece.size() + 1, whole.size()));
+            if (!piece.empty())
+                pieces.push_back(piece);
+        }
+        return pieces;
+    };
+
+    std::vector<ByteRange> ranges;
+    for (const auto piece : split(text, ',')) {
+        std::vector<std::uint64_t> numbers;
+        for (const auto part : split(piece, '-')) {
+            std::uint64_t value = 0;
+            const auto [end, error] = std::from_chars(part.data(), part.data() + part.size(), value);
+            if (error == std::errc() && end == part.data() + part.size())
+                numbers.push_back(value);
+        }
+        if (numbers.size() == 2 && numbers[0] < numbers[1])
+            ranges.push_back({ numbers[0], numbers[1] });
+    }
+    return ranges;
+}

@@ -1,0 +1,301 @@
+#include "VintrelCore/FAT/Walker.h"
+
+#include "VintrelCore/DiskSource.h"
+#include "VintrelCore/Unicode.h"
+
+#include <algorithm>
+
+using namespace FATEntries;
+
+namespace {
+
+/// Directories nest no deeper than this; the root is level 0.
+constexpr int maxDepth = 63;
+
+/// Room for two million entries, more than any system lets a directory have.
+constexpr std::uint64_t maxDirectorySize = 0x4000000;
+
+/// The chain of a deleted directory is gone; this many of the clusters behind its first one are worth a look.
+constexpr int maxDeletedClusters = 16;
+
+/// Clusters of a deleted file that are asked after.
+constexpr std::uint64_t maxFreeChecks = 1'048'576;
+
+/// On a sound volume every cluster belongs to one chain. On a damaged one chains may share clusters, but a volume whose
+/// chains together are longer than this is made up, and would only cost memory.
+constexpr std::uint64_t chainBudgetFactor = 4;
+
+constexpr std::size_t readPiece = 65'536;
+static_assert(readPiece % entrySize == 0);
+
+constexpr int reportInterval = 50; // directories
+
+bool beginsDirectory(ByteView cluster)
+{
+    const auto entry = cluster.load<ShortEntry>(0);
+    return entry && entry->name == dotName && (entry->attributes & directoryFlag) != 0;
+}
+
+} // namespace
+
+FATWalker::FATWalker(FATContext& context, WorkProgress* progress)
+    : liveClusters(std::uint64_t { context.geometry().clusterCount } + 2)
+    , context_(context)
+    , geometry_(context.geometry())
+    , progress_(progress)
+    , chainBudget_(chainBudgetFactor * geometry_.clusterCount)
+{
+}
+
+void FATWalker::walkRoot(FileNode& root)
+{
+    if (geometry_.type == FileSystemType::fat32) {
+        stack_.push_back({ &root, geometry_.rootCluster, Origin::live, 0 });
+    } else {
+        Scan scan {
+            .folder = root, .origin = Origin::live, .depth = 0, .isRoot = true, .pieces = {}, .subfolders = {}
+        };
+        readRange(scan, geometry_.rootDirOffset, geometry_.rootDirSize);
+        enqueue(scan);
+    }
+    walkPending();
+}
+
+void FATWalker::walkFragment(std::uint32_t first, std::uint32_t count, FileNode& folder)
+{
+    bool isInside = true; // of a directory whose end has not been met
+    Scan scan {
+        .folder = folder, .origin = Origin::fragment, .depth = 1, .isRoot = false, .pieces = {}, .subfolders = {}
+    };
+    for (std::uint32_t cluster = first; cluster < first + count; ++cluster) {
+        const std::uint64_t offset = geometry_.offsetOf(cluster);
+        if (!isInside) {
+            const auto sector = context_.source().read(offset, 512, ReadMode::thorough);
+            if (!beginsDirectory(sector) && !FATParser::looksLikeDirectorySector(sector))
+                continue;
+            scan.pieces.clear();
+        }
+        isInside = readRange(scan, offset, geometry_.clusterSize);
+    }
+    enqueue(scan);
+    walkPending();
+}
+
+void FATWalker::walkPending()
+{
+    while (!stack_.empty() || !deleted_.empty()) {
+        if (isCancelled(progress_))
+            return;
+        if (stack_.empty()) {
+            stack_.push_back(deleted_.front());
+            deleted_.pop_front();
+        }
+        const auto next = stack_.back();
+        stack_.pop_back();
+        readDirectory(next);
+    }
+}
+
+void FATWalker::readDirectory(const Pending& pending)
+{
+    if (pending.depth > maxDepth || !geometry_.isCluster(pending.cluster) || !visited.insert(pending.cluster).second)
+        return;
+    if (++directoriesRead_ % reportInterval == 0 && progress_ != nullptr)
+        progress_->report(0, "Læser mapper … (" + std::to_string(directoriesRead_) + ")");
+    Scan scan { .folder = *pending.folder,
+        .origin = pending.origin,
+        .depth = pending.depth,
+        .isRoot = pending.depth == 0,
+        .pieces = {},
+        .subfolders = {} };
+    if (pending.origin == Origin::live || (pending.origin == Origin::fragment && stillHasChain(pending.cluster)))
+        readChain(scan, pending.cluster);
+    else
+        readDeleted(scan, pending.cluster);
+    enqueue(scan);
+}
+
+/// Whether a folder that only a fragment leads to was never deleted itself.
+bool FATWalker::stillHasChain(std::uint32_t start)
+{
+    return !context_.fatUnavailable() && geometry_.isCluster(start) && !liveClusters.contains(start)
+        && beginsDirectory(context_.source().read(geometry_.offsetOf(start), entrySize, ReadMode::thorough))
+        && limitedChain(start, maxDirectoryClusters()).isComplete;
+}
+
+std::uint64_t FATWalker::maxDirectoryClusters() const
+{
+    return std::max<std::uint64_t>(1, maxDirectorySize / geometry_.clusterSize);
+}
+
+void FATWalker::readChain(Scan& scan, std::uint32_t start)
+{
+    const auto chain = limitedChain(start, maxDirectoryClusters());
+    claimed.insert(chain.clusters.begin(), chain.clusters.end());
+    for (const auto& extent : context_.extents(chain.clusters, chain.clusters.size() * geometry_.clusterSize))
+        if (!readRange(scan, *extent.offset, extent.length))
+            return;
+}
+
+void FATWalker::readDeleted(Scan& scan, std::uint32_t start)
+{
+    std::uint32_t cluster = start;
+    for (int count = 0; count < maxDeletedClusters && geometry_.isCluster(cluster); ++count, ++cluster) {
+        const std::uint64_t offset = geometry_.offsetOf(cluster);
+        const bool begins = beginsDirectory(context_.source().read(offset, entrySize, ReadMode::thorough));
+        if (count == 0 && !begins) {
+            scan.folder.note = "Mappens indhold er overskrevet";
+            return;
+        }
+        // What follows belongs to others when it is in use, or is another deleted directory.
+        if (count > 0 && (begins || !context_.areFree(cluster, 1)))
+            return;
+        claimed.insert(cluster);
+        if (!readRange(scan, offset, geometry_.clusterSize))
+            return;
+    }
+}
+
+/// Queues the subfolders of a directory that was read, so that they are walked in the order in which it lists them.
+void FATWalker::enqueue(Scan& scan)
+{
+    for (auto subfolder = scan.subfolders.rbegin(); subfolder != scan.subfolders.rend(); ++subfolder)
+        if (subfolder->origin == Origin::live || scan.origin != Origin::live)
+            stack_.push_back(*subfolder);
+    if (scan.origin == Origin::live)
+        std::ranges::copy_if(scan.subfolders, std::back_inserter(deleted_),
+            [](const Pending& subfolder) { return subfolder.origin != Origin::live; });
+}
+
+bool FATWalker::readRange(Scan& scan, std::uint64_t offset, std::uint64_t length)
+{
+    while (length > 0) {
+        buffer_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(length, readPiece)));
+        context_.source().readReporting(offset, std::span(buffer_), ReadMode::thorough);
+        if (!parseEntries(scan, buffer_))
+            return false;
+        offset += buffer_.size();
+        length -= buffer_.size();
+    }
+    return true;
+}
+
+bool FATWalker::parseEntries(Scan& scan, ByteView bytes)
+{
+    for (std::int64_t at = 0; const auto entry = bytes.load<ShortEntry>(at); at += entrySize) {
+        if (entry->name[0] == endOfDirectory)
+            return false;
+        const auto kind = entry->attributes & 0x3F;
+        if (kind == longNameAttributes)
+            addPiece(scan, *bytes.load<LongNamePiece>(at));
+        else
+            addEntry(scan, *entry);
+    }
+    return true;
+}
+
+void FATWalker::addPiece(Scan& scan, const LongNamePiece& piece)
+{
+    auto& pieces = scan.pieces;
+    if (piece.isLast() || (!pieces.empty() && pieces.back().isDeleted() != piece.isDeleted()))
+        pieces.clear();
+    if (pieces.size() <= maxPieces) // one too many tells that there were too many
+        pieces.push_back(piece);
+}
+
+void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
+{
+    const auto pieces = std::exchange(scan.pieces, {});
+    const bool isMarkedDeleted = entry.name[0] == deletedMark;
+    if ((entry.attributes & (volumeLabelFlag | directoryFlag)) == volumeLabelFlag) {
+        if (scan.isRoot && !isMarkedDeleted && !label_)
+            label_ = Unicode::trimmed(ByteView(entry.name).ascii(0, sizeof entry.name));
+        return;
+    }
+
+    ShortName name = entry.name;
+    if (name[0] == escapedE5)
+        name[0] = 0xE5;
+    auto shown = formatShortName(name, entry.caseFlags, isMarkedDeleted);
+    if (shown == "." || shown == ".." || !isPlausible(name, isMarkedDeleted))
+        return;
+    if (auto longName = assembleLongName(pieces, entry.name, isMarkedDeleted))
+        shown = std::move(*longName);
+
+    const bool isDeleted = isMarkedDeleted || scan.origin != Origin::live;
+    const bool isFolder = (entry.attributes & directoryFlag) != 0;
+    std::uint32_t cluster = entry.firstClusterLow;
+    if (geometry_.type == FileSystemType::fat32)
+        cluster |= std::uint32_t { entry.firstClusterHigh } << 16;
+    const auto status = isDeleted ? EntryStatus::deleted : EntryStatus::existing;
+    auto& node = scan.folder.add(isFolder ? FileNode::makeFolder(std::move(shown), status)
+                                          : FileNode::makeFile(std::move(shown), entry.size, status));
+    node.modified = TimeConversion::fromDOS(entry.modificationDate, entry.modificationTime);
+    node.created = TimeConversion::fromDOS(entry.creationDate, entry.creationTime);
+    node.fsID = cluster;
+    if (!isFolder)
+        fillFileData(node, cluster, scan.origin, isMarkedDeleted);
+    else if (cluster != 0)
+        scan.subfolders.push_back({ &node, cluster, isMarkedDeleted ? Origin::deleted : scan.origin, scan.depth + 1 });
+}
+
+void FATWalker::fillFileData(FileNode& node, std::uint32_t start, Origin origin, bool isMarkedDeleted)
+{
+    if (node.size == 0) {
+        node.data = ExtentList {};
+        node.recoverability = Recoverability::good;
+    } else if (!geometry_.isCluster(start)) {
+        node.recoverability = Recoverability::poor;
+        node.note = "Ugyldig startklynge";
+    } else if (node.status == EntryStatus::existing) {
+        const bool isWhole = fillFromChain(node, start);
+        node.recoverability = isWhole ? Recoverability::good : Recoverability::partial;
+        if (!isWhole)
+            node.note = "Klyngekæden er afbrudt";
+    } else {
+        // The folder of a fragment may be lost while its files were never deleted: their chains still stand in the FAT.
+        if (origin == Origin::fragment && !isMarkedDeleted && !context_.fatUnavailable()
+            && !liveClusters.contains(start) && fillFromChain(node, start)) {
+            node.recoverability = Recoverability::good;
+            return;
+        }
+        fillContiguous(node, start);
+    }
+}
+
+/// Gives the node what its chain holds. True when that is all of it.
+bool FATWalker::fillFromChain(FileNode& node, std::uint32_t start)
+{
+    const std::uint64_t needed = geometry_.clustersFor(node.size);
+    const auto chain = limitedChain(start, needed);
+    node.data = context_.extents(chain.clusters, node.size);
+    if (node.status == EntryStatus::existing)
+        for (const auto cluster : chain.clusters)
+            liveClusters.insert(cluster);
+    return chain.clusters.size() >= needed;
+}
+
+/// A deleted file's chain is gone. Most files lie in one piece, so this one is taken to.
+void FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
+{
+    const std::uint64_t needed = geometry_.clustersFor(node.size);
+    const std::uint64_t clusters
+        = std::min<std::uint64_t>(std::uint64_t { geometry_.clusterCount } + 2 - start, needed);
+    node.data = ExtentList { { geometry_.offsetOf(start), std::min(clusters * geometry_.clusterSize, node.size) } };
+    if (clusters == needed && context_.areFree(start, std::min(clusters, maxFreeChecks))) {
+        node.recoverability = Recoverability::good;
+    } else if (!context_.areFree(start, 1)) {
+        node.recoverability = Recoverability::poor;
+        node.note = "Startklyngen er genbrugt af en anden fil";
+    } else {
+        node.recoverability = Recoverability::partial;
+        node.note = "Dele af filen kan være overskrevet";
+    }
+}
+
+FATContext::Chain FATWalker::limitedChain(std::uint32_t start, std::uint64_t maxClusters)
+{
+    auto chain = context_.chain(start, std::min(maxClusters, chainBudget_));
+    chainBudget_ -= std::min<std::uint64_t>(chainBudget_, chain.clusters.size());
+    return chain;
+}

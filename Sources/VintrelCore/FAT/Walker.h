@@ -1,0 +1,83 @@
+#pragma once
+
+#include "VintrelCore/FAT.h"
+#include "VintrelCore/FAT/Entries.h"
+
+#include <deque>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+/// Walks the directories of one volume and hangs what they list on the tree. The live tree goes first, so that no
+/// deleted folder takes clusters from it.
+class FATWalker {
+public:
+    FATWalker(FATContext& context, WorkProgress* progress);
+
+    /// Where the entries come from. It decides what an entry without a deletion mark is worth.
+    enum class Origin {
+        live,     ///< a directory that exists
+        deleted,  ///< a deleted directory
+        fragment, ///< a directory that no other one leads to; what it lists may never have been deleted
+    };
+
+    /// Reads the fixed root directory of FAT12/16, or the root's chain on FAT32, and everything below it.
+    void walkRoot(FileNode& root);
+
+    /// Reads one run of consecutive clusters as pieces of directories, into `folder`, and what deleted folders they
+    /// lead to.
+    void walkFragment(std::uint32_t first, std::uint32_t count, FileNode& folder);
+
+    /// The text of the root directory's volume label entry, if it has one.
+    const std::optional<std::string>& label() const { return label_; }
+
+    std::unordered_set<std::uint32_t> claimed; ///< every cluster that was read as directory content
+    ClusterBits liveClusters;                  ///< the clusters of existing files
+    std::unordered_set<std::uint32_t> visited; ///< first clusters of the directories that were entered
+
+private:
+    struct Pending {
+        FileNode* folder;
+        std::uint32_t cluster;
+        Origin origin;
+        int depth;
+    };
+
+    /// What the scan of one directory carries from entry to entry, and from cluster to cluster.
+    struct Scan {
+        FileNode& folder;
+        Origin origin;
+        int depth;
+        bool isRoot;
+        std::vector<FATEntries::LongNamePiece> pieces; // of the long name whose short entry is still to come
+        std::vector<Pending> subfolders;               // in the order found
+    };
+
+    void walkPending();
+    void readDirectory(const Pending& pending);
+    bool stillHasChain(std::uint32_t start);
+    std::uint64_t maxDirectoryClusters() const;
+    void readChain(Scan& scan, std::uint32_t start);
+    void readDeleted(Scan& scan, std::uint32_t start);
+    void enqueue(Scan& scan);
+    /// False when the end of the directory was met.
+    bool readRange(Scan& scan, std::uint64_t offset, std::uint64_t length);
+    bool parseEntries(Scan& scan, ByteView bytes);
+    void addPiece(Scan& scan, const FATEntries::LongNamePiece& piece);
+    void addEntry(Scan& scan, const FATEntries::ShortEntry& entry);
+    void fillFileData(FileNode& node, std::uint32_t start, Origin origin, bool isMarkedDeleted);
+    bool fillFromChain(FileNode& node, std::uint32_t start);
+    void fillContiguous(FileNode& node, std::uint32_t start);
+    FATContext::Chain limitedChain(std::uint32_t start, std::uint64_t maxClusters);
+
+    FATContext& context_;
+    const FATGeometry& geometry_;
+    WorkProgress* progress_;
+    std::optional<std::string> label_;
+    int directoriesRead_ = 0;
+    std::vector<Pending> stack_;  // live folders to read; the last one next
+    std::deque<Pending> deleted_; // deleted folders met on the way, for afterwards
+    std::uint64_t chainBudget_;   // clusters that chains may still hold, all together
+    Bytes buffer_;                // of readRange
+};

@@ -1,0 +1,79 @@
+#include "Tests/Support/TestSource.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+TemporaryFolder::TemporaryFolder()
+{
+    auto pattern = (std::filesystem::temp_directory_path() / "vintrel-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr)
+        throw std::runtime_error("no temporary folder");
+    path_ = pattern;
+}
+
+TemporaryFolder::~TemporaryFolder()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::unique_ptr<DiskSource> makeSource(std::span<const std::uint8_t> bytes, std::uint32_t sectorSize)
+{
+    auto name = (std::filesystem::temp_directory_path() / "vintrel-source-XXXXXX").string();
+    FileDescriptor descriptor(::mkstemp(name.data()));
+    ::unlink(name.c_str());
+    if (!descriptor || ::pwrite(descriptor.get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+        throw std::runtime_error("no temporary file");
+    return std::make_unique<DiskSource>(DiskSource::Opened { .descriptor = std::move(descriptor),
+        .path = name,
+        .displayName = "test.img",
+        .size = bytes.size(),
+        .sectorSize = sectorSize,
+        .isDevice = false,
+        .bsdName = std::nullopt,
+        .cleanup = nullptr });
+}
+
+Bytes patternBytes(std::size_t count, std::uint32_t seed)
+{
+    std::mt19937 random(seed);
+    Bytes bytes(count);
+    for (auto& byte : bytes)
+        byte = static_cast<std::uint8_t>(random());
+    return bytes;
+}
+
+Bytes bytesOf(std::string_view text) { return { text.begin(), text.end() }; }
+
+Bytes readFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return { std::istreambuf_iterator<char>(file), {} };
+}
+
+void writeFile(const std::string& path, std::span<const std::uint8_t> bytes)
+{
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+int runCommand(const std::string& command, std::string* output)
+{
+    FILE* const pipe = ::popen(("{ " + command + "; } 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return -1;
+    char buffer[4096];
+    while (const auto count = std::fread(buffer, 1, sizeof buffer, pipe))
+        if (output != nullptr)
+            output->append(buffer, count);
+    const int status = ::pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool hasProgram(const std::string& name) { return runCommand("command -v " + name) == 0; }
