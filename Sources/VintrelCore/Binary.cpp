@@ -127,7 +127,10 @@ sys_seconds localToUTC(year_month_day day, seconds sinceMidnight)
     fields.tm_year = int { day.year() } - 1900;
     fields.tm_mon = static_cast<int>(unsigned { day.month() }) - 1;
     fields.tm_mday = static_cast<int>(unsigned { day.day() });
-    fields.tm_sec = static_cast<int>(sinceMidnight.count()); // normalised by mktime
+    const hh_mm_ss clock(sinceMidnight); // three fields: seconds alone would be wrong where the clock changes that day
+    fields.tm_hour = static_cast<int>(clock.hours().count());
+    fields.tm_min = static_cast<int>(clock.minutes().count());
+    fields.tm_sec = static_cast<int>(clock.seconds().count());
     fields.tm_isdst = -1;
     return sys_seconds { seconds { std::mktime(&fields) } };
 }

@@ -109,14 +109,15 @@ void append(std::string& text, char32_t codePoint)
 
 std::string fromUTF16(std::u16string_view units)
 {
-    const auto isLead = [](char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; };
-    const auto isTrail = [](char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; };
+    const auto isLead = [](char32_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; };
+    const auto isTrail = [](char32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; };
     std::string text;
     text.reserve(units.size());
     for (std::size_t i = 0; i < units.size(); ++i) {
-        const char16_t unit = units[i];
-        if (isLead(unit) && i + 1 < units.size() && isTrail(units[i + 1])) {
-            append(text, 0x10000 + ((char32_t { unit } - 0xD800) << 10) + (units[i + 1] - 0xDC00u));
+        const auto unit = static_cast<char32_t>(units[i]);
+        const auto next = i + 1 < units.size() ? static_cast<char32_t>(units[i + 1]) : 0;
+        if (isLead(unit) && isTrail(next)) {
+            append(text, 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
             ++i;
         } else {
             append(text, isLead(unit) || isTrail(unit) ? replacement : unit);
