@@ -65,15 +65,21 @@ struct CompressedRuns {
     struct Run {
         std::optional<std::uint64_t> lcn; ///< none: sparse
         std::uint64_t clusters = 0;
+
+        bool operator==(const Run&) const = default;
     };
 
     std::vector<Run> runs;
     std::uint64_t clusterSize = 0;  ///< in bytes
     std::uint64_t unitClusters = 0; ///< clusters in a compression unit
     std::uint64_t volumeOffset = 0; ///< of the volume on the source, in bytes
+
+    bool operator==(const CompressedRuns&) const = default;
 };
 
-struct NoData { };
+struct NoData {
+    bool operator==(const NoData&) const = default;
+};
 
 /// Where a file's content lies: nowhere that is known, in these very bytes (content kept inside metadata), in extents
 /// in file order, or in compressed runs.

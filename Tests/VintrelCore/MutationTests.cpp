@@ -1,0 +1,146 @@
+// Damaged copies of small images by the thousand: none may crash, hang, or make the reader ask for absurd memory. The
+// seeds are fixed, so that what fails once fails again.
+
+#include "Tests/Images/FATImage.h"
+#include "Tests/Support/TestSource.h"
+#include "VintrelCore/FAT.h"
+#include "VintrelCore/FileReader.h"
+#include "VintrelCore/Scanner.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace {
+
+/// Damages a few places, most of them among the first `hot` bytes, where the structures are.
+void damage(Bytes& bytes, std::size_t hot, std::mt19937& random)
+{
+    constexpr std::uint8_t telling[] = { 0x00, 0x01, 0x7F, 0x80, 0xFF, 0xE5, 0x0F, 0x10, 0x2E, 0x55 };
+    for (auto count = 1 + random() % 12; count > 0; --count) {
+        const auto at = random() % (random() % 4 != 0 ? std::min(hot, bytes.size()) : bytes.size());
+        switch (random() % 4) {
+        case 0:
+            bytes[at] = static_cast<std::uint8_t>(random());
+            break;
+        case 1:
+            bytes[at] = telling[random() % std::size(telling)];
+            break;
+        case 2:
+            bytes[at] ^= static_cast<std::uint8_t>(1 << random() % 8);
+            break;
+        default: // a stretch of a sector from elsewhere
+            for (std::size_t i = 0; i < 64 && at + i < bytes.size(); ++i)
+                bytes[at + i] = bytes[random() % bytes.size()];
+        }
+    }
+    if (random() % 16 == 0)
+        bytes.resize(random() % bytes.size());
+}
+
+/// Everything that a user can ask of a source.
+void exercise(const Bytes& bytes)
+{
+    const auto source = makeSource(bytes);
+    const auto result = QuickScanner::run(*source, nullptr);
+    for (const auto& volume : result.volumes) {
+        const auto totals = volume->root->totals();
+        ASSERT_LT(totals.files + totals.folders, bytes.size()) << "more entries than bytes";
+        for (const auto* file : volume->root->allFiles()) {
+            std::uint64_t delivered = 0;
+            FileReader::stream(*file, *source, 64_KiB, 256_KiB, [&](const FileReader::Piece& piece) {
+                delivered += piece.bytes.size();
+                return true;
+            });
+            const auto wanted = std::holds_alternative<NoData>(file->data) ? 0 : file->size;
+            ASSERT_EQ(delivered, std::min<std::uint64_t>(wanted, 256_KiB)) << file->path();
+        }
+        std::vector<std::uint64_t> sectors;
+        for (std::uint64_t offset = 0; offset < bytes.size(); offset += 512)
+            if (FATParser::looksLikeDirectorySector(bytes, static_cast<std::int64_t>(offset)))
+                sectors.push_back(offset);
+        if (const auto lost = FATParser::lostEntries(*volume, sectors, nullptr))
+            volume->root->add(FileNode::makeFolder("x", EntryStatus::orphaned));
+    }
+}
+
+FATImage smallCard(FileSystemType type)
+{
+    FATImage image({ .type = type, .clusters = type == FileSystemType::fat16 ? 4085u : 120u });
+    const auto folder = image.addFolder(FATImage::root, { .name = "DCIM       " }, 2);
+    for (int i = 0; i < 8; ++i)
+        image.addFile(folder,
+            { .name = "IMG_00" + std::to_string(10 + i) + "JPG", .longName = u"Et noget længere navn.jpg" },
+            patternBytes(700));
+    const auto deleted = image.addFolder(folder, { .name = "SLETTET    " });
+    image.addFile(deleted, { .name = "INDE    TXT" }, patternBytes(600));
+    image.remove(folder, "SLETTET    ");
+    image.remove(folder, "IMG_0012JPG");
+    return image;
+}
+
+} // namespace
+
+TEST(Mutation, FATVolumes)
+{
+    for (const auto type : { FileSystemType::fat12, FileSystemType::fat16, FileSystemType::fat32 }) {
+        const auto sound = smallCard(type);
+        const auto hot = static_cast<std::size_t>(sound.offsetOf(40));
+        std::mt19937 random(static_cast<unsigned>(type) + 1);
+        const int rounds = type == FileSystemType::fat16 ? 150 : 1500; // a FAT16 volume has 2 MiB at the least
+        for (int round = 0; round < rounds; ++round) {
+            SCOPED_TRACE(std::string(displayName(type)) + ", round " + std::to_string(round));
+            auto image = sound;
+            damage(image.bytes(), hot, random);
+            ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
+        }
+    }
+}
+
+TEST(Mutation, PartitionSectors)
+{
+    // An MBR with an extended partition, and a GPT beside it, of which the damage makes one or the other.
+    Bytes disk(128_KiB);
+    const auto put = [&](std::size_t at, std::initializer_list<std::uint8_t> bytes) {
+        std::copy(bytes.begin(), bytes.end(), disk.begin() + static_cast<std::ptrdiff_t>(at));
+    };
+    const auto volume = smallCard(FileSystemType::fat12);
+    std::copy_n(const_cast<FATImage&>(volume).bytes().begin(), 60'000, disk.begin() + 64 * 512);
+    put(446, { 0x80, 0, 0, 0, 0x01, 0, 0, 0, 64, 0, 0, 0, 120, 0, 0, 0 });
+    put(462, { 0x00, 0, 0, 0, 0x05, 0, 0, 0, 40, 0, 0, 0, 20, 0, 0, 0 });
+    for (const std::size_t ebr : { 40u, 44u }) {
+        put(ebr * 512 + 446, { 0, 0, 0, 0, 0x0B, 0, 0, 0, 24, 0, 0, 0, 100, 0, 0, 0 });
+        put(ebr * 512 + 462, { 0, 0, 0, 0, 0x05, 0, 0, 0, 4, 0, 0, 0, 4, 0, 0, 0 });
+        put(ebr * 512 + 510, { 0x55, 0xAA });
+    }
+    put(510, { 0x55, 0xAA });
+    auto gpt = disk;
+    std::copy_n("EFI PART", 8, gpt.begin() + 512);
+    gpt[512 + 72] = 2;
+    gpt[512 + 80] = 128;
+    gpt[512 + 84] = 128;
+    for (std::size_t slot = 0; slot < 4; ++slot) {
+        gpt[1024 + slot * 128] = 1;
+        gpt[1024 + slot * 128 + 32] = 64;
+        gpt[1024 + slot * 128 + 40] = 200;
+    }
+    std::mt19937 random(99);
+    for (int round = 0; round < 1500; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        auto copy = round % 2 == 0 ? disk : gpt;
+        damage(copy, 48 * 512, random);
+        ASSERT_NO_FATAL_FAILURE(exercise(copy));
+    }
+}
+
+TEST(Mutation, CompressedData)
+{
+    std::mt19937 random(5);
+    for (int round = 0; round < 3000; ++round) {
+        auto input = patternBytes(1 + random() % 300, static_cast<std::uint32_t>(round));
+        input[0] = static_cast<std::uint8_t>(random());
+        if (input.size() > 1)
+            input[1] = static_cast<std::uint8_t>(0xB0 | (random() & 0x0F));
+        ASSERT_EQ(FileReader::lznt1Decompress(input, 4096).size(), 4096u);
+    }
+}
