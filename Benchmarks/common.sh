@@ -1,0 +1,41 @@
+# Shared by the benchmarks: builds the release, makes a scratch folder, and times commands against each other.
+# shellcheck shell=bash
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+"$root/script/bootstrap" build benchmark
+cmake --preset release -S "$root" >/dev/null
+cmake --build "$root/build/release" -- --quiet | sed '/^ninja: no work to do\.$/d'
+# shellcheck disable=SC2034 # used by those who include this
+program=$root/build/release/vintrel-cli
+
+scratch=$(mktemp -d "${BENCH_DIR:-${TMPDIR:-/tmp}}/vintrel-bench.XXXXXX")
+trap 'rm -rf "$scratch"' EXIT
+cd "$scratch"
+export PATH="$PATH:/usr/sbin:/sbin:/usr/local/sbin:/opt/homebrew/sbin" MTOOLS_SKIP_CHECK=1 LC_ALL=C.UTF-8
+rounds=${BENCH_ROUNDS:-7}
+
+# The seconds that a command takes, as the fastest and the middle of some rounds. What it wrote to "out" is removed before each.
+seconds() { # command…
+    local round start
+    for ((round = 0; round < rounds; round++)); do
+        rm -rf out
+        start=$(date +%s%N)
+        "$@" >/dev/null 2>&1
+        echo $(($(date +%s%N) - start))
+    done | sort -n | awk '{ t[NR] = $1 / 1e9 } END { printf "%.3f %.3f\n", t[1], t[int((NR + 1) / 2)] }'
+}
+
+# Times two commands, given as the names of functions, and prints how many times as long the second takes as the first.
+compare() { # title, ours, theirs
+    local ours theirs
+    ours=$(seconds "$2")
+    theirs=$(seconds "$3")
+    printf '%-44s ours %s s, other %s s (fastest, middle): other/ours %s\n' "$1" "$ours" "$theirs" \
+        "$(echo "$ours $theirs" | awk '{ printf "%.2f fastest, %.2f middle", $3 / $1, $4 / $2 }')"
+}
+
+# The most memory that a command takes, in KiB.
+peak_memory() { # command…
+    /usr/bin/time -f %M -o peak "$@" >/dev/null && cat peak
+}
