@@ -30,7 +30,7 @@ std::optional<FileSystemType> detectFAT(ByteView boot)
     const bool isFAT32Style = boot.u16le(22) == 0;
     const std::uint64_t fatSize = isFAT32Style ? boot.u32le(36) : boot.u16le(22);
     const std::uint64_t total = boot.u16le(19) != 0 ? boot.u16le(19) : boot.u32le(32);
-    const std::uint64_t rootSectors = (boot.u16le(17) * 32u + bytesPerSector - 1) / bytesPerSector;
+    const std::uint64_t rootSectors = (std::uint64_t { boot.u16le(17) } * 32 + bytesPerSector - 1) / bytesPerSector;
     const std::uint64_t firstData = reserved + fatSize * fatCount + rootSectors;
     if (fatSize == 0 || total == 0 || firstData >= total)
         return std::nullopt;

@@ -5,6 +5,7 @@
 #include <CVintrel/Platform.h>
 
 #include <algorithm>
+#include <compare>
 #include <limits>
 
 namespace {
@@ -158,14 +159,14 @@ std::strong_ordering compareNatural(std::string_view left, std::string_view righ
             const auto leftNumber = takeNumber(left);
             const auto rightNumber = takeNumber(right);
             // Without leading zeros the longer number is the greater one, whatever its value.
-            if (const auto order = leftNumber.size() <=> rightNumber.size(); order != 0)
+            if (const auto order = leftNumber.size() <=> rightNumber.size(); std::is_neq(order))
                 return order;
-            if (const auto order = leftNumber <=> rightNumber; order != 0)
+            if (const auto order = leftNumber <=> rightNumber; std::is_neq(order))
                 return order;
             continue;
         }
         const auto order = takeFolded(left) <=> takeFolded(right);
-        if (order != 0)
+        if (std::is_neq(order))
             return order;
     }
     return left.size() <=> right.size();
@@ -175,8 +176,8 @@ bool comesBefore(const std::unique_ptr<FileNode>& left, const std::unique_ptr<Fi
 {
     if (left->isDirectory() != right->isDirectory())
         return left->isDirectory();
-    if (const auto order = compareNatural(left->name, right->name); order != 0)
-        return order < 0;
+    if (const auto order = compareNatural(left->name, right->name); std::is_neq(order))
+        return std::is_lt(order);
     if (left->status != right->status)
         return left->status < right->status;
     if (left->name != right->name)

@@ -22,7 +22,8 @@ namespace RecoveryEngine {
 
 namespace {
 
-/// Far below the 4 MiB that a copy may hold at once: what was read is still in the processor's cache when it is written.
+/// Far below the 4 MiB that a copy may hold at once: what was read is still in the processor's cache when it is
+/// written.
 constexpr std::size_t copyPiece = 1'048'576;
 constexpr std::size_t maxComponentBytes = 250; // leaves room for a number below the 255 bytes of most file systems
 constexpr std::size_t maxNumberedBytes = 255;

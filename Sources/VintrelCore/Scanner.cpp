@@ -27,15 +27,14 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset, c
     case FileSystemType::fat16:
     case FileSystemType::fat32:
         return oneOrNone(FATParser::parse(source, offset, origin, progress, boot));
-    case FileSystemType::exfat: // recognised, but not read yet
+    case FileSystemType::exfat: // these four are recognised, but not read yet
     case FileSystemType::ntfs:
     case FileSystemType::hfsplus:
     case FileSystemType::apfs:
-        return {};
     case FileSystemType::ext: // known only so that the user can be told
     case FileSystemType::carved:
     case FileSystemType::unknown:
-        return {};
+        break;
     }
     return {};
 }

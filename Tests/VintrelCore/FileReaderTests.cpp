@@ -80,7 +80,7 @@ TEST(FileReader, ExtentsHolesAndMissingEnds)
     };
     for (const auto& [what, size, extents, expected, holes] : cases) {
         const auto node = file(size, extents);
-        for (const std::size_t chunkSize : { 7, 4096, 1 << 20 }) {
+        for (const std::size_t chunkSize : { 7u, 4096u, 1u << 20 }) {
             const auto result = deliver(*node, *source, chunkSize);
             EXPECT_EQ(result.bytes, expected) << what;
             EXPECT_EQ(result.holes, holes) << what;

@@ -95,7 +95,7 @@ std::optional<FATGeometry> FATGeometry::from(ByteView boot, FileSystemType type,
                                                                     : std::uint64_t { sector.sectorsPerFAT32 };
     const std::uint64_t totalSectors = sector.totalSectors16 != 0 ? std::uint64_t { sector.totalSectors16 }
                                                                   : std::uint64_t { sector.totalSectors32 };
-    const std::uint64_t rootDirSize = sector.rootEntries * 32u;
+    const std::uint64_t rootDirSize = std::uint64_t { sector.rootEntries } * 32;
     if (bytesPerSector == 0 || sector.sectorsPerCluster == 0)
         return std::nullopt;
     const std::uint64_t rootSector = sector.reservedSectors + sectorsPerFAT * sector.fatCount;
