@@ -25,10 +25,10 @@ Outcome runWith(std::vector<std::string> arguments)
 }
 
 /// A command line of the real program, for what only a process of its own shows.
-Outcome runProgram(const std::string& arguments)
+Outcome runProgram(const std::string& arguments, const std::string& preparation = "")
 {
     Outcome outcome;
-    outcome.status = runCommand("timeout 20 '" VINTREL_PROGRAM "' " + arguments, &outcome.out);
+    outcome.status = runCommand(preparation + "timeout 20 '" VINTREL_PROGRAM "' " + arguments, &outcome.out);
     return outcome;
 }
 
@@ -125,13 +125,13 @@ TEST_F(Card, RecoverPrintsTenFailuresAtMost)
         "Uden navn (FAT16): 0 gendannet, 0 med fejl, 25 mislykkedes → -\n   Kunne ikke oprette mappen "
             + (folder / "optaget/Uden navn (FAT16)") + ": Not a directory\n");
 
-    // No descriptor is left for the files themselves.
-    Outcome starved;
-    starved.status
-        = runCommand("ulimit -n 6; '" VINTREL_PROGRAM "' recover " + path + " " + (folder / "ud2"), &starved.out);
+    // No file may have any content.
+    const auto starved = runProgram("recover " + path + " " + (folder / "ud"), "trap '' XFSZ; ulimit -f 0; ");
     EXPECT_EQ(starved.status, 0);
     EXPECT_EQ(std::count(starved.out.begin(), starved.out.end(), '\n'), 11) << starved.out;
-    EXPECT_NE(starved.out.find("\n   F10.TXT: kunne ikke oprette filen: "), std::string::npos) << starved.out;
+    EXPECT_TRUE(starved.out.starts_with("Uden navn (FAT16): 0 gendannet, 0 med fejl, 25 mislykkedes → "))
+        << starved.out;
+    EXPECT_NE(starved.out.find("\n   F10.TXT: kunne ikke skrive filen: File too large\n"), std::string::npos);
 }
 
 TEST_F(Card, DamagedSourcesAreToldAsNotes)
