@@ -85,6 +85,8 @@ public:
 
     /// Whether there is no FAT to ask (it is empty, or too large to be true). Files are then taken to lie in one piece.
     bool fatUnavailable() const { return fatUnavailable_; }
+    /// How many clusters can be in a chain.
+    std::uint64_t entryCount() const { return fatUnavailable_ ? geometry_.clusterCount : loadedEntries(); }
     /// What the FAT holds for a cluster: the next one, an end mark, or 0 for free. 0 also beyond the table.
     std::uint32_t entry(std::uint32_t cluster) const;
     /// The chain that starts at `from`, at most `maxClusters` long. Ends incomplete where it loops, or leaves the
@@ -97,7 +99,7 @@ public:
 
 private:
     void load();
-    std::uint64_t entriesLoaded() const;
+    std::uint64_t loadedEntries() const;
 
     DiskSource& source_;
     FATGeometry geometry_;

@@ -405,8 +405,10 @@ private:
 
     void report(const std::string& path)
     {
+        if (!reporter_)
+            return;
         const auto now = std::chrono::steady_clock::now();
-        if (!reporter_ || now - lastReport_ < reportInterval)
+        if (now - lastReport_ < reportInterval)
             return;
         lastReport_ = now;
         state_.currentFile = path;

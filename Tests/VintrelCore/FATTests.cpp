@@ -307,6 +307,30 @@ TEST(FAT, DirectoriesThatLoopOrNestWithoutEnd)
     EXPECT_EQ(deepest, 64u); // the directory at level 63 is read, what it lists is not
 }
 
+TEST(FAT, ChainsThatShareTheirClustersDoNotMultiplyTheVolume)
+{
+    // A directory of 300 clusters whose every entry claims to be a folder, or a huge file, that begins further along
+    // it.
+    for (const bool areFolders : { true, false }) {
+        FATImage image({ .type = fat32 });
+        const auto crowded = image.addFolder(FATImage::root, { .name = "MANGE      " }, 300);
+        for (std::uint32_t i = 0; i < 300 * 16 - 2; ++i)
+            image.addEntry(crowded,
+                { .name = "D" + std::to_string(1'000'000 + i) + "   ",
+                    .attributes = static_cast<std::uint8_t>(areFolders ? 0x10 : 0x20),
+                    .cluster = crowded + i % 300,
+                    .size = 0xFFFFFFFF });
+        const auto card = parse(image);
+        const auto totals = card.volume->root->totals();
+        EXPECT_GE(totals.folders + totals.files, 300u * 16 - 2);
+        EXPECT_LE(totals.folders + totals.files, image.bytes().size() / 32);
+        std::size_t extents = 0;
+        for (const auto* node : card.volume->root->allFiles())
+            extents += std::get<ExtentList>(node->data).size();
+        EXPECT_LE(extents, 4u * 402);
+    }
+}
+
 TEST(FAT, UnreadableSectorsOfTheFirstFATComeFromTheSecond)
 {
     FATImage image({ .type = fat16 });

@@ -142,7 +142,7 @@ FATContext::FATContext(DiskSource& source, FATGeometry geometry)
     , geometry_(std::move(geometry))
 {
     load();
-    const std::uint64_t entries = entriesLoaded();
+    const std::uint64_t entries = loadedEntries();
     used_ = ClusterBits(entries);
     seen_ = ClusterBits(entries);
     for (std::uint32_t cluster = 2; cluster < entries; ++cluster)
@@ -166,7 +166,7 @@ void FATContext::load()
     fat_ = std::move(first.data);
 }
 
-std::uint64_t FATContext::entriesLoaded() const
+std::uint64_t FATContext::loadedEntries() const
 {
     return std::min<std::uint64_t>(
         fat_.size() * 8 / entryBits(geometry_.type), std::uint64_t { geometry_.clusterCount } + 2);

@@ -22,7 +22,7 @@ constexpr int maxDeletedClusters = 16;
 constexpr std::uint64_t maxFreeChecks = 1'048'576;
 
 /// On a sound volume every cluster belongs to one chain. On a damaged one chains may share clusters, but a volume whose
-/// chains together are longer than this is made up, and would only cost memory.
+/// chains together are so many times longer than its FAT is made up, and would only cost memory.
 constexpr std::uint64_t chainBudgetFactor = 4;
 
 constexpr std::size_t readPiece = 65'536;
@@ -43,7 +43,8 @@ FATWalker::FATWalker(FATContext& context, WorkProgress* progress)
     , context_(context)
     , geometry_(context.geometry())
     , progress_(progress)
-    , chainBudget_(chainBudgetFactor * geometry_.clusterCount)
+    , chainBudget_(chainBudgetFactor * context.entryCount())
+    , directoryBudget_(context.source().size())
 {
 }
 
@@ -171,6 +172,9 @@ bool FATWalker::readRange(Scan& scan, std::uint64_t offset, std::uint64_t length
 {
     while (length > 0) {
         buffer_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(length, readPiece)));
+        if (buffer_.size() > directoryBudget_)
+            return false;
+        directoryBudget_ -= buffer_.size();
         context_.source().readReporting(offset, std::span(buffer_), ReadMode::thorough);
         if (!parseEntries(scan, buffer_))
             return false;

@@ -76,8 +76,9 @@ private:
     WorkProgress* progress_;
     std::optional<std::string> label_;
     int directoriesRead_ = 0;
-    std::vector<Pending> stack_;  // live folders to read; the last one next
-    std::deque<Pending> deleted_; // deleted folders met on the way, for afterwards
-    std::uint64_t chainBudget_;   // clusters that chains may still hold, all together
-    Bytes buffer_;                // of readRange
+    std::vector<Pending> stack_;    // live folders to read; the last one next
+    std::deque<Pending> deleted_;   // deleted folders met on the way, for afterwards
+    std::uint64_t chainBudget_;     // clusters that chains may still hold, all together
+    std::uint64_t directoryBudget_; // bytes of directories that may still be read: no more than there are on the source
+    Bytes buffer_;                  // of readRange
 };
