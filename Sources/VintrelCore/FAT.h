@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Binary.h"
+#include "VintrelCore/ClusterHeap.h"
 #include "VintrelCore/Model.h"
 
 #include <cstdint>
@@ -17,66 +18,23 @@ class DiskSource;
 struct FATGeometry {
     FileSystemType type {}; ///< fat12, fat16 or fat32, as the probe decided
     std::uint64_t bytesPerSector = 0;
-    std::uint64_t clusterSize = 0;
     std::uint64_t fatOffset = 0; ///< of the first FAT
     std::uint64_t fatSize = 0;   ///< of one FAT
     std::uint32_t fatCount = 0;
     std::uint64_t rootDirOffset = 0; ///< of the fixed root directory (FAT12/16)
     std::uint64_t rootDirSize = 0;
-    std::uint64_t dataOffset = 0;   ///< of cluster 2
-    std::uint32_t clusterCount = 0; ///< valid clusters are 2 … clusterCount + 1
-    std::uint32_t rootCluster = 0;  ///< first cluster of the root directory on FAT32, else 0
+    ClusterHeap heap;
+    std::uint32_t rootCluster = 0; ///< first cluster of the root directory on FAT32, else 0
     std::uint64_t volumeSize = 0;
     std::string label; ///< the boot sector's; empty when there is none
 
     /// None when the volume would be impossible. `base`: where the volume begins on the source.
     static std::optional<FATGeometry> from(ByteView boot, FileSystemType type, std::uint64_t base);
-
-    bool isCluster(std::uint32_t number) const { return number >= 2 && number - 2 < clusterCount; }
-    /// The place of a valid cluster.
-    std::uint64_t offsetOf(std::uint32_t cluster) const { return dataOffset + (cluster - 2) * clusterSize; }
-    /// Clusters that `bytes` take up.
-    std::uint64_t clustersFor(std::uint64_t bytes) const { return bytes / clusterSize + (bytes % clusterSize != 0); }
-};
-
-/// A set of cluster numbers, one bit each.
-class ClusterBits {
-public:
-    explicit ClusterBits(std::uint64_t count = 0)
-        : words_(static_cast<std::size_t>((count + 63) / 64))
-    {
-    }
-
-    /// Numbers beyond the set's size are never in it.
-    bool contains(std::uint32_t cluster) const
-    {
-        return cluster / 64 < words_.size() && (words_[cluster / 64] >> cluster % 64 & 1) != 0;
-    }
-    void insert(std::uint32_t cluster)
-    {
-        if (cluster / 64 < words_.size())
-            words_[cluster / 64] |= std::uint64_t { 1 } << cluster % 64;
-    }
-    void erase(std::uint32_t cluster)
-    {
-        if (cluster / 64 < words_.size())
-            words_[cluster / 64] &= ~(std::uint64_t { 1 } << cluster % 64);
-    }
-    /// Whether any of the `count` numbers from `first` on is in the set. 64 are looked at in one step.
-    bool containsAny(std::uint32_t first, std::uint64_t count) const;
-
-private:
-    std::vector<std::uint64_t> words_;
 };
 
 /// A volume's geometry and its allocation table. Used by one thread at a time.
 class FATContext {
 public:
-    struct Chain {
-        std::vector<std::uint32_t> clusters;
-        bool isComplete = false; ///< it ends with an end mark, or holds as many clusters as were asked for
-    };
-
     /// Reads the FAT; where its first copy is unreadable the second one helps out.
     FATContext(DiskSource& source, FATGeometry geometry);
 
@@ -86,14 +44,12 @@ public:
     /// Whether there is no FAT to ask (it is empty, or too large to be true). Files are then taken to lie in one piece.
     bool fatUnavailable() const { return fatUnavailable_; }
     /// How many clusters can be in a chain.
-    std::uint64_t entryCount() const { return fatUnavailable_ ? geometry_.clusterCount : loadedEntries(); }
+    std::uint64_t entryCount() const { return fatUnavailable_ ? geometry_.heap.count : loadedEntries(); }
     /// What the FAT holds for a cluster: the next one, an end mark, or 0 for free. 0 also beyond the table.
     std::uint32_t entry(std::uint32_t cluster) const;
     /// The chain that starts at `from`, at most `maxClusters` long. Ends incomplete where it loops, or leaves the
     /// volume.
-    Chain chain(std::uint32_t from, std::uint64_t maxClusters);
-    /// The extents of the first `size` bytes in these clusters, neighbours merged.
-    ExtentList extents(std::span<const std::uint32_t> clusters, std::uint64_t size) const;
+    ClusterChain chain(std::uint32_t from, std::uint64_t maxClusters);
     /// Whether the FAT calls the `count` clusters from `first` on free. True when it is unavailable.
     bool areFree(std::uint32_t first, std::uint64_t count) const { return !used_.containsAny(first, count); }
 

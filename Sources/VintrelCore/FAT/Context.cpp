@@ -109,32 +109,19 @@ std::optional<FATGeometry> FATGeometry::from(ByteView boot, FileSystemType type,
     return FATGeometry {
         .type = type,
         .bytesPerSector = bytesPerSector,
-        .clusterSize = bytesPerSector * sector.sectorsPerCluster,
         .fatOffset = base + sector.reservedSectors * bytesPerSector,
         .fatSize = sectorsPerFAT * bytesPerSector,
         .fatCount = sector.fatCount,
         .rootDirOffset = base + rootSector * bytesPerSector,
         .rootDirSize = rootDirSize,
-        .dataOffset = base + dataSector * bytesPerSector,
-        .clusterCount
-        = static_cast<std::uint32_t>(std::min((totalSectors - dataSector) / sector.sectorsPerCluster, maxClusters)),
+        .heap = { .offset = base + dataSector * bytesPerSector,
+            .clusterSize = bytesPerSector * sector.sectorsPerCluster,
+            .count = static_cast<std::uint32_t>(
+                std::min((totalSectors - dataSector) / sector.sectorsPerCluster, maxClusters)) },
         .rootCluster = isFAT32 ? sector.rootCluster & clusterMask : 0,
         .volumeSize = volumeSize,
         .label = label == "NO NAME" ? std::string() : std::string(label),
     };
-}
-
-bool ClusterBits::containsAny(std::uint32_t first, std::uint64_t count) const
-{
-    const std::uint64_t end = std::min<std::uint64_t>(first + count, words_.size() * 64);
-    for (std::uint64_t bit = first; bit < end;) {
-        const std::uint64_t word = words_[static_cast<std::size_t>(bit / 64)] >> bit % 64;
-        const std::uint64_t inWord = std::min(64 - bit % 64, end - bit);
-        if ((inWord == 64 ? word : word & ((std::uint64_t { 1 } << inWord) - 1)) != 0)
-            return true;
-        bit += inWord;
-    }
-    return false;
 }
 
 FATContext::FATContext(DiskSource& source, FATGeometry geometry)
@@ -156,7 +143,7 @@ void FATContext::load()
     if (fatUnavailable_)
         return;
     // No more is read than the clusters need and the source holds; entries beyond that count as free.
-    const std::uint64_t needed = ((std::uint64_t { geometry_.clusterCount } + 2) * entryBits(geometry_.type) + 7) / 8;
+    const std::uint64_t needed = ((std::uint64_t { geometry_.heap.count } + 2) * entryBits(geometry_.type) + 7) / 8;
     const std::uint64_t onSource = source_.size() > geometry_.fatOffset ? source_.size() - geometry_.fatOffset : 0;
     const auto length = static_cast<std::int64_t>(std::min({ geometry_.fatSize, needed, onSource }));
     auto first = source_.readReporting(geometry_.fatOffset, length, ReadMode::thorough);
@@ -169,7 +156,7 @@ void FATContext::load()
 std::uint64_t FATContext::loadedEntries() const
 {
     return std::min<std::uint64_t>(
-        fat_.size() * 8 / entryBits(geometry_.type), std::uint64_t { geometry_.clusterCount } + 2);
+        fat_.size() * 8 / entryBits(geometry_.type), std::uint64_t { geometry_.heap.count } + 2);
 }
 
 std::uint32_t FATContext::entry(std::uint32_t cluster) const
@@ -190,57 +177,11 @@ std::uint32_t FATContext::entry(std::uint32_t cluster) const
     }
 }
 
-FATContext::Chain FATContext::chain(std::uint32_t from, std::uint64_t maxClusters)
+ClusterChain FATContext::chain(std::uint32_t from, std::uint64_t maxClusters)
 {
-    Chain chain;
-    if (!geometry_.isCluster(from))
-        return chain;
-    if (fatUnavailable_) {
-        const std::uint64_t toEnd = std::uint64_t { geometry_.clusterCount } + 2 - from;
-        chain.clusters.resize(static_cast<std::size_t>(std::max<std::uint64_t>(1, std::min(toEnd, maxClusters))));
-        std::uint32_t next = from;
-        for (auto& cluster : chain.clusters)
-            cluster = next++;
-        chain.isComplete = true;
-        return chain;
-    }
-
-    const std::uint64_t limit = std::min<std::uint64_t>(maxClusters, geometry_.clusterCount);
-    std::uint32_t cluster = from;
-    while (true) {
-        if (chain.clusters.size() == limit) {
-            chain.isComplete = true;
-            break;
-        }
-        if (!geometry_.isCluster(cluster) || seen_.contains(cluster))
-            break;
-        chain.clusters.push_back(cluster);
-        seen_.insert(cluster); // those beyond the table need no mark: their entry is 0, and the chain ends there
-        const std::uint32_t next = entry(cluster);
-        if (next >= endMark(geometry_.type)) {
-            chain.isComplete = true;
-            break;
-        }
-        if (!geometry_.isCluster(next)) // free, or a mark for a bad cluster
-            break;
-        cluster = next;
-    }
-    for (const auto visited : chain.clusters)
-        seen_.erase(visited);
-    return chain;
-}
-
-ExtentList FATContext::extents(std::span<const std::uint32_t> clusters, std::uint64_t size) const
-{
-    ExtentList extents;
-    for (std::size_t first = 0; first < clusters.size() && size > 0;) {
-        std::size_t end = first + 1;
-        while (end < clusters.size() && clusters[end] == clusters[end - 1] + 1)
-            ++end;
-        const std::uint64_t length = std::min<std::uint64_t>(size, (end - first) * geometry_.clusterSize);
-        extents.push_back({ geometry_.offsetOf(clusters[first]), length });
-        size -= length;
-        first = end;
-    }
-    return extents;
+    const auto& heap = geometry_.heap;
+    if (fatUnavailable_)
+        return contiguousChain(heap, from, std::max<std::uint64_t>(1, maxClusters));
+    return followChain(heap, from, std::min<std::uint64_t>(maxClusters, heap.count), endMark(geometry_.type), seen_,
+        [this](std::uint32_t cluster) { return entry(cluster); });
 }

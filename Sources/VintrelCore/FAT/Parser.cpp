@@ -34,13 +34,13 @@ bool looksLikeShortEntry(const ShortEntry& entry)
 /// The volume's clusters in which candidate sectors lie and which nobody has claimed, ascending.
 std::vector<std::uint32_t> unclaimedClusters(const FATDeepInfo& info, std::span<const std::uint64_t> sectors)
 {
-    const auto& geometry = info.context->geometry();
+    const auto& heap = info.context->geometry().heap;
     std::vector<std::uint32_t> clusters;
     for (const auto offset : sectors) {
-        if (offset < geometry.dataOffset)
+        if (offset < heap.offset)
             continue;
-        const std::uint64_t number = (offset - geometry.dataOffset) / geometry.clusterSize;
-        if (number >= geometry.clusterCount)
+        const std::uint64_t number = (offset - heap.offset) / heap.clusterSize;
+        if (number >= heap.count)
             continue;
         const auto cluster = static_cast<std::uint32_t>(number + 2);
         if (!info.claimed.contains(cluster) && !info.liveClusters.contains(cluster))
@@ -71,7 +71,7 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     auto context = std::make_unique<FATContext>(source, *geometry);
     auto volume = std::make_unique<Volume>(
         *type, geometry->label, offset, geometry->volumeSize, FileNode::makeFolder("", EntryStatus::existing), origin);
-    volume->clusterSize = geometry->clusterSize;
+    volume->clusterSize = geometry->heap.clusterSize;
     FATWalker walker(*context, progress);
     walker.walkRoot(*volume->root);
     if (walker.label() && !walker.label()->empty())

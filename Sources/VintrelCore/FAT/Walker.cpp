@@ -39,9 +39,10 @@ bool beginsDirectory(ByteView cluster)
 } // namespace
 
 FATWalker::FATWalker(FATContext& context, WorkProgress* progress)
-    : liveClusters(std::uint64_t { context.geometry().clusterCount } + 2)
+    : liveClusters(std::uint64_t { context.geometry().heap.count } + 2)
     , context_(context)
     , geometry_(context.geometry())
+    , heap_(context.geometry().heap)
     , progress_(progress)
     , chainBudget_(chainBudgetFactor * context.entryCount())
     , directoryBudget_(context.source().size())
@@ -69,14 +70,14 @@ void FATWalker::walkFragment(std::uint32_t first, std::uint32_t count, FileNode&
         .folder = folder, .origin = Origin::fragment, .depth = 1, .isRoot = false, .pieces = {}, .subfolders = {}
     };
     for (std::uint32_t cluster = first; cluster < first + count; ++cluster) {
-        const std::uint64_t offset = geometry_.offsetOf(cluster);
+        const std::uint64_t offset = heap_.offsetOf(cluster);
         if (!isInside) {
             const auto sector = context_.source().read(offset, 512, ReadMode::thorough);
             if (!beginsDirectory(sector) && !FATParser::looksLikeDirectorySector(sector))
                 continue;
             scan.pieces.clear();
         }
-        isInside = readRange(scan, offset, geometry_.clusterSize);
+        isInside = readRange(scan, offset, heap_.clusterSize);
     }
     enqueue(scan);
     walkPending();
@@ -99,7 +100,7 @@ void FATWalker::walkPending()
 
 void FATWalker::readDirectory(const Pending& pending)
 {
-    if (pending.depth > maxDepth || !geometry_.isCluster(pending.cluster) || !visited.insert(pending.cluster).second)
+    if (pending.depth > maxDepth || !heap_.contains(pending.cluster) || !visited.insert(pending.cluster).second)
         return;
     if (++directoriesRead_ % reportInterval == 0 && progress_ != nullptr)
         progress_->report(0, "Læser mapper … (" + std::to_string(directoriesRead_) + ")");
@@ -119,21 +120,21 @@ void FATWalker::readDirectory(const Pending& pending)
 /// Whether a folder that only a fragment leads to was never deleted itself.
 bool FATWalker::stillHasChain(std::uint32_t start)
 {
-    return !context_.fatUnavailable() && geometry_.isCluster(start) && !liveClusters.contains(start)
-        && beginsDirectory(context_.source().read(geometry_.offsetOf(start), entrySize, ReadMode::thorough))
+    return !context_.fatUnavailable() && heap_.contains(start) && !liveClusters.contains(start)
+        && beginsDirectory(context_.source().read(heap_.offsetOf(start), entrySize, ReadMode::thorough))
         && limitedChain(start, maxDirectoryClusters()).isComplete;
 }
 
 std::uint64_t FATWalker::maxDirectoryClusters() const
 {
-    return std::max<std::uint64_t>(1, maxDirectorySize / geometry_.clusterSize);
+    return std::max<std::uint64_t>(1, maxDirectorySize / heap_.clusterSize);
 }
 
 void FATWalker::readChain(Scan& scan, std::uint32_t start)
 {
     const auto chain = limitedChain(start, maxDirectoryClusters());
     claimed.insert(chain.clusters.begin(), chain.clusters.end());
-    for (const auto& extent : context_.extents(chain.clusters, chain.clusters.size() * geometry_.clusterSize))
+    for (const auto& extent : heap_.extents(chain.clusters, chain.clusters.size() * heap_.clusterSize))
         if (!readRange(scan, *extent.offset, extent.length))
             return;
 }
@@ -141,8 +142,8 @@ void FATWalker::readChain(Scan& scan, std::uint32_t start)
 void FATWalker::readDeleted(Scan& scan, std::uint32_t start)
 {
     std::uint32_t cluster = start;
-    for (int count = 0; count < maxDeletedClusters && geometry_.isCluster(cluster); ++count, ++cluster) {
-        const std::uint64_t offset = geometry_.offsetOf(cluster);
+    for (int count = 0; count < maxDeletedClusters && heap_.contains(cluster); ++count, ++cluster) {
+        const std::uint64_t offset = heap_.offsetOf(cluster);
         const bool begins = beginsDirectory(context_.source().read(offset, entrySize, ReadMode::thorough));
         if (count == 0 && !begins) {
             scan.folder.note = "Mappens indhold er overskrevet";
@@ -152,7 +153,7 @@ void FATWalker::readDeleted(Scan& scan, std::uint32_t start)
         if (count > 0 && (begins || !context_.areFree(cluster, 1)))
             return;
         claimed.insert(cluster);
-        if (!readRange(scan, offset, geometry_.clusterSize))
+        if (!readRange(scan, offset, heap_.clusterSize))
             return;
     }
 }
@@ -248,7 +249,7 @@ void FATWalker::fillFileData(FileNode& node, std::uint32_t start, Origin origin,
     if (node.size == 0) {
         node.data = ExtentList {};
         node.recoverability = Recoverability::good;
-    } else if (!geometry_.isCluster(start)) {
+    } else if (!heap_.contains(start)) {
         node.recoverability = Recoverability::poor;
         node.note = "Ugyldig startklynge";
     } else if (node.status == EntryStatus::existing) {
@@ -270,9 +271,9 @@ void FATWalker::fillFileData(FileNode& node, std::uint32_t start, Origin origin,
 /// Gives the node what its chain holds. True when that is all of it.
 bool FATWalker::fillFromChain(FileNode& node, std::uint32_t start)
 {
-    const std::uint64_t needed = geometry_.clustersFor(node.size);
+    const std::uint64_t needed = heap_.clustersFor(node.size);
     const auto chain = limitedChain(start, needed);
-    node.data = context_.extents(chain.clusters, node.size);
+    node.data = heap_.extents(chain.clusters, node.size);
     if (node.status == EntryStatus::existing)
         for (const auto cluster : chain.clusters)
             liveClusters.insert(cluster);
@@ -282,10 +283,9 @@ bool FATWalker::fillFromChain(FileNode& node, std::uint32_t start)
 /// A deleted file's chain is gone. Most files lie in one piece, so this one is taken to.
 void FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
 {
-    const std::uint64_t needed = geometry_.clustersFor(node.size);
-    const std::uint64_t clusters
-        = std::min<std::uint64_t>(std::uint64_t { geometry_.clusterCount } + 2 - start, needed);
-    node.data = ExtentList { { geometry_.offsetOf(start), std::min(clusters * geometry_.clusterSize, node.size) } };
+    const std::uint64_t needed = heap_.clustersFor(node.size);
+    const std::uint64_t clusters = std::min<std::uint64_t>(heap_.clustersFrom(start), needed);
+    node.data = ExtentList { { heap_.offsetOf(start), std::min(clusters * heap_.clusterSize, node.size) } };
     if (clusters == needed && context_.areFree(start, std::min(clusters, maxFreeChecks))) {
         node.recoverability = Recoverability::good;
     } else if (!context_.areFree(start, 1)) {
@@ -297,7 +297,7 @@ void FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
     }
 }
 
-FATContext::Chain FATWalker::limitedChain(std::uint32_t start, std::uint64_t maxClusters)
+ClusterChain FATWalker::limitedChain(std::uint32_t start, std::uint64_t maxClusters)
 {
     auto chain = context_.chain(start, std::min(maxClusters, chainBudget_));
     chainBudget_ -= std::min<std::uint64_t>(chainBudget_, chain.clusters.size());

@@ -69,10 +69,11 @@ private:
     void fillFileData(FileNode& node, std::uint32_t start, Origin origin, bool isMarkedDeleted);
     bool fillFromChain(FileNode& node, std::uint32_t start);
     void fillContiguous(FileNode& node, std::uint32_t start);
-    FATContext::Chain limitedChain(std::uint32_t start, std::uint64_t maxClusters);
+    ClusterChain limitedChain(std::uint32_t start, std::uint64_t maxClusters);
 
     FATContext& context_;
     const FATGeometry& geometry_;
+    const ClusterHeap& heap_;
     WorkProgress* progress_;
     std::optional<std::string> label_;
     int directoriesRead_ = 0;
