@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Model.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -46,12 +47,22 @@ struct ClusterHeap {
     std::uint64_t size() const { return count * clusterSize; }
     /// The place of a valid cluster.
     std::uint64_t offsetOf(std::uint32_t cluster) const { return offset + (cluster - 2) * clusterSize; }
+    /// The cluster that begins at a place in the heap.
+    std::uint32_t clusterAt(std::uint64_t place) const
+    {
+        return static_cast<std::uint32_t>((place - offset) / clusterSize + 2);
+    }
     /// How many clusters `bytes` take up.
     std::uint64_t clustersFor(std::uint64_t bytes) const { return bytes / clusterSize + (bytes % clusterSize != 0); }
     /// How many clusters there are from a valid one to the end.
     std::uint64_t clustersFrom(std::uint32_t cluster) const { return std::uint64_t { count } + 2 - cluster; }
     /// The extents of the first `size` bytes in these valid clusters, neighbours merged.
     ExtentList extents(std::span<const std::uint32_t> clusters, std::uint64_t size) const;
+    /// `size` bytes in one piece from a valid cluster on, cut at the end of the heap.
+    Extent contiguous(std::uint32_t first, std::uint64_t size) const
+    {
+        return { offsetOf(first), std::min(size, clustersFrom(first) * clusterSize) };
+    }
 };
 
 struct ClusterChain {

@@ -285,6 +285,14 @@ FileNode& FileNode::add(std::unique_ptr<FileNode> child)
     return *children_.emplace_back(std::move(child));
 }
 
+void FileNode::addNote(std::string_view text)
+{
+    if (note)
+        note->append("; ").append(text);
+    else
+        note = text;
+}
+
 void FileNode::sortChildren()
 {
     std::ranges::sort(children_, comesBefore);

@@ -128,6 +128,8 @@ public:
     /// Appends a child. Nothing is sorted, and names may repeat.
     FileNode& add(std::unique_ptr<FileNode> child);
     void removeAllChildren() { children_.clear(); }
+    /// Adds a remark; remarks that meet are joined with "; ".
+    void addNote(std::string_view text);
     /// Sorts the whole subtree: folders first, then by name without regard to case and with numbers by value (IMG_2
     /// before IMG_10). Equal names: by status, then by the names' bytes, then in the order of creation.
     void sortChildren();

@@ -1,6 +1,7 @@
 #include "VintrelCore/Scanner.h"
 
 #include "VintrelCore/DiskSource.h"
+#include "VintrelCore/ExFAT.h"
 #include "VintrelCore/FAT.h"
 
 #include <set>
@@ -27,8 +28,9 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset, c
     case FileSystemType::fat16:
     case FileSystemType::fat32:
         return oneOrNone(FATParser::parse(source, offset, origin, progress, boot));
-    case FileSystemType::exfat: // these four are recognised, but not read yet
-    case FileSystemType::ntfs:
+    case FileSystemType::exfat:
+        return oneOrNone(ExFATParser::parse(source, offset, origin, progress, boot));
+    case FileSystemType::ntfs: // these three are recognised, but not read yet
     case FileSystemType::hfsplus:
     case FileSystemType::apfs:
     case FileSystemType::ext: // known only so that the user can be told
