@@ -1,4 +1,5 @@
 #include "Tests/Images/FATImage.h"
+#include "Tests/Support/ParsedVolume.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FAT/Entries.h"
@@ -12,45 +13,11 @@ namespace {
 
 constexpr FileSystemType allTypes[] = { fat12, fat16, fat32 };
 
-/// A volume with what it was read from.
-struct Parsed {
-    std::unique_ptr<DiskSource> source;
-    std::unique_ptr<Volume> volume;
-
-    const FileNode& operator[](std::string_view path) const
-    {
-        const FileNode* found = nullptr;
-        volume->root->forEachDescendant([&](const FileNode& node, std::size_t) {
-            if (node.path() == path)
-                found = &node;
-        });
-        if (found == nullptr)
-            throw std::logic_error("no " + std::string(path) + " among" + names());
-        return *found;
-    }
-
-    /// Every path, in the order of the tree.
-    std::string names() const
-    {
-        std::string names;
-        volume->root->forEachDescendant([&](const FileNode& node, std::size_t) { names += " " + node.path(); });
-        return names;
-    }
-
-    Bytes content(std::string_view path) const { return FileReader::readPrefix((*this)[path], *source, 64_MiB); }
-};
-
 Parsed parse(const FATImage& image)
 {
     auto source = image.source();
     auto volume = FATParser::parse(*source, 0, "prøve", nullptr);
     return { std::move(source), std::move(volume) };
-}
-
-/// The chance and note of a node in one text, for short expectations.
-std::string chance(const FileNode& node)
-{
-    return std::string(label(node.recoverability)) + (node.note ? ": " + *node.note : "");
 }
 
 } // namespace
