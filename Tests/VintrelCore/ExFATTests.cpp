@@ -348,3 +348,43 @@ TEST(ExFAT, ImagesOfOtherToolsAndSystems)
     ASSERT_EQ(volume->root->children().size(), 1u);
     EXPECT_EQ(volume->root->children()[0]->name, "Vores længere filnavn æøå.txt");
 }
+
+TEST(ExFAT, AVolumeThatAnotherDriverFilled)
+{
+    setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
+    const TemporaryFolder folder;
+    const std::string image = folder / "kort.img";
+    std::filesystem::create_directory(folder / "mnt");
+    std::string output;
+    if (runCommand("truncate -s 32M " + image + " && mkfs.exfat " + image + " && loop=$(losetup -f --show " + image
+                + ") && mount.exfat-fuse $loop " + (folder / "mnt"),
+            &output)
+        != 0) {
+        runCommand("losetup -d $(losetup -j " + image + " -O NAME -n)");
+        GTEST_SKIP() << "needs to mount a loop device by exfat-fuse: " << output;
+    }
+    const std::string script = "cd " + (folder / "mnt")
+        + " && mkdir -p DCIM/100KAM væk && for i in 1 2 3 4; do head -c $((i * 30001)) /dev/urandom > "
+          "DCIM/100KAM/Billede\\ $i.jpg; done"
+          " && (head -c 70000 /dev/urandom; echo) > æøå.bin && head -c 70000 /dev/urandom >> DCIM/100KAM/Billede\\ "
+          "1.jpg"
+          " && echo inde > væk/inde.txt && cp -r . ../alt && rm -r væk DCIM/100KAM/Billede\\ 2.jpg";
+    EXPECT_EQ(runCommand(script, &output), 0) << output;
+    ASSERT_EQ(
+        runCommand("umount " + (folder / "mnt") + " && losetup -d $(losetup -j " + image + " -O NAME -n)", &output), 0)
+        << output;
+
+    const auto source = SourceOpener::openImage(image);
+    const auto volume = ExFATParser::parse(*source, 0, "", nullptr);
+    ASSERT_TRUE(volume);
+    std::size_t files = 0;
+    for (const auto* node : volume->root->allFiles()) {
+        ++files;
+        EXPECT_EQ(FileReader::readPrefix(*node, *source, 1_MiB), readFile(folder / ("alt" + node->path())))
+            << node->path();
+        const bool isDeleted = node->name == "inde.txt" || node->name == "Billede 2.jpg";
+        EXPECT_EQ(node->status, isDeleted ? EntryStatus::deleted : EntryStatus::existing) << node->path();
+        EXPECT_EQ(chance(*node), "God") << node->path();
+    }
+    EXPECT_EQ(files, 6u);
+}
