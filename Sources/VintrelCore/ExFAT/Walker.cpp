@@ -9,23 +9,8 @@ using namespace ExFATEntries;
 
 namespace {
 
-/// Directories nest no deeper than this; the root is level 0.
-constexpr int maxDepth = 63;
-
 /// The format's own limit for a directory.
 constexpr std::uint64_t maxDirectorySize = 0x10000000;
-
-/// Clusters of a deleted file that are asked after.
-constexpr std::uint64_t maxFreeChecks = 1'048'576;
-
-/// On a sound volume every cluster belongs to one chain. On a damaged one chains may share clusters, but a volume whose
-/// chains together are so many times longer than its FAT is made up, and would only cost memory.
-constexpr std::uint64_t chainBudgetFactor = 4;
-
-constexpr std::size_t readPiece = 65'536;
-static_assert(readPiece % entrySize == 0);
-
-constexpr int reportInterval = 50; // directories
 
 } // namespace
 
@@ -33,43 +18,36 @@ ExFATWalker::ExFATWalker(ExFATContext& context, WorkProgress* progress)
     : context_(context)
     , heap_(context.geometry().heap)
     , progress_(progress)
-    , chainBudget_(chainBudgetFactor * context.entryCount())
-    , directoryBudget_(context.source().size())
+    , walk_(context.source(), heap_, context.entryCount(), progress)
 {
+}
+
+ExFATWalker::Pending ExFATWalker::rootDirectory(FileNode* root) const
+{
+    return { .folder = root,
+        .cluster = context_.geometry().rootCluster,
+        .size = 0,
+        .isContiguous = false,
+        .isDeleted = false,
+        .depth = 0 };
 }
 
 void ExFATWalker::walkRoot(FileNode& root)
 {
     findBitmap();
-    stack_.push_back({ .folder = &root,
-        .cluster = context_.geometry().rootCluster,
-        .size = 0,
-        .isContiguous = false,
-        .isDeleted = false,
-        .depth = 0 });
-    while (!stack_.empty() || !deleted_.empty()) {
-        if (isCancelled(progress_))
+    queue_.add(rootDirectory(&root));
+    while (!isCancelled(progress_)) {
+        const auto next = queue_.take();
+        if (!next)
             return;
-        if (stack_.empty()) {
-            stack_.push_back(deleted_.front());
-            deleted_.pop_front();
-        }
-        const auto next = stack_.back();
-        stack_.pop_back();
-        readDirectory(next);
+        readDirectory(*next);
     }
 }
 
 /// The bitmap's entry stands in the root directory, and the chances of what is listed before it depend on it too.
 void ExFATWalker::findBitmap()
 {
-    const Pending root { .folder = nullptr,
-        .cluster = context_.geometry().rootCluster,
-        .size = 0,
-        .isContiguous = false,
-        .isDeleted = false,
-        .depth = 0 };
-    for (const auto& extent : extentsOf(root)) {
+    for (const auto& extent : extentsOf(rootDirectory(nullptr))) {
         for (std::uint64_t at = 0; at < extent.length; at += entrySize) {
             RawEntry entry {};
             context_.source().readReporting(*extent.offset + at, std::span(entry), ReadMode::thorough);
@@ -84,21 +62,13 @@ void ExFATWalker::findBitmap()
 
 void ExFATWalker::readDirectory(const Pending& directory)
 {
-    if (directory.depth > maxDepth || !heap_.contains(directory.cluster) || !visited_.insert(directory.cluster).second)
+    if (!walk_.enter(directory.cluster, directory.depth))
         return;
-    if (++directoriesRead_ % reportInterval == 0 && progress_ != nullptr)
-        progress_->report(0, "Læser mapper … (" + std::to_string(directoriesRead_) + ")");
     Scan scan { .directory = directory, .collector = {}, .subfolders = {} };
     directory.isDeleted ? readDeleted(scan) : readLive(scan);
     if (const auto last = scan.collector.finish())
         addSet(scan, *last);
-    // So that folders are walked in the order in which their parent lists them.
-    for (auto subfolder = scan.subfolders.rbegin(); subfolder != scan.subfolders.rend(); ++subfolder)
-        if (subfolder->isDeleted == directory.isDeleted)
-            stack_.push_back(*subfolder);
-    for (const auto& subfolder : scan.subfolders)
-        if (subfolder.isDeleted != directory.isDeleted)
-            deleted_.push_back(subfolder);
+    queue_.add(scan.subfolders, directory.isDeleted, [](const Pending& subfolder) { return subfolder.isDeleted; });
 }
 
 void ExFATWalker::readLive(Scan& scan)
@@ -146,18 +116,7 @@ ExtentList ExFATWalker::extentsOf(const Pending& directory)
 
 bool ExFATWalker::readRange(Scan& scan, std::uint64_t offset, std::uint64_t length)
 {
-    while (length > 0) {
-        buffer_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(length, readPiece)));
-        if (buffer_.size() > directoryBudget_)
-            return false;
-        directoryBudget_ -= buffer_.size();
-        context_.source().readReporting(offset, std::span(buffer_), ReadMode::thorough);
-        if (!parseEntries(scan, buffer_))
-            return false;
-        offset += buffer_.size();
-        length -= buffer_.size();
-    }
-    return true;
+    return walk_.read(offset, length, [&](ByteView bytes) { return parseEntries(scan, bytes); });
 }
 
 bool ExFATWalker::parseEntries(Scan& scan, ByteView bytes)
@@ -265,7 +224,7 @@ void ExFATWalker::estimateDeleted(FileNode& node, const ExtentList& extents, boo
     std::uint64_t checked = 0;
     bool areFree = true;
     for (const auto& extent : extents) {
-        const std::uint64_t count = std::min(heap_.clustersFor(extent.length), maxFreeChecks - checked);
+        const std::uint64_t count = std::min(heap_.clustersFor(extent.length), DirectoryWalk::maxFreeChecks - checked);
         areFree = areFree && context_.areFree(heap_.clusterAt(*extent.offset), count);
         checked += count;
         placed += extent.length;
@@ -299,7 +258,5 @@ ExtentList ExFATWalker::standingChain(std::uint32_t start, std::uint64_t size)
 
 ClusterChain ExFATWalker::limitedChain(std::uint32_t start, std::uint64_t maxClusters)
 {
-    auto chain = context_.chain(start, std::min(maxClusters, chainBudget_));
-    chainBudget_ -= std::min<std::uint64_t>(chainBudget_, chain.clusters.size());
-    return chain;
+    return walk_.chain(maxClusters, [&](std::uint64_t limit) { return context_.chain(start, limit); });
 }

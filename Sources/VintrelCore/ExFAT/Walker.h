@@ -1,12 +1,11 @@
 #pragma once
 
+#include "VintrelCore/DirectoryWalk.h"
 #include "VintrelCore/ExFAT.h"
 #include "VintrelCore/ExFAT/EntrySets.h"
 
-#include <deque>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 /// Walks the directories of one exFAT volume and hangs what they list on the tree: the live tree first, then what was
@@ -30,6 +29,8 @@ private:
         bool isDeleted;
         int depth;
     };
+
+    Pending rootDirectory(FileNode* root) const;
 
     /// What the scan of one directory carries from entry to entry, and from cluster to cluster.
     struct Scan {
@@ -55,12 +56,7 @@ private:
     ExFATContext& context_;
     const ClusterHeap& heap_;
     WorkProgress* progress_;
+    DirectoryWalk walk_;
+    FolderQueue<Pending> queue_;
     std::optional<std::string> label_;
-    int directoriesRead_ = 0;
-    std::unordered_set<std::uint32_t> visited_; // first clusters of the directories that were entered
-    std::vector<Pending> stack_;                // folders to read; the last one next
-    std::deque<Pending> deleted_;               // deleted folders met in the live tree, for afterwards
-    std::uint64_t chainBudget_;                 // clusters that chains may still hold, all together
-    std::uint64_t directoryBudget_; // bytes of directories that may still be read: no more than there are on the source
-    Bytes buffer_;                  // of readRange
 };

@@ -119,7 +119,7 @@ std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint6
 
     auto folder = FileNode::makeFolder("$Tabte mappefragmenter", EntryStatus::orphaned);
     FATWalker walker(*info->context, progress);
-    walker.visited = info->claimed; // folders that the volume lists already are not listed again
+    walker.skip(info->claimed); // folders that the volume lists already are not listed again
     walker.claimed = std::move(info->claimed);
     walker.liveClusters = std::move(info->liveClusters);
     for (std::size_t first = 0; first < clusters.size() && !isCancelled(progress);) {

@@ -9,26 +9,11 @@ using namespace FATEntries;
 
 namespace {
 
-/// Directories nest no deeper than this; the root is level 0.
-constexpr int maxDepth = 63;
-
 /// Room for two million entries, more than any system lets a directory have.
 constexpr std::uint64_t maxDirectorySize = 0x4000000;
 
 /// The chain of a deleted directory is gone; this many of the clusters behind its first one are worth a look.
 constexpr int maxDeletedClusters = 16;
-
-/// Clusters of a deleted file that are asked after.
-constexpr std::uint64_t maxFreeChecks = 1'048'576;
-
-/// On a sound volume every cluster belongs to one chain. On a damaged one chains may share clusters, but a volume whose
-/// chains together are so many times longer than its FAT is made up, and would only cost memory.
-constexpr std::uint64_t chainBudgetFactor = 4;
-
-constexpr std::size_t readPiece = 65'536;
-static_assert(readPiece % entrySize == 0);
-
-constexpr int reportInterval = 50; // directories
 
 bool beginsDirectory(ByteView cluster)
 {
@@ -44,21 +29,20 @@ FATWalker::FATWalker(FATContext& context, WorkProgress* progress)
     , geometry_(context.geometry())
     , heap_(context.geometry().heap)
     , progress_(progress)
-    , chainBudget_(chainBudgetFactor * context.entryCount())
-    , directoryBudget_(context.source().size())
+    , walk_(context.source(), heap_, context.entryCount(), progress)
 {
 }
 
 void FATWalker::walkRoot(FileNode& root)
 {
     if (geometry_.type == FileSystemType::fat32) {
-        stack_.push_back({ &root, geometry_.rootCluster, Origin::live, 0 });
+        queue_.add({ &root, geometry_.rootCluster, Origin::live, 0 });
     } else {
         Scan scan {
             .folder = root, .origin = Origin::live, .depth = 0, .isRoot = true, .pieces = {}, .subfolders = {}
         };
         readRange(scan, geometry_.rootDirOffset, geometry_.rootDirSize);
-        enqueue(scan);
+        queueSubfolders(scan);
     }
     walkPending();
 }
@@ -79,31 +63,30 @@ void FATWalker::walkFragment(std::uint32_t first, std::uint32_t count, FileNode&
         }
         isInside = readRange(scan, offset, heap_.clusterSize);
     }
-    enqueue(scan);
+    queueSubfolders(scan);
     walkPending();
 }
 
 void FATWalker::walkPending()
 {
-    while (!stack_.empty() || !deleted_.empty()) {
-        if (isCancelled(progress_))
+    while (!isCancelled(progress_)) {
+        const auto next = queue_.take();
+        if (!next)
             return;
-        if (stack_.empty()) {
-            stack_.push_back(deleted_.front());
-            deleted_.pop_front();
-        }
-        const auto next = stack_.back();
-        stack_.pop_back();
-        readDirectory(next);
+        readDirectory(*next);
     }
+}
+
+void FATWalker::queueSubfolders(const Scan& scan)
+{
+    queue_.add(scan.subfolders, scan.origin != Origin::live,
+        [](const Pending& subfolder) { return subfolder.origin != Origin::live; });
 }
 
 void FATWalker::readDirectory(const Pending& pending)
 {
-    if (pending.depth > maxDepth || !heap_.contains(pending.cluster) || !visited.insert(pending.cluster).second)
+    if (!walk_.enter(pending.cluster, pending.depth))
         return;
-    if (++directoriesRead_ % reportInterval == 0 && progress_ != nullptr)
-        progress_->report(0, "Læser mapper … (" + std::to_string(directoriesRead_) + ")");
     Scan scan { .folder = *pending.folder,
         .origin = pending.origin,
         .depth = pending.depth,
@@ -114,7 +97,7 @@ void FATWalker::readDirectory(const Pending& pending)
         readChain(scan, pending.cluster);
     else
         readDeleted(scan, pending.cluster);
-    enqueue(scan);
+    queueSubfolders(scan);
 }
 
 /// Whether a folder that only a fragment leads to was never deleted itself.
@@ -158,31 +141,9 @@ void FATWalker::readDeleted(Scan& scan, std::uint32_t start)
     }
 }
 
-/// Queues the subfolders of a directory that was read, so that they are walked in the order in which it lists them.
-void FATWalker::enqueue(Scan& scan)
-{
-    for (auto subfolder = scan.subfolders.rbegin(); subfolder != scan.subfolders.rend(); ++subfolder)
-        if (subfolder->origin == Origin::live || scan.origin != Origin::live)
-            stack_.push_back(*subfolder);
-    if (scan.origin == Origin::live)
-        std::ranges::copy_if(scan.subfolders, std::back_inserter(deleted_),
-            [](const Pending& subfolder) { return subfolder.origin != Origin::live; });
-}
-
 bool FATWalker::readRange(Scan& scan, std::uint64_t offset, std::uint64_t length)
 {
-    while (length > 0) {
-        buffer_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(length, readPiece)));
-        if (buffer_.size() > directoryBudget_)
-            return false;
-        directoryBudget_ -= buffer_.size();
-        context_.source().readReporting(offset, std::span(buffer_), ReadMode::thorough);
-        if (!parseEntries(scan, buffer_))
-            return false;
-        offset += buffer_.size();
-        length -= buffer_.size();
-    }
-    return true;
+    return walk_.read(offset, length, [&](ByteView bytes) { return parseEntries(scan, bytes); });
 }
 
 bool FATWalker::parseEntries(Scan& scan, ByteView bytes)
@@ -286,7 +247,7 @@ void FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
     const std::uint64_t needed = heap_.clustersFor(node.size);
     const std::uint64_t clusters = std::min<std::uint64_t>(heap_.clustersFrom(start), needed);
     node.data = ExtentList { { heap_.offsetOf(start), std::min(clusters * heap_.clusterSize, node.size) } };
-    if (clusters == needed && context_.areFree(start, std::min(clusters, maxFreeChecks))) {
+    if (clusters == needed && context_.areFree(start, std::min(clusters, DirectoryWalk::maxFreeChecks))) {
         node.recoverability = Recoverability::good;
     } else if (!context_.areFree(start, 1)) {
         node.recoverability = Recoverability::poor;
@@ -299,7 +260,5 @@ void FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
 
 ClusterChain FATWalker::limitedChain(std::uint32_t start, std::uint64_t maxClusters)
 {
-    auto chain = context_.chain(start, std::min(maxClusters, chainBudget_));
-    chainBudget_ -= std::min<std::uint64_t>(chainBudget_, chain.clusters.size());
-    return chain;
+    return walk_.chain(maxClusters, [&](std::uint64_t limit) { return context_.chain(start, limit); });
 }

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "VintrelCore/DirectoryWalk.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FAT/Entries.h"
 
-#include <deque>
 #include <optional>
 #include <string>
 #include <unordered_set>
@@ -29,12 +29,14 @@ public:
     /// lead to.
     void walkFragment(std::uint32_t first, std::uint32_t count, FileNode& folder);
 
+    /// Takes these for the first clusters of directories that were entered already.
+    void skip(const std::unordered_set<std::uint32_t>& clusters) { walk_.visited = clusters; }
+
     /// The text of the root directory's volume label entry, if it has one.
     const std::optional<std::string>& label() const { return label_; }
 
     std::unordered_set<std::uint32_t> claimed; ///< every cluster that was read as directory content
     ClusterBits liveClusters;                  ///< the clusters of existing files
-    std::unordered_set<std::uint32_t> visited; ///< first clusters of the directories that were entered
 
 private:
     struct Pending {
@@ -55,12 +57,12 @@ private:
     };
 
     void walkPending();
+    void queueSubfolders(const Scan& scan);
     void readDirectory(const Pending& pending);
     bool stillHasChain(std::uint32_t start);
     std::uint64_t maxDirectoryClusters() const;
     void readChain(Scan& scan, std::uint32_t start);
     void readDeleted(Scan& scan, std::uint32_t start);
-    void enqueue(Scan& scan);
     /// False when the end of the directory was met.
     bool readRange(Scan& scan, std::uint64_t offset, std::uint64_t length);
     bool parseEntries(Scan& scan, ByteView bytes);
@@ -75,11 +77,7 @@ private:
     const FATGeometry& geometry_;
     const ClusterHeap& heap_;
     WorkProgress* progress_;
+    DirectoryWalk walk_;
+    FolderQueue<Pending> queue_;
     std::optional<std::string> label_;
-    int directoriesRead_ = 0;
-    std::vector<Pending> stack_;    // live folders to read; the last one next
-    std::deque<Pending> deleted_;   // deleted folders met on the way, for afterwards
-    std::uint64_t chainBudget_;     // clusters that chains may still hold, all together
-    std::uint64_t directoryBudget_; // bytes of directories that may still be read: no more than there are on the source
-    Bytes buffer_;                  // of readRange
 };
