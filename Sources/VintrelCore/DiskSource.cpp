@@ -126,6 +126,12 @@ bool DiskSource::isKnownBad(std::uint64_t sector) const
     return badSectors_.contains(sector);
 }
 
+bool DiskSource::hasBadSectors(std::uint64_t offset, std::uint64_t count) const
+{
+    const std::lock_guard guard(lock_);
+    return count > 0 && hasBadSector(offset / sectorSize_, (offset + count - 1) / sectorSize_ + 1);
+}
+
 std::vector<std::uint64_t> DiskSource::badSectors() const
 {
     const std::lock_guard guard(lock_);

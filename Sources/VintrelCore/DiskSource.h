@@ -107,6 +107,8 @@ public:
 
     void markBad(std::uint64_t sector);
     bool isKnownBad(std::uint64_t sector) const;
+    /// Whether a range touches a sector that is known to be unreadable.
+    bool hasBadSectors(std::uint64_t offset, std::uint64_t count) const;
     /// The numbers of the sectors that are known to be unreadable, ascending.
     std::vector<std::uint64_t> badSectors() const;
     std::size_t badSectorCount() const;

@@ -3,6 +3,7 @@
 #include "VintrelCore/DiskSource.h"
 #include "VintrelCore/ExFAT.h"
 #include "VintrelCore/FAT.h"
+#include "VintrelCore/HFSPlus.h"
 
 #include <set>
 
@@ -30,8 +31,9 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset, c
         return oneOrNone(FATParser::parse(source, offset, origin, progress, boot));
     case FileSystemType::exfat:
         return oneOrNone(ExFATParser::parse(source, offset, origin, progress, boot));
-    case FileSystemType::ntfs: // these three are recognised, but not read yet
     case FileSystemType::hfsplus:
+        return oneOrNone(HFSPlusParser::parse(source, offset, origin, progress));
+    case FileSystemType::ntfs: // these two are recognised, but not read yet
     case FileSystemType::apfs:
     case FileSystemType::ext: // known only so that the user can be told
     case FileSystemType::carved:

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "VintrelCore/Model.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+class DiskSource;
+
+/// HFS+ and HFSX, existing files and those whose catalog records still lie in nodes that the catalog no longer uses.
+namespace HFSPlusParser {
+
+/// The volume that begins at byte `offset`; none when there is no volume header, no usable catalog or nothing in it.
+/// `progress` may be none.
+std::unique_ptr<Volume> parse(
+    DiskSource& source, std::uint64_t offset, const std::string& origin, WorkProgress* progress);
+
+} // namespace HFSPlusParser
