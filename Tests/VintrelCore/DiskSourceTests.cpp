@@ -32,8 +32,8 @@ struct Disk {
     {
         Bytes result(count);
         if (offset < bytes.size())
-            std::copy_n(bytes.data() + offset, std::min(count, bytes.size() - static_cast<std::size_t>(offset)),
-                result.data());
+            std::copy_n(
+                bytes.data() + offset, std::min(count, bytes.size() - static_cast<std::size_t>(offset)), result.data());
         for (const auto& range : lost) {
             const auto start = std::max(range.start, offset);
             const auto end = std::min(range.end, offset + count);
