@@ -43,6 +43,18 @@ void appendEscape(std::string& text, char32_t codePoint)
     }
 }
 
+/// Where the last code point of a text that is not empty begins. What is broken counts byte by byte, as takeFirst has
+/// it.
+std::size_t lastStart(std::string_view text)
+{
+    std::size_t start = text.size() - 1;
+    while (start > 0 && text.size() - start < 4 && isContinuation(text[start]))
+        --start;
+    auto last = text.substr(start);
+    takeFirst(last);
+    return last.empty() ? start : text.size() - 1;
+}
+
 } // namespace
 
 char32_t takeFirst(std::string_view& text)
@@ -128,13 +140,8 @@ std::string fromUTF16(std::u16string_view units)
 
 void removeLast(std::string& text)
 {
-    // A code point has at most three continuation bytes; a longer row of them is damage.
-    for (int taken = 0; taken < 4 && !text.empty(); ++taken) {
-        const bool continues = isContinuation(text.back());
-        text.pop_back();
-        if (!continues)
-            break;
-    }
+    if (!text.empty())
+        text.resize(lastStart(text));
 }
 
 bool isWhiteSpace(char32_t codePoint)
@@ -152,15 +159,12 @@ std::string_view trimmed(std::string_view text)
             break;
         text = rest;
     }
-    // From the end: back to the start of the last code point, and on while that one is white space.
     while (!text.empty()) {
-        std::size_t start = text.size() - 1;
-        while (start > 0 && text.size() - start < 4 && isContinuation(text[start]))
-            --start;
+        const auto start = lastStart(text);
         auto last = text.substr(start);
-        if (!isWhiteSpace(takeFirst(last)) || !last.empty())
+        if (!isWhiteSpace(takeFirst(last)))
             break;
-        text.remove_suffix(text.size() - start);
+        text = text.substr(0, start);
     }
     return text;
 }

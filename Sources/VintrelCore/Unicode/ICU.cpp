@@ -9,6 +9,20 @@
 
 namespace Unicode {
 
+namespace {
+
+bool isValid(std::string_view text)
+{
+    while (!text.empty()) {
+        const auto size = text.size();
+        if (takeFirst(text) == replacement && size - text.size() == 1)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
 char32_t foldedCase(char32_t codePoint)
 {
     if (codePoint < 0x80)
@@ -20,7 +34,7 @@ std::string composed(std::string_view text)
 {
     UErrorCode status = U_ZERO_ERROR;
     const auto* normalizer = icu::Normalizer2::getNFCInstance(status);
-    if (U_FAILURE(status))
+    if (U_FAILURE(status) || !isValid(text)) // ICU itself composes what is sound between broken bytes
         return std::string(text);
     std::string result;
     icu::StringByteSink<std::string> sink(&result);
