@@ -3,6 +3,7 @@
 
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Images/FATImage.h"
+#include "Tests/Images/HFSPlusImage.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FileReader.h"
@@ -115,6 +116,26 @@ TEST(Mutation, ExFATVolumes)
         // A wrong checksum alone would hide what lies behind it: half of the sets get a right one again.
         if (round % 2 == 0)
             image.renewChecksums();
+        ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
+    }
+}
+
+TEST(Mutation, HFSPlusVolumes)
+{
+    HFSPlusImage sound;
+    sound.setLeaf(2,
+        { { .parent = 1, .name = u"DISK", .id = 2, .isFolder = true },
+            { .parent = 2, .name = u"mappe", .id = 20, .isFolder = true },
+            { .parent = 20, .name = u"fil", .id = 21, .size = 2000, .runs = { { 100, 1 }, { 120, 1 } } } });
+    sound.setLeaf(3, { { .parent = 20, .name = u"fil 2", .id = 22, .size = 9000, .runs = { { 130, 20 } } } });
+    sound.setLeaf(5, { { .parent = 20, .name = u"slettet", .id = 23, .size = 900, .runs = { { 110, 2 } } } });
+    sound.chain({ 2, 3 });
+    sound.addOverflow(21, 2, { { 140, 2 } });
+    std::mt19937 random(31);
+    for (int round = 0; round < 3000; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        auto image = sound;
+        damage(image.bytes(), static_cast<std::size_t>(HFSPlusImage::nodeOffset(6)), random);
         ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
     }
 }

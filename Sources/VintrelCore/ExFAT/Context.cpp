@@ -46,7 +46,7 @@ std::optional<ExFATGeometry> ExFATGeometry::from(ByteView boot, std::uint64_t ba
         return std::nullopt;
     const int shift = sector->bytesPerSectorShift;
     const std::uint64_t sectors = sector->volumeLength;
-    const std::uint64_t heapSector = sector->heapOffset;
+    const auto heapSector = static_cast<std::uint64_t>(sector->heapOffset);
     if (sectors > std::numeric_limits<std::uint64_t>::max() >> shift || heapSector >= sectors
         || sector->clusterCount == 0)
         return std::nullopt;

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "VintrelCore/Binary.h"
+#include "VintrelCore/DiskSource.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// Builds an HFS+ volume in memory from lists of records: which leaf node of the catalog each lies in is the test's
+/// choice, and so are the nodes that the tree has given up.
+class HFSPlusImage {
+public:
+    struct Run {
+        std::uint32_t start, count;
+    };
+
+    struct Record {
+        std::uint32_t parent;
+        std::u16string name;
+        std::uint32_t id;
+        bool isFolder = false;
+        std::uint32_t modified = 0xE0000000; ///< 2023
+        std::uint64_t size = 0;
+        std::vector<Run> runs = {};
+        std::uint64_t resourceSize = 0;
+        std::uint8_t ownerFlags = 0;
+        std::uint32_t linkTo = 0; ///< not 0: a hard link to this iNode file
+    };
+
+    /// Blocks of 512 bytes; the metadata files lie in the first 96.
+    static constexpr std::uint32_t blockSize = 512;
+    static constexpr std::uint32_t firstFree = 96;
+    static constexpr std::uint32_t nodeSize = 1024;
+
+    explicit HFSPlusImage(std::uint32_t blocks = 400, bool isHFSX = false);
+
+    /// Puts the records into a leaf node of the catalog, from 2 on.
+    void setLeaf(std::uint32_t node, const std::vector<Record>& records);
+    /// Chains the leaves that are part of the tree, and lists them in the index node, number 1.
+    void chain(const std::vector<std::uint32_t>& nodes);
+    void addOverflow(std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Run>& runs);
+    void setAllocated(std::uint32_t block, bool isAllocated);
+    void write(std::uint64_t offset, const Bytes& content);
+
+    static std::uint64_t nodeOffset(std::uint32_t node)
+    {
+        return (catalogBlock * blockSize) + node * std::uint64_t { nodeSize };
+    }
+    static std::uint64_t offsetOf(std::uint32_t block) { return std::uint64_t { block } * blockSize; }
+    Bytes& bytes() { return bytes_; }
+    std::unique_ptr<DiskSource> source() const;
+
+    static constexpr std::uint32_t allocationBlock = 4;
+    static constexpr std::uint32_t extentsBlock = 8;
+    static constexpr std::uint32_t catalogBlock = 16;
+
+private:
+    void writeTreeHeader(std::uint64_t at, std::uint32_t firstLeaf);
+    void writeNode(std::uint64_t at, std::uint8_t kind, const std::vector<Bytes>& records);
+
+    Bytes bytes_;
+    std::vector<Bytes> overflow_;
+};
