@@ -2,6 +2,7 @@
 
 #include "Tests/Support/TestSource.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace {
@@ -23,6 +24,10 @@ void append(Bytes& bytes, std::uint64_t value, int width)
 void putFork(Bytes& bytes, std::uint64_t at, std::uint64_t size, const std::vector<HFSPlusImage::Run>& runs)
 {
     put(bytes, at, size, 8);
+    std::uint32_t blocks = 0;
+    for (const auto& run : runs)
+        blocks += run.count;
+    put(bytes, at + 12, blocks, 4);
     for (std::size_t i = 0; i < runs.size(); ++i) {
         put(bytes, at + 16 + 8 * i, runs[i].start, 4);
         put(bytes, at + 20 + 8 * i, runs[i].count, 4);
@@ -54,6 +59,22 @@ Bytes encoded(const HFSPlusImage::Record& record)
     return bytes;
 }
 
+/// The record that leads from a file's or folder's ID to its place.
+Bytes encodedThread(const HFSPlusImage::Record& record)
+{
+    Bytes bytes;
+    append(bytes, 6, 2);
+    append(bytes, record.id, 4);
+    append(bytes, 0, 2);
+    append(bytes, record.isFolder ? 3 : 4, 2);
+    append(bytes, 0, 2);
+    append(bytes, record.parent, 4);
+    append(bytes, record.name.size(), 2);
+    for (const auto unit : record.name)
+        append(bytes, unit, 2);
+    return bytes;
+}
+
 } // namespace
 
 HFSPlusImage::HFSPlusImage(std::uint32_t blocks, bool isHFSX)
@@ -62,21 +83,28 @@ HFSPlusImage::HFSPlusImage(std::uint32_t blocks, bool isHFSX)
     put(bytes_, 1024, isHFSX ? 0x48580005 : 0x482B0004, 4);
     put(bytes_, 1024 + 40, blockSize, 4);
     put(bytes_, 1024 + 44, blocks, 4);
+    put(bytes_, 1024 + 64, 1000, 4); // the next catalog node ID
     putFork(bytes_, 1024 + 112, blocks / 8, { { allocationBlock, 1 } });
     putFork(bytes_, 1024 + 192, 4 * nodeSize, { { extentsBlock, 8 } });
     putFork(bytes_, 1024 + 272, treeBytes, { { catalogBlock, treeBytes / blockSize } });
-    writeTreeHeader(offsetOf(extentsBlock), 1);
-    writeTreeHeader(offsetOf(catalogBlock), 2);
+    writeTreeHeader(offsetOf(extentsBlock), 1, false);
+    writeTreeHeader(offsetOf(catalogBlock), 2, true);
     for (std::uint32_t block = 0; block < firstFree; ++block)
         setAllocated(block, true);
 }
 
-void HFSPlusImage::writeTreeHeader(std::uint64_t at, std::uint32_t firstLeaf)
+void HFSPlusImage::writeTreeHeader(std::uint64_t at, std::uint32_t firstLeaf, bool isCatalog)
 {
     put(bytes_, at + 8, 1, 1);
-    put(bytes_, at + 16, 1, 4);
+    put(bytes_, at + 16, isCatalog ? 1 : 0, 4);
     put(bytes_, at + 24, firstLeaf, 4);
     put(bytes_, at + 32, nodeSize, 2);
+    put(bytes_, at + 10, 3, 2);
+    put(bytes_, at + 14, isCatalog ? 2 : 0, 2); // depth: an index node above the leaves
+    put(bytes_, at + 34, isCatalog ? 516 : 10, 2);
+    put(bytes_, at + 36, isCatalog ? treeBytes / nodeSize : 4, 4);
+    put(bytes_, at + 51, isCatalog ? 0xCF : 0, 1);
+    put(bytes_, at + 52, isCatalog ? 6 : 2, 4); // long keys, in the index too of varying length
 }
 
 void HFSPlusImage::writeNode(std::uint64_t at, std::uint8_t kind, const std::vector<Bytes>& records)
@@ -95,11 +123,14 @@ void HFSPlusImage::writeNode(std::uint64_t at, std::uint8_t kind, const std::vec
         throw std::logic_error("too many records for a node");
 }
 
-void HFSPlusImage::setLeaf(std::uint32_t node, const std::vector<Record>& records)
+void HFSPlusImage::setLeaf(std::uint32_t node, const std::vector<Record>& records, const std::vector<Record>& threads)
 {
     std::vector<Bytes> all;
+    for (const auto& record : threads)
+        all.push_back(encodedThread(record));
     for (const auto& record : records)
         all.push_back(encoded(record));
+    std::ranges::stable_sort(all, {}, [](const Bytes& record) { return ByteView(record).u32be(2); }); // by parent
     writeNode(nodeOffset(node), 0xFF, all);
 }
 
@@ -127,6 +158,7 @@ void HFSPlusImage::addOverflow(std::uint32_t fileID, std::uint32_t startBlock, c
         put(record, 16 + 8 * i, runs[i].count, 4);
     }
     overflow_.push_back(record);
+    put(bytes_, offsetOf(extentsBlock) + 16, 1, 4);
     writeNode(offsetOf(extentsBlock) + nodeSize, 0xFF, overflow_);
 }
 

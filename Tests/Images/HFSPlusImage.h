@@ -37,8 +37,9 @@ public:
 
     explicit HFSPlusImage(std::uint32_t blocks = 400, bool isHFSX = false);
 
-    /// Puts the records into a leaf node of the catalog, from 2 on.
-    void setLeaf(std::uint32_t node, const std::vector<Record>& records);
+    /// Puts the records into a leaf node of the catalog, from 2 on, and with them the thread records of some, which
+    /// other systems want to see.
+    void setLeaf(std::uint32_t node, const std::vector<Record>& records, const std::vector<Record>& threads = {});
     /// Chains the leaves that are part of the tree, and lists them in the index node, number 1.
     void chain(const std::vector<std::uint32_t>& nodes);
     void addOverflow(std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Run>& runs);
@@ -58,7 +59,7 @@ public:
     static constexpr std::uint32_t catalogBlock = 16;
 
 private:
-    void writeTreeHeader(std::uint64_t at, std::uint32_t firstLeaf);
+    void writeTreeHeader(std::uint64_t at, std::uint32_t firstLeaf, bool isCatalog);
     void writeNode(std::uint64_t at, std::uint8_t kind, const std::vector<Bytes>& records);
 
     Bytes bytes_;

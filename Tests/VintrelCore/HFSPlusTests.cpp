@@ -190,3 +190,24 @@ TEST(HFSPlus, DamagedHeadersTreesAndRecords)
         EXPECT_EQ(disk.volume ? disk.names() : "", names != nullptr ? names : "") << what;
     }
 }
+
+TEST(HFSPlus, OtherReadersSeeWhatWeBuild)
+{
+    if (!hasProgram("fls"))
+        GTEST_SKIP() << "needs sleuthkit";
+    const std::vector<Record> records { rootRecord, { .parent = 2, .name = u"Mappe", .id = 18, .isFolder = true },
+        { .parent = 18, .name = u"fil.txt", .id = 20, .size = 700, .runs = { { 200, 2 } } } };
+    HFSPlusImage image;
+    const auto content = patternBytes(700);
+    image.write(HFSPlusImage::offsetOf(200), content);
+    image.setLeaf(2, records, records);
+    image.chain({ 2 });
+    const TemporaryFolder folder;
+    writeFile(folder / "disk.img", image.bytes());
+    std::string listing;
+    EXPECT_EQ(runCommand("fls -f hfs -r -p " + (folder / "disk.img"), &listing), 0);
+    EXPECT_NE(listing.find("/r 20:\tMappe/fil.txt"), std::string::npos) << listing;
+    EXPECT_EQ(runCommand("icat -f hfs " + (folder / "disk.img") + " 20 > " + (folder / "fil")), 0);
+    EXPECT_EQ(readFile(folder / "fil"), content);
+    EXPECT_EQ(parse(image).content("/Mappe/fil.txt"), content);
+}
