@@ -13,4 +13,8 @@ const std::string& decimalSeparator();
 /// Sets the creation date of an open file. False where the system or the file system keeps none that can be set.
 bool setCreationDate(int descriptor, const std::timespec& date);
 
+/// Waits until what was written to an open file is safe on the disk, from a loss of power too as far as the system can
+/// tell. The system's error number; 0 when all went well.
+int flush(int descriptor);
+
 } // namespace CVintrel
