@@ -180,12 +180,19 @@ private:
         while (const auto stretch = firstOf(statuses, position)) {
             if (!mayReadAt(stretch->position))
                 return false;
-            const std::uint64_t end = unitEnd(stretch->position, sectorSize_, stretch->end());
-            if (!copy({ stretch->position, end }) && stretch->status != Status::bad) {
-                map_.set(stretch->position, end - stretch->position, Status::bad);
-                source_.markBad(stretch->position / sectorSize_);
+            const auto sectors
+                = wholeSectors({ stretch->position, unitEnd(stretch->position, readSize_, stretch->end()) });
+            const auto run = readSectors(sectors);
+            store({ sectors.start, run.end });
+            position = std::max(stretch->position, run.end);
+            if (run.endsAtBadSector) {
+                const std::uint64_t end = unitEnd(position, sectorSize_, stretch->end());
+                if (stretch->status != Status::bad) {
+                    map_.set(position, end - position, Status::bad);
+                    source_.markBad(position / sectorSize_);
+                }
+                position = end;
             }
-            position = end;
             refresh();
             if (mustEnd())
                 return false;
@@ -242,25 +249,54 @@ private:
         return first;
     }
 
-    /// Reads a piece that lies within one read size and writes it to the image. False when it cannot be read. Another
-    /// tool's mapfile may draw its borders within sectors: those are read, and so rescued, whole.
+    /// Another tool's mapfile may draw its borders within sectors; those are read, and so rescued, whole.
+    ByteRange wholeSectors(ByteRange piece) const
+    {
+        return { roundDown(piece.start, sectorSize_), unitEnd(piece.end - 1, sectorSize_, source_.size()) };
+    }
+
+    /// Copies a piece that lies within one read size. False when it cannot be read.
     bool copy(ByteRange piece)
     {
-        piece.start = roundDown(piece.start, sectorSize_);
-        piece.end = unitEnd(piece.end - 1, sectorSize_, source_.size());
-        const auto bytes = buffer_.first(static_cast<std::size_t>(piece.end - piece.start));
-        if (!source_.tryRead(piece.start, bytes))
+        piece = wholeSectors(piece);
+        if (!source_.tryRead(piece.start, buffer_.first(static_cast<std::size_t>(piece.end - piece.start))))
             return false;
-        const std::size_t written = write(bytes, piece.start);
+        store(piece);
+        return true;
+    }
+
+    struct SectorRun {
+        std::uint64_t end = 0; ///< of what was read
+        bool endsAtBadSector = false;
+    };
+
+    /// Reads sectors into the buffer one at a time, up to one that cannot be read or until something else is due.
+    SectorRun readSectors(ByteRange sectors)
+    {
+        std::uint64_t position = sectors.start;
+        do {
+            const auto sector = buffer_.subspan(static_cast<std::size_t>(position - sectors.start),
+                static_cast<std::size_t>(std::min<std::uint64_t>(sectorSize_, sectors.end - position)));
+            if (!source_.tryRead(position, sector))
+                return { .end = position, .endsAtBadSector = true };
+            position += sector.size();
+        } while (position < sectors.end && !mustEnd() && !imager_.isPaused_ && !isRefreshDue(Clock::now()));
+        return { .end = position, .endsAtBadSector = false };
+    }
+
+    /// Writes the buffer's beginning to this place of the image.
+    void store(ByteRange range)
+    {
+        if (range.start == range.end)
+            return;
+        const auto bytes = buffer_.first(static_cast<std::size_t>(range.end - range.start));
+        const std::size_t written = write(bytes, range.start);
         if (written < bytes.size())
             hasWriteFailed_ = true;
         else
             lastSuccess_ = Clock::now();
-        if (written > 0) {
-            map_.set(piece.start, written, Status::finished);
-            addUnflushed({ piece.start, piece.start + written });
-        }
-        return true;
+        map_.set(range.start, written, Status::finished);
+        addUnflushed({ range.start, range.start + written });
     }
 
     /// How many bytes reached the image: fewer than there are when it takes no more.
@@ -305,10 +341,12 @@ private:
         return isSaved;
     }
 
+    bool isRefreshDue(Clock::time_point now) const { return now - lastRefresh_ >= refreshInterval; }
+
     void refresh()
     {
         const auto now = Clock::now();
-        if (now - lastRefresh_ < refreshInterval)
+        if (!isRefreshDue(now))
             return;
         update(now);
         if (Clock::now() - lastSave_ > saveInterval)
