@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <thread>
@@ -51,6 +52,15 @@ void ChildProgram::signal(int number) const
 {
     if (!hasEnded_)
         ::kill(process_, number);
+}
+
+bool ChildProgram::catches(int number) const
+{
+    std::ifstream file("/proc/" + std::to_string(process_) + "/status");
+    std::string field;
+    while (file >> field && field != "SigCgt:") { }
+    std::uint64_t signals = 0;
+    return file >> std::hex >> signals && (signals >> (number - 1) & 1) != 0;
 }
 
 bool ChildProgram::runsUntil(const std::function<bool()>& condition)

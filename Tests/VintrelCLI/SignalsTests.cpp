@@ -85,8 +85,10 @@ TEST_F(Signals, SecondOneEndsAtOnce)
         auto program = start({ "image", disk, folder / "image" }, 30'000'000);
         ASSERT_TRUE(program->runsUntil([&] { return std::filesystem::exists(folder / "image"); }));
         program->signal(SIGINT);
-        std::filesystem::remove(folder / "image");
+        // Two of one kind that come at the same moment are one.
+        ASSERT_TRUE(second != SIGINT || program->runsUntil([&] { return !program->catches(SIGINT); }));
         program->signal(second);
         EXPECT_EQ(program->wait(), -second);
+        std::filesystem::remove(folder / "image");
     }
 }
