@@ -136,10 +136,10 @@ private:
         imager_.distrustBeyond(imageSize_);
         // The longer image makes every claim of a mapfile credible, so a wrong one must be gone before.
         struct stat status { };
-        if (imager_.isMapfileStale_ && ::lstat(imager_.mapPath_.c_str(), &status) == 0 && !save())
-            hasWriteFailed_ = true;
-        else if (imageSize_ < source_.size() && ::ftruncate(image_.get(), static_cast<off_t>(source_.size())) != 0)
-            hasWriteFailed_ = true;
+        const bool isMapfileWrong = imager_.isMapfileStale_ && ::lstat(imager_.mapPath_.c_str(), &status) == 0;
+        const bool isReady = (!isMapfileWrong || save())
+            && (imageSize_ >= source_.size() || ::ftruncate(image_.get(), static_cast<off_t>(source_.size())) == 0);
+        hasWriteFailed_ = hasWriteFailed_ || !isReady;
         return !hasWriteFailed_;
     }
 
