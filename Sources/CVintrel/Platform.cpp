@@ -3,12 +3,12 @@
 #include <cerrno>
 #include <clocale>
 #include <cstdlib>
+#include <fcntl.h>
 #include <langinfo.h>
 #include <string_view>
 #include <unistd.h>
 
 #ifdef __APPLE__
-#include <fcntl.h>
 #include <sys/attr.h>
 #include <xlocale.h>
 #endif
@@ -71,6 +71,20 @@ int flush(int descriptor)
 bool setCreationDate(int /*descriptor*/, const std::timespec& /*date*/) { return false; }
 
 int flush(int descriptor) { return ::fsync(descriptor) == 0 ? 0 : errno; }
+
+#endif
+
+#ifdef __linux__
+
+void startFlushing(int descriptor, std::uint64_t offset, std::uint64_t count)
+{
+    // Left alone, written data waits for up to half a minute, and the copying for all of it at the next flush.
+    ::sync_file_range(descriptor, static_cast<off64_t>(offset), static_cast<off64_t>(count), SYNC_FILE_RANGE_WRITE);
+}
+
+#else
+
+void startFlushing(int /*descriptor*/, std::uint64_t /*offset*/, std::uint64_t /*count*/) { }
 
 #endif
 

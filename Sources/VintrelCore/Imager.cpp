@@ -262,6 +262,7 @@ private:
         if (!source_.tryRead(piece.start, buffer_.first(static_cast<std::size_t>(piece.end - piece.start))))
             return false;
         store(piece);
+        CVintrel::startFlushing(image_.get(), piece.start, piece.end - piece.start);
         return true;
     }
 

@@ -18,10 +18,12 @@ ChildProgram::ChildProgram(
 {
     // Everything is ready before the fork: between it and exec little is allowed.
     std::vector<const char*> words { VINTREL_PROGRAM };
+    words.reserve(arguments.size() + 2);
     for (const auto& argument : arguments)
         words.push_back(argument.c_str());
     words.push_back(nullptr);
     std::vector<const char*> variables;
+    variables.reserve(environment.size());
     for (const auto& variable : environment)
         variables.push_back(variable.c_str());
     for (char** variable = environ; *variable != nullptr; ++variable)
