@@ -1,13 +1,15 @@
 #include "CVintrel/Platform.h"
 
+#include <cerrno>
 #include <clocale>
 #include <cstdlib>
+#include <fcntl.h>
 #include <langinfo.h>
 #include <string_view>
+#include <unistd.h>
 
 #ifdef __APPLE__
 #include <sys/attr.h>
-#include <unistd.h>
 #include <xlocale.h>
 #endif
 
@@ -55,9 +57,34 @@ bool setCreationDate(int descriptor, const std::timespec& date)
     return fsetattrlist(descriptor, &attributes, &value, sizeof value, 0) == 0;
 }
 
+int flush(int descriptor)
+{
+    // fsync() stops at the drive's own memory here. Not every file system can go further.
+    if (::fcntl(descriptor, F_FULLFSYNC) == 0)
+        return 0;
+    const bool isFailure = errno == EIO || errno == ENOSPC;
+    return isFailure || ::fsync(descriptor) != 0 ? errno : 0;
+}
+
 #else
 
 bool setCreationDate(int /*descriptor*/, const std::timespec& /*date*/) { return false; }
+
+int flush(int descriptor) { return ::fsync(descriptor) == 0 ? 0 : errno; }
+
+#endif
+
+#ifdef __linux__
+
+void startFlushing(int descriptor, std::uint64_t offset, std::uint64_t count)
+{
+    // Left alone, written data waits for up to half a minute, and the copying for all of it at the next flush.
+    ::sync_file_range(descriptor, static_cast<off64_t>(offset), static_cast<off64_t>(count), SYNC_FILE_RANGE_WRITE);
+}
+
+#else
+
+void startFlushing(int /*descriptor*/, std::uint64_t /*offset*/, std::uint64_t /*count*/) { }
 
 #endif
 

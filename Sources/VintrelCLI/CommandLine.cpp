@@ -1,6 +1,8 @@
 #include "VintrelCLI/CommandLine.h"
 
+#include "VintrelCLI/Signals.h"
 #include "VintrelCLI/TreeListing.h"
+#include "VintrelCore/Imager.h"
 #include "VintrelCore/Recovery.h"
 #include "VintrelCore/Scanner.h"
 #include "VintrelCore/SourceOpener.h"
@@ -8,6 +10,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <ostream>
@@ -30,6 +33,7 @@ constexpr std::string_view usage = R"(vintrel-cli – datagendannelse fra komman
 )";
 
 constexpr std::size_t maxFailureLines = 10;
+constexpr std::chrono::seconds imagingLineInterval { 1 };
 
 /// What a command works with.
 struct Session {
@@ -106,6 +110,8 @@ void tree(Session& session)
 void recover(Session& session)
 {
     for (const auto& volume : allVolumes(session)) {
+        if (session.progress.isCancelled())
+            break;
         std::vector<FileNode*> nodes;
         if (session.has("--deleted")) {
             nodes = volume->root->allFiles();
@@ -124,6 +130,25 @@ void recover(Session& session)
     }
 }
 
+void image(Session& session)
+{
+    using Clock = std::chrono::steady_clock;
+    DiskImager imager(*session.source, session.arguments[2]);
+    std::optional<Clock::time_point> lastLine;
+    imager.run([&](const ImagingStats& stats) {
+        if (session.progress.isCancelled())
+            imager.cancel();
+        const auto now = Clock::now();
+        if (lastLine && now - *lastLine <= imagingLineInterval && !stats.finished)
+            return;
+        lastLine = now;
+        session.print(stats.phase + ": " + formatBytes(stats.rescued) + " reddet, " + formatBytes(stats.bad)
+            + " dårlige, " + formatBytes(stats.pending) + " tilbage");
+    });
+    if (const auto message = imager.currentStats().message)
+        session.print(Unicode::escaped(*message));
+}
+
 struct Command {
     std::string_view word;
     std::size_t needed;        ///< arguments, the word among them
@@ -137,7 +162,7 @@ constexpr Command commands[] = {
     { "tree", 2, tree, true },
     { "deep", 2, nullptr, true },
     { "recover", 3, recover, true },
-    { "image", 3, nullptr, true },
+    { "image", 3, image, true },
 };
 
 /// Whether the command does what its words say, or needs an engine that is not built yet.
@@ -165,6 +190,7 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
     Session session { .arguments = arguments, .out = out, .err = err, .progress = {}, .source = nullptr };
     if (!isBuilt(*command, session))
         return exitNoSource;
+    const SignalCancellation cancellation(session.progress);
     try {
         if (command->readsSource)
             session.source = open(arguments[1]);

@@ -178,6 +178,14 @@ void DiskSource::addSimulatedBadRange(ByteRange range)
     ranges.insert(ranges.erase(first, last), range);
 }
 
+bool DiskSource::isFile(const struct ::stat& status) const
+{
+    const std::lock_guard guard(lock_);
+    struct ::stat own { };
+    return !closed_ && ::fstat(descriptor_.get(), &own) == 0 && own.st_dev == status.st_dev
+        && own.st_ino == status.st_ino;
+}
+
 bool DiskSource::isClosed() const
 {
     const std::lock_guard guard(lock_);

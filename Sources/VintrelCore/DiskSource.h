@@ -10,6 +10,7 @@
 #include <set>
 #include <span>
 #include <string>
+#include <sys/stat.h>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -121,6 +122,9 @@ public:
     /// sorted and merged, and cut at the end of the source.
     std::vector<ByteRange> simulatedBadRanges() const;
     void addSimulatedBadRange(ByteRange range);
+
+    /// Whether a file is the very one that is read here, whatever name or link led to it.
+    bool isFile(const struct ::stat& status) const;
 
     bool isClosed() const;
     /// Closes the descriptor and runs the cleanup; afterwards every byte is unreadable. A second call does nothing.

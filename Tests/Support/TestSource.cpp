@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <sys/wait.h>
@@ -57,8 +56,13 @@ Bytes bytesOf(std::string_view text) { return { text.begin(), text.end() }; }
 
 Bytes readFile(const std::string& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    return { std::istreambuf_iterator<char>(file), {} };
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    const std::streamoff size = file ? static_cast<std::streamoff>(file.tellg()) : 0;
+    Bytes bytes(static_cast<std::size_t>(std::max<std::streamoff>(size, 0)));
+    file.seekg(0);
+    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<std::size_t>(std::max<std::streamsize>(file.gcount(), 0)));
+    return bytes;
 }
 
 void writeFile(const std::string& path, std::span<const std::uint8_t> bytes)

@@ -4,10 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <sys/stat.h>
+#include <system_error>
 
 namespace {
 
@@ -110,6 +112,24 @@ TEST_F(Card, RecoverDeleted)
         "KAMERA (FAT16): 1 gendannet, 0 med fejl, 0 mislykkedes → " + (folder / "--deleted/KAMERA (FAT16)") + "\n");
     EXPECT_EQ(readFile(folder / "--deleted/KAMERA (FAT16)/DCIM/Sommer ved søen.jpg"), photo);
     EXPECT_FALSE(std::filesystem::exists(folder / "--deleted/KAMERA (FAT16)/DCIM/IMG_0002.JPG"));
+}
+
+TEST_F(Card, Image)
+{
+    setenv("VINTREL_SIMULATE_BAD", "1000000-1000001", 1);
+    const auto result = runWith({ "image", path, folder / "kopi.img" });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_TRUE(result.out.ends_with("Færdig: 2.1 MB reddet, 512 bytes dårlige, 0 bytes tilbage\n")) << result.out;
+    EXPECT_EQ(result.out.find("Færdig"), result.out.rfind("Færdig"));
+    EXPECT_TRUE(std::filesystem::exists(folder / "kopi.img.map"));
+
+    const auto refused = runWith({ "image", path, path });
+    EXPECT_EQ(refused.status, 0);
+    EXPECT_EQ(refused.out,
+        ": 0 bytes reddet, 0 bytes dårlige, 0 bytes tilbage\n"
+        "Kunne ikke oprette billedfilen: "
+            + std::generic_category().message(EBUSY) + "\n");
 }
 
 TEST_F(Card, RecoverPrintsTenFailuresAtMost)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <string>
 
@@ -12,5 +13,13 @@ const std::string& decimalSeparator();
 
 /// Sets the creation date of an open file. False where the system or the file system keeps none that can be set.
 bool setCreationDate(int descriptor, const std::timespec& date);
+
+/// Waits until what was written to an open file is safe on the disk, from a loss of power too as far as the system can
+/// tell. The system's error number; 0 when all went well.
+int flush(int descriptor);
+
+/// Lets the system begin to bring this range of an open file to the disk, without waiting for it, so that a later flush
+/// finds little left to do. Does nothing where the system begins by itself.
+void startFlushing(int descriptor, std::uint64_t offset, std::uint64_t count);
 
 } // namespace CVintrel

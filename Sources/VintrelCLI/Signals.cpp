@@ -1,0 +1,57 @@
+#include "VintrelCLI/Signals.h"
+
+#include <atomic>
+
+namespace {
+
+std::atomic<WorkProgress*> workToCancel = nullptr;
+static_assert(std::atomic<WorkProgress*>::is_always_lock_free, "a signal handler loads it");
+
+void setDefault(int signal)
+{
+    struct sigaction action { };
+    action.sa_handler = SIG_DFL;
+    ::sigaction(signal, &action, nullptr);
+}
+
+void cancelWork(int /*signal*/)
+{
+    setDefault(SIGINT);
+    setDefault(SIGTERM);
+    if (auto* const work = workToCancel.load())
+        work->cancel();
+}
+
+/// Returns what was there before.
+struct sigaction handle(int signal)
+{
+    struct sigaction previous { };
+    ::sigaction(signal, nullptr, &previous);
+    if (previous.sa_handler == SIG_IGN)
+        return previous;
+    struct sigaction action { };
+    action.sa_handler = cancelWork;
+    action.sa_flags = SA_RESTART; // a line that is just being printed is not lost
+    // When both come together, the second one waits until the first has been handled, and so is the second.
+    sigemptyset(&action.sa_mask);
+    sigaddset(&action.sa_mask, SIGINT);
+    sigaddset(&action.sa_mask, SIGTERM);
+    ::sigaction(signal, &action, nullptr);
+    return previous;
+}
+
+} // namespace
+
+SignalCancellation::SignalCancellation(WorkProgress& work)
+{
+    workToCancel = &work;
+    previousInterrupt_ = handle(SIGINT);
+    previousTerminate_ = handle(SIGTERM);
+}
+
+SignalCancellation::~SignalCancellation()
+{
+    ::sigaction(SIGINT, &previousInterrupt_, nullptr);
+    ::sigaction(SIGTERM, &previousTerminate_, nullptr);
+    workToCancel = nullptr;
+}

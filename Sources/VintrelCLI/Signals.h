@@ -1,0 +1,20 @@
+#pragma once
+
+#include "VintrelCore/Model.h"
+
+#include <csignal>
+
+/// While it lives, the first SIGINT or SIGTERM cancels the work instead of ending the program, so that what is finished
+/// stays and is reported. The next one ends the program at once. A signal that is ignored stays so: whoever started the
+/// program in the background wants it that way. There is at most one of these at a time.
+class SignalCancellation {
+public:
+    explicit SignalCancellation(WorkProgress& work);
+    SignalCancellation(const SignalCancellation&) = delete;
+    SignalCancellation& operator=(const SignalCancellation&) = delete;
+    ~SignalCancellation();
+
+private:
+    struct sigaction previousInterrupt_ { };
+    struct sigaction previousTerminate_ { };
+};
