@@ -2,6 +2,7 @@
 
 #include "VintrelCore/DiskSource.h"
 #include "VintrelCore/FAT.h"
+#include "VintrelCore/NTFS.h"
 
 #include <set>
 
@@ -27,8 +28,9 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset, c
     case FileSystemType::fat16:
     case FileSystemType::fat32:
         return oneOrNone(FATParser::parse(source, offset, origin, progress, boot));
-    case FileSystemType::exfat: // these four are recognised, but not read yet
     case FileSystemType::ntfs:
+        return oneOrNone(NTFSParser::parse(source, offset, origin, progress, boot));
+    case FileSystemType::exfat: // these three are recognised, but not read yet
     case FileSystemType::hfsplus:
     case FileSystemType::apfs:
     case FileSystemType::ext: // known only so that the user can be told
