@@ -80,8 +80,7 @@ std::optional<Merged> merge(const NTFSContext& context, std::vector<DataFragment
 
     Merged merged;
     std::uint64_t next = 0; // the VCN behind the runs so far
-    for (auto& fragment : fragments) {
-        const auto runs = std::exchange(fragment.runs, {});
+    for (const auto& fragment : fragments) {
         if (fragment.isResident || fragment.startVCN > maxVCN || next > maxVCN) {
             merged.hasGaps = true;
             continue;
@@ -92,7 +91,7 @@ std::optional<Merged> merge(const NTFSContext& context, std::vector<DataFragment
             next = fragment.startVCN;
         }
         std::uint64_t known = next - fragment.startVCN; // clusters of an earlier fragment, which stays
-        for (auto run : runs) {
+        for (auto run : fragment.runs) {
             const std::uint64_t skipped = std::min(known, run.clusters);
             known -= skipped;
             if (skipped == run.clusters)

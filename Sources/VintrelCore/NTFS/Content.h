@@ -27,7 +27,7 @@ struct Merged {
     bool hasGaps = false;
 };
 
-/// None unless the first fragment lies in clusters. The fragments are left in the order of their VCN, without runs.
+/// None unless the first fragment lies in clusters. The fragments are left in the order of their VCN.
 std::optional<Merged> merge(const NTFSContext& context, std::vector<DataFragment>& fragments);
 
 struct Content {

@@ -249,7 +249,7 @@ std::optional<MappedStream> NTFSContext::mapMFT(MFTRecord& record) const
         bool hasGrown = false;
         const auto addIfFound = [&](FileReference reference) {
             MFTRecord extension;
-            const bool isFound = reference.number <= mft->size() / geometry_.recordSize
+            const bool isFound = reference.number < mft->size() / geometry_.recordSize
                 && mft->read(source_, reference.number * geometry_.recordSize, bytes)
                 && NTFSParser::parseRecord(bytes, reference.number, extension)
                 && NTFSParser::isExtensionOf(extension, reference, record);
