@@ -217,8 +217,10 @@ Bytes NTFSImage::encodeRecord(std::uint64_t number, const Record& record) const
 void NTFSImage::put(std::uint64_t number, const Record& record)
 {
     const auto bytes = encodeRecord(number, record);
-    for (std::size_t at = 0; at < bytes.size(); ++at)
-        bytes_.at(recordOffset(number, at)) = bytes[at];
+    // By sectors: clusters smaller than the record may lie anywhere.
+    for (std::size_t at = 0; at < bytes.size(); at += 512)
+        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), 512,
+            bytes_.begin() + static_cast<std::ptrdiff_t>(recordOffset(number, at)));
     if (number == 0)
         write(offsetOf(mirrorLCN_), bytes);
 }

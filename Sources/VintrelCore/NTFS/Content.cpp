@@ -58,8 +58,10 @@ std::uint64_t countSet(ByteView bits, std::uint64_t first, std::uint64_t count)
 {
     std::uint64_t set = 0;
     while (count > 0) {
-        const std::uint64_t word = bits.uintLE(static_cast<std::int64_t>(first / 8),
-                                       static_cast<int>(std::min<std::uint64_t>(8, bits.size() - first / 8)))
+        const auto at = static_cast<std::int64_t>(first / 8);
+        const auto whole = bits.load<LE64>(at);
+        const std::uint64_t word
+            = (whole ? std::uint64_t { *whole } : bits.uintLE(at, static_cast<int>(bits.size() - first / 8)))
             >> first % 8;
         const std::uint64_t inWord = std::min(count, 64 - first % 8);
         const std::uint64_t mask = inWord == 64 ? ~std::uint64_t { 0 } : (std::uint64_t { 1 } << inWord) - 1;
