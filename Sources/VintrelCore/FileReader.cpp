@@ -138,7 +138,12 @@ void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& 
     const auto unitBytes = static_cast<std::size_t>(data.unitClusters * data.clusterSize);
     ClusterCursor cursor(data.runs);
     Bytes unit(unitBytes);
-    while (!delivery.isDone()) {
+    // What the file never wrote is zeros, whatever its clusters hold.
+    const std::uint64_t wanted = delivery.remaining();
+    std::uint64_t initialized = std::min(wanted, data.initializedSize.value_or(wanted));
+    while (initialized > 0 && !delivery.isDone()) {
+        const std::uint64_t inUnit = std::min<std::uint64_t>(unitBytes, initialized);
+        initialized -= inUnit;
         std::size_t stored = 0; // bytes of the unit that have a place on the disk
         for (std::uint64_t clusters = 0; clusters < data.unitClusters;) {
             const auto stretch = cursor.take(data.unitClusters - clusters);
@@ -150,14 +155,17 @@ void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& 
             delivery.countBad(source.readReporting(offsetOf(data, *stretch.lcn), piece, ReadMode::thorough));
             stored += piece.size();
         }
-        if (stored == 0)
-            delivery.deliverHole(std::min<std::uint64_t>(unitBytes, delivery.remaining()));
-        else if (stored == unitBytes)
-            delivery.deliver({ unit, false });
-        else
-            delivery.deliver(
-                { lznt1Decompress(ByteView(unit).sub(0, static_cast<std::int64_t>(stored)), unitBytes), false });
+        if (stored == 0) {
+            delivery.deliverHole(inUnit);
+            continue;
+        }
+        Bytes decompressed;
+        if (stored < unitBytes)
+            decompressed = lznt1Decompress(ByteView(unit).sub(0, static_cast<std::int64_t>(stored)), unitBytes);
+        const auto& content = stored < unitBytes ? decompressed : unit;
+        delivery.deliver({ std::span(content).first(static_cast<std::size_t>(inUnit)), false });
     }
+    delivery.deliverHole(delivery.remaining());
 }
 
 } // namespace

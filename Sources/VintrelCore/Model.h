@@ -70,9 +70,10 @@ struct CompressedRuns {
     };
 
     std::vector<Run> runs;
-    std::uint64_t clusterSize = 0;  ///< in bytes
-    std::uint64_t unitClusters = 0; ///< clusters in a compression unit
-    std::uint64_t volumeOffset = 0; ///< of the volume on the source, in bytes
+    std::uint64_t clusterSize = 0;                   ///< in bytes
+    std::uint64_t unitClusters = 0;                  ///< clusters in a compression unit
+    std::uint64_t volumeOffset = 0;                  ///< of the volume on the source, in bytes
+    std::optional<std::uint64_t> initializedSize {}; ///< bytes of the content; those from here on are zeros. None: all
 
     bool operator==(const CompressedRuns&) const = default;
 };

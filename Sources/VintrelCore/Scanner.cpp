@@ -4,6 +4,7 @@
 #include "VintrelCore/ExFAT.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/HFSPlus.h"
+#include "VintrelCore/NTFS.h"
 
 #include <set>
 
@@ -31,10 +32,11 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset, c
         return oneOrNone(FATParser::parse(source, offset, origin, progress, boot));
     case FileSystemType::exfat:
         return oneOrNone(ExFATParser::parse(source, offset, origin, progress, boot));
+    case FileSystemType::ntfs:
+        return oneOrNone(NTFSParser::parse(source, offset, origin, progress, boot));
     case FileSystemType::hfsplus:
         return oneOrNone(HFSPlusParser::parse(source, offset, origin, progress));
-    case FileSystemType::ntfs: // these two are recognised, but not read yet
-    case FileSystemType::apfs:
+    case FileSystemType::apfs: // recognised, but not read yet
     case FileSystemType::ext: // known only so that the user can be told
     case FileSystemType::carved:
     case FileSystemType::unknown:

@@ -193,6 +193,19 @@ TEST(FileReader, CompressedUnits)
     EXPECT_EQ(
         FileReader::readPrefix(*file(7000, runs), *source, 3000), Bytes(expected.begin(), expected.begin() + 3000));
 
+    // What the file never wrote is a hole, whatever its clusters hold, and also in the middle of a unit.
+    for (const std::uint64_t initialized : { 0u, 100u, 3000u, 5000u, 6500u, 9999u }) {
+        auto begun = runs;
+        begun.initializedSize = initialized;
+        auto cut = expected;
+        std::fill(cut.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(initialized, 7000)), cut.end(),
+            std::uint8_t { 0 });
+        const auto shorter = deliver(*file(7000, begun), *source);
+        EXPECT_EQ(shorter.bytes, cut) << initialized;
+        const std::uint64_t sparse = initialized <= 4096 ? 0 : std::min<std::uint64_t>(initialized - 4096, 2048);
+        EXPECT_EQ(shorter.holes, sparse + 7000 - std::min<std::uint64_t>(initialized, 7000)) << initialized;
+    }
+
     auto damaged = makeSource(disk);
     damaged->addSimulatedBadRange({ 4096 + 31 * 512, 4096 + 32 * 512 });
     EXPECT_EQ(deliver(*file(7000, runs), *damaged).badBytes, 512u);

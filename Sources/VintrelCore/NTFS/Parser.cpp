@@ -1,0 +1,32 @@
+// NTFSParser::parse: the face of the NTFS reader.
+
+#include "VintrelCore/DiskSource.h"
+#include "VintrelCore/NTFS.h"
+
+namespace NTFSParser {
+
+std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
+    WorkProgress* progress, std::optional<ByteView> boot)
+{
+    Bytes read;
+    if (!boot) {
+        read = source.read(offset, 512, ReadMode::thorough);
+        boot = read;
+    }
+    const auto geometry = NTFSGeometry::from(*boot, offset);
+    if (!geometry)
+        return nullptr;
+    const NTFSContext context(source, *geometry);
+    std::vector<std::string> notes;
+    const auto mft = context.locateMFT(notes);
+    if (!mft)
+        return nullptr;
+    auto records = context.readAllRecords(*mft, progress);
+    if (records.count() == 0)
+        return nullptr;
+    auto volume = context.buildVolume(std::move(records), origin);
+    std::ranges::move(notes, std::back_inserter(volume->notes));
+    return volume;
+}
+
+} // namespace NTFSParser
