@@ -32,13 +32,14 @@ public:
     std::uint64_t badBytes() const { return badBytes_; }
     void countBad(std::uint64_t bytes) { badBytes_ += bytes; }
 
-    void deliver(const Piece& piece)
+    /// Hands on bytes as far as the file goes.
+    void deliver(std::span<const std::uint8_t> bytes)
     {
-        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(piece.bytes.size(), remaining_));
-        remaining_ -= count;
-        if (count != 0 && !body_({ piece.bytes.first(count), piece.isHole }))
-            remaining_ = 0;
+        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), remaining_));
+        handOn({ .bytes = bytes.first(count), .holeLength = 0 });
     }
+
+    void deliverHole(std::uint64_t length) { handOn({ .bytes = {}, .holeLength = std::min(length, remaining_) }); }
 
     void deliverExtent(const Extent& extent)
     {
@@ -46,42 +47,24 @@ public:
         const std::uint64_t onSource = extent.offset && *extent.offset < source_.size()
             ? std::min(extent.length, source_.size() - *extent.offset)
             : 0;
-        std::uint64_t done = 0;
-        while (done < onSource && !isDone()) {
-            const auto piece = std::span(room()).first(pieceSize(onSource - done));
-            countBad(source_.readReporting(*extent.offset + done, piece, ReadMode::thorough));
-            bufferIsZero_ = false;
-            done += piece.size();
-            deliver({ piece, false });
+        for (std::uint64_t done = 0; done < onSource && !isDone();) {
+            buffer_.resize(
+                static_cast<std::size_t>(std::min<std::uint64_t>({ onSource - done, chunkSize_, remaining_ })));
+            countBad(source_.readReporting(*extent.offset + done, std::span(buffer_), ReadMode::thorough));
+            done += buffer_.size();
+            deliver(buffer_);
         }
         deliverHole(extent.length - onSource);
     }
 
-    void deliverHole(std::uint64_t length)
-    {
-        while (length > 0 && !isDone()) {
-            if (!bufferIsZero_)
-                std::ranges::fill(buffer_, std::uint8_t { 0 });
-            bufferIsZero_ = true;
-            const auto piece = std::span(room()).first(pieceSize(length));
-            length -= piece.size();
-            deliver({ piece, true });
-        }
-    }
-
 private:
-    std::size_t pieceSize(std::uint64_t available) const
+    void handOn(const Piece& piece)
     {
-        return static_cast<std::size_t>(std::min<std::uint64_t>({ available, chunkSize_, remaining_ }));
-    }
-
-    /// The buffer, no larger than what is left of the file needs.
-    Bytes& room()
-    {
-        const auto needed = static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize_, remaining_));
-        if (buffer_.size() < needed)
-            buffer_.resize(needed);
-        return buffer_;
+        if (piece.size() == 0)
+            return;
+        remaining_ -= piece.size();
+        if (!body_(piece))
+            remaining_ = 0;
     }
 
     DiskSource& source_;
@@ -90,7 +73,6 @@ private:
     std::uint64_t badBytes_ = 0;
     const Body& body_;
     Bytes buffer_;
-    bool bufferIsZero_ = true;
 };
 
 /// Walks the clusters of a compressed stream in file order.
@@ -100,6 +82,9 @@ public:
         : runs_(runs)
     {
     }
+
+    /// Whether everything from here on is sparse.
+    bool isAtEnd() const { return run_ == runs_.size(); }
 
     /// A stretch of consecutive clusters, at most `limit` of them, and steps behind it. Past the last run everything is
     /// sparse.
@@ -141,7 +126,7 @@ void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& 
     // What the file never wrote is zeros, whatever its clusters hold.
     const std::uint64_t wanted = delivery.remaining();
     std::uint64_t initialized = std::min(wanted, data.initializedSize.value_or(wanted));
-    while (initialized > 0 && !delivery.isDone()) {
+    while (initialized > 0 && !cursor.isAtEnd() && !delivery.isDone()) {
         const std::uint64_t inUnit = std::min<std::uint64_t>(unitBytes, initialized);
         initialized -= inUnit;
         std::size_t stored = 0; // bytes of the unit that have a place on the disk
@@ -163,7 +148,7 @@ void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& 
         if (stored < unitBytes)
             decompressed = lznt1Decompress(ByteView(unit).sub(0, static_cast<std::int64_t>(stored)), unitBytes);
         const auto& content = stored < unitBytes ? decompressed : unit;
-        delivery.deliver({ std::span(content).first(static_cast<std::size_t>(inUnit)), false });
+        delivery.deliver(std::span(content).first(static_cast<std::size_t>(inUnit)));
     }
     delivery.deliverHole(delivery.remaining());
 }
@@ -176,7 +161,7 @@ std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunk
     const std::uint64_t total = std::min(limit.value_or(node.size), node.size);
     Delivery delivery(source, chunkSize, total, body);
     if (const auto* bytes = std::get_if<Bytes>(&node.data)) {
-        delivery.deliver({ *bytes, false });
+        delivery.deliver(*bytes);
     } else if (const auto* extents = std::get_if<ExtentList>(&node.data)) {
         for (const auto& extent : *extents)
             delivery.deliverExtent(extent);
@@ -192,6 +177,7 @@ Bytes readPrefix(const FileNode& node, DiskSource& source, std::size_t max)
     Bytes prefix;
     stream(node, source, std::min(max, prefixPiece), max, [&](const Piece& piece) {
         prefix.insert(prefix.end(), piece.bytes.begin(), piece.bytes.end());
+        prefix.resize(prefix.size() + static_cast<std::size_t>(piece.holeLength)); // no more than what is left of max
         return prefix.size() < max;
     });
     return prefix;

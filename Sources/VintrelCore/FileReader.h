@@ -13,12 +13,14 @@ class DiskSource;
 /// zeros and are counted, and what is missing at the end is zeros too.
 namespace FileReader {
 
-/// A piece of a file, in file order.
+/// A piece of a file, in file order: bytes, or a hole.
 struct Piece {
-    std::span<const std::uint8_t> bytes; ///< valid during the call only
-    /// The zeros of a hole, of what lies past the end of the source, or of an end that no extent holds: known without
-    /// reading, and better left out of a file that can be sparse.
-    bool isHole = false;
+    std::span<const std::uint8_t> bytes; ///< valid during the call only; empty for a hole
+    /// How many zeros the hole stands for: those of a sparse run, of what lies past the end of the source, or of an end
+    /// that no extent holds. They are known without reading, and better left out of a file that can be sparse.
+    std::uint64_t holeLength = 0;
+
+    std::uint64_t size() const { return bytes.size() + holeLength; }
 };
 
 /// Takes a piece; false ends the stream.

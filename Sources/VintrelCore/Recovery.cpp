@@ -211,9 +211,9 @@ public:
     /// An errno, or 0.
     int write(const FileReader::Piece& piece)
     {
-        endsInHole_ = piece.isHole;
-        const int error = piece.isHole ? 0 : writeAll(piece.bytes);
-        position_ += piece.bytes.size();
+        endsInHole_ = piece.holeLength > 0;
+        const int error = writeAll(piece.bytes);
+        position_ += piece.size();
         return error;
     }
 
@@ -375,7 +375,7 @@ private:
         const auto badBytes
             = FileReader::stream(node, source_, copyPiece, std::nullopt, [&](const FileReader::Piece& piece) {
                   error = writer.write(piece);
-                  state_.bytesDone += piece.bytes.size();
+                  state_.bytesDone += piece.size();
                   report(path);
                   result_.cancelled = progress_.isCancelled();
                   return error == 0 && !result_.cancelled;

@@ -22,8 +22,9 @@ Delivered deliver(const FileNode& node, DiskSource& source, std::size_t chunkSiz
     Delivered result;
     result.badBytes = FileReader::stream(node, source, chunkSize, limit, [&](const FileReader::Piece& piece) {
         result.bytes.insert(result.bytes.end(), piece.bytes.begin(), piece.bytes.end());
+        result.bytes.resize(result.bytes.size() + piece.holeLength);
         result.pieces.push_back(piece.bytes.size());
-        result.holes += piece.isHole ? piece.bytes.size() : 0;
+        result.holes += piece.holeLength;
         return result.pieces.size() < maxPieces;
     });
     return result;
@@ -85,8 +86,7 @@ TEST(FileReader, ExtentsHolesAndMissingEnds)
             EXPECT_EQ(result.bytes, expected) << what;
             EXPECT_EQ(result.holes, holes) << what;
             EXPECT_EQ(result.badBytes, 0u) << what;
-            EXPECT_TRUE(std::ranges::all_of(result.pieces, [&](auto piece) { return piece > 0 && piece <= chunkSize; }))
-                << what;
+            EXPECT_TRUE(std::ranges::all_of(result.pieces, [&](auto piece) { return piece <= chunkSize; })) << what;
         }
         EXPECT_EQ(FileReader::readPrefix(*node, *source, 1_MiB), expected) << what;
     }
@@ -102,7 +102,8 @@ TEST(FileReader, LimitsAndStops)
     EXPECT_EQ(deliver(*node, *source, 100, {}, 1).bytes.size(), 100u);
     EXPECT_EQ(FileReader::readPrefix(*node, *source, 10).size(), 10u);
     EXPECT_EQ(FileReader::readPrefix(*node, *source, 0).size(), 0u);
-    EXPECT_EQ(deliver(*file(5, ExtentList {}), *source, 2, {}, 2).bytes.size(), 4u) << "a hole stops too";
+    const auto hole = file(std::uint64_t { 1 } << 62, ExtentList {}); // takes neither time nor memory
+    EXPECT_EQ(FileReader::stream(*hole, *source, 4096, {}, [](const FileReader::Piece&) { return true; }), 0u);
 }
 
 TEST(FileReader, ResidentAndUnknownData)

@@ -51,7 +51,7 @@ void exercise(const Bytes& bytes)
         for (const auto* file : volume->root->allFiles()) {
             std::uint64_t delivered = 0;
             FileReader::stream(*file, *source, 64_KiB, 256_KiB, [&](const FileReader::Piece& piece) {
-                delivered += piece.bytes.size();
+                delivered += piece.size();
                 return true;
             });
             const auto wanted = std::holds_alternative<NoData>(file->data) ? 0 : file->size;
