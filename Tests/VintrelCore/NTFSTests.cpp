@@ -100,7 +100,7 @@ TEST(NTFS, Geometry)
         { "no sectors in a cluster", 13, { 0 }, 0, 0 },
         { "128 of them", 13, { 128 }, 65536, 1024 },
         { "129 mean none", 13, { 129 }, 0, 0 },
-        { "2^12 of them", 13, { 0xF4 }, 512 * 4096, 1024 },
+        { "2^12 of them", 13, { 0xF4 }, 2'097'152, 1024 },
         { "2^13 of them", 13, { 0xF3 }, 0, 0 },
         { "two clusters in a record", 64, { 2 }, 1024, 2048 },
         { "65 clusters in a record", 64, { 65 }, 0, 0 },
@@ -526,7 +526,7 @@ TEST(NTFS, TheMFTIsFoundByItsCopyToo)
         { "an MFT of fifteen records",
             [](Image& image) {
                 const auto copy = image.bytes();
-                image.put(0, { .attributes = { Image::data({ .runs = { { 16, 15 } }, .size = 15 * 1024 }) } });
+                image.put(0, { .attributes = { Image::data({ .runs = { { 16, 15 } }, .size = 15'360 }) } });
                 const auto mirror = static_cast<std::ptrdiff_t>(image.offsetOf(image.mirrorLCN()));
                 std::copy_n(copy.begin() + mirror, 1024, image.bytes().begin() + mirror);
             },
@@ -579,8 +579,8 @@ TEST(NTFS, AnMFTInPieces)
     const auto list = Image::listContent({ { 0x80, { 0, 1 } }, { 0x80, { 30, 1 }, 88 }, { 0x80, { 20, 1 }, 48 } });
     chained.put(20, { .base = { 0, 1 }, .attributes = { Image::data({ .runs = { { 100, 40 } }, .startVCN = 48 }) } });
     chained.put(30, { .base = { 0, 1 }, .attributes = { Image::data({ .runs = { { 200, 32 } }, .startVCN = 88 }) } });
-    chained.put(0,
-        { .attributes = { Image::attribute(0x20, list), Image::data({ .runs = { { 16, 48 } }, .size = 60 * 1024 }) } });
+    chained.put(
+        0, { .attributes = { Image::attribute(0x20, list), Image::data({ .runs = { { 16, 48 } }, .size = 61'440 }) } });
     for (auto* image : { &pieces, &chained }) {
         for (const std::uint64_t number : { 21u, 22u, 23u, 25u, 26u, 38u, 39u })
             image->putFile(
@@ -638,9 +638,9 @@ TEST(NTFS, AbsurdSizesAreCutToWhatTheVolumeCouldHold)
         { u"C", { .runs = { { *runs[0].lcn, (std::uint64_t { 1 } << 40) - 1 } }, .size = std::uint64_t { 1 } << 50 },
             all, false },
         // A sparse file may be larger than its volume, as long as its runs say so and a system could have made it.
-        { u"D", { .runs = { runs[0], { std::nullopt, 9999 } }, .size = 10'000 * 1024, .flags = 0x8000 }, 10'000 * 1024,
+        { u"D", { .runs = { runs[0], { std::nullopt, 9999 } }, .size = 10'240'000, .flags = 0x8000 }, 10'240'000,
             true },
-        { u"E", { .runs = runs, .size = 10'000 * 1024, .flags = 0x8000 }, all, false },
+        { u"E", { .runs = runs, .size = 10'240'000, .flags = 0x8000 }, all, false },
         { u"F",
             { .runs = { { std::nullopt, (std::uint64_t { 1 } << 40) - 1 } },
                 .size = std::uint64_t { 1 } << 49,

@@ -168,7 +168,7 @@ void readFileName(ByteView attribute, MFTRecord& record)
     // A value length that is too short is no reason to lose a name that the attribute holds.
     const auto name = attribute.sub(value.data() - attribute.data() + std::int64_t { sizeof(FileNameValue) },
         2 * std::int64_t { stored->nameLength });
-    if (name.size() < 2u * stored->nameLength)
+    if (name.size() < std::size_t { 2 } * stored->nameLength)
         return;
     record.names.push_back({ .parent = stored->parent,
         .name = name.utf16le(0, stored->nameLength),

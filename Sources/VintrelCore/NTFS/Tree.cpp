@@ -23,9 +23,9 @@ void MFTRecords::add(MFTRecord& record)
         return;
     ++count_;
     const std::uint64_t number = *record.number;
-    const bool isSystem = number < firstUserRecord;
-    const bool isPending = !isSystem && !record.isExtension() && record.hasAttributeList();
-    if (!isSystem && !record.isExtension()) {
+    const bool isFile = number >= firstUserRecord && !record.isExtension();
+    const bool isPending = isFile && record.hasAttributeList();
+    if (isFile) {
         Entry entry;
         entry.number = number;
         entry.sequence = record.sequence;
@@ -33,11 +33,10 @@ void MFTRecords::add(MFTRecord& record)
         entry.isPending = isPending;
         if (!isPending)
             describe(entry, record);
-        if (!isPending && !entry.node)
-            return;
-        entries_.push_back(std::move(entry));
+        if (isPending || entry.node)
+            entries_.push_back(std::move(entry));
     }
-    if (isSystem || isPending || record.isExtension())
+    if (!isFile || isPending)
         whole_.try_emplace(number, std::move(record));
 }
 
@@ -55,8 +54,10 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
         content.size = std::min(best->realSize, context_.capacity());
     auto created = record.created;
     auto modified = record.modified;
-    std::string name = "unavngivet-" + std::to_string(entry.number);
-    if (best != nullptr) {
+    std::string name;
+    if (best == nullptr) {
+        name = "unavngivet-" + std::to_string(entry.number);
+    } else {
         entry.parent = best->parent;
         created = created ? created : best->created;
         modified = modified ? modified : best->modified;
