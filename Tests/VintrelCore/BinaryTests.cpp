@@ -38,36 +38,32 @@ constexpr std::uint16_t dosTime(int hour, int minute, int second)
 
 } // namespace
 
-TEST(ByteView, ReadsNumbersOfBothOrdersAndAnyWidth)
-{
-    const Bytes bytes { 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0xF8 };
-    const ByteView view(bytes);
-    EXPECT_EQ(view.i8(7), -8);
-    EXPECT_EQ(view.u32le(1), 0x05040302u);
-    EXPECT_EQ(view.u32be(1), 0x02030405u);
-    EXPECT_EQ(view.u64be(0), 0x01020304050607F8u);
-    EXPECT_EQ(view.uintLE(0, 3), 0x030201u);
-    EXPECT_EQ(view.intLE(6, 2), -0x07F9);
-    EXPECT_EQ(view.intLE(0, 8), std::bit_cast<std::int64_t>(0xF807060504030201u));
-}
-
 TEST(ByteView, NothingOutsideItIsRead)
 {
-    const Bytes bytes(8, 0xFF);
-    const ByteView view(bytes);
-    EXPECT_NE(view.u32le(4), 0u);
+    const Bytes bytes { 0, 0, 'a', 'b', 'a', 'b', 0x80, 0xFF };
+    const ByteView view(bytes), pattern(view.sub(2, 2));
+    EXPECT_EQ(view.u32le(4), 0xFF806261u);
+    EXPECT_EQ(view.u32be(4), 0x616280FFu);
+    EXPECT_EQ(view.uintLE(2, 3), 0x616261u);
+    EXPECT_EQ(view.intLE(6, 2), -128);
+    EXPECT_EQ(view.intLE(0, 8), std::bit_cast<std::int64_t>(view.u64le(0)));
     EXPECT_EQ(view.sub(7, far).size(), 1u);
-    for (const std::int64_t at : { std::int64_t { -1 }, std::int64_t { 5 }, std::int64_t { 8 }, far }) {
+    for (const std::int64_t at : { std::int64_t { -1 }, std::int64_t { 8 }, far }) {
         EXPECT_EQ(view.u32le(at), 0u) << at;
-        EXPECT_EQ(view.u64be(at), 0u) << at;
         EXPECT_EQ(view.intLE(at, 4), 0) << at;
-        EXPECT_EQ(view.uintLE(at, 4), 0u) << at;
-        EXPECT_TRUE(at == 5 || view.sub(at, far).empty()) << at;
+        EXPECT_TRUE(view.sub(at, far).empty()) << at;
+        EXPECT_FALSE(view.matches("ab", at)) << at;
+        EXPECT_TRUE(view.isAllZero(at, 9)) << at;
     }
-    for (const int width : { 0, 9, -1 })
-        EXPECT_EQ(view.uintLE(0, width), 0u);
-    EXPECT_TRUE(view.sub(0, -1).empty());
-    EXPECT_EQ(ByteView().u8(0), 0);
+    EXPECT_EQ(view.u64be(1), 0u);
+    EXPECT_EQ(view.uintLE(0, 9), 0u);
+    EXPECT_TRUE(view.isAllZero(0, 2));
+    EXPECT_FALSE(view.isAllZero(0, 3));
+    EXPECT_FALSE(view.matches("\xFF\xFF", 7));
+    EXPECT_EQ(view.firstIndex(pattern, -5), 2);
+    EXPECT_EQ(view.firstIndex(pattern, 3), 4);
+    EXPECT_EQ(view.firstIndex(pattern, 5), std::nullopt);
+    EXPECT_EQ(view.firstIndex(pattern, far), std::nullopt);
 }
 
 TEST(ByteView, DecodesText)
@@ -80,27 +76,6 @@ TEST(ByteView, DecodesText)
     EXPECT_EQ(ByteView(units).utf16le(0, 2), "Ø\uFFFD"); // the pair is cut in two
     EXPECT_EQ(ByteView(units).utf16be(7, 1), "A");
     EXPECT_EQ(ByteView(units).utf16le(99, 1), "");
-}
-
-TEST(ByteView, ComparesAndSearches)
-{
-    const Bytes bytes { 0, 0, 'a', 'b', 'a', 'b', 0 };
-    const ByteView view(bytes);
-    EXPECT_TRUE(view.matches("ab", 4));
-    EXPECT_FALSE(view.matches("ab", 6));
-    EXPECT_FALSE(view.matches("ab", -1));
-
-    EXPECT_TRUE(view.isAllZero(0, 2));
-    EXPECT_FALSE(view.isAllZero(0, 3));
-    EXPECT_TRUE(view.isAllZero(6, 99));
-    EXPECT_TRUE(view.isAllZero(99));
-
-    const Bytes pattern { 'a', 'b' };
-    EXPECT_EQ(view.firstIndex(pattern, -5), 2);
-    EXPECT_EQ(view.firstIndex(pattern, 3), 4);
-    EXPECT_EQ(view.firstIndex(pattern, 5), std::nullopt);
-    EXPECT_EQ(view.firstIndex(pattern, far), std::nullopt);
-    EXPECT_EQ(view.firstIndex(ByteView(), 0), std::nullopt);
 }
 
 TEST_F(LocalTime, DOSDatesAreLocal)

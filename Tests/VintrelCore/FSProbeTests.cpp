@@ -55,24 +55,18 @@ TEST(FSProbe, RefusesImpossibleFields)
         Bytes bytes;
         Type expected = std::nullopt;
     } cases[] = {
-        { "jump EA", with<std::uint8_t>(volumeStart(fat16), 0, 0xEA) },
         { "signature 55 AB", with<std::uint8_t>(volumeStart(fat16), 511, 0xAB) },
         { "sectors of 520 bytes", with<std::uint16_t>(volumeStart(fat16), 11, 520) },
-        { "sectors of 8192 bytes", with<std::uint16_t>(volumeStart(fat16), 11, 8192) },
         { "clusters of 0 sectors", with<std::uint8_t>(volumeStart(fat16), 13, 0) },
-        { "clusters of 3 sectors", with<std::uint8_t>(volumeStart(fat16), 13, 3) },
         { "no FAT", with<std::uint8_t>(volumeStart(fat16), 16, 0) },
         { "FATs of 0 sectors", with<std::uint16_t>(volumeStart(fat16), 22, 0) },
         { "no data sector", fatWithDataSectors(0) },
         { "sizes whose sum passes 32 bits", with<std::uint32_t>(volumeStart(fat32), 36, 0xFFFFFFFF) },
-        { "NTFS, sectors of 4096 bytes", with<std::uint16_t>(volumeStart(ntfs), 11, 4096), ntfs },
         { "NTFS, sectors of 520 bytes", with<std::uint16_t>(volumeStart(ntfs), 11, 520) },
-        { "exFAT, shift 12", with<std::uint8_t>(volumeStart(exfat), 108, 12), exfat },
         { "exFAT, shift 13", with<std::uint8_t>(volumeStart(exfat), 108, 13) },
         { "HFSX, version 4", with<std::uint8_t>(volumeStart(hfsplus), 1024 + 1, 'X') },
         { "HFSX, version 5", with<std::uint32_t>(volumeStart(hfsplus), 1024, 0x05005848), hfsplus },
         { "HFS+, blocks of 3000 bytes", with<std::uint32_t>(volumeStart(hfsplus), 1024 + 40, 0xB80B0000) },
-        { "HFS+, blocks of 2 MiB", with<std::uint32_t>(volumeStart(hfsplus), 1024 + 40, 0x00002000) },
         { "HFS+, no blocks", with<std::uint8_t>(volumeStart(hfsplus), 1024 + 47, 0) },
         // What a formatting leaves of an older file system behind the boot sector does not count.
         { "FAT with an ext magic", with<std::uint16_t>(volumeStart(fat16), 1024 + 56, 0xEF53), fat16 },

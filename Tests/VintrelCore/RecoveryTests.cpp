@@ -25,7 +25,7 @@ protected:
         return folder.add(FileNode::makeFolder(name, status));
     }
 
-    RecoveryResult recover(const RecoveryEngine::Reporter& reporter = nullptr, const RecoveryOptions& options = {})
+    RecoveryResult recover(const RecoveryEngine::Reporter& reporter = nullptr)
     {
         std::vector<FileNode*> nodes;
         for (const auto& child : root->children())
@@ -65,8 +65,6 @@ TEST(RecoveryNames, Sanitize)
         (i < 125 ? cut125 : long150) += "ø";
     long150 += cut125;
     const std::pair<std::string, std::string> cases[] = {
-        { "   ", "unavngivet" },
-        { ".", "unavngivet" },
         { " .. ", "unavngivet" },
         { "...", "..." },
         { "../../etc/passwd", "..:..:etc:passwd" },
@@ -121,7 +119,6 @@ TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
     ASSERT_EQ(result.folder, target / "r");
     EXPECT_EQ(filesIn(target / "r"),
         (std::vector<std::string> { "DCIM/100KAM/IMG_1.JPG", "skadet;fil.bin", "tom.txt", "ukendt.bin" }));
-    EXPECT_FALSE(fs::exists(target / "r/tom mappe"));
     EXPECT_TRUE(readFile(target / "r/DCIM/100KAM/IMG_1.JPG") == Bytes(disk.begin() + 4096, disk.begin() + 5'004'096));
     EXPECT_EQ(text(target / "r/Gendannelsesrapport.csv"),
         "Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n"
@@ -211,17 +208,6 @@ TEST_F(Recovery, HolesStaySparse)
     std::ifstream file(target / "r/hul.bin", std::ios::binary);
     file.seekg(1'000'004'096);
     EXPECT_EQ(file.get(), disk[4096]);
-}
-
-TEST_F(Recovery, CancellationLeavesNothingHalfCopied)
-{
-    addFile(*root, "1.bin", ExtentList { { 0, 6_MiB } }, 6_MiB);
-    addFile(*root, "2.txt");
-    const auto result = recover([&](const RecoveryProgress&) { progress.cancel(); });
-    EXPECT_TRUE(result.cancelled);
-    EXPECT_EQ(result.recovered + result.failed, 0);
-    EXPECT_TRUE(fs::exists(target / "r/Gendannelsesrapport.csv"));
-    EXPECT_TRUE(filesIn(target / "r").empty());
 }
 
 TEST_F(Recovery, AFullDestinationEndsTheRun)

@@ -70,13 +70,3 @@ TEST(QuickScanner, StopsBetweenPartitionsWhenCancelled)
     EXPECT_EQ(places(part.volumes), Texts { "MBR, partition 1 @ 100" });
     EXPECT_TRUE(part.notes.empty());
 }
-
-TEST(VolumeLoader, ReadsWithABootSectorFromElsewhere)
-{
-    const auto disk = makeSource(Bytes(1_MiB));
-    EXPECT_TRUE(VolumeLoader::load(*disk, fat12, 5120, "fund", nullptr).empty());
-    const auto boot = volumeStart(fat12);
-    EXPECT_EQ(places(VolumeLoader::load(*disk, fat12, 5120, "fund", nullptr, ByteView(boot))), Texts { "fund @ 10" });
-    for (const auto type : { ext, carved, unknown })
-        EXPECT_TRUE(VolumeLoader::load(*disk, type, 0, "fund", nullptr).empty());
-}
