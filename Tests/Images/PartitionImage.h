@@ -6,12 +6,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
-/// The first two kilobytes of a volume, with just what the probe asks for. FAT volumes (fat12, fat16 and fat32 with
-/// 16, 4085 and 65525 clusters of one sector) are sound and empty when zeros follow; the others cannot be read any
-/// further.
+/// The first two kilobytes of a volume, with just what the probe asks for. FAT volumes are sound and empty when zeros
+/// follow; the others cannot be read any further.
 Bytes volumeStart(FileSystemType type);
 
 /// A disk in memory, on which partition tables are written. LBAs count in sectors of `sectorSize`.
@@ -24,15 +22,14 @@ public:
     };
 
     struct GPTSlot {
-        std::string_view type; ///< a GUID's text; empty leaves the slot unused
+        Bytes type; ///< a GUID as stored; empty leaves the slot unused
         std::uint64_t first = 0, last = 0;
         std::u16string name = {};
     };
 
     struct GPTPlaces {
         std::uint64_t headerLBA = 1, tableLBA = 2;
-        std::uint32_t claimedCount = 0; ///< 0: as many as there are slots
-        std::uint32_t entrySize = 128;
+        std::uint32_t claimedCount = 0, entrySize = 128; ///< a count of 0: as many as there are slots
     };
 
     explicit PartitionImage(std::size_t size, std::size_t sectorSize = 512);
@@ -43,7 +40,7 @@ public:
     PartitionImage& gpt(const std::vector<GPTSlot>& slots, GPTPlaces places);
     PartitionImage& gpt(const std::vector<GPTSlot>& slots) { return gpt(slots, {}); }
     /// What does not fit on the disk is left out.
-    PartitionImage& put(std::uint64_t lba, std::span<const std::uint8_t> bytes);
+    PartitionImage& put(std::uint64_t lba, const Bytes& bytes);
     PartitionImage& volume(std::uint64_t lba, FileSystemType type) { return put(lba, volumeStart(type)); }
 
     std::unique_ptr<DiskSource> source(std::uint32_t sourceSectorSize = 512) const;
@@ -53,8 +50,7 @@ private:
     Bytes bytes_;
 };
 
-inline constexpr std::string_view basicDataGUID = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
-inline constexpr std::string_view linuxGUID = "0FC63DAF-8483-4772-8E79-3D69D8477DE4";
+extern const Bytes basicDataGUID, linuxGUID;
 
 /// Writes an unsigned number in little-endian order.
 template <std::unsigned_integral T> void store(Bytes& bytes, std::size_t at, T value)

@@ -1,13 +1,10 @@
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Recovery.h"
-#include "VintrelCore/Unicode.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csignal>
 #include <fstream>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,12 +25,12 @@ protected:
         return folder.add(FileNode::makeFolder(name, status));
     }
 
-    RecoveryResult recover(const RecoveryOptions& options = {}, const std::string& rootName = "")
+    RecoveryResult recover(const RecoveryEngine::Reporter& reporter = nullptr)
     {
         std::vector<FileNode*> nodes;
         for (const auto& child : root->children())
             nodes.push_back(child.get());
-        return RecoveryEngine::recover(nodes, rootName, *source, target.path(), options, nullptr, progress);
+        return RecoveryEngine::recover(nodes, "r", *source, target.path(), {}, reporter, progress);
     }
 
     /// Paths of the files below a folder, sorted, without the report.
@@ -63,19 +60,11 @@ protected:
 
 TEST(RecoveryNames, Sanitize)
 {
-    const std::string twoByte = "ø";
     std::string long150, cut125;
     for (int i = 0; i < 150; ++i)
-        long150 += twoByte;
-    for (int i = 0; i < 125; ++i)
-        cut125 += twoByte;
-    const struct {
-        std::string name, expected;
-    } cases[] = {
-        { "a/b", "a:b" },
-        { "   ", "unavngivet" },
-        { "", "unavngivet" },
-        { ".", "unavngivet" },
+        (i < 125 ? cut125 : long150) += "ø";
+    long150 += cut125;
+    const std::pair<std::string, std::string> cases[] = {
         { " .. ", "unavngivet" },
         { "...", "..." },
         { "../../etc/passwd", "..:..:etc:passwd" },
@@ -83,7 +72,6 @@ TEST(RecoveryNames, Sanitize)
         { "\n\u00A0 navn.txt\u3000\t", "navn.txt" },
         { long150, cut125 },
         { "x" + long150, "x" + cut125.substr(2) },
-        { std::string(250, 'y'), std::string(250, 'y') },
         { std::string(251, 'y'), std::string(250, 'y') },
     };
     for (const auto& [name, expected] : cases)
@@ -93,28 +81,26 @@ TEST(RecoveryNames, Sanitize)
 TEST(RecoveryNames, UniquePath)
 {
     const TemporaryFolder folder;
-    const auto taken = [&](const std::string& name) { writeFile(folder / name, {}); };
-    EXPECT_EQ(RecoveryEngine::uniquePath(folder / "foto.jpg", false), folder / "foto.jpg");
-    taken("foto.jpg");
-    EXPECT_EQ(RecoveryEngine::uniquePath(folder / "foto.jpg", false), folder / "foto (2).jpg");
-    taken("foto (2).jpg");
-    EXPECT_EQ(RecoveryEngine::uniquePath(folder / "foto.jpg", false), folder / "foto (3).jpg");
-    EXPECT_EQ(RecoveryEngine::uniquePath(folder / "foto.jpg", true), folder / "foto.jpg (2)");
-    taken(".skjult");
-    EXPECT_EQ(RecoveryEngine::uniquePath(folder / ".skjult", false), folder / ".skjult (2)");
+    const auto longName = std::string(245, 'a') + "øø.jp";
+    for (const std::string& name :
+        { std::string("foto.jpg"), std::string("foto (2).jpg"), std::string(".skjult"), longName })
+        writeFile(folder / name, {});
     ASSERT_EQ(::symlink("ingen steder", (folder / "hen.txt").c_str()), 0);
-    EXPECT_EQ(RecoveryEngine::uniquePath(folder / "hen.txt", false), folder / "hen (2).txt")
-        << "a dead link is there too";
-    const std::string longStem(245, 'a'); // with " (2)" one byte too long for a file system, so the last character goes
-    taken(longStem + "øø.jp");
-    EXPECT_EQ(RecoveryEngine::uniquePath(folder / (longStem + "øø.jp"), false), folder / (longStem + "ø (2).jp"));
+    const std::pair<std::string, std::string> cases[] = {
+        { "fri.jpg", "fri.jpg" }, { "foto.jpg", "foto (3).jpg" }, { ".skjult", ".skjult (2)" },
+        { "hen.txt", "hen (2).txt" },                     // a dead link is there too
+        { longName, std::string(245, 'a') + "ø (2).jp" }, // one byte more than a file system takes
+    };
+    for (const auto& [name, expected] : cases)
+        EXPECT_EQ(RecoveryEngine::uniquePath(folder / name, false), folder / expected);
+    EXPECT_EQ(RecoveryEngine::uniquePath(folder / "foto.jpg", true), folder / "foto.jpg (2)");
 }
 
 TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
 {
-    auto& folder = addFolder(addFolder(*root, "DCIM"), "100KAM");
-    auto& photo = addFile(folder, "IMG_1.JPG", ExtentList { { 4096, 5'000'000 } }, 5'000'000);
-    photo.modified = Date { std::chrono::seconds { 1'000'000'000 } + std::chrono::milliseconds { 500 } };
+    auto& photo = addFile(
+        addFolder(addFolder(*root, "DCIM"), "100KAM"), "IMG_1.JPG", ExtentList { { 4096, 5'000'000 } }, 5'000'000);
+    photo.modified = Date { std::chrono::seconds { 1'000'000'000 } };
     auto& damaged = addFile(*root, "skadet;fil.bin", ExtentList { { 5'500'000, 2000 } }, 2000, EntryStatus::deleted);
     damaged.recoverability = Recoverability::partial;
     damaged.note = "Dele \"mangler\"";
@@ -123,57 +109,47 @@ TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
     addFolder(*root, "tom mappe");
     source->addSimulatedBadRange({ 5'500'500, 5'500'501 });
 
-    const auto result = recover({}, "KORT (FAT32)");
+    RecoveryProgress last;
+    const auto result = recover([&](const RecoveryProgress& state) { last = state; });
     EXPECT_EQ(result.recovered, 3);
     EXPECT_EQ(result.withErrors, 1);
     EXPECT_EQ(result.failed, 0);
     EXPECT_EQ(result.bytes, 5'002'077u);
-    EXPECT_FALSE(result.cancelled);
-    EXPECT_TRUE(result.failures.empty());
-    ASSERT_EQ(result.folder, target / "KORT (FAT32)");
-    EXPECT_EQ(filesIn(*result.folder),
+    EXPECT_EQ(last.filesDone, last.filesTotal);
+    ASSERT_EQ(result.folder, target / "r");
+    EXPECT_EQ(filesIn(target / "r"),
         (std::vector<std::string> { "DCIM/100KAM/IMG_1.JPG", "skadet;fil.bin", "tom.txt", "ukendt.bin" }));
-    EXPECT_FALSE(fs::exists(*result.folder + "/tom mappe"));
-    EXPECT_EQ(
-        readFile(*result.folder + "/DCIM/100KAM/IMG_1.JPG"), Bytes(disk.begin() + 4096, disk.begin() + 5'004'096));
-    EXPECT_EQ(text(*result.folder + "/Gendannelsesrapport.csv"),
+    EXPECT_TRUE(readFile(target / "r/DCIM/100KAM/IMG_1.JPG") == Bytes(disk.begin() + 4096, disk.begin() + 5'004'096));
+    EXPECT_EQ(text(target / "r/Gendannelsesrapport.csv"),
         "Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n"
         "DCIM/100KAM/IMG_1.JPG;5000000;OK;God;0;\n"
         "tom.txt;0;OK;God;0;\n"
         "ukendt.bin;77;OK;God;0;\n"
         "\"skadet;fil.bin\";2000;Ulæselige sektorer;Delvis;512;\"Dele \"\"mangler\"\"\"\n");
     struct stat status { };
-    ASSERT_EQ(::stat((*result.folder + "/DCIM/100KAM/IMG_1.JPG").c_str(), &status), 0);
+    ASSERT_EQ(::stat((target / "r/DCIM/100KAM/IMG_1.JPG").c_str(), &status), 0);
     EXPECT_EQ(status.st_mtime, 1'000'000'000);
-
-    EXPECT_EQ(*recover({}, "KORT (FAT32)").folder, target / "KORT (FAT32) (2)");
-    EXPECT_EQ(*recover().folder, target / "Gendannet");
+    EXPECT_EQ(*recover().folder, target / "r (2)");
 }
 
-TEST_F(Recovery, OptionsAndChosenNodes)
+TEST_F(Recovery, OptionsAndThousandsOfEqualNames)
 {
-    auto& folder = addFolder(*root, "mappe");
-    auto& file = addFile(folder, "a.txt");
-    file.modified = Date { std::chrono::seconds { 1'000'000'000 } };
-    std::vector<FileNode*> nodes { &file, &folder, &file };
+    std::vector<FileNode*> nodes;
+    for (int i = 0; i < 3000; ++i)
+        nodes.push_back(&addFile(addFolder(*root, "mappe"), "ens.txt"));
+    nodes.push_back(nodes[0]->parent());
+    nodes[0]->modified = Date { std::chrono::seconds { 1'000'000'000 } };
     const RecoveryOptions options { .keepFolderStructure = false, .restoreDates = false, .writeReport = false };
-    std::vector<RecoveryProgress> reports;
-    const auto result = RecoveryEngine::recover(
-        nodes, "r", *source, target / "ny/dyb", options,
-        [&](const RecoveryProgress& state) { reports.push_back(state); }, progress);
-    EXPECT_EQ(result.recovered, 1) << "each node once";
-    EXPECT_TRUE(fs::exists(target / "ny/dyb/r/a.txt"));
-    EXPECT_FALSE(fs::exists(target / "ny/dyb/r/Gendannelsesrapport.csv"));
+    const auto result = RecoveryEngine::recover(nodes, "", *source, target / "ny/dyb", options, nullptr, progress);
+    EXPECT_EQ(result.recovered, 3000) << "each node once";
+    EXPECT_FALSE(fs::exists(target / "ny/dyb/Gendannet/Gendannelsesrapport.csv"));
+    EXPECT_TRUE(fs::exists(target / "ny/dyb/Gendannet/ens (3000).txt"));
     struct stat status { };
-    ASSERT_EQ(::stat((target / "ny/dyb/r/a.txt").c_str(), &status), 0);
+    ASSERT_EQ(::stat((target / "ny/dyb/Gendannet/ens.txt").c_str(), &status), 0);
     EXPECT_GT(status.st_mtime, 1'000'000'000);
-    ASSERT_FALSE(reports.empty());
-    EXPECT_EQ(reports.back().filesDone, 1);
-    EXPECT_EQ(reports.back().filesTotal, 1);
-    EXPECT_EQ(reports.back().bytesDone, 1u);
 }
 
-TEST_F(Recovery, NamesThatMeet)
+TEST_F(Recovery, NamesThatMeetOrAreHostile)
 {
     addFile(*root, "IMG.JPG", bytesOf("s"), 1, EntryStatus::deleted);
     addFile(*root, "IMG.JPG", bytesOf("e"));
@@ -182,154 +158,71 @@ TEST_F(Recovery, NamesThatMeet)
     addFile(*root, "DCIM", bytesOf("f"));
     addFile(addFolder(*root, "DCIM"), "1.txt", bytesOf("1"));
     addFile(addFolder(*root, "DCIM", EntryStatus::deleted), "2.txt", bytesOf("2"), 1, EntryStatus::deleted);
-    addFile(addFolder(*root, "rapport"), "x.txt", bytesOf("x"), 1, EntryStatus::deleted);
-    addFile(*root, "rapport", bytesOf("r"));
-
-    const auto result = recover();
-    EXPECT_EQ(result.recovered, 9);
-    const auto& folder = *result.folder;
-    EXPECT_EQ(filesIn(folder),
-        (std::vector<std::string> { "DCIM", "DCIM (2)/1.txt", "DCIM (2)/2.txt", "Gendannelsesrapport (2).csv",
-            "IMG (2).JPG", "IMG (3).JPG", "IMG.JPG", "rapport", "rapport (2)/x.txt" }));
-    EXPECT_EQ(text(folder + "/IMG.JPG"), "e") << "the existing one keeps its name";
-    EXPECT_EQ(text(folder + "/Gendannelsesrapport (2).csv"), "c");
-    EXPECT_NE(text(folder + "/Gendannelsesrapport.csv").find("\nDCIM (2)/1.txt;1;OK"), std::string::npos);
-}
-
-TEST_F(Recovery, HostileNamesStayInside)
-{
     addFile(addFolder(*root, ".."), "../../ud.txt");
     addFile(addFolder(*root, "/etc"), "/passwd");
-    addFile(*root, "linje\nskift");
+
     const auto result = recover();
-    EXPECT_EQ(filesIn(*result.folder),
-        (std::vector<std::string> { ":etc/:passwd", "linje\nskift", "unavngivet/..:..:ud.txt" }));
+    EXPECT_EQ(filesIn(target / "r"),
+        (std::vector<std::string> { ":etc/:passwd", "DCIM", "DCIM (2)/1.txt", "DCIM (2)/2.txt",
+            "Gendannelsesrapport (2).csv", "IMG (2).JPG", "IMG (3).JPG", "IMG.JPG", "unavngivet/..:..:ud.txt" }));
     EXPECT_EQ(std::distance(fs::directory_iterator(target.path()), {}), 1);
+    EXPECT_EQ(text(target / "r/IMG.JPG"), "e") << "the existing one keeps its name";
+    EXPECT_NE(text(target / "r/Gendannelsesrapport.csv").find("\nDCIM (2)/1.txt;1;OK"), std::string::npos);
 }
 
 TEST_F(Recovery, PlantedLinksAreNotFollowed)
 {
-    TemporaryFolder elsewhere;
+    const TemporaryFolder elsewhere;
     writeFile(elsewhere / "offer.txt", bytesOf("urørt"));
-    // While the first file is copied somebody plants links where the next ones are to go.
-    addFile(*root, "1.txt", ExtentList { { 0, 10 } }, 10);
-    auto& second = addFile(addFolder(*root, "mappe"), "2.txt");
+    // While the first file is copied somebody plants links where the next ones are to go, and in place of a folder that
+    // was made already.
+    addFile(addFolder(*root, "0"), "1.txt", ExtentList { { 0, 10 } }, 10);
+    addFile(addFolder(*root, "mappe"), "2.txt");
     addFile(*root, "3.txt", bytesOf("min"), 3);
-    second.status = EntryStatus::deleted;
+    addFile(*root->folders()[0], "4.txt", bytesOf("x"), 1, EntryStatus::deleted);
     bool isPlanted = false;
-    std::vector<FileNode*> nodes;
-    for (const auto& child : root->children())
-        nodes.push_back(child.get());
-    const auto result = RecoveryEngine::recover(
-        nodes, "r", *source, target.path(), {},
-        [&](const RecoveryProgress&) {
-            if (!std::exchange(isPlanted, true)) {
-                EXPECT_EQ(::symlink(elsewhere.path().c_str(), (target / "r/mappe").c_str()), 0);
-                EXPECT_EQ(::symlink((elsewhere / "offer.txt").c_str(), (target / "r/3.txt").c_str()), 0);
-            }
-        },
-        progress);
-    EXPECT_TRUE(isPlanted);
+    const auto result = recover([&](const RecoveryProgress&) {
+        if (std::exchange(isPlanted, true))
+            return;
+        fs::rename(target / "r/0", target / "r/flyttet");
+        for (const char* name : { "r/0", "r/mappe" })
+            fs::create_symlink(elsewhere.path(), target / name);
+        fs::create_symlink(elsewhere / "offer.txt", target / "r/3.txt");
+    });
     EXPECT_EQ(result.recovered, 3);
+    EXPECT_EQ(result.failed, 1);
+    EXPECT_EQ(filesIn(elsewhere.path()), std::vector<std::string> { "offer.txt" });
     EXPECT_EQ(text(elsewhere / "offer.txt"), "urørt");
-    EXPECT_EQ(std::distance(fs::directory_iterator(elsewhere.path()), {}), 1);
     EXPECT_EQ(text(target / "r/3 (2).txt"), "min");
     EXPECT_EQ(text(target / "r/mappe (2)/2.txt"), "x");
-}
-
-TEST_F(Recovery, ThousandsOfEqualNames)
-{
-    for (int i = 0; i < 3000; ++i)
-        addFile(*root, "ens.txt");
-    const auto result = recover();
-    EXPECT_EQ(result.recovered, 3000);
-    EXPECT_TRUE(fs::exists(*result.folder + "/ens (3000).txt"));
 }
 
 TEST_F(Recovery, HolesStaySparse)
 {
     addFile(*root, "hul.bin", ExtentList { { 0, 4096 }, { std::nullopt, 1'000'000'000 }, { 4096, 10 } }, 3'000'000'000);
-    const auto result = recover();
-    EXPECT_EQ(result.recovered, 1);
+    EXPECT_EQ(recover().recovered, 1);
     struct stat status { };
-    ASSERT_EQ(::stat((*result.folder + "/hul.bin").c_str(), &status), 0);
+    ASSERT_EQ(::stat((target / "r/hul.bin").c_str(), &status), 0);
     EXPECT_EQ(status.st_size, 3'000'000'000);
     EXPECT_LT(status.st_blocks * 512, 1'000'000);
-    std::ifstream file(*result.folder + "/hul.bin", std::ios::binary);
+    std::ifstream file(target / "r/hul.bin", std::ios::binary);
     file.seekg(1'000'004'096);
     EXPECT_EQ(file.get(), disk[4096]);
 }
 
-TEST_F(Recovery, AFolderThatCannotBeMade)
-{
-    addFile(*root, "a.txt");
-    addFile(*root, "b.txt");
-    writeFile(target / "fil", bytesOf("x"));
-    std::vector<FileNode*> nodes { root->children()[0].get(), root->children()[1].get() };
-    const auto result = RecoveryEngine::recover(nodes, "r", *source, target / "fil", {}, nullptr, progress);
-    EXPECT_EQ(result.failed, 2);
-    EXPECT_FALSE(result.folder);
-    EXPECT_EQ(result.failures,
-        std::vector<std::string> { "Kunne ikke oprette mappen " + (target / "fil/r") + ": Not a directory" });
-}
-
-TEST_F(Recovery, AFileThatCannotBeWrittenIsRemovedAndTheRestGoesOn)
-{
-    // A limit on file sizes makes writing fail in the middle, as a file system's own limit would.
-    addFile(*root, "1 stor.bin", ExtentList { { 0, 5_MiB } }, 5_MiB);
-    addFile(*root, "2 lille.txt");
-    rlimit old {};
-    ::getrlimit(RLIMIT_FSIZE, &old);
-    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit { 4_MiB + 100, old.rlim_max };
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-    const auto result = recover();
-    ::setrlimit(RLIMIT_FSIZE, &old);
-    std::signal(SIGXFSZ, oldHandler);
-
-    EXPECT_EQ(result.recovered, 1);
-    EXPECT_EQ(result.failed, 1);
-    EXPECT_EQ(result.failures, std::vector<std::string> { "1 stor.bin: kunne ikke skrive filen: File too large" });
-    EXPECT_EQ(filesIn(*result.folder), std::vector<std::string> { "2 lille.txt" });
-}
-
-TEST_F(Recovery, CancellationKeepsWhatIsDone)
-{
-    addFile(*root, "1.txt");
-    addFile(*root, "2.bin", ExtentList { { 0, 6_MiB } }, 6_MiB);
-    addFile(*root, "3.txt");
-    std::vector<FileNode*> nodes;
-    for (const auto& child : root->children())
-        nodes.push_back(child.get());
-    const auto result = RecoveryEngine::recover(
-        nodes, "r", *source, target.path(), {}, [&](const RecoveryProgress&) { progress.cancel(); }, progress);
-    EXPECT_TRUE(result.cancelled);
-    EXPECT_TRUE(result.failures.empty());
-    EXPECT_EQ(result.failed, 0);
-    EXPECT_LE(result.recovered, 1);
-    EXPECT_TRUE(fs::exists(target / "r/Gendannelsesrapport.csv"));
-    EXPECT_EQ(filesIn(target / "r").size(), static_cast<std::size_t>(result.recovered)) << "nothing half copied";
-}
-
 TEST_F(Recovery, AFullDestinationEndsTheRun)
 {
-    const TemporaryFolder mounts;
-    if (runCommand("mount -t tmpfs -o size=1m,nr_inodes=50 none " + mounts.path()) != 0)
+    if (runCommand("mount -t tmpfs -o size=1m,nr_inodes=50 none " + target.path()) != 0)
         GTEST_SKIP() << "needs to mount a small file system";
     addFile(*root, "1 lille.txt");
     addFile(*root, "2 stor.bin", ExtentList { { 0, 5_MiB } }, 5_MiB);
     addFile(*root, "3 lille.txt");
-    std::vector<FileNode*> nodes;
-    for (const auto& child : root->children())
-        nodes.push_back(child.get());
-    const auto result = RecoveryEngine::recover(nodes, "r", *source, mounts.path(), {}, nullptr, progress);
-    const auto report = text(mounts / "r/Gendannelsesrapport.csv");
-    const auto files = filesIn(mounts / "r");
-    ASSERT_EQ(runCommand("umount " + mounts.path()), 0);
+    const auto result = recover();
+    const auto report = text(target / "r/Gendannelsesrapport.csv");
+    const auto files = filesIn(target / "r");
+    ASSERT_EQ(runCommand("umount " + target.path()), 0);
 
     EXPECT_EQ(result.failures, std::vector<std::string> { "Destinationen er fuld – gendannelsen blev stoppet." });
-    EXPECT_EQ(result.failed, 0);
-    EXPECT_EQ(result.recovered, 1);
     EXPECT_EQ(files, std::vector<std::string> { "1 lille.txt" });
     EXPECT_NE(report.find("1 lille.txt;1;OK"), std::string::npos);
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -20,32 +19,23 @@ std::u32string codePoints(std::string_view text)
 
 } // namespace
 
-TEST(Unicode, EveryCodePointComesBack)
+TEST(Unicode, EveryCodePointComesBackAndABrokenByteCostsNothingButItself)
 {
     for (const char32_t point :
-        { 0x00u, 0x41u, 0x7Fu, 0x80u, 0x7FFu, 0x800u, 0xD7FFu, 0xE000u, 0xFFFFu, 0x10000u, 0x1F600u, 0x10FFFFu }) {
+        { 0x00u, 0x7Fu, 0x80u, 0x7FFu, 0x800u, 0xD7FFu, 0xE000u, 0xFFFFu, 0x10000u, 0x10FFFFu }) {
         std::string text;
         Unicode::append(text, point);
         EXPECT_EQ(codePoints(text + "x"), (std::u32string { point, U'x' })) << static_cast<std::uint32_t>(point);
     }
-}
-
-TEST(Unicode, ABrokenByteCostsNothingButItself)
-{
     constexpr char32_t bad = Unicode::replacement;
     const std::pair<const char*, std::u32string> cases[] = {
-        { "\x80z", { bad, U'z' } },                         // a continuation by itself
-        { "\xC3z", { bad, U'z' } },                         // cut short by another character
-        { "z\xE2\x82", { U'z', bad, bad } },                // and by the end
-        { "\xF0\x9F\x98", { bad, bad, bad } },              //
-        { "\xC3\xC3\xA6", { bad, U'æ' } },                  // the second sequence is sound
-        { "\xC0\xAF", { bad, bad } },                       // "/" in two bytes
-        { "\xE0\x80\xAF", { bad, bad, bad } },              // in three
-        { "\xF0\x80\x80\xAF", { bad, bad, bad, bad } },     // in four
-        { "\xED\xA0\x80", { bad, bad, bad } },              // a surrogate
-        { "\xF4\x90\x80\x80", { bad, bad, bad, bad } },     // above 10FFFF
-        { "\xF8\x88\x80\x80\x80", std::u32string(5, bad) }, // five bytes
-        { "\xFF\xFE", { bad, bad } },
+        { "\x80z\xFF", { bad, U'z', bad } },            // a continuation by itself, and no byte of UTF-8
+        { "\xC3\xC3\xA6", { bad, U'æ' } },              // cut short by another character
+        { "z\xE2\x82", { U'z', bad, bad } },            // and by the end
+        { "\xC0\xAF", { bad, bad } },                   // "/" in two bytes
+        { "\xF0\x80\x80\xAF", { bad, bad, bad, bad } }, // in four
+        { "\xED\xA0\x80", { bad, bad, bad } },          // a surrogate
+        { "\xF4\x90\x80\x80", { bad, bad, bad, bad } }, // above 10FFFF
     };
     for (const auto& [text, points] : cases)
         EXPECT_EQ(codePoints(text), points) << text;
@@ -55,92 +45,58 @@ TEST(Unicode, DecodesUTF16)
 {
     const std::pair<std::u16string, std::string> cases[] = {
         { u"Sm\u00F8r \u20AC", "Smør €" },
-        { { 0xD83D, 0xDE00, 'x' }, "\U0001F600x" },
-        { { 0xDBFF, 0xDFFF }, "\U0010FFFF" },
-        { { 0xD83D }, "\uFFFD" },
-        { { 0xD83D, 'x' }, "\uFFFDx" },
-        { { 0xDE00, 0xD83D }, "\uFFFD\uFFFD" },
-        { { 0xD83D, 0xD83D, 0xDE00 }, "\uFFFD\U0001F600" },
+        { { 0xDBFF, 0xDFFF, 'x' }, "\U0010FFFFx" },
+        { { 0xD83D, 'x', 0xD83D }, "\uFFFDx\uFFFD" },
+        { { 0xDE00, 0xD83D, 0xD83D, 0xDE00 }, "\uFFFD\uFFFD\U0001F600" },
         { { 'a', 0, 'b' }, std::string("a\0b", 3) },
-        { {}, "" },
     };
     for (const auto& [units, text] : cases)
         EXPECT_EQ(Unicode::fromUTF16(units), text);
 }
 
-TEST(Unicode, RemovesTheLastCodePoint)
+TEST(Unicode, CutsAtEitherEnd)
 {
-    const std::pair<const char*, const char*> cases[] = { { "ab", "a" }, { "aø", "a" }, { "a€", "a" },
-        { "a\U0001F600", "a" }, { "a", "" }, { "", "" }, { "a\xC3", "a" },
-        // Broken bytes at the end go one at a time, and take no sound character with them.
-        { "a\x80", "a" }, { "ø\x80", "ø" }, { "a\xE2\x82", "a\xE2" }, { "\x80\x80\x80\x80\x80", "\x80\x80\x80\x80" } };
+    // Broken bytes at the end go one at a time, and take no sound character with them.
+    const std::pair<const char*, const char*> cases[] = { { "a€", "a" }, { "a\U0001F600", "a" }, { "", "" },
+        { "ø\x80", "ø" }, { "a\xE2\x82", "a\xE2" }, { "\x80\x80\x80\x80\x80", "\x80\x80\x80\x80" } };
     for (const auto& [text, expected] : cases) {
         std::string rest = text;
         Unicode::removeLast(rest);
         EXPECT_EQ(rest, expected) << text;
     }
-}
-
-TEST(Unicode, TrimsWhiteSpaceOfEveryScript)
-{
-    const std::pair<std::string_view, std::string_view> cases[] = { { "", "" }, { "a", "a" }, { " \t\r\n", "" },
+    const std::pair<std::string_view, std::string_view> blanks[] = { { "", "" }, { " \t\r\n", "" },
         { "\u00A0\u2003 a b \u3000\u0085", "a b" }, { "\u2028\u2029\u205F\u1680\u202Fa", "a" },
         { "\u200Ba\u200B", "\u200Ba\u200B" }, // of no width, and no white space
-        { " ø ", "ø" }, { " \x80 ", "\x80" }, { " a\xC3 ", "a\xC3" }, { "a \x80", "a \x80" }, { "\xA0 ", "\xA0" },
-        { "\xE3\x80 ", "\xE3\x80" } };
-    for (const auto& [text, expected] : cases)
+        { " a\xC3 ", "a\xC3" }, { "\xA0 ", "\xA0" } };
+    for (const auto& [text, expected] : blanks)
         EXPECT_EQ(Unicode::trimmed(text), expected) << text;
 }
 
 TEST(Unicode, NothingPrintedDrivesTheTerminal)
 {
     const std::pair<std::string_view, std::string_view> cases[] = {
-        { "Æblegrød \U0001F34E (1).txt", "Æblegrød \U0001F34E (1).txt" },
-        { "a\nb\tc\rd", "a\\nb\\tc\\rd" },
-        { "\x1B[2J\x07\x7F", "\\x1B[2J\\x07\\x7F" },
-        { std::string_view("\0", 1), "\\x00" },
-        { "\u009B2J", "\\x9B2J" }, // the 8-bit form of ESC [
-        { "gnp\u202Efdp.exe", "gnp\\u202Efdp.exe" },
-        { "\u061C\u200E\u200F\u202A\u2066\u2069\u2028\u2029",
-            "\\u061C\\u200E\\u200F\\u202A\\u2066\\u2069\\u2028\\u2029" },
+        { "Æblegrød \U0001F34E (1).txt", "Æblegrød \U0001F34E (1).txt" }, { "a\nb\tc\rd", "a\\nb\\tc\\rd" },
+        { "\u061C\u200E\u200F\u202A\u202E\u2066\u2069\u2028\u2029",
+            "\\u061C\\u200E\\u200F\\u202A\\u202E\\u2066\\u2069\\u2028\\u2029" },
         { "a\x9B[2J", "a\uFFFD[2J" }, // a broken byte must not become one in an 8-bit terminal
-        { "\xC2", "\uFFFD" },
-        { "\uFFFD", "\uFFFD" },
-        { "", "" },
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(Unicode::escaped(text), expected);
 }
 
-TEST(Unicode, FoldsCase)
+TEST(Unicode, FoldsCaseAndComposes)
 {
-    for (const auto& [upper, lower] :
-        { std::pair { U'A', U'a' }, { U'Z', U'z' }, { U'z', U'z' }, { U'@', U'@' }, { U'[', U'[' }, { U'1', U'1' } })
+    for (const auto& [upper, lower] : { std::pair { U'A', U'a' }, { U'Z', U'z' }, { U'@', U'@' }, { U'[', U'[' } })
         EXPECT_EQ(Unicode::foldedCase(upper), lower);
     if (!hasLibrary())
         GTEST_SKIP() << "built without a Unicode library";
     for (const auto& [upper, lower] :
-        { std::pair { U'Æ', U'æ' }, { U'Ø', U'ø' }, { U'Å', U'å' }, { U'å', U'å' }, { U'Ж', U'ж' }, { U'Σ', U'σ' },
-            { U'\U00010400', U'\U00010428' }, { U'\uFFFD', U'\uFFFD' }, { U'×', U'×' }, { U'漢', U'漢' } })
+        { std::pair { U'Æ', U'æ' }, { U'å', U'å' }, { U'Σ', U'σ' }, { U'\U00010400', U'\U00010428' }, { U'×', U'×' } })
         EXPECT_EQ(Unicode::foldedCase(upper), lower) << static_cast<std::uint32_t>(upper);
-}
-
-TEST(Unicode, Composes)
-{
-    EXPECT_EQ(Unicode::composed(""), "");
-    EXPECT_EQ(Unicode::composed("abc"), "abc");
-    if (!hasLibrary())
-        GTEST_SKIP() << "built without a Unicode library";
     const std::pair<std::string_view, std::string_view> cases[] = {
-        { "A\u030Arhus", "Århus" },
-        { "e\u0301\u0323", "\u1EB9\u0301" }, // marks are put in order first
-        { "\u1112\u1161\u11AB", "\uD55C" },  // Hangul
-        { "\u212B", "Å" },                   // the unit's sign is the letter
-        { "\uFB01", "\uFB01" },              // a ligature stays
-        { "øæ\U0001F600", "øæ\U0001F600" },
-        { std::string_view("a\0e\u0301", 5), std::string_view("a\0é", 4) },
-        { "e\u0301\xFF", "e\u0301\xFF" }, // broken text stays as it is
-        { "\xC3 e\u0301", "\xC3 e\u0301" },
+        { "A\u030Arhus", "Århus" }, { "e\u0301\u0323", "\u1EB9\u0301" }, // marks are put in order first
+        { "\uFB01\U0001F600", "\uFB01\U0001F600" },                      // a ligature stays
+        { "\xC3 e\u0301", "\xC3 e\u0301" },                              // broken text stays as it is
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(Unicode::composed(text), expected) << text;
