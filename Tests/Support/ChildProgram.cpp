@@ -31,6 +31,7 @@ ChildProgram::ChildProgram(
     if (process_ < 0)
         throw std::runtime_error("no child process");
     if (process_ == 0) {
+        ::signal(SIGINT, SIG_DFL); // a shell ignores it in what it runs in the background
         const int file = ::open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ::dup2(file, STDOUT_FILENO);
         ::dup2(file, STDERR_FILENO);

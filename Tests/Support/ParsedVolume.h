@@ -4,7 +4,6 @@
 #include "VintrelCore/FileReader.h"
 #include "VintrelCore/Model.h"
 
-#include <algorithm>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -33,15 +32,6 @@ struct Parsed {
         std::string names;
         volume->root->forEachDescendant([&](const FileNode& node, std::size_t) { names += " " + node.path(); });
         return names;
-    }
-
-    /// How deep the deepest entry lies.
-    std::size_t depth() const
-    {
-        std::size_t deepest = 0;
-        volume->root->forEachDescendant(
-            [&](const FileNode&, std::size_t depth) { deepest = std::max(deepest, depth); });
-        return deepest;
     }
 
     Bytes content(std::string_view path) const { return FileReader::readPrefix((*this)[path], *source, 64 << 20); }

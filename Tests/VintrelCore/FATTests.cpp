@@ -63,7 +63,8 @@ TEST_P(FATOfEveryWidth, ListsAndReadsTheLiveTree)
     EXPECT_EQ(chance(card["/_OM.TXT"]), "God");
 }
 
-INSTANTIATE_TEST_SUITE_P(FAT, FATOfEveryWidth, ::testing::Values(fat12, fat16, fat32));
+INSTANTIATE_TEST_SUITE_P(FAT, FATOfEveryWidth, ::testing::Values(fat12, fat16, fat32),
+    [](const auto& parameter) { return std::string(displayName(parameter.param)); });
 
 TEST(FAT, DamagedChainsAndClusterNumbers)
 {
@@ -109,7 +110,7 @@ TEST(FAT, Names)
         { { .name = "L       TXT", .longName = std::u16string(255, u'x') }, false, std::string(255, 'x') },
         { { .name = "EMOJI~1 TXT", .longName = u"tolv tegn ..\U0001F600" }, false,
             "tolv tegn ..\U0001F600" }, // a pair across two pieces
-        { { .name = "\5TA~1   TXT", .longName = u"Õta lang.txt" }, false, "Õta lang.txt" },
+        { { .name = "\xE5TA~1   TXT", .longName = u"Õta lang.txt" }, false, "Õta lang.txt" },
         { { .name = "BILL~1  JPG", .longName = u"Billede.jpg" }, true, "Billede.jpg" },
         { { .name = "\x8FRSRA~1 TXT", .longName = u"årsrapport.txt" }, true, "årsrapport.txt" }, // Å in code page 850
         { { .name = "X          " }, true, "_" },
@@ -119,6 +120,8 @@ TEST(FAT, Names)
         image.addEntry(root, entry);
         if (isDeleted)
             image.remove(root, entry.name);
+        if (entry.name[0] == '\xE5') // stored as another letter, but not for the checksum
+            image.bytes()[image.entryOffset(root, 1)] = 0x05;
         EXPECT_EQ(parse(image).names(), " /" + shown);
     }
 }
@@ -200,27 +203,21 @@ TEST(FAT, DirectoriesThatLoopNestOrShareClustersDoNotMultiplyTheVolume)
     const auto card = parse(image);
     EXPECT_EQ(card["/LOKKE"].children().size(), 14u);
     EXPECT_TRUE(card["/IGEN"].children().empty());
-    EXPECT_EQ(card.depth(), 64u); // the directory at level 63 is read, what it lists is not
+    std::string deepest = "/D";
+    for (int level = 2; level <= 64; ++level)
+        deepest += "/D";
+    EXPECT_TRUE(card[deepest].children().empty()); // the directory at level 63 is read, what it lists is not
 
-    // A directory whose every entry claims to be a folder, or a huge file, that begins further along it.
-    for (const auto attributes : { std::uint8_t { 0x10 }, std::uint8_t { 0x20 } }) {
-        FATImage crowded({ .type = fat32 });
-        const auto shared = crowded.addFolder(root, { .name = "MANGE      " }, 300);
-        for (std::uint32_t i = 0; i < 300 * 16 - 2; ++i)
-            crowded.addEntry(shared,
-                { .name = "D" + std::to_string(1'000'000 + i) + "   ",
-                    .attributes = attributes,
-                    .cluster = shared + i % 300,
-                    .size = 0xFFFFFFFF });
-        const auto many = parse(crowded);
-        const auto totals = many.volume->root->totals();
-        EXPECT_GE(totals.folders + totals.files, 300u * 16 - 2);
-        EXPECT_LE(totals.folders + totals.files, crowded.bytes().size() / 32);
-        std::size_t extents = 0;
-        for (const auto* node : many.volume->root->allFiles())
-            extents += std::get<ExtentList>(node->data).size();
-        EXPECT_LE(extents, 4u * 402);
-    }
+    // A directory whose every entry claims to be a huge file that begins further along it.
+    FATImage crowded({ .type = fat32 });
+    const auto shared = crowded.addFolder(root, { .name = "MANGE      " }, 300);
+    for (std::uint32_t i = 0; i < 300 * 16 - 2; ++i)
+        crowded.addEntry(shared, { .name = "FIL        ", .cluster = shared + i % 300, .size = 0xFFFFFFFF });
+    std::size_t extents = 0;
+    const auto many = parse(crowded);
+    for (const auto* node : many.volume->root->allFiles())
+        extents += std::get<ExtentList>(node->data).size();
+    EXPECT_LE(extents, 4u * 402);
 }
 
 TEST(FAT, UnreadableSectorsOfTheFirstFATComeFromTheSecond)
@@ -268,22 +265,11 @@ TEST(FAT, RecognisesDirectorySectors)
     for (int i = 0; i < 11; ++i)
         image.addEntry(folder, { .name = "+,;=[]  TXT" }); // odd characters that a listing would not take
     EXPECT_TRUE(FATParser::looksLikeDirectorySector(image.bytes(), place)) << "full, without an end";
+    image.bytes()[image.offsetOf(folder) + 10 * 32] = 0;
+    EXPECT_FALSE(FATParser::looksLikeDirectorySector(image.bytes(), place)) << "an end with something behind it";
+    image.bytes()[image.offsetOf(folder) + 10 * 32] = 0x20;
+    EXPECT_FALSE(FATParser::looksLikeDirectorySector(image.bytes(), place)) << "a name that cannot be";
     EXPECT_FALSE(FATParser::looksLikeDirectorySector(Bytes(512)));
-
-    const struct {
-        const char* what;
-        std::size_t byte;
-        std::uint8_t value;
-    } damages[] = {
-        { "first byte of a name", 5 * 32, 0x20 },
-        { "attributes", 5 * 32 + 11, 64 },
-        { "end with something behind it", 10 * 32, 0 },
-    };
-    for (const auto& [what, byte, value] : damages) {
-        auto damaged = image;
-        damaged.bytes()[image.offsetOf(folder) + byte] = value;
-        EXPECT_FALSE(FATParser::looksLikeDirectorySector(damaged.bytes(), place)) << what;
-    }
 }
 
 TEST(FAT, LostFragmentsAreListedOnce)

@@ -4,6 +4,7 @@
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Images/FATImage.h"
 #include "Tests/Images/HFSPlusImage.h"
+#include "Tests/Images/PartitionImage.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FileReader.h"
 #include "VintrelCore/Scanner.h"
@@ -136,32 +137,22 @@ TEST(Mutation, HFSPlusVolumes)
 
 TEST(Mutation, PartitionSectors)
 {
-    // An MBR with an extended partition, and later a GPT beside it, of which the damage makes one or the other.
-    auto disk = smallCard(FileSystemType::fat12);
-    auto& bytes = disk.bytes();
-    bytes.insert(bytes.begin(), 64 * 512, std::uint8_t { 0 });
-    const struct {
-        std::uint64_t sector, slot, type, first, count;
-    } partitions[] = { { 0, 0, 0x01, 64, 120 }, { 0, 1, 0x05, 40, 20 }, { 40, 0, 0x0B, 24, 100 }, { 40, 1, 0x05, 4, 4 },
-        { 44, 0, 0x0B, 24, 100 }, { 44, 1, 0x05, 4, 4 } };
-    for (const auto& [sector, slot, type, first, count] : partitions) {
-        const auto at = sector * 512 + 446 + slot * 16;
-        putLE(bytes, at + 4, type, 1);
-        putLE(bytes, at + 8, first, 4);
-        putLE(bytes, at + 12, count, 4);
-        putLE(bytes, sector * 512 + 510, 0xAA55, 2);
+    PartitionImage disk(256_KiB);
+    disk.gpt({ { basicDataGUID, 64, 200 }, { basicDataGUID, 210, 400 } });
+    disk.mbr({ { 0x01, 64, 120 }, { 0x05, 40, 20 } });
+    for (const std::uint64_t lba : { 40, 44 })
+        disk.ebr(lba, { { 0x0B, 24, 100 }, { 0x05, 4, 4 } });
+    disk.volume(64, FileSystemType::fat12);
+    std::mt19937 random(99);
+    for (int round = 0; round < 1500; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        auto bytes = disk.source()->read(0, 256_KiB, ReadMode::thorough);
+        // Half of them are an MBR alone: without its header there is no GPT.
+        if (round % 2 == 0)
+            bytes[512] = 0;
+        damage(bytes, 48 * 512, random);
+        ASSERT_NO_FATAL_FAILURE(exercise(bytes));
     }
-    exerciseDamaged(disk, 48 * 512, 750, 99);
-    disk.write(512, bytesOf("EFI PART"));
-    putLE(bytes, 512 + 72, 2, 8);
-    putLE(bytes, 512 + 80, 128, 4);
-    putLE(bytes, 512 + 84, 128, 4);
-    for (std::uint64_t slot = 1024; slot < 1024 + 4 * 128; slot += 128) {
-        putLE(bytes, slot, 1, 1);
-        putLE(bytes, slot + 32, 64, 8);
-        putLE(bytes, slot + 40, 200, 8);
-    }
-    exerciseDamaged(disk, 48 * 512, 750, 100);
 }
 
 TEST(Mutation, CompressedData)

@@ -69,8 +69,7 @@ TEST(RangeMap, PictureShowsTheWorstInEachCell)
     map.set(19, 1, bad);
     map.set(30, 5, nonScraped);
     map.set(35, 5, nonTried);
-    map.set(40, 5, nonTrimmed);
-    map.set(45, 5, nonScraped);
+    map.set(45, 5, nonTrimmed);
     EXPECT_EQ(map.cells(10),
         (Statuses {
             finished, bad, finished, nonScraped, nonTrimmed, finished, finished, finished, nonTried, nonTried }));
