@@ -1,23 +1,8 @@
 #include "Tests/Images/FATImage.h"
 
-#include "Tests/Support/TestSource.h"
-
-#include <algorithm>
 #include <stdexcept>
 
 namespace {
-
-void put(Bytes& bytes, std::uint64_t at, std::uint64_t value, int width)
-{
-    for (int i = 0; i < width; ++i)
-        bytes.at(at + static_cast<std::uint64_t>(i)) = static_cast<std::uint8_t>(value >> 8 * i);
-}
-
-void put(Bytes& bytes, std::uint64_t at, std::string_view text)
-{
-    for (const char character : text)
-        bytes.at(at++) = static_cast<std::uint8_t>(character);
-}
 
 std::uint8_t checksumOf(std::string_view name)
 {
@@ -27,57 +12,45 @@ std::uint8_t checksumOf(std::string_view name)
     return static_cast<std::uint8_t>(sum);
 }
 
-std::uint32_t fewestClusters(FileSystemType type)
-{
-    return type == FileSystemType::fat16 ? 4085 : 400; // FAT32 is told by its fields, however few its clusters
-}
-
 } // namespace
 
 FATImage::FATImage(const Options& options)
-    : options_(options)
+    : type_(options.type)
+    , clusterSize_(options.sectorsPerCluster * 512)
 {
-    if (options_.clusters == 0)
-        options_.clusters = fewestClusters(options_.type);
-    const std::uint64_t bits = options_.type == FileSystemType::fat12 ? 12 : isFAT32() ? 32 : 16;
-    fatSectors_ = ((options_.clusters + 2) * bits / 8 + 512) / 512;
-    const std::uint64_t rootSectors = isFAT32() ? 0 : rootEntries * 32 / 512;
-    const std::uint64_t dataSector = reservedSectors + fatCount * fatSectors_ + rootSectors;
+    // FAT32 is told by its fields, however few its clusters.
+    const std::uint64_t fewest = type_ == FileSystemType::fat16 ? 4085 : 400;
+    const std::uint64_t clusters = options.clusters != 0 ? options.clusters : fewest;
+    const std::uint64_t bits = type_ == FileSystemType::fat12 ? 12 : isFAT32() ? 32 : 16;
+    fatSectors_ = ((clusters + 2) * bits / 8 + 512) / 512;
+    const std::uint64_t dataSector = reservedSectors + 2 * fatSectors_ + (isFAT32() ? 0 : rootEntries * 32 / 512);
     dataOffset_ = dataSector * 512;
-    const std::uint64_t totalSectors = dataSector + std::uint64_t { options_.clusters } * options_.sectorsPerCluster;
+    const std::uint64_t totalSectors = dataSector + clusters * options.sectorsPerCluster;
     bytes_.resize(totalSectors * 512);
-    writeBootSector(totalSectors);
-    setFAT(0, endMark() & ~7u);
-    setFAT(1, endMark());
-    if (isFAT32())
-        allocate(1);
-}
 
-void FATImage::writeBootSector(std::uint64_t totalSectors)
-{
-    put(bytes_, 0,
-        "\xEB\x58\x90"
-        "TESTDISK");
-    put(bytes_, 11, 512, 2);
-    put(bytes_, 13, options_.sectorsPerCluster, 1);
-    put(bytes_, 14, reservedSectors, 2);
-    put(bytes_, 16, fatCount, 1);
-    put(bytes_, 17, isFAT32() ? 0 : rootEntries, 2);
-    put(bytes_, 21, 0xF8, 1);
-    put(bytes_, 22, isFAT32() ? 0 : fatSectors_, 2);
-    put(bytes_, 32, totalSectors, 4);
+    write(0, bytesOf("\xEB\x58\x90"));
+    putLE(bytes_, 11, 512, 2);
+    putLE(bytes_, 13, options.sectorsPerCluster, 1);
+    putLE(bytes_, 14, reservedSectors, 2);
+    putLE(bytes_, 16, 2, 1); // FATs
+    putLE(bytes_, 32, totalSectors, 4);
     if (isFAT32()) {
-        put(bytes_, 36, fatSectors_, 4);
-        put(bytes_, 44, 2, 4);
+        putLE(bytes_, 36, fatSectors_, 4);
+        putLE(bytes_, 44, allocate(1), 4);
+    } else {
+        putLE(bytes_, 17, rootEntries, 2);
+        putLE(bytes_, 22, fatSectors_, 2);
     }
-    put(bytes_, isFAT32() ? 71 : 43, options_.label);
-    put(bytes_, 510, 0xAA55, 2);
+    write(isFAT32() ? 71 : 43, bytesOf(options.label));
+    putLE(bytes_, 510, 0xAA55, 2);
+    setFAT(0, endMark());
+    setFAT(1, endMark());
 }
 
-std::uint32_t FATImage::allocate(std::uint32_t count)
+std::uint32_t FATImage::allocate(std::uint64_t count)
 {
     const std::uint32_t first = nextCluster_;
-    nextCluster_ += count;
+    nextCluster_ += static_cast<std::uint32_t>(count);
     for (std::uint32_t cluster = first; cluster < nextCluster_; ++cluster)
         setFAT(cluster, cluster + 1 < nextCluster_ ? cluster + 1 : endMark());
     return first;
@@ -85,41 +58,36 @@ std::uint32_t FATImage::allocate(std::uint32_t count)
 
 void FATImage::addEntry(std::uint32_t folder, const Entry& entry)
 {
+    if (entry.name.size() != 11)
+        throw std::logic_error("a short name has eleven bytes: " + entry.name);
     std::size_t& number = entryCount_[folder];
     const std::size_t pieces = (entry.longName.size() + 12) / 13;
     for (std::size_t piece = pieces; piece > 0; --piece) {
         const std::uint64_t at = entryOffset(folder, number++);
-        put(bytes_, at, piece | (piece == pieces ? 0x40 : 0), 1);
-        put(bytes_, at + 11, 0x0F, 1);
-        put(bytes_, at + 13, checksumOf(entry.name), 1);
-        constexpr int places[] = { 1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30 };
-        std::size_t unit = (piece - 1) * 13;
-        for (const int place : places) {
-            const auto value = unit < entry.longName.size() ? entry.longName[unit]
-                : unit == entry.longName.size()             ? u'\0'
-                                                            : u'\uFFFF';
-            put(bytes_, at + static_cast<std::uint64_t>(place), value, 2);
-            ++unit;
-        }
+        putLE(bytes_, at, piece | (piece == pieces ? 0x40 : 0), 1);
+        putLE(bytes_, at + 11, 0x0F, 1);
+        putLE(bytes_, at + 13, checksumOf(entry.name), 1);
+        auto units = entry.longName.substr((piece - 1) * 13, 13) + u'\0';
+        units.resize(14, u'\uFFFF');
+        std::size_t unit = 0;
+        for (const std::uint64_t place : { 1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30 })
+            putLE(bytes_, at + place, units[unit++], 2);
     }
     const std::uint64_t at = entryOffset(folder, number++);
-    if (entry.name.size() != 11)
-        throw std::logic_error("a short name has eleven bytes: " + entry.name);
-    put(bytes_, at, entry.name);
-    put(bytes_, at + 11, entry.attributes, 1);
-    put(bytes_, at + 12, entry.caseFlags, 1);
-    put(bytes_, at + 20, isFAT32() ? entry.cluster >> 16 : 0, 2);
-    put(bytes_, at + 22, entry.modifiedTime, 2);
-    put(bytes_, at + 24, entry.modifiedDate, 2);
-    put(bytes_, at + 26, entry.cluster & 0xFFFF, 2);
-    put(bytes_, at + 28, entry.size, 4);
+    write(at, bytesOf(entry.name));
+    putLE(bytes_, at + 11, entry.attributes, 1);
+    putLE(bytes_, at + 12, entry.caseFlags, 1);
+    putLE(bytes_, at + 20, isFAT32() ? entry.cluster >> 16 : 0, 2);
+    putLE(bytes_, at + 22, 0x5B436000, 4); // 3 October 2025, 12:00:00
+    putLE(bytes_, at + 26, entry.cluster & 0xFFFF, 2);
+    putLE(bytes_, at + 28, entry.size, 4);
 }
 
 std::uint32_t FATImage::addFile(std::uint32_t folder, Entry entry, const Bytes& content)
 {
     entry.size = static_cast<std::uint32_t>(content.size());
     if (!content.empty()) {
-        entry.cluster = allocate(static_cast<std::uint32_t>((content.size() + clusterSize() - 1) / clusterSize()));
+        entry.cluster = allocate((content.size() + clusterSize_ - 1) / clusterSize_);
         write(offsetOf(entry.cluster), content);
     }
     addEntry(folder, entry);
@@ -143,7 +111,12 @@ void FATImage::remove(std::uint32_t folder, std::string_view name)
         const ByteView entry = ByteView(bytes_).sub(static_cast<std::int64_t>(at), 32);
         if (!entry.matches(name, 0) || entry.u8(11) == 0x0F)
             continue;
-        free(entry.u16le(26) | (isFAT32() ? std::uint32_t { entry.u16le(20) } << 16 : 0));
+        std::uint32_t cluster = entry.u16le(26) | (isFAT32() ? std::uint32_t { entry.u16le(20) } << 16 : 0);
+        while (cluster >= 2 && cluster < nextCluster_) {
+            const auto next = fat(cluster);
+            setFAT(cluster, 0);
+            cluster = next;
+        }
         bytes_[at] = 0xE5;
         while (number > 0 && bytes_[entryOffset(folder, number - 1) + 11] == 0x0F)
             bytes_[entryOffset(folder, --number)] = 0xE5;
@@ -152,70 +125,39 @@ void FATImage::remove(std::uint32_t folder, std::string_view name)
     throw std::logic_error("no such entry: " + std::string(name));
 }
 
-void FATImage::free(std::uint32_t cluster)
-{
-    while (cluster >= 2 && cluster < options_.clusters + 2) {
-        const auto next = fat(cluster);
-        setFAT(cluster, 0);
-        cluster = next;
-    }
-}
-
 std::uint32_t FATImage::fat(std::uint32_t cluster) const
 {
-    const ByteView table
-        = ByteView(bytes_).sub(static_cast<std::int64_t>(fatOffset()), static_cast<std::int64_t>(fatSize()));
-    switch (options_.type) {
-    case FileSystemType::fat12:
-        return table.u16le(cluster * 3 / 2) >> (cluster % 2 != 0 ? 4 : 0) & 0xFFF;
-    case FileSystemType::fat16:
-        return table.u16le(cluster * 2);
-    default:
-        return table.u32le(cluster * 4);
-    }
+    const auto table = ByteView(bytes_).sub(fatOffset(), static_cast<std::int64_t>(fatSize()));
+    if (type_ == FileSystemType::fat12)
+        return table.u16le(cluster * 3 / 2) >> cluster % 2 * 4 & 0xFFF;
+    return isFAT32() ? table.u32le(cluster * 4) : table.u16le(cluster * 2);
 }
 
 void FATImage::setFAT(std::uint32_t cluster, std::uint32_t value)
 {
-    for (std::uint32_t copy = 0; copy < fatCount; ++copy) {
-        const std::uint64_t table = fatOffset() + copy * fatSize();
-        switch (options_.type) {
-        case FileSystemType::fat12: {
+    for (const auto table : { fatOffset(), fatOffset() + fatSize() }) {
+        if (type_ == FileSystemType::fat12) {
             const std::uint64_t at = table + cluster * 3 / 2;
             const std::uint32_t old = ByteView(bytes_).u16le(static_cast<std::int64_t>(at));
-            put(bytes_, at, cluster % 2 != 0 ? (old & 0x000F) | value << 4 : (old & 0xF000) | (value & 0xFFF), 2);
-            break;
-        }
-        case FileSystemType::fat16:
-            put(bytes_, table + cluster * 2, value, 2);
-            break;
-        default:
-            put(bytes_, table + cluster * 4, value, 4);
+            putLE(bytes_, at, cluster % 2 != 0 ? (old & 0x000F) | value << 4 : (old & 0xF000) | value, 2);
+        } else {
+            const int width = isFAT32() ? 4 : 2;
+            putLE(bytes_, table + cluster * static_cast<unsigned>(width), value, width);
         }
     }
 }
 
 std::uint32_t FATImage::endMark() const
 {
-    return options_.type == FileSystemType::fat12 ? 0xFFF : isFAT32() ? 0x0FFFFFFF : 0xFFFF;
+    return type_ == FileSystemType::fat12 ? 0xFF8 : isFAT32() ? 0x0FFFFFF8 : 0xFFF8;
 }
-
-std::uint64_t FATImage::offsetOf(std::uint32_t cluster) const { return dataOffset_ + (cluster - 2) * clusterSize(); }
 
 std::uint64_t FATImage::entryOffset(std::uint32_t folder, std::size_t number) const
 {
     if (folder == root && !isFAT32())
-        return fatOffset() + fatCount * fatSize() + number * 32;
+        return fatOffset() + 2 * fatSize() + number * 32;
     std::uint32_t cluster = folder == root ? 2 : folder;
-    for (std::size_t left = number * 32 / clusterSize(); left > 0; --left)
+    for (std::size_t left = number * 32 / clusterSize_; left > 0; --left)
         cluster = fat(cluster);
-    return offsetOf(cluster) + number * 32 % clusterSize();
+    return offsetOf(cluster) + number * 32 % clusterSize_;
 }
-
-void FATImage::write(std::uint64_t offset, const Bytes& content)
-{
-    for (const auto byte : content)
-        bytes_.at(offset++) = byte;
-}
-
-std::unique_ptr<DiskSource> FATImage::source() const { return makeSource(bytes_); }

@@ -1,17 +1,14 @@
 #pragma once
 
-#include "VintrelCore/Binary.h"
-#include "VintrelCore/DiskSource.h"
+#include "Tests/Images/DiskImage.h"
 #include "VintrelCore/Model.h"
 
-#include <cstdint>
 #include <map>
-#include <memory>
 #include <string>
 #include <string_view>
 
 /// Builds a FAT volume in memory, entry by entry, sound or damaged. Sectors have 512 bytes.
-class FATImage {
+class FATImage : public DiskImage {
 public:
     struct Options {
         FileSystemType type = FileSystemType::fat16;
@@ -25,8 +22,6 @@ public:
         std::u16string longName = {}; ///< none: no pieces
         std::uint8_t attributes = 0x20;
         std::uint8_t caseFlags = 0;
-        std::uint16_t modifiedDate = 0x5B43; ///< 3 October 2025
-        std::uint16_t modifiedTime = 0x6000; ///< 12:00:00
         std::uint32_t cluster = 0;
         std::uint32_t size = 0;
     };
@@ -35,50 +30,38 @@ public:
     static constexpr std::uint32_t root = 0;
 
     explicit FATImage(const Options& options);
-    FATImage()
-        : FATImage(Options {})
-    {
-    }
 
-    /// Takes the next `count` clusters that nobody has and chains them.
-    std::uint32_t allocate(std::uint32_t count);
     /// Adds an entry with its long-name pieces. The folder must have room.
     void addEntry(std::uint32_t folder, const Entry& entry);
-    /// Adds a file with this content and returns its first cluster.
+    /// Adds a file with this content, in the next clusters that nobody has, and returns its first cluster.
     std::uint32_t addFile(std::uint32_t folder, Entry entry, const Bytes& content);
     /// Adds a folder with "." and ".." and returns its first cluster.
     std::uint32_t addFolder(std::uint32_t folder, Entry entry, std::uint32_t clusters = 1);
     /// Deletes as systems do: marks the entry and its pieces, and frees the chain.
     void remove(std::uint32_t folder, std::string_view name);
 
-    std::uint32_t fat(std::uint32_t cluster) const;
     void setFAT(std::uint32_t cluster, std::uint32_t value);
-    /// A value of the FAT that ends a chain.
+    /// A value of the FAT that ends a chain: the lowest one.
     std::uint32_t endMark() const;
 
-    std::uint64_t offsetOf(std::uint32_t cluster) const;
+    std::uint64_t offsetOf(std::uint32_t cluster) const { return dataOffset_ + (cluster - 2) * clusterSize_; }
     std::uint64_t fatOffset() const { return reservedSectors * 512; }
     std::uint64_t fatSize() const { return fatSectors_ * 512; }
-    std::uint64_t clusterSize() const { return options_.sectorsPerCluster * 512; }
     /// The place of an entry of a folder, by its number.
     std::uint64_t entryOffset(std::uint32_t folder, std::size_t number) const;
-    void write(std::uint64_t offset, const Bytes& content);
-    Bytes& bytes() { return bytes_; }
-    std::unique_ptr<DiskSource> source() const;
 
 private:
     static constexpr std::uint64_t reservedSectors = 32;
     static constexpr std::uint64_t rootEntries = 512;
-    static constexpr std::uint32_t fatCount = 2;
 
-    bool isFAT32() const { return options_.type == FileSystemType::fat32; }
-    void writeBootSector(std::uint64_t totalSectors);
-    void free(std::uint32_t cluster);
+    bool isFAT32() const { return type_ == FileSystemType::fat32; }
+    std::uint32_t fat(std::uint32_t cluster) const;
+    std::uint32_t allocate(std::uint64_t count);
 
-    Options options_;
+    FileSystemType type_;
+    std::uint64_t clusterSize_;
     std::uint64_t fatSectors_ = 0;
     std::uint64_t dataOffset_ = 0;
     std::uint32_t nextCluster_ = 2;
     std::map<std::uint32_t, std::size_t> entryCount_; // by folder
-    Bytes bytes_;
 };

@@ -1,37 +1,44 @@
 #include "Tests/Images/HFSPlusImage.h"
 
-#include "Tests/Support/TestSource.h"
-
 #include <algorithm>
 #include <stdexcept>
 
 namespace {
 
-constexpr std::uint32_t treeBytes = 16 * HFSPlusImage::nodeSize;
-
-void put(Bytes& bytes, std::uint64_t at, std::uint64_t value, int width)
-{
-    for (int i = width - 1; i >= 0; --i)
-        bytes.at(at++) = static_cast<std::uint8_t>(value >> 8 * i);
-}
+constexpr std::uint32_t blocks = 400;
+constexpr std::uint32_t catalogNodes = 16;
+constexpr std::uint32_t extentsNodes = 4;
 
 void append(Bytes& bytes, std::uint64_t value, int width)
 {
     bytes.resize(bytes.size() + static_cast<std::size_t>(width));
-    put(bytes, bytes.size() - static_cast<std::size_t>(width), value, width);
+    putBE(bytes, bytes.size() - static_cast<std::size_t>(width), value, width);
+}
+
+void appendName(Bytes& bytes, const std::u16string& name)
+{
+    append(bytes, name.size(), 2);
+    for (const auto unit : name)
+        append(bytes, unit, 2);
+}
+
+void putRuns(Bytes& bytes, std::uint64_t at, const std::vector<HFSPlusImage::Run>& runs)
+{
+    for (const auto& [start, count] : runs) {
+        putBE(bytes, at, start, 4);
+        putBE(bytes, at + 4, count, 4);
+        at += 8;
+    }
 }
 
 void putFork(Bytes& bytes, std::uint64_t at, std::uint64_t size, const std::vector<HFSPlusImage::Run>& runs)
 {
-    put(bytes, at, size, 8);
-    std::uint32_t blocks = 0;
+    std::uint32_t count = 0;
     for (const auto& run : runs)
-        blocks += run.count;
-    put(bytes, at + 12, blocks, 4);
-    for (std::size_t i = 0; i < runs.size(); ++i) {
-        put(bytes, at + 16 + 8 * i, runs[i].start, 4);
-        put(bytes, at + 20 + 8 * i, runs[i].count, 4);
-    }
+        count += run.count;
+    putBE(bytes, at, size, 8);
+    putBE(bytes, at + 12, count, 4);
+    putRuns(bytes, at + 16, runs);
 }
 
 Bytes encoded(const HFSPlusImage::Record& record)
@@ -39,20 +46,18 @@ Bytes encoded(const HFSPlusImage::Record& record)
     Bytes bytes;
     append(bytes, 6 + 2 * record.name.size(), 2);
     append(bytes, record.parent, 4);
-    append(bytes, record.name.size(), 2);
-    for (const auto unit : record.name)
-        append(bytes, unit, 2);
+    appendName(bytes, record.name);
     const auto at = bytes.size();
     bytes.resize(at + (record.isFolder ? 88 : 248));
-    put(bytes, at, record.isFolder ? 1 : 2, 2);
-    put(bytes, at + 8, record.id, 4);
-    put(bytes, at + 16, record.modified, 4);
-    put(bytes, at + 41, record.ownerFlags, 1);
+    putBE(bytes, at, record.isFolder ? 1 : 2, 2);
+    putBE(bytes, at + 8, record.id, 4);
+    putBE(bytes, at + 16, record.modified, 4);
+    putBE(bytes, at + 41, record.ownerFlags, 1);
     if (record.isFolder)
         return bytes;
     if (record.linkTo != 0) {
-        put(bytes, at + 44, record.linkTo, 4);
-        put(bytes, at + 48, 0x686C6E6B6866732B, 8);
+        putBE(bytes, at + 44, record.linkTo, 4);
+        putBE(bytes, at + 48, 0x686C6E6B6866732B, 8);
     }
     putFork(bytes, at + 88, record.size, record.runs);
     putFork(bytes, at + 168, record.resourceSize, {});
@@ -67,81 +72,76 @@ Bytes encodedThread(const HFSPlusImage::Record& record)
     append(bytes, record.id, 4);
     append(bytes, 0, 2);
     append(bytes, record.isFolder ? 3 : 4, 2);
-    append(bytes, 0, 2);
-    append(bytes, record.parent, 4);
-    append(bytes, record.name.size(), 2);
-    for (const auto unit : record.name)
-        append(bytes, unit, 2);
+    append(bytes, record.parent, 6);
+    appendName(bytes, record.name);
     return bytes;
 }
 
 } // namespace
 
-HFSPlusImage::HFSPlusImage(std::uint32_t blocks, bool isHFSX)
-    : bytes_(std::size_t { blocks } * blockSize)
+HFSPlusImage::HFSPlusImage(bool isHFSX)
 {
-    put(bytes_, 1024, isHFSX ? 0x48580005 : 0x482B0004, 4);
-    put(bytes_, 1024 + 40, blockSize, 4);
-    put(bytes_, 1024 + 44, blocks, 4);
-    put(bytes_, 1024 + 64, 1000, 4); // the next catalog node ID
+    bytes_.resize(blocks * blockSize);
+    putBE(bytes_, 1024, isHFSX ? 0x48580005 : 0x482B0004, 4);
+    putBE(bytes_, 1024 + 40, blockSize, 4);
+    putBE(bytes_, 1024 + 44, blocks, 4);
+    putBE(bytes_, 1024 + 64, 1000, 4); // the next catalog node ID
     putFork(bytes_, 1024 + 112, blocks / 8, { { allocationBlock, 1 } });
-    putFork(bytes_, 1024 + 192, 4 * nodeSize, { { extentsBlock, 8 } });
-    putFork(bytes_, 1024 + 272, treeBytes, { { catalogBlock, treeBytes / blockSize } });
-    writeTreeHeader(offsetOf(extentsBlock), 1, false);
-    writeTreeHeader(offsetOf(catalogBlock), 2, true);
-    for (std::uint32_t block = 0; block < firstFree; ++block)
-        setAllocated(block, true);
-}
-
-void HFSPlusImage::writeTreeHeader(std::uint64_t at, std::uint32_t firstLeaf, bool isCatalog)
-{
-    put(bytes_, at + 8, 1, 1);
-    put(bytes_, at + 16, isCatalog ? 1 : 0, 4);
-    put(bytes_, at + 24, firstLeaf, 4);
-    put(bytes_, at + 32, nodeSize, 2);
-    put(bytes_, at + 10, 3, 2);
-    put(bytes_, at + 14, isCatalog ? 2 : 0, 2); // depth: an index node above the leaves
-    put(bytes_, at + 34, isCatalog ? 516 : 10, 2);
-    put(bytes_, at + 36, isCatalog ? treeBytes / nodeSize : 4, 4);
-    put(bytes_, at + 51, isCatalog ? 0xCF : 0, 1);
-    put(bytes_, at + 52, isCatalog ? 6 : 2, 4); // long keys, in the index too of varying length
+    putFork(bytes_, 1024 + 192, extentsNodes * nodeSize, { { extentsBlock, 2 * extentsNodes } });
+    putFork(bytes_, 1024 + 272, catalogNodes * nodeSize, { { catalogBlock, 2 * catalogNodes } });
+    for (const auto at : { offsetOf(extentsBlock), nodeOffset(0) }) {
+        const bool isCatalog = at == nodeOffset(0);
+        putBE(bytes_, at + 8, 1, 1);
+        putBE(bytes_, at + 10, 3, 2);
+        putBE(bytes_, at + 14, isCatalog ? 2 : 0, 2); // depth: an index node above the leaves
+        putBE(bytes_, at + 16, isCatalog ? 1 : 0, 4);
+        putBE(bytes_, at + 24, isCatalog ? 2 : 1, 4);
+        putBE(bytes_, at + 32, nodeSize, 2);
+        putBE(bytes_, at + 34, isCatalog ? 516 : 10, 2);
+        putBE(bytes_, at + 36, isCatalog ? catalogNodes : extentsNodes, 4);
+        putBE(bytes_, at + 51, isCatalog ? 0xCF : 0, 1);
+        putBE(bytes_, at + 52, isCatalog ? 6 : 2, 4); // long keys, in the index too of varying length
+    }
+    for (std::uint32_t block = 0; block < 96; ++block)
+        setAllocated(block);
 }
 
 void HFSPlusImage::writeNode(std::uint64_t at, std::uint8_t kind, const std::vector<Bytes>& records)
 {
-    put(bytes_, at + 8, kind, 1);
-    put(bytes_, at + 10, records.size(), 2);
+    putBE(bytes_, at + 8, kind, 1);
+    putBE(bytes_, at + 10, records.size(), 2);
     std::uint64_t offset = 14;
-    for (std::size_t i = 0; i <= records.size(); ++i) {
-        put(bytes_, at + nodeSize - 2 * (i + 1), offset, 2);
-        if (i == records.size())
-            break;
-        write(at + offset, records[i]);
-        offset += records[i].size();
+    auto slot = at + nodeSize - 2; // of the record's offset; they stand backwards, and the last is the end's
+    for (const auto& record : records) {
+        putBE(bytes_, slot, offset, 2);
+        write(at + offset, record);
+        offset += record.size();
+        slot -= 2;
     }
-    if (offset + 2 * (records.size() + 1) > nodeSize)
+    putBE(bytes_, slot, offset, 2);
+    if (at + offset > slot)
         throw std::logic_error("too many records for a node");
 }
 
 void HFSPlusImage::setLeaf(std::uint32_t node, const std::vector<Record>& records, const std::vector<Record>& threads)
 {
     std::vector<Bytes> all;
-    for (const auto& record : threads)
-        all.push_back(encodedThread(record));
-    for (const auto& record : records)
-        all.push_back(encoded(record));
+    std::ranges::transform(threads, std::back_inserter(all), encodedThread);
+    std::ranges::transform(records, std::back_inserter(all), encoded);
     std::ranges::stable_sort(all, {}, [](const Bytes& record) { return ByteView(record).u32be(2); }); // by parent
     writeNode(nodeOffset(node), 0xFF, all);
 }
 
-void HFSPlusImage::chain(const std::vector<std::uint32_t>& nodes)
+void HFSPlusImage::chain(const std::vector<std::uint8_t>& nodes)
 {
-    put(bytes_, nodeOffset(0) + 24, nodes.front(), 4);
     std::vector<Bytes> index;
-    for (std::size_t i = 0; i < nodes.size(); ++i) {
-        put(bytes_, nodeOffset(nodes[i]), i + 1 < nodes.size() ? nodes[i + 1] : 0, 4);
-        index.push_back({ 0, 6, 0, 0, 0, 0, 0, 0, 0, 0, 0, static_cast<std::uint8_t>(nodes[i]) });
+    std::uint64_t link = nodeOffset(0) + 24;
+    for (const auto node : nodes) {
+        putBE(bytes_, link, node, 4);
+        link = nodeOffset(node);
+        index.push_back({ 0, 6, 0, 0, 0, 0, 0, 0, 0, 0, 0, node });
     }
+    putBE(bytes_, link, 0, 4);
     writeNode(nodeOffset(1), 0x00, index);
 }
 
@@ -149,30 +149,17 @@ void HFSPlusImage::addOverflow(std::uint32_t fileID, std::uint32_t startBlock, c
 {
     Bytes record;
     append(record, 10, 2);
-    append(record, 0, 2);
-    append(record, fileID, 4);
+    append(record, fileID, 6);
     append(record, startBlock, 4);
     record.resize(12 + 64);
-    for (std::size_t i = 0; i < runs.size(); ++i) {
-        put(record, 12 + 8 * i, runs[i].start, 4);
-        put(record, 16 + 8 * i, runs[i].count, 4);
-    }
+    putRuns(record, 12, runs);
     overflow_.push_back(record);
-    put(bytes_, offsetOf(extentsBlock) + 16, 1, 4);
+    putBE(bytes_, offsetOf(extentsBlock) + 16, 1, 4);
     writeNode(offsetOf(extentsBlock) + nodeSize, 0xFF, overflow_);
 }
 
-void HFSPlusImage::setAllocated(std::uint32_t block, bool isAllocated)
+void HFSPlusImage::setAllocated(std::uint32_t block)
 {
     auto& byte = bytes_.at(offsetOf(allocationBlock) + block / 8);
-    const auto bit = static_cast<std::uint8_t>(0x80 >> block % 8);
-    byte = static_cast<std::uint8_t>(isAllocated ? byte | bit : byte & ~bit);
+    byte = static_cast<std::uint8_t>(byte | 0x80 >> block % 8);
 }
-
-void HFSPlusImage::write(std::uint64_t offset, const Bytes& content)
-{
-    for (const auto byte : content)
-        bytes_.at(offset++) = byte;
-}
-
-std::unique_ptr<DiskSource> HFSPlusImage::source() const { return makeSource(bytes_); }

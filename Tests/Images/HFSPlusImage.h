@@ -1,17 +1,13 @@
 #pragma once
 
-#include "VintrelCore/Binary.h"
-#include "VintrelCore/DiskSource.h"
+#include "Tests/Images/DiskImage.h"
 
-#include <cstdint>
-#include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 /// Builds an HFS+ volume in memory from lists of records: which leaf node of the catalog each lies in is the test's
 /// choice, and so are the nodes that the tree has given up.
-class HFSPlusImage {
+class HFSPlusImage : public DiskImage {
 public:
     struct Run {
         std::uint32_t start, count;
@@ -30,38 +26,29 @@ public:
         std::uint32_t linkTo = 0; ///< not 0: a hard link to this iNode file
     };
 
-    /// Blocks of 512 bytes; the metadata files lie in the first 96.
-    static constexpr std::uint32_t blockSize = 512;
-    static constexpr std::uint32_t firstFree = 96;
-    static constexpr std::uint32_t nodeSize = 1024;
-
-    explicit HFSPlusImage(std::uint32_t blocks = 400, bool isHFSX = false);
+    /// 400 blocks; the metadata files lie in the first 96.
+    explicit HFSPlusImage(bool isHFSX = false);
 
     /// Puts the records into a leaf node of the catalog, from 2 on, and with them the thread records of some, which
     /// other systems want to see.
     void setLeaf(std::uint32_t node, const std::vector<Record>& records, const std::vector<Record>& threads = {});
     /// Chains the leaves that are part of the tree, and lists them in the index node, number 1.
-    void chain(const std::vector<std::uint32_t>& nodes);
+    void chain(const std::vector<std::uint8_t>& nodes);
     void addOverflow(std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Run>& runs);
-    void setAllocated(std::uint32_t block, bool isAllocated);
-    void write(std::uint64_t offset, const Bytes& content);
+    /// Blocks are free until they are said to be in use.
+    void setAllocated(std::uint32_t block);
 
-    static std::uint64_t nodeOffset(std::uint32_t node)
-    {
-        return (catalogBlock * blockSize) + node * std::uint64_t { nodeSize };
-    }
-    static std::uint64_t offsetOf(std::uint32_t block) { return std::uint64_t { block } * blockSize; }
-    Bytes& bytes() { return bytes_; }
-    std::unique_ptr<DiskSource> source() const;
-
+    static constexpr std::uint64_t blockSize = 512;
+    static constexpr std::uint64_t nodeSize = 1024;
     static constexpr std::uint32_t allocationBlock = 4;
+    static constexpr std::uint64_t offsetOf(std::uint32_t block) { return block * blockSize; }
+    static constexpr std::uint64_t nodeOffset(std::uint32_t node) { return offsetOf(catalogBlock) + node * nodeSize; }
+
+private:
     static constexpr std::uint32_t extentsBlock = 8;
     static constexpr std::uint32_t catalogBlock = 16;
 
-private:
-    void writeTreeHeader(std::uint64_t at, std::uint32_t firstLeaf, bool isCatalog);
     void writeNode(std::uint64_t at, std::uint8_t kind, const std::vector<Bytes>& records);
 
-    Bytes bytes_;
     std::vector<Bytes> overflow_;
 };

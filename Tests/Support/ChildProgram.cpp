@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <thread>
@@ -18,12 +17,10 @@ ChildProgram::ChildProgram(
 {
     // Everything is ready before the fork: between it and exec little is allowed.
     std::vector<const char*> words { VINTREL_PROGRAM };
-    words.reserve(arguments.size() + 2);
     for (const auto& argument : arguments)
         words.push_back(argument.c_str());
     words.push_back(nullptr);
     std::vector<const char*> variables;
-    variables.reserve(environment.size());
     for (const auto& variable : environment)
         variables.push_back(variable.c_str());
     for (char** variable = environ; *variable != nullptr; ++variable)
@@ -34,6 +31,7 @@ ChildProgram::ChildProgram(
     if (process_ < 0)
         throw std::runtime_error("no child process");
     if (process_ == 0) {
+        ::signal(SIGINT, SIG_DFL); // a shell ignores it in what it runs in the background
         const int file = ::open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ::dup2(file, STDOUT_FILENO);
         ::dup2(file, STDERR_FILENO);
@@ -44,25 +42,14 @@ ChildProgram::ChildProgram(
 
 ChildProgram::~ChildProgram()
 {
-    if (!hasEnded(WNOHANG)) {
-        signal(SIGKILL);
-        hasEnded(0);
-    }
+    signal(SIGKILL);
+    hasEnded(0);
 }
 
 void ChildProgram::signal(int number) const
 {
     if (!hasEnded_)
         ::kill(process_, number);
-}
-
-bool ChildProgram::catches(int number) const
-{
-    std::ifstream file("/proc/" + std::to_string(process_) + "/status");
-    std::string field;
-    while (file >> field && field != "SigCgt:") { }
-    std::uint64_t signals = 0;
-    return file >> std::hex >> signals && (signals >> (number - 1) & 1) != 0;
 }
 
 bool ChildProgram::runsUntil(const std::function<bool()>& condition)
@@ -94,7 +81,8 @@ bool ChildProgram::hasEnded(int options)
     return hasEnded_;
 }
 
-std::vector<std::string> faultyDisk(const std::string& path, const std::string& faults)
+std::vector<std::string> faultyDisk(
+    [[maybe_unused]] const std::string& path, [[maybe_unused]] const std::string& faults)
 {
 #ifdef VINTREL_FAULTY_DISK
     // AddressSanitizer wants to be the first library, for reasons that this one does not touch.
@@ -102,8 +90,6 @@ std::vector<std::string> faultyDisk(const std::string& path, const std::string& 
     return { "LD_PRELOAD=" VINTREL_FAULTY_DISK, "FAULTY_FILE=" + path, "FAULTS=" + faults,
         std::string("ASAN_OPTIONS=verify_asan_link_order=0:") + (options != nullptr ? options : "") };
 #else
-    (void)path;
-    (void)faults;
     return {};
 #endif
 }

@@ -16,8 +16,6 @@ public:
     ~ChildProgram();
 
     void signal(int number) const;
-    /// Whether it would handle this signal now. Only where /proc tells.
-    bool catches(int number) const;
     /// Waits until the condition holds. False when the program ends before.
     bool runsUntil(const std::function<bool()>& condition);
     /// Waits for its end. The exit status, or minus the number of the signal that ended it.
