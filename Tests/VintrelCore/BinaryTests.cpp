@@ -73,7 +73,8 @@ TEST(ByteView, DecodesText)
     // Ø, a pair, NUL, A, half a unit.
     const Bytes units { 0xD8, 0x00, 0x3D, 0xD8, 0x00, 0xDE, 0x00, 0x00, 0x41, 0x00, 0x42 };
     EXPECT_EQ(ByteView(units).utf16le(0, 99), std::string("Ø\U0001F600\0A", 8));
-    EXPECT_EQ(ByteView(units).utf16le(0, 2), "Ø\uFFFD"); // the pair is cut in two
+    EXPECT_EQ(ByteView(units).utf16le(0, 2), "Ø\uFFFD");                   // the pair is cut in two
+    EXPECT_EQ(ByteView(units).utf16le(4, 3), std::string("\uFFFD\0A", 5)); // and its other half
     EXPECT_EQ(ByteView(units).utf16be(7, 1), "A");
     EXPECT_EQ(ByteView(units).utf16le(99, 1), "");
 }

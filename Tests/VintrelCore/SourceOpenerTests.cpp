@@ -9,27 +9,22 @@
 
 namespace {
 
-using enum SourceError::Kind;
-
-/// What opening answers: the sentence for the user and its kind, or the name of what was opened.
-using Answer = std::pair<std::string, std::optional<SourceError::Kind>>;
-
-Answer answerTo(const std::string& name, bool isDevice = false)
+/// What opening answers: the sentence for the user, or the name of what was opened.
+std::string answerTo(const std::string& name, bool isDevice = false)
 {
     try {
-        const auto source = isDevice ? SourceOpener::openDevice(name, name) : SourceOpener::openImage(name);
-        return { source->displayName(), std::nullopt };
+        return (isDevice ? SourceOpener::openDevice(name, name) : SourceOpener::openImage(name))->displayName();
     } catch (const SourceError& error) {
-        return { error.what(), error.kind() };
+        return error.what();
     }
 }
 
-Answer refused(const std::string& path, int systemError)
+std::string refused(const std::string& path, int systemError)
 {
-    return { "Kunne ikke åbne " + path + ": " + std::strerror(systemError), openFailed };
+    return "Kunne ikke åbne " + path + ": " + std::strerror(systemError);
 }
 
-Answer missing(const std::string& path) { return { "Filen findes ikke: " + path, notFound }; }
+std::string missing(const std::string& path) { return "Filen findes ikke: " + path; }
 
 } // namespace
 
@@ -44,7 +39,7 @@ TEST(SourceOpener, OpensRegularFiles)
         EXPECT_EQ(source->read(3, 2, ReadMode::thorough), bytesOf("34"));
     }
     std::filesystem::create_symlink("disk4", folder / "link");
-    EXPECT_EQ(answerTo(folder / "link"), (Answer { "link", std::nullopt }));
+    EXPECT_EQ(answerTo(folder / "link"), "link");
 }
 
 TEST(SourceOpener, RefusesEverythingElseWithoutWaiting)
@@ -54,7 +49,7 @@ TEST(SourceOpener, RefusesEverythingElseWithoutWaiting)
     std::filesystem::create_symlink("loop", folder / "loop");
     std::filesystem::create_symlink("nowhere", folder / "dangling");
     writeFile(folder / "file", {});
-    const std::pair<std::string, Answer> cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         { folder.path(), refused(folder.path(), EISDIR) },
         { folder / "pipe", refused(folder / "pipe", ESPIPE) },
         { "/dev/null", refused("/dev/null", ENOTSUP) },
@@ -74,8 +69,8 @@ TEST(SourceOpener, SaysThatAppleImagesCannotBeOpened)
     const TemporaryFolder folder;
     for (const char* name : { "a.DMG", "a.SparseImage", "a.asif", "a.udif", "a.sparsebundle" }) {
         std::filesystem::create_directory(folder / name);
-        const std::string reason = "Apple-diskbilleder kan ikke åbnes endnu (" + folder / name + ").";
-        EXPECT_EQ(answerTo(folder / name), (Answer { "Kunne ikke tilknytte diskbilledet: " + reason, attachFailed }));
+        EXPECT_EQ(answerTo(folder / name),
+            "Kunne ikke tilknytte diskbilledet: Apple-diskbilleder kan ikke åbnes endnu (" + folder / name + ").");
     }
     EXPECT_STREQ(SourceError::authorizationFailed("disk4").what(),
         "Adgang til disk4 blev afvist eller annulleret. Der kræves en administratoradgangskode for at læse fysiske "

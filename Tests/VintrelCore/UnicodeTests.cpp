@@ -41,19 +41,6 @@ TEST(Unicode, EveryCodePointComesBackAndABrokenByteCostsNothingButItself)
         EXPECT_EQ(codePoints(text), points) << text;
 }
 
-TEST(Unicode, DecodesUTF16)
-{
-    const std::pair<std::u16string, std::string> cases[] = {
-        { u"Sm\u00F8r \u20AC", "Smør €" },
-        { { 0xDBFF, 0xDFFF, 'x' }, "\U0010FFFFx" },
-        { { 0xD83D, 'x', 0xD83D }, "\uFFFDx\uFFFD" },
-        { { 0xDE00, 0xD83D, 0xD83D, 0xDE00 }, "\uFFFD\uFFFD\U0001F600" },
-        { { 'a', 0, 'b' }, std::string("a\0b", 3) },
-    };
-    for (const auto& [units, text] : cases)
-        EXPECT_EQ(Unicode::fromUTF16(units), text);
-}
-
 TEST(Unicode, CutsAtEitherEnd)
 {
     // Broken bytes at the end go one at a time, and take no sound character with them.
