@@ -4,6 +4,7 @@
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Images/FATImage.h"
 #include "Tests/Images/HFSPlusImage.h"
+#include "Tests/Images/NTFSImage.h"
 #include "Tests/Images/PartitionImage.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FileReader.h"
@@ -48,6 +49,7 @@ void exercise(const Bytes& bytes)
     for (const auto& volume : result.volumes) {
         const auto totals = volume->root->totals();
         ASSERT_LT(totals.files + totals.folders, bytes.size()) << "more entries than bytes";
+        ASSERT_LT(source->bytesRead(), 64 * bytes.size() + 1_MiB) << "reads without end";
         for (const auto* file : volume->root->allFiles()) {
             std::uint64_t delivered = 0;
             FileReader::stream(*file, *source, 64_KiB, 256_KiB, [&](const FileReader::Piece& piece) {
@@ -97,6 +99,79 @@ FATImage smallCard(FileSystemType type)
     return image;
 }
 
+/// A volume with something of everything: folders in each other, content of every kind, deleted files, extension
+/// records.
+NTFSImage smallNTFSVolume()
+{
+    NTFSImage image({ .clusterSize = 512, .clusters = 400, .records = 48, .mft = { { 16, 33 }, { 60, 63 } } });
+    image.putFolder(20, NTFSImage::root, u"mappe");
+    image.putFolder(21, { 20, 1 }, u"inde i mappen", false, 2);
+    image.putFile(22, { 21, 1 }, u"slettet.txt", patternBytes(1700), false);
+    image.putFile(23, { 20, 1 }, u"lille.txt", bytesOf("lille"));
+    const auto runs = image.store(patternBytes(6000));
+    const std::uint64_t lcn = *runs[0].lcn;
+    const auto file = [&](std::uint64_t number, std::u16string_view name, std::vector<Bytes> attributes) {
+        attributes.insert(attributes.begin(),
+            { NTFSImage::standardInformation(), NTFSImage::fileName(NTFSImage::root, u"KORT~1.TXT", 2),
+                NTFSImage::fileName({ 20, 1 }, name) });
+        image.put(number, { .attributes = std::move(attributes) });
+    };
+    file(24, u"i stykker",
+        { NTFSImage::data(
+            { .runs = { { lcn + 6, 3 }, { std::nullopt, 2 }, { lcn, 4 }, { lcn + 5, 1 } }, .size = 5000 }) });
+    file(25, u"pakket",
+        { NTFSImage::data({ .runs = { { lcn, 4 }, { lcn + 4, 2 }, { std::nullopt, 2 }, { std::nullopt, 4 } },
+            .size = 5500,
+            .initSize = 5000,
+            .flags = 1,
+            .compressionUnit = 2 }) });
+    const auto list = NTFSImage::listContent({ { 0x10, { 26, 1 } }, { 0x30, { 41, 1 } }, { 0x80, { 26, 1 } },
+        { 0x80, { 42, 1 }, 4 }, { 0x80, { 43, 1 }, 8 } });
+    const auto listRuns = image.store(list);
+    file(26, u"lang liste",
+        { NTFSImage::nonResident(0x20, { .runs = listRuns, .size = list.size() }),
+            NTFSImage::data({ .runs = { { lcn, 4 } }, .size = 6000 }) });
+    file(27, u"kort liste",
+        { NTFSImage::attribute(0x20, list), NTFSImage::data({ .runs = { { lcn, 4 } }, .size = 2048 }) });
+    image.put(41, { .base = { 26, 1 }, .attributes = { NTFSImage::fileName(NTFSImage::root, u"andet navn") } });
+    image.put(
+        42, { .base = { 26, 1 }, .attributes = { NTFSImage::data({ .runs = { { lcn + 4, 4 } }, .startVCN = 4 }) } });
+    image.put(
+        43, { .base = { 26, 1 }, .attributes = { NTFSImage::data({ .runs = { { lcn + 8, 4 } }, .startVCN = 8 }) } });
+    for (std::uint64_t number = 28; number < 41; ++number)
+        image.putFile(
+            number, { number % 3 == 0 ? 20u : number - 1, 1 }, u"fil", patternBytes(number * 20), number % 2 == 0);
+    return image;
+}
+
+/// Damages fields of random records of an MFT, which know of each other by offset and length; noise alone seldom gets
+/// past the signatures.
+void damageRecords(NTFSImage& image, std::mt19937& random)
+{
+    constexpr std::uint64_t numbers[] = { 0, 1, 2, 5, 11, 15, 16, 20, 26, 42, 47, 48, 0x7F, 0x80, 0xFF, 0x3FF, 0x7FFF,
+        0xFFFF, 0x7FFFFFFF, 0xFFFFFFFF, std::uint64_t { 1 } << 40, std::uint64_t { 1 } << 62, ~std::uint64_t { 0 } };
+    constexpr std::uint64_t headerFields[] = { 0, 4, 6, 16, 20, 22, 24, 32, 38 };
+    constexpr std::uint64_t attributeFields[] = { 0, 4, 8, 9, 12, 16, 20, 24, 32, 34, 40, 46, 48, 56, 64, 65, 66, 88 };
+    for (auto count = 1 + random() % 10; count > 0; --count) {
+        const std::uint64_t record = random() % 4 == 0 ? 0 : random() % 44;
+        const auto u16 = [&](std::uint64_t at) {
+            return ByteView(image.bytes()).u16le(static_cast<std::int64_t>(image.recordOffset(record, at)));
+        };
+        std::uint64_t at = headerFields[random() % std::size(headerFields)];
+        if (random() % 4 != 0) {
+            std::uint64_t attribute = u16(20);
+            for (auto steps = random() % 5; steps > 0 && attribute < 900 && u16(attribute + 4) >= 16; --steps)
+                attribute += u16(attribute + 4);
+            at = attribute + attributeFields[random() % std::size(attributeFields)];
+        }
+        const std::uint64_t value = random() % 3 == 0 ? random() : numbers[random() % std::size(numbers)];
+        const std::uint64_t width = std::uint64_t { 1 } << random() % 4;
+        for (std::uint64_t i = 0; i < width; ++i)
+            image.bytes()[image.recordOffset(record, std::min<std::uint64_t>(at + i, 1023))]
+                = static_cast<std::uint8_t>(value >> 8 * i);
+    }
+}
+
 } // namespace
 
 TEST(Mutation, FATVolumes)
@@ -133,6 +208,22 @@ TEST(Mutation, HFSPlusVolumes)
     sound.chain({ 2, 3 });
     sound.addOverflow(21, 2, { { 140, 2 } });
     exerciseDamaged(sound, HFSPlusImage::nodeOffset(6), 3000, 31);
+}
+
+TEST(Mutation, NTFSVolumes)
+{
+    const auto sound = smallNTFSVolume();
+    exerciseDamaged(sound, sound.offsetOf(16), 500, 55); // the boot sector
+    std::mt19937 random(54);
+    for (int round = 0; round < 4000; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        auto image = sound;
+        damageRecords(image, random);
+        if (round % 2 == 0) // that the copy of the damaged record is damaged too
+            for (std::uint64_t at = 0; at < 1024; ++at)
+                image.bytes()[image.offsetOf(image.mirrorLCN()) + at] = image.bytes()[image.recordOffset(0, at)];
+        ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
+    }
 }
 
 TEST(Mutation, PartitionSectors)

@@ -63,19 +63,12 @@ TEST(NTFS, Geometry)
         { "another system", 3, bytesOf("EXFAT   "), 0, 0 },
         { "odd sectors", 11, { 0x01, 0x03 }, 0, 0 },
         { "sectors of 4096", 11, { 0x00, 0x10 }, 8192, 1024 },
-        { "sectors of 8192", 11, { 0x00, 0x20 }, 0, 0 },
-        { "no sectors in a cluster", 13, { 0 }, 0, 0 },
-        { "128 of them", 13, { 128 }, 65536, 1024 },
         { "129 mean none", 13, { 129 }, 0, 0 },
         { "2^12 of them", 13, { 0xF4 }, 2'097'152, 1024 },
         { "2^13 of them", 13, { 0xF3 }, 0, 0 },
         { "two clusters in a record", 64, { 2 }, 1024, 2048 },
-        { "65 clusters in a record", 64, { 65 }, 0, 0 },
-        { "records of 2^9", 64, { 0xF7 }, 1024, 512 },
         { "records of 2^8", 64, { 0xF8 }, 0, 0 },
-        { "records of 2^16", 64, { 0xF0 }, 1024, 65536 },
         { "records of 2^17", 64, { 0xEF }, 0, 0 },
-        { "no record size", 64, { 0 }, 0, 0 },
     };
     for (const auto& [what, at, field, clusterSize, recordSize] : cases) {
         Image image;
@@ -84,9 +77,6 @@ TEST(NTFS, Geometry)
         EXPECT_EQ(geometry ? geometry->clusterSize : 0, clusterSize) << what;
         EXPECT_EQ(geometry ? geometry->recordSize : 0, recordSize) << what;
     }
-    Image absurd;
-    absurd.write(40, Bytes(8, 0xFF));
-    EXPECT_EQ(NTFSGeometry::from(ByteView(absurd.bytes()).sub(0, 512), 0)->volumeSize, ~std::uint64_t { 0 });
 }
 
 TEST(NTFS, RunLists)
@@ -102,21 +92,14 @@ TEST(NTFS, RunLists)
         { "negative place", { 0x11, 0x02, 0x10, 0x11, 0x02, 0xEF, 0x00 }, { { 0x10, 2 } } },
         { "no end mark", { 0x11, 0x02, 0x10 }, { { 0x10, 2 } } },
         { "cut", { 0x11, 0x02, 0x10, 0x22, 0x01, 0x02, 0x03 }, { { 0x10, 2 } } },
-        { "length of no bytes", { 0x10, 0x02, 0x00 }, {} },
-        { "length of nine bytes", { 0x09, 1, 0, 0, 0, 0, 0, 0, 0, 0 }, {} },
         { "offset of nine bytes", { 0x91, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0 }, {} },
-        { "no clusters", { 0x11, 0x00, 0x10 }, {} },
-        { "2^40 - 1 clusters", { 0x05, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF }, { { std::nullopt, 0xFFFFFFFFFF } } },
         { "2^40 clusters", { 0x06, 0, 0, 0, 0, 0, 1 }, {} },
         { "the sum of two offsets overflows",
             { 0x81, 1, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x11, 1, 1, 0x00 },
             { { 0x7FFFFFFFFFFFFFFF, 1 } } },
-        { "nothing", {}, {} },
     };
     for (const auto& [what, list, runs] : cases)
         EXPECT_EQ(NTFSParser::decodeRuns(list), runs) << what;
-    const DataFragment::Runs runs { { 3, 200 }, { std::nullopt, 70'000 }, { 1, 1 }, { 123'456'789, 5 } };
-    EXPECT_EQ(NTFSParser::decodeRuns(Image::encode(runs)), runs);
 }
 
 TEST(NTFS, Records)
@@ -143,8 +126,6 @@ TEST(NTFS, Records)
     ASSERT_EQ(record->names.size(), 2u);
     EXPECT_EQ(record->bestName()->name, "Langt navn æøå.txt");
     EXPECT_EQ(record->bestName()->parent, (FileReference { 40, 3 }));
-    EXPECT_EQ(record->bestName()->realSize, 12u);
-    EXPECT_EQ(record->bestName()->modified, TimeConversion::fromFiletime(Image::modification + 10'000'000));
     EXPECT_FALSE(record->created) << "0 is no date";
     EXPECT_FALSE(record->modified) << "nor is a time after 2100";
     ASSERT_EQ(record->data.size(), 1u);
@@ -161,7 +142,6 @@ TEST(NTFS, Records)
         { "end of the second sector", 1022, { 0x35 }, true, false, true },
         { "no update sequence", 6, { 1, 0 }, true, false, false },
         { "update sequence past the end", 4, { 0xFE, 0x03 }, true, false, false },
-        { "allocated size", 28, { 0, 2 }, true, true, false },
         { "first attribute", 20, { 0, 2 }, true, true, false },
     };
     for (const auto& [what, at, change, isRecord, isSound, looksLike] : damages) {
@@ -172,10 +152,6 @@ TEST(NTFS, Records)
         EXPECT_EQ(record.has_value(), isRecord) << what;
         EXPECT_EQ(record && record->fixupOK, isSound) << what;
     }
-    EXPECT_FALSE(parsed(firstOf(sound, 511)));
-    auto old = sound; // from before records had their number in them
-    old[4] = 42;
-    EXPECT_FALSE(parsed(old)->number);
 }
 
 TEST(NTFS, ListsAndReadsTheLiveTree)
@@ -248,7 +224,6 @@ TEST(NTFS, ChancesOfDeletedFiles)
     };
     const std::vector<Case> cases = {
         { u"hjemme", { Image::data(bytesOf("x")) }, "God" },
-        { u"tom", { Image::data(Bytes {}) }, "God" },
         { u"fri", { stored({}) }, "God" },
         { u"to af fem", { stored({ 1, 4 }) }, "Delvis" },
         { u"tre af fem", { stored({ 1, 2, 4 }) }, "Ringe: " + reused },
@@ -257,11 +232,8 @@ TEST(NTFS, ChancesOfDeletedFiles)
         { u"efs", { stored({}, 0x4000) }, "Ringe: " + encrypted },
         { u"efs genbrugt", { stored({ 0 }, 0x4000) }, "Ringe: " + reused + "; " + encrypted },
         { u"kort", { shortOf(5000) }, "Delvis: " + missing },
-        { u"udenfor", { Image::data({ .runs = { { 5000, 2 } }, .size = 2000 }) }, "Delvis: " + missing },
         { u"beskadiget", { stored({}) }, "Delvis: " + damaged, true },
-        { u"beskadiget kort", { shortOf(5000) }, "Delvis: " + missing + "; " + damaged, true },
         { u"beskadiget genbrugt", { stored({ 0 }) }, "Ringe: " + reused + "; " + damaged, true },
-        { u"alt hul", { Image::data({ .runs = { { std::nullopt, 5 } }, .size = 5000 }) }, "God" },
     };
     std::uint64_t number = 20;
     for (const auto& row : cases) {
@@ -330,13 +302,11 @@ TEST(NTFS, ParentsAreTrustedOnlyWhileTheirSlotIsTheirs)
         bool isTrusted;
     } cases[] = {
         { "a folder in use", { 20, 4 }, true },
-        { "whatever its sequence number was", { 20, 0 }, true },
         { "a slot in use that was used again", { 20, 3 }, false },
         { "a deleted folder", { 21, 7 }, true },
         { "a deleted folder, twice", { 21, 6 }, false },
         { "a deleted folder whose count went from FFFF to 1", { 23, 0xFFFF }, true },
         { "a file", { 22, 1 }, false },
-        { "nothing", { 40, 1 }, false },
         { "far beyond the MFT", { 0xFFFFFFFFFFFF, 1 }, false },
         { "itself", { 30, 1 }, false },
         { "a system file", { 3, 3 }, false },
@@ -457,16 +427,6 @@ TEST(NTFS, TheMFTIsFoundByItsCopyToo)
     } cases[] = {
         { "sound", [](Image&) {}, std::vector<std::string> {} },
         { "record gone", [](Image& image) { image.write(image.recordOffset(0), Bytes(1024)); }, { { mirrorNote } } },
-        { "boot sector points beyond the source", [](Image& image) { image.write(48, Bytes(8, 0x7F)); },
-            { { mirrorNote } } },
-        { "an MFT of fifteen records",
-            [](Image& image) {
-                const auto copy = image.bytes();
-                image.put(0, { .attributes = { Image::data({ .runs = { { 16, 15 } }, .size = 15'360 }) } });
-                const auto mirror = static_cast<std::ptrdiff_t>(image.offsetOf(image.mirrorLCN()));
-                std::copy_n(copy.begin() + mirror, 1024, image.bytes().begin() + mirror);
-            },
-            { { mirrorNote } } },
         { "a sector of the record is older", [](Image& image) { image.bytes()[image.recordOffset(0, 510)] ^= 1; },
             { { fixupNote } } },
         { "both gone",
@@ -486,10 +446,6 @@ TEST(NTFS, TheMFTIsFoundByItsCopyToo)
         if (notes && !result.volumes.empty()) {
             EXPECT_EQ(result.volumes[0]->notes, *notes) << what;
             EXPECT_EQ(result.volumes[0]->root->totals().files, 1u) << what;
-        }
-        if (!notes) {
-            EXPECT_EQ(result.notes,
-                std::vector<std::string> { "NTFS-filsystemet på partition 1 kunne ikke læses. Prøv dyb scanning." });
         }
     }
 }
@@ -559,14 +515,11 @@ TEST(NTFS, AbsurdSizesAreCutToWhatTheVolumeCouldHold)
         bool isWhole;
     } cases[] = {
         { u"A", { .runs = runs, .size = std::uint64_t { 1 } << 60 }, all, false },
-        { u"B", { .runs = { { std::nullopt, (std::uint64_t { 1 } << 40) - 1 } }, .size = std::uint64_t { 1 } << 50 },
-            all, false },
         { u"C", { .runs = { { *runs[0].lcn, (std::uint64_t { 1 } << 40) - 1 } }, .size = std::uint64_t { 1 } << 50 },
             all, false },
         // A sparse file may be larger than its volume, as long as its runs say so and a system could have made it.
         { u"D", { .runs = { runs[0], { std::nullopt, 9999 } }, .size = 10'240'000, .flags = 0x8000 }, 10'240'000,
             true },
-        { u"E", { .runs = runs, .size = 10'240'000, .flags = 0x8000 }, all, false },
         { u"F",
             { .runs = { { std::nullopt, (std::uint64_t { 1 } << 40) - 1 } },
                 .size = std::uint64_t { 1 } << 49,

@@ -179,11 +179,8 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
         return;
     }
 
-    ShortName name = entry.name;
-    if (name[0] == escapedE5)
-        name[0] = 0xE5;
-    auto shown = formatShortName(name, entry.caseFlags, isMarkedDeleted);
-    if (shown == "." || shown == ".." || !isPlausible(name, isMarkedDeleted))
+    auto shown = formatShortName(entry.name, entry.caseFlags, isMarkedDeleted);
+    if (shown == "." || shown == ".." || !isPlausible(entry.name, isMarkedDeleted))
         return;
     if (auto longName = assembleLongName(pieces, entry.name, isMarkedDeleted))
         shown = std::move(*longName);
