@@ -66,6 +66,14 @@ bool isHFSPlusHeader(ByteView bytes, std::int64_t at)
         && header.u32be(44) != 0;
 }
 
+Bytes bootSector(DiskSource& source, std::uint64_t offset, std::optional<ByteView> found)
+{
+    if (!found)
+        return source.read(offset, 512, ReadMode::thorough);
+    const auto bytes = found->span();
+    return { bytes.begin(), bytes.end() };
+}
+
 std::optional<FileSystemType> detect(DiskSource& source, std::uint64_t offset)
 {
     const auto head = source.read(offset, 4096, ReadMode::thorough);

@@ -215,7 +215,7 @@ TEST(Mutation, NTFSVolumes)
     const auto sound = smallNTFSVolume();
     exerciseDamaged(sound, sound.offsetOf(16), 500, 55); // the boot sector
     std::mt19937 random(54);
-    for (int round = 0; round < 4000; ++round) {
+    for (int round = 0; round < 2000; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         auto image = sound;
         damageRecords(image, random);

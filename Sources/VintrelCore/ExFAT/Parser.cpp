@@ -10,14 +10,10 @@ namespace ExFATParser {
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot)
 {
-    Bytes read;
-    if (!boot) {
-        read = source.read(offset, 512, ReadMode::thorough);
-        boot = read;
-    }
-    if (FSProbe::detectBootSector(*boot) != FileSystemType::exfat)
+    const auto sector = FSProbe::bootSector(source, offset, boot);
+    if (FSProbe::detectBootSector(sector) != FileSystemType::exfat)
         return nullptr;
-    const auto geometry = ExFATGeometry::from(*boot, offset);
+    const auto geometry = ExFATGeometry::from(sector, offset);
     if (!geometry)
         return nullptr;
 

@@ -56,15 +56,11 @@ std::vector<std::uint32_t> unclaimedClusters(const FATDeepInfo& info, std::span<
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot)
 {
-    Bytes read;
-    if (!boot) {
-        read = source.read(offset, sectorSize, ReadMode::thorough);
-        boot = read;
-    }
-    const auto type = FSProbe::detectBootSector(*boot);
+    const auto sector = FSProbe::bootSector(source, offset, boot);
+    const auto type = FSProbe::detectBootSector(sector);
     if (type != FileSystemType::fat12 && type != FileSystemType::fat16 && type != FileSystemType::fat32)
         return nullptr;
-    const auto geometry = FATGeometry::from(*boot, *type, offset);
+    const auto geometry = FATGeometry::from(sector, *type, offset);
     if (!geometry)
         return nullptr;
 

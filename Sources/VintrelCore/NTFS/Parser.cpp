@@ -1,6 +1,7 @@
 // NTFSParser::parse: the face of the NTFS reader.
 
 #include "VintrelCore/DiskSource.h"
+#include "VintrelCore/FSProbe.h"
 #include "VintrelCore/NTFS.h"
 
 namespace NTFSParser {
@@ -8,12 +9,8 @@ namespace NTFSParser {
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot)
 {
-    Bytes read;
-    if (!boot) {
-        read = source.read(offset, 512, ReadMode::thorough);
-        boot = read;
-    }
-    const auto geometry = NTFSGeometry::from(*boot, offset);
+    const auto sector = FSProbe::bootSector(source, offset, boot);
+    const auto geometry = NTFSGeometry::from(sector, offset);
     if (!geometry)
         return nullptr;
     const NTFSContext context(source, *geometry);
