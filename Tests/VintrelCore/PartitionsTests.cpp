@@ -128,7 +128,8 @@ TEST(MBR, ListsPrimaryAndLogicalPartitions)
              .ebr(100, { { 0x07, 8, 50 }, { 0x05, 200, 100 } })
              .ebr(300, { { 0x00, 8, 50 }, { 0x85, 400, 100 } }) // nothing in it
              .ebr(500, { { 0x0B, 8, 0xFFFFFFFF }, { 0x0F, 500, 100 } })
-             .ebr(600, { { 0x82, 0xFFFFFFF0, 9 }, { 0x83, 20, 9 } }) // no link
+             .ebr(600, { { 0x82, 0xFFFFFFF0, 9 }, { 0x83, 20, 9 } }) // no link …
+             .ebr(120, { { 0x07, 8, 50 } })                          // … to this
              .ebr(1500, { { 0xAF, 10, 20 } })
              .volume(1510, hfsplus)
              .source());
