@@ -70,7 +70,7 @@ void FATImage::addEntry(std::uint32_t folder, const Entry& entry)
         auto units = entry.longName.substr((piece - 1) * 13, 13) + u'\0';
         units.resize(14, u'\uFFFF');
         std::size_t unit = 0;
-        for (const std::uint64_t place : { 1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30 })
+        for (const std::uint64_t place : { 1u, 3u, 5u, 7u, 9u, 14u, 16u, 18u, 20u, 22u, 24u, 28u, 30u })
             putLE(bytes_, at + place, units[unit++], 2);
     }
     const std::uint64_t at = entryOffset(folder, number++);
@@ -127,7 +127,8 @@ void FATImage::remove(std::uint32_t folder, std::string_view name)
 
 std::uint32_t FATImage::fat(std::uint32_t cluster) const
 {
-    const auto table = ByteView(bytes_).sub(fatOffset(), static_cast<std::int64_t>(fatSize()));
+    const auto table
+        = ByteView(bytes_).sub(static_cast<std::int64_t>(fatOffset()), static_cast<std::int64_t>(fatSize()));
     if (type_ == FileSystemType::fat12)
         return table.u16le(cluster * 3 / 2) >> cluster % 2 * 4 & 0xFFF;
     return isFAT32() ? table.u32le(cluster * 4) : table.u16le(cluster * 2);

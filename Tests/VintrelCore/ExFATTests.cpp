@@ -203,7 +203,7 @@ TEST(ExFAT, BackupBootSectorsAndImpossibleOnes)
     EXPECT_FALSE(ExFATParser::parse(*source, 0, "", nullptr));
     EXPECT_TRUE(ExFATParser::parse(*source, 0, "", nullptr, ByteView(boot)));
 
-    for (const std::uint64_t field : { 72, 88 }) { // the size of the volume, the place of its heap
+    for (const std::uint64_t field : { 72u, 88u }) { // the size of the volume, the place of its heap
         auto damaged = boot;
         putLE(damaged, field, 0x7FFF'FFFF'FFFF'FFFF, field == 72 ? 8 : 4);
         EXPECT_FALSE(ExFATParser::parse(*source, 0, "", nullptr, ByteView(damaged))) << field;

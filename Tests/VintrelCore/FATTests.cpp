@@ -295,7 +295,7 @@ TEST(FAT, LostFragmentsAreListedOnce)
     const auto sector = std::span(image.bytes()).subspan(image.offsetOf(inner), 512);
     const auto inFile = image.addFile(root, { .name = "BACKUP  IMG" }, Bytes(sector.begin(), sector.end()));
     // The entries of the lost folders vanish without a trace.
-    for (const std::size_t number : { 1, 2 })
+    for (const std::size_t number : { 1u, 2u })
         image.write(image.entryOffset(root, number), bytesOf("?"));
 
     const auto card = parse(image);

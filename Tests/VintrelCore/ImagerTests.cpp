@@ -218,7 +218,7 @@ TEST_F(Imaging, OtherToolsMapfilesAreTakenUpWithWholeSectors)
             "# Mapfile. Created by GNU ddrescue version 1.27\n0x1000 / 1\n"
             "0 700 +\n700 50 /\n750 3250 +\n4000 50 *\n4050 850 +\n4900 150 ?\n5050 3950 +\n9000 1 -\n9001 7383 +\n"));
     run(*source);
-    for (const std::size_t sector : { 1, 7, 17 })
+    for (const std::size_t sector : { 1u, 7u, 17u })
         std::ranges::copy(std::span(disk).subspan(sector * 512, 512), &expected[sector * 512]);
     EXPECT_EQ(readFile(image), expected);
     // Of the sector that cannot be read only that is bad which was not finished before.
@@ -290,7 +290,8 @@ TEST_F(FailingDisk, IsLeftInLeapsThatDoubleUpToALimit)
 
     const auto offsets = readOffsets();
     std::size_t number = 0;
-    for (const std::uint64_t offset : { 0, 1, 3, 6, 11, 20, 37, 70, 135, 264, 521, 778, 1035, 1292, 1549, 1806, 2 })
+    for (const std::uint64_t offset :
+        { 0u, 1u, 3u, 6u, 11u, 20u, 37u, 70u, 135u, 264u, 521u, 778u, 1035u, 1292u, 1549u, 1806u, 2u })
         EXPECT_EQ(offsets[number++], offset * 1_MiB);
 }
 

@@ -231,7 +231,7 @@ TEST(Mutation, PartitionSectors)
     PartitionImage disk(256_KiB);
     disk.gpt({ { basicDataGUID, 64, 200 }, { basicDataGUID, 210, 400 } });
     disk.mbr({ { 0x01, 64, 120 }, { 0x05, 40, 20 } });
-    for (const std::uint64_t lba : { 40, 44 })
+    for (const std::uint64_t lba : { 40u, 44u })
         disk.ebr(lba, { { 0x0B, 24, 100 }, { 0x05, 4, 4 } });
     disk.volume(64, FileSystemType::fat12);
     std::mt19937 random(99);
