@@ -42,27 +42,42 @@ std::int64_t numberIn(const char* variable, std::int64_t otherwise)
     return text != nullptr ? std::strtoll(text, nullptr, 10) : otherwise;
 }
 
-int openLog()
-{
-    const char* const path = std::getenv("READ_LOG");
-    return path != nullptr ? ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644) : -1;
-}
+constexpr std::size_t bucketSize = 1'048'576;
 
-std::vector<Fault> readFaults()
-{
-    std::vector<Fault> faults;
-    const char* text = std::getenv("FAULTS");
-    char kind[16];
-    long long start = 0;
-    long long end = 0;
-    int length = 0;
-    while (text != nullptr && std::sscanf(text, "%15[a-z]:%lld-%lld%n", kind, &start, &end, &length) == 3) {
-        const bool isEIO = std::strcmp(kind, "eio") == 0;
-        const bool isShort = std::strcmp(kind, "short") == 0;
-        faults.push_back({ isEIO ? Fault::eio : isShort ? Fault::shortRead : Fault::interrupted, start, end });
-        text += length + (text[length] == ',' ? 1 : 0);
+struct Plan {
+    /// By the MiB that they touch. A benchmark must not measure the search for them.
+    std::vector<std::vector<Fault>> faults;
+    std::int64_t readDelay = numberIn("READ_DELAY", 0);
+    int log = -1;
+
+    Plan()
+    {
+        if (const char* const path = std::getenv("READ_LOG"))
+            log = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        const char* text = std::getenv("FAULTS");
+        char kind[16];
+        long long start = 0;
+        long long end = 0;
+        int length = 0;
+        while (text != nullptr && std::sscanf(text, "%15[a-z]:%lld-%lld%n", kind, &start, &end, &length) == 3) {
+            const bool isEIO = std::strcmp(kind, "eio") == 0;
+            const bool isShort = std::strcmp(kind, "short") == 0;
+            const Fault::Kind faultKind = isEIO ? Fault::eio : isShort ? Fault::shortRead : Fault::interrupted;
+            const auto last = static_cast<std::size_t>(end) / bucketSize;
+            faults.resize(std::max(faults.size(), last + 1));
+            for (auto bucket = static_cast<std::size_t>(start) / bucketSize; bucket <= last; ++bucket)
+                faults[bucket].push_back({ faultKind, start, end });
+            text += length;
+            if (*text == ',')
+                ++text;
+        }
     }
-    return faults;
+};
+
+const Plan& plan()
+{
+    static const Plan plan;
+    return plan;
 }
 
 /// The file that a variable names, as it was when the program began to use files.
@@ -86,33 +101,47 @@ private:
     struct stat status_ { };
 };
 
+int knownDisk = -1; ///< a descriptor of the file that plays the disk, while it is open
+
+bool isDisk(int descriptor)
+{
+    static const NamedFile disk("FAULTY_FILE");
+    if (descriptor != knownDisk && disk.is(descriptor))
+        knownDisk = descriptor;
+    return descriptor == knownDisk;
+}
+
 /// How many bytes a read may deliver, or -1 with errno set.
 ssize_t allowed(int descriptor, std::size_t count, std::int64_t position)
 {
-    static const NamedFile disk("FAULTY_FILE");
-    static const std::int64_t readDelay = numberIn("READ_DELAY", 0);
-    static const int log = openLog();
-    static const auto faults = readFaults();
     static unsigned reads = 0;
-    if (count == 0 || !disk.is(descriptor))
+    if (count == 0 || !isDisk(descriptor))
         return static_cast<ssize_t>(count);
-    if (log >= 0)
-        ::dprintf(log, "%lld %zu\n", static_cast<long long>(position), count);
-    if (const auto delay = readDelay * static_cast<std::int64_t>(count) / 1'048'576; delay > 0)
+    if (plan().log >= 0)
+        ::dprintf(plan().log, "%lld %zu\n", static_cast<long long>(position), count);
+    if (const auto delay = plan().readDelay * static_cast<std::int64_t>(count) / 1'048'576; delay > 0)
         ::usleep(static_cast<useconds_t>(delay));
     ++reads;
-    for (const auto& fault : faults) {
-        if (position + static_cast<std::int64_t>(count) <= fault.start || fault.end <= position)
-            continue;
-        const bool isHit = fault.kind == Fault::eio && position >= fault.start;
-        if (isHit || (fault.kind == Fault::interrupted && reads % 2 != 0)) {
-            errno = isHit ? EIO : EINTR;
-            return -1;
+    const auto& faults = plan().faults;
+    const auto first = static_cast<std::size_t>(position) / bucketSize;
+    const auto last = (static_cast<std::size_t>(position) + count - 1) / bucketSize;
+    for (std::size_t bucket = first; bucket <= last && bucket < faults.size(); ++bucket) {
+        for (const auto& fault : faults[bucket]) {
+            if (position + static_cast<std::int64_t>(count) <= fault.start || fault.end <= position)
+                continue;
+            if (fault.kind == Fault::shortRead)
+                count = std::min<std::size_t>(count, 1 + reads * 997 % 5000);
+            if (fault.kind == Fault::interrupted && reads % 2 != 0) {
+                errno = EINTR;
+                return -1;
+            }
+            if (fault.kind == Fault::eio && position >= fault.start) {
+                errno = EIO;
+                return -1;
+            }
+            if (fault.kind == Fault::eio)
+                count = std::min(count, static_cast<std::size_t>(fault.start - position));
         }
-        if (fault.kind == Fault::eio)
-            count = static_cast<std::size_t>(fault.start - position);
-        else if (fault.kind == Fault::shortRead)
-            count = std::min<std::size_t>(count, 1 + reads * 997 % 5000);
     }
     return static_cast<ssize_t>(count);
 }
@@ -138,6 +167,14 @@ ssize_t read(int descriptor, void* buffer, std::size_t count)
     static const auto system = next<ssize_t(int, void*, std::size_t)>("read");
     const ssize_t limit = allowed(descriptor, count, ::lseek(descriptor, 0, SEEK_CUR));
     return limit < 0 ? limit : system(descriptor, buffer, static_cast<std::size_t>(limit));
+}
+
+int close(int descriptor)
+{
+    static const auto system = next<int(int)>("close");
+    if (descriptor == knownDisk)
+        knownDisk = -1;
+    return system(descriptor);
 }
 
 int fsync(int descriptor)
