@@ -13,7 +13,6 @@ class DiskSource;
 
 /// Where things lie on an exFAT volume, as its boot sector says. Offsets are absolute on the source, sizes in bytes.
 struct ExFATGeometry {
-    std::uint64_t bytesPerSector = 0;
     std::uint64_t fatOffset = 0; ///< of the FAT in use
     std::uint64_t fatSize = 0;
     ClusterHeap heap;

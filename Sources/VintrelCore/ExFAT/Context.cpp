@@ -62,7 +62,6 @@ std::optional<ExFATGeometry> ExFATGeometry::from(ByteView boot, std::uint64_t ba
     if (count == 0)
         return std::nullopt;
     return ExFATGeometry {
-        .bytesPerSector = std::uint64_t { 1 } << shift,
         .fatOffset = base + (fatSector << shift),
         .fatSize = std::uint64_t { sector->fatLength } << shift,
         .heap = { .offset = base + (heapSector << shift),

@@ -182,17 +182,16 @@ void ExFATWalker::fillFileData(FileNode& node, const EntrySet& set)
 void ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream)
 {
     const bool isDeleted = node.status != EntryStatus::existing;
+    const bool hasChain = !stream.isContiguous() && !context_.fatUnavailable();
     ExtentList extents;
-    bool isCertain = stream.isContiguous() || heap_.clustersFor(node.size) == 1;
-    if (!stream.isContiguous() && !context_.fatUnavailable())
+    if (hasChain)
         extents = isDeleted
             ? standingChain(stream.firstCluster, node.size)
             : heap_.extents(limitedChain(stream.firstCluster, heap_.clustersFor(node.size)).clusters, node.size);
+    const bool isCertain = stream.isContiguous() || !extents.empty() || heap_.clustersFor(node.size) == 1;
     // Without a chain most files lie in one piece.
-    if (extents.empty())
+    if (extents.empty() && (isDeleted || !hasChain))
         extents = { heap_.contiguous(stream.firstCluster, node.size) };
-    else
-        isCertain = true;
 
     std::uint64_t placed = 0;
     for (const auto& extent : extents)
