@@ -70,12 +70,30 @@ std::unique_ptr<DiskSource> open(const std::string& name)
     return source;
 }
 
-VolumeList allVolumes(Session& session)
+enum class Depth { quick, deep, deepWithoutCarving };
+
+Depth depthByOption(const Session& session) { return session.has("--deep") ? Depth::deep : Depth::quick; }
+
+/// What the tables of the source name, and with a deep scan what is found beyond them.
+VolumeList allVolumes(Session& session, Depth depth)
 {
-    auto result = QuickScanner::run(*session.source, &session.progress);
-    for (const auto& note : result.notes)
+    auto& source = *session.source;
+    auto quick = QuickScanner::run(source, &session.progress);
+    for (const auto& note : quick.notes)
         session.print("! " + Unicode::escaped(note));
-    return std::move(result.volumes);
+    auto volumes = std::move(quick.volumes);
+    if (depth == Depth::quick)
+        return volumes;
+
+    DeepScanOptions options;
+    options.carve = depth == Depth::deep;
+    const auto found = DeepScanner(source, options).run(&session.progress);
+    session.print("Dyb scanning: " + number(found.carved.size()) + " signaturfund, " + number(found.boots.size())
+        + " bootsektorer, " + number(found.mftRecords.size()) + " MFT-poster, " + number(found.fatDirSectors.size())
+        + " FAT-mappesektorer, " + number(found.apfsLeafNodes.size()) + " APFS-knuder");
+    if (!found.carved.empty())
+        volumes.push_back(DeepScanner::carvedVolume(source, found.carved));
+    return volumes;
 }
 
 void scan(Session& session)
@@ -103,13 +121,24 @@ void scan(Session& session)
 
 void tree(Session& session)
 {
-    for (const auto& volume : allVolumes(session))
+    for (const auto& volume : allVolumes(session, depthByOption(session)))
         printTree(*volume, session.out);
+}
+
+void deep(Session& session)
+{
+    const auto depth = session.has("--no-carve") ? Depth::deepWithoutCarving : Depth::deep;
+    for (const auto& volume : allVolumes(session, depth)) {
+        const auto totals = volume->root->totals();
+        session.print(Unicode::escaped(volume->title()) + " [" + Unicode::escaped(volume->origin) + "] @ "
+            + number(volume->offset) + ": " + number(totals.files) + " filer, " + number(totals.deleted)
+            + " slettede/fundne");
+    }
 }
 
 void recover(Session& session)
 {
-    for (const auto& volume : allVolumes(session)) {
+    for (const auto& volume : allVolumes(session, depthByOption(session))) {
         if (session.progress.isCancelled())
             break;
         std::vector<FileNode*> nodes;
@@ -160,7 +189,7 @@ constexpr Command commands[] = {
     { "list", 1, nullptr, false },
     { "scan", 2, scan, true },
     { "tree", 2, tree, true },
-    { "deep", 2, nullptr, true },
+    { "deep", 2, deep, true },
     { "recover", 3, recover, true },
     { "image", 3, image, true },
 };
@@ -170,8 +199,6 @@ bool isBuilt(const Command& command, const Session& session)
 {
     if (command.perform == nullptr)
         session.complain("Fejl: Kommandoen " + std::string(command.word) + " er ikke bygget færdig endnu.");
-    else if ((command.word == "tree" || command.word == "recover") && session.has("--deep"))
-        session.complain("Fejl: Dyb scanning (--deep) er ikke bygget færdig endnu.");
     else
         return true;
     return false;

@@ -166,6 +166,14 @@ std::optional<Date> fromDOS(std::uint16_t date, std::uint16_t time)
     return localToUTC(decoded->day, decoded->sinceMidnight);
 }
 
+std::optional<Date> fromLocal(year_month_day day, hours hour, minutes minute, seconds second)
+{
+    if (!day.ok() || day.year() < year { 1900 } || day.year() > year { 2099 } || hour >= hours { 24 }
+        || minute >= minutes { 60 } || second >= seconds { 60 })
+        return std::nullopt;
+    return localToUTC(day, hour + minute + second);
+}
+
 std::optional<Date> fromExFAT(std::uint32_t stamp, std::uint8_t utcOffset)
 {
     const auto date = static_cast<std::uint16_t>(stamp >> 16);

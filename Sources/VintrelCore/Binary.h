@@ -147,6 +147,10 @@ namespace TimeConversion {
 /// dates and times.
 std::optional<Date> fromDOS(std::uint16_t date, std::uint16_t time);
 
+/// The machine's local time. None for impossible dates and times, and outside 1900...2099.
+std::optional<Date> fromLocal(
+    std::chrono::year_month_day day, std::chrono::hours hour, std::chrono::minutes minute, std::chrono::seconds second);
+
 /// exFAT: date in the upper half of `stamp`, time in the lower one. With bit 7 of `utcOffset` set its low seven bits
 /// are a signed count of quarter hours east of UTC, otherwise the time is local.
 std::optional<Date> fromExFAT(std::uint32_t stamp, std::uint8_t utcOffset);

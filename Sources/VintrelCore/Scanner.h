@@ -1,10 +1,15 @@
 #pragma once
 
+#include "VintrelCore/Carver.h"
 #include "VintrelCore/Model.h"
 #include "VintrelCore/Partitions.h"
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
+#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -33,3 +38,64 @@ struct ScanResult {
 ScanResult run(DiskSource& source, WorkProgress* progress);
 
 } // namespace QuickScanner
+
+struct DeepScanOptions {
+    bool carve = true;
+    std::set<FileCategory> categories = carvedCategories(); ///< of the files to carve
+    bool findVolumes = true;                                ///< look for structures of file systems
+};
+
+/// How far a sweep has come.
+struct DeepScanStats {
+    std::uint64_t position = 0; ///< bytes swept so far
+    std::uint64_t total = 0;    ///< size of the source in bytes
+    std::uint64_t filesFound = 0;
+    std::uint64_t bootSectors = 0; ///< with HFS+ headers and APFS container superblocks
+    std::uint64_t mftRecords = 0;
+    double rate = 0;                                     ///< bytes per second lately; 0 in the first second
+    std::uint64_t badSectors = 0;                        ///< unreadable ones of the source
+    double elapsed = 0;                                  ///< seconds
+    std::map<std::string, std::uint64_t> byExtension {}; ///< carved files
+};
+
+/// A boot sector, or a copy of one, that lies somewhere on the source.
+struct FoundBoot {
+    std::uint64_t offset = 0; ///< of the sector, in bytes
+    FileSystemType type {};
+    std::array<std::uint8_t, 512> sector {};
+};
+
+/// What a sweep found. Offsets are in bytes on the source, ascending.
+struct DeepScanResult {
+    std::vector<CarvedFile> carved;
+    std::vector<FoundBoot> boots;
+    std::vector<std::uint64_t> hfsHeaders;    ///< where the volumes begin: 1024 bytes before their headers
+    std::vector<std::uint64_t> nxsb;          ///< APFS container superblocks
+    std::vector<std::uint64_t> mftRecords;    ///< sectors that begin an NTFS file record
+    std::vector<std::uint64_t> fatDirSectors; ///< sectors that look like part of a FAT directory
+    std::vector<std::uint64_t> apfsLeafNodes; ///< leaves of APFS file-system trees
+    bool completed = false;                   ///< whether the end of the source was reached
+    std::uint64_t scannedUpTo = 0;
+};
+
+/// Reads the whole source once, from front to back, and asks at every sector of 512 bytes which structure of a file
+/// system lies there and which known file begins there. It interprets nothing.
+class DeepScanner {
+public:
+    explicit DeepScanner(DiskSource& source, DeepScanOptions options = {})
+        : source_(source)
+        , options_(std::move(options))
+    {
+    }
+
+    /// The sweep. `reporter` may be none; when it is cancelled, what was found so far is the result. `onUpdate` hears
+    /// of the progress about three times a second and at the end.
+    DeepScanResult run(WorkProgress* reporter, const std::function<void(const DeepScanStats&)>& onUpdate = {}) const;
+
+    /// The files found by content, as a volume with a folder for each kind.
+    static std::unique_ptr<Volume> carvedVolume(DiskSource& source, std::span<const CarvedFile> files);
+
+private:
+    DiskSource& source_;
+    DeepScanOptions options_;
+};

@@ -1,10 +1,9 @@
-#include "VintrelCore/Scanner.h"
-
 #include "VintrelCore/DiskSource.h"
 #include "VintrelCore/ExFAT.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/HFSPlus.h"
 #include "VintrelCore/NTFS.h"
+#include "VintrelCore/Scanner.h"
 
 #include <set>
 
@@ -37,7 +36,7 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset, c
     case FileSystemType::hfsplus:
         return oneOrNone(HFSPlusParser::parse(source, offset, origin, progress));
     case FileSystemType::apfs: // recognised, but not read yet
-    case FileSystemType::ext: // known only so that the user can be told
+    case FileSystemType::ext:  // known only so that the user can be told
     case FileSystemType::carved:
     case FileSystemType::unknown:
         break;

@@ -1,0 +1,115 @@
+#pragma once
+
+#include "VintrelCore/Binary.h"
+
+#include <array>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string_view>
+
+class DiskSource;
+
+/// A small buffered reader for code that walks a structure of unknown length with many small reads, above all the
+/// carving of files. Positions are bytes from `start`. It never fails: unreadable bytes are zeros, and so are those
+/// beyond the end of the source. Damaged areas are skipped quickly and not retried sector by sector. Used by one
+/// thread.
+class RandomReader {
+public:
+    /// The most that one read fetches. Two such blocks are the whole buffer, so that a walk that goes back and forth
+    /// between two regions reads each of them once.
+    static constexpr std::size_t blockSize = 1'048'576;
+
+    /// What reading may cost, in bytes looked at, when nobody sets a limit.
+    static constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
+
+    RandomReader(DiskSource& source, std::uint64_t start)
+        : source_(source)
+    {
+        moveTo(start);
+    }
+
+    /// Begins anew at another start. What lies in the buffer stays there: neighbouring walks read the same bytes.
+    void moveTo(std::uint64_t start);
+    /// Bytes of the source that somebody holds in memory, in place of reading them. They must stay until the next call.
+    void setWindow(std::uint64_t offset, ByteView bytes);
+
+    DiskSource& source() const { return source_; }
+    /// Byte offset of position 0 on the source.
+    std::uint64_t start() const { return start_; }
+    /// Bytes from the start to the end of the source; 0 when the start lies beyond it.
+    std::uint64_t size() const { return size_; }
+
+    /// A `T` copied out of the bytes at `position`, with zeros in place of those past the end.
+    template <class T>
+    requires(std::is_trivially_copyable_v<T> && alignof(T) == 1) T load(std::uint64_t position)
+    {
+        std::array<std::uint8_t, sizeof(T)> bytes;
+        read(position, bytes);
+        return std::bit_cast<T>(bytes);
+    }
+    std::uint8_t u8(std::uint64_t position) { return load<std::uint8_t>(position); }
+    std::uint16_t u16le(std::uint64_t position) { return load<LE16>(position); }
+    std::uint32_t u32le(std::uint64_t position) { return load<LE32>(position); }
+    std::uint64_t u64le(std::uint64_t position) { return load<LE64>(position); }
+    std::uint16_t u16be(std::uint64_t position) { return load<BE16>(position); }
+    std::uint32_t u32be(std::uint64_t position) { return load<BE32>(position); }
+    std::uint64_t u64be(std::uint64_t position) { return load<BE64>(position); }
+
+    /// Exactly `count` bytes, zeros past the end. Whoever takes the count from the disk limits it first.
+    Bytes bytes(std::uint64_t position, std::size_t count);
+    bool matches(std::uint64_t position, std::string_view text);
+
+    /// The bytes from `position` on that are in memory already or come with one read; empty at and past the end. Valid
+    /// until the next call of anything.
+    ByteView stretch(std::uint64_t position);
+
+    /// What a search found, and how far it looked: no match begins between where it started and `searchedTo`.
+    struct Search {
+        std::optional<std::uint64_t> match;
+        std::uint64_t searchedTo;
+    };
+    /// The first place in [from, limit) where `pattern` begins and lies wholly before the end of the source.
+    Search search(std::string_view pattern, std::uint64_t from, std::uint64_t limit);
+    std::optional<std::uint64_t> find(std::string_view pattern, std::uint64_t from, std::uint64_t limit)
+    {
+        return search(pattern, from, limit).match;
+    }
+    std::optional<std::uint64_t> find(std::uint8_t byte, std::uint64_t from, std::uint64_t limit)
+    {
+        const char pattern = static_cast<char>(byte);
+        return find(std::string_view(&pattern, 1), from, limit);
+    }
+
+    /// What has been looked at since the last `moveTo`, in bytes, a small read counting for 16.
+    std::uint64_t work() const { return work_; }
+    /// Told by those who look through a stretch themselves.
+    void addWork(std::size_t bytes) { work_ += bytes; }
+    /// From here on all reads answer zero and all searches nothing as soon as `work` exceeds `most`.
+    void limitWork(std::uint64_t most) { mostWork_ = most; }
+    bool isExhausted() const { return work_ > mostWork_; }
+
+private:
+    struct Block {
+        std::uint64_t offset = 0;
+        std::size_t size = 0; ///< how much of `bytes` is filled
+        Bytes bytes;
+
+        std::uint64_t end() const { return offset + size; }
+        ByteView from(std::uint64_t absolute) const;
+    };
+
+    void read(std::uint64_t position, std::span<std::uint8_t> into);
+    ByteView known(std::uint64_t absolute);
+    void fetch(std::uint64_t absolute);
+
+    DiskSource& source_;
+    std::uint64_t start_ = 0;
+    std::uint64_t size_ = 0;
+    std::uint64_t windowOffset_ = 0;
+    ByteView window_;
+    Block block_;
+    Block previous_;
+    std::uint64_t work_ = 0;
+    std::uint64_t mostWork_ = unlimited;
+};
