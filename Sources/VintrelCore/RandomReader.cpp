@@ -7,17 +7,17 @@
 
 namespace {
 
-/// Fetched after a jump, which mostly is to a header of a few bytes. Reads that go on from there grow to whole blocks.
+/// Fetched after a jump, which mostly is to a header of a few bytes. Reads that go on from there, hops over a little
+/// data included, grow to whole blocks.
 constexpr std::size_t leastFetch = 4096;
+constexpr std::uint64_t farAway = 65'536;
 
-/// What finding the place of a small read is taken to cost.
-constexpr std::uint64_t workOfSmallRead = 16;
+/// A jump makes the source fill a chunk of its cache.
+constexpr std::uint64_t workOfJump = 65'536;
 
-ByteView from(std::uint64_t offset, ByteView bytes, std::uint64_t absolute)
+bool contains(std::uint64_t offset, ByteView bytes, std::uint64_t absolute)
 {
-    if (absolute < offset || absolute - offset >= bytes.size())
-        return {};
-    return bytes.span().subspan(static_cast<std::size_t>(absolute - offset));
+    return absolute >= offset && absolute - offset < bytes.size();
 }
 
 } // namespace
@@ -32,13 +32,8 @@ void RandomReader::moveTo(std::uint64_t start)
 
 void RandomReader::setWindow(std::uint64_t offset, ByteView bytes)
 {
-    windowOffset_ = offset;
-    window_ = bytes;
-}
-
-ByteView RandomReader::Block::from(std::uint64_t absolute) const
-{
-    return ::from(offset, std::span(bytes).first(size), absolute);
+    windowOffset_ = nearOffset_ = offset;
+    window_ = near_ = bytes;
 }
 
 Bytes RandomReader::bytes(std::uint64_t position, std::size_t count)
@@ -61,10 +56,9 @@ ByteView RandomReader::stretch(std::uint64_t position)
     if (position >= size_ || isExhausted())
         return {};
     const std::uint64_t absolute = start_ + position;
-    if (const auto bytes = known(absolute); !bytes.empty())
-        return bytes;
-    fetch(absolute);
-    return block_.from(absolute);
+    if (!comeNear(absolute) && !fetch(absolute))
+        return {};
+    return near_.span().subspan(static_cast<std::size_t>(absolute - nearOffset_));
 }
 
 RandomReader::Search RandomReader::search(std::string_view pattern, std::uint64_t from, std::uint64_t limit)
@@ -112,32 +106,47 @@ void RandomReader::read(std::uint64_t position, std::span<std::uint8_t> into)
     std::ranges::fill(into, std::uint8_t { 0 });
 }
 
-ByteView RandomReader::known(std::uint64_t absolute)
+/// Whether the byte is in memory already.
+bool RandomReader::comeNear(std::uint64_t absolute)
 {
-    if (const auto bytes = from(windowOffset_, window_, absolute); !bytes.empty())
-        return bytes;
-    if (const auto bytes = block_.from(absolute); !bytes.empty())
-        return bytes;
-    if (previous_.from(absolute).empty())
-        return {};
-    std::swap(block_, previous_);
-    return block_.from(absolute);
+    if (contains(nearOffset_, near_, absolute))
+        return true;
+    if (contains(windowOffset_, window_, absolute)) {
+        nearOffset_ = windowOffset_;
+        near_ = window_;
+        return true;
+    }
+    if (contains(previous_.offset, previous_.filled(), absolute))
+        std::swap(block_, previous_);
+    else if (!contains(block_.offset, block_.filled(), absolute))
+        return false;
+    nearOffset_ = block_.offset;
+    near_ = block_.filled();
+    return true;
 }
 
-void RandomReader::fetch(std::uint64_t absolute)
+/// Reads the block that begins with the byte's own few KB. False when that is more work than is allowed.
+bool RandomReader::fetch(std::uint64_t absolute)
 {
-    // Whole sectors of any disk, so that no read has to be taken apart.
-    const std::uint64_t offset = absolute - absolute % leastFetch;
-    std::size_t count = leastFetch;
-    if (block_.size > 0 && offset == block_.end())
+    const std::uint64_t offset = absolute - absolute % leastFetch; // whole sectors of any disk
+    const std::uint64_t windowEnd = windowOffset_ + window_.size();
+    std::uint64_t count = leastFetch;
+    if (block_.size > 0 && offset >= block_.end() && offset - block_.end() < farAway)
         count = std::min(2 * block_.size, blockSize);
-    else if (!window_.empty() && absolute == windowOffset_ + window_.size())
-        count = blockSize / 8;
+    else if (!window_.empty() && offset >= windowEnd && offset - windowEnd < farAway)
+        count = farAway;
+    count = std::min<std::uint64_t>(count, source_.size() - offset);
+    work_ += std::max(count, workOfJump);
+    if (isExhausted())
+        return false;
+
     std::swap(block_, previous_);
     block_.offset = offset;
-    block_.size = static_cast<std::size_t>(std::min<std::uint64_t>(count, source_.size() - offset));
+    block_.size = static_cast<std::size_t>(count);
     if (block_.bytes.size() < block_.size)
         block_.bytes.resize(block_.size);
     source_.readReporting(offset, std::span(block_.bytes).first(block_.size), ReadMode::fast);
-    work_ += block_.size;
+    nearOffset_ = offset;
+    near_ = block_.filled();
+    return true;
 }

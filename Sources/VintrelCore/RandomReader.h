@@ -4,8 +4,10 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string_view>
 
 class DiskSource;
@@ -45,7 +47,13 @@ public:
     requires(std::is_trivially_copyable_v<T> && alignof(T) == 1) T load(std::uint64_t position)
     {
         std::array<std::uint8_t, sizeof(T)> bytes;
-        read(position, bytes);
+        const std::uint64_t at = position + start_ - nearOffset_;
+        if (position <= size_ && near_.size() >= sizeof(T) && at <= near_.size() - sizeof(T) && !isExhausted()) {
+            work_ += workOfSmallRead;
+            std::memcpy(bytes.data(), near_.data() + at, sizeof(T));
+        } else {
+            read(position, bytes);
+        }
         return std::bit_cast<T>(bytes);
     }
     std::uint8_t u8(std::uint64_t position) { return load<std::uint8_t>(position); }
@@ -81,27 +89,30 @@ public:
         return find(std::string_view(&pattern, 1), from, limit);
     }
 
-    /// What has been looked at since the last `moveTo`, in bytes, a small read counting for 16.
+    /// What has been done since the last `moveTo`, in bytes looked at. Small reads, and above all jumps to what is not
+    /// in memory, count for as many bytes as could be searched in their time.
     std::uint64_t work() const { return work_; }
     /// Told by those who look through a stretch themselves.
     void addWork(std::size_t bytes) { work_ += bytes; }
-    /// From here on all reads answer zero and all searches nothing as soon as `work` exceeds `most`.
+    /// As soon as `work` exceeds `most`, reads answer zero and searches nothing.
     void limitWork(std::uint64_t most) { mostWork_ = most; }
     bool isExhausted() const { return work_ > mostWork_; }
 
 private:
+    static constexpr std::uint64_t workOfSmallRead = 64;
+
     struct Block {
         std::uint64_t offset = 0;
         std::size_t size = 0; ///< how much of `bytes` is filled
         Bytes bytes;
 
         std::uint64_t end() const { return offset + size; }
-        ByteView from(std::uint64_t absolute) const;
+        ByteView filled() const { return std::span(bytes).first(size); }
     };
 
     void read(std::uint64_t position, std::span<std::uint8_t> into);
-    ByteView known(std::uint64_t absolute);
-    void fetch(std::uint64_t absolute);
+    bool comeNear(std::uint64_t absolute);
+    bool fetch(std::uint64_t absolute);
 
     DiskSource& source_;
     std::uint64_t start_ = 0;
@@ -110,6 +121,8 @@ private:
     ByteView window_;
     Block block_;
     Block previous_;
+    std::uint64_t nearOffset_ = 0; ///< of near_ on the source
+    ByteView near_;                ///< where the last read was served from: the window, or one of the blocks
     std::uint64_t work_ = 0;
     std::uint64_t mostWork_ = unlimited;
 };

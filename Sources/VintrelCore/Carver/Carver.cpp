@@ -69,7 +69,7 @@ constexpr std::size_t leastHead = 32;
 /// disks stay far below. It is the bound that keeps a disk full of beginnings without an end (planted or not) linear,
 /// whatever its kind of file; afterwards a candidate gets only what its headers take.
 constexpr std::uint64_t workAhead = 2'147'483'648;
-constexpr std::uint64_t workPerByteSwept = 8;
+constexpr std::uint64_t workPerByteSwept = 4;
 constexpr std::uint64_t leastWork = 4096;
 
 } // namespace
@@ -98,9 +98,9 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
     const auto tryFormat = [&](Formats::Found (*read)(const Candidate&)) {
         const std::uint64_t allowed = workAhead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
         reader_.moveTo(offset);
-        reader_.limitWork(std::max(allowed - std::min(allowed, work_), leastWork));
+        reader_.limitWork(std::max(allowed - work_, leastWork));
         auto found = read(candidate);
-        work_ += reader_.work();
+        work_ = std::min(work_ + reader_.work(), allowed);
         if (found && (reader_.isExhausted() || found->size == 0))
             found.reset();
         return found;

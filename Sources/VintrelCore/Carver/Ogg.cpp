@@ -8,7 +8,7 @@ namespace Formats {
 namespace {
 
 constexpr int maxPages = 10'000'000;
-constexpr std::size_t maxStreams = 64;
+constexpr std::size_t maxStreams = 16;
 constexpr std::uint8_t beginsStream = 0x02;
 constexpr std::uint8_t endsStream = 0x04;
 

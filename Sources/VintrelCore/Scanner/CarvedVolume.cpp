@@ -22,8 +22,9 @@ std::string stamp(Date date)
 std::string nameOf(const CarvedFile& file)
 {
     constexpr std::uint64_t sectorSize = 512;
-    const auto name = "f" + std::to_string(file.offset / sectorSize) + "." + file.ext;
-    return file.date ? stamp(*file.date) + " " + name : name;
+    std::string name = file.date ? stamp(*file.date) + " f" : "f";
+    name += std::to_string(file.offset / sectorSize) + "." + file.ext;
+    return name;
 }
 
 } // namespace
