@@ -73,9 +73,7 @@ RandomReader::Search RandomReader::search(std::string_view pattern, std::uint64_
             break; // more work than is allowed
         const std::uint64_t wanted = end - position + pattern.size() - 1;
         bytes = bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), wanted)));
-        work_ += bytes.size();
         if (bytes.size() < pattern.size()) { // a match could lie across the end of what is in memory
-            work_ += workOfSmallRead;
             if (matches(position, pattern))
                 return { position, position };
             ++position;
@@ -83,9 +81,11 @@ RandomReader::Search RandomReader::search(std::string_view pattern, std::uint64_
         }
         const void* match = ::memmem(bytes.data(), bytes.size(), pattern.data(), pattern.size());
         if (match != nullptr) {
-            position += static_cast<std::uint64_t>(static_cast<const std::uint8_t*>(match) - bytes.data());
-            return { position, position };
+            const auto at = static_cast<std::uint64_t>(static_cast<const std::uint8_t*>(match) - bytes.data());
+            work_ += at;
+            return { position + at, position + at };
         }
+        work_ += bytes.size();
         position += bytes.size() - pattern.size() + 1;
     }
     return { std::nullopt, position };

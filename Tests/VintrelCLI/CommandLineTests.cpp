@@ -1,3 +1,4 @@
+#include "Tests/Images/CarvedFile.h"
 #include "Tests/Images/FATImage.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCLI/CommandLine.h"
@@ -106,6 +107,32 @@ TEST_F(Card, Recover)
         "KAMERA (FAT16): 1 gendannet, 0 med fejl, 0 mislykkedes → " + deleted + "\n");
     EXPECT_EQ(readFile(deleted + "/DCIM/Sommer ved søen.jpg"), photo);
     EXPECT_FALSE(std::filesystem::exists(deleted + "/DCIM/IMG_0002.JPG"));
+}
+
+TEST_F(Card, DeepScan)
+{
+    auto bytes = readFile(path);
+    const auto png = pngFile();
+    std::copy(png.begin(), png.end(), bytes.end() - 1'024); // in free space
+    writeFile(path, bytes);
+    const std::string summary
+        = "Dyb scanning: 1 signaturfund, 1 bootsektorer, 0 MFT-poster, 2 FAT-mappesektorer, 0 APFS-knuder\n";
+    const auto deep = runWith({ "deep", path });
+    EXPECT_EQ(deep.status, 0);
+    EXPECT_EQ(deep.out,
+        summary
+            + "KAMERA (FAT16) [Hele disken] @ 0: 5 filer, 1 slettede/fundne\n"
+              "Filer fundet via signatur (Signaturer) [Dyb scanning] @ 0: 1 filer, 1 slettede/fundne\n");
+    const auto without = runWith({ "deep", path, "--no-carve" }).out;
+    EXPECT_TRUE(without.starts_with("Dyb scanning: 0 signaturfund, 1 bootsektorer, ")) << without;
+    EXPECT_EQ(without.find("Signaturer"), std::string::npos);
+    EXPECT_NE(runWith({ "tree", path, "--deep" }).out.find("\n  PNG/  [Signaturfund"), std::string::npos);
+    EXPECT_EQ(runWith({ "deep", "--no-carve" }).status, 2) << "an option in the source's place is a source";
+
+    const auto name = "f" + std::to_string(bytes.size() / 512 - 2) + ".png";
+    const auto recovered = runWith({ "recover", path, folder / "ud", "--deep", "--deleted" });
+    EXPECT_EQ(recovered.status, 0);
+    EXPECT_EQ(readFile(folder / ("ud/Filer fundet via signatur (Signaturer)/PNG/" + name)), png);
 }
 
 TEST_F(Card, Image)

@@ -50,6 +50,18 @@ bool isUpdated(RandomReader& file, std::uint64_t position)
     return text.find(" obj") != std::string::npos || text.find("xref") != std::string::npos;
 }
 
+/// Whether another file begins before `end`. Files lie at whole sectors; what a file holds inside rarely does.
+bool isInterrupted(const Candidate& candidate, std::uint64_t position, std::uint64_t end)
+{
+    constexpr std::uint64_t sectorSize = 512;
+    while (const auto other = candidate.searches.find(candidate.file, header, position, end)) {
+        if (*other % sectorSize == 0)
+            return true;
+        position = *other + 1;
+    }
+    return false;
+}
+
 } // namespace
 
 Found pdf(const Candidate& candidate)
@@ -62,6 +74,8 @@ Found pdf(const Candidate& candidate)
 
     std::uint64_t end = 0;
     while (const auto mark = candidate.searches.find(file, endOfFile, end, maxSearch)) {
+        if (isInterrupted(candidate, std::max<std::uint64_t>(end, 1), *mark))
+            break;
         end = *mark + endOfFile.size();
         if (file.u8(end) == '\r')
             ++end;

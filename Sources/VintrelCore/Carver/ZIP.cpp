@@ -53,6 +53,17 @@ struct EndRecord {
 };
 static_assert(sizeof(EndRecord) == 22 && offsetof(EndRecord, commentLength) == 20);
 
+/// What says all this for archives beyond 4 GB, or written by those who did not know how large they would become: the
+/// locator lies in front of the end record, and in front of the locator its record.
+struct Zip64Locator {
+    LE32 signature;    //  0
+    LE32 disk;         //  4
+    LE64 recordOffset; //  8  from the start of the archive
+    LE32 disks;        // 16
+};
+static_assert(sizeof(Zip64Locator) == 20 && offsetof(Zip64Locator, recordOffset) == 8);
+constexpr std::uint64_t zip64EndSize = 56;
+
 constexpr std::uint16_t hasDescriptor = 8; // the sizes stand behind the data, where nobody can find them
 constexpr std::uint32_t inZip64 = 0xFFFF'FFFF;
 
@@ -88,7 +99,7 @@ Walk walkRecords(RandomReader& file)
             break;
         }
         case zip64LocatorSignature:
-            position += 20;
+            position += sizeof(Zip64Locator);
             break;
         case endSignature:
             position += sizeof(EndRecord) + file.load<EndRecord>(position).commentLength;
@@ -101,18 +112,30 @@ Walk walkRecords(RandomReader& file)
     return walk;
 }
 
-/// Whether the end record at `position` ends an archive that verifiably begins elsewhere: counted back from its central
-/// directory, a local header lies at that archive's start.
-bool belongsToAnother(RandomReader& file, std::uint64_t position)
+/// How far the end record at `position` claims to lie behind the archive's start; none when it does not say.
+std::optional<std::uint64_t> claimedDistance(RandomReader& file, std::uint64_t position)
 {
     const auto record = file.load<EndRecord>(position);
-    if (record.directoryOffset == inZip64 || record.directorySize == inZip64)
-        return false;
-    const std::uint64_t length = std::uint64_t { record.directorySize } + record.directoryOffset;
+    if (record.directoryOffset != inZip64 && record.directorySize != inZip64)
+        return std::uint64_t { record.directorySize } + record.directoryOffset;
+    constexpr std::uint64_t recordDistance = sizeof(Zip64Locator) + zip64EndSize;
+    if (position < recordDistance || file.u32le(position - recordDistance) != zip64EndSignature)
+        return std::nullopt;
+    const auto locator = file.load<Zip64Locator>(position - sizeof(Zip64Locator));
+    if (locator.signature != zip64LocatorSignature || locator.recordOffset > maxSize)
+        return std::nullopt;
+    return locator.recordOffset + recordDistance;
+}
+
+/// Whether the end record at `position` ends an archive that verifiably begins elsewhere: a local header lies where it
+/// says that its archive starts.
+bool belongsToAnother(RandomReader& file, std::uint64_t position)
+{
+    const auto distance = claimedDistance(file, position);
     const std::uint64_t end = file.start() + position;
-    if (length == position || length > end)
+    if (!distance || *distance == position || *distance > end)
         return false;
-    RandomReader other(file.source(), end - length);
+    RandomReader other(file.source(), end - *distance);
     const bool begins = other.u32le(0) == localSignature;
     file.addWork(static_cast<std::size_t>(other.work()));
     return begins;
