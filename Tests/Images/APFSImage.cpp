@@ -13,6 +13,8 @@ constexpr std::uint64_t dataBlocks = APFSImage::descriptorBlocks; // a space man
 constexpr std::uint64_t bitmapBlock = dataBase + dataBlocks;      // one chunk, and its bitmap
 constexpr std::uint64_t chunkInfoBlock = bitmapBlock + 1;
 constexpr std::uint64_t firstFree = chunkInfoBlock + 1;
+constexpr std::uint64_t firstIndexOID = 100'000;
+constexpr std::size_t childrenPerNode = 50;
 constexpr std::uint32_t physical = 0x40000000, ephemeral = 0x80000000;
 
 /// A key or value, written field by field.
@@ -276,9 +278,18 @@ void APFSImage::commit(std::vector<Leaf> leaves)
             { records.empty() ? key(i, 3).bytes : records[0].key, Fields().add(firstLeafOID + i, 8).bytes });
     }
     nodes_.erase(nodes_.lower_bound(firstLeafOID + leaves.size()), nodes_.end());
-    auto& root = nodes_[rootOID];
-    root = { allocate(), xid_, {} };
-    writeNode(root.block, rootOID, 0, { .level = 1, .isRoot = true }, index);
+    std::uint16_t level = 1;
+    for (auto oid = firstIndexOID; index.size() > childrenPerNode; ++level) {
+        std::vector<Record> above;
+        for (const auto& children : split(std::exchange(index, {}), childrenPerNode)) {
+            nodes_[oid] = { allocate(), xid_, {} };
+            writeNode(nodes_[oid].block, oid, 0, { .level = level }, children);
+            above.push_back({ children[0].key, Fields().add(oid++, 8).bytes });
+        }
+        index = above;
+    }
+    nodes_[rootOID] = { allocate(), xid_, {} };
+    writeNode(nodes_[rootOID].block, rootOID, 0, { .level = level, .isRoot = true }, index);
     writeVolume();
     writeCheckpoint();
 }
