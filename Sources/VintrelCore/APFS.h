@@ -14,6 +14,7 @@
 #include <vector>
 
 class APFSSpaceManager;
+class APFSVolumeReader;
 class DiskSource;
 
 /// One APFS container on its source: from its superblocks to its volumes. Blocks are numbered from its start. Used by
@@ -104,7 +105,7 @@ public:
     std::unordered_set<std::uint64_t> minedLeaves; ///< blocks whose records are known, or wait to be looked at
     /// The volume (its oid) that a virtual object belongs to: these numbers are the container's, not the volume's.
     std::unordered_map<std::uint64_t, std::uint64_t> ownerOf;
-    std::size_t readableVolumes = 0;
+    std::vector<const APFSVolumeReader*> readers; ///< of the volumes whose files were read, as long as they live
 
 private:
     struct Checkpoint {

@@ -166,10 +166,12 @@ void APFSContainer::walkObjectMap(std::uint64_t oid, std::uint64_t maxXID, std::
             || ByteView(bytes).u64le(offsetof(ObjectHeader, xid)) > maxXID)
             continue;
         const bool isLeaf = ByteView(bytes).u16le(offsetof(NodeHeader, level)) == 0;
+        std::uint64_t room = blockSize_ / 24; // for keys and the shorter values: entries do not share bytes
         const auto level = APFSNodes::forEachRecord(
             bytes, blockSize_, { 16, 16 }, [&, depth = depth](ByteView key, std::optional<ByteView> value) {
-                if (!value)
+                if (!value || room == 0)
                     return;
+                --room;
                 if (isLeaf)
                     visit({ key.u64le(0), key.u64le(8), value->u64le(8), (value->u32le(0) & deletedMask) != 0 });
                 else

@@ -359,7 +359,9 @@ void APFSFileTree::fill(FileNode& node, const APFSFileRecords& records, const AP
     }
     if (inode.isSymlink()) {
         const auto* link = records.attribute(inode.id, Kind::symlink);
-        const auto target = link != nullptr ? records.text(link->target) : std::string_view();
+        auto target = link != nullptr ? records.text(link->target) : std::string_view();
+        if (!container_.takeExtents(1 + target.size() / sizeof(Extent))) // it may have many names too
+            target = {};
         node.size = target.size();
         node.data = Bytes(target.begin(), target.end());
         node.recoverability = target.empty() ? Recoverability::poor : Recoverability::good;

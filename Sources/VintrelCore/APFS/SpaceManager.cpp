@@ -33,7 +33,7 @@ template <class T> std::optional<T> entryOf(ByteView bytes, std::uint64_t start,
 std::unique_ptr<APFSSpaceManager> APFSSpaceManager::load(APFSContainer& container)
 {
     const auto superblock = container.superblock().load<ContainerSuperblock>(0);
-    const std::uint32_t areaLength = superblock->descriptorBlocks;
+    const std::uint32_t areaLength = superblock ? superblock->descriptorBlocks : LE32(0);
     if (areaLength == 0 || areaLength > maxDescriptorBlocks)
         return nullptr;
     Places places;
@@ -135,8 +135,12 @@ void APFSSpaceManager::loadFreeQueue(const Places& places, std::uint64_t rootOID
         if (place == places.end() || !visited.insert(oid).second || !container_.readBlock(place->second.block, block))
             continue;
         const bool isLeaf = ByteView(block).u16le(offsetof(NodeHeader, level)) == 0;
+        std::uint64_t room = container_.blockSize() / 16; // for keys alone
         APFSNodes::forEachRecord(
             block, container_.blockSize(), { 16, 8 }, [&](ByteView key, std::optional<ByteView> value) {
+                if (room == 0)
+                    return;
+                --room;
                 if (!isLeaf) {
                     if (value)
                         pending.push_back(value->u64le(0));

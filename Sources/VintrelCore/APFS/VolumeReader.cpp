@@ -34,6 +34,12 @@ APFSVolumeReader::APFSVolumeReader(std::shared_ptr<APFSContainer> container, Byt
 {
 }
 
+APFSVolumeReader::~APFSVolumeReader()
+{
+    auto& readers = container_->readers;
+    readers.erase(std::remove(readers.begin(), readers.end(), this), readers.end());
+}
+
 std::unique_ptr<Volume> APFSVolumeReader::read(
     std::unique_ptr<APFSVolumeReader> reader, const std::string& origin, WorkProgress* progress)
 {
@@ -77,8 +83,8 @@ void APFSVolumeReader::readTrees(Volume& volume, WorkProgress* progress)
     hasSnapshots_ = stored.snapshotCount != 0;
     nextObjectID_ = stored.nextObjectID;
     loadLiveMap();
-    ++container_->readableVolumes;
     tree_.emplace(*container_, *volume.root);
+    container_->readers.push_back(this);
     const auto live = readLive(stored.rootTreeOID, progress);
     tree_->addExisting(live);
     if (live.inodes().empty())
@@ -191,10 +197,12 @@ std::vector<APFSVolumeReader::Leaf> APFSVolumeReader::findLiveLeaves(std::uint64
             leaves.push_back({ block, oid });
             continue;
         }
+        std::uint64_t room = container_->blockSize() / 16; // for the shortest keys and values
         APFSNodes::forEachRecord(
             node_, container_->blockSize(), {}, [&, depth = depth](ByteView, std::optional<ByteView> value) {
-                if (!value)
+                if (!value || room == 0)
                     return;
+                --room;
                 const std::uint64_t child = value->u64le(0);
                 const auto* version = liveVersion(child);
                 // Leaves are read later, in the order of the disk; only what is above them is needed now.
@@ -263,23 +271,33 @@ APFSFileRecords APFSVolumeReader::readOld(WorkProgress* progress)
     return records;
 }
 
-/// Whether a loose leaf is one of this volume's. Nothing in it says so: the number of the node is the container's, and
-/// the files' numbers are alike in all volumes, so that what they say of known files decides.
-bool APFSVolumeReader::isOwnLeaf(ByteView node) const
+/// How well the files in a leaf agree with those of the volume that have the same numbers; none when it cannot be one
+/// of its leaves.
+std::optional<std::int64_t> APFSVolumeReader::agreementOf(ByteView leaf) const
 {
-    const auto owner = container_->ownerOf.find(node.u64le(offsetof(ObjectHeader, oid)));
-    if (owner != container_->ownerOf.end() && owner->second != oid_)
-        return false;
     APFSFileRecords records;
-    records.addLeaf(node, container_->blockSize(), isHashed_, {});
-    std::int64_t evidence = 0;
+    records.addLeaf(leaf, container_->blockSize(), isHashed_, {});
+    std::int64_t agreement = 0;
     for (const auto& inode : records.inodes()) {
         if (nextObjectID_ != 0 && inode.id >= nextObjectID_)
-            return false;
+            return std::nullopt;
         if (const auto* created = tree_->createdOf(inode.id); created != nullptr && *created != 0)
-            evidence += *created == inode.created ? 1 : -1;
+            agreement += *created == inode.created ? 1 : -1;
     }
-    return evidence >= 0;
+    return agreement >= 0 ? std::optional(agreement) : std::nullopt;
+}
+
+/// Whether a loose leaf is one of this volume's. Nothing in it says so: the number of the node is the container's, and
+/// earlier containers had the same ones. The files' numbers are alike in all volumes, but not when they were created.
+bool APFSVolumeReader::isOwnLeaf(ByteView leaf) const
+{
+    const auto owner = container_->ownerOf.find(leaf.u64le(offsetof(ObjectHeader, oid)));
+    if (owner != container_->ownerOf.end() && owner->second != oid_)
+        return false;
+    const auto agreement = agreementOf(leaf);
+    return agreement && std::ranges::all_of(container_->readers, [&](const APFSVolumeReader* other) {
+        return other == this || other->agreementOf(leaf).value_or(-1) <= *agreement;
+    });
 }
 
 std::unique_ptr<FileNode> APFSVolumeReader::lostFiles(

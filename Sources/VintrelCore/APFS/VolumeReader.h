@@ -15,6 +15,7 @@ class APFSVolumeReader : public DeepContext {
 public:
     /// `oid`: the volume's own, in the container.
     APFSVolumeReader(std::shared_ptr<APFSContainer> container, ByteView superblock, std::uint64_t oid);
+    ~APFSVolumeReader() override;
 
     /// Reads the volume that `reader` is for; it keeps the reader unless its files cannot be read.
     static std::unique_ptr<Volume> read(
@@ -44,7 +45,8 @@ private:
     APFSFileRecords readLive(std::uint64_t rootOID, WorkProgress* progress);
     APFSFileRecords readOld(WorkProgress* progress);
     void addLeaf(APFSFileRecords& records, std::uint64_t block, bool isHeldBySnapshot, bool onlyUnknown);
-    bool isOwnLeaf(ByteView node) const;
+    std::optional<std::int64_t> agreementOf(ByteView leaf) const;
+    bool isOwnLeaf(ByteView leaf) const;
 
     std::shared_ptr<APFSContainer> container_;
     const Bytes superblock_;
