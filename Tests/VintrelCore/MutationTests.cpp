@@ -1,11 +1,13 @@
 // Damaged copies of small images by the thousand: none may crash, hang, or make the reader ask for absurd memory. The
 // seeds are fixed, so that what fails once fails again.
 
+#include "Tests/Images/APFSImage.h"
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Images/FATImage.h"
 #include "Tests/Images/HFSPlusImage.h"
 #include "Tests/Images/NTFSImage.h"
 #include "Tests/Images/PartitionImage.h"
+#include "VintrelCore/APFS.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FileReader.h"
 #include "VintrelCore/Scanner.h"
@@ -65,6 +67,12 @@ void exercise(const Bytes& bytes)
                 sectors.push_back(offset);
         if (const auto lost = FATParser::lostEntries(*volume, sectors, nullptr))
             volume->root->add(FileNode::makeFolder("x", EntryStatus::orphaned));
+        std::vector<std::uint64_t> leaves;
+        for (std::uint64_t offset = 0; offset < bytes.size(); offset += APFSImage::blockSize)
+            if (APFSParser::looksLikeFSTreeLeaf(bytes, static_cast<std::int64_t>(offset)))
+                leaves.push_back(offset);
+        const auto lost = APFSParser::lostFiles(*source, *volume, leaves, nullptr);
+        ASSERT_LT(lost ? lost->totals().files : 0, bytes.size());
     }
 }
 
@@ -222,6 +230,46 @@ TEST(Mutation, NTFSVolumes)
         if (round % 2 == 0) // that the copy of the damaged record is damaged too
             for (std::uint64_t at = 0; at < 1024; ++at)
                 image.bytes()[image.offsetOf(image.mirrorLCN()) + at] = image.bytes()[image.recordOffset(0, at)];
+        ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
+    }
+}
+
+TEST(Mutation, APFSVolumes)
+{
+    APFSImage sound({ .blocks = 64, .isHashed = false });
+    const auto block = sound.store(patternBytes(9000));
+    APFSImage::Leaf records;
+    const auto add = [&](const APFSImage::Leaf& more) { records.insert(records.end(), more.begin(), more.end()); };
+    for (std::uint64_t id = 16; id < 22; ++id)
+        add(sound.folder(id, id % 2 == 0 ? 2 : id - 1, "mappe"));
+    for (std::uint64_t id = 22; id < 34; ++id)
+        add(sound.file({ .id = id, .parent = id - 8, .name = "fil", .size = 9000 }, block));
+    add({ APFSImage::attribute(22, "com.apple.fs.symlink", Bytes(9)), sound.entry(2, "link", 23) });
+    sound.commit(APFSImage::split(records, 12));
+    records.erase(records.end() - 12, records.end());
+    sound.commit(APFSImage::split(records, 12));
+    sound.freeQueue = { { block + 1, 1 } };
+    sound.commit(APFSImage::split(records, 10));
+    exerciseDamaged(sound, sound.offsetOf(30), 300, 8);
+
+    // Fields of nodes and superblocks, all of them signed again.
+    constexpr std::uint64_t numbers[]
+        = { 0, 1, 2, 3, 7, 15, 16, 20, 31, 40, 63, 64, 0xFF, 0xFFF, 0x1000, 0x7FFF, 0xFFFF, 0xFFFFFFFF,
+              std::uint64_t { 1 } << 40, std::uint64_t { 1 } << 52, std::uint64_t { 1 } << 63, ~std::uint64_t { 0 } };
+    std::mt19937 random(9);
+    for (int round = 0; round < 1000; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        auto image = sound;
+        for (auto count = 1 + random() % 8; count > 0; --count) {
+            const std::uint64_t inBlock
+                = random() % 3 == 0 ? APFSImage::blockSize - 1 - random() % 400 : 8 + random() % 400;
+            const std::uint64_t at = image.offsetOf(random() % 64) + inBlock / 2 * 2;
+            const auto width = std::size_t { 1 } << random() % 4;
+            const std::uint64_t value = numbers[random() % std::size(numbers)];
+            for (std::size_t i = 0; i < width && at + i < image.bytes().size(); ++i)
+                image.bytes()[at + i] = static_cast<std::uint8_t>(value >> 8 * i);
+        }
+        image.renewChecksums();
         ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
     }
 }

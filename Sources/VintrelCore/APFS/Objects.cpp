@@ -1,6 +1,7 @@
-// What every APFS object has: its checksum and its type.
+// What every APFS object has, its checksum and its type; and the nodes of B-trees.
 
 #include "VintrelCore/APFS.h"
+#include "VintrelCore/APFS/Nodes.h"
 #include "VintrelCore/APFS/Structures.h"
 
 #include <algorithm>
@@ -61,3 +62,17 @@ bool looksLikeFSTreeLeaf(ByteView bytes, std::int64_t at, std::uint64_t blockSiz
 }
 
 } // namespace APFSParser
+
+std::optional<APFSContainer::Node> APFSContainer::parseNode(ByteView bytes, int fixedKey, int fixedValue) const
+{
+    Node node;
+    const auto level = APFSNodes::forEachRecord(
+        bytes, blockSize_, { fixedKey, fixedValue }, [&](ByteView key, std::optional<ByteView> value) {
+            if (value)
+                node.records.push_back({ key, *value });
+        });
+    if (!level)
+        return std::nullopt;
+    node.level = *level;
+    return node;
+}

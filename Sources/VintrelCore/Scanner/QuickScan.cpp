@@ -1,3 +1,4 @@
+#include "VintrelCore/APFS.h"
 #include "VintrelCore/DiskSource.h"
 #include "VintrelCore/ExFAT.h"
 #include "VintrelCore/FAT.h"
@@ -35,8 +36,9 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset, c
         return oneOrNone(NTFSParser::parse(source, offset, origin, progress, boot));
     case FileSystemType::hfsplus:
         return oneOrNone(HFSPlusParser::parse(source, offset, origin, progress));
-    case FileSystemType::apfs: // recognised, but not read yet
-    case FileSystemType::ext:  // known only so that the user can be told
+    case FileSystemType::apfs:
+        return APFSParser::parse(source, offset, origin, progress);
+    case FileSystemType::ext: // known only so that the user can be told
     case FileSystemType::carved:
     case FileSystemType::unknown:
         break;

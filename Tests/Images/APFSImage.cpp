@@ -1,0 +1,399 @@
+#include "Tests/Images/APFSImage.h"
+
+#include "VintrelCore/APFS.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace {
+
+constexpr std::uint64_t descriptorBase = 1;
+constexpr std::uint64_t dataBase = descriptorBase + APFSImage::descriptorBlocks;
+constexpr std::uint64_t dataBlocks = APFSImage::descriptorBlocks; // a space manager and a queue for each checkpoint
+constexpr std::uint64_t bitmapBlock = dataBase + dataBlocks;      // one chunk, and its bitmap
+constexpr std::uint64_t chunkInfoBlock = bitmapBlock + 1;
+constexpr std::uint64_t firstFree = chunkInfoBlock + 1;
+constexpr std::uint64_t firstIndexOID = 100'000;
+constexpr std::size_t childrenPerNode = 50;
+constexpr std::uint32_t physical = 0x40000000, ephemeral = 0x80000000;
+
+/// A key or value, written field by field.
+struct Fields {
+    Bytes bytes {};
+
+    Fields& add(std::uint64_t value, int width)
+    {
+        bytes.resize(bytes.size() + static_cast<std::size_t>(width));
+        putLE(bytes, bytes.size() - static_cast<std::size_t>(width), value, width);
+        return *this;
+    }
+    Fields& add(std::string_view text)
+    {
+        bytes.insert(bytes.end(), text.begin(), text.end());
+        return *this;
+    }
+    Fields& zeros(std::size_t count)
+    {
+        bytes.resize(bytes.size() + count);
+        return *this;
+    }
+    Fields& name(std::string_view text) { return add(text.size() + 1, 2).add(text).add(0, 1); }
+};
+
+Fields key(std::uint64_t id, std::uint64_t kind) { return Fields().add(id | kind << 60, 8); }
+
+/// Sorts by object, then by kind, then by the rest of the key.
+void sort(APFSImage::Leaf& records)
+{
+    std::ranges::stable_sort(records, {}, [](const APFSImage::Record& record) {
+        const auto number = ByteView(record.key).u64le(0);
+        return std::pair(number << 4 | number >> 60, Bytes(record.key.rbegin(), record.key.rend() - 8));
+    });
+}
+
+} // namespace
+
+APFSImage::APFSImage()
+    : APFSImage(Options {})
+{
+}
+
+APFSImage::APFSImage(Options options)
+    : options_(std::move(options))
+    , nextFree_(firstFree)
+    , allocated_(options_.blocks)
+{
+    bytes_.resize(offsetOf(options_.blocks));
+    std::fill_n(allocated_.begin(), firstFree, true);
+}
+
+APFSImage::Record APFSImage::inode(const Inode& inode)
+{
+    Fields value;
+    value.add(inode.parent, 8).add(inode.privateID != 0 ? inode.privateID : inode.id, 8);
+    for (const std::uint64_t later : { 0u, 1u, 1u, 1u })
+        value.add(inode.created + later * 1'000'000'000, 8);
+    value.add(0x8000 | (inode.isSparse ? 0x200u : 0u), 8).add(1, 4).add(0, 4).add(0, 4).add(inode.bsdFlags, 4);
+    value.add(99, 4).add(99, 4).add(inode.mode, 2).zeros(10);
+    const bool hasStream = (inode.mode & 0xF000) == 0x8000 && inode.bsdFlags == 0;
+    const std::size_t nameSize = inode.name.size() + 1;
+    value.add(hasStream ? 2 : 1, 2).add((nameSize + 7) / 8 * 8 + (hasStream ? 40 : 0), 2);
+    value.add(0x0204, 2).add(nameSize, 2);
+    if (hasStream)
+        value.add(0x2008, 2).add(40, 2);
+    value.add(inode.name).zeros(8 - inode.name.size() % 8);
+    if (hasStream)
+        value.add(inode.size, 8).add((inode.size + blockSize - 1) / blockSize * blockSize, 8).zeros(24);
+    return { key(inode.id, 3).bytes, value.bytes };
+}
+
+APFSImage::Record APFSImage::entry(std::uint64_t parent, const std::string& name, std::uint64_t id, bool isFolder) const
+{
+    auto named = key(parent, 9);
+    if (options_.isHashed)
+        named.add((name.size() + 1) | 0x5A5A5400, 4).add(name).add(0, 1);
+    else
+        named.name(name);
+    return { named.bytes, Fields().add(id, 8).add(1, 8).add(isFolder ? 4 : 8, 2).bytes };
+}
+
+APFSImage::Record APFSImage::extent(
+    std::uint64_t owner, std::uint64_t logical, std::uint64_t length, std::uint64_t block)
+{
+    return { key(owner, 8).add(logical, 8).bytes, Fields().add(length, 8).add(block, 8).add(0, 8).bytes };
+}
+
+APFSImage::Record APFSImage::sibling(
+    std::uint64_t id, std::uint64_t siblingID, std::uint64_t parent, const std::string& name)
+{
+    return { key(id, 5).add(siblingID, 8).bytes, Fields().add(parent, 8).name(name).bytes };
+}
+
+APFSImage::Record APFSImage::attribute(std::uint64_t id, const std::string& name, const Bytes& content)
+{
+    return { key(id, 4).name(name).bytes,
+        Fields()
+            .add(2, 2)
+            .add(content.size(), 2)
+            .add({ reinterpret_cast<const char*>(content.data()), content.size() })
+            .bytes };
+}
+
+APFSImage::Leaf APFSImage::file(const Inode& file, std::uint64_t block) const
+{
+    Leaf leaf { entry(file.parent, file.name, file.id), inode(file) };
+    if (block != 0)
+        leaf.push_back(extent(file.id, 0, (file.size + blockSize - 1) / blockSize * blockSize, block));
+    return leaf;
+}
+
+APFSImage::Leaf APFSImage::folder(std::uint64_t id, std::uint64_t parent, const std::string& name) const
+{
+    return { entry(parent, name, id, true), inode({ .id = id, .parent = parent, .name = name, .mode = 0x41ED }) };
+}
+
+std::uint64_t APFSImage::allocate(std::uint64_t count)
+{
+    const auto first = nextFree_;
+    nextFree_ += count;
+    for (auto block = first; block < nextFree_; ++block)
+        setAllocated(block);
+    return first;
+}
+
+std::uint64_t APFSImage::store(const Bytes& content)
+{
+    const auto block = allocate((content.size() + blockSize - 1) / blockSize);
+    write(offsetOf(block), content);
+    return block;
+}
+
+void APFSImage::put(std::uint64_t block, std::uint64_t at, std::uint64_t value, int width)
+{
+    putLE(bytes_, offsetOf(block) + at, value, width);
+}
+
+void APFSImage::header(std::uint64_t block, std::uint64_t oid, std::uint32_t type, std::uint32_t subtype)
+{
+    std::fill_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offsetOf(block)), blockSize, std::uint8_t { 0 });
+    put(block, 8, oid, 8);
+    put(block, 16, xid_, 8);
+    put(block, 24, type, 4);
+    put(block, 28, subtype, 4);
+}
+
+void APFSImage::sign(std::uint64_t block, std::uint64_t count)
+{
+    const auto object = ByteView(bytes_).sub(
+        static_cast<std::int64_t>(offsetOf(block)), static_cast<std::int64_t>(count * blockSize));
+    put(block, 0, APFSParser::fletcher64(object), 8);
+}
+
+void APFSImage::renewChecksums()
+{
+    for (std::uint64_t block = 0; offsetOf(block + 1) <= bytes_.size(); ++block)
+        if (ByteView(bytes_).u64le(static_cast<std::int64_t>(offsetOf(block))) != 0 && block != bitmapBlock)
+            sign(block);
+}
+
+void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t storage, const NodeKind& kind,
+    const std::vector<Record>& records)
+{
+    header(block, oid, storage | (kind.isRoot ? 2 : 3), kind.subtype);
+    const bool isFixed = kind.fixedKey != 0;
+    const std::uint64_t tableSize = std::max<std::uint64_t>(records.size(), 8) * (isFixed ? 4 : 8);
+    put(block, 32, (kind.isRoot ? 1u : 0u) | (kind.level == 0 ? 2u : 0u) | (isFixed ? 4u : 0u), 2);
+    put(block, 34, kind.level, 2);
+    put(block, 36, records.size(), 4);
+    put(block, 42, tableSize, 2);
+    std::uint64_t keyAt = 0, valueAt = 0, entry = 56;
+    const std::uint64_t keyArea = 56 + tableSize, valueEnd = blockSize - (kind.isRoot ? 40 : 0);
+    for (const auto& [key, value] : records) {
+        valueAt += value.size();
+        if (keyArea + keyAt + key.size() + valueAt > valueEnd)
+            throw std::logic_error("too many records for a node");
+        write(offsetOf(block) + keyArea + keyAt, key);
+        write(offsetOf(block) + valueEnd - valueAt, value);
+        put(block, entry, keyAt, 2);
+        if (!isFixed)
+            put(block, entry + 2, key.size(), 2);
+        put(block, entry + (isFixed ? 2 : 4), value.empty() ? 0xFFFF : valueAt, 2);
+        if (!isFixed)
+            put(block, entry + 6, value.size(), 2);
+        entry += isFixed ? 4 : 8;
+        keyAt += key.size();
+    }
+    put(block, 44, keyAt, 2);
+    put(block, 46, valueEnd - keyArea - keyAt - valueAt, 2);
+    put(block, 48, 0xFFFF, 4);
+    put(block, 52, 0xFFFF, 4);
+    if (kind.isRoot) {
+        put(block, blockSize - 40 + 4, blockSize, 4);
+        put(block, blockSize - 40 + 8, kind.fixedKey, 4);
+        put(block, blockSize - 40 + 12, kind.fixedValue, 4);
+        put(block, blockSize - 40 + 24, records.size(), 8);
+        put(block, blockSize - 40 + 32, 1, 8);
+    }
+    sign(block);
+}
+
+/// The block of the map. Its tree has one node, or as many leaves as are needed below one root.
+std::uint64_t APFSImage::writeObjectMap(const std::multimap<std::uint64_t, Node>& objects)
+{
+    constexpr std::size_t recordsPerLeaf = 100;
+    std::vector<Record> all, index;
+    for (const auto& [oid, node] : objects)
+        all.push_back({ Fields().add(oid, 8).add(node.xid, 8).bytes,
+            Fields().add(0, 4).add(blockSize, 4).add(node.block, 8).bytes });
+    NodeKind kind { .subtype = 11, .level = 0, .isRoot = false, .fixedKey = 16, .fixedValue = 16 };
+    if (all.size() > recordsPerLeaf) {
+        for (std::size_t first = 0; first < all.size(); first += recordsPerLeaf) {
+            const auto begin = all.begin() + static_cast<std::ptrdiff_t>(first);
+            const auto leaf = allocate();
+            writeNode(leaf, leaf, physical, kind,
+                { begin, begin + static_cast<std::ptrdiff_t>(std::min(recordsPerLeaf, all.size() - first)) });
+            index.push_back({ begin->key, Fields().add(leaf, 8).bytes });
+        }
+        kind.level = 1;
+        all = index;
+    }
+    const auto map = allocate(), root = allocate();
+    kind.isRoot = true;
+    writeNode(root, root, physical, kind, all);
+    header(map, map, physical | 11);
+    put(map, 40, physical | 2, 4);
+    put(map, 44, physical | 2, 4);
+    put(map, 48, root, 8);
+    sign(map);
+    return map;
+}
+
+std::vector<APFSImage::Leaf> APFSImage::split(Leaf records, std::size_t perLeaf)
+{
+    sort(records);
+    std::vector<Leaf> leaves;
+    for (std::size_t first = 0; first < records.size(); first += perLeaf) {
+        const auto begin = records.begin() + static_cast<std::ptrdiff_t>(first);
+        leaves.emplace_back(begin, begin + static_cast<std::ptrdiff_t>(std::min(perLeaf, records.size() - first)));
+    }
+    return leaves;
+}
+
+void APFSImage::commit(std::vector<Leaf> leaves)
+{
+    ++xid_;
+    leaves.at(0).push_back(inode({ .id = 2, .parent = 1, .name = "root", .mode = 0x41ED }));
+    std::vector<Record> index;
+    for (std::size_t i = 0; i < leaves.size(); ++i) {
+        auto& records = leaves[i];
+        sort(records);
+        auto& node = nodes_[firstLeafOID + i];
+        if (node.records != records) {
+            if (node.block != 0 && options_.snapshots != 0)
+                heldNodes_.emplace(firstLeafOID + i, node);
+            node = { allocate(), xid_, records };
+            writeNode(node.block, firstLeafOID + i, 0, {}, records);
+        }
+        index.push_back(
+            { records.empty() ? key(i, 3).bytes : records[0].key, Fields().add(firstLeafOID + i, 8).bytes });
+    }
+    nodes_.erase(nodes_.lower_bound(firstLeafOID + leaves.size()), nodes_.end());
+    std::uint16_t level = 1;
+    for (auto oid = firstIndexOID; index.size() > childrenPerNode; ++level) {
+        std::vector<Record> above;
+        for (const auto& children : split(std::exchange(index, {}), childrenPerNode)) {
+            nodes_[oid] = { allocate(), xid_, {} };
+            writeNode(nodes_[oid].block, oid, 0, { .level = level }, children);
+            above.push_back({ children[0].key, Fields().add(oid++, 8).bytes });
+        }
+        index = above;
+    }
+    nodes_[rootOID] = { allocate(), xid_, {} };
+    writeNode(nodes_[rootOID].block, rootOID, 0, { .level = level, .isRoot = true }, index);
+    writeVolume();
+    writeCheckpoint();
+}
+
+void APFSImage::writeVolume()
+{
+    auto objects = heldNodes_;
+    objects.insert(nodes_.begin(), nodes_.end());
+    const auto map = writeObjectMap(objects);
+    const auto block = volumeSuperblock_ = allocate();
+    header(block, volumeOID, 13);
+    write(offsetOf(block) + 32, bytesOf("APSB"));
+    put(block, 56, options_.isHashed ? 1 : 0, 8);
+    put(block, 116, 2, 4);
+    put(block, 128, map, 8);
+    put(block, 136, rootOID, 8);
+    put(block, 176, 5000, 8);
+    put(block, 216, options_.snapshots, 8);
+    put(block, 240, 77, 8);
+    put(block, 264, options_.flags, 8);
+    write(offsetOf(block) + 704, bytesOf(options_.name));
+    put(block, 964, options_.role, 2);
+    sign(block);
+    containerMap_ = writeObjectMap({ { volumeOID, { block, xid_, {} } } });
+}
+
+void APFSImage::writeCheckpoint()
+{
+    const auto index = 2 * (xid_ - 1) % descriptorBlocks;
+    const auto map = descriptorBase + index, manager = dataBase + index, queue = manager + 1;
+    superblock_ = map + 1;
+
+    std::vector<Record> freed;
+    for (const auto& [first, count] : freeQueue) {
+        freed.push_back(
+            { Fields().add(xid_, 8).add(first, 8).bytes, count == 1 ? Bytes() : Fields().add(count, 8).bytes });
+        for (auto block = first; block < first + count; ++block)
+            setAllocated(block);
+    }
+    writeNode(queue, queueOID, ephemeral, { .subtype = 9, .isRoot = true, .fixedKey = 16, .fixedValue = 8 }, freed);
+    for (std::uint64_t block = 0; block < options_.blocks; ++block)
+        if (auto& byte = bytes_.at(offsetOf(bitmapBlock) + block / 8); allocated_[block])
+            byte = static_cast<std::uint8_t>(byte | 1 << block % 8);
+        else
+            byte = static_cast<std::uint8_t>(byte & ~(1 << block % 8));
+    header(chunkInfoBlock, chunkInfoBlock, physical | 7);
+    put(chunkInfoBlock, 36, 1, 4);
+    put(chunkInfoBlock, 40, xid_, 8);
+    put(chunkInfoBlock, 56, options_.blocks, 4);
+    put(chunkInfoBlock, 64, bitmapBlock, 8);
+    sign(chunkInfoBlock);
+
+    header(manager, spaceManagerOID, ephemeral | 5);
+    put(manager, 32, blockSize, 4);
+    put(manager, 36, blockSize * 8, 4);
+    put(manager, 40, 126, 4);
+    put(manager, 44, 507, 4);
+    put(manager, 48, options_.blocks, 8);
+    put(manager, 56, 1, 8);
+    put(manager, 64, 1, 4);
+    put(manager, 80, 2520, 4);
+    put(manager, 248, queueOID, 8);
+    put(manager, 2520, chunkInfoBlock, 8);
+    sign(manager);
+
+    header(map, map, physical | 12);
+    put(map, 32, 1, 4);
+    put(map, 36, 2, 4);
+    std::uint64_t at = 40;
+    for (const auto& [type, oid, block] :
+        { std::tuple(5u, spaceManagerOID, manager), std::tuple(2u, queueOID, queue) }) {
+        put(map, at, ephemeral | type, 4);
+        put(map, at + 4, type == 2 ? 9 : 0, 4);
+        put(map, at + 8, blockSize, 4);
+        put(map, at + 24, oid, 8);
+        put(map, at + 32, block, 8);
+        at += 40;
+    }
+    sign(map);
+
+    for (const auto block : { superblock_, std::uint64_t { 0 } }) {
+        header(block, 1, ephemeral | 1);
+        write(offsetOf(block) + 32, bytesOf("NXSB"));
+        put(block, 36, blockSize, 4);
+        put(block, 40, options_.blocks, 8);
+        put(block, 64, 2, 8);
+        put(block, 72, 42, 8);
+        put(block, 88, 2000, 8);
+        put(block, 96, xid_ + 1, 8);
+        put(block, 104, descriptorBlocks, 4);
+        put(block, 108, dataBlocks, 4);
+        put(block, 112, descriptorBase, 8);
+        put(block, 120, dataBase, 8);
+        put(block, 128, (index + 2) % descriptorBlocks, 4);
+        put(block, 132, (index + 2) % dataBlocks, 4);
+        put(block, 136, index, 4);
+        put(block, 140, 2, 4);
+        put(block, 144, index, 4);
+        put(block, 148, 2, 4);
+        put(block, 152, spaceManagerOID, 8);
+        put(block, 160, containerMap_, 8);
+        put(block, 168, reaperOID, 8);
+        put(block, 180, 1, 4);
+        put(block, 184, volumeOID, 8);
+        sign(block);
+    }
+}
