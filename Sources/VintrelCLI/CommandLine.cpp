@@ -91,6 +91,10 @@ VolumeList allVolumes(Session& session, Depth depth)
     session.print("Dyb scanning: " + number(found.carved.size()) + " signaturfund, " + number(found.boots.size())
         + " bootsektorer, " + number(found.mftRecords.size()) + " MFT-poster, " + number(found.fatDirSectors.size())
         + " FAT-mappesektorer, " + number(found.apfsLeafNodes.size()) + " APFS-knuder");
+    std::ranges::move(
+        DeepScanner::buildVolumes(source, found, volumes, &session.progress), std::back_inserter(volumes));
+    for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, found, &session.progress))
+        volume->root->add(std::move(folder));
     if (!found.carved.empty())
         volumes.push_back(DeepScanner::carvedVolume(source, found.carved));
     return volumes;

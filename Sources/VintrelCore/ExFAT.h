@@ -71,4 +71,8 @@ namespace ExFATParser {
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot = {});
 
+/// Whether what lies where the boot sector has it confirms that a volume begins at byte `offset`: the root directory
+/// names an allocation bitmap that fits.
+bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot);
+
 } // namespace ExFATParser

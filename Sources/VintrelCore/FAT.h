@@ -89,6 +89,10 @@ namespace FATParser {
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot = {});
 
+/// Whether what lies where the boot sector has it confirms that a volume begins at byte `offset`: a copy of the FAT
+/// begins as every FAT does, or the root directory looks like one.
+bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot);
+
 /// Whether the 512 bytes at `at` look like a sector of a FAT directory.
 bool looksLikeDirectorySector(ByteView bytes, std::int64_t at = 0);
 

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "VintrelCore/Binary.h"
 #include "VintrelCore/Model.h"
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 class DiskSource;
@@ -12,8 +14,9 @@ class DiskSource;
 namespace HFSPlusParser {
 
 /// The volume that begins at byte `offset`; none when there is no volume header, no usable catalog or nothing in it.
-/// `progress` may be none.
-std::unique_ptr<Volume> parse(
-    DiskSource& source, std::uint64_t offset, const std::string& origin, WorkProgress* progress);
+/// `progress` may be none. `found`: a volume header that was found elsewhere, the alternate one above all, to be used
+/// instead of the one in the volume's second kilobyte.
+std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
+    WorkProgress* progress, std::optional<ByteView> found = {});
 
 } // namespace HFSPlusParser

@@ -12,10 +12,12 @@
 #include <vector>
 
 class DiskSource;
+struct CarvedFile;
 
 /// Where things lie on an NTFS volume, as its boot sector says. Sizes are in bytes.
 struct NTFSGeometry {
     std::uint64_t base = 0;        ///< where the volume begins on the source
+    bool hasPlace = true;          ///< false: nobody knows where the volume begins, and so where any cluster lies
     std::uint64_t clusterSize = 0; ///< at most 16 MiB, not always a power of two
     std::uint32_t recordSize = 0;  ///< of an MFT record, 512 … 65,536
     std::uint64_t volumeSize = 0;  ///< as claimed; the largest number there is when it claims more than that
@@ -58,6 +60,7 @@ struct DataFragment {
     Bytes resident; ///< the content itself
     Runs runs;      ///< where a non-resident one lies
     std::uint64_t startVCN = 0;
+    std::uint64_t allocatedSize = 0;  ///< of all clusters of the content, in bytes; valid as `dataSize` is
     std::uint64_t dataSize = 0;       ///< of the whole content; valid in the fragment that starts at VCN 0
     std::uint64_t initSize = 0;       ///< bytes from here on were never written and are zeros; valid as `dataSize` is
     std::uint8_t compressionUnit = 0; ///< log2 of the clusters in a unit
@@ -81,7 +84,8 @@ struct MFTRecord {
     Bytes attributeList;                  ///< a resident one
     DataFragment::Runs attributeListRuns; ///< of a non-resident one
     std::uint64_t attributeListSize = 0;
-    std::string volumeName; ///< of $Volume alone
+    std::string volumeName;                ///< of $Volume alone
+    std::optional<std::uint64_t> indexLCN; ///< of a folder whose index does not fit in the record: where it begins
 
     bool isExtension() const { return base != FileReference {}; }
     bool hasAttributeList() const { return !attributeList.empty() || !attributeListRuns.empty(); }
@@ -143,6 +147,7 @@ public:
     explicit MappedStream(ExtentList extents);
 
     std::uint64_t size() const { return ends_.empty() ? 0 : ends_.back(); }
+    const ExtentList& extents() const { return extents_; }
     /// The rest of the extent that byte `position` lies in; of no length at the stream's end.
     Extent at(std::uint64_t position) const;
     /// Fills `into` from byte `position` on. Holes, and what lies past the end, are zeros. False when nothing of it has
@@ -195,6 +200,19 @@ private:
     const NTFSGeometry geometry_;
 };
 
+/// What the search for lost volumes needs to know of a volume that was read.
+class NTFSDeepInfo : public DeepContext {
+public:
+    NTFSDeepInfo(const NTFSGeometry& volumeGeometry, MappedStream volumeMFT)
+        : geometry(volumeGeometry)
+        , mft(std::move(volumeMFT))
+    {
+    }
+
+    NTFSGeometry geometry;
+    MappedStream mft;
+};
+
 /// NTFS: existing, deleted and orphaned files.
 namespace NTFSParser {
 
@@ -202,6 +220,20 @@ namespace NTFSParser {
 /// boot sector found elsewhere, to be used instead of the one at `offset`.
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot = {});
+
+/// What helps to tell where a volume without a boot sector lies.
+struct RebuildHints {
+    std::vector<NTFSGeometry> geometries;  ///< of volumes and boot sectors that were found
+    const std::vector<CarvedFile>& carved; ///< files found by content, ascending by offset
+};
+
+/// The volumes that MFT records (absolute offsets, ascending) belong to which no volume has: put together from the
+/// records alone. Where a volume's place cannot be told, its files have names and what fits in a record, and no more.
+VolumeList rebuild(
+    DiskSource& source, std::span<const std::uint64_t> records, const RebuildHints& hints, WorkProgress* progress);
+
+/// Those records that belong to none of these volumes: neither to their MFTs nor to the mirrors of these.
+std::vector<std::uint64_t> looseRecords(std::span<const std::uint64_t> records, const VolumeList& volumes);
 
 /// Whether the bytes at `at` look like an MFT record.
 bool looksLikeRecord(ByteView bytes, std::int64_t at = 0);

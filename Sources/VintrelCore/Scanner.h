@@ -92,6 +92,20 @@ public:
     /// of the progress about three times a second and at the end.
     DeepScanResult run(WorkProgress* reporter, const std::function<void(const DeepScanStats&)>& onUpdate = {}) const;
 
+    /// The volumes that a sweep's finds belong to and that are not among the `known` ones.
+    static VolumeList buildVolumes(
+        DiskSource& source, const DeepScanResult& result, const VolumeList& known, WorkProgress* progress);
+
+    /// A folder for the root of a volume, with files that its own tables do not name any more.
+    struct ExtraFolder {
+        Volume* volume;
+        std::unique_ptr<FileNode> folder;
+    };
+    /// What the sweep found that belongs to these volumes and that they do not list. Some of it may be added to folders
+    /// that the volumes have already.
+    static std::vector<ExtraFolder> extraFolders(
+        DiskSource& source, const VolumeList& volumes, const DeepScanResult& result, WorkProgress* progress);
+
     /// The files found by content, as a volume with a folder for each kind.
     static std::unique_ptr<Volume> carvedVolume(DiskSource& source, std::span<const CarvedFile> files);
 

@@ -98,9 +98,9 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
     const auto tryFormat = [&](Formats::Found (*read)(const Candidate&)) {
         const std::uint64_t allowed = workAhead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
         reader_.moveTo(offset);
-        reader_.limitWork(std::max(allowed - work_, leastWork));
+        reader_.limitWork(std::max(allowed - std::min(allowed, work_), leastWork));
         auto found = read(candidate);
-        work_ = std::min(work_ + reader_.work(), allowed);
+        work_ = std::min(work_ + reader_.work(), std::max(allowed, work_)); // what went beyond is no debt
         if (found && (reader_.isExhausted() || found->size == 0))
             found.reset();
         return found;

@@ -2,6 +2,7 @@
 
 #include "VintrelCore/DiskSource.h"
 #include "VintrelCore/ExFAT.h"
+#include "VintrelCore/ExFAT/EntrySets.h"
 #include "VintrelCore/ExFAT/Walker.h"
 #include "VintrelCore/FSProbe.h"
 
@@ -30,6 +31,23 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
         volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
     volume->root->sortChildren();
     return volume;
+}
+
+bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
+{
+    using namespace ExFATEntries;
+    constexpr std::int64_t looked = 512; // formatting puts the bitmap among the first entries
+    const auto geometry = ExFATGeometry::from(boot, offset);
+    if (!geometry || !geometry->heap.contains(geometry->rootCluster))
+        return false;
+    const auto root = source.read(geometry->heap.offsetOf(geometry->rootCluster), looked, ReadMode::thorough);
+    for (std::int64_t at = 0; at < looked; at += entrySize) {
+        const auto entry = ByteView(root).load<BitmapEntry>(at);
+        if (entry->type == bitmapType && geometry->heap.contains(entry->firstCluster)
+            && entry->size == (std::uint64_t { geometry->heap.count } + 7) / 8)
+            return true;
+    }
+    return false;
 }
 
 } // namespace ExFATParser

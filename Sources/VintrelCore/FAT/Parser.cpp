@@ -80,6 +80,30 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     return volume;
 }
 
+bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
+{
+    const auto type = FSProbe::detectBootSector(boot);
+    const auto geometry = type ? FATGeometry::from(boot, *type, offset) : std::nullopt;
+    if (!geometry)
+        return false;
+    constexpr std::int64_t mediaByte = 21;
+    constexpr std::uint64_t maxCopies = 4;
+    for (std::uint64_t copy = 0; copy < std::min<std::uint64_t>(geometry->fatCount, maxCopies); ++copy) {
+        // The first entry repeats the medium's kind, all its other bits being set; the second one's low bits are set.
+        const auto start = source.read(geometry->fatOffset + copy * geometry->fatSize, 4, ReadMode::thorough);
+        const bool isFAT12 = geometry->type == FileSystemType::fat12;
+        if (start[0] == boot.u8(mediaByte) && start[0] >= 0xF0 && start[1] == 0xFF && (isFAT12 || start[2] == 0xFF))
+            return true;
+    }
+    std::uint64_t root = geometry->rootDirOffset;
+    if (geometry->rootDirSize == 0) {
+        if (!geometry->heap.contains(geometry->rootCluster))
+            return false;
+        root = geometry->heap.offsetOf(geometry->rootCluster);
+    }
+    return looksLikeDirectorySector(source.read(root, sectorSize, ReadMode::thorough));
+}
+
 bool looksLikeDirectorySector(ByteView bytes, std::int64_t at)
 {
     const auto sector = bytes.sub(at, sectorSize);

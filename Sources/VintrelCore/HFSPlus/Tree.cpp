@@ -212,13 +212,15 @@ void HFSContext::estimateDeleted(FileNode& node, const Runs& runs) const
 
 namespace HFSPlusParser {
 
-std::unique_ptr<Volume> parse(
-    DiskSource& source, std::uint64_t offset, const std::string& origin, WorkProgress* progress)
+std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
+    WorkProgress* progress, std::optional<ByteView> found)
 {
     if (offset >= source.size()) // also keeps every place on the volume within 64 bits
         return nullptr;
-    const auto bytes = source.read(offset + volumeHeaderOffset, sizeof(VolumeHeader), ReadMode::thorough);
-    const auto header = ByteView(bytes).load<VolumeHeader>(0);
+    const auto own
+        = found ? Bytes() : source.read(offset + volumeHeaderOffset, sizeof(VolumeHeader), ReadMode::thorough);
+    const auto bytes = found.value_or(own);
+    const auto header = bytes.load<VolumeHeader>(0);
     if (!header || !FSProbe::isHFSPlusHeader(bytes))
         return nullptr;
     return HFSContext(source, offset, *header).build(origin, progress);

@@ -145,6 +145,8 @@ Content of(const NTFSContext& context, std::vector<DataFragment>& fragments)
     auto located = context.extents(merged->runs, content.size, merged->initSize);
     if (!located.isComplete)
         content.doubts |= lacksRuns;
+    if (!context.geometry().hasPlace) // clusters without a place say nothing
+        return content;
     const std::uint64_t unitClusters = first.compressionUnit < 32 ? std::uint64_t { 1 } << first.compressionUnit : 0;
     const bool isUnit = unitClusters > 1 && unitClusters <= maxUnitBytes / clusterSize;
     if (!first.isCompressed || !isUnit) {

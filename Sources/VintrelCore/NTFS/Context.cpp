@@ -108,7 +108,7 @@ std::optional<NTFSGeometry> NTFSGeometry::from(ByteView boot, std::uint64_t base
 
 std::optional<std::uint64_t> NTFSGeometry::offsetOf(std::uint64_t lcn) const
 {
-    if (lcn > (maximum - base) / clusterSize)
+    if (!hasPlace || lcn > (maximum - base) / clusterSize)
         return std::nullopt;
     return base + lcn * clusterSize;
 }
@@ -152,7 +152,8 @@ bool MappedStream::read(DiskSource& source, std::uint64_t position, std::span<st
 
 std::uint64_t NTFSContext::capacity() const
 {
-    const std::uint64_t onSource = source_.size() > geometry_.base ? source_.size() - geometry_.base : 0;
+    const std::uint64_t base = geometry_.hasPlace ? geometry_.base : 0;
+    const std::uint64_t onSource = source_.size() > base ? source_.size() - base : 0;
     return geometry_.volumeSize == 0 ? onSource : std::min(onSource, geometry_.volumeSize);
 }
 

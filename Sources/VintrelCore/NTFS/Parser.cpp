@@ -23,6 +23,7 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
         return nullptr;
     auto volume = context.buildVolume(std::move(records), origin);
     std::ranges::move(notes, std::back_inserter(volume->notes));
+    volume->deepContext = std::make_unique<NTFSDeepInfo>(*geometry, *mft);
     return volume;
 }
 

@@ -105,6 +105,7 @@ enum AttributeType : std::uint32_t {
     fileName = 0x30,
     volumeName = 0x60,
     data = 0x80,
+    indexAllocation = 0xA0,
     endOfAttributes = 0xFFFFFFFF,
 };
 
@@ -199,10 +200,21 @@ void readData(ByteView attribute, const AttributeHeader& common, MFTRecord& reco
         fragment.startVCN = header->startVCN;
         fragment.runs = runsOf(attribute, *header);
         fragment.compressionUnit = header->compressionUnit;
+        fragment.allocatedSize = header->allocatedSize;
         fragment.dataSize = header->dataSize;
         fragment.initSize = header->initSize;
     }
     record.data.push_back(std::move(fragment));
+}
+
+void readIndexAllocation(ByteView attribute, MFTRecord& record)
+{
+    const auto header = attribute.load<NonResidentHeader>(0);
+    if (!header || header->common.nonResident == 0 || header->startVCN != 0)
+        return;
+    const auto runs = runsOf(attribute, *header);
+    if (!runs.empty())
+        record.indexLCN = runs.front().lcn;
 }
 
 /// Empties a record, and keeps the room that its lists have for the next one.
@@ -292,6 +304,9 @@ bool parseRecord(std::span<std::uint8_t> bytes, std::optional<std::uint64_t> num
             break;
         case data:
             readData(attribute, common, record);
+            break;
+        case indexAllocation:
+            readIndexAllocation(attribute, record);
             break;
         default:
             break;

@@ -1,0 +1,247 @@
+// What the structures that a sweep found say of volumes that no table names.
+
+#include "VintrelCore/APFS.h"
+#include "VintrelCore/DiskSource.h"
+#include "VintrelCore/ExFAT.h"
+#include "VintrelCore/FAT.h"
+#include "VintrelCore/FSProbe.h"
+#include "VintrelCore/HFSPlus.h"
+#include "VintrelCore/NTFS.h"
+#include "VintrelCore/Scanner.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr std::uint64_t hfsHeaderOffset = 1024;  // from the volume's start
+constexpr std::uint64_t hfsHeaderFromEnd = 1024; // of the alternate header
+constexpr std::int64_t hfsHeaderSize = 512;
+constexpr std::uint64_t exfatBackupSector = 12;
+
+bool isFAT(FileSystemType type)
+{
+    return type == FileSystemType::fat12 || type == FileSystemType::fat16 || type == FileSystemType::fat32;
+}
+
+/// The start of the volume that a boot sector at `offset` is the backup of; none for types without one, and where it
+/// would lie before the source.
+std::optional<std::uint64_t> startByBackup(const FoundBoot& boot)
+{
+    const ByteView sector(boot.sector);
+    const std::uint64_t bytesPerSector
+        = boot.type == FileSystemType::exfat ? std::uint64_t { 1 } << (sector.u8(108) % 64) : sector.u16le(11);
+    if (boot.type == FileSystemType::ntfs) { // in the sector behind the last one that it counts
+        const std::uint64_t sectors = sector.u64le(40);
+        const std::uint64_t end = boot.offset + bytesPerSector;
+        if (bytesPerSector == 0 || sectors >= end / bytesPerSector)
+            return std::nullopt;
+        return end - (sectors + 1) * bytesPerSector;
+    }
+    std::uint64_t place = 0; // in sectors from the start
+    if (boot.type == FileSystemType::exfat)
+        place = exfatBackupSector;
+    else if (boot.type == FileSystemType::fat32)
+        place = sector.u16le(50);
+    if (place == 0 || place * bytesPerSector > boot.offset)
+        return std::nullopt;
+    return boot.offset - place * bytesPerSector;
+}
+
+bool isConfirmed(DiskSource& source, const FoundBoot& boot, std::uint64_t start)
+{
+    if (isFAT(boot.type))
+        return FATParser::isConfirmed(source, start, boot.sector);
+    if (boot.type == FileSystemType::exfat)
+        return ExFATParser::isConfirmed(source, start, boot.sector);
+    return boot.type == FileSystemType::ntfs; // its parser wants to see an MFT
+}
+
+class LostVolumes {
+public:
+    LostVolumes(DiskSource& source, const DeepScanResult& result, const VolumeList& known, WorkProgress* progress)
+        : source_(source)
+        , result_(result)
+        , known_(known)
+        , progress_(progress)
+    {
+    }
+
+    VolumeList build()
+    {
+        // First those that lie at their own place: a copy is asked only where there is no such one.
+        for (const auto& boot : result_.boots)
+            if (!isCancelled(progress_) && !isBackupOfKnown(boot))
+                tryBoot(boot, boot.offset, "Dyb scanning, boot-sektor ved " + std::to_string(boot.offset));
+        for (const auto& boot : result_.boots)
+            if (const auto start = startByBackup(boot); start && !isCancelled(progress_))
+                tryBoot(boot, *start, "Dyb scanning, sikkerhedskopi af boot-sektor");
+        for (const bool isAlternate : { false, true })
+            for (const auto place : result_.hfsHeaders)
+                if (!isCancelled(progress_))
+                    tryHFSPlus(place, isAlternate);
+        for (const auto superblock : result_.nxsb)
+            if (!isCancelled(progress_))
+                tryAPFS(superblock);
+        rebuildNTFS();
+        return std::move(built_);
+    }
+
+private:
+    bool isKnown(FileSystemType type, std::uint64_t start) const
+    {
+        const auto isSame = [&](const std::unique_ptr<Volume>& volume) {
+            return volume->offset == start && (volume->type == type || (isFAT(volume->type) && isFAT(type)));
+        };
+        return std::ranges::any_of(known_, isSame) || std::ranges::any_of(built_, isSame);
+    }
+
+    bool isBackupOfKnown(const FoundBoot& boot) const
+    {
+        const auto start = startByBackup(boot);
+        return start && isKnown(boot.type, *start);
+    }
+
+    void report(FileSystemType type, std::string_view what) const
+    {
+        if (progress_ != nullptr)
+            progress_->report(0, "Undersøger fundet " + std::string(displayName(type)) + std::string(what) + " …");
+    }
+
+    void tryBoot(const FoundBoot& boot, std::uint64_t start, const std::string& origin)
+    {
+        if (isKnown(boot.type, start) || !isConfirmed(source_, boot, start))
+            return;
+        report(boot.type, "-filsystem");
+        for (auto& volume : VolumeLoader::load(source_, boot.type, start, origin, progress_, boot.sector))
+            keep(std::move(volume));
+    }
+
+    /// `place`: where the volume begins by the header's place as a primary one.
+    void tryHFSPlus(std::uint64_t place, bool isAlternate)
+    {
+        const std::uint64_t header = place + hfsHeaderOffset;
+        if (!isAlternate) {
+            if (!isKnown(FileSystemType::hfsplus, place) && !endsKnownHFSPlus(header)) {
+                report(FileSystemType::hfsplus, "-filsystem");
+                keep(HFSPlusParser::parse(
+                    source_, place, "Dyb scanning, volumeheader ved " + std::to_string(header), progress_));
+            }
+            return;
+        }
+        const auto bytes = source_.read(header, hfsHeaderSize, ReadMode::thorough);
+        const std::uint64_t blockSize = ByteView(bytes).u32be(40);
+        const std::uint64_t size = blockSize * ByteView(bytes).u32be(44);
+        const std::uint64_t end = header + hfsHeaderFromEnd;
+        // The volume may be up to a block longer than its blocks.
+        for (std::uint64_t rest = 0; rest < blockSize && size + rest <= end; rest += 512) {
+            const std::uint64_t start = end - size - rest;
+            if (isKnown(FileSystemType::hfsplus, start))
+                return;
+            report(FileSystemType::hfsplus, "-filsystem");
+            if (keep(HFSPlusParser::parse(
+                    source_, start, "Dyb scanning, sikkerhedskopi af volumeheader", progress_, ByteView(bytes))))
+                return;
+        }
+    }
+
+    /// Whether a header is the alternate one of a volume that is listed.
+    bool endsKnownHFSPlus(std::uint64_t header) const
+    {
+        const auto ends = [&](const std::unique_ptr<Volume>& volume) {
+            const std::uint64_t end = volume->offset + volume->size;
+            return volume->type == FileSystemType::hfsplus && header + hfsHeaderFromEnd >= end
+                && header + hfsHeaderFromEnd - end < volume->clusterSize + 512;
+        };
+        return std::ranges::any_of(known_, ends) || std::ranges::any_of(built_, ends);
+    }
+
+    void tryAPFS(std::uint64_t superblock)
+    {
+        const auto start = APFSParser::containerStart(source_, superblock);
+        const auto isOfIt
+            = [&](const std::unique_ptr<Volume>& volume) { return APFSParser::isInContainer(*volume, *start); };
+        if (!start || std::ranges::count(containers_, *start) != 0 || std::ranges::any_of(known_, isOfIt))
+            return;
+        containers_.push_back(*start);
+        report(FileSystemType::apfs, "-container");
+        for (auto& volume : APFSParser::parseFromSuperblock(
+                 source_, superblock, "Dyb scanning, container-superblok ved " + std::to_string(superblock), progress_))
+            keep(std::move(volume));
+    }
+
+    void rebuildNTFS()
+    {
+        auto loose = NTFSParser::looseRecords(result_.mftRecords, known_);
+        loose = NTFSParser::looseRecords(loose, built_);
+        if (loose.empty() || isCancelled(progress_))
+            return;
+        if (progress_ != nullptr)
+            progress_->report(0, "Genopbygger NTFS-filsystem ud fra MFT-poster …");
+        NTFSParser::RebuildHints hints { .geometries = {}, .carved = result_.carved };
+        const auto addHint = [&](const std::optional<NTFSGeometry>& geometry) {
+            if (geometry && hints.geometries.size() < maxHints)
+                hints.geometries.push_back(*geometry);
+        };
+        for (const auto* volumes : { &known_, &std::as_const(built_) })
+            for (const auto& volume : *volumes)
+                if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get()))
+                    addHint(info->geometry);
+        for (const auto& boot : result_.boots) {
+            if (boot.type != FileSystemType::ntfs)
+                continue;
+            addHint(NTFSGeometry::from(boot.sector, boot.offset));
+            if (const auto start = startByBackup(boot))
+                addHint(NTFSGeometry::from(boot.sector, *start));
+        }
+        for (auto& volume : NTFSParser::rebuild(source_, loose, hints, progress_))
+            keep(std::move(volume));
+    }
+
+    bool keep(std::unique_ptr<Volume> volume)
+    {
+        if (!volume)
+            return false;
+        built_.push_back(std::move(volume));
+        return true;
+    }
+
+    static constexpr std::size_t maxHints = 64;
+
+    DiskSource& source_;
+    const DeepScanResult& result_;
+    const VolumeList& known_;
+    WorkProgress* progress_;
+    VolumeList built_;
+    std::vector<std::uint64_t> containers_;
+};
+
+} // namespace
+
+VolumeList DeepScanner::buildVolumes(
+    DiskSource& source, const DeepScanResult& result, const VolumeList& known, WorkProgress* progress)
+{
+    return LostVolumes(source, result, known, progress).build();
+}
+
+std::vector<DeepScanner::ExtraFolder> DeepScanner::extraFolders(
+    DiskSource& source, const VolumeList& volumes, const DeepScanResult& result, WorkProgress* progress)
+{
+    std::vector<ExtraFolder> folders;
+    for (const auto& volume : volumes) {
+        if (isCancelled(progress))
+            break;
+        std::unique_ptr<FileNode> folder;
+        if (isFAT(volume->type)) {
+            if (progress != nullptr)
+                progress->report(0, "Søger efter tabte mappefragmenter …");
+            folder = FATParser::lostEntries(*volume, result.fatDirSectors, progress);
+        } else if (volume->type == FileSystemType::apfs) {
+            if (progress != nullptr)
+                progress->report(0, "Søger efter slettede APFS-filer …");
+            folder = APFSParser::lostFiles(source, *volume, result.apfsLeafNodes, progress);
+        }
+        if (folder)
+            folders.push_back({ volume.get(), std::move(folder) });
+    }
+    return folders;
+}
