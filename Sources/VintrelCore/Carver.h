@@ -1,18 +1,19 @@
 #pragma once
 
 #include "VintrelCore/Binary.h"
-#include "VintrelCore/Carver/SearchMemory.h"
 #include "VintrelCore/Model.h"
 #include "VintrelCore/RandomReader.h"
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 
 class DiskSource;
+struct CarverSearches;
 
 /// A file that was found by its content alone.
 struct CarvedFile {
@@ -46,6 +47,7 @@ public:
     } };
 
     Carver(DiskSource& source, std::set<FileCategory> categories);
+    ~Carver();
 
     /// The file that begins at byte `offset` of the source; none when none does, or none of a wanted kind. `head`: the
     /// bytes that lie there; with fewer than 32 there is no find.
@@ -56,11 +58,11 @@ public:
 
     /// The part of the source that the sweep holds in memory, so that it is not read again. It must stay until the next
     /// call.
-    void setWindow(std::uint64_t offset, ByteView bytes) { reader_.setWindow(offset, bytes); }
+    void setWindow(std::uint64_t offset, ByteView bytes);
 
 private:
     std::set<FileCategory> categories_;
     RandomReader reader_;
-    SearchMemory searches_;
-    std::uint64_t work_ = 0; ///< of all candidates so far, as RandomReader counts it
+    std::unique_ptr<CarverSearches> searches_;
+    std::uint64_t work_ = 0; ///< of the candidates that were no files, as RandomReader counts it
 };

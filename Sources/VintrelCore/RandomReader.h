@@ -22,6 +22,8 @@ public:
     /// between two regions reads each of them once.
     static constexpr std::size_t blockSize = 1'048'576;
 
+    static constexpr std::uint64_t workOfSmallRead = 64;
+
     /// What reading may cost, in bytes looked at, when nobody sets a limit.
     static constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
 
@@ -99,8 +101,6 @@ public:
     bool isExhausted() const { return work_ > mostWork_; }
 
 private:
-    static constexpr std::uint64_t workOfSmallRead = 64;
-
     struct Block {
         std::uint64_t offset = 0;
         std::size_t size = 0; ///< how much of `bytes` is filled

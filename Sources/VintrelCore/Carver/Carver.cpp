@@ -65,10 +65,11 @@ bool matches(ByteView head, const Signature& signature)
 
 constexpr std::size_t leastHead = 32;
 
-/// What all candidates together may look at: this much, and this many times what the sweep itself has passed. Sound
-/// disks stay far below. It is the bound that keeps a disk full of beginnings without an end (planted or not) linear,
-/// whatever its kind of file; afterwards a candidate gets only what its headers take.
-constexpr std::uint64_t workAhead = 2'147'483'648;
+/// What all candidates together may look at in vain: this much, and this many times what the sweep itself has passed.
+/// Sound disks stay far below. It is the bound that keeps a disk full of beginnings without an end (planted or not)
+/// linear, whatever its kind of file; where it is used up a candidate gets only what its headers take, until the sweep
+/// has moved on. Searches for end marks do not count: no byte of the source is searched twice for the same one.
+constexpr std::uint64_t workAhead = 1'073'741'824;
 constexpr std::uint64_t workPerByteSwept = 4;
 constexpr std::uint64_t leastWork = 4096;
 
@@ -83,7 +84,17 @@ const std::set<FileCategory>& carvedCategories()
 Carver::Carver(DiskSource& source, std::set<FileCategory> categories)
     : categories_(std::move(categories))
     , reader_(source, 0)
+    , searches_(std::make_unique<CarverSearches>(source))
 {
+}
+
+Carver::~Carver() = default;
+
+void Carver::setWindow(std::uint64_t offset, ByteView bytes)
+{
+    reader_.setWindow(offset, bytes);
+    for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds })
+        search->setWindow(offset, bytes);
 }
 
 std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
@@ -94,15 +105,17 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
     if (!startsSignature[head.data()[0]] && !isISOMedia)
         return std::nullopt;
 
-    const Candidate candidate { reader_, categories_, searches_ };
+    const Candidate candidate { reader_, categories_, *searches_ };
     const auto tryFormat = [&](Formats::Found (*read)(const Candidate&)) {
         const std::uint64_t allowed = workAhead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
         reader_.moveTo(offset);
         reader_.limitWork(std::max(allowed - std::min(allowed, work_), leastWork));
         auto found = read(candidate);
-        work_ = std::min(work_ + reader_.work(), std::max(allowed, work_)); // what went beyond is no debt
         if (found && (reader_.isExhausted() || found->size == 0))
             found.reset();
+        // The sweep passes over a file that was found; what went beyond the limit is no debt.
+        if (!found || !found->exact || found->size > reader_.size())
+            work_ = std::min(work_ + reader_.work(), std::max(allowed, work_));
         return found;
     };
 

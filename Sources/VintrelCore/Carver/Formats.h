@@ -1,16 +1,42 @@
 #pragma once
 
 #include "VintrelCore/Carver.h"
+#include "VintrelCore/Carver/RememberedSearch.h"
+
+#include <unordered_map>
+
+/// What candidates learn for those behind them.
+struct CarverSearches {
+    explicit CarverSearches(DiskSource& source)
+        : pdfStarts(source, "%PDF-")
+        , pdfEnds(source, "%%EOF")
+        , zipEnds(source, "PK\x05\x06")
+    {
+    }
+
+    RememberedSearch pdfStarts;
+    RememberedSearch pdfEnds;
+    RememberedSearch zipEnds;
+    /// Where the archive verifiably begins that an end record belongs to; none when that cannot be told.
+    std::unordered_map<std::uint64_t, std::optional<std::uint64_t>> zipStarts;
+};
 
 /// A place where a file may begin: what the format readers work with.
 struct Candidate {
     RandomReader& file; ///< position 0 is the file's first byte
     const std::set<FileCategory>& categories;
-    SearchMemory& searches;
+    CarverSearches& searches;
 
     CarvedFile found(std::uint64_t size, std::string ext) const
     {
         return { .offset = file.start(), .size = size, .ext = std::move(ext) };
+    }
+    /// The first match in [from, limit), counted from the file's first byte.
+    std::optional<std::uint64_t> find(RememberedSearch& search, std::uint64_t from, std::uint64_t limit) const
+    {
+        file.addWork(RandomReader::workOfSmallRead);
+        const auto match = search.next(file.start() + from, file.start() + limit);
+        return match ? std::optional(*match - file.start()) : std::nullopt;
     }
     /// Whether the bytes up to `end` lie on the source.
     bool fits(std::uint64_t end) const { return end <= file.size(); }

@@ -1,12 +1,14 @@
 #include "VintrelCore/Carver/Formats.h"
 
+#include <algorithm>
+
 namespace Formats {
 
 namespace {
 
 constexpr std::uint64_t limit = 1'073'741'824;
-constexpr std::uint64_t maxPadding = 1'048'576; // between the tag and the first frame; taggers leave a few KB
-constexpr int leastFrames = 3;                  // fewer may be chance
+constexpr std::uint64_t maxPadding = 65'536; // between the tag and the first frame; taggers leave a few KB
+constexpr int leastFrames = 3;               // fewer may be chance
 constexpr std::uint32_t leastFrameLength = 24;
 
 /// What a frame's header says, as far as it decides where the next one lies.
@@ -72,6 +74,23 @@ std::optional<std::uint64_t> tagSize(RandomReader& file)
     return size + headerSize + ((file.u8(5) & hasFooter) != 0 ? headerSize : 0);
 }
 
+/// The first position from `position` on that holds no zero, or `limit`.
+std::uint64_t behindZeros(RandomReader& file, std::uint64_t position, std::uint64_t limit)
+{
+    while (position < limit) {
+        const auto bytes = file.stretch(position).span();
+        const auto zeros
+            = bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), limit - position)));
+        const auto end = std::ranges::find_if(zeros, [](std::uint8_t byte) { return byte != 0; });
+        const auto count = static_cast<std::size_t>(end - zeros.begin());
+        file.addWork(count);
+        position += count;
+        if (zeros.empty() || end != zeros.end())
+            break;
+    }
+    return position;
+}
+
 } // namespace
 
 Found mp3(const Candidate& candidate)
@@ -82,8 +101,7 @@ Found mp3(const Candidate& candidate)
     if (!tag)
         return std::nullopt;
     std::uint64_t position = *tag;
-    while (position < *tag + maxPadding && candidate.fits(position + 1) && file.u8(position) == 0)
-        ++position;
+    position = behindZeros(file, position, position + maxPadding);
 
     int frames = 0;
     std::optional<std::uint32_t> kind;

@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::uint32_t freeSector = 0xFFFF'FFFF;
 constexpr std::uint32_t tableSector = 0xFFFF'FFFD;
+constexpr std::uint32_t firstMark = 0xFFFF'FFFC; // from here on the table holds marks, no sector numbers
+constexpr std::uint8_t rootType = 5;             // of the directory's first entry
 constexpr std::uint32_t lastRegularSector = 0xFFFF'FFFA;
 constexpr std::uint32_t maxTableSectors = 65'535;
 constexpr std::uint32_t maxDirectoryEntries = 65'536;
@@ -65,26 +67,31 @@ public:
         return compound;
     }
 
-    /// To the end of the last sector in use. Some writers mark sectors that do not exist as parts of the table: those
-    /// count only where the list names them.
-    std::uint64_t size()
+    /// To the end of the last sector in use; none when the table holds what no table does: it is lost, and something
+    /// else lies there. Some writers mark sectors that do not exist as parts of the table: those count only where the
+    /// list names them.
+    std::optional<std::uint64_t> size()
     {
+        const std::uint64_t sectorsOnSource = file_.size() / sectorSize();
         std::uint64_t last = *std::ranges::max_element(tableSectors_);
-        for (std::size_t i = tableSectors_.size(); i-- > 0;)
-            for (std::uint64_t slot = entriesPerSector(); slot-- > 0;) {
-                const std::uint64_t sector = i * entriesPerSector() + slot;
-                if (sector <= last)
-                    return offsetOf(last + 1);
+        for (std::size_t i = 0; i < tableSectors_.size(); ++i) {
+            for (std::uint64_t slot = 0; slot < entriesPerSector(); ++slot) {
                 const auto next = file_.u32le(offsetOf(tableSectors_[i]) + slot * 4);
+                if (file_.isExhausted() || (next >= sectorsOnSource && next < firstMark))
+                    return std::nullopt;
                 if (next != freeSector && next != tableSector)
-                    return offsetOf(sector + 1);
+                    last = std::max(last, i * entriesPerSector() + slot);
             }
+        }
         return offsetOf(last + 1);
     }
 
+    /// None when there is no directory.
     const char* extension()
     {
         const auto entries = readDirectory();
+        if (entries.empty() || entries.front().type != rootType)
+            return nullptr;
         const auto rootLevel = namesAtRoot(entries);
         if (const auto* ext = kindOf(rootLevel))
             return ext;
@@ -117,7 +124,7 @@ private:
             tableSectors_.push_back(header_.tableList[i]);
         // Each sector of the list that goes on elsewhere ends with the number of the next one.
         std::uint32_t list = header_.firstListSector;
-        while (tableSectors_.size() < count && isOnSource(list)) {
+        while (tableSectors_.size() < count && isOnSource(list) && !file_.isExhausted()) {
             const std::uint64_t slots = entriesPerSector() - 1;
             for (std::uint64_t slot = 0; slot < slots && tableSectors_.size() < count; ++slot)
                 tableSectors_.push_back(file_.u32le(offsetOf(list) + slot * 4));
@@ -190,9 +197,10 @@ Found ole(const Candidate& candidate)
     if (!compound)
         return std::nullopt;
     const auto size = compound->size();
-    if (size < leastSize || !candidate.fits(size))
+    if (!size || *size < leastSize || !candidate.fits(*size))
         return std::nullopt;
-    return candidate.found(size, compound->extension());
+    const auto* const ext = compound->extension();
+    return ext != nullptr ? candidate.found(*size, ext) : Found();
 }
 
 } // namespace Formats

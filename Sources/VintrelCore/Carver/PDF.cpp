@@ -54,7 +54,7 @@ bool isUpdated(RandomReader& file, std::uint64_t position)
 bool isInterrupted(const Candidate& candidate, std::uint64_t position, std::uint64_t end)
 {
     constexpr std::uint64_t sectorSize = 512;
-    while (const auto other = candidate.searches.find(candidate.file, header, position, end)) {
+    while (const auto other = candidate.find(candidate.searches.pdfStarts, position, end)) {
         if (*other % sectorSize == 0)
             return true;
         position = *other + 1;
@@ -73,7 +73,7 @@ Found pdf(const Candidate& candidate)
         return candidate.found(*length, "pdf");
 
     std::uint64_t end = 0;
-    while (const auto mark = candidate.searches.find(file, endOfFile, end, maxSearch)) {
+    while (const auto mark = candidate.find(candidate.searches.pdfEnds, end, maxSearch)) {
         if (isInterrupted(candidate, std::max<std::uint64_t>(end, 1), *mark))
             break;
         end = *mark + endOfFile.size();

@@ -18,7 +18,6 @@ constexpr std::uint32_t centralSignature = 0x0201'4B50;
 constexpr std::uint32_t endSignature = 0x0605'4B50;
 constexpr std::uint32_t zip64EndSignature = 0x0606'4B50;
 constexpr std::uint32_t zip64LocatorSignature = 0x0706'4B50;
-constexpr std::string_view endMark = "PK\x05\x06";
 
 struct LocalHeader {
     LE32 signature;                      //  0
@@ -127,29 +126,35 @@ std::optional<std::uint64_t> claimedDistance(RandomReader& file, std::uint64_t p
     return locator.recordOffset + recordDistance;
 }
 
-/// Whether the end record at `position` ends an archive that verifiably begins elsewhere: a local header lies where it
-/// says that its archive starts.
-bool belongsToAnother(RandomReader& file, std::uint64_t position)
+/// Where the archive begins that ends with the end record at `position`; none unless a local header lies there.
+std::optional<std::uint64_t> archiveStart(const Candidate& candidate, std::uint64_t position)
 {
-    const auto distance = claimedDistance(file, position);
+    auto& file = candidate.file;
     const std::uint64_t end = file.start() + position;
-    if (!distance || *distance == position || *distance > end)
-        return false;
+    const auto [known, isNew] = candidate.searches.zipStarts.try_emplace(end);
+    if (!isNew)
+        return known->second;
+    const auto distance = claimedDistance(file, position);
+    if (!distance || *distance > end)
+        return std::nullopt;
     RandomReader other(file.source(), end - *distance);
-    const bool begins = other.u32le(0) == localSignature;
-    file.addWork(static_cast<std::size_t>(other.work()));
-    return begins;
+    if (other.u32le(0) == localSignature)
+        known->second = end - *distance;
+    return known->second;
 }
 
-/// The end of the archive by the first end record from `position` on that can be its own.
+/// The end of the archive by the first end record from `position` on that does not verifiably belong to another one.
 std::optional<std::uint64_t> searchEnd(const Candidate& candidate, std::uint64_t position)
 {
     auto& file = candidate.file;
     const std::uint64_t limit = position + maxSearch;
-    while (const auto mark = candidate.searches.find(file, endMark, position, limit)) {
-        if (!belongsToAnother(file, *mark))
+    while (const auto mark = candidate.find(candidate.searches.zipEnds, position, limit)) {
+        if (file.isExhausted())
+            break;
+        const auto start = archiveStart(candidate, *mark);
+        if (!start || *start == file.start())
             return *mark + sizeof(EndRecord) + file.load<EndRecord>(*mark).commentLength;
-        position = *mark + endMark.size();
+        position = *mark + 1;
     }
     return std::nullopt;
 }
