@@ -35,6 +35,29 @@ compare() { # title, ours, theirs
         "$(echo "$ours $theirs" | awk '{ printf "%.2f fastest, %.2f middle", $3 / $1, $4 / $2 }')"
 }
 
+# Times some commands, given as names of functions, in turn, and prints for each the fastest and the middle round, and
+# how many times as long as the first of them it takes. What they write is removed before each, and flushed in its time.
+race() { # title, function…
+    local title=$1 round start name
+    shift
+    : >times
+    for ((round = 0; round < rounds; round++)); do
+        for name in "${@:round % $# + 1}" "${@:1:round % $#}"; do # none is always the first
+            rm -rf out out.map
+            sync -f "$scratch"
+            start=$(date +%s%N)
+            "$name" >/dev/null 2>&1
+            echo "$name $(($(date +%s%N) - start))" >>times
+        done
+    done
+    echo "$title"
+    for name; do
+        grep "^$name " times | sort -n -k 2 |
+            awk '{ t[NR] = $2 / 1e9 } END { printf "%s %.3f %.3f\n", $1, t[1], t[int((NR + 1) / 2)] }'
+    done | awk 'NR == 1 { fastest = $2; middle = $3 }
+        { printf "  %-20s fastest %6.3f s, middle %6.3f s: %.2f, %.2f\n", $1, $2, $3, $2 / fastest, $3 / middle }'
+}
+
 # The most memory that a command takes, in KiB.
 peak_memory() { # command…
     /usr/bin/time -f %M -o peak "$@" >/dev/null && cat peak

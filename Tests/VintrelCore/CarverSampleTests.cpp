@@ -1,0 +1,113 @@
+// Real files of every kind, as the tools of Tests/Samples/make wrote them, on images without any file system.
+
+#include "Tests/Support/TestSource.h"
+#include "VintrelCore/Scanner.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Sample {
+    std::string name;
+    Bytes bytes;
+
+    std::string extension() const { return name.substr(name.rfind('.') + 1); }
+};
+
+const std::vector<Sample>& samples()
+{
+    static const auto all = [] {
+        std::vector<Sample> files;
+        for (const auto& entry : std::filesystem::directory_iterator(VINTREL_SAMPLES))
+            if (entry.path().has_extension()) // the recipe has none
+                files.push_back({ entry.path().filename().string(), readFile(entry.path().string()) });
+        std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+        return files;
+    }();
+    return all;
+}
+
+/// A find, and what is expected of one, in words that a failing test can print.
+std::string describe(std::uint64_t offset, std::uint64_t size, const std::string& extension, bool isExact)
+{
+    return std::to_string(offset) + "+" + std::to_string(size) + " " + extension + (isExact ? "" : " (estimated)");
+}
+
+class Disk {
+public:
+    enum Filler { random, text, zeros };
+
+    void place(const Sample& sample)
+    {
+        // How long a PDF is, only a linearised one says.
+        expected_.push_back(describe(bytes_.size(), sample.bytes.size(), sample.extension(),
+            sample.extension() != "pdf" || sample.name == "pdf-linearised.pdf"));
+        append(sample.bytes);
+    }
+    void append(const Bytes& bytes) { bytes_.insert(bytes_.end(), bytes.begin(), bytes.end()); }
+
+    /// At least this many bytes, and up to the end of a sector.
+    void fill(Filler filler, std::size_t atLeast)
+    {
+        static const auto sentence
+            = bytesOf("En dag i juli {stod} solen stille over \\fjorden; <b>ingen</b> havde travlt (0 obj).\n");
+        auto count = atLeast + (512 - (bytes_.size() + atLeast) % 512) % 512;
+        if (filler == random) {
+            append(patternBytes(count, static_cast<std::uint32_t>(bytes_.size())));
+        } else {
+            for (; count > 0; --count)
+                bytes_.push_back(filler == text ? sentence[count % sentence.size()] : std::uint8_t { 0 });
+        }
+    }
+
+    const std::vector<std::string>& expected() const { return expected_; }
+    std::vector<std::string> found() const
+    {
+        const auto source = makeSource(bytes_);
+        std::vector<std::string> finds;
+        for (const auto& file : DeepScanner(*source).run(nullptr).carved)
+            finds.push_back(describe(file.offset, file.size, file.ext, file.exact));
+        return finds;
+    }
+
+private:
+    Bytes bytes_;
+    std::vector<std::string> expected_;
+};
+
+constexpr std::array fillers { Disk::zeros, Disk::text, Disk::random };
+
+} // namespace
+
+// Each file stands behind and in front of each filler, which also takes the rest of the file's last sector.
+TEST(CarverSamples, ComeBackByteForByteAndNothingElseDoes)
+{
+    ASSERT_GT(samples().size(), 70u);
+    for (std::size_t turn = 0; turn < fillers.size(); ++turn) {
+        Disk disk;
+        auto next = turn;
+        for (const auto& sample : samples()) {
+            disk.fill(fillers[next++ % fillers.size()], 700);
+            disk.place(sample);
+        }
+        disk.fill(fillers[turn], 5000);
+        EXPECT_EQ(disk.found(), disk.expected()) << "turn " << turn;
+    }
+}
+
+// Neither the bytes between two files nor the end of the disk are needed to tell one from the other.
+TEST(CarverSamples, MayTouchEachOther)
+{
+    Disk disk;
+    for (const auto& sample : samples()) {
+        disk.place(sample);
+        disk.fill(Disk::zeros, 0);
+    }
+    EXPECT_EQ(disk.found(), disk.expected());
+}
