@@ -1,7 +1,9 @@
 #include "VintrelCLI/CommandLine.h"
 
+#include "VintrelCLI/DiskListing.h"
 #include "VintrelCLI/Signals.h"
 #include "VintrelCLI/TreeListing.h"
+#include "VintrelCore/DeviceStack.h"
 #include "VintrelCore/Imager.h"
 #include "VintrelCore/Recovery.h"
 #include "VintrelCore/Scanner.h"
@@ -100,6 +102,18 @@ VolumeList allVolumes(Session& session, Depth depth)
     return volumes;
 }
 
+void list(Session& session) { printDisks(DiskList::load(), session.out); }
+
+/// What is written to the disk that is read may take the place of what is to be recovered.
+void warnOfDestination(const Session& session)
+{
+    const auto& destination = session.arguments[2];
+    if (DeviceStack::holds(*session.source, destination))
+        session.complain("Advarsel: " + Unicode::escaped(destination) + " ligger på den disk, der læses ("
+            + Unicode::escaped(session.source->displayName())
+            + "). Det, der skrives, kan overskrive det, der skal gendannes.");
+}
+
 void scan(Session& session)
 {
     auto& source = *session.source;
@@ -142,6 +156,7 @@ void deep(Session& session)
 
 void recover(Session& session)
 {
+    warnOfDestination(session);
     for (const auto& volume : allVolumes(session, depthByOption(session))) {
         if (session.progress.isCancelled())
             break;
@@ -166,6 +181,7 @@ void recover(Session& session)
 void image(Session& session)
 {
     using Clock = std::chrono::steady_clock;
+    warnOfDestination(session);
     DiskImager imager(*session.source, session.arguments[2]);
     std::optional<Clock::time_point> lastLine;
     imager.run([&](const ImagingStats& stats) {
@@ -184,29 +200,19 @@ void image(Session& session)
 
 struct Command {
     std::string_view word;
-    std::size_t needed;        ///< arguments, the word among them
-    void (*perform)(Session&); ///< none: its engine is not built yet
+    std::size_t needed; ///< arguments, the word among them
+    void (*perform)(Session&);
     bool readsSource;
 };
 
 constexpr Command commands[] = {
-    { "list", 1, nullptr, false },
+    { "list", 1, list, false },
     { "scan", 2, scan, true },
     { "tree", 2, tree, true },
     { "deep", 2, deep, true },
     { "recover", 3, recover, true },
     { "image", 3, image, true },
 };
-
-/// Whether the command does what its words say, or needs an engine that is not built yet.
-bool isBuilt(const Command& command, const Session& session)
-{
-    if (command.perform == nullptr)
-        session.complain("Fejl: Kommandoen " + std::string(command.word) + " er ikke bygget færdig endnu.");
-    else
-        return true;
-    return false;
-}
 
 } // namespace
 
@@ -219,8 +225,6 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
         return exitUsage;
     }
     Session session { .arguments = arguments, .out = out, .err = err, .progress = {}, .source = nullptr };
-    if (!isBuilt(*command, session))
-        return exitNoSource;
     const SignalCancellation cancellation(session.progress);
     try {
         if (command->readsSource)

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <sys/types.h>
 #include <unistd.h>
 #include <utility>
@@ -19,6 +20,12 @@ constexpr std::uint64_t blockSize = 65'536;
 
 /// macOS refuses to read more than 2^31 - 1 bytes in one call.
 constexpr std::size_t largestSystemRead = std::size_t { 1 } << 30;
+
+/// Where reads past the system's cache have to be aligned, buffers at this multiple suit every disk.
+constexpr std::size_t bufferAlignment = 4'096;
+
+/// What such a read takes at once when its own buffer does not suit.
+constexpr std::size_t detourSize = std::size_t { 1 } << 20;
 
 constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit) { return value - value % unit; }
 
@@ -56,6 +63,7 @@ DiskSource::DiskSource(Opened opened)
     , sectorSize_(std::max<std::uint32_t>(opened.sectorSize, 512))
     , isDevice_(opened.isDevice)
     , bsdName_(std::move(opened.bsdName))
+    , needsAlignment_(opened.needsAlignment)
     , descriptor_(std::move(opened.descriptor))
     , cleanup_(std::move(opened.cleanup))
 {
@@ -342,8 +350,10 @@ std::size_t DiskSource::attempt(std::uint64_t offset, std::span<std::uint8_t> in
             fillZero(rest);
             break;
         }
-        const auto count = ::pread(descriptor_.get(), rest.data(), std::min(rest.size(), largestSystemRead),
-            static_cast<off_t>(std::min<std::uint64_t>(position, std::numeric_limits<off_t>::max())));
+        const auto count = needsAlignment_
+            ? readAligned(position, rest)
+            : ::pread(descriptor_.get(), rest.data(), std::min(rest.size(), largestSystemRead),
+                static_cast<off_t>(std::min<std::uint64_t>(position, std::numeric_limits<off_t>::max())));
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
@@ -356,6 +366,30 @@ std::size_t DiskSource::attempt(std::uint64_t offset, std::span<std::uint8_t> in
         done += static_cast<std::size_t>(count);
     }
     return into.size();
+}
+
+/// As pread(), whatever the alignment.
+ssize_t DiskSource::readAligned(std::uint64_t offset, std::span<std::uint8_t> into)
+{
+    into = into.first(std::min(into.size(), static_cast<std::size_t>(roundDown(largestSystemRead, sectorSize_))));
+    const bool suits = reinterpret_cast<std::uintptr_t>(into.data()) % bufferAlignment == 0 && offset % sectorSize_ == 0
+        && into.size() % sectorSize_ == 0;
+    if (suits)
+        return ::pread(descriptor_.get(), into.data(), into.size(), static_cast<off_t>(offset));
+
+    const auto room = std::max<std::size_t>(detourSize, sectorSize_);
+    detour_.resize(room + bufferAlignment - 1);
+    void* start = detour_.data();
+    std::size_t space = detour_.size();
+    auto* const sectors = static_cast<std::uint8_t*>(std::align(bufferAlignment, room, start, space));
+    const auto head = static_cast<std::size_t>(offset % sectorSize_);
+    const auto wanted = std::min(room, static_cast<std::size_t>(unitEnd(head + into.size() - 1, sectorSize_)));
+    const auto count = ::pread(descriptor_.get(), sectors, wanted, static_cast<off_t>(offset - head));
+    if (count <= static_cast<ssize_t>(head))
+        return std::min<ssize_t>(count, 0); // failed, or at the end
+    const auto delivered = std::min(static_cast<std::size_t>(count) - head, into.size());
+    std::memcpy(into.data(), sectors + head, delivered);
+    return static_cast<ssize_t>(delivered);
 }
 
 bool DiskSource::isSimulatedBad(std::uint64_t start, std::uint64_t end) const

@@ -76,6 +76,7 @@ public:
         bool isDevice = false;
         std::optional<std::string> bsdName;
         std::function<void()> cleanup; ///< run once at close, for example to detach a disk image; may be empty
+        bool needsAlignment = false;   ///< reads fail unless buffer, offset and count are aligned
     };
 
     explicit DiskSource(Opened opened);
@@ -151,6 +152,7 @@ private:
     std::uint64_t recoverRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
     std::uint64_t recoverSectors(std::uint64_t offset, std::span<std::uint8_t> into);
     std::size_t attempt(std::uint64_t offset, std::span<std::uint8_t> into);
+    ssize_t readAligned(std::uint64_t offset, std::span<std::uint8_t> into);
     bool readExact(std::uint64_t offset, std::span<std::uint8_t> into);
     bool isSimulatedBad(std::uint64_t start, std::uint64_t end) const;
     std::uint64_t badBytesIn(std::uint64_t offset, std::uint64_t count) const;
@@ -163,6 +165,7 @@ private:
     const std::uint32_t sectorSize_;
     const bool isDevice_;
     const std::optional<std::string> bsdName_;
+    const bool needsAlignment_;
 
     mutable std::mutex lock_; // guards everything below
     FileDescriptor descriptor_;
@@ -172,6 +175,7 @@ private:
     std::unordered_map<std::uint64_t, std::list<Chunk>::iterator> chunkByIndex_;
     Chunk uncached_ {}; // the last chunk that was not worth keeping
     Bytes aligned_;     // room for whole sectors around a large read that wants less
+    Bytes detour_;      // for reads whose own buffer is not aligned
     std::set<std::uint64_t> badSectors_;
     std::unordered_set<std::uint64_t> suspectBlocks_; // by the number of the block's first sector
     std::int64_t readErrors_ = 0;

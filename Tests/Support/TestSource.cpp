@@ -71,6 +71,13 @@ void writeFile(const std::string& path, std::span<const std::uint8_t> bytes)
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
+std::string writeScript(const std::string& path, const std::string& text)
+{
+    writeFile(path, bytesOf("#!/bin/sh\n" + text));
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    return path;
+}
+
 int runCommand(const std::string& command, std::string* output)
 {
     FILE* const pipe = ::popen(("{ " + command + "; } 2>&1").c_str(), "r");

@@ -34,6 +34,9 @@ Bytes bytesOf(std::string_view text);
 Bytes readFile(const std::string& path);
 void writeFile(const std::string& path, std::span<const std::uint8_t> bytes);
 
+/// Writes a program of this text, for the shell, and returns its path.
+std::string writeScript(const std::string& path, const std::string& text);
+
 /// Runs a shell command and returns its exit status; its output goes to `output` when that is given, and nowhere else.
 int runCommand(const std::string& command, std::string* output = nullptr);
 

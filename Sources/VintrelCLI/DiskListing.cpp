@@ -1,0 +1,22 @@
+#include "VintrelCLI/DiskListing.h"
+
+#include "VintrelCore/Model.h"
+#include "VintrelCore/Unicode.h"
+
+#include <ostream>
+
+void printDisks(const std::vector<DiskRecord>& disks, std::ostream& out)
+{
+    using Unicode::escaped;
+    std::string text;
+    for (const auto& disk : disks) {
+        text += escaped(disk.bsdName) + "\t" + formatBytes(disk.size) + "\t"
+            + escaped(disk.mediaName.empty() ? disk.bsdName : disk.mediaName) + "\t" + escaped(disk.busProtocol)
+            + "\tSMART: " + escaped(disk.smartStatus) + "\n";
+        for (const auto& partition : disk.partitions)
+            text += "   " + escaped(partition.bsdName) + "\t" + formatBytes(partition.size) + "\t"
+                + escaped(partition.content) + "\t" + escaped(partition.volumeName) + "\t"
+                + escaped(partition.mountPoint) + "\n";
+    }
+    out.write(text.data(), static_cast<std::streamsize>(text.size())).flush();
+}

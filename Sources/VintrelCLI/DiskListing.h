@@ -1,0 +1,9 @@
+#pragma once
+
+#include "VintrelCore/DiskList.h"
+
+#include <iosfwd>
+#include <vector>
+
+/// Prints disks, a line each, and below it a line for each partition; tabs separate the columns.
+void printDisks(const std::vector<DiskRecord>& disks, std::ostream& out);
