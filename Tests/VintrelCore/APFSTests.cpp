@@ -221,7 +221,9 @@ TEST(APFS, DeletedFilesAndTheirChances)
         return image.file({ .id = id, .parent = parent, .name = name, .size = content.size() }, block);
     };
     const auto kept = image.folder(16, 2, "mappe") + file(20, 16, "bliver", blocks[0]);
-    image.commit({ kept, file(30, 2, "gammelt navn", blocks[5]) });
+    const auto before
+        = image.file({ .id = 30, .parent = 2, .name = "gammelt navn", .size = content.size() - 1 }, blocks[5]);
+    image.commit({ kept, before });
     image.commit({ kept + file(21, 2, "gammel", 0),
         file(30, 16, "hel", 0) + Leaf { image.extent(30, 0, blockSize, blocks[1]) } + file(31, 16, "delvis", blocks[2])
             + file(32, 16, "genbrugt", blocks[3]) + file(33, 16, "i kø", blocks[4]) + image.folder(17, 2, "væk")
@@ -288,7 +290,7 @@ TEST(APFS, WhatCannotBeReadIsSaid)
     const auto oldRoot = image.leafBlock(1) + 1;
     image.commit({ image.file({ .id = 20, .parent = 2, .name = "ny" }), to });
     breakChecksum(image, image.leafBlock(0));
-    for (const auto root : { image.leafBlock(0) + 1, oldRoot }) {
+    for (const auto root : { image.leafBlock(0) + 1, oldRoot, std::uint64_t { 0 } }) {
         const auto disk = parse(image);
         EXPECT_EQ(disk.names(), " /en /to");
         EXPECT_EQ(disk["/en"].status, EntryStatus::existing);
@@ -297,7 +299,6 @@ TEST(APFS, WhatCannotBeReadIsSaid)
             Notes { "Dele af filtræet er beskadiget. Filer kan mangle eller stå i en ældre udgave." });
         breakChecksum(image, root);
     }
-    EXPECT_EQ(parse(image).names(), " /en /to");
 }
 
 TEST(APFS, LooseLeavesGiveWhatNoCheckpointLeadsTo)
