@@ -53,11 +53,6 @@ void sort(APFSImage::Leaf& records)
 
 } // namespace
 
-APFSImage::APFSImage()
-    : APFSImage(Options {})
-{
-}
-
 APFSImage::APFSImage(Options options)
     : options_(std::move(options))
     , nextFree_(firstFree)
@@ -109,14 +104,9 @@ APFSImage::Record APFSImage::sibling(
     return { key(id, 5).add(siblingID, 8).bytes, Fields().add(parent, 8).name(name).bytes };
 }
 
-APFSImage::Record APFSImage::attribute(std::uint64_t id, const std::string& name, const Bytes& content)
+APFSImage::Record APFSImage::attribute(std::uint64_t id, const std::string& name, std::string_view content)
 {
-    return { key(id, 4).name(name).bytes,
-        Fields()
-            .add(2, 2)
-            .add(content.size(), 2)
-            .add({ reinterpret_cast<const char*>(content.data()), content.size() })
-            .bytes };
+    return { key(id, 4).name(name).bytes, Fields().add(2, 2).add(content.size(), 2).add(content).bytes };
 }
 
 APFSImage::Leaf APFSImage::file(const Inode& file, std::uint64_t block) const
@@ -148,25 +138,23 @@ std::uint64_t APFSImage::store(const Bytes& content)
     return block;
 }
 
-void APFSImage::put(std::uint64_t block, std::uint64_t at, std::uint64_t value, int width)
+void APFSImage::put(std::uint64_t block, std::initializer_list<Field> fields)
 {
-    putLE(bytes_, offsetOf(block) + at, value, width);
+    for (const auto& [at, value, width] : fields)
+        putLE(bytes_, offsetOf(block) + at, value, width);
 }
 
 void APFSImage::header(std::uint64_t block, std::uint64_t oid, std::uint32_t type, std::uint32_t subtype)
 {
     std::fill_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offsetOf(block)), blockSize, std::uint8_t { 0 });
-    put(block, 8, oid, 8);
-    put(block, 16, xid_, 8);
-    put(block, 24, type, 4);
-    put(block, 28, subtype, 4);
+    put(block, { { 8, oid, 8 }, { 16, xid_, 8 }, { 24, type, 4 }, { 28, subtype, 4 } });
 }
 
 void APFSImage::sign(std::uint64_t block, std::uint64_t count)
 {
     const auto object = ByteView(bytes_).sub(
         static_cast<std::int64_t>(offsetOf(block)), static_cast<std::int64_t>(count * blockSize));
-    put(block, 0, APFSParser::fletcher64(object), 8);
+    put(block, { { 0, APFSParser::fletcher64(object), 8 } });
 }
 
 void APFSImage::renewChecksums()
@@ -182,10 +170,9 @@ void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t 
     header(block, oid, storage | (kind.isRoot ? 2 : 3), kind.subtype);
     const bool isFixed = kind.fixedKey != 0;
     const std::uint64_t tableSize = std::max<std::uint64_t>(records.size(), 8) * (isFixed ? 4 : 8);
-    put(block, 32, (kind.isRoot ? 1u : 0u) | (kind.level == 0 ? 2u : 0u) | (isFixed ? 4u : 0u), 2);
-    put(block, 34, kind.level, 2);
-    put(block, 36, records.size(), 4);
-    put(block, 42, tableSize, 2);
+    put(block,
+        { { 32, (kind.isRoot ? 1u : 0u) | (kind.level == 0 ? 2u : 0u) | (isFixed ? 4u : 0u), 2 }, { 34, kind.level, 2 },
+            { 36, records.size(), 4 }, { 42, tableSize, 2 } });
     std::uint64_t keyAt = 0, valueAt = 0, entry = 56;
     const std::uint64_t keyArea = 56 + tableSize, valueEnd = blockSize - (kind.isRoot ? 40 : 0);
     for (const auto& [key, value] : records) {
@@ -194,26 +181,22 @@ void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t 
             throw std::logic_error("too many records for a node");
         write(offsetOf(block) + keyArea + keyAt, key);
         write(offsetOf(block) + valueEnd - valueAt, value);
-        put(block, entry, keyAt, 2);
-        if (!isFixed)
-            put(block, entry + 2, key.size(), 2);
-        put(block, entry + (isFixed ? 2 : 4), value.empty() ? 0xFFFF : valueAt, 2);
-        if (!isFixed)
-            put(block, entry + 6, value.size(), 2);
+        const std::uint64_t valueOffset = value.empty() ? 0xFFFF : valueAt;
+        if (isFixed)
+            put(block, { { entry, keyAt, 2 }, { entry + 2, valueOffset, 2 } });
+        else
+            put(block,
+                { { entry, keyAt, 2 }, { entry + 2, key.size(), 2 }, { entry + 4, valueOffset, 2 },
+                    { entry + 6, value.size(), 2 } });
         entry += isFixed ? 4 : 8;
         keyAt += key.size();
     }
-    put(block, 44, keyAt, 2);
-    put(block, 46, valueEnd - keyArea - keyAt - valueAt, 2);
-    put(block, 48, 0xFFFF, 4);
-    put(block, 52, 0xFFFF, 4);
-    if (kind.isRoot) {
-        put(block, blockSize - 40 + 4, blockSize, 4);
-        put(block, blockSize - 40 + 8, kind.fixedKey, 4);
-        put(block, blockSize - 40 + 12, kind.fixedValue, 4);
-        put(block, blockSize - 40 + 24, records.size(), 8);
-        put(block, blockSize - 40 + 32, 1, 8);
-    }
+    put(block,
+        { { 44, keyAt, 2 }, { 46, valueEnd - keyArea - keyAt - valueAt, 2 }, { 48, 0xFFFF, 4 }, { 52, 0xFFFF, 4 } });
+    if (const auto footer = valueEnd; kind.isRoot)
+        put(block,
+            { { footer + 4, blockSize, 4 }, { footer + 8, kind.fixedKey, 4 }, { footer + 12, kind.fixedValue, 4 },
+                { footer + 24, records.size(), 8 }, { footer + 32, 1, 8 } });
     sign(block);
 }
 
@@ -221,29 +204,24 @@ void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t 
 std::uint64_t APFSImage::writeObjectMap(const std::multimap<std::uint64_t, Node>& objects)
 {
     constexpr std::size_t recordsPerLeaf = 100;
-    std::vector<Record> all, index;
+    std::vector<Record> all;
     for (const auto& [oid, node] : objects)
         all.push_back({ Fields().add(oid, 8).add(node.xid, 8).bytes,
             Fields().add(0, 4).add(blockSize, 4).add(node.block, 8).bytes });
-    NodeKind kind { .subtype = 11, .level = 0, .isRoot = false, .fixedKey = 16, .fixedValue = 16 };
+    NodeKind kind { .subtype = 11, .fixedKey = 16, .fixedValue = 16 };
     if (all.size() > recordsPerLeaf) {
-        for (std::size_t first = 0; first < all.size(); first += recordsPerLeaf) {
-            const auto begin = all.begin() + static_cast<std::ptrdiff_t>(first);
+        for (const auto& records : split(std::exchange(all, {}), recordsPerLeaf)) {
             const auto leaf = allocate();
-            writeNode(leaf, leaf, physical, kind,
-                { begin, begin + static_cast<std::ptrdiff_t>(std::min(recordsPerLeaf, all.size() - first)) });
-            index.push_back({ begin->key, Fields().add(leaf, 8).bytes });
+            writeNode(leaf, leaf, physical, kind, records);
+            all.push_back({ records[0].key, Fields().add(leaf, 8).bytes });
         }
         kind.level = 1;
-        all = index;
     }
     const auto map = allocate(), root = allocate();
     kind.isRoot = true;
     writeNode(root, root, physical, kind, all);
     header(map, map, physical | 11);
-    put(map, 40, physical | 2, 4);
-    put(map, 44, physical | 2, 4);
-    put(map, 48, root, 8);
+    put(map, { { 40, physical | 2, 4 }, { 44, physical | 2, 4 }, { 48, root, 8 } });
     sign(map);
     return map;
 }
@@ -302,16 +280,11 @@ void APFSImage::writeVolume()
     const auto block = volumeSuperblock_ = allocate();
     header(block, volumeOID, 13);
     write(offsetOf(block) + 32, bytesOf("APSB"));
-    put(block, 56, options_.isHashed ? 1 : 0, 8);
-    put(block, 116, 2, 4);
-    put(block, 128, map, 8);
-    put(block, 136, rootOID, 8);
-    put(block, 176, 5000, 8);
-    put(block, 216, options_.snapshots, 8);
-    put(block, 240, 77, 8);
-    put(block, 264, options_.flags, 8);
+    put(block,
+        { { 56, options_.isHashed ? 1u : 0u, 8 }, { 116, 2, 4 }, { 128, map, 8 }, { 136, rootOID, 8 }, { 176, 5000, 8 },
+            { 216, options_.snapshots, 8 }, { 240, 77, 8 }, { 264, options_.flags, 8 } });
     write(offsetOf(block) + 704, bytesOf(options_.name));
-    put(block, 964, options_.role, 2);
+    put(block, { { 964, options_.role, 2 } });
     sign(block);
     containerMap_ = writeObjectMap({ { volumeOID, { block, xid_, {} } } });
 }
@@ -331,41 +304,26 @@ void APFSImage::writeCheckpoint()
     }
     writeNode(queue, queueOID, ephemeral, { .subtype = 9, .isRoot = true, .fixedKey = 16, .fixedValue = 8 }, freed);
     for (std::uint64_t block = 0; block < options_.blocks; ++block)
-        if (auto& byte = bytes_.at(offsetOf(bitmapBlock) + block / 8); allocated_[block])
-            byte = static_cast<std::uint8_t>(byte | 1 << block % 8);
-        else
-            byte = static_cast<std::uint8_t>(byte & ~(1 << block % 8));
+        if (auto& byte = bytes_.at(offsetOf(bitmapBlock) + block / 8); (byte >> block % 8 & 1) != allocated_[block])
+            byte = static_cast<std::uint8_t>(byte ^ 1 << block % 8);
     header(chunkInfoBlock, chunkInfoBlock, physical | 7);
-    put(chunkInfoBlock, 36, 1, 4);
-    put(chunkInfoBlock, 40, xid_, 8);
-    put(chunkInfoBlock, 56, options_.blocks, 4);
-    put(chunkInfoBlock, 64, bitmapBlock, 8);
+    put(chunkInfoBlock, { { 36, 1, 4 }, { 40, xid_, 8 }, { 56, options_.blocks, 4 }, { 64, bitmapBlock, 8 } });
     sign(chunkInfoBlock);
 
     header(manager, spaceManagerOID, ephemeral | 5);
-    put(manager, 32, blockSize, 4);
-    put(manager, 36, blockSize * 8, 4);
-    put(manager, 40, 126, 4);
-    put(manager, 44, 507, 4);
-    put(manager, 48, options_.blocks, 8);
-    put(manager, 56, 1, 8);
-    put(manager, 64, 1, 4);
-    put(manager, 80, 2520, 4);
-    put(manager, 248, queueOID, 8);
-    put(manager, 2520, chunkInfoBlock, 8);
+    put(manager,
+        { { 32, blockSize, 4 }, { 36, blockSize * 8, 4 }, { 40, 126, 4 }, { 44, 507, 4 }, { 48, options_.blocks, 8 },
+            { 56, 1, 8 }, { 64, 1, 4 }, { 80, 2520, 4 }, { 248, queueOID, 8 }, { 2520, chunkInfoBlock, 8 } });
     sign(manager);
 
     header(map, map, physical | 12);
-    put(map, 32, 1, 4);
-    put(map, 36, 2, 4);
+    put(map, { { 32, 1, 4 }, { 36, 2, 4 } });
     std::uint64_t at = 40;
     for (const auto& [type, oid, block] :
         { std::tuple(5u, spaceManagerOID, manager), std::tuple(2u, queueOID, queue) }) {
-        put(map, at, ephemeral | type, 4);
-        put(map, at + 4, type == 2 ? 9 : 0, 4);
-        put(map, at + 8, blockSize, 4);
-        put(map, at + 24, oid, 8);
-        put(map, at + 32, block, 8);
+        put(map,
+            { { at, ephemeral | type, 4 }, { at + 4, type == 2 ? 9u : 0u, 4 }, { at + 8, blockSize, 4 },
+                { at + 24, oid, 8 }, { at + 32, block, 8 } });
         at += 40;
     }
     sign(map);
@@ -373,27 +331,12 @@ void APFSImage::writeCheckpoint()
     for (const auto block : { superblock_, std::uint64_t { 0 } }) {
         header(block, 1, ephemeral | 1);
         write(offsetOf(block) + 32, bytesOf("NXSB"));
-        put(block, 36, blockSize, 4);
-        put(block, 40, options_.blocks, 8);
-        put(block, 64, 2, 8);
-        put(block, 72, 42, 8);
-        put(block, 88, 2000, 8);
-        put(block, 96, xid_ + 1, 8);
-        put(block, 104, descriptorBlocks, 4);
-        put(block, 108, dataBlocks, 4);
-        put(block, 112, descriptorBase, 8);
-        put(block, 120, dataBase, 8);
-        put(block, 128, (index + 2) % descriptorBlocks, 4);
-        put(block, 132, (index + 2) % dataBlocks, 4);
-        put(block, 136, index, 4);
-        put(block, 140, 2, 4);
-        put(block, 144, index, 4);
-        put(block, 148, 2, 4);
-        put(block, 152, spaceManagerOID, 8);
-        put(block, 160, containerMap_, 8);
-        put(block, 168, reaperOID, 8);
-        put(block, 180, 1, 4);
-        put(block, 184, volumeOID, 8);
+        put(block,
+            { { 36, blockSize, 4 }, { 40, options_.blocks, 8 }, { 64, 2, 8 }, { 72, 42, 8 }, { 88, 2000, 8 },
+                { 96, xid_ + 1, 8 }, { 104, descriptorBlocks, 4 }, { 108, dataBlocks, 4 }, { 112, descriptorBase, 8 },
+                { 120, dataBase, 8 }, { 128, (index + 2) % descriptorBlocks, 4 }, { 132, (index + 2) % dataBlocks, 4 },
+                { 136, index, 4 }, { 140, 2, 4 }, { 144, index, 4 }, { 148, 2, 4 }, { 152, spaceManagerOID, 8 },
+                { 160, containerMap_, 8 }, { 168, reaperOID, 8 }, { 180, 1, 4 }, { 184, volumeOID, 8 } });
         sign(block);
     }
 }

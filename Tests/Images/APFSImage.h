@@ -41,14 +41,13 @@ public:
     };
     using Leaf = std::vector<Record>;
 
-    APFSImage();
     explicit APFSImage(Options options);
 
     static Record inode(const Inode& inode);
     Record entry(std::uint64_t parent, const std::string& name, std::uint64_t id, bool isFolder = false) const;
     static Record extent(std::uint64_t owner, std::uint64_t logical, std::uint64_t length, std::uint64_t block);
     static Record sibling(std::uint64_t id, std::uint64_t siblingID, std::uint64_t parent, const std::string& name);
-    static Record attribute(std::uint64_t id, const std::string& name, const Bytes& content);
+    static Record attribute(std::uint64_t id, const std::string& name, std::string_view content);
     /// The records of a file in one piece, or of a folder, and of its name.
     Leaf file(const Inode& inode, std::uint64_t block = 0) const;
     Leaf folder(std::uint64_t id, std::uint64_t parent, const std::string& name) const;
@@ -64,7 +63,7 @@ public:
     std::uint64_t store(const Bytes& content);
     void setAllocated(std::uint64_t block) { allocated_.at(block) = true; }
     void setFree(std::uint64_t block) { allocated_.at(block) = false; }
-    /// The blocks that wait in the queue of freed ones, and which the bitmap calls in use.
+    /// Blocks that wait in the queue of freed ones: first and count. The bitmap calls them in use.
     std::vector<std::pair<std::uint64_t, std::uint64_t>> freeQueue;
 
     std::uint64_t offsetOf(std::uint64_t block) const { return options_.base + block * blockSize; }
@@ -89,6 +88,10 @@ private:
         std::uint64_t xid = 0;
         Leaf records;
     };
+    struct Field {
+        std::uint64_t at, value;
+        int width;
+    };
     struct NodeKind {
         std::uint32_t subtype = 14;
         std::uint16_t level = 0;
@@ -97,7 +100,7 @@ private:
     };
 
     std::uint64_t allocate(std::uint64_t count = 1);
-    void put(std::uint64_t block, std::uint64_t at, std::uint64_t value, int width);
+    void put(std::uint64_t block, std::initializer_list<Field> fields);
     void header(std::uint64_t block, std::uint64_t oid, std::uint32_t type, std::uint32_t subtype = 0);
     void writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t storage, const NodeKind& kind,
         const std::vector<Record>& records);

@@ -244,7 +244,7 @@ TEST(Mutation, APFSVolumes)
         add(sound.folder(id, id % 2 == 0 ? 2 : id - 1, "mappe"));
     for (std::uint64_t id = 22; id < 34; ++id)
         add(sound.file({ .id = id, .parent = id - 8, .name = "fil", .size = 9000 }, block));
-    add({ APFSImage::attribute(22, "com.apple.fs.symlink", Bytes(9)), sound.entry(2, "link", 23) });
+    add({ APFSImage::attribute(22, "com.apple.fs.symlink", "mål"), sound.entry(2, "link", 23) });
     sound.commit(APFSImage::split(records, 12));
     records.erase(records.end() - 12, records.end());
     sound.commit(APFSImage::split(records, 12));
