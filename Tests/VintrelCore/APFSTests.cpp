@@ -329,6 +329,14 @@ TEST(APFS, LooseLeavesGiveWhatNoCheckpointLeadsTo)
         << "never freed";
     EXPECT_FALSE(APFSParser::lostFiles(*disk.source, *disk.volume, leaves, nullptr)) << "all is listed by now";
 
+    // Where the quick scan has made the folder for others, they join those.
+    image.commit({ kept, image.file({ .id = 41, .parent = 777, .name = "før" }) });
+    image.commit({ kept, {} });
+    const auto joined = parse(image);
+    EXPECT_FALSE(APFSParser::lostFiles(*joined.source, *joined.volume, leaves, nullptr));
+    EXPECT_EQ(joined["/$Forældreløse filer"].children().size(), 4u) << joined.names();
+    EXPECT_EQ(joined.content("/$Forældreløse filer/mappe/tabt"), content);
+
     // Another container's leaf, from before the disk was formatted: it says other things of the same numbers.
     APFSImage foreign({});
     foreign.commit({ { foreign.file({ .id = 16, .parent = 2, .name = "fremmed", .created = 5 })

@@ -87,7 +87,7 @@ void APFSVolumeReader::readTrees(Volume& volume, WorkProgress* progress)
     container_->readers.push_back(this);
     const auto live = readLive(stored.rootTreeOID, progress);
     tree_->addExisting(live);
-    if (live.inodes().empty())
+    if (live.inodes().empty() && !isCancelled(progress))
         volume.notes.emplace_back("Filtræet kunne ikke læses.");
     else if (isDamaged_)
         volume.notes.emplace_back("Dele af filtræet er beskadiget. Filer kan mangle eller stå i en ældre udgave.");
