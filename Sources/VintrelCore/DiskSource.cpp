@@ -1,5 +1,7 @@
 #include "VintrelCore/DiskSource.h"
 
+#include "VintrelCore/AlignedBuffer.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -21,10 +23,7 @@ constexpr std::uint64_t blockSize = 65'536;
 /// macOS refuses to read more than 2^31 - 1 bytes in one call.
 constexpr std::size_t largestSystemRead = std::size_t { 1 } << 30;
 
-/// Where reads past the system's cache have to be aligned, buffers at this multiple suit every disk.
-constexpr std::size_t bufferAlignment = 4'096;
-
-/// What such a read takes at once when its own buffer does not suit.
+/// What a read past the system's cache takes at once when its own buffer is not aligned as it should be.
 constexpr std::size_t detourSize = std::size_t { 1 } << 20;
 
 constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit) { return value - value % unit; }
@@ -68,6 +67,8 @@ DiskSource::DiskSource(Opened opened)
     , cleanup_(std::move(opened.cleanup))
 {
 }
+
+DiskSource::~DiskSource() { close(); }
 
 Bytes DiskSource::read(std::uint64_t offset, std::int64_t count, ReadMode mode)
 {
@@ -372,16 +373,15 @@ std::size_t DiskSource::attempt(std::uint64_t offset, std::span<std::uint8_t> in
 ssize_t DiskSource::readAligned(std::uint64_t offset, std::span<std::uint8_t> into)
 {
     into = into.first(std::min(into.size(), static_cast<std::size_t>(roundDown(largestSystemRead, sectorSize_))));
-    const bool suits = reinterpret_cast<std::uintptr_t>(into.data()) % bufferAlignment == 0 && offset % sectorSize_ == 0
-        && into.size() % sectorSize_ == 0;
+    const bool suits = reinterpret_cast<std::uintptr_t>(into.data()) % AlignedBuffer::alignment == 0
+        && offset % sectorSize_ == 0 && into.size() % sectorSize_ == 0;
     if (suits)
         return ::pread(descriptor_.get(), into.data(), into.size(), static_cast<off_t>(offset));
 
     const auto room = std::max<std::size_t>(detourSize, sectorSize_);
-    detour_.resize(room + bufferAlignment - 1);
-    void* start = detour_.data();
-    std::size_t space = detour_.size();
-    auto* const sectors = static_cast<std::uint8_t*>(std::align(bufferAlignment, room, start, space));
+    if (!detour_)
+        detour_ = std::make_unique<AlignedBuffer>(room);
+    auto* const sectors = detour_->bytes().data();
     const auto head = static_cast<std::size_t>(offset % sectorSize_);
     const auto wanted = std::min(room, static_cast<std::size_t>(unitEnd(head + into.size() - 1, sectorSize_)));
     const auto count = ::pread(descriptor_.get(), sectors, wanted, static_cast<off_t>(offset - head));

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -15,6 +16,8 @@
 #include <unordered_set>
 #include <utility>
 #include <vector>
+
+class AlignedBuffer;
 
 /// What a read does after an error: `thorough` goes on sector by sector and finds every readable one; `fast` gives up
 /// the whole 64 KiB block and does not ask the disk for it again.
@@ -82,7 +85,7 @@ public:
     explicit DiskSource(Opened opened);
     DiskSource(const DiskSource&) = delete;
     DiskSource& operator=(const DiskSource&) = delete;
-    ~DiskSource() { close(); }
+    ~DiskSource();
 
     const std::string& path() const { return path_; }
     const std::string& displayName() const { return displayName_; }
@@ -173,9 +176,9 @@ private:
     std::function<void()> cleanup_;
     std::list<Chunk> chunks_; // least recently used first
     std::unordered_map<std::uint64_t, std::list<Chunk>::iterator> chunkByIndex_;
-    Chunk uncached_ {}; // the last chunk that was not worth keeping
-    Bytes aligned_;     // room for whole sectors around a large read that wants less
-    Bytes detour_;      // for reads whose own buffer is not aligned
+    Chunk uncached_ {};                     // the last chunk that was not worth keeping
+    Bytes aligned_;                         // room for whole sectors around a large read that wants less
+    std::unique_ptr<AlignedBuffer> detour_; // for reads whose own buffer is not aligned
     std::set<std::uint64_t> badSectors_;
     std::unordered_set<std::uint64_t> suspectBlocks_; // by the number of the block's first sector
     std::int64_t readErrors_ = 0;

@@ -1,5 +1,6 @@
 #include "VintrelCore/Imager.h"
 
+#include "VintrelCore/AlignedBuffer.h"
 #include "VintrelCore/DiskSource.h"
 
 #include <CVintrel/Platform.h>
@@ -29,9 +30,6 @@ constexpr std::chrono::milliseconds pauseInterval { 200 };
 constexpr std::chrono::seconds saveInterval { 5 };
 constexpr std::chrono::seconds rateWindow { 5 };
 constexpr Seconds shortestRateSample { 0.5 };
-
-/// What reads into a buffer may ask of its address; raw devices ask for a page.
-constexpr std::size_t bufferAlignment = 4'096;
 
 /// What the sector pass and its repetitions read.
 constexpr Status failedPieces[] = { Status::nonTrimmed, Status::nonScraped };
@@ -99,12 +97,10 @@ public:
         , sectorSize_(imager.source_.sectorSize())
         , readSize_(static_cast<std::size_t>(
               roundDown(std::max<std::uint64_t>(sectorSize_, imager.options_.chunkSize), sectorSize_)))
-        , storage_(readSize_ + bufferAlignment - 1)
+        , memory_(readSize_)
+        , buffer_(memory_.bytes())
         , rescuedBefore_(map_.total(Status::finished))
     {
-        void* start = storage_.data();
-        std::size_t room = storage_.size();
-        buffer_ = { static_cast<std::uint8_t*>(std::align(bufferAlignment, readSize_, start, room)), readSize_ };
     }
 
     void perform()
@@ -398,8 +394,8 @@ private:
     const Update& onUpdate_;
     const std::uint32_t sectorSize_;
     const std::size_t readSize_; // whole sectors
-    Bytes storage_;
-    std::span<std::uint8_t> buffer_; // the aligned part of it
+    const AlignedBuffer memory_;
+    const std::span<std::uint8_t> buffer_;
     const std::uint64_t rescuedBefore_;
     const Clock::time_point start_ = Clock::now();
     Clock::time_point lastSuccess_ = start_;

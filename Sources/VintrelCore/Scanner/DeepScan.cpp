@@ -1,4 +1,5 @@
 #include "VintrelCore/APFS.h"
+#include "VintrelCore/AlignedBuffer.h"
 #include "VintrelCore/DiskSource.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FSProbe.h"
@@ -135,11 +136,11 @@ DeepScanResult DeepScanner::run(WorkProgress* reporter, const std::function<void
         carver.emplace(source_, options_.categories);
     Reporter progress(source_, onUpdate);
 
-    Bytes buffer(static_cast<std::size_t>(std::min<std::uint64_t>(source_.size(), chunkSize)));
+    const AlignedBuffer buffer(static_cast<std::size_t>(std::min<std::uint64_t>(source_.size(), chunkSize)));
     std::uint64_t position = 0;
     std::uint64_t carveFrom = 0; // what lies before is inside a file that was found
     while (position < source_.size() && !isCancelled(reporter)) {
-        const auto filled = std::span(buffer).first(
+        const auto filled = buffer.bytes().first(
             static_cast<std::size_t>(std::min<std::uint64_t>(source_.size() - position, chunkSize)));
         // Thorough: what lies beside a bad sector is not lost with the 64 KiB around it.
         source_.readReporting(position, filled, ReadMode::thorough);
