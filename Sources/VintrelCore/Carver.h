@@ -46,7 +46,8 @@ public:
         { FileCategory::archive, "ZIP, 7-Zip, RAR, JAR" },
     } };
 
-    Carver(DiskSource& source, std::set<FileCategory> categories);
+    /// `window`: of the sweep, so that what it holds is not read again; none without a sweep.
+    Carver(DiskSource& source, std::set<FileCategory> categories, SweepWindow* window = nullptr);
     ~Carver();
 
     /// The file that begins at byte `offset` of the source; none when none does, or none of a wanted kind. `head`: the
@@ -56,9 +57,8 @@ public:
     /// Whether files with this extension belong to the categories.
     bool wants(std::string_view extension) const;
 
-    /// The part of the source that the sweep holds in memory, so that it is not read again. It must stay until the next
-    /// call.
-    void setWindow(std::uint64_t offset, ByteView bytes);
+    /// To be told whenever the window has moved, to `offset`. No candidate comes from before that.
+    void windowMoved(std::uint64_t offset);
 
 private:
     std::set<FileCategory> categories_;

@@ -1,6 +1,7 @@
 #include "VintrelCore/RandomReader.h"
 
 #include "VintrelCore/DiskSource.h"
+#include "VintrelCore/SweepWindow.h"
 
 #include <algorithm>
 #include <cstring>
@@ -28,12 +29,6 @@ void RandomReader::moveTo(std::uint64_t start)
     size_ = start < source_.size() ? source_.size() - start : 0;
     work_ = 0;
     mostWork_ = unlimited;
-}
-
-void RandomReader::setWindow(std::uint64_t offset, ByteView bytes)
-{
-    windowOffset_ = nearOffset_ = offset;
-    window_ = near_ = bytes;
 }
 
 Bytes RandomReader::bytes(std::uint64_t position, std::size_t count)
@@ -111,9 +106,9 @@ bool RandomReader::comeNear(std::uint64_t absolute)
 {
     if (contains(nearOffset_, near_, absolute))
         return true;
-    if (contains(windowOffset_, window_, absolute)) {
-        nearOffset_ = windowOffset_;
-        near_ = window_;
+    if (const auto chunk = window_ != nullptr ? window_->chunkAt(absolute) : std::nullopt) {
+        nearOffset_ = chunk->offset;
+        near_ = chunk->bytes;
         return true;
     }
     if (contains(previous_.offset, previous_.filled(), absolute))
@@ -129,11 +124,10 @@ bool RandomReader::comeNear(std::uint64_t absolute)
 bool RandomReader::fetch(std::uint64_t absolute)
 {
     const std::uint64_t offset = absolute - absolute % leastFetch; // whole sectors of any disk
-    const std::uint64_t windowEnd = windowOffset_ + window_.size();
     std::uint64_t count = leastFetch;
     if (block_.size > 0 && offset >= block_.end() && offset - block_.end() < farAway)
         count = std::min(2 * block_.size, blockSize);
-    else if (!window_.empty() && offset >= windowEnd && offset - windowEnd < farAway)
+    else if (window_ != nullptr && offset > 0 && window_->chunkAt(offset - 1)) // on from the window's end
         count = farAway;
     count = std::min<std::uint64_t>(count, source_.size() - offset);
     work_ += std::max(count, workOfJump);

@@ -11,6 +11,7 @@
 #include <string_view>
 
 class DiskSource;
+class SweepWindow;
 
 /// A small buffered reader for code that walks a structure of unknown length with many small reads, above all the
 /// carving of files. Positions are bytes from `start`. It never fails: unreadable bytes are zeros, and so are those
@@ -27,16 +28,19 @@ public:
     /// What reading may cost, in bytes looked at, when nobody sets a limit.
     static constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
 
-    RandomReader(DiskSource& source, std::uint64_t start)
+    /// `window`: of a sweep that goes over the source at the same time; none when there is none. It is told apart from
+    /// reading: what it holds, or will hold soon, costs nothing.
+    RandomReader(DiskSource& source, std::uint64_t start, SweepWindow* window = nullptr)
         : source_(source)
+        , window_(window)
     {
         moveTo(start);
     }
 
     /// Begins anew at another start. What lies in the buffer stays there: neighbouring walks read the same bytes.
     void moveTo(std::uint64_t start);
-    /// Bytes of the source that somebody holds in memory, in place of reading them. They must stay until the next call.
-    void setWindow(std::uint64_t offset, ByteView bytes);
+    /// To be told whenever the window has moved.
+    void windowMoved() { near_ = {}; }
 
     DiskSource& source() const { return source_; }
     /// Byte offset of position 0 on the source.
@@ -117,12 +121,11 @@ private:
     DiskSource& source_;
     std::uint64_t start_ = 0;
     std::uint64_t size_ = 0;
-    std::uint64_t windowOffset_ = 0;
-    ByteView window_;
+    SweepWindow* window_;
     Block block_;
     Block previous_;
     std::uint64_t nearOffset_ = 0; ///< of near_ on the source
-    ByteView near_;                ///< where the last read was served from: the window, or one of the blocks
+    ByteView near_;                ///< where the last read was served from: a chunk of the window, or a block
     std::uint64_t work_ = 0;
     std::uint64_t mostWork_ = unlimited;
 };

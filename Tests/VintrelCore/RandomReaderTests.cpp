@@ -1,5 +1,6 @@
 #include "Tests/Images/DiskImage.h"
 #include "VintrelCore/RandomReader.h"
+#include "VintrelCore/SweepWindow.h"
 
 #include <gtest/gtest.h>
 
@@ -35,9 +36,8 @@ TEST(RandomReader, ReadsEachPlaceOnceAndAlikeWhateverIsInMemory)
     const auto source = makeSource(bytes);
 
     for (const bool hasWindow : { false, true }) {
-        RandomReader reader(*source, 1'000);
-        if (hasWindow)
-            reader.setWindow(1_MiB, ByteView(bytes).sub(1_MiB, 1_MiB));
+        SweepWindow window(*source);
+        RandomReader reader(*source, 1'000, hasWindow ? &window : nullptr);
         std::vector<std::uint64_t> found;
         std::uint64_t from = 0;
         while (const auto match = reader.find(mark, from, UINT64_MAX)) {

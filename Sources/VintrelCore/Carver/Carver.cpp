@@ -81,20 +81,20 @@ const std::set<FileCategory>& carvedCategories()
     return categories;
 }
 
-Carver::Carver(DiskSource& source, std::set<FileCategory> categories)
+Carver::Carver(DiskSource& source, std::set<FileCategory> categories, SweepWindow* window)
     : categories_(std::move(categories))
-    , reader_(source, 0)
-    , searches_(std::make_unique<CarverSearches>(source))
+    , reader_(source, 0, window)
+    , searches_(std::make_unique<CarverSearches>(source, window))
 {
 }
 
 Carver::~Carver() = default;
 
-void Carver::setWindow(std::uint64_t offset, ByteView bytes)
+void Carver::windowMoved(std::uint64_t offset)
 {
-    reader_.setWindow(offset, bytes);
+    reader_.windowMoved();
     for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds })
-        search->setWindow(offset, bytes);
+        search->windowMoved(offset);
 }
 
 std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)

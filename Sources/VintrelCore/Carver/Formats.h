@@ -7,10 +7,10 @@
 
 /// What candidates learn for those behind them.
 struct CarverSearches {
-    explicit CarverSearches(DiskSource& source)
-        : pdfStarts(source, "%PDF-")
-        , pdfEnds(source, "%%EOF")
-        , zipEnds(source, "PK\x05\x06")
+    CarverSearches(DiskSource& source, SweepWindow* window)
+        : pdfStarts(source, window, "%PDF-")
+        , pdfEnds(source, window, "%%EOF")
+        , zipEnds(source, window, "PK\x05\x06")
     {
     }
 

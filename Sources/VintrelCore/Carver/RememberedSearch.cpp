@@ -24,9 +24,9 @@ std::optional<std::uint64_t> RememberedSearch::next(std::uint64_t from, std::uin
     return std::nullopt;
 }
 
-void RememberedSearch::setWindow(std::uint64_t offset, ByteView bytes)
+void RememberedSearch::windowMoved(std::uint64_t offset)
 {
-    reader_.setWindow(offset, bytes);
+    reader_.windowMoved();
     matches_.erase(matches_.begin(), matches_.lower_bound(offset));
     while (!searched_.empty() && searched_.begin()->second <= offset)
         searched_.erase(searched_.begin());

@@ -13,8 +13,8 @@
 class RememberedSearch {
 public:
     /// `pattern` is a literal.
-    RememberedSearch(DiskSource& source, std::string_view pattern)
-        : reader_(source, 0)
+    RememberedSearch(DiskSource& source, SweepWindow* window, std::string_view pattern)
+        : reader_(source, 0, window)
         , pattern_(pattern)
     {
     }
@@ -22,8 +22,8 @@ public:
     /// The first match in [from, limit), all three in bytes on the source.
     std::optional<std::uint64_t> next(std::uint64_t from, std::uint64_t limit);
 
-    /// The bytes that the sweep holds in memory. What lies before them is forgotten.
-    void setWindow(std::uint64_t offset, ByteView bytes);
+    /// To be told whenever the sweep's window has moved. What lies before it is forgotten.
+    void windowMoved(std::uint64_t offset);
 
 private:
     using Ranges = std::map<std::uint64_t, std::uint64_t>;

@@ -1,17 +1,16 @@
 #include "VintrelCore/APFS.h"
-#include "VintrelCore/AlignedBuffer.h"
 #include "VintrelCore/DiskSource.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FSProbe.h"
 #include "VintrelCore/NTFS.h"
 #include "VintrelCore/Scanner.h"
+#include "VintrelCore/SweepWindow.h"
 
 #include <algorithm>
 #include <chrono>
 
 namespace {
 
-constexpr std::size_t chunkSize = 4 * 1'048'576;
 constexpr std::size_t sectorSize = 512; // boot sectors are found at any multiple, whatever the disk's own sectors
 constexpr std::size_t headSize = 64;    // what the carver is shown
 constexpr std::size_t leastHead = 32;
@@ -131,22 +130,18 @@ DeepScanResult DeepScanner::run(WorkProgress* reporter, const std::function<void
 {
     DeepScanResult result;
     StructureFinder structures(source_, result);
+    SweepWindow window(source_);
     std::optional<Carver> carver;
     if (options_.carve)
-        carver.emplace(source_, options_.categories);
+        carver.emplace(source_, options_.categories, &window);
     Reporter progress(source_, onUpdate);
 
-    const AlignedBuffer buffer(static_cast<std::size_t>(std::min<std::uint64_t>(source_.size(), chunkSize)));
     std::uint64_t position = 0;
     std::uint64_t carveFrom = 0; // what lies before is inside a file that was found
     while (position < source_.size() && !isCancelled(reporter)) {
-        const auto filled = buffer.bytes().first(
-            static_cast<std::size_t>(std::min<std::uint64_t>(source_.size() - position, chunkSize)));
-        // Thorough: what lies beside a bad sector is not lost with the 64 KiB around it.
-        source_.readReporting(position, filled, ReadMode::thorough);
-        const std::span<const std::uint8_t> chunk = filled;
+        const auto chunk = window.moveTo(position).span();
         if (carver)
-            carver->setWindow(position, chunk);
+            carver->windowMoved(position);
         for (std::size_t at = 0; at < chunk.size(); at += sectorSize) {
             const std::uint64_t offset = position + at;
             if (options_.findVolumes && chunk.size() - at >= sectorSize)

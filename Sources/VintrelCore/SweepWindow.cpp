@@ -1,0 +1,36 @@
+#include "VintrelCore/SweepWindow.h"
+
+#include "VintrelCore/DiskSource.h"
+
+#include <algorithm>
+
+ByteView SweepWindow::moveTo(std::uint64_t offset)
+{
+    first_ = offset / chunkSize;
+    return loaded(first_).bytes;
+}
+
+std::optional<SweepWindow::Chunk> SweepWindow::chunkAt(std::uint64_t offset)
+{
+    const std::uint64_t index = offset / chunkSize;
+    if (index < first_ || index - first_ >= maxChunks || offset >= source_.size())
+        return std::nullopt;
+    return Chunk { index * chunkSize, loaded(index).bytes };
+}
+
+const SweepWindow::Slot& SweepWindow::loaded(std::uint64_t index)
+{
+    auto& slot = slots_[index % maxChunks];
+    if (slot.index == index)
+        return slot;
+    const std::uint64_t offset = index * chunkSize;
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize, source_.size() - offset));
+    if (!slot.memory)
+        slot.memory = std::make_unique<AlignedBuffer>(size);
+    const auto bytes = slot.memory->bytes().first(size);
+    // Thorough: what lies beside a bad sector is not lost with the 64 KiB around it.
+    source_.readReporting(offset, bytes, ReadMode::thorough);
+    slot.bytes = std::span<const std::uint8_t>(bytes);
+    slot.index = index;
+    return slot;
+}
