@@ -42,7 +42,6 @@ public:
     /// To be told whenever the window has moved.
     void windowMoved() { near_ = {}; }
 
-    DiskSource& source() const { return source_; }
     /// Byte offset of position 0 on the source.
     std::uint64_t start() const { return start_; }
     /// Bytes from the start to the end of the source; 0 when the start lies beyond it.

@@ -93,6 +93,7 @@ Carver::~Carver() = default;
 void Carver::windowMoved(std::uint64_t offset)
 {
     reader_.windowMoved();
+    searches_->anywhere.windowMoved();
     for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds })
         search->windowMoved(offset);
 }

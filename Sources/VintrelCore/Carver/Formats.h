@@ -11,12 +11,14 @@ struct CarverSearches {
         : pdfStarts(source, window, "%PDF-")
         , pdfEnds(source, window, "%%EOF")
         , zipEnds(source, window, "PK\x05\x06")
+        , anywhere(source, 0, window)
     {
     }
 
     RememberedSearch pdfStarts;
     RememberedSearch pdfEnds;
     RememberedSearch zipEnds;
+    RandomReader anywhere; ///< for looks at what lies before a candidate
     /// Where the archive verifiably begins that an end record belongs to; none when that cannot be told.
     std::unordered_map<std::uint64_t, std::optional<std::uint64_t>> zipStarts;
 };
@@ -34,7 +36,7 @@ struct Candidate {
     /// The first match in [from, limit), counted from the file's first byte.
     std::optional<std::uint64_t> find(RememberedSearch& search, std::uint64_t from, std::uint64_t limit) const
     {
-        file.addWork(RandomReader::workOfSmallRead);
+        file.addWork(8 * RandomReader::workOfSmallRead);
         const auto match = search.next(file.start() + from, file.start() + limit);
         return match ? std::optional(*match - file.start()) : std::nullopt;
     }

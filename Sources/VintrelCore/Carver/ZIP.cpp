@@ -137,8 +137,7 @@ std::optional<std::uint64_t> archiveStart(const Candidate& candidate, std::uint6
     const auto distance = claimedDistance(file, position);
     if (!distance || *distance > end)
         return std::nullopt;
-    RandomReader other(file.source(), end - *distance);
-    if (other.u32le(0) == localSignature)
+    if (candidate.searches.anywhere.u32le(end - *distance) == localSignature)
         known->second = end - *distance;
     return known->second;
 }
