@@ -1,5 +1,6 @@
 // Real files of every kind, as the tools of Tests/Samples/make wrote them, on images without any file system.
 
+#include "Tests/Images/CarvedFile.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Scanner.h"
 
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -131,4 +133,33 @@ TEST(CarverSamples, MayTouchEachOther)
         disk.fill(Disk::zeros, 0);
     }
     EXPECT_EQ(disk.found(), disk.expected());
+}
+
+// Damaged files by the thousand: none may crash its reader, or make it read without end. The seeds are fixed.
+TEST(CarverSamples, DamagedFilesStayWithinBounds)
+{
+    std::vector<Bytes> files { tiffFile("IIRO", { { 0x10F, 2, 8, 60 }, { 0x111, 4, 1, 200 }, { 0x117, 4, 1, 900 } }),
+        Content().text("FUJIFILMCCD-RAW ").upTo(84).be(148, 4).be(900, 4).upTo(200),
+        Content().text("Rar!\x1A\x07").zeros(3).be(0x73, 1).zeros(2).le(13, 2).upTo(22).be(0x7B, 1).zeros(2).le(7, 2),
+        Content().text("Rar!\x1A\x07\x01").zeros(5).be(0x030100, 3).zeros(5).be(0x030500, 3) };
+    for (const auto& sample : samples())
+        files.push_back(sample.bytes);
+    std::mt19937 random(1959);
+    for (int round = 0; round < 40; ++round) {
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            SCOPED_TRACE("file " + std::to_string(i) + ", round " + std::to_string(round));
+            auto bytes = files[i];
+            for (auto count = 1 + random() % 6; count > 0; --count) {
+                constexpr std::uint8_t telling[] = { 0x00, 0x01, 0x7F, 0x80, 0xFF };
+                const auto at = random() % std::min<std::size_t>(bytes.size(), random() % 2 == 0 ? 96 : bytes.size());
+                bytes[at]
+                    = random() % 2 == 0 ? telling[random() % std::size(telling)] : static_cast<std::uint8_t>(random());
+            }
+            bytes.resize(random() % 8 == 0 ? random() % bytes.size() : bytes.size());
+            const auto source = makeSource(bytes);
+            const auto found = DeepScanner(*source).run(nullptr);
+            ASSERT_LE(found.carved.size(), bytes.size() / 512 + 1);
+            ASSERT_LT(source->bytesRead(), 64 * bytes.size() + 1_MiB);
+        }
+    }
 }
