@@ -21,11 +21,10 @@ std::string textAt(RandomReader& file, std::uint64_t position, std::size_t count
     return { bytes.begin(), bytes.end() };
 }
 
-/// The length that a linearised file states about itself. None when it states none, or one at which no PDF file ends:
-/// what is left of a lost file must not hide what lies there now.
-std::optional<std::uint64_t> linearisedLength(const Candidate& candidate)
+/// The length that a linearised file states about itself.
+std::optional<std::uint64_t> linearisedLength(RandomReader& file)
 {
-    const auto head = textAt(candidate.file, 0, headSize);
+    const auto head = textAt(file, 0, headSize);
     const auto linearised = head.find("/Linearized");
     if (linearised == std::string::npos)
         return std::nullopt;
@@ -35,11 +34,15 @@ std::optional<std::uint64_t> linearisedLength(const Candidate& candidate)
         return std::nullopt;
     std::uint64_t length = 0;
     std::from_chars(head.data() + key + 3, head.data() + head.size(), length);
-    if (length < leastLinearised || length >= linearisedLimit || !candidate.fits(length))
-        return std::nullopt;
+    return length < leastLinearised || length >= linearisedLimit ? std::nullopt : std::optional(length);
+}
+
+/// Whether a file ends at `length`. Where it does not, the length is that of a lost file, which must not hide what lies
+/// there now.
+bool endsAt(RandomReader& file, std::uint64_t length)
+{
     const auto tailSize = std::min<std::uint64_t>(length, lookAhead);
-    const auto tail = textAt(candidate.file, length - tailSize, static_cast<std::size_t>(tailSize));
-    return tail.find(endOfFile) == std::string::npos ? std::nullopt : std::optional(length);
+    return textAt(file, length - tailSize, static_cast<std::size_t>(tailSize)).find(endOfFile) != std::string::npos;
 }
 
 /// Whether an update of the file goes on at `position`. What follows another file's beginning is that file's.
@@ -69,8 +72,11 @@ Found pdf(const Candidate& candidate)
     auto& file = candidate.file;
     if (!file.matches(0, header))
         return std::nullopt;
-    if (const auto length = linearisedLength(candidate))
-        return candidate.found(*length, "pdf");
+    if (const auto length = linearisedLength(file)) {
+        auto found = candidate.found(*length, "pdf");
+        found.exact = endsAt(file, *length);
+        return found;
+    }
 
     std::uint64_t end = 0;
     while (const auto mark = candidate.find(candidate.searches.pdfEnds, end, maxSearch)) {
