@@ -15,7 +15,7 @@ class DiskSource;
 /// takes twice the time.
 class SweepWindow {
 public:
-    static constexpr std::size_t chunkSize = 4 * 1'048'576;
+    static constexpr std::size_t chunkSize = 4'194'304;
 
     explicit SweepWindow(DiskSource& source)
         : source_(source)

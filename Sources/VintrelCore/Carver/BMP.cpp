@@ -19,7 +19,7 @@ static_assert(sizeof(Header) == 22 && offsetof(Header, width) == 18);
 
 constexpr std::array<std::uint32_t, 6> headerSizes { 12, 40, 52, 56, 108, 124 };
 constexpr std::uint32_t leastSize = 64;
-constexpr std::uint32_t maxSize = 512 * 1'048'576;
+constexpr std::uint32_t maxSize = 536'870'912;
 constexpr std::uint32_t leastPixelOffset = 26;
 
 } // namespace

@@ -4,7 +4,7 @@ namespace Formats {
 
 namespace {
 
-constexpr std::uint64_t limit = 100 * 1'048'576;
+constexpr std::uint64_t limit = 104'857'600;
 
 /// The size of the colour table that a flag byte announces.
 std::uint64_t colourTableSize(std::uint8_t flags)

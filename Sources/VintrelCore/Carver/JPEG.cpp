@@ -6,7 +6,7 @@ namespace Formats {
 
 namespace {
 
-constexpr std::uint64_t limit = 200 * 1'048'576 - 2; // no marker is looked for from here on
+constexpr std::uint64_t limit = 209'715'198; // 200 MiB - 2: no marker is looked for from here on
 
 enum Marker : std::uint8_t {
     temporary = 0x01,

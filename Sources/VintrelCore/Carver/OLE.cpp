@@ -95,9 +95,8 @@ public:
         const auto rootLevel = namesAtRoot(entries);
         if (const auto* ext = kindOf(rootLevel))
             return ext;
-        std::vector<std::string> all; // a damaged tree, or a document wrapped in another
-        for (const auto& entry : entries)
-            all.push_back(nameOf(entry));
+        std::vector<std::string> all(entries.size()); // a damaged tree, or a document wrapped in another
+        std::ranges::transform(entries, all.begin(), nameOf);
         const auto* const ext = kindOf(all);
         return ext != nullptr ? ext : "doc";
     }

@@ -6,7 +6,7 @@ namespace Formats {
 
 namespace {
 
-constexpr std::uint64_t limit = 256 * 1'048'576;
+constexpr std::uint64_t limit = 268'435'456;
 constexpr std::size_t pieceSize = 1024;
 constexpr std::size_t workPerByte = 2; // one at a time is slower than a search
 

@@ -9,7 +9,7 @@ namespace Formats {
 
 namespace {
 
-constexpr std::uint64_t firstDirectoryLimit = 64 * 1'048'576;
+constexpr std::uint64_t firstDirectoryLimit = 67'108'864;
 constexpr std::uint64_t endLimit = 2'147'483'648; // an end at or beyond it is taken for damage
 constexpr std::uint64_t leastDataEnd = 1025;
 constexpr std::size_t maxDirectories = 64;
