@@ -34,6 +34,7 @@ int addClosingOfTheRest([[maybe_unused]] posix_spawn_file_actions_t& actions)
 int startProcess(const std::vector<std::string>& words, int output, int errors, pid_t& process)
 {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const auto& word : words)
         arguments.push_back(const_cast<char*>(word.c_str())); // not changed, says POSIX
     arguments.push_back(nullptr);

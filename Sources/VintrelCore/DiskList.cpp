@@ -164,10 +164,8 @@ std::vector<DiskRecord> fromDiskutil(const std::string& diskutil)
 
 std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& smartctl)
 {
-    const auto outcome = HelperProgram::run({ lsblk, "--pairs", "--bytes", "--output",
-                                                "KNAME,PKNAME,PATH,TYPE,SIZE,MODEL,TRAN,FSTYPE,PARTTYPENAME,LABEL,"
-                                                "MOUNTPOINT" },
-        limits);
+    constexpr auto columns = "KNAME,PKNAME,PATH,TYPE,SIZE,MODEL,TRAN,FSTYPE,PARTTYPENAME,LABEL,MOUNTPOINT";
+    const auto outcome = HelperProgram::run({ lsblk, "--pairs", "--bytes", "--output", columns }, limits);
     std::vector<DiskRecord> disks;
     if (!outcome.succeeded())
         return disks;

@@ -118,7 +118,7 @@ void APFSFileRecords::addInode(std::uint64_t id, ByteView value, Origin origin)
             inode.size = value.u64le(data);
         else if (field.type == FieldType::sparseBytes)
             inode.isSparse = inode.isSparse || value.u64le(data) != 0;
-        data += (field.size + 7) / 8 * 8;
+        data += (std::int64_t { field.size } + 7) / 8 * 8;
     }
     if (inode.isCompressed && (stored->internalFlags & hasUncompressedSizeFlag) != 0)
         inode.size = stored->uncompressedSize;
