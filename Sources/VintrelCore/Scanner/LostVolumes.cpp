@@ -70,7 +70,7 @@ public:
     {
         // First those that lie at their own place: a copy is asked only where there is no such one.
         for (const auto& boot : result_.boots)
-            if (!isCancelled(progress_) && !isBackupOfKnown(boot))
+            if (!isCancelled(progress_) && !isBackup(boot))
                 tryBoot(boot, boot.offset, "Dyb scanning, boot-sektor ved " + std::to_string(boot.offset));
         for (const auto& boot : result_.boots)
             if (const auto start = startByBackup(boot); start && !isCancelled(progress_))
@@ -95,10 +95,14 @@ private:
         return std::ranges::any_of(known_, isSame) || std::ranges::any_of(built_, isSame);
     }
 
-    bool isBackupOfKnown(const FoundBoot& boot) const
+    /// Asked first, because a backup a few sectors into its volume can pass for a primary one: what follows the true
+    /// root by as many sectors may be more of the root.
+    bool isBackup(const FoundBoot& boot) const
     {
         const auto start = startByBackup(boot);
-        return start && isKnown(boot.type, *start);
+        return start
+            && (isKnown(boot.type, *start)
+                || (boot.type != FileSystemType::ntfs && isConfirmed(source_, boot, *start)));
     }
 
     void report(FileSystemType type, std::string_view what) const
