@@ -124,15 +124,15 @@ private:
     void tryHFSPlus(std::uint64_t place, bool isAlternate)
     {
         const std::uint64_t header = place + hfsHeaderOffset;
+        const auto bytes = source_.read(header, hfsHeaderSize, ReadMode::thorough);
         if (!isAlternate) {
-            if (!isKnown(FileSystemType::hfsplus, place) && !endsKnownHFSPlus(header)) {
+            if (!isKnown(FileSystemType::hfsplus, place) && HFSPlusParser::isConfirmed(source_, place, bytes)) {
                 report(FileSystemType::hfsplus, "-filsystem");
                 keep(HFSPlusParser::parse(
                     source_, place, "Dyb scanning, volumeheader ved " + std::to_string(header), progress_));
             }
             return;
         }
-        const auto bytes = source_.read(header, hfsHeaderSize, ReadMode::thorough);
         const std::uint64_t blockSize = ByteView(bytes).u32be(40);
         const std::uint64_t size = blockSize * ByteView(bytes).u32be(44);
         const std::uint64_t end = header + hfsHeaderFromEnd;
@@ -141,22 +141,13 @@ private:
             const std::uint64_t start = end - size - rest;
             if (isKnown(FileSystemType::hfsplus, start))
                 return;
+            if (!HFSPlusParser::isConfirmed(source_, start, bytes))
+                continue;
             report(FileSystemType::hfsplus, "-filsystem");
             if (keep(HFSPlusParser::parse(
                     source_, start, "Dyb scanning, sikkerhedskopi af volumeheader", progress_, ByteView(bytes))))
                 return;
         }
-    }
-
-    /// Whether a header is the alternate one of a volume that is listed.
-    bool endsKnownHFSPlus(std::uint64_t header) const
-    {
-        const auto ends = [&](const std::unique_ptr<Volume>& volume) {
-            const std::uint64_t end = volume->offset + volume->size;
-            return volume->type == FileSystemType::hfsplus && header + hfsHeaderFromEnd >= end
-                && header + hfsHeaderFromEnd - end < volume->clusterSize + 512;
-        };
-        return std::ranges::any_of(known_, ends) || std::ranges::any_of(built_, ends);
     }
 
     void tryAPFS(std::uint64_t superblock)
