@@ -17,7 +17,7 @@ namespace NTFSParser {
 namespace {
 
 constexpr std::uint64_t maxRecordSize = 4096;
-constexpr std::uint64_t mirroredRecords = 4; // at the beginning of the MFT
+constexpr std::uint64_t mirroredRecords = 4; // at the beginning of the MFT, or as many as fit in a cluster
 constexpr std::size_t leastMatches = 2;      // records at the place that an MFT's own record gives them
 constexpr std::size_t maxOwnRecords = 64;    // copies of record 0 that are looked into
 constexpr std::size_t maxReadings = 64;      // geometries that they suggest
@@ -39,6 +39,11 @@ struct Witness {
     std::string ext;    ///< empty for a folder, whose index begins with "INDX"
     std::uint64_t size; ///< of the file, in bytes
 };
+
+std::uint64_t mirrorSize(const NTFSGeometry& geometry)
+{
+    return std::max(mirroredRecords * geometry.recordSize, geometry.clusterSize);
+}
 
 std::uint64_t clustersIn(const DataFragment& fragment)
 {
@@ -223,7 +228,7 @@ private:
         const auto start = geometry.offsetOf(geometry.mirrorLCN);
         if (start)
             std::erase_if(loose_, [&](const Loose& loose) {
-                return loose.offset >= *start && loose.offset - *start < mirroredRecords * geometry.recordSize;
+                return loose.offset >= *start && loose.offset - *start < mirrorSize(geometry);
             });
     }
 
@@ -393,8 +398,7 @@ std::vector<std::uint64_t> looseRecords(std::span<const std::uint64_t> records, 
                 taken.push_back({ *extent.offset, *extent.offset + extent.length });
         const auto& geometry = info->geometry;
         if (const auto mirror = geometry.offsetOf(geometry.mirrorLCN))
-            taken.push_back(
-                { *mirror, *mirror + std::max(mirroredRecords * geometry.recordSize, geometry.clusterSize) });
+            taken.push_back({ *mirror, *mirror + mirrorSize(geometry) });
     }
     std::ranges::sort(taken, {}, &ByteRange::start);
     std::vector<std::uint64_t> loose;
