@@ -214,10 +214,19 @@ private:
             const auto matches = recordsOf(reading.mft, reading.geometry.recordSize); // what better readings left
             if (matches.size() < leastMatches)
                 continue;
+            // Not whatever lies in the place of the MFT by now: another volume may have its own there.
             const NTFSContext context(source_, reading.geometry);
-            finish(context, context.readAllRecords(reading.mft, progress_), matches.size(), reading.mft);
-            for (const auto index : matches)
-                loose_[index].size = 0;
+            MFTRecords records(context);
+            MFTRecord record;
+            for (const auto index : matches) {
+                auto& loose = loose_[index];
+                buffer_.resize(loose.size);
+                reading.mft.read(source_, loose.number * loose.size, buffer_);
+                if (parseRecord(buffer_, std::nullopt, record) && record.number == loose.number)
+                    records.add(record);
+                loose.size = 0;
+            }
+            finish(context, std::move(records), matches.size(), reading.mft);
             eraseMirror(reading.geometry);
             std::erase_if(loose_, [](const Loose& loose) { return loose.size == 0; });
         }
