@@ -138,12 +138,15 @@ private:
             return geometries;
         const auto mftLCN = firstLCN(record);
         if (!mftLCN)
-            return geometries; // blank records may carry the number 0 too
-        const std::uint64_t clusterSize = clusterSizeOf(record.data.front());
+            return geometries;
+        // With an attribute list the record has the first runs only, and a size that is that of all of them.
+        std::uint64_t clusterSize = record.hasAttributeList() ? 0 : clusterSizeOf(record.data.front());
         const Loose next { own.offset + own.size, 1, own.size };
         std::optional<std::uint64_t> mirrorLCN;
         if (readRecord(next, record))
             mirrorLCN = firstLCN(record);
+        if (clusterSize == 0 && mirrorLCN)
+            clusterSize = clusterSizeOf(record.data.front());
 
         const auto add = [&](std::uint64_t lcn, std::uint64_t size) {
             if (size == 0 || lcn > own.offset / size)
@@ -186,9 +189,10 @@ private:
     /// Volumes whose MFT still has its first record, or the copy of it: as good as with a boot sector.
     void buildAroundOwnRecords()
     {
+        MFTRecord own;
         for (const auto& loose : loose_)
-            if (loose.number == 0 && ownRecords_.size() < maxOwnRecords)
-                ownRecords_.push_back(loose);
+            if (loose.number == 0 && ownRecords_.size() < maxOwnRecords && readRecord(loose, own) && firstLCN(own))
+                ownRecords_.push_back(loose); // blank records may carry the number 0 too
 
         struct Reading {
             NTFSGeometry geometry;
