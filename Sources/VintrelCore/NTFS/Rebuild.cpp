@@ -255,7 +255,11 @@ private:
         std::vector<const Group*> byPlace;
         for (const auto& [start, piece] : pieces)
             byPlace.push_back(&piece);
-        std::ranges::sort(byPlace, {}, [](const Group* piece) { return piece->front().offset; });
+        // The largest first: a stray copy of a record must not part the pieces of an MFT.
+        std::ranges::sort(byPlace, [](const Group* one, const Group* other) {
+            return one->size() != other->size() ? one->size() > other->size()
+                                                : one->front().offset < other->front().offset;
+        });
 
         std::vector<Group> groups;
         std::vector<std::unordered_set<std::uint64_t>> numbers;
@@ -306,7 +310,7 @@ private:
         const NTFSContext context(source_, geometry);
         MFTRecords records(context);
         for (const auto& loose : group)
-            if (readRecord(loose, record))
+            if (!isCancelled(progress_) && readRecord(loose, record))
                 records.add(record);
         finish(context, std::move(records), group.size(), {});
     }
