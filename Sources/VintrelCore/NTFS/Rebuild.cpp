@@ -324,8 +324,13 @@ private:
         const std::uint64_t clusterSize = likeliest != clusterSizes.end() ? likeliest->first : 4096;
 
         auto candidates = hints_.geometries;
+        const auto add = [&](std::uint64_t base) {
+            if (base < source_.size())
+                candidates.push_back({ .base = base, .clusterSize = clusterSize, .volumeSize = source_.size() - base });
+        };
+        std::ranges::for_each(hints_.starts, add);
         if (const auto base = baseByFinds(witnesses, clusterSize))
-            candidates.push_back({ .base = *base, .clusterSize = clusterSize, .volumeSize = source_.size() - *base });
+            add(*base);
         NTFSGeometry best { .hasPlace = false, .clusterSize = clusterSize };
         std::size_t mostSense = 0;
         for (const auto& candidate : candidates) {

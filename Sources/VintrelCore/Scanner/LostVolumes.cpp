@@ -172,15 +172,24 @@ private:
             return;
         if (progress_ != nullptr)
             progress_->report(0, "Genopbygger NTFS-filsystem ud fra MFT-poster …");
-        NTFSParser::RebuildHints hints { .geometries = {}, .carved = result_.carved };
+        NTFSParser::RebuildHints hints { .geometries = {}, .starts = {}, .carved = result_.carved };
+        const auto addStart = [&](std::uint64_t start) {
+            if (hints.starts.size() < maxHints && std::ranges::count(hints.starts, start) == 0)
+                hints.starts.push_back(start);
+        };
         const auto addHint = [&](const std::optional<NTFSGeometry>& geometry) {
-            if (geometry && hints.geometries.size() < maxHints)
+            const auto isSame = [&](const NTFSGeometry& other) {
+                return other.base == geometry->base && other.clusterSize == geometry->clusterSize;
+            };
+            if (geometry && hints.geometries.size() < maxHints && std::ranges::none_of(hints.geometries, isSame))
                 hints.geometries.push_back(*geometry);
         };
         for (const auto* volumes : { &known_, &std::as_const(built_) })
-            for (const auto& volume : *volumes)
+            for (const auto& volume : *volumes) {
+                addStart(volume->offset);
                 if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get()))
                     addHint(info->geometry);
+            }
         for (const auto& boot : result_.boots) {
             if (boot.type != FileSystemType::ntfs)
                 continue;
