@@ -23,7 +23,8 @@ constexpr std::size_t maxOwnRecords = 64;    // copies of record 0 that are look
 constexpr std::size_t maxReadings = 64;      // geometries that they suggest
 constexpr std::size_t maxGroups = 8;         // volumes, or states of one, told apart by numbers alone
 constexpr std::size_t maxWitnesses = 400;    // files and folders of a group that its place is tested with
-constexpr std::size_t maxPairs = 1'000'000;  // of files and finds that may be the same
+constexpr std::size_t maxPairs = 2'500;      // finds that a witness may be
+constexpr std::size_t leastShare = 10;       // one in so many witnesses must speak for a place that finds suggest
 constexpr std::uint64_t maxClusterSize = 2'097'152;
 
 /// A record that belongs to no volume yet.
@@ -93,6 +94,8 @@ public:
         , progress_(progress)
         , recogniser_(source, carvedCategories())
     {
+        for (const auto& file : hints.carved)
+            foundKinds_.insert(file.ext);
     }
 
     VolumeList rebuild(std::span<const std::uint64_t> offsets)
@@ -302,7 +305,7 @@ private:
                 continue;
             if (record.isDirectory && record.indexLCN)
                 witnesses.push_back({ *record.indexLCN, "", 0 });
-            else if (const auto lcn = firstLCN(record); lcn && categoryOf(name->name) != FileCategory::other)
+            else if (const auto lcn = firstLCN(record); lcn && isRecognisable(name->name))
                 witnesses.push_back({ *lcn, commonExtension(name->name), record.data.front().dataSize });
         }
         const auto geometry = choose(group.front().size, witnesses, clusterSizes);
@@ -313,6 +316,14 @@ private:
             if (!isCancelled(progress_) && readRecord(loose, record))
                 records.add(record);
         finish(context, std::move(records), group.size(), {});
+    }
+
+    /// Whether a file's beginning can tell its kind. A sweep that looked for files has found some of every kind that is
+    /// worth asking for.
+    bool isRecognisable(std::string_view name) const
+    {
+        return foundKinds_.empty() ? categoryOf(name) != FileCategory::other
+                                   : foundKinds_.contains(commonExtension(name));
     }
 
     /// The geometry under which most witnesses make sense; one without a place when none of them does under any.
@@ -329,14 +340,18 @@ private:
                 candidates.push_back({ .base = base, .clusterSize = clusterSize, .volumeSize = source_.size() - base });
         };
         std::ranges::for_each(hints_.starts, add);
-        if (const auto base = baseByFinds(witnesses, clusterSize))
-            add(*base);
+        const std::size_t hinted = candidates.size();
+        // What follows a file's end mark belongs to the file and not to the find, so that the sizes may all differ.
+        for (const bool isSameSize : { true, false })
+            if (const auto base = baseByFinds(witnesses, clusterSize, isSameSize))
+                add(*base);
         NTFSGeometry best { .hasPlace = false, .clusterSize = clusterSize };
         std::size_t mostSense = 0;
-        for (const auto& candidate : candidates) {
+        for (std::size_t i = 0; i < candidates.size(); ++i) {
+            const auto& candidate = candidates[i];
             const auto sense = static_cast<std::size_t>(std::ranges::count_if(
                 witnesses, [&](const Witness& witness) { return makesSense(witness, candidate); }));
-            if (sense > mostSense) {
+            if (sense > mostSense && (i < hinted || sense * leastShare >= witnesses.size())) {
                 mostSense = sense;
                 best = candidate;
             }
@@ -357,22 +372,24 @@ private:
         return found && found->ext == witness.ext;
     }
 
-    /// Where the volume begins when files that were found by their content are those that most records speak of: of the
-    /// same kind and size. None when no two are.
-    std::optional<std::uint64_t> baseByFinds(const std::vector<Witness>& witnesses, std::uint64_t clusterSize) const
+    /// Where the volume begins when files that were found by their content are those that most records speak of: files
+    /// of the same kind and, if asked, of the same size. None when there are none.
+    std::optional<std::uint64_t> baseByFinds(
+        const std::vector<Witness>& witnesses, std::uint64_t clusterSize, bool isSameSize) const
     {
-        std::map<std::pair<std::string, std::uint64_t>, std::vector<std::uint64_t>> finds;
+        std::map<std::string, std::vector<const CarvedFile*>> finds;
         for (const auto& file : hints_.carved)
-            finds[{ file.ext, file.size }].push_back(file.offset);
+            finds[file.ext].push_back(&file);
         std::map<std::uint64_t, std::size_t> votes;
-        std::size_t pairs = 0;
         for (const auto& witness : witnesses) {
-            const auto same = finds.find({ witness.ext, witness.size });
+            const auto same = finds.find(witness.ext);
             if (same == finds.end())
                 continue;
-            for (const auto offset : same->second)
-                if (witness.lcn <= offset / clusterSize && ++pairs <= maxPairs)
-                    ++votes[offset - witness.lcn * clusterSize];
+            std::size_t pairs = 0;
+            for (const auto* file : same->second)
+                if ((!isSameSize || file->size == witness.size) && witness.lcn <= file->offset / clusterSize
+                    && ++pairs <= maxPairs)
+                    ++votes[file->offset - witness.lcn * clusterSize];
         }
         const auto best = std::ranges::max_element(votes, {}, [](const auto& vote) { return vote.second; });
         return best != votes.end() ? std::optional(best->first) : std::nullopt;
@@ -394,6 +411,7 @@ private:
     const RebuildHints& hints_;
     WorkProgress* progress_;
     Carver recogniser_;
+    std::set<std::string> foundKinds_; ///< extensions of files found by content
     Bytes buffer_;
     std::vector<Loose> loose_;
     std::vector<Loose> ownRecords_;
