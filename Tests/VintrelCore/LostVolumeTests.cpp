@@ -1,0 +1,468 @@
+// Volumes that no table names any more: built or made by other systems' tools, and then damaged as users do.
+
+#include "Tests/Images/APFSImage.h"
+#include "Tests/Images/CarvedFile.h"
+#include "Tests/Images/ExFATImage.h"
+#include "Tests/Images/FATImage.h"
+#include "Tests/Images/HFSPlusImage.h"
+#include "Tests/Images/NTFSImage.h"
+#include "Tests/Images/PartitionImage.h"
+#include "VintrelCore/FileReader.h"
+#include "VintrelCore/Scanner.h"
+#include "VintrelCore/SourceOpener.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+
+namespace {
+
+using Files = std::map<std::string, Bytes>; // by path
+
+constexpr std::uint64_t oddPlace = 63 * 512; // where partitions of old disks begin
+
+/// A disk that was scanned as the user asked for it: its tables first, then all of it.
+struct ScannedDisk {
+    std::unique_ptr<DiskSource> source;
+    VolumeList known = QuickScanner::run(*source, nullptr).volumes;
+    DeepScanResult sweep = DeepScanner(*source).run(nullptr);
+    VolumeList lost = DeepScanner::buildVolumes(*source, sweep, known, nullptr);
+
+    /// "type @ offset, number of files" of every volume.
+    static std::string listing(const VolumeList& volumes)
+    {
+        std::string text;
+        for (const auto& volume : volumes)
+            text += std::string(displayName(volume->type)) + " @ " + std::to_string(volume->offset) + ", "
+                + std::to_string(volume->root->totals().files) + "; ";
+        return text;
+    }
+
+    Files files(const Volume& volume) const
+    {
+        Files found;
+        for (const auto* node : volume.root->allFiles())
+            found.emplace(node->path(), FileReader::readPrefix(*node, *source, 2_MiB));
+        return found;
+    }
+};
+
+ScannedDisk scan(const Bytes& bytes) { return { .source = makeSource(bytes) }; }
+
+/// A volume somewhere on a disk, with a little behind it.
+Bytes diskOf(const Bytes& volume, std::uint64_t offset = oddPlace)
+{
+    Bytes disk(offset + volume.size() + 64_KiB);
+    std::ranges::copy(volume, disk.begin() + static_cast<std::ptrdiff_t>(offset));
+    return disk;
+}
+
+void copyWithin(Bytes& bytes, std::uint64_t from, std::uint64_t to, std::size_t count)
+{
+    bytes.resize(std::max<std::size_t>(bytes.size(), to + count));
+    std::copy_n(
+        bytes.begin() + static_cast<std::ptrdiff_t>(from), count, bytes.begin() + static_cast<std::ptrdiff_t>(to));
+}
+
+void erase(Bytes& bytes, std::uint64_t from, std::size_t count)
+{
+    std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(from), count, std::uint8_t { 0 });
+}
+
+const Bytes content = patternBytes(3000);
+
+/// With so many entries in the root that it goes on where a copy of the boot sector, read as the boot sector itself,
+/// would have it.
+Bytes fat32Volume()
+{
+    FATImage image({ .type = FileSystemType::fat32, .sectorsPerCluster = 8 });
+    image.addFile(FATImage::root, { .name = "FIL     BIN" }, content);
+    for (int i = 0; i < 115; ++i)
+        image.addEntry(FATImage::root, { .name = "TOM" + std::to_string(100 + i) + "  TXT" });
+    putLE(image.bytes(), 50, 6, 2);
+    copyWithin(image.bytes(), 0, 6 * 512, 512);
+    return image.bytes();
+}
+
+Bytes exfatVolume(int sectorShift = 9)
+{
+    ExFATImage image({ .sectorShift = sectorShift });
+    image.addFile(image.root(), { .name = u"fil.bin" }, content);
+    copyWithin(image.bytes(), 0, std::uint64_t { 12 } << sectorShift, 512);
+    return image.bytes();
+}
+
+/// A volume of 400 blocks with its alternate header, `rest` bytes longer than its blocks.
+Bytes hfsPlusVolume(std::uint64_t blockSize = 512, std::uint64_t rest = 0)
+{
+    HFSPlusImage image;
+    image.setLeaf(2,
+        { { .parent = 1, .name = u"DISK", .id = 2, .isFolder = true },
+            { .parent = 2, .name = u"fil.bin", .id = 20, .size = content.size(), .runs = { { 100, 6 } } } });
+    image.chain({ 2 });
+    auto bytes = image.bytes();
+    std::ranges::copy(content, bytes.begin() + static_cast<std::ptrdiff_t>(100 * blockSize));
+    // The header counts in other blocks than the builder; everything lies where it did.
+    const auto divide = [&](std::uint64_t at) {
+        putBE(bytes, at, ByteView(bytes).u32be(static_cast<std::int64_t>(at)) * 512 / blockSize, 4);
+    };
+    putBE(bytes, 1024 + 40, blockSize, 4);
+    divide(1024 + 44);
+    for (const std::uint64_t fork : { 1024 + 192u, 1024 + 272u })
+        for (const std::uint64_t field : { 12u, 16u, 20u })
+            divide(fork + field);
+    bytes.resize(bytes.size() + rest);
+    copyWithin(bytes, 1024, 300 * 512, 512); // as journals are full of
+    copyWithin(bytes, 1024, bytes.size() - 1024, 512);
+    return bytes;
+}
+
+APFSImage apfsImage()
+{
+    APFSImage image({});
+    const auto block = image.store(content);
+    image.commit({ { image.file({ .id = 20, .parent = 2, .name = "fil.bin", .size = content.size() }, block) } });
+    return image;
+}
+
+constexpr NTFSImage::Options roomy { .clusterSize = 4096, .clusters = 200 };
+
+/// An NTFS volume like those that systems make: with the mirror of the first records, and the backup of the boot sector
+/// behind its end. Folders have indices.
+struct NTFSVolume {
+    NTFSImage image;
+    Files files {};
+    std::uint64_t next = 24;
+
+    explicit NTFSVolume(const NTFSImage::Options& options = roomy)
+        : image(options)
+    {
+        image.put(1,
+            { .attributes = { NTFSImage::fileName(NTFSImage::root, u"$MFTMirr", 3),
+                  NTFSImage::data(NTFSImage::Data {
+                      .runs = { { image.mirrorLCN(), 1 } }, .size = 4096, .allocated = options.clusterSize }) } });
+        auto index = bytesOf("INDX");
+        index.resize(4096);
+        image.put(20,
+            { .isDirectory = true,
+                .attributes = { NTFSImage::fileName(NTFSImage::root, u"mappe"),
+                    NTFSImage::nonResident(0xA0, { .runs = image.store(index), .size = 4096 }) } });
+        add(u"fil.bin", "/mappe/fil.bin", content);
+        add(u"lille.txt", "/mappe/lille.txt", bytesOf("lille"));
+    }
+
+    void add(std::u16string_view name, const std::string& path, const Bytes& bytes)
+    {
+        files[path] = bytes;
+        image.putFile(next++, { 20, 1 }, name, bytes);
+    }
+
+    /// Photographs with something behind their ends, as telephones write it.
+    void addPhotographs()
+    {
+        for (char letter = 'a'; letter < 'f'; ++letter) {
+            auto photograph = jpegFile({}, 5000u + static_cast<unsigned>(letter) * 30);
+            photograph.resize(photograph.size() + 700, 1);
+            add(std::u16string { static_cast<char16_t>(letter) } + u".jpg", std::string("/mappe/") + letter + ".jpg",
+                photograph);
+        }
+    }
+
+    Bytes bytes()
+    {
+        auto& bytes = image.bytes();
+        for (std::uint64_t number = 0; number < 4; ++number)
+            copyWithin(bytes, image.recordOffset(number), image.offsetOf(image.mirrorLCN()) + number * 1024, 1024);
+        auto all = bytes;
+        copyWithin(all, 0, all.size(), 512);
+        return all;
+    }
+
+    Bytes withoutBoot()
+    {
+        auto all = bytes();
+        erase(all, 0, 512);
+        erase(all, all.size() - 512, 512);
+        return all;
+    }
+};
+
+} // namespace
+
+TEST(LostVolumes, NoneOnASoundDiskAndEachOnceWithoutItsTable)
+{
+    const Bytes volumes[]
+        = { fat32Volume(), exfatVolume(), NTFSVolume().bytes(), hfsPlusVolume(), apfsImage().bytes() };
+    std::uint64_t lba = 63;
+    std::string all;
+    std::vector<PartitionImage::GPTSlot> slots;
+    PartitionImage disk(8_MiB);
+    constexpr std::pair<const char*, int> expected[]
+        = { { "FAT32", 116 }, { "exFAT", 1 }, { "NTFS", 2 }, { "HFS+", 1 }, { "APFS", 1 } };
+    for (std::size_t i = 0; const auto& volume : volumes) {
+        // One right behind the other: what ends here is not to be confused with what begins here.
+        slots.push_back({ basicDataGUID, lba, lba + volume.size() / 512 - 1 });
+        disk.put(lba, volume);
+        all += std::string(expected[i].first) + " @ " + std::to_string(lba * 512) + ", "
+            + std::to_string(expected[i].second) + "; ";
+        lba += volume.size() / 512;
+        ++i;
+    }
+    disk.put(lba + 7, Bytes(volumes[0].begin(), volumes[0].begin() + 512));
+    disk.put(lba + 8, Bytes(volumes[2].begin(), volumes[2].begin() + 512)); // boot sectors kept as files
+    disk.gpt(slots);
+    const auto sound = scan(disk.source()->read(0, 8_MiB, ReadMode::thorough));
+    EXPECT_EQ(ScannedDisk::listing(sound.known), all);
+    EXPECT_EQ(ScannedDisk::listing(sound.lost), "");
+
+    disk.put(0, Bytes(34 * 512));
+    const auto bare = scan(disk.source()->read(0, 8_MiB, ReadMode::thorough));
+    EXPECT_EQ(ScannedDisk::listing(bare.known), "");
+    std::vector<std::string> listed;
+    for (const auto& volume : bare.lost) {
+        listed.push_back(std::to_string(volume->offset));
+        EXPECT_NE(all.find(std::string(displayName(volume->type)) + " @ " + listed.back() + ", "), std::string::npos)
+            << listed.back();
+        EXPECT_TRUE(bare.files(*volume).contains(volume->type == FileSystemType::ntfs ? "/mappe/fil.bin"
+                : volume->type == FileSystemType::fat32                               ? "/FIL.BIN"
+                                                                                      : "/fil.bin"));
+    }
+    EXPECT_EQ(listed.size(), 5u) << ScannedDisk::listing(bare.lost);
+}
+
+TEST(LostVolumes, CopiesServeWhereTheBeginningIsLost)
+{
+    auto ntfs4096 = NTFSVolume().bytes();
+    putLE(ntfs4096, 11, 4096, 2);
+    putLE(ntfs4096, 13, 1, 1);
+    putLE(ntfs4096, 40, 200, 8);
+    copyWithin(ntfs4096, 0, 200 * 4096, 512);
+    const auto apfs = apfsImage();
+    const std::string backup = "Dyb scanning, sikkerhedskopi af boot-sektor";
+    const std::string alternate = "Dyb scanning, sikkerhedskopi af volumeheader";
+    const struct {
+        const char* name;
+        Bytes volume;
+        std::size_t lost; // bytes of its beginning
+        std::string path, origin;
+    } rows[] = {
+        { "FAT32", fat32Volume(), 512, "/FIL.BIN", backup },
+        { "exFAT", exfatVolume(), 512, "/fil.bin", backup },
+        { "exFAT, sectors of 4096 bytes", exfatVolume(12), 512, "/fil.bin", backup },
+        { "NTFS", NTFSVolume().bytes(), 8192, "/mappe/fil.bin", backup },
+        { "NTFS, sectors of 4096 bytes", ntfs4096, 8192, "/mappe/fil.bin", backup },
+        { "HFS+", hfsPlusVolume(), 1536, "/fil.bin", alternate },
+        { "HFS+, longer than its blocks", hfsPlusVolume(1024, 512), 1536, "/fil.bin", alternate },
+        { "APFS", apfs.bytes(), 4096, "/fil.bin",
+            "Dyb scanning, container-superblok ved " + std::to_string(oddPlace + apfs.offsetOf(apfs.superblock())) },
+    };
+    for (const auto& [name, volume, lost, path, origin] : rows) {
+        SCOPED_TRACE(name);
+        auto bytes = diskOf(volume);
+        erase(bytes, oddPlace, lost);
+        const auto disk = scan(bytes);
+        ASSERT_EQ(disk.lost.size(), 1u) << ScannedDisk::listing(disk.lost);
+        EXPECT_EQ(disk.lost[0]->offset, oddPlace);
+        if (disk.lost[0]->type == FileSystemType::apfs)
+            EXPECT_TRUE(disk.lost[0]->origin.starts_with("Dyb scanning, container-superblok ved "));
+        else
+            EXPECT_EQ(disk.lost[0]->origin, origin);
+        EXPECT_EQ(disk.files(*disk.lost[0])[path], content);
+    }
+}
+
+TEST(LostVolumes, NTFSFromItsRecordsAlone)
+{
+    const std::string placed = "NTFS @ " + std::to_string(oddPlace) + ", ";
+    const auto eraseRecords = [](NTFSVolume& volume, Bytes& disk, std::uint64_t from, std::uint64_t to) {
+        for (auto number = from; number < to; ++number)
+            erase(disk, oddPlace + volume.image.recordOffset(number), 1024);
+    };
+    const auto eraseMirror = [](NTFSVolume& volume, Bytes& disk) {
+        erase(disk, oddPlace + volume.image.offsetOf(volume.image.mirrorLCN()), 4096);
+    };
+    const NTFSImage::Options coarse { .clusterSize = 65536, .clusters = 48 };
+    const NTFSImage::Options parted { .clusterSize = 4096, .clusters = 200, .mft = { { 60, 7 }, { 20, 9 } } };
+    const struct {
+        const char* name;
+        NTFSImage::Options options;
+        std::function<void(NTFSVolume&, Bytes&)> damage;
+        std::string lost;
+        bool hasPhotographs = true;
+        std::size_t files = 7; // that come back by path and bytes
+    } rows[] = {
+        { "record 0 and its copy", roomy, [](NTFSVolume&, Bytes&) {}, placed + "7; " },
+        { "an MFT in pieces", parted, [](NTFSVolume&, Bytes&) {}, placed + "7; " },
+        { "the copy alone", roomy, [&](NTFSVolume& volume, Bytes& disk) { eraseRecords(volume, disk, 0, 4); },
+            placed + "7; " },
+        { "large clusters, a copy of more than four records", coarse,
+            [&](NTFSVolume& volume, Bytes& disk) {
+                const auto mirror = oddPlace + volume.image.offsetOf(volume.image.mirrorLCN());
+                for (std::uint64_t number = 4; number < 30; ++number)
+                    copyWithin(disk, oddPlace + volume.image.recordOffset(number), mirror + number * 1024, 1024);
+            },
+            placed + "7; " },
+        { "seventy blank records with the number 0 in front", roomy,
+            [&](NTFSVolume& volume, Bytes& disk) {
+                const auto at = oddPlace + volume.image.recordOffset(50);
+                volume.image.put(50, {});
+                Bytes blank(volume.image.bytes().begin() + static_cast<std::ptrdiff_t>(at - oddPlace),
+                    volume.image.bytes().begin() + static_cast<std::ptrdiff_t>(at - oddPlace + 1024));
+                putLE(blank, 44, 0, 4);
+                for (int i = 0; i < 70; ++i)
+                    disk.insert(disk.begin(), blank.begin(), blank.end());
+            },
+            "NTFS @ " + std::to_string(oddPlace + 70 * 1024) + ", 7; " },
+        { "the records of users, and what they speak of", roomy,
+            [&](NTFSVolume& volume, Bytes& disk) {
+                eraseRecords(volume, disk, 0, 16);
+                eraseMirror(volume, disk);
+            },
+            placed + "7; " },
+        { "nothing that could tell the place", roomy,
+            [&](NTFSVolume& volume, Bytes& disk) {
+                eraseRecords(volume, disk, 0, 16);
+                eraseMirror(volume, disk);
+            },
+            "NTFS @ 0, 2; ", false, 1 },
+        { "an old copy of a record, elsewhere and in front of an MFT in pieces", parted,
+            [&](NTFSVolume& volume, Bytes& disk) {
+                eraseRecords(volume, disk, 0, 16);
+                eraseMirror(volume, disk);
+                copyWithin(disk, oddPlace + volume.image.recordOffset(24), 20 * 512, 1024);
+            },
+            placed + "7; NTFS @ 0, 1; " },
+        { "formatted with larger clusters, and nothing found by its content", roomy,
+            [&](NTFSVolume& volume, Bytes& disk) {
+                eraseRecords(volume, disk, 0, 16);
+                eraseMirror(volume, disk);
+                const NTFSImage anew({ .clusterSize = 8192, .clusters = 100, .records = 16, .mft = { { 90, 2 } } });
+                std::copy_n(anew.bytes().begin(), 512, disk.begin() + static_cast<std::ptrdiff_t>(oddPlace));
+                const auto mft = static_cast<std::ptrdiff_t>(anew.recordOffset(0));
+                std::copy_n(
+                    anew.bytes().begin() + mft, 16'384, disk.begin() + mft + static_cast<std::ptrdiff_t>(oddPlace));
+            },
+            placed + "0; " + placed + "2; ", false, 2 },
+    };
+    for (const auto& [name, options, damage, lost, hasPhotographs, files] : rows) {
+        SCOPED_TRACE(name);
+        NTFSVolume volume(options);
+        if (hasPhotographs)
+            volume.addPhotographs();
+        auto bytes = diskOf(volume.withoutBoot());
+        damage(volume, bytes);
+        const auto disk = scan(bytes);
+        EXPECT_EQ(ScannedDisk::listing(disk.lost), lost);
+        Files found;
+        for (const auto& built : disk.lost) {
+            const bool isPlaced = built->offset != 0;
+            if (built->origin == "Dyb scanning, MFT-poster") {
+                EXPECT_EQ(built->notes.size(), isPlaced ? 1u : 2u);
+                EXPECT_TRUE(built->notes[0].starts_with("Genopbygget ud fra ")) << built->notes[0];
+            }
+            found.merge(disk.files(*built));
+        }
+        std::size_t right = 0;
+        for (const auto& [path, theirs] : volume.files)
+            right += found.contains(path) && found[path] == theirs ? 1u : 0;
+        EXPECT_EQ(right, files);
+    }
+}
+
+namespace {
+
+/// Files as a user has them, on volumes that other systems' tools make.
+class LostToolMadeVolume : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
+        std::filesystem::create_directories(folder / "ind/Billeder/2024");
+        for (int i = 0; i < 12; ++i) {
+            const auto number = std::to_string(i);
+            addFile("/Billeder/2024/IMG_" + number + ".jpg", jpegFile({}, 40'000u + static_cast<unsigned>(i) * 1000));
+            addFile("/Billeder/notat " + number + ".txt", bytesOf("lille " + number));
+        }
+    }
+
+    void addFile(const std::string& path, const Bytes& bytes)
+    {
+        files[path] = bytes;
+        writeFile(folder / ("ind" + path), bytes);
+    }
+
+    bool hasRun(const std::string& command) const
+    {
+        return runCommand("export MTOOLS_SKIP_CHECK=1 LC_ALL=C.UTF-8; " + command) == 0;
+    }
+
+    bool makeFAT32()
+    {
+        return hasRun(
+            "mkfs.fat -C -F 32 -s 1 " + image + " 34000 && mcopy -s -i " + image + " " + (folder / "ind") + "/* ::/");
+    }
+
+    bool makeNTFS(const std::string& options)
+    {
+        return hasRun("truncate -s 16M " + image + " && mkntfs -F -q -Q " + options + " " + image + " && mkdir -p "
+            + (folder / "mnt") + " && ntfs-3g " + image + " " + (folder / "mnt") + " && cp -r " + (folder / "ind")
+            + "/* " + (folder / "mnt") + " ; umount " + (folder / "mnt"));
+    }
+
+    /// The share of the files that come back by path and bytes from volumes that were lost, in percent.
+    std::size_t share(const Bytes& bytes)
+    {
+        const auto disk = scan(bytes);
+        EXPECT_EQ(disk.lost.size(), 1u) << ScannedDisk::listing(disk.lost);
+        std::size_t right = 0;
+        for (const auto& volume : disk.lost)
+            for (const auto& [path, found] : disk.files(*volume))
+                right += files.contains(path) && files[path] == found ? 1u : 0;
+        return 100 * right / files.size();
+    }
+
+    TemporaryFolder folder;
+    std::string image = folder / "disk.img";
+    Files files;
+};
+
+} // namespace
+
+TEST_F(LostToolMadeVolume, FAT32)
+{
+    if (!hasProgram("mkfs.fat") || !hasProgram("mcopy"))
+        GTEST_SKIP() << "needs dosfstools and mtools";
+    ASSERT_TRUE(makeFAT32());
+    auto disk = diskOf(readFile(image), 1_MiB);
+    EXPECT_EQ(share(disk), 100u) << "no partition table";
+    erase(disk, 1_MiB, 512);
+    EXPECT_EQ(share(disk), 100u) << "no boot sector";
+    auto two = diskOf(readFile(image), 1_MiB);
+    two.insert(two.begin(), disk.begin() + static_cast<std::ptrdiff_t>(disk.size() / 2), disk.end());
+    EXPECT_EQ(share(two), 100u) << "the second half of a disk with two partitions";
+}
+
+TEST_F(LostToolMadeVolume, NTFS)
+{
+    if (!hasProgram("mkntfs") || !hasProgram("ntfs-3g") || !std::filesystem::exists("/dev/fuse"))
+        GTEST_SKIP() << "needs ntfs-3g, and leave to mount";
+    if (!makeNTFS("-c 4096"))
+        GTEST_SKIP() << "nothing can be mounted here";
+    const auto volume = readFile(image);
+    auto disk = diskOf(volume, 1_MiB);
+    EXPECT_EQ(share(disk), 100u) << "no partition table";
+    erase(disk, 1_MiB, 8192);
+    EXPECT_EQ(share(disk), 100u) << "no boot sector";
+    erase(disk, 1_MiB + volume.size() - 512, 512);
+    EXPECT_EQ(share(disk), 100u) << "neither of the boot sectors";
+    auto two = diskOf(volume, 1_MiB);
+    two.insert(two.begin(), disk.begin() + static_cast<std::ptrdiff_t>(disk.size() / 2), disk.end());
+    EXPECT_EQ(share(two), 100u) << "the second half of a disk with two partitions";
+
+    for (const std::string options : { "-c 4096", "-c 8192", "-c 512" }) {
+        writeFile(image, volume);
+        ASSERT_TRUE(hasRun("mkntfs -F -q -Q " + options + " " + image));
+        EXPECT_GE(share(readFile(image)), 95u) << "all but the one that the new one lies over: " << options;
+    }
+}
