@@ -192,8 +192,9 @@ struct NTFSVolume {
 
 TEST(LostVolumes, NoneOnASoundDiskAndEachOnceWithoutItsTable)
 {
-    const Bytes volumes[]
-        = { fat32Volume(), exfatVolume(), NTFSVolume().bytes(), hfsPlusVolume(), apfsImage().bytes() };
+    NTFSVolume ntfs;
+    copyWithin(ntfs.image.bytes(), ntfs.image.recordOffset(24), ntfs.image.offsetOf(150), 1024); // an old copy
+    const Bytes volumes[] = { fat32Volume(), exfatVolume(), ntfs.bytes(), hfsPlusVolume(), apfsImage().bytes() };
     std::uint64_t lba = 63;
     std::string all;
     std::vector<PartitionImage::GPTSlot> slots;

@@ -18,13 +18,14 @@ namespace {
 
 constexpr std::uint64_t maxRecordSize = 4096;
 constexpr std::uint64_t mirroredRecords = 4; // at the beginning of the MFT, or as many as fit in a cluster
-constexpr std::size_t leastMatches = 2;      // records at the place that an MFT's own record gives them
-constexpr std::size_t maxOwnRecords = 64;    // copies of record 0 that are looked into
-constexpr std::size_t maxReadings = 64;      // geometries that they suggest
-constexpr std::size_t maxGroups = 8;         // volumes, or states of one, told apart by numbers alone
-constexpr std::size_t maxWitnesses = 400;    // files and folders of a group that its place is tested with
-constexpr std::size_t maxPairs = 2'500;      // finds that a witness may be
-constexpr std::size_t leastShare = 10;       // one in so many witnesses must speak for a place that finds suggest
+constexpr std::uint64_t firstUserRecord = 16;
+constexpr std::size_t leastMatches = 2;   // records at the place that an MFT's own record gives them
+constexpr std::size_t maxOwnRecords = 64; // copies of record 0 that are looked into
+constexpr std::size_t maxReadings = 64;   // geometries that they suggest
+constexpr std::size_t maxGroups = 8;      // volumes, or states of one, told apart by numbers alone
+constexpr std::size_t maxWitnesses = 400; // files and folders of a group that its place is tested with
+constexpr std::size_t maxPairs = 2'500;   // finds that a witness may be
+constexpr std::size_t leastShare = 10;    // one in so many witnesses must speak for a place that finds suggest
 constexpr std::uint64_t maxClusterSize = 2'097'152;
 
 /// A record that belongs to no volume yet.
@@ -33,6 +34,18 @@ struct Loose {
     std::uint64_t number;
     std::uint32_t size; ///< of the record, in bytes
 };
+
+/// Whether one record says of a file what the other says: its name, place and size, and since when it has been there.
+/// An older state of a file, with another size, is worth being listed.
+bool saysTheSame(const MFTRecord& one, const MFTRecord& other)
+{
+    const auto size = [](const MFTRecord& record) { return record.data.empty() ? 0 : record.data.front().dataSize; };
+    if (one.number != other.number || one.names.empty() || other.names.empty() || size(one) != size(other))
+        return false;
+    const auto& name = one.names.front();
+    const auto& otherName = other.names.front();
+    return name.name == otherName.name && name.parent == otherName.parent && name.created == otherName.created;
+}
 
 /// A file or folder by which the place of a volume can be tested: something recognisable begins at its first cluster.
 struct Witness {
@@ -127,9 +140,27 @@ private:
             source_.readReporting(offset, std::span(header), ReadMode::thorough);
             const ByteView view(header);
             const auto size = view.u32le(28);
-            if (looksLikeRecord(view) && view.u16le(4) >= header.size() && size <= maxRecordSize)
-                loose_.push_back({ offset, view.u32le(44), size });
+            const Loose loose { offset, view.u32le(44), size };
+            if (looksLikeRecord(view) && view.u16le(4) >= header.size() && size <= maxRecordSize && !isListed(loose))
+                loose_.push_back(loose);
         }
+    }
+
+    /// Whether this is an old copy of a record of a volume that it lies on: defragmenting leaves pieces of the MFT
+    /// behind, and snapshots keep them. The system's own records are alike on all volumes, and say where an MFT lay.
+    bool isListed(const Loose& loose)
+    {
+        MFTRecord record, current;
+        return loose.number >= firstUserRecord && std::ranges::any_of(hints_.volumes, [&](const NTFSDeepInfo* volume) {
+            const auto& geometry = volume->geometry;
+            if (loose.offset < geometry.base || loose.offset - geometry.base >= geometry.volumeSize
+                || loose.size != geometry.recordSize || loose.number >= volume->mft.size() / loose.size)
+                return false;
+            Bytes bytes(loose.size);
+            volume->mft.read(source_, loose.number * loose.size, bytes);
+            return parseRecord(bytes, std::nullopt, current) && readRecord(loose, record)
+                && saysTheSame(record, current);
+        });
     }
 
     /// Geometries under which the record 0 at this place describes the MFT that it belongs to.

@@ -172,7 +172,7 @@ private:
             return;
         if (progress_ != nullptr)
             progress_->report(0, "Genopbygger NTFS-filsystem ud fra MFT-poster …");
-        NTFSParser::RebuildHints hints { .geometries = {}, .starts = {}, .carved = result_.carved };
+        NTFSParser::RebuildHints hints { .geometries = {}, .volumes = {}, .starts = {}, .carved = result_.carved };
         const auto addStart = [&](std::uint64_t start) {
             if (hints.starts.size() < maxHints && std::ranges::count(hints.starts, start) == 0)
                 hints.starts.push_back(start);
@@ -187,8 +187,10 @@ private:
         for (const auto* volumes : { &known_, &std::as_const(built_) })
             for (const auto& volume : *volumes) {
                 addStart(volume->offset);
-                if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get()))
+                if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get())) {
                     addHint(info->geometry);
+                    hints.volumes.push_back(info);
+                }
             }
         for (const auto& boot : result_.boots) {
             if (boot.type != FileSystemType::ntfs)
