@@ -113,7 +113,7 @@ private:
 
     void tryBoot(const FoundBoot& boot, std::uint64_t start, const std::string& origin)
     {
-        if (isKnown(boot.type, start) || !isConfirmed(source_, boot, start))
+        if (isKnown(boot.type, start) || taken_ / maxOverlap >= source_.size() || !isConfirmed(source_, boot, start))
             return;
         report(boot.type, "-filsystem");
         for (auto& volume : VolumeLoader::load(source_, boot.type, start, origin, progress_, boot.sector))
@@ -207,17 +207,24 @@ private:
     {
         if (!volume)
             return false;
+        if (volume->offset < source_.size())
+            taken_ += std::min(volume->size, source_.size() - volume->offset);
         built_.push_back(std::move(volume));
         return true;
     }
 
     static constexpr std::size_t maxHints = 64;
 
+    /// So many times over the source is covered with volumes from boot sectors, as by formatting it again and again.
+    /// More are made up, and each would take the memory of an allocation table.
+    static constexpr std::uint64_t maxOverlap = 16;
+
     DiskSource& source_;
     const DeepScanResult& result_;
     const VolumeList& known_;
     WorkProgress* progress_;
     VolumeList built_;
+    std::uint64_t taken_ = 0; ///< bytes of the source in the volumes that were built, each for itself
     std::vector<std::uint64_t> containers_;
 };
 
