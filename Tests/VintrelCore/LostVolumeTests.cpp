@@ -137,7 +137,7 @@ APFSImage apfsImage()
     return image;
 }
 
-constexpr NTFSImage::Options roomy { .clusterSize = 4096, .clusters = 200 };
+const NTFSImage::Options roomy { .clusterSize = 4096, .clusters = 200 };
 
 /// An NTFS volume like those that systems make: with the mirror of the first records, and the backup of the boot sector
 /// behind its end. Folders have indices.
@@ -239,8 +239,11 @@ TEST(LostVolumes, HeadersAloneTakeNeitherMemoryNorTime)
     EXPECT_LT(scan(bytes).lost.size(), 64u);
 
     bytes = hfsPlusVolume(1024);
-    for (std::uint64_t at = 300 * 512; at < 390 * 512; at += 512)
-        copyWithin(bytes, 1024, at, 512); // each speaks of a catalog of 16 KiB
+    for (std::uint64_t at = 300 * 512; at < 390 * 512; at += 512) {
+        copyWithin(bytes, 1024, at, 512);
+        putBE(bytes, at + 272, 1_MiB, 8); // the catalog's size, and its first blocks
+        putBE(bytes, at + 272 + 20, 1024, 4);
+    }
     EXPECT_LT(scan(bytes).source->bytesRead(), 4 * bytes.size());
 }
 

@@ -223,9 +223,9 @@ private:
     /// Volumes whose MFT still has its first record, or the copy of it: as good as with a boot sector.
     void buildAroundOwnRecords()
     {
-        MFTRecord own;
+        MFTRecord first;
         for (const auto& loose : loose_)
-            if (loose.number == 0 && ownRecords_.size() < maxOwnRecords && readRecord(loose, own) && firstLCN(own))
+            if (loose.number == 0 && ownRecords_.size() < maxOwnRecords && readRecord(loose, first) && firstLCN(first))
                 ownRecords_.push_back(loose); // blank records may carry the number 0 too
 
         struct Reading {
