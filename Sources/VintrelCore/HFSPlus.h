@@ -19,4 +19,8 @@ namespace HFSPlusParser {
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> found = {});
 
+/// Whether the catalog begins where a volume header says, if the volume begins at byte `offset`. Copies of headers lie
+/// in many places, in the journal above all, and a catalog is long: this reads one sector of it.
+bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header);
+
 } // namespace HFSPlusParser

@@ -223,8 +223,10 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
 
 /// What helps to tell where a volume without a boot sector lies.
 struct RebuildHints {
-    std::vector<NTFSGeometry> geometries;  ///< of volumes and boot sectors that were found
-    const std::vector<CarvedFile>& carved; ///< files found by content, ascending by offset
+    std::vector<NTFSGeometry> geometries;     ///< of volumes and boot sectors that were found
+    std::vector<const NTFSDeepInfo*> volumes; ///< whose files are listed already
+    std::vector<std::uint64_t> starts;        ///< of volumes of any kind: this one may have been formatted over
+    const std::vector<CarvedFile>& carved;    ///< files found by content, ascending by offset
 };
 
 /// The volumes that MFT records (absolute offsets, ascending) belong to which no volume has: put together from the

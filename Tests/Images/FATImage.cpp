@@ -33,6 +33,7 @@ FATImage::FATImage(const Options& options)
     putLE(bytes_, 13, options.sectorsPerCluster, 1);
     putLE(bytes_, 14, reservedSectors, 2);
     putLE(bytes_, 16, 2, 1); // FATs
+    putLE(bytes_, 21, 0xF8, 1);
     putLE(bytes_, 32, totalSectors, 4);
     if (isFAT32()) {
         putLE(bytes_, 36, fatSectors_, 4);

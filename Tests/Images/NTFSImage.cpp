@@ -78,9 +78,12 @@ NTFSImage::NTFSImage(Options options)
     poke(bytes_, 64, static_cast<std::uint64_t>(-power), 1);
     poke(bytes_, 510, 0xAA55, 2);
 
+    std::uint64_t mftClusters = 0;
+    for (const auto& run : options_.mft)
+        mftClusters += run.clusters;
     put(0,
         { .attributes = { standardInformation(), fileName(root, u"$MFT", 3),
-              data(Data { .runs = options_.mft, .size = mftSize }) } });
+              data(Data { .runs = options_.mft, .size = mftSize, .allocated = mftClusters * clusterSize }) } });
     Bytes label(options_.label.size() * 2);
     putUTF16(label, 0, options_.label);
     put(3, { .sequence = 3, .attributes = { fileName(root, u"$Volume", 3), attribute(0x60, label) } });
@@ -138,6 +141,7 @@ Bytes NTFSImage::nonResident(std::uint32_t type, const Data& data)
     poke(bytes, 16, data.startVCN, 8);
     poke(bytes, 32, 64, 2);
     poke(bytes, 34, data.compressionUnit, 1);
+    poke(bytes, 40, data.allocated, 8);
     poke(bytes, 48, data.size, 8);
     poke(bytes, 56, data.initSize.value_or(data.size), 8);
     std::ranges::copy(runs, bytes.begin() + 64);
@@ -228,8 +232,12 @@ void NTFSImage::put(std::uint64_t number, const Record& record)
 void NTFSImage::putFile(std::uint64_t number, FileReference parent, std::u16string_view name, const Bytes& content,
     bool inUse, std::uint16_t sequence)
 {
-    const auto stored
-        = content.size() <= 300 ? data(content) : data(Data { .runs = store(content, inUse), .size = content.size() });
+    const std::uint64_t clusterSize = options_.clusterSize;
+    const auto stored = content.size() <= 300
+        ? data(content)
+        : data(Data { .runs = store(content, inUse),
+            .size = content.size(),
+            .allocated = (content.size() + clusterSize - 1) / clusterSize * clusterSize });
     put(number,
         { .inUse = inUse,
             .sequence = sequence,

@@ -40,6 +40,7 @@ public:
         std::uint64_t startVCN = 0;
         std::uint16_t flags = 0;
         std::uint8_t compressionUnit = 0;
+        std::uint64_t allocated = 0; ///< in bytes
     };
 
     struct ListEntry {

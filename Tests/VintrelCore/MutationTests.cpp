@@ -76,6 +76,25 @@ void exercise(const Bytes& bytes)
     }
 }
 
+/// What a deep scan makes of it. What the tables name is not known to it, so that it has to find everything itself.
+void exerciseDeep(const Bytes& bytes)
+{
+    const auto source = makeSource(bytes);
+    const auto found = DeepScanner(*source).run(nullptr);
+    auto volumes = DeepScanner::buildVolumes(*source, found, {}, nullptr);
+    for (const auto& [volume, folder] : DeepScanner::extraFolders(*source, volumes, found, nullptr))
+        ASSERT_LT(folder->totals().files, bytes.size());
+    for (const auto& volume : volumes) {
+        const auto totals = volume->root->totals();
+        ASSERT_LT(totals.files + totals.folders, bytes.size()) << "more entries than bytes";
+    }
+    ASSERT_LT(volumes.size(), 64u);
+    ASSERT_LT(source->bytesRead(), 256 * bytes.size() + 1_MiB) << "reads without end";
+}
+
+/// One in so many rounds is swept too, which takes longer than all the rest of it.
+constexpr int deepShare = 4;
+
 /// Exercises damaged copies of an image. The structures lie before the byte `hot`.
 template <class Image> void exerciseDamaged(const Image& sound, std::uint64_t hot, int rounds, unsigned seed)
 {
@@ -89,6 +108,9 @@ template <class Image> void exerciseDamaged(const Image& sound, std::uint64_t ho
             if (round % 2 == 0)
                 image.renewChecksums();
         ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
+        if (round % deepShare == 0) {
+            ASSERT_NO_FATAL_FAILURE(exerciseDeep(image.bytes()));
+        }
     }
 }
 
@@ -231,6 +253,13 @@ TEST(Mutation, NTFSVolumes)
             for (std::uint64_t at = 0; at < 1024; ++at)
                 image.bytes()[image.offsetOf(image.mirrorLCN()) + at] = image.bytes()[image.recordOffset(0, at)];
         ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
+        if (round % 8 == 0) // without a boot sector; half of these without the first record too
+            image.bytes()[3] = 0;
+        if (round % 16 == 0)
+            image.bytes()[image.recordOffset(0)] = 0;
+        if (round % deepShare == 0) {
+            ASSERT_NO_FATAL_FAILURE(exerciseDeep(image.bytes()));
+        }
     }
 }
 
@@ -271,6 +300,9 @@ TEST(Mutation, APFSVolumes)
         }
         image.renewChecksums();
         ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
+        if (round % deepShare == 0) {
+            ASSERT_NO_FATAL_FAILURE(exerciseDeep(image.bytes()));
+        }
     }
 }
 

@@ -51,6 +51,7 @@ static_assert(sizeof(NodeDescriptor) == 14);
 
 constexpr std::uint8_t leafKind = 0xFF;
 constexpr std::uint8_t indexKind = 0x00;
+constexpr std::uint8_t headerKind = 0x01;
 
 /// Node 0.
 struct HeaderNode {

@@ -226,4 +226,18 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     return HFSContext(source, offset, *header).build(origin, progress);
 }
 
+bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header)
+{
+    constexpr std::int64_t looked = 512; // the smallest node
+    const auto stored = header.load<VolumeHeader>(0);
+    if (!stored || !FSProbe::isHFSPlusHeader(header))
+        return false;
+    const auto& first = stored->catalogFile.extents.front();
+    const std::uint64_t catalog = std::uint64_t { first.startBlock } * stored->blockSize; // below 2^52
+    if (first.blockCount == 0 || offset >= source.size() || catalog >= source.size() - offset)
+        return false;
+    auto node = source.read(offset + catalog, looked, ReadMode::thorough);
+    return ByteView(node).u8(offsetof(NodeDescriptor, kind)) == headerKind && HFSPlusTree::open(std::move(node));
+}
+
 } // namespace HFSPlusParser

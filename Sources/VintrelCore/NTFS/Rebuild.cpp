@@ -17,13 +17,15 @@ namespace NTFSParser {
 namespace {
 
 constexpr std::uint64_t maxRecordSize = 4096;
-constexpr std::uint64_t mirroredRecords = 4; // at the beginning of the MFT
-constexpr std::size_t leastMatches = 2;      // records at the place that an MFT's own record gives them
-constexpr std::size_t maxOwnRecords = 64;    // copies of record 0 that are looked into
-constexpr std::size_t maxReadings = 64;      // geometries that they suggest
-constexpr std::size_t maxGroups = 8;         // volumes, or states of one, told apart by numbers alone
-constexpr std::size_t maxWitnesses = 400;    // files and folders of a group that its place is tested with
-constexpr std::size_t maxPairs = 1'000'000;  // of files and finds that may be the same
+constexpr std::uint64_t mirroredRecords = 4; // at the beginning of the MFT, or as many as fit in a cluster
+constexpr std::uint64_t firstUserRecord = 16;
+constexpr std::size_t leastMatches = 2;   // records at the place that an MFT's own record gives them
+constexpr std::size_t maxOwnRecords = 64; // copies of record 0 that are looked into
+constexpr std::size_t maxReadings = 64;   // geometries that they suggest
+constexpr std::size_t maxGroups = 8;      // volumes, or states of one, told apart by numbers alone
+constexpr std::size_t maxWitnesses = 400; // files and folders of a group that its place is tested with
+constexpr std::size_t maxPairs = 2'500;   // finds that a witness may be
+constexpr std::size_t leastShare = 10;    // one in so many witnesses must speak for a place that finds suggest
 constexpr std::uint64_t maxClusterSize = 2'097'152;
 
 /// A record that belongs to no volume yet.
@@ -33,12 +35,29 @@ struct Loose {
     std::uint32_t size; ///< of the record, in bytes
 };
 
+/// Whether one record says of a file what the other says: its name, place and size, and since when it has been there.
+/// An older state of a file, with another size, is worth being listed.
+bool saysTheSame(const MFTRecord& one, const MFTRecord& other)
+{
+    const auto size = [](const MFTRecord& record) { return record.data.empty() ? 0 : record.data.front().dataSize; };
+    if (one.number != other.number || one.names.empty() || other.names.empty() || size(one) != size(other))
+        return false;
+    const auto& name = one.names.front();
+    const auto& otherName = other.names.front();
+    return name.name == otherName.name && name.parent == otherName.parent && name.created == otherName.created;
+}
+
 /// A file or folder by which the place of a volume can be tested: something recognisable begins at its first cluster.
 struct Witness {
     std::uint64_t lcn;
     std::string ext;    ///< empty for a folder, whose index begins with "INDX"
     std::uint64_t size; ///< of the file, in bytes
 };
+
+std::uint64_t mirrorSize(const NTFSGeometry& geometry)
+{
+    return std::max(mirroredRecords * geometry.recordSize, geometry.clusterSize);
+}
 
 std::uint64_t clustersIn(const DataFragment& fragment)
 {
@@ -88,6 +107,8 @@ public:
         , progress_(progress)
         , recogniser_(source, carvedCategories())
     {
+        for (const auto& file : hints.carved)
+            foundKinds_.insert(file.ext);
     }
 
     VolumeList rebuild(std::span<const std::uint64_t> offsets)
@@ -119,9 +140,27 @@ private:
             source_.readReporting(offset, std::span(header), ReadMode::thorough);
             const ByteView view(header);
             const auto size = view.u32le(28);
-            if (looksLikeRecord(view) && view.u16le(4) >= header.size() && size <= maxRecordSize)
-                loose_.push_back({ offset, view.u32le(44), size });
+            const Loose loose { offset, view.u32le(44), size };
+            if (looksLikeRecord(view) && view.u16le(4) >= header.size() && size <= maxRecordSize && !isListed(loose))
+                loose_.push_back(loose);
         }
+    }
+
+    /// Whether this is an old copy of a record of a volume that it lies on: defragmenting leaves pieces of the MFT
+    /// behind, and snapshots keep them. The system's own records are alike on all volumes, and say where an MFT lay.
+    bool isListed(const Loose& loose)
+    {
+        MFTRecord record, current;
+        return loose.number >= firstUserRecord && std::ranges::any_of(hints_.volumes, [&](const NTFSDeepInfo* volume) {
+            const auto& geometry = volume->geometry;
+            if (loose.offset < geometry.base || loose.offset - geometry.base >= geometry.volumeSize
+                || loose.size != geometry.recordSize || loose.number >= volume->mft.size() / loose.size)
+                return false;
+            Bytes bytes(loose.size);
+            volume->mft.read(source_, loose.number * loose.size, bytes);
+            return parseRecord(bytes, std::nullopt, current) && readRecord(loose, record)
+                && saysTheSame(record, current);
+        });
     }
 
     /// Geometries under which the record 0 at this place describes the MFT that it belongs to.
@@ -133,12 +172,15 @@ private:
             return geometries;
         const auto mftLCN = firstLCN(record);
         if (!mftLCN)
-            return geometries; // blank records may carry the number 0 too
-        const std::uint64_t clusterSize = clusterSizeOf(record.data.front());
+            return geometries;
+        // With an attribute list the record has the first runs only, and a size that is that of all of them.
+        std::uint64_t clusterSize = record.hasAttributeList() ? 0 : clusterSizeOf(record.data.front());
         const Loose next { own.offset + own.size, 1, own.size };
         std::optional<std::uint64_t> mirrorLCN;
         if (readRecord(next, record))
             mirrorLCN = firstLCN(record);
+        if (clusterSize == 0 && mirrorLCN)
+            clusterSize = clusterSizeOf(record.data.front());
 
         const auto add = [&](std::uint64_t lcn, std::uint64_t size) {
             if (size == 0 || lcn > own.offset / size)
@@ -181,9 +223,10 @@ private:
     /// Volumes whose MFT still has its first record, or the copy of it: as good as with a boot sector.
     void buildAroundOwnRecords()
     {
+        MFTRecord first;
         for (const auto& loose : loose_)
-            if (loose.number == 0 && ownRecords_.size() < maxOwnRecords)
-                ownRecords_.push_back(loose);
+            if (loose.number == 0 && ownRecords_.size() < maxOwnRecords && readRecord(loose, first) && firstLCN(first))
+                ownRecords_.push_back(loose); // blank records may carry the number 0 too
 
         struct Reading {
             NTFSGeometry geometry;
@@ -209,10 +252,19 @@ private:
             const auto matches = recordsOf(reading.mft, reading.geometry.recordSize); // what better readings left
             if (matches.size() < leastMatches)
                 continue;
+            // Not whatever lies in the place of the MFT by now: another volume may have its own there.
             const NTFSContext context(source_, reading.geometry);
-            finish(context, context.readAllRecords(reading.mft, progress_), matches.size(), reading.mft);
-            for (const auto index : matches)
-                loose_[index].size = 0;
+            MFTRecords records(context);
+            MFTRecord record;
+            for (const auto index : matches) {
+                auto& loose = loose_[index];
+                buffer_.resize(loose.size);
+                reading.mft.read(source_, loose.number * loose.size, buffer_);
+                if (parseRecord(buffer_, std::nullopt, record) && record.number == loose.number)
+                    records.add(record);
+                loose.size = 0;
+            }
+            finish(context, std::move(records), matches.size(), reading.mft);
             eraseMirror(reading.geometry);
             std::erase_if(loose_, [](const Loose& loose) { return loose.size == 0; });
         }
@@ -223,7 +275,7 @@ private:
         const auto start = geometry.offsetOf(geometry.mirrorLCN);
         if (start)
             std::erase_if(loose_, [&](const Loose& loose) {
-                return loose.offset >= *start && loose.offset - *start < mirroredRecords * geometry.recordSize;
+                return loose.offset >= *start && loose.offset - *start < mirrorSize(geometry);
             });
     }
 
@@ -237,7 +289,11 @@ private:
         std::vector<const Group*> byPlace;
         for (const auto& [start, piece] : pieces)
             byPlace.push_back(&piece);
-        std::ranges::sort(byPlace, {}, [](const Group* piece) { return piece->front().offset; });
+        // The largest first: a stray copy of a record must not part the pieces of an MFT.
+        std::ranges::sort(byPlace, [](const Group* one, const Group* other) {
+            return one->size() != other->size() ? one->size() > other->size()
+                                                : one->front().offset < other->front().offset;
+        });
 
         std::vector<Group> groups;
         std::vector<std::unordered_set<std::uint64_t>> numbers;
@@ -280,7 +336,7 @@ private:
                 continue;
             if (record.isDirectory && record.indexLCN)
                 witnesses.push_back({ *record.indexLCN, "", 0 });
-            else if (const auto lcn = firstLCN(record); lcn && categoryOf(name->name) != FileCategory::other)
+            else if (const auto lcn = firstLCN(record); lcn && isRecognisable(name->name))
                 witnesses.push_back({ *lcn, commonExtension(name->name), record.data.front().dataSize });
         }
         const auto geometry = choose(group.front().size, witnesses, clusterSizes);
@@ -288,9 +344,17 @@ private:
         const NTFSContext context(source_, geometry);
         MFTRecords records(context);
         for (const auto& loose : group)
-            if (readRecord(loose, record))
+            if (!isCancelled(progress_) && readRecord(loose, record))
                 records.add(record);
         finish(context, std::move(records), group.size(), {});
+    }
+
+    /// Whether a file's beginning can tell its kind. A sweep that looked for files has found some of every kind that is
+    /// worth asking for.
+    bool isRecognisable(std::string_view name) const
+    {
+        return foundKinds_.empty() ? categoryOf(name) != FileCategory::other
+                                   : foundKinds_.contains(commonExtension(name));
     }
 
     /// The geometry under which most witnesses make sense; one without a place when none of them does under any.
@@ -302,14 +366,23 @@ private:
         const std::uint64_t clusterSize = likeliest != clusterSizes.end() ? likeliest->first : 4096;
 
         auto candidates = hints_.geometries;
-        if (const auto base = baseByFinds(witnesses, clusterSize))
-            candidates.push_back({ .base = *base, .clusterSize = clusterSize, .volumeSize = source_.size() - *base });
+        const auto add = [&](std::uint64_t base) {
+            if (base < source_.size())
+                candidates.push_back({ .base = base, .clusterSize = clusterSize, .volumeSize = source_.size() - base });
+        };
+        std::ranges::for_each(hints_.starts, add);
+        const std::size_t hinted = candidates.size();
+        // What follows a file's end mark belongs to the file and not to the find, so that the sizes may all differ.
+        for (const bool isSameSize : { true, false })
+            if (const auto base = baseByFinds(witnesses, clusterSize, isSameSize))
+                add(*base);
         NTFSGeometry best { .hasPlace = false, .clusterSize = clusterSize };
         std::size_t mostSense = 0;
-        for (const auto& candidate : candidates) {
+        for (std::size_t i = 0; i < candidates.size(); ++i) {
+            const auto& candidate = candidates[i];
             const auto sense = static_cast<std::size_t>(std::ranges::count_if(
                 witnesses, [&](const Witness& witness) { return makesSense(witness, candidate); }));
-            if (sense > mostSense) {
+            if (sense > mostSense && (i < hinted || sense * leastShare >= witnesses.size())) {
                 mostSense = sense;
                 best = candidate;
             }
@@ -330,22 +403,24 @@ private:
         return found && found->ext == witness.ext;
     }
 
-    /// Where the volume begins when files that were found by their content are those that most records speak of: of the
-    /// same kind and size. None when no two are.
-    std::optional<std::uint64_t> baseByFinds(const std::vector<Witness>& witnesses, std::uint64_t clusterSize) const
+    /// Where the volume begins when files that were found by their content are those that most records speak of: files
+    /// of the same kind and, if asked, of the same size. None when there are none.
+    std::optional<std::uint64_t> baseByFinds(
+        const std::vector<Witness>& witnesses, std::uint64_t clusterSize, bool isSameSize) const
     {
-        std::map<std::pair<std::string, std::uint64_t>, std::vector<std::uint64_t>> finds;
+        std::map<std::string, std::vector<const CarvedFile*>> finds;
         for (const auto& file : hints_.carved)
-            finds[{ file.ext, file.size }].push_back(file.offset);
+            finds[file.ext].push_back(&file);
         std::map<std::uint64_t, std::size_t> votes;
-        std::size_t pairs = 0;
         for (const auto& witness : witnesses) {
-            const auto same = finds.find({ witness.ext, witness.size });
+            const auto same = finds.find(witness.ext);
             if (same == finds.end())
                 continue;
-            for (const auto offset : same->second)
-                if (witness.lcn <= offset / clusterSize && ++pairs <= maxPairs)
-                    ++votes[offset - witness.lcn * clusterSize];
+            std::size_t pairs = 0;
+            for (const auto* file : same->second)
+                if ((!isSameSize || file->size == witness.size) && witness.lcn <= file->offset / clusterSize
+                    && ++pairs <= maxPairs)
+                    ++votes[file->offset - witness.lcn * clusterSize];
         }
         const auto best = std::ranges::max_element(votes, {}, [](const auto& vote) { return vote.second; });
         return best != votes.end() ? std::optional(best->first) : std::nullopt;
@@ -367,6 +442,7 @@ private:
     const RebuildHints& hints_;
     WorkProgress* progress_;
     Carver recogniser_;
+    std::set<std::string> foundKinds_; ///< extensions of files found by content
     Bytes buffer_;
     std::vector<Loose> loose_;
     std::vector<Loose> ownRecords_;
@@ -393,8 +469,7 @@ std::vector<std::uint64_t> looseRecords(std::span<const std::uint64_t> records, 
                 taken.push_back({ *extent.offset, *extent.offset + extent.length });
         const auto& geometry = info->geometry;
         if (const auto mirror = geometry.offsetOf(geometry.mirrorLCN))
-            taken.push_back(
-                { *mirror, *mirror + std::max(mirroredRecords * geometry.recordSize, geometry.clusterSize) });
+            taken.push_back({ *mirror, *mirror + mirrorSize(geometry) });
     }
     std::ranges::sort(taken, {}, &ByteRange::start);
     std::vector<std::uint64_t> loose;

@@ -70,7 +70,7 @@ public:
     {
         // First those that lie at their own place: a copy is asked only where there is no such one.
         for (const auto& boot : result_.boots)
-            if (!isCancelled(progress_) && !isBackupOfKnown(boot))
+            if (!isCancelled(progress_) && !isBackup(boot))
                 tryBoot(boot, boot.offset, "Dyb scanning, boot-sektor ved " + std::to_string(boot.offset));
         for (const auto& boot : result_.boots)
             if (const auto start = startByBackup(boot); start && !isCancelled(progress_))
@@ -95,10 +95,14 @@ private:
         return std::ranges::any_of(known_, isSame) || std::ranges::any_of(built_, isSame);
     }
 
-    bool isBackupOfKnown(const FoundBoot& boot) const
+    /// Asked first, because a backup a few sectors into its volume can pass for a primary one: what follows the true
+    /// root by as many sectors may be more of the root.
+    bool isBackup(const FoundBoot& boot) const
     {
         const auto start = startByBackup(boot);
-        return start && isKnown(boot.type, *start);
+        return start
+            && (isKnown(boot.type, *start)
+                || (boot.type != FileSystemType::ntfs && isConfirmed(source_, boot, *start)));
     }
 
     void report(FileSystemType type, std::string_view what) const
@@ -109,7 +113,7 @@ private:
 
     void tryBoot(const FoundBoot& boot, std::uint64_t start, const std::string& origin)
     {
-        if (isKnown(boot.type, start) || !isConfirmed(source_, boot, start))
+        if (isKnown(boot.type, start) || taken_ / maxOverlap >= source_.size() || !isConfirmed(source_, boot, start))
             return;
         report(boot.type, "-filsystem");
         for (auto& volume : VolumeLoader::load(source_, boot.type, start, origin, progress_, boot.sector))
@@ -120,15 +124,15 @@ private:
     void tryHFSPlus(std::uint64_t place, bool isAlternate)
     {
         const std::uint64_t header = place + hfsHeaderOffset;
+        const auto bytes = source_.read(header, hfsHeaderSize, ReadMode::thorough);
         if (!isAlternate) {
-            if (!isKnown(FileSystemType::hfsplus, place) && !endsKnownHFSPlus(header)) {
+            if (!isKnown(FileSystemType::hfsplus, place) && HFSPlusParser::isConfirmed(source_, place, bytes)) {
                 report(FileSystemType::hfsplus, "-filsystem");
                 keep(HFSPlusParser::parse(
                     source_, place, "Dyb scanning, volumeheader ved " + std::to_string(header), progress_));
             }
             return;
         }
-        const auto bytes = source_.read(header, hfsHeaderSize, ReadMode::thorough);
         const std::uint64_t blockSize = ByteView(bytes).u32be(40);
         const std::uint64_t size = blockSize * ByteView(bytes).u32be(44);
         const std::uint64_t end = header + hfsHeaderFromEnd;
@@ -137,22 +141,13 @@ private:
             const std::uint64_t start = end - size - rest;
             if (isKnown(FileSystemType::hfsplus, start))
                 return;
+            if (!HFSPlusParser::isConfirmed(source_, start, bytes))
+                continue;
             report(FileSystemType::hfsplus, "-filsystem");
             if (keep(HFSPlusParser::parse(
                     source_, start, "Dyb scanning, sikkerhedskopi af volumeheader", progress_, ByteView(bytes))))
                 return;
         }
-    }
-
-    /// Whether a header is the alternate one of a volume that is listed.
-    bool endsKnownHFSPlus(std::uint64_t header) const
-    {
-        const auto ends = [&](const std::unique_ptr<Volume>& volume) {
-            const std::uint64_t end = volume->offset + volume->size;
-            return volume->type == FileSystemType::hfsplus && header + hfsHeaderFromEnd >= end
-                && header + hfsHeaderFromEnd - end < volume->clusterSize + 512;
-        };
-        return std::ranges::any_of(known_, ends) || std::ranges::any_of(built_, ends);
     }
 
     void tryAPFS(std::uint64_t superblock)
@@ -177,15 +172,26 @@ private:
             return;
         if (progress_ != nullptr)
             progress_->report(0, "Genopbygger NTFS-filsystem ud fra MFT-poster …");
-        NTFSParser::RebuildHints hints { .geometries = {}, .carved = result_.carved };
+        NTFSParser::RebuildHints hints { .geometries = {}, .volumes = {}, .starts = {}, .carved = result_.carved };
+        const auto addStart = [&](std::uint64_t start) {
+            if (hints.starts.size() < maxHints && std::ranges::count(hints.starts, start) == 0)
+                hints.starts.push_back(start);
+        };
         const auto addHint = [&](const std::optional<NTFSGeometry>& geometry) {
-            if (geometry && hints.geometries.size() < maxHints)
+            const auto isSame = [&](const NTFSGeometry& other) {
+                return other.base == geometry->base && other.clusterSize == geometry->clusterSize;
+            };
+            if (geometry && hints.geometries.size() < maxHints && std::ranges::none_of(hints.geometries, isSame))
                 hints.geometries.push_back(*geometry);
         };
         for (const auto* volumes : { &known_, &std::as_const(built_) })
-            for (const auto& volume : *volumes)
-                if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get()))
+            for (const auto& volume : *volumes) {
+                addStart(volume->offset);
+                if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get())) {
                     addHint(info->geometry);
+                    hints.volumes.push_back(info);
+                }
+            }
         for (const auto& boot : result_.boots) {
             if (boot.type != FileSystemType::ntfs)
                 continue;
@@ -201,17 +207,24 @@ private:
     {
         if (!volume)
             return false;
+        if (volume->offset < source_.size())
+            taken_ += std::min(volume->size, source_.size() - volume->offset);
         built_.push_back(std::move(volume));
         return true;
     }
 
     static constexpr std::size_t maxHints = 64;
 
+    /// So many times over the source is covered with volumes from boot sectors, as by formatting it again and again.
+    /// More are made up, and each would take the memory of an allocation table.
+    static constexpr std::uint64_t maxOverlap = 16;
+
     DiskSource& source_;
     const DeepScanResult& result_;
     const VolumeList& known_;
     WorkProgress* progress_;
     VolumeList built_;
+    std::uint64_t taken_ = 0; ///< bytes of the source in the volumes that were built, each for itself
     std::vector<std::uint64_t> containers_;
 };
 
