@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 
 class DiskSource;
@@ -63,6 +64,23 @@ private:
     ClusterBits seen_; // scratch of chain(): empty between calls
 };
 
+/// What the search for lost directory fragments needs to know of a volume that was walked.
+class ExFATDeepInfo : public DeepContext {
+public:
+    ExFATDeepInfo(
+        std::unique_ptr<ExFATContext> walkedContext, ClusterBits claimedClusters, ClusterBits liveFileClusters)
+        : context(std::move(walkedContext))
+        , claimed(std::move(claimedClusters))
+        , liveClusters(std::move(liveFileClusters))
+    {
+    }
+
+    std::unique_ptr<ExFATContext> context;
+    ClusterBits claimed;      ///< clusters of directories that were read
+    ClusterBits liveClusters; ///< clusters of existing files, and of the file system's own
+    bool isRebuilt = false;   ///< put together from directory sectors: no more of them belong to it
+};
+
 /// exFAT, existing and deleted entries.
 namespace ExFATParser {
 
@@ -74,5 +92,14 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
 /// Whether what lies where the boot sector has it confirms that a volume begins at byte `offset`: the root directory
 /// names an allocation bitmap that fits.
 bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot);
+
+/// Whether in the 512 bytes at `at` begins an entry set whose checksum holds, and nothing else than entries lies there.
+/// The set may go on behind them.
+bool looksLikeDirectorySector(ByteView bytes, std::int64_t at = 0);
+
+/// What candidate directory sectors (absolute offsets, in any order) hold beyond the directories that were walked: the
+/// folder "$Tabte mappefragmenter", or none. Folders that others of them name have their place and name below these.
+/// Remembers on the volume which clusters it used.
+std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress);
 
 } // namespace ExFATParser

@@ -79,6 +79,7 @@ public:
     std::unique_ptr<FATContext> context;
     std::unordered_set<std::uint32_t> claimed; ///< clusters known to belong to directories that were read
     ClusterBits liveClusters;                  ///< clusters in the chains of existing files
+    bool isRebuilt = false;                    ///< put together from directory sectors: no more of them belong to it
 };
 
 /// FAT12, FAT16 and FAT32, with long names, existing and deleted entries.
@@ -97,8 +98,8 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot);
 bool looksLikeDirectorySector(ByteView bytes, std::int64_t at = 0);
 
 /// What candidate directory sectors (absolute offsets, in any order) hold beyond the directories that were walked: the
-/// folder
-/// "$Tabte mappefragmenter", or none. Remembers on the volume which clusters it used.
+/// folder "$Tabte mappefragmenter", or none. Folders that others of them name have their place and name below these.
+/// Remembers on the volume which clusters it used.
 std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress);
 
 } // namespace FATParser

@@ -8,6 +8,7 @@
 #include "Tests/Images/NTFSImage.h"
 #include "Tests/Images/PartitionImage.h"
 #include "VintrelCore/APFS.h"
+#include "VintrelCore/ExFAT.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FileReader.h"
 #include "VintrelCore/Scanner.h"
@@ -67,6 +68,12 @@ void exercise(const Bytes& bytes)
                 sectors.push_back(offset);
         if (const auto lost = FATParser::lostEntries(*volume, sectors, nullptr))
             volume->root->add(FileNode::makeFolder("x", EntryStatus::orphaned));
+        sectors.clear();
+        for (std::uint64_t offset = 0; offset < bytes.size(); offset += 512)
+            if (ExFATParser::looksLikeDirectorySector(bytes, static_cast<std::int64_t>(offset)))
+                sectors.push_back(offset);
+        if (const auto lost = ExFATParser::lostEntries(*volume, sectors, nullptr))
+            ASSERT_LT(lost->totals().files, bytes.size());
         std::vector<std::uint64_t> leaves;
         for (std::uint64_t offset = 0; offset < bytes.size(); offset += APFSImage::blockSize)
             if (APFSParser::looksLikeFSTreeLeaf(bytes, static_cast<std::int64_t>(offset)))

@@ -1,5 +1,6 @@
 #include "VintrelCore/APFS.h"
 #include "VintrelCore/DiskSource.h"
+#include "VintrelCore/ExFAT.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FSProbe.h"
 #include "VintrelCore/NTFS.h"
@@ -50,6 +51,8 @@ public:
         } else if (bytes[24] == apfsContainerType && sector.matches("NXSB", 32)) {
             result_.nxsb.push_back(offset);
             apfsAlignments_.insert(offset % apfsBlockSize);
+        } else if (ExFATParser::looksLikeDirectorySector(chunk, static_cast<std::int64_t>(at))) {
+            result_.exfatDirSectors.push_back(offset);
         }
     }
 

@@ -235,6 +235,10 @@ std::vector<DeepScanner::ExtraFolder> DeepScanner::extraFolders(
             if (progress != nullptr)
                 progress->report(0, "Søger efter tabte mappefragmenter …");
             folder = FATParser::lostEntries(*volume, result.fatDirSectors, progress);
+        } else if (volume->type == FileSystemType::exfat) {
+            if (progress != nullptr)
+                progress->report(0, "Søger efter tabte mappefragmenter …");
+            folder = ExFATParser::lostEntries(*volume, result.exfatDirSectors, progress);
         } else if (volume->type == FileSystemType::apfs) {
             if (progress != nullptr)
                 progress->report(0, "Søger efter slettede APFS-filer …");
