@@ -33,7 +33,7 @@ public:
     {
     }
 
-    std::unique_ptr<FileNode> find(std::vector<std::uint64_t> sectors)
+    std::unique_ptr<FileNode> find(std::vector<std::uint64_t> sectors, LostRoot* root)
     {
         std::ranges::sort(sectors);
         for (const auto offset : sectors)
@@ -45,6 +45,10 @@ public:
         auto folder = FileNode::makeFolder("$Tabte mappefragmenter", EntryStatus::orphaned);
         walker_.claimed = std::move(info_.claimed);
         walker_.liveClusters = std::move(info_.liveClusters);
+        if (root != nullptr) {
+            walker_.walkFragment(root->cluster, root->folder, true);
+            root->label = walker_.label().value_or("");
+        }
         // Folders that others name get their place and name from these, and bring what goes on elsewhere. The rest has
         // no folder above it, or goes in circles.
         for (const int pass : { 0, 1, 2 })
@@ -108,7 +112,13 @@ std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint6
     auto* info = dynamic_cast<ExFATDeepInfo*>(volume.deepContext.get());
     if (info == nullptr || info->isRebuilt)
         return nullptr;
-    return LostDirectories(*info, progress).find({ sectors.begin(), sectors.end() });
+    return lostEntries(*info, sectors, progress, nullptr);
+}
+
+std::unique_ptr<FileNode> lostEntries(
+    ExFATDeepInfo& info, std::span<const std::uint64_t> sectors, WorkProgress* progress, LostRoot* root)
+{
+    return LostDirectories(info, progress).find({ sectors.begin(), sectors.end() }, root);
 }
 
 } // namespace ExFATParser

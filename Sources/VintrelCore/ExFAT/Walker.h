@@ -86,3 +86,18 @@ private:
     std::optional<std::string> label_;
     std::uint64_t claimBudget_; // clusters that may still be claimed: made-up files can overlap without end
 };
+
+namespace ExFATParser {
+
+/// A root directory that no boot sector tells of.
+struct LostRoot {
+    FileNode& folder;
+    std::uint32_t cluster;  ///< in which it begins
+    std::string label = {}; ///< is filled in
+};
+
+/// As for a volume. `root`: is read first, if there is one.
+std::unique_ptr<FileNode> lostEntries(
+    ExFATDeepInfo& info, std::span<const std::uint64_t> sectors, WorkProgress* progress, LostRoot* root);
+
+} // namespace ExFATParser

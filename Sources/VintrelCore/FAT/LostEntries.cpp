@@ -33,20 +33,22 @@ public:
     {
     }
 
-    std::unique_ptr<FileNode> find(std::vector<std::uint64_t> sectors)
+    std::unique_ptr<FileNode> find(std::vector<std::uint64_t> sectors, LostRoot* root)
     {
         std::ranges::sort(sectors);
         for (const auto offset : sectors)
             if (!isCancelled(progress_))
                 survey(offset);
         std::erase_if(fragments_, [](const Fragment& fragment) { return fragment.isForeign; });
-        if (fragments_.empty())
+        if (fragments_.empty() && root == nullptr)
             return nullptr;
 
         auto folder = FileNode::makeFolder("$Tabte mappefragmenter", EntryStatus::orphaned);
         walker_.skip(info_.claimed); // folders that the volume lists already are not listed again
         walker_.claimed = std::move(info_.claimed);
         walker_.liveClusters = std::move(info_.liveClusters);
+        if (root != nullptr)
+            walkRoot(*root);
         // Folders that others name get their place and name from these. What nobody has reached then goes in circles,
         // or goes on somewhere unknown.
         for (const bool isLast : { false, true })
@@ -62,6 +64,15 @@ public:
     }
 
 private:
+    void walkRoot(LostRoot& root)
+    {
+        if (root.offset < heap_.offset)
+            walker_.walkLostRoot(root.offset, heap_.offset - root.offset, root.folder);
+        else
+            walker_.walkFragment(heap_.clusterAt(root.offset), root.folder, true);
+        root.label = walker_.label().value_or("");
+    }
+
     void survey(std::uint64_t offset)
     {
         if (offset < heap_.offset || (offset - heap_.offset) / heap_.clusterSize >= heap_.count)
@@ -142,7 +153,13 @@ std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint6
     auto* info = dynamic_cast<FATDeepInfo*>(volume.deepContext.get());
     if (info == nullptr || info->isRebuilt)
         return nullptr;
-    return LostDirectories(*info, progress).find({ sectors.begin(), sectors.end() });
+    return lostEntries(*info, sectors, progress, nullptr);
+}
+
+std::unique_ptr<FileNode> lostEntries(
+    FATDeepInfo& info, std::span<const std::uint64_t> sectors, WorkProgress* progress, LostRoot* root)
+{
+    return LostDirectories(info, progress).find({ sectors.begin(), sectors.end() }, root);
 }
 
 } // namespace FATParser

@@ -101,3 +101,18 @@ private:
     FolderQueue<Pending> queue_;
     std::optional<std::string> label_;
 };
+
+namespace FATParser {
+
+/// A root directory that no boot sector tells of.
+struct LostRoot {
+    FileNode& folder;
+    std::uint64_t offset;   ///< of the cluster in which it begins, or of a fixed one
+    std::string label = {}; ///< is filled in
+};
+
+/// As for a volume. `root`: is read first, if there is one.
+std::unique_ptr<FileNode> lostEntries(
+    FATDeepInfo& info, std::span<const std::uint64_t> sectors, WorkProgress* progress, LostRoot* root);
+
+} // namespace FATParser
