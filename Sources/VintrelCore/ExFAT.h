@@ -11,6 +11,7 @@
 #include <string>
 
 class DiskSource;
+struct CarvedFile;
 
 /// Where things lie on an exFAT volume, as its boot sector says. Offsets are absolute on the source, sizes in bytes.
 struct ExFATGeometry {
@@ -101,5 +102,21 @@ bool looksLikeDirectorySector(ByteView bytes, std::int64_t at = 0);
 /// folder "$Tabte mappefragmenter", or none. Folders that others of them name have their place and name below these.
 /// Remembers on the volume which clusters it used.
 std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress);
+
+/// What helps to tell which directory sectors belong together.
+struct RebuildHints {
+    std::vector<ClusterHeap> heaps;          ///< of the exFAT volumes that are known: what fits there is left to them
+    std::vector<std::uint64_t> volumeStarts; ///< of known volumes of every kind
+    const std::vector<CarvedFile>& carved;   ///< files found by content
+};
+
+/// The volumes without a boot sector that directory sectors (absolute offsets, ascending) belong to. Where their
+/// clusters lie is what at least two folders, or files found by content, agree on. Without a FAT, files are taken to
+/// lie in one piece; without a root directory, all that was found is in the folder "$Tabte mappefragmenter".
+VolumeList rebuild(
+    DiskSource& source, std::span<const std::uint64_t> sectors, const RebuildHints& hints, WorkProgress* progress);
+
+/// Those sectors that lie neither in directories that these volumes list nor in existing files.
+std::vector<std::uint64_t> looseSectors(std::span<const std::uint64_t> sectors, const VolumeList& volumes);
 
 } // namespace ExFATParser

@@ -128,7 +128,7 @@ TEST(LostFragments, FATDirectoriesOfAnotherGeometryAreNotReadUnderThisOne)
 TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
 {
     const ExFATImage::Options options { .clusters = 300 };
-    for (const bool hasFormatted : { true }) { // again as exFAT, or overwritten up to the first folder
+    for (const bool hasFormatted : { true, false }) { // again as exFAT, or overwritten up to the first folder
         SCOPED_TRACE(hasFormatted);
         ExFATImage image(options);
         const auto outer = image.addFolder(image.root(), { .name = u"Ydre" });

@@ -75,6 +75,9 @@ void exercise(const Bytes& bytes)
         for (std::uint64_t offset = 0; offset < bytes.size(); offset += 512)
             if (ExFATParser::looksLikeDirectorySector(bytes, static_cast<std::int64_t>(offset)))
                 sectors.push_back(offset);
+        for (const auto& rebuilt :
+            ExFATParser::rebuild(*source, sectors, { .heaps = {}, .volumeStarts = {}, .carved = {} }, nullptr))
+            ASSERT_LT(rebuilt->root->totals().files, bytes.size());
         const auto lostInExFAT = ExFATParser::lostEntries(*volume, sectors, nullptr);
         ASSERT_LT(lostInExFAT ? lostInExFAT->totals().files : 0, bytes.size());
         std::vector<std::uint64_t> leaves;

@@ -85,6 +85,8 @@ public:
         rebuildNTFS();
         rebuildFromDirectories<FATDeepInfo, FATParser::RebuildHints>(
             result_.fatDirSectors, FATParser::looseSectors, FATParser::rebuild);
+        rebuildFromDirectories<ExFATDeepInfo, ExFATParser::RebuildHints>(
+            result_.exfatDirSectors, ExFATParser::looseSectors, ExFATParser::rebuild);
         return std::move(built_);
     }
 
@@ -250,6 +252,7 @@ std::vector<DeepScanner::ExtraFolder> DeepScanner::extraFolders(
 {
     std::vector<ExtraFolder> folders;
     const auto fatSectors = FATParser::looseSectors(result.fatDirSectors, volumes);
+    const auto exfatSectors = ExFATParser::looseSectors(result.exfatDirSectors, volumes);
     for (const auto& volume : volumes) {
         if (isCancelled(progress))
             break;
@@ -261,7 +264,7 @@ std::vector<DeepScanner::ExtraFolder> DeepScanner::extraFolders(
         } else if (volume->type == FileSystemType::exfat) {
             if (progress != nullptr)
                 progress->report(0, "Søger efter tabte mappefragmenter …");
-            folder = ExFATParser::lostEntries(*volume, result.exfatDirSectors, progress);
+            folder = ExFATParser::lostEntries(*volume, exfatSectors, progress);
         } else if (volume->type == FileSystemType::apfs) {
             if (progress != nullptr)
                 progress->report(0, "Søger efter slettede APFS-filer …");
