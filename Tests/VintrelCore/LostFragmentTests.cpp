@@ -143,7 +143,7 @@ TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
         const auto moved = image.allocate(1, false);
         const auto part = std::span(image.bytes()).subspan(image.offsetOf(inner + 1), 512);
         image.write(image.offsetOf(moved), Bytes(part.begin(), part.end()));
-        image.write(part.data() - image.bytes().data(), Bytes(512, 0xEE));
+        image.write(image.offsetOf(inner + 1), Bytes(512, 0xEE));
 
         if (hasFormatted)
             image.write(0, std::span(ExFATImage(options).bytes()).first(image.offsetOf(outer)));
