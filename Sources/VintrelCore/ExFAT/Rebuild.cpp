@@ -20,7 +20,8 @@ constexpr int minClusterShift = 9;
 constexpr int maxClusterShift = 25; // 32 MiB
 constexpr std::uint64_t maxClusters = 0xFFFFFFF5;
 
-constexpr std::size_t maxPairs = 65'536; // of folders and places where they may begin, a round
+constexpr std::size_t maxPairs = 65'536;     // of folders and places where they may begin, a round
+constexpr std::size_t maxBeginnings = 1'024; // of directories that one folder is tried with
 constexpr std::size_t maxWitnesses = 65'536;
 constexpr std::size_t maxTwins = 16;  // more finds of one size say nothing of where a file is
 constexpr std::size_t maxPlaces = 64; // volumes, those that are known among them
@@ -116,21 +117,20 @@ private:
     /// that begin where one of their size was found.
     std::optional<ClusterHeap> likeliestHeap() const
     {
+        std::vector<std::uint64_t> beginnings;
+        for (const auto& candidate : candidates_)
+            if (candidate.mayBegin && candidate.owner == nobody && beginnings.size() < maxBeginnings)
+                beginnings.push_back(candidate.offset);
         HeapVotes votes(minClusterShift, maxClusterShift);
         std::size_t pairs = 0;
         for (const auto& witness : witnesses_) {
             if (candidates_[witness.candidate].owner != nobody)
                 continue;
-            if (witness.found) {
+            if (witness.found)
                 votes.add(*witness.found, witness.cluster);
-                continue;
-            }
-            for (const auto& candidate : candidates_) {
-                if (pairs == maxPairs)
-                    break;
-                if (candidate.mayBegin && candidate.owner == nobody && ++pairs <= maxPairs)
-                    votes.add(candidate.offset, witness.cluster);
-            }
+            else
+                for (std::size_t i = 0; i < beginnings.size() && pairs < maxPairs; ++i, ++pairs)
+                    votes.add(beginnings[i], witness.cluster);
         }
         return votes.winner();
     }

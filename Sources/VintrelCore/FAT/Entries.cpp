@@ -128,18 +128,6 @@ bool isPlausible(const ShortName& name, bool isDeleted)
     });
 }
 
-bool canBeShortEntry(const ShortEntry& entry)
-{
-    constexpr std::string_view forbidden = "\"*/:<>?\\|";
-    const auto first = entry.name[0];
-    const bool startsWell
-        = first == escapedE5 || first == deletedMark || first == '.' || (first >= 0x21 && first <= 0x7E);
-    return startsWell && entry.attributes <= 63 && entry.creationTicks <= 199
-        && std::ranges::all_of(std::span(entry.name).subspan(1), [&](std::uint8_t byte) {
-               return byte >= 0x20 && forbidden.find(static_cast<char>(byte)) == std::string_view::npos;
-           });
-}
-
 std::uint32_t firstCluster(const ShortEntry& entry)
 {
     return std::uint32_t { entry.firstClusterHigh } << 16 | entry.firstClusterLow;

@@ -2,10 +2,13 @@
 
 #include "VintrelCore/Binary.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// What a FAT directory is made of: 32-byte entries, and the names that they spell. Nothing here reads the disk.
@@ -74,7 +77,17 @@ bool isPlausible(const ShortName& name, bool isDeleted);
 
 /// Whether bytes of a directory can be this short entry. Less is forbidden here than in a name that is listed: this
 /// test meets sectors of every kind and must not lose a true one.
-bool canBeShortEntry(const ShortEntry& entry);
+inline bool canBeShortEntry(const ShortEntry& entry)
+{
+    constexpr std::string_view forbidden = "\"*/:<>?\\|";
+    const auto first = entry.name[0];
+    const bool startsWell
+        = first == escapedE5 || first == deletedMark || first == '.' || (first >= 0x21 && first <= 0x7E);
+    return startsWell && entry.attributes <= 63 && entry.creationTicks <= 199
+        && std::ranges::all_of(std::span(entry.name).subspan(1), [&](std::uint8_t byte) {
+               return byte >= 0x20 && forbidden.find(static_cast<char>(byte)) == std::string_view::npos;
+           });
+}
 
 /// The number as FAT32 keeps it; on FAT12 and FAT16 the upper half is 0, or means something else.
 std::uint32_t firstCluster(const ShortEntry& entry);
