@@ -125,6 +125,24 @@ TEST(LostFragments, FATDirectoriesOfAnotherGeometryAreNotReadUnderThisOne)
     EXPECT_EQ(found.count("/INDRE/B.TXT", patternBytes(6000, 2)), 1);
 }
 
+TEST(LostFragments, FATDirectoriesHangBelowTheirNames)
+{
+    FATImage image({});
+    const auto inner = image.addFolder(FATImage::root, { .name = "X          " }); // lies before the one above it
+    image.addFile(inner, { .name = "A       TXT" }, patternBytes(700));
+    const auto outer = image.addFolder(FATImage::root, { .name = "Y          " });
+    image.addEntry(outer, { .name = "INDRE      ", .attributes = 0x10, .cluster = inner });
+    image.addFile(outer, { .name = "B       TXT" }, patternBytes(800));
+    const auto foreign = image.addFolder(FATImage::root, { .name = "Z          " });
+    image.addFile(foreign, { .name = "FREMMED TXT" }, patternBytes(900));
+    putLE(image.bytes(), image.entryOffset(foreign, 0) + 26, foreign + 1, 2); // calls itself by another number
+    erase(image.bytes(), image.entryOffset(FATImage::root, 0), image.entryOffset(FATImage::root, 16));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.files.size(), 2u);
+    EXPECT_EQ(found.count(fragments + "/INDRE/A.TXT", patternBytes(700)), 1);
+    EXPECT_EQ(found.count(fragments + "/B.TXT", patternBytes(800)), 1);
+}
+
 TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
 {
     const ExFATImage::Options options { .clusters = 300 };
