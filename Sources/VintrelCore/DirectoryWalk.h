@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <deque>
+#include <limits>
+#include <map>
 #include <optional>
 #include <unordered_set>
 #include <vector>
@@ -72,6 +74,32 @@ private:
     std::uint64_t chainBudget_;     // clusters that chains may still hold, all together
     std::uint64_t directoryBudget_; // bytes of directories that may still be read: no more than there are on the source
     Bytes buffer_;                  // of read()
+};
+
+/// Where directories may go on whose chains are lost.
+struct LooseEnds {
+    /// Clusters that go on in directories, by where the content begins that their first entry names.
+    std::multimap<std::uint64_t, std::uint32_t> byFirstContent;
+
+    /// Where a directory goes on that fills `cluster`; `behindLast`: the cluster behind the content that its last entry
+    /// names. `canGoOnIn(cluster)` tells whether a directory goes on there, and nobody has claimed it.
+    template <class CanGoOn>
+    std::optional<std::uint32_t> next(std::uint32_t cluster, std::uint64_t behindLast, CanGoOn canGoOnIn)
+    {
+        // A directory that is full gets the next free cluster: the one behind it, or behind what was written last.
+        for (const std::uint64_t candidate : { std::uint64_t { cluster } + 1, behindLast })
+            if (candidate <= std::numeric_limits<std::uint32_t>::max()
+                && canGoOnIn(static_cast<std::uint32_t>(candidate)))
+                return static_cast<std::uint32_t>(candidate);
+        // Systems that write directories last let the files' contents follow each other.
+        for (auto found = byFirstContent.find(behindLast); found != byFirstContent.end();
+             found = byFirstContent.find(behindLast)) {
+            const auto candidate = byFirstContent.extract(found).mapped(); // claimed by somebody, or now
+            if (canGoOnIn(candidate))
+                return candidate;
+        }
+        return std::nullopt;
+    }
 };
 
 /// The folders that a walk has still to read. Those of the live tree come first, each folder's content before what

@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 
 class DiskSource;
+struct CarvedFile;
 
 /// Where things lie on an exFAT volume, as its boot sector says. Offsets are absolute on the source, sizes in bytes.
 struct ExFATGeometry {
@@ -63,6 +65,23 @@ private:
     ClusterBits seen_; // scratch of chain(): empty between calls
 };
 
+/// What the search for lost directory fragments needs to know of a volume that was walked.
+class ExFATDeepInfo : public DeepContext {
+public:
+    ExFATDeepInfo(
+        std::unique_ptr<ExFATContext> walkedContext, ClusterBits claimedClusters, ClusterBits liveFileClusters)
+        : context(std::move(walkedContext))
+        , claimed(std::move(claimedClusters))
+        , liveClusters(std::move(liveFileClusters))
+    {
+    }
+
+    std::unique_ptr<ExFATContext> context;
+    ClusterBits claimed;      ///< clusters of directories that were read
+    ClusterBits liveClusters; ///< clusters of existing files, and of the file system's own
+    bool isRebuilt = false;   ///< put together from directory sectors: no more of them belong to it
+};
+
 /// exFAT, existing and deleted entries.
 namespace ExFATParser {
 
@@ -74,5 +93,30 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
 /// Whether what lies where the boot sector has it confirms that a volume begins at byte `offset`: the root directory
 /// names an allocation bitmap that fits.
 bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot);
+
+/// Whether in the 512 bytes at `at` begins an entry set whose checksum holds, and nothing else than entries lies there.
+/// The set may go on behind them.
+bool looksLikeDirectorySector(ByteView bytes, std::int64_t at = 0);
+
+/// What candidate directory sectors (absolute offsets, in any order) hold beyond the directories that were walked: the
+/// folder "$Tabte mappefragmenter", or none. Folders that others of them name have their place and name below these.
+/// Remembers on the volume which clusters it used.
+std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress);
+
+/// What helps to tell which directory sectors belong together.
+struct RebuildHints {
+    std::vector<ClusterHeap> heaps;          ///< of the exFAT volumes that are known: what fits there is left to them
+    std::vector<std::uint64_t> volumeStarts; ///< of known volumes of every kind
+    const std::vector<CarvedFile>& carved;   ///< files found by content
+};
+
+/// The volumes without a boot sector that directory sectors (absolute offsets, ascending) belong to. Where their
+/// clusters lie is what at least two folders, or files found by content, agree on. Without a FAT, files are taken to
+/// lie in one piece; without a root directory, all that was found is in the folder "$Tabte mappefragmenter".
+VolumeList rebuild(
+    DiskSource& source, std::span<const std::uint64_t> sectors, const RebuildHints& hints, WorkProgress* progress);
+
+/// Those sectors that lie neither in directories that these volumes list nor in existing files.
+std::vector<std::uint64_t> looseSectors(std::span<const std::uint64_t> sectors, const VolumeList& volumes);
 
 } // namespace ExFATParser

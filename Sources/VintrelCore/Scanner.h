@@ -69,12 +69,13 @@ struct FoundBoot {
 struct DeepScanResult {
     std::vector<CarvedFile> carved;
     std::vector<FoundBoot> boots;
-    std::vector<std::uint64_t> hfsHeaders;    ///< where the volumes begin: 1024 bytes before their headers
-    std::vector<std::uint64_t> nxsb;          ///< APFS container superblocks
-    std::vector<std::uint64_t> mftRecords;    ///< sectors that begin an NTFS file record
-    std::vector<std::uint64_t> fatDirSectors; ///< sectors that look like part of a FAT directory
-    std::vector<std::uint64_t> apfsLeafNodes; ///< leaves of APFS file-system trees
-    bool completed = false;                   ///< whether the end of the source was reached
+    std::vector<std::uint64_t> hfsHeaders;      ///< where the volumes begin: 1024 bytes before their headers
+    std::vector<std::uint64_t> nxsb;            ///< APFS container superblocks
+    std::vector<std::uint64_t> mftRecords;      ///< sectors that begin an NTFS file record
+    std::vector<std::uint64_t> fatDirSectors;   ///< sectors that look like part of a FAT directory
+    std::vector<std::uint64_t> apfsLeafNodes;   ///< leaves of APFS file-system trees
+    std::vector<std::uint64_t> exfatDirSectors; ///< sectors in which entry sets of exFAT directories begin
+    bool completed = false;                     ///< whether the end of the source was reached
     std::uint64_t scannedUpTo = 0;
 };
 

@@ -8,6 +8,7 @@
 #include "Tests/Images/NTFSImage.h"
 #include "Tests/Images/PartitionImage.h"
 #include "VintrelCore/APFS.h"
+#include "VintrelCore/ExFAT.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FileReader.h"
 #include "VintrelCore/Scanner.h"
@@ -65,8 +66,20 @@ void exercise(const Bytes& bytes)
         for (std::uint64_t offset = 0; offset < bytes.size(); offset += 512)
             if (FATParser::looksLikeDirectorySector(bytes, static_cast<std::int64_t>(offset)))
                 sectors.push_back(offset);
+        for (const auto& rebuilt :
+            FATParser::rebuild(*source, sectors, { .heaps = {}, .volumeStarts = {}, .carved = {} }, nullptr))
+            ASSERT_LT(rebuilt->root->totals().files, bytes.size());
         if (const auto lost = FATParser::lostEntries(*volume, sectors, nullptr))
             volume->root->add(FileNode::makeFolder("x", EntryStatus::orphaned));
+        sectors.clear();
+        for (std::uint64_t offset = 0; offset < bytes.size(); offset += 512)
+            if (ExFATParser::looksLikeDirectorySector(bytes, static_cast<std::int64_t>(offset)))
+                sectors.push_back(offset);
+        for (const auto& rebuilt :
+            ExFATParser::rebuild(*source, sectors, { .heaps = {}, .volumeStarts = {}, .carved = {} }, nullptr))
+            ASSERT_LT(rebuilt->root->totals().files, bytes.size());
+        const auto lostInExFAT = ExFATParser::lostEntries(*volume, sectors, nullptr);
+        ASSERT_LT(lostInExFAT ? lostInExFAT->totals().files : 0, bytes.size());
         std::vector<std::uint64_t> leaves;
         for (std::uint64_t offset = 0; offset < bytes.size(); offset += APFSImage::blockSize)
             if (APFSParser::looksLikeFSTreeLeaf(bytes, static_cast<std::int64_t>(offset)))

@@ -42,6 +42,25 @@ std::string nameOf(const std::vector<RawEntry>& entries, std::size_t length)
 
 std::size_t nameEntriesFor(std::size_t length) { return (length + unitsPerEntry - 1) / unitsPerEntry; }
 
+/// Whether an entry can lie in a directory.
+bool isKnownType(std::uint8_t type)
+{
+    switch (type | inUse) {
+    case bitmapType:
+    case upcaseType:
+    case labelType:
+    case fileType:
+    case volumeGUIDType:
+    case streamType:
+    case nameType:
+    case vendorExtensionType:
+    case vendorAllocationType:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
 
 std::uint16_t setChecksum(const std::vector<RawEntry>& entries)
@@ -133,6 +152,31 @@ bool continuesDirectory(ByteView cluster)
 {
     const auto first = static_cast<std::uint8_t>(cluster.u8(0) | inUse);
     return beginsDirectory(cluster) || first == streamType || first == nameType || first == fileType;
+}
+
+std::vector<EntrySet> soundSets(ByteView bytes, std::int64_t at)
+{
+    constexpr std::int64_t sectorSize = 512;
+    const auto window = bytes.sub(at, sectorSize + maxFileSetSize);
+    std::vector<EntrySet> sets;
+    if (!isKnownType(window.u8(0)) || (window.u8(entrySize) != endOfDirectory && !isKnownType(window.u8(entrySize))))
+        return sets; // nearly every sector that holds something else
+    SetCollector collector;
+    for (std::int64_t place = 0; const auto entry = window.load<RawEntry>(place); place += entrySize) {
+        const bool isInSector = place < sectorSize;
+        if ((*entry)[0] == endOfDirectory || (!isInSector && !collector.isInside()))
+            break;
+        if (!isKnownType((*entry)[0])) {
+            if (isInSector)
+                sets.clear();
+            break;
+        }
+        if (!isInSector && ((*entry)[0] & secondary) == 0)
+            break; // the next sector's sets are its own
+        if (auto set = collector.take(*entry); set && set->isSound)
+            sets.push_back(std::move(*set));
+    }
+    return sets;
 }
 
 } // namespace ExFATEntries

@@ -19,10 +19,14 @@ constexpr std::uint8_t endOfDirectory = 0x00;
 constexpr std::uint8_t inUse = 0x80;
 constexpr std::uint8_t secondary = 0x40;
 constexpr std::uint8_t bitmapType = 0x81;
+constexpr std::uint8_t upcaseType = 0x82; // laid out as the bitmap's entry
 constexpr std::uint8_t labelType = 0x83;
 constexpr std::uint8_t fileType = 0x85;
+constexpr std::uint8_t volumeGUIDType = 0xA0;
 constexpr std::uint8_t streamType = 0xC0;
 constexpr std::uint8_t nameType = 0xC1;
+constexpr std::uint8_t vendorExtensionType = 0xE0;
+constexpr std::uint8_t vendorAllocationType = 0xE1;
 
 struct BitmapEntry {
     std::uint8_t type;                     //  0
@@ -101,6 +105,8 @@ public:
     std::optional<EntrySet> take(const RawEntry& entry);
     /// Gives the set that is left at the end of the directory.
     std::optional<EntrySet> finish();
+    /// Whether a set has begun that is not complete.
+    bool isInside() const { return !entries_.empty(); }
 
 private:
     bool belongs(const RawEntry& entry) const;
@@ -115,5 +121,12 @@ bool isPlausible(const EntrySet& set);
 /// Whether the first entries of a cluster can begin a directory, or go on in one.
 bool beginsDirectory(ByteView cluster);
 bool continuesDirectory(ByteView cluster);
+
+/// A file entry, a stream, and as many name entries as the longest name takes: in bytes.
+constexpr std::int64_t maxFileSetSize = 19 * entrySize;
+
+/// The sound sets that begin in the 512 bytes at `at`; they may end behind these. Empty where anything else than
+/// entries lies there. A set whose beginning lies before is none of them.
+std::vector<EntrySet> soundSets(ByteView bytes, std::int64_t at);
 
 } // namespace ExFATEntries

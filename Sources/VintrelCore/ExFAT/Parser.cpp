@@ -18,17 +18,19 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     if (!geometry)
         return nullptr;
 
-    ExFATContext context(source, *geometry);
+    auto context = std::make_unique<ExFATContext>(source, *geometry);
     auto volume = std::make_unique<Volume>(FileSystemType::exfat, "", offset, geometry->volumeSize,
         FileNode::makeFolder("", EntryStatus::existing), origin);
     volume->clusterSize = geometry->heap.clusterSize;
-    ExFATWalker walker(context, progress);
+    ExFATWalker walker(*context, progress);
     walker.walkRoot(*volume->root);
     volume->label = walker.label().value_or("");
-    if (context.fatUnavailable())
+    if (context->fatUnavailable())
         volume->notes.emplace_back("FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
-    if (context.bitmapUnavailable())
+    if (context->bitmapUnavailable())
         volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
+    volume->deepContext = std::make_unique<ExFATDeepInfo>(
+        std::move(context), std::move(walker.claimed), std::move(walker.liveClusters));
     volume->root->sortChildren();
     return volume;
 }
@@ -49,5 +51,7 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
     }
     return false;
 }
+
+bool looksLikeDirectorySector(ByteView bytes, std::int64_t at) { return !ExFATEntries::soundSets(bytes, at).empty(); }
 
 } // namespace ExFATParser

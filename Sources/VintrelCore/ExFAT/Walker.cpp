@@ -12,13 +12,26 @@ namespace {
 /// The format's own limit for a directory.
 constexpr std::uint64_t maxDirectorySize = 0x10000000;
 
+/// Clusters that begin in the middle of a set are tried against one that breaks off, so many of them.
+constexpr int maxHeadsTried = 64;
+
+/// A made-up volume may claim far more clusters.
+std::uint64_t clustersOnSource(const ExFATContext& context)
+{
+    const auto& heap = context.geometry().heap;
+    return std::min<std::uint64_t>(heap.count, context.source().size() / heap.clusterSize);
+}
+
 } // namespace
 
 ExFATWalker::ExFATWalker(ExFATContext& context, WorkProgress* progress)
-    : context_(context)
+    : claimed(clustersOnSource(context) + 2)
+    , liveClusters(clustersOnSource(context) + 2)
+    , context_(context)
     , heap_(context.geometry().heap)
     , progress_(progress)
     , walk_(context.source(), heap_, context.entryCount(), progress)
+    , claimBudget_(4 * clustersOnSource(context))
 {
 }
 
@@ -28,7 +41,7 @@ ExFATWalker::Pending ExFATWalker::rootDirectory(FileNode* root) const
         .cluster = context_.geometry().rootCluster,
         .size = 0,
         .isContiguous = false,
-        .isDeleted = false,
+        .origin = Origin::live,
         .depth = 0 };
 }
 
@@ -36,6 +49,22 @@ void ExFATWalker::walkRoot(FileNode& root)
 {
     findBitmap();
     queue_.add(rootDirectory(&root));
+    walkPending();
+}
+
+void ExFATWalker::walkFragment(std::uint32_t first, FileNode& folder, bool isRoot)
+{
+    queue_.add({ .folder = &folder,
+        .cluster = first,
+        .size = 0,
+        .isContiguous = false,
+        .origin = Origin::fragment,
+        .depth = isRoot ? 0 : 1 });
+    walkPending();
+}
+
+void ExFATWalker::walkPending()
+{
     while (!isCancelled(progress_)) {
         const auto next = queue_.take();
         if (!next)
@@ -65,15 +94,28 @@ void ExFATWalker::readDirectory(const Pending& directory)
     if (!walk_.enter(directory.cluster, directory.depth))
         return;
     Scan scan { .directory = directory, .collector = {}, .subfolders = {} };
-    directory.isDeleted ? readDeleted(scan) : readLive(scan);
+    switch (directory.origin) {
+    case Origin::live:
+        readLive(scan);
+        break;
+    case Origin::deleted:
+        readDeleted(scan);
+        break;
+    case Origin::fragment:
+        readFragment(scan);
+        break;
+    }
     if (const auto last = scan.collector.finish())
         addSet(scan, *last);
-    queue_.add(scan.subfolders, directory.isDeleted, [](const Pending& subfolder) { return subfolder.isDeleted; });
+    queue_.add(scan.subfolders, directory.origin != Origin::live,
+        [](const Pending& subfolder) { return subfolder.origin != Origin::live; });
 }
 
 void ExFATWalker::readLive(Scan& scan)
 {
-    for (const auto& extent : extentsOf(scan.directory))
+    const auto extents = extentsOf(scan.directory);
+    claim(extents, claimed);
+    for (const auto& extent : extents)
         if (!readRange(scan, *extent.offset, extent.length))
             return;
 }
@@ -92,9 +134,101 @@ void ExFATWalker::readDeleted(Scan& scan)
                 return;
             }
             isFirst = false;
+            claimed.insert(heap_.clusterAt(offset));
             if (!readRange(scan, offset, heap_.clusterSize))
                 return;
         }
+    }
+}
+
+/// Reads a directory cluster by cluster: where its set says that it lies, or, without a chain, by what the clusters
+/// hold.
+void ExFATWalker::readFragment(Scan& scan)
+{
+    const auto& directory = scan.directory;
+    const std::uint64_t length = heap_.clustersFor(std::min(directory.size, maxDirectorySize)) * heap_.clusterSize;
+    ExtentList extents; // told by the set of the directory above
+    if (directory.isContiguous)
+        extents = { heap_.contiguous(directory.cluster, length) };
+    else if (length != 0 && !context_.fatUnavailable())
+        extents = standingChain(directory.cluster, length);
+    auto extent = extents.begin();
+    std::uint64_t done = 0; // of the extent
+    bool isFirst = true;
+    for (std::optional<std::uint32_t> cluster = directory.cluster; cluster; isFirst = false) {
+        const std::uint64_t offset = heap_.offsetOf(*cluster);
+        const bool isSeen = directory.size == 0; // by the caller, or by whereItGoesOn
+        const auto start = context_.source().read(offset, 2 * entrySize, ReadMode::thorough);
+        if (isTaken(*cluster) || (!isSeen && !(isFirst ? beginsDirectory(start) : continuesDirectory(start)))) {
+            if (isFirst)
+                directory.folder->addNote("Mappens indhold er overskrevet");
+            return;
+        }
+        claimed.insert(*cluster);
+        walk_.visited.insert(*cluster);
+        if (!readRange(scan, offset, heap_.clusterSize))
+            return;
+        if (extents.empty()) {
+            cluster = whereItGoesOn(scan, *cluster);
+            continue;
+        }
+        done += heap_.clusterSize;
+        if (done >= extent->length) {
+            ++extent;
+            done = 0;
+        }
+        if (extent == extents.end())
+            return;
+        cluster = heap_.clusterAt(*extent->offset + done);
+    }
+}
+
+std::optional<std::uint32_t> ExFATWalker::whereItGoesOn(const Scan& scan, std::uint32_t cluster)
+{
+    if (scan.collector.isInside()) { // the checksum of the set says where
+        int tried = 0;
+        for (auto head = heads.upper_bound(cluster); head != heads.end() && tried < maxHeadsTried; ++tried) {
+            const auto next = *head;
+            if (isTaken(next)) {
+                head = heads.erase(head);
+            } else if (completes(scan.collector, next)) {
+                heads.erase(head);
+                return next;
+            } else {
+                ++head;
+            }
+        }
+        return std::nullopt;
+    }
+    return looseEnds.next(cluster, scan.behindLast, [&](std::uint32_t next) {
+        return heap_.contains(next) && !isTaken(next)
+            && !soundSets(context_.source().read(heap_.offsetOf(next), 512 + maxFileSetSize, ReadMode::thorough), 0)
+                    .empty();
+    });
+}
+
+/// Whether the entries at the beginning of a cluster make a set sound that has begun elsewhere.
+bool ExFATWalker::completes(SetCollector begun, std::uint32_t cluster)
+{
+    const auto bytes = context_.source().read(heap_.offsetOf(cluster), maxFileSetSize, ReadMode::thorough);
+    for (std::int64_t at = 0; const auto entry = ByteView(bytes).load<RawEntry>(at); at += entrySize) {
+        if (const auto set = begun.take(*entry))
+            return set->isSound;
+        if (!begun.isInside())
+            return false;
+    }
+    return false;
+}
+
+/// Adds clusters to a set of them.
+void ExFATWalker::claim(const ExtentList& extents, ClusterBits& clusters)
+{
+    for (const auto& extent : extents) {
+        const auto count = std::min(heap_.clustersFor(extent.length), claimBudget_);
+        claimBudget_ -= count;
+        const auto first = heap_.clusterAt(*extent.offset);
+        for (std::uint64_t i = 0; i < count; ++i)
+            clusters.insert(first + static_cast<std::uint32_t>(i));
     }
 }
 
@@ -106,7 +240,7 @@ ExtentList ExFATWalker::extentsOf(const Pending& directory)
     if (!heap_.contains(directory.cluster))
         return {};
     if (!directory.isContiguous && !context_.fatUnavailable()) {
-        if (!directory.isDeleted)
+        if (directory.origin == Origin::live)
             return heap_.extents(limitedChain(directory.cluster, heap_.clustersFor(size)).clusters, wholeSize);
         if (auto extents = standingChain(directory.cluster, wholeSize); !extents.empty())
             return extents;
@@ -130,6 +264,11 @@ bool ExFATWalker::parseEntries(Scan& scan, ByteView bytes)
             const auto label = std::bit_cast<LabelEntry>(*entry);
             label_ = ByteView(label.units).utf16le(0, label.length);
         }
+        if (((*entry)[0] == bitmapType || (*entry)[0] == upcaseType) && scan.directory.depth == 0) {
+            const auto own = std::bit_cast<BitmapEntry>(*entry);
+            if (heap_.contains(own.firstCluster))
+                claim({ heap_.contiguous(own.firstCluster, own.size) }, liveClusters);
+        }
     }
     return true;
 }
@@ -138,7 +277,8 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
 {
     if (!set.isSound && !isPlausible(set))
         return;
-    const bool isDeleted = set.isDeleted || scan.directory.isDeleted;
+    const auto origin = set.isDeleted ? Origin::deleted : scan.directory.origin;
+    const bool isDeleted = origin != Origin::live;
     const bool isFolder = set.file && set.file->isDirectory();
     const auto status = isDeleted ? EntryStatus::deleted : EntryStatus::existing;
     auto& node = scan.directory.folder->add(
@@ -150,18 +290,21 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
     }
     if (!set.isSound)
         node.addNote("Mappeposten er beskadiget");
+    if (!set.isDeleted && set.stream.firstCluster != 0)
+        scan.behindLast = set.stream.firstCluster + heap_.clustersFor(set.stream.size);
     if (!isFolder)
-        fillFileData(node, set);
+        fillFileData(node, set, origin == Origin::fragment);
     else if (set.stream.firstCluster != 0)
         scan.subfolders.push_back({ .folder = &node,
             .cluster = set.stream.firstCluster,
             .size = set.stream.size,
             .isContiguous = set.stream.isContiguous(),
-            .isDeleted = isDeleted,
+            .origin = origin,
             .depth = scan.directory.depth + 1 });
 }
 
-void ExFATWalker::fillFileData(FileNode& node, const EntrySet& set)
+/// `isLost`: by an entry that is in use, in a directory that nobody leads to.
+void ExFATWalker::fillFileData(FileNode& node, const EntrySet& set, bool isLost)
 {
     if (node.size == 0) {
         node.data = ExtentList {};
@@ -173,13 +316,13 @@ void ExFATWalker::fillFileData(FileNode& node, const EntrySet& set)
         node.recoverability = Recoverability::poor;
         node.addNote("Ugyldig startklynge");
     } else {
-        placeFile(node, set.stream);
+        placeFile(node, set.stream, isLost);
     }
     if (!set.isSound)
         node.recoverability = std::min(node.recoverability, Recoverability::partial);
 }
 
-void ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream)
+void ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream, bool isLost)
 {
     const bool isDeleted = node.status != EntryStatus::existing;
     const bool hasChain = !stream.isContiguous() && !context_.fatUnavailable();
@@ -197,8 +340,9 @@ void ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream)
     for (const auto& extent : extents)
         placed += extent.length;
     if (isDeleted) {
-        estimateDeleted(node, extents, isCertain);
+        estimateDeleted(node, extents, isCertain, isLost);
     } else {
+        claim(extents, liveClusters);
         node.recoverability = placed == node.size ? Recoverability::good : Recoverability::partial;
         if (placed < node.size)
             node.addNote("Klyngekæden er afbrudt");
@@ -217,20 +361,20 @@ void ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream)
     node.data = std::move(extents);
 }
 
-void ExFATWalker::estimateDeleted(FileNode& node, const ExtentList& extents, bool isCertain)
+void ExFATWalker::estimateDeleted(FileNode& node, const ExtentList& extents, bool isCertain, bool isLost)
 {
     std::uint64_t placed = 0;
     std::uint64_t checked = 0;
     bool areFree = true;
     for (const auto& extent : extents) {
         const std::uint64_t count = std::min(heap_.clustersFor(extent.length), DirectoryWalk::maxFreeChecks - checked);
-        areFree = areFree && context_.areFree(heap_.clusterAt(*extent.offset), count);
+        areFree = areFree && this->areFree(heap_.clusterAt(*extent.offset), count, isLost);
         checked += count;
         placed += extent.length;
     }
     if (context_.bitmapUnavailable() || (context_.fatUnavailable() && !isCertain)) {
         node.recoverability = Recoverability::unknown;
-    } else if (!context_.areFree(heap_.clusterAt(*extents.front().offset), 1)) {
+    } else if (!this->areFree(heap_.clusterAt(*extents.front().offset), 1, isLost)) {
         node.recoverability = Recoverability::poor;
         node.addNote("Startklyngen er genbrugt af en anden fil");
     } else if (!areFree || placed < node.size) {
@@ -242,6 +386,13 @@ void ExFATWalker::estimateDeleted(FileNode& node, const ExtentList& extents, boo
     } else {
         node.recoverability = Recoverability::good;
     }
+}
+
+/// Whether clusters belong to nobody else. Those of a lost file may still be marked as used: by itself.
+bool ExFATWalker::areFree(std::uint32_t first, std::uint64_t count, bool isLost) const
+{
+    return isLost ? !liveClusters.containsAny(first, count) && !claimed.containsAny(first, count)
+                  : context_.areFree(first, count);
 }
 
 /// Where something deleted lay, when the FAT still holds all of its chain, with the end where the size wants it: the

@@ -128,4 +128,39 @@ bool isPlausible(const ShortName& name, bool isDeleted)
     });
 }
 
+std::uint32_t firstCluster(const ShortEntry& entry)
+{
+    return std::uint32_t { entry.firstClusterHigh } << 16 | entry.firstClusterLow;
+}
+
+bool isSubfolder(const ShortEntry& entry)
+{
+    return (entry.attributes & (volumeLabelFlag | directoryFlag)) == directoryFlag && entry.name[0] != '.';
+}
+
+std::optional<std::uint32_t> ownCluster(ByteView sector)
+{
+    const auto self = sector.load<ShortEntry>(0);
+    const auto above = sector.load<ShortEntry>(entrySize);
+    if (!self || !above || self->name != dotName || above->name != dotDotName || (self->attributes & directoryFlag) == 0
+        || (above->attributes & directoryFlag) == 0)
+        return std::nullopt;
+    return firstCluster(*self);
+}
+
+bool goesOn(ByteView sector)
+{
+    bool hasShortEntry = false;
+    for (std::int64_t at = 0; const auto entry = sector.load<ShortEntry>(at); at += entrySize) {
+        if (entry->name[0] == endOfDirectory)
+            return hasShortEntry && sector.isAllZero(at);
+        const auto piece = *sector.load<LongNamePiece>(at);
+        const bool isPiece = piece.attributes == longNameAttributes;
+        if (isPiece ? piece.type != 0 || piece.firstCluster != 0 : !canBeShortEntry(*entry))
+            return false;
+        hasShortEntry = hasShortEntry || !isPiece;
+    }
+    return hasShortEntry;
+}
+
 } // namespace FATEntries

@@ -2,10 +2,13 @@
 
 #include "VintrelCore/Binary.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// What a FAT directory is made of: 32-byte entries, and the names that they spell. Nothing here reads the disk.
@@ -24,6 +27,7 @@ constexpr std::uint8_t longNameAttributes = 0x0F;
 using ShortName = std::array<std::uint8_t, 11>;
 
 constexpr ShortName dotName { '.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ' };
+constexpr ShortName dotDotName { '.', '.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ' };
 
 struct ShortEntry {
     ShortName name;                                           //  0
@@ -70,5 +74,32 @@ std::optional<std::string> assembleLongName(
 
 /// Whether the bytes can be a short name. Of a deleted entry the first one is not looked at.
 bool isPlausible(const ShortName& name, bool isDeleted);
+
+/// Whether bytes of a directory can be this short entry. Less is forbidden here than in a name that is listed: this
+/// test meets sectors of every kind and must not lose a true one.
+inline bool canBeShortEntry(const ShortEntry& entry)
+{
+    constexpr std::string_view forbidden = "\"*/:<>?\\|";
+    const auto first = entry.name[0];
+    const bool startsWell
+        = first == escapedE5 || first == deletedMark || first == '.' || (first >= 0x21 && first <= 0x7E);
+    return startsWell && entry.attributes <= 63 && entry.creationTicks <= 199
+        && std::ranges::all_of(std::span(entry.name).subspan(1), [&](std::uint8_t byte) {
+               return byte >= 0x20 && forbidden.find(static_cast<char>(byte)) == std::string_view::npos;
+           });
+}
+
+/// The number as FAT32 keeps it; on FAT12 and FAT16 the upper half is 0, or means something else.
+std::uint32_t firstCluster(const ShortEntry& entry);
+
+/// Whether an entry is a folder's, and neither "." nor "..".
+bool isSubfolder(const ShortEntry& entry);
+
+/// The cluster that a directory's first sector says it lies in; none when no directory begins here.
+std::optional<std::uint32_t> ownCluster(ByteView sector);
+
+/// Whether a sector holds entries and nothing else, from its beginning on. As few as one will do: only for places where
+/// a directory is to be expected.
+bool goesOn(ByteView sector);
 
 } // namespace FATEntries

@@ -15,42 +15,6 @@ using namespace FATEntries;
 namespace {
 
 constexpr std::int64_t sectorSize = 512;
-constexpr std::uint32_t maxFragmentClusters = 64;
-
-/// Whether bytes of a directory can be this short entry. Less is forbidden here than in a name that is listed: this
-/// test meets sectors of every kind and must not lose a true one.
-bool looksLikeShortEntry(const ShortEntry& entry)
-{
-    constexpr std::string_view forbidden = "\"*/:<>?\\|";
-    const auto first = entry.name[0];
-    const bool startsWell
-        = first == escapedE5 || first == deletedMark || first == '.' || (first >= 0x21 && first <= 0x7E);
-    return startsWell && entry.attributes <= 63 && entry.creationTicks <= 199
-        && std::ranges::all_of(std::span(entry.name).subspan(1), [&](std::uint8_t byte) {
-               return byte >= 0x20 && forbidden.find(static_cast<char>(byte)) == std::string_view::npos;
-           });
-}
-
-/// The volume's clusters in which candidate sectors lie and which nobody has claimed, ascending.
-std::vector<std::uint32_t> unclaimedClusters(const FATDeepInfo& info, std::span<const std::uint64_t> sectors)
-{
-    const auto& heap = info.context->geometry().heap;
-    std::vector<std::uint32_t> clusters;
-    for (const auto offset : sectors) {
-        if (offset < heap.offset)
-            continue;
-        const std::uint64_t number = (offset - heap.offset) / heap.clusterSize;
-        if (number >= heap.count)
-            continue;
-        const auto cluster = static_cast<std::uint32_t>(number + 2);
-        if (!info.claimed.contains(cluster) && !info.liveClusters.contains(cluster))
-            clusters.push_back(cluster);
-    }
-    std::ranges::sort(clusters);
-    clusters.erase(std::unique(clusters.begin(), clusters.end()), clusters.end());
-    return clusters;
-}
-
 } // namespace
 
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
@@ -119,49 +83,13 @@ bool looksLikeDirectorySector(ByteView bytes, std::int64_t at)
             const auto piece = *sector.load<LongNamePiece>(position);
             if (piece.type != 0 || piece.firstCluster != 0)
                 return false;
-        } else if (looksLikeShortEntry(*entry)) {
+        } else if (canBeShortEntry(*entry)) {
             ++shortEntries;
         } else {
             return false;
         }
     }
     return shortEntries > 0;
-}
-
-std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress)
-{
-    auto* info = dynamic_cast<FATDeepInfo*>(volume.deepContext.get());
-    if (info == nullptr)
-        return nullptr;
-    const auto clusters = unclaimedClusters(*info, sectors);
-    if (clusters.empty())
-        return nullptr;
-
-    auto folder = FileNode::makeFolder("$Tabte mappefragmenter", EntryStatus::orphaned);
-    FATWalker walker(*info->context, progress);
-    walker.skip(info->claimed); // folders that the volume lists already are not listed again
-    walker.claimed = std::move(info->claimed);
-    walker.liveClusters = std::move(info->liveClusters);
-    for (std::size_t first = 0; first < clusters.size() && !isCancelled(progress);) {
-        // Asked anew for each run: the folders that an earlier one leads to may have claimed its clusters.
-        if (!walker.claimed.insert(clusters[first]).second) {
-            ++first;
-            continue;
-        }
-        std::uint32_t count = 1;
-        while (count < maxFragmentClusters && first + count < clusters.size()
-            && clusters[first + count] == clusters[first] + count
-            && walker.claimed.insert(clusters[first + count]).second)
-            ++count;
-        walker.walkFragment(clusters[first], count, *folder);
-        first += count;
-    }
-    info->claimed = std::move(walker.claimed);
-    info->liveClusters = std::move(walker.liveClusters);
-    if (folder->children().empty())
-        return nullptr;
-    folder->sortChildren();
-    return folder;
 }
 
 } // namespace FATParser

@@ -47,22 +47,25 @@ void FATWalker::walkRoot(FileNode& root)
     walkPending();
 }
 
-void FATWalker::walkFragment(std::uint32_t first, std::uint32_t count, FileNode& folder)
+void FATWalker::walkFragment(std::uint32_t first, FileNode& folder, bool isRoot)
 {
-    bool isInside = true; // of a directory whose end has not been met
+    Scan scan { .folder = folder,
+        .origin = Origin::fragment,
+        .depth = isRoot ? 0 : 1,
+        .isRoot = isRoot,
+        .pieces = {},
+        .subfolders = {} };
+    stillHasChain(first) ? readChain(scan, first) : readFragment(scan, first);
+    queueSubfolders(scan);
+    walkPending();
+}
+
+void FATWalker::walkLostRoot(std::uint64_t offset, std::uint64_t length, FileNode& root)
+{
     Scan scan {
-        .folder = folder, .origin = Origin::fragment, .depth = 1, .isRoot = false, .pieces = {}, .subfolders = {}
+        .folder = root, .origin = Origin::fragment, .depth = 0, .isRoot = true, .pieces = {}, .subfolders = {}
     };
-    for (std::uint32_t cluster = first; cluster < first + count; ++cluster) {
-        const std::uint64_t offset = heap_.offsetOf(cluster);
-        if (!isInside) {
-            const auto sector = context_.source().read(offset, 512, ReadMode::thorough);
-            if (!beginsDirectory(sector) && !FATParser::looksLikeDirectorySector(sector))
-                continue;
-            scan.pieces.clear();
-        }
-        isInside = readRange(scan, offset, heap_.clusterSize);
-    }
+    readRange(scan, offset, length);
     queueSubfolders(scan);
     walkPending();
 }
@@ -95,6 +98,8 @@ void FATWalker::readDirectory(const Pending& pending)
         .subfolders = {} };
     if (pending.origin == Origin::live || (pending.origin == Origin::fragment && stillHasChain(pending.cluster)))
         readChain(scan, pending.cluster);
+    else if (pending.origin == Origin::fragment && beginsIn(pending.cluster))
+        readFragment(scan, pending.cluster);
     else
         readDeleted(scan, pending.cluster);
     queueSubfolders(scan);
@@ -103,9 +108,13 @@ void FATWalker::readDirectory(const Pending& pending)
 /// Whether a folder that only a fragment leads to was never deleted itself.
 bool FATWalker::stillHasChain(std::uint32_t start)
 {
-    return !context_.fatUnavailable() && heap_.contains(start) && !liveClusters.contains(start)
-        && beginsDirectory(context_.source().read(heap_.offsetOf(start), entrySize, ReadMode::thorough))
+    return !context_.fatUnavailable() && heap_.contains(start) && !liveClusters.contains(start) && beginsIn(start)
         && limitedChain(start, maxDirectoryClusters()).isComplete;
+}
+
+bool FATWalker::beginsIn(std::uint32_t cluster)
+{
+    return beginsDirectory(context_.source().read(heap_.offsetOf(cluster), entrySize, ReadMode::thorough));
 }
 
 std::uint64_t FATWalker::maxDirectoryClusters() const
@@ -139,6 +148,41 @@ void FATWalker::readDeleted(Scan& scan, std::uint32_t start)
         if (!readRange(scan, offset, heap_.clusterSize))
             return;
     }
+}
+
+/// Follows a directory without a chain from cluster to cluster, by what it holds. No cluster is taken twice.
+void FATWalker::readFragment(Scan& scan, std::uint32_t start)
+{
+    for (std::optional<std::uint32_t> cluster = start; cluster; cluster = whereItGoesOn(scan, *cluster)) {
+        claimed.insert(*cluster);
+        walk_.visited.insert(*cluster);
+        if (!readRange(scan, heap_.offsetOf(*cluster), heap_.clusterSize))
+            return;
+    }
+}
+
+std::optional<std::uint32_t> FATWalker::whereItGoesOn(const Scan& scan, std::uint32_t cluster)
+{
+    if (!scan.pieces.empty() && !scan.pieces.back().isDeleted()) { // the rest of the name says where
+        const Head wanted { scan.pieces.back().sequence() - 1, scan.pieces.back().checksum, cluster };
+        for (auto head = heads.lower_bound(wanted);
+             head != heads.end() && head->sequence == wanted.sequence && head->checksum == wanted.checksum;) {
+            const auto next = head->cluster;
+            head = heads.erase(head); // claimed by somebody, or now
+            if (canGoOnIn(next))
+                return next;
+        }
+        return std::nullopt;
+    }
+    return looseEnds.next(cluster, scan.behindLast, [&](std::uint32_t next) { return canGoOnIn(next); });
+}
+
+bool FATWalker::canGoOnIn(std::uint32_t cluster)
+{
+    if (!heap_.contains(cluster) || claimed.contains(cluster) || liveClusters.contains(cluster))
+        return false;
+    const auto sector = context_.source().read(heap_.offsetOf(cluster), 512, ReadMode::thorough);
+    return !beginsDirectory(sector) && goesOn(sector);
 }
 
 bool FATWalker::readRange(Scan& scan, std::uint64_t offset, std::uint64_t length)
@@ -187,15 +231,16 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
 
     const bool isDeleted = isMarkedDeleted || scan.origin != Origin::live;
     const bool isFolder = (entry.attributes & directoryFlag) != 0;
-    std::uint32_t cluster = entry.firstClusterLow;
-    if (geometry_.type == FileSystemType::fat32)
-        cluster |= std::uint32_t { entry.firstClusterHigh } << 16;
+    const std::uint32_t cluster
+        = geometry_.type == FileSystemType::fat32 ? firstCluster(entry) : std::uint32_t { entry.firstClusterLow };
     const auto status = isDeleted ? EntryStatus::deleted : EntryStatus::existing;
     auto& node = scan.folder.add(isFolder ? FileNode::makeFolder(std::move(shown), status)
                                           : FileNode::makeFile(std::move(shown), entry.size, status));
     node.modified = TimeConversion::fromDOS(entry.modificationDate, entry.modificationTime);
     node.created = TimeConversion::fromDOS(entry.creationDate, entry.creationTime);
     node.fsID = cluster;
+    if (!isMarkedDeleted && cluster != 0)
+        scan.behindLast = cluster + std::max<std::uint64_t>(1, heap_.clustersFor(node.size));
     if (!isFolder)
         fillFileData(node, cluster, scan.origin, isMarkedDeleted);
     else if (cluster != 0)

@@ -1,5 +1,6 @@
 #include "VintrelCore/APFS.h"
 #include "VintrelCore/DiskSource.h"
+#include "VintrelCore/ExFAT.h"
 #include "VintrelCore/FAT.h"
 #include "VintrelCore/FSProbe.h"
 #include "VintrelCore/NTFS.h"
@@ -50,6 +51,9 @@ public:
         } else if (bytes[24] == apfsContainerType && sector.matches("NXSB", 32)) {
             result_.nxsb.push_back(offset);
             apfsAlignments_.insert(offset % apfsBlockSize);
+        } else if (mayBeExFATDirectory(bytes)
+            && ExFATParser::looksLikeDirectorySector(chunk, static_cast<std::int64_t>(at))) {
+            result_.exfatDirSectors.push_back(offset);
         }
     }
 
@@ -61,6 +65,15 @@ private:
     {
         return (sector.data()[510] == 0x55 && sector.data()[511] == 0xAA) || sector.matches("NTFS", 3)
             || sector.matches("EXFA", 3);
+    }
+
+    /// Every type that an entry can have, deleted or not, leaves at most 5 in the low bits. Both are looked at in one
+    /// step, since a branch that random data takes now and then costs more.
+    static bool mayBeExFATDirectory(const std::uint8_t* sector)
+    {
+        constexpr unsigned lowBits = 0x1F;
+        constexpr std::size_t secondEntry = 32;
+        return std::max(sector[0] & lowBits, sector[secondEntry] & lowBits) <= 5 && (sector[0] & 0x7F) != 0;
     }
 
     /// Blocks lie at multiples of their size, counted from the source's start or from that of a container: partitions

@@ -83,6 +83,10 @@ public:
             if (!isCancelled(progress_))
                 tryAPFS(superblock);
         rebuildNTFS();
+        rebuildFromDirectories<FATDeepInfo, FATParser::RebuildHints>(
+            result_.fatDirSectors, FATParser::looseSectors, FATParser::rebuild);
+        rebuildFromDirectories<ExFATDeepInfo, ExFATParser::RebuildHints>(
+            result_.exfatDirSectors, ExFATParser::looseSectors, ExFATParser::rebuild);
         return std::move(built_);
     }
 
@@ -203,6 +207,26 @@ private:
             keep(std::move(volume));
     }
 
+    /// From directory sectors, with a parser's `looseSectors` and `rebuild`.
+    template <class Info, class Hints, class Loose, class Rebuild>
+    void rebuildFromDirectories(std::span<const std::uint64_t> sectors, Loose looseSectors, Rebuild rebuild)
+    {
+        const auto loose = looseSectors(looseSectors(sectors, known_), built_);
+        if (loose.empty() || isCancelled(progress_))
+            return;
+        if (progress_ != nullptr)
+            progress_->report(0, "Genopbygger filsystem ud fra mappesektorer …");
+        Hints hints { .heaps = {}, .volumeStarts = {}, .carved = result_.carved };
+        for (const auto* volumes : { &known_, &std::as_const(built_) })
+            for (const auto& volume : *volumes) {
+                hints.volumeStarts.push_back(volume->offset);
+                if (const auto* info = dynamic_cast<const Info*>(volume->deepContext.get()))
+                    hints.heaps.push_back(info->context->geometry().heap);
+            }
+        for (auto& volume : rebuild(source_, loose, hints, progress_))
+            keep(std::move(volume));
+    }
+
     bool keep(std::unique_ptr<Volume> volume)
     {
         if (!volume)
@@ -240,6 +264,8 @@ std::vector<DeepScanner::ExtraFolder> DeepScanner::extraFolders(
     DiskSource& source, const VolumeList& volumes, const DeepScanResult& result, WorkProgress* progress)
 {
     std::vector<ExtraFolder> folders;
+    const auto fatSectors = FATParser::looseSectors(result.fatDirSectors, volumes);
+    const auto exfatSectors = ExFATParser::looseSectors(result.exfatDirSectors, volumes);
     for (const auto& volume : volumes) {
         if (isCancelled(progress))
             break;
@@ -247,7 +273,11 @@ std::vector<DeepScanner::ExtraFolder> DeepScanner::extraFolders(
         if (isFAT(volume->type)) {
             if (progress != nullptr)
                 progress->report(0, "Søger efter tabte mappefragmenter …");
-            folder = FATParser::lostEntries(*volume, result.fatDirSectors, progress);
+            folder = FATParser::lostEntries(*volume, fatSectors, progress);
+        } else if (volume->type == FileSystemType::exfat) {
+            if (progress != nullptr)
+                progress->report(0, "Søger efter tabte mappefragmenter …");
+            folder = ExFATParser::lostEntries(*volume, exfatSectors, progress);
         } else if (volume->type == FileSystemType::apfs) {
             if (progress != nullptr)
                 progress->report(0, "Søger efter slettede APFS-filer …");
