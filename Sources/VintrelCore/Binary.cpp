@@ -67,11 +67,6 @@ bool ByteView::matches(ByteView pattern, std::int64_t at) const
     return holds(at, pattern.size()) && std::memcmp(bytes_.data() + at, pattern.data(), pattern.size()) == 0;
 }
 
-bool ByteView::matches(std::string_view text, std::int64_t at) const
-{
-    return matches(ByteView({ reinterpret_cast<const std::uint8_t*>(text.data()), text.size() }), at);
-}
-
 bool ByteView::isAllZero(std::int64_t at, std::int64_t length) const
 {
     const auto range = sub(at, length).span();

@@ -115,7 +115,12 @@ public:
 
     /// Whether the bytes at `at` are those of `pattern`; an empty pattern matches at any offset that is not negative.
     bool matches(ByteView pattern, std::int64_t at) const;
-    bool matches(std::string_view text, std::int64_t at) const;
+    bool matches(std::string_view text, std::int64_t at) const
+    {
+        if (text.empty())
+            return at >= 0;
+        return holds(at, text.size()) && std::memcmp(bytes_.data() + at, text.data(), text.size()) == 0;
+    }
 
     /// Whether no byte of the range, cut at the end of the view, differs from zero; true for an empty range.
     bool isAllZero(std::int64_t at, std::int64_t length) const;

@@ -20,9 +20,13 @@ std::optional<SweepWindow::Chunk> SweepWindow::chunkAt(std::uint64_t offset)
 
 const SweepWindow::Slot& SweepWindow::loaded(std::uint64_t index)
 {
-    auto& slot = slots_[index % maxChunks];
-    if (slot.index == index)
-        return slot;
+    const auto known = std::ranges::find(slots_, index, &Slot::index);
+    if (known != slots_.end())
+        return *known;
+    // In place of what was looked at last: its memory is in the processor's caches.
+    auto& slot = *std::ranges::max_element(slots_, {}, [&](const Slot& candidate) {
+        return !candidate.memory ? 1 : candidate.index < first_ ? candidate.index + 2 : 0;
+    });
     const std::uint64_t offset = index * chunkSize;
     const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize, source_.size() - offset));
     if (!slot.memory)
