@@ -42,6 +42,15 @@ ClusterChain contiguousChain(const ClusterHeap& heap, std::uint32_t from, std::u
     return chain;
 }
 
+std::uint64_t DirectoryHints::endBehind(std::uint64_t last, std::uint64_t sourceSize) const
+{
+    std::uint64_t end = sourceSize;
+    for (const auto start : volumeStarts)
+        if (start > last)
+            end = std::min(end, start);
+    return end;
+}
+
 void HeapVotes::add(std::uint64_t offset, std::uint32_t cluster)
 {
     for (int shift = minShift_; cluster >= 2 && shift <= maxShift_; ++shift)

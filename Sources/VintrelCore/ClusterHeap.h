@@ -9,6 +9,8 @@
 #include <span>
 #include <vector>
 
+struct CarvedFile;
+
 /// A set of cluster numbers, one bit each.
 class ClusterBits {
 public:
@@ -106,6 +108,16 @@ ClusterChain followChain(const ClusterHeap& heap, std::uint32_t from, std::uint6
 
 /// The chain of a file that lies in one piece from `from` on: `count` clusters, or as many as the heap still has.
 ClusterChain contiguousChain(const ClusterHeap& heap, std::uint32_t from, std::uint64_t count);
+
+/// What helps to tell which directory sectors of lost volumes belong together.
+struct DirectoryHints {
+    std::vector<ClusterHeap> heaps;          ///< of the volumes of this kind that are known: what fits there is theirs
+    std::vector<std::uint64_t> volumeStarts; ///< of known volumes of every kind
+    const std::vector<CarvedFile>& carved;   ///< files found by content
+
+    /// Where a volume ends at the latest that has something at `last`: where the next one begins, or the source ends.
+    std::uint64_t endBehind(std::uint64_t last, std::uint64_t sourceSize) const;
+};
 
 /// Finds out where the clusters of a volume lie from what is known to lie in some of them.
 class HeapVotes {

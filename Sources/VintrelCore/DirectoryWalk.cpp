@@ -19,3 +19,15 @@ bool DirectoryWalk::enter(std::uint32_t cluster, int depth)
         progress_->report(0, "Læser mapper … (" + std::to_string(directoriesRead_) + ")");
     return true;
 }
+
+std::unique_ptr<Volume> finishRebuilt(std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors)
+{
+    if (volume->root->children().empty())
+        return nullptr;
+    volume->root->sortChildren();
+    volume->notes.insert(volume->notes.begin(),
+        { "Genopbygget ud fra " + std::to_string(sectors) + " " + std::string(kind)
+                + "-mappesektorer fundet ved dyb scanning.",
+            "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." });
+    return volume;
+}

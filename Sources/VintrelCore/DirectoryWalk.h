@@ -8,7 +8,10 @@
 #include <deque>
 #include <limits>
 #include <map>
+#include <memory>
 #include <optional>
+#include <span>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -75,6 +78,31 @@ private:
     std::uint64_t directoryBudget_; // bytes of directories that may still be read: no more than there are on the source
     Bytes buffer_;                  // of read()
 };
+
+/// The sectors that lie neither in the directories nor in the existing files of these volumes. `isInRoot(info, offset)`
+/// tells of a place outside the clusters whether the root directory is there.
+template <class DeepInfo, class IsInRoot>
+std::vector<std::uint64_t> sectorsOutside(
+    std::span<const std::uint64_t> sectors, const VolumeList& volumes, IsInRoot isInRoot)
+{
+    std::vector<std::uint64_t> outside(sectors.begin(), sectors.end());
+    for (const auto& volume : volumes) {
+        const auto* info = dynamic_cast<const DeepInfo*>(volume->deepContext.get());
+        if (info == nullptr)
+            continue;
+        const auto& heap = info->context->geometry().heap;
+        std::erase_if(outside, [&](std::uint64_t offset) {
+            if (offset < heap.offset || (offset - heap.offset) / heap.clusterSize >= heap.count)
+                return isInRoot(*info, offset);
+            const auto cluster = heap.clusterAt(offset);
+            return info->claimed.contains(cluster) || info->liveClusters.contains(cluster);
+        });
+    }
+    return outside;
+}
+
+/// Completes a volume that was put together from so many directory sectors; none when it lists nothing.
+std::unique_ptr<Volume> finishRebuilt(std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors);
 
 /// Where directories may go on whose chains are lost.
 struct LooseEnds {

@@ -13,7 +13,6 @@
 #include <vector>
 
 class DiskSource;
-struct CarvedFile;
 
 /// Where things lie on a FAT volume, as its boot sector says. Offsets are absolute on the source, sizes in bytes.
 struct FATGeometry {
@@ -103,18 +102,11 @@ bool looksLikeDirectorySector(ByteView bytes, std::int64_t at = 0);
 /// Remembers on the volume which clusters it used.
 std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress);
 
-/// What helps to tell which directory sectors belong together.
-struct RebuildHints {
-    std::vector<ClusterHeap> heaps;          ///< of the FAT volumes that are known: what fits there is left to them
-    std::vector<std::uint64_t> volumeStarts; ///< of known volumes of every kind
-    const std::vector<CarvedFile>& carved;   ///< files found by content
-};
-
 /// The volumes without a boot sector that directory sectors (absolute offsets, ascending) belong to. Where their
 /// clusters lie is what at least two directories, or files found by content, agree on. Without a FAT, files are taken
 /// to lie in one piece; without a root directory, all that was found is in the folder "$Tabte mappefragmenter".
 VolumeList rebuild(
-    DiskSource& source, std::span<const std::uint64_t> sectors, const RebuildHints& hints, WorkProgress* progress);
+    DiskSource& source, std::span<const std::uint64_t> sectors, const DirectoryHints& hints, WorkProgress* progress);
 
 /// Those sectors that lie neither in directories that these volumes list nor in existing files.
 std::vector<std::uint64_t> looseSectors(std::span<const std::uint64_t> sectors, const VolumeList& volumes);

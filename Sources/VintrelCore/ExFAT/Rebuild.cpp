@@ -50,7 +50,7 @@ struct Place {
 
 class Rebuilder {
 public:
-    Rebuilder(DiskSource& source, const RebuildHints& hints, WorkProgress* progress)
+    Rebuilder(DiskSource& source, const DirectoryHints& hints, WorkProgress* progress)
         : source_(source)
         , hints_(hints)
         , progress_(progress)
@@ -171,11 +171,7 @@ private:
             }
         if (sectors.empty())
             return nullptr;
-        // It ends at the latest where the next volume begins.
-        std::uint64_t end = source_.size();
-        for (const auto start : hints_.volumeStarts)
-            if (start > sectors.back())
-                end = std::min(end, start);
+        const std::uint64_t end = hints_.endBehind(sectors.back(), source_.size());
         heap.count = static_cast<std::uint32_t>(std::min((end - heap.offset) / heap.clusterSize, maxClusters));
 
         ExFATGeometry geometry;
@@ -194,18 +190,12 @@ private:
         info->isRebuilt = true;
         volume->label = root.label;
         volume->deepContext = std::move(info);
-        if (volume->root->children().empty())
-            return nullptr;
-        volume->root->sortChildren();
-        volume->notes.push_back(
-            "Genopbygget ud fra " + std::to_string(sectors.size()) + " exFAT-mappesektorer fundet ved dyb scanning.");
-        volume->notes.emplace_back("FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
         volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
-        return volume;
+        return finishRebuilt(std::move(volume), "exFAT", sectors.size());
     }
 
     DiskSource& source_;
-    const RebuildHints& hints_;
+    const DirectoryHints& hints_;
     WorkProgress* progress_;
     std::vector<Candidate> candidates_; // ascending
     std::vector<Witness> witnesses_;
@@ -215,27 +205,15 @@ private:
 } // namespace
 
 VolumeList rebuild(
-    DiskSource& source, std::span<const std::uint64_t> sectors, const RebuildHints& hints, WorkProgress* progress)
+    DiskSource& source, std::span<const std::uint64_t> sectors, const DirectoryHints& hints, WorkProgress* progress)
 {
     return Rebuilder(source, hints, progress).rebuild(sectors);
 }
 
 std::vector<std::uint64_t> looseSectors(std::span<const std::uint64_t> sectors, const VolumeList& volumes)
 {
-    std::vector<std::uint64_t> loose(sectors.begin(), sectors.end());
-    for (const auto& volume : volumes) {
-        const auto* info = dynamic_cast<const ExFATDeepInfo*>(volume->deepContext.get());
-        if (info == nullptr)
-            continue;
-        const auto& heap = info->context->geometry().heap;
-        std::erase_if(loose, [&](std::uint64_t offset) {
-            if (offset < heap.offset || (offset - heap.offset) / heap.clusterSize >= heap.count)
-                return false;
-            const auto cluster = heap.clusterAt(offset);
-            return info->claimed.contains(cluster) || info->liveClusters.contains(cluster);
-        });
-    }
-    return loose;
+    return sectorsOutside<ExFATDeepInfo>(
+        sectors, volumes, [](const ExFATDeepInfo& /*info*/, std::uint64_t /*offset*/) { return false; });
 }
 
 } // namespace ExFATParser

@@ -60,7 +60,7 @@ struct Witness {
 
 class Rebuilder {
 public:
-    Rebuilder(DiskSource& source, const RebuildHints& hints, WorkProgress* progress)
+    Rebuilder(DiskSource& source, const DirectoryHints& hints, WorkProgress* progress)
         : source_(source)
         , hints_(hints)
         , progress_(progress)
@@ -238,11 +238,7 @@ private:
         if (sectors.empty() || sectors.back() < place.offset)
             return nullptr;
 
-        // It ends at the latest where the next volume begins.
-        std::uint64_t end = source_.size();
-        for (const auto start : hints_.volumeStarts)
-            if (start > sectors.back())
-                end = std::min(end, start);
+        const std::uint64_t end = hints_.endBehind(sectors.back(), source_.size());
         const std::uint64_t count = std::min((end - place.offset) / place.clusterSize, maxClusters);
         const bool hasFixedRoot = place.rootSector && *place.rootSector < place.offset;
         auto type = FileSystemType::fat32;
@@ -269,17 +265,11 @@ private:
         info->isRebuilt = true;
         volume->label = root.label;
         volume->deepContext = std::move(info);
-        if (volume->root->children().empty())
-            return nullptr;
-        volume->root->sortChildren();
-        volume->notes.push_back(
-            "Genopbygget ud fra " + std::to_string(sectors.size()) + " FAT-mappesektorer fundet ved dyb scanning.");
-        volume->notes.emplace_back("FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
-        return volume;
+        return finishRebuilt(std::move(volume), "FAT", sectors.size());
     }
 
     DiskSource& source_;
-    const RebuildHints& hints_;
+    const DirectoryHints& hints_;
     WorkProgress* progress_;
     std::vector<Candidate> candidates_; // ascending
     std::vector<Witness> witnesses_;
@@ -289,30 +279,17 @@ private:
 } // namespace
 
 VolumeList rebuild(
-    DiskSource& source, std::span<const std::uint64_t> sectors, const RebuildHints& hints, WorkProgress* progress)
+    DiskSource& source, std::span<const std::uint64_t> sectors, const DirectoryHints& hints, WorkProgress* progress)
 {
     return Rebuilder(source, hints, progress).rebuild(sectors);
 }
 
 std::vector<std::uint64_t> looseSectors(std::span<const std::uint64_t> sectors, const VolumeList& volumes)
 {
-    std::vector<std::uint64_t> loose(sectors.begin(), sectors.end());
-    for (const auto& volume : volumes) {
-        const auto* info = dynamic_cast<const FATDeepInfo*>(volume->deepContext.get());
-        if (info == nullptr)
-            continue;
-        const auto& geometry = info->context->geometry();
-        const auto& heap = geometry.heap;
-        std::erase_if(loose, [&](std::uint64_t offset) {
-            if (offset < heap.offset)
-                return offset >= geometry.rootDirOffset && offset - geometry.rootDirOffset < geometry.rootDirSize;
-            if ((offset - heap.offset) / heap.clusterSize >= heap.count)
-                return false;
-            const auto cluster = heap.clusterAt(offset);
-            return info->claimed.contains(cluster) || info->liveClusters.contains(cluster);
-        });
-    }
-    return loose;
+    return sectorsOutside<FATDeepInfo>(sectors, volumes, [](const FATDeepInfo& info, std::uint64_t offset) {
+        const auto& geometry = info.context->geometry();
+        return offset >= geometry.rootDirOffset && offset - geometry.rootDirOffset < geometry.rootDirSize;
+    });
 }
 
 } // namespace FATParser

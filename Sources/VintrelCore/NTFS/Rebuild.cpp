@@ -90,7 +90,7 @@ std::optional<std::uint64_t> firstLCN(const MFTRecord& record)
 /// As carved files are called.
 std::string commonExtension(std::string_view name)
 {
-    const auto ext = fileExtension(name);
+    auto ext = fileExtension(name);
     constexpr std::pair<std::string_view, const char*> aliases[]
         = { { "jpeg", "jpg" }, { "tiff", "tif" }, { "aiff", "aif" }, { "aifc", "aif" }, { "oga", "ogg" } };
     for (const auto& [alias, common] : aliases)
@@ -287,6 +287,7 @@ private:
         for (const auto& loose : loose_)
             pieces[loose.offset - loose.number * loose.size].push_back(loose);
         std::vector<const Group*> byPlace;
+        byPlace.reserve(pieces.size());
         for (const auto& [start, piece] : pieces)
             byPlace.push_back(&piece);
         // The largest first: a stray copy of a record must not part the pieces of an MFT.

@@ -83,10 +83,8 @@ public:
             if (!isCancelled(progress_))
                 tryAPFS(superblock);
         rebuildNTFS();
-        rebuildFromDirectories<FATDeepInfo, FATParser::RebuildHints>(
-            result_.fatDirSectors, FATParser::looseSectors, FATParser::rebuild);
-        rebuildFromDirectories<ExFATDeepInfo, ExFATParser::RebuildHints>(
-            result_.exfatDirSectors, ExFATParser::looseSectors, ExFATParser::rebuild);
+        rebuildFromDirectories<FATDeepInfo>(result_.fatDirSectors, FATParser::looseSectors, FATParser::rebuild);
+        rebuildFromDirectories<ExFATDeepInfo>(result_.exfatDirSectors, ExFATParser::looseSectors, ExFATParser::rebuild);
         return std::move(built_);
     }
 
@@ -208,7 +206,7 @@ private:
     }
 
     /// From directory sectors, with a parser's `looseSectors` and `rebuild`.
-    template <class Info, class Hints, class Loose, class Rebuild>
+    template <class Info, class Loose, class Rebuild>
     void rebuildFromDirectories(std::span<const std::uint64_t> sectors, Loose looseSectors, Rebuild rebuild)
     {
         const auto loose = looseSectors(looseSectors(sectors, known_), built_);
@@ -216,7 +214,7 @@ private:
             return;
         if (progress_ != nullptr)
             progress_->report(0, "Genopbygger filsystem ud fra mappesektorer …");
-        Hints hints { .heaps = {}, .volumeStarts = {}, .carved = result_.carved };
+        DirectoryHints hints { .heaps = {}, .volumeStarts = {}, .carved = result_.carved };
         for (const auto* volumes : { &known_, &std::as_const(built_) })
             for (const auto& volume : *volumes) {
                 hints.volumeStarts.push_back(volume->offset);
