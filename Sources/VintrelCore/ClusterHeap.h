@@ -142,7 +142,7 @@ private:
         std::uint64_t heapOffset;
         std::uint32_t cluster;
 
-        auto operator<=>(const Vote&) const = default;
+        auto operator<=>(const Vote&) const = default; // NOLINT(modernize-use-nullptr): what = default makes
     };
 
     int minShift_;

@@ -55,7 +55,7 @@ std::optional<ExFATGeometry> ExFATGeometry::from(ByteView boot, std::uint64_t ba
         return std::nullopt;
 
     const std::uint64_t clustersInVolume = (sectors - heapSector) >> sector->sectorsPerClusterShift;
-    const std::uint64_t count = std::min<std::uint64_t>({ sector->clusterCount, clustersInVolume, maxClusters });
+    const auto count = std::min<std::uint64_t>({ sector->clusterCount, clustersInVolume, maxClusters });
     const bool usesSecond = (sector->flags & 1) != 0 && sector->fatCount == 2;
     const std::uint64_t fatSector
         = std::uint64_t { sector->fatOffset } + (usesSecond ? std::uint64_t { sector->fatLength } : 0);

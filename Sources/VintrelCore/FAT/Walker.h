@@ -45,7 +45,7 @@ public:
         std::uint8_t checksum;
         std::uint32_t cluster;
 
-        auto operator<=>(const Head&) const = default;
+        auto operator<=>(const Head&) const = default; // NOLINT(modernize-use-nullptr): what = default makes
     };
     std::set<Head> heads; ///< where a directory may go on that breaks off in a long name
     LooseEnds looseEnds;
