@@ -73,6 +73,9 @@ constexpr std::uint64_t workAhead = 1'073'741'824;
 constexpr std::uint64_t workPerByteSwept = 4;
 constexpr std::uint64_t leastWork = 4096;
 
+/// Memory does not grow with the source.
+constexpr std::size_t maxZIPStarts = 262'144;
+
 } // namespace
 
 const std::set<FileCategory>& carvedCategories()
@@ -94,6 +97,8 @@ void Carver::windowMoved(std::uint64_t offset)
 {
     reader_.windowMoved();
     searches_->anywhere.windowMoved();
+    if (searches_->zipStarts.size() > maxZIPStarts) // it can be found out again
+        searches_->zipStarts.clear();
     for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds })
         search->windowMoved(offset);
 }
