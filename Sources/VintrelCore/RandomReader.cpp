@@ -56,10 +56,10 @@ ByteView RandomReader::stretch(std::uint64_t position)
     return near_.span().subspan(static_cast<std::size_t>(absolute - nearOffset_));
 }
 
-RandomReader::Search RandomReader::search(std::string_view pattern, std::uint64_t from, std::uint64_t limit)
+std::optional<std::uint64_t> RandomReader::find(std::string_view pattern, std::uint64_t from, std::uint64_t limit)
 {
     if (pattern.empty() || pattern.size() > size_)
-        return { std::nullopt, from };
+        return std::nullopt;
     const std::uint64_t end = std::min(limit, size_ - pattern.size() + 1); // of the places where a match may begin
     std::uint64_t position = from;
     while (position < end) {
@@ -70,7 +70,7 @@ RandomReader::Search RandomReader::search(std::string_view pattern, std::uint64_
         bytes = bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), wanted)));
         if (bytes.size() < pattern.size()) { // a match could lie across the end of what is in memory
             if (matches(position, pattern))
-                return { position, position };
+                return position;
             ++position;
             continue;
         }
@@ -78,12 +78,12 @@ RandomReader::Search RandomReader::search(std::string_view pattern, std::uint64_
         if (match != nullptr) {
             const auto at = static_cast<std::uint64_t>(static_cast<const std::uint8_t*>(match) - bytes.data());
             work_ += at;
-            return { position + at, position + at };
+            return position + at;
         }
         work_ += bytes.size();
         position += bytes.size() - pattern.size() + 1;
     }
-    return { std::nullopt, position };
+    return std::nullopt;
 }
 
 void RandomReader::read(std::uint64_t position, std::span<std::uint8_t> into)

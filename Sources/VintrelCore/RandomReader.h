@@ -28,8 +28,8 @@ public:
     /// What reading may cost, in bytes looked at, when nobody sets a limit.
     static constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
 
-    /// `window`: of a sweep that goes over the source at the same time; none when there is none. It is told apart from
-    /// reading: what it holds, or will hold soon, costs nothing.
+    /// `window`: of a sweep that goes over the source at the same time; none when there is none. What it holds is not
+    /// read again, and what it will hold soon it reads early.
     RandomReader(DiskSource& source, std::uint64_t start, SweepWindow* window = nullptr)
         : source_(source)
         , window_(window)
@@ -77,17 +77,8 @@ public:
     /// until the next call of anything.
     ByteView stretch(std::uint64_t position);
 
-    /// What a search found, and how far it looked: no match begins between where it started and `searchedTo`.
-    struct Search {
-        std::optional<std::uint64_t> match;
-        std::uint64_t searchedTo;
-    };
     /// The first place in [from, limit) where `pattern` begins and lies wholly before the end of the source.
-    Search search(std::string_view pattern, std::uint64_t from, std::uint64_t limit);
-    std::optional<std::uint64_t> find(std::string_view pattern, std::uint64_t from, std::uint64_t limit)
-    {
-        return search(pattern, from, limit).match;
-    }
+    std::optional<std::uint64_t> find(std::string_view pattern, std::uint64_t from, std::uint64_t limit);
     std::optional<std::uint64_t> find(std::uint8_t byte, std::uint64_t from, std::uint64_t limit)
     {
         const char pattern = static_cast<char>(byte);

@@ -305,15 +305,7 @@ void APFSContainer::estimate(FileNode& node)
         isReused = isFirstReused || isInUse({ first, end });
         isFirst = false;
     }
-    if (!isReused) {
-        node.recoverability = Recoverability::good;
-    } else if (isFirstReused) {
-        node.recoverability = Recoverability::poor;
-        node.addNote("Blokkene er genbrugt af andre filer");
-    } else {
-        node.recoverability = Recoverability::partial;
-        node.addNote("Dele af filen kan være overskrevet");
-    }
+    node.judgeByReuse(isFirstReused, isReused);
 }
 
 bool APFSContainer::isInUse(Blocks blocks)

@@ -197,17 +197,10 @@ void HFSContext::estimateDeleted(FileNode& node, const Runs& runs) const
             isFirst = false;
         }
     }
-    if (allocation_.empty()) {
+    if (allocation_.empty())
         node.recoverability = Recoverability::unknown;
-    } else if (!isReused) {
-        node.recoverability = Recoverability::good;
-    } else if (isFirstReused) {
-        node.recoverability = Recoverability::poor;
-        node.addNote("Blokkene er genbrugt af andre filer");
-    } else {
-        node.recoverability = Recoverability::partial;
-        node.addNote("Dele af filen kan være overskrevet");
-    }
+    else
+        node.judgeByReuse(isFirstReused, isReused);
 }
 
 namespace HFSPlusParser {

@@ -14,7 +14,6 @@ namespace {
 
 constexpr std::size_t sectorSize = 512; // boot sectors are found at any multiple, whatever the disk's own sectors
 constexpr std::size_t headSize = 64;    // what the carver is shown
-constexpr std::size_t leastHead = 32;
 constexpr std::uint64_t apfsBlockSize = 4096;
 constexpr std::uint64_t hfsHeaderOffset = 1024; // from the start of the volume
 
@@ -159,7 +158,7 @@ DeepScanResult DeepScanner::run(WorkProgress* reporter, const std::function<void
             const std::uint64_t offset = position + at;
             if (options_.findVolumes && chunk.size() - at >= sectorSize)
                 structures.look(chunk, at, offset);
-            if (!carver || offset < carveFrom || chunk.size() - at < leastHead)
+            if (!carver || offset < carveFrom)
                 continue;
             auto found = carver->check(chunk.subspan(at, std::min(headSize, chunk.size() - at)), offset);
             if (!found)
