@@ -100,8 +100,7 @@ Found mp3(const Candidate& candidate)
     const auto tag = tagSize(file);
     if (!tag)
         return std::nullopt;
-    std::uint64_t position = *tag;
-    position = behindZeros(file, position, position + maxPadding);
+    std::uint64_t position = behindZeros(file, *tag, *tag + maxPadding);
 
     int frames = 0;
     std::optional<std::uint32_t> kind;

@@ -79,7 +79,7 @@ Found pdf(const Candidate& candidate)
     }
 
     std::uint64_t end = 0;
-    while (const auto mark = candidate.find(candidate.searches.pdfEnds, end, maxSearch)) {
+    while (const auto mark = candidate.find(candidate.searches.pdfEnds, end, end + maxSearch)) {
         if (isInterrupted(candidate, std::max<std::uint64_t>(end, 1), *mark))
             break;
         end = *mark + endOfFile.size();
