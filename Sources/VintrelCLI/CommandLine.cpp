@@ -3,12 +3,12 @@
 #include "VintrelCLI/DiskListing.h"
 #include "VintrelCLI/Signals.h"
 #include "VintrelCLI/TreeListing.h"
-#include "VintrelCore/DeviceStack.h"
-#include "VintrelCore/Imager.h"
-#include "VintrelCore/Recovery.h"
-#include "VintrelCore/Scanner.h"
-#include "VintrelCore/SourceOpener.h"
-#include "VintrelCore/Unicode.h"
+#include "VintrelCore/Devices/DeviceStack.h"
+#include "VintrelCore/Imaging/Imager.h"
+#include "VintrelCore/Recovery/Recovery.h"
+#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Devices/SourceOpener.h"
+#include "VintrelCore/Foundation/Unicode/Unicode.h"
 
 #include <algorithm>
 #include <charconv>

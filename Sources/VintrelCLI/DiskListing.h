@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VintrelCore/DiskList.h"
+#include "VintrelCore/Devices/DiskList.h"
 
 #include <iosfwd>
 #include <vector>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VintrelCore/Model.h"
+#include "VintrelCore/Model/Model.h"
 
 #include <csignal>
 

@@ -1,7 +1,7 @@
 #include "VintrelCLI/TreeListing.h"
 
-#include "VintrelCore/Model.h"
-#include "VintrelCore/Unicode.h"
+#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/Unicode/Unicode.h"
 
 #include <ctime>
 #include <ostream>

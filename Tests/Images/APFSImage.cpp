@@ -1,6 +1,6 @@
 #include "Tests/Images/APFSImage.h"
 
-#include "VintrelCore/APFS.h"
+#include "VintrelCore/FileSystems/APFS/Parser.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Tests/Support/TestSource.h"
-#include "VintrelCore/Binary.h"
+#include "VintrelCore/Foundation/Binary.h"
 
 #include <cstdint>
 #include <memory>

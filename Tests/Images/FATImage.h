@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Tests/Images/DiskImage.h"
-#include "VintrelCore/Model.h"
+#include "VintrelCore/Model/Model.h"
 
 #include <map>
 #include <string>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "VintrelCore/Binary.h"
-#include "VintrelCore/DiskSource.h"
-#include "VintrelCore/NTFS.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/NTFS/Parser.h"
 
 #include <cstdint>
 #include <memory>

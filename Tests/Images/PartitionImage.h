@@ -1,7 +1,7 @@
 #pragma once
 
-#include "VintrelCore/DiskSource.h"
-#include "VintrelCore/Model.h"
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Model/Model.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "VintrelCore/DiskSource.h"
-#include "VintrelCore/FileReader.h"
-#include "VintrelCore/Model.h"
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Recovery/FileReader.h"
+#include "VintrelCore/Model/Model.h"
 
 #include <memory>
 #include <stdexcept>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VintrelCore/DiskSource.h"
+#include "VintrelCore/Disk/DiskSource.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -1,0 +1,146 @@
+#include "VintrelCore/Carving/Carver.h"
+
+#include "VintrelCore/Carving/Formats/Formats.h"
+
+#include <algorithm>
+
+namespace {
+
+/// A kind of file by its first four bytes. A new format is a row here and a reader in Formats.h.
+struct Signature {
+    std::array<std::uint8_t, 4> magic;
+    std::array<std::uint8_t, 4> mask; ///< the bits that count
+    std::optional<FileCategory> gate; ///< none: one signature, several kinds; `wants` sorts them out
+    Formats::Found (*read)(const Candidate&);
+};
+
+constexpr std::array<std::uint8_t, 4> all { 0xFF, 0xFF, 0xFF, 0xFF };
+constexpr std::array<std::uint8_t, 4> firstTwo { 0xFF, 0xFF, 0, 0 };
+constexpr std::array<std::uint8_t, 4> firstThree { 0xFF, 0xFF, 0xFF, 0 };
+
+using enum FileCategory;
+
+constexpr Signature signatures[] = {
+    { { 0xFF, 0xD8, 0xFF, 0xC0 }, { 0xFF, 0xFF, 0xFF, 0xC0 }, image, Formats::jpeg }, // any marker from C0 on
+    { { 0x89, 'P', 'N', 'G' }, all, image, Formats::png },
+    { { 'G', 'I', 'F', '8' }, all, image, Formats::gif },
+    { { 'B', 'M', 0, 0 }, firstTwo, image, Formats::bmp },
+    { { 'I', 'I', 0x2A, 0 }, all, image, Formats::tiff },
+    { { 'I', 'I', 0x2A, 0x4F }, all, image, Formats::tiff },
+    { { 'I', 'I', 0x52, 0 }, all, image, Formats::tiff }, // 52: Olympus
+    { { 'I', 'I', 0x52, 0x4F }, all, image, Formats::tiff },
+    { { 'I', 'I', 0x55, 0 }, all, image, Formats::tiff }, // 55: Panasonic
+    { { 'I', 'I', 0x55, 0x4F }, all, image, Formats::tiff },
+    { { 'M', 'M', 0, 0x2A }, all, image, Formats::tiff },
+    { { 'F', 'U', 'J', 'I' }, all, image, Formats::raf },
+    { { 'R', 'a', 'r', '!' }, all, archive, Formats::rar },
+    { { 'R', 'I', 'F', 'F' }, all, std::nullopt, Formats::riff },
+    { { 'F', 'O', 'R', 'M' }, all, audio, Formats::aiff },
+    { { 0x1A, 0x45, 0xDF, 0xA3 }, all, std::nullopt, Formats::ebml },
+    { { '%', 'P', 'D', 'F' }, all, document, Formats::pdf },
+    { { '7', 'z', 0xBC, 0xAF }, all, archive, Formats::sevenZip },
+    { { 'S', 'Q', 'L', 'i' }, all, document, Formats::sqlite },
+    { { 0xD0, 0xCF, 0x11, 0xE0 }, all, document, Formats::ole },
+    { { 'O', 'g', 'g', 'S' }, all, std::nullopt, Formats::ogg },
+    { { 'P', 'K', 3, 4 }, all, std::nullopt, Formats::zip },
+    { { 'I', 'D', '3', 0 }, firstThree, audio, Formats::mp3 },
+    { { '{', '\\', 'r', 't' }, all, document, Formats::rtf },
+};
+
+/// Which first bytes have a row: what nearly every sector is asked, and nothing else.
+constexpr auto startsSignature = [] {
+    std::array<bool, 256> starts {};
+    for (const auto& signature : signatures)
+        starts[signature.magic[0]] = true;
+    return starts;
+}();
+
+bool matches(ByteView head, const Signature& signature)
+{
+    for (std::size_t i = 0; i < signature.magic.size(); ++i)
+        if ((head.data()[i] & signature.mask[i]) != signature.magic[i])
+            return false;
+    return true;
+}
+
+constexpr std::size_t leastHead = 32;
+
+/// What all candidates together may look at in vain: this much, and this many times what the sweep itself has passed.
+/// Sound disks stay far below. It is the bound that keeps a disk full of beginnings without an end (planted or not)
+/// linear, whatever its kind of file; where it is used up a candidate gets only what its headers take, until the sweep
+/// has moved on. Searches for end marks do not count: no byte of the source is searched twice for the same one.
+constexpr std::uint64_t workAhead = 1'073'741'824;
+constexpr std::uint64_t workPerByteSwept = 4;
+constexpr std::uint64_t leastWork = 4096;
+
+/// Memory does not grow with the source.
+constexpr std::size_t maxZIPStarts = 262'144;
+
+} // namespace
+
+const std::set<FileCategory>& carvedCategories()
+{
+    static const std::set<FileCategory> categories { image, video, audio, document, archive };
+    return categories;
+}
+
+Carver::Carver(DiskSource& source, std::set<FileCategory> categories, SweepWindow* window)
+    : categories_(std::move(categories))
+    , reader_(source, 0, window)
+    , searches_(std::make_unique<CarverSearches>(source, window))
+{
+}
+
+Carver::~Carver() = default;
+
+void Carver::windowMoved(std::uint64_t offset)
+{
+    reader_.windowMoved();
+    searches_->anywhere.windowMoved();
+    if (searches_->zipStarts.size() > maxZIPStarts) // it can be found out again
+        searches_->zipStarts.clear();
+    for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds })
+        search->windowMoved(offset);
+}
+
+std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
+{
+    if (head.size() < leastHead)
+        return std::nullopt;
+    const bool isISOMedia = head.matches("ftyp", 4);
+    if (!startsSignature[head.data()[0]] && !isISOMedia)
+        return std::nullopt;
+
+    const Candidate candidate { reader_, categories_, *searches_ };
+    const auto tryFormat = [&](Formats::Found (*read)(const Candidate&)) {
+        const std::uint64_t allowed = workAhead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
+        reader_.moveTo(offset);
+        reader_.limitWork(std::max(allowed - std::min(allowed, work_), leastWork));
+        auto found = read(candidate);
+        if (found && (reader_.isExhausted() || found->size == 0))
+            found.reset();
+        // The sweep passes over a file that was found; what went beyond the limit is no debt.
+        if (!found || !found->exact || found->size > reader_.size())
+            work_ = std::min(work_ + reader_.work(), std::max(allowed, work_));
+        return found;
+    };
+
+    std::optional<CarvedFile> found;
+    const auto* const signature
+        = std::ranges::find_if(signatures, [&](const Signature& row) { return matches(head, row); });
+    if (signature != std::end(signatures) && (!signature->gate || categories_.contains(*signature->gate)))
+        found = tryFormat(signature->read);
+    if (!found && isISOMedia)
+        found = tryFormat(Formats::isoBMFF);
+    if (found && !wants(found->ext))
+        found.reset();
+    return found;
+}
+
+bool Carver::wants(std::string_view extension) const
+{
+    if (categories_.contains(categoryOf("x." + std::string(extension))))
+        return true;
+    // Listed among other files, yet carved as documents.
+    return categories_.contains(document) && (extension == "sqlite" || extension == "msg");
+}

@@ -1,0 +1,68 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Disk/RandomReader.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+
+class DiskSource;
+struct CarverSearches;
+
+/// A file that was found by its content alone.
+struct CarvedFile {
+    std::uint64_t offset = 0;      ///< of its first byte, in bytes on the source
+    std::uint64_t size = 0;        ///< in bytes; what the format says, which may be more than the source holds
+    std::string ext;               ///< in lower case, without the dot
+    bool exact = true;             ///< whether the format itself tells the length; otherwise it is an estimate
+    std::optional<Date> date = {}; ///< when it was taken; only JPEG and ISO media files say
+
+    bool operator==(const CarvedFile&) const = default;
+};
+
+/// Every category but `other`, which is never carved.
+const std::set<FileCategory>& carvedCategories();
+
+/// Tells whether a file of a known kind begins at a place, and how long it is. One carver serves a whole sweep from
+/// front to back, on one thread.
+class Carver {
+public:
+    struct SupportedType {
+        FileCategory category;
+        std::string_view names;
+    };
+    static constexpr std::array<SupportedType, 5> supportedTypes { {
+        { FileCategory::image,
+            "JPEG, PNG, GIF, BMP, TIFF, HEIC, AVIF, WebP, RAW (CR2, CR3, NEF, ARW, DNG, ORF, RW2, RAF, PEF)" },
+        { FileCategory::video, "MP4, MOV, M4V, 3GP, AVI, MKV, WebM, OGV" },
+        { FileCategory::audio, "MP3, M4A, WAV, AIFF, OGG, Opus" },
+        { FileCategory::document, "PDF, DOCX, XLSX, PPTX, DOC, XLS, PPT, ODT, ODS, ODP, EPUB, RTF, SQLite, MSG" },
+        { FileCategory::archive, "ZIP, 7-Zip, RAR, JAR" },
+    } };
+
+    /// `window`: of the sweep, so that what it holds is not read again; none without a sweep.
+    Carver(DiskSource& source, std::set<FileCategory> categories, SweepWindow* window = nullptr);
+    ~Carver();
+
+    /// The file that begins at byte `offset` of the source; none when none does, or none of a wanted kind. `head`: the
+    /// bytes that lie there; with fewer than 32 there is no find.
+    std::optional<CarvedFile> check(ByteView head, std::uint64_t offset);
+
+    /// Whether files with this extension belong to the categories.
+    bool wants(std::string_view extension) const;
+
+    /// To be told whenever the window has moved, to `offset`. No candidate comes from before that.
+    void windowMoved(std::uint64_t offset);
+
+private:
+    std::set<FileCategory> categories_;
+    RandomReader reader_;
+    std::unique_ptr<CarverSearches> searches_;
+    std::uint64_t work_ = 0; ///< of the candidates that were no files, as RandomReader counts it
+};

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "VintrelCore/Carving/Carver.h"
+#include "VintrelCore/Carving/Formats/RememberedSearch.h"
+
+#include <unordered_map>
+
+/// What candidates learn for those behind them.
+struct CarverSearches {
+    CarverSearches(DiskSource& source, SweepWindow* window)
+        : pdfStarts(source, window, "%PDF-")
+        , pdfEnds(source, window, "%%EOF")
+        , zipEnds(source, window, "PK\x05\x06")
+        , anywhere(source, 0, window)
+    {
+    }
+
+    RememberedSearch pdfStarts;
+    RememberedSearch pdfEnds;
+    RememberedSearch zipEnds;
+    RandomReader anywhere; ///< for looks at what lies before a candidate
+    /// Where the archive verifiably begins that an end record belongs to; none when that cannot be told.
+    std::unordered_map<std::uint64_t, std::optional<std::uint64_t>> zipStarts;
+};
+
+/// A place where a file may begin: what the format readers work with.
+struct Candidate {
+    RandomReader& file; ///< position 0 is the file's first byte
+    const std::set<FileCategory>& categories;
+    CarverSearches& searches;
+
+    CarvedFile found(std::uint64_t size, std::string ext) const
+    {
+        return { .offset = file.start(), .size = size, .ext = std::move(ext) };
+    }
+    /// The first match in [from, limit), counted from the file's first byte.
+    std::optional<std::uint64_t> find(RememberedSearch& search, std::uint64_t from, std::uint64_t limit) const
+    {
+        file.addWork(8 * RandomReader::workOfSmallRead);
+        const auto match = search.next(file.start() + from, file.start() + limit);
+        return match ? std::optional(*match - file.start()) : std::nullopt;
+    }
+    /// Whether the bytes up to `end` lie on the source.
+    bool fits(std::uint64_t end) const { return end <= file.size(); }
+};
+
+/// One reader for each format. It confirms that a file of its kind begins at the candidate's place and follows the
+/// file's own structure to its end; none when the structure does not hold together. Every walk has a limit of its own.
+namespace Formats {
+
+using Found = std::optional<CarvedFile>;
+
+Found jpeg(const Candidate& candidate);
+Found png(const Candidate& candidate);
+Found gif(const Candidate& candidate);
+Found bmp(const Candidate& candidate);
+Found tiff(const Candidate& candidate);
+Found raf(const Candidate& candidate);
+Found riff(const Candidate& candidate);
+Found rar(const Candidate& candidate);
+Found aiff(const Candidate& candidate);
+Found zip(const Candidate& candidate);
+Found pdf(const Candidate& candidate);
+Found sevenZip(const Candidate& candidate);
+Found sqlite(const Candidate& candidate);
+Found ole(const Candidate& candidate);
+Found ebml(const Candidate& candidate);
+Found ogg(const Candidate& candidate);
+Found mp3(const Candidate& candidate);
+Found rtf(const Candidate& candidate);
+Found isoBMFF(const Candidate& candidate);
+
+/// When a picture was taken, or else last changed, by the TIFF structure of its Exif data; the camera's clock is taken
+/// for local time. None when it does not say, or says what no calendar holds.
+std::optional<Date> exifDate(ByteView tiff);
+
+} // namespace Formats

@@ -1,0 +1,73 @@
+#include "VintrelCore/Carving/Formats/Formats.h"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace Formats {
+
+namespace {
+
+constexpr int maxPages = 10'000'000;
+constexpr std::size_t maxStreams = 16;
+constexpr std::uint8_t beginsStream = 0x02;
+constexpr std::uint8_t endsStream = 0x04;
+
+struct PageHeader {
+    std::array<std::uint8_t, 4> magic;    //  0
+    std::uint8_t version;                 //  4
+    std::uint8_t flags;                   //  5
+    std::array<std::uint8_t, 8> position; //  6
+    LE32 stream;                          // 14  which of the logical streams the page belongs to
+    LE32 sequence;                        // 18
+    LE32 checksum;                        // 22
+    std::uint8_t segments;                // 26  as many lengths follow, then the segments
+};
+static_assert(sizeof(PageHeader) == 27 && offsetof(PageHeader, stream) == 14);
+
+std::uint64_t segmentsSize(RandomReader& file, std::uint64_t lengths, std::uint8_t count)
+{
+    std::array<std::uint8_t, 255> sizes;
+    sizes = file.load<decltype(sizes)>(lengths);
+    std::uint64_t sum = 0;
+    for (std::size_t i = 0; i < count; ++i)
+        sum += sizes[i];
+    return sum;
+}
+
+const char* extension(RandomReader& file)
+{
+    const std::uint64_t firstPacket = sizeof(PageHeader) + file.u8(26);
+    if (file.matches(firstPacket, "OpusHead"))
+        return "opus";
+    if (file.matches(firstPacket, "\x80theora"))
+        return "ogv";
+    return "ogg";
+}
+
+} // namespace
+
+Found ogg(const Candidate& candidate)
+{
+    auto& file = candidate.file;
+    std::vector<std::uint32_t> open; // logical streams that began and have not ended
+    std::uint64_t position = 0;
+    for (int page = 0; page < maxPages && candidate.fits(position + sizeof(PageHeader)); ++page) {
+        const auto header = file.load<PageHeader>(position);
+        if (!ByteView(header.magic).matches("OggS", 0) || header.version != 0)
+            return std::nullopt;
+        const std::uint32_t stream = header.stream;
+        if ((header.flags & beginsStream) != 0 && std::ranges::count(open, stream) == 0)
+            open.push_back(stream);
+        if (open.empty() || open.size() > maxStreams) // empty: the first page does not begin a stream
+            return std::nullopt;
+        position += sizeof(PageHeader) + header.segments;
+        position += segmentsSize(file, position - header.segments, header.segments);
+        if ((header.flags & endsStream) != 0)
+            std::erase(open, stream);
+        if (open.empty())
+            return candidate.found(position, extension(file));
+    }
+    return std::nullopt;
+}
+
+} // namespace Formats

@@ -1,0 +1,34 @@
+#include "VintrelCore/Carving/Formats/Formats.h"
+
+#include <algorithm>
+
+namespace Formats {
+
+Found raf(const Candidate& candidate)
+{
+    struct Part {
+        BE32 offset;
+        BE32 length;
+    };
+    struct Parts { // JPEG preview, sensor header, sensor data
+        std::array<Part, 3> all;
+    };
+    constexpr std::uint64_t partsOffset = 84;
+    constexpr std::uint64_t maxEnd = 2'147'483'648;
+    constexpr std::uint64_t leastSize = 1025;
+
+    auto& file = candidate.file;
+    if (!file.matches(0, "FUJIFILMCCD-RAW "))
+        return std::nullopt;
+    std::uint64_t size = 0;
+    for (const auto& part : file.load<Parts>(partsOffset).all) {
+        const std::uint64_t end = std::uint64_t { part.offset } + part.length;
+        if (part.offset != 0 && part.length != 0 && end < maxEnd)
+            size = std::max(size, end);
+    }
+    if (size < leastSize)
+        return std::nullopt;
+    return candidate.found(size, "raf");
+}
+
+} // namespace Formats

@@ -1,0 +1,105 @@
+#include "VintrelCore/Carving/Formats/Formats.h"
+
+#include <cstddef>
+
+namespace Formats {
+
+namespace {
+
+constexpr int maxBlocks = 1'000'000;
+
+struct Block4 {
+    LE16 checksum;     // 0
+    std::uint8_t type; // 2
+    LE16 flags;        // 3
+    LE16 headerSize;   // 5
+    LE32 dataSize;     // 7  only with the flag hasData4
+};
+static_assert(sizeof(Block4) == 11 && offsetof(Block4, dataSize) == 7);
+
+constexpr std::uint8_t firstType4 = 0x72;
+constexpr std::uint8_t fileType4 = 0x74;
+constexpr std::uint8_t serviceType4 = 0x7A;
+constexpr std::uint8_t endType4 = 0x7B;
+constexpr std::uint16_t leastHeader4 = 7;
+constexpr std::uint16_t isLarge4 = 0x0100; // of files: the upper half of the data size lies at highSizeOffset
+constexpr std::uint16_t hasData4 = 0x8000;
+constexpr std::uint64_t highSizeOffset = 32;
+
+Found version4(const Candidate& candidate)
+{
+    auto& file = candidate.file;
+    std::uint64_t position = 7;
+    for (int count = 0; count < maxBlocks && candidate.fits(position + leastHeader4); ++count) {
+        const auto block = file.load<Block4>(position);
+        if (block.type < firstType4 || block.type > endType4 || block.headerSize < leastHeader4)
+            return std::nullopt;
+        std::uint64_t dataSize = (block.flags & hasData4) != 0 ? std::uint64_t { block.dataSize } : 0;
+        if ((block.type == fileType4 || block.type == serviceType4) && (block.flags & isLarge4) != 0)
+            dataSize += std::uint64_t { file.u32le(position + highSizeOffset) } << 32;
+        if (dataSize > file.size())
+            return std::nullopt;
+        position += block.headerSize + dataSize;
+        if (block.type == endType4)
+            return candidate.found(position, "rar");
+    }
+    return std::nullopt;
+}
+
+constexpr std::uint64_t checksumSize5 = 4;
+constexpr std::uint64_t maxHeader5 = 2'097'152; // what the format allows
+constexpr std::uint64_t hasExtra5 = 1;
+constexpr std::uint64_t hasData5 = 2;
+constexpr std::uint64_t endType5 = 5; // 1: archive, 2: file, 3: service, 4: encryption
+
+/// Reads a number of seven bits a byte, the lowest first, and moves behind it. None when it does not end in 64 bits.
+std::optional<std::uint64_t> takeNumber(RandomReader& file, std::uint64_t& position)
+{
+    std::uint64_t value = 0;
+    for (unsigned shift = 0; shift < 63; shift += 7) {
+        const auto byte = file.u8(position++);
+        value |= std::uint64_t { byte & 0x7Fu } << shift;
+        if (byte < 0x80)
+            return value;
+    }
+    return std::nullopt;
+}
+
+Found version5(const Candidate& candidate)
+{
+    auto& file = candidate.file;
+    std::uint64_t position = 8;
+    for (int count = 0; count < maxBlocks && candidate.fits(position + checksumSize5 + 3); ++count) {
+        position += checksumSize5;
+        const auto headerSize = takeNumber(file, position);
+        const std::uint64_t header = position;
+        const auto type = takeNumber(file, position);
+        const auto flags = takeNumber(file, position);
+        if (!headerSize || !type || !flags || *headerSize < 2 || *headerSize > maxHeader5 || *type < 1
+            || *type > endType5 || (count == 0 && *type > 4))
+            return std::nullopt;
+        if ((*flags & hasExtra5) != 0 && !takeNumber(file, position))
+            return std::nullopt;
+        const auto dataSize = (*flags & hasData5) != 0 ? takeNumber(file, position) : 0;
+        if (!dataSize || *dataSize > file.size())
+            return std::nullopt;
+        position = header + *headerSize + *dataSize;
+        if (*type == endType5)
+            return candidate.found(position, "rar");
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+Found rar(const Candidate& candidate)
+{
+    using namespace std::string_view_literals;
+    if (candidate.file.matches(0, "Rar!\x1A\x07\0"sv))
+        return version4(candidate);
+    if (candidate.file.matches(0, "Rar!\x1A\x07\x01\0"sv))
+        return version5(candidate);
+    return std::nullopt;
+}
+
+} // namespace Formats

@@ -1,0 +1,264 @@
+#include "VintrelCore/Carving/Formats/Formats.h"
+
+#include <algorithm>
+#include <cctype>
+#include <deque>
+#include <unordered_set>
+
+namespace Formats {
+
+namespace {
+
+constexpr std::uint64_t firstDirectoryLimit = 67'108'864;
+constexpr std::uint64_t endLimit = 2'147'483'648; // an end at or beyond it is taken for damage
+constexpr std::uint64_t leastDataEnd = 1025;
+constexpr std::size_t maxDirectories = 64;
+constexpr unsigned maxEntries = 999;
+constexpr std::uint32_t maxValues = 1'000'000; // of one entry; a strip for each line of the largest pictures
+constexpr std::size_t maxMakerLength = 31;
+
+enum Tag : std::uint16_t {
+    panasonicJPEG = 0x002E,
+    maker = 0x010F,
+    stripOffsets = 0x0111,
+    stripByteCounts = 0x0117,
+    panasonicRawOffset = 0x0118,
+    tileOffsets = 0x0144,
+    tileByteCounts = 0x0145,
+    subDirectories = 0x014A,
+    previewOffset = 0x0201,
+    previewLength = 0x0202,
+    exifDirectory = 0x8769,
+    gpsDirectory = 0x8825,
+    interoperabilityDirectory = 0xA005,
+    dngVersion = 0xC612,
+};
+
+constexpr std::uint8_t olympusMarker = 0x52;
+constexpr std::uint8_t panasonicMarker = 0x55;
+constexpr std::uint32_t noStripOffset = 0xFFFF'FFFF; // on Panasonic's: the raw data lies where its own tag says
+
+/// Bytes of one value by its type, 0 for a type that does not exist.
+std::uint64_t valueSize(std::uint16_t type)
+{
+    constexpr std::array<std::uint8_t, 14> sizes { 0, 1, 1, 2, 4, 8, 1, 1, 2, 4, 8, 4, 8, 4 };
+    return type < sizes.size() ? sizes[type] : 0;
+}
+
+/// One line of a directory, in the byte order of the file.
+struct Entry {
+    std::uint16_t tag;
+    std::uint16_t type;
+    std::uint32_t count;
+    std::uint64_t position; ///< of its values
+    bool isInline;
+
+    std::uint64_t end() const { return position + valueSize(type) * count; }
+};
+
+/// Follows the directories of one file and learns what they say about it.
+class Walk {
+public:
+    Walk(RandomReader& file, bool isLittle, std::uint8_t marker)
+        : file_(file)
+        , isLittle_(isLittle)
+        , marker_(marker)
+    {
+    }
+
+    /// False when the first directory is no directory.
+    bool run()
+    {
+        const std::uint64_t first = u32(4);
+        if (first < 8 || first >= firstDirectoryLimit)
+            return false;
+        enqueue(first);
+        for (std::size_t count = 0; count < maxDirectories && !queue_.empty(); ++count) {
+            const auto directory = queue_.front();
+            queue_.pop_front();
+            if (!readDirectory(directory) && count == 0)
+                return false;
+        }
+        return true;
+    }
+
+    bool hasImage() const { return dataEnd_ > 0; }
+    std::uint64_t dataEnd() const { return dataEnd_; }
+    /// The end of everything that a reader of the file looks at.
+    std::uint64_t end() const { return std::max(dataEnd_, structureEnd_); }
+
+    const char* extension()
+    {
+        std::ranges::transform(maker_, maker_.begin(),
+            [](char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); });
+        constexpr struct {
+            std::string_view maker;
+            const char* ext;
+        } makers[] = { { "NIKON", "nef" }, { "SONY", "arw" }, { "PENTAX", "pef" }, { "RICOH", "pef" },
+            { "SAMSUNG", "srw" }, { "CANON", "cr2" } };
+
+        if (marker_ == olympusMarker)
+            return "orf";
+        if (marker_ == panasonicMarker)
+            return "rw2";
+        if (maker_.starts_with("OLYMPUS") || maker_.starts_with("OM DIGITAL"))
+            return "orf";
+        if (isDNG_)
+            return "dng";
+        if (file_.matches(8, "CR"))
+            return "cr2";
+        for (const auto& [name, ext] : makers)
+            if (maker_.starts_with(name))
+                return ext;
+        return "tif";
+    }
+
+private:
+    std::uint16_t u16(std::uint64_t position) { return isLittle_ ? file_.u16le(position) : file_.u16be(position); }
+    std::uint32_t u32(std::uint64_t position) { return isLittle_ ? file_.u32le(position) : file_.u32be(position); }
+
+    void enqueue(std::uint64_t directory)
+    {
+        if (directory != 0 && queue_.size() < maxDirectories && seen_.insert(directory).second)
+            queue_.push_back(directory);
+    }
+
+    /// The value number `index` of an entry: offsets and lengths are 16 or 32 bits wide.
+    std::uint32_t value(const Entry& entry, std::uint32_t index)
+    {
+        return valueSize(entry.type) == 2 ? u16(entry.position + std::uint64_t { index } * 2)
+                                          : u32(entry.position + std::uint64_t { index } * 4);
+    }
+
+    void addData(std::uint64_t offset, std::uint64_t length)
+    {
+        if (offset != 0 && length != 0 && offset + length < endLimit)
+            dataEnd_ = std::max(dataEnd_, offset + length);
+    }
+
+    void addStructure(std::uint64_t end)
+    {
+        if (end < endLimit)
+            structureEnd_ = std::max(structureEnd_, end);
+    }
+
+    void addPieces(const std::optional<Entry>& offsets, const std::optional<Entry>& lengths)
+    {
+        if (!offsets || !lengths)
+            return;
+        const auto count = std::min({ offsets->count, lengths->count, maxValues });
+        for (std::uint32_t i = 0; i < count && !file_.isExhausted(); ++i)
+            if (const auto offset = value(*offsets, i); offset != noStripOffset)
+                addData(offset, value(*lengths, i));
+    }
+
+    Entry readEntry(std::uint64_t position)
+    {
+        Entry entry { u16(position), u16(position + 2), u32(position + 4), position + 8, true };
+        if (valueSize(entry.type) * entry.count > 4) {
+            entry.position = u32(position + 8);
+            entry.isInline = false;
+        }
+        return entry;
+    }
+
+    bool readDirectory(std::uint64_t start)
+    {
+        constexpr std::uint64_t entrySize = 12;
+        const unsigned entries = u16(start);
+        const std::uint64_t end = start + 2 + entries * entrySize + 4;
+        if (entries < 1 || entries > maxEntries || end > file_.size())
+            return false;
+        addStructure(end);
+
+        std::optional<Entry> strips, stripLengths, tiles, tileLengths, preview, previewSize, rawOffset;
+        for (unsigned i = 0; i < entries; ++i) {
+            const auto entry = readEntry(start + 2 + i * entrySize);
+            if (!entry.isInline)
+                addStructure(entry.end());
+            switch (entry.tag) {
+            case stripOffsets:
+                strips = entry;
+                break;
+            case stripByteCounts:
+                stripLengths = entry;
+                break;
+            case tileOffsets:
+                tiles = entry;
+                break;
+            case tileByteCounts:
+                tileLengths = entry;
+                break;
+            case previewOffset:
+                preview = entry;
+                break;
+            case previewLength:
+                previewSize = entry;
+                break;
+            case panasonicRawOffset:
+                rawOffset = entry;
+                break;
+            case panasonicJPEG:
+                if (marker_ == panasonicMarker)
+                    addData(entry.position, entry.count);
+                break;
+            case maker:
+                readMaker(entry);
+                break;
+            case dngVersion:
+                isDNG_ = true;
+                break;
+            case subDirectories:
+            case exifDirectory:
+            case gpsDirectory:
+            case interoperabilityDirectory:
+                for (std::uint32_t n = 0; n < entry.count && n < maxDirectories; ++n)
+                    enqueue(value(entry, n));
+                break;
+            default:
+                break;
+            }
+        }
+        addPieces(strips, stripLengths);
+        addPieces(tiles, tileLengths);
+        addPieces(preview, previewSize);
+        if (marker_ == panasonicMarker && rawOffset && strips && value(*strips, 0) == noStripOffset)
+            addData(value(*rawOffset, 0), stripLengths ? value(*stripLengths, 0) : 0);
+        enqueue(u32(end - 4)); // the next picture
+        return true;
+    }
+
+    void readMaker(const Entry& entry)
+    {
+        maker_.clear();
+        for (std::uint64_t i = 0; i < std::min<std::uint64_t>(entry.count, maxMakerLength); ++i) {
+            const auto byte = file_.u8(entry.position + i);
+            if (byte < 0x20 || byte > 0x7E)
+                break;
+            maker_ += static_cast<char>(byte);
+        }
+    }
+
+    RandomReader& file_;
+    bool isLittle_;
+    std::uint8_t marker_;
+    std::deque<std::uint64_t> queue_;
+    std::unordered_set<std::uint64_t> seen_; // directories that point at each other are read once
+    std::uint64_t dataEnd_ = 0;
+    std::uint64_t structureEnd_ = 0;
+    std::string maker_;
+    bool isDNG_ = false;
+};
+
+} // namespace
+
+Found tiff(const Candidate& candidate)
+{
+    const bool isLittle = candidate.file.u8(0) == 'I';
+    Walk walk(candidate.file, isLittle, isLittle ? candidate.file.u8(2) : 0x2A);
+    if (!walk.run() || !walk.hasImage() || walk.dataEnd() < leastDataEnd)
+        return std::nullopt;
+    return candidate.found(walk.end(), walk.extension());
+}
+
+} // namespace Formats

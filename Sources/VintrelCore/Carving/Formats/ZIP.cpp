@@ -1,0 +1,231 @@
+#include "VintrelCore/Carving/Formats/Formats.h"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace Formats {
+
+namespace {
+
+constexpr std::uint64_t maxSize = 8'589'934'592;
+constexpr std::uint64_t maxSearch = 1'073'741'824;
+constexpr int maxRecords = 999'999;
+constexpr std::uint64_t maxZip64End = 1'048'576;
+constexpr std::size_t namesRegion = 65'536; // at each end of the file; enough to tell the kind
+
+constexpr std::uint32_t localSignature = 0x0403'4B50;
+constexpr std::uint32_t centralSignature = 0x0201'4B50;
+constexpr std::uint32_t endSignature = 0x0605'4B50;
+constexpr std::uint32_t zip64EndSignature = 0x0606'4B50;
+constexpr std::uint32_t zip64LocatorSignature = 0x0706'4B50;
+
+struct LocalHeader {
+    LE32 signature;                      //  0
+    LE16 version;                        //  4
+    LE16 flags;                          //  6
+    std::array<std::uint8_t, 10> unused; //  8
+    LE32 compressedSize;                 // 18
+    LE32 size;                           // 22
+    LE16 nameLength;                     // 26
+    LE16 extraLength;                    // 28
+
+    std::uint64_t dataOffset() const { return sizeof(LocalHeader) + nameLength + extraLength; }
+};
+static_assert(sizeof(LocalHeader) == 30 && offsetof(LocalHeader, nameLength) == 26);
+
+struct CentralHeader {
+    LE32 signature;                       //  0
+    std::array<std::uint8_t, 24> unused1; //  4
+    LE16 nameLength;                      // 28
+    LE16 extraLength;                     // 30
+    LE16 commentLength;                   // 32
+    std::array<std::uint8_t, 12> unused2; // 34
+};
+static_assert(sizeof(CentralHeader) == 46 && offsetof(CentralHeader, commentLength) == 32);
+
+struct EndRecord {
+    LE32 signature;                     //  0
+    std::array<std::uint8_t, 8> unused; //  4
+    LE32 directorySize;                 // 12
+    LE32 directoryOffset;               // 16  from the start of the archive
+    LE16 commentLength;                 // 20
+};
+static_assert(sizeof(EndRecord) == 22 && offsetof(EndRecord, commentLength) == 20);
+
+/// What says all this for archives beyond 4 GB, or written by those who did not know how large they would become: the
+/// locator lies in front of the end record, and in front of the locator its record.
+struct Zip64Locator {
+    LE32 signature;    //  0
+    LE32 disk;         //  4
+    LE64 recordOffset; //  8  from the start of the archive
+    LE32 disks;        // 16
+};
+static_assert(sizeof(Zip64Locator) == 20 && offsetof(Zip64Locator, recordOffset) == 8);
+constexpr std::uint64_t zip64EndSize = 56;
+
+constexpr std::uint16_t hasDescriptor = 8; // the sizes stand behind the data, where nobody can find them
+constexpr std::uint32_t inZip64 = 0xFFFF'FFFF;
+
+/// Where a walk from record to record stopped, and whether that was behind the end record.
+struct Walk {
+    std::uint64_t position = 0;
+    bool isComplete = false;
+};
+
+Walk walkRecords(RandomReader& file)
+{
+    Walk walk;
+    auto& position = walk.position;
+    for (int count = 0; count < maxRecords && position < maxSize && position < file.size(); ++count) {
+        switch (file.u32le(position)) {
+        case localSignature: {
+            const auto header = file.load<LocalHeader>(position);
+            if ((header.flags & hasDescriptor) != 0 || header.compressedSize == inZip64)
+                return walk;
+            position += header.dataOffset() + header.compressedSize;
+            break;
+        }
+        case centralSignature: {
+            const auto header = file.load<CentralHeader>(position);
+            position += sizeof header + header.nameLength + header.extraLength + header.commentLength;
+            break;
+        }
+        case zip64EndSignature: {
+            const auto size = file.u64le(position + 4);
+            if (size >= maxZip64End)
+                return walk;
+            position += 12 + size;
+            break;
+        }
+        case zip64LocatorSignature:
+            position += sizeof(Zip64Locator);
+            break;
+        case endSignature:
+            position += sizeof(EndRecord) + file.load<EndRecord>(position).commentLength;
+            walk.isComplete = true;
+            return walk;
+        default:
+            return walk;
+        }
+    }
+    return walk;
+}
+
+/// How far the end record at `position` claims to lie behind the archive's start; none when it does not say.
+std::optional<std::uint64_t> claimedDistance(RandomReader& file, std::uint64_t position)
+{
+    const auto record = file.load<EndRecord>(position);
+    if (record.directoryOffset != inZip64 && record.directorySize != inZip64)
+        return std::uint64_t { record.directorySize } + record.directoryOffset;
+    constexpr std::uint64_t recordDistance = sizeof(Zip64Locator) + zip64EndSize;
+    if (position < recordDistance || file.u32le(position - recordDistance) != zip64EndSignature)
+        return std::nullopt;
+    const auto locator = file.load<Zip64Locator>(position - sizeof(Zip64Locator));
+    if (locator.signature != zip64LocatorSignature || locator.recordOffset > maxSize)
+        return std::nullopt;
+    return locator.recordOffset + recordDistance;
+}
+
+/// Where the archive begins that ends with the end record at `position`; none unless a local header lies there.
+std::optional<std::uint64_t> archiveStart(const Candidate& candidate, std::uint64_t position)
+{
+    auto& file = candidate.file;
+    const std::uint64_t end = file.start() + position;
+    const auto [known, isNew] = candidate.searches.zipStarts.try_emplace(end);
+    if (!isNew)
+        return known->second;
+    const auto distance = claimedDistance(file, position);
+    if (!distance || *distance > end)
+        return std::nullopt;
+    if (candidate.searches.anywhere.u32le(end - *distance) == localSignature)
+        known->second = end - *distance;
+    return known->second;
+}
+
+/// The end of the archive by the first end record from `position` on that does not verifiably belong to another one.
+std::optional<std::uint64_t> searchEnd(const Candidate& candidate, std::uint64_t position)
+{
+    auto& file = candidate.file;
+    const std::uint64_t limit = position + maxSearch;
+    while (const auto mark = candidate.find(candidate.searches.zipEnds, position, limit)) {
+        if (file.isExhausted())
+            break;
+        const auto start = archiveStart(candidate, *mark);
+        if (!start || *start == file.start())
+            return *mark + sizeof(EndRecord) + file.load<EndRecord>(*mark).commentLength;
+        position = *mark + 1;
+    }
+    return std::nullopt;
+}
+
+/// The kind of an archive whose first file is the "mimetype" of the open document formats.
+const char* kindOfMimetype(RandomReader& file, const LocalHeader& first)
+{
+    constexpr struct {
+        std::string_view content;
+        const char* ext;
+    } kinds[] = { { "application/vnd.oasis.opendocument.text", "odt" },
+        { "application/vnd.oasis.opendocument.spreadsheet", "ods" },
+        { "application/vnd.oasis.opendocument.presentation", "odp" }, { "application/epub+zip", "epub" } };
+    for (const auto& [content, ext] : kinds)
+        if (file.matches(first.dataOffset(), content))
+            return ext;
+    return "zip";
+}
+
+/// The names that tell a kind, in the order in which they decide.
+constexpr struct {
+    std::string_view name;
+    const char* ext;
+} namedKinds[] = { { "word/", "docx" }, { "xl/", "xlsx" }, { "ppt/", "pptx" }, { "META-INF/MANIFEST.MF", "jar" } };
+
+/// The first of `namedKinds` that the records in these bytes name; their number when none does. Only names of entries
+/// count: the same letters in somebody's text say nothing.
+std::size_t firstNamedKind(ByteView bytes)
+{
+    auto first = std::size(namedKinds);
+    const auto size = static_cast<std::int64_t>(bytes.size());
+    for (std::int64_t at = 0; at + 4 <= size; ++at) {
+        if (bytes.data()[at] != 'P')
+            continue;
+        const auto signature = bytes.u32le(at);
+        if (signature != localSignature && signature != centralSignature)
+            continue;
+        const std::int64_t name
+            = at + static_cast<std::int64_t>(signature == localSignature ? sizeof(LocalHeader) : sizeof(CentralHeader));
+        for (std::size_t kind = 0; kind < first; ++kind)
+            if (bytes.matches(namedKinds[kind].name, name))
+                first = kind;
+    }
+    return first;
+}
+
+const char* kindOf(RandomReader& file, std::uint64_t size)
+{
+    constexpr std::string_view mimetype = "mimetype";
+    const auto first = file.load<LocalHeader>(0);
+    if (first.nameLength == mimetype.size() && file.matches(sizeof(LocalHeader), mimetype))
+        return kindOfMimetype(file, first);
+    const auto region = static_cast<std::size_t>(std::min<std::uint64_t>(size, namesRegion));
+    const auto kind
+        = std::min(firstNamedKind(file.bytes(0, region)), firstNamedKind(file.bytes(size - region, region)));
+    return kind < std::size(namedKinds) ? namedKinds[kind].ext : "zip";
+}
+
+} // namespace
+
+Found zip(const Candidate& candidate)
+{
+    auto& file = candidate.file;
+    const auto walk = walkRecords(file);
+    const auto size = walk.isComplete ? std::optional(walk.position) : searchEnd(candidate, walk.position);
+    if (!size || *size > maxSize)
+        return std::nullopt;
+    const std::string_view ext = kindOf(file, *size);
+    const bool isArchive = ext == "zip" || ext == "jar";
+    if (!candidate.categories.contains(isArchive ? FileCategory::archive : FileCategory::document))
+        return std::nullopt;
+    return candidate.found(*size, std::string(ext));
+}
+
+} // namespace Formats

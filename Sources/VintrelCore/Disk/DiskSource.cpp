@@ -1,0 +1,424 @@
+#include "VintrelCore/Disk/DiskSource.h"
+
+#include "VintrelCore/Foundation/AlignedBuffer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <sys/types.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+/// Reads above this go past the cache, so that copying a file does not push the metadata out of it.
+constexpr std::uint64_t largestCachedRead = 262'144;
+
+/// The piece that is given up (fast) or taken apart (thorough) after a read error. Blocks lie at multiples of their
+/// size, so that readers with different starting points share what was learned about a damaged area.
+constexpr std::uint64_t blockSize = 65'536;
+
+/// macOS refuses to read more than 2^31 - 1 bytes in one call.
+constexpr std::size_t largestSystemRead = std::size_t { 1 } << 30;
+
+/// What a read past the system's cache takes at once when its own buffer is not aligned as it should be.
+constexpr std::size_t detourSize = std::size_t { 1 } << 20;
+
+constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit) { return value - value % unit; }
+
+/// The end of `value`'s unit, held below the largest number.
+constexpr std::uint64_t unitEnd(std::uint64_t value, std::uint64_t unit)
+{
+    const std::uint64_t start = roundDown(value, unit);
+    return start > std::numeric_limits<std::uint64_t>::max() - unit ? std::numeric_limits<std::uint64_t>::max()
+                                                                    : start + unit;
+}
+
+void fillZero(std::span<std::uint8_t> bytes) { std::ranges::fill(bytes, std::uint8_t { 0 }); }
+
+} // namespace
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept
+{
+    if (this != &other) {
+        close();
+        descriptor_ = other.release();
+    }
+    return *this;
+}
+
+int FileDescriptor::close()
+{
+    // Not tried again after EINTR: the descriptor is gone then, and its number may be somebody else's.
+    return descriptor_ >= 0 && ::close(release()) != 0 ? errno : 0;
+}
+
+DiskSource::DiskSource(Opened opened)
+    : path_(std::move(opened.path))
+    , displayName_(std::move(opened.displayName))
+    , size_(opened.size)
+    , sectorSize_(std::max<std::uint32_t>(opened.sectorSize, 512))
+    , isDevice_(opened.isDevice)
+    , bsdName_(std::move(opened.bsdName))
+    , needsAlignment_(opened.needsAlignment)
+    , descriptor_(std::move(opened.descriptor))
+    , cleanup_(std::move(opened.cleanup))
+{
+}
+
+DiskSource::~DiskSource() { close(); }
+
+Bytes DiskSource::read(std::uint64_t offset, std::int64_t count, ReadMode mode)
+{
+    return readReporting(offset, count, mode).data;
+}
+
+ReadReport DiskSource::readReporting(std::uint64_t offset, std::int64_t count, ReadMode mode)
+{
+    ReadReport report;
+    if (count < 1)
+        return report;
+    report.data.resize(static_cast<std::size_t>(count));
+    report.badBytes = readReporting(offset, std::span(report.data), mode);
+    return report;
+}
+
+std::uint64_t DiskSource::readReporting(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+{
+    const std::uint64_t available = offset < size_ ? size_ - offset : 0;
+    if (into.size() > available) {
+        fillZero(into.subspan(static_cast<std::size_t>(available)));
+        into = into.first(static_cast<std::size_t>(available));
+    }
+    if (into.empty())
+        return 0;
+    const std::lock_guard guard(lock_);
+    if (closed_) {
+        fillZero(into);
+        return into.size();
+    }
+    return into.size() <= largestCachedRead ? readThroughCache(offset, into, mode) : readLarge(offset, into, mode);
+}
+
+std::uint64_t DiskSource::readInto(std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode)
+{
+    const std::lock_guard guard(lock_);
+    if (closed_) {
+        fillZero(buffer);
+        return buffer.size();
+    }
+    return rawRead(offset, buffer, mode);
+}
+
+bool DiskSource::tryRead(std::uint64_t offset, std::span<std::uint8_t> buffer)
+{
+    const std::lock_guard guard(lock_);
+    if (closed_)
+        return false;
+    if (readExact(offset, buffer))
+        return true;
+    ++readErrors_;
+    return false;
+}
+
+void DiskSource::markBad(std::uint64_t sector)
+{
+    const std::lock_guard guard(lock_);
+    badSectors_.insert(sector);
+}
+
+bool DiskSource::isKnownBad(std::uint64_t sector) const
+{
+    const std::lock_guard guard(lock_);
+    return badSectors_.contains(sector);
+}
+
+bool DiskSource::hasBadSectors(std::uint64_t offset, std::uint64_t count) const
+{
+    const std::lock_guard guard(lock_);
+    return count > 0 && hasBadSector(offset / sectorSize_, (offset + count - 1) / sectorSize_ + 1);
+}
+
+std::vector<std::uint64_t> DiskSource::badSectors() const
+{
+    const std::lock_guard guard(lock_);
+    return { badSectors_.begin(), badSectors_.end() };
+}
+
+std::size_t DiskSource::badSectorCount() const
+{
+    const std::lock_guard guard(lock_);
+    return badSectors_.size();
+}
+
+std::int64_t DiskSource::readErrorCount() const
+{
+    const std::lock_guard guard(lock_);
+    return readErrors_;
+}
+
+std::uint64_t DiskSource::bytesRead() const
+{
+    const std::lock_guard guard(lock_);
+    return bytesRead_;
+}
+
+std::vector<ByteRange> DiskSource::simulatedBadRanges() const
+{
+    const std::lock_guard guard(lock_);
+    return simulatedBadRanges_;
+}
+
+void DiskSource::addSimulatedBadRange(ByteRange range)
+{
+    range.end = std::min(range.end, size_);
+    if (range.start >= range.end)
+        return;
+    const std::lock_guard guard(lock_);
+    auto& ranges = simulatedBadRanges_;
+    const auto first = std::ranges::lower_bound(ranges, range.start, {}, &ByteRange::end);
+    const auto last = std::ranges::upper_bound(ranges, range.end, {}, &ByteRange::start);
+    if (first != last) {
+        range.start = std::min(range.start, first->start);
+        range.end = std::max(range.end, std::prev(last)->end);
+    }
+    ranges.insert(ranges.erase(first, last), range);
+}
+
+bool DiskSource::isFile(const struct ::stat& status) const
+{
+    const std::lock_guard guard(lock_);
+    struct ::stat own { };
+    return !closed_ && ::fstat(descriptor_.get(), &own) == 0 && own.st_dev == status.st_dev
+        && own.st_ino == status.st_ino;
+}
+
+bool DiskSource::isClosed() const
+{
+    const std::lock_guard guard(lock_);
+    return closed_;
+}
+
+void DiskSource::close()
+{
+    std::function<void()> cleanup;
+    {
+        const std::lock_guard guard(lock_);
+        if (closed_)
+            return;
+        closed_ = true;
+        descriptor_.close();
+        chunkByIndex_.clear();
+        chunks_.clear();
+        cleanup = std::exchange(cleanup_, nullptr);
+    }
+    if (cleanup)
+        cleanup();
+}
+
+DiskSource::CachedChunk DiskSource::cachedChunk(std::uint64_t index, ReadMode mode)
+{
+    const std::uint64_t offset = index * static_cast<std::uint64_t>(chunkSize);
+    if (const auto known = chunkByIndex_.find(index); known != chunkByIndex_.end()) {
+        chunks_.splice(chunks_.end(), chunks_, known->second);
+        const std::uint64_t firstSector = offset / sectorSize_;
+        return { known->second->bytes, hasBadSector(firstSector, firstSector + chunkSize / sectorSize_), false };
+    }
+
+    // A new chunk takes over the memory of the one that it displaces.
+    Chunk chunk = std::exchange(uncached_, {});
+    if (chunks_.size() >= maxCacheChunks) {
+        chunk = std::move(chunks_.front());
+        chunkByIndex_.erase(chunk.index);
+        chunks_.pop_front();
+    }
+    const std::uint64_t length = std::min<std::uint64_t>(chunkSize, size_ - offset);
+    chunk.index = index;
+    chunk.bytes.resize(static_cast<std::size_t>(unitEnd(length - 1, sectorSize_)));
+    const bool isBad = rawRead(offset, chunk.bytes, mode) > 0;
+    if (isBad && mode == ReadMode::fast) { // not kept, so that a thorough read tries again
+        uncached_ = std::move(chunk);
+        return { uncached_.bytes, true, true };
+    }
+    chunkByIndex_[index] = chunks_.insert(chunks_.end(), std::move(chunk));
+    return { chunks_.back().bytes, isBad, false };
+}
+
+std::uint64_t DiskSource::readThroughCache(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+{
+    std::uint64_t badBytes = 0;
+    while (!into.empty()) {
+        const auto chunk = cachedChunk(offset / chunkSize, mode);
+        const auto at = static_cast<std::size_t>(offset % chunkSize);
+        const auto count = std::min(chunk.bytes.size() - at, into.size());
+        std::memcpy(into.data(), chunk.bytes.data() + at, count);
+        if (chunk.hasBadBytes)
+            badBytes += chunk.wasReadFast ? suspectBytesIn(offset, count) : badBytesIn(offset, count);
+        offset += count;
+        into = into.subspan(count);
+    }
+    return badBytes;
+}
+
+std::uint64_t DiskSource::readLarge(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+{
+    const std::uint64_t start = roundDown(offset, sectorSize_);
+    const auto head = static_cast<std::size_t>(offset - start);
+    const auto length = static_cast<std::size_t>(unitEnd(head + into.size() - 1, sectorSize_));
+    if (length == into.size())
+        return rawRead(offset, into, mode);
+    aligned_.resize(length);
+    const std::uint64_t badBytes = rawRead(start, aligned_, mode);
+    std::memcpy(into.data(), aligned_.data() + head, into.size());
+    return std::min<std::uint64_t>(badBytes, into.size());
+}
+
+std::uint64_t DiskSource::rawRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+{
+    const std::size_t done = attempt(offset, into);
+    if (done == into.size())
+        return 0;
+    ++readErrors_;
+    // A read that broke off in the middle of a sector has to give that sector another try as a whole.
+    const std::uint64_t failedSector = roundDown(offset + done, sectorSize_);
+    const auto from = failedSector > offset ? static_cast<std::size_t>(failedSector - offset) : 0;
+    return recoverRead(offset + from, into.subspan(from), mode);
+}
+
+std::uint64_t DiskSource::recoverRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+{
+    std::uint64_t badBytes = 0;
+    while (!into.empty()) {
+        const auto block = into.first(
+            static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), unitEnd(offset, blockSize) - offset)));
+        const std::uint64_t key = roundDown(offset, blockSize) / sectorSize_;
+        if (suspectBlocks_.contains(key) || !readExact(offset, block)) {
+            if (mode == ReadMode::fast) {
+                suspectBlocks_.insert(key);
+                fillZero(block);
+                badBytes += block.size();
+            } else {
+                badBytes += recoverSectors(offset, block);
+            }
+        }
+        offset += block.size();
+        into = into.subspan(block.size());
+    }
+    return badBytes;
+}
+
+std::uint64_t DiskSource::recoverSectors(std::uint64_t offset, std::span<std::uint8_t> into)
+{
+    std::uint64_t badBytes = 0;
+    while (!into.empty()) {
+        const auto piece = into.first(
+            static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), unitEnd(offset, sectorSize_) - offset)));
+        const std::uint64_t sector = offset / sectorSize_;
+        const bool wasKnown = badSectors_.contains(sector);
+        if (wasKnown || !readExact(offset, piece)) {
+            if (!wasKnown) {
+                badSectors_.insert(sector);
+                ++readErrors_;
+            }
+            fillZero(piece);
+            badBytes += piece.size();
+        }
+        offset += piece.size();
+        into = into.subspan(piece.size());
+    }
+    return badBytes;
+}
+
+bool DiskSource::readExact(std::uint64_t offset, std::span<std::uint8_t> into)
+{
+    return attempt(offset, into) == into.size();
+}
+
+/// One read attempt. Returns how many bytes were delivered before it failed, all of them when it did not. What lies
+/// past the end of the source is delivered as zeros.
+std::size_t DiskSource::attempt(std::uint64_t offset, std::span<std::uint8_t> into)
+{
+    std::size_t done = 0;
+    if (!into.empty() && offset < size_
+        && isSimulatedBad(offset, offset + std::min<std::uint64_t>(into.size(), size_ - offset)))
+        return 0;
+    while (done < into.size()) {
+        const auto rest = into.subspan(done);
+        const std::uint64_t position = offset + done;
+        if (position < offset || position >= size_) {
+            fillZero(rest);
+            break;
+        }
+        const auto count = needsAlignment_
+            ? readAligned(position, rest)
+            : ::pread(descriptor_.get(), rest.data(), std::min(rest.size(), largestSystemRead),
+                static_cast<off_t>(std::min<std::uint64_t>(position, std::numeric_limits<off_t>::max())));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return done;
+        if (count == 0) { // the file has become shorter
+            fillZero(rest);
+            break;
+        }
+        bytesRead_ += static_cast<std::uint64_t>(count);
+        done += static_cast<std::size_t>(count);
+    }
+    return into.size();
+}
+
+/// As pread(), whatever the alignment.
+ssize_t DiskSource::readAligned(std::uint64_t offset, std::span<std::uint8_t> into)
+{
+    into = into.first(std::min(into.size(), static_cast<std::size_t>(roundDown(largestSystemRead, sectorSize_))));
+    const bool suits = reinterpret_cast<std::uintptr_t>(into.data()) % AlignedBuffer::alignment == 0
+        && offset % sectorSize_ == 0 && into.size() % sectorSize_ == 0;
+    if (suits)
+        return ::pread(descriptor_.get(), into.data(), into.size(), static_cast<off_t>(offset));
+
+    const auto room = std::max<std::size_t>(detourSize, sectorSize_);
+    if (!detour_)
+        detour_ = std::make_unique<AlignedBuffer>(room);
+    auto* const sectors = detour_->bytes().data();
+    const auto head = static_cast<std::size_t>(offset % sectorSize_);
+    const auto wanted = std::min(room, static_cast<std::size_t>(unitEnd(head + into.size() - 1, sectorSize_)));
+    const auto count = ::pread(descriptor_.get(), sectors, wanted, static_cast<off_t>(offset - head));
+    if (count <= static_cast<ssize_t>(head))
+        return std::min<ssize_t>(count, 0); // failed, or at the end
+    const auto delivered = std::min(static_cast<std::size_t>(count) - head, into.size());
+    std::memcpy(into.data(), sectors + head, delivered);
+    return static_cast<ssize_t>(delivered);
+}
+
+bool DiskSource::isSimulatedBad(std::uint64_t start, std::uint64_t end) const
+{
+    const auto range = std::ranges::upper_bound(simulatedBadRanges_, start, {}, &ByteRange::end);
+    return range != simulatedBadRanges_.end() && range->start < end;
+}
+
+bool DiskSource::hasBadSector(std::uint64_t first, std::uint64_t end) const
+{
+    const auto sector = badSectors_.lower_bound(first);
+    return sector != badSectors_.end() && *sector < end;
+}
+
+std::uint64_t DiskSource::badBytesIn(std::uint64_t offset, std::uint64_t count) const
+{
+    const auto first = badSectors_.lower_bound(offset / sectorSize_);
+    const auto end = badSectors_.upper_bound((offset + count - 1) / sectorSize_);
+    return std::min<std::uint64_t>(static_cast<std::uint64_t>(std::distance(first, end)) * sectorSize_, count);
+}
+
+std::uint64_t DiskSource::suspectBytesIn(std::uint64_t offset, std::uint64_t count) const
+{
+    std::uint64_t badBytes = 0;
+    for (const std::uint64_t end = offset + count; offset < end;) {
+        const std::uint64_t next = std::min(unitEnd(offset, blockSize), end);
+        if (suspectBlocks_.contains(roundDown(offset, blockSize) / sectorSize_))
+            badBytes += next - offset;
+        offset = next;
+    }
+    return badBytes;
+}

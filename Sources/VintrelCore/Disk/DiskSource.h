@@ -1,0 +1,187 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <sys/stat.h>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+class AlignedBuffer;
+
+/// What a read does after an error: `thorough` goes on sector by sector and finds every readable one; `fast` gives up
+/// the whole 64 KiB block and does not ask the disk for it again.
+enum class ReadMode { thorough, fast };
+
+/// An open file descriptor, closed when its owner dies.
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int descriptor)
+        : descriptor_(descriptor)
+    {
+    }
+    FileDescriptor(FileDescriptor&& other) noexcept
+        : descriptor_(other.release())
+    {
+    }
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+    ~FileDescriptor() { close(); }
+
+    int get() const { return descriptor_; }
+    explicit operator bool() const { return descriptor_ >= 0; }
+    int release() { return std::exchange(descriptor_, -1); }
+    /// Closes early. The system's error number, which a file system may keep for this moment; 0 when all went well.
+    int close();
+
+private:
+    int descriptor_ = -1;
+};
+
+/// A half-open range of bytes on the source.
+struct ByteRange {
+    std::uint64_t start = 0;
+    std::uint64_t end = 0;
+
+    bool operator==(const ByteRange&) const = default;
+};
+
+struct ReadReport {
+    Bytes data;                 ///< as many bytes as were asked for; zeros where unreadable and past the end
+    std::uint64_t badBytes = 0; ///< how many of them the disk did not give; those past the end do not count
+};
+
+/// The one random-access byte source through which everything else reads an image file or a disk. Reads never fail:
+/// bytes that cannot be read come back as zeros and are counted. Small reads go through a cache of chunks. Offsets,
+/// counts and sizes are in bytes. Any thread may use it; its reads are done one after another.
+class DiskSource {
+public:
+    static constexpr std::int64_t chunkSize = 131'072;
+    static constexpr std::size_t maxCacheChunks = 160;
+
+    /// What an opener knows about the source that it opened.
+    struct Opened {
+        FileDescriptor descriptor; ///< read-only
+        std::string path;          ///< as it was opened
+        std::string displayName;   ///< the file's last path component, or the device name
+        std::uint64_t size = 0;
+        std::uint32_t sectorSize = 512; ///< a smaller one becomes 512
+        bool isDevice = false;
+        std::optional<std::string> bsdName;
+        std::function<void()> cleanup; ///< run once at close, for example to detach a disk image; may be empty
+        bool needsAlignment = false;   ///< reads fail unless buffer, offset and count are aligned
+    };
+
+    explicit DiskSource(Opened opened);
+    DiskSource(const DiskSource&) = delete;
+    DiskSource& operator=(const DiskSource&) = delete;
+    ~DiskSource();
+
+    const std::string& path() const { return path_; }
+    const std::string& displayName() const { return displayName_; }
+    std::uint64_t size() const { return size_; }
+    std::uint32_t sectorSize() const { return sectorSize_; }
+    std::uint64_t sectorCount() const { return size_ / sectorSize_; }
+    bool isDevice() const { return isDevice_; }
+    const std::optional<std::string>& bsdName() const { return bsdName_; }
+
+    /// `count` bytes from `offset` on. A count below 1 gives nothing. Whoever takes the count from the disk limits it
+    /// first.
+    Bytes read(std::uint64_t offset, std::int64_t count, ReadMode mode);
+    ReadReport readReporting(std::uint64_t offset, std::int64_t count, ReadMode mode);
+    /// The same into the caller's buffer, which is filled wholly. Returns the unreadable bytes.
+    std::uint64_t readReporting(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
+
+    /// Reads past the cache, straight into the buffer, which is filled wholly. Returns the unreadable bytes; all of
+    /// them when the source is closed. On a device offset and count are whole sectors.
+    std::uint64_t readInto(std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode);
+
+    /// One exact read without any recovery. True when every byte was delivered; those past the end are zero and count
+    /// as delivered. On a device offset and count are whole sectors.
+    bool tryRead(std::uint64_t offset, std::span<std::uint8_t> buffer);
+
+    void markBad(std::uint64_t sector);
+    bool isKnownBad(std::uint64_t sector) const;
+    /// Whether a range touches a sector that is known to be unreadable.
+    bool hasBadSectors(std::uint64_t offset, std::uint64_t count) const;
+    /// The numbers of the sectors that are known to be unreadable, ascending.
+    std::vector<std::uint64_t> badSectors() const;
+    std::size_t badSectorCount() const;
+    /// Failed reads, and sectors newly found bad.
+    std::int64_t readErrorCount() const;
+    /// Bytes that the operating system delivered.
+    std::uint64_t bytesRead() const;
+
+    /// Ranges that reads treat as unreadable, so that the handling of damage can be tried on a healthy image. Kept
+    /// sorted and merged, and cut at the end of the source.
+    std::vector<ByteRange> simulatedBadRanges() const;
+    void addSimulatedBadRange(ByteRange range);
+
+    /// Whether a file is the very one that is read here, whatever name or link led to it.
+    bool isFile(const struct ::stat& status) const;
+
+    bool isClosed() const;
+    /// Closes the descriptor and runs the cleanup; afterwards every byte is unreadable. A second call does nothing.
+    void close();
+
+private:
+    struct Chunk {
+        std::uint64_t index;
+        Bytes bytes;
+    };
+
+    /// A chunk and what of it could not be read.
+    struct CachedChunk {
+        const Bytes& bytes;
+        bool hasBadBytes;
+        bool wasReadFast; ///< read just now in fast mode: whole blocks are missing, not single sectors
+    };
+
+    // The rest is called with lock_ held.
+    CachedChunk cachedChunk(std::uint64_t index, ReadMode mode);
+    std::uint64_t readThroughCache(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
+    std::uint64_t readLarge(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
+    std::uint64_t rawRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
+    std::uint64_t recoverRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
+    std::uint64_t recoverSectors(std::uint64_t offset, std::span<std::uint8_t> into);
+    std::size_t attempt(std::uint64_t offset, std::span<std::uint8_t> into);
+    ssize_t readAligned(std::uint64_t offset, std::span<std::uint8_t> into);
+    bool readExact(std::uint64_t offset, std::span<std::uint8_t> into);
+    bool isSimulatedBad(std::uint64_t start, std::uint64_t end) const;
+    std::uint64_t badBytesIn(std::uint64_t offset, std::uint64_t count) const;
+    std::uint64_t suspectBytesIn(std::uint64_t offset, std::uint64_t count) const;
+    bool hasBadSector(std::uint64_t first, std::uint64_t end) const;
+
+    const std::string path_;
+    const std::string displayName_;
+    const std::uint64_t size_;
+    const std::uint32_t sectorSize_;
+    const bool isDevice_;
+    const std::optional<std::string> bsdName_;
+    const bool needsAlignment_;
+
+    mutable std::mutex lock_; // guards everything below
+    FileDescriptor descriptor_;
+    bool closed_ = false;
+    std::function<void()> cleanup_;
+    std::list<Chunk> chunks_; // least recently used first
+    std::unordered_map<std::uint64_t, std::list<Chunk>::iterator> chunkByIndex_;
+    Chunk uncached_ {};                     // the last chunk that was not worth keeping
+    Bytes aligned_;                         // room for whole sectors around a large read that wants less
+    std::unique_ptr<AlignedBuffer> detour_; // for reads whose own buffer is not aligned
+    std::set<std::uint64_t> badSectors_;
+    std::unordered_set<std::uint64_t> suspectBlocks_; // by the number of the block's first sector
+    std::int64_t readErrors_ = 0;
+    std::uint64_t bytesRead_ = 0;
+    std::vector<ByteRange> simulatedBadRanges_;
+};

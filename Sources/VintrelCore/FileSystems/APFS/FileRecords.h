@@ -1,0 +1,105 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// What leaves of a file-system tree say of files, from any number of leaves in any order. Of a tree's old states the
+/// same record may come in several versions.
+class APFSFileRecords {
+public:
+    /// A piece of text that the records keep.
+    struct Text {
+        std::uint64_t at = 0;
+        std::uint16_t length = 0;
+    };
+
+    /// The leaf that a record is from.
+    struct Origin {
+        std::uint64_t xid = 0;         ///< the transaction that wrote it
+        bool isHeldBySnapshot = false; ///< nothing that it names is given up as long as the snapshot is there
+    };
+
+    struct Inode {
+        std::uint64_t id = 0;
+        Origin origin;
+        std::uint64_t parent = 0;
+        std::uint64_t privateID = 0; ///< the extents' owner
+        std::uint64_t size = 0;
+        std::uint64_t created = 0; ///< as stored
+        std::uint64_t modified = 0;
+        Text name; ///< the one that it was given last; a hard link has others
+        std::uint16_t mode = 0;
+        bool isSparse = false;
+        bool isCompressed = false;
+
+        bool isFolder() const;
+        bool isSymlink() const;
+    };
+
+    /// A name in a folder.
+    struct Link {
+        std::uint64_t id = 0; ///< of the file or folder
+        Origin origin;
+        std::uint64_t parent = 0;
+        Text name;
+        bool isFolder = false;
+        bool isSibling = false; ///< from the file's list of its names; otherwise from the folder
+    };
+
+    struct Extent {
+        std::uint64_t owner = 0;
+        Origin origin;
+        std::uint64_t logical = 0; ///< byte of the file
+        std::uint64_t length = 0;  ///< in bytes
+        std::uint64_t block = 0;   ///< 0: hole
+    };
+
+    /// What an extended attribute tells of a file's content.
+    struct Attribute {
+        enum class Kind { symlink, compression, resourceFork };
+
+        std::uint64_t id = 0;
+        Origin origin;
+        Kind kind {};
+        std::uint64_t size = 0; ///< of the file, without compression
+        Text target;            ///< of the link
+    };
+
+    /// Adds what a leaf holds of the objects that are wanted, all of them without `isWanted`. `isHashed`: its directory
+    /// records have the hash of the name beside the name's length.
+    void addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed, Origin origin,
+        const std::function<bool(std::uint64_t id)>& isWanted = {});
+
+    /// Makes the records ready for being looked up: by what they belong to, the newest version first, and of inodes and
+    /// attributes the newest alone.
+    void sort();
+
+    const std::vector<Inode>& inodes() const { return inodes_; }
+    const std::vector<Link>& links() const { return links_; }
+    const std::vector<Extent>& extents() const { return extents_; }
+
+    /// None when the number is not known.
+    const Inode* inode(std::uint64_t id) const;
+    const Attribute* attribute(std::uint64_t id, Attribute::Kind kind) const;
+    std::span<const Link> linksOf(std::uint64_t id) const;
+    /// By logical address.
+    std::span<const Extent> extentsOf(std::uint64_t owner) const;
+    std::string_view text(Text text) const { return std::string_view(texts_).substr(text.at, text.length); }
+
+private:
+    Text keep(ByteView bytes);
+    void addInode(std::uint64_t id, ByteView value, Origin origin);
+    void addAttribute(std::uint64_t id, ByteView key, ByteView value, Origin origin);
+
+    std::vector<Inode> inodes_;
+    std::vector<Link> links_;
+    std::vector<Extent> extents_;
+    std::vector<Attribute> attributes_;
+    std::string texts_;
+};

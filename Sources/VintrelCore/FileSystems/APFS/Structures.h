@@ -1,0 +1,261 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+/// APFS as it lies on disk. Everything is little-endian.
+namespace APFSFormat {
+
+/// Every object begins with this. Physical objects have the number of their block for an oid, virtual ones are found
+/// by object maps, and ephemeral ones by the checkpoint maps.
+struct ObjectHeader {
+    LE64 checksum; //  0  Fletcher-64 of what follows it
+    LE64 oid, xid; //  8, 16
+    LE32 type;     // 24  the low half; the high half tells how the object is stored
+    LE32 subtype;  // 28  of a B-tree: what it holds
+};
+static_assert(sizeof(ObjectHeader) == 32 && offsetof(ObjectHeader, subtype) == 28);
+
+namespace ObjectType {
+constexpr std::uint16_t containerSuperblock = 1;
+constexpr std::uint16_t rootNode = 2; ///< of a B-tree
+constexpr std::uint16_t node = 3;
+constexpr std::uint16_t spaceManager = 5;
+constexpr std::uint16_t chunkAddresses = 6;
+constexpr std::uint16_t chunkInfo = 7;
+constexpr std::uint16_t objectMap = 11;
+constexpr std::uint16_t checkpointMap = 12;
+constexpr std::uint16_t volumeSuperblock = 13;
+constexpr std::uint16_t fileSystemTree = 14; ///< only as a subtype
+} // namespace ObjectType
+
+/// The low half of the type field.
+inline std::uint16_t typeOf(const ObjectHeader& header) { return static_cast<std::uint16_t>(header.type); }
+
+struct NodeHeader {
+    ObjectHeader object;           //  0
+    LE16 flags;                    // 32
+    LE16 level;                    // 34  0: leaf
+    LE32 keyCount;                 // 36
+    LE16 tableOffset, tableLength; // 40, 42  of the table of contents, from the end of this header
+    LE32 freeSpace;                // 44
+    LE32 freeKeys, freeValues;     // 48, 52
+};
+static_assert(sizeof(NodeHeader) == 56 && offsetof(NodeHeader, tableOffset) == 40);
+
+namespace NodeFlag {
+constexpr std::uint16_t root = 1;
+constexpr std::uint16_t leaf = 2;
+constexpr std::uint16_t fixedSize = 4; ///< of keys and values
+} // namespace NodeFlag
+
+constexpr std::uint32_t maxKeys = 9999; ///< that a node is believed to have
+
+/// The flag of an object map's value that says the object is deleted. Both are met.
+constexpr std::uint32_t deletedMask = 3;
+
+struct ContainerSuperblock {
+    ObjectHeader object;                    //   0
+    std::array<char, 4> magic;              //  32  "NXSB"
+    LE32 blockSize;                         //  36  in bytes
+    LE64 blockCount;                        //  40
+    std::array<std::uint8_t, 24> features;  //  48
+    std::array<std::uint8_t, 16> uuid;      //  72
+    LE64 nextOID, nextXID;                  //  88, 96
+    LE32 descriptorBlocks, dataBlocks;      // 104, 108  of the checkpoint areas
+    LE64 descriptorBase, dataBase;          // 112, 120
+    LE32 descriptorNext, dataNext;          // 128, 132
+    LE32 descriptorIndex, descriptorLength; // 136, 140  of this checkpoint; its superblock is the last
+    LE32 dataIndex, dataLength;             // 144, 148
+    LE64 spaceManagerOID;                   // 152  ephemeral
+    LE64 objectMapOID;                      // 160
+    LE64 reaperOID;                         // 168
+    LE32 testType;                          // 176
+    LE32 maxFileSystems;                    // 180
+};
+static_assert(sizeof(ContainerSuperblock) == 184 && offsetof(ContainerSuperblock, uuid) == 72
+    && offsetof(ContainerSuperblock, descriptorIndex) == 136 && offsetof(ContainerSuperblock, objectMapOID) == 160);
+
+constexpr std::int64_t fileSystemOIDs = 184;        // of the superblock: eight bytes for each slot
+constexpr std::uint32_t nonContiguous = 0x80000000; // of descriptorBlocks: they are listed in a tree
+constexpr std::uint32_t maxDescriptorBlocks = 10'000;
+constexpr std::uint32_t maxVolumeSlots = 100;
+
+/// A block of the checkpoint descriptor area that says where ephemeral objects lie.
+struct CheckpointMap {
+    ObjectHeader object; //  0
+    LE32 flags, count;   // 32, 36  mappings follow
+};
+static_assert(sizeof(CheckpointMap) == 40);
+
+struct CheckpointMapping {
+    LE32 type, subtype; //  0, 4
+    LE32 size, pad;     //  8, 12  in bytes
+    LE64 volumeOID;     // 16
+    LE64 oid, block;    // 24, 32
+};
+static_assert(sizeof(CheckpointMapping) == 40);
+
+/// One device of the space manager; there are two, the second of which Fusion drives have.
+struct SpaceManagerDevice {
+    LE64 blockCount, chunkCount;    //  0, 8
+    LE32 infoBlocks, addressBlocks; // 16, 20  addressBlocks 0: the addresses of the chunk-info blocks stand inline
+    LE64 freeBlocks;                // 24
+    LE32 addressOffset, reserved;   // 32, 36  in the space manager
+    LE64 reserved2;                 // 40
+};
+static_assert(sizeof(SpaceManagerDevice) == 48);
+
+struct FreeQueue {
+    LE64 count, treeOID, oldestXID; //  0, 8, 16  the tree is ephemeral
+    LE64 nodeLimit, reserved;       // 24, 32
+};
+static_assert(sizeof(FreeQueue) == 40);
+
+struct SpaceManager {
+    ObjectHeader object;                       //   0
+    LE32 blockSize, blocksPerChunk;            //  32, 36
+    LE32 chunksPerInfo, infosPerAddress;       //  40, 44
+    std::array<SpaceManagerDevice, 2> devices; //  48
+    std::array<std::uint8_t, 56> internalPool; // 144
+    std::array<FreeQueue, 3> freeQueues;       // 200  internal pool, main device, second device
+};
+static_assert(sizeof(SpaceManager) == 320 && offsetof(SpaceManager, freeQueues) == 200);
+
+/// The head of chunk-info and chunk-address blocks.
+struct ChunkBlock {
+    ObjectHeader object; //  0
+    LE32 index, count;   // 32, 36  entries follow
+};
+static_assert(sizeof(ChunkBlock) == 40);
+
+struct ChunkInfo {
+    LE64 xid, firstBlock;       //  0, 8
+    LE32 blockCount, freeCount; // 16, 20
+    LE64 bitmapBlock;           // 24  0: all free. Bits set are blocks in use, the lowest bit first
+};
+static_assert(sizeof(ChunkInfo) == 32);
+
+struct VolumeSuperblock {
+    ObjectHeader object;                     //    0
+    std::array<char, 4> magic;               //   32  "APSB"
+    LE32 slot;                               //   36
+    LE64 features, readOnlyFeatures;         //   40, 48
+    LE64 incompatibleFeatures;               //   56
+    std::array<std::uint8_t, 64> counts;     //   64
+    LE64 objectMapOID;                       //  128
+    LE64 rootTreeOID;                        //  136  virtual
+    std::array<std::uint8_t, 32> trees;      //  144
+    LE64 nextObjectID;                       //  176
+    std::array<std::uint8_t, 32> fileCounts; //  184
+    LE64 snapshotCount;                      //  216
+    std::array<std::uint8_t, 32> more;       //  224
+    LE64 lastModified;                       //  256
+    LE64 flags;                              //  264
+    std::array<std::uint8_t, 432> makers;    //  272
+    std::array<char, 256> name;              //  704
+    LE32 nextDocumentID;                     //  960
+    LE16 role;                               //  964
+    LE16 reserved;                           //  966
+};
+static_assert(sizeof(VolumeSuperblock) == 968 && offsetof(VolumeSuperblock, nextObjectID) == 176
+    && offsetof(VolumeSuperblock, flags) == 264 && offsetof(VolumeSuperblock, name) == 704);
+
+constexpr std::uint64_t unencryptedFlag = 1;
+
+namespace IncompatibleFeature {
+constexpr std::uint64_t caseInsensitive = 0x01;
+constexpr std::uint64_t normalizationInsensitive = 0x08;
+constexpr std::uint64_t sealed = 0x20;
+} // namespace IncompatibleFeature
+
+/// The keys of a file-system tree begin with the number of the object and, in the highest four bits, the kind of
+/// record.
+constexpr std::uint64_t objectIDMask = 0x0FFF'FFFF'FFFF'FFFF;
+
+namespace RecordKind {
+constexpr std::uint64_t inode = 3;
+constexpr std::uint64_t attribute = 4;
+constexpr std::uint64_t siblingLink = 5;
+constexpr std::uint64_t fileExtent = 8;
+constexpr std::uint64_t directoryRecord = 9;
+} // namespace RecordKind
+
+constexpr std::uint64_t rootParentID = 1;
+constexpr std::uint64_t rootFolderID = 2;
+constexpr std::uint64_t privateFolderID = 3; ///< files that are deleted but still open; not the user's
+constexpr std::uint64_t firstUserID = 16;    ///< lower numbers are the file system's own
+
+/// The value of an inode record; extended fields follow.
+struct InodeValue {
+    LE64 parentID, privateID;                  //  0, 8  the extents are kept under the latter
+    LE64 created, modified, changed, accessed; // 16, 24, 32, 40
+    LE64 internalFlags;                        // 48
+    LE32 linkCount, protectionClass;           // 56, 60
+    LE32 writeCount, bsdFlags;                 // 64, 68
+    LE32 owner, group;                         // 72, 76
+    LE16 mode, pad;                            // 80, 82
+    LE64 uncompressedSize;                     // 84
+};
+static_assert(sizeof(InodeValue) == 92 && offsetof(InodeValue, uncompressedSize) == 84);
+
+constexpr std::uint64_t sparseFlag = 0x200;                // of internalFlags
+constexpr std::uint64_t hasUncompressedSizeFlag = 0x40000; // of internalFlags
+constexpr std::uint32_t compressedFlag = 0x20;             // of bsdFlags
+
+constexpr std::uint16_t modeMask = 0xF000;
+constexpr std::uint16_t folderMode = 0x4000;
+constexpr std::uint16_t symlinkMode = 0xA000;
+
+/// Extended fields: this, one `ExtendedField` for each, then their data, each from a multiple of eight bytes on.
+struct ExtendedFields {
+    LE16 count, used; // 0, 2
+};
+struct ExtendedField {
+    std::uint8_t type, flags; // 0, 1
+    LE16 size;                // 2
+};
+static_assert(sizeof(ExtendedFields) == 4 && sizeof(ExtendedField) == 4);
+
+namespace FieldType {
+constexpr std::uint8_t name = 4;
+constexpr std::uint8_t dataStream = 8; ///< begins with the size of the content
+constexpr std::uint8_t sparseBytes = 13;
+} // namespace FieldType
+
+struct FileExtentValue {
+    LE64 lengthAndFlags; //  0  bytes, in the low 56 bits
+    LE64 block;          //  8  0: hole
+    LE64 cryptoID;       // 16
+};
+static_assert(sizeof(FileExtentValue) == 24);
+
+constexpr std::uint64_t extentLengthMask = 0x00FF'FFFF'FFFF'FFFF;
+
+struct DirectoryValue {
+    LE64 fileID, added; // 0, 8
+    LE16 flags;         // 16  the low four bits are the kind of file
+};
+static_assert(sizeof(DirectoryValue) == 18);
+
+constexpr std::uint16_t folderKind = 4; ///< of a directory record's flags
+
+struct AttributeValue {
+    LE16 flags, length; // 0, 2  the content, or where it is, follows
+};
+static_assert(sizeof(AttributeValue) == 4);
+
+constexpr std::uint16_t embeddedFlag = 2; ///< of an attribute: the content follows
+
+/// The head of the attribute of a compressed file.
+struct CompressionHeader {
+    LE32 magic, type;      // 0, 4
+    LE64 uncompressedSize; // 8
+};
+static_assert(sizeof(CompressionHeader) == 16);
+constexpr std::uint32_t compressionMagic = 0x636D7066;
+
+} // namespace APFSFormat

@@ -1,0 +1,57 @@
+// ExFATParser: the face of the exFAT reader.
+
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/ExFAT/Parser.h"
+#include "VintrelCore/FileSystems/ExFAT/EntrySets.h"
+#include "VintrelCore/FileSystems/ExFAT/Walker.h"
+#include "VintrelCore/FileSystems/FSProbe.h"
+
+namespace ExFATParser {
+
+std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
+    WorkProgress* progress, std::optional<ByteView> boot)
+{
+    const auto sector = FSProbe::bootSector(source, offset, boot);
+    if (FSProbe::detectBootSector(sector) != FileSystemType::exfat)
+        return nullptr;
+    const auto geometry = ExFATGeometry::from(sector, offset);
+    if (!geometry)
+        return nullptr;
+
+    auto context = std::make_unique<ExFATContext>(source, *geometry);
+    auto volume = std::make_unique<Volume>(FileSystemType::exfat, "", offset, geometry->volumeSize,
+        FileNode::makeFolder("", EntryStatus::existing), origin);
+    volume->clusterSize = geometry->heap.clusterSize;
+    ExFATWalker walker(*context, progress);
+    walker.walkRoot(*volume->root);
+    volume->label = walker.label().value_or("");
+    if (context->fatUnavailable())
+        volume->notes.emplace_back("FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
+    if (context->bitmapUnavailable())
+        volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
+    volume->deepContext = std::make_unique<ExFATDeepInfo>(
+        std::move(context), std::move(walker.claimed), std::move(walker.liveClusters));
+    volume->root->sortChildren();
+    return volume;
+}
+
+bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
+{
+    using namespace ExFATEntries;
+    constexpr std::int64_t looked = 512; // formatting puts the bitmap among the first entries
+    const auto geometry = ExFATGeometry::from(boot, offset);
+    if (!geometry || !geometry->heap.contains(geometry->rootCluster))
+        return false;
+    const auto root = source.read(geometry->heap.offsetOf(geometry->rootCluster), looked, ReadMode::thorough);
+    for (std::int64_t at = 0; at < looked; at += entrySize) {
+        const auto entry = ByteView(root).load<BitmapEntry>(at);
+        if (entry->type == bitmapType && geometry->heap.contains(entry->firstCluster)
+            && entry->size == (std::uint64_t { geometry->heap.count } + 7) / 8)
+            return true;
+    }
+    return false;
+}
+
+bool looksLikeDirectorySector(ByteView bytes, std::int64_t at) { return !ExFATEntries::soundSets(bytes, at).empty(); }
+
+} // namespace ExFATParser

@@ -1,0 +1,95 @@
+// FATParser: the face of the FAT reader.
+
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/FAT/Parser.h"
+#include "VintrelCore/FileSystems/FAT/Walker.h"
+#include "VintrelCore/FileSystems/FSProbe.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace FATParser {
+
+using namespace FATEntries;
+
+namespace {
+
+constexpr std::int64_t sectorSize = 512;
+} // namespace
+
+std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
+    WorkProgress* progress, std::optional<ByteView> boot)
+{
+    const auto sector = FSProbe::bootSector(source, offset, boot);
+    const auto type = FSProbe::detectBootSector(sector);
+    if (type != FileSystemType::fat12 && type != FileSystemType::fat16 && type != FileSystemType::fat32)
+        return nullptr;
+    const auto geometry = FATGeometry::from(sector, *type, offset);
+    if (!geometry)
+        return nullptr;
+
+    auto context = std::make_unique<FATContext>(source, *geometry);
+    auto volume = std::make_unique<Volume>(
+        *type, geometry->label, offset, geometry->volumeSize, FileNode::makeFolder("", EntryStatus::existing), origin);
+    volume->clusterSize = geometry->heap.clusterSize;
+    FATWalker walker(*context, progress);
+    walker.walkRoot(*volume->root);
+    if (walker.label() && !walker.label()->empty())
+        volume->label = *walker.label();
+    if (context->fatUnavailable())
+        volume->notes.emplace_back("FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
+    volume->deepContext
+        = std::make_unique<FATDeepInfo>(std::move(context), std::move(walker.claimed), std::move(walker.liveClusters));
+    volume->root->sortChildren();
+    return volume;
+}
+
+bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
+{
+    const auto type = FSProbe::detectBootSector(boot);
+    const auto geometry = type ? FATGeometry::from(boot, *type, offset) : std::nullopt;
+    if (!geometry)
+        return false;
+    constexpr std::int64_t mediaByte = 21;
+    constexpr std::uint64_t maxCopies = 4;
+    for (std::uint64_t copy = 0; copy < std::min<std::uint64_t>(geometry->fatCount, maxCopies); ++copy) {
+        // The first entry repeats the medium's kind, all its other bits being set; the second one's low bits are set.
+        const auto start = source.read(geometry->fatOffset + copy * geometry->fatSize, 4, ReadMode::thorough);
+        const bool isFAT12 = geometry->type == FileSystemType::fat12;
+        if (start[0] == boot.u8(mediaByte) && start[0] >= 0xF0 && start[1] == 0xFF && (isFAT12 || start[2] == 0xFF))
+            return true;
+    }
+    std::uint64_t root = geometry->rootDirOffset;
+    if (geometry->rootDirSize == 0) {
+        if (!geometry->heap.contains(geometry->rootCluster))
+            return false;
+        root = geometry->heap.offsetOf(geometry->rootCluster);
+    }
+    return looksLikeDirectorySector(source.read(root, sectorSize, ReadMode::thorough));
+}
+
+bool looksLikeDirectorySector(ByteView bytes, std::int64_t at)
+{
+    const auto sector = bytes.sub(at, sectorSize);
+    int shortEntries = 0;
+    for (std::int64_t position = 0; position < sectorSize; position += entrySize) {
+        const auto entry = sector.load<ShortEntry>(position);
+        if (!entry)
+            return false;
+        if (entry->name[0] == endOfDirectory)
+            return position >= 3 * std::int64_t { entrySize } && shortEntries > 0
+                && sector.isAllZero(position, sectorSize);
+        if (entry->attributes == longNameAttributes) {
+            const auto piece = *sector.load<LongNamePiece>(position);
+            if (piece.type != 0 || piece.firstCluster != 0)
+                return false;
+        } else if (canBeShortEntry(*entry)) {
+            ++shortEntries;
+        } else {
+            return false;
+        }
+    }
+    return shortEntries > 0;
+}
+
+} // namespace FATParser

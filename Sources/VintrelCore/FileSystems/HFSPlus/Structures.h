@@ -1,0 +1,119 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+/// HFS+ as it lies on disk. Everything is big-endian.
+namespace HFSPlusFormat {
+
+/// Allocation blocks in a row.
+struct ExtentDescriptor {
+    BE32 startBlock, blockCount; // 0, 4  count 0: not used
+};
+
+struct ForkData {
+    BE64 logicalSize;                        //  0  in bytes
+    BE32 clumpSize, totalBlocks;             //  8, 12
+    std::array<ExtentDescriptor, 8> extents; // 16  the first ones; the extents overflow file has the rest
+};
+static_assert(sizeof(ForkData) == 80 && offsetof(ForkData, extents) == 16);
+
+struct VolumeHeader {
+    BE16 signature, version;           //   0, 2  "H+" 4, or "HX" 5 for HFSX
+    std::array<std::uint8_t, 36> more; //   4
+    BE32 blockSize;                    //  40  in bytes
+    BE32 totalBlocks;                  //  44
+    std::array<std::uint8_t, 64> rest; //  48
+    ForkData allocationFile;           // 112
+    ForkData extentsFile;              // 192
+    ForkData catalogFile;              // 272
+    ForkData attributesFile;           // 352
+    ForkData startupFile;              // 432
+};
+static_assert(sizeof(VolumeHeader) == 512 && offsetof(VolumeHeader, allocationFile) == 112
+    && offsetof(VolumeHeader, catalogFile) == 272);
+
+constexpr std::uint64_t volumeHeaderOffset = 1024; // of the volume
+constexpr std::uint16_t signatureHFSX = 0x4858;
+
+/// Every node of a B-tree begins with this.
+struct NodeDescriptor {
+    BE32 next, previous; //  0, 4  nodes of the same level; 0: none
+    std::uint8_t kind;   //  8
+    std::uint8_t height; //  9
+    BE16 recordCount;    // 10
+    BE16 reserved;       // 12
+};
+static_assert(sizeof(NodeDescriptor) == 14);
+
+constexpr std::uint8_t leafKind = 0xFF;
+constexpr std::uint8_t indexKind = 0x00;
+constexpr std::uint8_t headerKind = 0x01;
+
+/// Node 0.
+struct HeaderNode {
+    NodeDescriptor descriptor; //  0
+    BE16 depth;                // 14
+    BE32 rootNode;             // 16
+    BE32 leafRecords;          // 20
+    BE32 firstLeafNode;        // 24
+    BE32 lastLeafNode;         // 28
+    BE16 nodeSize;             // 32  in bytes
+};
+static_assert(sizeof(HeaderNode) == 34 && offsetof(HeaderNode, firstLeafNode) == 24);
+
+/// A record of the extents overflow file.
+struct OverflowRecord {
+    BE16 keyLength;        //  0  10
+    std::uint8_t forkType; //  2  0: data fork
+    std::uint8_t pad;      //  3
+    BE32 fileID;           //  4
+    BE32 startBlock;       //  8  of the file, where these extents begin
+};
+static_assert(sizeof(OverflowRecord) == 12);
+
+/// The start of a catalog record's key; `nameLength` UTF-16 units follow.
+struct CatalogKey {
+    BE16 keyLength;  // 0  without itself
+    BE32 parentID;   // 2
+    BE16 nameLength; // 6
+};
+static_assert(sizeof(CatalogKey) == 8);
+
+/// What folder and file records have in common.
+struct CatalogItem {
+    BE16 type;                         //  0
+    std::array<std::uint8_t, 6> flags; //  2  and valence or reserved
+    BE32 id;                           //  8
+    BE32 created, modified;            // 12, 16
+    std::array<std::uint8_t, 21> more; // 20  other dates, owner
+    std::uint8_t ownerFlags;           // 41  20: compressed
+    BE16 mode;                         // 42
+    BE32 special;                      // 44  of a hard link: the number of its iNode file
+};
+static_assert(sizeof(CatalogItem) == 48 && offsetof(CatalogItem, ownerFlags) == 41);
+
+struct CatalogFile {
+    CatalogItem item;                  //   0
+    BE32 fileType, fileCreator;        //  48, 52
+    std::array<std::uint8_t, 32> more; //  56
+    ForkData dataFork;                 //  88
+    ForkData resourceFork;             // 168
+};
+static_assert(sizeof(CatalogFile) == 248 && offsetof(CatalogFile, dataFork) == 88);
+
+constexpr std::uint16_t folderType = 1;
+constexpr std::uint16_t fileType = 2;
+constexpr std::uint8_t compressedFlag = 0x20;
+constexpr std::uint32_t hardLinkType = 0x686C6E6B;    // "hlnk"
+constexpr std::uint32_t hardLinkCreator = 0x6866732B; // "hfs+"
+
+constexpr std::uint32_t rootFolderID = 2;
+constexpr std::uint32_t extentsFileID = 3;
+constexpr std::uint32_t catalogFileID = 4;
+constexpr std::uint32_t allocationFileID = 6;
+
+} // namespace HFSPlusFormat

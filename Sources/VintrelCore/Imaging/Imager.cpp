@@ -1,0 +1,462 @@
+#include "VintrelCore/Imaging/Imager.h"
+
+#include "VintrelCore/Foundation/AlignedBuffer.h"
+#include "VintrelCore/Disk/DiskSource.h"
+
+#include <CVintrel/Platform.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <deque>
+#include <fcntl.h>
+#include <filesystem>
+#include <limits>
+#include <span>
+#include <sys/stat.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+using Status = RangeMap::Status;
+
+constexpr std::chrono::milliseconds refreshInterval { 250 };
+constexpr std::chrono::milliseconds pauseInterval { 200 };
+constexpr std::chrono::seconds saveInterval { 5 };
+constexpr std::chrono::seconds rateWindow { 5 };
+constexpr Seconds shortestRateSample { 0.5 };
+
+/// What the sector pass and its repetitions read.
+constexpr Status failedPieces[] = { Status::nonTrimmed, Status::nonScraped };
+constexpr Status badSectors[] = { Status::bad };
+
+constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit) { return value - value % unit; }
+
+/// The end of the unit that holds `value`, but not beyond `limit`.
+constexpr std::uint64_t unitEnd(std::uint64_t value, std::uint64_t unit, std::uint64_t limit)
+{
+    const std::uint64_t start = roundDown(value, unit);
+    return limit - start < unit ? limit : start + unit;
+}
+
+struct OpenedImage {
+    FileDescriptor descriptor;
+    std::uint64_t size = 0;
+    int error = 0; ///< errno; 0 when it is open
+};
+
+/// Why a file with this status cannot be the image; 0 when it can. A device is refused too: the source's own disk has
+/// more than one of them.
+int refusalOf(const struct stat& status, const DiskSource& source)
+{
+    if (source.isFile(status))
+        return EBUSY;
+    if (S_ISDIR(status.st_mode))
+        return EISDIR;
+    return S_ISREG(status.st_mode) ? 0 : ENOTSUP;
+}
+
+OpenedImage openImage(const std::string& imagePath, const std::string& mapPath, const DiskSource& source)
+{
+    struct stat status { };
+    // Before anything is opened for writing: a mapfile by the source's name would take its place.
+    for (const auto& path : { mapPath, RangeMap::temporaryPath(mapPath) })
+        if (::stat(path.c_str(), &status) == 0 && source.isFile(status))
+            return { .descriptor = {}, .size = 0, .error = EBUSY };
+    if (::stat(imagePath.c_str(), &status) == 0)
+        if (const int refusal = refusalOf(status, source))
+            return { .descriptor = {}, .size = 0, .error = refusal };
+
+    FileDescriptor descriptor(::open(imagePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0644));
+    if (!descriptor || ::fstat(descriptor.get(), &status) != 0)
+        return { .descriptor = {}, .size = 0, .error = errno };
+    // And once more of what was opened, which may be something else by now.
+    const int refusal = refusalOf(status, source);
+    return {
+        .descriptor = std::move(descriptor), .size = static_cast<std::uint64_t>(status.st_size), .error = refusal
+    };
+}
+
+} // namespace
+
+/// One call of run(), once its image is open.
+class DiskImager::Run {
+public:
+    Run(DiskImager& imager, OpenedImage image, const Update& onUpdate)
+        : imager_(imager)
+        , source_(imager.source_)
+        , map_(*imager.map_)
+        , image_(std::move(image.descriptor))
+        , imageSize_(image.size)
+        , onUpdate_(onUpdate)
+        , sectorSize_(imager.source_.sectorSize())
+        , readSize_(static_cast<std::size_t>(
+              roundDown(std::max<std::uint64_t>(sectorSize_, imager.options_.chunkSize), sectorSize_)))
+        , memory_(readSize_)
+        , buffer_(memory_.bytes())
+        , rescuedBefore_(map_.total(Status::finished))
+    {
+    }
+
+    void perform()
+    {
+        bool goesOn = prepare() && copyPass({ 1, "Kopierer (hurtig gennemgang)" }, Damage::leapAway)
+            && copyPass({ 2, "Kopierer oversprungne områder" }, Damage::stepOver)
+            && sectorPass({ 3, "Læser vanskelige områder sektor for sektor" }, failedPieces);
+        const int retries = imager_.options_.retries;
+        for (int attempt = 1; goesOn && attempt <= retries; ++attempt)
+            goesOn = sectorPass({ 3 + attempt,
+                                    "Nyt forsøg på dårlige sektorer (" + std::to_string(attempt) + "/"
+                                        + std::to_string(retries) + ")" },
+                badSectors);
+        finish();
+    }
+
+private:
+    struct Pass {
+        int number;
+        std::string phase;
+    };
+
+    /// What a copy pass does behind a piece that could not be read.
+    enum class Damage { leapAway, stepOver };
+
+    /// Makes the image as long as the source. False when the run has to end.
+    bool prepare()
+    {
+        imager_.distrustBeyond(imageSize_);
+        // The longer image makes every claim of a mapfile credible, so a wrong one must be gone before.
+        struct stat status { };
+        const bool isMapfileWrong = imager_.isMapfileStale_ && ::lstat(imager_.mapPath_.c_str(), &status) == 0;
+        const bool isReady = (!isMapfileWrong || save())
+            && (imageSize_ >= source_.size() || ::ftruncate(image_.get(), static_cast<off_t>(source_.size())) == 0);
+        hasWriteFailed_ = hasWriteFailed_ || !isReady;
+        return !hasWriteFailed_;
+    }
+
+    /// Copies what has not been tried. True when nothing of that is left behind the last position; false when the run
+    /// has to end.
+    bool copyPass(const Pass& pass, Damage damage)
+    {
+        begin(pass);
+        const std::uint64_t maxSkip = imager_.options_.maxSkip;
+        std::uint64_t position = 0;
+        std::uint64_t skip = std::min<std::uint64_t>(readSize_, maxSkip);
+        while (const auto stretch = map_.first(Status::nonTried, position)) {
+            if (!mayReadAt(stretch->position))
+                return false;
+            const std::uint64_t end = unitEnd(stretch->position, readSize_, stretch->end());
+            position = end;
+            if (copy({ stretch->position, end })) {
+                skip = std::min<std::uint64_t>(readSize_, maxSkip);
+            } else {
+                map_.set(stretch->position, end - stretch->position, Status::nonTrimmed);
+                if (damage == Damage::leapAway) {
+                    position += std::min(skip, source_.size() - position);
+                    skip = skip > maxSkip / 2 ? maxSkip : 2 * skip;
+                }
+            }
+            refresh();
+            if (mustEnd())
+                return false;
+        }
+        return true;
+    }
+
+    /// Reads the stretches of these statuses sector by sector. False when the run has to end.
+    bool sectorPass(const Pass& pass, std::span<const Status> statuses)
+    {
+        begin(pass);
+        std::uint64_t position = 0;
+        while (const auto stretch = firstOf(statuses, position)) {
+            if (!mayReadAt(stretch->position))
+                return false;
+            const auto sectors
+                = wholeSectors({ stretch->position, unitEnd(stretch->position, readSize_, stretch->end()) });
+            const auto run = readSectors(sectors);
+            store({ sectors.start, run.end });
+            position = std::max(stretch->position, run.end);
+            if (run.endsAtBadSector) {
+                const std::uint64_t end = unitEnd(position, sectorSize_, stretch->end());
+                if (stretch->status != Status::bad) {
+                    map_.set(position, end - position, Status::bad);
+                    source_.markBad(position / sectorSize_);
+                }
+                position = end;
+            }
+            refresh();
+            if (mustEnd())
+                return false;
+        }
+        return true;
+    }
+
+    void finish()
+    {
+        save();
+        const bool isStopped = imager_.isCancelled_;
+        {
+            const std::lock_guard guard(imager_.lock_);
+            auto& stats = imager_.stats_;
+            stats.finished = true;
+            stats.phase = isStopped ? "Stoppet" : "Færdig";
+            if (hasWriteFailed_)
+                stats.message = "Skrivning til billedfilen mislykkedes (er destinationen fuld?).";
+            else if (isStopped)
+                stats.message = "Stoppet. Du kan fortsætte senere – fremskridtet er gemt i "
+                    + std::filesystem::path(imager_.mapPath_).filename().string() + ".";
+        }
+        update(Clock::now());
+    }
+
+    void begin(const Pass& pass)
+    {
+        const std::lock_guard guard(imager_.lock_);
+        imager_.stats_.phase = pass.phase;
+        imager_.stats_.pass = pass.number;
+    }
+
+    /// Waits while the imager is paused. False when the run has to end.
+    bool mayReadAt(std::uint64_t position)
+    {
+        while (imager_.isPaused_ && !mustEnd()) {
+            std::this_thread::sleep_for(pauseInterval);
+            refresh();
+        }
+        const std::lock_guard guard(imager_.lock_);
+        imager_.stats_.position = position;
+        return !mustEnd();
+    }
+
+    bool mustEnd() const { return imager_.isCancelled_ || hasWriteFailed_; }
+
+    std::optional<RangeMap::Block> firstOf(std::span<const Status> statuses, std::uint64_t from) const
+    {
+        std::optional<RangeMap::Block> first;
+        for (const auto status : statuses)
+            if (const auto stretch = map_.first(status, from);
+                stretch && (!first || stretch->position < first->position))
+                first = stretch;
+        return first;
+    }
+
+    /// Another tool's mapfile may draw its borders within sectors; those are read, and so rescued, whole.
+    ByteRange wholeSectors(ByteRange piece) const
+    {
+        return { roundDown(piece.start, sectorSize_), unitEnd(piece.end - 1, sectorSize_, source_.size()) };
+    }
+
+    /// Copies a piece that lies within one read size. False when it cannot be read.
+    bool copy(ByteRange piece)
+    {
+        piece = wholeSectors(piece);
+        if (!source_.tryRead(piece.start, buffer_.first(static_cast<std::size_t>(piece.end - piece.start))))
+            return false;
+        store(piece);
+        CVintrel::startFlushing(image_.get(), piece.start, piece.end - piece.start);
+        return true;
+    }
+
+    struct SectorRun {
+        std::uint64_t end = 0; ///< of what was read
+        bool endsAtBadSector = false;
+    };
+
+    /// Reads sectors into the buffer one at a time, up to one that cannot be read or until something else is due.
+    SectorRun readSectors(ByteRange sectors)
+    {
+        std::uint64_t position = sectors.start;
+        do {
+            const auto sector = buffer_.subspan(static_cast<std::size_t>(position - sectors.start),
+                static_cast<std::size_t>(std::min<std::uint64_t>(sectorSize_, sectors.end - position)));
+            if (!source_.tryRead(position, sector))
+                return { .end = position, .endsAtBadSector = true };
+            position += sector.size();
+        } while (position < sectors.end && !mustEnd() && !imager_.isPaused_ && !isRefreshDue(Clock::now()));
+        return { .end = position, .endsAtBadSector = false };
+    }
+
+    /// Writes the buffer's beginning to this place of the image.
+    void store(ByteRange range)
+    {
+        if (range.start == range.end)
+            return;
+        const auto bytes = buffer_.first(static_cast<std::size_t>(range.end - range.start));
+        const std::size_t written = write(bytes, range.start);
+        if (written < bytes.size())
+            hasWriteFailed_ = true;
+        else
+            lastSuccess_ = Clock::now();
+        map_.set(range.start, written, Status::finished);
+        addUnflushed({ range.start, range.start + written });
+    }
+
+    /// How many bytes reached the image: fewer than there are when it takes no more.
+    std::size_t write(std::span<const std::uint8_t> bytes, std::uint64_t at)
+    {
+        std::size_t done = 0;
+        while (done < bytes.size()) {
+            const auto count
+                = ::pwrite(image_.get(), bytes.data() + done, bytes.size() - done, static_cast<off_t>(at + done));
+            if (count < 0 && errno == EINTR)
+                continue;
+            if (count <= 0)
+                break;
+            done += static_cast<std::size_t>(count);
+        }
+        return done;
+    }
+
+    void addUnflushed(ByteRange range)
+    {
+        if (!unflushed_.empty() && unflushed_.back().end == range.start)
+            unflushed_.back().end = range.end;
+        else
+            unflushed_.push_back(range);
+    }
+
+    /// Saves the mapfile, behind the data that it speaks of. Whether it is saved.
+    bool save()
+    {
+        lastSave_ = Clock::now();
+        if (CVintrel::flush(image_.get()) != 0) {
+            // The system may drop what it could not write and call the next attempt a success, so none of it counts.
+            hasWriteFailed_ = true;
+            for (const auto& range : unflushed_)
+                map_.set(range.start, range.end - range.start, Status::nonTried);
+        }
+        unflushed_.clear();
+        const auto stats = imager_.currentStats();
+        const bool isSaved = map_.write(imager_.mapPath_, stats.position, stats.pass) == 0;
+        if (isSaved)
+            imager_.isMapfileStale_ = false;
+        return isSaved;
+    }
+
+    bool isRefreshDue(Clock::time_point now) const { return now - lastRefresh_ >= refreshInterval; }
+
+    void refresh()
+    {
+        const auto now = Clock::now();
+        if (!isRefreshDue(now))
+            return;
+        update(now);
+        if (Clock::now() - lastSave_ > saveInterval)
+            save();
+    }
+
+    /// Brings the statistics up to date and hands them out.
+    void update(Clock::time_point now)
+    {
+        lastRefresh_ = now;
+        const std::uint64_t rescued = map_.total(Status::finished);
+        samples_.push_back({ now, rescued });
+        while (now - samples_.front().time > rateWindow)
+            samples_.pop_front();
+        const auto rate = [&](std::uint64_t before, Seconds time) {
+            return rescued > before && time.count() > 0 ? static_cast<double>(rescued - before) / time.count() : 0;
+        };
+        const Seconds elapsed = now - start_;
+        const Seconds window = now - samples_.front().time;
+
+        ImagingStats stats = imager_.currentStats(); // which only this thread changes
+        stats.rescued = rescued;
+        stats.bad = map_.total(Status::bad);
+        stats.pending = map_.total(Status::nonTried) + map_.total(Status::nonTrimmed) + map_.total(Status::nonScraped);
+        stats.total = source_.size();
+        stats.readErrors = source_.readErrorCount();
+        stats.currentRate = window > shortestRateSample ? rate(samples_.front().rescued, window) : 0;
+        stats.averageRate = rate(rescuedBefore_, elapsed);
+        stats.elapsed = elapsed.count();
+        stats.sinceLastSuccess = Seconds(now - lastSuccess_).count();
+        {
+            const std::lock_guard guard(imager_.lock_);
+            imager_.stats_ = stats;
+        }
+        onUpdate_(stats);
+    }
+
+    struct Sample {
+        Clock::time_point time;
+        std::uint64_t rescued;
+    };
+
+    DiskImager& imager_;
+    DiskSource& source_;
+    RangeMap& map_;
+    const FileDescriptor image_;
+    const std::uint64_t imageSize_; // as it was found
+    const Update& onUpdate_;
+    const std::uint32_t sectorSize_;
+    const std::size_t readSize_; // whole sectors
+    const AlignedBuffer memory_;
+    const std::span<std::uint8_t> buffer_;
+    const std::uint64_t rescuedBefore_;
+    const Clock::time_point start_ = Clock::now();
+    Clock::time_point lastSuccess_ = start_;
+    Clock::time_point lastRefresh_ = start_;
+    Clock::time_point lastSave_ = start_;
+    std::deque<Sample> samples_;
+    std::vector<ByteRange> unflushed_; // what was written since the image's data was last known to be on the disk
+    bool hasWriteFailed_ = false;
+};
+
+DiskImager::DiskImager(DiskSource& source, std::string imagePath, ImagingOptions options)
+    : source_(source)
+    , imagePath_(std::move(imagePath))
+    , mapPath_(imagePath_ + ".map")
+    , options_(options)
+{
+    struct stat status { };
+    if (::stat(imagePath_.c_str(), &status) == 0)
+        map_ = RangeMap::read(mapPath_, source.size());
+    if (map_) {
+        distrustBeyond(static_cast<std::uint64_t>(status.st_size));
+    } else {
+        map_ = std::make_unique<RangeMap>(source.size());
+        isMapfileStale_ = true;
+    }
+}
+
+bool DiskImager::isResuming() const { return map_->total(Status::nonTried) < source_.size(); }
+
+void DiskImager::run(const Update& onUpdate)
+{
+    isCancelled_ = false;
+    {
+        const std::lock_guard guard(lock_);
+        stats_.finished = false;
+        stats_.message.reset();
+    }
+    auto image = openImage(imagePath_, mapPath_, source_);
+    if (image.error == 0) {
+        Run(*this, std::move(image), onUpdate).perform();
+        return;
+    }
+    {
+        const std::lock_guard guard(lock_);
+        stats_.message = "Kunne ikke oprette billedfilen: " + std::generic_category().message(image.error);
+        stats_.finished = true;
+    }
+    onUpdate(currentStats());
+}
+
+ImagingStats DiskImager::currentStats() const
+{
+    const std::lock_guard guard(lock_);
+    return stats_;
+}
+
+/// An image that is shorter than its mapfile says has lost what lay there.
+void DiskImager::distrustBeyond(std::uint64_t imageSize)
+{
+    while (const auto lost = map_->first(Status::finished, imageSize)) {
+        map_->set(lost->position, lost->size, Status::nonTried);
+        isMapfileStale_ = true;
+    }
+}

@@ -1,0 +1,336 @@
+#include "VintrelCore/Imaging/RangeMap.h"
+
+#include "VintrelCore/Foundation/Unicode/Unicode.h"
+
+#include <CVintrel/Platform.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <span>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using Status = RangeMap::Status;
+
+struct StatusRow {
+    char code; ///< in the mapfile
+    int rank;  ///< the higher, the worse; of what falls into one cell of the picture the worst is shown
+};
+
+constexpr StatusRow statusRows[] = {
+    { '?', 1 }, // nonTried
+    { '*', 2 }, // nonTrimmed
+    { '/', 2 }, // nonScraped
+    { '-', 3 }, // bad
+    { '+', 0 }, // finished
+};
+static_assert(std::size(statusRows) == RangeMap::allStatuses.size());
+
+constexpr const StatusRow& rowOf(Status status) { return statusRows[static_cast<std::size_t>(status)]; }
+
+std::optional<Status> statusOf(std::string_view code)
+{
+    for (const auto status : RangeMap::allStatuses)
+        if (code.size() == 1 && code.front() == rowOf(status).code)
+            return status;
+    return std::nullopt;
+}
+
+/// The mapfile of a disk with ten million bad areas is smaller than this.
+constexpr std::uint64_t maxMapfileSize = 1'073'741'824;
+
+constexpr std::string_view blanks = " \t\v\f\r";
+
+/// Takes the first run of non-blanks off the front; empty when there is none left.
+std::string_view takeField(std::string_view& line)
+{
+    line.remove_prefix(std::min(line.find_first_not_of(blanks), line.size()));
+    const auto field = line.substr(0, line.find_first_of(blanks));
+    line.remove_prefix(field.size());
+    return field;
+}
+
+/// A number of the mapfile: hexadecimal behind "0x", else decimal.
+std::optional<std::uint64_t> parseNumber(std::string_view text)
+{
+    int base = 10;
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        text.remove_prefix(2);
+        base = 16;
+    } else if (text.starts_with('+')) {
+        text.remove_prefix(1);
+    }
+    std::uint64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    return error == std::errc() && end == text.data() + text.size() ? std::optional(value) : std::nullopt;
+}
+
+std::optional<RangeMap::Block> parseBlock(std::string_view line)
+{
+    const auto position = parseNumber(takeField(line));
+    const auto size = parseNumber(takeField(line));
+    const auto status = statusOf(takeField(line));
+    return position && size && status ? std::optional(RangeMap::Block { *position, *size, *status }) : std::nullopt;
+}
+
+bool isUTF8(std::string_view text)
+{
+    while (!text.empty()) {
+        const auto before = text.size();
+        // U+FFFD itself may stand in a text; in place of a broken sequence it takes one byte.
+        if (static_cast<signed char>(text.front()) >= 0)
+            text.remove_prefix(1);
+        else if (Unicode::takeFirst(text) == Unicode::replacement && before - text.size() == 1)
+            return false;
+    }
+    return true;
+}
+
+int writeAll(int descriptor, std::string_view text)
+{
+    while (!text.empty()) {
+        const auto count = ::write(descriptor, text.data(), text.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return count < 0 ? errno : ENOSPC;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return 0;
+}
+
+/// Makes a new file with this content that is safe on the disk.
+int writeNewFile(const std::string& path, std::string_view text)
+{
+    // Not emptied but made anew: what has this name may be a link to anything.
+    ::unlink(path.c_str());
+    FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!file)
+        return errno;
+    if (const int error = writeAll(file.get(), text))
+        return error;
+    if (const int error = CVintrel::flush(file.get()))
+        return error;
+    return file.close();
+}
+
+/// Makes the names in the folder of `path` safe on the disk. Not every file system can; a name that gets lost with the
+/// power leads back to the mapfile before.
+void flushFolderOf(const std::string& path)
+{
+    const auto folder = std::filesystem::path(path).parent_path();
+    const FileDescriptor descriptor(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (descriptor)
+        ::fsync(descriptor.get());
+}
+
+} // namespace
+
+void RangeMap::RangeSet::add(std::uint64_t start, std::uint64_t end)
+{
+    total_ += end - start;
+    const auto next = ends_.lower_bound(start);
+    const bool joinsNext = next != ends_.end() && next->first == end;
+    if (next != ends_.begin() && std::prev(next)->second == start) {
+        std::prev(next)->second = joinsNext ? next->second : end;
+        if (joinsNext)
+            ends_.erase(next);
+    } else if (joinsNext) {
+        const auto behind = std::next(next);
+        auto node = ends_.extract(next);
+        node.key() = start;
+        ends_.insert(behind, std::move(node));
+    } else {
+        ends_.emplace_hint(next, start, end);
+    }
+}
+
+void RangeMap::RangeSet::remove(std::uint64_t start, std::uint64_t end)
+{
+    auto range = ends_.upper_bound(start);
+    if (range != ends_.begin() && std::prev(range)->second > start)
+        --range;
+    while (range != ends_.end() && range->first < end) {
+        const auto [rangeStart, rangeEnd] = *range;
+        total_ -= std::min(rangeEnd, end) - std::max(rangeStart, start);
+        if (rangeStart < start) {
+            range->second = start;
+            ++range;
+            if (rangeEnd > end)
+                ends_.emplace_hint(range, end, rangeEnd);
+        } else if (rangeEnd > end) { // copying eats a range up from its front: no memory is asked for
+            auto node = ends_.extract(range++);
+            node.key() = end;
+            ends_.insert(range, std::move(node));
+            return;
+        } else {
+            range = ends_.erase(range);
+        }
+    }
+}
+
+std::optional<ByteRange> RangeMap::RangeSet::firstEndingAfter(std::uint64_t position) const
+{
+    auto range = ends_.upper_bound(position);
+    if (range != ends_.begin() && std::prev(range)->second > position)
+        --range;
+    if (range == ends_.end())
+        return std::nullopt;
+    return ByteRange { range->first, range->second };
+}
+
+RangeMap::RangeMap(std::uint64_t size)
+    : size_(size)
+{
+    if (size > 0)
+        with(Status::nonTried).add(0, size);
+}
+
+void RangeMap::set(std::uint64_t position, std::uint64_t length, Status status)
+{
+    if (length == 0 || position >= size_)
+        return;
+    const std::uint64_t end = position + std::min(length, size_ - position);
+    const std::lock_guard guard(lock_);
+    for (auto& set : sets_)
+        set.remove(position, end);
+    with(status).add(position, end);
+}
+
+std::optional<RangeMap::Block> RangeMap::first(Status status, std::uint64_t from) const
+{
+    const std::lock_guard guard(lock_);
+    const auto range = with(status).firstEndingAfter(from);
+    if (!range)
+        return std::nullopt;
+    const std::uint64_t start = std::max(range->start, from);
+    return Block { start, range->end - start, status };
+}
+
+std::uint64_t RangeMap::total(Status status) const
+{
+    const std::lock_guard guard(lock_);
+    return with(status).total();
+}
+
+std::vector<RangeMap::Block> RangeMap::snapshot() const
+{
+    std::vector<Block> blocks;
+    {
+        const std::lock_guard guard(lock_);
+        for (const auto status : allStatuses)
+            for (const auto& [start, end] : with(status).ends())
+                blocks.push_back({ start, end - start, status });
+    }
+    std::ranges::sort(blocks, {}, &Block::position);
+    return blocks;
+}
+
+std::vector<RangeMap::Status> RangeMap::cells(std::size_t count) const
+{
+    if (count == 0 || size_ == 0)
+        return {};
+    std::vector<Status> cells(count, Status::finished);
+    std::vector<bool> isClaimed(count);
+    const double share = static_cast<double>(size_) / static_cast<double>(count);
+    const auto cellOf = [&](std::uint64_t position) {
+        return std::min(static_cast<std::size_t>(std::floor(static_cast<double>(position) / share)), count - 1);
+    };
+    for (const auto& block : snapshot()) {
+        for (std::size_t cell = cellOf(block.position); cell <= cellOf(block.end() - 1); ++cell) {
+            if (!isClaimed[cell] || rowOf(block.status).rank > rowOf(cells[cell]).rank)
+                cells[cell] = block.status;
+            isClaimed[cell] = true;
+        }
+    }
+    return cells;
+}
+
+std::string RangeMap::mapfile(std::uint64_t position, int pass) const
+{
+    const auto blocks = snapshot();
+    char line[80];
+    std::string text = "# Mapfile. Created by Vintrel (GNU ddrescue compatible)\n"
+                       "# Command line: vintrel\n"
+                       "# current_pos  current_status  current_pass\n";
+    text.reserve(text.size() + 32 * (blocks.size() + 3));
+    const auto append
+        = [&](int length) { text.append(line, static_cast<std::size_t>(std::clamp<int>(length, 0, sizeof line - 1))); };
+    // The status is always the one of copying: other tools resume from the blocks, and this one never reads it.
+    append(std::snprintf(line, sizeof line, "0x%08" PRIX64 "     ?               %d\n", position, pass));
+    text += "#      pos        size  status\n";
+    for (const auto& block : blocks)
+        append(std::snprintf(line, sizeof line, "0x%08" PRIX64 "  0x%08" PRIX64 "  %c\n", block.position, block.size,
+            rowOf(block.status).code));
+    return text;
+}
+
+std::unique_ptr<RangeMap> RangeMap::parse(std::string_view text, std::uint64_t size)
+{
+    if (!isUTF8(text))
+        return nullptr;
+    auto map = std::make_unique<RangeMap>(size);
+    bool hasBlock = false;
+    bool isStatusLine = true; // the first line that is no comment, whatever it says
+    while (!text.empty()) {
+        const auto line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        auto rest = line;
+        const auto firstField = takeField(rest);
+        if (firstField.empty() || firstField.starts_with('#'))
+            continue;
+        if (std::exchange(isStatusLine, false))
+            continue;
+        const auto block = parseBlock(line);
+        if (!block)
+            continue;
+        hasBlock = true;
+        if (block->status != Status::nonTried)
+            map->set(block->position, block->size, block->status);
+    }
+    return hasBlock ? std::move(map) : nullptr;
+}
+
+int RangeMap::write(const std::string& path, std::uint64_t position, int pass) const
+{
+    const auto temporary = temporaryPath(path);
+    if (const int error = writeNewFile(temporary, mapfile(position, pass))) {
+        ::unlink(temporary.c_str()); // half a mapfile is of no use, and on a full disk it takes up room
+        return error;
+    }
+    if (::rename(temporary.c_str(), path.c_str()) != 0)
+        return errno;
+    flushFolderOf(path);
+    return 0;
+}
+
+std::unique_ptr<RangeMap> RangeMap::read(const std::string& path, std::uint64_t size)
+{
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe is not waited for
+    struct stat status { };
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)
+        || static_cast<std::uint64_t>(status.st_size) > maxMapfileSize)
+        return nullptr;
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const auto count = ::pread(file.get(), text.data() + done, text.size() - done, static_cast<off_t>(done));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return nullptr;
+        if (count == 0)
+            break;
+        done += static_cast<std::size_t>(count);
+    }
+    text.resize(done);
+    return parse(text, size);
+}

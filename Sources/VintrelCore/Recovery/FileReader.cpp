@@ -1,0 +1,240 @@
+#include "VintrelCore/Recovery/FileReader.h"
+
+#include "VintrelCore/Disk/DiskSource.h"
+
+#include <algorithm>
+#include <bit>
+#include <limits>
+
+namespace FileReader {
+
+namespace {
+
+constexpr std::size_t prefixPiece = 4'194'304;
+
+/// NTFS makes units of 16 clusters of at most 4 KiB. A larger one is damage, and would only cost memory.
+constexpr std::uint64_t maxUnitBytes = 67'108'864;
+
+/// Delivers the pieces of one file: keeps count of what is still wanted, of what could not be read and of whether the
+/// receiver wants more, and owns the one buffer that they pass through.
+class Delivery {
+public:
+    Delivery(DiskSource& source, std::size_t chunkSize, std::uint64_t total, const Body& body)
+        : source_(source)
+        , chunkSize_(std::max<std::size_t>(chunkSize, 1))
+        , remaining_(total)
+        , body_(body)
+    {
+    }
+
+    bool isDone() const { return remaining_ == 0; }
+    std::uint64_t remaining() const { return remaining_; }
+    std::uint64_t badBytes() const { return badBytes_; }
+    void countBad(std::uint64_t bytes) { badBytes_ += bytes; }
+
+    /// Hands on bytes as far as the file goes.
+    void deliver(std::span<const std::uint8_t> bytes)
+    {
+        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), remaining_));
+        handOn({ .bytes = bytes.first(count), .holeLength = 0 });
+    }
+
+    void deliverHole(std::uint64_t length) { handOn({ .bytes = {}, .holeLength = std::min(length, remaining_) }); }
+
+    void deliverExtent(const Extent& extent)
+    {
+        // What lies past the end of the source is a hole like any other.
+        const std::uint64_t onSource = extent.offset && *extent.offset < source_.size()
+            ? std::min(extent.length, source_.size() - *extent.offset)
+            : 0;
+        for (std::uint64_t done = 0; done < onSource && !isDone();) {
+            buffer_.resize(
+                static_cast<std::size_t>(std::min<std::uint64_t>({ onSource - done, chunkSize_, remaining_ })));
+            countBad(source_.readReporting(*extent.offset + done, std::span(buffer_), ReadMode::thorough));
+            done += buffer_.size();
+            deliver(buffer_);
+        }
+        deliverHole(extent.length - onSource);
+    }
+
+private:
+    void handOn(const Piece& piece)
+    {
+        if (piece.size() == 0)
+            return;
+        remaining_ -= piece.size();
+        if (!body_(piece))
+            remaining_ = 0;
+    }
+
+    DiskSource& source_;
+    const std::size_t chunkSize_;
+    std::uint64_t remaining_;
+    std::uint64_t badBytes_ = 0;
+    const Body& body_;
+    Bytes buffer_;
+};
+
+/// Walks the clusters of a compressed stream in file order.
+class ClusterCursor {
+public:
+    explicit ClusterCursor(const std::vector<CompressedRuns::Run>& runs)
+        : runs_(runs)
+    {
+    }
+
+    /// Whether everything from here on is sparse.
+    bool isAtEnd() const { return run_ == runs_.size(); }
+
+    /// A stretch of consecutive clusters, at most `limit` of them, and steps behind it. Past the last run everything is
+    /// sparse.
+    CompressedRuns::Run take(std::uint64_t limit)
+    {
+        while (run_ < runs_.size() && used_ == runs_[run_].clusters) {
+            ++run_;
+            used_ = 0;
+        }
+        if (run_ == runs_.size())
+            return { std::nullopt, limit };
+        const auto& run = runs_[run_];
+        const std::uint64_t count = std::min(limit, run.clusters - used_);
+        const CompressedRuns::Run taken { run.lcn ? std::optional(*run.lcn + used_) : std::nullopt, count };
+        used_ += count;
+        return taken;
+    }
+
+private:
+    const std::vector<CompressedRuns::Run>& runs_;
+    std::size_t run_ = 0;
+    std::uint64_t used_ = 0; // clusters of that run that were taken
+};
+
+/// The place of a cluster on the source; past its end where the number makes no sense.
+std::uint64_t offsetOf(const CompressedRuns& data, std::uint64_t lcn)
+{
+    constexpr auto limit = std::numeric_limits<std::uint64_t>::max();
+    return lcn > (limit - data.volumeOffset) / data.clusterSize ? limit : data.volumeOffset + lcn * data.clusterSize;
+}
+
+void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& delivery)
+{
+    if (data.clusterSize == 0 || data.unitClusters == 0 || data.unitClusters > maxUnitBytes / data.clusterSize)
+        return;
+    const auto unitBytes = static_cast<std::size_t>(data.unitClusters * data.clusterSize);
+    ClusterCursor cursor(data.runs);
+    Bytes unit(unitBytes);
+    // What the file never wrote is zeros, whatever its clusters hold.
+    const std::uint64_t wanted = delivery.remaining();
+    std::uint64_t initialized = std::min(wanted, data.initializedSize.value_or(wanted));
+    while (initialized > 0 && !cursor.isAtEnd() && !delivery.isDone()) {
+        const std::uint64_t inUnit = std::min<std::uint64_t>(unitBytes, initialized);
+        initialized -= inUnit;
+        std::size_t stored = 0; // bytes of the unit that have a place on the disk
+        for (std::uint64_t clusters = 0; clusters < data.unitClusters;) {
+            const auto stretch = cursor.take(data.unitClusters - clusters);
+            clusters += stretch.clusters;
+            if (!stretch.lcn)
+                continue;
+            const auto piece
+                = std::span(unit).subspan(stored, static_cast<std::size_t>(stretch.clusters * data.clusterSize));
+            delivery.countBad(source.readReporting(offsetOf(data, *stretch.lcn), piece, ReadMode::thorough));
+            stored += piece.size();
+        }
+        if (stored == 0) {
+            delivery.deliverHole(inUnit);
+            continue;
+        }
+        Bytes decompressed;
+        if (stored < unitBytes)
+            decompressed = lznt1Decompress(ByteView(unit).sub(0, static_cast<std::int64_t>(stored)), unitBytes);
+        const auto& content = stored < unitBytes ? decompressed : unit;
+        delivery.deliver(std::span(content).first(static_cast<std::size_t>(inUnit)));
+    }
+    delivery.deliverHole(delivery.remaining());
+}
+
+} // namespace
+
+std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunkSize,
+    std::optional<std::uint64_t> limit, const Body& body)
+{
+    const std::uint64_t total = std::min(limit.value_or(node.size), node.size);
+    Delivery delivery(source, chunkSize, total, body);
+    if (const auto* bytes = std::get_if<Bytes>(&node.data)) {
+        delivery.deliver(*bytes);
+    } else if (const auto* extents = std::get_if<ExtentList>(&node.data)) {
+        for (const auto& extent : *extents)
+            delivery.deliverExtent(extent);
+        delivery.deliverHole(delivery.remaining());
+    } else if (const auto* compressed = std::get_if<CompressedRuns>(&node.data)) {
+        streamCompressed(*compressed, source, delivery);
+    }
+    return delivery.badBytes();
+}
+
+Bytes readPrefix(const FileNode& node, DiskSource& source, std::size_t max)
+{
+    Bytes prefix;
+    stream(node, source, std::min(max, prefixPiece), max, [&](const Piece& piece) {
+        prefix.insert(prefix.end(), piece.bytes.begin(), piece.bytes.end());
+        prefix.resize(prefix.size() + static_cast<std::size_t>(piece.holeLength)); // no more than what is left of max
+        return prefix.size() < max;
+    });
+    return prefix;
+}
+
+Bytes lznt1Decompress(ByteView input, std::size_t outputSize)
+{
+    constexpr std::uint16_t isCompressed = 0x8000;
+    constexpr std::uint16_t lengthMask = 0x0FFF; // the length of the chunk's data, less one
+    const auto inputSize = static_cast<std::int64_t>(input.size());
+
+    Bytes output;
+    output.reserve(outputSize + 4096);
+    bool isCorrupt = false;
+    for (std::int64_t header = 0; !isCorrupt && header + 2 <= inputSize && output.size() < outputSize;) {
+        const std::uint16_t chunk = input.u16le(header);
+        if (chunk == 0)
+            break;
+        std::int64_t at = header + 2;
+        const std::int64_t end = std::min(inputSize, at + (chunk & lengthMask) + 1);
+        header = end;
+        if ((chunk & isCompressed) == 0) {
+            const auto stored = input.sub(at, end - at).span();
+            output.insert(output.end(), stored.begin(), stored.end());
+            continue;
+        }
+        const std::size_t chunkStart = output.size();
+        while (!isCorrupt && at < end && output.size() < outputSize) {
+            std::uint8_t flags = input.u8(at++);
+            for (int bit = 0; bit < 8 && at < end; ++bit, flags >>= 1) {
+                if ((flags & 1) == 0) {
+                    output.push_back(input.u8(at++));
+                    continue;
+                }
+                if (at + 2 > end) {
+                    at = end;
+                    break;
+                }
+                const std::uint16_t token = input.u16le(at);
+                at += 2;
+                // The further into the chunk, the more bits a distance needs, and the fewer are left for the length.
+                const std::size_t produced = output.size() - chunkStart;
+                const int lengthBits
+                    = produced <= 16 ? 12 : std::max(0, 16 - static_cast<int>(std::bit_width(produced - 1)));
+                const std::size_t distance = static_cast<std::size_t>(token >> lengthBits) + 1;
+                const std::size_t length = (token & ((1u << lengthBits) - 1)) + 3;
+                if (distance > produced) {
+                    isCorrupt = true;
+                    break;
+                }
+                for (std::size_t i = 0; i < length; ++i) // may overlap: what was just written is repeated
+                    output.push_back(output[output.size() - distance]);
+            }
+        }
+    }
+    output.resize(outputSize);
+    return output;
+}
+
+} // namespace FileReader

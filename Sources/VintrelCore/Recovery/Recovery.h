@@ -1,0 +1,59 @@
+#pragma once
+
+#include "VintrelCore/Model/Model.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class DiskSource;
+
+struct RecoveryOptions {
+    bool keepFolderStructure = true; ///< false: every file goes directly into the recovery folder
+    bool restoreDates = true;
+    bool writeReport = true; ///< "Gendannelsesrapport.csv" in the recovery folder
+};
+
+struct RecoveryProgress {
+    std::int64_t filesDone = 0;
+    std::int64_t filesTotal = 0;
+    std::uint64_t bytesDone = 0;
+    std::uint64_t bytesTotal = 0;
+    std::string currentFile; ///< its path below the recovery folder
+};
+
+struct RecoveryResult {
+    std::int64_t recovered = 0;  ///< files copied without any unreadable byte
+    std::int64_t withErrors = 0; ///< files copied with zeros for at least one
+    std::int64_t failed = 0;     ///< files that could not be created or written
+    std::uint64_t bytes = 0;     ///< sum of the sizes of the files copied
+    bool cancelled = false;
+    std::optional<std::string> folder; ///< the recovery folder; none when it could not be made
+    std::vector<std::string> failures; ///< a Danish line each, which begins with the file's path
+};
+
+/// Copies found files out of a source.
+namespace RecoveryEngine {
+
+using Reporter = std::function<void(const RecoveryProgress&)>;
+
+/// Makes a new folder named `rootName` below `destination` and copies the nodes into it, each once and folders with all
+/// that they hold. Existing files go first, so that of two with one name the intact one keeps it. Nothing that was
+/// there before is touched, and nothing is written outside that folder, whatever the names say. The nodes' volumes must
+/// outlive the call.
+RecoveryResult recover(std::span<FileNode* const> nodes, const std::string& rootName, DiskSource& source,
+    const std::string& destination, const RecoveryOptions& options, const Reporter& reporter,
+    const WorkProgress& progress);
+
+/// A name from a disk as one safe component of a path: not empty, no "/", at most 250 bytes.
+std::string sanitize(std::string_view name);
+
+/// `path`, or with " (2)", " (3)" … before its extension the first one at which nothing exists; folders have no
+/// extension.
+std::string uniquePath(const std::string& path, bool isDirectory);
+
+} // namespace RecoveryEngine

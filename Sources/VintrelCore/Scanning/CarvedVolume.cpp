@@ -1,0 +1,59 @@
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Scanning/Scanner.h"
+
+#include <algorithm>
+#include <cctype>
+#include <ctime>
+#include <unordered_map>
+
+namespace {
+
+/// "2024-05-17 14.03.22" in local time: no colons, which some file systems do not take.
+std::string stamp(Date date)
+{
+    const auto seconds
+        = std::chrono::system_clock::to_time_t(std::chrono::time_point_cast<std::chrono::system_clock::duration>(date));
+    std::tm local {};
+    ::localtime_r(&seconds, &local);
+    std::array<char, 64> text;
+    return { text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d %H.%M.%S", &local) };
+}
+
+std::string nameOf(const CarvedFile& file)
+{
+    constexpr std::uint64_t sectorSize = 512;
+    std::string name = file.date ? stamp(*file.date) + " f" : "f";
+    name += std::to_string(file.offset / sectorSize) + "." + file.ext;
+    return name;
+}
+
+} // namespace
+
+std::unique_ptr<Volume> DeepScanner::carvedVolume(DiskSource& source, std::span<const CarvedFile> files)
+{
+    auto root = FileNode::makeFolder("", EntryStatus::existing);
+    std::unordered_map<std::string, FileNode*> folders; // by extension
+    for (const auto& file : files) {
+        auto& folder = folders[file.ext];
+        if (folder == nullptr) {
+            std::string name = file.ext;
+            std::ranges::transform(
+                name, name.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+            folder = &root->add(FileNode::makeFolder(std::move(name), EntryStatus::carved));
+        }
+        auto node = FileNode::makeFile(nameOf(file), file.size, EntryStatus::carved,
+            file.exact ? Recoverability::good : Recoverability::unknown,
+            ExtentList { { .offset = file.offset, .length = file.size } });
+        node->modified = file.date;
+        if (!file.exact)
+            node->addNote("Størrelsen er anslået");
+        folder->add(std::move(node));
+    }
+    root->sortChildren();
+
+    auto volume = std::make_unique<Volume>(
+        FileSystemType::carved, "Filer fundet via signatur", 0, source.size(), std::move(root), "Dyb scanning");
+    volume->notes.emplace_back("Filerne er fundet ud fra deres indhold. Originale navne og mapper kendes ikke, og "
+                               "fragmenterede filer kan være ufuldstændige.");
+    return volume;
+}

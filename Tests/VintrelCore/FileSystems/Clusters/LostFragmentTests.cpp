@@ -1,0 +1,228 @@
+// Directories that nothing leads to any more: after a quick format, and where boot sector and FAT are gone.
+
+#include "Tests/Images/ExFATImage.h"
+#include "Tests/Images/FATImage.h"
+#include "VintrelCore/FileSystems/ExFAT/Parser.h"
+#include "VintrelCore/FileSystems/FAT/Parser.h"
+#include "VintrelCore/Recovery/FileReader.h"
+#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Devices/SourceOpener.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+namespace {
+
+/// Everything that a deep scan without carving lists of a source, path by path: one content for each file there.
+struct Found {
+    explicit Found(DiskSource& source)
+    {
+        volumes = QuickScanner::run(source, nullptr).volumes;
+        const auto result = DeepScanner(source, { .carve = false }).run(nullptr);
+        for (auto& volume : DeepScanner::buildVolumes(source, result, volumes, nullptr))
+            volumes.push_back(std::move(volume));
+        for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, result, nullptr))
+            volume->root->add(std::move(folder));
+        for (const auto& volume : volumes)
+            for (const auto* file : volume->root->allFiles())
+                files.emplace(file->path(), FileReader::readPrefix(*file, source, 1_MiB));
+    }
+    explicit Found(const Bytes& bytes)
+        : Found(*makeSource(bytes))
+    {
+    }
+
+    /// How many files have a path that ends so, and this content; those with another content spoil it.
+    int count(const std::string& pathEnd, const Bytes& content) const
+    {
+        int count = 0;
+        for (const auto& [path, bytes] : files)
+            if (path.ends_with(pathEnd))
+                count += bytes == content ? 1 : 100;
+        return count;
+    }
+
+    VolumeList volumes;
+    std::multimap<std::string, Bytes> files;
+};
+
+const std::string fragments = "/$Tabte mappefragmenter";
+
+/// A folder in the root, one in that, and a file in each: patterns of the name's number. Clusters of 512 bytes.
+FATImage cardWithFolders(
+    FileSystemType type, std::uint32_t sectorsPerCluster, std::uint32_t seed, std::size_t bytesBefore = 0)
+{
+    FATImage image({ .type = type, .sectorsPerCluster = sectorsPerCluster });
+    if (bytesBefore > 0)
+        image.addFile(FATImage::root, { .name = "FOER    BIN" }, Bytes(bytesBefore, 0xAA));
+    const auto outer = image.addFolder(FATImage::root, { .name = "YDRE       " });
+    image.addFile(outer, { .name = "A       TXT" }, patternBytes(5000, seed));
+    const auto inner = image.addFolder(outer, { .name = "INDRE      " });
+    image.addFile(inner, { .name = "B       TXT" }, patternBytes(6000, seed + 1));
+    image.addFile(inner, { .name = "C       TXT" }, patternBytes(100, seed + 2));
+    return image;
+}
+
+void erase(Bytes& bytes, std::uint64_t from, std::uint64_t to)
+{
+    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(from), bytes.begin() + static_cast<std::ptrdiff_t>(to),
+        std::uint8_t { 0 });
+}
+
+} // namespace
+
+TEST(LostFragments, FATVolumesAreRebuiltFromTheirDirectories)
+{
+    auto first = cardWithFolders(FileSystemType::fat32, 4, 1);
+    auto second = cardWithFolders(FileSystemType::fat16, 1, 11);
+    erase(first.bytes(), 0, first.offsetOf(3)); // with the root directory
+    erase(second.bytes(), 0, second.offsetOf(2) - 16'384);
+    Bytes disk = first.bytes();
+    disk.insert(disk.end(), second.bytes().begin(), second.bytes().end());
+
+    const Found found(disk);
+    ASSERT_EQ(found.volumes.size(), 2u);
+    EXPECT_EQ(found.volumes[0]->clusterSize, 2048u);
+    EXPECT_EQ(found.volumes[1]->clusterSize, 512u);
+    EXPECT_EQ(found.volumes[1]->origin, "Dyb scanning, mappesektorer");
+    EXPECT_EQ(found.volumes[1]->notes.front(), "Genopbygget ud fra 2 FAT-mappesektorer fundet ved dyb scanning.");
+    EXPECT_EQ(found.files.size(), 6u);
+    for (const auto& [folder, seed] : { std::pair { fragments, 1u }, std::pair { std::string("/YDRE"), 11u } }) {
+        EXPECT_EQ(found.count(folder + "/A.TXT", patternBytes(5000, seed)), 1);
+        EXPECT_EQ(found.count(folder + "/INDRE/B.TXT", patternBytes(6000, seed + 1)), 1);
+        EXPECT_EQ(found.count(folder + "/INDRE/C.TXT", patternBytes(100, seed + 2)), 1);
+    }
+}
+
+TEST(LostFragments, OneDirectoryAloneMakesNoVolume)
+{
+    FATImage image({ .type = FileSystemType::fat32 });
+    const auto folder = image.addFolder(FATImage::root, { .name = "ENE        " });
+    for (const char* name : { "A       TXT", "B       TXT" })
+        image.addFile(folder, { .name = name }, patternBytes(700));
+    erase(image.bytes(), 0, image.offsetOf(3));
+    EXPECT_TRUE(Found(image.bytes()).volumes.empty());
+    // Two that lie where no cluster size puts both.
+    const auto copy
+        = Bytes(image.bytes().begin() + static_cast<std::ptrdiff_t>(image.offsetOf(3)), image.bytes().end());
+    image.bytes().insert(image.bytes().end(), copy.begin(), copy.end());
+    EXPECT_TRUE(Found(image.bytes()).volumes.empty());
+}
+
+TEST(LostFragments, FATDirectoriesOfAnotherGeometryAreNotReadUnderThisOne)
+{
+    // The card was formatted again with larger clusters. The old root directory and all of the old FATs are gone.
+    auto image = cardWithFolders(FileSystemType::fat32, 1, 1, 4096); // which no new cluster may hide
+    image.bytes().resize(image.bytes().size() * 8);
+    FATImage fresh({ .type = FileSystemType::fat32, .sectorsPerCluster = 8 });
+    ASSERT_LE(fresh.bytes().size(), image.bytes().size());
+    image.write(0, std::span(fresh.bytes()).first(image.offsetOf(3)));
+    const Found found(image.bytes());
+    ASSERT_EQ(found.volumes.size(), 2u);
+    EXPECT_TRUE(found.volumes[0]->root->children().empty());
+    EXPECT_EQ(found.files.size(), 3u);
+    EXPECT_EQ(found.count("/INDRE/B.TXT", patternBytes(6000, 2)), 1);
+}
+
+TEST(LostFragments, FATDirectoriesHangBelowTheirNames)
+{
+    FATImage image({});
+    const auto inner = image.addFolder(FATImage::root, { .name = "X          " }); // lies before the one above it
+    image.addFile(inner, { .name = "A       TXT" }, patternBytes(700));
+    const auto outer = image.addFolder(FATImage::root, { .name = "Y          " });
+    image.addEntry(outer, { .name = "INDRE      ", .attributes = 0x10, .cluster = inner });
+    image.addFile(outer, { .name = "B       TXT" }, patternBytes(800));
+    const auto foreign = image.addFolder(FATImage::root, { .name = "Z          " });
+    image.addFile(foreign, { .name = "FREMMED TXT" }, patternBytes(900));
+    putLE(image.bytes(), image.entryOffset(foreign, 0) + 26, foreign + 1, 2); // calls itself by another number
+    erase(image.bytes(), image.entryOffset(FATImage::root, 0), image.entryOffset(FATImage::root, 16));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.files.size(), 2u);
+    EXPECT_EQ(found.count(fragments + "/INDRE/A.TXT", patternBytes(700)), 1);
+    EXPECT_EQ(found.count(fragments + "/B.TXT", patternBytes(800)), 1);
+}
+
+TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
+{
+    const ExFATImage::Options options { .clusters = 300 };
+    for (const bool hasFormatted : { true, false }) { // again as exFAT, or overwritten up to the first folder
+        SCOPED_TRACE(hasFormatted);
+        ExFATImage image(options);
+        const auto outer = image.addFolder(image.root(), { .name = u"Ydre" });
+        const auto inner = image.addFolder(outer, { .name = u"Indre", .isContiguous = false }, 2);
+        const auto deeper = image.addFolder(outer, { .name = u"Ved siden af" });
+        image.addFile(deeper, { .name = u"d.txt" }, patternBytes(900, 99));
+        for (std::uint32_t i = 0; i < 9; ++i) // the sixth set is cut by the end of the first cluster
+            image.addFile(inner, { .name = u"fil " + std::u16string(1, static_cast<char16_t>('0' + i)) },
+                patternBytes(600 + i, i));
+        image.remove(u"fil 3");
+        // The folder's second cluster lies elsewhere, and only the FAT knew.
+        const auto moved = image.allocate(1, false);
+        const auto part = std::span(image.bytes()).subspan(image.offsetOf(inner + 1), 512);
+        image.write(image.offsetOf(moved), Bytes(part.begin(), part.end()));
+        image.write(image.offsetOf(inner + 1), Bytes(512, 0xEE));
+
+        if (hasFormatted)
+            image.write(0, std::span(ExFATImage(options).bytes()).first(image.offsetOf(outer)));
+        else
+            erase(image.bytes(), 0, image.offsetOf(outer));
+        const Found found(image.bytes());
+        ASSERT_EQ(found.volumes.size(), 1u);
+        EXPECT_EQ(found.files.size(), 10u);
+        for (std::uint32_t i = 0; i < 9; ++i)
+            EXPECT_EQ(found.count(fragments + "/Indre/fil " + std::to_string(i), patternBytes(600 + i, i)), 1) << i;
+        EXPECT_EQ(found.count(fragments + "/Ved siden af/d.txt", patternBytes(900, 99)), 1);
+        for (const auto* file : found.volumes[0]->root->allFiles())
+            EXPECT_EQ(file->recoverability, hasFormatted ? Recoverability::good : Recoverability::unknown)
+                << file->path();
+    }
+}
+
+TEST(LostFragments, EXFATSectorsAreKnownByTheirSets)
+{
+    ExFATImage image;
+    const auto folder = image.addFolder(image.root(), { .name = u"mappe" });
+    for (const char16_t* name : { u"et", u"to", u"tre", u"fire", u"fem" })
+        image.addFile(folder, { .name = name }, patternBytes(600));
+    image.remove(u"et");
+    const auto at = static_cast<std::int64_t>(image.offsetOf(folder));
+    EXPECT_TRUE(ExFATParser::looksLikeDirectorySector(image.bytes(), at));
+    EXPECT_FALSE(ExFATParser::looksLikeDirectorySector(image.bytes(), at + 512)) << "a file";
+    Bytes sector(image.bytes().begin() + at, image.bytes().begin() + at + 512);
+    for (std::size_t set = 0; set < 5; ++set) // none of them is sound any more
+        sector[set * 96 + 40] ^= 1;
+    EXPECT_FALSE(ExFATParser::looksLikeDirectorySector(sector));
+}
+
+/// A card that tools make, format again, and wipe.
+TEST(LostFragments, ToolMadeCardsComeBack)
+{
+    setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
+    if (!hasProgram("mkfs.fat") || !hasProgram("mcopy"))
+        GTEST_SKIP() << "needs dosfstools and mtools";
+    const TemporaryFolder folder;
+    std::map<std::string, Bytes> files;
+    for (std::uint32_t i = 0; i < 40; ++i) // more than fits into a cluster, with names in several pieces
+        files["/kort/DCIM/100CANON/Et langt navn nummer " + std::to_string(i) + ".jpg"] = patternBytes(900 + 40 * i, i);
+    files["/kort/Breve/brev.txt"] = patternBytes(70'000, 77);
+    for (const auto& [path, bytes] : files) {
+        std::filesystem::create_directories(std::filesystem::path(folder / ("src" + path)).parent_path());
+        writeFile(folder / ("src" + path), bytes);
+    }
+    const auto image = folder / "kort.img";
+    const char* const losses[]
+        = { "mkfs.fat -F 32 -s 1", "mkfs.fat -F 32 -s 4", "dd conv=notrunc if=/dev/zero bs=1k count=600 of=" };
+    for (const std::string loss : losses) {
+        SCOPED_TRACE(loss);
+        std::filesystem::remove(image);
+        const auto command = "mkfs.fat -C -F 32 -s 1 " + image + " 66560 && MTOOLS_SKIP_CHECK=1 mcopy -s -i " + image
+            + " " + (folder / "src") + "/* ::/ && " + loss + (loss.ends_with("=") ? "" : " ") + image;
+        std::string output;
+        ASSERT_EQ(runCommand(command, &output), 0) << output;
+        const Found found(*SourceOpener::openImage(image));
+        EXPECT_EQ(found.files.size(), files.size());
+        for (const auto& [path, bytes] : files)
+            EXPECT_EQ(found.count(path.substr(5), bytes), 1) << path; // the root's own entries may be gone
+    }
+}

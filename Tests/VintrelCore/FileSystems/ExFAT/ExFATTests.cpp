@@ -1,0 +1,278 @@
+#include "Tests/Images/ExFATImage.h"
+#include "Tests/Support/ParsedVolume.h"
+#include "VintrelCore/FileSystems/ExFAT/Parser.h"
+#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Devices/SourceOpener.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Notes = std::vector<std::string>;
+
+Parsed parse(const ExFATImage& image, ByteRange unreadable = {})
+{
+    auto source = image.source();
+    source->addSimulatedBadRange(unreadable);
+    auto volume = ExFATParser::parse(*source, 0, "prøve", nullptr);
+    return { std::move(source), std::move(volume) };
+}
+
+} // namespace
+
+TEST(ExFAT, ListsAndReadsTheLiveTree)
+{
+    const ExFATImage::Options kinds[] = {
+        {}, { .clusterShift = 3 }, { .sectorShift = 12 }, { .usesSecondFAT = true },
+        { .clusters = 5, .clusterShift = 16 }, // clusters of 32 MiB
+    };
+    for (const auto& options : kinds) {
+        SCOPED_TRACE(std::to_string(options.sectorShift) + ", " + std::to_string(options.clusterShift));
+        ExFATImage image(options);
+        const auto content = patternBytes(3000);
+        const auto cluster = image.clusterSize();
+        const auto folder = image.addFolder(image.root(), { .name = u"DCIM" });
+        image.addFile(folder, { .name = u"Et navn på mere end fjorten enheder \U0001F600.jpg" }, content);
+        const auto chained = image.addFile(folder, { .name = u"i stykker.bin", .isContiguous = false }, content);
+        if (cluster < 1500) { // the second cluster moves to the end of the heap
+            image.setFAT(chained, options.clusters);
+            image.setFAT(options.clusters, chained + 2);
+            image.write(image.offsetOf(options.clusters), std::span(content).subspan(cluster, cluster));
+            image.write(image.offsetOf(chained + 1), Bytes(cluster));
+        }
+
+        const auto card = parse(image);
+        ASSERT_TRUE(card.volume);
+        EXPECT_EQ(card.volume->title(), "KORT (exFAT)");
+        EXPECT_EQ(card.volume->size, image.bytes().size());
+        EXPECT_TRUE(card.volume->notes.empty());
+        const std::string longName = "/DCIM/Et navn på mere end fjorten enheder \U0001F600.jpg";
+        EXPECT_EQ(card.content(longName), content);
+        EXPECT_EQ(card.content("/DCIM/i stykker.bin"), content);
+        EXPECT_EQ(chance(card["/DCIM/i stykker.bin"]), "God");
+        using namespace std::chrono;
+        EXPECT_EQ(card[longName].modified, sys_days { 2025y / 10 / 3 } + 12h);
+    }
+}
+
+TEST(ExFAT, ChancesOfDeletedSetsAndImpossibleOnes)
+{
+    ExFATImage image;
+    const auto content = patternBytes(1400); // three clusters
+    const auto place = [&](const char16_t* name, bool isContiguous) {
+        return image.addFile(image.root(), { .name = name, .isContiguous = isContiguous }, content);
+    };
+    place(u"hel", true);
+    const auto partly = place(u"delvis", true);
+    const auto reused = place(u"genbrugt", true);
+    place(u"kæde", false);
+    const auto broken = place(u"kæde væk", false);
+    for (const auto* name : { u"hel", u"delvis", u"genbrugt", u"kæde", u"kæde væk" })
+        image.remove(name);
+    image.setUsed(partly + 2, true);
+    image.setUsed(reused, true);
+    image.setFAT(broken, 0);
+    const auto cut = place(u"kort", false);
+    image.setFAT(cut + 1, 0xFFFFFFF7);
+    image.addSet(image.root(), { .name = u"udenfor", .cluster = 202, .size = 5 });
+    image.addSet(image.root(), { .name = u"exabytes", .cluster = 50, .size = std::uint64_t { 1 } << 62 });
+    image.addSet(image.root(), { .name = u"over kanten", .cluster = 200, .size = 2000 });
+    auto beginning = content; // what lies beyond the valid size are zeros
+    std::fill(beginning.begin() + 700, beginning.end(), std::uint8_t { 0 });
+    image.addSet(image.root(), { .name = u"begyndt", .cluster = reused, .size = 1400, .validSize = 700 });
+    image.addSet(image.root(), { .name = u"ikke begyndt", .cluster = reused, .size = 1400, .validSize = 0 });
+
+    const std::pair<const char*, const char*> expected[] = {
+        { "/hel", "God" },
+        { "/delvis", "Delvis: Dele af filen kan være overskrevet" },
+        { "/genbrugt", "Ringe: Startklyngen er genbrugt af en anden fil" },
+        { "/kæde", "God" },
+        { "/kæde væk", "Delvis: Klyngekæden er afbrudt" },
+        { "/kort", "Delvis: Klyngekæden er afbrudt" },
+        { "/udenfor", "Ringe: Ugyldig startklynge" },
+        { "/exabytes", "Ringe: Filens størrelse er større end diskens" },
+        { "/over kanten", "Delvis: Klyngekæden er afbrudt" },
+        { "/begyndt", "God" },
+    };
+    const auto card = parse(image);
+    for (const auto& [path, text] : expected)
+        EXPECT_EQ(chance(card[path]), text) << path;
+    EXPECT_EQ(card.content("/kæde"), content);
+    EXPECT_EQ(card.content("/kæde væk"), content);
+    EXPECT_EQ(card.content("/begyndt"), beginning);
+    EXPECT_EQ(card.content("/ikke begyndt"), Bytes(1400));
+    EXPECT_EQ(card["/exabytes"].data, FileData(NoData {}));
+    EXPECT_EQ(card["/over kanten"].data, FileData(ExtentList { { image.offsetOf(200), 1024 } }));
+
+    // Without the bitmap or the FAT less is known.
+    const auto withoutBitmap = parse(image, { image.bitmapOffset(), image.bitmapOffset() + 1 });
+    EXPECT_EQ(withoutBitmap.volume->notes, Notes { "Allokeringsbitmappen kunne ikke læses." });
+    EXPECT_EQ(chance(withoutBitmap["/genbrugt"]), "Ukendt");
+    const auto withoutFAT = parse(image, { image.fatOffset(), image.bitmapOffset() });
+    EXPECT_EQ(
+        withoutFAT.volume->notes, Notes { "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." });
+    EXPECT_EQ(chance(withoutFAT["/kort"]), "God");
+    EXPECT_EQ(chance(withoutFAT["/kæde"]), "Ukendt");
+    EXPECT_EQ(parse(ExFATImage({ .hasBitmap = false })).volume->notes, withoutBitmap.volume->notes);
+}
+
+TEST(ExFAT, DamagedSets)
+{
+    const std::u16string name = u"Et navn af tre stykker, det er langt.txt";
+    const std::string whole = "/Et navn af tre stykker, det er langt.txt";
+    const std::string damaged = " [Delvis: Mappeposten er beskadiget]";
+    const struct {
+        const char* what;
+        std::size_t entry, byte; ///< entry 0 is the file's, 1 the stream's, 2 … 4 the name's
+        std::uint8_t value;
+        bool isDeleted;
+        std::string expected; ///< names with notes; empty: the set is skipped
+    } cases[] = {
+        { "sound and deleted", 4, 0, 0x41, true, whole + " [God]" },
+        { "checksum", 0, 2, 0x00, false, whole + damaged },
+        { "count too large", 0, 1, 200, false, whole + damaged },
+        { "file entry overwritten", 0, 0, 0xFF, true, whole + damaged },
+        { "end of the name overwritten", 4, 0, 0x85, true, "/Et navn af tre stykker, det er" + damaged },
+        { "stream overwritten", 1, 0, 0x22, true, "" },
+        { "forbidden character", 2, 2, '/', false, "" },
+        { "valid size above the size", 1, 15, 0x10, false, "" },
+    };
+    for (const auto& [what, entry, byte, value, isDeleted, expected] : cases) {
+        ExFATImage image;
+        image.addFile(image.root(), { .name = name }, bytesOf("x"));
+        image.addFile(image.root(), { .name = u"efter.txt" }, bytesOf("y"));
+        if (isDeleted)
+            image.remove(name);
+        image.bytes()[image.entryOffset(image.root(), 2 + entry) + byte] = value;
+        std::string found;
+        const auto card = parse(image);
+        EXPECT_EQ(chance(card["/efter.txt"]), "God") << what;
+        for (const auto* node : card.volume->root->files())
+            if (node->name != "efter.txt")
+                found += node->path() + " [" + chance(*node) + "]";
+        EXPECT_EQ(found, expected) << what;
+    }
+}
+
+TEST(ExFAT, DeletedFoldersAreWalkedWhileTheirClustersHold)
+{
+    ExFATImage image({ .clusters = 400 });
+    const auto folder = image.addFolder(image.root(), { .name = u"Ferie" }, 4);
+    for (char16_t letter = u'a'; letter < u'p'; ++letter) // three entries each: sets lie across clusters
+        image.addFile(folder, { .name = { letter } }, patternBytes(600));
+    const auto inner = image.addFolder(folder, { .name = u"Indre", .isContiguous = false }, 2);
+    image.addFile(inner, { .name = u"dyb.txt" }, bytesOf("dyb"));
+    image.addFolder(image.root(), { .name = u"Tom" });
+    const auto overwritten = image.addFolder(image.root(), { .name = u"Væk" });
+    image.write(image.offsetOf(overwritten), Bytes(512, 'x'));
+    const auto reused = image.addFolder(image.root(), { .name = u"Brugt" });
+    image.addFile(reused, { .name = u"x" }, bytesOf("x"));
+    for (const auto* name : { u"Ferie", u"Indre", u"Tom", u"Væk", u"Brugt" })
+        image.remove(name);
+    image.setUsed(reused, true);
+
+    const auto card = parse(image);
+    EXPECT_EQ(card["/Ferie"].children().size(), 16u);
+    EXPECT_EQ(card.content("/Ferie/Indre/dyb.txt"), bytesOf("dyb"));
+    EXPECT_FALSE(card["/Tom"].note);
+    EXPECT_EQ(*card["/Væk"].note, "Mappens indhold er overskrevet");
+    EXPECT_TRUE(card["/Brugt"].children().empty());
+
+    image.setUsed(folder + 2, true); // somebody has taken the third cluster
+    image.write(image.offsetOf(folder + 2), Bytes(512, 'y'));
+    EXPECT_EQ(parse(image)["/Ferie"].children().size(), 10u);
+}
+
+TEST(ExFAT, DirectoriesThatShareClustersDoNotMultiplyTheVolume)
+{
+    ExFATImage image({ .clusters = 600 });
+    const auto shared = image.addFolder(image.root(), { .name = u"Mange" }, 300);
+    for (std::uint32_t i = 0; i < 300 * 16 / 3 - 1; ++i)
+        image.addSet(shared, { .name = u"m", .attributes = 0x10, .cluster = shared + i % 300, .size = 300 * 512 });
+    const auto totals = parse(image).volume->root->totals();
+    EXPECT_GE(totals.folders, 1500u);
+    EXPECT_LE(totals.folders, image.bytes().size() / 96);
+}
+
+TEST(ExFAT, BackupBootSectorsAndImpossibleOnes)
+{
+    ExFATImage image;
+    const Bytes boot(image.bytes().begin(), image.bytes().begin() + 512);
+    image.write(0, Bytes(512));
+    auto source = image.source();
+    EXPECT_FALSE(ExFATParser::parse(*source, 0, "", nullptr));
+    EXPECT_TRUE(ExFATParser::parse(*source, 0, "", nullptr, ByteView(boot)));
+
+    for (const std::uint64_t field : { 72u, 88u }) { // the size of the volume, the place of its heap
+        auto damaged = boot;
+        putLE(damaged, field, 0x7FFF'FFFF'FFFF'FFFF, field == 72 ? 8 : 4);
+        EXPECT_FALSE(ExFATParser::parse(*source, 0, "", nullptr, ByteView(damaged))) << field;
+    }
+}
+
+TEST(ExFAT, OtherToolsVolumesHoldOurSetsForThemToo)
+{
+    setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
+    if (!hasProgram("mkfs.exfat"))
+        GTEST_SKIP() << "needs exfatprogs";
+    const TemporaryFolder folder;
+    const auto path = folder / "kort.img";
+    writeFile(path, Bytes(4_MiB));
+    ASSERT_EQ(runCommand("mkfs.exfat -L 'MIT KORT' " + path), 0);
+    const auto source = SourceOpener::openImage(path);
+    const auto result = QuickScanner::run(*source, nullptr);
+    ASSERT_EQ(result.volumes.size(), 1u);
+    EXPECT_EQ(result.volumes[0]->title(), "MIT KORT (exFAT)");
+    EXPECT_TRUE(result.volumes[0]->notes.empty());
+
+    // They insist on an up-case table and the boot region's checksum, which our images do not have.
+    ExFATImage ours;
+    ours.addSet(ours.root(), { .name = u"Vores længere filnavn æøå.txt" });
+    const auto geometry = ExFATGeometry::from(source->read(0, 512, ReadMode::thorough), 0).value();
+    auto image = readFile(path);
+    auto at = static_cast<std::size_t>(geometry.heap.offsetOf(geometry.rootCluster));
+    while (image.at(at) != 0)
+        at += 32;
+    std::ranges::copy(std::span(ours.bytes()).subspan(ours.entryOffset(ours.root(), 2), 4 * 32), &image.at(at));
+    writeFile(path, image);
+    std::string output;
+    EXPECT_EQ(runCommand("fsck.exfat -n " + path, &output), 0) << output;
+    EXPECT_NE(output.find("files 1"), std::string::npos) << output;
+}
+
+TEST(ExFAT, AVolumeThatAnotherDriverFilled)
+{
+    setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
+    const TemporaryFolder folder;
+    const auto image = folder / "kort.img";
+    const auto release = "losetup -d $(losetup -j " + image + " -O NAME -n)";
+    std::filesystem::create_directory(folder / "mnt");
+    std::string output;
+    if (runCommand("truncate -s 32M " + image + " && mkfs.exfat " + image + " && loop=$(losetup -f --show " + image
+                + ") && mount.exfat-fuse $loop " + (folder / "mnt"),
+            &output)
+        != 0) {
+        runCommand(release);
+        GTEST_SKIP() << "needs to mount a loop device by exfat-fuse: " << output;
+    }
+    const std::string script = "cd " + (folder / "mnt")
+        + " && mkdir -p DCIM væk && for i in 1 2 3; do head -c $((i * 30001)) /dev/urandom > DCIM/Billede\\ $i.jpg; "
+          "done"
+          " && head -c 70000 /dev/urandom > æøå.bin && head -c 70000 /dev/urandom >> DCIM/Billede\\ 1.jpg"
+          " && echo inde > væk/inde.txt && cp -r . ../alt && rm -r væk DCIM/Billede\\ 2.jpg";
+    EXPECT_EQ(runCommand(script, &output), 0) << output;
+    ASSERT_EQ(runCommand("umount " + (folder / "mnt") + " && " + release, &output), 0) << output;
+
+    const auto source = SourceOpener::openImage(image);
+    const auto volume = ExFATParser::parse(*source, 0, "", nullptr);
+    ASSERT_TRUE(volume);
+    const auto files = volume->root->allFiles();
+    EXPECT_EQ(files.size(), 5u);
+    for (const auto* node : files) {
+        const auto path = node->path();
+        EXPECT_EQ(FileReader::readPrefix(*node, *source, 1_MiB), readFile(folder / ("alt" + path))) << path;
+        const bool isDeleted = node->name == "inde.txt" || node->name == "Billede 2.jpg";
+        EXPECT_EQ(node->status, isDeleted ? EntryStatus::deleted : EntryStatus::existing) << path;
+        EXPECT_EQ(chance(*node), "God") << path;
+    }
+}

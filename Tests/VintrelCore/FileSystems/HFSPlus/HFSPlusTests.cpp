@@ -1,0 +1,192 @@
+#include "Tests/Images/HFSPlusImage.h"
+#include "Tests/Support/ParsedVolume.h"
+#include "VintrelCore/FileSystems/HFSPlus/Parser.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Record = HFSPlusImage::Record;
+
+Parsed parse(const HFSPlusImage& image, ByteRange unreadable = {})
+{
+    auto source = image.source();
+    source->addSimulatedBadRange(unreadable);
+    auto volume = HFSPlusParser::parse(*source, 0, "prøve", nullptr);
+    return { std::move(source), std::move(volume) };
+}
+
+const Record rootRecord { .parent = 1, .name = u"DISK", .id = 2, .isFolder = true };
+
+} // namespace
+
+TEST(HFSPlus, LiveFilesInPiecesAndDeletedOnesFromStaleNodes)
+{
+    HFSPlusImage image;
+    const auto content = patternBytes(2000);
+    image.write(HFSPlusImage::offsetOf(200), std::span(content).first(512));
+    image.write(HFSPlusImage::offsetOf(100), std::span(content).subspan(512, 512));
+    image.write(HFSPlusImage::offsetOf(300), std::span(content).subspan(1024));
+    image.write(HFSPlusImage::offsetOf(120), content);
+    image.addOverflow(20, 2, { { 300, 2 } });
+    image.addOverflow(20, 7, { { 350, 9 } }); // does not follow on
+    image.setLeaf(2,
+        { rootRecord, { .parent = 2, .name = u"Mappe", .id = 18, .isFolder = true },
+            { .parent = 18,
+                .name = u"A\u030Angstro\u0308m/x",
+                .id = 20,
+                .size = 2000,
+                .runs = { { 200, 1 }, { 100, 1 } } } });
+    image.setLeaf(4, { { .parent = 18, .name = u"flyttet", .id = 21, .modified = 9 } });
+    image.chain({ 4, 2 });
+    // Given up by the tree: a file that was deleted, an older state of one that lives, and another of the deleted one.
+    image.setLeaf(5,
+        { { .parent = 18, .name = u"slettet", .id = 30, .size = 2000, .runs = { { 120, 4 } } },
+            { .parent = 2, .name = u"gammelt navn", .id = 21, .modified = 0xF0000000 } });
+    image.setLeaf(6, { { .parent = 18, .name = u"slettet før", .id = 30, .modified = 0 } });
+
+    const auto disk = parse(image);
+    ASSERT_TRUE(disk.volume);
+    EXPECT_EQ(disk.volume->title(), "DISK (HFS+)");
+    EXPECT_TRUE(disk.volume->notes.empty());
+    EXPECT_EQ(disk.names(), " /Mappe /Mappe/flyttet /Mappe/slettet /Mappe/Ångström/x");
+    EXPECT_EQ(disk.content("/Mappe/Ångström/x"), content);
+    EXPECT_EQ(disk["/Mappe/slettet"].status, EntryStatus::deleted);
+    EXPECT_EQ(disk.content("/Mappe/slettet"), content);
+    EXPECT_EQ(disk["/Mappe/flyttet"].status, EntryStatus::existing) << "the live record wins, whatever its date";
+}
+
+TEST(HFSPlus, Chances)
+{
+    HFSPlusImage image;
+    image.setLeaf(2,
+        { rootRecord, { .parent = 2, .name = u"afkortet", .id = 40, .size = 2000, .runs = { { 100, 1 } } },
+            { .parent = 2, .name = u"udenfor", .id = 41, .size = 600, .runs = { { 399, 1 }, { 400, 1 } } } });
+    image.chain({ 2 });
+    image.setLeaf(3,
+        { { .parent = 2, .name = u"hel", .id = 50, .size = 1024, .runs = { { 110, 2 } } },
+            { .parent = 2, .name = u"delvis", .id = 51, .size = 1024, .runs = { { 112, 2 } } },
+            { .parent = 2, .name = u"genbrugt", .id = 52, .size = 1024, .runs = { { 114, 2 } } } });
+    image.setLeaf(4,
+        { { .parent = 2, .name = u"i stykker", .id = 53, .size = 9000, .runs = { { 116, 2 } } },
+            { .parent = 2, .name = u"komprimeret", .id = 54, .size = 9000, .ownerFlags = 0x20 },
+            { .parent = 2, .name = u"ressource", .id = 55, .resourceSize = 99 } });
+    image.addOverflow(53, 2, { { 200, 90 } }); // by now it describes somebody else
+    image.setAllocated(113);
+    image.setAllocated(114);
+    const std::pair<const char*, const char*> expected[] = {
+        { "/afkortet", "Delvis" },
+        { "/udenfor", "Delvis" },
+        { "/hel", "God" },
+        { "/delvis", "Delvis: Dele af filen kan være overskrevet" },
+        { "/genbrugt", "Ringe: Blokkene er genbrugt af andre filer" },
+        { "/i stykker", "Delvis: Filen var fragmenteret – kun de første dele kendes" },
+        { "/komprimeret",
+            "Ringe: HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke gendannes direkte" },
+        { "/ressource", "God: Filen har kun en ressourcegren, som ikke gendannes" },
+    };
+    const auto disk = parse(image);
+    for (const auto& [path, text] : expected)
+        EXPECT_EQ(chance(disk[path]), text) << path;
+    EXPECT_EQ(disk["/i stykker"].data,
+        FileData(ExtentList { { HFSPlusImage::offsetOf(116), 1024 }, { std::nullopt, 9000 - 1024 } }));
+
+    const auto bitmap = HFSPlusImage::offsetOf(HFSPlusImage::allocationBlock);
+    const auto without = parse(image, { bitmap, bitmap + 1 });
+    EXPECT_EQ(without.volume->notes, std::vector<std::string> { "Allokeringsfilen kunne ikke læses." });
+    EXPECT_EQ(chance(without["/genbrugt"]), "Ukendt");
+}
+
+TEST(HFSPlus, HardLinksOrphansAndPrivateFolders)
+{
+    HFSPlusImage image(true);
+    image.write(HFSPlusImage::offsetOf(150), bytesOf("indhold"));
+    image.setLeaf(2,
+        { rootRecord,
+            { .parent = 2, .name = std::u16string(u"\0\0\0\0HFS+ Private Data", 21), .id = 16, .isFolder = true },
+            { .parent = 16, .name = u"iNode7", .id = 60, .size = 7, .runs = { { 150, 1 } } },
+            { .parent = 2, .name = u"link", .id = 61, .linkTo = 7 } });
+    image.setLeaf(3,
+        { { .parent = 2, .name = u"dødt link", .id = 62, .linkTo = 8 },
+            { .parent = 99, .name = u"uden forælder", .id = 63, .isFolder = true },
+            { .parent = 71, .name = u"ring", .id = 70, .isFolder = true },
+            { .parent = 70, .name = u"", .id = 71, .isFolder = true },
+            { .parent = 61, .name = u"under en fil", .id = 72 } });
+    image.chain({ 2, 3 });
+    const auto disk = parse(image);
+    EXPECT_EQ(disk.volume->notes, std::vector<std::string> { "HFSX (versalfølsom)" });
+    EXPECT_EQ(disk.content("/link"), bytesOf("indhold"));
+    EXPECT_EQ(chance(disk["/dødt link"]), "Ringe: Filen, som linket peger på, blev ikke fundet");
+    std::string orphans;
+    for (const auto& node : disk["/$Forældreløse filer"].children())
+        orphans += node->name + "; ";
+    EXPECT_EQ(orphans, "ring; uden forælder; unavngivet-71; iNode7; under en fil; ");
+}
+
+TEST(HFSPlus, ChainsThatLoopOrAreCutByUnreadableSectors)
+{
+    HFSPlusImage image;
+    image.setLeaf(2, { rootRecord });
+    image.setLeaf(3, { { .parent = 2, .name = u"midt", .id = 80 } });
+    image.setLeaf(4, { { .parent = 2, .name = u"sidst", .id = 81 } });
+    image.setLeaf(5, { { .parent = 2, .name = u"opgivet", .id = 82 } });
+    image.chain({ 2, 3, 4 });
+    const auto cut = parse(image, { HFSPlusImage::nodeOffset(3), HFSPlusImage::nodeOffset(4) });
+    EXPECT_EQ(cut["/sidst"].status, EntryStatus::existing) << "the index names its leaf";
+    EXPECT_EQ(cut["/opgivet"].status, EntryStatus::deleted);
+
+    image.bytes()[HFSPlusImage::nodeOffset(3) + 3] = 2; // the chain comes back to its start
+    const auto loop = parse(image);
+    EXPECT_EQ(loop["/midt"].status, EntryStatus::existing);
+    EXPECT_EQ(loop["/sidst"].status, EntryStatus::deleted);
+}
+
+TEST(HFSPlus, DamagedHeadersTreesAndRecords)
+{
+    HFSPlusImage sound;
+    sound.setLeaf(
+        2, { rootRecord, { .parent = 2, .name = u"første", .id = 90 }, { .parent = 2, .name = u"anden", .id = 91 } });
+    sound.chain({ 2 });
+    const auto leaf = HFSPlusImage::nodeOffset(2);
+    const struct {
+        const char* what;
+        std::uint64_t at;
+        Bytes value;
+        const char* names; ///< empty: no volume
+    } cases[] = {
+        { "catalog of 2^63 bytes", 1024 + 272, { 0x80 }, " /anden /første" },
+        { "catalog beyond the source", 1024 + 272 + 16, { 0xFF }, "" },
+        { "node size", HFSPlusImage::nodeOffset(0) + 32, { 3, 0 }, "" },
+        { "offset of the second record, where the first one ends", leaf + 1024 - 4, { 0, 5 }, "" },
+        { "key of the first record", leaf + 14, { 0, 3 }, " /anden /første" },
+        { "name length of the second record", leaf + 14 + 104 + 6, { 1, 0 }, " /anden" },
+    };
+    for (const auto& [what, at, value, names] : cases) {
+        auto image = sound;
+        image.write(at, value);
+        const auto disk = parse(image);
+        EXPECT_EQ(disk.volume ? disk.names() : "", names) << what;
+    }
+}
+
+TEST(HFSPlus, OtherReadersSeeWhatWeBuild)
+{
+    if (!hasProgram("fls"))
+        GTEST_SKIP() << "needs sleuthkit";
+    const std::vector<Record> records { rootRecord, { .parent = 2, .name = u"Mappe", .id = 18, .isFolder = true },
+        { .parent = 18, .name = u"fil.txt", .id = 20, .size = 700, .runs = { { 200, 2 } } } };
+    HFSPlusImage image;
+    const auto content = patternBytes(700);
+    image.write(HFSPlusImage::offsetOf(200), content);
+    image.setLeaf(2, records, records);
+    image.chain({ 2 });
+    const TemporaryFolder folder;
+    const auto path = folder / "disk.img";
+    writeFile(path, image.bytes());
+    std::string listing;
+    EXPECT_EQ(runCommand("fls -f hfs -r -p " + path, &listing), 0);
+    EXPECT_NE(listing.find("/r 20:\tMappe/fil.txt"), std::string::npos) << listing;
+    EXPECT_EQ(runCommand("icat -f hfs " + path + " 20 > " + (folder / "fil")), 0);
+    EXPECT_EQ(readFile(folder / "fil"), content);
+    EXPECT_EQ(parse(image).content("/Mappe/fil.txt"), content);
+}

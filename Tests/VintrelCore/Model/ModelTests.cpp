@@ -1,0 +1,146 @@
+#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/Unicode/Unicode.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+namespace {
+
+using enum EntryStatus;
+
+std::unique_ptr<FileNode> file(std::string name, std::uint64_t size = 0, EntryStatus status = existing)
+{
+    return FileNode::makeFile(std::move(name), size, status);
+}
+
+std::unique_ptr<FileNode> folder(std::string name, EntryStatus status = existing)
+{
+    return FileNode::makeFolder(std::move(name), status);
+}
+
+std::vector<std::string> names(const auto& nodes)
+{
+    std::vector<std::string> names;
+    for (const auto& node : nodes)
+        names.push_back(node->name);
+    return names;
+}
+
+using Names = std::vector<std::string>;
+
+} // namespace
+
+TEST(Model, TextsOfTheEnumerations)
+{
+    using enum Recoverability;
+    Names texts;
+    for (const auto type : allFileSystemTypes)
+        texts.emplace_back(displayName(type));
+    for (const auto status : { existing, deleted, orphaned, carved })
+        texts.emplace_back(label(status));
+    for (const auto chance : { unknown, poor, partial, good })
+        texts.emplace_back(label(chance));
+    for (const auto category : allFileCategories)
+        texts.push_back(
+            std::string(identifier(category)).append("/").append(label(category)).append("/").append(symbol(category)));
+    EXPECT_EQ(texts,
+        (Names { "FAT12", "FAT16", "FAT32", "exFAT", "NTFS", "HFS+", "APFS", "ext2/3/4", "Signaturer", "Ukendt",
+            "Eksisterende", "Slettet", "Forældreløs", "Signaturfund", "Ukendt", "Ringe", "Delvis", "God",
+            "image/Billeder/photo", "video/Video/film", "audio/Lyd/waveform", "document/Dokumenter/doc.text",
+            "archive/Arkiver/archivebox", "other/Andet/doc" }));
+}
+
+TEST(Model, CategoriesByExtension)
+{
+    using enum FileCategory;
+    const std::pair<const char*, FileCategory> cases[]
+        = { { "FERIE.JPG", image }, { "a.3fr", image }, { "a.mov", video }, { "a.m4a", audio }, { "a.pdf", document },
+              { "arkiv.tar.GZ", archive }, { "a.zip", archive }, { "a.sqlite", other }, { "jpg", other },
+              { "a.jp", other }, { "slut.", other }, { "a.jpg/læsmig", other } };
+    for (const auto& [name, category] : cases)
+        EXPECT_EQ(categoryOf(name), category) << name;
+    EXPECT_EQ(fileExtension("arkiv.tar.GZ"), "gz");
+    EXPECT_EQ(fileExtension("a.ÆØ"), "ÆØ");
+}
+
+TEST(Model, FormatsByteCounts)
+{
+    const std::pair<std::uint64_t, const char*> cases[] = { { 0, "0 bytes" }, { 1, "1 byte" }, { 999, "999 bytes" },
+        { 1'499, "1 KB" }, { 1'500, "2 KB" }, { 999'499, "999 KB" }, { 999'500, "1 MB" }, { 1'049'999, "1 MB" },
+        { 1'050'000, "1,1 MB" }, { 10'000'000, "10 MB" }, { 999'949'999, "999,9 MB" }, { 999'950'000, "1 GB" },
+        { 1'005'000'000, "1,01 GB" }, { 1'100'000'000, "1,1 GB" }, { 999'995'000'000, "1 TB" },
+        { 1'230'000'000'000'000, "1,23 PB" }, { ~std::uint64_t { 0 }, "9,22 EB" } };
+    for (const auto& [count, text] : cases)
+        EXPECT_EQ(formatBytes(count, ","), text);
+}
+
+TEST(FileNode, KnowsItsPlace)
+{
+    const auto root = folder("");
+    auto& photos = root->add(folder("Billeder"));
+    auto& picture = photos.add(file("a.jpg", 10));
+    root->add(file("b.txt", 5, deleted));
+    auto& gone = root->add(folder("Slettet", deleted));
+    gone.add(file("c.txt", 7));
+    photos.add(file("a.jpg", 20, carved)); // names may repeat
+
+    EXPECT_EQ(root->path(), "/");
+    EXPECT_EQ(picture.path(), "/Billeder/a.jpg");
+    EXPECT_EQ(names(root->folders()), (Names { "Billeder", "Slettet" }));
+    EXPECT_EQ(names(root->allFiles()), (Names { "a.jpg", "a.jpg", "b.txt", "c.txt" }));
+    EXPECT_EQ(root->totals(), (Totals { .files = 4, .folders = 2, .bytes = 42, .deleted = 2 }));
+    EXPECT_EQ(Volume(FileSystemType::carved, "", 0, 0, folder(""), "").title(), "Uden navn (Signaturer)");
+}
+
+TEST(FileNode, SortsAsPeopleDo)
+{
+    Names expected { "10 ting", "ålen", // folders first
+        "", "-", "0", "00", "001", "01", "1", "1a", "2", "10", "99999999999999999999998", "99999999999999999999999",
+        "[", "a", "IMG_2.jpg", "img_3.jpg", "IMG_10.jpg", "IMG_10a.jpg", "Z", "z", "zz", "\xFF" };
+    if (Unicode::foldedCase(U'Æ') == U'æ') {
+        const Names danish { "Æble", "æBLER", "ø", "Øl" };
+        expected.insert(expected.end() - 1, danish.begin(), danish.end());
+    }
+    const auto isFolder = [](const std::string& name) { return name == "10 ting" || name == "ålen"; };
+    auto shuffled = expected;
+    std::ranges::shuffle(shuffled, std::mt19937(1));
+    const auto root = folder("");
+    auto& inner = root->add(folder("indre")).add(folder("inderst")); // the whole subtree is sorted
+    for (const auto& name : shuffled)
+        inner.add(isFolder(name) ? folder(name) : file(name));
+    root->sortChildren();
+    EXPECT_EQ(names(inner.children()), expected);
+}
+
+TEST(FileNode, EqualNamesKeepADefiniteOrder)
+{
+    const auto root = folder("");
+    for (const std::uint64_t size : { 2u, 3u })
+        root->add(file("a", size, deleted));
+    root->add(file("A", 4, orphaned));
+    root->add(file("A", 1, deleted));
+    root->add(file("a", 0));
+    root->sortChildren();
+    for (std::uint64_t i = 0; i < 5; ++i)
+        EXPECT_EQ(root->children()[i]->size, i);
+}
+
+TEST(FileNode, TreesAsDeepAndWideAsTheDiskClaims)
+{
+    constexpr std::size_t depth = 200'000; // recursion would have less than 42 bytes of stack a level
+    auto root = folder("");
+    auto* node = root.get();
+    for (std::size_t i = 0; i < depth; ++i)
+        node = &node->add(folder("x"));
+    constexpr std::size_t width = 50'000; // what is quadratic in it would take minutes
+    for (std::size_t i = 0; i < width; ++i)
+        node->add(file("FIL" + std::to_string((i * 7919) % width), 3));
+    root->sortChildren();
+    EXPECT_EQ(node->children()[12'345]->name, "FIL12345");
+    EXPECT_EQ(root->totals(), (Totals { .files = width, .folders = depth, .bytes = 3 * width, .deleted = 0 }));
+    EXPECT_EQ(root->allFiles().size(), width);
+    EXPECT_EQ(node->path().size(), 2 * depth);
+    root.reset();
+}

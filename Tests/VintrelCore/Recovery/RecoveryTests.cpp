@@ -1,0 +1,214 @@
+#include "Tests/Support/TestSource.h"
+#include "VintrelCore/Recovery/Recovery.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// A tree to recover, a disk under it and a place to put it.
+class Recovery : public ::testing::Test {
+protected:
+    FileNode& addFile(FileNode& folder, const std::string& name, FileData data = bytesOf("x"), std::uint64_t size = 1,
+        EntryStatus status = EntryStatus::existing)
+    {
+        return folder.add(FileNode::makeFile(name, size, status, Recoverability::good, std::move(data)));
+    }
+    FileNode& addFolder(FileNode& folder, const std::string& name, EntryStatus status = EntryStatus::existing)
+    {
+        return folder.add(FileNode::makeFolder(name, status));
+    }
+
+    RecoveryResult recover(const RecoveryEngine::Reporter& reporter = nullptr)
+    {
+        std::vector<FileNode*> nodes;
+        for (const auto& child : root->children())
+            nodes.push_back(child.get());
+        return RecoveryEngine::recover(nodes, "r", *source, target.path(), {}, reporter, progress);
+    }
+
+    /// Paths of the files below a folder, sorted, without the report.
+    static std::vector<std::string> filesIn(const std::string& folder)
+    {
+        std::vector<std::string> files;
+        for (const auto& entry : fs::recursive_directory_iterator(folder))
+            if (!entry.is_directory() && entry.path().filename() != "Gendannelsesrapport.csv")
+                files.push_back(fs::relative(entry.path(), folder).string());
+        std::ranges::sort(files);
+        return files;
+    }
+    static std::string text(const std::string& path)
+    {
+        const auto bytes = readFile(path);
+        return { bytes.begin(), bytes.end() };
+    }
+
+    TemporaryFolder target;
+    std::unique_ptr<FileNode> root = FileNode::makeFolder("", EntryStatus::existing);
+    Bytes disk = patternBytes(6_MiB);
+    std::unique_ptr<DiskSource> source = makeSource(disk);
+    WorkProgress progress;
+};
+
+} // namespace
+
+TEST(RecoveryNames, Sanitize)
+{
+    std::string long150, cut125;
+    for (int i = 0; i < 150; ++i)
+        (i < 125 ? cut125 : long150) += "ø";
+    long150 += cut125;
+    const std::pair<std::string, std::string> cases[] = {
+        { " .. ", "unavngivet" },
+        { "...", "..." },
+        { "../../etc/passwd", "..:..:etc:passwd" },
+        { std::string("a\0b", 3), "a_b" },
+        { "\n\u00A0 navn.txt\u3000\t", "navn.txt" },
+        { long150, cut125 },
+        { "x" + long150, "x" + cut125.substr(2) },
+        { std::string(251, 'y'), std::string(250, 'y') },
+    };
+    for (const auto& [name, expected] : cases)
+        EXPECT_EQ(RecoveryEngine::sanitize(name), expected);
+}
+
+TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
+{
+    auto& photo = addFile(
+        addFolder(addFolder(*root, "DCIM"), "100KAM"), "IMG_1.JPG", ExtentList { { 4096, 5'000'000 } }, 5'000'000);
+    photo.modified = Date { std::chrono::seconds { 1'000'000'000 } };
+    auto& damaged = addFile(*root, "skadet;fil.bin", ExtentList { { 5'500'000, 2000 } }, 2000, EntryStatus::deleted);
+    damaged.recoverability = Recoverability::partial;
+    damaged.note = "Dele \"mangler\"";
+    addFile(*root, "tom.txt", ExtentList {}, 0);
+    addFile(*root, "ukendt.bin", NoData {}, 77);
+    addFolder(*root, "tom mappe");
+    source->addSimulatedBadRange({ 5'500'500, 5'500'501 });
+
+    RecoveryProgress last;
+    const auto result = recover([&](const RecoveryProgress& state) { last = state; });
+    EXPECT_EQ(result.recovered, 3);
+    EXPECT_EQ(result.withErrors, 1);
+    EXPECT_EQ(result.failed, 0);
+    EXPECT_EQ(result.bytes, 5'002'077u);
+    EXPECT_EQ(last.filesDone, last.filesTotal);
+    ASSERT_EQ(result.folder, target / "r");
+    EXPECT_EQ(filesIn(target / "r"),
+        (std::vector<std::string> { "DCIM/100KAM/IMG_1.JPG", "skadet;fil.bin", "tom.txt", "ukendt.bin" }));
+    EXPECT_TRUE(readFile(target / "r/DCIM/100KAM/IMG_1.JPG") == Bytes(disk.begin() + 4096, disk.begin() + 5'004'096));
+    EXPECT_EQ(text(target / "r/Gendannelsesrapport.csv"),
+        "Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n"
+        "DCIM/100KAM/IMG_1.JPG;5000000;OK;God;0;\n"
+        "tom.txt;0;OK;God;0;\n"
+        "ukendt.bin;77;OK;God;0;\n"
+        "\"skadet;fil.bin\";2000;Ulæselige sektorer;Delvis;512;\"Dele \"\"mangler\"\"\"\n");
+    struct stat status { };
+    ASSERT_EQ(::stat((target / "r/DCIM/100KAM/IMG_1.JPG").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mtime, 1'000'000'000);
+    EXPECT_EQ(*recover().folder, target / "r (2)");
+}
+
+TEST_F(Recovery, OptionsAndThousandsOfEqualNames)
+{
+    const std::string stem(242, 'a'); // with a number the name becomes too long for a file system
+    std::vector<FileNode*> nodes;
+    for (int i = 0; i < 3000; ++i)
+        nodes.push_back(&addFile(addFolder(*root, "mappe"), stem + "øø.txt"));
+    nodes.push_back(nodes[0]->parent());
+    nodes[0]->modified = Date { std::chrono::seconds { 1'000'000'000 } };
+    const RecoveryOptions options { .keepFolderStructure = false, .restoreDates = false, .writeReport = false };
+    const auto result = RecoveryEngine::recover(nodes, "", *source, target / "ny/dyb", options, nullptr, progress);
+    EXPECT_EQ(result.recovered, 3000) << "each node once";
+    EXPECT_FALSE(fs::exists(target / "ny/dyb/Gendannet/Gendannelsesrapport.csv"));
+    EXPECT_TRUE(fs::exists(target / ("ny/dyb/Gendannet/" + stem + "ø (3000).txt")));
+    struct stat status { };
+    ASSERT_EQ(::stat((target / ("ny/dyb/Gendannet/" + stem + "øø.txt")).c_str(), &status), 0);
+    EXPECT_GT(status.st_mtime, 1'000'000'000);
+}
+
+TEST_F(Recovery, NamesThatMeetOrAreHostile)
+{
+    addFile(*root, "IMG.JPG", bytesOf("s"), 1, EntryStatus::deleted);
+    addFile(*root, "IMG.JPG", bytesOf("e"));
+    addFile(*root, "IMG.JPG", bytesOf("t"), 1, EntryStatus::deleted);
+    addFile(*root, "Gendannelsesrapport.csv", bytesOf("c"));
+    addFile(*root, "DCIM", bytesOf("f"));
+    addFile(addFolder(*root, "DCIM"), "1.txt", bytesOf("1"));
+    addFile(addFolder(*root, "DCIM", EntryStatus::deleted), "2.txt", bytesOf("2"), 1, EntryStatus::deleted);
+    addFile(*root, ".skjult");
+    addFile(*root, ".skjult");
+    addFile(addFolder(*root, ".."), "../../ud.txt");
+    addFile(addFolder(*root, "/etc"), "/passwd");
+
+    const auto result = recover();
+    EXPECT_EQ(filesIn(target / "r"),
+        (std::vector<std::string> { ".skjult", ".skjult (2)", ":etc/:passwd", "DCIM", "DCIM (2)/1.txt",
+            "DCIM (2)/2.txt", "Gendannelsesrapport (2).csv", "IMG (2).JPG", "IMG (3).JPG", "IMG.JPG",
+            "unavngivet/..:..:ud.txt" }));
+    EXPECT_EQ(std::distance(fs::directory_iterator(target.path()), {}), 1);
+    EXPECT_EQ(text(target / "r/IMG.JPG"), "e") << "the existing one keeps its name";
+    EXPECT_NE(text(target / "r/Gendannelsesrapport.csv").find("\nDCIM (2)/1.txt;1;OK"), std::string::npos);
+}
+
+TEST_F(Recovery, PlantedLinksAreNotFollowed)
+{
+    const TemporaryFolder elsewhere;
+    writeFile(elsewhere / "offer.txt", bytesOf("urørt"));
+    // While the first file is copied somebody plants links where the next ones are to go, and in place of a folder that
+    // was made already.
+    addFile(addFolder(*root, "0"), "1.txt", ExtentList { { 0, 10 } }, 10);
+    addFile(addFolder(*root, "mappe"), "2.txt");
+    addFile(*root, "3.txt", bytesOf("min"), 3);
+    addFile(*root->folders()[0], "4.txt", bytesOf("x"), 1, EntryStatus::deleted);
+    bool isPlanted = false;
+    const auto result = recover([&](const RecoveryProgress&) {
+        if (std::exchange(isPlanted, true))
+            return;
+        fs::rename(target / "r/0", target / "r/flyttet");
+        for (const char* name : { "r/0", "r/mappe" })
+            fs::create_symlink(elsewhere.path(), target / name);
+        fs::create_symlink(elsewhere / "offer.txt", target / "r/3.txt");
+    });
+    EXPECT_EQ(result.recovered, 3);
+    EXPECT_EQ(result.failed, 1);
+    EXPECT_EQ(filesIn(elsewhere.path()), std::vector<std::string> { "offer.txt" });
+    EXPECT_EQ(text(elsewhere / "offer.txt"), "urørt");
+    EXPECT_EQ(text(target / "r/3 (2).txt"), "min");
+    EXPECT_EQ(text(target / "r/mappe (2)/2.txt"), "x");
+}
+
+TEST_F(Recovery, HolesStaySparse)
+{
+    addFile(*root, "hul.bin", ExtentList { { 0, 4096 }, { std::nullopt, 1'000'000'000 }, { 4096, 10 } }, 3'000'000'000);
+    EXPECT_EQ(recover().recovered, 1);
+    struct stat status { };
+    ASSERT_EQ(::stat((target / "r/hul.bin").c_str(), &status), 0);
+    EXPECT_EQ(status.st_size, 3'000'000'000);
+    EXPECT_LT(status.st_blocks * 512, 1'000'000);
+    std::ifstream file(target / "r/hul.bin", std::ios::binary);
+    file.seekg(1'000'004'096);
+    EXPECT_EQ(file.get(), disk[4096]);
+}
+
+TEST_F(Recovery, AFullDestinationEndsTheRun)
+{
+    if (runCommand("mount -t tmpfs -o size=1m,nr_inodes=50 none " + target.path()) != 0)
+        GTEST_SKIP() << "needs to mount a small file system";
+    addFile(*root, "1 lille.txt");
+    addFile(*root, "2 stor.bin", ExtentList { { 0, 5_MiB } }, 5_MiB);
+    addFile(*root, "3 lille.txt");
+    const auto result = recover();
+    const auto report = text(target / "r/Gendannelsesrapport.csv");
+    const auto files = filesIn(target / "r");
+    ASSERT_EQ(runCommand("umount " + target.path()), 0);
+
+    EXPECT_EQ(result.failures, std::vector<std::string> { "Destinationen er fuld – gendannelsen blev stoppet." });
+    EXPECT_EQ(files, std::vector<std::string> { "1 lille.txt" });
+    EXPECT_NE(report.find("1 lille.txt;1;OK"), std::string::npos);
+}
