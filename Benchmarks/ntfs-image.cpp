@@ -1,5 +1,6 @@
-// Writes an NTFS volume with many records, which no other tool does in reasonable time: folders of 200 files with a
-// long and a short name each, half of them small enough for the record itself, a third of them deleted.
+// Writes an NTFS volume with many records, which no other tool does in reasonable time: folders of
+// 200 files with a long and a short name each, half of them small enough for the record itself, a
+// third of them deleted.
 //
 //   ntfs-image <file> <records>
 
@@ -27,9 +28,11 @@ int main(int argc, char** argv)
         }
         image.put(number,
             { .inUse = number % 3 != 0,
-                .attributes = { NTFSImage::standardInformation(), NTFSImage::fileName(folder, u"BILLED~1.JPG", 2),
+                .attributes = { NTFSImage::standardInformation(),
+                    NTFSImage::fileName(folder, u"BILLED~1.JPG", 2),
                     NTFSImage::fileName(folder, u"Billede nummer " + name + u".jpg"),
-                    number % 2 == 0 ? NTFSImage::data(Bytes(content.begin(), content.begin() + 100 + number % 500))
+                    number % 2 == 0 ? NTFSImage::data(
+                        Bytes(content.begin(), content.begin() + 100 + number % 500))
                                     : NTFSImage::data({ .runs = runs, .size = 16'000 }) } });
     }
     writeFile(argv[1], image.bytes());

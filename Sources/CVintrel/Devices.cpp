@@ -103,11 +103,12 @@ bool isDisk(const std::string& /*path*/, mode_t mode) { return S_ISBLK(mode); }
 
 namespace {
 
-/// Where distributions put programs of the system. Not PATH: an administrator's tools are seldom in a user's.
+/// Where distributions put programs of the system. Not PATH: an administrator's tools are seldom in
+/// a user's.
 std::string installed(const std::string& name)
 {
-    for (const char* folder : { "/usr/sbin/", "/usr/bin/", "/sbin/", "/bin/", "/usr/local/sbin/", "/usr/local/bin/",
-             "/run/current-system/sw/bin/" })
+    for (const char* folder : { "/usr/sbin/", "/usr/bin/", "/sbin/", "/bin/", "/usr/local/sbin/",
+             "/usr/local/bin/", "/run/current-system/sw/bin/" })
         if (::access((folder + name).c_str(), X_OK) == 0)
             return folder + name;
     return {};
@@ -124,8 +125,10 @@ std::string unescaped(std::string_view text)
     std::string result;
     for (std::size_t at = 0; at < text.size(); ++at) {
         const auto isOctal = [](char digit) { return digit >= '0' && digit <= '7'; };
-        if (text[at] == '\\' && text.size() - at > 3 && std::all_of(&text[at + 1], &text[at + 1] + 3, isOctal)) {
-            result += static_cast<char>((text[at + 1] - '0') * 64 + (text[at + 2] - '0') * 8 + (text[at + 3] - '0'));
+        if (text[at] == '\\' && text.size() - at > 3
+            && std::all_of(&text[at + 1], &text[at + 1] + 3, isOctal)) {
+            result += static_cast<char>(
+                (text[at + 1] - '0') * 64 + (text[at + 2] - '0') * 8 + (text[at + 3] - '0'));
             at += 3;
         } else {
             result += text[at];
@@ -134,20 +137,24 @@ std::string unescaped(std::string_view text)
     return result;
 }
 
-/// What is mounted where this path lies, as the mount named it: "/dev/sda2". Empty when that is not known.
+/// What is mounted where this path lies, as the mount named it: "/dev/sda2". Empty when that is not
+/// known.
 std::string mountSource([[maybe_unused]] const std::string& path)
 {
 #ifdef STATX_MNT_ID
     struct statx status { };
-    if (::statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &status) != 0 || (status.stx_mask & STATX_MNT_ID) == 0)
+    if (::statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &status) != 0
+        || (status.stx_mask & STATX_MNT_ID) == 0)
         return {};
     std::ifstream mounts("/proc/self/mountinfo");
     for (std::string line; std::getline(mounts, line);) {
-        // The mount's number comes first; after a lone hyphen the kind of file system, and then the source.
+        // The mount's number comes first; after a lone hyphen the kind of file system, and then the
+        // source.
         if (!line.starts_with(std::to_string(status.stx_mnt_id) + " "))
             continue;
         const auto hyphen = line.find(" - ");
-        std::istringstream rest(hyphen == std::string::npos ? std::string() : line.substr(hyphen + 3));
+        std::istringstream rest(
+            hyphen == std::string::npos ? std::string() : line.substr(hyphen + 3));
         std::string kind, source;
         rest >> kind >> source;
         return unescaped(source);
@@ -160,9 +167,11 @@ std::string mountSource([[maybe_unused]] const std::string& path)
 
 HelperPrograms helperPrograms()
 {
-    return {
-        .authopen = {}, .hdiutil = {}, .diskutil = {}, .lsblk = installed("lsblk"), .smartctl = installed("smartctl")
-    };
+    return { .authopen = {},
+        .hdiutil = {},
+        .diskutil = {},
+        .lsblk = installed("lsblk"),
+        .smartctl = installed("smartctl") };
 }
 
 std::optional<DeviceGeometry> deviceGeometry(int descriptor)
@@ -174,15 +183,16 @@ std::optional<DeviceGeometry> deviceGeometry(int descriptor)
     if (::ioctl(descriptor, BLKSSZGET, &blockSize) != 0)
         blockSize = 0;
     DeviceGeometry geometry;
-    geometry.blockSize = std::max(static_cast<std::uint32_t>(std::max(blockSize, 0)), smallestBlock);
+    geometry.blockSize
+        = std::max(static_cast<std::uint32_t>(std::max(blockSize, 0)), smallestBlock);
     geometry.blockCount = size / geometry.blockSize;
     return geometry;
 }
 
 bool turnOffCache(int descriptor)
 {
-    // The cache does not only remember. It reads ahead into damage, and in units of its own: of a page with one bad
-    // sector it gives none.
+    // The cache does not only remember. It reads ahead into damage, and in units of its own: of a
+    // page with one bad sector it gives none.
     const int flags = ::fcntl(descriptor, F_GETFL);
     return flags != -1 && ::fcntl(descriptor, F_SETFL, flags | O_DIRECT) == 0;
 }
@@ -190,7 +200,8 @@ bool turnOffCache(int descriptor)
 std::string deviceIdentity(const std::string& path)
 {
     struct stat status { };
-    return ::stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode) ? identity(status.st_rdev) : std::string();
+    return ::stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode) ? identity(status.st_rdev)
+                                                                         : std::string();
 }
 
 std::string deviceHolding(const std::string& path)
@@ -199,7 +210,8 @@ std::string deviceHolding(const std::string& path)
     if (::stat(path.c_str(), &status) != 0)
         return {};
     // File systems that can lie on several devices (btrfs) have a number that is no device's.
-    return gnu_dev_major(status.st_dev) != 0 ? identity(status.st_dev) : deviceIdentity(mountSource(path));
+    return gnu_dev_major(status.st_dev) != 0 ? identity(status.st_dev)
+                                             : deviceIdentity(mountSource(path));
 }
 
 #elif !defined(__APPLE__)

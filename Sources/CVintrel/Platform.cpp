@@ -17,7 +17,8 @@ namespace CVintrel {
 
 namespace {
 
-/// The name of the locale that numbers follow, in POSIX's order of precedence; empty when none is set.
+/// The name of the locale that numbers follow, in POSIX's order of precedence; empty when none is
+/// set.
 std::string_view numericLocale()
 {
     for (const char* variable : { "LC_ALL", "LC_NUMERIC", "LANG" })
@@ -33,8 +34,8 @@ std::string findDecimalSeparator()
         freelocale(locale);
         return separator.empty() ? "." : separator;
     }
-    // A small system may not have the data of the user's own locale. Of Danish, the language of the program, the
-    // answer is known all the same.
+    // A small system may not have the data of the user's own locale. Of Danish, the language of the
+    // program, the answer is known all the same.
     return numericLocale().starts_with("da") ? "," : ".";
 }
 
@@ -78,8 +79,10 @@ int flush(int descriptor) { return ::fsync(descriptor) == 0 ? 0 : errno; }
 
 void startFlushing(int descriptor, std::uint64_t offset, std::uint64_t count)
 {
-    // Left alone, written data waits for up to half a minute, and the copying for all of it at the next flush.
-    ::sync_file_range(descriptor, static_cast<off64_t>(offset), static_cast<off64_t>(count), SYNC_FILE_RANGE_WRITE);
+    // Left alone, written data waits for up to half a minute, and the copying for all of it at the
+    // next flush.
+    ::sync_file_range(descriptor, static_cast<off64_t>(offset), static_cast<off64_t>(count),
+        SYNC_FILE_RANGE_WRITE);
 }
 
 #else

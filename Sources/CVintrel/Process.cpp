@@ -58,7 +58,8 @@ int startProcess(const std::vector<std::string>& words, int output, int errors, 
     if (error == 0)
         error = addClosingOfTheRest(actions);
     if (error == 0)
-        error = ::posix_spawn(&process, arguments[0], &actions, &attributes, arguments.data(), environ);
+        error = ::posix_spawn(
+            &process, arguments[0], &actions, &attributes, arguments.data(), environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     return error;

@@ -4,11 +4,11 @@
 #include "VintrelCLI/Signals.h"
 #include "VintrelCLI/TreeListing.h"
 #include "VintrelCore/Devices/DeviceStack.h"
+#include "VintrelCore/Devices/SourceOpener.h"
+#include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Imaging/Imager.h"
 #include "VintrelCore/Recovery/Recovery.h"
 #include "VintrelCore/Scanning/Scanner.h"
-#include "VintrelCore/Devices/SourceOpener.h"
-#include "VintrelCore/Foundation/Unicode/Unicode.h"
 
 #include <algorithm>
 #include <charconv>
@@ -65,7 +65,8 @@ std::unique_ptr<DiskSource> open(const std::string& name)
 {
     std::error_code error;
     const bool isDeviceName = name.starts_with("disk") && !std::filesystem::exists(name, error);
-    auto source = isDeviceName ? SourceOpener::openDevice(name, name) : SourceOpener::openImage(name);
+    auto source
+        = isDeviceName ? SourceOpener::openDevice(name, name) : SourceOpener::openImage(name);
     if (const char* ranges = std::getenv("VINTREL_SIMULATE_BAD"))
         for (const auto& range : parseByteRanges(ranges))
             source->addSimulatedBadRange(range);
@@ -74,7 +75,10 @@ std::unique_ptr<DiskSource> open(const std::string& name)
 
 enum class Depth { quick, deep, deepWithoutCarving };
 
-Depth depthByOption(const Session& session) { return session.has("--deep") ? Depth::deep : Depth::quick; }
+Depth depthByOption(const Session& session)
+{
+    return session.has("--deep") ? Depth::deep : Depth::quick;
+}
 
 /// What the tables of the source name, and with a deep scan what is found beyond them.
 VolumeList allVolumes(Session& session, Depth depth)
@@ -90,12 +94,14 @@ VolumeList allVolumes(Session& session, Depth depth)
     DeepScanOptions options;
     options.carve = depth == Depth::deep;
     const auto found = DeepScanner(source, options).run(&session.progress);
-    session.print("Dyb scanning: " + number(found.carved.size()) + " signaturfund, " + number(found.boots.size())
-        + " bootsektorer, " + number(found.mftRecords.size()) + " MFT-poster, " + number(found.fatDirSectors.size())
-        + " FAT-mappesektorer, " + number(found.apfsLeafNodes.size()) + " APFS-knuder");
-    std::ranges::move(
-        DeepScanner::buildVolumes(source, found, volumes, &session.progress), std::back_inserter(volumes));
-    for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, found, &session.progress))
+    session.print("Dyb scanning: " + number(found.carved.size()) + " signaturfund, "
+        + number(found.boots.size()) + " bootsektorer, " + number(found.mftRecords.size())
+        + " MFT-poster, " + number(found.fatDirSectors.size()) + " FAT-mappesektorer, "
+        + number(found.apfsLeafNodes.size()) + " APFS-knuder");
+    std::ranges::move(DeepScanner::buildVolumes(source, found, volumes, &session.progress),
+        std::back_inserter(volumes));
+    for (auto& [volume, folder] :
+        DeepScanner::extraFolders(source, volumes, found, &session.progress))
         volume->root->add(std::move(folder));
     if (!found.carved.empty())
         volumes.push_back(DeepScanner::carvedVolume(source, found.carved));
@@ -109,29 +115,29 @@ void warnOfDestination(const Session& session)
 {
     const auto& destination = session.arguments[2];
     if (DeviceStack::holds(*session.source, destination))
-        session.complain("Advarsel: " + Unicode::escaped(destination) + " ligger på den disk, der læses ("
-            + Unicode::escaped(session.source->displayName())
+        session.complain("Advarsel: " + Unicode::escaped(destination)
+            + " ligger på den disk, der læses (" + Unicode::escaped(session.source->displayName())
             + "). Det, der skrives, kan overskrive det, der skal gendannes.");
 }
 
 void scan(Session& session)
 {
     auto& source = *session.source;
-    session.print(Unicode::escaped(source.displayName()) + ": " + formatBytes(source.size()) + ", sektor "
-        + number(source.sectorSize()) + " B");
+    session.print(Unicode::escaped(source.displayName()) + ": " + formatBytes(source.size())
+        + ", sektor " + number(source.sectorSize()) + " B");
     const auto result = QuickScanner::run(source, &session.progress);
     session.print("Partitionering: " + result.layout.scheme);
     for (const auto& entry : result.layout.entries)
-        session.print("  #" + number(static_cast<std::uint64_t>(entry.index)) + " " + entry.typeName + " @ "
-            + number(entry.offset) + " " + formatBytes(entry.size) + " "
+        session.print("  #" + number(static_cast<std::uint64_t>(entry.index)) + " " + entry.typeName
+            + " @ " + number(entry.offset) + " " + formatBytes(entry.size) + " "
             + std::string(displayName(entry.detected.value_or(FileSystemType::unknown))));
     for (const auto& note : result.notes)
         session.print("! " + Unicode::escaped(note));
     for (const auto& volume : result.volumes) {
         const auto totals = volume->root->totals();
-        session.print("  " + Unicode::escaped(volume->title()) + ": " + number(totals.files) + " filer, "
-            + number(totals.folders) + " mapper, " + number(totals.deleted) + " slettede, "
-            + formatBytes(totals.bytes));
+        session.print("  " + Unicode::escaped(volume->title()) + ": " + number(totals.files)
+            + " filer, " + number(totals.folders) + " mapper, " + number(totals.deleted)
+            + " slettede, " + formatBytes(totals.bytes));
         for (const auto& note : volume->notes)
             session.print("     note: " + Unicode::escaped(note));
     }
@@ -148,9 +154,9 @@ void deep(Session& session)
     const auto depth = session.has("--no-carve") ? Depth::deepWithoutCarving : Depth::deep;
     for (const auto& volume : allVolumes(session, depth)) {
         const auto totals = volume->root->totals();
-        session.print(Unicode::escaped(volume->title()) + " [" + Unicode::escaped(volume->origin) + "] @ "
-            + number(volume->offset) + ": " + number(totals.files) + " filer, " + number(totals.deleted)
-            + " slettede/fundne");
+        session.print(Unicode::escaped(volume->title()) + " [" + Unicode::escaped(volume->origin)
+            + "] @ " + number(volume->offset) + ": " + number(totals.files) + " filer, "
+            + number(totals.deleted) + " slettede/fundne");
     }
 }
 
@@ -163,15 +169,17 @@ void recover(Session& session)
         std::vector<FileNode*> nodes;
         if (session.has("--deleted")) {
             nodes = volume->root->allFiles();
-            std::erase_if(nodes, [](const FileNode* node) { return node->status == EntryStatus::existing; });
+            std::erase_if(
+                nodes, [](const FileNode* node) { return node->status == EntryStatus::existing; });
         } else {
             for (const auto& child : volume->root->children())
                 nodes.push_back(child.get());
         }
-        const auto result = RecoveryEngine::recover(
-            nodes, volume->title(), *session.source, session.arguments[2], {}, nullptr, session.progress);
-        session.print(Unicode::escaped(volume->title()) + ": " + std::to_string(result.recovered) + " gendannet, "
-            + std::to_string(result.withErrors) + " med fejl, " + std::to_string(result.failed) + " mislykkedes → "
+        const auto result = RecoveryEngine::recover(nodes, volume->title(), *session.source,
+            session.arguments[2], {}, nullptr, session.progress);
+        session.print(Unicode::escaped(volume->title()) + ": " + std::to_string(result.recovered)
+            + " gendannet, " + std::to_string(result.withErrors) + " med fejl, "
+            + std::to_string(result.failed) + " mislykkedes → "
             + Unicode::escaped(result.folder.value_or("-")));
         for (std::size_t i = 0; i < std::min(result.failures.size(), maxFailureLines); ++i)
             session.print("   " + Unicode::escaped(result.failures[i]));
@@ -191,8 +199,8 @@ void image(Session& session)
         if (lastLine && now - *lastLine <= imagingLineInterval && !stats.finished)
             return;
         lastLine = now;
-        session.print(stats.phase + ": " + formatBytes(stats.rescued) + " reddet, " + formatBytes(stats.bad)
-            + " dårlige, " + formatBytes(stats.pending) + " tilbage");
+        session.print(stats.phase + ": " + formatBytes(stats.rescued) + " reddet, "
+            + formatBytes(stats.bad) + " dårlige, " + formatBytes(stats.pending) + " tilbage");
     });
     if (const auto message = imager.currentStats().message)
         session.print(Unicode::escaped(*message));
@@ -218,13 +226,16 @@ constexpr Command commands[] = {
 
 int run(std::span<const std::string> arguments, std::ostream& out, std::ostream& err)
 {
-    const auto* const command
-        = arguments.empty() ? std::end(commands) : std::ranges::find(commands, arguments[0], &Command::word);
+    const auto* const command = arguments.empty()
+        ? std::end(commands)
+        : std::ranges::find(commands, arguments[0], &Command::word);
     if (command == std::end(commands) || arguments.size() < command->needed) {
         out << usage << std::flush;
         return exitUsage;
     }
-    Session session { .arguments = arguments, .out = out, .err = err, .progress = {}, .source = nullptr };
+    Session session {
+        .arguments = arguments, .out = out, .err = err, .progress = {}, .source = nullptr
+    };
     const SignalCancellation cancellation(session.progress);
     try {
         if (command->readsSource)
@@ -255,7 +266,8 @@ std::vector<ByteRange> parseByteRanges(std::string_view text)
         std::vector<std::uint64_t> numbers;
         for (const auto part : split(piece, '-')) {
             std::uint64_t value = 0;
-            const auto [end, error] = std::from_chars(part.data(), part.data() + part.size(), value);
+            const auto [end, error]
+                = std::from_chars(part.data(), part.data() + part.size(), value);
             if (error == std::errc() && end == part.data() + part.size())
                 numbers.push_back(value);
         }

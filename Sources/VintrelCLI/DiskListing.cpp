@@ -1,7 +1,7 @@
 #include "VintrelCLI/DiskListing.h"
 
-#include "VintrelCore/Model/Model.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/Model.h"
 
 #include <ostream>
 
@@ -11,8 +11,8 @@ void printDisks(const std::vector<DiskRecord>& disks, std::ostream& out)
     std::string text;
     for (const auto& disk : disks) {
         text += escaped(disk.bsdName) + "\t" + formatBytes(disk.size) + "\t"
-            + escaped(disk.mediaName.empty() ? disk.bsdName : disk.mediaName) + "\t" + escaped(disk.busProtocol)
-            + "\tSMART: " + escaped(disk.smartStatus) + "\n";
+            + escaped(disk.mediaName.empty() ? disk.bsdName : disk.mediaName) + "\t"
+            + escaped(disk.busProtocol) + "\tSMART: " + escaped(disk.smartStatus) + "\n";
         for (const auto& partition : disk.partitions)
             text += "   " + escaped(partition.bsdName) + "\t" + formatBytes(partition.size) + "\t"
                 + escaped(partition.content) + "\t" + escaped(partition.volumeName) + "\t"

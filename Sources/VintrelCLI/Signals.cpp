@@ -32,7 +32,8 @@ struct sigaction handle(int signal)
     struct sigaction action { };
     action.sa_handler = cancelWork;
     action.sa_flags = SA_RESTART; // a line that is just being printed is not lost
-    // When both come together, the second one waits until the first has been handled, and so is the second.
+    // When both come together, the second one waits until the first has been handled, and so is the
+    // second.
     sigemptyset(&action.sa_mask);
     sigaddset(&action.sa_mask, SIGINT);
     sigaddset(&action.sa_mask, SIGTERM);

@@ -4,9 +4,10 @@
 
 #include <csignal>
 
-/// While it lives, the first SIGINT or SIGTERM cancels the work instead of ending the program, so that what is finished
-/// stays and is reported. The next one ends the program at once. A signal that is ignored stays so: whoever started the
-/// program in the background wants it that way. There is at most one of these at a time.
+/// While it lives, the first SIGINT or SIGTERM cancels the work instead of ending the program, so
+/// that what is finished stays and is reported. The next one ends the program at once. A signal
+/// that is ignored stays so: whoever started the program in the background wants it that way. There
+/// is at most one of these at a time.
 class SignalCancellation {
 public:
     explicit SignalCancellation(WorkProgress& work);

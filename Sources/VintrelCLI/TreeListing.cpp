@@ -1,7 +1,7 @@
 #include "VintrelCLI/TreeListing.h"
 
-#include "VintrelCore/Model/Model.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/Model.h"
 
 #include <ctime>
 #include <ostream>
@@ -14,8 +14,8 @@ constexpr std::size_t blockSize = 65'536;
 /// "2026-10-03 14:22:10", in local time.
 void appendDate(std::string& text, Date date)
 {
-    const std::time_t seconds
-        = std::chrono::system_clock::to_time_t(std::chrono::time_point_cast<std::chrono::system_clock::duration>(
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(
+        std::chrono::time_point_cast<std::chrono::system_clock::duration>(
             std::chrono::floor<std::chrono::seconds>(date)));
     std::tm local {};
     char buffer[32];
@@ -35,7 +35,11 @@ void appendNode(std::string& text, const FileNode& node, std::size_t depth)
         appendDate(text, *node.modified);
     }
     if (node.status != EntryStatus::existing)
-        text.append("  [").append(label(node.status)).append(", ").append(label(node.recoverability)).append("]");
+        text.append("  [")
+            .append(label(node.status))
+            .append(", ")
+            .append(label(node.recoverability))
+            .append("]");
     if (node.note)
         text.append("  ").append(Unicode::escaped(*node.note));
     text += '\n';
@@ -45,8 +49,8 @@ void appendNode(std::string& text, const FileNode& node, std::size_t depth)
 
 void printTree(const Volume& volume, std::ostream& out)
 {
-    std::string text = Unicode::escaped(volume.title()) + " [" + Unicode::escaped(volume.origin) + "] @ "
-        + std::to_string(volume.offset) + "\n";
+    std::string text = Unicode::escaped(volume.title()) + " [" + Unicode::escaped(volume.origin)
+        + "] @ " + std::to_string(volume.offset) + "\n";
     for (const auto& note : volume.notes)
         text.append("     note: ").append(Unicode::escaped(note)).append("\n");
     const auto flush = [&] {

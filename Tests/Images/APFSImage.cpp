@@ -9,8 +9,9 @@ namespace {
 
 constexpr std::uint64_t descriptorBase = 1;
 constexpr std::uint64_t dataBase = descriptorBase + APFSImage::descriptorBlocks;
-constexpr std::uint64_t dataBlocks = APFSImage::descriptorBlocks; // a space manager and a queue for each checkpoint
-constexpr std::uint64_t bitmapBlock = dataBase + dataBlocks;      // one chunk, and its bitmap
+constexpr std::uint64_t dataBlocks
+    = APFSImage::descriptorBlocks; // a space manager and a queue for each checkpoint
+constexpr std::uint64_t bitmapBlock = dataBase + dataBlocks; // one chunk, and its bitmap
 constexpr std::uint64_t chunkInfoBlock = bitmapBlock + 1;
 constexpr std::uint64_t firstFree = chunkInfoBlock + 1;
 constexpr std::uint64_t firstIndexOID = 100'000;
@@ -47,7 +48,8 @@ void sort(APFSImage::Leaf& records)
 {
     std::ranges::stable_sort(records, {}, [](const APFSImage::Record& record) {
         const auto number = ByteView(record.key).u64le(0);
-        return std::pair(number << 4 | number >> 60, Bytes(record.key.rbegin(), record.key.rend() - 8));
+        return std::pair(
+            number << 4 | number >> 60, Bytes(record.key.rbegin(), record.key.rend() - 8));
     });
 }
 
@@ -68,7 +70,11 @@ APFSImage::Record APFSImage::inode(const Inode& inode)
     value.add(inode.parent, 8).add(inode.privateID != 0 ? inode.privateID : inode.id, 8);
     for (const std::uint64_t later : { 0u, 1u, 1u, 1u })
         value.add(inode.created + later * 1'000'000'000, 8);
-    value.add(0x8000 | (inode.isSparse ? 0x200u : 0u), 8).add(1, 4).add(0, 4).add(0, 4).add(inode.bsdFlags, 4);
+    value.add(0x8000 | (inode.isSparse ? 0x200u : 0u), 8)
+        .add(1, 4)
+        .add(0, 4)
+        .add(0, 4)
+        .add(inode.bsdFlags, 4);
     value.add(99, 4).add(99, 4).add(inode.mode, 2).zeros(10);
     const bool hasStream = (inode.mode & 0xF000) == 0x8000 && inode.bsdFlags == 0;
     const std::size_t nameSize = inode.name.size() + 1;
@@ -78,11 +84,14 @@ APFSImage::Record APFSImage::inode(const Inode& inode)
         value.add(0x2008, 2).add(40, 2);
     value.add(inode.name).zeros(8 - inode.name.size() % 8);
     if (hasStream)
-        value.add(inode.size, 8).add((inode.size + blockSize - 1) / blockSize * blockSize, 8).zeros(24);
+        value.add(inode.size, 8)
+            .add((inode.size + blockSize - 1) / blockSize * blockSize, 8)
+            .zeros(24);
     return { key(inode.id, 3).bytes, value.bytes };
 }
 
-APFSImage::Record APFSImage::entry(std::uint64_t parent, const std::string& name, std::uint64_t id, bool isFolder) const
+APFSImage::Record APFSImage::entry(
+    std::uint64_t parent, const std::string& name, std::uint64_t id, bool isFolder) const
 {
     auto named = key(parent, 9);
     if (options_.isHashed)
@@ -95,7 +104,8 @@ APFSImage::Record APFSImage::entry(std::uint64_t parent, const std::string& name
 APFSImage::Record APFSImage::extent(
     std::uint64_t owner, std::uint64_t logical, std::uint64_t length, std::uint64_t block)
 {
-    return { key(owner, 8).add(logical, 8).bytes, Fields().add(length, 8).add(block, 8).add(0, 8).bytes };
+    return { key(owner, 8).add(logical, 8).bytes,
+        Fields().add(length, 8).add(block, 8).add(0, 8).bytes };
 }
 
 APFSImage::Record APFSImage::sibling(
@@ -104,22 +114,27 @@ APFSImage::Record APFSImage::sibling(
     return { key(id, 5).add(siblingID, 8).bytes, Fields().add(parent, 8).name(name).bytes };
 }
 
-APFSImage::Record APFSImage::attribute(std::uint64_t id, const std::string& name, std::string_view content)
+APFSImage::Record APFSImage::attribute(
+    std::uint64_t id, const std::string& name, std::string_view content)
 {
-    return { key(id, 4).name(name).bytes, Fields().add(2, 2).add(content.size(), 2).add(content).bytes };
+    return { key(id, 4).name(name).bytes,
+        Fields().add(2, 2).add(content.size(), 2).add(content).bytes };
 }
 
 APFSImage::Leaf APFSImage::file(const Inode& file, std::uint64_t block) const
 {
     Leaf leaf { entry(file.parent, file.name, file.id), inode(file) };
     if (block != 0)
-        leaf.push_back(extent(file.id, 0, (file.size + blockSize - 1) / blockSize * blockSize, block));
+        leaf.push_back(
+            extent(file.id, 0, (file.size + blockSize - 1) / blockSize * blockSize, block));
     return leaf;
 }
 
-APFSImage::Leaf APFSImage::folder(std::uint64_t id, std::uint64_t parent, const std::string& name) const
+APFSImage::Leaf APFSImage::folder(
+    std::uint64_t id, std::uint64_t parent, const std::string& name) const
 {
-    return { entry(parent, name, id, true), inode({ .id = id, .parent = parent, .name = name, .mode = 0x41ED }) };
+    return { entry(parent, name, id, true),
+        inode({ .id = id, .parent = parent, .name = name, .mode = 0x41ED }) };
 }
 
 std::uint64_t APFSImage::allocate(std::uint64_t count)
@@ -144,9 +159,11 @@ void APFSImage::put(std::uint64_t block, std::initializer_list<Field> fields)
         putLE(bytes_, offsetOf(block) + at, value, width);
 }
 
-void APFSImage::header(std::uint64_t block, std::uint64_t oid, std::uint32_t type, std::uint32_t subtype)
+void APFSImage::header(
+    std::uint64_t block, std::uint64_t oid, std::uint32_t type, std::uint32_t subtype)
 {
-    std::fill_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offsetOf(block)), blockSize, std::uint8_t { 0 });
+    std::fill_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offsetOf(block)), blockSize,
+        std::uint8_t { 0 });
     put(block, { { 8, oid, 8 }, { 16, xid_, 8 }, { 24, type, 4 }, { 28, subtype, 4 } });
 }
 
@@ -160,19 +177,20 @@ void APFSImage::sign(std::uint64_t block, std::uint64_t count)
 void APFSImage::renewChecksums()
 {
     for (std::uint64_t block = 0; offsetOf(block + 1) <= bytes_.size(); ++block)
-        if (ByteView(bytes_).u64le(static_cast<std::int64_t>(offsetOf(block))) != 0 && block != bitmapBlock)
+        if (ByteView(bytes_).u64le(static_cast<std::int64_t>(offsetOf(block))) != 0
+            && block != bitmapBlock)
             sign(block);
 }
 
-void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t storage, const NodeKind& kind,
-    const std::vector<Record>& records)
+void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t storage,
+    const NodeKind& kind, const std::vector<Record>& records)
 {
     header(block, oid, storage | (kind.isRoot ? 2 : 3), kind.subtype);
     const bool isFixed = kind.fixedKey != 0;
     const std::uint64_t tableSize = std::max<std::uint64_t>(records.size(), 8) * (isFixed ? 4 : 8);
     put(block,
-        { { 32, (kind.isRoot ? 1u : 0u) | (kind.level == 0 ? 2u : 0u) | (isFixed ? 4u : 0u), 2 }, { 34, kind.level, 2 },
-            { 36, records.size(), 4 }, { 42, tableSize, 2 } });
+        { { 32, (kind.isRoot ? 1u : 0u) | (kind.level == 0 ? 2u : 0u) | (isFixed ? 4u : 0u), 2 },
+            { 34, kind.level, 2 }, { 36, records.size(), 4 }, { 42, tableSize, 2 } });
     std::uint64_t keyAt = 0, valueAt = 0, entry = 56;
     const std::uint64_t keyArea = 56 + tableSize, valueEnd = blockSize - (kind.isRoot ? 40 : 0);
     for (const auto& [key, value] : records) {
@@ -192,11 +210,13 @@ void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t 
         keyAt += key.size();
     }
     put(block,
-        { { 44, keyAt, 2 }, { 46, valueEnd - keyArea - keyAt - valueAt, 2 }, { 48, 0xFFFF, 4 }, { 52, 0xFFFF, 4 } });
+        { { 44, keyAt, 2 }, { 46, valueEnd - keyArea - keyAt - valueAt, 2 }, { 48, 0xFFFF, 4 },
+            { 52, 0xFFFF, 4 } });
     if (const auto footer = valueEnd; kind.isRoot)
         put(block,
-            { { footer + 4, blockSize, 4 }, { footer + 8, kind.fixedKey, 4 }, { footer + 12, kind.fixedValue, 4 },
-                { footer + 24, records.size(), 8 }, { footer + 32, 1, 8 } });
+            { { footer + 4, blockSize, 4 }, { footer + 8, kind.fixedKey, 4 },
+                { footer + 12, kind.fixedValue, 4 }, { footer + 24, records.size(), 8 },
+                { footer + 32, 1, 8 } });
     sign(block);
 }
 
@@ -232,7 +252,8 @@ std::vector<APFSImage::Leaf> APFSImage::split(Leaf records, std::size_t perLeaf)
     std::vector<Leaf> leaves;
     for (std::size_t first = 0; first < records.size(); first += perLeaf) {
         const auto begin = records.begin() + static_cast<std::ptrdiff_t>(first);
-        leaves.emplace_back(begin, begin + static_cast<std::ptrdiff_t>(std::min(perLeaf, records.size() - first)));
+        leaves.emplace_back(
+            begin, begin + static_cast<std::ptrdiff_t>(std::min(perLeaf, records.size() - first)));
     }
     return leaves;
 }
@@ -252,8 +273,8 @@ void APFSImage::commit(std::vector<Leaf> leaves)
             node = { allocate(), xid_, records };
             writeNode(node.block, firstLeafOID + i, 0, {}, records);
         }
-        index.push_back(
-            { records.empty() ? key(i, 3).bytes : records[0].key, Fields().add(firstLeafOID + i, 8).bytes });
+        index.push_back({ records.empty() ? key(i, 3).bytes : records[0].key,
+            Fields().add(firstLeafOID + i, 8).bytes });
     }
     nodes_.erase(nodes_.lower_bound(firstLeafOID + leaves.size()), nodes_.end());
     std::uint16_t level = 1;
@@ -281,8 +302,9 @@ void APFSImage::writeVolume()
     header(block, volumeOID, 13);
     write(offsetOf(block) + 32, bytesOf("APSB"));
     put(block,
-        { { 56, options_.isHashed ? 1u : 0u, 8 }, { 116, 2, 4 }, { 128, map, 8 }, { 136, rootOID, 8 }, { 176, 5000, 8 },
-            { 216, options_.snapshots, 8 }, { 240, 77, 8 }, { 264, options_.flags, 8 } });
+        { { 56, options_.isHashed ? 1u : 0u, 8 }, { 116, 2, 4 }, { 128, map, 8 },
+            { 136, rootOID, 8 }, { 176, 5000, 8 }, { 216, options_.snapshots, 8 }, { 240, 77, 8 },
+            { 264, options_.flags, 8 } });
     write(offsetOf(block) + 704, bytesOf(options_.name));
     put(block, { { 964, options_.role, 2 } });
     sign(block);
@@ -297,23 +319,27 @@ void APFSImage::writeCheckpoint()
 
     std::vector<Record> freed;
     for (const auto& [first, count] : freeQueue) {
-        freed.push_back(
-            { Fields().add(xid_, 8).add(first, 8).bytes, count == 1 ? Bytes() : Fields().add(count, 8).bytes });
+        freed.push_back({ Fields().add(xid_, 8).add(first, 8).bytes,
+            count == 1 ? Bytes() : Fields().add(count, 8).bytes });
         for (auto block = first; block < first + count; ++block)
             setAllocated(block);
     }
-    writeNode(queue, queueOID, ephemeral, { .subtype = 9, .isRoot = true, .fixedKey = 16, .fixedValue = 8 }, freed);
+    writeNode(queue, queueOID, ephemeral,
+        { .subtype = 9, .isRoot = true, .fixedKey = 16, .fixedValue = 8 }, freed);
     for (std::uint64_t block = 0; block < options_.blocks; ++block)
-        if (auto& byte = bytes_.at(offsetOf(bitmapBlock) + block / 8); (byte >> block % 8 & 1) != allocated_[block])
+        if (auto& byte = bytes_.at(offsetOf(bitmapBlock) + block / 8);
+            (byte >> block % 8 & 1) != allocated_[block])
             byte = static_cast<std::uint8_t>(byte ^ 1 << block % 8);
     header(chunkInfoBlock, chunkInfoBlock, physical | 7);
-    put(chunkInfoBlock, { { 36, 1, 4 }, { 40, xid_, 8 }, { 56, options_.blocks, 4 }, { 64, bitmapBlock, 8 } });
+    put(chunkInfoBlock,
+        { { 36, 1, 4 }, { 40, xid_, 8 }, { 56, options_.blocks, 4 }, { 64, bitmapBlock, 8 } });
     sign(chunkInfoBlock);
 
     header(manager, spaceManagerOID, ephemeral | 5);
     put(manager,
-        { { 32, blockSize, 4 }, { 36, blockSize * 8, 4 }, { 40, 126, 4 }, { 44, 507, 4 }, { 48, options_.blocks, 8 },
-            { 56, 1, 8 }, { 64, 1, 4 }, { 80, 2520, 4 }, { 248, queueOID, 8 }, { 2520, chunkInfoBlock, 8 } });
+        { { 32, blockSize, 4 }, { 36, blockSize * 8, 4 }, { 40, 126, 4 }, { 44, 507, 4 },
+            { 48, options_.blocks, 8 }, { 56, 1, 8 }, { 64, 1, 4 }, { 80, 2520, 4 },
+            { 248, queueOID, 8 }, { 2520, chunkInfoBlock, 8 } });
     sign(manager);
 
     header(map, map, physical | 12);
@@ -322,8 +348,8 @@ void APFSImage::writeCheckpoint()
     for (const auto& [type, oid, block] :
         { std::tuple(5u, spaceManagerOID, manager), std::tuple(2u, queueOID, queue) }) {
         put(map,
-            { { at, ephemeral | type, 4 }, { at + 4, type == 2 ? 9u : 0u, 4 }, { at + 8, blockSize, 4 },
-                { at + 24, oid, 8 }, { at + 32, block, 8 } });
+            { { at, ephemeral | type, 4 }, { at + 4, type == 2 ? 9u : 0u, 4 },
+                { at + 8, blockSize, 4 }, { at + 24, oid, 8 }, { at + 32, block, 8 } });
         at += 40;
     }
     sign(map);
@@ -332,11 +358,13 @@ void APFSImage::writeCheckpoint()
         header(block, 1, ephemeral | 1);
         write(offsetOf(block) + 32, bytesOf("NXSB"));
         put(block,
-            { { 36, blockSize, 4 }, { 40, options_.blocks, 8 }, { 64, 2, 8 }, { 72, 42, 8 }, { 88, 2000, 8 },
-                { 96, xid_ + 1, 8 }, { 104, descriptorBlocks, 4 }, { 108, dataBlocks, 4 }, { 112, descriptorBase, 8 },
-                { 120, dataBase, 8 }, { 128, (index + 2) % descriptorBlocks, 4 }, { 132, (index + 2) % dataBlocks, 4 },
-                { 136, index, 4 }, { 140, 2, 4 }, { 144, index, 4 }, { 148, 2, 4 }, { 152, spaceManagerOID, 8 },
-                { 160, containerMap_, 8 }, { 168, reaperOID, 8 }, { 180, 1, 4 }, { 184, volumeOID, 8 } });
+            { { 36, blockSize, 4 }, { 40, options_.blocks, 8 }, { 64, 2, 8 }, { 72, 42, 8 },
+                { 88, 2000, 8 }, { 96, xid_ + 1, 8 }, { 104, descriptorBlocks, 4 },
+                { 108, dataBlocks, 4 }, { 112, descriptorBase, 8 }, { 120, dataBase, 8 },
+                { 128, (index + 2) % descriptorBlocks, 4 }, { 132, (index + 2) % dataBlocks, 4 },
+                { 136, index, 4 }, { 140, 2, 4 }, { 144, index, 4 }, { 148, 2, 4 },
+                { 152, spaceManagerOID, 8 }, { 160, containerMap_, 8 }, { 168, reaperOID, 8 },
+                { 180, 1, 4 }, { 184, volumeOID, 8 } });
         sign(block);
     }
 }

@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
-/// Builds an APFS container with one volume in memory, one transaction after the other: each writes what it changes to
-/// blocks that were never used before, so that all older states stay on the disk, and in the checkpoint area as long as
-/// that has room.
+/// Builds an APFS container with one volume in memory, one transaction after the other: each writes
+/// what it changes to blocks that were never used before, so that all older states stay on the
+/// disk, and in the checkpoint area as long as that has room.
 class APFSImage : public DiskImage {
 public:
     struct Options {
@@ -44,9 +44,12 @@ public:
     explicit APFSImage(Options options);
 
     static Record inode(const Inode& inode);
-    Record entry(std::uint64_t parent, const std::string& name, std::uint64_t id, bool isFolder = false) const;
-    static Record extent(std::uint64_t owner, std::uint64_t logical, std::uint64_t length, std::uint64_t block);
-    static Record sibling(std::uint64_t id, std::uint64_t siblingID, std::uint64_t parent, const std::string& name);
+    Record entry(std::uint64_t parent, const std::string& name, std::uint64_t id,
+        bool isFolder = false) const;
+    static Record extent(
+        std::uint64_t owner, std::uint64_t logical, std::uint64_t length, std::uint64_t block);
+    static Record sibling(
+        std::uint64_t id, std::uint64_t siblingID, std::uint64_t parent, const std::string& name);
     static Record attribute(std::uint64_t id, const std::string& name, std::string_view content);
     /// The records of a file in one piece, or of a folder, and of its name.
     Leaf file(const Inode& inode, std::uint64_t block = 0) const;
@@ -55,8 +58,8 @@ public:
     /// Sorts records as a sound tree has them, and distributes them.
     static std::vector<Leaf> split(Leaf records, std::size_t perLeaf);
 
-    /// Makes these leaves the tree, in a new transaction. A leaf that stays the same keeps its block. Records are
-    /// sorted within each leaf; the root folder's come by themselves.
+    /// Makes these leaves the tree, in a new transaction. A leaf that stays the same keeps its
+    /// block. Records are sorted within each leaf; the root folder's come by themselves.
     void commit(std::vector<Leaf> leaves);
 
     /// Blocks for content.
@@ -78,7 +81,8 @@ public:
     void renewChecksums();
 
     static constexpr std::uint64_t blockSize = 4096;
-    static constexpr std::uint64_t spaceManagerOID = 1024, reaperOID = 1025, volumeOID = 1026, queueOID = 1027;
+    static constexpr std::uint64_t spaceManagerOID = 1024, reaperOID = 1025, volumeOID = 1026,
+                                   queueOID = 1027;
     static constexpr std::uint64_t rootOID = 1100, firstLeafOID = 1101;
     static constexpr std::uint64_t descriptorBlocks = 12; ///< two for each checkpoint
 
@@ -101,9 +105,10 @@ private:
 
     std::uint64_t allocate(std::uint64_t count = 1);
     void put(std::uint64_t block, std::initializer_list<Field> fields);
-    void header(std::uint64_t block, std::uint64_t oid, std::uint32_t type, std::uint32_t subtype = 0);
-    void writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t storage, const NodeKind& kind,
-        const std::vector<Record>& records);
+    void header(
+        std::uint64_t block, std::uint64_t oid, std::uint32_t type, std::uint32_t subtype = 0);
+    void writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t storage,
+        const NodeKind& kind, const std::vector<Record>& records);
     /// An object's versions stand from the oldest to the newest.
     std::uint64_t writeObjectMap(const std::multimap<std::uint64_t, Node>& objects);
     void writeVolume();

@@ -32,8 +32,8 @@ Bytes exifSegment(const Bytes& tiff)
     return Content().be(0xFFE1, 2).be(tiff.size() + 8, 2).text("Exif").zeros(2).add(tiff);
 }
 
-Bytes tiffFile(std::string_view magic, const std::vector<TIFFEntry>& entries, const std::vector<TIFFText>& texts,
-    std::size_t size, std::uint32_t directory)
+Bytes tiffFile(std::string_view magic, const std::vector<TIFFEntry>& entries,
+    const std::vector<TIFFText>& texts, std::size_t size, std::uint32_t directory)
 {
     const auto put = magic[0] == 'I' ? putLE : putBE;
     Bytes bytes(size);
@@ -62,16 +62,33 @@ Bytes zipFile(const std::vector<ZIPMember>& members)
         const auto size = content.size();
         const auto offset = file.size();
         file.text("PK\x03\x04").le(20, 2).le(hasDescriptor ? 8 : 0, 2).zeros(10);
-        file.le(hasDescriptor ? 0 : size, 4).le(hasDescriptor ? 0 : size, 4).le(name.size(), 2).zeros(2);
+        file.le(hasDescriptor ? 0 : size, 4)
+            .le(hasDescriptor ? 0 : size, 4)
+            .le(name.size(), 2)
+            .zeros(2);
         file.text(name).text(content);
         if (hasDescriptor)
             file.text("PK\x07\x08").zeros(4).le(size, 4).le(size, 4);
-        directory.text("PK\x01\x02").zeros(16).le(size, 4).le(size, 4).le(name.size(), 2).zeros(12).le(offset, 4);
+        directory.text("PK\x01\x02")
+            .zeros(16)
+            .le(size, 4)
+            .le(size, 4)
+            .le(name.size(), 2)
+            .zeros(12)
+            .le(offset, 4);
         directory.text(name);
     }
     const Bytes records = directory;
     const auto offset = file.size();
-    return file.add(records).text("PK\x05\x06").zeros(8).le(records.size(), 4).le(offset, 4).zeros(2);
+    return file.add(records)
+        .text("PK\x05\x06")
+        .zeros(8)
+        .le(records.size(), 4)
+        .le(offset, 4)
+        .zeros(2);
 }
 
-Bytes isoBox(std::string_view type, const Bytes& body) { return Content().be(body.size() + 8, 4).text(type).add(body); }
+Bytes isoBox(std::string_view type, const Bytes& body)
+{
+    return Content().be(body.size() + 8, 4).text(type).add(body);
+}

@@ -61,14 +61,14 @@ struct TIFFEntry {
     std::uint32_t count, value;
 };
 
-/// A little- or big-endian TIFF file: its header (`magic`, four bytes), a directory at `directory` that links to
-/// `next`, and `texts` at their places. It is filled up to `size`.
+/// A little- or big-endian TIFF file: its header (`magic`, four bytes), a directory at `directory`
+/// that links to `next`, and `texts` at their places. It is filled up to `size`.
 struct TIFFText {
     std::uint32_t at;
     std::string_view text;
 };
-Bytes tiffFile(std::string_view magic, const std::vector<TIFFEntry>& entries, const std::vector<TIFFText>& texts = {},
-    std::size_t size = 2048, std::uint32_t directory = 16);
+Bytes tiffFile(std::string_view magic, const std::vector<TIFFEntry>& entries,
+    const std::vector<TIFFText>& texts = {}, std::size_t size = 2048, std::uint32_t directory = 16);
 
 struct ZIPMember {
     std::string name;

@@ -6,7 +6,10 @@
 namespace {
 
 /// A step of the format's checksums, which all go the same way.
-std::uint32_t added(std::uint32_t sum, std::uint32_t byte) { return ((sum << 15 | sum >> 1) + byte) & 0xFFFF; }
+std::uint32_t added(std::uint32_t sum, std::uint32_t byte)
+{
+    return ((sum << 15 | sum >> 1) + byte) & 0xFFFF;
+}
 
 /// The hash of a name in upper case, as far as our tests' names go.
 std::uint32_t nameHashOf(const std::u16string& name)
@@ -28,7 +31,8 @@ ExFATImage::ExFATImage(const Options& options)
     const std::uint64_t fatSectors = ((options.clusters + 2) * 4 + sector - 1) / sector;
     const std::uint64_t fatCount = options.usesSecondFAT ? 2 : 1;
     const std::uint64_t heapSector = 24 + fatCount * fatSectors;
-    const std::uint64_t sectors = heapSector + (std::uint64_t { options.clusters } << options.clusterShift);
+    const std::uint64_t sectors
+        = heapSector + (std::uint64_t { options.clusters } << options.clusterShift);
     fatOffset_ = (heapSector - fatSectors) * sector;
     heapOffset_ = heapSector * sector;
     bytes_.resize(sectors * sector);
@@ -39,7 +43,8 @@ ExFATImage::ExFATImage(const Options& options)
     write(0,
         bytesOf("\xEB\x76\x90"
                 "EXFAT   "));
-    putLE(bytes_, 64, 12345, 8); // the partition's place on some disk, which says nothing about this image
+    putLE(bytes_, 64, 12345,
+        8); // the partition's place on some disk, which says nothing about this image
     putLE(bytes_, 72, sectors, 8);
     putLE(bytes_, 80, 24, 4);
     putLE(bytes_, 84, fatSectors, 4);
@@ -109,7 +114,8 @@ std::uint32_t ExFATImage::addFile(std::uint32_t folder, Entry entry, const Bytes
 {
     entry.size = content.size();
     if (!content.empty()) {
-        entry.cluster = allocate((content.size() + clusterSize_ - 1) / clusterSize_, entry.isContiguous);
+        entry.cluster
+            = allocate((content.size() + clusterSize_ - 1) / clusterSize_, entry.isContiguous);
         write(offsetOf(entry.cluster), content);
     }
     addSet(folder, entry);

@@ -33,13 +33,15 @@ public:
     }
 
     std::uint32_t root() const { return root_; }
-    /// Takes the next `count` free clusters in one piece; with a chain in the FAT unless they need none.
+    /// Takes the next `count` free clusters in one piece; with a chain in the FAT unless they need
+    /// none.
     std::uint32_t allocate(std::uint64_t count, bool isContiguous);
     void addSet(std::uint32_t folder, const Entry& entry);
     /// Adds a file with this content; returns its first cluster.
     std::uint32_t addFile(std::uint32_t folder, Entry entry, const Bytes& content);
     std::uint32_t addFolder(std::uint32_t folder, Entry entry, std::uint32_t clusters = 1);
-    /// Deletes as systems do: clears the in-use bits, and frees the clusters in the bitmap but not in the FAT.
+    /// Deletes as systems do: clears the in-use bits, and frees the clusters in the bitmap but not
+    /// in the FAT.
     void remove(const std::u16string& name);
 
     /// Gives every set that is not cut off the checksum of what it holds by now.
@@ -48,7 +50,10 @@ public:
     void setFAT(std::uint32_t cluster, std::uint32_t value);
     void setUsed(std::uint32_t cluster, bool isUsed);
     std::uint64_t clusterSize() const { return clusterSize_; }
-    std::uint64_t offsetOf(std::uint32_t cluster) const { return heapOffset_ + (cluster - 2) * clusterSize_; }
+    std::uint64_t offsetOf(std::uint32_t cluster) const
+    {
+        return heapOffset_ + (cluster - 2) * clusterSize_;
+    }
     std::uint64_t entryOffset(std::uint32_t folder, std::size_t number) const;
     std::uint64_t fatOffset() const { return fatOffset_; }
     std::uint64_t bitmapOffset() const { return offsetOf(2); }
@@ -71,6 +76,7 @@ private:
     std::uint32_t nextCluster_ = 2;
     std::uint32_t root_ = 0;
     std::vector<Set> sets_;
-    std::map<std::uint32_t, std::size_t> entryCount_;                // by folder
-    std::map<std::uint32_t, std::vector<std::uint32_t>> clustersOf_; // of everything allocated, by first cluster
+    std::map<std::uint32_t, std::size_t> entryCount_; // by folder
+    std::map<std::uint32_t, std::vector<std::uint32_t>>
+        clustersOf_; // of everything allocated, by first cluster
 };

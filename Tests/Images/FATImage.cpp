@@ -23,7 +23,8 @@ FATImage::FATImage(const Options& options)
     const std::uint64_t clusters = options.clusters != 0 ? options.clusters : fewest;
     const std::uint64_t bits = type_ == FileSystemType::fat12 ? 12 : isFAT32() ? 32 : 16;
     fatSectors_ = ((clusters + 2) * bits / 8 + 512) / 512;
-    const std::uint64_t dataSector = reservedSectors + 2 * fatSectors_ + (isFAT32() ? 0 : rootEntries * 32 / 512);
+    const std::uint64_t dataSector
+        = reservedSectors + 2 * fatSectors_ + (isFAT32() ? 0 : rootEntries * 32 / 512);
     dataOffset_ = dataSector * 512;
     const std::uint64_t totalSectors = dataSector + clusters * options.sectorsPerCluster;
     bytes_.resize(totalSectors * 512);
@@ -71,7 +72,8 @@ void FATImage::addEntry(std::uint32_t folder, const Entry& entry)
         auto units = entry.longName.substr((piece - 1) * 13, 13) + u'\0';
         units.resize(14, u'\uFFFF');
         std::size_t unit = 0;
-        for (const std::uint64_t place : { 1u, 3u, 5u, 7u, 9u, 14u, 16u, 18u, 20u, 22u, 24u, 28u, 30u })
+        for (const std::uint64_t place :
+            { 1u, 3u, 5u, 7u, 9u, 14u, 16u, 18u, 20u, 22u, 24u, 28u, 30u })
             putLE(bytes_, at + place, units[unit++], 2);
     }
     const std::uint64_t at = entryOffset(folder, number++);
@@ -100,7 +102,8 @@ std::uint32_t FATImage::addFolder(std::uint32_t folder, Entry entry, std::uint32
     entry.attributes = 0x10;
     entry.cluster = allocate(clusters);
     addEntry(folder, entry);
-    addEntry(entry.cluster, { .name = ".          ", .attributes = 0x10, .cluster = entry.cluster });
+    addEntry(
+        entry.cluster, { .name = ".          ", .attributes = 0x10, .cluster = entry.cluster });
     addEntry(entry.cluster, { .name = "..         ", .attributes = 0x10, .cluster = folder });
     return entry.cluster;
 }
@@ -112,7 +115,8 @@ void FATImage::remove(std::uint32_t folder, std::string_view name)
         const ByteView entry = ByteView(bytes_).sub(static_cast<std::int64_t>(at), 32);
         if (!entry.matches(name, 0) || entry.u8(11) == 0x0F)
             continue;
-        std::uint32_t cluster = entry.u16le(26) | (isFAT32() ? std::uint32_t { entry.u16le(20) } << 16 : 0);
+        std::uint32_t cluster
+            = entry.u16le(26) | (isFAT32() ? std::uint32_t { entry.u16le(20) } << 16 : 0);
         while (cluster >= 2 && cluster < nextCluster_) {
             const auto next = fat(cluster);
             setFAT(cluster, 0);
@@ -128,8 +132,8 @@ void FATImage::remove(std::uint32_t folder, std::string_view name)
 
 std::uint32_t FATImage::fat(std::uint32_t cluster) const
 {
-    const auto table
-        = ByteView(bytes_).sub(static_cast<std::int64_t>(fatOffset()), static_cast<std::int64_t>(fatSize()));
+    const auto table = ByteView(bytes_).sub(
+        static_cast<std::int64_t>(fatOffset()), static_cast<std::int64_t>(fatSize()));
     if (type_ == FileSystemType::fat12)
         return table.u16le(cluster * 3 / 2) >> cluster % 2 * 4 & 0xFFF;
     return isFAT32() ? table.u32le(cluster * 4) : table.u16le(cluster * 2);
@@ -141,7 +145,8 @@ void FATImage::setFAT(std::uint32_t cluster, std::uint32_t value)
         if (type_ == FileSystemType::fat12) {
             const std::uint64_t at = table + cluster * 3 / 2;
             const std::uint32_t old = ByteView(bytes_).u16le(static_cast<std::int64_t>(at));
-            putLE(bytes_, at, cluster % 2 != 0 ? (old & 0x000F) | value << 4 : (old & 0xF000) | value, 2);
+            putLE(bytes_, at,
+                cluster % 2 != 0 ? (old & 0x000F) | value << 4 : (old & 0xF000) | value, 2);
         } else {
             const int width = isFAT32() ? 4 : 2;
             putLE(bytes_, table + cluster * static_cast<unsigned>(width), value, width);

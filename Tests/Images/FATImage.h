@@ -33,7 +33,8 @@ public:
 
     /// Adds an entry with its long-name pieces. The folder must have room.
     void addEntry(std::uint32_t folder, const Entry& entry);
-    /// Adds a file with this content, in the next clusters that nobody has, and returns its first cluster.
+    /// Adds a file with this content, in the next clusters that nobody has, and returns its first
+    /// cluster.
     std::uint32_t addFile(std::uint32_t folder, Entry entry, const Bytes& content);
     /// Adds a folder with "." and ".." and returns its first cluster.
     std::uint32_t addFolder(std::uint32_t folder, Entry entry, std::uint32_t clusters = 1);
@@ -44,7 +45,10 @@ public:
     /// A value of the FAT that ends a chain: the lowest one.
     std::uint32_t endMark() const;
 
-    std::uint64_t offsetOf(std::uint32_t cluster) const { return dataOffset_ + (cluster - 2) * clusterSize_; }
+    std::uint64_t offsetOf(std::uint32_t cluster) const
+    {
+        return dataOffset_ + (cluster - 2) * clusterSize_;
+    }
     std::uint64_t fatOffset() const { return reservedSectors * 512; }
     std::uint64_t fatSize() const { return fatSectors_ * 512; }
     /// The place of an entry of a folder, by its number.

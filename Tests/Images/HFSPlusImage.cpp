@@ -31,7 +31,8 @@ void putRuns(Bytes& bytes, std::uint64_t at, const std::vector<HFSPlusImage::Run
     }
 }
 
-void putFork(Bytes& bytes, std::uint64_t at, std::uint64_t size, const std::vector<HFSPlusImage::Run>& runs)
+void putFork(
+    Bytes& bytes, std::uint64_t at, std::uint64_t size, const std::vector<HFSPlusImage::Run>& runs)
 {
     std::uint32_t count = 0;
     for (const auto& run : runs)
@@ -100,7 +101,8 @@ HFSPlusImage::HFSPlusImage(bool isHFSX)
         putBE(bytes_, at + 34, isCatalog ? 516 : 10, 2);
         putBE(bytes_, at + 36, isCatalog ? catalogNodes : extentsNodes, 4);
         putBE(bytes_, at + 51, isCatalog ? 0xCF : 0, 1);
-        putBE(bytes_, at + 52, isCatalog ? 6 : 2, 4); // long keys, in the index too of varying length
+        putBE(
+            bytes_, at + 52, isCatalog ? 6 : 2, 4); // long keys, in the index too of varying length
     }
     for (std::uint32_t block = 0; block < 96; ++block)
         setAllocated(block);
@@ -111,7 +113,8 @@ void HFSPlusImage::writeNode(std::uint64_t at, std::uint8_t kind, const std::vec
     putBE(bytes_, at + 8, kind, 1);
     putBE(bytes_, at + 10, records.size(), 2);
     std::uint64_t offset = 14;
-    auto slot = at + nodeSize - 2; // of the record's offset; they stand backwards, and the last is the end's
+    auto slot = at + nodeSize
+        - 2; // of the record's offset; they stand backwards, and the last is the end's
     for (const auto& record : records) {
         putBE(bytes_, slot, offset, 2);
         write(at + offset, record);
@@ -123,12 +126,14 @@ void HFSPlusImage::writeNode(std::uint64_t at, std::uint8_t kind, const std::vec
         throw std::logic_error("too many records for a node");
 }
 
-void HFSPlusImage::setLeaf(std::uint32_t node, const std::vector<Record>& records, const std::vector<Record>& threads)
+void HFSPlusImage::setLeaf(
+    std::uint32_t node, const std::vector<Record>& records, const std::vector<Record>& threads)
 {
     std::vector<Bytes> all;
     std::ranges::transform(threads, std::back_inserter(all), encodedThread);
     std::ranges::transform(records, std::back_inserter(all), encoded);
-    std::ranges::stable_sort(all, {}, [](const Bytes& record) { return ByteView(record).u32be(2); }); // by parent
+    std::ranges::stable_sort(
+        all, {}, [](const Bytes& record) { return ByteView(record).u32be(2); }); // by parent
     writeNode(nodeOffset(node), 0xFF, all);
 }
 
@@ -145,7 +150,8 @@ void HFSPlusImage::chain(const std::vector<std::uint8_t>& nodes)
     writeNode(nodeOffset(1), 0x00, index);
 }
 
-void HFSPlusImage::addOverflow(std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Run>& runs)
+void HFSPlusImage::addOverflow(
+    std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Run>& runs)
 {
     Bytes record;
     append(record, 10, 2);

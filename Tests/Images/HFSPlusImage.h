@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-/// Builds an HFS+ volume in memory from lists of records: which leaf node of the catalog each lies in is the test's
-/// choice, and so are the nodes that the tree has given up.
+/// Builds an HFS+ volume in memory from lists of records: which leaf node of the catalog each lies
+/// in is the test's choice, and so are the nodes that the tree has given up.
 class HFSPlusImage : public DiskImage {
 public:
     struct Run {
@@ -29,9 +29,10 @@ public:
     /// 400 blocks; the metadata files lie in the first 96.
     explicit HFSPlusImage(bool isHFSX = false);
 
-    /// Puts the records into a leaf node of the catalog, from 2 on, and with them the thread records of some, which
-    /// other systems want to see.
-    void setLeaf(std::uint32_t node, const std::vector<Record>& records, const std::vector<Record>& threads = {});
+    /// Puts the records into a leaf node of the catalog, from 2 on, and with them the thread
+    /// records of some, which other systems want to see.
+    void setLeaf(std::uint32_t node, const std::vector<Record>& records,
+        const std::vector<Record>& threads = {});
     /// Chains the leaves that are part of the tree, and lists them in the index node, number 1.
     void chain(const std::vector<std::uint8_t>& nodes);
     void addOverflow(std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Run>& runs);
@@ -42,7 +43,10 @@ public:
     static constexpr std::uint64_t nodeSize = 1024;
     static constexpr std::uint32_t allocationBlock = 4;
     static constexpr std::uint64_t offsetOf(std::uint32_t block) { return block * blockSize; }
-    static constexpr std::uint64_t nodeOffset(std::uint32_t node) { return offsetOf(catalogBlock) + node * nodeSize; }
+    static constexpr std::uint64_t nodeOffset(std::uint32_t node)
+    {
+        return offsetOf(catalogBlock) + node * nodeSize;
+    }
 
 private:
     static constexpr std::uint32_t extentsBlock = 8;

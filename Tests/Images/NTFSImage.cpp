@@ -61,7 +61,8 @@ NTFSImage::NTFSImage(Options options)
         options_.mft = { { 16, (mftSize + clusterSize - 1) / clusterSize } };
     for (const auto& run : options_.mft)
         nextCluster_ = std::max(nextCluster_, run.lcn.value_or(0) + run.clusters);
-    mirrorLCN_ = options_.clusters - (std::uint64_t { options_.recordSize } + clusterSize - 1) / clusterSize;
+    mirrorLCN_ = options_.clusters
+        - (std::uint64_t { options_.recordSize } + clusterSize - 1) / clusterSize;
     bitmapLCN_ = nextCluster_;
     nextCluster_ += (bitmapSize + clusterSize - 1) / clusterSize;
     markUsed(0, nextCluster_);
@@ -83,16 +84,23 @@ NTFSImage::NTFSImage(Options options)
         mftClusters += run.clusters;
     put(0,
         { .attributes = { standardInformation(), fileName(root, u"$MFT", 3),
-              data(Data { .runs = options_.mft, .size = mftSize, .allocated = mftClusters * clusterSize }) } });
+              data(Data { .runs = options_.mft,
+                  .size = mftSize,
+                  .allocated = mftClusters * clusterSize }) } });
     Bytes label(options_.label.size() * 2);
     putUTF16(label, 0, options_.label);
-    put(3, { .sequence = 3, .attributes = { fileName(root, u"$Volume", 3), attribute(0x60, label) } });
-    put(5, { .isDirectory = true, .sequence = 5, .attributes = { standardInformation(), fileName(root, u".", 3) } });
+    put(3,
+        { .sequence = 3, .attributes = { fileName(root, u"$Volume", 3), attribute(0x60, label) } });
+    put(5,
+        { .isDirectory = true,
+            .sequence = 5,
+            .attributes = { standardInformation(), fileName(root, u".", 3) } });
     put(6,
         { .sequence = 6,
             .attributes = { fileName(root, u"$Bitmap", 3),
-                data(Data { .runs = { { bitmapLCN_, (bitmapSize + clusterSize - 1) / clusterSize } },
-                    .size = bitmapSize }) } });
+                data(
+                    Data { .runs = { { bitmapLCN_, (bitmapSize + clusterSize - 1) / clusterSize } },
+                        .size = bitmapSize }) } });
     putFolder(11, root, u"$Extend", true, 11);
 }
 
@@ -229,8 +237,8 @@ void NTFSImage::put(std::uint64_t number, const Record& record)
         write(offsetOf(mirrorLCN_), bytes);
 }
 
-void NTFSImage::putFile(std::uint64_t number, FileReference parent, std::u16string_view name, const Bytes& content,
-    bool inUse, std::uint16_t sequence)
+void NTFSImage::putFile(std::uint64_t number, FileReference parent, std::u16string_view name,
+    const Bytes& content, bool inUse, std::uint16_t sequence)
 {
     const std::uint64_t clusterSize = options_.clusterSize;
     const auto stored = content.size() <= 300
@@ -244,8 +252,8 @@ void NTFSImage::putFile(std::uint64_t number, FileReference parent, std::u16stri
             .attributes = { standardInformation(), fileName(parent, name), stored } });
 }
 
-void NTFSImage::putFolder(
-    std::uint64_t number, FileReference parent, std::u16string_view name, bool inUse, std::uint16_t sequence)
+void NTFSImage::putFolder(std::uint64_t number, FileReference parent, std::u16string_view name,
+    bool inUse, std::uint16_t sequence)
 {
     put(number,
         { .inUse = inUse,

@@ -1,16 +1,16 @@
 #pragma once
 
-#include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/Foundation/Binary.h"
 
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-/// Builds an NTFS volume in memory, record by record, sound or damaged. It has what the reader needs ($MFT, $MFTMirr,
-/// $Volume, the root, $Bitmap, $Extend) and no directory indices.
+/// Builds an NTFS volume in memory, record by record, sound or damaged. It has what the reader
+/// needs ($MFT, $MFTMirr, $Volume, the root, $Bitmap, $Extend) and no directory indices.
 class NTFSImage {
 public:
     using Runs = DataFragment::Runs;
@@ -61,9 +61,10 @@ public:
 
     // Attributes, as they are stored.
     static Bytes attribute(std::uint32_t type, const Bytes& value, std::uint16_t flags = 0);
-    static Bytes standardInformation(std::uint64_t created = creation, std::uint64_t modified = modification);
-    static Bytes fileName(
-        FileReference parent, std::u16string_view name, std::uint8_t nameSpace = 1, std::uint64_t realSize = 0);
+    static Bytes standardInformation(
+        std::uint64_t created = creation, std::uint64_t modified = modification);
+    static Bytes fileName(FileReference parent, std::u16string_view name,
+        std::uint8_t nameSpace = 1, std::uint64_t realSize = 0);
     static Bytes data(const Bytes& resident) { return attribute(0x80, resident); }
     static Bytes data(const Data& data) { return nonResident(0x80, data); }
     static Bytes nonResident(std::uint32_t type, const Data& data);
@@ -73,12 +74,13 @@ public:
     /// Writes a record, wherever the MFT has it.
     void put(std::uint64_t number, const Record& record);
     /// Writes an ordinary file or folder: dates, one name, and `content`.
-    void putFile(std::uint64_t number, FileReference parent, std::u16string_view name, const Bytes& content,
+    void putFile(std::uint64_t number, FileReference parent, std::u16string_view name,
+        const Bytes& content, bool inUse = true, std::uint16_t sequence = 1);
+    void putFolder(std::uint64_t number, FileReference parent, std::u16string_view name,
         bool inUse = true, std::uint16_t sequence = 1);
-    void putFolder(std::uint64_t number, FileReference parent, std::u16string_view name, bool inUse = true,
-        std::uint16_t sequence = 1);
 
-    /// Takes the next clusters that nobody has, fills them with `content` and marks them as used, or leaves them free.
+    /// Takes the next clusters that nobody has, fills them with `content` and marks them as used,
+    /// or leaves them free.
     Runs store(const Bytes& content, bool isUsed = true);
     void markUsed(std::uint64_t lcn, std::uint64_t count, bool isUsed = true);
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-/// The first two kilobytes of a volume, with just what the probe asks for. FAT volumes are sound and empty when zeros
-/// follow; the others cannot be read any further.
+/// The first two kilobytes of a volume, with just what the probe asks for. FAT volumes are sound
+/// and empty when zeros follow; the others cannot be read any further.
 Bytes volumeStart(FileSystemType type);
 
 /// A disk in memory, on which partition tables are written. LBAs count in sectors of `sectorSize`.
@@ -29,7 +29,8 @@ public:
 
     struct GPTPlaces {
         std::uint64_t headerLBA = 1, tableLBA = 2;
-        std::uint32_t claimedCount = 0, entrySize = 128; ///< a count of 0: as many as there are slots
+        std::uint32_t claimedCount = 0,
+                      entrySize = 128; ///< a count of 0: as many as there are slots
     };
 
     explicit PartitionImage(std::size_t size, std::size_t sectorSize = 512);
@@ -41,7 +42,10 @@ public:
     PartitionImage& gpt(const std::vector<GPTSlot>& slots) { return gpt(slots, {}); }
     /// What does not fit on the disk is left out.
     PartitionImage& put(std::uint64_t lba, const Bytes& bytes);
-    PartitionImage& volume(std::uint64_t lba, FileSystemType type) { return put(lba, volumeStart(type)); }
+    PartitionImage& volume(std::uint64_t lba, FileSystemType type)
+    {
+        return put(lba, volumeStart(type));
+    }
 
     std::unique_ptr<DiskSource> source(std::uint32_t sourceSectorSize = 512) const;
 

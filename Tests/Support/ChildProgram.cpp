@@ -11,8 +11,8 @@
 #include <thread>
 #include <unistd.h>
 
-ChildProgram::ChildProgram(
-    const std::vector<std::string>& arguments, const std::vector<std::string>& environment, std::string output)
+ChildProgram::ChildProgram(const std::vector<std::string>& arguments,
+    const std::vector<std::string>& environment, std::string output)
     : output_(std::move(output))
 {
     // Everything is ready before the fork: between it and exec little is allowed.
@@ -35,7 +35,8 @@ ChildProgram::ChildProgram(
         const int file = ::open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ::dup2(file, STDOUT_FILENO);
         ::dup2(file, STDERR_FILENO);
-        ::execve(words[0], const_cast<char* const*>(words.data()), const_cast<char* const*>(variables.data()));
+        ::execve(words[0], const_cast<char* const*>(words.data()),
+            const_cast<char* const*>(variables.data()));
         ::_exit(127);
     }
 }
@@ -88,7 +89,8 @@ std::vector<std::string> faultyDisk(
     // AddressSanitizer wants to be the first library, for reasons that this one does not touch.
     const char* const options = std::getenv("ASAN_OPTIONS");
     return { "LD_PRELOAD=" VINTREL_FAULTY_DISK, "FAULTY_FILE=" + path, "FAULTS=" + faults,
-        std::string("ASAN_OPTIONS=verify_asan_link_order=0:") + (options != nullptr ? options : "") };
+        std::string("ASAN_OPTIONS=verify_asan_link_order=0:")
+            + (options != nullptr ? options : "") };
 #else
     return {};
 #endif

@@ -8,9 +8,10 @@
 /// vintrel-cli at work beside the test, which can send it signals.
 class ChildProgram {
 public:
-    /// `environment`: "NAME=value", in addition to what is set. Everything that it prints goes to the file `output`.
-    ChildProgram(
-        const std::vector<std::string>& arguments, const std::vector<std::string>& environment, std::string output);
+    /// `environment`: "NAME=value", in addition to what is set. Everything that it prints goes to
+    /// the file `output`.
+    ChildProgram(const std::vector<std::string>& arguments,
+        const std::vector<std::string>& environment, std::string output);
     ChildProgram(const ChildProgram&) = delete;
     ChildProgram& operator=(const ChildProgram&) = delete;
     ~ChildProgram();
@@ -31,6 +32,6 @@ private:
     int status_ = 0;
 };
 
-/// The environment that puts a failing disk below the program, which then reads `path` from it. Empty where there is no
-/// such disk; the faults are described in FaultyDisk.cpp.
+/// The environment that puts a failing disk below the program, which then reads `path` from it.
+/// Empty where there is no such disk; the faults are described in FaultyDisk.cpp.
 std::vector<std::string> faultyDisk(const std::string& path, const std::string& faults);

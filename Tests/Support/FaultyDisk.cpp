@@ -1,15 +1,18 @@
-// A failing disk below a program: a library to be preloaded, which comes between it and the system's reads of one file.
+// A failing disk below a program: a library to be preloaded, which comes between it and the
+// system's reads of one file.
 //
 //   FAULTY_FILE    the file that plays the disk
-//   FAULTS         kind:start-end,… in bytes, the end not included. eio: cannot be read; what lies before it in a read
-//                  is delivered, as a kernel does. short: reads end early, at odd places. eintr: every other read is
-//                  interrupted.
+//   FAULTS         kind:start-end,… in bytes, the end not included. eio: cannot be read; what lies
+//   before it in a read
+//                  is delivered, as a kernel does. short: reads end early, at odd places. eintr:
+//                  every other read is interrupted.
 //   READ_DELAY     microseconds that each MiB of the file takes longer to read
-//   READ_LOG       a file that gets a line "offset count" for each read of the file, as it was asked for
-//   FAULTY_FLUSH   a file whose first flush fails
-//   CLOCK_RATE     how many times faster than the real one the monotonic clock goes; sleeping is as long as ever
+//   READ_LOG       a file that gets a line "offset count" for each read of the file, as it was
+//   asked for FAULTY_FLUSH   a file whose first flush fails CLOCK_RATE     how many times faster
+//   than the real one the monotonic clock goes; sleeping is as long as ever
 //
-// It is plain code without the project's options: it gets loaded into programs with and without sanitizers.
+// It is plain code without the project's options: it gets loaded into programs with and without
+// sanitizers.
 
 #include <algorithm>
 #include <cerrno>
@@ -59,13 +62,17 @@ struct Plan {
         long long start = 0;
         long long end = 0;
         int length = 0;
-        while (text != nullptr && std::sscanf(text, "%15[a-z]:%lld-%lld%n", kind, &start, &end, &length) == 3) {
+        while (text != nullptr
+            && std::sscanf(text, "%15[a-z]:%lld-%lld%n", kind, &start, &end, &length) == 3) {
             const bool isEIO = std::strcmp(kind, "eio") == 0;
             const bool isShort = std::strcmp(kind, "short") == 0;
-            const Fault::Kind faultKind = isEIO ? Fault::eio : isShort ? Fault::shortRead : Fault::interrupted;
+            const Fault::Kind faultKind = isEIO ? Fault::eio
+                : isShort                       ? Fault::shortRead
+                                                : Fault::interrupted;
             const auto last = static_cast<std::size_t>(end) / bucketSize;
             faults.resize(std::max(faults.size(), last + 1));
-            for (auto bucket = static_cast<std::size_t>(start) / bucketSize; bucket <= last; ++bucket)
+            for (auto bucket = static_cast<std::size_t>(start) / bucketSize; bucket <= last;
+                 ++bucket)
                 faults[bucket].push_back({ faultKind, start, end });
             text += length;
             if (*text == ',')
@@ -119,7 +126,8 @@ ssize_t allowed(int descriptor, std::size_t count, std::int64_t position)
         return static_cast<ssize_t>(count);
     if (plan().log >= 0)
         ::dprintf(plan().log, "%lld %zu\n", static_cast<long long>(position), count);
-    if (const auto delay = plan().readDelay * static_cast<std::int64_t>(count) / 1'048'576; delay > 0)
+    if (const auto delay = plan().readDelay * static_cast<std::int64_t>(count) / 1'048'576;
+        delay > 0)
         ::usleep(static_cast<useconds_t>(delay));
     ++reads;
     const auto& faults = plan().faults;
@@ -154,7 +162,8 @@ ssize_t pread64(int descriptor, void* buffer, std::size_t count, off64_t positio
 {
     static const auto system = next<ssize_t(int, void*, std::size_t, off64_t)>("pread64");
     const ssize_t limit = allowed(descriptor, count, position);
-    return limit < 0 ? limit : system(descriptor, buffer, static_cast<std::size_t>(limit), position);
+    return limit < 0 ? limit
+                     : system(descriptor, buffer, static_cast<std::size_t>(limit), position);
 }
 
 ssize_t pread(int descriptor, void* buffer, std::size_t count, off_t position)

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Recovery/FileReader.h"
 
 #include <memory>
 #include <stdexcept>
@@ -30,11 +30,15 @@ struct Parsed {
     std::string names() const
     {
         std::string names;
-        volume->root->forEachDescendant([&](const FileNode& node, std::size_t) { names += " " + node.path(); });
+        volume->root->forEachDescendant(
+            [&](const FileNode& node, std::size_t) { names += " " + node.path(); });
         return names;
     }
 
-    Bytes content(std::string_view path) const { return FileReader::readPrefix((*this)[path], *source, 64 << 20); }
+    Bytes content(std::string_view path) const
+    {
+        return FileReader::readPrefix((*this)[path], *source, 64 << 20);
+    }
 };
 
 /// The chance and note of a node in one text, for short expectations.

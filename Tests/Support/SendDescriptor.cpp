@@ -1,4 +1,5 @@
-// Opens a file and sends its descriptor over standard output, as Apple's authopen does: send-descriptor PATH
+// Opens a file and sends its descriptor over standard output, as Apple's authopen does:
+// send-descriptor PATH
 
 #include <cstring>
 #include <fcntl.h>

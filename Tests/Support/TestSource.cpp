@@ -23,12 +23,15 @@ TemporaryFolder::~TemporaryFolder()
     std::filesystem::remove_all(path_, ignored);
 }
 
-std::unique_ptr<DiskSource> makeSource(std::span<const std::uint8_t> bytes, std::uint32_t sectorSize)
+std::unique_ptr<DiskSource> makeSource(
+    std::span<const std::uint8_t> bytes, std::uint32_t sectorSize)
 {
     auto name = (std::filesystem::temp_directory_path() / "vintrel-source-XXXXXX").string();
     FileDescriptor descriptor(::mkstemp(name.data()));
     ::unlink(name.c_str());
-    if (!descriptor || ::pwrite(descriptor.get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+    if (!descriptor
+        || ::pwrite(descriptor.get(), bytes.data(), bytes.size(), 0)
+            != static_cast<ssize_t>(bytes.size()))
         throw std::runtime_error("no temporary file");
     return std::make_unique<DiskSource>(DiskSource::Opened { .descriptor = std::move(descriptor),
         .path = name,
@@ -68,7 +71,8 @@ Bytes readFile(const std::string& path)
 void writeFile(const std::string& path, std::span<const std::uint8_t> bytes)
 {
     std::ofstream file(path, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    file.write(
+        reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 std::string writeScript(const std::string& path, const std::string& text)

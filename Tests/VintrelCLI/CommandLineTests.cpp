@@ -29,10 +29,13 @@ Outcome runWith(std::vector<std::string> arguments)
 }
 
 /// What the real program prints, for what only a process of its own shows.
-std::string runProgram(const std::string& preparation, const std::string& arguments, int expectedStatus = 0)
+std::string runProgram(
+    const std::string& preparation, const std::string& arguments, int expectedStatus = 0)
 {
     std::string out;
-    EXPECT_EQ(runCommand(preparation + " timeout 20 '" VINTREL_PROGRAM "' " + arguments, &out), expectedStatus) << out;
+    EXPECT_EQ(runCommand(preparation + " timeout 20 '" VINTREL_PROGRAM "' " + arguments, &out),
+        expectedStatus)
+        << out;
     return out;
 }
 
@@ -50,7 +53,8 @@ protected:
         image.addFile(folder, { .name = "IMG_00~1JPG", .longName = u"Sommer ved søen.jpg" }, photo);
         image.remove(folder, "IMG_00~1JPG");
         image.addEntry(FATImage::root, { .name = "KNAEKKETTXT", .cluster = 1, .size = 9 });
-        image.addFile(FATImage::root, { .name = "ESC     TXT", .longName = u"\u001B[2J\u202Egpj.exe" }, bytesOf("!"));
+        image.addFile(FATImage::root,
+            { .name = "ESC     TXT", .longName = u"\u001B[2J\u202Egpj.exe" }, bytesOf("!"));
         photoOffset = image.offsetOf(folder + 1 + 4);
         writeFile(path, image.bytes());
     }
@@ -91,7 +95,9 @@ TEST_F(Card, ScanAndTree)
         "  KNAEKKET.TXT  9 bytes  2025-10-03 12:00:00  Ugyldig startklynge\n");
     // The locale decides the decimal separator and nothing else.
     for (const char* danish : { "LC_ALL=da_DK.UTF-8", "LC_ALL= LC_NUMERIC=da_DK LANG=C" })
-        EXPECT_NE(runProgram(danish, "scan " + path).find(": 2,1 MB, sektor 512 B\n"), std::string::npos) << danish;
+        EXPECT_NE(
+            runProgram(danish, "scan " + path).find(": 2,1 MB, sektor 512 B\n"), std::string::npos)
+            << danish;
     EXPECT_EQ(runProgram("LC_ALL=findes_IKKE", "scan " + path), scan.out);
 }
 
@@ -101,8 +107,9 @@ TEST_F(Card, Recover)
     setenv("VINTREL_SIMULATE_BAD", bad.c_str(), 1);
     const auto all = runWith({ "recover", path, folder / "ud" });
     EXPECT_EQ(all.status, 0);
-    EXPECT_EQ(
-        all.out, "KAMERA (FAT16): 4 gendannet, 1 med fejl, 0 mislykkedes → " + (folder / "ud/KAMERA (FAT16)") + "\n");
+    EXPECT_EQ(all.out,
+        "KAMERA (FAT16): 4 gendannet, 1 med fejl, 0 mislykkedes → " + (folder / "ud/KAMERA (FAT16)")
+            + "\n");
 
     const auto deleted = folder / "--deleted/KAMERA (FAT16)";
     EXPECT_EQ(runWith({ "recover", path, folder / "--deleted", "--deleted" }).out,
@@ -117,19 +124,22 @@ TEST_F(Card, DeepScan)
     const auto png = pngFile();
     std::copy(png.begin(), png.end(), bytes.end() - 1'024); // in free space
     writeFile(path, bytes);
-    const std::string summary
-        = "Dyb scanning: 1 signaturfund, 1 bootsektorer, 0 MFT-poster, 2 FAT-mappesektorer, 0 APFS-knuder\n";
+    const std::string summary = "Dyb scanning: 1 signaturfund, 1 bootsektorer, 0 MFT-poster, 2 "
+                                "FAT-mappesektorer, 0 APFS-knuder\n";
     const auto deep = runWith({ "deep", path });
     EXPECT_EQ(deep.status, 0);
     EXPECT_EQ(deep.out,
         summary
             + "KAMERA (FAT16) [Hele disken] @ 0: 5 filer, 1 slettede/fundne\n"
-              "Filer fundet via signatur (Signaturer) [Dyb scanning] @ 0: 1 filer, 1 slettede/fundne\n");
+              "Filer fundet via signatur (Signaturer) [Dyb scanning] @ 0: 1 filer, 1 "
+              "slettede/fundne\n");
     const auto without = runWith({ "deep", path, "--no-carve" }).out;
     EXPECT_TRUE(without.starts_with("Dyb scanning: 0 signaturfund, 1 bootsektorer, ")) << without;
     EXPECT_EQ(without.find("Signaturer"), std::string::npos);
-    EXPECT_NE(runWith({ "tree", path, "--deep" }).out.find("\n  PNG/  [Signaturfund"), std::string::npos);
-    EXPECT_EQ(runWith({ "deep", "--no-carve" }).status, 2) << "an option in the source's place is a source";
+    EXPECT_NE(
+        runWith({ "tree", path, "--deep" }).out.find("\n  PNG/  [Signaturfund"), std::string::npos);
+    EXPECT_EQ(runWith({ "deep", "--no-carve" }).status, 2)
+        << "an option in the source's place is a source";
 
     const auto name = "f" + std::to_string(bytes.size() / 512 - 2) + ".png";
     const auto recovered = runWith({ "recover", path, folder / "ud", "--deep", "--deleted" });
@@ -142,7 +152,8 @@ TEST_F(Card, Image)
     setenv("VINTREL_SIMULATE_BAD", "1000000-1000001", 1);
     const auto result = runWith({ "image", path, folder / "kopi.img" });
     EXPECT_EQ(result.status, 0);
-    EXPECT_TRUE(result.out.ends_with("Færdig: 2.1 MB reddet, 512 bytes dårlige, 0 bytes tilbage\n")) << result.out;
+    EXPECT_TRUE(result.out.ends_with("Færdig: 2.1 MB reddet, 512 bytes dårlige, 0 bytes tilbage\n"))
+        << result.out;
     EXPECT_TRUE(std::filesystem::exists(folder / "kopi.img.map"));
 
     EXPECT_EQ(runWith({ "image", path, path }).out,
@@ -155,19 +166,24 @@ TEST_F(Card, RecoverGoesOnAfterFailuresAndPrintsTenOfThem)
 {
     FATImage image({ .type = FileSystemType::fat16 });
     for (int i = 10; i < 35; ++i)
-        image.addFile(FATImage::root, { .name = "F" + std::to_string(i) + "     TXT" }, patternBytes(3'000));
+        image.addFile(
+            FATImage::root, { .name = "F" + std::to_string(i) + "     TXT" }, patternBytes(3'000));
     image.addFile(FATImage::root, { .name = "LILLE   TXT" }, bytesOf("x"));
     writeFile(path, image.bytes());
     writeFile(folder / "optaget", {});
     EXPECT_EQ(runWith({ "recover", path, folder / "optaget" }).out,
-        "Uden navn (FAT16): 0 gendannet, 0 med fejl, 26 mislykkedes → -\n   Kunne ikke oprette mappen "
+        "Uden navn (FAT16): 0 gendannet, 0 med fejl, 26 mislykkedes → -\n   Kunne ikke oprette "
+        "mappen "
             + (folder / "optaget/Uden navn (FAT16)") + ": Not a directory\n");
 
     // Files may grow to a kilobyte or less. What cannot be written whole is removed again.
-    const auto out = runProgram("trap '' XFSZ; ulimit -f 1;", "recover " + path + " " + (folder / "ud"));
+    const auto out
+        = runProgram("trap '' XFSZ; ulimit -f 1;", "recover " + path + " " + (folder / "ud"));
     EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 11) << out;
-    EXPECT_TRUE(out.starts_with("Uden navn (FAT16): 1 gendannet, 0 med fejl, 25 mislykkedes → ")) << out;
-    EXPECT_NE(out.find("\n   F10.TXT: kunne ikke skrive filen: File too large\n"), std::string::npos);
+    EXPECT_TRUE(out.starts_with("Uden navn (FAT16): 1 gendannet, 0 med fejl, 25 mislykkedes → "))
+        << out;
+    EXPECT_NE(
+        out.find("\n   F10.TXT: kunne ikke skrive filen: File too large\n"), std::string::npos);
     EXPECT_EQ(readFile(folder / "ud/Uden navn (FAT16)/LILLE.TXT"), bytesOf("x"));
     EXPECT_FALSE(std::filesystem::exists(folder / "ud/Uden navn (FAT16)/F10.TXT"));
 }
@@ -177,24 +193,26 @@ TEST_F(Card, DamagedSourcesAreToldAsNotes)
     writeFile(path, {});
     const auto tree = runWith({ "tree", path }).out;
     EXPECT_TRUE(tree.starts_with("! Der blev ikke fundet nogen gyldig partitionstabel. ")) << tree;
-    EXPECT_EQ(runWith({ "scan", path }).out, "kort.img: 0 bytes, sektor 512 B\nPartitionering: Ukendt\n" + tree);
+    EXPECT_EQ(runWith({ "scan", path }).out,
+        "kort.img: 0 bytes, sektor 512 B\nPartitionering: Ukendt\n" + tree);
 }
 
 TEST(CommandLine, WrongArguments)
 {
-    for (const auto& arguments : std::vector<std::vector<std::string>> {
-             {}, { "" }, { "scan" }, { "Scan", "x" }, { "recover", "x" }, { "image", "x" }, { "--help" } }) {
+    for (const auto& arguments : std::vector<std::vector<std::string>> { {}, { "" }, { "scan" },
+             { "Scan", "x" }, { "recover", "x" }, { "image", "x" }, { "--help" } }) {
         const auto result = runWith(arguments);
         EXPECT_EQ(result.status, 1);
         EXPECT_EQ(result.out.size(), 628u);
-        EXPECT_TRUE(
-            result.out.starts_with("vintrel-cli – datagendannelse fra kommandolinjen\n\n  vintrel-cli list   "));
+        EXPECT_TRUE(result.out.starts_with(
+            "vintrel-cli – datagendannelse fra kommandolinjen\n\n  vintrel-cli list   "));
         EXPECT_EQ(result.err, "");
     }
     const std::pair<std::vector<std::string>, std::string> refused[] = {
         { { "scan", "mangler.img" }, "Fejl: Filen findes ikke: mangler.img\n" },
         { { "tree", "/" }, "Fejl: Kunne ikke åbne /: Is a directory\n" },
-        { { "scan", "disk99" }, "Fejl: Filen findes ikke: " + CVintrel::rawDevicePath("disk99") + "\n" },
+        { { "scan", "disk99" },
+            "Fejl: Filen findes ikke: " + CVintrel::rawDevicePath("disk99") + "\n" },
     };
     for (const auto& [arguments, message] : refused) {
         const auto result = runWith(arguments);
@@ -206,6 +224,7 @@ TEST(CommandLine, WrongArguments)
 
 TEST(CommandLine, ParsesSimulatedRanges)
 {
-    EXPECT_EQ(parseByteRanges(",5-5,9-3,abc,1-2-3,0x5-6, 3-4,-7,100--200,0-18446744073709551616,1-x-3"),
+    EXPECT_EQ(
+        parseByteRanges(",5-5,9-3,abc,1-2-3,0x5-6, 3-4,-7,100--200,0-18446744073709551616,1-x-3"),
         (std::vector<ByteRange> { { 100, 200 }, { 1, 3 } }));
 }

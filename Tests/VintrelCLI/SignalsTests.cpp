@@ -17,7 +17,8 @@ protected:
             GTEST_SKIP() << "there is no slow disk for this system";
         FATImage image({ .type = FileSystemType::fat16, .sectorsPerCluster = 4 });
         for (int number = 10; number < 10 + files; ++number)
-            image.addFile(FATImage::root, { .name = std::to_string(number) + "         " }, content);
+            image.addFile(
+                FATImage::root, { .name = std::to_string(number) + "         " }, content);
         writeFile(disk, image.bytes());
     }
 
@@ -56,7 +57,8 @@ TEST_F(Signals, InterruptedRecoveryKeepsAndReportsWhatIsFinished)
     }
     EXPECT_GE(kept, 2);
     EXPECT_LT(kept, files);
-    EXPECT_NE(program->printed().find(": " + std::to_string(kept) + " gendannet, 0 med fejl, 0 mislykkedes → "),
+    EXPECT_NE(program->printed().find(
+                  ": " + std::to_string(kept) + " gendannet, 0 med fejl, 0 mislykkedes → "),
         std::string::npos)
         << program->printed();
     EXPECT_EQ(std::ranges::count(readFile(recovered + "/Gendannelsesrapport.csv"), '\n'), 1 + kept);

@@ -10,7 +10,8 @@ namespace {
 struct Signature {
     std::array<std::uint8_t, 4> magic;
     std::array<std::uint8_t, 4> mask; ///< the bits that count
-    std::optional<FileCategory> gate; ///< none: one signature, several kinds; `wants` sorts them out
+    std::optional<FileCategory>
+        gate; ///< none: one signature, several kinds; `wants` sorts them out
     Formats::Found (*read)(const Candidate&);
 };
 
@@ -21,7 +22,8 @@ constexpr std::array<std::uint8_t, 4> firstThree { 0xFF, 0xFF, 0xFF, 0 };
 using enum FileCategory;
 
 constexpr Signature signatures[] = {
-    { { 0xFF, 0xD8, 0xFF, 0xC0 }, { 0xFF, 0xFF, 0xFF, 0xC0 }, image, Formats::jpeg }, // any marker from C0 on
+    { { 0xFF, 0xD8, 0xFF, 0xC0 }, { 0xFF, 0xFF, 0xFF, 0xC0 }, image,
+        Formats::jpeg }, // any marker from C0 on
     { { 0x89, 'P', 'N', 'G' }, all, image, Formats::png },
     { { 'G', 'I', 'F', '8' }, all, image, Formats::gif },
     { { 'B', 'M', 0, 0 }, firstTwo, image, Formats::bmp },
@@ -65,10 +67,11 @@ bool matches(ByteView head, const Signature& signature)
 
 constexpr std::size_t leastHead = 32;
 
-/// What all candidates together may look at in vain: this much, and this many times what the sweep itself has passed.
-/// Sound disks stay far below. It is the bound that keeps a disk full of beginnings without an end (planted or not)
-/// linear, whatever its kind of file; where it is used up a candidate gets only what its headers take, until the sweep
-/// has moved on. Searches for end marks do not count: no byte of the source is searched twice for the same one.
+/// What all candidates together may look at in vain: this much, and this many times what the sweep
+/// itself has passed. Sound disks stay far below. It is the bound that keeps a disk full of
+/// beginnings without an end (planted or not) linear, whatever its kind of file; where it is used
+/// up a candidate gets only what its headers take, until the sweep has moved on. Searches for end
+/// marks do not count: no byte of the source is searched twice for the same one.
 constexpr std::uint64_t workAhead = 1'073'741'824;
 constexpr std::uint64_t workPerByteSwept = 4;
 constexpr std::uint64_t leastWork = 4096;
@@ -113,7 +116,8 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
 
     const Candidate candidate { reader_, categories_, *searches_ };
     const auto tryFormat = [&](Formats::Found (*read)(const Candidate&)) {
-        const std::uint64_t allowed = workAhead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
+        const std::uint64_t allowed
+            = workAhead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
         reader_.moveTo(offset);
         reader_.limitWork(std::max(allowed - std::min(allowed, work_), leastWork));
         auto found = read(candidate);
@@ -126,9 +130,10 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
     };
 
     std::optional<CarvedFile> found;
-    const auto* const signature
-        = std::ranges::find_if(signatures, [&](const Signature& row) { return matches(head, row); });
-    if (signature != std::end(signatures) && (!signature->gate || categories_.contains(*signature->gate)))
+    const auto* const signature = std::ranges::find_if(
+        signatures, [&](const Signature& row) { return matches(head, row); });
+    if (signature != std::end(signatures)
+        && (!signature->gate || categories_.contains(*signature->gate)))
         found = tryFormat(signature->read);
     if (!found && isISOMedia)
         found = tryFormat(Formats::isoBMFF);

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "VintrelCore/Disk/RandomReader.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/Model.h"
-#include "VintrelCore/Disk/RandomReader.h"
 
 #include <array>
 #include <cstdint>
@@ -17,10 +17,11 @@ struct CarverSearches;
 
 /// A file that was found by its content alone.
 struct CarvedFile {
-    std::uint64_t offset = 0;      ///< of its first byte, in bytes on the source
-    std::uint64_t size = 0;        ///< in bytes; what the format says, which may be more than the source holds
-    std::string ext;               ///< in lower case, without the dot
-    bool exact = true;             ///< whether the format itself tells the length; otherwise it is an estimate
+    std::uint64_t offset = 0; ///< of its first byte, in bytes on the source
+    std::uint64_t size
+        = 0;           ///< in bytes; what the format says, which may be more than the source holds
+    std::string ext;   ///< in lower case, without the dot
+    bool exact = true; ///< whether the format itself tells the length; otherwise it is an estimate
     std::optional<Date> date = {}; ///< when it was taken; only JPEG and ISO media files say
 
     bool operator==(const CarvedFile&) const = default;
@@ -29,8 +30,8 @@ struct CarvedFile {
 /// Every category but `other`, which is never carved.
 const std::set<FileCategory>& carvedCategories();
 
-/// Tells whether a file of a known kind begins at a place, and how long it is. One carver serves a whole sweep from
-/// front to back, on one thread.
+/// Tells whether a file of a known kind begins at a place, and how long it is. One carver serves a
+/// whole sweep from front to back, on one thread.
 class Carver {
 public:
     struct SupportedType {
@@ -39,10 +40,12 @@ public:
     };
     static constexpr std::array<SupportedType, 5> supportedTypes { {
         { FileCategory::image,
-            "JPEG, PNG, GIF, BMP, TIFF, HEIC, AVIF, WebP, RAW (CR2, CR3, NEF, ARW, DNG, ORF, RW2, RAF, PEF)" },
+            "JPEG, PNG, GIF, BMP, TIFF, HEIC, AVIF, WebP, RAW (CR2, CR3, NEF, ARW, DNG, ORF, RW2, "
+            "RAF, PEF)" },
         { FileCategory::video, "MP4, MOV, M4V, 3GP, AVI, MKV, WebM, OGV" },
         { FileCategory::audio, "MP3, M4A, WAV, AIFF, OGG, Opus" },
-        { FileCategory::document, "PDF, DOCX, XLSX, PPTX, DOC, XLS, PPT, ODT, ODS, ODP, EPUB, RTF, SQLite, MSG" },
+        { FileCategory::document,
+            "PDF, DOCX, XLSX, PPTX, DOC, XLS, PPT, ODT, ODS, ODP, EPUB, RTF, SQLite, MSG" },
         { FileCategory::archive, "ZIP, 7-Zip, RAR, JAR" },
     } };
 
@@ -50,8 +53,8 @@ public:
     Carver(DiskSource& source, std::set<FileCategory> categories, SweepWindow* window = nullptr);
     ~Carver();
 
-    /// The file that begins at byte `offset` of the source; none when none does, or none of a wanted kind. `head`: the
-    /// bytes that lie there; with fewer than 32 there is no find.
+    /// The file that begins at byte `offset` of the source; none when none does, or none of a
+    /// wanted kind. `head`: the bytes that lie there; with fewer than 32 there is no find.
     std::optional<CarvedFile> check(ByteView head, std::uint64_t offset);
 
     /// Whether files with this extension belong to the categories.

@@ -65,7 +65,8 @@ FileDescriptor openWithAuthorization(
     }, received {};
     if (::stat(path.c_str(), &wanted) != 0 || ::fstat(outcome.descriptor.get(), &received) != 0)
         throw SourceError::openFailed(path, errno);
-    if ((wanted.st_mode & S_IFMT) != (received.st_mode & S_IFMT) || wanted.st_rdev != received.st_rdev)
+    if ((wanted.st_mode & S_IFMT) != (received.st_mode & S_IFMT)
+        || wanted.st_rdev != received.st_rdev)
         throw SourceError::openFailed(path, EBADF);
     return std::move(outcome.descriptor);
 }
@@ -73,26 +74,30 @@ FileDescriptor openWithAuthorization(
 AttachedImage attachImage(const std::string& hdiutil, const std::string& path)
 {
     if (hdiutil.empty())
-        throw SourceError::attachFailed("Apple-diskbilleder kan kun åbnes på macOS (" + path + ").");
+        throw SourceError::attachFailed(
+            "Apple-diskbilleder kan kun åbnes på macOS (" + path + ").");
     // As an absolute path no name looks like an option.
     std::error_code error;
     const auto absolutePath = std::filesystem::absolute(path, error).string();
-    const auto outcome
-        = HelperProgram::run({ hdiutil, "attach", "-readonly", "-nomount", "-plist", absolutePath }, askingLimits);
+    const auto outcome = HelperProgram::run(
+        { hdiutil, "attach", "-readonly", "-nomount", "-plist", absolutePath }, askingLimits);
     const auto list = outcome.succeeded() ? PropertyList::parse(outcome.output) : std::nullopt;
 
-    // The image's own disk gets the lowest number that is free; the disk that an APFS container within becomes, a
-    // higher one.
+    // The image's own disk gets the lowest number that is free; the disk that an APFS container
+    // within becomes, a higher one.
     std::optional<unsigned> number;
     if (list)
         for (const auto& entity : list->root()["system-entities"].items())
-            if (const auto found = diskNumber(entity["dev-entry"].text()); found && (!number || *found < *number))
+            if (const auto found = diskNumber(entity["dev-entry"].text());
+                found && (!number || *found < *number))
                 number = found;
     if (!number)
         throw SourceError::attachFailed(reasonOf(outcome, hdiutil));
 
     const auto device = "/dev/disk" + std::to_string(*number);
-    return { device, [hdiutil, device] { HelperProgram::run({ hdiutil, "detach", device }, detachLimits); } };
+    return { device, [hdiutil, device] {
+                HelperProgram::run({ hdiutil, "detach", device }, detachLimits);
+            } };
 }
 
 } // namespace DeviceAccess

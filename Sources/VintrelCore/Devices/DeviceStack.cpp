@@ -19,7 +19,8 @@ using namespace std::chrono_literals;
 /// Devices below one that are looked at; no real machine comes near it.
 constexpr std::size_t maxDevices = 1'000;
 
-/// Goes down from `upper` until `lower` is met; `below` names the devices that one lies directly on.
+/// Goes down from `upper` until `lower` is met; `below` names the devices that one lies directly
+/// on.
 bool reaches(const std::string& upper, const std::string& lower,
     const std::function<std::vector<std::string>(const std::string&)>& below)
 {
@@ -69,7 +70,8 @@ bool holds(const DiskSource& source, const std::string& path)
     if (upper.empty() || lower.empty())
         return false;
     const auto diskutil = CVintrel::helperPrograms().diskutil;
-    return diskutil.empty() ? liesOn(upper, lower, "/sys/dev/block") : liesOnByDiskutil(upper, lower, diskutil);
+    return diskutil.empty() ? liesOn(upper, lower, "/sys/dev/block")
+                            : liesOnByDiskutil(upper, lower, diskutil);
 }
 
 bool liesOn(const std::string& upper, const std::string& lower, const std::string& sysfs)
@@ -77,13 +79,14 @@ bool liesOn(const std::string& upper, const std::string& lower, const std::strin
     return reaches(upper, lower, [&sysfs](const std::string& device) {
         std::vector<std::string> below;
         std::error_code error;
-        const auto folder = std::filesystem::canonical(std::filesystem::path(sysfs) / device, error);
+        const auto folder
+            = std::filesystem::canonical(std::filesystem::path(sysfs) / device, error);
         if (error)
             return below;
         if (std::filesystem::exists(folder / "partition", error))
             below.push_back(firstLine(folder.parent_path() / "dev"));
-        for (std::filesystem::directory_iterator entry(folder / "slaves", error), end; !error && entry != end;
-             entry.increment(error))
+        for (std::filesystem::directory_iterator entry(folder / "slaves", error), end;
+             !error && entry != end; entry.increment(error))
             below.push_back(firstLine(entry->path() / "dev"));
         // A disk image that is attached as a device is written to where its file lies.
         if (const auto file = firstLine(folder / "loop/backing_file"); !file.empty())
@@ -92,13 +95,15 @@ bool liesOn(const std::string& upper, const std::string& lower, const std::strin
     });
 }
 
-bool liesOnByDiskutil(const std::string& upper, const std::string& lower, const std::string& diskutil)
+bool liesOnByDiskutil(
+    const std::string& upper, const std::string& lower, const std::string& diskutil)
 {
     return reaches(upper, lower, [&diskutil](const std::string& device) {
         std::vector<std::string> below;
         if (!device.starts_with("disk"))
             return below;
-        const auto outcome = HelperProgram::run({ diskutil, "info", "-plist", device }, { .time = 20s });
+        const auto outcome
+            = HelperProgram::run({ diskutil, "info", "-plist", device }, { .time = 20s });
         const auto info = outcome.succeeded() ? PropertyList::parse(outcome.output) : std::nullopt;
         if (!info)
             return below;

@@ -49,8 +49,8 @@ std::string orElse(std::string text, std::string_view otherwise)
 /// The pairs of one line of lsblk: NAME="sda" SIZE="512".
 using Pairs = std::unordered_map<std::string, std::string>;
 
-/// The text up to the closing quote, which is taken off the front of `line`. Quotes, control characters and what the
-/// locale does not know stand there as "\x22".
+/// The text up to the closing quote, which is taken off the front of `line`. Quotes, control
+/// characters and what the locale does not know stand there as "\x22".
 std::string takeQuoted(std::string_view& line)
 {
     std::string text;
@@ -58,7 +58,8 @@ std::string takeQuoted(std::string_view& line)
         unsigned byte = 0;
         const auto digits = line.substr(0, 4);
         if (digits.starts_with("\\x")
-            && std::from_chars(digits.data() + 2, digits.data() + digits.size(), byte, 16).ptr == digits.data() + 4) {
+            && std::from_chars(digits.data() + 2, digits.data() + digits.size(), byte, 16).ptr
+                == digits.data() + 4) {
             text += static_cast<char>(byte);
             line.remove_prefix(4);
         } else {
@@ -102,7 +103,8 @@ PartitionRecord partitionFrom(Pairs& device)
 
 std::string_view smartStatus(const std::string& smartctl, const std::string& disk)
 {
-    constexpr int failingBit = 1 << 3; // of the exit status; other bits tell of errors in the disk's past
+    constexpr int failingBit
+        = 1 << 3; // of the exit status; other bits tell of errors in the disk's past
     if (smartctl.empty())
         return notSupported;
     const auto outcome = HelperProgram::run({ smartctl, "-H", disk }, limits);
@@ -126,7 +128,8 @@ std::vector<DiskRecord> load()
     const auto programs = CVintrel::helperPrograms();
     if (!programs.diskutil.empty())
         return fromDiskutil(programs.diskutil);
-    return programs.lsblk.empty() ? std::vector<DiskRecord>() : fromLsblk(programs.lsblk, programs.smartctl);
+    return programs.lsblk.empty() ? std::vector<DiskRecord>()
+                                  : fromLsblk(programs.lsblk, programs.smartctl);
 }
 
 std::vector<DiskRecord> fromDiskutil(const std::string& diskutil)
@@ -154,7 +157,8 @@ std::vector<DiskRecord> fromDiskutil(const std::string& diskutil)
             disk.partitions.push_back(partitionFrom(partition));
         for (const auto& volume : entry["APFSVolumes"].items()) {
             auto& partition = disk.partitions.emplace_back(partitionFrom(volume));
-            partition.content = orElse(std::move(partition.content), "APFS Volume"); // what diskutil prints itself
+            partition.content = orElse(
+                std::move(partition.content), "APFS Volume"); // what diskutil prints itself
         }
         if (disk.partitions.empty() && (!whole.volumeName.empty() || !whole.mountPoint.empty()))
             disk.partitions.push_back(std::move(whole));
@@ -164,12 +168,15 @@ std::vector<DiskRecord> fromDiskutil(const std::string& diskutil)
 
 std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& smartctl)
 {
-    constexpr auto columns = "KNAME,PKNAME,PATH,TYPE,SIZE,MODEL,TRAN,FSTYPE,PARTTYPENAME,LABEL,MOUNTPOINT";
-    const auto outcome = HelperProgram::run({ lsblk, "--pairs", "--bytes", "--output", columns }, limits);
+    constexpr auto columns
+        = "KNAME,PKNAME,PATH,TYPE,SIZE,MODEL,TRAN,FSTYPE,PARTTYPENAME,LABEL,MOUNTPOINT";
+    const auto outcome
+        = HelperProgram::run({ lsblk, "--pairs", "--bytes", "--output", columns }, limits);
     std::vector<DiskRecord> disks;
     if (!outcome.succeeded())
         return disks;
-    std::unordered_map<std::string, std::size_t> diskOf; // by the kernel's names of it and of all that is on it
+    std::unordered_map<std::string, std::size_t>
+        diskOf; // by the kernel's names of it and of all that is on it
     for (std::string_view text = outcome.output; !text.empty();) {
         const auto line = text.substr(0, text.find('\n'));
         text.remove_prefix(std::min(line.size() + 1, text.size()));

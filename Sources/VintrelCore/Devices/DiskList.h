@@ -4,12 +4,13 @@
 #include <string>
 #include <vector>
 
-/// A partition, or what else has a file system on a disk: a volume of an APFS container, an encrypted volume, the whole
-/// disk when it has no partitions.
+/// A partition, or what else has a file system on a disk: a volume of an APFS container, an
+/// encrypted volume, the whole disk when it has no partitions.
 struct PartitionRecord {
     std::string bsdName;    ///< as the disk's
     std::uint64_t size = 0; ///< bytes
-    std::string content;    ///< its file system or, when that is not known, the type in the partition table
+    std::string
+        content; ///< its file system or, when that is not known, the type in the partition table
     std::string volumeName; ///< empty when there is none
     std::string mountPoint; ///< empty when it is not mounted
 };

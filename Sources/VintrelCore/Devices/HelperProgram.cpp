@@ -19,15 +19,17 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr std::size_t maxComplaints = 4'096; // bytes that are kept
-constexpr auto glance = 20ms;                // how soon the end of a program is seen whose children go on
-constexpr auto mourning = 2s; // how long a killed program is waited for: a disk that hangs can keep it from dying
+constexpr auto glance = 20ms; // how soon the end of a program is seen whose children go on
+constexpr auto mourning
+    = 2s; // how long a killed program is waited for: a disk that hangs can keep it from dying
 
 /// Two ends of a connection that carries bytes and descriptors.
 struct Connection {
     FileDescriptor near, far;
 };
 
-/// Moves a descriptor out of the way of the standard ones, which may be closed in us, and keeps it from other programs.
+/// Moves a descriptor out of the way of the standard ones, which may be closed in us, and keeps it
+/// from other programs.
 FileDescriptor keptAside(int descriptor)
 {
     const FileDescriptor original(descriptor);
@@ -81,13 +83,15 @@ private:
     const pid_t process_;
     int status_ = 0;
     bool hasEnded_ = false;
-    bool isKnown_ = false; ///< not so when the system, told to forget children, has forgotten this one
+    bool isKnown_
+        = false; ///< not so when the system, told to forget children, has forgotten this one
 };
 
 /// Takes the descriptors that came with a message; the first one ever is kept.
 void takeDescriptors(msghdr& message, FileDescriptor& kept)
 {
-    for (auto* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
+    for (auto* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
         if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
             continue;
         const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
@@ -117,7 +121,8 @@ Taken take(int connection, std::string& text, FileDescriptor& descriptor)
     message.msg_controllen = sizeof control;
     const auto count = ::recvmsg(connection, &message, MSG_DONTWAIT);
     if (count < 0)
-        return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? Taken::nothing : Taken::end;
+        return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? Taken::nothing
+                                                                         : Taken::end;
     takeDescriptors(message, descriptor);
     text.append(bytes, static_cast<std::size_t>(count));
     return count > 0 ? Taken::some : Taken::end;
@@ -151,12 +156,14 @@ Outcome run(const std::vector<std::string>& words, Limits limits)
         const auto now = Clock::now();
         if (now >= deadline)
             break;
-        // Asked before the bytes: what a program that has ended printed is there. Its children may live on and hold
-        // the connection, for ever.
+        // Asked before the bytes: what a program that has ended printed is there. Its children may
+        // live on and hold the connection, for ever.
         const bool hasEnded = child.hasEnded();
         const auto patience = std::min<Clock::duration>(glance, deadline - now);
-        ::poll(
-            ends, 2, hasEnded ? 0 : static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(patience).count()));
+        ::poll(ends, 2,
+            hasEnded
+                ? 0
+                : static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(patience).count()));
         bool isQuiet = true;
         for (std::size_t i = 0; i < 2; ++i) {
             if (ends[i].fd < 0)

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-/// Runs programs of the system. Nothing that they do or print can do harm: what they print is bounded, the time that
-/// they take too, and one that does not end is ended.
+/// Runs programs of the system. Nothing that they do or print can do harm: what they print is
+/// bounded, the time that they take too, and one that does not end is ended.
 namespace HelperProgram {
 
 struct Limits {
@@ -16,13 +16,14 @@ struct Limits {
 };
 
 struct Outcome {
-    /// Why it did not run to its end: the system's error number when it could not be started, ETIMEDOUT when it took
-    /// too long, EFBIG when it printed too much; 0 otherwise.
+    /// Why it did not run to its end: the system's error number when it could not be started,
+    /// ETIMEDOUT when it took too long, EFBIG when it printed too much; 0 otherwise.
     int error = 0;
-    int status = -1;           ///< its exit status; -1 when a signal ended it
-    std::string output;        ///< what it printed
-    std::string complaints;    ///< the beginning of what it printed on standard error
-    FileDescriptor descriptor; ///< the first open file that it sent over its standard output, if any
+    int status = -1;        ///< its exit status; -1 when a signal ended it
+    std::string output;     ///< what it printed
+    std::string complaints; ///< the beginning of what it printed on standard error
+    FileDescriptor
+        descriptor; ///< the first open file that it sent over its standard output, if any
 
     bool succeeded() const { return error == 0 && status == 0; }
 };

@@ -15,15 +15,18 @@
 
 namespace {
 
-constexpr std::string_view appleImageExtensions[] = { "asif", "dmg", "sparsebundle", "sparseimage", "udif" };
+constexpr std::string_view appleImageExtensions[]
+    = { "asif", "dmg", "sparsebundle", "sparseimage", "udif" };
 
 bool isAppleImage(const std::string& path)
 {
     auto extension = std::filesystem::path(path).extension().string();
     std::ranges::transform(extension, extension.begin(), [](char character) {
-        return character >= 'A' && character <= 'Z' ? static_cast<char>(character + ('a' - 'A')) : character;
+        return character >= 'A' && character <= 'Z' ? static_cast<char>(character + ('a' - 'A'))
+                                                    : character;
     });
-    return extension.starts_with('.') && std::ranges::count(appleImageExtensions, extension.substr(1)) != 0;
+    return extension.starts_with('.')
+        && std::ranges::count(appleImageExtensions, extension.substr(1)) != 0;
 }
 
 /// The error that fits opening a thing of this kind as an image; 0 for a regular file.
@@ -60,7 +63,8 @@ FileDescriptor openDirectly(const std::string& path, const std::string& displayN
 }
 
 /// What is known of a disk that is open already.
-DiskSource::Opened opened(FileDescriptor descriptor, const std::string& path, const std::string& displayName)
+DiskSource::Opened opened(
+    FileDescriptor descriptor, const std::string& path, const std::string& displayName)
 {
     struct stat status { };
     if (::fstat(descriptor.get(), &status) != 0)
@@ -92,8 +96,9 @@ DiskSource::Opened opened(FileDescriptor descriptor, const std::string& path, co
 std::unique_ptr<DiskSource> openDisk(const std::string& path, const std::string& displayName)
 {
     const auto authopen = CVintrel::helperPrograms().authopen;
-    auto descriptor = authopen.empty() ? openDirectly(path, displayName)
-                                       : DeviceAccess::openWithAuthorization(authopen, path, displayName);
+    auto descriptor = authopen.empty()
+        ? openDirectly(path, displayName)
+        : DeviceAccess::openWithAuthorization(authopen, path, displayName);
     return std::make_unique<DiskSource>(opened(std::move(descriptor), path, displayName));
 }
 
@@ -115,17 +120,22 @@ std::unique_ptr<DiskSource> openAppleImage(const std::string& path, const std::s
 
 SourceError SourceError::openFailed(const std::string& path, int systemError)
 {
-    return { Kind::openFailed, "Kunne ikke åbne " + path + ": " + std::generic_category().message(systemError) };
+    return { Kind::openFailed,
+        "Kunne ikke åbne " + path + ": " + std::generic_category().message(systemError) };
 }
 
 SourceError SourceError::authorizationFailed(const std::string& deviceName)
 {
     return { Kind::authorizationFailed,
         "Adgang til " + deviceName
-            + " blev afvist eller annulleret. Der kræves en administratoradgangskode for at læse fysiske diske." };
+            + " blev afvist eller annulleret. Der kræves en administratoradgangskode for at læse "
+              "fysiske diske." };
 }
 
-SourceError SourceError::notFound(const std::string& path) { return { Kind::notFound, "Filen findes ikke: " + path }; }
+SourceError SourceError::notFound(const std::string& path)
+{
+    return { Kind::notFound, "Filen findes ikke: " + path };
+}
 
 SourceError SourceError::attachFailed(const std::string& message)
 {
@@ -136,7 +146,8 @@ namespace SourceOpener {
 
 std::unique_ptr<DiskSource> openImage(const std::string& path)
 {
-    // Asked before opening: to open a pipe or a terminal line can wait forever, or do something to it.
+    // Asked before opening: to open a pipe or a terminal line can wait forever, or do something to
+    // it.
     const auto status = statusOf(path);
     const auto displayName = std::filesystem::path(path).filename().string();
     if (isAppleImage(path))

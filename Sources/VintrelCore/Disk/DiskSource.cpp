@@ -16,24 +16,30 @@ namespace {
 /// Reads above this go past the cache, so that copying a file does not push the metadata out of it.
 constexpr std::uint64_t largestCachedRead = 262'144;
 
-/// The piece that is given up (fast) or taken apart (thorough) after a read error. Blocks lie at multiples of their
-/// size, so that readers with different starting points share what was learned about a damaged area.
+/// The piece that is given up (fast) or taken apart (thorough) after a read error. Blocks lie at
+/// multiples of their size, so that readers with different starting points share what was learned
+/// about a damaged area.
 constexpr std::uint64_t blockSize = 65'536;
 
 /// macOS refuses to read more than 2^31 - 1 bytes in one call.
 constexpr std::size_t largestSystemRead = std::size_t { 1 } << 30;
 
-/// What a read past the system's cache takes at once when its own buffer is not aligned as it should be.
+/// What a read past the system's cache takes at once when its own buffer is not aligned as it
+/// should be.
 constexpr std::size_t detourSize = std::size_t { 1 } << 20;
 
-constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit) { return value - value % unit; }
+constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit)
+{
+    return value - value % unit;
+}
 
 /// The end of `value`'s unit, held below the largest number.
 constexpr std::uint64_t unitEnd(std::uint64_t value, std::uint64_t unit)
 {
     const std::uint64_t start = roundDown(value, unit);
-    return start > std::numeric_limits<std::uint64_t>::max() - unit ? std::numeric_limits<std::uint64_t>::max()
-                                                                    : start + unit;
+    return start > std::numeric_limits<std::uint64_t>::max() - unit
+        ? std::numeric_limits<std::uint64_t>::max()
+        : start + unit;
 }
 
 void fillZero(std::span<std::uint8_t> bytes) { std::ranges::fill(bytes, std::uint8_t { 0 }); }
@@ -51,7 +57,8 @@ FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept
 
 int FileDescriptor::close()
 {
-    // Not tried again after EINTR: the descriptor is gone then, and its number may be somebody else's.
+    // Not tried again after EINTR: the descriptor is gone then, and its number may be somebody
+    // else's.
     return descriptor_ >= 0 && ::close(release()) != 0 ? errno : 0;
 }
 
@@ -85,7 +92,8 @@ ReadReport DiskSource::readReporting(std::uint64_t offset, std::int64_t count, R
     return report;
 }
 
-std::uint64_t DiskSource::readReporting(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+std::uint64_t DiskSource::readReporting(
+    std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
 {
     const std::uint64_t available = offset < size_ ? size_ - offset : 0;
     if (into.size() > available) {
@@ -99,10 +107,12 @@ std::uint64_t DiskSource::readReporting(std::uint64_t offset, std::span<std::uin
         fillZero(into);
         return into.size();
     }
-    return into.size() <= largestCachedRead ? readThroughCache(offset, into, mode) : readLarge(offset, into, mode);
+    return into.size() <= largestCachedRead ? readThroughCache(offset, into, mode)
+                                            : readLarge(offset, into, mode);
 }
 
-std::uint64_t DiskSource::readInto(std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode)
+std::uint64_t DiskSource::readInto(
+    std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode)
 {
     const std::lock_guard guard(lock_);
     if (closed_) {
@@ -224,7 +234,8 @@ DiskSource::CachedChunk DiskSource::cachedChunk(std::uint64_t index, ReadMode mo
     if (const auto known = chunkByIndex_.find(index); known != chunkByIndex_.end()) {
         chunks_.splice(chunks_.end(), chunks_, known->second);
         const std::uint64_t firstSector = offset / sectorSize_;
-        return { known->second->bytes, hasBadSector(firstSector, firstSector + chunkSize / sectorSize_), false };
+        return { known->second->bytes,
+            hasBadSector(firstSector, firstSector + chunkSize / sectorSize_), false };
     }
 
     // A new chunk takes over the memory of the one that it displaces.
@@ -246,7 +257,8 @@ DiskSource::CachedChunk DiskSource::cachedChunk(std::uint64_t index, ReadMode mo
     return { chunks_.back().bytes, isBad, false };
 }
 
-std::uint64_t DiskSource::readThroughCache(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+std::uint64_t DiskSource::readThroughCache(
+    std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
 {
     std::uint64_t badBytes = 0;
     while (!into.empty()) {
@@ -255,14 +267,16 @@ std::uint64_t DiskSource::readThroughCache(std::uint64_t offset, std::span<std::
         const auto count = std::min(chunk.bytes.size() - at, into.size());
         std::memcpy(into.data(), chunk.bytes.data() + at, count);
         if (chunk.hasBadBytes)
-            badBytes += chunk.wasReadFast ? suspectBytesIn(offset, count) : badBytesIn(offset, count);
+            badBytes
+                += chunk.wasReadFast ? suspectBytesIn(offset, count) : badBytesIn(offset, count);
         offset += count;
         into = into.subspan(count);
     }
     return badBytes;
 }
 
-std::uint64_t DiskSource::readLarge(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+std::uint64_t DiskSource::readLarge(
+    std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
 {
     const std::uint64_t start = roundDown(offset, sectorSize_);
     const auto head = static_cast<std::size_t>(offset - start);
@@ -281,18 +295,20 @@ std::uint64_t DiskSource::rawRead(std::uint64_t offset, std::span<std::uint8_t> 
     if (done == into.size())
         return 0;
     ++readErrors_;
-    // A read that broke off in the middle of a sector has to give that sector another try as a whole.
+    // A read that broke off in the middle of a sector has to give that sector another try as a
+    // whole.
     const std::uint64_t failedSector = roundDown(offset + done, sectorSize_);
     const auto from = failedSector > offset ? static_cast<std::size_t>(failedSector - offset) : 0;
     return recoverRead(offset + from, into.subspan(from), mode);
 }
 
-std::uint64_t DiskSource::recoverRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+std::uint64_t DiskSource::recoverRead(
+    std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
 {
     std::uint64_t badBytes = 0;
     while (!into.empty()) {
-        const auto block = into.first(
-            static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), unitEnd(offset, blockSize) - offset)));
+        const auto block = into.first(static_cast<std::size_t>(
+            std::min<std::uint64_t>(into.size(), unitEnd(offset, blockSize) - offset)));
         const std::uint64_t key = roundDown(offset, blockSize) / sectorSize_;
         if (suspectBlocks_.contains(key) || !readExact(offset, block)) {
             if (mode == ReadMode::fast) {
@@ -313,8 +329,8 @@ std::uint64_t DiskSource::recoverSectors(std::uint64_t offset, std::span<std::ui
 {
     std::uint64_t badBytes = 0;
     while (!into.empty()) {
-        const auto piece = into.first(
-            static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), unitEnd(offset, sectorSize_) - offset)));
+        const auto piece = into.first(static_cast<std::size_t>(
+            std::min<std::uint64_t>(into.size(), unitEnd(offset, sectorSize_) - offset)));
         const std::uint64_t sector = offset / sectorSize_;
         const bool wasKnown = badSectors_.contains(sector);
         if (wasKnown || !readExact(offset, piece)) {
@@ -336,8 +352,8 @@ bool DiskSource::readExact(std::uint64_t offset, std::span<std::uint8_t> into)
     return attempt(offset, into) == into.size();
 }
 
-/// One read attempt. Returns how many bytes were delivered before it failed, all of them when it did not. What lies
-/// past the end of the source is delivered as zeros.
+/// One read attempt. Returns how many bytes were delivered before it failed, all of them when it
+/// did not. What lies past the end of the source is delivered as zeros.
 std::size_t DiskSource::attempt(std::uint64_t offset, std::span<std::uint8_t> into)
 {
     std::size_t done = 0;
@@ -354,7 +370,8 @@ std::size_t DiskSource::attempt(std::uint64_t offset, std::span<std::uint8_t> in
         const auto count = needsAlignment_
             ? readAligned(position, rest)
             : ::pread(descriptor_.get(), rest.data(), std::min(rest.size(), largestSystemRead),
-                static_cast<off_t>(std::min<std::uint64_t>(position, std::numeric_limits<off_t>::max())));
+                static_cast<off_t>(
+                    std::min<std::uint64_t>(position, std::numeric_limits<off_t>::max())));
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
@@ -372,7 +389,8 @@ std::size_t DiskSource::attempt(std::uint64_t offset, std::span<std::uint8_t> in
 /// As pread(), whatever the alignment.
 ssize_t DiskSource::readAligned(std::uint64_t offset, std::span<std::uint8_t> into)
 {
-    into = into.first(std::min(into.size(), static_cast<std::size_t>(roundDown(largestSystemRead, sectorSize_))));
+    into = into.first(
+        std::min(into.size(), static_cast<std::size_t>(roundDown(largestSystemRead, sectorSize_))));
     const bool suits = reinterpret_cast<std::uintptr_t>(into.data()) % AlignedBuffer::alignment == 0
         && offset % sectorSize_ == 0 && into.size() % sectorSize_ == 0;
     if (suits)
@@ -383,8 +401,10 @@ ssize_t DiskSource::readAligned(std::uint64_t offset, std::span<std::uint8_t> in
         detour_ = std::make_unique<AlignedBuffer>(room);
     auto* const sectors = detour_->bytes().data();
     const auto head = static_cast<std::size_t>(offset % sectorSize_);
-    const auto wanted = std::min(room, static_cast<std::size_t>(unitEnd(head + into.size() - 1, sectorSize_)));
-    const auto count = ::pread(descriptor_.get(), sectors, wanted, static_cast<off_t>(offset - head));
+    const auto wanted
+        = std::min(room, static_cast<std::size_t>(unitEnd(head + into.size() - 1, sectorSize_)));
+    const auto count
+        = ::pread(descriptor_.get(), sectors, wanted, static_cast<off_t>(offset - head));
     if (count <= static_cast<ssize_t>(head))
         return std::min<ssize_t>(count, 0); // failed, or at the end
     const auto delivered = std::min(static_cast<std::size_t>(count) - head, into.size());
@@ -408,7 +428,8 @@ std::uint64_t DiskSource::badBytesIn(std::uint64_t offset, std::uint64_t count) 
 {
     const auto first = badSectors_.lower_bound(offset / sectorSize_);
     const auto end = badSectors_.upper_bound((offset + count - 1) / sectorSize_);
-    return std::min<std::uint64_t>(static_cast<std::uint64_t>(std::distance(first, end)) * sectorSize_, count);
+    return std::min<std::uint64_t>(
+        static_cast<std::uint64_t>(std::distance(first, end)) * sectorSize_, count);
 }
 
 std::uint64_t DiskSource::suspectBytesIn(std::uint64_t offset, std::uint64_t count) const

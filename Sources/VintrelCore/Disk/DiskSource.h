@@ -19,8 +19,8 @@
 
 class AlignedBuffer;
 
-/// What a read does after an error: `thorough` goes on sector by sector and finds every readable one; `fast` gives up
-/// the whole 64 KiB block and does not ask the disk for it again.
+/// What a read does after an error: `thorough` goes on sector by sector and finds every readable
+/// one; `fast` gives up the whole 64 KiB block and does not ask the disk for it again.
 enum class ReadMode { thorough, fast };
 
 /// An open file descriptor, closed when its owner dies.
@@ -41,7 +41,8 @@ public:
     int get() const { return descriptor_; }
     explicit operator bool() const { return descriptor_ >= 0; }
     int release() { return std::exchange(descriptor_, -1); }
-    /// Closes early. The system's error number, which a file system may keep for this moment; 0 when all went well.
+    /// Closes early. The system's error number, which a file system may keep for this moment; 0
+    /// when all went well.
     int close();
 
 private:
@@ -57,13 +58,15 @@ struct ByteRange {
 };
 
 struct ReadReport {
-    Bytes data;                 ///< as many bytes as were asked for; zeros where unreadable and past the end
-    std::uint64_t badBytes = 0; ///< how many of them the disk did not give; those past the end do not count
+    Bytes data; ///< as many bytes as were asked for; zeros where unreadable and past the end
+    std::uint64_t badBytes
+        = 0; ///< how many of them the disk did not give; those past the end do not count
 };
 
-/// The one random-access byte source through which everything else reads an image file or a disk. Reads never fail:
-/// bytes that cannot be read come back as zeros and are counted. Small reads go through a cache of chunks. Offsets,
-/// counts and sizes are in bytes. Any thread may use it; its reads are done one after another.
+/// The one random-access byte source through which everything else reads an image file or a disk.
+/// Reads never fail: bytes that cannot be read come back as zeros and are counted. Small reads go
+/// through a cache of chunks. Offsets, counts and sizes are in bytes. Any thread may use it; its
+/// reads are done one after another.
 class DiskSource {
 public:
     static constexpr std::int64_t chunkSize = 131'072;
@@ -78,8 +81,9 @@ public:
         std::uint32_t sectorSize = 512; ///< a smaller one becomes 512
         bool isDevice = false;
         std::optional<std::string> bsdName;
-        std::function<void()> cleanup; ///< run once at close, for example to detach a disk image; may be empty
-        bool needsAlignment = false;   ///< reads fail unless buffer, offset and count are aligned
+        std::function<void()>
+            cleanup; ///< run once at close, for example to detach a disk image; may be empty
+        bool needsAlignment = false; ///< reads fail unless buffer, offset and count are aligned
     };
 
     explicit DiskSource(Opened opened);
@@ -95,19 +99,20 @@ public:
     bool isDevice() const { return isDevice_; }
     const std::optional<std::string>& bsdName() const { return bsdName_; }
 
-    /// `count` bytes from `offset` on. A count below 1 gives nothing. Whoever takes the count from the disk limits it
-    /// first.
+    /// `count` bytes from `offset` on. A count below 1 gives nothing. Whoever takes the count from
+    /// the disk limits it first.
     Bytes read(std::uint64_t offset, std::int64_t count, ReadMode mode);
     ReadReport readReporting(std::uint64_t offset, std::int64_t count, ReadMode mode);
     /// The same into the caller's buffer, which is filled wholly. Returns the unreadable bytes.
     std::uint64_t readReporting(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
 
-    /// Reads past the cache, straight into the buffer, which is filled wholly. Returns the unreadable bytes; all of
-    /// them when the source is closed. On a device offset and count are whole sectors.
+    /// Reads past the cache, straight into the buffer, which is filled wholly. Returns the
+    /// unreadable bytes; all of them when the source is closed. On a device offset and count are
+    /// whole sectors.
     std::uint64_t readInto(std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode);
 
-    /// One exact read without any recovery. True when every byte was delivered; those past the end are zero and count
-    /// as delivered. On a device offset and count are whole sectors.
+    /// One exact read without any recovery. True when every byte was delivered; those past the end
+    /// are zero and count as delivered. On a device offset and count are whole sectors.
     bool tryRead(std::uint64_t offset, std::span<std::uint8_t> buffer);
 
     void markBad(std::uint64_t sector);
@@ -122,8 +127,8 @@ public:
     /// Bytes that the operating system delivered.
     std::uint64_t bytesRead() const;
 
-    /// Ranges that reads treat as unreadable, so that the handling of damage can be tried on a healthy image. Kept
-    /// sorted and merged, and cut at the end of the source.
+    /// Ranges that reads treat as unreadable, so that the handling of damage can be tried on a
+    /// healthy image. Kept sorted and merged, and cut at the end of the source.
     std::vector<ByteRange> simulatedBadRanges() const;
     void addSimulatedBadRange(ByteRange range);
 
@@ -131,7 +136,8 @@ public:
     bool isFile(const struct ::stat& status) const;
 
     bool isClosed() const;
-    /// Closes the descriptor and runs the cleanup; afterwards every byte is unreadable. A second call does nothing.
+    /// Closes the descriptor and runs the cleanup; afterwards every byte is unreadable. A second
+    /// call does nothing.
     void close();
 
 private:
@@ -144,12 +150,14 @@ private:
     struct CachedChunk {
         const Bytes& bytes;
         bool hasBadBytes;
-        bool wasReadFast; ///< read just now in fast mode: whole blocks are missing, not single sectors
+        bool wasReadFast; ///< read just now in fast mode: whole blocks are missing, not single
+                          ///< sectors
     };
 
     // The rest is called with lock_ held.
     CachedChunk cachedChunk(std::uint64_t index, ReadMode mode);
-    std::uint64_t readThroughCache(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
+    std::uint64_t readThroughCache(
+        std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
     std::uint64_t readLarge(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
     std::uint64_t rawRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
     std::uint64_t recoverRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
@@ -176,8 +184,8 @@ private:
     std::function<void()> cleanup_;
     std::list<Chunk> chunks_; // least recently used first
     std::unordered_map<std::uint64_t, std::list<Chunk>::iterator> chunkByIndex_;
-    Chunk uncached_ {};                     // the last chunk that was not worth keeping
-    Bytes aligned_;                         // room for whole sectors around a large read that wants less
+    Chunk uncached_ {}; // the last chunk that was not worth keeping
+    Bytes aligned_;     // room for whole sectors around a large read that wants less
     std::unique_ptr<AlignedBuffer> detour_; // for reads whose own buffer is not aligned
     std::set<std::uint64_t> badSectors_;
     std::unordered_set<std::uint64_t> suspectBlocks_; // by the number of the block's first sector

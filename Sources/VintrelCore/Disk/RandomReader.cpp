@@ -8,8 +8,8 @@
 
 namespace {
 
-/// Fetched after a jump, which mostly is to a header of a few bytes. Reads that go on from there, hops over a little
-/// data included, grow to whole blocks.
+/// Fetched after a jump, which mostly is to a header of a few bytes. Reads that go on from there,
+/// hops over a little data included, grow to whole blocks.
 constexpr std::size_t leastFetch = 4096;
 constexpr std::uint64_t farAway = 65'536;
 
@@ -56,19 +56,23 @@ ByteView RandomReader::stretch(std::uint64_t position)
     return near_.span().subspan(static_cast<std::size_t>(absolute - nearOffset_));
 }
 
-std::optional<std::uint64_t> RandomReader::find(std::string_view pattern, std::uint64_t from, std::uint64_t limit)
+std::optional<std::uint64_t> RandomReader::find(
+    std::string_view pattern, std::uint64_t from, std::uint64_t limit)
 {
     if (pattern.empty() || pattern.size() > size_)
         return std::nullopt;
-    const std::uint64_t end = std::min(limit, size_ - pattern.size() + 1); // of the places where a match may begin
+    const std::uint64_t end
+        = std::min(limit, size_ - pattern.size() + 1); // of the places where a match may begin
     std::uint64_t position = from;
     while (position < end) {
         auto bytes = stretch(position).span();
         if (bytes.empty())
             break; // more work than is allowed
         const std::uint64_t wanted = end - position + pattern.size() - 1;
-        bytes = bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), wanted)));
-        if (bytes.size() < pattern.size()) { // a match could lie across the end of what is in memory
+        bytes
+            = bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), wanted)));
+        if (bytes.size()
+            < pattern.size()) { // a match could lie across the end of what is in memory
             if (matches(position, pattern))
                 return position;
             ++position;
@@ -76,7 +80,8 @@ std::optional<std::uint64_t> RandomReader::find(std::string_view pattern, std::u
         }
         const void* match = ::memmem(bytes.data(), bytes.size(), pattern.data(), pattern.size());
         if (match != nullptr) {
-            const auto at = static_cast<std::uint64_t>(static_cast<const std::uint8_t*>(match) - bytes.data());
+            const auto at = static_cast<std::uint64_t>(
+                static_cast<const std::uint8_t*>(match) - bytes.data());
             work_ += at;
             return position + at;
         }
@@ -120,14 +125,16 @@ bool RandomReader::comeNear(std::uint64_t absolute)
     return true;
 }
 
-/// Reads the block that begins with the byte's own few KB. False when that is more work than is allowed.
+/// Reads the block that begins with the byte's own few KB. False when that is more work than is
+/// allowed.
 bool RandomReader::fetch(std::uint64_t absolute)
 {
     const std::uint64_t offset = absolute - absolute % leastFetch; // whole sectors of any disk
     std::uint64_t count = leastFetch;
     if (block_.size > 0 && offset >= block_.end() && offset - block_.end() < farAway)
         count = std::min(2 * block_.size, blockSize);
-    else if (window_ != nullptr && offset > 0 && window_->chunkAt(offset - 1)) // on from the window's end
+    else if (window_ != nullptr && offset > 0
+        && window_->chunkAt(offset - 1)) // on from the window's end
         count = farAway;
     count = std::min<std::uint64_t>(count, source_.size() - offset);
     work_ += std::max(count, workOfJump);

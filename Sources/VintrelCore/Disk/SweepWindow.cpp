@@ -28,7 +28,8 @@ const SweepWindow::Slot& SweepWindow::loaded(std::uint64_t index)
         return !candidate.memory ? 1 : candidate.index < first_ ? candidate.index + 2 : 0;
     });
     const std::uint64_t offset = index * chunkSize;
-    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize, source_.size() - offset));
+    const auto size
+        = static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize, source_.size() - offset));
     if (!slot.memory)
         slot.memory = std::make_unique<AlignedBuffer>(size);
     const auto bytes = slot.memory->bytes().first(size);

@@ -10,9 +10,9 @@
 
 class DiskSource;
 
-/// What a sweep from the front of a source to its end holds in memory: the chunk that it looks at, and those ahead of
-/// it that somebody else wanted to see early. So nothing is read twice, which on a disk that the system does not cache
-/// takes twice the time.
+/// What a sweep from the front of a source to its end holds in memory: the chunk that it looks at,
+/// and those ahead of it that somebody else wanted to see early. So nothing is read twice, which on
+/// a disk that the system does not cache takes twice the time.
 class SweepWindow {
 public:
     static constexpr std::size_t chunkSize = 4'194'304;
@@ -22,8 +22,8 @@ public:
     {
     }
 
-    /// Makes the chunk that begins at `offset`, a multiple of `chunkSize` on the source, the first one of the window.
-    /// The last chunk of a source may be shorter.
+    /// Makes the chunk that begins at `offset`, a multiple of `chunkSize` on the source, the first
+    /// one of the window. The last chunk of a source may be shorter.
     ByteView moveTo(std::uint64_t offset);
 
     /// A chunk and its place on the source.
@@ -31,11 +31,13 @@ public:
         std::uint64_t offset;
         ByteView bytes;
     };
-    /// The chunk with the byte at `offset`; none when the window does not reach so far. Valid until the window moves.
+    /// The chunk with the byte at `offset`; none when the window does not reach so far. Valid until
+    /// the window moves.
     std::optional<Chunk> chunkAt(std::uint64_t offset);
 
 private:
-    /// Enough for nearly every photo. A larger window would leave the processor's caches for nothing.
+    /// Enough for nearly every photo. A larger window would leave the processor's caches for
+    /// nothing.
     static constexpr std::size_t maxChunks = 4;
 
     struct Slot {

@@ -17,8 +17,8 @@ std::optional<FileSystemType> detectBootSector(ByteView bytes, std::int64_t at =
 /// Whether an HFS+ or HFSX volume header lies at `at`.
 bool isHFSPlusHeader(ByteView bytes, std::int64_t at = 0);
 
-/// The boot sector of a volume that begins at byte `offset`: `found` when there is one, which was found elsewhere, else
-/// what lies there.
+/// The boot sector of a volume that begins at byte `offset`: `found` when there is one, which was
+/// found elsewhere, else what lies there.
 Bytes bootSector(DiskSource& source, std::uint64_t offset, std::optional<ByteView> found);
 
 /// Whatever file system begins at byte `offset` of the source.

@@ -29,7 +29,8 @@ ByteView ByteView::sub(std::int64_t at, std::int64_t length) const
         return {};
     const auto start = static_cast<std::size_t>(at);
     const auto wanted = static_cast<std::uint64_t>(length);
-    return bytes_.subspan(start, static_cast<std::size_t>(std::min<std::uint64_t>(wanted, bytes_.size() - start)));
+    return bytes_.subspan(
+        start, static_cast<std::size_t>(std::min<std::uint64_t>(wanted, bytes_.size() - start)));
 }
 
 std::string ByteView::ascii(std::int64_t at, std::int64_t length) const
@@ -56,32 +57,45 @@ template <class Unit> std::string ByteView::utf16(std::int64_t at, std::int64_t 
     return Unicode::fromUTF16(units);
 }
 
-std::string ByteView::utf16le(std::int64_t at, std::int64_t chars) const { return utf16<LE16>(at, chars); }
+std::string ByteView::utf16le(std::int64_t at, std::int64_t chars) const
+{
+    return utf16<LE16>(at, chars);
+}
 
-std::string ByteView::utf16be(std::int64_t at, std::int64_t chars) const { return utf16<BE16>(at, chars); }
+std::string ByteView::utf16be(std::int64_t at, std::int64_t chars) const
+{
+    return utf16<BE16>(at, chars);
+}
 
 bool ByteView::matches(ByteView pattern, std::int64_t at) const
 {
     if (pattern.empty())
         return at >= 0;
-    return holds(at, pattern.size()) && std::memcmp(bytes_.data() + at, pattern.data(), pattern.size()) == 0;
+    return holds(at, pattern.size())
+        && std::memcmp(bytes_.data() + at, pattern.data(), pattern.size()) == 0;
 }
 
 bool ByteView::isAllZero(std::int64_t at, std::int64_t length) const
 {
     const auto range = sub(at, length).span();
     // Compared with itself one byte on: as fast as memcmp, and no second buffer of zeros.
-    return range.empty() || (range.front() == 0 && std::memcmp(range.data(), range.data() + 1, range.size() - 1) == 0);
+    return range.empty()
+        || (range.front() == 0
+            && std::memcmp(range.data(), range.data() + 1, range.size() - 1) == 0);
 }
 
-bool ByteView::isAllZero(std::int64_t at) const { return isAllZero(at, static_cast<std::int64_t>(bytes_.size())); }
+bool ByteView::isAllZero(std::int64_t at) const
+{
+    return isAllZero(at, static_cast<std::int64_t>(bytes_.size()));
+}
 
 std::optional<std::int64_t> ByteView::firstIndex(ByteView pattern, std::int64_t from) const
 {
     from = std::max<std::int64_t>(from, 0);
     if (pattern.empty() || !holds(from, pattern.size()))
         return std::nullopt;
-    const auto found = std::search(bytes_.begin() + from, bytes_.end(), pattern.bytes_.begin(), pattern.bytes_.end());
+    const auto found = std::search(
+        bytes_.begin() + from, bytes_.end(), pattern.bytes_.begin(), pattern.bytes_.end());
     if (found == bytes_.end())
         return std::nullopt;
     return found - bytes_.begin();
@@ -111,7 +125,8 @@ std::optional<DOSTime> decodeDOS(std::uint16_t date, std::uint16_t time)
     const hours hour { time >> 11 };
     const minutes minute { time >> 5 & 0x3F };
     const seconds second { (time & 0x1F) * 2 };
-    if (date == 0 || !day.ok() || hour >= hours { 24 } || minute >= minutes { 60 } || second >= seconds { 60 })
+    if (date == 0 || !day.ok() || hour >= hours { 24 } || minute >= minutes { 60 }
+        || second >= seconds { 60 })
         return std::nullopt;
     return DOSTime { day, hour + minute + second };
 }
@@ -122,7 +137,8 @@ sys_seconds localToUTC(year_month_day day, seconds sinceMidnight)
     fields.tm_year = int { day.year() } - 1900;
     fields.tm_mon = static_cast<int>(unsigned { day.month() }) - 1;
     fields.tm_mday = static_cast<int>(unsigned { day.day() });
-    const hh_mm_ss clock(sinceMidnight); // three fields: seconds alone would be wrong where the clock changes that day
+    const hh_mm_ss clock(sinceMidnight); // three fields: seconds alone would be wrong where the
+                                         // clock changes that day
     fields.tm_hour = static_cast<int>(clock.hours().count());
     fields.tm_min = static_cast<int>(clock.minutes().count());
     fields.tm_sec = static_cast<int>(clock.seconds().count());
@@ -130,16 +146,18 @@ sys_seconds localToUTC(year_month_day day, seconds sinceMidnight)
     return sys_seconds { seconds { std::mktime(&fields) } };
 }
 
-/// The UTC offset of a local day, where it is the same from midnight to midnight. Asking the system for every single
-/// entry would cost more than reading the directory.
+/// The UTC offset of a local day, where it is the same from midnight to midnight. Asking the system
+/// for every single entry would cost more than reading the directory.
 struct DayOffset {
     year_month_day day {};
-    std::optional<seconds> offset; ///< local time minus UTC; none when it changes in the course of the day
+    std::optional<seconds>
+        offset; ///< local time minus UTC; none when it changes in the course of the day
 
     static DayOffset of(year_month_day day)
     {
         const auto atStart = local(day) - localToUTC(day, seconds { 0 });
-        const auto atEnd = local(day) + days { 1 } - localToUTC(sys_days { day } + days { 1 }, seconds { 0 });
+        const auto atEnd
+            = local(day) + days { 1 } - localToUTC(sys_days { day } + days { 1 }, seconds { 0 });
         return { day, atStart == atEnd ? std::optional(atStart) : std::nullopt };
     }
 
@@ -163,8 +181,8 @@ std::optional<Date> fromDOS(std::uint16_t date, std::uint16_t time)
 
 std::optional<Date> fromLocal(year_month_day day, hours hour, minutes minute, seconds second)
 {
-    if (!day.ok() || day.year() < year { 1900 } || day.year() > year { 2099 } || hour >= hours { 24 }
-        || minute >= minutes { 60 } || second >= seconds { 60 })
+    if (!day.ok() || day.year() < year { 1900 } || day.year() > year { 2099 }
+        || hour >= hours { 24 } || minute >= minutes { 60 } || second >= seconds { 60 })
         return std::nullopt;
     return localToUTC(day, hour + minute + second);
 }

@@ -15,8 +15,9 @@
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// A number as it lies on disk, in the byte order that its type names. It becomes a `T` when it is read; made of bytes
-/// alone it needs no alignment, so that on-disk records can be written down as structs without padding.
+/// A number as it lies on disk, in the byte order that its type names. It becomes a `T` when it is
+/// read; made of bytes alone it needs no alignment, so that on-disk records can be written down as
+/// structs without padding.
 template <std::unsigned_integral T, std::endian order> class Stored {
 public:
     constexpr Stored() = default;
@@ -52,8 +53,9 @@ using BE16 = Stored<std::uint16_t, std::endian::big>;
 using BE32 = Stored<std::uint32_t, std::endian::big>;
 using BE64 = Stored<std::uint64_t, std::endian::big>;
 
-/// A read-only view of bytes from a disk; it must not outlive them. Offsets count from its start. Outside it every
-/// reader answers 0, empty or none, so that a damaged structure degrades and never stops a scan.
+/// A read-only view of bytes from a disk; it must not outlive them. Offsets count from its start.
+/// Outside it every reader answers 0, empty or none, so that a damaged structure degrades and never
+/// stops a scan.
 class ByteView {
 public:
     constexpr ByteView() = default;
@@ -90,9 +92,11 @@ public:
     /// The same bytes in two's complement.
     std::int64_t intLE(std::int64_t at, int width) const;
 
-    /// A `T` copied out of the bytes at `at`; none unless it lies wholly inside. `T` is a plain on-disk record.
+    /// A `T` copied out of the bytes at `at`; none unless it lies wholly inside. `T` is a plain
+    /// on-disk record.
     template <class T>
-    requires(std::is_trivially_copyable_v<T> && alignof(T) == 1) std::optional<T> load(std::int64_t at)
+    requires(std::is_trivially_copyable_v<T> && alignof(T) == 1) std::optional<T> load(
+        std::int64_t at)
     const
     {
         if (!holds(at, sizeof(T)))
@@ -102,39 +106,45 @@ public:
         return value;
     }
 
-    /// The bytes from `at` on, at most `length`, cut at the end of the view; empty when `at` lies outside or `length`
-    /// is below 1. No bytes are copied.
+    /// The bytes from `at` on, at most `length`, cut at the end of the view; empty when `at` lies
+    /// outside or `length` is below 1. No bytes are copied.
     ByteView sub(std::int64_t at, std::int64_t length) const;
 
-    /// The text of a fixed field: ends at the first zero byte, and every byte outside 32...126 becomes "_".
+    /// The text of a fixed field: ends at the first zero byte, and every byte outside 32...126
+    /// becomes "_".
     std::string ascii(std::int64_t at, std::int64_t length) const;
 
     /// Up to `chars` UTF-16 units as UTF-8. Broken surrogates become U+FFFD; zero units are kept.
     std::string utf16le(std::int64_t at, std::int64_t chars) const;
     std::string utf16be(std::int64_t at, std::int64_t chars) const;
 
-    /// Whether the bytes at `at` are those of `pattern`; an empty pattern matches at any offset that is not negative.
+    /// Whether the bytes at `at` are those of `pattern`; an empty pattern matches at any offset
+    /// that is not negative.
     bool matches(ByteView pattern, std::int64_t at) const;
     bool matches(std::string_view text, std::int64_t at) const
     {
         if (text.empty())
             return at >= 0;
-        return holds(at, text.size()) && std::memcmp(bytes_.data() + at, text.data(), text.size()) == 0;
+        return holds(at, text.size())
+            && std::memcmp(bytes_.data() + at, text.data(), text.size()) == 0;
     }
 
-    /// Whether no byte of the range, cut at the end of the view, differs from zero; true for an empty range.
+    /// Whether no byte of the range, cut at the end of the view, differs from zero; true for an
+    /// empty range.
     bool isAllZero(std::int64_t at, std::int64_t length) const;
     bool isAllZero(std::int64_t at = 0) const;
 
-    /// The first position at or after `from` (a negative one counts as 0) where `pattern` starts; none for an empty
-    /// one.
+    /// The first position at or after `from` (a negative one counts as 0) where `pattern` starts;
+    /// none for an empty one.
     std::optional<std::int64_t> firstIndex(ByteView pattern, std::int64_t from) const;
 
 private:
-    /// The one bounds check. It subtracts and never adds, so that no offset from a disk can make it overflow.
+    /// The one bounds check. It subtracts and never adds, so that no offset from a disk can make it
+    /// overflow.
     bool holds(std::int64_t at, std::size_t count) const
     {
-        return at >= 0 && count <= bytes_.size() && static_cast<std::uint64_t>(at) <= bytes_.size() - count;
+        return at >= 0 && count <= bytes_.size()
+            && static_cast<std::uint64_t>(at) <= bytes_.size() - count;
     }
 
     template <class Unit> std::string utf16(std::int64_t at, std::int64_t chars) const;
@@ -142,22 +152,23 @@ private:
     std::span<const std::uint8_t> bytes_;
 };
 
-/// A point in time. Nanoseconds hold every stored time that is accepted (1904 to 2107) without rounding.
+/// A point in time. Nanoseconds hold every stored time that is accepted (1904 to 2107) without
+/// rounding.
 using Date = std::chrono::sys_time<std::chrono::nanoseconds>;
 
 /// On-disk time stamps. None stands for "not set" and for what no calendar holds.
 namespace TimeConversion {
 
-/// FAT: local time in steps of two seconds, read in the machine's time zone. None when `date` is 0 and for impossible
-/// dates and times.
+/// FAT: local time in steps of two seconds, read in the machine's time zone. None when `date` is 0
+/// and for impossible dates and times.
 std::optional<Date> fromDOS(std::uint16_t date, std::uint16_t time);
 
 /// The machine's local time. None for impossible dates and times, and outside 1900...2099.
-std::optional<Date> fromLocal(
-    std::chrono::year_month_day day, std::chrono::hours hour, std::chrono::minutes minute, std::chrono::seconds second);
+std::optional<Date> fromLocal(std::chrono::year_month_day day, std::chrono::hours hour,
+    std::chrono::minutes minute, std::chrono::seconds second);
 
-/// exFAT: date in the upper half of `stamp`, time in the lower one. With bit 7 of `utcOffset` set its low seven bits
-/// are a signed count of quarter hours east of UTC, otherwise the time is local.
+/// exFAT: date in the upper half of `stamp`, time in the lower one. With bit 7 of `utcOffset` set
+/// its low seven bits are a signed count of quarter hours east of UTC, otherwise the time is local.
 std::optional<Date> fromExFAT(std::uint32_t stamp, std::uint8_t utcOffset);
 
 /// NTFS: units of 100 ns since 1601. None at or before 1970 and from 2100 on.

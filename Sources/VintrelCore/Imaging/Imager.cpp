@@ -1,7 +1,7 @@
 #include "VintrelCore/Imaging/Imager.h"
 
-#include "VintrelCore/Foundation/AlignedBuffer.h"
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/AlignedBuffer.h"
 
 #include <CVintrel/Platform.h>
 
@@ -35,7 +35,10 @@ constexpr Seconds shortestRateSample { 0.5 };
 constexpr Status failedPieces[] = { Status::nonTrimmed, Status::nonScraped };
 constexpr Status badSectors[] = { Status::bad };
 
-constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit) { return value - value % unit; }
+constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit)
+{
+    return value - value % unit;
+}
 
 /// The end of the unit that holds `value`, but not beyond `limit`.
 constexpr std::uint64_t unitEnd(std::uint64_t value, std::uint64_t unit, std::uint64_t limit)
@@ -50,8 +53,8 @@ struct OpenedImage {
     int error = 0; ///< errno; 0 when it is open
 };
 
-/// Why a file with this status cannot be the image; 0 when it can. A device is refused too: the source's own disk has
-/// more than one of them.
+/// Why a file with this status cannot be the image; 0 when it can. A device is refused too: the
+/// source's own disk has more than one of them.
 int refusalOf(const struct stat& status, const DiskSource& source)
 {
     if (source.isFile(status))
@@ -61,7 +64,8 @@ int refusalOf(const struct stat& status, const DiskSource& source)
     return S_ISREG(status.st_mode) ? 0 : ENOTSUP;
 }
 
-OpenedImage openImage(const std::string& imagePath, const std::string& mapPath, const DiskSource& source)
+OpenedImage openImage(
+    const std::string& imagePath, const std::string& mapPath, const DiskSource& source)
 {
     struct stat status { };
     // Before anything is opened for writing: a mapfile by the source's name would take its place.
@@ -72,14 +76,15 @@ OpenedImage openImage(const std::string& imagePath, const std::string& mapPath, 
         if (const int refusal = refusalOf(status, source))
             return { .descriptor = {}, .size = 0, .error = refusal };
 
-    FileDescriptor descriptor(::open(imagePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0644));
+    FileDescriptor descriptor(
+        ::open(imagePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0644));
     if (!descriptor || ::fstat(descriptor.get(), &status) != 0)
         return { .descriptor = {}, .size = 0, .error = errno };
     // And once more of what was opened, which may be something else by now.
     const int refusal = refusalOf(status, source);
-    return {
-        .descriptor = std::move(descriptor), .size = static_cast<std::uint64_t>(status.st_size), .error = refusal
-    };
+    return { .descriptor = std::move(descriptor),
+        .size = static_cast<std::uint64_t>(status.st_size),
+        .error = refusal };
 }
 
 } // namespace
@@ -95,8 +100,8 @@ public:
         , imageSize_(image.size)
         , onUpdate_(onUpdate)
         , sectorSize_(imager.source_.sectorSize())
-        , readSize_(static_cast<std::size_t>(
-              roundDown(std::max<std::uint64_t>(sectorSize_, imager.options_.chunkSize), sectorSize_)))
+        , readSize_(static_cast<std::size_t>(roundDown(
+              std::max<std::uint64_t>(sectorSize_, imager.options_.chunkSize), sectorSize_)))
         , memory_(readSize_)
         , buffer_(memory_.bytes())
         , rescuedBefore_(map_.total(Status::finished))
@@ -111,8 +116,8 @@ public:
         const int retries = imager_.options_.retries;
         for (int attempt = 1; goesOn && attempt <= retries; ++attempt)
             goesOn = sectorPass({ 3 + attempt,
-                                    "Nyt forsøg på dårlige sektorer (" + std::to_string(attempt) + "/"
-                                        + std::to_string(retries) + ")" },
+                                    "Nyt forsøg på dårlige sektorer (" + std::to_string(attempt)
+                                        + "/" + std::to_string(retries) + ")" },
                 badSectors);
         finish();
     }
@@ -130,17 +135,20 @@ private:
     bool prepare()
     {
         imager_.distrustBeyond(imageSize_);
-        // The longer image makes every claim of a mapfile credible, so a wrong one must be gone before.
+        // The longer image makes every claim of a mapfile credible, so a wrong one must be gone
+        // before.
         struct stat status { };
-        const bool isMapfileWrong = imager_.isMapfileStale_ && ::lstat(imager_.mapPath_.c_str(), &status) == 0;
+        const bool isMapfileWrong
+            = imager_.isMapfileStale_ && ::lstat(imager_.mapPath_.c_str(), &status) == 0;
         const bool isReady = (!isMapfileWrong || save())
-            && (imageSize_ >= source_.size() || ::ftruncate(image_.get(), static_cast<off_t>(source_.size())) == 0);
+            && (imageSize_ >= source_.size()
+                || ::ftruncate(image_.get(), static_cast<off_t>(source_.size())) == 0);
         hasWriteFailed_ = hasWriteFailed_ || !isReady;
         return !hasWriteFailed_;
     }
 
-    /// Copies what has not been tried. True when nothing of that is left behind the last position; false when the run
-    /// has to end.
+    /// Copies what has not been tried. True when nothing of that is left behind the last position;
+    /// false when the run has to end.
     bool copyPass(const Pass& pass, Damage damage)
     {
         begin(pass);
@@ -176,8 +184,8 @@ private:
         while (const auto stretch = firstOf(statuses, position)) {
             if (!mayReadAt(stretch->position))
                 return false;
-            const auto sectors
-                = wholeSectors({ stretch->position, unitEnd(stretch->position, readSize_, stretch->end()) });
+            const auto sectors = wholeSectors(
+                { stretch->position, unitEnd(stretch->position, readSize_, stretch->end()) });
             const auto run = readSectors(sectors);
             store({ sectors.start, run.end });
             position = std::max(stretch->position, run.end);
@@ -235,7 +243,8 @@ private:
 
     bool mustEnd() const { return imager_.isCancelled_ || hasWriteFailed_; }
 
-    std::optional<RangeMap::Block> firstOf(std::span<const Status> statuses, std::uint64_t from) const
+    std::optional<RangeMap::Block> firstOf(
+        std::span<const Status> statuses, std::uint64_t from) const
     {
         std::optional<RangeMap::Block> first;
         for (const auto status : statuses)
@@ -245,17 +254,20 @@ private:
         return first;
     }
 
-    /// Another tool's mapfile may draw its borders within sectors; those are read, and so rescued, whole.
+    /// Another tool's mapfile may draw its borders within sectors; those are read, and so rescued,
+    /// whole.
     ByteRange wholeSectors(ByteRange piece) const
     {
-        return { roundDown(piece.start, sectorSize_), unitEnd(piece.end - 1, sectorSize_, source_.size()) };
+        return { roundDown(piece.start, sectorSize_),
+            unitEnd(piece.end - 1, sectorSize_, source_.size()) };
     }
 
     /// Copies a piece that lies within one read size. False when it cannot be read.
     bool copy(ByteRange piece)
     {
         piece = wholeSectors(piece);
-        if (!source_.tryRead(piece.start, buffer_.first(static_cast<std::size_t>(piece.end - piece.start))))
+        if (!source_.tryRead(
+                piece.start, buffer_.first(static_cast<std::size_t>(piece.end - piece.start))))
             return false;
         store(piece);
         CVintrel::startFlushing(image_.get(), piece.start, piece.end - piece.start);
@@ -267,17 +279,20 @@ private:
         bool endsAtBadSector = false;
     };
 
-    /// Reads sectors into the buffer one at a time, up to one that cannot be read or until something else is due.
+    /// Reads sectors into the buffer one at a time, up to one that cannot be read or until
+    /// something else is due.
     SectorRun readSectors(ByteRange sectors)
     {
         std::uint64_t position = sectors.start;
         do {
             const auto sector = buffer_.subspan(static_cast<std::size_t>(position - sectors.start),
-                static_cast<std::size_t>(std::min<std::uint64_t>(sectorSize_, sectors.end - position)));
+                static_cast<std::size_t>(
+                    std::min<std::uint64_t>(sectorSize_, sectors.end - position)));
             if (!source_.tryRead(position, sector))
                 return { .end = position, .endsAtBadSector = true };
             position += sector.size();
-        } while (position < sectors.end && !mustEnd() && !imager_.isPaused_ && !isRefreshDue(Clock::now()));
+        } while (position < sectors.end && !mustEnd() && !imager_.isPaused_
+            && !isRefreshDue(Clock::now()));
         return { .end = position, .endsAtBadSector = false };
     }
 
@@ -301,8 +316,8 @@ private:
     {
         std::size_t done = 0;
         while (done < bytes.size()) {
-            const auto count
-                = ::pwrite(image_.get(), bytes.data() + done, bytes.size() - done, static_cast<off_t>(at + done));
+            const auto count = ::pwrite(image_.get(), bytes.data() + done, bytes.size() - done,
+                static_cast<off_t>(at + done));
             if (count < 0 && errno == EINTR)
                 continue;
             if (count <= 0)
@@ -325,7 +340,8 @@ private:
     {
         lastSave_ = Clock::now();
         if (CVintrel::flush(image_.get()) != 0) {
-            // The system may drop what it could not write and call the next attempt a success, so none of it counts.
+            // The system may drop what it could not write and call the next attempt a success, so
+            // none of it counts.
             hasWriteFailed_ = true;
             for (const auto& range : unflushed_)
                 map_.set(range.start, range.end - range.start, Status::nonTried);
@@ -359,7 +375,9 @@ private:
         while (now - samples_.front().time > rateWindow)
             samples_.pop_front();
         const auto rate = [&](std::uint64_t before, Seconds time) {
-            return rescued > before && time.count() > 0 ? static_cast<double>(rescued - before) / time.count() : 0;
+            return rescued > before && time.count() > 0
+                ? static_cast<double>(rescued - before) / time.count()
+                : 0;
         };
         const Seconds elapsed = now - start_;
         const Seconds window = now - samples_.front().time;
@@ -367,10 +385,12 @@ private:
         ImagingStats stats = imager_.currentStats(); // which only this thread changes
         stats.rescued = rescued;
         stats.bad = map_.total(Status::bad);
-        stats.pending = map_.total(Status::nonTried) + map_.total(Status::nonTrimmed) + map_.total(Status::nonScraped);
+        stats.pending = map_.total(Status::nonTried) + map_.total(Status::nonTrimmed)
+            + map_.total(Status::nonScraped);
         stats.total = source_.size();
         stats.readErrors = source_.readErrorCount();
-        stats.currentRate = window > shortestRateSample ? rate(samples_.front().rescued, window) : 0;
+        stats.currentRate
+            = window > shortestRateSample ? rate(samples_.front().rescued, window) : 0;
         stats.averageRate = rate(rescuedBefore_, elapsed);
         stats.elapsed = elapsed.count();
         stats.sinceLastSuccess = Seconds(now - lastSuccess_).count();
@@ -402,7 +422,8 @@ private:
     Clock::time_point lastRefresh_ = start_;
     Clock::time_point lastSave_ = start_;
     std::deque<Sample> samples_;
-    std::vector<ByteRange> unflushed_; // what was written since the image's data was last known to be on the disk
+    std::vector<ByteRange>
+        unflushed_; // what was written since the image's data was last known to be on the disk
     bool hasWriteFailed_ = false;
 };
 
@@ -440,7 +461,8 @@ void DiskImager::run(const Update& onUpdate)
     }
     {
         const std::lock_guard guard(lock_);
-        stats_.message = "Kunne ikke oprette billedfilen: " + std::generic_category().message(image.error);
+        stats_.message
+            = "Kunne ikke oprette billedfilen: " + std::generic_category().message(image.error);
         stats_.finished = true;
     }
     onUpdate(currentStats());

@@ -14,9 +14,11 @@
 class DiskSource;
 
 struct ImagingOptions {
-    int retries = 1;                     ///< extra passes over the bad sectors
-    std::size_t chunkSize = 1'048'576;   ///< bytes in a read of the copy passes; made whole sectors, at least one
-    std::uint64_t maxSkip = 268'435'456; ///< the largest jump, in bytes, after a read error in the first pass
+    int retries = 1; ///< extra passes over the bad sectors
+    std::size_t chunkSize
+        = 1'048'576; ///< bytes in a read of the copy passes; made whole sectors, at least one
+    std::uint64_t maxSkip
+        = 268'435'456; ///< the largest jump, in bytes, after a read error in the first pass
 };
 
 /// How an imaging run stands.
@@ -34,18 +36,21 @@ struct ImagingStats {
     double elapsed = 0;          ///< seconds since the run began
     double sinceLastSuccess = 0; ///< seconds since something was read and written
     bool finished = false;
-    std::optional<std::string> message; ///< in Danish, at the end of a run: why it ended, unless it is done
+    std::optional<std::string>
+        message; ///< in Danish, at the end of a run: why it ended, unless it is done
 };
 
-/// Copies a source to an image file of the same size, what reads easily first: large pieces, leaping away from damage;
-/// then what was leapt over; then the damaged pieces sector by sector; then the bad sectors again. A mapfile beside the
-/// image remembers what is done, so that a run which ends in any way, a kill or a loss of power included, goes on where
-/// it was. What the mapfile calls finished is in the image.
+/// Copies a source to an image file of the same size, what reads easily first: large pieces,
+/// leaping away from damage; then what was leapt over; then the damaged pieces sector by sector;
+/// then the bad sectors again. A mapfile beside the image remembers what is done, so that a run
+/// which ends in any way, a kill or a loss of power included, goes on where it was. What the
+/// mapfile calls finished is in the image.
 class DiskImager {
 public:
     using Update = std::function<void(const ImagingStats&)>;
 
-    /// Goes on from the mapfile when both it and the image are there. The source must outlive the imager.
+    /// Goes on from the mapfile when both it and the image are there. The source must outlive the
+    /// imager.
     DiskImager(DiskSource& source, std::string imagePath, ImagingOptions options = {});
 
     const std::string& mapPath() const { return mapPath_; }
@@ -53,8 +58,8 @@ public:
     /// Whether an earlier run has done something.
     bool isResuming() const;
 
-    /// Does the whole job on the calling thread. `onUpdate` is called at most four times a second, and once at the end
-    /// with `finished` set. Can be called again after a stop.
+    /// Does the whole job on the calling thread. `onUpdate` is called at most four times a second,
+    /// and once at the end with `finished` set. Can be called again after a stop.
     void run(const Update& onUpdate);
 
     /// These three may be called by any thread, also during a run.
@@ -73,7 +78,8 @@ private:
     const std::string mapPath_;
     const ImagingOptions options_;
     std::unique_ptr<RangeMap> map_; // never none
-    /// Whether a mapfile on the disk, should there be one, may call finished what the image does not hold.
+    /// Whether a mapfile on the disk, should there be one, may call finished what the image does
+    /// not hold.
     bool isMapfileStale_ = false;
     std::atomic<bool> isPaused_ = false;
     std::atomic<bool> isCancelled_ = false;

@@ -22,7 +22,8 @@ using Status = RangeMap::Status;
 
 struct StatusRow {
     char code; ///< in the mapfile
-    int rank;  ///< the higher, the worse; of what falls into one cell of the picture the worst is shown
+    int rank;  ///< the higher, the worse; of what falls into one cell of the picture the worst is
+               ///< shown
 };
 
 constexpr StatusRow statusRows[] = {
@@ -34,7 +35,10 @@ constexpr StatusRow statusRows[] = {
 };
 static_assert(std::size(statusRows) == RangeMap::allStatuses.size());
 
-constexpr const StatusRow& rowOf(Status status) { return statusRows[static_cast<std::size_t>(status)]; }
+constexpr const StatusRow& rowOf(Status status)
+{
+    return statusRows[static_cast<std::size_t>(status)];
+}
 
 std::optional<Status> statusOf(std::string_view code)
 {
@@ -70,7 +74,8 @@ std::optional<std::uint64_t> parseNumber(std::string_view text)
     }
     std::uint64_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-    return error == std::errc() && end == text.data() + text.size() ? std::optional(value) : std::nullopt;
+    return error == std::errc() && end == text.data() + text.size() ? std::optional(value)
+                                                                    : std::nullopt;
 }
 
 std::optional<RangeMap::Block> parseBlock(std::string_view line)
@@ -78,7 +83,8 @@ std::optional<RangeMap::Block> parseBlock(std::string_view line)
     const auto position = parseNumber(takeField(line));
     const auto size = parseNumber(takeField(line));
     const auto status = statusOf(takeField(line));
-    return position && size && status ? std::optional(RangeMap::Block { *position, *size, *status }) : std::nullopt;
+    return position && size && status ? std::optional(RangeMap::Block { *position, *size, *status })
+                                      : std::nullopt;
 }
 
 bool isUTF8(std::string_view text)
@@ -112,7 +118,8 @@ int writeNewFile(const std::string& path, std::string_view text)
 {
     // Not emptied but made anew: what has this name may be a link to anything.
     ::unlink(path.c_str());
-    FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    FileDescriptor file(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file)
         return errno;
     if (const int error = writeAll(file.get(), text))
@@ -122,12 +129,13 @@ int writeNewFile(const std::string& path, std::string_view text)
     return file.close();
 }
 
-/// Makes the names in the folder of `path` safe on the disk. Not every file system can; a name that gets lost with the
-/// power leads back to the mapfile before.
+/// Makes the names in the folder of `path` safe on the disk. Not every file system can; a name that
+/// gets lost with the power leads back to the mapfile before.
 void flushFolderOf(const std::string& path)
 {
     const auto folder = std::filesystem::path(path).parent_path();
-    const FileDescriptor descriptor(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const FileDescriptor descriptor(
+        ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (descriptor)
         ::fsync(descriptor.get());
 }
@@ -166,7 +174,8 @@ void RangeMap::RangeSet::remove(std::uint64_t start, std::uint64_t end)
             ++range;
             if (rangeEnd > end)
                 ends_.emplace_hint(range, end, rangeEnd);
-        } else if (rangeEnd > end) { // copying eats a range up from its front: no memory is asked for
+        } else if (rangeEnd
+            > end) { // copying eats a range up from its front: no memory is asked for
             auto node = ends_.extract(range++);
             node.key() = end;
             ends_.insert(range, std::move(node));
@@ -242,7 +251,8 @@ std::vector<RangeMap::Status> RangeMap::cells(std::size_t count) const
     std::vector<bool> isClaimed(count);
     const double share = static_cast<double>(size_) / static_cast<double>(count);
     const auto cellOf = [&](std::uint64_t position) {
-        return std::min(static_cast<std::size_t>(std::floor(static_cast<double>(position) / share)), count - 1);
+        return std::min(
+            static_cast<std::size_t>(std::floor(static_cast<double>(position) / share)), count - 1);
     };
     for (const auto& block : snapshot()) {
         for (std::size_t cell = cellOf(block.position); cell <= cellOf(block.end() - 1); ++cell) {
@@ -262,14 +272,17 @@ std::string RangeMap::mapfile(std::uint64_t position, int pass) const
                        "# Command line: vintrel\n"
                        "# current_pos  current_status  current_pass\n";
     text.reserve(text.size() + 32 * (blocks.size() + 3));
-    const auto append
-        = [&](int length) { text.append(line, static_cast<std::size_t>(std::clamp<int>(length, 0, sizeof line - 1))); };
-    // The status is always the one of copying: other tools resume from the blocks, and this one never reads it.
-    append(std::snprintf(line, sizeof line, "0x%08" PRIX64 "     ?               %d\n", position, pass));
+    const auto append = [&](int length) {
+        text.append(line, static_cast<std::size_t>(std::clamp<int>(length, 0, sizeof line - 1)));
+    };
+    // The status is always the one of copying: other tools resume from the blocks, and this one
+    // never reads it.
+    append(std::snprintf(
+        line, sizeof line, "0x%08" PRIX64 "     ?               %d\n", position, pass));
     text += "#      pos        size  status\n";
     for (const auto& block : blocks)
-        append(std::snprintf(line, sizeof line, "0x%08" PRIX64 "  0x%08" PRIX64 "  %c\n", block.position, block.size,
-            rowOf(block.status).code));
+        append(std::snprintf(line, sizeof line, "0x%08" PRIX64 "  0x%08" PRIX64 "  %c\n",
+            block.position, block.size, rowOf(block.status).code));
     return text;
 }
 
@@ -303,7 +316,8 @@ int RangeMap::write(const std::string& path, std::uint64_t position, int pass) c
 {
     const auto temporary = temporaryPath(path);
     if (const int error = writeNewFile(temporary, mapfile(position, pass))) {
-        ::unlink(temporary.c_str()); // half a mapfile is of no use, and on a full disk it takes up room
+        ::unlink(
+            temporary.c_str()); // half a mapfile is of no use, and on a full disk it takes up room
         return error;
     }
     if (::rename(temporary.c_str(), path.c_str()) != 0)
@@ -314,7 +328,8 @@ int RangeMap::write(const std::string& path, std::uint64_t position, int pass) c
 
 std::unique_ptr<RangeMap> RangeMap::read(const std::string& path, std::uint64_t size)
 {
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe is not waited for
+    const FileDescriptor file(
+        ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe is not waited for
     struct stat status { };
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)
         || static_cast<std::uint64_t>(status.st_size) > maxMapfileSize)
@@ -322,7 +337,8 @@ std::unique_ptr<RangeMap> RangeMap::read(const std::string& path, std::uint64_t 
     std::string text(static_cast<std::size_t>(status.st_size), '\0');
     std::size_t done = 0;
     while (done < text.size()) {
-        const auto count = ::pread(file.get(), text.data() + done, text.size() - done, static_cast<off_t>(done));
+        const auto count
+            = ::pread(file.get(), text.data() + done, text.size() - done, static_cast<off_t>(done));
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)

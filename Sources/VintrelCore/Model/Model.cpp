@@ -24,15 +24,18 @@ constexpr CategoryText categoryTexts[] = {
 };
 static_assert(std::size(categoryTexts) == allFileCategories.size());
 
-constexpr const CategoryText& texts(FileCategory category) { return categoryTexts[static_cast<std::size_t>(category)]; }
+constexpr const CategoryText& texts(FileCategory category)
+{
+    return categoryTexts[static_cast<std::size_t>(category)];
+}
 
 struct ExtensionRow {
     std::string_view extension;
     FileCategory category;
 };
 
-/// Sorted by extension. Every format that is carved, and its usual neighbours; "sqlite" and "msg" are carved as
-/// documents but belong to no category of the user's.
+/// Sorted by extension. Every format that is carved, and its usual neighbours; "sqlite" and "msg"
+/// are carved as documents but belong to no category of the user's.
 constexpr ExtensionRow extensionTable[] = {
     { "3fr", FileCategory::image },
     { "3g2", FileCategory::video },
@@ -201,14 +204,15 @@ std::int64_t nextVolumeID()
 
 std::string_view displayName(FileSystemType type)
 {
-    constexpr std::array<std::string_view, allFileSystemTypes.size()> names { "FAT12", "FAT16", "FAT32", "exFAT",
-        "NTFS", "HFS+", "APFS", "ext2/3/4", "Signaturer", "Ukendt" };
+    constexpr std::array<std::string_view, allFileSystemTypes.size()> names { "FAT12", "FAT16",
+        "FAT32", "exFAT", "NTFS", "HFS+", "APFS", "ext2/3/4", "Signaturer", "Ukendt" };
     return names[static_cast<std::size_t>(type)];
 }
 
 std::string_view label(EntryStatus status)
 {
-    constexpr std::string_view labels[] = { "Eksisterende", "Slettet", "Forældreløs", "Signaturfund" };
+    constexpr std::string_view labels[]
+        = { "Eksisterende", "Slettet", "Forældreløs", "Signaturfund" };
     return labels[static_cast<std::size_t>(status)];
 }
 
@@ -227,8 +231,10 @@ std::string_view symbol(FileCategory category) { return texts(category).symbol; 
 FileCategory categoryOf(std::string_view fileName)
 {
     const auto extension = fileExtension(fileName);
-    const auto* const row = std::ranges::lower_bound(extensionTable, extension, {}, &ExtensionRow::extension);
-    return row != std::end(extensionTable) && row->extension == extension ? row->category : FileCategory::other;
+    const auto* const row
+        = std::ranges::lower_bound(extensionTable, extension, {}, &ExtensionRow::extension);
+    return row != std::end(extensionTable) && row->extension == extension ? row->category
+                                                                          : FileCategory::other;
 }
 
 std::string fileExtension(std::string_view fileName)
@@ -255,8 +261,8 @@ FileNode::FileNode(std::string name, bool isDirectory, std::uint64_t size, Entry
 {
 }
 
-std::unique_ptr<FileNode> FileNode::makeFile(
-    std::string name, std::uint64_t size, EntryStatus status, Recoverability recoverability, FileData data)
+std::unique_ptr<FileNode> FileNode::makeFile(std::string name, std::uint64_t size,
+    EntryStatus status, Recoverability recoverability, FileData data)
 {
     return std::unique_ptr<FileNode>(
         new FileNode(std::move(name), false, size, status, recoverability, std::move(data)));
@@ -264,12 +270,14 @@ std::unique_ptr<FileNode> FileNode::makeFile(
 
 std::unique_ptr<FileNode> FileNode::makeFolder(std::string name, EntryStatus status)
 {
-    return std::unique_ptr<FileNode>(new FileNode(std::move(name), true, 0, status, Recoverability::unknown, {}));
+    return std::unique_ptr<FileNode>(
+        new FileNode(std::move(name), true, 0, status, Recoverability::unknown, {}));
 }
 
 FileNode::~FileNode()
 {
-    // Left to themselves the destructors would recurse as deep as the disk says; here each node dies without children.
+    // Left to themselves the destructors would recurse as deep as the disk says; here each node
+    // dies without children.
     Children dying = std::move(children_);
     while (!dying.empty()) {
         const auto node = std::move(dying.back());
@@ -309,7 +317,8 @@ void FileNode::judgeByReuse(bool isFirstReused, bool isAnyReused)
 void FileNode::sortChildren()
 {
     std::ranges::sort(children_, comesBefore);
-    forEachDescendant([](FileNode& node, std::size_t) { std::ranges::sort(node.children_, comesBefore); });
+    forEachDescendant(
+        [](FileNode& node, std::size_t) { std::ranges::sort(node.children_, comesBefore); });
 }
 
 std::string FileNode::path() const
@@ -395,7 +404,10 @@ void WorkProgress::report(double fraction, const std::string& message) const
     handler_(std::min(fraction, 1.0), message);
 }
 
-std::string formatBytes(std::uint64_t count) { return formatBytes(count, CVintrel::decimalSeparator()); }
+std::string formatBytes(std::uint64_t count)
+{
+    return formatBytes(count, CVintrel::decimalSeparator());
+}
 
 std::string formatBytes(std::uint64_t count, std::string_view decimalSeparator)
 {
@@ -423,7 +435,8 @@ std::string formatBytes(std::uint64_t count, std::string_view decimalSeparator)
             continue; // 999.96 MB is 1 GB
         std::string text = std::to_string(rounded / unit.steps);
         if (const std::uint64_t rest = rounded % unit.steps; rest != 0) {
-            std::string decimals = std::to_string(unit.steps + rest).substr(1); // leading zeros kept
+            std::string decimals
+                = std::to_string(unit.steps + rest).substr(1); // leading zeros kept
             decimals.erase(decimals.find_last_not_of('0') + 1);
             text.append(decimalSeparator).append(decimals);
         }

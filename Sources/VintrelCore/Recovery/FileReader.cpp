@@ -12,11 +12,12 @@ namespace {
 
 constexpr std::size_t prefixPiece = 4'194'304;
 
-/// NTFS makes units of 16 clusters of at most 4 KiB. A larger one is damage, and would only cost memory.
+/// NTFS makes units of 16 clusters of at most 4 KiB. A larger one is damage, and would only cost
+/// memory.
 constexpr std::uint64_t maxUnitBytes = 67'108'864;
 
-/// Delivers the pieces of one file: keeps count of what is still wanted, of what could not be read and of whether the
-/// receiver wants more, and owns the one buffer that they pass through.
+/// Delivers the pieces of one file: keeps count of what is still wanted, of what could not be read
+/// and of whether the receiver wants more, and owns the one buffer that they pass through.
 class Delivery {
 public:
     Delivery(DiskSource& source, std::size_t chunkSize, std::uint64_t total, const Body& body)
@@ -35,11 +36,15 @@ public:
     /// Hands on bytes as far as the file goes.
     void deliver(std::span<const std::uint8_t> bytes)
     {
-        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), remaining_));
+        const auto count
+            = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), remaining_));
         handOn({ .bytes = bytes.first(count), .holeLength = 0 });
     }
 
-    void deliverHole(std::uint64_t length) { handOn({ .bytes = {}, .holeLength = std::min(length, remaining_) }); }
+    void deliverHole(std::uint64_t length)
+    {
+        handOn({ .bytes = {}, .holeLength = std::min(length, remaining_) });
+    }
 
     void deliverExtent(const Extent& extent)
     {
@@ -48,9 +53,10 @@ public:
             ? std::min(extent.length, source_.size() - *extent.offset)
             : 0;
         for (std::uint64_t done = 0; done < onSource && !isDone();) {
-            buffer_.resize(
-                static_cast<std::size_t>(std::min<std::uint64_t>({ onSource - done, chunkSize_, remaining_ })));
-            countBad(source_.readReporting(*extent.offset + done, std::span(buffer_), ReadMode::thorough));
+            buffer_.resize(static_cast<std::size_t>(
+                std::min<std::uint64_t>({ onSource - done, chunkSize_, remaining_ })));
+            countBad(source_.readReporting(
+                *extent.offset + done, std::span(buffer_), ReadMode::thorough));
             done += buffer_.size();
             deliver(buffer_);
         }
@@ -86,8 +92,8 @@ public:
     /// Whether everything from here on is sparse.
     bool isAtEnd() const { return run_ == runs_.size(); }
 
-    /// A stretch of consecutive clusters, at most `limit` of them, and steps behind it. Past the last run everything is
-    /// sparse.
+    /// A stretch of consecutive clusters, at most `limit` of them, and steps behind it. Past the
+    /// last run everything is sparse.
     CompressedRuns::Run take(std::uint64_t limit)
     {
         while (run_ < runs_.size() && used_ == runs_[run_].clusters) {
@@ -98,7 +104,8 @@ public:
             return { std::nullopt, limit };
         const auto& run = runs_[run_];
         const std::uint64_t count = std::min(limit, run.clusters - used_);
-        const CompressedRuns::Run taken { run.lcn ? std::optional(*run.lcn + used_) : std::nullopt, count };
+        const CompressedRuns::Run taken { run.lcn ? std::optional(*run.lcn + used_) : std::nullopt,
+            count };
         used_ += count;
         return taken;
     }
@@ -113,12 +120,15 @@ private:
 std::uint64_t offsetOf(const CompressedRuns& data, std::uint64_t lcn)
 {
     constexpr auto limit = std::numeric_limits<std::uint64_t>::max();
-    return lcn > (limit - data.volumeOffset) / data.clusterSize ? limit : data.volumeOffset + lcn * data.clusterSize;
+    return lcn > (limit - data.volumeOffset) / data.clusterSize
+        ? limit
+        : data.volumeOffset + lcn * data.clusterSize;
 }
 
 void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& delivery)
 {
-    if (data.clusterSize == 0 || data.unitClusters == 0 || data.unitClusters > maxUnitBytes / data.clusterSize)
+    if (data.clusterSize == 0 || data.unitClusters == 0
+        || data.unitClusters > maxUnitBytes / data.clusterSize)
         return;
     const auto unitBytes = static_cast<std::size_t>(data.unitClusters * data.clusterSize);
     ClusterCursor cursor(data.runs);
@@ -135,9 +145,10 @@ void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& 
             clusters += stretch.clusters;
             if (!stretch.lcn)
                 continue;
-            const auto piece
-                = std::span(unit).subspan(stored, static_cast<std::size_t>(stretch.clusters * data.clusterSize));
-            delivery.countBad(source.readReporting(offsetOf(data, *stretch.lcn), piece, ReadMode::thorough));
+            const auto piece = std::span(unit).subspan(
+                stored, static_cast<std::size_t>(stretch.clusters * data.clusterSize));
+            delivery.countBad(
+                source.readReporting(offsetOf(data, *stretch.lcn), piece, ReadMode::thorough));
             stored += piece.size();
         }
         if (stored == 0) {
@@ -146,7 +157,8 @@ void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& 
         }
         Bytes decompressed;
         if (stored < unitBytes)
-            decompressed = lznt1Decompress(ByteView(unit).sub(0, static_cast<std::int64_t>(stored)), unitBytes);
+            decompressed = lznt1Decompress(
+                ByteView(unit).sub(0, static_cast<std::int64_t>(stored)), unitBytes);
         const auto& content = stored < unitBytes ? decompressed : unit;
         delivery.deliver(std::span(content).first(static_cast<std::size_t>(inUnit)));
     }
@@ -177,7 +189,8 @@ Bytes readPrefix(const FileNode& node, DiskSource& source, std::size_t max)
     Bytes prefix;
     stream(node, source, std::min(max, prefixPiece), max, [&](const Piece& piece) {
         prefix.insert(prefix.end(), piece.bytes.begin(), piece.bytes.end());
-        prefix.resize(prefix.size() + static_cast<std::size_t>(piece.holeLength)); // no more than what is left of max
+        prefix.resize(prefix.size()
+            + static_cast<std::size_t>(piece.holeLength)); // no more than what is left of max
         return prefix.size() < max;
     });
     return prefix;
@@ -192,7 +205,8 @@ Bytes lznt1Decompress(ByteView input, std::size_t outputSize)
     Bytes output;
     output.reserve(outputSize + 4096);
     bool isCorrupt = false;
-    for (std::int64_t header = 0; !isCorrupt && header + 2 <= inputSize && output.size() < outputSize;) {
+    for (std::int64_t header = 0;
+         !isCorrupt && header + 2 <= inputSize && output.size() < outputSize;) {
         const std::uint16_t chunk = input.u16le(header);
         if (chunk == 0)
             break;
@@ -218,17 +232,20 @@ Bytes lznt1Decompress(ByteView input, std::size_t outputSize)
                 }
                 const std::uint16_t token = input.u16le(at);
                 at += 2;
-                // The further into the chunk, the more bits a distance needs, and the fewer are left for the length.
+                // The further into the chunk, the more bits a distance needs, and the fewer are
+                // left for the length.
                 const std::size_t produced = output.size() - chunkStart;
-                const int lengthBits
-                    = produced <= 16 ? 12 : std::max(0, 16 - static_cast<int>(std::bit_width(produced - 1)));
+                const int lengthBits = produced <= 16
+                    ? 12
+                    : std::max(0, 16 - static_cast<int>(std::bit_width(produced - 1)));
                 const std::size_t distance = static_cast<std::size_t>(token >> lengthBits) + 1;
                 const std::size_t length = (token & ((1u << lengthBits) - 1)) + 3;
                 if (distance > produced) {
                     isCorrupt = true;
                     break;
                 }
-                for (std::size_t i = 0; i < length; ++i) // may overlap: what was just written is repeated
+                for (std::size_t i = 0; i < length;
+                     ++i) // may overlap: what was just written is repeated
                     output.push_back(output[output.size() - distance]);
             }
         }

@@ -9,15 +9,16 @@
 
 class DiskSource;
 
-/// Turns a node's data into the file's bytes, whatever file system it came from. Never fails: unreadable bytes are
-/// zeros and are counted, and what is missing at the end is zeros too.
+/// Turns a node's data into the file's bytes, whatever file system it came from. Never fails:
+/// unreadable bytes are zeros and are counted, and what is missing at the end is zeros too.
 namespace FileReader {
 
 /// A piece of a file, in file order: bytes, or a hole.
 struct Piece {
     std::span<const std::uint8_t> bytes; ///< valid during the call only; empty for a hole
-    /// How many zeros the hole stands for: those of a sparse run, of what lies past the end of the source, or of an end
-    /// that no extent holds. They are known without reading, and better left out of a file that can be sparse.
+    /// How many zeros the hole stands for: those of a sparse run, of what lies past the end of the
+    /// source, or of an end that no extent holds. They are known without reading, and better left
+    /// out of a file that can be sparse.
     std::uint64_t holeLength = 0;
 
     std::uint64_t size() const { return bytes.size() + holeLength; }
@@ -26,16 +27,17 @@ struct Piece {
 /// Takes a piece; false ends the stream.
 using Body = std::function<bool(const Piece&)>;
 
-/// Hands the first min(`limit`, size) bytes of the file to `body`, in pieces of at most `chunkSize` bytes (compressed
-/// files: one compression unit). Resident data is not padded to the size, and a file without known data gives no piece.
-/// Returns the unreadable bytes.
+/// Hands the first min(`limit`, size) bytes of the file to `body`, in pieces of at most `chunkSize`
+/// bytes (compressed files: one compression unit). Resident data is not padded to the size, and a
+/// file without known data gives no piece. Returns the unreadable bytes.
 std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunkSize,
     std::optional<std::uint64_t> limit, const Body& body);
 
 /// The first min(`max`, size) bytes of the file.
 Bytes readPrefix(const FileNode& node, DiskSource& source, std::size_t max);
 
-/// Decompresses one LZNT1 compression unit to exactly `outputSize` bytes; what is missing or corrupt is zeros.
+/// Decompresses one LZNT1 compression unit to exactly `outputSize` bytes; what is missing or
+/// corrupt is zeros.
 Bytes lznt1Decompress(ByteView input, std::size_t outputSize);
 
 } // namespace FileReader

@@ -1,8 +1,8 @@
 #include "VintrelCore/Recovery/Recovery.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Recovery/FileReader.h"
 
 #include <CVintrel/Platform.h>
 
@@ -22,10 +22,11 @@ namespace RecoveryEngine {
 
 namespace {
 
-/// Far below the 4 MiB that a copy may hold at once: what was read is still in the processor's cache when it is
-/// written.
+/// Far below the 4 MiB that a copy may hold at once: what was read is still in the processor's
+/// cache when it is written.
 constexpr std::size_t copyPiece = 1'048'576;
-constexpr std::size_t maxComponentBytes = 250; // leaves room for a number below the 255 bytes of most file systems
+constexpr std::size_t maxComponentBytes
+    = 250; // leaves room for a number below the 255 bytes of most file systems
 constexpr std::size_t maxNumberedBytes = 255;
 constexpr std::chrono::milliseconds reportInterval { 150 };
 constexpr const char* reportName = "Gendannelsesrapport.csv";
@@ -34,15 +35,18 @@ std::string describe(int systemError) { return std::generic_category().message(s
 
 bool isOutOfSpace(int systemError) { return systemError == ENOSPC || systemError == EDQUOT; }
 
-/// `name` with a number before its extension; number 1 is the name itself. Folders have no extension.
+/// `name` with a number before its extension; number 1 is the name itself. Folders have no
+/// extension.
 std::string numberedName(const std::string& name, int number, bool isDirectory)
 {
     if (number == 1)
         return name;
     const std::string suffix = " (" + std::to_string(number) + ")";
     auto dot = isDirectory ? std::string::npos : name.rfind('.');
-    // A leading dot makes a hidden file and no extension; one that leaves no room for the stem is none either.
-    if (dot == 0 || dot == name.size() - 1 || (dot != std::string::npos && name.size() - dot > maxNumberedBytes / 2))
+    // A leading dot makes a hidden file and no extension; one that leaves no room for the stem is
+    // none either.
+    if (dot == 0 || dot == name.size() - 1
+        || (dot != std::string::npos && name.size() - dot > maxNumberedBytes / 2))
         dot = std::string::npos;
     std::string stem = name.substr(0, dot);
     const std::string extension = dot == std::string::npos ? std::string() : name.substr(dot);
@@ -63,17 +67,19 @@ template <class Value> struct Outcome {
     int error = 0;
 };
 
-/// A folder that this run made. Its place is known by its parents, so that no string grows with the depth of the tree.
+/// A folder that this run made. Its place is known by its parents, so that no string grows with the
+/// depth of the tree.
 struct Folder {
     Folder* parent = nullptr; ///< none for the recovery folder itself
     std::string name;         ///< as written
     int error = 0;            ///< errno when it could not be made; nothing can be put into it then
     std::unordered_map<std::string, Folder*> folders; ///< by the name that was wanted
-    std::unordered_map<std::string, int> lastNumber;  ///< given for a wanted name, so that equal names stay linear
+    std::unordered_map<std::string, int>
+        lastNumber; ///< given for a wanted name, so that equal names stay linear
 };
 
-/// The recovery folder and what has been made in it. Everything is opened relative to its parent's descriptor and never
-/// through a link, so that nothing that somebody plants there leads out of it.
+/// The recovery folder and what has been made in it. Everything is opened relative to its parent's
+/// descriptor and never through a link, so that nothing that somebody plants there leads out of it.
 class Destination {
 public:
     explicit Destination(FileDescriptor root)
@@ -82,7 +88,8 @@ public:
         current_ = &folders_.emplace_back();
     }
 
-    /// The folder for the children of `node`, which may be none: folders are made as they are needed.
+    /// The folder for the children of `node`, which may be none: folders are made as they are
+    /// needed.
     Folder& folderFor(const FileNode* node)
     {
         std::vector<const FileNode*> missing;
@@ -103,12 +110,13 @@ public:
 
     Folder& root() { return folders_.front(); }
 
-    /// Makes a new file in the folder. `name` is the one that is wanted, and afterwards the one that it got.
+    /// Makes a new file in the folder. `name` is the one that is wanted, and afterwards the one
+    /// that it got.
     Outcome<FileDescriptor> createFile(Folder& folder, std::string& name)
     {
         return createNumbered(folder, name, false, [](int parent, const char* candidate) {
-            return FileDescriptor(
-                ::openat(parent, candidate, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+            return FileDescriptor(::openat(
+                parent, candidate, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
         });
     }
 
@@ -139,13 +147,15 @@ private:
         folder.parent = &parent;
         folder.name = wanted;
         parent.folders.emplace(wanted, &folder);
-        folder.error = createNumbered(parent, folder.name, true, [](int descriptor, const char* candidate) {
-            return ::mkdirat(descriptor, candidate, 0777) == 0;
-        }).error;
+        folder.error
+            = createNumbered(parent, folder.name, true, [](int descriptor, const char* candidate) {
+                  return ::mkdirat(descriptor, candidate, 0777) == 0;
+              }).error;
         return folder;
     }
 
-    /// Tries `create` with the wanted name and then with numbered ones, until it does not find the name taken.
+    /// Tries `create` with the wanted name and then with numbered ones, until it does not find the
+    /// name taken.
     template <class Create>
     auto createNumbered(Folder& folder, std::string& name, bool isDirectory, Create create)
         -> Outcome<decltype(create(0, ""))>
@@ -179,8 +189,8 @@ private:
             currentDescriptor_.close();
         current_ = from;
         for (auto step = way.rbegin(); step != way.rend(); ++step) {
-            FileDescriptor next(
-                ::openat(descriptor(), (*step)->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            FileDescriptor next(::openat(descriptor(), (*step)->name.c_str(),
+                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (!next) {
                 const int error = errno;
                 currentDescriptor_.close();
@@ -231,7 +241,8 @@ private:
     int writeAll(std::span<const std::uint8_t> bytes)
     {
         for (std::uint64_t at = position_; !bytes.empty();) {
-            const auto count = ::pwrite(descriptor_.get(), bytes.data(), bytes.size(), static_cast<off_t>(at));
+            const auto count
+                = ::pwrite(descriptor_.get(), bytes.data(), bytes.size(), static_cast<off_t>(at));
             if (count < 0 && errno == EINTR)
                 continue;
             if (count <= 0)
@@ -282,8 +293,9 @@ std::string csv(const std::string& field)
     return quoted += '"';
 }
 
-/// The report, written row by row, so that it is there also when the run is killed. Its file is made before all others,
-/// which keeps its name free for it. What cannot be written, on a full disk, is tried once more at the end.
+/// The report, written row by row, so that it is there also when the run is killed. Its file is
+/// made before all others, which keeps its name free for it. What cannot be written, on a full
+/// disk, is tried once more at the end.
 class Report {
 public:
     Report(Destination& destination, bool isWanted)
@@ -304,7 +316,10 @@ public:
             return;
         rows_.append(csv(path)).append(";").append(std::to_string(node.size)).append(";");
         rows_.append(badBytes == 0 ? "OK" : "Ulæselige sektorer").append(";");
-        rows_.append(label(node.recoverability)).append(";").append(std::to_string(badBytes)).append(";");
+        rows_.append(label(node.recoverability))
+            .append(";")
+            .append(std::to_string(badBytes))
+            .append(";");
         rows_.append(csv(node.note.value_or(std::string()))).append("\n");
         if (rows_.size() >= flushSize)
             flush();
@@ -330,8 +345,8 @@ private:
 /// One call of recover(), once its folder stands.
 class Run {
 public:
-    Run(DiskSource& source, FileDescriptor root, const RecoveryOptions& options, const Reporter& reporter,
-        const WorkProgress& progress, RecoveryResult& result)
+    Run(DiskSource& source, FileDescriptor root, const RecoveryOptions& options,
+        const Reporter& reporter, const WorkProgress& progress, RecoveryResult& result)
         : source_(source)
         , options_(options)
         , reporter_(reporter)
@@ -361,7 +376,8 @@ private:
     /// False when the run has to end.
     bool copyFile(const FileNode& node)
     {
-        Folder& folder = destination_.folderFor(options_.keepFolderStructure ? node.parent() : nullptr);
+        Folder& folder
+            = destination_.folderFor(options_.keepFolderStructure ? node.parent() : nullptr);
         std::string name = sanitize(node.name);
         if (folder.error != 0)
             return fail(folder, name, ": kunne ikke oprette mappen: ", folder.error);
@@ -372,14 +388,14 @@ private:
         FileWriter writer(std::move(created.value));
         const std::string path = Destination::path(folder, name);
         int error = 0;
-        const auto badBytes
-            = FileReader::stream(node, source_, copyPiece, std::nullopt, [&](const FileReader::Piece& piece) {
-                  error = writer.write(piece);
-                  state_.bytesDone += piece.size();
-                  report(path);
-                  result_.cancelled = progress_.isCancelled();
-                  return error == 0 && !result_.cancelled;
-              });
+        const auto badBytes = FileReader::stream(
+            node, source_, copyPiece, std::nullopt, [&](const FileReader::Piece& piece) {
+                error = writer.write(piece);
+                state_.bytesDone += piece.size();
+                report(path);
+                result_.cancelled = progress_.isCancelled();
+                return error == 0 && !result_.cancelled;
+            });
         const int closeError = writer.finish(node, options_.restoreDates);
         error = error != 0 ? error : closeError;
         if (error != 0 || result_.cancelled) {
@@ -441,12 +457,13 @@ std::vector<FileNode*> filesToCopy(std::span<FileNode* const> nodes)
         else
             take(node);
     }
-    std::stable_partition(
-        files.begin(), files.end(), [](const FileNode* node) { return node->status == EntryStatus::existing; });
+    std::stable_partition(files.begin(), files.end(),
+        [](const FileNode* node) { return node->status == EntryStatus::existing; });
     return files;
 }
 
-/// Makes the recovery folder, and what is missing above it. `path` is where it is wanted, and afterwards where it is.
+/// Makes the recovery folder, and what is missing above it. `path` is where it is wanted, and
+/// afterwards where it is.
 Outcome<FileDescriptor> makeRoot(std::string& path)
 {
     const std::string wanted = path;
@@ -457,7 +474,8 @@ Outcome<FileDescriptor> makeRoot(std::string& path)
     do {
         path = uniquePath(wanted, true);
         if (::mkdir(path.c_str(), 0777) == 0) {
-            FileDescriptor root(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            FileDescriptor root(
+                ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             const int openError = root ? 0 : errno;
             return { .value = std::move(root), .error = openError };
         }
@@ -467,9 +485,9 @@ Outcome<FileDescriptor> makeRoot(std::string& path)
 
 } // namespace
 
-RecoveryResult recover(std::span<FileNode* const> nodes, const std::string& rootName, DiskSource& source,
-    const std::string& destination, const RecoveryOptions& options, const Reporter& reporter,
-    const WorkProgress& progress)
+RecoveryResult recover(std::span<FileNode* const> nodes, const std::string& rootName,
+    DiskSource& source, const std::string& destination, const RecoveryOptions& options,
+    const Reporter& reporter, const WorkProgress& progress)
 {
     RecoveryResult result;
     const std::string name = rootName.empty() ? "Gendannet" : sanitize(rootName);
@@ -477,11 +495,13 @@ RecoveryResult recover(std::span<FileNode* const> nodes, const std::string& root
     auto root = makeRoot(folder);
     if (root.error != 0) {
         result.failed = static_cast<std::int64_t>(nodes.size());
-        result.failures.push_back("Kunne ikke oprette mappen " + folder + ": " + describe(root.error));
+        result.failures.push_back(
+            "Kunne ikke oprette mappen " + folder + ": " + describe(root.error));
         return result;
     }
     result.folder = folder;
-    Run(source, std::move(root.value), options, reporter, progress, result).copy(filesToCopy(nodes));
+    Run(source, std::move(root.value), options, reporter, progress, result)
+        .copy(filesToCopy(nodes));
     return result;
 }
 
@@ -503,7 +523,8 @@ std::string uniquePath(const std::string& path, bool isDirectory)
     const std::filesystem::path wanted(path);
     std::string candidate = path;
     for (int number = 2; exists(candidate); ++number)
-        candidate = wanted.parent_path() / numberedName(wanted.filename().string(), number, isDirectory);
+        candidate
+            = wanted.parent_path() / numberedName(wanted.filename().string(), number, isDirectory);
     return candidate;
 }
 

@@ -41,19 +41,19 @@ namespace RecoveryEngine {
 
 using Reporter = std::function<void(const RecoveryProgress&)>;
 
-/// Makes a new folder named `rootName` below `destination` and copies the nodes into it, each once and folders with all
-/// that they hold. Existing files go first, so that of two with one name the intact one keeps it. Nothing that was
-/// there before is touched, and nothing is written outside that folder, whatever the names say. The nodes' volumes must
-/// outlive the call.
-RecoveryResult recover(std::span<FileNode* const> nodes, const std::string& rootName, DiskSource& source,
-    const std::string& destination, const RecoveryOptions& options, const Reporter& reporter,
-    const WorkProgress& progress);
+/// Makes a new folder named `rootName` below `destination` and copies the nodes into it, each once
+/// and folders with all that they hold. Existing files go first, so that of two with one name the
+/// intact one keeps it. Nothing that was there before is touched, and nothing is written outside
+/// that folder, whatever the names say. The nodes' volumes must outlive the call.
+RecoveryResult recover(std::span<FileNode* const> nodes, const std::string& rootName,
+    DiskSource& source, const std::string& destination, const RecoveryOptions& options,
+    const Reporter& reporter, const WorkProgress& progress);
 
 /// A name from a disk as one safe component of a path: not empty, no "/", at most 250 bytes.
 std::string sanitize(std::string_view name);
 
-/// `path`, or with " (2)", " (3)" … before its extension the first one at which nothing exists; folders have no
-/// extension.
+/// `path`, or with " (2)", " (3)" … before its extension the first one at which nothing exists;
+/// folders have no extension.
 std::string uniquePath(const std::string& path, bool isDirectory);
 
 } // namespace RecoveryEngine

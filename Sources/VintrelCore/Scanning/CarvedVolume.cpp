@@ -11,8 +11,8 @@ namespace {
 /// "2024-05-17 14.03.22" in local time: no colons, which some file systems do not take.
 std::string stamp(Date date)
 {
-    const auto seconds
-        = std::chrono::system_clock::to_time_t(std::chrono::time_point_cast<std::chrono::system_clock::duration>(date));
+    const auto seconds = std::chrono::system_clock::to_time_t(
+        std::chrono::time_point_cast<std::chrono::system_clock::duration>(date));
     std::tm local {};
     ::localtime_r(&seconds, &local);
     std::array<char, 64> text;
@@ -29,7 +29,8 @@ std::string nameOf(const CarvedFile& file)
 
 } // namespace
 
-std::unique_ptr<Volume> DeepScanner::carvedVolume(DiskSource& source, std::span<const CarvedFile> files)
+std::unique_ptr<Volume> DeepScanner::carvedVolume(
+    DiskSource& source, std::span<const CarvedFile> files)
 {
     auto root = FileNode::makeFolder("", EntryStatus::existing);
     std::unordered_map<std::string, FileNode*> folders; // by extension
@@ -37,8 +38,8 @@ std::unique_ptr<Volume> DeepScanner::carvedVolume(DiskSource& source, std::span<
         auto& folder = folders[file.ext];
         if (folder == nullptr) {
             std::string name = file.ext;
-            std::ranges::transform(
-                name, name.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+            std::ranges::transform(name, name.begin(),
+                [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
             folder = &root->add(FileNode::makeFolder(std::move(name), EntryStatus::carved));
         }
         auto node = FileNode::makeFile(nameOf(file), file.size, EntryStatus::carved,
@@ -51,9 +52,10 @@ std::unique_ptr<Volume> DeepScanner::carvedVolume(DiskSource& source, std::span<
     }
     root->sortChildren();
 
-    auto volume = std::make_unique<Volume>(
-        FileSystemType::carved, "Filer fundet via signatur", 0, source.size(), std::move(root), "Dyb scanning");
-    volume->notes.emplace_back("Filerne er fundet ud fra deres indhold. Originale navne og mapper kendes ikke, og "
-                               "fragmenterede filer kan være ufuldstændige.");
+    auto volume = std::make_unique<Volume>(FileSystemType::carved, "Filer fundet via signatur", 0,
+        source.size(), std::move(root), "Dyb scanning");
+    volume->notes.emplace_back(
+        "Filerne er fundet ud fra deres indhold. Originale navne og mapper kendes ikke, og "
+        "fragmenterede filer kan være ufuldstændige.");
     return volume;
 }

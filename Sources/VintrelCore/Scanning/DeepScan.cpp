@@ -1,19 +1,20 @@
-#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Disk/SweepWindow.h"
+#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
 #include "VintrelCore/Scanning/Scanner.h"
-#include "VintrelCore/Disk/SweepWindow.h"
 
 #include <algorithm>
 #include <chrono>
 
 namespace {
 
-constexpr std::size_t sectorSize = 512; // boot sectors are found at any multiple, whatever the disk's own sectors
-constexpr std::size_t headSize = 64;    // what the carver is shown
+constexpr std::size_t sectorSize
+    = 512; // boot sectors are found at any multiple, whatever the disk's own sectors
+constexpr std::size_t headSize = 64; // what the carver is shown
 constexpr std::uint64_t apfsBlockSize = 4096;
 constexpr std::uint64_t hfsHeaderOffset = 1024; // from the start of the volume
 
@@ -29,7 +30,8 @@ public:
     {
     }
 
-    /// The first match wins. `chunk` holds what is in memory from `offset` - `at` on; a whole sector lies at `at`.
+    /// The first match wins. `chunk` holds what is in memory from `offset` - `at` on; a whole
+    /// sector lies at `at`.
     void look(ByteView chunk, std::size_t at, std::uint64_t offset)
     {
         const auto sector = ByteView(chunk.span().subspan(at, sectorSize));
@@ -43,9 +45,10 @@ public:
                 result_.mftRecords.push_back(offset);
         } else if (mayBeBootSector(sector)) {
             if (const auto type = FSProbe::detectBootSector(sector))
-                result_.boots.push_back({ offset, *type, *sector.load<std::array<std::uint8_t, sectorSize>>(0) });
-        } else if (bytes[0] == 'H' && (bytes[1] == '+' || bytes[1] == 'X') && bytes[2] == 0 && offset >= hfsHeaderOffset
-            && FSProbe::isHFSPlusHeader(sector.sub(0, 64))) {
+                result_.boots.push_back(
+                    { offset, *type, *sector.load<std::array<std::uint8_t, sectorSize>>(0) });
+        } else if (bytes[0] == 'H' && (bytes[1] == '+' || bytes[1] == 'X') && bytes[2] == 0
+            && offset >= hfsHeaderOffset && FSProbe::isHFSPlusHeader(sector.sub(0, 64))) {
             result_.hfsHeaders.push_back(offset - hfsHeaderOffset);
         } else if (bytes[24] == apfsContainerType && sector.matches("NXSB", 32)) {
             result_.nxsb.push_back(offset);
@@ -62,27 +65,32 @@ private:
 
     static bool mayBeBootSector(ByteView sector)
     {
-        return (sector.data()[510] == 0x55 && sector.data()[511] == 0xAA) || sector.matches("NTFS", 3)
-            || sector.matches("EXFA", 3);
+        return (sector.data()[510] == 0x55 && sector.data()[511] == 0xAA)
+            || sector.matches("NTFS", 3) || sector.matches("EXFA", 3);
     }
 
-    /// Every type that an entry can have, deleted or not, leaves at most 5 in the low bits. Both are looked at in one
-    /// step, since a branch that random data takes now and then costs more.
+    /// Every type that an entry can have, deleted or not, leaves at most 5 in the low bits. Both
+    /// are looked at in one step, since a branch that random data takes now and then costs more.
     static bool mayBeExFATDirectory(const std::uint8_t* sector)
     {
         constexpr unsigned lowBits = 0x1F;
         constexpr std::size_t secondEntry = 32;
-        return std::max(sector[0] & lowBits, sector[secondEntry] & lowBits) <= 5 && (sector[0] & 0x7F) != 0;
+        return std::max(sector[0] & lowBits, sector[secondEntry] & lowBits) <= 5
+            && (sector[0] & 0x7F) != 0;
     }
 
-    /// Blocks lie at multiples of their size, counted from the source's start or from that of a container: partitions
-    /// of old disks begin at odd sectors.
-    bool isAPFSAligned(std::uint64_t offset) const { return apfsAlignments_.contains(offset % apfsBlockSize); }
+    /// Blocks lie at multiples of their size, counted from the source's start or from that of a
+    /// container: partitions of old disks begin at odd sectors.
+    bool isAPFSAligned(std::uint64_t offset) const
+    {
+        return apfsAlignments_.contains(offset % apfsBlockSize);
+    }
 
     bool isAPFSLeaf(ByteView chunk, std::size_t at, std::uint64_t offset)
     {
         if (at + apfsBlockSize <= chunk.size())
-            return APFSParser::looksLikeFSTreeLeaf(chunk, static_cast<std::int64_t>(at), apfsBlockSize);
+            return APFSParser::looksLikeFSTreeLeaf(
+                chunk, static_cast<std::int64_t>(at), apfsBlockSize);
         return APFSParser::looksLikeFSTreeLeaf(
             source_.read(offset, apfsBlockSize, ReadMode::thorough), 0, apfsBlockSize);
     }
@@ -138,7 +146,8 @@ private:
 
 } // namespace
 
-DeepScanResult DeepScanner::run(WorkProgress* reporter, const std::function<void(const DeepScanStats&)>& onUpdate) const
+DeepScanResult DeepScanner::run(
+    WorkProgress* reporter, const std::function<void(const DeepScanStats&)>& onUpdate) const
 {
     DeepScanResult result;
     StructureFinder structures(source_, result);
@@ -160,7 +169,8 @@ DeepScanResult DeepScanner::run(WorkProgress* reporter, const std::function<void
                 structures.look(chunk, at, offset);
             if (!carver || offset < carveFrom)
                 continue;
-            auto found = carver->check(chunk.subspan(at, std::min(headSize, chunk.size() - at)), offset);
+            auto found
+                = carver->check(chunk.subspan(at, std::min(headSize, chunk.size() - at)), offset);
             if (!found)
                 continue;
             // A length beyond the source is not to be believed: it must not hide all that follows.

@@ -1,7 +1,7 @@
 // What the structures that a sweep found say of volumes that no table names.
 
-#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
@@ -20,16 +20,18 @@ constexpr std::uint64_t exfatBackupSector = 12;
 
 bool isFAT(FileSystemType type)
 {
-    return type == FileSystemType::fat12 || type == FileSystemType::fat16 || type == FileSystemType::fat32;
+    return type == FileSystemType::fat12 || type == FileSystemType::fat16
+        || type == FileSystemType::fat32;
 }
 
-/// The start of the volume that a boot sector at `offset` is the backup of; none for types without one, and where it
-/// would lie before the source.
+/// The start of the volume that a boot sector at `offset` is the backup of; none for types without
+/// one, and where it would lie before the source.
 std::optional<std::uint64_t> startByBackup(const FoundBoot& boot)
 {
     const ByteView sector(boot.sector);
-    const std::uint64_t bytesPerSector
-        = boot.type == FileSystemType::exfat ? std::uint64_t { 1 } << (sector.u8(108) % 64) : sector.u16le(11);
+    const std::uint64_t bytesPerSector = boot.type == FileSystemType::exfat
+        ? std::uint64_t { 1 } << (sector.u8(108) % 64)
+        : sector.u16le(11);
     if (boot.type == FileSystemType::ntfs) { // in the sector behind the last one that it counts
         const std::uint64_t sectors = sector.u64le(40);
         const std::uint64_t end = boot.offset + bytesPerSector;
@@ -58,7 +60,8 @@ bool isConfirmed(DiskSource& source, const FoundBoot& boot, std::uint64_t start)
 
 class LostVolumes {
 public:
-    LostVolumes(DiskSource& source, const DeepScanResult& result, const VolumeList& known, WorkProgress* progress)
+    LostVolumes(DiskSource& source, const DeepScanResult& result, const VolumeList& known,
+        WorkProgress* progress)
         : source_(source)
         , result_(result)
         , known_(known)
@@ -71,7 +74,8 @@ public:
         // First those that lie at their own place: a copy is asked only where there is no such one.
         for (const auto& boot : result_.boots)
             if (!isCancelled(progress_) && !isBackup(boot))
-                tryBoot(boot, boot.offset, "Dyb scanning, boot-sektor ved " + std::to_string(boot.offset));
+                tryBoot(boot, boot.offset,
+                    "Dyb scanning, boot-sektor ved " + std::to_string(boot.offset));
         for (const auto& boot : result_.boots)
             if (const auto start = startByBackup(boot); start && !isCancelled(progress_))
                 tryBoot(boot, *start, "Dyb scanning, sikkerhedskopi af boot-sektor");
@@ -83,8 +87,10 @@ public:
             if (!isCancelled(progress_))
                 tryAPFS(superblock);
         rebuildNTFS();
-        rebuildFromDirectories<FATDeepInfo>(result_.fatDirSectors, FATParser::looseSectors, FATParser::rebuild);
-        rebuildFromDirectories<ExFATDeepInfo>(result_.exfatDirSectors, ExFATParser::looseSectors, ExFATParser::rebuild);
+        rebuildFromDirectories<FATDeepInfo>(
+            result_.fatDirSectors, FATParser::looseSectors, FATParser::rebuild);
+        rebuildFromDirectories<ExFATDeepInfo>(
+            result_.exfatDirSectors, ExFATParser::looseSectors, ExFATParser::rebuild);
         return std::move(built_);
     }
 
@@ -92,13 +98,14 @@ private:
     bool isKnown(FileSystemType type, std::uint64_t start) const
     {
         const auto isSame = [&](const std::unique_ptr<Volume>& volume) {
-            return volume->offset == start && (volume->type == type || (isFAT(volume->type) && isFAT(type)));
+            return volume->offset == start
+                && (volume->type == type || (isFAT(volume->type) && isFAT(type)));
         };
         return std::ranges::any_of(known_, isSame) || std::ranges::any_of(built_, isSame);
     }
 
-    /// Asked first, because a backup a few sectors into its volume can pass for a primary one: what follows the true
-    /// root by as many sectors may be more of the root.
+    /// Asked first, because a backup a few sectors into its volume can pass for a primary one: what
+    /// follows the true root by as many sectors may be more of the root.
     bool isBackup(const FoundBoot& boot) const
     {
         const auto start = startByBackup(boot);
@@ -110,15 +117,18 @@ private:
     void report(FileSystemType type, std::string_view what) const
     {
         if (progress_ != nullptr)
-            progress_->report(0, "Undersøger fundet " + std::string(displayName(type)) + std::string(what) + " …");
+            progress_->report(0,
+                "Undersøger fundet " + std::string(displayName(type)) + std::string(what) + " …");
     }
 
     void tryBoot(const FoundBoot& boot, std::uint64_t start, const std::string& origin)
     {
-        if (isKnown(boot.type, start) || taken_ / maxOverlap >= source_.size() || !isConfirmed(source_, boot, start))
+        if (isKnown(boot.type, start) || taken_ / maxOverlap >= source_.size()
+            || !isConfirmed(source_, boot, start))
             return;
         report(boot.type, "-filsystem");
-        for (auto& volume : VolumeLoader::load(source_, boot.type, start, origin, progress_, boot.sector))
+        for (auto& volume :
+            VolumeLoader::load(source_, boot.type, start, origin, progress_, boot.sector))
             keep(std::move(volume));
     }
 
@@ -128,10 +138,11 @@ private:
         const std::uint64_t header = place + hfsHeaderOffset;
         const auto bytes = source_.read(header, hfsHeaderSize, ReadMode::thorough);
         if (!isAlternate) {
-            if (!isKnown(FileSystemType::hfsplus, place) && HFSPlusParser::isConfirmed(source_, place, bytes)) {
+            if (!isKnown(FileSystemType::hfsplus, place)
+                && HFSPlusParser::isConfirmed(source_, place, bytes)) {
                 report(FileSystemType::hfsplus, "-filsystem");
-                keep(HFSPlusParser::parse(
-                    source_, place, "Dyb scanning, volumeheader ved " + std::to_string(header), progress_));
+                keep(HFSPlusParser::parse(source_, place,
+                    "Dyb scanning, volumeheader ved " + std::to_string(header), progress_));
             }
             return;
         }
@@ -146,8 +157,8 @@ private:
             if (!HFSPlusParser::isConfirmed(source_, start, bytes))
                 continue;
             report(FileSystemType::hfsplus, "-filsystem");
-            if (keep(HFSPlusParser::parse(
-                    source_, start, "Dyb scanning, sikkerhedskopi af volumeheader", progress_, ByteView(bytes))))
+            if (keep(HFSPlusParser::parse(source_, start,
+                    "Dyb scanning, sikkerhedskopi af volumeheader", progress_, ByteView(bytes))))
                 return;
         }
     }
@@ -155,14 +166,16 @@ private:
     void tryAPFS(std::uint64_t superblock)
     {
         const auto start = APFSParser::containerStart(source_, superblock);
-        const auto isOfIt
-            = [&](const std::unique_ptr<Volume>& volume) { return APFSParser::isInContainer(*volume, *start); };
-        if (!start || std::ranges::count(containers_, *start) != 0 || std::ranges::any_of(known_, isOfIt))
+        const auto isOfIt = [&](const std::unique_ptr<Volume>& volume) {
+            return APFSParser::isInContainer(*volume, *start);
+        };
+        if (!start || std::ranges::count(containers_, *start) != 0
+            || std::ranges::any_of(known_, isOfIt))
             return;
         containers_.push_back(*start);
         report(FileSystemType::apfs, "-container");
-        for (auto& volume : APFSParser::parseFromSuperblock(
-                 source_, superblock, "Dyb scanning, container-superblok ved " + std::to_string(superblock), progress_))
+        for (auto& volume : APFSParser::parseFromSuperblock(source_, superblock,
+                 "Dyb scanning, container-superblok ved " + std::to_string(superblock), progress_))
             keep(std::move(volume));
     }
 
@@ -174,7 +187,9 @@ private:
             return;
         if (progress_ != nullptr)
             progress_->report(0, "Genopbygger NTFS-filsystem ud fra MFT-poster …");
-        NTFSParser::RebuildHints hints { .geometries = {}, .volumes = {}, .starts = {}, .carved = result_.carved };
+        NTFSParser::RebuildHints hints {
+            .geometries = {}, .volumes = {}, .starts = {}, .carved = result_.carved
+        };
         const auto addStart = [&](std::uint64_t start) {
             if (hints.starts.size() < maxHints && std::ranges::count(hints.starts, start) == 0)
                 hints.starts.push_back(start);
@@ -183,13 +198,15 @@ private:
             const auto isSame = [&](const NTFSGeometry& other) {
                 return other.base == geometry->base && other.clusterSize == geometry->clusterSize;
             };
-            if (geometry && hints.geometries.size() < maxHints && std::ranges::none_of(hints.geometries, isSame))
+            if (geometry && hints.geometries.size() < maxHints
+                && std::ranges::none_of(hints.geometries, isSame))
                 hints.geometries.push_back(*geometry);
         };
         for (const auto* volumes : { &known_, &std::as_const(built_) })
             for (const auto& volume : *volumes) {
                 addStart(volume->offset);
-                if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get())) {
+                if (const auto* info
+                    = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get())) {
                     addHint(info->geometry);
                     hints.volumes.push_back(info);
                 }
@@ -207,7 +224,8 @@ private:
 
     /// From directory sectors, with a parser's `looseSectors` and `rebuild`.
     template <class Info, class Loose, class Rebuild>
-    void rebuildFromDirectories(std::span<const std::uint64_t> sectors, Loose looseSectors, Rebuild rebuild)
+    void rebuildFromDirectories(
+        std::span<const std::uint64_t> sectors, Loose looseSectors, Rebuild rebuild)
     {
         const auto loose = looseSectors(looseSectors(sectors, known_), built_);
         if (loose.empty() || isCancelled(progress_))
@@ -237,8 +255,8 @@ private:
 
     static constexpr std::size_t maxHints = 64;
 
-    /// So many times over the source is covered with volumes from boot sectors, as by formatting it again and again.
-    /// More are made up, and each would take the memory of an allocation table.
+    /// So many times over the source is covered with volumes from boot sectors, as by formatting it
+    /// again and again. More are made up, and each would take the memory of an allocation table.
     static constexpr std::uint64_t maxOverlap = 16;
 
     DiskSource& source_;
@@ -246,20 +264,21 @@ private:
     const VolumeList& known_;
     WorkProgress* progress_;
     VolumeList built_;
-    std::uint64_t taken_ = 0; ///< bytes of the source in the volumes that were built, each for itself
+    std::uint64_t taken_
+        = 0; ///< bytes of the source in the volumes that were built, each for itself
     std::vector<std::uint64_t> containers_;
 };
 
 } // namespace
 
-VolumeList DeepScanner::buildVolumes(
-    DiskSource& source, const DeepScanResult& result, const VolumeList& known, WorkProgress* progress)
+VolumeList DeepScanner::buildVolumes(DiskSource& source, const DeepScanResult& result,
+    const VolumeList& known, WorkProgress* progress)
 {
     return LostVolumes(source, result, known, progress).build();
 }
 
-std::vector<DeepScanner::ExtraFolder> DeepScanner::extraFolders(
-    DiskSource& source, const VolumeList& volumes, const DeepScanResult& result, WorkProgress* progress)
+std::vector<DeepScanner::ExtraFolder> DeepScanner::extraFolders(DiskSource& source,
+    const VolumeList& volumes, const DeepScanResult& result, WorkProgress* progress)
 {
     std::vector<ExtraFolder> folders;
     const auto fatSectors = FATParser::looseSectors(result.fatDirSectors, volumes);

@@ -16,10 +16,11 @@ using Entries = std::vector<PartitionEntry>;
 
 struct GPTHeader {
     std::array<std::uint8_t, 8> signature; //  0  "EFI PART"
-    std::array<std::uint8_t, 64> unused;   //  8  revision, checksums, places of the headers, disk GUID
-    LE64 firstEntryLBA;                    // 72  in sectors
-    LE32 entryCount;                       // 80
-    LE32 entrySize;                        // 84  in bytes
+    std::array<std::uint8_t, 64>
+        unused;         //  8  revision, checksums, places of the headers, disk GUID
+    LE64 firstEntryLBA; // 72  in sectors
+    LE32 entryCount;    // 80
+    LE32 entrySize;     // 84  in bytes
 };
 static_assert(sizeof(GPTHeader) == 88 && offsetof(GPTHeader, firstEntryLBA) == 72);
 
@@ -55,7 +56,8 @@ constexpr std::uint32_t maxGPTEntrySize = 4096;
 /// A chain of logical partitions that loops ends here.
 constexpr int maxEBRs = 128;
 
-constexpr std::uint8_t protectiveType = 0xEE; // one partition over the whole disk, so that old tools leave GPT alone
+constexpr std::uint8_t protectiveType
+    = 0xEE; // one partition over the whole disk, so that old tools leave GPT alone
 
 bool isExtendedType(std::uint8_t type) { return type == 0x05 || type == 0x0F || type == 0x85; }
 
@@ -71,8 +73,8 @@ std::int64_t nextEntryID()
     return ++last;
 }
 
-void append(Entries& entries, std::string scheme, std::string typeName, std::uint64_t offset, std::uint64_t size,
-    std::string name = {})
+void append(Entries& entries, std::string scheme, std::string typeName, std::uint64_t offset,
+    std::uint64_t size, std::string name = {})
 {
     entries.push_back({ .id = nextEntryID(),
         .index = static_cast<int>(entries.size()) + 1,
@@ -90,10 +92,12 @@ Entries parseGPT(DiskSource& source, const GPTHeader& header, std::uint32_t sect
     const std::uint32_t count = std::min<std::uint32_t>(header.entryCount, maxGPTEntries);
     const std::uint32_t entrySize = header.entrySize;
     const std::uint64_t tableOffset = saturatingMultiply(header.firstEntryLBA, sectorSize);
-    if (count == 0 || entrySize < minGPTEntrySize || entrySize > maxGPTEntrySize || tableOffset >= source.size())
+    if (count == 0 || entrySize < minGPTEntrySize || entrySize > maxGPTEntrySize
+        || tableOffset >= source.size())
         return entries;
 
-    const auto bytes = source.read(tableOffset, std::int64_t { count } * entrySize, ReadMode::thorough);
+    const auto bytes
+        = source.read(tableOffset, std::int64_t { count } * entrySize, ReadMode::thorough);
     const ByteView table(bytes);
     for (std::int64_t i = 0; i < count; ++i) {
         const auto slot = table.load<GPTSlot>(i * entrySize);
@@ -103,11 +107,14 @@ Entries parseGPT(DiskSource& source, const GPTHeader& header, std::uint32_t sect
         if (start >= source.size())
             continue;
         const std::uint64_t last = slot->lastLBA;
-        const std::uint64_t sectorsToEnd = last == std::numeric_limits<std::uint64_t>::max() ? last : last + 1;
-        const std::uint64_t end = std::min(source.size(), saturatingMultiply(sectorsToEnd, sectorSize));
+        const std::uint64_t sectorsToEnd
+            = last == std::numeric_limits<std::uint64_t>::max() ? last : last + 1;
+        const std::uint64_t end
+            = std::min(source.size(), saturatingMultiply(sectorsToEnd, sectorSize));
         auto name = ByteView(slot->name).utf16le(0, 36);
         name.erase(std::min(name.find('\0'), name.size()));
-        append(entries, "GPT", gptTypeName(guid(slot->type, 0)), start, end - start, std::move(name));
+        append(
+            entries, "GPT", gptTypeName(guid(slot->type, 0)), start, end - start, std::move(name));
     }
     return entries;
 }
@@ -117,7 +124,8 @@ Entries readGPTAt(DiskSource& source, std::uint64_t offset, std::uint32_t sector
     const auto sector = source.read(offset, sectorSize, ReadMode::thorough);
     const ByteView bytes(sector);
     const auto header = bytes.load<GPTHeader>(0);
-    return header && bytes.matches("EFI PART", 0) ? parseGPT(source, *header, sectorSize) : Entries {};
+    return header && bytes.matches("EFI PART", 0) ? parseGPT(source, *header, sectorSize)
+                                                  : Entries {};
 }
 
 Entries readGPT(DiskSource& source, std::vector<std::string>& notes)
@@ -135,8 +143,10 @@ Entries readGPT(DiskSource& source, std::vector<std::string>& notes)
         if (source.size() < 2 * std::uint64_t { sectorSize })
             continue;
         const std::uint64_t lastSector = source.size() / sectorSize - 1;
-        if (auto entries = readGPTAt(source, lastSector * sectorSize, sectorSize); !entries.empty()) {
-            notes.emplace_back("Den primære GPT-header var beskadiget – backup-headeren blev brugt.");
+        if (auto entries = readGPTAt(source, lastSector * sectorSize, sectorSize);
+            !entries.empty()) {
+            notes.emplace_back(
+                "Den primære GPT-header var beskadiget – backup-headeren blev brugt.");
             return entries;
         }
     }
@@ -147,19 +157,21 @@ std::optional<MBRSector> readMBRSector(DiskSource& source, std::uint64_t offset)
 {
     const auto bytes = source.read(offset, sizeof(MBRSector), ReadMode::thorough);
     const auto sector = ByteView(bytes).load<MBRSector>(0);
-    return sector && sector->signature == std::array<std::uint8_t, 2> { 0x55, 0xAA } ? sector : std::nullopt;
+    return sector && sector->signature == std::array<std::uint8_t, 2> { 0x55, 0xAA } ? sector
+                                                                                     : std::nullopt;
 }
 
-void appendMBR(Entries& entries, DiskSource& source, const char* scheme, const MBRSlot& slot, std::uint64_t lba,
-    std::uint64_t unit)
+void appendMBR(Entries& entries, DiskSource& source, const char* scheme, const MBRSlot& slot,
+    std::uint64_t lba, std::uint64_t unit)
 {
     const std::uint64_t start = lba * unit;
     if (start < source.size())
-        append(
-            entries, scheme, mbrTypeName(slot.type), start, std::min(source.size() - start, slot.sectorCount * unit));
+        append(entries, scheme, mbrTypeName(slot.type), start,
+            std::min(source.size() - start, slot.sectorCount * unit));
 }
 
-/// Follows the chain of EBRs whose first one, and zero point for the links, lies at sector `container`.
+/// Follows the chain of EBRs whose first one, and zero point for the links, lies at sector
+/// `container`.
 void readLogical(Entries& entries, DiskSource& source, std::uint64_t container, std::uint64_t unit)
 {
     std::uint64_t current = container;
@@ -199,7 +211,8 @@ Entries readMBR(DiskSource& source)
     return entries;
 }
 
-PartitionLayout probed(DiskSource& source, std::string scheme, Entries entries, std::vector<std::string> notes)
+PartitionLayout probed(
+    DiskSource& source, std::string scheme, Entries entries, std::vector<std::string> notes)
 {
     for (auto& entry : entries)
         entry.detected = FSProbe::detect(source, entry.offset);
@@ -214,7 +227,8 @@ PartitionLayout read(DiskSource& source)
     if (auto entries = readGPT(source, notes); !entries.empty())
         return probed(source, "GPT", std::move(entries), std::move(notes));
 
-    // Before MBR: a FAT or NTFS boot sector bears the MBR's signature, and its code can look like partition slots.
+    // Before MBR: a FAT or NTFS boot sector bears the MBR's signature, and its code can look like
+    // partition slots.
     if (const auto type = FSProbe::detect(source, 0)) {
         Entries entries;
         append(entries, "Ingen", "Hele disken", 0, source.size());
@@ -224,15 +238,17 @@ PartitionLayout read(DiskSource& source)
 
     if (auto entries = readMBR(source); !entries.empty())
         return probed(source, "MBR", std::move(entries), std::move(notes));
-    notes.emplace_back("Der blev ikke fundet nogen gyldig partitionstabel. Brug dyb scanning for at finde tabte "
-                       "partitioner.");
+    notes.emplace_back(
+        "Der blev ikke fundet nogen gyldig partitionstabel. Brug dyb scanning for at finde tabte "
+        "partitioner.");
     return { "Ukendt", {}, std::move(notes) };
 }
 
 std::string guid(ByteView bytes, std::int64_t at)
 {
     // The position of each byte in the text; -1 is a hyphen.
-    constexpr int order[] = { 3, 2, 1, 0, -1, 5, 4, -1, 7, 6, -1, 8, 9, -1, 10, 11, 12, 13, 14, 15 };
+    constexpr int order[]
+        = { 3, 2, 1, 0, -1, 5, 4, -1, 7, 6, -1, 8, 9, -1, 10, 11, 12, 13, 14, 15 };
     constexpr char digits[] = "0123456789ABCDEF";
     std::string text;
     for (const int position : order) {

@@ -28,8 +28,8 @@ struct PartitionLayout {
 
 namespace PartitionTable {
 
-/// The partitions of a source: by GPT, else the whole source when a file system fills it, else by MBR. What lies in
-/// each is probed.
+/// The partitions of a source: by GPT, else the whole source when a file system fills it, else by
+/// MBR. What lies in each is probed.
 PartitionLayout read(DiskSource& source);
 
 /// The text form of a GUID at `at`, whose first three groups are stored in little-endian order:

@@ -1,5 +1,5 @@
-#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
@@ -22,8 +22,8 @@ VolumeList oneOrNone(std::unique_ptr<Volume> volume)
 
 } // namespace
 
-VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> boot)
+VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
+    const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot)
 {
     switch (type) {
     case FileSystemType::fat12:
@@ -73,14 +73,16 @@ ScanResult run(DiskSource& source, WorkProgress* progress)
             result.notes.emplace_back("ext-filsystemer understøttes kun via dyb scanning.");
             continue;
         }
-        const std::string label = entry.name.empty() ? "partition " + std::to_string(entry.index) : entry.name;
+        const std::string label
+            = entry.name.empty() ? "partition " + std::to_string(entry.index) : entry.name;
         report(static_cast<double>(entry.index - 1) / static_cast<double>(entries.size()),
             "Læser " + std::string(displayName(type)) + "-filsystemet på " + label + " …");
-        const std::string origin = entry.scheme == "Ingen" ? entry.typeName : entry.scheme + ", " + label;
+        const std::string origin
+            = entry.scheme == "Ingen" ? entry.typeName : entry.scheme + ", " + label;
         auto volumes = VolumeLoader::load(source, type, entry.offset, origin, progress);
         if (volumes.empty())
-            result.notes.push_back(
-                std::string(displayName(type)) + "-filsystemet på " + label + " kunne ikke læses. Prøv dyb scanning.");
+            result.notes.push_back(std::string(displayName(type)) + "-filsystemet på " + label
+                + " kunne ikke læses. Prøv dyb scanning.");
         else
             loadedOffsets.insert(entry.offset);
         std::ranges::move(volumes, std::back_inserter(result.volumes));

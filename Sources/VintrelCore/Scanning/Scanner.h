@@ -18,10 +18,11 @@ class DiskSource;
 /// The one way from a file-system type to the parser that reads it.
 namespace VolumeLoader {
 
-/// The volumes of the file system that begins at byte `offset`; none when it cannot be read. `origin` is stored in each
-/// of them. `boot`: a boot sector found elsewhere, to be used instead of the one at `offset`.
-VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> boot = {});
+/// The volumes of the file system that begins at byte `offset`; none when it cannot be read.
+/// `origin` is stored in each of them. `boot`: a boot sector found elsewhere, to be used instead of
+/// the one at `offset`.
+VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
+    const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot = {});
 
 } // namespace VolumeLoader
 
@@ -52,9 +53,9 @@ struct DeepScanStats {
     std::uint64_t filesFound = 0;
     std::uint64_t bootSectors = 0; ///< with HFS+ headers and APFS container superblocks
     std::uint64_t mftRecords = 0;
-    double rate = 0;                                     ///< bytes per second lately; 0 in the first second
-    std::uint64_t badSectors = 0;                        ///< unreadable ones of the source
-    double elapsed = 0;                                  ///< seconds
+    double rate = 0;              ///< bytes per second lately; 0 in the first second
+    std::uint64_t badSectors = 0; ///< unreadable ones of the source
+    double elapsed = 0;           ///< seconds
     std::map<std::string, std::uint64_t> byExtension {}; ///< carved files
 };
 
@@ -69,18 +70,20 @@ struct FoundBoot {
 struct DeepScanResult {
     std::vector<CarvedFile> carved;
     std::vector<FoundBoot> boots;
-    std::vector<std::uint64_t> hfsHeaders;      ///< where the volumes begin: 1024 bytes before their headers
-    std::vector<std::uint64_t> nxsb;            ///< APFS container superblocks
-    std::vector<std::uint64_t> mftRecords;      ///< sectors that begin an NTFS file record
-    std::vector<std::uint64_t> fatDirSectors;   ///< sectors that look like part of a FAT directory
-    std::vector<std::uint64_t> apfsLeafNodes;   ///< leaves of APFS file-system trees
-    std::vector<std::uint64_t> exfatDirSectors; ///< sectors in which entry sets of exFAT directories begin
-    bool completed = false;                     ///< whether the end of the source was reached
+    std::vector<std::uint64_t>
+        hfsHeaders;                  ///< where the volumes begin: 1024 bytes before their headers
+    std::vector<std::uint64_t> nxsb; ///< APFS container superblocks
+    std::vector<std::uint64_t> mftRecords;    ///< sectors that begin an NTFS file record
+    std::vector<std::uint64_t> fatDirSectors; ///< sectors that look like part of a FAT directory
+    std::vector<std::uint64_t> apfsLeafNodes; ///< leaves of APFS file-system trees
+    std::vector<std::uint64_t>
+        exfatDirSectors;    ///< sectors in which entry sets of exFAT directories begin
+    bool completed = false; ///< whether the end of the source was reached
     std::uint64_t scannedUpTo = 0;
 };
 
-/// Reads the whole source once, from front to back, and asks at every sector of 512 bytes which structure of a file
-/// system lies there and which known file begins there. It interprets nothing.
+/// Reads the whole source once, from front to back, and asks at every sector of 512 bytes which
+/// structure of a file system lies there and which known file begins there. It interprets nothing.
 class DeepScanner {
 public:
     explicit DeepScanner(DiskSource& source, DeepScanOptions options = {})
@@ -89,26 +92,28 @@ public:
     {
     }
 
-    /// The sweep. `reporter` may be none; when it is cancelled, what was found so far is the result. `onUpdate` hears
-    /// of the progress about three times a second and at the end.
-    DeepScanResult run(WorkProgress* reporter, const std::function<void(const DeepScanStats&)>& onUpdate = {}) const;
+    /// The sweep. `reporter` may be none; when it is cancelled, what was found so far is the
+    /// result. `onUpdate` hears of the progress about three times a second and at the end.
+    DeepScanResult run(WorkProgress* reporter,
+        const std::function<void(const DeepScanStats&)>& onUpdate = {}) const;
 
     /// The volumes that a sweep's finds belong to and that are not among the `known` ones.
-    static VolumeList buildVolumes(
-        DiskSource& source, const DeepScanResult& result, const VolumeList& known, WorkProgress* progress);
+    static VolumeList buildVolumes(DiskSource& source, const DeepScanResult& result,
+        const VolumeList& known, WorkProgress* progress);
 
     /// A folder for the root of a volume, with files that its own tables do not name any more.
     struct ExtraFolder {
         Volume* volume;
         std::unique_ptr<FileNode> folder;
     };
-    /// What the sweep found that belongs to these volumes and that they do not list. Some of it may be added to folders
-    /// that the volumes have already.
-    static std::vector<ExtraFolder> extraFolders(
-        DiskSource& source, const VolumeList& volumes, const DeepScanResult& result, WorkProgress* progress);
+    /// What the sweep found that belongs to these volumes and that they do not list. Some of it may
+    /// be added to folders that the volumes have already.
+    static std::vector<ExtraFolder> extraFolders(DiskSource& source, const VolumeList& volumes,
+        const DeepScanResult& result, WorkProgress* progress);
 
     /// The files found by content, as a volume with a folder for each kind.
-    static std::unique_ptr<Volume> carvedVolume(DiskSource& source, std::span<const CarvedFile> files);
+    static std::unique_ptr<Volume> carvedVolume(
+        DiskSource& source, std::span<const CarvedFile> files);
 
 private:
     DiskSource& source_;

@@ -1,4 +1,5 @@
-// Real files of every kind, as the tools of Tests/Samples/make wrote them, on images without any file system.
+// Real files of every kind, as the tools of Tests/Samples/make wrote them, on images without any
+// file system.
 
 #include "Tests/Images/CarvedFile.h"
 #include "Tests/Support/TestSource.h"
@@ -28,17 +29,21 @@ const std::vector<Sample>& samples()
         std::vector<Sample> files;
         for (const auto& entry : std::filesystem::directory_iterator(VINTREL_SAMPLES))
             if (entry.path().has_extension()) // the recipe has none
-                files.push_back({ entry.path().filename().string(), readFile(entry.path().string()) });
-        std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+                files.push_back(
+                    { entry.path().filename().string(), readFile(entry.path().string()) });
+        std::sort(files.begin(), files.end(),
+            [](const auto& a, const auto& b) { return a.name < b.name; });
         return files;
     }();
     return all;
 }
 
 /// A find, and what is expected of one, in words that a failing test can print.
-std::string describe(std::uint64_t offset, std::uint64_t size, const std::string& extension, bool isExact)
+std::string describe(
+    std::uint64_t offset, std::uint64_t size, const std::string& extension, bool isExact)
 {
-    return std::to_string(offset) + "+" + std::to_string(size) + " " + extension + (isExact ? "" : " (estimated)");
+    return std::to_string(offset) + "+" + std::to_string(size) + " " + extension
+        + (isExact ? "" : " (estimated)");
 }
 
 class Disk {
@@ -57,14 +62,15 @@ public:
     /// At least this many bytes, and up to the end of a sector.
     void fill(Filler filler, std::size_t atLeast)
     {
-        static const auto sentence
-            = bytesOf("En dag i juli {stod} solen stille over \\fjorden; <b>ingen</b> havde travlt (0 obj).\n");
+        static const auto sentence = bytesOf("En dag i juli {stod} solen stille over \\fjorden; "
+                                             "<b>ingen</b> havde travlt (0 obj).\n");
         auto count = atLeast + (512 - (bytes_.size() + atLeast) % 512) % 512;
         if (filler == random) {
             append(patternBytes(count, static_cast<std::uint32_t>(bytes_.size())));
         } else {
             for (; count > 0; --count)
-                bytes_.push_back(filler == text ? sentence[count % sentence.size()] : std::uint8_t { 0 });
+                bytes_.push_back(
+                    filler == text ? sentence[count % sentence.size()] : std::uint8_t { 0 });
         }
     }
 
@@ -87,7 +93,8 @@ constexpr std::array fillers { Disk::zeros, Disk::text, Disk::random };
 
 } // namespace
 
-// Each file stands behind and in front of each filler, which also takes the rest of the file's last sector.
+// Each file stands behind and in front of each filler, which also takes the rest of the file's last
+// sector.
 TEST(CarverSamples, ComeBackByteForByteAndNothingElseDoes)
 {
     ASSERT_GT(samples().size(), 70u);
@@ -103,14 +110,17 @@ TEST(CarverSamples, ComeBackByteForByteAndNothingElseDoes)
     }
 }
 
-// Files that were overwritten behind their first half may give a find of their own, but take nothing from others.
+// Files that were overwritten behind their first half may give a find of their own, but take
+// nothing from others.
 TEST(CarverSamples, AreNotHiddenByTheBeginningsOfOthers)
 {
-    for (std::size_t shift = 1; shift < samples().size(); shift += 15) { // other neighbours each time
+    for (std::size_t shift = 1; shift < samples().size();
+         shift += 15) { // other neighbours each time
         Disk disk;
         for (std::size_t i = 0; i < samples().size(); ++i) {
             const auto& lost = samples()[i].bytes;
-            disk.append(Bytes(lost.begin(), lost.begin() + static_cast<std::ptrdiff_t>(lost.size() * 6 / 10)));
+            disk.append(Bytes(
+                lost.begin(), lost.begin() + static_cast<std::ptrdiff_t>(lost.size() * 6 / 10)));
             disk.fill(Disk::text, lost.size()); // a length that the beginning tells is believed
             disk.place(samples()[(i * 29 + shift) % samples().size()]);
             disk.fill(Disk::zeros, 0);
@@ -124,7 +134,8 @@ TEST(CarverSamples, AreNotHiddenByTheBeginningsOfOthers)
     }
 }
 
-// Neither the bytes between two files nor the end of the disk are needed to tell one from the other.
+// Neither the bytes between two files nor the end of the disk are needed to tell one from the
+// other.
 TEST(CarverSamples, MayTouchEachOther)
 {
     Disk disk;
@@ -135,13 +146,25 @@ TEST(CarverSamples, MayTouchEachOther)
     EXPECT_EQ(disk.found(), disk.expected());
 }
 
-// Damaged files by the thousand: none may crash its reader, or make it read without end. The seeds are fixed.
+// Damaged files by the thousand: none may crash its reader, or make it read without end. The seeds
+// are fixed.
 TEST(CarverSamples, DamagedFilesStayWithinBounds)
 {
-    std::vector<Bytes> files { tiffFile("IIRO", { { 0x10F, 2, 8, 60 }, { 0x111, 4, 1, 200 }, { 0x117, 4, 1, 900 } }),
+    std::vector<Bytes> files {
+        tiffFile("IIRO", { { 0x10F, 2, 8, 60 }, { 0x111, 4, 1, 200 }, { 0x117, 4, 1, 900 } }),
         Content().text("FUJIFILMCCD-RAW ").upTo(84).be(148, 4).be(900, 4).upTo(200),
-        Content().text("Rar!\x1A\x07").zeros(3).be(0x73, 1).zeros(2).le(13, 2).upTo(22).be(0x7B, 1).zeros(2).le(7, 2),
-        Content().text("Rar!\x1A\x07\x01").zeros(5).be(0x030100, 3).zeros(5).be(0x030500, 3) };
+        Content()
+            .text("Rar!\x1A\x07")
+            .zeros(3)
+            .be(0x73, 1)
+            .zeros(2)
+            .le(13, 2)
+            .upTo(22)
+            .be(0x7B, 1)
+            .zeros(2)
+            .le(7, 2),
+        Content().text("Rar!\x1A\x07\x01").zeros(5).be(0x030100, 3).zeros(5).be(0x030500, 3)
+    };
     for (const auto& sample : samples())
         files.push_back(sample.bytes);
     std::mt19937 random(1959);
@@ -151,9 +174,10 @@ TEST(CarverSamples, DamagedFilesStayWithinBounds)
             auto bytes = files[i];
             for (auto count = 1 + random() % 6; count > 0; --count) {
                 constexpr std::uint8_t telling[] = { 0x00, 0x01, 0x7F, 0x80, 0xFF };
-                const auto at = random() % std::min<std::size_t>(bytes.size(), random() % 2 == 0 ? 96 : bytes.size());
-                bytes[at]
-                    = random() % 2 == 0 ? telling[random() % std::size(telling)] : static_cast<std::uint8_t>(random());
+                const auto at = random()
+                    % std::min<std::size_t>(bytes.size(), random() % 2 == 0 ? 96 : bytes.size());
+                bytes[at] = random() % 2 == 0 ? telling[random() % std::size(telling)]
+                                              : static_cast<std::uint8_t>(random());
             }
             bytes.resize(random() % 8 == 0 ? random() % bytes.size() : bytes.size());
             const auto source = makeSource(bytes);

@@ -26,7 +26,9 @@ std::pair<std::string, std::string> printed(const std::vector<std::string>& argu
 struct LoopDevice {
     LoopDevice(const std::string& file, const std::string& sectorSize)
     {
-        if (runCommand("losetup --find --show --sector-size " + sectorSize + " '" + file + "'", &path) != 0)
+        if (runCommand(
+                "losetup --find --show --sector-size " + sectorSize + " '" + file + "'", &path)
+            != 0)
             path.clear();
         path = path.substr(0, path.find('\n'));
     }
@@ -71,7 +73,8 @@ TEST(Devices, AreReadSectorBySector)
         EXPECT_EQ(source->sectorSize(), sectorSize);
         EXPECT_EQ(source->size(), bytes.size());
         // Whatever the alignment, small and large, past the cache and through it.
-        for (const auto& [offset, count] : { std::pair(1u, 600u), { 131'000u, 262'200u }, { 513u, 2'000'000u } }) {
+        for (const auto& [offset, count] :
+            { std::pair(1u, 600u), { 131'000u, 262'200u }, { 513u, 2'000'000u } }) {
             EXPECT_EQ(source->read(offset, count, ReadMode::fast),
                 Bytes(bytes.begin() + offset, bytes.begin() + offset + count));
             Bytes buffer(count);
@@ -79,18 +82,21 @@ TEST(Devices, AreReadSectorBySector)
             EXPECT_TRUE(std::equal(buffer.begin(), buffer.end(), bytes.begin() + offset));
         }
 
-        // The disk ends early. Its last sector is the first of a page, and has to be read without the others.
+        // The disk ends early. Its last sector is the first of a page, and has to be read without
+        // the others.
         const auto readable = image.offsetOf(first) / 4'096 * 4'096 + 5 * 4'096 + sectorSize;
         std::filesystem::resize_file(folder / "disk", readable);
         printed({ "image", disk.path, folder / "kopi" });
         auto copy = readFile(folder / "kopi");
         ASSERT_EQ(copy.size(), bytes.size());
-        EXPECT_TRUE(std::equal(copy.begin(), copy.begin() + static_cast<std::ptrdiff_t>(readable), bytes.begin()));
+        EXPECT_TRUE(std::equal(
+            copy.begin(), copy.begin() + static_cast<std::ptrdiff_t>(readable), bytes.begin()));
         EXPECT_TRUE(printed({ "scan", disk.path })
                         .first.starts_with(name + ": " + formatBytes(bytes.size()) + ", sektor "
                             + std::to_string(sectorSize) + " B\n"));
-        EXPECT_TRUE(printed({ "recover", disk.path, folder / "ud" })
-                        .first.starts_with("KAMERA (FAT16): 0 gendannet, 1 med fejl, 0 mislykkedes → "));
+        EXPECT_TRUE(
+            printed({ "recover", disk.path, folder / "ud" })
+                .first.starts_with("KAMERA (FAT16): 0 gendannet, 1 med fejl, 0 mislykkedes → "));
     }
 }
 
@@ -102,10 +108,12 @@ TEST(Devices, WarnWhenTheDestinationIsOnThem)
     std::filesystem::create_directory(folder / "mount");
     writeFile(folder / "disk", Bytes(4_MiB));
     const LoopDevice disk(folder / "disk", "512");
-    if (runCommand("mkfs.ext4 -q " + disk.path + " && mount " + disk.path + " " + folder / "mount") != 0)
+    if (runCommand("mkfs.ext4 -q " + disk.path + " && mount " + disk.path + " " + folder / "mount")
+        != 0)
         GTEST_SKIP() << "this system lets us mount nothing";
     EXPECT_NE(
-        printed({ "list" }).first.find("\n   " + disk.path + "\t" + formatBytes(4_MiB) + "\t"), std::string::npos);
+        printed({ "list" }).first.find("\n   " + disk.path + "\t" + formatBytes(4_MiB) + "\t"),
+        std::string::npos);
     for (const char* command : { "recover", "image" }) {
         EXPECT_EQ(printed({ command, disk.path, folder / "mount/ny/ud" }).second,
             "Advarsel: " + folder / "mount/ny/ud" + " ligger på den disk, der læses ("
@@ -119,10 +127,12 @@ TEST(Devices, WarnWhenTheDestinationIsOnThem)
 TEST(Devices, LieOnDevices)
 {
     const TemporaryFolder folder;
-    const auto devices = std::filesystem::path(folder / "devices"), sysfs = std::filesystem::path(folder / "block");
+    const auto devices = std::filesystem::path(folder / "devices"),
+               sysfs = std::filesystem::path(folder / "block");
     std::filesystem::create_directories(sysfs);
-    for (const auto& [place, number] : { std::pair("nvme0", "8:0"), { "nvme0/nvme0n1", "259:0" }, { "sdb", "8:16" },
-             { "sdb/sdb1", "8:17" }, { "sdb/sdb2", "8:18" }, { "dm-0", "253:0" }, { "dm-1", "253:1" } }) {
+    for (const auto& [place, number] : { std::pair("nvme0", "8:0"), { "nvme0/nvme0n1", "259:0" },
+             { "sdb", "8:16" }, { "sdb/sdb1", "8:17" }, { "sdb/sdb2", "8:18" }, { "dm-0", "253:0" },
+             { "dm-1", "253:1" } }) {
         std::filesystem::create_directories(devices / place / "slaves");
         writeFile(devices / place / "dev", bytesOf(number + std::string("\n")));
         std::filesystem::create_symlink(devices / place, sysfs / number);
@@ -131,12 +141,15 @@ TEST(Devices, LieOnDevices)
         writeFile(devices / partition / "partition", bytesOf("1\n"));
     std::filesystem::create_symlink(devices / "sdb/sdb2", devices / "dm-0/slaves/sdb2");
     std::filesystem::create_symlink(devices / "dm-0", devices / "dm-1/slaves/dm-0");
-    std::filesystem::create_symlink(devices / "dm-1", devices / "dm-0/slaves/dm-1"); // a circle, which cannot be
+    std::filesystem::create_symlink(
+        devices / "dm-1", devices / "dm-0/slaves/dm-1"); // a circle, which cannot be
 
-    for (const auto& [upper, lower, expected] : { std::tuple("8:17", "8:17", true), { "8:17", "8:16", true },
-             { "8:16", "8:17", false }, { "8:17", "8:18", false }, { "253:1", "8:16", true },
-             { "253:1", "8:17", false }, { "259:0", "8:0", false }, { "9:9", "8:0", false } })
-        EXPECT_EQ(DeviceStack::liesOn(upper, lower, sysfs.string()), expected) << upper << " on " << lower;
+    for (const auto& [upper, lower, expected] :
+        { std::tuple("8:17", "8:17", true), { "8:17", "8:16", true }, { "8:16", "8:17", false },
+            { "8:17", "8:18", false }, { "253:1", "8:16", true }, { "253:1", "8:17", false },
+            { "259:0", "8:0", false }, { "9:9", "8:0", false } })
+        EXPECT_EQ(DeviceStack::liesOn(upper, lower, sysfs.string()), expected)
+            << upper << " on " << lower;
 
     if (!VINTREL_READS_PROPERTY_LISTS)
         return;
@@ -145,8 +158,8 @@ store='<key>APFSPhysicalStores</key><array><dict><key>APFSPhysicalStore</key><st
 [ $3 = disk3s1 ] || store=
 [ "$1 $2" = 'info -plist' ] &&
 echo "<plist><dict><key>ParentWholeDisk</key><string>${3%s*}</string>$store</dict></plist>")");
-    for (const auto& [lower, expected] : { std::pair("disk3s1", true), { "disk0s2", true }, { "disk0", true },
-             { "disk4", false }, { "disk0s3", false } })
+    for (const auto& [lower, expected] : { std::pair("disk3s1", true), { "disk0s2", true },
+             { "disk0", true }, { "disk4", false }, { "disk0s3", false } })
         EXPECT_EQ(DeviceStack::liesOnByDiskutil("disk3s1", lower, diskutil), expected) << lower;
 }
 
@@ -166,7 +179,8 @@ TEST(Devices, AreOpenedWithAuthorization)
         return answerOf([&] {
             const auto descriptor = DeviceAccess::openWithAuthorization(authopen, path, "Min disk");
             char text[16] {};
-            return std::string(text, static_cast<std::size_t>(::pread(descriptor.get(), text, sizeof text, 0)));
+            return std::string(
+                text, static_cast<std::size_t>(::pread(descriptor.get(), text, sizeof text, 0)));
         });
     };
     for (const auto& [script, answer] : cases)
@@ -192,7 +206,8 @@ TEST(Devices, AreAttachedFromAppleImages)
     };
     for (const auto& [script, answer] : cases)
         EXPECT_EQ(attach(writeScript(hdiutil, script)), answer) << script;
-    EXPECT_EQ(attach(folder / "mangler"), failed + folder / "mangler" + ": " + std::strerror(ENOENT));
+    EXPECT_EQ(
+        attach(folder / "mangler"), failed + folder / "mangler" + ": " + std::strerror(ENOENT));
 
     if (!VINTREL_READS_PROPERTY_LISTS)
         return;
@@ -202,6 +217,6 @@ for device in disk12s1 disk7s1 disk7 null; do echo "<dict><key>dev-entry</key><s
 echo '</array></dict></plist>')")),
         "/dev/disk7");
     EXPECT_EQ(readFile(folder / "log"),
-        bytesOf("attach -readonly -nomount -plist " + (std::filesystem::current_path() / "-kort.dmg").string()
-            + "\ndetach /dev/disk7\n"));
+        bytesOf("attach -readonly -nomount -plist "
+            + (std::filesystem::current_path() / "-kort.dmg").string() + "\ndetach /dev/disk7\n"));
 }

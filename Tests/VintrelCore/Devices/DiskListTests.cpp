@@ -51,8 +51,10 @@ TEST(DiskList, ReadsLsblkAndSmartctl)
     const auto lsblk = printing(folder / "lsblk", recordedLsblk);
     const auto smartctl = writeScript(folder / "smartctl",
         "case \"$1 $2\" in\n"
-        "'-H /dev/sda') echo 'SMART overall-health self-assessment test result: PASSED'; exit 64;;\n"
-        "'-H /dev/sdb') echo 'SMART overall-health self-assessment test result: FAILED!'; exit 24;;\n"
+        "'-H /dev/sda') echo 'SMART overall-health self-assessment test result: PASSED'; exit "
+        "64;;\n"
+        "'-H /dev/sdb') echo 'SMART overall-health self-assessment test result: FAILED!'; exit "
+        "24;;\n"
         "*) exit 1;; esac");
     EXPECT_EQ(shown(DiskList::fromLsblk(lsblk, smartctl)),
         "/dev/loop0\t33.6 MB\t/dev/loop0\tloop\tSMART: Not Supported\n"
@@ -65,7 +67,8 @@ TEST(DiskList, ReadsLsblkAndSmartctl)
         "   /dev/sdb1\t31.91 GB\tHPFS/NTFS/exFAT\t\\x1B[2J Sø\t/media/mit kort\n");
     EXPECT_EQ(DiskList::fromLsblk(lsblk, "").at(1).smartStatus, "Not Supported");
     EXPECT_TRUE(DiskList::fromLsblk(folder / "mangler", smartctl).empty());
-    EXPECT_TRUE(DiskList::fromLsblk(printing(folder / "lsblk", recordedLsblk, "exit 1"), smartctl).empty());
+    EXPECT_TRUE(
+        DiskList::fromLsblk(printing(folder / "lsblk", recordedLsblk, "exit 1"), smartctl).empty());
 }
 
 TEST(DiskList, ReadsDiskutil)
@@ -84,11 +87,12 @@ TEST(DiskList, ReadsDiskutil)
 <integer>494384795648</integer></dict><dict><key>Content</key><string>Windows_FAT_32</string>
 <key>DeviceIdentifier</key><string>disk4</string><key>MountPoint</key><string>/Volumes/KAMERA</string></dict>
 <dict><key>DeviceIdentifier</key><string>-help</string></dict></array></dict>)")));
-    writeFile(folder / "disk0", bytesOf(plist(R"(<dict><key>BusProtocol</key><string>Apple Fabric</string>
+    writeFile(
+        folder / "disk0", bytesOf(plist(R"(<dict><key>BusProtocol</key><string>Apple Fabric</string>
 <key>MediaName</key><string>APPLE SSD</string><key>SMARTStatus</key><string>Verified</string></dict>)")));
     writeFile(folder / "disk3", bytesOf("<plist><dict>")); // cut off
-    const auto diskutil
-        = writeScript(folder / "diskutil", "cd '" + folder.path() + "'; case $2 in -plist) cat \"${3:-$1}\";; esac");
+    const auto diskutil = writeScript(folder / "diskutil",
+        "cd '" + folder.path() + "'; case $2 in -plist) cat \"${3:-$1}\";; esac");
     EXPECT_EQ(shown(DiskList::fromDiskutil(diskutil)),
         "disk0\t500.28 GB\tAPPLE SSD\tApple Fabric\tSMART: Verified\n"
         "   disk0s2\t494.38 GB\tApple_APFS\t\t\n"
@@ -106,7 +110,8 @@ TEST(PropertyList, OutlivesRubbish)
     std::string deep;
     for (int i = 0; i < 100'000; ++i)
         deep += "<array>";
-    const std::string entities = "<!DOCTYPE plist [<!ENTITY a \"aaaa\"><!ENTITY f SYSTEM \"file:///etc/passwd\">]>";
+    const std::string entities
+        = "<!DOCTYPE plist [<!ENTITY a \"aaaa\"><!ENTITY f SYSTEM \"file:///etc/passwd\">]>";
     const std::pair<std::string, std::optional<std::string>> cases[] = {
         { std::string(1'000, '\0'), std::nullopt },
         { plist(deep), std::nullopt },
@@ -118,8 +123,12 @@ TEST(PropertyList, OutlivesRubbish)
     };
     for (const auto& [text, value] : cases) {
         const auto list = PropertyList::parse(text);
-        EXPECT_EQ(list ? std::optional(list->root()["a"].text()) : std::nullopt, value) << text.substr(0, 200);
+        EXPECT_EQ(list ? std::optional(list->root()["a"].text()) : std::nullopt, value)
+            << text.substr(0, 200);
     }
     for (const char* digits : { "18446744073709551616", "-1", "1x", "" })
-        EXPECT_EQ(PropertyList::parse(plist("<integer>" + std::string(digits) + "</integer>"))->root().number(), 0u);
+        EXPECT_EQ(PropertyList::parse(plist("<integer>" + std::string(digits) + "</integer>"))
+                      ->root()
+                      .number(),
+            0u);
 }

@@ -12,7 +12,8 @@ using namespace std::chrono_literals;
 namespace {
 
 /// Runs a shell script as the helper program.
-HelperProgram::Outcome runScript(const TemporaryFolder& folder, const std::string& text, HelperProgram::Limits limits)
+HelperProgram::Outcome runScript(
+    const TemporaryFolder& folder, const std::string& text, HelperProgram::Limits limits)
 {
     return HelperProgram::run({ writeScript(folder / "helper", text), "et ord", "$HOME" }, limits);
 }
@@ -51,8 +52,10 @@ TEST(HelperProgram, TellsHowItEnded)
 TEST(HelperProgram, IsEndedWhenItGoesOnForEver)
 {
     const TemporaryFolder folder;
-    for (const char* script : { "exec sleep 1000", "exec >&- 2>&- sleep 1000", "trap '' TERM; while :; do :; done" }) {
-        const auto outcome = runScript(folder, "echo $$ >'" + folder / "id" + "'; " + script, { .time = 300ms });
+    for (const char* script :
+        { "exec sleep 1000", "exec >&- 2>&- sleep 1000", "trap '' TERM; while :; do :; done" }) {
+        const auto outcome
+            = runScript(folder, "echo $$ >'" + folder / "id" + "'; " + script, { .time = 300ms });
         EXPECT_EQ(outcome.error, ETIMEDOUT) << script;
         const auto process = readFile(folder / "id");
         EXPECT_NE(::kill(std::stoi(std::string(process.begin(), process.end())), 0), 0) << script;

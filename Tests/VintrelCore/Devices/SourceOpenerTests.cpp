@@ -15,7 +15,8 @@ namespace {
 std::string answerTo(const std::string& name, bool isDevice = false)
 {
     try {
-        return (isDevice ? SourceOpener::openDevice(name, name) : SourceOpener::openImage(name))->displayName();
+        return (isDevice ? SourceOpener::openDevice(name, name) : SourceOpener::openImage(name))
+            ->displayName();
     } catch (const SourceError& error) {
         return error.what();
     }
@@ -47,7 +48,8 @@ TEST(SourceOpener, OpensRegularFiles)
 TEST(SourceOpener, RefusesEverythingElseWithoutWaiting)
 {
     const TemporaryFolder folder;
-    ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0); // nobody writes to it: a blocking open would never end
+    ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600),
+        0); // nobody writes to it: a blocking open would never end
     std::filesystem::create_symlink("loop", folder / "loop");
     std::filesystem::create_symlink("nowhere", folder / "dangling");
     writeFile(folder / "file", {});
@@ -76,6 +78,7 @@ TEST(SourceOpener, KnowsAppleImagesByTheirNames)
         EXPECT_TRUE(answerTo(folder / name).starts_with("Kunne ikke tilknytte diskbilledet: "));
     }
     EXPECT_STREQ(SourceError::authorizationFailed("disk4").what(),
-        "Adgang til disk4 blev afvist eller annulleret. Der kræves en administratoradgangskode for at læse fysiske "
+        "Adgang til disk4 blev afvist eller annulleret. Der kræves en administratoradgangskode for "
+        "at læse fysiske "
         "diske.");
 }

@@ -26,26 +26,32 @@ struct Disk {
     {
     }
 
-    /// What a read ought to give: zeros past the end, and zeros that count as bad in the ranges that are lost.
+    /// What a read ought to give: zeros past the end, and zeros that count as bad in the ranges
+    /// that are lost.
     ReadReport expected(std::uint64_t offset, std::size_t count, const Ranges& lost) const
     {
         ReadReport report { .data = Bytes(count), .badBytes = 0 };
-        const auto there = ByteView(bytes).sub(static_cast<std::int64_t>(offset), static_cast<std::int64_t>(count));
+        const auto there = ByteView(bytes).sub(
+            static_cast<std::int64_t>(offset), static_cast<std::int64_t>(count));
         std::ranges::copy(there.span(), report.data.begin());
         for (const auto& range : lost)
-            for (auto at = std::max(range.start, offset); at < std::min(range.end, offset + there.size()); ++at) {
+            for (auto at = std::max(range.start, offset);
+                 at < std::min(range.end, offset + there.size()); ++at) {
                 report.data[at - offset] = 0;
                 ++report.badBytes;
             }
         return report;
     }
 
-    /// Reads by way of the readers' own buffers and their cache, and past it into a buffer of the caller's.
-    void expectRead(std::uint64_t offset, std::size_t count, ReadMode mode, const Ranges& lost = {}) const
+    /// Reads by way of the readers' own buffers and their cache, and past it into a buffer of the
+    /// caller's.
+    void expectRead(
+        std::uint64_t offset, std::size_t count, ReadMode mode, const Ranges& lost = {}) const
     {
         SCOPED_TRACE(std::to_string(count) + " bytes at " + std::to_string(offset));
         const auto report = expected(offset, count, lost);
-        const auto [data, badBytes] = source->readReporting(offset, static_cast<std::int64_t>(count), mode);
+        const auto [data, badBytes]
+            = source->readReporting(offset, static_cast<std::int64_t>(count), mode);
         EXPECT_EQ(badBytes, report.badBytes);
         EXPECT_TRUE(data == report.data);
         Bytes buffer(count, 0xA5);
@@ -64,8 +70,9 @@ TEST(DiskSource, ReadsAnyRange)
     // The end lies in the middle of a sector, a block and a chunk.
     for (const std::uint32_t sectorSize : { 512u, 4096u }) {
         const Disk disk(700'001, sectorSize);
-        const std::pair<std::uint64_t, std::size_t> ranges[] = { { 511, 2 }, { 131'071, 2 }, { 131'000, 262'144 },
-            { 1, 262'145 }, { 700'000, 2 }, { 3, 900'000 }, { 700'001, 10 }, { last64 - 3, 300'000 } };
+        const std::pair<std::uint64_t, std::size_t> ranges[]
+            = { { 511, 2 }, { 131'071, 2 }, { 131'000, 262'144 }, { 1, 262'145 }, { 700'000, 2 },
+                  { 3, 900'000 }, { 700'001, 10 }, { last64 - 3, 300'000 } };
         for (const auto& [offset, count] : ranges)
             disk.expectRead(offset, count, thorough);
         EXPECT_TRUE(disk.source->read(0, -1, thorough).empty());
@@ -97,7 +104,8 @@ TEST(DiskSource, ThoroughReadsLoseTheBadSectorsAlone)
 
         disk.expectRead(middle - 8192, 20'000, thorough, lost);
         disk.expectRead(100'001, 500'000, thorough, lost); // unaligned at both ends
-        EXPECT_TRUE(disk.source->read(0, 900'000, thorough) == disk.expected(0, 900'000, lost).data);
+        EXPECT_TRUE(
+            disk.source->read(0, 900'000, thorough) == disk.expected(0, 900'000, lost).data);
         EXPECT_EQ(disk.source->readReporting(899'998, 10, thorough).badBytes, 2u);
         EXPECT_EQ(disk.source->badSectors(), sectors);
     }
@@ -108,8 +116,8 @@ TEST(DiskSource, FastReadsLoseWholeBlocksUntilAThoroughOne)
     const ByteRange badSector { 3 * blockSize + 1024, 3 * blockSize + 1536 };
     const Ranges badBlock { { 3 * blockSize, 4 * blockSize } };
     // Through the cache and past it, from starting points on and off the blocks' bounds.
-    const std::pair<std::uint64_t, std::size_t> ranges[]
-        = { { 2 * blockSize, 2 * blockSize }, { 3 * blockSize - 700, 2400 }, { 0, 1_MiB }, { 100'001, 500'000 } };
+    const std::pair<std::uint64_t, std::size_t> ranges[] = { { 2 * blockSize, 2 * blockSize },
+        { 3 * blockSize - 700, 2400 }, { 0, 1_MiB }, { 100'001, 500'000 } };
     for (const auto& [offset, count] : ranges) {
         const Disk disk(1_MiB);
         disk.source->addSimulatedBadRange(badSector);
@@ -135,8 +143,9 @@ TEST(DiskSource, FastReadsDoNotAskASuspectBlockAgain)
 
 TEST(DiskSource, AnErrorWithinASectorLosesThatSectorOnly)
 {
-    // The system's own errors instead of simulated ones: a process's memory read as a file breaks off, with fewer
-    // bytes than asked for and then EIO, where a mapping goes on past the end of its file.
+    // The system's own errors instead of simulated ones: a process's memory read as a file breaks
+    // off, with fewer bytes than asked for and then EIO, where a mapping goes on past the end of
+    // its file.
     const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     const TemporaryFolder folder;
     const auto bytes = patternBytes(8 * page);
@@ -168,10 +177,11 @@ TEST(DiskSource, AnErrorWithinASectorLosesThatSectorOnly)
 TEST(DiskSource, SimulatedRangesAreMergedAndCut)
 {
     const auto source = makeSource(Bytes(4096));
-    for (const auto& range :
-        Ranges { { 50, 60 }, { 10, 20 }, { 30, 40 }, { 15, 35 }, { 1024, 1536 }, { 4000, last64 }, { 5, 5 }, { 9, 3 } })
+    for (const auto& range : Ranges { { 50, 60 }, { 10, 20 }, { 30, 40 }, { 15, 35 },
+             { 1024, 1536 }, { 4000, last64 }, { 5, 5 }, { 9, 3 } })
         source->addSimulatedBadRange(range);
-    EXPECT_EQ(source->simulatedBadRanges(), (Ranges { { 10, 40 }, { 50, 60 }, { 1024, 1536 }, { 4000, 4096 } }));
+    EXPECT_EQ(source->simulatedBadRanges(),
+        (Ranges { { 10, 40 }, { 50, 60 }, { 1024, 1536 }, { 4000, 4096 } }));
     // Half-open: the neighbouring sectors are sound.
     Bytes sector(512);
     EXPECT_TRUE(source->tryRead(512, sector));
@@ -193,7 +203,8 @@ TEST(DiskSource, KeepsTheChunksThatWereUsedLast)
     EXPECT_EQ(chunksReadAfter(0), kept);        // kept, and now the one used last
     EXPECT_EQ(chunksReadAfter(kept), kept + 1); // displaces the second
     EXPECT_EQ(chunksReadAfter(0), kept + 1);
-    EXPECT_EQ(chunksReadAfter(4, 3 * DiskSource::chunkSize), kept + 4); // a large read displaces nothing
+    EXPECT_EQ(
+        chunksReadAfter(4, 3 * DiskSource::chunkSize), kept + 4); // a large read displaces nothing
     EXPECT_EQ(chunksReadAfter(2), kept + 4);
     EXPECT_EQ(chunksReadAfter(1), kept + 5);
 }

@@ -30,7 +30,8 @@ TEST(RandomReader, ReadsEachPlaceOnceAndAlikeWhateverIsInMemory)
 {
     auto bytes = patternBytes(5_MiB + 300);
     const std::string_view mark = "%%MARK";
-    std::vector<std::uint64_t> places { 70'000, 1_MiB - 3, 2_MiB + 5, 2_MiB + 65'533, 5_MiB + 300 - 6 };
+    std::vector<std::uint64_t> places { 70'000, 1_MiB - 3, 2_MiB + 5, 2_MiB + 65'533,
+        5_MiB + 300 - 6 };
     for (const auto place : places)
         std::copy(mark.begin(), mark.end(), bytes.begin() + static_cast<std::ptrdiff_t>(place));
     const auto source = makeSource(bytes);
@@ -46,7 +47,8 @@ TEST(RandomReader, ReadsEachPlaceOnceAndAlikeWhateverIsInMemory)
         }
         EXPECT_EQ(found, places);
         for (std::uint64_t at = 1'000; at + 8 < bytes.size(); at += 65'521)
-            ASSERT_EQ(reader.u64le(at - 1'000), ByteView(bytes).u64le(static_cast<std::int64_t>(at)));
+            ASSERT_EQ(
+                reader.u64le(at - 1'000), ByteView(bytes).u64le(static_cast<std::int64_t>(at)));
     }
 
     RandomReader reader(*source, 0);

@@ -17,9 +17,12 @@ template <std::unsigned_integral T> Bytes with(Bytes bytes, std::size_t at, T va
     return bytes;
 }
 
-/// A FAT16 boot sector whose sectors before the data (32 reserved, two FATs of 16, a root directory of 32) are followed
-/// by `sectors` more.
-Bytes fatWithDataSectors(std::uint32_t sectors) { return with<std::uint32_t>(volumeStart(fat16), 32, 96 + sectors); }
+/// A FAT16 boot sector whose sectors before the data (32 reserved, two FATs of 16, a root directory
+/// of 32) are followed by `sectors` more.
+Bytes fatWithDataSectors(std::uint32_t sectors)
+{
+    return with<std::uint32_t>(volumeStart(fat16), 32, 96 + sectors);
+}
 
 } // namespace
 
@@ -28,7 +31,8 @@ TEST(FSProbe, FindsEachFileSystemWhereItBegins)
     for (const auto type : { fat12, fat16, fat32, exfat, ntfs, hfsplus, apfs, ext }) {
         const auto moved = PartitionImage(64_KiB).volume(9, type).source();
         EXPECT_EQ(FSProbe::detect(*moved, 9 * 512), type);
-        for (const std::uint64_t offset : { std::uint64_t { 8 * 512 }, std::uint64_t { 64_KiB }, ~std::uint64_t { 0 } })
+        for (const std::uint64_t offset :
+            { std::uint64_t { 8 * 512 }, std::uint64_t { 64_KiB }, ~std::uint64_t { 0 } })
             EXPECT_EQ(FSProbe::detect(*moved, offset), std::nullopt) << displayName(type);
     }
 }
@@ -43,7 +47,8 @@ TEST(FSProbe, TheNumberOfClustersGivesTheWidth)
         const auto more = with<std::uint8_t>(fatWithDataSectors((clusters + 1) * 128 - 1), 13, 128);
         EXPECT_EQ(FSProbe::detectBootSector(more), type) << clusters;
     }
-    // The 16-bit sector count outweighs the 32-bit one, and a root directory takes up whole sectors.
+    // The 16-bit sector count outweighs the 32-bit one, and a root directory takes up whole
+    // sectors.
     EXPECT_EQ(FSProbe::detectBootSector(with<std::uint16_t>(volumeStart(fat16), 19, 4000)), fat12);
     EXPECT_EQ(FSProbe::detectBootSector(with<std::uint16_t>(volumeStart(fat16), 17, 513)), fat12);
 }
@@ -61,16 +66,20 @@ TEST(FSProbe, RefusesImpossibleFields)
         { "no FAT", with<std::uint8_t>(volumeStart(fat16), 16, 0) },
         { "FATs of 0 sectors", with<std::uint16_t>(volumeStart(fat16), 22, 0) },
         { "no data sector", fatWithDataSectors(0) },
-        { "sizes whose sum passes 32 bits", with<std::uint32_t>(volumeStart(fat32), 36, 0xFFFFFFFF) },
+        { "sizes whose sum passes 32 bits",
+            with<std::uint32_t>(volumeStart(fat32), 36, 0xFFFFFFFF) },
         { "NTFS, sectors of 520 bytes", with<std::uint16_t>(volumeStart(ntfs), 11, 520) },
         { "exFAT, shift 13", with<std::uint8_t>(volumeStart(exfat), 108, 13) },
         { "HFSX, version 4", with<std::uint8_t>(volumeStart(hfsplus), 1024 + 1, 'X') },
         { "HFSX, version 5", with<std::uint32_t>(volumeStart(hfsplus), 1024, 0x05005848), hfsplus },
-        { "HFS+, blocks of 3000 bytes", with<std::uint32_t>(volumeStart(hfsplus), 1024 + 40, 0xB80B0000) },
+        { "HFS+, blocks of 3000 bytes",
+            with<std::uint32_t>(volumeStart(hfsplus), 1024 + 40, 0xB80B0000) },
         { "HFS+, no blocks", with<std::uint8_t>(volumeStart(hfsplus), 1024 + 47, 0) },
         // What a formatting leaves of an older file system behind the boot sector does not count.
-        { "FAT with an ext magic", with<std::uint16_t>(volumeStart(fat16), 1024 + 56, 0xEF53), fat16 },
-        { "HFS+ with an ext magic", with<std::uint16_t>(volumeStart(hfsplus), 1024 + 56, 0xEF53), hfsplus },
+        { "FAT with an ext magic", with<std::uint16_t>(volumeStart(fat16), 1024 + 56, 0xEF53),
+            fat16 },
+        { "HFS+ with an ext magic", with<std::uint16_t>(volumeStart(hfsplus), 1024 + 56, 0xEF53),
+            hfsplus },
     };
     for (const auto& [what, bytes, expected] : cases)
         EXPECT_EQ(FSProbe::detect(*makeSource(bytes), 0), expected) << what;

@@ -1,5 +1,5 @@
-// Damaged copies of small images by the thousand: none may crash, hang, or make the reader ask for absurd memory. The
-// seeds are fixed, so that what fails once fails again.
+// Damaged copies of small images by the thousand: none may crash, hang, or make the reader ask for
+// absurd memory. The seeds are fixed, so that what fails once fails again.
 
 #include "Tests/Images/APFSImage.h"
 #include "Tests/Images/ExFATImage.h"
@@ -22,7 +22,8 @@ namespace {
 /// Damages a few places, most of them among the first `hot` bytes, where the structures are.
 void damage(Bytes& bytes, std::size_t hot, std::mt19937& random)
 {
-    constexpr std::uint8_t telling[] = { 0x00, 0x01, 0x7F, 0x80, 0xFF, 0xE5, 0x0F, 0x10, 0x2E, 0x55 };
+    constexpr std::uint8_t telling[]
+        = { 0x00, 0x01, 0x7F, 0x80, 0xFF, 0xE5, 0x0F, 0x10, 0x2E, 0x55 };
     for (auto count = 1 + random() % 12; count > 0; --count) {
         const auto at = random() % (random() % 4 != 0 ? std::min(hot, bytes.size()) : bytes.size());
         switch (random() % 4) {
@@ -55,10 +56,11 @@ void exercise(const Bytes& bytes)
         ASSERT_LT(source->bytesRead(), 64 * bytes.size() + 1_MiB) << "reads without end";
         for (const auto* file : volume->root->allFiles()) {
             std::uint64_t delivered = 0;
-            FileReader::stream(*file, *source, 64_KiB, 256_KiB, [&](const FileReader::Piece& piece) {
-                delivered += piece.size();
-                return true;
-            });
+            FileReader::stream(
+                *file, *source, 64_KiB, 256_KiB, [&](const FileReader::Piece& piece) {
+                    delivered += piece.size();
+                    return true;
+                });
             const auto wanted = std::holds_alternative<NoData>(file->data) ? 0 : file->size;
             ASSERT_EQ(delivered, std::min<std::uint64_t>(wanted, 256_KiB)) << file->path();
         }
@@ -66,8 +68,8 @@ void exercise(const Bytes& bytes)
         for (std::uint64_t offset = 0; offset < bytes.size(); offset += 512)
             if (FATParser::looksLikeDirectorySector(bytes, static_cast<std::int64_t>(offset)))
                 sectors.push_back(offset);
-        for (const auto& rebuilt :
-            FATParser::rebuild(*source, sectors, { .heaps = {}, .volumeStarts = {}, .carved = {} }, nullptr))
+        for (const auto& rebuilt : FATParser::rebuild(
+                 *source, sectors, { .heaps = {}, .volumeStarts = {}, .carved = {} }, nullptr))
             ASSERT_LT(rebuilt->root->totals().files, bytes.size());
         if (const auto lost = FATParser::lostEntries(*volume, sectors, nullptr))
             volume->root->add(FileNode::makeFolder("x", EntryStatus::orphaned));
@@ -75,8 +77,8 @@ void exercise(const Bytes& bytes)
         for (std::uint64_t offset = 0; offset < bytes.size(); offset += 512)
             if (ExFATParser::looksLikeDirectorySector(bytes, static_cast<std::int64_t>(offset)))
                 sectors.push_back(offset);
-        for (const auto& rebuilt :
-            ExFATParser::rebuild(*source, sectors, { .heaps = {}, .volumeStarts = {}, .carved = {} }, nullptr))
+        for (const auto& rebuilt : ExFATParser::rebuild(
+                 *source, sectors, { .heaps = {}, .volumeStarts = {}, .carved = {} }, nullptr))
             ASSERT_LT(rebuilt->root->totals().files, bytes.size());
         const auto lostInExFAT = ExFATParser::lostEntries(*volume, sectors, nullptr);
         ASSERT_LT(lostInExFAT ? lostInExFAT->totals().files : 0, bytes.size());
@@ -89,7 +91,8 @@ void exercise(const Bytes& bytes)
     }
 }
 
-/// What a deep scan makes of it. What the tables name is not known to it, so that it has to find everything itself.
+/// What a deep scan makes of it. What the tables name is not known to it, so that it has to find
+/// everything itself.
 void exerciseDeep(const Bytes& bytes)
 {
     const auto source = makeSource(bytes);
@@ -109,14 +112,16 @@ void exerciseDeep(const Bytes& bytes)
 constexpr int deepShare = 4;
 
 /// Exercises damaged copies of an image. The structures lie before the byte `hot`.
-template <class Image> void exerciseDamaged(const Image& sound, std::uint64_t hot, int rounds, unsigned seed)
+template <class Image>
+void exerciseDamaged(const Image& sound, std::uint64_t hot, int rounds, unsigned seed)
 {
     std::mt19937 random(seed);
     for (int round = 0; round < rounds; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         auto image = sound;
         damage(image.bytes(), static_cast<std::size_t>(hot), random);
-        // A wrong checksum alone would hide what lies behind it: half of the images get right ones again.
+        // A wrong checksum alone would hide what lies behind it: half of the images get right ones
+        // again.
         if constexpr (requires { image.renewChecksums(); })
             if (round % 2 == 0)
                 image.renewChecksums();
@@ -133,7 +138,8 @@ FATImage smallCard(FileSystemType type)
     const auto folder = image.addFolder(FATImage::root, { .name = "DCIM       " }, 2);
     for (int i = 0; i < 8; ++i)
         image.addFile(folder,
-            { .name = "IMG_00" + std::to_string(10 + i) + "JPG", .longName = u"Et noget længere navn.jpg" },
+            { .name = "IMG_00" + std::to_string(10 + i) + "JPG",
+                .longName = u"Et noget længere navn.jpg" },
             patternBytes(700));
     const auto deleted = image.addFolder(folder, { .name = "SLETTET    " });
     image.addFile(deleted, { .name = "INDE    TXT" }, patternBytes(600));
@@ -142,72 +148,87 @@ FATImage smallCard(FileSystemType type)
     return image;
 }
 
-/// A volume with something of everything: folders in each other, content of every kind, deleted files, extension
-/// records.
+/// A volume with something of everything: folders in each other, content of every kind, deleted
+/// files, extension records.
 NTFSImage smallNTFSVolume()
 {
-    NTFSImage image({ .clusterSize = 512, .clusters = 400, .records = 48, .mft = { { 16, 33 }, { 60, 63 } } });
+    NTFSImage image(
+        { .clusterSize = 512, .clusters = 400, .records = 48, .mft = { { 16, 33 }, { 60, 63 } } });
     image.putFolder(20, NTFSImage::root, u"mappe");
     image.putFolder(21, { 20, 1 }, u"inde i mappen", false, 2);
     image.putFile(22, { 21, 1 }, u"slettet.txt", patternBytes(1700), false);
     image.putFile(23, { 20, 1 }, u"lille.txt", bytesOf("lille"));
     const auto runs = image.store(patternBytes(6000));
     const std::uint64_t lcn = *runs[0].lcn;
-    const auto file = [&](std::uint64_t number, std::u16string_view name, std::vector<Bytes> attributes) {
-        attributes.insert(attributes.begin(),
-            { NTFSImage::standardInformation(), NTFSImage::fileName(NTFSImage::root, u"KORT~1.TXT", 2),
-                NTFSImage::fileName({ 20, 1 }, name) });
-        image.put(number, { .attributes = std::move(attributes) });
-    };
+    const auto file
+        = [&](std::uint64_t number, std::u16string_view name, std::vector<Bytes> attributes) {
+              attributes.insert(attributes.begin(),
+                  { NTFSImage::standardInformation(),
+                      NTFSImage::fileName(NTFSImage::root, u"KORT~1.TXT", 2),
+                      NTFSImage::fileName({ 20, 1 }, name) });
+              image.put(number, { .attributes = std::move(attributes) });
+          };
     file(24, u"i stykker",
         { NTFSImage::data(
-            { .runs = { { lcn + 6, 3 }, { std::nullopt, 2 }, { lcn, 4 }, { lcn + 5, 1 } }, .size = 5000 }) });
+            { .runs = { { lcn + 6, 3 }, { std::nullopt, 2 }, { lcn, 4 }, { lcn + 5, 1 } },
+                .size = 5000 }) });
     file(25, u"pakket",
-        { NTFSImage::data({ .runs = { { lcn, 4 }, { lcn + 4, 2 }, { std::nullopt, 2 }, { std::nullopt, 4 } },
-            .size = 5500,
-            .initSize = 5000,
-            .flags = 1,
-            .compressionUnit = 2 }) });
-    const auto list = NTFSImage::listContent({ { 0x10, { 26, 1 } }, { 0x30, { 41, 1 } }, { 0x80, { 26, 1 } },
-        { 0x80, { 42, 1 }, 4 }, { 0x80, { 43, 1 }, 8 } });
+        { NTFSImage::data(
+            { .runs = { { lcn, 4 }, { lcn + 4, 2 }, { std::nullopt, 2 }, { std::nullopt, 4 } },
+                .size = 5500,
+                .initSize = 5000,
+                .flags = 1,
+                .compressionUnit = 2 }) });
+    const auto list = NTFSImage::listContent({ { 0x10, { 26, 1 } }, { 0x30, { 41, 1 } },
+        { 0x80, { 26, 1 } }, { 0x80, { 42, 1 }, 4 }, { 0x80, { 43, 1 }, 8 } });
     const auto listRuns = image.store(list);
     file(26, u"lang liste",
         { NTFSImage::nonResident(0x20, { .runs = listRuns, .size = list.size() }),
             NTFSImage::data({ .runs = { { lcn, 4 } }, .size = 6000 }) });
     file(27, u"kort liste",
-        { NTFSImage::attribute(0x20, list), NTFSImage::data({ .runs = { { lcn, 4 } }, .size = 2048 }) });
-    image.put(41, { .base = { 26, 1 }, .attributes = { NTFSImage::fileName(NTFSImage::root, u"andet navn") } });
-    image.put(
-        42, { .base = { 26, 1 }, .attributes = { NTFSImage::data({ .runs = { { lcn + 4, 4 } }, .startVCN = 4 }) } });
-    image.put(
-        43, { .base = { 26, 1 }, .attributes = { NTFSImage::data({ .runs = { { lcn + 8, 4 } }, .startVCN = 8 }) } });
+        { NTFSImage::attribute(0x20, list),
+            NTFSImage::data({ .runs = { { lcn, 4 } }, .size = 2048 }) });
+    image.put(41,
+        { .base = { 26, 1 },
+            .attributes = { NTFSImage::fileName(NTFSImage::root, u"andet navn") } });
+    image.put(42,
+        { .base = { 26, 1 },
+            .attributes = { NTFSImage::data({ .runs = { { lcn + 4, 4 } }, .startVCN = 4 }) } });
+    image.put(43,
+        { .base = { 26, 1 },
+            .attributes = { NTFSImage::data({ .runs = { { lcn + 8, 4 } }, .startVCN = 8 }) } });
     for (std::uint64_t number = 28; number < 41; ++number)
-        image.putFile(
-            number, { number % 3 == 0 ? 20u : number - 1, 1 }, u"fil", patternBytes(number * 20), number % 2 == 0);
+        image.putFile(number, { number % 3 == 0 ? 20u : number - 1, 1 }, u"fil",
+            patternBytes(number * 20), number % 2 == 0);
     return image;
 }
 
-/// Damages fields of random records of an MFT, which know of each other by offset and length; noise alone seldom gets
-/// past the signatures.
+/// Damages fields of random records of an MFT, which know of each other by offset and length; noise
+/// alone seldom gets past the signatures.
 void damageRecords(NTFSImage& image, std::mt19937& random)
 {
-    constexpr std::uint64_t numbers[] = { 0, 1, 2, 5, 11, 15, 16, 20, 26, 42, 47, 48, 0x7F, 0x80, 0xFF, 0x3FF, 0x7FFF,
-        0xFFFF, 0x7FFFFFFF, 0xFFFFFFFF, std::uint64_t { 1 } << 40, std::uint64_t { 1 } << 62, ~std::uint64_t { 0 } };
+    constexpr std::uint64_t numbers[] = { 0, 1, 2, 5, 11, 15, 16, 20, 26, 42, 47, 48, 0x7F, 0x80,
+        0xFF, 0x3FF, 0x7FFF, 0xFFFF, 0x7FFFFFFF, 0xFFFFFFFF, std::uint64_t { 1 } << 40,
+        std::uint64_t { 1 } << 62, ~std::uint64_t { 0 } };
     constexpr std::uint64_t headerFields[] = { 0, 4, 6, 16, 20, 22, 24, 32, 38 };
-    constexpr std::uint64_t attributeFields[] = { 0, 4, 8, 9, 12, 16, 20, 24, 32, 34, 40, 46, 48, 56, 64, 65, 66, 88 };
+    constexpr std::uint64_t attributeFields[]
+        = { 0, 4, 8, 9, 12, 16, 20, 24, 32, 34, 40, 46, 48, 56, 64, 65, 66, 88 };
     for (auto count = 1 + random() % 10; count > 0; --count) {
         const std::uint64_t record = random() % 4 == 0 ? 0 : random() % 44;
         const auto u16 = [&](std::uint64_t at) {
-            return ByteView(image.bytes()).u16le(static_cast<std::int64_t>(image.recordOffset(record, at)));
+            return ByteView(image.bytes())
+                .u16le(static_cast<std::int64_t>(image.recordOffset(record, at)));
         };
         std::uint64_t at = headerFields[random() % std::size(headerFields)];
         if (random() % 4 != 0) {
             std::uint64_t attribute = u16(20);
-            for (auto steps = random() % 5; steps > 0 && attribute < 900 && u16(attribute + 4) >= 16; --steps)
+            for (auto steps = random() % 5;
+                 steps > 0 && attribute < 900 && u16(attribute + 4) >= 16; --steps)
                 attribute += u16(attribute + 4);
             at = attribute + attributeFields[random() % std::size(attributeFields)];
         }
-        const std::uint64_t value = random() % 3 == 0 ? random() : numbers[random() % std::size(numbers)];
+        const std::uint64_t value
+            = random() % 3 == 0 ? random() : numbers[random() % std::size(numbers)];
         const std::uint64_t width = std::uint64_t { 1 } << random() % 4;
         for (std::uint64_t i = 0; i < width; ++i)
             image.bytes()[image.recordOffset(record, std::min<std::uint64_t>(at + i, 1023))]
@@ -219,10 +240,12 @@ void damageRecords(NTFSImage& image, std::mt19937& random)
 
 TEST(Mutation, FATVolumes)
 {
-    for (const auto type : { FileSystemType::fat12, FileSystemType::fat16, FileSystemType::fat32 }) {
+    for (const auto type :
+        { FileSystemType::fat12, FileSystemType::fat16, FileSystemType::fat32 }) {
         SCOPED_TRACE(displayName(type));
         const auto sound = smallCard(type);
-        const int rounds = type == FileSystemType::fat16 ? 150 : 1500; // a FAT16 volume has 2 MiB at the least
+        const int rounds
+            = type == FileSystemType::fat16 ? 150 : 1500; // a FAT16 volume has 2 MiB at the least
         exerciseDamaged(sound, sound.offsetOf(40), rounds, static_cast<unsigned>(type) + 1);
     }
 }
@@ -230,9 +253,11 @@ TEST(Mutation, FATVolumes)
 TEST(Mutation, ExFATVolumes)
 {
     ExFATImage sound({ .clusters = 120 });
-    const auto folder = sound.addFolder(sound.root(), { .name = u"DCIM", .isContiguous = false }, 3);
+    const auto folder
+        = sound.addFolder(sound.root(), { .name = u"DCIM", .isContiguous = false }, 3);
     for (int i = 0; i < 8; ++i)
-        sound.addFile(folder, { .name = u"Et noget længere navn.jpg", .isContiguous = i % 2 == 0 }, patternBytes(700));
+        sound.addFile(folder, { .name = u"Et noget længere navn.jpg", .isContiguous = i % 2 == 0 },
+            patternBytes(700));
     const auto deleted = sound.addFolder(folder, { .name = u"slettet" });
     sound.addFile(deleted, { .name = u"inde.txt", .isContiguous = false }, patternBytes(600));
     sound.remove(u"slettet");
@@ -245,9 +270,15 @@ TEST(Mutation, HFSPlusVolumes)
     sound.setLeaf(2,
         { { .parent = 1, .name = u"DISK", .id = 2, .isFolder = true },
             { .parent = 2, .name = u"mappe", .id = 20, .isFolder = true },
-            { .parent = 20, .name = u"fil", .id = 21, .size = 2000, .runs = { { 100, 1 }, { 120, 1 } } } });
-    sound.setLeaf(3, { { .parent = 20, .name = u"fil 2", .id = 22, .size = 9000, .runs = { { 130, 20 } } } });
-    sound.setLeaf(5, { { .parent = 20, .name = u"slettet", .id = 23, .size = 900, .runs = { { 110, 2 } } } });
+            { .parent = 20,
+                .name = u"fil",
+                .id = 21,
+                .size = 2000,
+                .runs = { { 100, 1 }, { 120, 1 } } } });
+    sound.setLeaf(
+        3, { { .parent = 20, .name = u"fil 2", .id = 22, .size = 9000, .runs = { { 130, 20 } } } });
+    sound.setLeaf(
+        5, { { .parent = 20, .name = u"slettet", .id = 23, .size = 900, .runs = { { 110, 2 } } } });
     sound.chain({ 2, 3 });
     sound.addOverflow(21, 2, { { 140, 2 } });
     exerciseDamaged(sound, HFSPlusImage::nodeOffset(6), 3000, 31);
@@ -264,7 +295,8 @@ TEST(Mutation, NTFSVolumes)
         damageRecords(image, random);
         if (round % 2 == 0) // that the copy of the damaged record is damaged too
             for (std::uint64_t at = 0; at < 1024; ++at)
-                image.bytes()[image.offsetOf(image.mirrorLCN()) + at] = image.bytes()[image.recordOffset(0, at)];
+                image.bytes()[image.offsetOf(image.mirrorLCN()) + at]
+                    = image.bytes()[image.recordOffset(0, at)];
         ASSERT_NO_FATAL_FAILURE(exercise(image.bytes()));
         if (round % 8 == 0) // without a boot sector; half of these without the first record too
             image.bytes()[3] = 0;
@@ -281,7 +313,9 @@ TEST(Mutation, APFSVolumes)
     APFSImage sound({ .blocks = 64, .isHashed = false });
     const auto block = sound.store(patternBytes(9000));
     APFSImage::Leaf records;
-    const auto add = [&](const APFSImage::Leaf& more) { records.insert(records.end(), more.begin(), more.end()); };
+    const auto add = [&](const APFSImage::Leaf& more) {
+        records.insert(records.end(), more.begin(), more.end());
+    };
     for (std::uint64_t id = 16; id < 22; ++id)
         add(sound.folder(id, id % 2 == 0 ? 2 : id - 1, "mappe"));
     for (std::uint64_t id = 22; id < 34; ++id)
@@ -295,16 +329,17 @@ TEST(Mutation, APFSVolumes)
     exerciseDamaged(sound, sound.offsetOf(30), 300, 8);
 
     // Fields of nodes and superblocks, all of them signed again.
-    constexpr std::uint64_t numbers[]
-        = { 0, 1, 2, 3, 7, 15, 16, 20, 31, 40, 63, 64, 0xFF, 0xFFF, 0x1000, 0x7FFF, 0xFFFF, 0xFFFFFFFF,
-              std::uint64_t { 1 } << 40, std::uint64_t { 1 } << 52, std::uint64_t { 1 } << 63, ~std::uint64_t { 0 } };
+    constexpr std::uint64_t numbers[] = { 0, 1, 2, 3, 7, 15, 16, 20, 31, 40, 63, 64, 0xFF, 0xFFF,
+        0x1000, 0x7FFF, 0xFFFF, 0xFFFFFFFF, std::uint64_t { 1 } << 40, std::uint64_t { 1 } << 52,
+        std::uint64_t { 1 } << 63, ~std::uint64_t { 0 } };
     std::mt19937 random(9);
     for (int round = 0; round < 1000; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         auto image = sound;
         for (auto count = 1 + random() % 8; count > 0; --count) {
-            const std::uint64_t inBlock
-                = random() % 3 == 0 ? APFSImage::blockSize - 1 - random() % 400 : 8 + random() % 400;
+            const std::uint64_t inBlock = random() % 3 == 0
+                ? APFSImage::blockSize - 1 - random() % 400
+                : 8 + random() % 400;
             const std::uint64_t at = image.offsetOf(random() % 64) + inBlock / 2 * 2;
             const auto width = std::size_t { 1 } << random() % 4;
             const std::uint64_t value = numbers[random() % std::size(numbers)];

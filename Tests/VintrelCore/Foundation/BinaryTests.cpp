@@ -85,7 +85,8 @@ TEST_F(LocalTime, DOSDatesAreLocal)
         std::uint16_t date, time;
         Date expected;
     } cases[] = {
-        { dosDate(2026, 1, 31), dosTime(12, 30, 58), sys_days { 2026y / 1 / 31 } + 11h + 30min + 58s },
+        { dosDate(2026, 1, 31), dosTime(12, 30, 58),
+            sys_days { 2026y / 1 / 31 } + 11h + 30min + 58s },
         { dosDate(2026, 7, 1), dosTime(0, 0, 0), sys_days { 2026y / 6 / 30 } + 22h },
         { dosDate(2026, 3, 29), dosTime(1, 59, 58),
             sys_days { 2026y / 3 / 29 } + 59min + 58s }, // the clock goes forward
@@ -95,8 +96,9 @@ TEST_F(LocalTime, DOSDatesAreLocal)
     for (const auto& [date, time, expected] : cases)
         EXPECT_EQ(TimeConversion::fromDOS(date, time), expected) << date << " " << time;
     const std::pair<std::uint16_t, std::uint16_t> impossible[] = { { 0, dosTime(12, 0, 0) },
-        { dosDate(2026, 13, 1), 0 }, { dosDate(2026, 2, 31), 0 }, { dosDate(2026, 1, 1), dosTime(24, 0, 0) },
-        { dosDate(2026, 1, 1), dosTime(1, 60, 0) }, { dosDate(2026, 1, 1), dosTime(1, 0, 60) } };
+        { dosDate(2026, 13, 1), 0 }, { dosDate(2026, 2, 31), 0 },
+        { dosDate(2026, 1, 1), dosTime(24, 0, 0) }, { dosDate(2026, 1, 1), dosTime(1, 60, 0) },
+        { dosDate(2026, 1, 1), dosTime(1, 0, 60) } };
     for (const auto& [date, time] : impossible)
         EXPECT_EQ(TimeConversion::fromDOS(date, time), std::nullopt) << date << " " << time;
 }

@@ -1,7 +1,7 @@
 #include "Tests/Support/ChildProgram.h"
 #include "Tests/Support/TestSource.h"
-#include "VintrelCore/Imaging/Imager.h"
 #include "VintrelCore/Devices/SourceOpener.h"
+#include "VintrelCore/Imaging/Imager.h"
 
 #include <gtest/gtest.h>
 
@@ -49,7 +49,8 @@ protected:
         return imager.currentStats();
     }
 
-    /// That every byte which a new run would take for finished is in the image. Returns how many there are.
+    /// That every byte which a new run would take for finished is in the image. Returns how many
+    /// there are.
     std::uint64_t verifiedBytes(const Bytes& disk) const
     {
         const auto source = makeSource(disk);
@@ -58,7 +59,9 @@ protected:
         copied.resize(disk.size());
         for (const auto& block : imager.map().snapshot())
             if (block.status == finished) {
-                EXPECT_EQ(std::memcmp(&disk[block.position], &copied[block.position], block.size), 0) << block.position;
+                EXPECT_EQ(
+                    std::memcmp(&disk[block.position], &copied[block.position], block.size), 0)
+                    << block.position;
             }
         return imager.map().total(finished);
     }
@@ -107,8 +110,9 @@ protected:
 TEST_F(Imaging, EveryReadableSectorIsRescued)
 {
     std::mt19937 random(11);
-    const auto upTo
-        = [&](std::uint64_t limit) { return std::uniform_int_distribution<std::uint64_t>(0, limit)(random); };
+    const auto upTo = [&](std::uint64_t limit) {
+        return std::uniform_int_distribution<std::uint64_t>(0, limit)(random);
+    };
     const auto pattern = patternBytes(200_KiB + 100);
     const auto size = static_cast<std::ptrdiff_t>(pattern.size());
     for (int round = 0; round < 30; ++round) {
@@ -120,15 +124,16 @@ TEST_F(Imaging, EveryReadableSectorIsRescued)
         expected.set(0, disk.size(), finished);
         for (auto count = upTo(6); count > 0; --count) {
             const auto start = upTo(disk.size() - 1);
-            holes.push_back({ start, std::min<std::uint64_t>(start + 1 + upTo(20'000), disk.size()) });
+            holes.push_back(
+                { start, std::min<std::uint64_t>(start + 1 + upTo(20'000), disk.size()) });
             source->addSimulatedBadRange(holes.back());
             const auto sectors = sectorsOf(holes.back(), disk.size());
             expected.set(sectors.start, sectors.end - sectors.start, bad);
         }
         std::filesystem::remove(image);
         finalUpdates = 0;
-        const auto stats
-            = run(*source, { .retries = round % 3, .chunkSize = upTo(9'000), .maxSkip = upTo(1) * upTo(50'000) });
+        const auto stats = run(*source,
+            { .retries = round % 3, .chunkSize = upTo(9'000), .maxSkip = upTo(1) * upTo(50'000) });
         ASSERT_EQ(readFile(image), withHoles(disk, holes));
         ASSERT_EQ(blocks, expected.snapshot());
         ASSERT_EQ(source->badSectors().size(), (expected.total(bad) + sectorSize - 1) / sectorSize);
@@ -154,15 +159,16 @@ TEST_F(Imaging, StopsWhenCancelledInAPauseAndGoesOnLater)
             EXPECT_EQ(stats.phase, stats.finished ? "Stoppet" : "Kopierer (hurtig gennemgang)");
             imager.cancel();
         });
-        EXPECT_EQ(
-            imager.currentStats().message, "Stoppet. Du kan fortsætte senere – fremskridtet er gemt i disk.img.map.");
+        EXPECT_EQ(imager.currentStats().message,
+            "Stoppet. Du kan fortsætte senere – fremskridtet er gemt i disk.img.map.");
         EXPECT_EQ(imager.map().total(finished), 0u);
 
         imager.setPaused(false);
         imager.run([](const ImagingStats&) {});
         EXPECT_EQ(imager.currentStats().phase, "Færdig");
         EXPECT_EQ(imager.currentStats().message, std::nullopt);
-        EXPECT_EQ(imager.currentStats().readErrors, 5); // the piece, the sector, and the sector three times again
+        EXPECT_EQ(imager.currentStats().readErrors,
+            5); // the piece, the sector, and the sector three times again
         EXPECT_EQ(readFile(image), withHoles(disk, holes));
     }
     EXPECT_TRUE(DiskImager(*source, image).isResuming());
@@ -179,14 +185,15 @@ TEST_F(Imaging, BelievesNoMapfileThatTheImageDoesNotBearOut)
     std::filesystem::resize_file(image, 10'000);
     {
         DiskImager imager(*source, image);
-        EXPECT_EQ(imager.map().snapshot(), (Blocks { { 0, 10'000, finished }, { 10'000, 55'536, nonTried } }));
+        EXPECT_EQ(imager.map().snapshot(),
+            (Blocks { { 0, 10'000, finished }, { 10'000, 55'536, nonTried } }));
         std::filesystem::remove(image); // between the looks at it
         imager.run([](const ImagingStats&) {});
         EXPECT_EQ(readFile(image), disk);
     }
 
-    // A wrong mapfile is gone before the image has the length that bears it out. Nothing is copied before the pause, so
-    // the mapfile is the one that stands during the first pass.
+    // A wrong mapfile is gone before the image has the length that bears it out. Nothing is copied
+    // before the pause, so the mapfile is the one that stands during the first pass.
     std::filesystem::remove(image);
     DiskImager imager(*source, image);
     EXPECT_FALSE(imager.isResuming());
@@ -214,15 +221,16 @@ TEST_F(Imaging, OtherToolsMapfilesAreTakenUpWithWholeSectors)
     auto expected = Bytes(20_KiB, 0xEE); // so that what is copied can be told from what was there
     writeFile(image, expected);
     writeFile(mapfile,
-        bytesOf(
-            "# Mapfile. Created by GNU ddrescue version 1.27\n0x1000 / 1\n"
-            "0 700 +\n700 50 /\n750 3250 +\n4000 50 *\n4050 850 +\n4900 150 ?\n5050 3950 +\n9000 1 -\n9001 7383 +\n"));
+        bytesOf("# Mapfile. Created by GNU ddrescue version 1.27\n0x1000 / 1\n"
+                "0 700 +\n700 50 /\n750 3250 +\n4000 50 *\n4050 850 +\n4900 150 ?\n5050 3950 "
+                "+\n9000 1 -\n9001 7383 +\n"));
     run(*source);
     for (const std::size_t sector : { 1u, 7u, 17u })
         std::ranges::copy(std::span(disk).subspan(sector * 512, 512), &expected[sector * 512]);
     EXPECT_EQ(readFile(image), expected);
     // Of the sector that cannot be read only that is bad which was not finished before.
-    EXPECT_EQ(blocks, (Blocks { { 0, 4'900, finished }, { 4'900, 150, bad }, { 5'050, 11'334, finished } }));
+    EXPECT_EQ(blocks,
+        (Blocks { { 0, 4'900, finished }, { 4'900, 150, bad }, { 5'050, 11'334, finished } }));
 
     // Without a mapfile all is copied anew, in place: what is longer, or cannot be read, stays.
     std::filesystem::remove(mapfile);
@@ -244,11 +252,13 @@ TEST_F(Imaging, SourceIsNeverWrittenTo)
     std::filesystem::create_directory(folder / "folder");
     ASSERT_EQ(runCommand("mkfifo " + folder / "pipe"), 0);
     const auto source = SourceOpener::openImage(original);
-    for (const char* const name : { "disk.img", "link", "other.img", "a", "b", "folder", "pipe", "missing/c" }) {
+    for (const char* const name :
+        { "disk.img", "link", "other.img", "a", "b", "folder", "pipe", "missing/c" }) {
         DiskImager imager(*source, folder / name);
         imager.run([](const ImagingStats& stats) { EXPECT_TRUE(stats.finished); });
         const auto message = imager.currentStats().message.value_or("");
-        EXPECT_EQ(message.rfind("Kunne ikke oprette billedfilen: ", 0), 0u) << name << ": " << message;
+        EXPECT_EQ(message.rfind("Kunne ikke oprette billedfilen: ", 0), 0u)
+            << name << ": " << message;
         EXPECT_EQ(readFile(original), disk) << name;
         EXPECT_TRUE(std::filesystem::is_symlink(folder / "b.map.tmp"));
     }
@@ -260,7 +270,8 @@ TEST_F(Imaging, FullDestinationEndsTheRunWithATrueMapfile)
     const auto source = makeSource(disk);
     writeFile(image, Bytes(disk.size()));
     {
-        // The system stops a file here as it does on a full disk: a short write first, then an error.
+        // The system stops a file here as it does on a full disk: a short write first, then an
+        // error.
         constexpr std::uint64_t room = 150'000;
         const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
         rlimit old {};
@@ -290,8 +301,8 @@ TEST_F(FailingDisk, IsLeftInLeapsThatDoubleUpToALimit)
 
     const auto offsets = readOffsets();
     std::size_t number = 0;
-    for (const std::uint64_t offset :
-        { 0u, 1u, 3u, 6u, 11u, 20u, 37u, 70u, 135u, 264u, 521u, 778u, 1035u, 1292u, 1549u, 1806u, 2u })
+    for (const std::uint64_t offset : { 0u, 1u, 3u, 6u, 11u, 20u, 37u, 70u, 135u, 264u, 521u, 778u,
+             1035u, 1292u, 1549u, 1806u, 2u })
         EXPECT_EQ(offsets[number++], offset * 1_MiB);
 }
 
@@ -343,10 +354,12 @@ TEST_F(FailingDisk, KilledAtAnyMomentGoesOnAndLosesNothing)
 {
     const auto bytes = patternBytes(8_MiB + 300);
     writeFile(disk, bytes);
-    faults = "eio:1000000-1000001,eio:3000000-3100000,short:4000000-5000000,eintr:4500000-5500000,eio:8388700-8388800";
-    const auto expected
-        = withHoles(bytes, { { 1'000'000, 1'000'001 }, { 3'000'000, 3'100'000 }, { 8'388'700, 8'388'800 } });
-    // With time a hundred times as fast the mapfile is saved every 50 ms, and killing does not take all day.
+    faults = "eio:1000000-1000001,eio:3000000-3100000,short:4000000-5000000,eintr:4500000-5500000,"
+             "eio:8388700-8388800";
+    const auto expected = withHoles(
+        bytes, { { 1'000'000, 1'000'001 }, { 3'000'000, 3'100'000 }, { 8'388'700, 8'388'800 } });
+    // With time a hundred times as fast the mapfile is saved every 50 ms, and killing does not take
+    // all day.
     const std::vector<std::string> slowly { "CLOCK_RATE=100", "READ_DELAY=50000" };
     std::mt19937 random(std::random_device {}());
     int progressed = 0;
@@ -363,7 +376,8 @@ TEST_F(FailingDisk, KilledAtAnyMomentGoesOnAndLosesNothing)
         before = rescued;
         if (!wasKilled) {
             EXPECT_EQ(readFile(image), expected);
-            std::filesystem::remove(image); // the next run finds only the mapfile, and must not believe it
+            std::filesystem::remove(
+                image); // the next run finds only the mapfile, and must not believe it
             before = 0;
         }
     }

@@ -33,8 +33,9 @@ Blocks blocksOf(const Statuses& bytes)
 TEST(RangeMap, IsWhatEveryByteWasSetToLast)
 {
     std::mt19937 random(3);
-    const auto upTo
-        = [&](std::uint64_t limit) { return std::uniform_int_distribution<std::uint64_t>(0, limit)(random); };
+    const auto upTo = [&](std::uint64_t limit) {
+        return std::uniform_int_distribution<std::uint64_t>(0, limit)(random);
+    };
     for (const std::size_t size : { 1u, 7u, 60u }) {
         RangeMap map(size);
         Statuses bytes(size, nonTried);
@@ -49,7 +50,9 @@ TEST(RangeMap, IsWhatEveryByteWasSetToLast)
 
             const auto from = upTo(size);
             for (const auto asked : RangeMap::allStatuses) {
-                ASSERT_EQ(map.total(asked), static_cast<std::uint64_t>(std::ranges::count(bytes, asked))) << step;
+                ASSERT_EQ(
+                    map.total(asked), static_cast<std::uint64_t>(std::ranges::count(bytes, asked)))
+                    << step;
                 std::optional<Block> expected;
                 for (const auto& block : map.snapshot())
                     if (const auto start = std::max(block.position, from);
@@ -71,11 +74,12 @@ TEST(RangeMap, PictureShowsTheWorstInEachCell)
     map.set(35, 5, nonTried);
     map.set(45, 5, nonTrimmed);
     EXPECT_EQ(map.cells(10),
-        (Statuses {
-            finished, bad, finished, nonScraped, nonTrimmed, finished, finished, finished, nonTried, nonTried }));
+        (Statuses { finished, bad, finished, nonScraped, nonTrimmed, finished, finished, finished,
+            nonTried, nonTried }));
     EXPECT_EQ(RangeMap(0).cells(5), Statuses());
     // Of six cells for three bytes every second one begins no byte.
-    EXPECT_EQ(RangeMap(3).cells(6), (Statuses { nonTried, nonTried, nonTried, nonTried, nonTried, finished }));
+    EXPECT_EQ(RangeMap(3).cells(6),
+        (Statuses { nonTried, nonTried, nonTried, nonTried, nonTried, finished }));
     EXPECT_EQ(RangeMap(largest).cells(3), Statuses(3, nonTried));
 }
 
@@ -108,13 +112,16 @@ TEST(RangeMap, ReadsMapfilesOfAllKinds)
     } rows[] = {
         { "# only\n\n# comments\n", {} },
         { "0 1000 +\n", {} }, // taken for the status line
-        { "0 ?\n 0x0 0x10 ++\n0 16\n1x 2 +\n0x 2 +\n-1 2 +\n18446744073709551616 2 +\n0 1000 x\n", {} },
+        { "0 ?\n 0x0 0x10 ++\n0 16\n1x 2 +\n0x 2 +\n-1 2 +\n18446744073709551616 2 +\n0 1000 x\n",
+            {} },
         { "0 ?\n0 1000 ?\n", { { { 0, 1000, nonTried } } } },
         { "0 ?\n0x00 0x3e8 +", { { { 0, 1000, finished } } } },
         { "any thing\r\n\t16  0X10\t-  and more\r\n",
             { { { 0, 16, nonTried }, { 16, 16, bad }, { 32, 968, nonTried } } } },
-        { "0 ?\n0 900 +\n +800 300 *\n0 10 ?\n", { { { 0, 800, finished }, { 800, 200, nonTrimmed } } } },
-        { "0 ?\n1000 5 +\n990 0xFFFFFFFFFFFFFFFF /\n5 0 -\n", { { { 0, 990, nonTried }, { 990, 10, nonScraped } } } },
+        { "0 ?\n0 900 +\n +800 300 *\n0 10 ?\n",
+            { { { 0, 800, finished }, { 800, 200, nonTrimmed } } } },
+        { "0 ?\n1000 5 +\n990 0xFFFFFFFFFFFFFFFF /\n5 0 -\n",
+            { { { 0, 990, nonTried }, { 990, 10, nonScraped } } } },
         { "# bl\xC3\xA5  \xEF\xBF\xBD\n0 ?\n0 1000 +\n", { { { 0, 1000, finished } } } },
         { "# bl\xE5\n0 ?\n0 1000 +\n", {} },
     };
@@ -150,5 +157,6 @@ TEST(RangeMap, SavingReplacesTheMapfileWholeOrNotAtAll)
 
     EXPECT_FALSE(RangeMap::read(folder / "missing", 10));
     ASSERT_EQ(runCommand("mkfifo " + folder / "pipe"), 0);
-    EXPECT_FALSE(RangeMap::read(folder / "pipe", 10)); // only a file can be one, and a pipe is not waited for
+    EXPECT_FALSE(RangeMap::read(
+        folder / "pipe", 10)); // only a file can be one, and a pipe is not waited for
 }

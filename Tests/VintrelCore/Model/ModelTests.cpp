@@ -1,5 +1,5 @@
-#include "VintrelCore/Model/Model.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/Model.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,8 @@ namespace {
 
 using enum EntryStatus;
 
-std::unique_ptr<FileNode> file(std::string name, std::uint64_t size = 0, EntryStatus status = existing)
+std::unique_ptr<FileNode> file(
+    std::string name, std::uint64_t size = 0, EntryStatus status = existing)
 {
     return FileNode::makeFile(std::move(name), size, status);
 }
@@ -43,22 +44,26 @@ TEST(Model, TextsOfTheEnumerations)
     for (const auto chance : { unknown, poor, partial, good })
         texts.emplace_back(label(chance));
     for (const auto category : allFileCategories)
-        texts.push_back(
-            std::string(identifier(category)).append("/").append(label(category)).append("/").append(symbol(category)));
+        texts.push_back(std::string(identifier(category))
+                            .append("/")
+                            .append(label(category))
+                            .append("/")
+                            .append(symbol(category)));
     EXPECT_EQ(texts,
-        (Names { "FAT12", "FAT16", "FAT32", "exFAT", "NTFS", "HFS+", "APFS", "ext2/3/4", "Signaturer", "Ukendt",
-            "Eksisterende", "Slettet", "Forældreløs", "Signaturfund", "Ukendt", "Ringe", "Delvis", "God",
-            "image/Billeder/photo", "video/Video/film", "audio/Lyd/waveform", "document/Dokumenter/doc.text",
-            "archive/Arkiver/archivebox", "other/Andet/doc" }));
+        (Names { "FAT12", "FAT16", "FAT32", "exFAT", "NTFS", "HFS+", "APFS", "ext2/3/4",
+            "Signaturer", "Ukendt", "Eksisterende", "Slettet", "Forældreløs", "Signaturfund",
+            "Ukendt", "Ringe", "Delvis", "God", "image/Billeder/photo", "video/Video/film",
+            "audio/Lyd/waveform", "document/Dokumenter/doc.text", "archive/Arkiver/archivebox",
+            "other/Andet/doc" }));
 }
 
 TEST(Model, CategoriesByExtension)
 {
     using enum FileCategory;
-    const std::pair<const char*, FileCategory> cases[]
-        = { { "FERIE.JPG", image }, { "a.3fr", image }, { "a.mov", video }, { "a.m4a", audio }, { "a.pdf", document },
-              { "arkiv.tar.GZ", archive }, { "a.zip", archive }, { "a.sqlite", other }, { "jpg", other },
-              { "a.jp", other }, { "slut.", other }, { "a.jpg/læsmig", other } };
+    const std::pair<const char*, FileCategory> cases[] = { { "FERIE.JPG", image },
+        { "a.3fr", image }, { "a.mov", video }, { "a.m4a", audio }, { "a.pdf", document },
+        { "arkiv.tar.GZ", archive }, { "a.zip", archive }, { "a.sqlite", other }, { "jpg", other },
+        { "a.jp", other }, { "slut.", other }, { "a.jpg/læsmig", other } };
     for (const auto& [name, category] : cases)
         EXPECT_EQ(categoryOf(name), category) << name;
     EXPECT_EQ(fileExtension("arkiv.tar.GZ"), "gz");
@@ -67,9 +72,10 @@ TEST(Model, CategoriesByExtension)
 
 TEST(Model, FormatsByteCounts)
 {
-    const std::pair<std::uint64_t, const char*> cases[] = { { 0, "0 bytes" }, { 1, "1 byte" }, { 999, "999 bytes" },
-        { 1'499, "1 KB" }, { 1'500, "2 KB" }, { 999'499, "999 KB" }, { 999'500, "1 MB" }, { 1'049'999, "1 MB" },
-        { 1'050'000, "1,1 MB" }, { 10'000'000, "10 MB" }, { 999'949'999, "999,9 MB" }, { 999'950'000, "1 GB" },
+    const std::pair<std::uint64_t, const char*> cases[] = { { 0, "0 bytes" }, { 1, "1 byte" },
+        { 999, "999 bytes" }, { 1'499, "1 KB" }, { 1'500, "2 KB" }, { 999'499, "999 KB" },
+        { 999'500, "1 MB" }, { 1'049'999, "1 MB" }, { 1'050'000, "1,1 MB" },
+        { 10'000'000, "10 MB" }, { 999'949'999, "999,9 MB" }, { 999'950'000, "1 GB" },
         { 1'005'000'000, "1,01 GB" }, { 1'100'000'000, "1,1 GB" }, { 999'995'000'000, "1 TB" },
         { 1'230'000'000'000'000, "1,23 PB" }, { ~std::uint64_t { 0 }, "9,22 EB" } };
     for (const auto& [count, text] : cases)
@@ -91,19 +97,22 @@ TEST(FileNode, KnowsItsPlace)
     EXPECT_EQ(names(root->folders()), (Names { "Billeder", "Slettet" }));
     EXPECT_EQ(names(root->allFiles()), (Names { "a.jpg", "a.jpg", "b.txt", "c.txt" }));
     EXPECT_EQ(root->totals(), (Totals { .files = 4, .folders = 2, .bytes = 42, .deleted = 2 }));
-    EXPECT_EQ(Volume(FileSystemType::carved, "", 0, 0, folder(""), "").title(), "Uden navn (Signaturer)");
+    EXPECT_EQ(
+        Volume(FileSystemType::carved, "", 0, 0, folder(""), "").title(), "Uden navn (Signaturer)");
 }
 
 TEST(FileNode, SortsAsPeopleDo)
 {
     Names expected { "10 ting", "ålen", // folders first
-        "", "-", "0", "00", "001", "01", "1", "1a", "2", "10", "99999999999999999999998", "99999999999999999999999",
-        "[", "a", "IMG_2.jpg", "img_3.jpg", "IMG_10.jpg", "IMG_10a.jpg", "Z", "z", "zz", "\xFF" };
+        "", "-", "0", "00", "001", "01", "1", "1a", "2", "10", "99999999999999999999998",
+        "99999999999999999999999", "[", "a", "IMG_2.jpg", "img_3.jpg", "IMG_10.jpg", "IMG_10a.jpg",
+        "Z", "z", "zz", "\xFF" };
     if (Unicode::foldedCase(U'Æ') == U'æ') {
         const Names danish { "Æble", "æBLER", "ø", "Øl" };
         expected.insert(expected.end() - 1, danish.begin(), danish.end());
     }
-    const auto isFolder = [](const std::string& name) { return name == "10 ting" || name == "ålen"; };
+    const auto isFolder
+        = [](const std::string& name) { return name == "10 ting" || name == "ålen"; };
     auto shuffled = expected;
     std::ranges::shuffle(shuffled, std::mt19937(1));
     const auto root = folder("");
@@ -129,7 +138,8 @@ TEST(FileNode, EqualNamesKeepADefiniteOrder)
 
 TEST(FileNode, TreesAsDeepAndWideAsTheDiskClaims)
 {
-    constexpr std::size_t depth = 200'000; // recursion would have less than 42 bytes of stack a level
+    constexpr std::size_t depth
+        = 200'000; // recursion would have less than 42 bytes of stack a level
     auto root = folder("");
     auto* node = root.get();
     for (std::size_t i = 0; i < depth; ++i)
@@ -139,7 +149,8 @@ TEST(FileNode, TreesAsDeepAndWideAsTheDiskClaims)
         node->add(file("FIL" + std::to_string((i * 7919) % width), 3));
     root->sortChildren();
     EXPECT_EQ(node->children()[12'345]->name, "FIL12345");
-    EXPECT_EQ(root->totals(), (Totals { .files = width, .folders = depth, .bytes = 3 * width, .deleted = 0 }));
+    EXPECT_EQ(root->totals(),
+        (Totals { .files = width, .folders = depth, .bytes = 3 * width, .deleted = 0 }));
     EXPECT_EQ(root->allFiles().size(), width);
     EXPECT_EQ(node->path().size(), 2 * depth);
     root.reset();

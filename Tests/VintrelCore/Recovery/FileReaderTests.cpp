@@ -20,19 +20,21 @@ Delivered deliver(const FileNode& node, DiskSource& source, std::size_t chunkSiz
     std::optional<std::uint64_t> limit = {}, std::size_t maxPieces = 99999)
 {
     Delivered result;
-    result.badBytes = FileReader::stream(node, source, chunkSize, limit, [&](const FileReader::Piece& piece) {
-        result.bytes.insert(result.bytes.end(), piece.bytes.begin(), piece.bytes.end());
-        result.bytes.resize(result.bytes.size() + piece.holeLength);
-        result.pieces.push_back(piece.bytes.size());
-        result.holes += piece.holeLength;
-        return result.pieces.size() < maxPieces;
-    });
+    result.badBytes
+        = FileReader::stream(node, source, chunkSize, limit, [&](const FileReader::Piece& piece) {
+              result.bytes.insert(result.bytes.end(), piece.bytes.begin(), piece.bytes.end());
+              result.bytes.resize(result.bytes.size() + piece.holeLength);
+              result.pieces.push_back(piece.bytes.size());
+              result.holes += piece.holeLength;
+              return result.pieces.size() < maxPieces;
+          });
     return result;
 }
 
 std::unique_ptr<FileNode> file(std::uint64_t size, FileData data)
 {
-    return FileNode::makeFile("fil", size, EntryStatus::existing, Recoverability::good, std::move(data));
+    return FileNode::makeFile(
+        "fil", size, EntryStatus::existing, Recoverability::good, std::move(data));
 }
 
 Bytes joined(std::initializer_list<Bytes> parts)
@@ -46,8 +48,10 @@ Bytes joined(std::initializer_list<Bytes> parts)
 /// The bytes of one compressed chunk behind their header.
 Bytes chunk(const Bytes& data, bool isCompressed = true)
 {
-    const auto header = static_cast<std::uint16_t>((isCompressed ? 0xB000 : 0x3000) | (data.size() - 1));
-    return joined({ { static_cast<std::uint8_t>(header), static_cast<std::uint8_t>(header >> 8) }, data });
+    const auto header
+        = static_cast<std::uint16_t>((isCompressed ? 0xB000 : 0x3000) | (data.size() - 1));
+    return joined(
+        { { static_cast<std::uint8_t>(header), static_cast<std::uint8_t>(header >> 8) }, data });
 }
 
 } // namespace
@@ -57,8 +61,8 @@ TEST(FileReader, ExtentsHolesAndMissingEnds)
     const auto disk = patternBytes(64_KiB);
     auto source = makeSource(disk);
     const auto on = [&](std::size_t at, std::size_t count) {
-        return Bytes(
-            disk.begin() + static_cast<std::ptrdiff_t>(at), disk.begin() + static_cast<std::ptrdiff_t>(at + count));
+        return Bytes(disk.begin() + static_cast<std::ptrdiff_t>(at),
+            disk.begin() + static_cast<std::ptrdiff_t>(at + count));
     };
     const struct {
         const char* what;
@@ -67,15 +71,17 @@ TEST(FileReader, ExtentsHolesAndMissingEnds)
         Bytes expected;
         std::uint64_t holes;
     } cases[] = {
-        { "two extents in file order", 5000, { { 8192, 4096 }, { 512, 904 } }, joined({ on(8192, 4096), on(512, 904) }),
-            0 },
+        { "two extents in file order", 5000, { { 8192, 4096 }, { 512, 904 } },
+            joined({ on(8192, 4096), on(512, 904) }), 0 },
         { "a hole between", 9000, { { 1000, 100 }, { std::nullopt, 8192 }, { 0, 708 } },
             joined({ on(1000, 100), Bytes(8192), on(0, 708) }), 8192 },
-        { "extents shorter than the file", 4096, { { 0, 10 } }, joined({ on(0, 10), Bytes(4086) }), 4086 },
+        { "extents shorter than the file", 4096, { { 0, 10 } }, joined({ on(0, 10), Bytes(4086) }),
+            4086 },
         { "extents longer than the file", 100, { { 0, 4096 }, { 8192, 4096 } }, on(0, 100), 0 },
         { "an extent that leaves the source", 2000, { { 64_KiB - 1000, 2000 } },
             joined({ on(64_KiB - 1000, 1000), Bytes(1000) }), 1000 },
-        { "an extent beyond any source", 700, { { ~std::uint64_t { 0 } - 100, 700 } }, Bytes(700), 700 },
+        { "an extent beyond any source", 700, { { ~std::uint64_t { 0 } - 100, 700 } }, Bytes(700),
+            700 },
         { "no extent", 700, {}, Bytes(700), 700 },
         { "an empty file", 0, { { 0, 100 } }, {}, 0 },
     };
@@ -86,7 +92,9 @@ TEST(FileReader, ExtentsHolesAndMissingEnds)
             EXPECT_EQ(result.bytes, expected) << what;
             EXPECT_EQ(result.holes, holes) << what;
             EXPECT_EQ(result.badBytes, 0u) << what;
-            EXPECT_TRUE(std::ranges::all_of(result.pieces, [&](auto piece) { return piece <= chunkSize; })) << what;
+            EXPECT_TRUE(std::ranges::all_of(result.pieces, [&](auto piece) {
+                return piece <= chunkSize;
+            })) << what;
         }
         EXPECT_EQ(FileReader::readPrefix(*node, *source, 1_MiB), expected) << what;
     }
@@ -102,8 +110,11 @@ TEST(FileReader, LimitsAndStops)
     EXPECT_EQ(deliver(*node, *source, 100, {}, 1).bytes.size(), 100u);
     EXPECT_EQ(FileReader::readPrefix(*node, *source, 10).size(), 10u);
     EXPECT_EQ(FileReader::readPrefix(*node, *source, 0).size(), 0u);
-    const auto hole = file(std::uint64_t { 1 } << 62, ExtentList {}); // takes neither time nor memory
-    EXPECT_EQ(FileReader::stream(*hole, *source, 4096, {}, [](const FileReader::Piece&) { return true; }), 0u);
+    const auto hole
+        = file(std::uint64_t { 1 } << 62, ExtentList {}); // takes neither time nor memory
+    EXPECT_EQ(
+        FileReader::stream(*hole, *source, 4096, {}, [](const FileReader::Piece&) { return true; }),
+        0u);
 }
 
 TEST(FileReader, ResidentAndUnknownData)
@@ -119,7 +130,8 @@ TEST(FileReader, CountsUnreadableBytes)
     const auto disk = patternBytes(1_MiB);
     auto source = makeSource(disk);
     source->addSimulatedBadRange({ 600'000, 600'001 });
-    const auto result = deliver(*file(900'000, ExtentList { { 512, 450'000 }, { 460'800, 450'000 } }), *source, 4_MiB);
+    const auto result = deliver(
+        *file(900'000, ExtentList { { 512, 450'000 }, { 460'800, 450'000 } }), *source, 4_MiB);
     EXPECT_EQ(result.badBytes, 512u);
     ASSERT_EQ(result.bytes.size(), 900'000u);
     const auto bad = 600'000 / 512 * 512 - 460'800 + 450'000;
@@ -141,13 +153,14 @@ TEST(FileReader, DecompressesLZNT1)
         { "a match that repeats itself", chunk({ 0x02, 'a', 0x04, 0x00 }), "aaaaaaaa" },
         { "a match at a distance", chunk({ 0x08, 'a', 'b', 'c', 0x01, 0x20 }), "abcabca" },
         { "stored", chunk(bytesOf("stored"), false), "stored" },
-        { "two chunks, distances count anew", joined({ chunk(abc), chunk({ 0x02, 'z', 0x00, 0x00 }) }),
-            "abcdefghzzzz" },
+        { "two chunks, distances count anew",
+            joined({ chunk(abc), chunk({ 0x02, 'z', 0x00, 0x00 }) }), "abcdefghzzzz" },
         { "end mark", joined({ chunk(abc), { 0, 0 }, chunk(abc) }), "abcdefgh" },
         { "end mark at the start", { 0, 0, 'x' }, "" },
         { "distance before the chunk", chunk({ 0x02, 'a', 0x00, 0x10, 'b' }), "a" },
         { "distance before anything", chunk({ 0x01, 0x00, 0x00 }), "" },
-        { "a token cut by the chunk's end", joined({ chunk({ 0x02, 'a', 0x00 }), chunk(bytesOf("b"), false) }), "ab" },
+        { "a token cut by the chunk's end",
+            joined({ chunk({ 0x02, 'a', 0x00 }), chunk(bytesOf("b"), false) }), "ab" },
         { "a chunk longer than the input", { 0xFF, 0xBF, 0x00, 'a', 'b' }, "ab" },
         { "half a header", { 0x05 }, "" },
     };
@@ -159,7 +172,8 @@ TEST(FileReader, DecompressesLZNT1)
 
     Bytes widths = longMatch;
     widths[0] = 0x06;
-    widths.insert(widths.end(), { 0x00, 0x80 }); // 17 bytes are there: 11 bits of length, 3, and 5 of distance, 17
+    widths.insert(widths.end(),
+        { 0x00, 0x80 }); // 17 bytes are there: 11 bits of length, 3, and 5 of distance, 17
     EXPECT_EQ(FileReader::lznt1Decompress(chunk(widths), 20), Bytes(20, 'x'));
     EXPECT_EQ(FileReader::lznt1Decompress(chunk({ 0x02, 'a', 0xFF, 0x0F }), 10), Bytes(10, 'a'))
         << "cut at the output's size";
@@ -167,12 +181,13 @@ TEST(FileReader, DecompressesLZNT1)
 
 TEST(FileReader, CompressedUnits)
 {
-    // Units of four clusters of 512 bytes: plain, compressed into one cluster (of another place), sparse, and a last
-    // one cut by the file's end.
+    // Units of four clusters of 512 bytes: plain, compressed into one cluster (of another place),
+    // sparse, and a last one cut by the file's end.
     auto disk = patternBytes(64_KiB);
     Bytes unit;
     for (int i = 0; i < 2; ++i)
-        unit = joined({ unit, chunk({ 0x02, static_cast<std::uint8_t>('a' + i), 0xFC, 0x03 }) }); // 1024 of it
+        unit = joined({ unit,
+            chunk({ 0x02, static_cast<std::uint8_t>('a' + i), 0xFC, 0x03 }) }); // 1024 of it
     unit.resize(512);
     std::ranges::copy(unit, disk.begin() + 4096 + 20 * 512);
     auto source = makeSource(disk);
@@ -185,26 +200,30 @@ TEST(FileReader, CompressedUnits)
         const auto at = disk.begin() + static_cast<std::ptrdiff_t>(4096 + first * 512);
         return Bytes(at, at + static_cast<std::ptrdiff_t>(count * 512));
     };
-    auto expected
-        = joined({ clusters(2, 3), clusters(9, 1), Bytes(1024, 'a'), Bytes(1024, 'b'), Bytes(2048), clusters(30, 4) });
+    auto expected = joined({ clusters(2, 3), clusters(9, 1), Bytes(1024, 'a'), Bytes(1024, 'b'),
+        Bytes(2048), clusters(30, 4) });
     expected.resize(7000);
     const auto result = deliver(*file(7000, runs), *source);
     EXPECT_EQ(result.bytes, expected);
     EXPECT_EQ(result.holes, 2048u);
-    EXPECT_EQ(
-        FileReader::readPrefix(*file(7000, runs), *source, 3000), Bytes(expected.begin(), expected.begin() + 3000));
+    EXPECT_EQ(FileReader::readPrefix(*file(7000, runs), *source, 3000),
+        Bytes(expected.begin(), expected.begin() + 3000));
 
-    // What the file never wrote is a hole, whatever its clusters hold, and also in the middle of a unit.
+    // What the file never wrote is a hole, whatever its clusters hold, and also in the middle of a
+    // unit.
     for (const std::uint64_t initialized : { 0u, 100u, 3000u, 5000u, 6500u, 9999u }) {
         auto begun = runs;
         begun.initializedSize = initialized;
         auto cut = expected;
-        std::fill(cut.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(initialized, 7000)), cut.end(),
-            std::uint8_t { 0 });
+        std::fill(
+            cut.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(initialized, 7000)),
+            cut.end(), std::uint8_t { 0 });
         const auto shorter = deliver(*file(7000, begun), *source);
         EXPECT_EQ(shorter.bytes, cut) << initialized;
-        const std::uint64_t sparse = initialized <= 4096 ? 0 : std::min<std::uint64_t>(initialized - 4096, 2048);
-        EXPECT_EQ(shorter.holes, sparse + 7000 - std::min<std::uint64_t>(initialized, 7000)) << initialized;
+        const std::uint64_t sparse
+            = initialized <= 4096 ? 0 : std::min<std::uint64_t>(initialized - 4096, 2048);
+        EXPECT_EQ(shorter.holes, sparse + 7000 - std::min<std::uint64_t>(initialized, 7000))
+            << initialized;
     }
 
     auto damaged = makeSource(disk);
@@ -212,7 +231,8 @@ TEST(FileReader, CompressedUnits)
     EXPECT_EQ(deliver(*file(7000, runs), *damaged).badBytes, 512u);
 
     for (const auto& [clusterSize, unitClusters] :
-        { std::pair<std::uint64_t, std::uint64_t> { 0, 16 }, { 4096, 0 }, { 1ull << 40, 1ull << 40 } }) {
+        { std::pair<std::uint64_t, std::uint64_t> { 0, 16 }, { 4096, 0 },
+            { 1ull << 40, 1ull << 40 } }) {
         auto impossible = runs;
         impossible.clusterSize = clusterSize;
         impossible.unitClusters = unitClusters;

@@ -15,12 +15,14 @@ namespace {
 /// A tree to recover, a disk under it and a place to put it.
 class Recovery : public ::testing::Test {
 protected:
-    FileNode& addFile(FileNode& folder, const std::string& name, FileData data = bytesOf("x"), std::uint64_t size = 1,
-        EntryStatus status = EntryStatus::existing)
+    FileNode& addFile(FileNode& folder, const std::string& name, FileData data = bytesOf("x"),
+        std::uint64_t size = 1, EntryStatus status = EntryStatus::existing)
     {
-        return folder.add(FileNode::makeFile(name, size, status, Recoverability::good, std::move(data)));
+        return folder.add(
+            FileNode::makeFile(name, size, status, Recoverability::good, std::move(data)));
     }
-    FileNode& addFolder(FileNode& folder, const std::string& name, EntryStatus status = EntryStatus::existing)
+    FileNode& addFolder(
+        FileNode& folder, const std::string& name, EntryStatus status = EntryStatus::existing)
     {
         return folder.add(FileNode::makeFolder(name, status));
     }
@@ -80,10 +82,11 @@ TEST(RecoveryNames, Sanitize)
 
 TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
 {
-    auto& photo = addFile(
-        addFolder(addFolder(*root, "DCIM"), "100KAM"), "IMG_1.JPG", ExtentList { { 4096, 5'000'000 } }, 5'000'000);
+    auto& photo = addFile(addFolder(addFolder(*root, "DCIM"), "100KAM"), "IMG_1.JPG",
+        ExtentList { { 4096, 5'000'000 } }, 5'000'000);
     photo.modified = Date { std::chrono::seconds { 1'000'000'000 } };
-    auto& damaged = addFile(*root, "skadet;fil.bin", ExtentList { { 5'500'000, 2000 } }, 2000, EntryStatus::deleted);
+    auto& damaged = addFile(
+        *root, "skadet;fil.bin", ExtentList { { 5'500'000, 2000 } }, 2000, EntryStatus::deleted);
     damaged.recoverability = Recoverability::partial;
     damaged.note = "Dele \"mangler\"";
     addFile(*root, "tom.txt", ExtentList {}, 0);
@@ -100,8 +103,10 @@ TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
     EXPECT_EQ(last.filesDone, last.filesTotal);
     ASSERT_EQ(result.folder, target / "r");
     EXPECT_EQ(filesIn(target / "r"),
-        (std::vector<std::string> { "DCIM/100KAM/IMG_1.JPG", "skadet;fil.bin", "tom.txt", "ukendt.bin" }));
-    EXPECT_TRUE(readFile(target / "r/DCIM/100KAM/IMG_1.JPG") == Bytes(disk.begin() + 4096, disk.begin() + 5'004'096));
+        (std::vector<std::string> {
+            "DCIM/100KAM/IMG_1.JPG", "skadet;fil.bin", "tom.txt", "ukendt.bin" }));
+    EXPECT_TRUE(readFile(target / "r/DCIM/100KAM/IMG_1.JPG")
+        == Bytes(disk.begin() + 4096, disk.begin() + 5'004'096));
     EXPECT_EQ(text(target / "r/Gendannelsesrapport.csv"),
         "Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n"
         "DCIM/100KAM/IMG_1.JPG;5000000;OK;God;0;\n"
@@ -122,8 +127,11 @@ TEST_F(Recovery, OptionsAndThousandsOfEqualNames)
         nodes.push_back(&addFile(addFolder(*root, "mappe"), stem + "øø.txt"));
     nodes.push_back(nodes[0]->parent());
     nodes[0]->modified = Date { std::chrono::seconds { 1'000'000'000 } };
-    const RecoveryOptions options { .keepFolderStructure = false, .restoreDates = false, .writeReport = false };
-    const auto result = RecoveryEngine::recover(nodes, "", *source, target / "ny/dyb", options, nullptr, progress);
+    const RecoveryOptions options {
+        .keepFolderStructure = false, .restoreDates = false, .writeReport = false
+    };
+    const auto result = RecoveryEngine::recover(
+        nodes, "", *source, target / "ny/dyb", options, nullptr, progress);
     EXPECT_EQ(result.recovered, 3000) << "each node once";
     EXPECT_FALSE(fs::exists(target / "ny/dyb/Gendannet/Gendannelsesrapport.csv"));
     EXPECT_TRUE(fs::exists(target / ("ny/dyb/Gendannet/" + stem + "ø (3000).txt")));
@@ -140,7 +148,8 @@ TEST_F(Recovery, NamesThatMeetOrAreHostile)
     addFile(*root, "Gendannelsesrapport.csv", bytesOf("c"));
     addFile(*root, "DCIM", bytesOf("f"));
     addFile(addFolder(*root, "DCIM"), "1.txt", bytesOf("1"));
-    addFile(addFolder(*root, "DCIM", EntryStatus::deleted), "2.txt", bytesOf("2"), 1, EntryStatus::deleted);
+    addFile(addFolder(*root, "DCIM", EntryStatus::deleted), "2.txt", bytesOf("2"), 1,
+        EntryStatus::deleted);
     addFile(*root, ".skjult");
     addFile(*root, ".skjult");
     addFile(addFolder(*root, ".."), "../../ud.txt");
@@ -148,20 +157,21 @@ TEST_F(Recovery, NamesThatMeetOrAreHostile)
 
     const auto result = recover();
     EXPECT_EQ(filesIn(target / "r"),
-        (std::vector<std::string> { ".skjult", ".skjult (2)", ":etc/:passwd", "DCIM", "DCIM (2)/1.txt",
-            "DCIM (2)/2.txt", "Gendannelsesrapport (2).csv", "IMG (2).JPG", "IMG (3).JPG", "IMG.JPG",
-            "unavngivet/..:..:ud.txt" }));
+        (std::vector<std::string> { ".skjult", ".skjult (2)", ":etc/:passwd", "DCIM",
+            "DCIM (2)/1.txt", "DCIM (2)/2.txt", "Gendannelsesrapport (2).csv", "IMG (2).JPG",
+            "IMG (3).JPG", "IMG.JPG", "unavngivet/..:..:ud.txt" }));
     EXPECT_EQ(std::distance(fs::directory_iterator(target.path()), {}), 1);
     EXPECT_EQ(text(target / "r/IMG.JPG"), "e") << "the existing one keeps its name";
-    EXPECT_NE(text(target / "r/Gendannelsesrapport.csv").find("\nDCIM (2)/1.txt;1;OK"), std::string::npos);
+    EXPECT_NE(text(target / "r/Gendannelsesrapport.csv").find("\nDCIM (2)/1.txt;1;OK"),
+        std::string::npos);
 }
 
 TEST_F(Recovery, PlantedLinksAreNotFollowed)
 {
     const TemporaryFolder elsewhere;
     writeFile(elsewhere / "offer.txt", bytesOf("urørt"));
-    // While the first file is copied somebody plants links where the next ones are to go, and in place of a folder that
-    // was made already.
+    // While the first file is copied somebody plants links where the next ones are to go, and in
+    // place of a folder that was made already.
     addFile(addFolder(*root, "0"), "1.txt", ExtentList { { 0, 10 } }, 10);
     addFile(addFolder(*root, "mappe"), "2.txt");
     addFile(*root, "3.txt", bytesOf("min"), 3);
@@ -185,7 +195,8 @@ TEST_F(Recovery, PlantedLinksAreNotFollowed)
 
 TEST_F(Recovery, HolesStaySparse)
 {
-    addFile(*root, "hul.bin", ExtentList { { 0, 4096 }, { std::nullopt, 1'000'000'000 }, { 4096, 10 } }, 3'000'000'000);
+    addFile(*root, "hul.bin",
+        ExtentList { { 0, 4096 }, { std::nullopt, 1'000'000'000 }, { 4096, 10 } }, 3'000'000'000);
     EXPECT_EQ(recover().recovered, 1);
     struct stat status { };
     ASSERT_EQ(::stat((target / "r/hul.bin").c_str(), &status), 0);
@@ -208,7 +219,8 @@ TEST_F(Recovery, AFullDestinationEndsTheRun)
     const auto files = filesIn(target / "r");
     ASSERT_EQ(runCommand("umount " + target.path()), 0);
 
-    EXPECT_EQ(result.failures, std::vector<std::string> { "Destinationen er fuld – gendannelsen blev stoppet." });
+    EXPECT_EQ(result.failures,
+        std::vector<std::string> { "Destinationen er fuld – gendannelsen blev stoppet." });
     EXPECT_EQ(files, std::vector<std::string> { "1 lille.txt" });
     EXPECT_NE(report.find("1 lille.txt;1;OK"), std::string::npos);
 }

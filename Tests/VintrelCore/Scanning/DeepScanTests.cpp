@@ -24,7 +24,8 @@ public:
         FATImage card({ .type = FileSystemType::fat16 });
         const auto folder = card.addFolder(FATImage::root, { .name = "DCIM       " });
         card.addFile(folder, { .name = "IMG_0010JPG" }, {});
-        const auto entries = card.bytes().begin() + static_cast<std::ptrdiff_t>(card.offsetOf(folder));
+        const auto entries
+            = card.bytes().begin() + static_cast<std::ptrdiff_t>(card.offsetOf(folder));
         write(18 * 512, Bytes(entries, entries + 512));
         const auto header = ByteView(headerBlock).sub(1'024, 64).span();
         write(1 * 512, header); // no room for a volume in front of it
@@ -58,7 +59,8 @@ private:
         putLE(bytes_, at + 28, 14, 4);
         putLE(bytes_, at + 32, 2, 2);
         putLE(bytes_, at + 36, 1, 4);
-        putLE(bytes_, at, APFSParser::fletcher64(ByteView(bytes_).sub(static_cast<std::int64_t>(at), 4'096)), 8);
+        putLE(bytes_, at,
+            APFSParser::fletcher64(ByteView(bytes_).sub(static_cast<std::int64_t>(at), 4'096)), 8);
     }
 
     const Bytes headerBlock = volumeStart(FileSystemType::hfsplus);
@@ -82,7 +84,8 @@ TEST(DeepScanner, FindsStructuresAtEverySector)
     EXPECT_EQ(found.boots[0].offset, 4u * 512);
     EXPECT_EQ(found.boots[0].type, FileSystemType::ntfs);
     EXPECT_EQ(found.boots[1].offset, 8u * 512);
-    EXPECT_TRUE(std::ranges::equal(found.boots[1].sector, source->read(8 * 512, 512, ReadMode::fast)));
+    EXPECT_TRUE(
+        std::ranges::equal(found.boots[1].sector, source->read(8 * 512, 512, ReadMode::fast)));
     EXPECT_EQ(sectors(found.mftRecords), Offsets { 16 });
     EXPECT_EQ(sectors(found.fatDirSectors), Offsets { 18 });
     EXPECT_EQ(sectors(found.hfsHeaders), Offsets { 20 });
@@ -100,8 +103,9 @@ TEST(DeepScanner, SkipsWhatLiesInsideAFileOfKnownSize)
     std::vector<std::pair<std::string, std::uint64_t>> files;
     for (const auto& file : found.carved)
         files.emplace_back(file.ext, file.offset / 512);
-    EXPECT_EQ(
-        files, (std::vector<std::pair<std::string, std::uint64_t>> { { "png", 100 }, { "pdf", 103 }, { "png", 104 } }));
+    EXPECT_EQ(files,
+        (std::vector<std::pair<std::string, std::uint64_t>> {
+            { "png", 100 }, { "pdf", 103 }, { "png", 104 } }));
     EXPECT_TRUE(found.boots.empty() && found.mftRecords.empty() && found.fatDirSectors.empty());
 }
 
@@ -111,7 +115,8 @@ TEST(DeepScanner, LosesNothingBesideABadSector)
     source->addSimulatedBadRange({ 15 * 512, 15 * 512 + 1 });
     source->addSimulatedBadRange({ 99 * 512, 99 * 512 + 1 });
     DeepScanStats last;
-    const auto found = DeepScanner(*source).run(nullptr, [&](const DeepScanStats& stats) { last = stats; });
+    const auto found
+        = DeepScanner(*source).run(nullptr, [&](const DeepScanStats& stats) { last = stats; });
     EXPECT_EQ(sectors(found.mftRecords), Offsets { 16 });
     EXPECT_EQ(found.carved.size(), 3u);
     EXPECT_EQ(last.badSectors, 2u);
@@ -120,7 +125,8 @@ TEST(DeepScanner, LosesNothingBesideABadSector)
     EXPECT_EQ(last.bootSectors, 4u);
     EXPECT_EQ(last.mftRecords, 1u);
     EXPECT_EQ(last.filesFound, 3u);
-    EXPECT_EQ(last.byExtension, (std::map<std::string, std::uint64_t> { { "pdf", 1 }, { "png", 2 } }));
+    EXPECT_EQ(
+        last.byExtension, (std::map<std::string, std::uint64_t> { { "pdf", 1 }, { "png", 2 } }));
 }
 
 TEST(DeepScanner, EndsEarlyWhenCancelledAndAtOnceWithoutContent)
@@ -173,7 +179,8 @@ TEST(DeepScanner, PresentsCarvedFilesAsAVolume)
     std::vector<std::string> lines;
     for (const auto* file : volume->root->allFiles()) {
         EXPECT_EQ(file->status, EntryStatus::carved);
-        lines.push_back(file->path() + " " + std::string(label(file->recoverability)) + " " + file->note.value_or("-"));
+        lines.push_back(file->path() + " " + std::string(label(file->recoverability)) + " "
+            + file->note.value_or("-"));
     }
     EXPECT_EQ(lines,
         (std::vector<std::string> { "/JPG/2024-05-17 14.03.22 f2048.jpg God -", "/JPG/f1.jpg God -",

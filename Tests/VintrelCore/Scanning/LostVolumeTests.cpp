@@ -1,4 +1,5 @@
-// Volumes that no table names any more: built or made by other systems' tools, and then damaged as users do.
+// Volumes that no table names any more: built or made by other systems' tools, and then damaged as
+// users do.
 
 #include "Tests/Images/APFSImage.h"
 #include "Tests/Images/CarvedFile.h"
@@ -35,8 +36,8 @@ struct ScannedDisk {
     {
         std::string text;
         for (const auto& volume : volumes)
-            text += std::string(displayName(volume->type)) + " @ " + std::to_string(volume->offset) + ", "
-                + std::to_string(volume->root->totals().files) + "; ";
+            text += std::string(displayName(volume->type)) + " @ " + std::to_string(volume->offset)
+                + ", " + std::to_string(volume->root->totals().files) + "; ";
         return text;
     }
 
@@ -54,11 +55,15 @@ ScannedDisk scan(const Bytes& bytes) { return { .source = makeSource(bytes) }; }
 /// How many of the files are found by path and bytes.
 std::size_t countRight(const Files& files, const Files& found)
 {
-    return static_cast<std::size_t>(std::ranges::count_if(
-        files, [&](const auto& file) { return found.contains(file.first) && found.at(file.first) == file.second; }));
+    return static_cast<std::size_t>(std::ranges::count_if(files, [&](const auto& file) {
+        return found.contains(file.first) && found.at(file.first) == file.second;
+    }));
 }
 
-Bytes::iterator in(Bytes& bytes, std::uint64_t at) { return bytes.begin() + static_cast<std::ptrdiff_t>(at); }
+Bytes::iterator in(Bytes& bytes, std::uint64_t at)
+{
+    return bytes.begin() + static_cast<std::ptrdiff_t>(at);
+}
 
 void write(Bytes& bytes, std::uint64_t at, const Bytes& more)
 {
@@ -71,7 +76,10 @@ void copyWithin(Bytes& bytes, std::uint64_t from, std::uint64_t to, std::size_t 
     write(bytes, to, { in(bytes, from), in(bytes, from + count) });
 }
 
-void erase(Bytes& bytes, std::uint64_t from, std::size_t count) { write(bytes, from, Bytes(count)); }
+void erase(Bytes& bytes, std::uint64_t from, std::size_t count)
+{
+    write(bytes, from, Bytes(count));
+}
 
 /// A volume somewhere on a disk, with a little behind it.
 Bytes diskOf(const Bytes& volume, std::uint64_t offset = oddPlace)
@@ -83,8 +91,8 @@ Bytes diskOf(const Bytes& volume, std::uint64_t offset = oddPlace)
 
 const Bytes content = patternBytes(3000);
 
-/// With so many entries in the root that it goes on where a copy of the boot sector, read as the boot sector itself,
-/// would have it.
+/// With so many entries in the root that it goes on where a copy of the boot sector, read as the
+/// boot sector itself, would have it.
 Bytes fat32Volume()
 {
     FATImage image({ .type = FileSystemType::fat32, .sectorsPerCluster = 8 });
@@ -110,7 +118,11 @@ Bytes hfsPlusVolume(std::uint64_t blockSize = 512, std::uint64_t rest = 0)
     HFSPlusImage image;
     image.setLeaf(2,
         { { .parent = 1, .name = u"DISK", .id = 2, .isFolder = true },
-            { .parent = 2, .name = u"fil.bin", .id = 20, .size = content.size(), .runs = { { 100, 6 } } } });
+            { .parent = 2,
+                .name = u"fil.bin",
+                .id = 20,
+                .size = content.size(),
+                .runs = { { 100, 6 } } } });
     image.chain({ 2 });
     auto bytes = image.bytes();
     write(bytes, 100 * blockSize, content);
@@ -133,14 +145,15 @@ APFSImage apfsImage()
 {
     APFSImage image({});
     const auto block = image.store(content);
-    image.commit({ { image.file({ .id = 20, .parent = 2, .name = "fil.bin", .size = content.size() }, block) } });
+    image.commit({ { image.file(
+        { .id = 20, .parent = 2, .name = "fil.bin", .size = content.size() }, block) } });
     return image;
 }
 
 const NTFSImage::Options roomy { .clusterSize = 4096, .clusters = 200 };
 
-/// An NTFS volume like those that systems make: with the mirror of the first records, and the backup of the boot sector
-/// behind its end. Folders have indices.
+/// An NTFS volume like those that systems make: with the mirror of the first records, and the
+/// backup of the boot sector behind its end. Folders have indices.
 struct NTFSVolume {
     NTFSImage image;
     Files files {};
@@ -151,8 +164,9 @@ struct NTFSVolume {
     {
         image.put(1,
             { .attributes = { NTFSImage::fileName(NTFSImage::root, u"$MFTMirr", 3),
-                  NTFSImage::data(NTFSImage::Data {
-                      .runs = { { image.mirrorLCN(), 1 } }, .size = 4096, .allocated = options.clusterSize }) } });
+                  NTFSImage::data(NTFSImage::Data { .runs = { { image.mirrorLCN(), 1 } },
+                      .size = 4096,
+                      .allocated = options.clusterSize }) } });
         auto index = bytesOf("INDX");
         index.resize(4096);
         image.put(20,
@@ -175,8 +189,8 @@ struct NTFSVolume {
         for (char letter = 'a'; letter < 'f'; ++letter) {
             auto photograph = jpegFile({}, 5000u + static_cast<unsigned>(letter) * 30);
             photograph.resize(photograph.size() + 700, 1);
-            add(std::u16string { static_cast<char16_t>(letter) } + u".jpg", std::string("/mappe/") + letter + ".jpg",
-                photograph);
+            add(std::u16string { static_cast<char16_t>(letter) } + u".jpg",
+                std::string("/mappe/") + letter + ".jpg", photograph);
         }
     }
 
@@ -184,7 +198,8 @@ struct NTFSVolume {
     {
         auto& bytes = image.bytes();
         for (std::uint64_t number = 0; number < 4; ++number)
-            copyWithin(bytes, image.recordOffset(number), image.offsetOf(image.mirrorLCN()) + number * 1024, 1024);
+            copyWithin(bytes, image.recordOffset(number),
+                image.offsetOf(image.mirrorLCN()) + number * 1024, 1024);
         auto all = bytes;
         copyWithin(all, 0, all.size(), 512);
         return all;
@@ -204,11 +219,13 @@ struct NTFSVolume {
 TEST(LostVolumes, NoneOnASoundDiskAndEachOnceWithoutItsTable)
 {
     NTFSVolume ntfs;
-    copyWithin(ntfs.image.bytes(), ntfs.image.recordOffset(24), ntfs.image.offsetOf(150), 1024); // an old copy
-    const Bytes volumes[] = { fat32Volume(), exfatVolume(), ntfs.bytes(), hfsPlusVolume(), apfsImage().bytes() };
+    copyWithin(ntfs.image.bytes(), ntfs.image.recordOffset(24), ntfs.image.offsetOf(150),
+        1024); // an old copy
+    const Bytes volumes[]
+        = { fat32Volume(), exfatVolume(), ntfs.bytes(), hfsPlusVolume(), apfsImage().bytes() };
     const std::string counts[] = { "116", "1", "2", "1", "1" };
-    constexpr FileSystemType types[] = { FileSystemType::fat32, FileSystemType::exfat, FileSystemType::ntfs,
-        FileSystemType::hfsplus, FileSystemType::apfs };
+    constexpr FileSystemType types[] = { FileSystemType::fat32, FileSystemType::exfat,
+        FileSystemType::ntfs, FileSystemType::hfsplus, FileSystemType::apfs };
     std::uint64_t lba = 63;
     std::string all;
     std::vector<PartitionImage::GPTSlot> slots;
@@ -216,14 +233,17 @@ TEST(LostVolumes, NoneOnASoundDiskAndEachOnceWithoutItsTable)
     for (std::size_t i = 0; const auto& volume : volumes) { // one right behind the other
         slots.push_back({ basicDataGUID, lba, lba + volume.size() / 512 - 1 });
         disk.put(lba, volume);
-        all += std::string(displayName(types[i])) + " @ " + std::to_string(lba * 512) + ", " + counts[i] + "; ";
+        all += std::string(displayName(types[i])) + " @ " + std::to_string(lba * 512) + ", "
+            + counts[i] + "; ";
         lba += volume.size() / 512;
-        disk.put(15'000 + i++, Bytes(volume.begin(), volume.begin() + 512)); // boot sectors kept as files
+        disk.put(15'000 + i++,
+            Bytes(volume.begin(), volume.begin() + 512)); // boot sectors kept as files
     }
     const auto sound = scan(disk.gpt(slots).source()->read(0, 8_MiB, ReadMode::thorough));
     EXPECT_EQ(ScannedDisk::listing(sound.known), all);
     EXPECT_EQ(ScannedDisk::listing(sound.lost), "");
-    const auto bare = scan(disk.put(0, Bytes(34 * 512)).source()->read(0, 8_MiB, ReadMode::thorough));
+    const auto bare
+        = scan(disk.put(0, Bytes(34 * 512)).source()->read(0, 8_MiB, ReadMode::thorough));
     EXPECT_EQ(ScannedDisk::listing(bare.known), "");
     EXPECT_EQ(ScannedDisk::listing(bare.lost), all);
 }
@@ -231,7 +251,8 @@ TEST(LostVolumes, NoneOnASoundDiskAndEachOnceWithoutItsTable)
 TEST(LostVolumes, BootSectorsAloneDoNotFillTheMemory)
 {
     auto bytes = fat32Volume();
-    for (std::uint64_t at = 2048; at < bytes.size() / 2; at += 2048) { // each one's table is what lies behind it
+    for (std::uint64_t at = 2048; at < bytes.size() / 2;
+         at += 2048) { // each one's table is what lies behind it
         copyWithin(bytes, 0, at, 512);
         putLE(bytes, at + 14, 1, 2);
         write(bytes, at + 512, bytesOf("\xF8\xFF\xFF\x0F"));
@@ -278,16 +299,20 @@ TEST(LostVolumes, CopiesServeWhereTheBeginningIsLost)
 TEST(LostVolumes, NTFSFromItsRecordsAlone)
 {
     const std::string placed = "NTFS @ " + std::to_string(oddPlace) + ", ";
-    const auto eraseRecords = [](NTFSVolume& volume, Bytes& disk, std::uint64_t from, std::uint64_t to) {
-        for (auto number = from; number < to; ++number)
-            erase(disk, oddPlace + volume.image.recordOffset(number), 1024);
-    };
-    const auto keepFilesOnly = [&](NTFSVolume& volume, Bytes& disk) { // no record 0, and no copy of it
-        eraseRecords(volume, disk, 0, 16);
-        erase(disk, oddPlace + volume.image.offsetOf(volume.image.mirrorLCN()), 4096);
-    };
+    const auto eraseRecords
+        = [](NTFSVolume& volume, Bytes& disk, std::uint64_t from, std::uint64_t to) {
+              for (auto number = from; number < to; ++number)
+                  erase(disk, oddPlace + volume.image.recordOffset(number), 1024);
+          };
+    const auto keepFilesOnly
+        = [&](NTFSVolume& volume, Bytes& disk) { // no record 0, and no copy of it
+              eraseRecords(volume, disk, 0, 16);
+              erase(disk, oddPlace + volume.image.offsetOf(volume.image.mirrorLCN()), 4096);
+          };
     const NTFSImage::Options coarse { .clusterSize = 65536, .clusters = 48 };
-    const NTFSImage::Options parted { .clusterSize = 4096, .clusters = 200, .mft = { { 60, 7 }, { 20, 9 } } };
+    const NTFSImage::Options parted {
+        .clusterSize = 4096, .clusters = 200, .mft = { { 60, 7 }, { 20, 9 } }
+    };
     const struct {
         const char* name;
         NTFSImage::Options options;
@@ -298,20 +323,23 @@ TEST(LostVolumes, NTFSFromItsRecordsAlone)
     } rows[] = {
         { "record 0 and its copy", roomy, [](NTFSVolume&, Bytes&) {}, placed + "2; ", false, 2 },
         { "an MFT in pieces", parted, [](NTFSVolume&, Bytes&) {}, placed + "2; ", false, 2 },
-        { "the copy alone", roomy, [&](NTFSVolume& volume, Bytes& disk) { eraseRecords(volume, disk, 0, 4); },
+        { "the copy alone", roomy,
+            [&](NTFSVolume& volume, Bytes& disk) { eraseRecords(volume, disk, 0, 4); },
             placed + "2; ", false, 2 },
         { "large clusters, a copy of more than four records", coarse,
             [&](NTFSVolume& volume, Bytes& disk) {
                 const auto mirror = oddPlace + volume.image.offsetOf(volume.image.mirrorLCN());
                 for (std::uint64_t number = 4; number < 30; ++number)
-                    copyWithin(disk, oddPlace + volume.image.recordOffset(number), mirror + number * 1024, 1024);
+                    copyWithin(disk, oddPlace + volume.image.recordOffset(number),
+                        mirror + number * 1024, 1024);
             },
             placed + "2; ", false, 2 },
         { "seventy blank records with the number 0 in front", roomy,
             [&](NTFSVolume& volume, Bytes& disk) {
                 volume.image.put(50, {});
                 auto& bytes = volume.image.bytes();
-                Bytes blank(in(bytes, volume.image.recordOffset(50)), in(bytes, volume.image.recordOffset(51)));
+                Bytes blank(in(bytes, volume.image.recordOffset(50)),
+                    in(bytes, volume.image.recordOffset(51)));
                 putLE(blank, 44, 0, 4);
                 for (int i = 0; i < 70; ++i)
                     disk.insert(disk.begin(), blank.begin(), blank.end());
@@ -328,10 +356,12 @@ TEST(LostVolumes, NTFSFromItsRecordsAlone)
         { "formatted with larger clusters, and nothing found by its content", roomy,
             [&](NTFSVolume& volume, Bytes& disk) {
                 keepFilesOnly(volume, disk);
-                NTFSImage anew({ .clusterSize = 8192, .clusters = 100, .records = 16, .mft = { { 90, 2 } } });
+                NTFSImage anew(
+                    { .clusterSize = 8192, .clusters = 100, .records = 16, .mft = { { 90, 2 } } });
                 const auto mft = anew.recordOffset(0);
                 write(disk, oddPlace, { in(anew.bytes(), 0), in(anew.bytes(), 512) });
-                write(disk, oddPlace + mft, { in(anew.bytes(), mft), in(anew.bytes(), mft + 16'384) });
+                write(disk, oddPlace + mft,
+                    { in(anew.bytes(), mft), in(anew.bytes(), mft + 16'384) });
             },
             placed + "0; " + placed + "2; ", false, 2 },
     };
@@ -374,18 +404,23 @@ struct LostToolMadeVolume : ::testing::Test {
     /// Runs a command in the test's folder, where "disk.img" is the volume and "ind" has the files.
     bool hasRun(const std::string& command) const
     {
-        return runCommand("export MTOOLS_SKIP_CHECK=1 LC_ALL=C.UTF-8; cd " + folder.path() + "; " + command) == 0;
+        return runCommand("export MTOOLS_SKIP_CHECK=1 LC_ALL=C.UTF-8; cd " + folder.path() + "; "
+                   + command)
+            == 0;
     }
 
-    /// The share of the files that come back by path and bytes from the one volume that was lost, in percent.
+    /// The share of the files that come back by path and bytes from the one volume that was lost,
+    /// in percent.
     std::size_t share(const Bytes& bytes) const
     {
         const auto disk = scan(bytes);
-        return disk.lost.size() == 1 ? 100 * countRight(files, disk.files(*disk.lost[0])) / files.size() : 0;
+        return disk.lost.size() == 1
+            ? 100 * countRight(files, disk.files(*disk.lost[0])) / files.size()
+            : 0;
     }
 
-    /// Damages a disk with the volume more and more, and asks each time. `places`: what to erase, from the volume's
-    /// beginning.
+    /// Damages a disk with the volume more and more, and asks each time. `places`: what to erase,
+    /// from the volume's beginning.
     void damage(const std::vector<std::pair<std::uint64_t, std::size_t>>& places) const
     {
         auto disk = diskOf(readFile(folder / "disk.img"), 1_MiB);
@@ -417,13 +452,16 @@ TEST_F(LostToolMadeVolume, NTFS)
 {
     if (!hasProgram("mkntfs") || !hasProgram("ntfs-3g") || !std::filesystem::exists("/dev/fuse"))
         GTEST_SKIP() << "needs ntfs-3g and FUSE";
-    ASSERT_TRUE(hasRun("truncate -s 16M disk.img && mkntfs -F -q -Q -c 4096 disk.img && mkdir mnt"));
-    if (!hasRun("ntfs-3g -o no_detach disk.img mnt & for i in $(seq 50); do mountpoint -q mnt && break; sleep 0.1; "
+    ASSERT_TRUE(
+        hasRun("truncate -s 16M disk.img && mkntfs -F -q -Q -c 4096 disk.img && mkdir mnt"));
+    if (!hasRun("ntfs-3g -o no_detach disk.img mnt & for i in $(seq 50); do mountpoint -q mnt && "
+                "break; sleep 0.1; "
                 "done; mountpoint -q mnt && cp -r ind/* mnt && umount mnt && wait"))
         GTEST_SKIP() << "nothing can be mounted here";
     damage({ { 0, 8192 }, { 16_MiB - 512, 512 } });
     for (const std::string clusterSize : { "4096", "8192", "512" }) {
-        ASSERT_TRUE(hasRun("cp disk.img anew.img && mkntfs -F -q -Q -c " + clusterSize + " anew.img"));
+        ASSERT_TRUE(
+            hasRun("cp disk.img anew.img && mkntfs -F -q -Q -c " + clusterSize + " anew.img"));
         EXPECT_GE(share(readFile(folder / "anew.img")), 95u)
             << "formatted anew, over one of the files: " << clusterSize;
     }

@@ -11,8 +11,8 @@ using Slots = std::vector<PartitionImage::MBRSlot>;
 using GPTSlots = std::vector<PartitionImage::GPTSlot>;
 using Texts = std::vector<std::string>;
 
-constexpr auto unknownNote
-    = "Der blev ikke fundet nogen gyldig partitionstabel. Brug dyb scanning for at finde tabte partitioner.";
+constexpr auto unknownNote = "Der blev ikke fundet nogen gyldig partitionstabel. Brug dyb scanning "
+                             "for at finde tabte partitioner.";
 constexpr auto backupNote = "Den primære GPT-header var beskadiget – backup-headeren blev brugt.";
 constexpr std::uint64_t farLBA = ~std::uint64_t { 0 };
 
@@ -21,9 +21,9 @@ Texts entriesOf(const PartitionLayout& layout)
 {
     Texts texts;
     for (const auto& entry : layout.entries)
-        texts.push_back(std::to_string(entry.index) + " " + entry.scheme + " " + entry.typeName + " "
-            + std::to_string(entry.offset) + "+" + std::to_string(entry.size) + " " + entry.name + " "
-            + std::string(entry.detected ? displayName(*entry.detected) : "-"));
+        texts.push_back(std::to_string(entry.index) + " " + entry.scheme + " " + entry.typeName
+            + " " + std::to_string(entry.offset) + "+" + std::to_string(entry.size) + " "
+            + entry.name + " " + std::string(entry.detected ? displayName(*entry.detected) : "-"));
     return texts;
 }
 
@@ -38,14 +38,15 @@ void expectUnknown(const PartitionLayout& layout, const char* what)
 
 TEST(GPT, ListsItsUsedSlots)
 {
-    const auto layout = PartitionTable::read(*PartitionImage(1_MiB)
-                                                  .mbr({ { 0xEE, 1, 2047 } })
-                                                  .gpt({ { basicDataGUID, 100, 199, u"\u00D8 \U0001F4BE" }, {},
-                                                      { Bytes(16, 0xAB), 300, 300, std::u16string(36, u'x') },
-                                                      { linuxGUID, 400, farLBA, std::u16string(u"a\0b", 3) } })
-                                                  .volume(100, ntfs)
-                                                  .volume(400, ext)
-                                                  .source());
+    const auto layout
+        = PartitionTable::read(*PartitionImage(1_MiB)
+                                    .mbr({ { 0xEE, 1, 2047 } })
+                                    .gpt({ { basicDataGUID, 100, 199, u"\u00D8 \U0001F4BE" }, {},
+                                        { Bytes(16, 0xAB), 300, 300, std::u16string(36, u'x') },
+                                        { linuxGUID, 400, farLBA, std::u16string(u"a\0b", 3) } })
+                                    .volume(100, ntfs)
+                                    .volume(400, ext)
+                                    .source());
     EXPECT_EQ(layout.scheme, "GPT");
     EXPECT_TRUE(layout.notes.empty());
     EXPECT_EQ(entriesOf(layout),
@@ -67,17 +68,19 @@ TEST(GPT, BelievesNothingOfADamagedTable)
         { "start times sector size wraps to 512", (farLBA >> 9) + 2, farLBA, {}, 0 },
         { "end times sector size wraps to 0", 100, farLBA >> 9, {}, 1 },
         { "entries of 120 bytes", 100, 110, { .entrySize = 120 }, 0 },
-        { "entries of 4096 bytes, of which 4 billion", 100, 110, { .claimedCount = ~0u, .entrySize = 4096 }, 1 },
+        { "entries of 4096 bytes, of which 4 billion", 100, 110,
+            { .claimedCount = ~0u, .entrySize = 4096 }, 1 },
         { "table whose offset wraps to 1024", 100, 110, { .tableLBA = (farLBA >> 9) + 3 }, 0 },
     };
     for (const auto& [what, first, last, places, count] : cases) {
-        const auto layout
-            = PartitionTable::read(*PartitionImage(128_KiB).gpt({ { linuxGUID, first, last } }, places).source());
+        const auto layout = PartitionTable::read(
+            *PartitionImage(128_KiB).gpt({ { linuxGUID, first, last } }, places).source());
         EXPECT_EQ(layout.entries.size(), count) << what;
         EXPECT_TRUE(count == 0 || layout.entries.at(0).size <= 128_KiB - 100 * 512) << what;
     }
     const GPTSlots many(1030, { basicDataGUID, 1000, 1001 });
-    EXPECT_EQ(PartitionTable::read(*PartitionImage(1_MiB).gpt(many).source()).entries.size(), 1024u);
+    EXPECT_EQ(
+        PartitionTable::read(*PartitionImage(1_MiB).gpt(many).source()).entries.size(), 1024u);
 }
 
 TEST(GPT, IsFoundByItsBackupAndWithEitherSectorSize)
@@ -86,8 +89,8 @@ TEST(GPT, IsFoundByItsBackupAndWithEitherSectorSize)
     for (const std::size_t written : { 512u, 4096u })
         for (const std::uint32_t source : { 512u, 4096u }) {
             const std::size_t sectors = 1_MiB / written;
-            const auto entry
-                = "1 GPT Linux " + std::to_string(40 * written) + "+" + std::to_string(10 * written) + "  -";
+            const auto entry = "1 GPT Linux " + std::to_string(40 * written) + "+"
+                + std::to_string(10 * written) + "  -";
             // A size that is no multiple of the sector's: the header lies in the last whole sector.
             auto image = PartitionImage(1_MiB + 100, written)
                              .gpt(slots, { .headerLBA = sectors - 1, .tableLBA = sectors - 5 });
@@ -105,25 +108,29 @@ TEST(GPT, IsFoundByItsBackupAndWithEitherSectorSize)
 TEST(PartitionTypes, Names)
 {
     std::string names;
-    for (const char* guid : { "48465300-0000-11AA-AA11-00306543ECAC", "7C3457EF-0000-11AA-AA11-00306543ECAC",
-             "C12A7328-F81F-11D2-BA4B-00A0C93EC93B", "E3C9E316-0B5C-4DB8-817D-F92DF00215AE",
-             "DE94BBA4-06D1-4D40-A16A-BFD50179D6AC", "426F6F74-0000-11AA-AA11-00306543ECAC" })
+    for (const char* guid :
+        { "48465300-0000-11AA-AA11-00306543ECAC", "7C3457EF-0000-11AA-AA11-00306543ECAC",
+            "C12A7328-F81F-11D2-BA4B-00A0C93EC93B", "E3C9E316-0B5C-4DB8-817D-F92DF00215AE",
+            "DE94BBA4-06D1-4D40-A16A-BFD50179D6AC", "426F6F74-0000-11AA-AA11-00306543ECAC" })
         names += PartitionTable::gptTypeName(guid) + ", ";
     for (const auto type : Bytes { 1, 6, 0x0C, 0x17, 0x1B, 0x27, 0x82, 0xAB, 0xEE, 0 })
         names += PartitionTable::mbrTypeName(type) + ", ";
     EXPECT_EQ(names,
-        "Apple HFS+, Apple APFS, EFI-system, Microsoft reserveret, Windows gendannelse, Apple Boot, FAT12, FAT16, "
-        "FAT32, NTFS (skjult), FAT32 (skjult), Windows gendannelse, Linux swap, Apple Boot, GPT-beskyttelse, "
+        "Apple HFS+, Apple APFS, EFI-system, Microsoft reserveret, Windows gendannelse, Apple "
+        "Boot, FAT12, FAT16, "
+        "FAT32, NTFS (skjult), FAT32 (skjult), Windows gendannelse, Linux swap, Apple Boot, "
+        "GPT-beskyttelse, "
         "Type 0x00, ");
 }
 
 TEST(MBR, ListsPrimaryAndLogicalPartitions)
 {
-    // A logical partition counts from its own EBR, the next EBR from the first one. The container stands before a
-    // primary partition and is still listed after it.
+    // A logical partition counts from its own EBR, the next EBR from the first one. The container
+    // stands before a primary partition and is still listed after it.
     const auto layout = PartitionTable::read(
         *PartitionImage(1_MiB)
-             .mbr({ { 0x0F, 100, 900 }, { 0x83, 63, 9, 0x80 }, { 0x85, 1500, 100 }, { 0x42, 0xFFFFFFFF, 9 } })
+             .mbr({ { 0x0F, 100, 900 }, { 0x83, 63, 9, 0x80 }, { 0x85, 1500, 100 },
+                 { 0x42, 0xFFFFFFFF, 9 } })
              .volume(63, fat12) // what is there, not what the table calls it
              .ebr(100, { { 0x07, 8, 50 }, { 0x05, 200, 100 } })
              .ebr(300, { { 0x00, 8, 50 }, { 0x85, 400, 100 } }) // nothing in it
@@ -137,9 +144,12 @@ TEST(MBR, ListsPrimaryAndLogicalPartitions)
     EXPECT_TRUE(layout.notes.empty());
     EXPECT_EQ(entriesOf(layout),
         (Texts { "1 MBR Linux 32256+4608  FAT12", "2 MBR (logisk) NTFS/exFAT 55296+25600  -",
-            "3 MBR (logisk) FAT32 260096+788480  -", "4 MBR (logisk) Apple HFS+ 773120+10240  HFS+" }));
+            "3 MBR (logisk) FAT32 260096+788480  -",
+            "4 MBR (logisk) Apple HFS+ 773120+10240  HFS+" }));
 
-    auto large = PartitionImage(1_MiB, 4096).mbr({ { 0x05, 10, 99 }, { 0x83, 5, 1 } }).ebr(10, { { 0x07, 2, 3 } });
+    auto large = PartitionImage(1_MiB, 4096)
+                     .mbr({ { 0x05, 10, 99 }, { 0x83, 5, 1 } })
+                     .ebr(10, { { 0x07, 2, 3 } });
     EXPECT_EQ(entriesOf(PartitionTable::read(*large.source(4096))),
         (Texts { "1 MBR Linux 20480+4096  -", "2 MBR (logisk) NTFS/exFAT 49152+12288  -" }));
 
@@ -178,7 +188,8 @@ TEST(PartitionTable, AFileSystemOverTheWholeSourceGoesBeforeMBRAndAfterGPT)
         store<std::uint16_t>(start, 510, 0xAA55);
         const auto layout = PartitionTable::read(*image.put(0, start).source());
         EXPECT_EQ(layout.scheme, "Ingen partitionstabel");
-        EXPECT_EQ(entriesOf(layout), Texts { "1 Ingen Hele disken 0+1048581  " + std::string(displayName(type)) });
+        EXPECT_EQ(entriesOf(layout),
+            Texts { "1 Ingen Hele disken 0+1048581  " + std::string(displayName(type)) });
         image.gpt({ { basicDataGUID, 100, 199 } }, { .tableLBA = 20 });
         EXPECT_EQ(PartitionTable::read(*image.source()).scheme, "GPT");
     }

@@ -24,16 +24,17 @@ Texts places(const VolumeList& volumes)
 
 TEST(QuickScanner, ReportsWhatItCannotReadAndGoesOn)
 {
-    const auto disk = PartitionImage(1_MiB)
-                          .gpt({ { linuxGUID, 100, 199, u"data" }, { basicDataGUID, 200, 299, u"Billeder" },
-                                   { basicDataGUID, 300, 399 }, { basicDataGUID, 400, 499, u"tom" },
-                                   { basicDataGUID, 500, 599, u"kort" }, { basicDataGUID, 500, 600, u"igen" } },
-                              { .headerLBA = 2047, .tableLBA = 2040 })
-                          .volume(100, ext)
-                          .volume(200, ntfs)
-                          .volume(300, hfsplus)
-                          .volume(500, fat12)
-                          .source();
+    const auto disk
+        = PartitionImage(1_MiB)
+              .gpt({ { linuxGUID, 100, 199, u"data" }, { basicDataGUID, 200, 299, u"Billeder" },
+                       { basicDataGUID, 300, 399 }, { basicDataGUID, 400, 499, u"tom" },
+                       { basicDataGUID, 500, 599, u"kort" }, { basicDataGUID, 500, 600, u"igen" } },
+                  { .headerLBA = 2047, .tableLBA = 2040 })
+              .volume(100, ext)
+              .volume(200, ntfs)
+              .volume(300, hfsplus)
+              .volume(500, fat12)
+              .source();
     const auto result = QuickScanner::run(*disk, nullptr);
     EXPECT_EQ(result.notes,
         (Texts { "Den primære GPT-header var beskadiget – backup-headeren blev brugt.",
@@ -41,7 +42,8 @@ TEST(QuickScanner, ReportsWhatItCannotReadAndGoesOn)
             "NTFS-filsystemet på Billeder kunne ikke læses. Prøv dyb scanning.",
             "HFS+-filsystemet på partition 3 kunne ikke læses. Prøv dyb scanning." }));
     EXPECT_EQ(result.layout.entries.size(), 6u);
-    EXPECT_EQ(places(result.volumes), Texts { "GPT, kort @ 500" }) << "a place that is named twice is loaded once";
+    EXPECT_EQ(places(result.volumes), Texts { "GPT, kort @ 500" })
+        << "a place that is named twice is loaded once";
 }
 
 TEST(QuickScanner, StopsBetweenPartitionsWhenCancelled)
@@ -53,13 +55,16 @@ TEST(QuickScanner, StopsBetweenPartitionsWhenCancelled)
                           .volume(300, fat12)
                           .source();
     std::vector<double> fractions;
-    WorkProgress progress([&](double fraction, const std::string&) { fractions.push_back(fraction); });
+    WorkProgress progress(
+        [&](double fraction, const std::string&) { fractions.push_back(fraction); });
     const auto whole = QuickScanner::run(*disk, &progress);
-    EXPECT_EQ(places(whole.volumes), (Texts { "MBR, partition 1 @ 100", "MBR, partition 3 @ 300" }));
+    EXPECT_EQ(
+        places(whole.volumes), (Texts { "MBR, partition 1 @ 100", "MBR, partition 3 @ 300" }));
     EXPECT_TRUE(std::ranges::is_sorted(fractions));
     EXPECT_EQ(fractions.back(), 1.0);
 
-    // Cancelled while the first partition is read: the user gets what there is of it, and nothing after it.
+    // Cancelled while the first partition is read: the user gets what there is of it, and nothing
+    // after it.
     WorkProgress* self = nullptr;
     WorkProgress impatient([&](double, const std::string& message) {
         if (message.find("partition 1") != std::string::npos)

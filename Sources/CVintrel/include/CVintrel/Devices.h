@@ -18,7 +18,8 @@ struct HelperPrograms {
 };
 HelperPrograms helperPrograms();
 
-/// The file that reads the device of this name, past the system's cache where that is a file of its own.
+/// The file that reads the device of this name, past the system's cache where that is a file of its
+/// own.
 std::string rawDevicePath(const std::string& name);
 
 /// Whether the file of this path and mode is a disk, or a part of one.
@@ -29,17 +30,20 @@ struct DeviceGeometry {
     std::uint64_t blockCount = 0;
 };
 
-/// The geometry of an open device; none, with the reason in errno, when the system does not tell how large it is.
+/// The geometry of an open device; none, with the reason in errno, when the system does not tell
+/// how large it is.
 std::optional<DeviceGeometry> deviceGeometry(int descriptor);
 
-/// Reads of an open device go past the system's cache from now on. Whether their buffers, offsets and counts have to be
-/// aligned for that.
+/// Reads of an open device go past the system's cache from now on. Whether their buffers, offsets
+/// and counts have to be aligned for that.
 bool turnOffCache(int descriptor);
 
-/// What the device at this path is called below: "8:17" on Linux, "disk4s1" on macOS. Empty when it is none.
+/// What the device at this path is called below: "8:17" on Linux, "disk4s1" on macOS. Empty when it
+/// is none.
 std::string deviceIdentity(const std::string& path);
 
-/// The device that holds the file system of an existing file or folder; empty when that is on none, or is not known.
+/// The device that holds the file system of an existing file or folder; empty when that is on none,
+/// or is not known.
 std::string deviceHolding(const std::string& path);
 
 } // namespace CVintrel

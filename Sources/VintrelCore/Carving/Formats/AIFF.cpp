@@ -4,7 +4,8 @@ namespace Formats {
 
 Found aiff(const Candidate& candidate)
 {
-    constexpr std::uint64_t leastLength = 47; // above that of a form with its common chunk and nothing else
+    constexpr std::uint64_t leastLength
+        = 47; // above that of a form with its common chunk and nothing else
     auto& file = candidate.file;
     const std::uint64_t length = file.u32be(4);
     if ((!file.matches(8, "AIFF") && !file.matches(8, "AIFC")) || length < leastLength)

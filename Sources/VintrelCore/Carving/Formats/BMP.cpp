@@ -28,7 +28,8 @@ Found bmp(const Candidate& candidate)
 {
     const auto header = candidate.file.load<Header>(0);
     if (header.reserved != 0 || header.fileSize < leastSize || header.fileSize > maxSize
-        || header.pixelOffset < leastPixelOffset || header.pixelOffset >= header.fileSize || header.width == 0
+        || header.pixelOffset < leastPixelOffset || header.pixelOffset >= header.fileSize
+        || header.width == 0
         || std::ranges::count(headerSizes, std::uint32_t { header.headerSize }) == 0)
         return std::nullopt;
     return candidate.found(header.fileSize, "bmp");

@@ -50,7 +50,9 @@ Found ebml(const Candidate& candidate)
         return std::nullopt;
     const auto body = file.bytes(header, static_cast<std::size_t>(headerSize->value));
     const bool isWebM
-        = ByteView(body).firstIndex(ByteView(std::to_array<std::uint8_t>({ 'w', 'e', 'b', 'm' })), 0).has_value();
+        = ByteView(body)
+              .firstIndex(ByteView(std::to_array<std::uint8_t>({ 'w', 'e', 'b', 'm' })), 0)
+              .has_value();
     return candidate.found(size, isWebM ? "webm" : "mkv");
 }
 

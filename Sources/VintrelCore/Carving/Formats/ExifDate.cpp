@@ -40,8 +40,14 @@ struct Reader {
     ByteView bytes;
     bool isLittle;
 
-    std::uint16_t u16(std::int64_t at) const { return isLittle ? bytes.u16le(at) : bytes.u16be(at); }
-    std::uint32_t u32(std::int64_t at) const { return isLittle ? bytes.u32le(at) : bytes.u32be(at); }
+    std::uint16_t u16(std::int64_t at) const
+    {
+        return isLittle ? bytes.u16le(at) : bytes.u16be(at);
+    }
+    std::uint32_t u32(std::int64_t at) const
+    {
+        return isLittle ? bytes.u32le(at) : bytes.u32be(at);
+    }
 
     /// The time that the entry at `at` points to.
     std::optional<Date> time(std::int64_t at) const
@@ -50,7 +56,8 @@ struct Reader {
         return parseTime({ reinterpret_cast<const char*>(text.data()), text.size() });
     }
 
-    /// Calls `visit(tag, position)` for the entries of the directory at `start`, as far as they lie inside.
+    /// Calls `visit(tag, position)` for the entries of the directory at `start`, as far as they lie
+    /// inside.
     template <class Visit> void forEachEntry(std::int64_t start, Visit visit) const
     {
         const auto size = static_cast<std::int64_t>(bytes.size());
@@ -76,10 +83,11 @@ std::optional<Date> exifDate(ByteView tiff)
     std::optional<Date> changed;
     reader.forEachEntry(reader.u32(4), [&](std::uint16_t tag, std::int64_t position) {
         if (tag == exifDirectory && !taken)
-            reader.forEachEntry(reader.u32(position + 8), [&](std::uint16_t innerTag, std::int64_t inner) {
-                if (innerTag == captureTime && !taken)
-                    taken = reader.time(inner);
-            });
+            reader.forEachEntry(
+                reader.u32(position + 8), [&](std::uint16_t innerTag, std::int64_t inner) {
+                    if (innerTag == captureTime && !taken)
+                        taken = reader.time(inner);
+                });
         else if (tag == changeTime && !changed)
             changed = reader.time(position);
     });

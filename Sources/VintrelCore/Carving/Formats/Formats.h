@@ -19,7 +19,8 @@ struct CarverSearches {
     RememberedSearch pdfEnds;
     RememberedSearch zipEnds;
     RandomReader anywhere; ///< for looks at what lies before a candidate
-    /// Where the archive verifiably begins that an end record belongs to; none when that cannot be told.
+    /// Where the archive verifiably begins that an end record belongs to; none when that cannot be
+    /// told.
     std::unordered_map<std::uint64_t, std::optional<std::uint64_t>> zipStarts;
 };
 
@@ -34,7 +35,8 @@ struct Candidate {
         return { .offset = file.start(), .size = size, .ext = std::move(ext) };
     }
     /// The first match in [from, limit), counted from the file's first byte.
-    std::optional<std::uint64_t> find(RememberedSearch& search, std::uint64_t from, std::uint64_t limit) const
+    std::optional<std::uint64_t> find(
+        RememberedSearch& search, std::uint64_t from, std::uint64_t limit) const
     {
         file.addWork(8 * RandomReader::workOfSmallRead);
         const auto match = search.next(file.start() + from, file.start() + limit);
@@ -44,8 +46,9 @@ struct Candidate {
     bool fits(std::uint64_t end) const { return end <= file.size(); }
 };
 
-/// One reader for each format. It confirms that a file of its kind begins at the candidate's place and follows the
-/// file's own structure to its end; none when the structure does not hold together. Every walk has a limit of its own.
+/// One reader for each format. It confirms that a file of its kind begins at the candidate's place
+/// and follows the file's own structure to its end; none when the structure does not hold together.
+/// Every walk has a limit of its own.
 namespace Formats {
 
 using Found = std::optional<CarvedFile>;
@@ -70,8 +73,9 @@ Found mp3(const Candidate& candidate);
 Found rtf(const Candidate& candidate);
 Found isoBMFF(const Candidate& candidate);
 
-/// When a picture was taken, or else last changed, by the TIFF structure of its Exif data; the camera's clock is taken
-/// for local time. None when it does not say, or says what no calendar holds.
+/// When a picture was taken, or else last changed, by the TIFF structure of its Exif data; the
+/// camera's clock is taken for local time. None when it does not say, or says what no calendar
+/// holds.
 std::optional<Date> exifDate(ByteView tiff);
 
 } // namespace Formats

@@ -12,7 +12,8 @@ std::uint64_t colourTableSize(std::uint8_t flags)
     return (flags & 0x80) != 0 ? std::uint64_t { 3 } << ((flags & 7) + 1) : 0;
 }
 
-/// The position behind a chain of data sub-blocks: each a length byte and that many bytes, the last one empty.
+/// The position behind a chain of data sub-blocks: each a length byte and that many bytes, the last
+/// one empty.
 std::uint64_t behindSubBlocks(RandomReader& file, std::uint64_t position)
 {
     while (position < limit && position < file.size()) {
@@ -40,7 +41,8 @@ Found gif(const Candidate& candidate)
             position = behindSubBlocks(file, position + 2);
             break;
         case ',': // an image: its descriptor, colours, code size, then its data
-            position += imageDescriptorSize + colourTableSize(file.u8(position + imageDescriptorSize - 1)) + 1;
+            position += imageDescriptorSize
+                + colourTableSize(file.u8(position + imageDescriptorSize - 1)) + 1;
             position = behindSubBlocks(file, position);
             break;
         case ';':

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 
-// The ISO base media file format: boxes in boxes. MP4, QuickTime, HEIF, AVIF and Canon's CR3 are of this kind.
+// The ISO base media file format: boxes in boxes. MP4, QuickTime, HEIF, AVIF and Canon's CR3 are of
+// this kind.
 
 namespace Formats {
 
@@ -37,12 +38,14 @@ struct Box {
     {
         const auto header = file.load<BoxHeader>(position);
         const bool isLarge = header.size == 1;
-        const std::uint64_t size = isLarge ? std::uint64_t { header.largeSize } : std::uint64_t { header.size };
+        const std::uint64_t size
+            = isLarge ? std::uint64_t { header.largeSize } : std::uint64_t { header.size };
         const Box box { size, isLarge ? 16u : 8u, header.type };
-        const bool isNamed = (isPrintable(box.type[0]) || box.type[0] == 0xA9) // A9: "©", on QuickTime's texts
+        const bool isNamed
+            = (isPrintable(box.type[0]) || box.type[0] == 0xA9) // A9: "©", on QuickTime's texts
             && std::all_of(box.type.begin() + 1, box.type.end(), isPrintable);
-        if (position >= end || box.size < box.headerSize || box.size >= boxSizeLimit || box.size > end - position
-            || !isNamed)
+        if (position >= end || box.size < box.headerSize || box.size >= boxSizeLimit
+            || box.size > end - position || !isNamed)
             return std::nullopt;
         return box;
     }
@@ -74,10 +77,11 @@ std::string extension(std::string_view brand, bool hasMovie)
     constexpr struct {
         std::string_view brand;
         const char* ext;
-    } brands[] = { { "qt  ", "mov" }, { "heic", "heic" }, { "heix", "heic" }, { "mif1", "heic" }, { "msf1", "heic" },
-        { "hevc", "heic" }, { "heim", "heic" }, { "heis", "heic" }, { "avif", "avif" }, { "avis", "avif" },
-        { "M4A ", "m4a" }, { "M4B ", "m4a" }, { "M4P ", "m4a" }, { "M4V ", "m4v" }, { "M4VH", "m4v" },
-        { "M4VP", "m4v" }, { "crx ", "cr3" } };
+    } brands[] = { { "qt  ", "mov" }, { "heic", "heic" }, { "heix", "heic" }, { "mif1", "heic" },
+        { "msf1", "heic" }, { "hevc", "heic" }, { "heim", "heic" }, { "heis", "heic" },
+        { "avif", "avif" }, { "avis", "avif" }, { "M4A ", "m4a" }, { "M4B ", "m4a" },
+        { "M4P ", "m4a" }, { "M4V ", "m4v" }, { "M4VH", "m4v" }, { "M4VP", "m4v" },
+        { "crx ", "cr3" } };
     for (const auto& [name, ext] : brands)
         if (brand == name)
             return ext;
@@ -93,7 +97,8 @@ Found isoBMFF(const Candidate& candidate)
     auto& file = candidate.file;
     const auto firstSize = file.u32be(0);
     const auto brand = file.load<std::array<std::uint8_t, 4>>(8);
-    if (firstSize < leastFirstBox || firstSize > maxFirstBox || !std::ranges::all_of(brand, isPrintable))
+    if (firstSize < leastFirstBox || firstSize > maxFirstBox
+        || !std::ranges::all_of(brand, isPrintable))
         return std::nullopt;
 
     bool hasMovie = false;

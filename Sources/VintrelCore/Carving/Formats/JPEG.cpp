@@ -28,12 +28,12 @@ bool isRestart(std::uint8_t marker) { return marker >= firstRestart && marker <=
 
 bool isFrame(std::uint8_t marker)
 {
-    return marker >= firstFrame && marker <= lastFrame && marker != huffmanTables && marker != reserved
-        && marker != arithmeticConditioning;
+    return marker >= firstFrame && marker <= lastFrame && marker != huffmanTables
+        && marker != reserved && marker != arithmeticConditioning;
 }
 
-/// Where the marker behind the entropy-coded data at `position` lies: at an FF that neither stuffing nor a restart
-/// follows.
+/// Where the marker behind the entropy-coded data at `position` lies: at an FF that neither
+/// stuffing nor a restart follows.
 std::optional<std::uint64_t> endOfScan(RandomReader& file, std::uint64_t position)
 {
     while (const auto escape = file.find(fill, position, limit)) {
@@ -80,7 +80,8 @@ Found jpeg(const Candidate& candidate)
         hasFrame |= isFrame(marker);
         constexpr std::uint64_t exifHeader = 2 + 6; // the length, and "Exif" with two zeros
         if (marker == app1 && length > exifHeader && file.matches(position + 2, "Exif") && !date)
-            date = exifDate(file.bytes(position + exifHeader, static_cast<std::size_t>(length - exifHeader)));
+            date = exifDate(
+                file.bytes(position + exifHeader, static_cast<std::size_t>(length - exifHeader)));
         position += length;
         if (marker == startOfScan) {
             hasScan = true;

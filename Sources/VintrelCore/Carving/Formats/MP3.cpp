@@ -7,14 +7,16 @@ namespace Formats {
 namespace {
 
 constexpr std::uint64_t limit = 1'073'741'824;
-constexpr std::uint64_t maxPadding = 65'536; // between the tag and the first frame; taggers leave a few KB
-constexpr int leastFrames = 3;               // fewer may be chance
+constexpr std::uint64_t maxPadding
+    = 65'536;                  // between the tag and the first frame; taggers leave a few KB
+constexpr int leastFrames = 3; // fewer may be chance
 constexpr std::uint32_t leastFrameLength = 24;
 
 /// What a frame's header says, as far as it decides where the next one lies.
 struct Frame {
     std::uint32_t length; ///< in bytes, header included
-    std::uint32_t kind;   ///< the bits for version, layer and sample rate: they stay the same through a file
+    std::uint32_t
+        kind; ///< the bits for version, layer and sample rate: they stay the same through a file
 };
 
 enum Version { mpeg25 = 0, mpeg2 = 2, mpeg1 = 3 };
@@ -28,22 +30,28 @@ std::optional<Frame> mpegFrameLength(std::uint32_t header)
         { 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448 }, // MPEG-1, layer I
         { 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384 },    // MPEG-1, layer II
         { 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320 },     // MPEG-1, layer III
-        { 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256 },    // MPEG-2 and 2.5, layer I
-        { 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160 },         // MPEG-2 and 2.5, layers II and III
+        { 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224,
+            256 }, // MPEG-2 and 2.5, layer I
+        { 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144,
+            160 }, // MPEG-2 and 2.5, layers II and III
     };
-    constexpr std::uint32_t sampleRates[3] = { 44'100, 48'000, 32'000 }; // of MPEG-1; MPEG-2 halves, 2.5 quarters
+    constexpr std::uint32_t sampleRates[3]
+        = { 44'100, 48'000, 32'000 }; // of MPEG-1; MPEG-2 halves, 2.5 quarters
 
     const std::uint32_t version = header >> 19 & 3;
     const std::uint32_t layer = header >> 17 & 3;
     const std::uint32_t rateIndex = header >> 12 & 15;
     const std::uint32_t sampleIndex = header >> 10 & 3;
     const std::uint32_t padding = header >> 9 & 1;
-    if (header >> 21 != 0x7FF || version == 1 || layer == 0 || rateIndex < 1 || rateIndex > 14 || sampleIndex > 2)
+    if (header >> 21 != 0x7FF || version == 1 || layer == 0 || rateIndex < 1 || rateIndex > 14
+        || sampleIndex > 2)
         return std::nullopt;
 
     const std::size_t row = version == mpeg1 ? layerI - layer : (layer == layerI ? 3 : 4);
     const std::uint32_t bitRate = bitRates[row][rateIndex - 1] * 1000u;
-    const std::uint32_t sampleRate = sampleRates[sampleIndex] >> (version == mpeg1 ? 0 : version == mpeg2 ? 1 : 2);
+    const std::uint32_t sampleRate = sampleRates[sampleIndex] >> (version == mpeg1 ? 0
+                                             : version == mpeg2                    ? 1
+                                                                                   : 2);
     std::uint32_t length = 0;
     if (layer == layerI)
         length = (12 * bitRate / sampleRate + padding) * 4;
@@ -65,7 +73,8 @@ std::optional<std::uint64_t> tagSize(RandomReader& file)
     if (!file.matches(0, "ID3") || major < 2 || major > 4)
         return std::nullopt;
     std::uint64_t size = 0;
-    for (std::uint64_t i = 6; i < headerSize; ++i) { // seven bits a byte, so that it never looks like a frame
+    for (std::uint64_t i = 6; i < headerSize;
+         ++i) { // seven bits a byte, so that it never looks like a frame
         const auto byte = file.u8(i);
         if (byte >= 0x80)
             return std::nullopt;
@@ -79,8 +88,8 @@ std::uint64_t behindZeros(RandomReader& file, std::uint64_t position, std::uint6
 {
     while (position < limit) {
         const auto bytes = file.stretch(position).span();
-        const auto zeros
-            = bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), limit - position)));
+        const auto zeros = bytes.first(
+            static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), limit - position)));
         const auto end = std::ranges::find_if(zeros, [](std::uint8_t byte) { return byte != 0; });
         const auto count = static_cast<std::size_t>(end - zeros.begin());
         file.addWork(count);

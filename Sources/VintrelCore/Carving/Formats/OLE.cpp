@@ -5,8 +5,8 @@
 #include <string>
 #include <unordered_set>
 
-// A compound file is a small FAT file system: sectors behind a header as large as one of them, a table that chains
-// them, and a directory whose entries form a binary tree below the root entry.
+// A compound file is a small FAT file system: sectors behind a header as large as one of them, a
+// table that chains them, and a directory whose entries form a binary tree below the root entry.
 
 namespace Formats {
 
@@ -14,8 +14,9 @@ namespace {
 
 constexpr std::uint32_t freeSector = 0xFFFF'FFFF;
 constexpr std::uint32_t tableSector = 0xFFFF'FFFD;
-constexpr std::uint32_t firstMark = 0xFFFF'FFFC; // from here on the table holds marks, no sector numbers
-constexpr std::uint8_t rootType = 5;             // of the directory's first entry
+constexpr std::uint32_t firstMark
+    = 0xFFFF'FFFC;                   // from here on the table holds marks, no sector numbers
+constexpr std::uint8_t rootType = 5; // of the directory's first entry
 constexpr std::uint32_t lastRegularSector = 0xFFFF'FFFA;
 constexpr std::uint32_t maxTableSectors = 65'535;
 constexpr std::uint32_t maxDirectoryEntries = 65'536;
@@ -29,9 +30,9 @@ struct Header {
     LE32 tableSectors;                            // 44
     LE32 firstDirectorySector;                    // 48
     std::array<std::uint8_t, 16> unused2;         // 52
-    LE32 firstListSector;                         // 68  of the list of table sectors, where it goes on
-    LE32 listSectors;                             // 72
-    std::array<LE32, headerSlots> tableList;      // 76
+    LE32 firstListSector;                    // 68  of the list of table sectors, where it goes on
+    LE32 listSectors;                        // 72
+    std::array<LE32, headerSlots> tableList; // 76
 };
 static_assert(sizeof(Header) == 512 && offsetof(Header, tableList) == 76);
 
@@ -67,9 +68,9 @@ public:
         return compound;
     }
 
-    /// To the end of the last sector in use; none when the table holds what no table does: it is lost, and something
-    /// else lies there. Some writers mark sectors that do not exist as parts of the table: those count only where the
-    /// list names them.
+    /// To the end of the last sector in use; none when the table holds what no table does: it is
+    /// lost, and something else lies there. Some writers mark sectors that do not exist as parts of
+    /// the table: those count only where the list names them.
     std::optional<std::uint64_t> size()
     {
         const std::uint64_t sectorsOnSource = file_.size() / sectorSize();
@@ -95,7 +96,8 @@ public:
         const auto rootLevel = namesAtRoot(entries);
         if (const auto* ext = kindOf(rootLevel))
             return ext;
-        std::vector<std::string> all(entries.size()); // a damaged tree, or a document wrapped in another
+        std::vector<std::string> all(
+            entries.size()); // a damaged tree, or a document wrapped in another
         std::ranges::transform(entries, all.begin(), nameOf);
         const auto* const ext = kindOf(all);
         return ext != nullptr ? ext : "doc";
@@ -130,7 +132,8 @@ private:
             list = file_.u32le(offsetOf(list) + slots * 4);
         }
         return tableSectors_.size() == count
-            && std::ranges::all_of(tableSectors_, [&](std::uint32_t sector) { return isOnSource(sector); });
+            && std::ranges::all_of(
+                tableSectors_, [&](std::uint32_t sector) { return isOnSource(sector); });
     }
 
     std::vector<DirectoryEntry> readDirectory()
@@ -143,8 +146,8 @@ private:
             const std::uint64_t table = sector / entriesPerSector();
             if (table >= tableSectors_.size())
                 break;
-            sector = file_.u32le(
-                offsetOf(tableSectors_[static_cast<std::size_t>(table)]) + sector % entriesPerSector() * 4);
+            sector = file_.u32le(offsetOf(tableSectors_[static_cast<std::size_t>(table)])
+                + sector % entriesPerSector() * 4);
         }
         return entries;
     }
@@ -170,14 +173,16 @@ private:
 
     static const char* kindOf(const std::vector<std::string>& names)
     {
-        const auto has = [&](std::string_view name) { return std::ranges::count(names, name) != 0; };
+        const auto has
+            = [&](std::string_view name) { return std::ranges::count(names, name) != 0; };
         if (has("WordDocument"))
             return "doc";
         if (has("Workbook") || has("Book"))
             return "xls";
         if (has("PowerPoint Document"))
             return "ppt";
-        if (std::ranges::any_of(names, [](const auto& name) { return name.starts_with("__substg1.0_"); }))
+        if (std::ranges::any_of(
+                names, [](const auto& name) { return name.starts_with("__substg1.0_"); }))
             return "msg";
         return nullptr;
     }

@@ -58,7 +58,8 @@ Found ogg(const Candidate& candidate)
         const std::uint32_t stream = header.stream;
         if ((header.flags & beginsStream) != 0 && std::ranges::count(open, stream) == 0)
             open.push_back(stream);
-        if (open.empty() || open.size() > maxStreams) // empty: the first page does not begin a stream
+        if (open.empty()
+            || open.size() > maxStreams) // empty: the first page does not begin a stream
             return std::nullopt;
         position += sizeof(PageHeader) + header.segments;
         position += segmentsSize(file, position - header.segments, header.segments);

@@ -7,7 +7,8 @@ namespace Formats {
 
 namespace {
 
-constexpr std::size_t headSize = 1024; // a linearised file has its dictionary here, the first object of all
+constexpr std::size_t headSize
+    = 1024; // a linearised file has its dictionary here, the first object of all
 constexpr std::uint64_t leastLinearised = 65;
 constexpr std::uint64_t linearisedLimit = 4'294'967'296;
 constexpr std::uint64_t maxSearch = 1'073'741'824;
@@ -34,18 +35,21 @@ std::optional<std::uint64_t> linearisedLength(RandomReader& file)
         return std::nullopt;
     std::uint64_t length = 0;
     std::from_chars(head.data() + key + 3, head.data() + head.size(), length);
-    return length < leastLinearised || length >= linearisedLimit ? std::nullopt : std::optional(length);
+    return length < leastLinearised || length >= linearisedLimit ? std::nullopt
+                                                                 : std::optional(length);
 }
 
-/// Whether a file ends at `length`. Where it does not, the length is that of a lost file, which must not hide what lies
-/// there now.
+/// Whether a file ends at `length`. Where it does not, the length is that of a lost file, which
+/// must not hide what lies there now.
 bool endsAt(RandomReader& file, std::uint64_t length)
 {
     const auto tailSize = std::min<std::uint64_t>(length, lookAhead);
-    return textAt(file, length - tailSize, static_cast<std::size_t>(tailSize)).find(endOfFile) != std::string::npos;
+    return textAt(file, length - tailSize, static_cast<std::size_t>(tailSize)).find(endOfFile)
+        != std::string::npos;
 }
 
-/// Whether an update of the file goes on at `position`. What follows another file's beginning is that file's.
+/// Whether an update of the file goes on at `position`. What follows another file's beginning is
+/// that file's.
 bool isUpdated(RandomReader& file, std::uint64_t position)
 {
     auto text = textAt(file, position, lookAhead);
@@ -53,7 +57,8 @@ bool isUpdated(RandomReader& file, std::uint64_t position)
     return text.find(" obj") != std::string::npos || text.find("xref") != std::string::npos;
 }
 
-/// Whether another file begins before `end`. Files lie at whole sectors; what a file holds inside rarely does.
+/// Whether another file begins before `end`. Files lie at whole sectors; what a file holds inside
+/// rarely does.
 bool isInterrupted(const Candidate& candidate, std::uint64_t position, std::uint64_t end)
 {
     constexpr std::uint64_t sectorSize = 512;

@@ -27,7 +27,9 @@ Found png(const Candidate& candidate)
     if (!file.matches(0, "\x89PNG\r\n\x1A\n") || !file.matches(12, "IHDR"))
         return std::nullopt;
     std::uint64_t position = 8;
-    for (int count = 0; count <= maxChunks && position < maxSize && candidate.fits(position + sizeof(Chunk)); ++count) {
+    for (int count = 0;
+         count <= maxChunks && position < maxSize && candidate.fits(position + sizeof(Chunk));
+         ++count) {
         const auto chunk = file.load<Chunk>(position);
         if (chunk.length > maxChunkSize || !std::ranges::all_of(chunk.type, isLetter))
             return std::nullopt;

@@ -22,7 +22,8 @@ constexpr std::uint8_t fileType4 = 0x74;
 constexpr std::uint8_t serviceType4 = 0x7A;
 constexpr std::uint8_t endType4 = 0x7B;
 constexpr std::uint16_t leastHeader4 = 7;
-constexpr std::uint16_t isLarge4 = 0x0100; // of files: the upper half of the data size lies at highSizeOffset
+constexpr std::uint16_t isLarge4
+    = 0x0100; // of files: the upper half of the data size lies at highSizeOffset
 constexpr std::uint16_t hasData4 = 0x8000;
 constexpr std::uint64_t highSizeOffset = 32;
 
@@ -34,8 +35,10 @@ Found version4(const Candidate& candidate)
         const auto block = file.load<Block4>(position);
         if (block.type < firstType4 || block.type > endType4 || block.headerSize < leastHeader4)
             return std::nullopt;
-        std::uint64_t dataSize = (block.flags & hasData4) != 0 ? std::uint64_t { block.dataSize } : 0;
-        if ((block.type == fileType4 || block.type == serviceType4) && (block.flags & isLarge4) != 0)
+        std::uint64_t dataSize
+            = (block.flags & hasData4) != 0 ? std::uint64_t { block.dataSize } : 0;
+        if ((block.type == fileType4 || block.type == serviceType4)
+            && (block.flags & isLarge4) != 0)
             dataSize += std::uint64_t { file.u32le(position + highSizeOffset) } << 32;
         if (dataSize > file.size())
             return std::nullopt;
@@ -52,7 +55,8 @@ constexpr std::uint64_t hasExtra5 = 1;
 constexpr std::uint64_t hasData5 = 2;
 constexpr std::uint64_t endType5 = 5; // 1: archive, 2: file, 3: service, 4: encryption
 
-/// Reads a number of seven bits a byte, the lowest first, and moves behind it. None when it does not end in 64 bits.
+/// Reads a number of seven bits a byte, the lowest first, and moves behind it. None when it does
+/// not end in 64 bits.
 std::optional<std::uint64_t> takeNumber(RandomReader& file, std::uint64_t& position)
 {
     std::uint64_t value = 0;
@@ -69,14 +73,15 @@ Found version5(const Candidate& candidate)
 {
     auto& file = candidate.file;
     std::uint64_t position = 8;
-    for (int count = 0; count < maxBlocks && candidate.fits(position + checksumSize5 + 3); ++count) {
+    for (int count = 0; count < maxBlocks && candidate.fits(position + checksumSize5 + 3);
+         ++count) {
         position += checksumSize5;
         const auto headerSize = takeNumber(file, position);
         const std::uint64_t header = position;
         const auto type = takeNumber(file, position);
         const auto flags = takeNumber(file, position);
-        if (!headerSize || !type || !flags || *headerSize < 2 || *headerSize > maxHeader5 || *type < 1
-            || *type > endType5 || (count == 0 && *type > 4))
+        if (!headerSize || !type || !flags || *headerSize < 2 || *headerSize > maxHeader5
+            || *type < 1 || *type > endType5 || (count == 0 && *type > 4))
             return std::nullopt;
         if ((*flags & hasExtra5) != 0 && !takeNumber(file, position))
             return std::nullopt;

@@ -15,7 +15,8 @@ std::optional<std::uint64_t> RememberedSearch::next(std::uint64_t from, std::uin
             from = end;
             continue;
         }
-        const std::uint64_t end = behind != searched_.end() ? std::min(behind->first, limit) : limit;
+        const std::uint64_t end
+            = behind != searched_.end() ? std::min(behind->first, limit) : limit;
         const auto match = reader_.find(pattern_, from, end);
         if (match)
             matches_.insert(*match);

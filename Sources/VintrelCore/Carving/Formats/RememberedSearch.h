@@ -8,8 +8,9 @@
 #include <set>
 #include <string_view>
 
-/// The places of one pattern on a source. Candidates one behind the other would search the same gigabyte for their end
-/// marks; here every byte is searched once at most, for all of them together.
+/// The places of one pattern on a source. Candidates one behind the other would search the same
+/// gigabyte for their end marks; here every byte is searched once at most, for all of them
+/// together.
 class RememberedSearch {
 public:
     /// `pattern` is a literal.

@@ -24,9 +24,11 @@ Found sqlite(const Candidate& candidate)
 {
     using namespace std::string_view_literals;
     const auto header = candidate.file.load<Header>(0);
-    const std::uint32_t pageSize = header.pageSize == 1 ? 65'536u : std::uint32_t { header.pageSize };
-    if (!ByteView(header.magic).matches("SQLite format 3\0"sv, 0) || pageSize < 512 || !std::has_single_bit(pageSize)
-        || header.pageCount == 0 || header.changeCounter != header.validFor)
+    const std::uint32_t pageSize
+        = header.pageSize == 1 ? 65'536u : std::uint32_t { header.pageSize };
+    if (!ByteView(header.magic).matches("SQLite format 3\0"sv, 0) || pageSize < 512
+        || !std::has_single_bit(pageSize) || header.pageCount == 0
+        || header.changeCounter != header.validFor)
         return std::nullopt;
     const std::uint64_t size = std::uint64_t { pageSize } * header.pageCount;
     if (!candidate.fits(size))

@@ -11,7 +11,8 @@ Found sevenZip(const Candidate& candidate)
     auto& file = candidate.file;
     if (!file.matches(0, "7z\xBC\xAF\x27\x1C"))
         return std::nullopt;
-    const auto nextHeaderOffset = file.u64le(12); // from the end of this header, like everything in the archive
+    const auto nextHeaderOffset
+        = file.u64le(12); // from the end of this header, like everything in the archive
     const auto nextHeaderSize = file.u64le(20);
     if (nextHeaderOffset >= offsetLimit || nextHeaderSize == 0 || nextHeaderSize >= sizeLimit)
         return std::nullopt;

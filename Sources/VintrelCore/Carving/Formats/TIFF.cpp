@@ -14,7 +14,8 @@ constexpr std::uint64_t endLimit = 2'147'483'648; // an end at or beyond it is t
 constexpr std::uint64_t leastDataEnd = 1025;
 constexpr std::size_t maxDirectories = 64;
 constexpr unsigned maxEntries = 999;
-constexpr std::uint32_t maxValues = 1'000'000; // of one entry; a strip for each line of the largest pictures
+constexpr std::uint32_t maxValues
+    = 1'000'000; // of one entry; a strip for each line of the largest pictures
 constexpr std::size_t maxMakerLength = 31;
 
 enum Tag : std::uint16_t {
@@ -36,7 +37,8 @@ enum Tag : std::uint16_t {
 
 constexpr std::uint8_t olympusMarker = 0x52;
 constexpr std::uint8_t panasonicMarker = 0x55;
-constexpr std::uint32_t noStripOffset = 0xFFFF'FFFF; // on Panasonic's: the raw data lies where its own tag says
+constexpr std::uint32_t noStripOffset
+    = 0xFFFF'FFFF; // on Panasonic's: the raw data lies where its own tag says
 
 /// Bytes of one value by its type, 0 for a type that does not exist.
 std::uint64_t valueSize(std::uint16_t type)
@@ -94,8 +96,8 @@ public:
         constexpr struct {
             std::string_view maker;
             const char* ext;
-        } makers[] = { { "NIKON", "nef" }, { "SONY", "arw" }, { "PENTAX", "pef" }, { "RICOH", "pef" },
-            { "SAMSUNG", "srw" }, { "CANON", "cr2" } };
+        } makers[] = { { "NIKON", "nef" }, { "SONY", "arw" }, { "PENTAX", "pef" },
+            { "RICOH", "pef" }, { "SAMSUNG", "srw" }, { "CANON", "cr2" } };
 
         if (marker_ == olympusMarker)
             return "orf";
@@ -114,8 +116,14 @@ public:
     }
 
 private:
-    std::uint16_t u16(std::uint64_t position) { return isLittle_ ? file_.u16le(position) : file_.u16be(position); }
-    std::uint32_t u32(std::uint64_t position) { return isLittle_ ? file_.u32le(position) : file_.u32be(position); }
+    std::uint16_t u16(std::uint64_t position)
+    {
+        return isLittle_ ? file_.u16le(position) : file_.u16be(position);
+    }
+    std::uint32_t u32(std::uint64_t position)
+    {
+        return isLittle_ ? file_.u32le(position) : file_.u32be(position);
+    }
 
     void enqueue(std::uint64_t directory)
     {
@@ -171,7 +179,8 @@ private:
             return false;
         addStructure(end);
 
-        std::optional<Entry> strips, stripLengths, tiles, tileLengths, preview, previewSize, rawOffset;
+        std::optional<Entry> strips, stripLengths, tiles, tileLengths, preview, previewSize,
+            rawOffset;
         for (unsigned i = 0; i < entries; ++i) {
             const auto entry = readEntry(start + 2 + i * entrySize);
             if (!entry.isInline)

@@ -52,8 +52,9 @@ struct EndRecord {
 };
 static_assert(sizeof(EndRecord) == 22 && offsetof(EndRecord, commentLength) == 20);
 
-/// What says all this for archives beyond 4 GB, or written by those who did not know how large they would become: the
-/// locator lies in front of the end record, and in front of the locator its record.
+/// What says all this for archives beyond 4 GB, or written by those who did not know how large they
+/// would become: the locator lies in front of the end record, and in front of the locator its
+/// record.
 struct Zip64Locator {
     LE32 signature;    //  0
     LE32 disk;         //  4
@@ -63,7 +64,8 @@ struct Zip64Locator {
 static_assert(sizeof(Zip64Locator) == 20 && offsetof(Zip64Locator, recordOffset) == 8);
 constexpr std::uint64_t zip64EndSize = 56;
 
-constexpr std::uint16_t hasDescriptor = 8; // the sizes stand behind the data, where nobody can find them
+constexpr std::uint16_t hasDescriptor
+    = 8; // the sizes stand behind the data, where nobody can find them
 constexpr std::uint32_t inZip64 = 0xFFFF'FFFF;
 
 /// Where a walk from record to record stopped, and whether that was behind the end record.
@@ -76,7 +78,8 @@ Walk walkRecords(RandomReader& file)
 {
     Walk walk;
     auto& position = walk.position;
-    for (int count = 0; count < maxRecords && position < maxSize && position < file.size(); ++count) {
+    for (int count = 0; count < maxRecords && position < maxSize && position < file.size();
+         ++count) {
         switch (file.u32le(position)) {
         case localSignature: {
             const auto header = file.load<LocalHeader>(position);
@@ -87,7 +90,8 @@ Walk walkRecords(RandomReader& file)
         }
         case centralSignature: {
             const auto header = file.load<CentralHeader>(position);
-            position += sizeof header + header.nameLength + header.extraLength + header.commentLength;
+            position
+                += sizeof header + header.nameLength + header.extraLength + header.commentLength;
             break;
         }
         case zip64EndSignature: {
@@ -111,7 +115,8 @@ Walk walkRecords(RandomReader& file)
     return walk;
 }
 
-/// How far the end record at `position` claims to lie behind the archive's start; none when it does not say.
+/// How far the end record at `position` claims to lie behind the archive's start; none when it does
+/// not say.
 std::optional<std::uint64_t> claimedDistance(RandomReader& file, std::uint64_t position)
 {
     const auto record = file.load<EndRecord>(position);
@@ -126,7 +131,8 @@ std::optional<std::uint64_t> claimedDistance(RandomReader& file, std::uint64_t p
     return locator.recordOffset + recordDistance;
 }
 
-/// Where the archive begins that ends with the end record at `position`; none unless a local header lies there.
+/// Where the archive begins that ends with the end record at `position`; none unless a local header
+/// lies there.
 std::optional<std::uint64_t> archiveStart(const Candidate& candidate, std::uint64_t position)
 {
     auto& file = candidate.file;
@@ -142,7 +148,8 @@ std::optional<std::uint64_t> archiveStart(const Candidate& candidate, std::uint6
     return known->second;
 }
 
-/// The end of the archive by the first end record from `position` on that does not verifiably belong to another one.
+/// The end of the archive by the first end record from `position` on that does not verifiably
+/// belong to another one.
 std::optional<std::uint64_t> searchEnd(const Candidate& candidate, std::uint64_t position)
 {
     auto& file = candidate.file;
@@ -166,7 +173,8 @@ const char* kindOfMimetype(RandomReader& file, const LocalHeader& first)
         const char* ext;
     } kinds[] = { { "application/vnd.oasis.opendocument.text", "odt" },
         { "application/vnd.oasis.opendocument.spreadsheet", "ods" },
-        { "application/vnd.oasis.opendocument.presentation", "odp" }, { "application/epub+zip", "epub" } };
+        { "application/vnd.oasis.opendocument.presentation", "odp" },
+        { "application/epub+zip", "epub" } };
     for (const auto& [content, ext] : kinds)
         if (file.matches(first.dataOffset(), content))
             return ext;
@@ -177,10 +185,11 @@ const char* kindOfMimetype(RandomReader& file, const LocalHeader& first)
 constexpr struct {
     std::string_view name;
     const char* ext;
-} namedKinds[] = { { "word/", "docx" }, { "xl/", "xlsx" }, { "ppt/", "pptx" }, { "META-INF/MANIFEST.MF", "jar" } };
+} namedKinds[] = { { "word/", "docx" }, { "xl/", "xlsx" }, { "ppt/", "pptx" },
+    { "META-INF/MANIFEST.MF", "jar" } };
 
-/// The first of `namedKinds` that the records in these bytes name; their number when none does. Only names of entries
-/// count: the same letters in somebody's text say nothing.
+/// The first of `namedKinds` that the records in these bytes name; their number when none does.
+/// Only names of entries count: the same letters in somebody's text say nothing.
 std::size_t firstNamedKind(ByteView bytes)
 {
     auto first = std::size(namedKinds);
@@ -191,8 +200,9 @@ std::size_t firstNamedKind(ByteView bytes)
         const auto signature = bytes.u32le(at);
         if (signature != localSignature && signature != centralSignature)
             continue;
-        const std::int64_t name
-            = at + static_cast<std::int64_t>(signature == localSignature ? sizeof(LocalHeader) : sizeof(CentralHeader));
+        const std::int64_t name = at
+            + static_cast<std::int64_t>(
+                signature == localSignature ? sizeof(LocalHeader) : sizeof(CentralHeader));
         for (std::size_t kind = 0; kind < first; ++kind)
             if (bytes.matches(namedKinds[kind].name, name))
                 first = kind;
@@ -207,8 +217,8 @@ const char* kindOf(RandomReader& file, std::uint64_t size)
     if (first.nameLength == mimetype.size() && file.matches(sizeof(LocalHeader), mimetype))
         return kindOfMimetype(file, first);
     const auto region = static_cast<std::size_t>(std::min<std::uint64_t>(size, namesRegion));
-    const auto kind
-        = std::min(firstNamedKind(file.bytes(0, region)), firstNamedKind(file.bytes(size - region, region)));
+    const auto kind = std::min(
+        firstNamedKind(file.bytes(0, region)), firstNamedKind(file.bytes(size - region, region)));
     return kind < std::size(namedKinds) ? namedKinds[kind].ext : "zip";
 }
 
@@ -218,7 +228,8 @@ Found zip(const Candidate& candidate)
 {
     auto& file = candidate.file;
     const auto walk = walkRecords(file);
-    const auto size = walk.isComplete ? std::optional(walk.position) : searchEnd(candidate, walk.position);
+    const auto size
+        = walk.isComplete ? std::optional(walk.position) : searchEnd(candidate, walk.position);
     if (!size || *size > maxSize)
         return std::nullopt;
     const std::string_view ext = kindOf(file, *size);

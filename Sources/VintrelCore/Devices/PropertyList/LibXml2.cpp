@@ -12,8 +12,10 @@ namespace {
 /// What a program prints is bounded already; this keeps the number of bytes within an int.
 constexpr std::size_t maxSize = std::size_t { 16 } << 20;
 
-/// No network, no DTD, and entities stay unexpanded; libxml2's own limits on depth and on names are left in force.
-constexpr int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOCDATA;
+/// No network, no DTD, and entities stay unexpanded; libxml2's own limits on depth and on names are
+/// left in force.
+constexpr int options
+    = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOCDATA;
 
 constexpr struct {
     std::string_view element;
@@ -45,7 +47,8 @@ std::optional<PropertyList> PropertyList::parse(std::string_view xml)
     if (xml.size() > maxSize)
         return std::nullopt;
     const std::unique_ptr<xmlTextReader, decltype(&xmlFreeTextReader)> reader(
-        xmlReaderForMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr, options), &xmlFreeTextReader);
+        xmlReaderForMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr, options),
+        &xmlFreeTextReader);
     if (!reader)
         return std::nullopt;
 
@@ -95,5 +98,6 @@ std::optional<PropertyList> PropertyList::parse(std::string_view xml)
             break;
         }
     }
-    return state == 0 && isPropertyList && !list.nodes_.empty() ? std::optional(std::move(list)) : std::nullopt;
+    return state == 0 && isPropertyList && !list.nodes_.empty() ? std::optional(std::move(list))
+                                                                : std::nullopt;
 }

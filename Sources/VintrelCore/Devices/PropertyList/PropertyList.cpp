@@ -21,7 +21,10 @@ std::vector<PropertyList::Value> PropertyList::Value::items() const
     return values;
 }
 
-std::string PropertyList::Value::text() const { return is(Kind::text) ? list_->nodes_[*node_].text : std::string(); }
+std::string PropertyList::Value::text() const
+{
+    return is(Kind::text) ? list_->nodes_[*node_].text : std::string();
+}
 
 std::uint64_t PropertyList::Value::number() const
 {

@@ -6,7 +6,8 @@
 #include <string_view>
 #include <vector>
 
-/// One of Apple's property lists, in XML. What is absent, or of another kind than asked for, reads as empty.
+/// One of Apple's property lists, in XML. What is absent, or of another kind than asked for, reads
+/// as empty.
 class PropertyList {
 public:
     enum class Kind { dictionary, array, text, number, other };
@@ -34,7 +35,8 @@ public:
         std::optional<std::size_t> node_;
     };
 
-    /// None when it is no property list, or not a whole one. Nothing that it refers to outside itself is read.
+    /// None when it is no property list, or not a whole one. Nothing that it refers to outside
+    /// itself is read.
     static std::optional<PropertyList> parse(std::string_view xml);
 
     Value root() const { return { this, nodes_.empty() ? std::optional<std::size_t>() : 0 }; }

@@ -1,9 +1,9 @@
 // From a container's superblocks to its volumes.
 
+#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
 #include "VintrelCore/FileSystems/APFS/SpaceManager.h"
 #include "VintrelCore/FileSystems/APFS/VolumeReader.h"
-#include "VintrelCore/Disk/DiskSource.h"
 
 #include <algorithm>
 #include <bit>
@@ -13,12 +13,13 @@ using namespace APFSFormat;
 
 namespace {
 
-constexpr std::int64_t firstRead = 4'096;       ///< of the first superblock, whose block size is not known yet
-constexpr int maxDepth = 15;                    ///< of an object map's tree
+constexpr std::int64_t firstRead
+    = 4'096;                 ///< of the first superblock, whose block size is not known yet
+constexpr int maxDepth = 15; ///< of an object map's tree
 constexpr std::size_t maxOlderCheckpoints = 64; ///< that are searched for deleted files
 
-/// On a sound container every block is read once or twice. On a damaged one trees may share nodes, but what asks for
-/// so many times more than the source has is made up.
+/// On a sound container every block is read once or twice. On a damaged one trees may share nodes,
+/// but what asks for so many times more than the source has is made up.
 constexpr std::uint64_t readBudgetFactor = 8;
 
 /// An extent record takes up more bytes than this on disk.
@@ -34,7 +35,8 @@ bool hasMagic(ByteView block, std::string_view magic)
 std::optional<std::uint32_t> blockSizeOf(ByteView superblock)
 {
     const auto size = superblock.u32le(offsetof(ContainerSuperblock, blockSize));
-    if (!hasMagic(superblock, "NXSB") || size < 4'096 || size > 65'536 || !std::has_single_bit(size))
+    if (!hasMagic(superblock, "NXSB") || size < 4'096 || size > 65'536
+        || !std::has_single_bit(size))
         return std::nullopt;
     return size;
 }
@@ -51,7 +53,8 @@ Bytes readAvailable(DiskSource& source, std::uint64_t offset, std::int64_t count
 {
     if (offset >= source.size())
         return {};
-    const auto available = std::min<std::uint64_t>(source.size() - offset, static_cast<std::uint64_t>(count));
+    const auto available
+        = std::min<std::uint64_t>(source.size() - offset, static_cast<std::uint64_t>(count));
     return source.read(offset, static_cast<std::int64_t>(available), ReadMode::thorough);
 }
 
@@ -69,10 +72,12 @@ std::shared_ptr<APFSContainer> APFSContainer::open(
     if (!blockSize)
         return nullptr;
     auto first = readAvailable(source, superblockOffset, *blockSize);
-    return std::shared_ptr<APFSContainer>(new APFSContainer(source, base, std::move(first), superblockOffset));
+    return std::shared_ptr<APFSContainer>(
+        new APFSContainer(source, base, std::move(first), superblockOffset));
 }
 
-APFSContainer::APFSContainer(DiskSource& source, std::uint64_t base, Bytes firstSuperblock, std::uint64_t firstOffset)
+APFSContainer::APFSContainer(
+    DiskSource& source, std::uint64_t base, Bytes firstSuperblock, std::uint64_t firstOffset)
     : source_(source)
     , base_(base)
     , blockSize_(ByteView(firstSuperblock).u32le(offsetof(ContainerSuperblock, blockSize)))
@@ -99,7 +104,8 @@ APFSContainer::APFSContainer(DiskSource& source, std::uint64_t base, Bytes first
 
 APFSContainer::~APFSContainer() = default;
 
-/// Finds the valid superblocks of the checkpoint descriptor area. Of those with the same transaction the first counts.
+/// Finds the valid superblocks of the checkpoint descriptor area. Of those with the same
+/// transaction the first counts.
 void APFSContainer::findCheckpoints()
 {
     const auto count = superblock().u32le(offsetof(ContainerSuperblock, descriptorBlocks));
@@ -107,7 +113,9 @@ void APFSContainer::findCheckpoints()
     if ((count & nonContiguous) != 0 || count > maxDescriptorBlocks)
         return;
     for (std::uint64_t i = 0; i < count; ++i) {
-        const auto offset = start <= std::numeric_limits<std::uint64_t>::max() - i ? offsetOf(start + i) : std::nullopt;
+        const auto offset = start <= std::numeric_limits<std::uint64_t>::max() - i
+            ? offsetOf(start + i)
+            : std::nullopt;
         if (!offset)
             break;
         const auto block = readAvailable(source_, *offset, static_cast<std::int64_t>(blockSize_));
@@ -116,8 +124,10 @@ void APFSContainer::findCheckpoints()
             checkpoints_.push_back({ xid, *offset });
     }
     std::ranges::stable_sort(checkpoints_, std::ranges::greater {}, &Checkpoint::xid);
-    const auto isSame = [](const Checkpoint& one, const Checkpoint& other) { return one.xid == other.xid; };
-    checkpoints_.erase(std::unique(checkpoints_.begin(), checkpoints_.end(), isSame), checkpoints_.end());
+    const auto isSame
+        = [](const Checkpoint& one, const Checkpoint& other) { return one.xid == other.xid; };
+    checkpoints_.erase(
+        std::unique(checkpoints_.begin(), checkpoints_.end(), isSame), checkpoints_.end());
 }
 
 Bytes APFSContainer::superblockOf(const Checkpoint& checkpoint)
@@ -134,7 +144,8 @@ std::optional<std::uint64_t> APFSContainer::offsetOf(std::uint64_t block) const
 
 bool APFSContainer::isValid(std::uint64_t block) const
 {
-    return block != 0 && blockCount_ != 1 && (blockCount_ == 0 || block < blockCount_) && offsetOf(block);
+    return block != 0 && blockCount_ != 1 && (blockCount_ == 0 || block < blockCount_)
+        && offsetOf(block);
 }
 
 bool APFSContainer::readBlock(std::uint64_t block, Bytes& buffer)
@@ -147,8 +158,8 @@ bool APFSContainer::readBlock(std::uint64_t block, Bytes& buffer)
     return true;
 }
 
-void APFSContainer::walkObjectMap(std::uint64_t oid, std::uint64_t maxXID, std::unordered_set<std::uint64_t>& visited,
-    const std::function<void(const Version&)>& visit)
+void APFSContainer::walkObjectMap(std::uint64_t oid, std::uint64_t maxXID,
+    std::unordered_set<std::uint64_t>& visited, const std::function<void(const Version&)>& visit)
 {
     struct Pending {
         std::uint64_t block;
@@ -166,14 +177,16 @@ void APFSContainer::walkObjectMap(std::uint64_t oid, std::uint64_t maxXID, std::
             || ByteView(bytes).u64le(offsetof(ObjectHeader, xid)) > maxXID)
             continue;
         const bool isLeaf = ByteView(bytes).u16le(offsetof(NodeHeader, level)) == 0;
-        std::uint64_t room = blockSize_ / 24; // for keys and the shorter values: entries do not share bytes
-        const auto level = APFSNodes::forEachRecord(
-            bytes, blockSize_, { 16, 16 }, [&, depth = depth](ByteView key, std::optional<ByteView> value) {
+        std::uint64_t room
+            = blockSize_ / 24; // for keys and the shorter values: entries do not share bytes
+        const auto level = APFSNodes::forEachRecord(bytes, blockSize_, { 16, 16 },
+            [&, depth = depth](ByteView key, std::optional<ByteView> value) {
                 if (!value || room == 0)
                     return;
                 --room;
                 if (isLeaf)
-                    visit({ key.u64le(0), key.u64le(8), value->u64le(8), (value->u32le(0) & deletedMask) != 0 });
+                    visit({ key.u64le(0), key.u64le(8), value->u64le(8),
+                        (value->u32le(0) & deletedMask) != 0 });
                 else
                     pending.push_back({ value->u64le(0), depth + 1 });
             });
@@ -182,37 +195,44 @@ void APFSContainer::walkObjectMap(std::uint64_t oid, std::uint64_t maxXID, std::
     }
 }
 
-std::unordered_map<std::uint64_t, std::uint64_t> APFSContainer::loadOMap(std::uint64_t oid, std::uint64_t maxXID)
+std::unordered_map<std::uint64_t, std::uint64_t> APFSContainer::loadOMap(
+    std::uint64_t oid, std::uint64_t maxXID)
 {
     std::unordered_map<std::uint64_t, Version> newest;
     std::unordered_set<std::uint64_t> visited;
-    walkObjectMap(oid, std::numeric_limits<std::uint64_t>::max(), visited, [&](const Version& version) {
-        if (version.isDeleted || version.xid > maxXID)
-            return;
-        const auto [known, isNew] = newest.emplace(version.oid, version);
-        if (!isNew && known->second.xid < version.xid)
-            known->second = version;
-    });
+    walkObjectMap(
+        oid, std::numeric_limits<std::uint64_t>::max(), visited, [&](const Version& version) {
+            if (version.isDeleted || version.xid > maxXID)
+                return;
+            const auto [known, isNew] = newest.emplace(version.oid, version);
+            if (!isNew && known->second.xid < version.xid)
+                known->second = version;
+        });
     std::unordered_map<std::uint64_t, std::uint64_t> blocks;
     for (const auto& [virtualOID, version] : newest)
         blocks.emplace(virtualOID, version.block);
     return blocks;
 }
 
-/// The object map of the newest checkpoint whose map can be used, which becomes the container's. Empty when none can.
+/// The object map of the newest checkpoint whose map can be used, which becomes the container's.
+/// Empty when none can.
 std::unordered_map<std::uint64_t, std::uint64_t> APFSContainer::usableObjectMap()
 {
-    const auto mapOf
-        = [this] { return loadOMap(superblock().u64le(offsetof(ContainerSuperblock, objectMapOID)), xid_); };
+    const auto mapOf = [this] {
+        return loadOMap(superblock().u64le(offsetof(ContainerSuperblock, objectMapOID)), xid_);
+    };
     auto map = mapOf();
-    const bool hasVolumes = !superblock().isAllZero(fileSystemOIDs, std::int64_t { maxVolumeSlots } * 8);
-    for (std::size_t next = 1; map.empty() && hasVolumes && next < std::min(checkpoints_.size(), maxOlderCheckpoints);
+    const bool hasVolumes
+        = !superblock().isAllZero(fileSystemOIDs, std::int64_t { maxVolumeSlots } * 8);
+    for (std::size_t next = 1;
+         map.empty() && hasVolumes && next < std::min(checkpoints_.size(), maxOlderCheckpoints);
          ++next) {
         superblock_ = superblockOf(checkpoints_[next]);
         xid_ = checkpoints_[next].xid;
         map = mapOf();
         if (!map.empty())
-            notes_.emplace_back("Det nyeste checkpoint kan ikke bruges. Et ældre er læst i stedet.");
+            notes_.emplace_back(
+                "Det nyeste checkpoint kan ikke bruges. Et ældre er læst i stedet.");
     }
     return map;
 }
@@ -221,11 +241,13 @@ VolumeList APFSContainer::volumes(const std::string& origin, WorkProgress* progr
 {
     VolumeList volumes;
     const auto map = usableObjectMap();
-    const auto slots = std::min(superblock().u32le(offsetof(ContainerSuperblock, maxFileSystems)), maxVolumeSlots);
+    const auto slots = std::min(
+        superblock().u32le(offsetof(ContainerSuperblock, maxFileSystems)), maxVolumeSlots);
     Bytes block;
     for (std::int64_t slot = 0; slot < slots; ++slot) {
         const auto place = map.find(superblock().u64le(fileSystemOIDs + 8 * slot));
-        if (place == map.end() || place->first == 0 || !readBlock(place->second, block) || !hasMagic(block, "APSB"))
+        if (place == map.end() || place->first == 0 || !readBlock(place->second, block)
+            || !hasMagic(block, "APSB"))
             continue;
         if (isCancelled(progress))
             break;
@@ -248,7 +270,8 @@ std::vector<Bytes> APFSContainer::olderSuperblocks(std::uint64_t volumeOID)
 {
     if (!volumeVersions_) {
         volumeVersions_.emplace();
-        const auto uuid = superblock().load<ContainerSuperblock>(0).value_or(ContainerSuperblock {}).uuid;
+        const auto uuid
+            = superblock().load<ContainerSuperblock>(0).value_or(ContainerSuperblock {}).uuid;
         std::unordered_set<std::uint64_t> visited;
         std::size_t count = 0;
         for (const auto& checkpoint : checkpoints_) {
@@ -256,7 +279,8 @@ std::vector<Bytes> APFSContainer::olderSuperblocks(std::uint64_t volumeOID)
                 continue;
             const auto bytes = superblockOf(checkpoint);
             const auto older = ByteView(bytes).load<ContainerSuperblock>(0);
-            if (older && older->uuid == uuid) // an earlier container in the same place is none of ours
+            if (older
+                && older->uuid == uuid) // an earlier container in the same place is none of ours
                 walkObjectMap(older->objectMapOID, checkpoint.xid, visited,
                     [&](const Version& version) { volumeVersions_->push_back(version); });
         }
@@ -265,7 +289,8 @@ std::vector<Bytes> APFSContainer::olderSuperblocks(std::uint64_t volumeOID)
     std::vector<Bytes> found;
     Bytes block;
     for (const auto& version : *volumeVersions_) {
-        if (version.oid != volumeOID || !readBlock(version.block, block) || !APFSParser::checksumOK(block))
+        if (version.oid != volumeOID || !readBlock(version.block, block)
+            || !APFSParser::checksumOK(block))
             continue;
         const auto header = *ByteView(block).load<ObjectHeader>(0);
         if (hasMagic(block, "APSB") && header.oid == volumeOID && header.xid <= xid_)
@@ -299,7 +324,8 @@ void APFSContainer::estimate(FileNode& node)
         if (!extent.offset || isReused)
             continue;
         const std::uint64_t first = (*extent.offset - base_) / blockSize_;
-        const std::uint64_t end = first + extent.length / blockSize_ + (extent.length % blockSize_ != 0);
+        const std::uint64_t end
+            = first + extent.length / blockSize_ + (extent.length % blockSize_ != 0);
         if (isFirst)
             isFirstReused = isInUse({ first, first + 1 });
         isReused = isFirstReused || isInUse({ first, end });
@@ -325,7 +351,8 @@ bool APFSContainer::takeExtents(std::size_t count)
 
 namespace APFSParser {
 
-VolumeList parse(DiskSource& source, std::uint64_t offset, const std::string& origin, WorkProgress* progress)
+VolumeList parse(
+    DiskSource& source, std::uint64_t offset, const std::string& origin, WorkProgress* progress)
 {
     const auto container = APFSContainer::open(source, offset);
     return container ? container->volumes(origin, progress) : VolumeList {};
@@ -341,23 +368,27 @@ std::optional<std::uint64_t> containerStart(DiskSource& source, std::uint64_t su
     if (!superblock || !isCheckpointSuperblock(bytes))
         return std::nullopt;
 
-    // A physical object knows the number of its own block, so that only the true start has it in the right place.
+    // A physical object knows the number of its own block, so that only the true start has it in
+    // the right place.
     const auto isStart = [&](std::uint64_t start) {
         const std::uint64_t block = superblock->objectMapOID;
         if (start >= source.size() || block > (source.size() - start) / *blockSize)
             return false;
         const auto map = readAvailable(source, start + block * *blockSize, *blockSize);
         const auto header = ByteView(map).load<ObjectHeader>(0);
-        return header && typeOf(*header) == ObjectType::objectMap && header->oid == block && checksumOK(map);
+        return header && typeOf(*header) == ObjectType::objectMap && header->oid == block
+            && checksumOK(map);
     };
     const std::uint32_t areaLength = superblock->descriptorBlocks;
     if (areaLength != 0 && areaLength <= maxDescriptorBlocks) {
-        const std::uint64_t place
-            = (std::uint64_t { superblock->descriptorIndex } + superblock->descriptorLength + areaLength - 1)
+        const std::uint64_t place = (std::uint64_t { superblock->descriptorIndex }
+                                        + superblock->descriptorLength + areaLength - 1)
             % areaLength;
         const std::uint64_t base = superblock->descriptorBase;
-        if (const std::uint64_t most = superblockOffset / *blockSize; place <= most && base <= most - place)
-            if (const std::uint64_t start = superblockOffset - (base + place) * *blockSize; isStart(start))
+        if (const std::uint64_t most = superblockOffset / *blockSize;
+            place <= most && base <= most - place)
+            if (const std::uint64_t start = superblockOffset - (base + place) * *blockSize;
+                isStart(start))
                 return start;
     }
     return isStart(superblockOffset) ? std::optional(superblockOffset) : std::nullopt;
@@ -368,8 +399,8 @@ bool isInContainer(const Volume& volume, std::uint64_t containerStart)
     return volume.type == FileSystemType::apfs && volume.offset == containerStart;
 }
 
-VolumeList parseFromSuperblock(
-    DiskSource& source, std::uint64_t superblockOffset, const std::string& origin, WorkProgress* progress)
+VolumeList parseFromSuperblock(DiskSource& source, std::uint64_t superblockOffset,
+    const std::string& origin, WorkProgress* progress)
 {
     const auto start = containerStart(source, superblockOffset);
     if (!start)
@@ -383,8 +414,8 @@ VolumeList parseFromSuperblock(
 
 std::string roleName(std::uint16_t role)
 {
-    constexpr std::pair<std::uint16_t, std::string_view> names[]
-        = { { 1, "System" }, { 2, "Bruger" }, { 4, "Gendannelse" }, { 8, "VM" }, { 16, "Preboot" }, { 64, "Data" } };
+    constexpr std::pair<std::uint16_t, std::string_view> names[] = { { 1, "System" },
+        { 2, "Bruger" }, { 4, "Gendannelse" }, { 8, "VM" }, { 16, "Preboot" }, { 64, "Data" } };
     for (const auto& [number, name] : names)
         if (number == role)
             return std::string(name);

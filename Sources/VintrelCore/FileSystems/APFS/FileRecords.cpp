@@ -13,7 +13,8 @@ constexpr std::int64_t keyHead = 8; // the number and the kind
 
 /// The elements of a sorted vector whose `member` is `value`.
 template <class T>
-std::span<const T> equalRange(const std::vector<T>& all, std::uint64_t value, std::uint64_t T::*member)
+std::span<const T> equalRange(
+    const std::vector<T>& all, std::uint64_t value, std::uint64_t T::*member)
 {
     const auto first = std::ranges::lower_bound(all, value, {}, member);
     const auto last = std::ranges::upper_bound(first, all.end(), value, {}, member);
@@ -44,7 +45,8 @@ APFSFileRecords::Text APFSFileRecords::keep(ByteView bytes)
 void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed, Origin origin,
     const std::function<bool(std::uint64_t id)>& isWanted)
 {
-    // Records do not share bytes. Where they seem to, a small node could ask for any amount of memory.
+    // Records do not share bytes. Where they seem to, a small node could ask for any amount of
+    // memory.
     std::uint64_t bytesLeft = blockSize;
     APFSNodes::forEachRecord(node, blockSize, {}, [&](ByteView key, std::optional<ByteView> found) {
         const auto value = found.value_or(ByteView());
@@ -55,7 +57,8 @@ void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHas
         bytesLeft -= key.size() + value.size();
         const std::uint64_t id = key.u64le(0) & objectIDMask;
         const std::uint64_t kind = key.u64le(0) >> 60;
-        const std::uint64_t subject = kind == RecordKind::directoryRecord ? value.u64le(0) & objectIDMask : id;
+        const std::uint64_t subject
+            = kind == RecordKind::directoryRecord ? value.u64le(0) & objectIDMask : id;
         if (isWanted && !isWanted(subject))
             return;
         switch (kind) {
@@ -68,20 +71,22 @@ void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHas
         case RecordKind::siblingLink: {
             const std::int64_t length = value.u16le(8);
             if (value.size() > 10)
-                links_.push_back({ id, origin, value.u64le(0), keep(value.sub(10, length)), false, true });
+                links_.push_back(
+                    { id, origin, value.u64le(0), keep(value.sub(10, length)), false, true });
             break;
         }
         case RecordKind::fileExtent:
             if (const auto extent = value.load<FileExtentValue>(0))
-                extents_.push_back(
-                    { id, origin, key.u64le(keyHead), extent->lengthAndFlags & extentLengthMask, extent->block });
+                extents_.push_back({ id, origin, key.u64le(keyHead),
+                    extent->lengthAndFlags & extentLengthMask, extent->block });
             break;
         case RecordKind::directoryRecord:
             if (const auto entry = value.load<DirectoryValue>(0)) {
                 constexpr std::uint32_t lengthMask = 0x3FF; // the hash is above it
                 const auto name = isHashed ? key.sub(keyHead + 4, key.u32le(keyHead) & lengthMask)
                                            : key.sub(keyHead + 2, key.u16le(keyHead));
-                links_.push_back({ subject, origin, id, keep(name), (entry->flags & 15) == folderKind, false });
+                links_.push_back(
+                    { subject, origin, id, keep(name), (entry->flags & 15) == folderKind, false });
             }
             break;
         default:
@@ -110,8 +115,10 @@ void APFSFileRecords::addInode(std::uint64_t id, ByteView value, Origin origin)
     constexpr std::int64_t table = sizeof(InodeValue) + sizeof(ExtendedFields);
     constexpr std::int64_t entrySize = sizeof(ExtendedField);
     std::int64_t data = table + fields.count * entrySize;
-    for (std::int64_t i = 0; i < fields.count && data < static_cast<std::int64_t>(value.size()); ++i) {
-        const auto field = *value.load<ExtendedField>(table + i * entrySize); // lies before its data
+    for (std::int64_t i = 0; i < fields.count && data < static_cast<std::int64_t>(value.size());
+         ++i) {
+        const auto field
+            = *value.load<ExtendedField>(table + i * entrySize); // lies before its data
         if (field.type == FieldType::name)
             inode.name = keep(value.sub(data, field.size));
         else if (field.type == FieldType::dataStream)
@@ -131,9 +138,12 @@ void APFSFileRecords::addAttribute(std::uint64_t id, ByteView key, ByteView valu
     if (!head)
         return;
     const auto name = key.sub(keyHead + 2, key.u16le(keyHead));
-    const auto content
-        = (head->flags & embeddedFlag) != 0 ? value.sub(sizeof(AttributeValue), head->length) : ByteView();
-    const auto is = [&](std::string_view text) { return name.size() == text.size() + 1 && name.matches(text, 0); };
+    const auto content = (head->flags & embeddedFlag) != 0
+        ? value.sub(sizeof(AttributeValue), head->length)
+        : ByteView();
+    const auto is = [&](std::string_view text) {
+        return name.size() == text.size() + 1 && name.matches(text, 0);
+    };
     Attribute attribute { id, origin, {}, 0, {} };
     if (is("com.apple.fs.symlink")) {
         attribute.kind = Attribute::Kind::symlink;
@@ -155,7 +165,8 @@ void APFSFileRecords::sort()
 {
     // What differs in nothing else comes in the order of the texts, which is that of the leaves.
     std::ranges::sort(inodes_, [](const Inode& one, const Inode& other) {
-        return std::tuple(one.id, other.origin.xid, one.name.at) < std::tuple(other.id, one.origin.xid, other.name.at);
+        return std::tuple(one.id, other.origin.xid, one.name.at)
+            < std::tuple(other.id, one.origin.xid, other.name.at);
     });
     const auto sameInode = [](const Inode& one, const Inode& other) { return one.id == other.id; };
     inodes_.erase(std::unique(inodes_.begin(), inodes_.end(), sameInode), inodes_.end());
@@ -171,9 +182,11 @@ void APFSFileRecords::sort()
         return std::tuple(one.id, one.kind, other.origin.xid, one.target.at)
             < std::tuple(other.id, other.kind, one.origin.xid, other.target.at);
     });
-    const auto sameAttribute
-        = [](const Attribute& one, const Attribute& other) { return one.id == other.id && one.kind == other.kind; };
-    attributes_.erase(std::unique(attributes_.begin(), attributes_.end(), sameAttribute), attributes_.end());
+    const auto sameAttribute = [](const Attribute& one, const Attribute& other) {
+        return one.id == other.id && one.kind == other.kind;
+    };
+    attributes_.erase(
+        std::unique(attributes_.begin(), attributes_.end(), sameAttribute), attributes_.end());
 }
 
 const APFSFileRecords::Inode* APFSFileRecords::inode(std::uint64_t id) const
@@ -182,7 +195,8 @@ const APFSFileRecords::Inode* APFSFileRecords::inode(std::uint64_t id) const
     return found.empty() ? nullptr : &found.front();
 }
 
-const APFSFileRecords::Attribute* APFSFileRecords::attribute(std::uint64_t id, Attribute::Kind kind) const
+const APFSFileRecords::Attribute* APFSFileRecords::attribute(
+    std::uint64_t id, Attribute::Kind kind) const
 {
     for (const auto& attribute : equalRange(attributes_, id, &Attribute::id))
         if (attribute.kind == kind)

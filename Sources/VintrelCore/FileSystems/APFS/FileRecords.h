@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-/// What leaves of a file-system tree say of files, from any number of leaves in any order. Of a tree's old states the
-/// same record may come in several versions.
+/// What leaves of a file-system tree say of files, from any number of leaves in any order. Of a
+/// tree's old states the same record may come in several versions.
 class APFSFileRecords {
 public:
     /// A piece of text that the records keep.
@@ -21,8 +21,9 @@ public:
 
     /// The leaf that a record is from.
     struct Origin {
-        std::uint64_t xid = 0;         ///< the transaction that wrote it
-        bool isHeldBySnapshot = false; ///< nothing that it names is given up as long as the snapshot is there
+        std::uint64_t xid = 0; ///< the transaction that wrote it
+        bool isHeldBySnapshot
+            = false; ///< nothing that it names is given up as long as the snapshot is there
     };
 
     struct Inode {
@@ -71,13 +72,13 @@ public:
         Text target;            ///< of the link
     };
 
-    /// Adds what a leaf holds of the objects that are wanted, all of them without `isWanted`. `isHashed`: its directory
-    /// records have the hash of the name beside the name's length.
+    /// Adds what a leaf holds of the objects that are wanted, all of them without `isWanted`.
+    /// `isHashed`: its directory records have the hash of the name beside the name's length.
     void addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed, Origin origin,
         const std::function<bool(std::uint64_t id)>& isWanted = {});
 
-    /// Makes the records ready for being looked up: by what they belong to, the newest version first, and of inodes and
-    /// attributes the newest alone.
+    /// Makes the records ready for being looked up: by what they belong to, the newest version
+    /// first, and of inodes and attributes the newest alone.
     void sort();
 
     const std::vector<Inode>& inodes() const { return inodes_; }
@@ -90,7 +91,10 @@ public:
     std::span<const Link> linksOf(std::uint64_t id) const;
     /// By logical address.
     std::span<const Extent> extentsOf(std::uint64_t owner) const;
-    std::string_view text(Text text) const { return std::string_view(texts_).substr(text.at, text.length); }
+    std::string_view text(Text text) const
+    {
+        return std::string_view(texts_).substr(text.at, text.length);
+    }
 
 private:
     Text keep(ByteView bytes);

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/APFS/FileRecords.h"
+#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/Model/Model.h"
 
 #include <cstdint>
@@ -10,7 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
-/// Hangs files and folders on the tree of a volume: first those that exist, then deleted ones, each object once.
+/// Hangs files and folders on the tree of a volume: first those that exist, then deleted ones, each
+/// object once.
 class APFSFileTree {
 public:
     /// Neither may die before this.
@@ -18,14 +19,16 @@ public:
 
     /// Adds what exists. To be called once, and first.
     void addExisting(const APFSFileRecords& live);
-    /// Adds what older states of the tree list, and what exists lacks: its number, and a thing of its name in its
-    /// folder.
+    /// Adds what older states of the tree list, and what exists lacks: its number, and a thing of
+    /// its name in its folder.
     void addDeleted(const APFSFileRecords& old, const APFSFileRecords& live);
-    /// Adds files and folders that are not known yet to `orphans`, below copies of their folders where these are known.
+    /// Adds files and folders that are not known yet to `orphans`, below copies of their folders
+    /// where these are known.
     void addLost(const APFSFileRecords& lost, FileNode& orphans);
 
     bool isKnown(std::uint64_t id) const { return createdOf(id) != nullptr; }
-    /// When a known object was created, as stored; 0 when that is not known. None for one that is not known.
+    /// When a known object was created, as stored; 0 when that is not known. None for one that is
+    /// not known.
     const std::uint64_t* createdOf(std::uint64_t id) const;
     /// The folder for what has no other; none when there is none yet.
     FileNode* orphans() const;
@@ -56,16 +59,19 @@ private:
     enum class States { one, several };
 
     template <class Visit> static void forEachObject(const APFSFileRecords& records, Visit visit);
-    static std::vector<Link> namesOf(
-        const APFSFileRecords& records, const Inode* inode, std::span<const Link> links, States states);
-    std::unique_ptr<FileNode> makeNode(const APFSFileRecords& records, const APFSFileRecords* live, const Inode* inode,
-        const Link& link, EntryStatus status);
-    void fill(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live, const Inode& inode);
-    void fillExtents(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live, const Inode& inode);
+    static std::vector<Link> namesOf(const APFSFileRecords& records, const Inode* inode,
+        std::span<const Link> links, States states);
+    std::unique_ptr<FileNode> makeNode(const APFSFileRecords& records, const APFSFileRecords* live,
+        const Inode* inode, const Link& link, EntryStatus status);
+    void fill(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
+        const Inode& inode);
+    void fillExtents(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
+        const Inode& inode);
     void remember(std::vector<Known> found);
     void addFolder(std::uint64_t id, FileNode& node) { folders_.emplace(id, &node); }
     void place(std::vector<Placed> placed, FileNode* orphans);
-    FileNode& copyIn(FileNode& orphans, FileNode& folder, std::unordered_map<FileNode*, FileNode*>& copies) const;
+    FileNode& copyIn(FileNode& orphans, FileNode& folder,
+        std::unordered_map<FileNode*, FileNode*>& copies) const;
 
     APFSContainer& container_;
     FileNode& root_;

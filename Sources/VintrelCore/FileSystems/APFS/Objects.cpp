@@ -1,7 +1,7 @@
 // What every APFS object has, its checksum and its type; and the nodes of B-trees.
 
-#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
+#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/APFS/Structures.h"
 
 #include <algorithm>
@@ -14,7 +14,8 @@ namespace {
 
 constexpr std::uint64_t modulus = 0xFFFFFFFF;
 
-/// After so many words the sums are taken modulo `modulus`. They could not overflow 64 bits before 92,681 words.
+/// After so many words the sums are taken modulo `modulus`. They could not overflow 64 bits before
+/// 92,681 words.
 constexpr std::size_t wordsPerRound = 65'536;
 
 } // namespace
@@ -28,7 +29,8 @@ std::uint64_t fletcher64(ByteView object)
         const auto round = words.first(std::min(words.size() / 4, wordsPerRound) * 4);
         for (std::size_t at = 0; at < round.size(); at += 4) {
             LE32 word;
-            std::memcpy(&word, round.data() + at, sizeof(word)); // of this loop consists the deep scan of an APFS disk
+            std::memcpy(&word, round.data() + at,
+                sizeof(word)); // of this loop consists the deep scan of an APFS disk
             sum1 += word;
             sum2 += sum1;
         }
@@ -54,20 +56,22 @@ bool looksLikeFSTreeLeaf(ByteView bytes, std::int64_t at, std::uint64_t blockSiz
         return false;
     const auto type = typeOf(node->object);
     const std::uint32_t keys = node->keyCount;
-    if ((type != ObjectType::rootNode && type != ObjectType::node) || (node->flags & NodeFlag::leaf) == 0
-        || node->level != 0 || keys < 1 || keys > maxKeys)
+    if ((type != ObjectType::rootNode && type != ObjectType::node)
+        || (node->flags & NodeFlag::leaf) == 0 || node->level != 0 || keys < 1 || keys > maxKeys)
         return false;
-    const auto block = bytes.sub(at, static_cast<std::int64_t>(std::min<std::uint64_t>(blockSize, bytes.size())));
+    const auto block = bytes.sub(
+        at, static_cast<std::int64_t>(std::min<std::uint64_t>(blockSize, bytes.size())));
     return block.size() == blockSize && checksumOK(block);
 }
 
 } // namespace APFSParser
 
-std::optional<APFSContainer::Node> APFSContainer::parseNode(ByteView bytes, int fixedKey, int fixedValue) const
+std::optional<APFSContainer::Node> APFSContainer::parseNode(
+    ByteView bytes, int fixedKey, int fixedValue) const
 {
     Node node;
-    const auto level = APFSNodes::forEachRecord(
-        bytes, blockSize_, { fixedKey, fixedValue }, [&](ByteView key, std::optional<ByteView> value) {
+    const auto level = APFSNodes::forEachRecord(bytes, blockSize_, { fixedKey, fixedValue },
+        [&](ByteView key, std::optional<ByteView> value) {
             if (value)
                 node.records.push_back({ key, *value });
         });

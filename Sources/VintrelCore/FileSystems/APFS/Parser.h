@@ -17,8 +17,8 @@ class APFSSpaceManager;
 class APFSVolumeReader;
 class DiskSource;
 
-/// One APFS container on its source: from its superblocks to its volumes. Blocks are numbered from its start. Used by
-/// one thread at a time.
+/// One APFS container on its source: from its superblocks to its volumes. Blocks are numbered from
+/// its start. Used by one thread at a time.
 class APFSContainer : public std::enable_shared_from_this<APFSContainer> {
 public:
     /// One entry of a B-tree node. The bytes are the node's.
@@ -48,8 +48,10 @@ public:
 
     /// The container that begins at byte `base`; none when no usable superblock lies there.
     static std::shared_ptr<APFSContainer> open(DiskSource& source, std::uint64_t base);
-    /// The same by a superblock that lies at byte `superblockOffset`, where the one at `base` is lost.
-    static std::shared_ptr<APFSContainer> open(DiskSource& source, std::uint64_t base, std::uint64_t superblockOffset);
+    /// The same by a superblock that lies at byte `superblockOffset`, where the one at `base` is
+    /// lost.
+    static std::shared_ptr<APFSContainer> open(
+        DiskSource& source, std::uint64_t base, std::uint64_t superblockOffset);
 
     ~APFSContainer();
 
@@ -62,15 +64,17 @@ public:
     std::uint64_t xid() const { return xid_; }
     const std::vector<std::string>& notes() const { return notes_; } ///< for the volumes
 
-    /// The volumes, in the order of their slots. When cancelled, those that were read so far. `progress` may be none.
+    /// The volumes, in the order of their slots. When cancelled, those that were read so far.
+    /// `progress` may be none.
     VolumeList volumes(const std::string& origin, WorkProgress* progress);
 
-    /// The block of every virtual object in the object map at block `oid`, by its newest version that is not newer than
-    /// `maxXID`. Empty when the map cannot be read.
-    std::unordered_map<std::uint64_t, std::uint64_t> loadOMap(std::uint64_t oid, std::uint64_t maxXID);
+    /// The block of every virtual object in the object map at block `oid`, by its newest version
+    /// that is not newer than `maxXID`. Empty when the map cannot be read.
+    std::unordered_map<std::uint64_t, std::uint64_t> loadOMap(
+        std::uint64_t oid, std::uint64_t maxXID);
 
-    /// The entries of a B-tree node, as far as they make sense; none when it is no node, or a damaged one. The lengths
-    /// are those of keys and of leaf values in nodes that do not say them.
+    /// The entries of a B-tree node, as far as they make sense; none when it is no node, or a
+    /// damaged one. The lengths are those of keys and of leaf values in nodes that do not say them.
     std::optional<Node> parseNode(ByteView bytes, int fixedKey, int fixedValue) const;
 
     // The rest is for the readers of volumes.
@@ -79,13 +83,15 @@ public:
     std::optional<std::uint64_t> offsetOf(std::uint64_t block) const;
     /// Whether a pointer can mean this block. Never so for 0, where the superblock is.
     bool isValid(std::uint64_t block) const;
-    /// Reads a block that is valid into `buffer`, which gets its size. Each read counts against what a container of
-    /// this size can need; false when that is used up, and for a block that is not valid.
+    /// Reads a block that is valid into `buffer`, which gets its size. Each read counts against
+    /// what a container of this size can need; false when that is used up, and for a block that is
+    /// not valid.
     bool readBlock(std::uint64_t block, Bytes& buffer);
 
-    /// Hands every version in the object map at block `oid` to `visit`, from nodes that are not newer than `maxXID` and
-    /// not in `visited`, to which they are added.
-    void walkObjectMap(std::uint64_t oid, std::uint64_t maxXID, std::unordered_set<std::uint64_t>& visited,
+    /// Hands every version in the object map at block `oid` to `visit`, from nodes that are not
+    /// newer than `maxXID` and not in `visited`, to which they are added.
+    void walkObjectMap(std::uint64_t oid, std::uint64_t maxXID,
+        std::unordered_set<std::uint64_t>& visited,
         const std::function<void(const Version&)>& visit);
 
     /// The superblocks that older checkpoints have of a volume, newest first.
@@ -93,19 +99,25 @@ public:
 
     /// Tells which blocks are in use by what exists.
     void addInUse(Blocks blocks) { inUse_.push_back(blocks); }
-    /// Estimates the chance of a deleted file when every volume has been read. The node stays where it is until then.
+    /// Estimates the chance of a deleted file when every volume has been read. The node stays where
+    /// it is until then.
     void estimateLater(FileNode& node) { toEstimate_.push_back(&node); }
     /// Estimates those that wait. False when the space manager, which knows best, cannot be read.
     bool estimateDeleted();
-    /// Takes the extents of one file from those that all files together may have: a sound container has no more, and
-    /// a made-up one could name the same extents in many files. False when there are not so many left.
+    /// Takes the extents of one file from those that all files together may have: a sound container
+    /// has no more, and a made-up one could name the same extents in many files. False when there
+    /// are not so many left.
     bool takeExtents(std::size_t count);
 
-    std::unordered_set<std::uint64_t> visitedMaps; ///< nodes of the volumes' object maps that were read
-    std::unordered_set<std::uint64_t> minedLeaves; ///< blocks whose records are known, or wait to be looked at
-    /// The volume (its oid) that a virtual object belongs to: these numbers are the container's, not the volume's.
+    std::unordered_set<std::uint64_t>
+        visitedMaps; ///< nodes of the volumes' object maps that were read
+    std::unordered_set<std::uint64_t>
+        minedLeaves; ///< blocks whose records are known, or wait to be looked at
+    /// The volume (its oid) that a virtual object belongs to: these numbers are the container's,
+    /// not the volume's.
     std::unordered_map<std::uint64_t, std::uint64_t> ownerOf;
-    std::vector<const APFSVolumeReader*> readers; ///< of the volumes whose files were read, as long as they live
+    std::vector<const APFSVolumeReader*>
+        readers; ///< of the volumes whose files were read, as long as they live
 
 private:
     struct Checkpoint {
@@ -113,7 +125,8 @@ private:
         std::uint64_t offset = 0; ///< of its superblock, in bytes on the source
     };
 
-    APFSContainer(DiskSource& source, std::uint64_t base, Bytes firstSuperblock, std::uint64_t firstOffset);
+    APFSContainer(
+        DiskSource& source, std::uint64_t base, Bytes firstSuperblock, std::uint64_t firstOffset);
 
     void findCheckpoints();
     Bytes superblockOf(const Checkpoint& checkpoint);
@@ -133,46 +146,53 @@ private:
     std::vector<Checkpoint> checkpoints_; // the valid ones, newest first
     std::uint64_t readsLeft_;
     std::uint64_t extentsLeft_;
-    std::optional<std::vector<Version>> volumeVersions_; // superblocks of volumes at all checkpoints
-    std::vector<Blocks> inUse_;                          // sorted and merged by estimateDeleted()
+    std::optional<std::vector<Version>>
+        volumeVersions_;        // superblocks of volumes at all checkpoints
+    std::vector<Blocks> inUse_; // sorted and merged by estimateDeleted()
     std::vector<FileNode*> toEstimate_;
     std::unique_ptr<APFSSpaceManager> spaceManager_;
     bool spaceManagerLoaded_ = false;
 };
 
-/// APFS containers and the volumes in them: existing files, and deleted ones from older states of the trees.
+/// APFS containers and the volumes in them: existing files, and deleted ones from older states of
+/// the trees.
 namespace APFSParser {
 
-/// The volumes of the container that begins at byte `offset`; none when there is no usable container.
-VolumeList parse(DiskSource& source, std::uint64_t offset, const std::string& origin, WorkProgress* progress);
+/// The volumes of the container that begins at byte `offset`; none when there is no usable
+/// container.
+VolumeList parse(
+    DiskSource& source, std::uint64_t offset, const std::string& origin, WorkProgress* progress);
 
-/// Where the container begins whose superblock lies at byte `superblockOffset`: there, or before it when it is a
-/// checkpoint's. None when it is no superblock, or neither place has the object map that it names.
+/// Where the container begins whose superblock lies at byte `superblockOffset`: there, or before it
+/// when it is a checkpoint's. None when it is no superblock, or neither place has the object map
+/// that it names.
 std::optional<std::uint64_t> containerStart(DiskSource& source, std::uint64_t superblockOffset);
 
 /// Whether a volume that was read is one of the container that begins at this byte.
 bool isInContainer(const Volume& volume, std::uint64_t containerStart);
 
-/// The volumes of the container that a superblock belongs to which was found at byte `superblockOffset`, also where
-/// the container's first block is lost.
-VolumeList parseFromSuperblock(
-    DiskSource& source, std::uint64_t superblockOffset, const std::string& origin, WorkProgress* progress);
+/// The volumes of the container that a superblock belongs to which was found at byte
+/// `superblockOffset`, also where the container's first block is lost.
+VolumeList parseFromSuperblock(DiskSource& source, std::uint64_t superblockOffset,
+    const std::string& origin, WorkProgress* progress);
 
-/// What loose leaves of file-system trees (absolute offsets, in any order, also those of other volumes) hold beyond the
-/// files that the volume lists: the folder "$Forældreløse filer", in which they stand below copies of their folders
-/// where these are known. A volume whose root has that folder already gets them there, and none is returned; none too
-/// when there is nothing. Remembers on the volume what it listed.
-std::unique_ptr<FileNode> lostFiles(
-    DiskSource& source, Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
+/// What loose leaves of file-system trees (absolute offsets, in any order, also those of other
+/// volumes) hold beyond the files that the volume lists: the folder "$Forældreløse filer", in which
+/// they stand below copies of their folders where these are known. A volume whose root has that
+/// folder already gets them there, and none is returned; none too when there is nothing. Remembers
+/// on the volume what it listed.
+std::unique_ptr<FileNode> lostFiles(DiskSource& source, Volume& volume,
+    std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
 
 /// How a volume's role (0: none) is called.
 std::string roleName(std::uint16_t role);
 
-/// The checksum that an object with these bytes should have: of everything behind its first eight bytes, in whole
-/// 32-bit words.
+/// The checksum that an object with these bytes should have: of everything behind its first eight
+/// bytes, in whole 32-bit words.
 std::uint64_t fletcher64(ByteView object);
 
-/// Whether an object has the checksum that it says. Never so for one that says 0, or that is shorter than 64 bytes.
+/// Whether an object has the checksum that it says. Never so for one that says 0, or that is
+/// shorter than 64 bytes.
 bool checksumOK(ByteView object);
 
 /// Whether the block at `at` is a leaf of a file-system tree. It must lie wholly inside the bytes.

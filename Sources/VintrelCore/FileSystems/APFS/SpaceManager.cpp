@@ -1,7 +1,7 @@
 #include "VintrelCore/FileSystems/APFS/SpaceManager.h"
 
-#include "VintrelCore/FileSystems/APFS/Nodes.h"
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/APFS/Nodes.h"
 
 #include <algorithm>
 #include <unordered_set>
@@ -23,7 +23,8 @@ constexpr std::size_t mainDevice = 0;
 constexpr std::size_t mainDeviceQueue = 1;
 
 /// Entry `index` of the array of `T` that begins at `start`.
-template <class T> std::optional<T> entryOf(ByteView bytes, std::uint64_t start, std::uint64_t index)
+template <class T>
+std::optional<T> entryOf(ByteView bytes, std::uint64_t start, std::uint64_t index)
 {
     return bytes.load<T>(static_cast<std::int64_t>(start + index * sizeof(T)));
 }
@@ -38,12 +39,16 @@ std::unique_ptr<APFSSpaceManager> APFSSpaceManager::load(APFSContainer& containe
         return nullptr;
     Places places;
     Bytes block;
-    for (std::uint64_t i = 0; i < std::min<std::uint32_t>(superblock->descriptorLength, areaLength); ++i) {
-        const std::uint64_t place = (std::uint64_t { superblock->descriptorIndex } + i) % areaLength;
-        if (!container.readBlock(superblock->descriptorBase + place, block) || !APFSParser::checksumOK(block))
+    for (std::uint64_t i = 0; i < std::min<std::uint32_t>(superblock->descriptorLength, areaLength);
+         ++i) {
+        const std::uint64_t place
+            = (std::uint64_t { superblock->descriptorIndex } + i) % areaLength;
+        if (!container.readBlock(superblock->descriptorBase + place, block)
+            || !APFSParser::checksumOK(block))
             continue;
         const auto map = *ByteView(block).load<CheckpointMap>(0);
-        if (typeOf(map.object) != ObjectType::checkpointMap || map.object.xid != superblock->object.xid)
+        if (typeOf(map.object) != ObjectType::checkpointMap
+            || map.object.xid != superblock->object.xid)
             continue;
         for (std::uint64_t entry = 0; entry < map.count; ++entry) {
             const auto mapping = entryOf<CheckpointMapping>(block, sizeof(CheckpointMap), entry);
@@ -60,7 +65,8 @@ std::unique_ptr<APFSSpaceManager> APFSSpaceManager::load(APFSContainer& containe
     return manager;
 }
 
-bool APFSSpaceManager::loadChunks(const Places& places, std::uint64_t oid, std::uint64_t& freeQueueOID)
+bool APFSSpaceManager::loadChunks(
+    const Places& places, std::uint64_t oid, std::uint64_t& freeQueueOID)
 {
     const auto place = places.find(oid);
     if (place == places.end() || place->second.size > maxSpaceManager)
@@ -74,8 +80,9 @@ bool APFSSpaceManager::loadChunks(const Places& places, std::uint64_t oid, std::
         object.insert(object.end(), block.begin(), block.end());
     }
     const auto manager = ByteView(object).load<SpaceManager>(0);
-    if (!manager || !APFSParser::checksumOK(object) || typeOf(manager->object) != ObjectType::spaceManager
-        || manager->object.oid != oid || manager->blocksPerChunk != blockSize * 8)
+    if (!manager || !APFSParser::checksumOK(object)
+        || typeOf(manager->object) != ObjectType::spaceManager || manager->object.oid != oid
+        || manager->blocksPerChunk != blockSize * 8)
         return false;
     blocksPerChunk_ = manager->blocksPerChunk;
     freeQueueOID = manager->freeQueues[mainDeviceQueue].treeOID;
@@ -132,12 +139,13 @@ void APFSSpaceManager::loadFreeQueue(const Places& places, std::uint64_t rootOID
         const std::uint64_t oid = pending.back();
         pending.pop_back();
         const auto place = places.find(oid);
-        if (place == places.end() || !visited.insert(oid).second || !container_.readBlock(place->second.block, block))
+        if (place == places.end() || !visited.insert(oid).second
+            || !container_.readBlock(place->second.block, block))
             continue;
         const bool isLeaf = ByteView(block).u16le(offsetof(NodeHeader, level)) == 0;
         std::uint64_t room = container_.blockSize() / 16; // for keys alone
-        APFSNodes::forEachRecord(
-            block, container_.blockSize(), { 16, 8 }, [&](ByteView key, std::optional<ByteView> value) {
+        APFSNodes::forEachRecord(block, container_.blockSize(), { 16, 8 },
+            [&](ByteView key, std::optional<ByteView> value) {
                 if (room == 0)
                     return;
                 --room;
@@ -147,7 +155,8 @@ void APFSSpaceManager::loadFreeQueue(const Places& places, std::uint64_t rootOID
                     return;
                 }
                 const std::uint64_t first = key.u64le(8);
-                const std::uint64_t count = value ? value->u64le(0) : 1; // a single block is kept without its count
+                const std::uint64_t count
+                    = value ? value->u64le(0) : 1; // a single block is kept without its count
                 if (first < container_.blockCount() && count <= container_.blockCount() - first)
                     freed_.push_back({ first, first + count });
             });
@@ -161,7 +170,10 @@ const Bytes& APFSSpaceManager::bitmapOf(Chunk& chunk)
         const auto offset = container_.offsetOf(chunk.bitmapBlock);
         chunk.bitmap.assign(static_cast<std::size_t>(container_.blockSize()), 0xFF);
         // A bitmap has no checksum. One that cannot be read must not call anything free.
-        if (offset && container_.source().readReporting(*offset, std::span(chunk.bitmap), ReadMode::thorough) > 0)
+        if (offset
+            && container_.source().readReporting(
+                   *offset, std::span(chunk.bitmap), ReadMode::thorough)
+                > 0)
             std::ranges::fill(chunk.bitmap, std::uint8_t { 0xFF });
     }
     chunk.isRead = true;

@@ -11,11 +11,13 @@
 /// Which blocks of a container are in use, as its newest checkpoint has it.
 class APFSSpaceManager {
 public:
-    /// None when any part of it that says where the bitmaps are cannot be read. It must not outlive the container.
+    /// None when any part of it that says where the bitmaps are cannot be read. It must not outlive
+    /// the container.
     static std::unique_ptr<APFSSpaceManager> load(APFSContainer& container);
 
-    /// Whether any block of a range is in use. Blocks that were freed, but wait in a queue because an older checkpoint
-    /// may still need them, are not. At most so many blocks are looked at as the largest file has that is worth it.
+    /// Whether any block of a range is in use. Blocks that were freed, but wait in a queue because
+    /// an older checkpoint may still need them, are not. At most so many blocks are looked at as
+    /// the largest file has that is worth it.
     bool isAnyAllocated(APFSContainer::Blocks blocks);
 
 private:
@@ -25,7 +27,8 @@ private:
         Bytes bitmap; ///< empty: all blocks are free, or not read yet
     };
 
-    using Places = std::unordered_map<std::uint64_t, APFSFormat::CheckpointMapping>; // of ephemeral objects, by oid
+    using Places = std::unordered_map<std::uint64_t,
+        APFSFormat::CheckpointMapping>; // of ephemeral objects, by oid
 
     explicit APFSSpaceManager(APFSContainer& container)
         : container_(container)

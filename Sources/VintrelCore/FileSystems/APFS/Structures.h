@@ -9,8 +9,8 @@
 /// APFS as it lies on disk. Everything is little-endian.
 namespace APFSFormat {
 
-/// Every object begins with this. Physical objects have the number of their block for an oid, virtual ones are found
-/// by object maps, and ephemeral ones by the checkpoint maps.
+/// Every object begins with this. Physical objects have the number of their block for an oid,
+/// virtual ones are found by object maps, and ephemeral ones by the checkpoint maps.
 struct ObjectHeader {
     LE64 checksum; //  0  Fletcher-64 of what follows it
     LE64 oid, xid; //  8, 16
@@ -33,7 +33,10 @@ constexpr std::uint16_t fileSystemTree = 14; ///< only as a subtype
 } // namespace ObjectType
 
 /// The low half of the type field.
-inline std::uint16_t typeOf(const ObjectHeader& header) { return static_cast<std::uint16_t>(header.type); }
+inline std::uint16_t typeOf(const ObjectHeader& header)
+{
+    return static_cast<std::uint16_t>(header.type);
+}
 
 struct NodeHeader {
     ObjectHeader object;           //  0
@@ -58,29 +61,32 @@ constexpr std::uint32_t maxKeys = 9999; ///< that a node is believed to have
 constexpr std::uint32_t deletedMask = 3;
 
 struct ContainerSuperblock {
-    ObjectHeader object;                    //   0
-    std::array<char, 4> magic;              //  32  "NXSB"
-    LE32 blockSize;                         //  36  in bytes
-    LE64 blockCount;                        //  40
-    std::array<std::uint8_t, 24> features;  //  48
-    std::array<std::uint8_t, 16> uuid;      //  72
-    LE64 nextOID, nextXID;                  //  88, 96
-    LE32 descriptorBlocks, dataBlocks;      // 104, 108  of the checkpoint areas
-    LE64 descriptorBase, dataBase;          // 112, 120
-    LE32 descriptorNext, dataNext;          // 128, 132
-    LE32 descriptorIndex, descriptorLength; // 136, 140  of this checkpoint; its superblock is the last
-    LE32 dataIndex, dataLength;             // 144, 148
-    LE64 spaceManagerOID;                   // 152  ephemeral
-    LE64 objectMapOID;                      // 160
-    LE64 reaperOID;                         // 168
-    LE32 testType;                          // 176
-    LE32 maxFileSystems;                    // 180
+    ObjectHeader object;                   //   0
+    std::array<char, 4> magic;             //  32  "NXSB"
+    LE32 blockSize;                        //  36  in bytes
+    LE64 blockCount;                       //  40
+    std::array<std::uint8_t, 24> features; //  48
+    std::array<std::uint8_t, 16> uuid;     //  72
+    LE64 nextOID, nextXID;                 //  88, 96
+    LE32 descriptorBlocks, dataBlocks;     // 104, 108  of the checkpoint areas
+    LE64 descriptorBase, dataBase;         // 112, 120
+    LE32 descriptorNext, dataNext;         // 128, 132
+    LE32 descriptorIndex,
+        descriptorLength;       // 136, 140  of this checkpoint; its superblock is the last
+    LE32 dataIndex, dataLength; // 144, 148
+    LE64 spaceManagerOID;       // 152  ephemeral
+    LE64 objectMapOID;          // 160
+    LE64 reaperOID;             // 168
+    LE32 testType;              // 176
+    LE32 maxFileSystems;        // 180
 };
 static_assert(sizeof(ContainerSuperblock) == 184 && offsetof(ContainerSuperblock, uuid) == 72
-    && offsetof(ContainerSuperblock, descriptorIndex) == 136 && offsetof(ContainerSuperblock, objectMapOID) == 160);
+    && offsetof(ContainerSuperblock, descriptorIndex) == 136
+    && offsetof(ContainerSuperblock, objectMapOID) == 160);
 
-constexpr std::int64_t fileSystemOIDs = 184;        // of the superblock: eight bytes for each slot
-constexpr std::uint32_t nonContiguous = 0x80000000; // of descriptorBlocks: they are listed in a tree
+constexpr std::int64_t fileSystemOIDs = 184; // of the superblock: eight bytes for each slot
+constexpr std::uint32_t nonContiguous
+    = 0x80000000; // of descriptorBlocks: they are listed in a tree
 constexpr std::uint32_t maxDescriptorBlocks = 10'000;
 constexpr std::uint32_t maxVolumeSlots = 100;
 
@@ -102,7 +108,8 @@ static_assert(sizeof(CheckpointMapping) == 40);
 /// One device of the space manager; there are two, the second of which Fusion drives have.
 struct SpaceManagerDevice {
     LE64 blockCount, chunkCount;    //  0, 8
-    LE32 infoBlocks, addressBlocks; // 16, 20  addressBlocks 0: the addresses of the chunk-info blocks stand inline
+    LE32 infoBlocks, addressBlocks; // 16, 20  addressBlocks 0: the addresses of the chunk-info
+                                    // blocks stand inline
     LE64 freeBlocks;                // 24
     LE32 addressOffset, reserved;   // 32, 36  in the space manager
     LE64 reserved2;                 // 40
@@ -172,8 +179,8 @@ constexpr std::uint64_t normalizationInsensitive = 0x08;
 constexpr std::uint64_t sealed = 0x20;
 } // namespace IncompatibleFeature
 
-/// The keys of a file-system tree begin with the number of the object and, in the highest four bits, the kind of
-/// record.
+/// The keys of a file-system tree begin with the number of the object and, in the highest four
+/// bits, the kind of record.
 constexpr std::uint64_t objectIDMask = 0x0FFF'FFFF'FFFF'FFFF;
 
 namespace RecordKind {
@@ -186,8 +193,9 @@ constexpr std::uint64_t directoryRecord = 9;
 
 constexpr std::uint64_t rootParentID = 1;
 constexpr std::uint64_t rootFolderID = 2;
-constexpr std::uint64_t privateFolderID = 3; ///< files that are deleted but still open; not the user's
-constexpr std::uint64_t firstUserID = 16;    ///< lower numbers are the file system's own
+constexpr std::uint64_t privateFolderID
+    = 3;                                  ///< files that are deleted but still open; not the user's
+constexpr std::uint64_t firstUserID = 16; ///< lower numbers are the file system's own
 
 /// The value of an inode record; extended fields follow.
 struct InodeValue {
@@ -210,7 +218,8 @@ constexpr std::uint16_t modeMask = 0xF000;
 constexpr std::uint16_t folderMode = 0x4000;
 constexpr std::uint16_t symlinkMode = 0xA000;
 
-/// Extended fields: this, one `ExtendedField` for each, then their data, each from a multiple of eight bytes on.
+/// Extended fields: this, one `ExtendedField` for each, then their data, each from a multiple of
+/// eight bytes on.
 struct ExtendedFields {
     LE16 count, used; // 0, 2
 };

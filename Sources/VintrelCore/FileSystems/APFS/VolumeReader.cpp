@@ -1,7 +1,7 @@
 #include "VintrelCore/FileSystems/APFS/VolumeReader.h"
 
-#include "VintrelCore/FileSystems/APFS/Nodes.h"
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/APFS/Nodes.h"
 
 #include <algorithm>
 #include <tuple>
@@ -10,14 +10,16 @@ using namespace APFSFormat;
 
 namespace {
 
-constexpr int maxDepth = 15;           ///< of the file-system tree
-constexpr std::int64_t flagsEnd = 272; ///< of a superblock that is long enough to say whether it is encrypted
-constexpr int maxVersionsTried = 8;    ///< of a node that cannot be read
+constexpr int maxDepth = 15; ///< of the file-system tree
+constexpr std::int64_t flagsEnd
+    = 272; ///< of a superblock that is long enough to say whether it is encrypted
+constexpr int maxVersionsTried = 8; ///< of a node that cannot be read
 constexpr std::size_t leavesPerCancelCheck = 256;
 
 bool isEncrypted(ByteView superblock)
 {
-    return superblock.size() < flagsEnd || (superblock.u64le(offsetof(VolumeSuperblock, flags)) & unencryptedFlag) == 0;
+    return superblock.size() < flagsEnd
+        || (superblock.u64le(offsetof(VolumeSuperblock, flags)) & unencryptedFlag) == 0;
 }
 
 bool precedes(const APFSContainer::Version& one, const APFSContainer::Version& other)
@@ -27,7 +29,8 @@ bool precedes(const APFSContainer::Version& one, const APFSContainer::Version& o
 
 } // namespace
 
-APFSVolumeReader::APFSVolumeReader(std::shared_ptr<APFSContainer> container, ByteView superblock, std::uint64_t oid)
+APFSVolumeReader::APFSVolumeReader(
+    std::shared_ptr<APFSContainer> container, ByteView superblock, std::uint64_t oid)
     : container_(std::move(container))
     , superblock_(superblock.span().begin(), superblock.span().end())
     , oid_(oid)
@@ -46,11 +49,12 @@ std::unique_ptr<Volume> APFSVolumeReader::read(
     const ByteView superblock(reader->superblock_);
     auto& container = reader->container();
     const auto stored = superblock.load<VolumeSuperblock>(0).value_or(VolumeSuperblock {});
-    const std::uint64_t size = std::min(container.blockCount(), ~std::uint64_t { 0 } / container.blockSize());
+    const std::uint64_t size
+        = std::min(container.blockCount(), ~std::uint64_t { 0 } / container.blockSize());
     const std::string_view name(stored.name.data(), stored.name.size());
-    auto volume
-        = std::make_unique<Volume>(FileSystemType::apfs, APFSFileTree::displayed(name.substr(0, name.find('\0'))),
-            container.base(), size * container.blockSize(), FileNode::makeFolder("", EntryStatus::existing), origin);
+    auto volume = std::make_unique<Volume>(FileSystemType::apfs,
+        APFSFileTree::displayed(name.substr(0, name.find('\0'))), container.base(),
+        size * container.blockSize(), FileNode::makeFolder("", EntryStatus::existing), origin);
     volume->root->fsID = rootFolderID;
     volume->clusterSize = container.blockSize();
     volume->notes = container.notes();
@@ -61,7 +65,9 @@ std::unique_ptr<Volume> APFSVolumeReader::read(
     note(stored.role != 0, "Rolle: " + APFSParser::roleName(stored.role));
     note(!APFSParser::checksumOK(superblock), "Volumens superblok har forkert kontrolsum.");
     if (isEncrypted(superblock)) {
-        note(true, "Volumen er krypteret (FileVault). Filerne kan ikke læses uden at låse disken op i macOS.");
+        note(true,
+            "Volumen er krypteret (FileVault). Filerne kan ikke læses uden at låse disken op i "
+            "macOS.");
         return volume;
     }
     note((stored.incompatibleFeatures & IncompatibleFeature::sealed) != 0,
@@ -78,7 +84,8 @@ void APFSVolumeReader::readTrees(Volume& volume, WorkProgress* progress)
         progress->report(0, "Læser APFS-filtræ …");
     const auto stored = *ByteView(superblock_).load<VolumeSuperblock>(0);
     isHashed_ = (stored.incompatibleFeatures
-                    & (IncompatibleFeature::caseInsensitive | IncompatibleFeature::normalizationInsensitive))
+                    & (IncompatibleFeature::caseInsensitive
+                        | IncompatibleFeature::normalizationInsensitive))
         != 0;
     hasSnapshots_ = stored.snapshotCount != 0;
     nextObjectID_ = stored.nextObjectID;
@@ -90,7 +97,8 @@ void APFSVolumeReader::readTrees(Volume& volume, WorkProgress* progress)
     if (live.inodes().empty() && !isCancelled(progress))
         volume.notes.emplace_back("Filtræet kunne ikke læses.");
     else if (isDamaged_)
-        volume.notes.emplace_back("Dele af filtræet er beskadiget. Filer kan mangle eller stå i en ældre udgave.");
+        volume.notes.emplace_back(
+            "Dele af filtræet er beskadiget. Filer kan mangle eller stå i en ældre udgave.");
     tree_->addDeleted(readOld(progress), live);
     for (const auto* versions : { &live_, &older_ })
         for (const auto& version : *versions)
@@ -102,8 +110,9 @@ void APFSVolumeReader::readTrees(Volume& volume, WorkProgress* progress)
 
 void APFSVolumeReader::loadLiveMap()
 {
-    container_->walkObjectMap(ByteView(superblock_).u64le(offsetof(VolumeSuperblock, objectMapOID)), container_->xid(),
-        container_->visitedMaps, [&](const Version& version) { live_.push_back(version); });
+    container_->walkObjectMap(ByteView(superblock_).u64le(offsetof(VolumeSuperblock, objectMapOID)),
+        container_->xid(), container_->visitedMaps,
+        [&](const Version& version) { live_.push_back(version); });
     std::ranges::sort(live_, precedes);
 }
 
@@ -130,7 +139,8 @@ const APFSContainer::Version* APFSVolumeReader::liveVersion(std::uint64_t oid) c
     return &*std::prev(behind);
 }
 
-/// Reads a block that should be a certain node of the tree. A stale pointer finds another one there, or none.
+/// Reads a block that should be a certain node of the tree. A stale pointer finds another one
+/// there, or none.
 bool APFSVolumeReader::readNode(std::uint64_t block, std::uint64_t oid)
 {
     if (!container_->readBlock(block, node_))
@@ -169,8 +179,8 @@ bool APFSVolumeReader::readAnyVersion(std::uint64_t oid, std::uint64_t& block)
     return false;
 }
 
-/// The leaves that the index leads to from the root, by their place on the disk. Of a damaged tree also those that
-/// the object map alone still knows.
+/// The leaves that the index leads to from the root, by their place on the disk. Of a damaged tree
+/// also those that the object map alone still knows.
 std::vector<APFSVolumeReader::Leaf> APFSVolumeReader::findLiveLeaves(std::uint64_t rootOID)
 {
     struct Pending {
@@ -198,14 +208,15 @@ std::vector<APFSVolumeReader::Leaf> APFSVolumeReader::findLiveLeaves(std::uint64
             continue;
         }
         std::uint64_t room = container_->blockSize() / 16; // for the shortest keys and values
-        APFSNodes::forEachRecord(
-            node_, container_->blockSize(), {}, [&, depth = depth](ByteView, std::optional<ByteView> value) {
+        APFSNodes::forEachRecord(node_, container_->blockSize(), {},
+            [&, depth = depth](ByteView, std::optional<ByteView> value) {
                 if (!value || room == 0)
                     return;
                 --room;
                 const std::uint64_t child = value->u64le(0);
                 const auto* version = liveVersion(child);
-                // Leaves are read later, in the order of the disk; only what is above them is needed now.
+                // Leaves are read later, in the order of the disk; only what is above them is
+                // needed now.
                 if (level == 1 && version != nullptr && visited.insert(child).second)
                     leaves.push_back({ version->block, child });
                 else
@@ -214,13 +225,15 @@ std::vector<APFSVolumeReader::Leaf> APFSVolumeReader::findLiveLeaves(std::uint64
     }
     if (isCut)
         for (const auto& version : live_)
-            if (const auto* live = liveVersion(version.oid); live == &version && !visited.contains(version.oid))
+            if (const auto* live = liveVersion(version.oid);
+                live == &version && !visited.contains(version.oid))
                 leaves.push_back({ version.block, version.oid });
     std::ranges::sort(leaves, {}, &Leaf::block);
     return leaves;
 }
 
-void APFSVolumeReader::addLeaf(APFSFileRecords& records, std::uint64_t block, bool isHeldBySnapshot, bool onlyUnknown)
+void APFSVolumeReader::addLeaf(
+    APFSFileRecords& records, std::uint64_t block, bool isHeldBySnapshot, bool onlyUnknown)
 {
     container_->minedLeaves.insert(block);
     std::function<bool(std::uint64_t)> isWanted;
@@ -238,7 +251,8 @@ APFSFileRecords APFSVolumeReader::readLive(std::uint64_t rootOID, WorkProgress* 
         if (count++ % leavesPerCancelCheck == 0 && isCancelled(progress))
             break;
         std::uint64_t block = leaf.block;
-        if (container_->minedLeaves.contains(block) || (!readNode(block, leaf.oid) && !readAnyVersion(leaf.oid, block)))
+        if (container_->minedLeaves.contains(block)
+            || (!readNode(block, leaf.oid) && !readAnyVersion(leaf.oid, block)))
             continue;
         container_->addInUse({ block, block + 1 });
         if (ByteView(node_).load<NodeHeader>(0)->level == 0)
@@ -256,7 +270,8 @@ APFSFileRecords APFSVolumeReader::readOld(WorkProgress* progress)
     for (const auto* versions : { &live_, &older_ })
         for (const auto& version : *versions)
             if (!container_->minedLeaves.contains(version.block))
-                leaves.push_back({ version.block, version.oid, versions == &live_ && hasSnapshots_ });
+                leaves.push_back(
+                    { version.block, version.oid, versions == &live_ && hasSnapshots_ });
     std::ranges::stable_sort(leaves, {}, &Leaf::block);
     APFSFileRecords records;
     std::size_t count = 0;
@@ -271,8 +286,8 @@ APFSFileRecords APFSVolumeReader::readOld(WorkProgress* progress)
     return records;
 }
 
-/// How well the files in a leaf agree with those of the volume that have the same numbers; none when it cannot be one
-/// of its leaves.
+/// How well the files in a leaf agree with those of the volume that have the same numbers; none
+/// when it cannot be one of its leaves.
 std::optional<std::int64_t> APFSVolumeReader::agreementOf(ByteView leaf) const
 {
     APFSFileRecords records;
@@ -287,17 +302,19 @@ std::optional<std::int64_t> APFSVolumeReader::agreementOf(ByteView leaf) const
     return agreement >= 0 ? std::optional(agreement) : std::nullopt;
 }
 
-/// Whether a loose leaf is one of this volume's. Nothing in it says so: the number of the node is the container's, and
-/// earlier containers had the same ones. The files' numbers are alike in all volumes, but not when they were created.
+/// Whether a loose leaf is one of this volume's. Nothing in it says so: the number of the node is
+/// the container's, and earlier containers had the same ones. The files' numbers are alike in all
+/// volumes, but not when they were created.
 bool APFSVolumeReader::isOwnLeaf(ByteView leaf) const
 {
     const auto owner = container_->ownerOf.find(leaf.u64le(offsetof(ObjectHeader, oid)));
     if (owner != container_->ownerOf.end() && owner->second != oid_)
         return false;
     const auto agreement = agreementOf(leaf);
-    return agreement && std::ranges::all_of(container_->readers, [&](const APFSVolumeReader* other) {
-        return other == this || other->agreementOf(leaf).value_or(-1) <= *agreement;
-    });
+    return agreement
+        && std::ranges::all_of(container_->readers, [&](const APFSVolumeReader* other) {
+               return other == this || other->agreementOf(leaf).value_or(-1) <= *agreement;
+           });
 }
 
 std::unique_ptr<FileNode> APFSVolumeReader::lostFiles(
@@ -322,8 +339,9 @@ std::unique_ptr<FileNode> APFSVolumeReader::lostFiles(
     records.sort();
 
     auto* known = tree_->orphans();
-    auto made = known == nullptr ? FileNode::makeFolder(std::string(APFSFileTree::orphansName), EntryStatus::orphaned)
-                                 : nullptr;
+    auto made = known == nullptr
+        ? FileNode::makeFolder(std::string(APFSFileTree::orphansName), EntryStatus::orphaned)
+        : nullptr;
     auto& folder = known != nullptr ? *known : *made;
     tree_->addLost(records, folder);
     container_->estimateDeleted();
@@ -333,8 +351,8 @@ std::unique_ptr<FileNode> APFSVolumeReader::lostFiles(
 
 namespace APFSParser {
 
-std::unique_ptr<FileNode> lostFiles(
-    DiskSource& source, Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
+std::unique_ptr<FileNode> lostFiles(DiskSource& source, Volume& volume,
+    std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
 {
     auto* reader = dynamic_cast<APFSVolumeReader*>(volume.deepContext.get());
     if (reader == nullptr || &reader->container().source() != &source)

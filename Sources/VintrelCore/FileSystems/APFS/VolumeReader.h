@@ -1,8 +1,8 @@
 #pragma once
 
-#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/APFS/FileRecords.h"
 #include "VintrelCore/FileSystems/APFS/FileTree.h"
+#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/Model/Model.h"
 
 #include <cstdint>
@@ -14,16 +14,18 @@
 class APFSVolumeReader : public DeepContext {
 public:
     /// `oid`: the volume's own, in the container.
-    APFSVolumeReader(std::shared_ptr<APFSContainer> container, ByteView superblock, std::uint64_t oid);
+    APFSVolumeReader(
+        std::shared_ptr<APFSContainer> container, ByteView superblock, std::uint64_t oid);
     ~APFSVolumeReader() override;
 
     /// Reads the volume that `reader` is for; it keeps the reader unless its files cannot be read.
-    static std::unique_ptr<Volume> read(
-        std::unique_ptr<APFSVolumeReader> reader, const std::string& origin, WorkProgress* progress);
+    static std::unique_ptr<Volume> read(std::unique_ptr<APFSVolumeReader> reader,
+        const std::string& origin, WorkProgress* progress);
 
     APFSContainer& container() const { return *container_; }
     /// See APFSParser::lostFiles.
-    std::unique_ptr<FileNode> lostFiles(std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
+    std::unique_ptr<FileNode> lostFiles(
+        std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
 
 private:
     using Version = APFSContainer::Version;
@@ -44,7 +46,8 @@ private:
     std::vector<Leaf> findLiveLeaves(std::uint64_t rootOID);
     APFSFileRecords readLive(std::uint64_t rootOID, WorkProgress* progress);
     APFSFileRecords readOld(WorkProgress* progress);
-    void addLeaf(APFSFileRecords& records, std::uint64_t block, bool isHeldBySnapshot, bool onlyUnknown);
+    void addLeaf(
+        APFSFileRecords& records, std::uint64_t block, bool isHeldBySnapshot, bool onlyUnknown);
     std::optional<std::int64_t> agreementOf(ByteView leaf) const;
     bool isOwnLeaf(ByteView leaf) const;
 

@@ -61,7 +61,8 @@ void HeapVotes::add(std::uint64_t offset, std::uint32_t cluster)
 std::optional<ClusterHeap> HeapVotes::winner()
 {
     std::ranges::sort(votes_);
-    votes_.erase(std::unique(votes_.begin(), votes_.end()), votes_.end()); // two from one cluster are one
+    votes_.erase(
+        std::unique(votes_.begin(), votes_.end()), votes_.end()); // two from one cluster are one
     std::optional<ClusterHeap> best;
     std::size_t most = 2;
     for (std::size_t first = 0, end = 0; first < votes_.size(); first = end) {
@@ -70,7 +71,8 @@ std::optional<ClusterHeap> HeapVotes::winner()
             ++end;
         if (end - first >= most) {
             most = end - first;
-            best = { .offset = votes_[first].heapOffset, .clusterSize = std::uint64_t { 1 } << votes_[first].shift };
+            best = { .offset = votes_[first].heapOffset,
+                .clusterSize = std::uint64_t { 1 } << votes_[first].shift };
         }
     }
     return best;

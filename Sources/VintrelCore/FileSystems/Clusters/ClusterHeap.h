@@ -34,14 +34,16 @@ public:
         if (cluster / 64 < words_.size())
             words_[cluster / 64] &= ~(std::uint64_t { 1 } << cluster % 64);
     }
-    /// Whether any of the `count` numbers from `first` on is in the set. 64 are looked at in one step.
+    /// Whether any of the `count` numbers from `first` on is in the set. 64 are looked at in one
+    /// step.
     bool containsAny(std::uint32_t first, std::uint64_t count) const;
 
 private:
     std::vector<std::uint64_t> words_;
 };
 
-/// The clusters of a FAT or exFAT volume: the part of it that holds files. They are numbered from 2.
+/// The clusters of a FAT or exFAT volume: the part of it that holds files. They are numbered
+/// from 2.
 struct ClusterHeap {
     std::uint64_t offset = 0;      ///< of cluster 2, in bytes on the source
     std::uint64_t clusterSize = 0; ///< in bytes
@@ -50,16 +52,25 @@ struct ClusterHeap {
     bool contains(std::uint32_t cluster) const { return cluster >= 2 && cluster - 2 < count; }
     std::uint64_t size() const { return count * clusterSize; }
     /// The place of a valid cluster.
-    std::uint64_t offsetOf(std::uint32_t cluster) const { return offset + (cluster - 2) * clusterSize; }
+    std::uint64_t offsetOf(std::uint32_t cluster) const
+    {
+        return offset + (cluster - 2) * clusterSize;
+    }
     /// The cluster that begins at a place in the heap.
     std::uint32_t clusterAt(std::uint64_t place) const
     {
         return static_cast<std::uint32_t>((place - offset) / clusterSize + 2);
     }
     /// How many clusters `bytes` take up.
-    std::uint64_t clustersFor(std::uint64_t bytes) const { return bytes / clusterSize + (bytes % clusterSize != 0); }
+    std::uint64_t clustersFor(std::uint64_t bytes) const
+    {
+        return bytes / clusterSize + (bytes % clusterSize != 0);
+    }
     /// How many clusters there are from a valid one to the end.
-    std::uint64_t clustersFrom(std::uint32_t cluster) const { return std::uint64_t { count } + 2 - cluster; }
+    std::uint64_t clustersFrom(std::uint32_t cluster) const
+    {
+        return std::uint64_t { count } + 2 - cluster;
+    }
     /// The extents of the first `size` bytes in these valid clusters, neighbours merged.
     ExtentList extents(std::span<const std::uint32_t> clusters, std::uint64_t size) const;
     /// `size` bytes in one piece from a valid cluster on, cut at the end of the heap.
@@ -71,15 +82,17 @@ struct ClusterHeap {
 
 struct ClusterChain {
     std::vector<std::uint32_t> clusters;
-    bool isComplete = false; ///< it ends with an end mark, or holds as many clusters as were asked for
+    bool isComplete
+        = false; ///< it ends with an end mark, or holds as many clusters as were asked for
 };
 
-/// Follows the chain that starts at `from`, at most `limit` clusters long. `next` gives a cluster's entry in the
-/// allocation table, in which `endMark` and everything above it ends a chain. The chain ends incomplete where it leaves
-/// the heap or loops. `seen` is scratch, empty before and after; it has room for every cluster whose entry can lead on.
+/// Follows the chain that starts at `from`, at most `limit` clusters long. `next` gives a cluster's
+/// entry in the allocation table, in which `endMark` and everything above it ends a chain. The
+/// chain ends incomplete where it leaves the heap or loops. `seen` is scratch, empty before and
+/// after; it has room for every cluster whose entry can lead on.
 template <class Next>
-ClusterChain followChain(const ClusterHeap& heap, std::uint32_t from, std::uint64_t limit, std::uint32_t endMark,
-    ClusterBits& seen, Next next)
+ClusterChain followChain(const ClusterHeap& heap, std::uint32_t from, std::uint64_t limit,
+    std::uint32_t endMark, ClusterBits& seen, Next next)
 {
     ClusterChain chain;
     std::uint32_t cluster = from;
@@ -106,16 +119,19 @@ ClusterChain followChain(const ClusterHeap& heap, std::uint32_t from, std::uint6
     return chain;
 }
 
-/// The chain of a file that lies in one piece from `from` on: `count` clusters, or as many as the heap still has.
+/// The chain of a file that lies in one piece from `from` on: `count` clusters, or as many as the
+/// heap still has.
 ClusterChain contiguousChain(const ClusterHeap& heap, std::uint32_t from, std::uint64_t count);
 
 /// What helps to tell which directory sectors of lost volumes belong together.
 struct DirectoryHints {
-    std::vector<ClusterHeap> heaps;          ///< of the volumes of this kind that are known: what fits there is theirs
+    std::vector<ClusterHeap>
+        heaps; ///< of the volumes of this kind that are known: what fits there is theirs
     std::vector<std::uint64_t> volumeStarts; ///< of known volumes of every kind
     const std::vector<CarvedFile>& carved;   ///< files found by content
 
-    /// Where a volume ends at the latest that has something at `last`: where the next one begins, or the source ends.
+    /// Where a volume ends at the latest that has something at `last`: where the next one begins,
+    /// or the source ends.
     std::uint64_t endBehind(std::uint64_t last, std::uint64_t sourceSize) const;
 };
 
@@ -132,8 +148,8 @@ public:
     /// What lies at a byte of the source may lie in this cluster.
     void add(std::uint64_t offset, std::uint32_t cluster);
 
-    /// The offset and cluster size that most votes from different clusters agree on, at least two; larger clusters win
-    /// a draw. The count of clusters is left open. None when no two agree.
+    /// The offset and cluster size that most votes from different clusters agree on, at least two;
+    /// larger clusters win a draw. The count of clusters is left open. None when no two agree.
     std::optional<ClusterHeap> winner();
 
 private:
@@ -142,7 +158,8 @@ private:
         std::uint64_t heapOffset;
         std::uint32_t cluster;
 
-        auto operator<=>(const Vote&) const = default; // NOLINT(modernize-use-nullptr): what = default makes
+        auto operator<=>(
+            const Vote&) const = default; // NOLINT(modernize-use-nullptr): what = default makes
     };
 
     int minShift_;

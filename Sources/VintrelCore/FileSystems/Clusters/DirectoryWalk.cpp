@@ -20,7 +20,8 @@ bool DirectoryWalk::enter(std::uint32_t cluster, int depth)
     return true;
 }
 
-std::unique_ptr<Volume> finishRebuilt(std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors)
+std::unique_ptr<Volume> finishRebuilt(
+    std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors)
 {
     if (volume->root->children().empty())
         return nullptr;

@@ -28,7 +28,8 @@ struct BootSector {
     std::uint8_t fatCount;               // 110  1 or 2
     std::array<std::uint8_t, 401> more;  // 111
 };
-static_assert(sizeof(BootSector) == 512 && offsetof(BootSector, flags) == 106 && offsetof(BootSector, fatCount) == 110);
+static_assert(sizeof(BootSector) == 512 && offsetof(BootSector, flags) == 106
+    && offsetof(BootSector, fatCount) == 110);
 
 constexpr int maxClusterShift = 25; // 32 MiB
 constexpr std::uint32_t maxClusters = 0xFFFFFFF5;
@@ -55,10 +56,11 @@ std::optional<ExFATGeometry> ExFATGeometry::from(ByteView boot, std::uint64_t ba
         return std::nullopt;
 
     const std::uint64_t clustersInVolume = (sectors - heapSector) >> sector->sectorsPerClusterShift;
-    const auto count = std::min<std::uint64_t>({ sector->clusterCount, clustersInVolume, maxClusters });
+    const auto count
+        = std::min<std::uint64_t>({ sector->clusterCount, clustersInVolume, maxClusters });
     const bool usesSecond = (sector->flags & 1) != 0 && sector->fatCount == 2;
-    const std::uint64_t fatSector
-        = std::uint64_t { sector->fatOffset } + (usesSecond ? std::uint64_t { sector->fatLength } : 0);
+    const std::uint64_t fatSector = std::uint64_t { sector->fatOffset }
+        + (usesSecond ? std::uint64_t { sector->fatLength } : 0);
     if (count == 0)
         return std::nullopt;
     return ExFATGeometry {
@@ -77,11 +79,14 @@ ExFATContext::ExFATContext(DiskSource& source, const ExFATGeometry& geometry)
     : source_(source)
     , geometry_(geometry)
 {
-    if (geometry_.fatSize == 0 || geometry_.fatSize > maxFATSize || geometry_.fatOffset >= source_.size())
+    if (geometry_.fatSize == 0 || geometry_.fatSize > maxFATSize
+        || geometry_.fatOffset >= source_.size())
         return;
     const std::uint64_t needed = (std::uint64_t { geometry_.heap.count } + 2) * sizeof(LE32);
-    const std::uint64_t length = std::min({ geometry_.fatSize, needed, source_.size() - geometry_.fatOffset });
-    auto table = source_.readReporting(geometry_.fatOffset, static_cast<std::int64_t>(length), ReadMode::thorough);
+    const std::uint64_t length
+        = std::min({ geometry_.fatSize, needed, source_.size() - geometry_.fatOffset });
+    auto table = source_.readReporting(
+        geometry_.fatOffset, static_cast<std::int64_t>(length), ReadMode::thorough);
     fatUnavailable_ = table.badBytes == length;
     if (fatUnavailable_)
         return;
@@ -98,7 +103,8 @@ ClusterChain ExFATContext::chain(std::uint32_t from, std::uint64_t maxClusters)
 {
     if (fatUnavailable_)
         return contiguousChain(geometry_.heap, from, maxClusters);
-    return followChain(geometry_.heap, from, std::min<std::uint64_t>(maxClusters, geometry_.heap.count), endMark, seen_,
+    return followChain(geometry_.heap, from,
+        std::min<std::uint64_t>(maxClusters, geometry_.heap.count), endMark, seen_,
         [this](std::uint32_t cluster) { return entry(cluster); });
 }
 
@@ -113,22 +119,26 @@ void ExFATContext::loadBitmap(std::uint32_t cluster, std::uint64_t size)
     const std::uint64_t needed = (std::uint64_t { heap.count } + 7) / 8;
     if (!heap.contains(cluster) || size < needed || needed > source_.size())
         return;
-    // The bitmap has a chain like any file; where that is broken it is where formatting put it, in one piece.
+    // The bitmap has a chain like any file; where that is broken it is where formatting put it, in
+    // one piece.
     const auto clusters = chain(cluster, heap.clustersFor(needed)).clusters;
-    const auto extents = clusters.size() == heap.clustersFor(needed) ? heap.extents(clusters, needed)
-                                                                     : ExtentList { heap.contiguous(cluster, needed) };
+    const auto extents = clusters.size() == heap.clustersFor(needed)
+        ? heap.extents(clusters, needed)
+        : ExtentList { heap.contiguous(cluster, needed) };
     used_ = ClusterBits(std::uint64_t { heap.count } + 2);
     std::uint64_t read = 0;
     std::uint64_t badBytes = 0;
     Bytes piece;
     for (const auto& extent : extents) {
         for (std::uint64_t done = 0; done < extent.length; done += piece.size()) {
-            piece.resize(static_cast<std::size_t>(std::min<std::uint64_t>(extent.length - done, 1 << 16)));
-            badBytes += source_.readReporting(*extent.offset + done, std::span(piece), ReadMode::thorough);
+            piece.resize(
+                static_cast<std::size_t>(std::min<std::uint64_t>(extent.length - done, 1 << 16)));
+            badBytes += source_.readReporting(
+                *extent.offset + done, std::span(piece), ReadMode::thorough);
             for (const auto byte : piece) {
                 for (unsigned bits = byte; bits != 0; bits &= bits - 1)
-                    used_.insert(
-                        static_cast<std::uint32_t>(read * 8 + 2) + static_cast<std::uint32_t>(std::countr_zero(bits)));
+                    used_.insert(static_cast<std::uint32_t>(read * 8 + 2)
+                        + static_cast<std::uint32_t>(std::countr_zero(bits)));
                 ++read;
             }
         }

@@ -16,7 +16,8 @@ constexpr std::size_t maxSecondaries = 255; // what the count's one byte can say
 std::uint8_t typeOf(const RawEntry& entry) { return entry[0] | inUse; }
 bool isInUse(const RawEntry& entry) { return (entry[0] & inUse) != 0; }
 
-/// The entry of a set that holds its stream: the second one, or the first where the file entry is lost.
+/// The entry of a set that holds its stream: the second one, or the first where the file entry is
+/// lost.
 const RawEntry* streamOf(const std::vector<RawEntry>& entries)
 {
     for (const auto& entry : entries)
@@ -40,7 +41,10 @@ std::string nameOf(const std::vector<RawEntry>& entries, std::size_t length)
     return Unicode::fromUTF16(units);
 }
 
-std::size_t nameEntriesFor(std::size_t length) { return (length + unitsPerEntry - 1) / unitsPerEntry; }
+std::size_t nameEntriesFor(std::size_t length)
+{
+    return (length + unitsPerEntry - 1) / unitsPerEntry;
+}
 
 /// Whether an entry can lie in a directory.
 bool isKnownType(std::uint8_t type)
@@ -92,10 +96,11 @@ std::optional<EntrySet> SetCollector::take(const RawEntry& entry)
 
 bool SetCollector::belongs(const RawEntry& entry) const
 {
-    if (entries_.empty() || (entry[0] & secondary) == 0 || isInUse(entry) != isInUse(entries_.front())
-        || entries_.size() > maxSecondaries)
+    if (entries_.empty() || (entry[0] & secondary) == 0
+        || isInUse(entry) != isInUse(entries_.front()) || entries_.size() > maxSecondaries)
         return false;
-    return (typeOf(entry) == streamType) == (streamOf(entries_) == nullptr); // one stream, and before all else
+    return (typeOf(entry) == streamType)
+        == (streamOf(entries_) == nullptr); // one stream, and before all else
 }
 
 bool SetCollector::isComplete() const
@@ -103,8 +108,8 @@ bool SetCollector::isComplete() const
     const auto* const stream = streamOf(entries_);
     if (stream == nullptr)
         return false;
-    const auto names = static_cast<std::size_t>(
-        std::ranges::count_if(entries_, [](const RawEntry& entry) { return typeOf(entry) == nameType; }));
+    const auto names = static_cast<std::size_t>(std::ranges::count_if(
+        entries_, [](const RawEntry& entry) { return typeOf(entry) == nameType; }));
     if (names < nameEntriesFor(std::bit_cast<StreamEntry>(*stream).nameLength))
         return false;
     return typeOf(entries_.front()) != fileType
@@ -124,8 +129,8 @@ std::optional<EntrySet> SetCollector::finish()
         .isSound = false };
     if (typeOf(entries.front()) == fileType) {
         set.file = std::bit_cast<FileEntry>(entries.front());
-        set.isSound = entries.size() == std::size_t { set.file->secondaryCount } + 1 && !set.name.empty()
-            && setChecksum(entries) == set.file->setChecksum;
+        set.isSound = entries.size() == std::size_t { set.file->secondaryCount } + 1
+            && !set.name.empty() && setChecksum(entries) == set.file->setChecksum;
     }
     return set;
 }
@@ -133,11 +138,13 @@ std::optional<EntrySet> SetCollector::finish()
 bool isPlausible(const EntrySet& set)
 {
     constexpr std::string_view forbidden = "\"*/:<>?\\|";
-    const bool isNameAllowed = !set.name.empty() && std::ranges::all_of(set.name, [&](char character) {
-        return static_cast<unsigned char>(character) >= 0x20 && forbidden.find(character) == std::string_view::npos;
-    });
-    const bool areSizesPossible
-        = set.stream.validSize <= set.stream.size && (set.stream.size == 0) == (set.stream.firstCluster == 0);
+    const bool isNameAllowed
+        = !set.name.empty() && std::ranges::all_of(set.name, [&](char character) {
+              return static_cast<unsigned char>(character) >= 0x20
+                  && forbidden.find(character) == std::string_view::npos;
+          });
+    const bool areSizesPossible = set.stream.validSize <= set.stream.size
+        && (set.stream.size == 0) == (set.stream.firstCluster == 0);
     return isNameAllowed && areSizesPossible && (!set.file || set.file->attributes <= 0x3F);
 }
 
@@ -151,7 +158,8 @@ bool beginsDirectory(ByteView cluster)
 bool continuesDirectory(ByteView cluster)
 {
     const auto first = static_cast<std::uint8_t>(cluster.u8(0) | inUse);
-    return beginsDirectory(cluster) || first == streamType || first == nameType || first == fileType;
+    return beginsDirectory(cluster) || first == streamType || first == nameType
+        || first == fileType;
 }
 
 std::vector<EntrySet> soundSets(ByteView bytes, std::int64_t at)
@@ -159,10 +167,12 @@ std::vector<EntrySet> soundSets(ByteView bytes, std::int64_t at)
     constexpr std::int64_t sectorSize = 512;
     const auto window = bytes.sub(at, sectorSize + maxFileSetSize);
     std::vector<EntrySet> sets;
-    if (!isKnownType(window.u8(0)) || (window.u8(entrySize) != endOfDirectory && !isKnownType(window.u8(entrySize))))
+    if (!isKnownType(window.u8(0))
+        || (window.u8(entrySize) != endOfDirectory && !isKnownType(window.u8(entrySize))))
         return sets; // nearly every sector that holds something else
     SetCollector collector;
-    for (std::int64_t place = 0; const auto entry = window.load<RawEntry>(place); place += entrySize) {
+    for (std::int64_t place = 0; const auto entry = window.load<RawEntry>(place);
+         place += entrySize) {
         const bool isInSector = place < sectorSize;
         if ((*entry)[0] == endOfDirectory || (!isInSector && !collector.isInside()))
             break;

@@ -8,13 +8,14 @@
 #include <string>
 #include <vector>
 
-/// What an exFAT directory is made of: 32-byte entries, of which several in a row, a set, describe one file. Nothing
-/// here reads the disk.
+/// What an exFAT directory is made of: 32-byte entries, of which several in a row, a set, describe
+/// one file. Nothing here reads the disk.
 namespace ExFATEntries {
 
 constexpr std::size_t entrySize = 32;
 
-/// The first byte of an entry. Deletion clears `inUse`; entries of a set behind its first one have `secondary`.
+/// The first byte of an entry. Deletion clears `inUse`; entries of a set behind its first one have
+/// `secondary`.
 constexpr std::uint8_t endOfDirectory = 0x00;
 constexpr std::uint8_t inUse = 0x80;
 constexpr std::uint8_t secondary = 0x40;
@@ -46,23 +47,25 @@ struct LabelEntry {
 static_assert(sizeof(LabelEntry) == entrySize);
 
 struct FileEntry {
-    std::uint8_t type;                                          //  0
-    std::uint8_t secondaryCount;                                //  1  entries of the set behind this one
-    LE16 setChecksum;                                           //  2
-    LE16 attributes;                                            //  4  10: directory
-    LE16 reserved1;                                             //  6
-    LE32 created, modified, accessed;                           //  8, 12, 16  date in the upper half, time in the lower
-    std::uint8_t createdTicks, modifiedTicks;                   // 20, 21  10 ms each
-    std::uint8_t createdOffset, modifiedOffset, accessedOffset; // 22, 23, 24  of local time from UTC
-    std::array<std::uint8_t, 7> reserved2;                      // 25
+    std::uint8_t type;                //  0
+    std::uint8_t secondaryCount;      //  1  entries of the set behind this one
+    LE16 setChecksum;                 //  2
+    LE16 attributes;                  //  4  10: directory
+    LE16 reserved1;                   //  6
+    LE32 created, modified, accessed; //  8, 12, 16  date in the upper half, time in the lower
+    std::uint8_t createdTicks, modifiedTicks; // 20, 21  10 ms each
+    std::uint8_t createdOffset, modifiedOffset,
+        accessedOffset;                    // 22, 23, 24  of local time from UTC
+    std::array<std::uint8_t, 7> reserved2; // 25
 
     bool isDirectory() const { return (attributes & 0x10) != 0; }
 };
 static_assert(sizeof(FileEntry) == entrySize && offsetof(FileEntry, createdOffset) == 22);
 
 struct StreamEntry {
-    std::uint8_t type;       //  0
-    std::uint8_t flags;      //  1  bit 1: the clusters lie in one piece, and the FAT says nothing of them
+    std::uint8_t type; //  0
+    std::uint8_t
+        flags; //  1  bit 1: the clusters lie in one piece, and the FAT says nothing of them
     std::uint8_t reserved1;  //  2
     std::uint8_t nameLength; //  3  units
     LE16 nameHash;           //  4
@@ -97,8 +100,8 @@ struct EntrySet {
 /// The sum over a set's entries, as they were in use.
 std::uint16_t setChecksum(const std::vector<RawEntry>& entries);
 
-/// Puts entries together into sets, across the borders of the pieces in which a directory is read. What an entry claims
-/// about others is never trusted: a set holds those that really follow.
+/// Puts entries together into sets, across the borders of the pieces in which a directory is read.
+/// What an entry claims about others is never trusted: a set holds those that really follow.
 class SetCollector {
 public:
     /// Takes the next entry. Gives the set that it completes, or that ended before it.
@@ -125,8 +128,8 @@ bool continuesDirectory(ByteView cluster);
 /// A file entry, a stream, and as many name entries as the longest name takes: in bytes.
 constexpr std::int64_t maxFileSetSize = 19 * entrySize;
 
-/// The sound sets that begin in the 512 bytes at `at`; they may end behind these. Empty where anything else than
-/// entries lies there. A set whose beginning lies before is none of them.
+/// The sound sets that begin in the 512 bytes at `at`; they may end behind these. Empty where
+/// anything else than entries lies there. A set whose beginning lies before is none of them.
 std::vector<EntrySet> soundSets(ByteView bytes, std::int64_t at);
 
 } // namespace ExFATEntries

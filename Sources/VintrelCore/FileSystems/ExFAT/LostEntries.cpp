@@ -13,7 +13,8 @@ using namespace ExFATEntries;
 
 namespace {
 
-constexpr std::int64_t looked = 512 + maxFileSetSize; // a sector, and the rest of the set that begins at its end
+constexpr std::int64_t looked
+    = 512 + maxFileSetSize; // a sector, and the rest of the set that begins at its end
 
 /// A cluster with candidate sectors that nobody has claimed.
 struct Fragment {
@@ -49,13 +50,15 @@ public:
             walker_.walkFragment(root->cluster, root->folder, true);
             root->label = walker_.label().value_or("");
         }
-        // Folders that others name get their place and name from these, and bring what goes on elsewhere. The rest has
-        // no folder above it, or goes in circles.
+        // Folders that others name get their place and name from these, and bring what goes on
+        // elsewhere. The rest has no folder above it, or goes in circles.
         for (const int pass : { 0, 1, 2 })
             for (const auto& fragment : fragments_) {
                 const bool isNamed = named_.contains(fragment.cluster);
-                const bool isTurn = pass == 2 || (!isNamed && (pass == 1 || (fragment.leads && !fragment.isHead)));
-                if (isTurn && !isCancelled(progress_) && !walker_.claimed.contains(fragment.cluster))
+                const bool isTurn = pass == 2
+                    || (!isNamed && (pass == 1 || (fragment.leads && !fragment.isHead)));
+                if (isTurn && !isCancelled(progress_)
+                    && !walker_.claimed.contains(fragment.cluster))
                     walker_.walkFragment(fragment.cluster, *folder);
             }
         info_.claimed = std::move(walker_.claimed);
@@ -107,7 +110,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress)
+std::unique_ptr<FileNode> lostEntries(
+    Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress)
 {
     auto* info = dynamic_cast<ExFATDeepInfo*>(volume.deepContext.get());
     if (info == nullptr || info->isRebuilt)
@@ -115,8 +119,8 @@ std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint6
     return lostEntries(*info, sectors, progress, nullptr);
 }
 
-std::unique_ptr<FileNode> lostEntries(
-    ExFATDeepInfo& info, std::span<const std::uint64_t> sectors, WorkProgress* progress, LostRoot* root)
+std::unique_ptr<FileNode> lostEntries(ExFATDeepInfo& info, std::span<const std::uint64_t> sectors,
+    WorkProgress* progress, LostRoot* root)
 {
     return LostDirectories(info, progress).find({ sectors.begin(), sectors.end() }, root);
 }

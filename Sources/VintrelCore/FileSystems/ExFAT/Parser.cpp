@@ -1,7 +1,8 @@
 // ExFATParser: the face of the exFAT reader.
 
-#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
+
+#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/ExFAT/EntrySets.h"
 #include "VintrelCore/FileSystems/ExFAT/Walker.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
@@ -26,7 +27,8 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     walker.walkRoot(*volume->root);
     volume->label = walker.label().value_or("");
     if (context->fatUnavailable())
-        volume->notes.emplace_back("FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
+        volume->notes.emplace_back(
+            "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
     if (context->bitmapUnavailable())
         volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
     volume->deepContext = std::make_unique<ExFATDeepInfo>(
@@ -42,7 +44,8 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
     const auto geometry = ExFATGeometry::from(boot, offset);
     if (!geometry || !geometry->heap.contains(geometry->rootCluster))
         return false;
-    const auto root = source.read(geometry->heap.offsetOf(geometry->rootCluster), looked, ReadMode::thorough);
+    const auto root
+        = source.read(geometry->heap.offsetOf(geometry->rootCluster), looked, ReadMode::thorough);
     for (std::int64_t at = 0; at < looked; at += entrySize) {
         const auto entry = ByteView(root).load<BitmapEntry>(at);
         if (entry->type == bitmapType && geometry->heap.contains(entry->firstCluster)
@@ -52,6 +55,9 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
     return false;
 }
 
-bool looksLikeDirectorySector(ByteView bytes, std::int64_t at) { return !ExFATEntries::soundSets(bytes, at).empty(); }
+bool looksLikeDirectorySector(ByteView bytes, std::int64_t at)
+{
+    return !ExFATEntries::soundSets(bytes, at).empty();
+}
 
 } // namespace ExFATParser

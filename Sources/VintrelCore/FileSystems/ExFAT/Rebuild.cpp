@@ -15,7 +15,8 @@ using namespace ExFATEntries;
 
 namespace {
 
-constexpr std::int64_t looked = 512 + maxFileSetSize; // a sector, and the rest of the set that begins at its end
+constexpr std::int64_t looked
+    = 512 + maxFileSetSize; // a sector, and the rest of the set that begins at its end
 constexpr int minClusterShift = 9;
 constexpr int maxClusterShift = 25; // 32 MiB
 constexpr std::uint64_t maxClusters = 0xFFFFFFF5;
@@ -96,8 +97,8 @@ private:
             const auto bytes = source_.read(offset, looked, ReadMode::thorough);
             candidates_.push_back({ .offset = offset,
                 .mayBegin = (bytes[0] & secondary) == 0,
-                .isRoot
-                = bytes[0] == bitmapType || bytes[entrySize] == bitmapType || bytes[2 * entrySize] == bitmapType });
+                .isRoot = bytes[0] == bitmapType || bytes[entrySize] == bitmapType
+                    || bytes[2 * entrySize] == bitmapType });
             for (const auto& set : soundSets(bytes, 0)) {
                 const std::uint32_t cluster = set.stream.firstCluster;
                 if (cluster < 2 || witnesses_.size() >= maxWitnesses)
@@ -113,13 +114,14 @@ private:
         }
     }
 
-    /// Where the clusters lie by most of what no other place explains: folders that begin where a directory does, files
-    /// that begin where one of their size was found.
+    /// Where the clusters lie by most of what no other place explains: folders that begin where a
+    /// directory does, files that begin where one of their size was found.
     std::optional<ClusterHeap> likeliestHeap() const
     {
         std::vector<std::uint64_t> beginnings;
         for (const auto& candidate : candidates_)
-            if (candidate.mayBegin && candidate.owner == nobody && beginnings.size() < maxBeginnings)
+            if (candidate.mayBegin && candidate.owner == nobody
+                && beginnings.size() < maxBeginnings)
                 beginnings.push_back(candidate.offset);
         HeapVotes votes(minClusterShift, maxClusterShift);
         std::size_t pairs = 0;
@@ -144,11 +146,13 @@ private:
         for (const auto& witness : witnesses_) {
             auto& candidate = candidates_[witness.candidate];
             const auto offset = place.heap.offsetOf(witness.cluster);
-            const auto folder = witness.found ? candidates_.end()
-                                              : std::ranges::lower_bound(candidates_, offset, {}, &Candidate::offset);
-            const bool isFolder = folder != candidates_.end() && folder->offset == offset && folder->mayBegin
-                && (folder->owner == nobody || folder->owner == index);
-            if ((!isFolder && witness.found != offset) || (candidate.owner != nobody && candidate.owner != index))
+            const auto folder = witness.found
+                ? candidates_.end()
+                : std::ranges::lower_bound(candidates_, offset, {}, &Candidate::offset);
+            const bool isFolder = folder != candidates_.end() && folder->offset == offset
+                && folder->mayBegin && (folder->owner == nobody || folder->owner == index);
+            if ((!isFolder && witness.found != offset)
+                || (candidate.owner != nobody && candidate.owner != index))
                 continue;
             candidate.owner = index;
             if (isFolder)
@@ -172,19 +176,23 @@ private:
         if (sectors.empty())
             return nullptr;
         const std::uint64_t end = hints_.endBehind(sectors.back(), source_.size());
-        heap.count = static_cast<std::uint32_t>(std::min((end - heap.offset) / heap.clusterSize, maxClusters));
+        heap.count = static_cast<std::uint32_t>(
+            std::min((end - heap.offset) / heap.clusterSize, maxClusters));
 
         ExFATGeometry geometry;
         geometry.heap = heap;
         geometry.volumeSize = heap.size();
         auto context = std::make_unique<ExFATContext>(source_, geometry);
-        auto volume = std::make_unique<Volume>(FileSystemType::exfat, "", heap.offset, geometry.volumeSize,
-            FileNode::makeFolder("", EntryStatus::existing), "Dyb scanning, mappesektorer");
+        auto volume
+            = std::make_unique<Volume>(FileSystemType::exfat, "", heap.offset, geometry.volumeSize,
+                FileNode::makeFolder("", EntryStatus::existing), "Dyb scanning, mappesektorer");
         volume->clusterSize = heap.clusterSize;
-        const ClusterBits none(std::min<std::uint64_t>(heap.count, source_.size() / heap.clusterSize) + 2);
+        const ClusterBits none(
+            std::min<std::uint64_t>(heap.count, source_.size() / heap.clusterSize) + 2);
         auto info = std::make_unique<ExFATDeepInfo>(std::move(context), none, none);
         const bool hasRoot = rootSector && heap.contains(heap.clusterAt(*rootSector));
-        LostRoot root { .folder = *volume->root, .cluster = hasRoot ? heap.clusterAt(*rootSector) : 0 };
+        LostRoot root { .folder = *volume->root,
+            .cluster = hasRoot ? heap.clusterAt(*rootSector) : 0 };
         if (auto folder = lostEntries(*info, sectors, progress_, hasRoot ? &root : nullptr))
             volume->root->add(std::move(folder));
         info->isRebuilt = true;
@@ -204,16 +212,17 @@ private:
 
 } // namespace
 
-VolumeList rebuild(
-    DiskSource& source, std::span<const std::uint64_t> sectors, const DirectoryHints& hints, WorkProgress* progress)
+VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> sectors,
+    const DirectoryHints& hints, WorkProgress* progress)
 {
     return Rebuilder(source, hints, progress).rebuild(sectors);
 }
 
-std::vector<std::uint64_t> looseSectors(std::span<const std::uint64_t> sectors, const VolumeList& volumes)
+std::vector<std::uint64_t> looseSectors(
+    std::span<const std::uint64_t> sectors, const VolumeList& volumes)
 {
-    return sectorsOutside<ExFATDeepInfo>(
-        sectors, volumes, [](const ExFATDeepInfo& /*info*/, std::uint64_t /*offset*/) { return false; });
+    return sectorsOutside<ExFATDeepInfo>(sectors, volumes,
+        [](const ExFATDeepInfo& /*info*/, std::uint64_t /*offset*/) { return false; });
 }
 
 } // namespace ExFATParser

@@ -12,7 +12,8 @@ namespace {
 /// The format's own limit for a directory.
 constexpr std::uint64_t maxDirectorySize = 0x10000000;
 
-/// Clusters that begin in the middle of a set are tried against one that breaks off, so many of them.
+/// Clusters that begin in the middle of a set are tried against one that breaks off, so many of
+/// them.
 constexpr int maxHeadsTried = 64;
 
 /// A made-up volume may claim far more clusters.
@@ -73,13 +74,15 @@ void ExFATWalker::walkPending()
     }
 }
 
-/// The bitmap's entry stands in the root directory, and the chances of what is listed before it depend on it too.
+/// The bitmap's entry stands in the root directory, and the chances of what is listed before it
+/// depend on it too.
 void ExFATWalker::findBitmap()
 {
     for (const auto& extent : extentsOf(rootDirectory(nullptr))) {
         for (std::uint64_t at = 0; at < extent.length; at += entrySize) {
             RawEntry entry {};
-            context_.source().readReporting(*extent.offset + at, std::span(entry), ReadMode::thorough);
+            context_.source().readReporting(
+                *extent.offset + at, std::span(entry), ReadMode::thorough);
             if (entry[0] == endOfDirectory)
                 return;
             const auto bitmap = std::bit_cast<BitmapEntry>(entry);
@@ -127,7 +130,8 @@ void ExFATWalker::readDeleted(Scan& scan)
         for (std::uint64_t done = 0; done < extent.length; done += heap_.clusterSize) {
             const std::uint64_t offset = *extent.offset + done;
             const auto start = context_.source().read(offset, 2 * entrySize, ReadMode::thorough);
-            const bool isReused = !context_.bitmapUnavailable() && !context_.areFree(heap_.clusterAt(offset), 1);
+            const bool isReused
+                = !context_.bitmapUnavailable() && !context_.areFree(heap_.clusterAt(offset), 1);
             if (isReused || !(isFirst ? beginsDirectory(start) : continuesDirectory(start))) {
                 if (isFirst)
                     scan.directory.folder->addNote("Mappens indhold er overskrevet");
@@ -141,12 +145,13 @@ void ExFATWalker::readDeleted(Scan& scan)
     }
 }
 
-/// Reads a directory cluster by cluster: where its set says that it lies, or, without a chain, by what the clusters
-/// hold.
+/// Reads a directory cluster by cluster: where its set says that it lies, or, without a chain, by
+/// what the clusters hold.
 void ExFATWalker::readFragment(Scan& scan)
 {
     const auto& directory = scan.directory;
-    const std::uint64_t length = heap_.clustersFor(std::min(directory.size, maxDirectorySize)) * heap_.clusterSize;
+    const std::uint64_t length
+        = heap_.clustersFor(std::min(directory.size, maxDirectorySize)) * heap_.clusterSize;
     ExtentList extents; // told by the set of the directory above
     if (directory.isContiguous)
         extents = { heap_.contiguous(directory.cluster, length) };
@@ -159,7 +164,8 @@ void ExFATWalker::readFragment(Scan& scan)
         const std::uint64_t offset = heap_.offsetOf(*cluster);
         const bool isSeen = directory.size == 0; // by the caller, or by whereItGoesOn
         const auto start = context_.source().read(offset, 2 * entrySize, ReadMode::thorough);
-        if (isTaken(*cluster) || (!isSeen && !(isFirst ? beginsDirectory(start) : continuesDirectory(start)))) {
+        if (isTaken(*cluster)
+            || (!isSeen && !(isFirst ? beginsDirectory(start) : continuesDirectory(start)))) {
             if (isFirst)
                 directory.folder->addNote("Mappens indhold er overskrevet");
             return;
@@ -187,7 +193,8 @@ std::optional<std::uint32_t> ExFATWalker::whereItGoesOn(const Scan& scan, std::u
 {
     if (scan.collector.isInside()) { // the checksum of the set says where
         int tried = 0;
-        for (auto head = heads.upper_bound(cluster); head != heads.end() && tried < maxHeadsTried; ++tried) {
+        for (auto head = heads.upper_bound(cluster); head != heads.end() && tried < maxHeadsTried;
+             ++tried) {
             const auto next = *head;
             if (isTaken(next)) {
                 head = heads.erase(head);
@@ -202,7 +209,9 @@ std::optional<std::uint32_t> ExFATWalker::whereItGoesOn(const Scan& scan, std::u
     }
     return looseEnds.next(cluster, scan.behindLast, [&](std::uint32_t next) {
         return heap_.contains(next) && !isTaken(next)
-            && !soundSets(context_.source().read(heap_.offsetOf(next), 512 + maxFileSetSize, ReadMode::thorough), 0)
+            && !soundSets(context_.source().read(
+                              heap_.offsetOf(next), 512 + maxFileSetSize, ReadMode::thorough),
+                0)
                     .empty();
     });
 }
@@ -210,8 +219,10 @@ std::optional<std::uint32_t> ExFATWalker::whereItGoesOn(const Scan& scan, std::u
 /// Whether the entries at the beginning of a cluster make a set sound that has begun elsewhere.
 bool ExFATWalker::completes(SetCollector begun, std::uint32_t cluster)
 {
-    const auto bytes = context_.source().read(heap_.offsetOf(cluster), maxFileSetSize, ReadMode::thorough);
-    for (std::int64_t at = 0; const auto entry = ByteView(bytes).load<RawEntry>(at); at += entrySize) {
+    const auto bytes
+        = context_.source().read(heap_.offsetOf(cluster), maxFileSetSize, ReadMode::thorough);
+    for (std::int64_t at = 0; const auto entry = ByteView(bytes).load<RawEntry>(at);
+         at += entrySize) {
         if (const auto set = begun.take(*entry))
             return set->isSound;
         if (!begun.isInside())
@@ -235,13 +246,15 @@ void ExFATWalker::claim(const ExtentList& extents, ClusterBits& clusters)
 /// The whole clusters in which a directory lies.
 ExtentList ExFATWalker::extentsOf(const Pending& directory)
 {
-    const std::uint64_t size = directory.size != 0 ? std::min(directory.size, maxDirectorySize) : maxDirectorySize;
+    const std::uint64_t size
+        = directory.size != 0 ? std::min(directory.size, maxDirectorySize) : maxDirectorySize;
     const std::uint64_t wholeSize = heap_.clustersFor(size) * heap_.clusterSize;
     if (!heap_.contains(directory.cluster))
         return {};
     if (!directory.isContiguous && !context_.fatUnavailable()) {
         if (directory.origin == Origin::live)
-            return heap_.extents(limitedChain(directory.cluster, heap_.clustersFor(size)).clusters, wholeSize);
+            return heap_.extents(
+                limitedChain(directory.cluster, heap_.clustersFor(size)).clusters, wholeSize);
         if (auto extents = standingChain(directory.cluster, wholeSize); !extents.empty())
             return extents;
     }
@@ -281,8 +294,9 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
     const bool isDeleted = origin != Origin::live;
     const bool isFolder = set.file && set.file->isDirectory();
     const auto status = isDeleted ? EntryStatus::deleted : EntryStatus::existing;
-    auto& node = scan.directory.folder->add(
-        isFolder ? FileNode::makeFolder(set.name, status) : FileNode::makeFile(set.name, set.stream.size, status));
+    auto& node = scan.directory.folder->add(isFolder
+            ? FileNode::makeFolder(set.name, status)
+            : FileNode::makeFile(set.name, set.stream.size, status));
     node.fsID = set.stream.firstCluster;
     if (set.file) {
         node.created = TimeConversion::fromExFAT(set.file->created, set.file->createdOffset);
@@ -330,8 +344,11 @@ void ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream, bool isLo
     if (hasChain)
         extents = isDeleted
             ? standingChain(stream.firstCluster, node.size)
-            : heap_.extents(limitedChain(stream.firstCluster, heap_.clustersFor(node.size)).clusters, node.size);
-    const bool isCertain = stream.isContiguous() || !extents.empty() || heap_.clustersFor(node.size) == 1;
+            : heap_.extents(
+                limitedChain(stream.firstCluster, heap_.clustersFor(node.size)).clusters,
+                node.size);
+    const bool isCertain
+        = stream.isContiguous() || !extents.empty() || heap_.clustersFor(node.size) == 1;
     // Without a chain most files lie in one piece.
     if (extents.empty() && (isDeleted || !hasChain))
         extents = { heap_.contiguous(stream.firstCluster, node.size) };
@@ -361,13 +378,15 @@ void ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream, bool isLo
     node.data = std::move(extents);
 }
 
-void ExFATWalker::estimateDeleted(FileNode& node, const ExtentList& extents, bool isCertain, bool isLost)
+void ExFATWalker::estimateDeleted(
+    FileNode& node, const ExtentList& extents, bool isCertain, bool isLost)
 {
     std::uint64_t placed = 0;
     std::uint64_t checked = 0;
     bool areFree = true;
     for (const auto& extent : extents) {
-        const std::uint64_t count = std::min(heap_.clustersFor(extent.length), DirectoryWalk::maxFreeChecks - checked);
+        const std::uint64_t count
+            = std::min(heap_.clustersFor(extent.length), DirectoryWalk::maxFreeChecks - checked);
         areFree = areFree && this->areFree(heap_.clusterAt(*extent.offset), count, isLost);
         checked += count;
         placed += extent.length;
@@ -388,15 +407,16 @@ void ExFATWalker::estimateDeleted(FileNode& node, const ExtentList& extents, boo
     }
 }
 
-/// Whether clusters belong to nobody else. Those of a lost file may still be marked as used: by itself.
+/// Whether clusters belong to nobody else. Those of a lost file may still be marked as used: by
+/// itself.
 bool ExFATWalker::areFree(std::uint32_t first, std::uint64_t count, bool isLost) const
 {
     return isLost ? !liveClusters.containsAny(first, count) && !claimed.containsAny(first, count)
                   : context_.areFree(first, count);
 }
 
-/// Where something deleted lay, when the FAT still holds all of its chain, with the end where the size wants it: the
-/// FAT keeps it until somebody else writes there. Empty when it does not.
+/// Where something deleted lay, when the FAT still holds all of its chain, with the end where the
+/// size wants it: the FAT keeps it until somebody else writes there. Empty when it does not.
 ExtentList ExFATWalker::standingChain(std::uint32_t start, std::uint64_t size)
 {
     const std::uint64_t needed = heap_.clustersFor(size);
@@ -408,5 +428,6 @@ ExtentList ExFATWalker::standingChain(std::uint32_t start, std::uint64_t size)
 
 ClusterChain ExFATWalker::limitedChain(std::uint32_t start, std::uint64_t maxClusters)
 {
-    return walk_.chain(maxClusters, [&](std::uint64_t limit) { return context_.chain(start, limit); });
+    return walk_.chain(
+        maxClusters, [&](std::uint64_t limit) { return context_.chain(start, limit); });
 }

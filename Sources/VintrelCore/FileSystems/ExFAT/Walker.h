@@ -1,16 +1,16 @@
 #pragma once
 
 #include "VintrelCore/FileSystems/Clusters/DirectoryWalk.h"
-#include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/ExFAT/EntrySets.h"
+#include "VintrelCore/FileSystems/ExFAT/Parser.h"
 
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
-/// Walks the directories of one exFAT volume and hangs what they list on the tree: the live tree first, then what was
-/// deleted.
+/// Walks the directories of one exFAT volume and hangs what they list on the tree: the live tree
+/// first, then what was deleted.
 class ExFATWalker {
 public:
     ExFATWalker(ExFATContext& context, WorkProgress* progress);
@@ -18,7 +18,8 @@ public:
     /// Finds the allocation bitmap, and then reads the root directory and everything below it.
     void walkRoot(FileNode& root);
 
-    /// Reads what is left of the directory that begins, or goes on, in a cluster, and the folders that it leads to.
+    /// Reads what is left of the directory that begins, or goes on, in a cluster, and the folders
+    /// that it leads to.
     void walkFragment(std::uint32_t first, FileNode& folder, bool isRoot = false);
 
     /// The volume's label, if its root directory has one.
@@ -35,7 +36,8 @@ private:
     enum class Origin {
         live,     ///< a directory that exists
         deleted,  ///< a deleted directory
-        fragment, ///< a directory that no other one leads to; what it lists may never have been deleted
+        fragment, ///< a directory that no other one leads to; what it lists may never have been
+                  ///< deleted
     };
 
     struct Pending {
@@ -64,7 +66,10 @@ private:
     void readFragment(Scan& scan);
     std::optional<std::uint32_t> whereItGoesOn(const Scan& scan, std::uint32_t cluster);
     bool completes(ExFATEntries::SetCollector begun, std::uint32_t cluster);
-    bool isTaken(std::uint32_t cluster) const { return claimed.contains(cluster) || liveClusters.contains(cluster); }
+    bool isTaken(std::uint32_t cluster) const
+    {
+        return claimed.contains(cluster) || liveClusters.contains(cluster);
+    }
     void walkPending();
     void claim(const ExtentList& extents, ClusterBits& clusters);
     ExtentList extentsOf(const Pending& directory);
@@ -84,7 +89,8 @@ private:
     DirectoryWalk walk_;
     FolderQueue<Pending> queue_;
     std::optional<std::string> label_;
-    std::uint64_t claimBudget_; // clusters that may still be claimed: made-up files can overlap without end
+    std::uint64_t
+        claimBudget_; // clusters that may still be claimed: made-up files can overlap without end
 };
 
 namespace ExFATParser {
@@ -97,7 +103,7 @@ struct LostRoot {
 };
 
 /// As for a volume. `root`: is read first, if there is one.
-std::unique_ptr<FileNode> lostEntries(
-    ExFATDeepInfo& info, std::span<const std::uint64_t> sectors, WorkProgress* progress, LostRoot* root);
+std::unique_ptr<FileNode> lostEntries(ExFATDeepInfo& info, std::span<const std::uint64_t> sectors,
+    WorkProgress* progress, LostRoot* root);
 
 } // namespace ExFATParser

@@ -30,18 +30,20 @@ struct BootSector {
     std::array<std::uint8_t, 11> label; // 71
     std::array<std::uint8_t, 430> code; // 82
 };
-static_assert(
-    sizeof(BootSector) == 512 && offsetof(BootSector, rootCluster) == 44 && offsetof(BootSector, label) == 71);
+static_assert(sizeof(BootSector) == 512 && offsetof(BootSector, rootCluster) == 44
+    && offsetof(BootSector, label) == 71);
 
 constexpr std::int64_t labelOffsetFAT16 = 43;
 constexpr std::int64_t labelLength = 11;
 
-constexpr std::uint32_t clusterMask = 0x0FFFFFFF; // the top four bits of a FAT32 entry are not part of the number
+constexpr std::uint32_t clusterMask
+    = 0x0FFFFFFF; // the top four bits of a FAT32 entry are not part of the number
 
 /// More clusters than a 28-bit entry can name are not there, whatever the sector counts say.
 constexpr std::uint64_t maxClusters = 0x0FFFFFF5;
 
-/// The FAT of the largest volume that any system makes is a third larger than 512 MiB; beyond this the size is damage.
+/// The FAT of the largest volume that any system makes is a third larger than 512 MiB; beyond this
+/// the size is damage.
 constexpr std::uint64_t maxFATSize = 805'306'368;
 
 /// From here on an entry means "last cluster of its chain".
@@ -70,7 +72,8 @@ std::uint64_t entryBits(FileSystemType type)
     }
 }
 
-/// Replaces the sectors that are all zero in the first copy, as unreadable ones are, by the second copy's.
+/// Replaces the sectors that are all zero in the first copy, as unreadable ones are, by the second
+/// copy's.
 void repair(Bytes& first, const Bytes& second, std::size_t sectorSize)
 {
     for (std::size_t at = 0; at < first.size(); at += sectorSize) {
@@ -85,26 +88,31 @@ void repair(Bytes& first, const Bytes& second, std::size_t sectorSize)
 
 std::optional<FATGeometry> FATGeometry::from(ByteView boot, FileSystemType type, std::uint64_t base)
 {
-    std::array<std::uint8_t, sizeof(BootSector)> padded {}; // fields beyond the end of a short boot sector are 0
+    std::array<std::uint8_t, sizeof(BootSector)>
+        padded {}; // fields beyond the end of a short boot sector are 0
     std::ranges::copy(boot.sub(0, padded.size()).span(), padded.begin());
     const auto sector = std::bit_cast<BootSector>(padded);
 
     const std::uint64_t bytesPerSector = sector.bytesPerSector;
     const bool isFAT32 = type == FileSystemType::fat32;
-    const std::uint64_t sectorsPerFAT = sector.sectorsPerFAT16 != 0 ? std::uint64_t { sector.sectorsPerFAT16 }
-                                                                    : std::uint64_t { sector.sectorsPerFAT32 };
-    const std::uint64_t totalSectors = sector.totalSectors16 != 0 ? std::uint64_t { sector.totalSectors16 }
-                                                                  : std::uint64_t { sector.totalSectors32 };
+    const std::uint64_t sectorsPerFAT = sector.sectorsPerFAT16 != 0
+        ? std::uint64_t { sector.sectorsPerFAT16 }
+        : std::uint64_t { sector.sectorsPerFAT32 };
+    const std::uint64_t totalSectors = sector.totalSectors16 != 0
+        ? std::uint64_t { sector.totalSectors16 }
+        : std::uint64_t { sector.totalSectors32 };
     const std::uint64_t rootDirSize = std::uint64_t { sector.rootEntries } * 32;
     if (bytesPerSector == 0 || sector.sectorsPerCluster == 0)
         return std::nullopt;
     const std::uint64_t rootSector = sector.reservedSectors + sectorsPerFAT * sector.fatCount;
-    const std::uint64_t dataSector = rootSector + (rootDirSize + bytesPerSector - 1) / bytesPerSector;
+    const std::uint64_t dataSector
+        = rootSector + (rootDirSize + bytesPerSector - 1) / bytesPerSector;
     const std::uint64_t volumeSize = bytesPerSector * totalSectors; // below 2^48
     if (totalSectors <= dataSector || base > std::numeric_limits<std::uint64_t>::max() - volumeSize)
         return std::nullopt;
 
-    const auto bootLabel = boot.ascii(isFAT32 ? offsetof(BootSector, label) : labelOffsetFAT16, labelLength);
+    const auto bootLabel
+        = boot.ascii(isFAT32 ? offsetof(BootSector, label) : labelOffsetFAT16, labelLength);
     const auto label = Unicode::trimmed(bootLabel);
     return FATGeometry {
         .type = type,
@@ -142,13 +150,18 @@ void FATContext::load()
     fatUnavailable_ = geometry_.fatSize == 0 || geometry_.fatSize > maxFATSize;
     if (fatUnavailable_)
         return;
-    // No more is read than the clusters need and the source holds; entries beyond that count as free.
-    const std::uint64_t needed = ((std::uint64_t { geometry_.heap.count } + 2) * entryBits(geometry_.type) + 7) / 8;
-    const std::uint64_t onSource = source_.size() > geometry_.fatOffset ? source_.size() - geometry_.fatOffset : 0;
-    const auto length = static_cast<std::int64_t>(std::min({ geometry_.fatSize, needed, onSource }));
+    // No more is read than the clusters need and the source holds; entries beyond that count as
+    // free.
+    const std::uint64_t needed
+        = ((std::uint64_t { geometry_.heap.count } + 2) * entryBits(geometry_.type) + 7) / 8;
+    const std::uint64_t onSource
+        = source_.size() > geometry_.fatOffset ? source_.size() - geometry_.fatOffset : 0;
+    const auto length
+        = static_cast<std::int64_t>(std::min({ geometry_.fatSize, needed, onSource }));
     auto first = source_.readReporting(geometry_.fatOffset, length, ReadMode::thorough);
     if (first.badBytes > 0 && geometry_.fatCount >= 2)
-        repair(first.data, source_.read(geometry_.fatOffset + geometry_.fatSize, length, ReadMode::thorough),
+        repair(first.data,
+            source_.read(geometry_.fatOffset + geometry_.fatSize, length, ReadMode::thorough),
             static_cast<std::size_t>(geometry_.bytesPerSector));
     fat_ = std::move(first.data);
 }
@@ -165,8 +178,8 @@ std::uint32_t FATContext::entry(std::uint32_t cluster) const
     const std::int64_t number = cluster;
     switch (geometry_.type) {
     case FileSystemType::fat12: {
-        // Two entries in three bytes: the even one has the low 12 bits of the 16 that begin in its first byte, the odd
-        // one the high 12 bits.
+        // Two entries in three bytes: the even one has the low 12 bits of the 16 that begin in its
+        // first byte, the odd one the high 12 bits.
         const std::uint32_t pair = table.u16le(number + number / 2);
         return cluster % 2 != 0 ? pair >> 4 : pair & 0xFFF;
     }
@@ -182,6 +195,6 @@ ClusterChain FATContext::chain(std::uint32_t from, std::uint64_t maxClusters)
     const auto& heap = geometry_.heap;
     if (fatUnavailable_)
         return contiguousChain(heap, from, std::max<std::uint64_t>(1, maxClusters));
-    return followChain(heap, from, std::min<std::uint64_t>(maxClusters, heap.count), endMark(geometry_.type), seen_,
-        [this](std::uint32_t cluster) { return entry(cluster); });
+    return followChain(heap, from, std::min<std::uint64_t>(maxClusters, heap.count),
+        endMark(geometry_.type), seen_, [this](std::uint32_t cluster) { return entry(cluster); });
 }

@@ -22,7 +22,8 @@ void appendPart(std::string& text, std::span<const std::uint8_t> bytes, bool isL
 }
 
 /// Appends units up to the end of the name. False when it ends among them.
-template <std::size_t count> bool appendUnits(std::u16string& name, const std::array<LE16, count>& units)
+template <std::size_t count>
+bool appendUnits(std::u16string& name, const std::array<LE16, count>& units)
 {
     for (const char16_t unit : units) {
         if (unit == 0x0000 || unit == 0xFFFF)
@@ -32,14 +33,15 @@ template <std::size_t count> bool appendUnits(std::u16string& name, const std::a
     return true;
 }
 
-/// The byte that stands for the letter in the short names of western European systems (code page 850), in upper case.
-/// None outside the letters of Latin-1.
+/// The byte that stands for the letter in the short names of western European systems (code page
+/// 850), in upper case. None outside the letters of Latin-1.
 std::optional<std::uint8_t> codePage850(char16_t letter)
 {
-    // U+00C0 … U+00DE: À Á Â Ã Ä Å Æ Ç È É Ê Ë Ì Í Î Ï Ð Ñ Ò Ó Ô Õ Ö × Ø Ù Ú Û Ü Ý Þ; their lower case lies 20h higher.
-    constexpr std::uint8_t bytes[]
-        = { 0xB7, 0xB5, 0xB6, 0xC7, 0x8E, 0x8F, 0x92, 0x80, 0xD4, 0x90, 0xD2, 0xD3, 0xDE, 0xD6, 0xD7, 0xD8, 0xD1, 0xA5,
-              0xE3, 0xE0, 0xE2, escapedE5, 0x99, 0x9E, 0x9D, 0xEB, 0xE9, 0xEA, 0x9A, 0xED, 0xE8 };
+    // U+00C0 … U+00DE: À Á Â Ã Ä Å Æ Ç È É Ê Ë Ì Í Î Ï Ð Ñ Ò Ó Ô Õ Ö × Ø Ù Ú Û Ü Ý Þ; their lower
+    // case lies 20h higher.
+    constexpr std::uint8_t bytes[] = { 0xB7, 0xB5, 0xB6, 0xC7, 0x8E, 0x8F, 0x92, 0x80, 0xD4, 0x90,
+        0xD2, 0xD3, 0xDE, 0xD6, 0xD7, 0xD8, 0xD1, 0xA5, 0xE3, 0xE0, 0xE2, escapedE5, 0x99, 0x9E,
+        0x9D, 0xEB, 0xE9, 0xEA, 0x9A, 0xED, 0xE8 };
     if (letter >= 0xE0 && letter <= 0xFE)
         letter = static_cast<char16_t>(letter - 0x20);
     if (letter < 0xC0 || letter > 0xDE)
@@ -53,7 +55,8 @@ bool hasChecksumWith(ShortName name, std::uint8_t firstByte, std::uint8_t expect
     return checksum(name) == expected;
 }
 
-/// Whether some first byte makes the name of a deleted entry match the checksum of its long name's pieces.
+/// Whether some first byte makes the name of a deleted entry match the checksum of its long name's
+/// pieces.
 bool canHaveChecksum(const ShortName& stored, char16_t firstLetter, std::uint8_t expected)
 {
     for (std::uint8_t candidate = 0x20; candidate <= 0x7E; ++candidate)
@@ -68,7 +71,8 @@ bool isInSequence(const std::vector<LongNamePiece>& pieces)
     if (!pieces.front().isLast())
         return false;
     auto expected = static_cast<int>(pieces.size());
-    return std::ranges::all_of(pieces, [&](const auto& piece) { return piece.sequence() == expected--; });
+    return std::ranges::all_of(
+        pieces, [&](const auto& piece) { return piece.sequence() == expected--; });
 }
 
 } // namespace
@@ -107,13 +111,15 @@ std::optional<std::string> assembleLongName(
 
     std::u16string units;
     for (auto piece = pieces.rbegin(); piece != pieces.rend(); ++piece)
-        appendUnits(units, piece->units1) && appendUnits(units, piece->units2) && appendUnits(units, piece->units3);
+        appendUnits(units, piece->units1) && appendUnits(units, piece->units2)
+            && appendUnits(units, piece->units3);
     if (units.empty())
         return std::nullopt;
 
     const bool isOurs = isDeleted
         ? canHaveChecksum(stored, units.front(), expected)
-        : (checksum(stored) == expected || (stored[0] == escapedE5 && hasChecksumWith(stored, deletedMark, expected)))
+        : (checksum(stored) == expected
+              || (stored[0] == escapedE5 && hasChecksumWith(stored, deletedMark, expected)))
             && isInSequence(pieces);
     return isOurs ? std::optional(Unicode::fromUTF16(units)) : std::nullopt;
 }
@@ -124,7 +130,8 @@ bool isPlausible(const ShortName& name, bool isDeleted)
     if (std::ranges::all_of(name, [](auto byte) { return byte == ' '; }))
         return false;
     return std::ranges::all_of(std::span(name).subspan(isDeleted ? 1 : 0), [&](std::uint8_t byte) {
-        return (byte >= 0x20 || byte == escapedE5) && forbidden.find(static_cast<char>(byte)) == std::string_view::npos;
+        return (byte >= 0x20 || byte == escapedE5)
+            && forbidden.find(static_cast<char>(byte)) == std::string_view::npos;
     });
 }
 
@@ -135,15 +142,16 @@ std::uint32_t firstCluster(const ShortEntry& entry)
 
 bool isSubfolder(const ShortEntry& entry)
 {
-    return (entry.attributes & (volumeLabelFlag | directoryFlag)) == directoryFlag && entry.name[0] != '.';
+    return (entry.attributes & (volumeLabelFlag | directoryFlag)) == directoryFlag
+        && entry.name[0] != '.';
 }
 
 std::optional<std::uint32_t> ownCluster(ByteView sector)
 {
     const auto self = sector.load<ShortEntry>(0);
     const auto above = sector.load<ShortEntry>(entrySize);
-    if (!self || !above || self->name != dotName || above->name != dotDotName || (self->attributes & directoryFlag) == 0
-        || (above->attributes & directoryFlag) == 0)
+    if (!self || !above || self->name != dotName || above->name != dotDotName
+        || (self->attributes & directoryFlag) == 0 || (above->attributes & directoryFlag) == 0)
         return std::nullopt;
     return firstCluster(*self);
 }

@@ -11,32 +11,36 @@
 #include <string_view>
 #include <vector>
 
-/// What a FAT directory is made of: 32-byte entries, and the names that they spell. Nothing here reads the disk.
+/// What a FAT directory is made of: 32-byte entries, and the names that they spell. Nothing here
+/// reads the disk.
 namespace FATEntries {
 
 constexpr std::size_t entrySize = 32;
 
-constexpr std::uint8_t endOfDirectory = 0x00;  // as first byte of an entry: nothing but unused entries follows
-constexpr std::uint8_t deletedMark = 0xE5;     // as first byte of an entry
-constexpr std::uint8_t escapedE5 = 0x05;       // as first byte of a name: the name begins with a real 0xE5
+constexpr std::uint8_t endOfDirectory
+    = 0x00; // as first byte of an entry: nothing but unused entries follows
+constexpr std::uint8_t deletedMark = 0xE5; // as first byte of an entry
+constexpr std::uint8_t escapedE5
+    = 0x05; // as first byte of a name: the name begins with a real 0xE5
 constexpr std::uint8_t volumeLabelFlag = 0x08; // attributes
 constexpr std::uint8_t directoryFlag = 0x10;
 constexpr std::uint8_t longNameAttributes = 0x0F;
 
-/// Eight bytes of base and three of extension, padded with blanks, in the code page of the system that wrote them.
+/// Eight bytes of base and three of extension, padded with blanks, in the code page of the system
+/// that wrote them.
 using ShortName = std::array<std::uint8_t, 11>;
 
 constexpr ShortName dotName { '.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ' };
 constexpr ShortName dotDotName { '.', '.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ' };
 
 struct ShortEntry {
-    ShortName name;                                           //  0
-    std::uint8_t attributes;                                  // 11
-    std::uint8_t caseFlags;                                   // 12  08: base in lower case, 10: extension
-    std::uint8_t creationTicks;                               // 13  10 ms each, 0 … 199
-    LE16 creationTime, creationDate;                          // 14, 16
-    LE16 accessDate;                                          // 18
-    LE16 firstClusterHigh;                                    // 20  FAT32 only
+    ShortName name;                  //  0
+    std::uint8_t attributes;         // 11
+    std::uint8_t caseFlags;          // 12  08: base in lower case, 10: extension
+    std::uint8_t creationTicks;      // 13  10 ms each, 0 … 199
+    LE16 creationTime, creationDate; // 14, 16
+    LE16 accessDate;                 // 18
+    LE16 firstClusterHigh;           // 20  FAT32 only
     LE16 modificationTime, modificationDate, firstClusterLow; // 22, 24, 26
     LE32 size;                                                // 28  in bytes
 };
@@ -67,25 +71,26 @@ std::uint8_t checksum(const ShortName& name);
 /// The name as shown. Of a deleted entry the first character is lost; "_" stands in its place.
 std::string formatShortName(const ShortName& name, std::uint8_t caseFlags, bool isDeleted);
 
-/// The long name that the pieces, in the order of the disk, spell for the short entry `stored` (its bytes as they lie
-/// on the disk). None when they do not belong to it.
+/// The long name that the pieces, in the order of the disk, spell for the short entry `stored` (its
+/// bytes as they lie on the disk). None when they do not belong to it.
 std::optional<std::string> assembleLongName(
     const std::vector<LongNamePiece>& pieces, const ShortName& stored, bool isDeleted);
 
 /// Whether the bytes can be a short name. Of a deleted entry the first one is not looked at.
 bool isPlausible(const ShortName& name, bool isDeleted);
 
-/// Whether bytes of a directory can be this short entry. Less is forbidden here than in a name that is listed: this
-/// test meets sectors of every kind and must not lose a true one.
+/// Whether bytes of a directory can be this short entry. Less is forbidden here than in a name that
+/// is listed: this test meets sectors of every kind and must not lose a true one.
 inline bool canBeShortEntry(const ShortEntry& entry)
 {
     constexpr std::string_view forbidden = "\"*/:<>?\\|";
     const auto first = entry.name[0];
-    const bool startsWell
-        = first == escapedE5 || first == deletedMark || first == '.' || (first >= 0x21 && first <= 0x7E);
+    const bool startsWell = first == escapedE5 || first == deletedMark || first == '.'
+        || (first >= 0x21 && first <= 0x7E);
     return startsWell && entry.attributes <= 63 && entry.creationTicks <= 199
         && std::ranges::all_of(std::span(entry.name).subspan(1), [&](std::uint8_t byte) {
-               return byte >= 0x20 && forbidden.find(static_cast<char>(byte)) == std::string_view::npos;
+               return byte >= 0x20
+                   && forbidden.find(static_cast<char>(byte)) == std::string_view::npos;
            });
 }
 
@@ -98,8 +103,8 @@ bool isSubfolder(const ShortEntry& entry);
 /// The cluster that a directory's first sector says it lies in; none when no directory begins here.
 std::optional<std::uint32_t> ownCluster(ByteView sector);
 
-/// Whether a sector holds entries and nothing else, from its beginning on. As few as one will do: only for places where
-/// a directory is to be expected.
+/// Whether a sector holds entries and nothing else, from its beginning on. As few as one will do:
+/// only for places where a directory is to be expected.
 bool goesOn(ByteView sector);
 
 } // namespace FATEntries

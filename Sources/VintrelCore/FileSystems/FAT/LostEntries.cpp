@@ -49,8 +49,8 @@ public:
         walker_.liveClusters = std::move(info_.liveClusters);
         if (root != nullptr)
             walkRoot(*root);
-        // Folders that others name get their place and name from these. What nobody has reached then goes in circles,
-        // or goes on somewhere unknown.
+        // Folders that others name get their place and name from these. What nobody has reached
+        // then goes in circles, or goes on somewhere unknown.
         for (const bool isLast : { false, true })
             for (std::size_t i = 0; i < fragments_.size() && !isCancelled(progress_); ++i)
                 if ((isLast || isTop(i)) && !walker_.claimed.contains(fragments_[i].cluster))
@@ -100,7 +100,8 @@ private:
                 continue;
             named_.insert(number);
             if (!fragment.begins && !fragment.leads) {
-                const auto start = source_.read(heap_.offsetOf(number), 2 * entrySize, ReadMode::thorough);
+                const auto start
+                    = source_.read(heap_.offsetOf(number), 2 * entrySize, ReadMode::thorough);
                 const auto own = ownCluster(start);
                 fragment.leads = own && numberOf(*own) == number;
             }
@@ -124,12 +125,14 @@ private:
             }
     }
 
-    /// Whether a fragment has no other one above it. What follows a fragment directly may be more of it.
+    /// Whether a fragment has no other one above it. What follows a fragment directly may be more
+    /// of it.
     bool isTop(std::size_t index) const
     {
         const auto& fragment = fragments_[index];
         const bool follows = index > 0 && fragments_[index - 1].cluster + 1 == fragment.cluster;
-        return !named_.contains(fragment.cluster) && (fragment.begins || (fragment.leads && !follows));
+        return !named_.contains(fragment.cluster)
+            && (fragment.begins || (fragment.leads && !follows));
     }
 
     std::uint32_t numberOf(std::uint32_t stored) const
@@ -148,7 +151,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress)
+std::unique_ptr<FileNode> lostEntries(
+    Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress)
 {
     auto* info = dynamic_cast<FATDeepInfo*>(volume.deepContext.get());
     if (info == nullptr || info->isRebuilt)
@@ -156,8 +160,8 @@ std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint6
     return lostEntries(*info, sectors, progress, nullptr);
 }
 
-std::unique_ptr<FileNode> lostEntries(
-    FATDeepInfo& info, std::span<const std::uint64_t> sectors, WorkProgress* progress, LostRoot* root)
+std::unique_ptr<FileNode> lostEntries(FATDeepInfo& info, std::span<const std::uint64_t> sectors,
+    WorkProgress* progress, LostRoot* root)
 {
     return LostDirectories(info, progress).find({ sectors.begin(), sectors.end() }, root);
 }

@@ -1,7 +1,8 @@
 // FATParser: the face of the FAT reader.
 
-#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
+
+#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FAT/Walker.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
 
@@ -22,24 +23,26 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
 {
     const auto sector = FSProbe::bootSector(source, offset, boot);
     const auto type = FSProbe::detectBootSector(sector);
-    if (type != FileSystemType::fat12 && type != FileSystemType::fat16 && type != FileSystemType::fat32)
+    if (type != FileSystemType::fat12 && type != FileSystemType::fat16
+        && type != FileSystemType::fat32)
         return nullptr;
     const auto geometry = FATGeometry::from(sector, *type, offset);
     if (!geometry)
         return nullptr;
 
     auto context = std::make_unique<FATContext>(source, *geometry);
-    auto volume = std::make_unique<Volume>(
-        *type, geometry->label, offset, geometry->volumeSize, FileNode::makeFolder("", EntryStatus::existing), origin);
+    auto volume = std::make_unique<Volume>(*type, geometry->label, offset, geometry->volumeSize,
+        FileNode::makeFolder("", EntryStatus::existing), origin);
     volume->clusterSize = geometry->heap.clusterSize;
     FATWalker walker(*context, progress);
     walker.walkRoot(*volume->root);
     if (walker.label() && !walker.label()->empty())
         volume->label = *walker.label();
     if (context->fatUnavailable())
-        volume->notes.emplace_back("FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
-    volume->deepContext
-        = std::make_unique<FATDeepInfo>(std::move(context), std::move(walker.claimed), std::move(walker.liveClusters));
+        volume->notes.emplace_back(
+            "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
+    volume->deepContext = std::make_unique<FATDeepInfo>(
+        std::move(context), std::move(walker.claimed), std::move(walker.liveClusters));
     volume->root->sortChildren();
     return volume;
 }
@@ -52,11 +55,15 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
         return false;
     constexpr std::int64_t mediaByte = 21;
     constexpr std::uint64_t maxCopies = 4;
-    for (std::uint64_t copy = 0; copy < std::min<std::uint64_t>(geometry->fatCount, maxCopies); ++copy) {
-        // The first entry repeats the medium's kind, all its other bits being set; the second one's low bits are set.
-        const auto start = source.read(geometry->fatOffset + copy * geometry->fatSize, 4, ReadMode::thorough);
+    for (std::uint64_t copy = 0; copy < std::min<std::uint64_t>(geometry->fatCount, maxCopies);
+         ++copy) {
+        // The first entry repeats the medium's kind, all its other bits being set; the second one's
+        // low bits are set.
+        const auto start
+            = source.read(geometry->fatOffset + copy * geometry->fatSize, 4, ReadMode::thorough);
         const bool isFAT12 = geometry->type == FileSystemType::fat12;
-        if (start[0] == boot.u8(mediaByte) && start[0] >= 0xF0 && start[1] == 0xFF && (isFAT12 || start[2] == 0xFF))
+        if (start[0] == boot.u8(mediaByte) && start[0] >= 0xF0 && start[1] == 0xFF
+            && (isFAT12 || start[2] == 0xFF))
             return true;
     }
     std::uint64_t root = geometry->rootDirOffset;

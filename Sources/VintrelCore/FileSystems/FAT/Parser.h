@@ -1,7 +1,7 @@
 #pragma once
 
-#include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
+#include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/Model.h"
 
 #include <cstdint>
@@ -14,7 +14,8 @@
 
 class DiskSource;
 
-/// Where things lie on a FAT volume, as its boot sector says. Offsets are absolute on the source, sizes in bytes.
+/// Where things lie on a FAT volume, as its boot sector says. Offsets are absolute on the source,
+/// sizes in bytes.
 struct FATGeometry {
     FileSystemType type {}; ///< fat12, fat16 or fat32, as the probe decided
     std::uint64_t bytesPerSector = 0;
@@ -41,17 +42,26 @@ public:
     DiskSource& source() const { return source_; }
     const FATGeometry& geometry() const { return geometry_; }
 
-    /// Whether there is no FAT to ask (it is empty, or too large to be true). Files are then taken to lie in one piece.
+    /// Whether there is no FAT to ask (it is empty, or too large to be true). Files are then taken
+    /// to lie in one piece.
     bool fatUnavailable() const { return fatUnavailable_; }
     /// How many clusters can be in a chain.
-    std::uint64_t entryCount() const { return fatUnavailable_ ? geometry_.heap.count : loadedEntries(); }
-    /// What the FAT holds for a cluster: the next one, an end mark, or 0 for free. 0 also beyond the table.
+    std::uint64_t entryCount() const
+    {
+        return fatUnavailable_ ? geometry_.heap.count : loadedEntries();
+    }
+    /// What the FAT holds for a cluster: the next one, an end mark, or 0 for free. 0 also beyond
+    /// the table.
     std::uint32_t entry(std::uint32_t cluster) const;
-    /// The chain that starts at `from`, at most `maxClusters` long. Ends incomplete where it loops, or leaves the
-    /// volume.
+    /// The chain that starts at `from`, at most `maxClusters` long. Ends incomplete where it loops,
+    /// or leaves the volume.
     ClusterChain chain(std::uint32_t from, std::uint64_t maxClusters);
-    /// Whether the FAT calls the `count` clusters from `first` on free. True when it is unavailable.
-    bool areFree(std::uint32_t first, std::uint64_t count) const { return !used_.containsAny(first, count); }
+    /// Whether the FAT calls the `count` clusters from `first` on free. True when it is
+    /// unavailable.
+    bool areFree(std::uint32_t first, std::uint64_t count) const
+    {
+        return !used_.containsAny(first, count);
+    }
 
 private:
     void load();
@@ -68,8 +78,8 @@ private:
 /// What the search for lost directory fragments needs to know of a volume that was walked.
 class FATDeepInfo : public DeepContext {
 public:
-    FATDeepInfo(std::unique_ptr<FATContext> walkedContext, std::unordered_set<std::uint32_t> claimedClusters,
-        ClusterBits liveFileClusters)
+    FATDeepInfo(std::unique_ptr<FATContext> walkedContext,
+        std::unordered_set<std::uint32_t> claimedClusters, ClusterBits liveFileClusters)
         : context(std::move(walkedContext))
         , claimed(std::move(claimedClusters))
         , liveClusters(std::move(liveFileClusters))
@@ -77,38 +87,42 @@ public:
     }
 
     std::unique_ptr<FATContext> context;
-    std::unordered_set<std::uint32_t> claimed; ///< clusters known to belong to directories that were read
-    ClusterBits liveClusters;                  ///< clusters in the chains of existing files
-    bool isRebuilt = false;                    ///< put together from directory sectors: no more of them belong to it
+    std::unordered_set<std::uint32_t>
+        claimed;              ///< clusters known to belong to directories that were read
+    ClusterBits liveClusters; ///< clusters in the chains of existing files
+    bool isRebuilt = false;   ///< put together from directory sectors: no more of them belong to it
 };
 
 /// FAT12, FAT16 and FAT32, with long names, existing and deleted entries.
 namespace FATParser {
 
-/// The volume that begins at byte `offset`; none when there is no FAT volume, or an impossible one. `boot`: a boot
-/// sector found elsewhere, to be used instead of the one at `offset`.
+/// The volume that begins at byte `offset`; none when there is no FAT volume, or an impossible one.
+/// `boot`: a boot sector found elsewhere, to be used instead of the one at `offset`.
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot = {});
 
-/// Whether what lies where the boot sector has it confirms that a volume begins at byte `offset`: a copy of the FAT
-/// begins as every FAT does, or the root directory looks like one.
+/// Whether what lies where the boot sector has it confirms that a volume begins at byte `offset`: a
+/// copy of the FAT begins as every FAT does, or the root directory looks like one.
 bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot);
 
 /// Whether the 512 bytes at `at` look like a sector of a FAT directory.
 bool looksLikeDirectorySector(ByteView bytes, std::int64_t at = 0);
 
-/// What candidate directory sectors (absolute offsets, in any order) hold beyond the directories that were walked: the
-/// folder "$Tabte mappefragmenter", or none. Folders that others of them name have their place and name below these.
-/// Remembers on the volume which clusters it used.
-std::unique_ptr<FileNode> lostEntries(Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress);
+/// What candidate directory sectors (absolute offsets, in any order) hold beyond the directories
+/// that were walked: the folder "$Tabte mappefragmenter", or none. Folders that others of them name
+/// have their place and name below these. Remembers on the volume which clusters it used.
+std::unique_ptr<FileNode> lostEntries(
+    Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress);
 
-/// The volumes without a boot sector that directory sectors (absolute offsets, ascending) belong to. Where their
-/// clusters lie is what at least two directories, or files found by content, agree on. Without a FAT, files are taken
-/// to lie in one piece; without a root directory, all that was found is in the folder "$Tabte mappefragmenter".
-VolumeList rebuild(
-    DiskSource& source, std::span<const std::uint64_t> sectors, const DirectoryHints& hints, WorkProgress* progress);
+/// The volumes without a boot sector that directory sectors (absolute offsets, ascending) belong
+/// to. Where their clusters lie is what at least two directories, or files found by content, agree
+/// on. Without a FAT, files are taken to lie in one piece; without a root directory, all that was
+/// found is in the folder "$Tabte mappefragmenter".
+VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> sectors,
+    const DirectoryHints& hints, WorkProgress* progress);
 
 /// Those sectors that lie neither in directories that these volumes list nor in existing files.
-std::vector<std::uint64_t> looseSectors(std::span<const std::uint64_t> sectors, const VolumeList& volumes);
+std::vector<std::uint64_t> looseSectors(
+    std::span<const std::uint64_t> sectors, const VolumeList& volumes);
 
 } // namespace FATParser

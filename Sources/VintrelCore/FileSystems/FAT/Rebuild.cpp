@@ -21,7 +21,8 @@ constexpr int maxClusterShift = 20; // 1 MiB
 constexpr std::uint64_t maxClusters = 0x0FFFFFF5;
 constexpr std::uint64_t maxClusters16 = 65'524; // from one more on it is FAT32
 constexpr std::uint64_t maxClusters12 = 4'084;
-constexpr std::uint64_t usualRootSize = 16'384; // of FAT12 and FAT16: 512 entries, before the first cluster
+constexpr std::uint64_t usualRootSize
+    = 16'384; // of FAT12 and FAT16: 512 entries, before the first cluster
 
 constexpr std::size_t maxVoters = 65'536; // directories asked at a time, and files
 constexpr std::size_t maxTwins = 16;      // more finds of one size say nothing of where a file is
@@ -32,9 +33,10 @@ constexpr std::size_t nobody = std::numeric_limits<std::size_t>::max();
 /// A candidate sector.
 struct Candidate {
     std::uint64_t offset;
-    std::optional<std::uint32_t> own; ///< the cluster that it says it lies in; none where no directory begins
-    std::uint32_t above = 0;          ///< of the directory above it; 0: the root
-    std::size_t owner = nobody;       ///< index of its place
+    std::optional<std::uint32_t>
+        own; ///< the cluster that it says it lies in; none where no directory begins
+    std::uint32_t above = 0;    ///< of the directory above it; 0: the root
+    std::size_t owner = nobody; ///< index of its place
 };
 
 /// Where a volume's clusters lie.
@@ -44,14 +46,18 @@ struct Place {
     bool isKnown = false;                         ///< a volume has it already
     std::optional<std::uint64_t> rootSector = {}; ///< a sector of the root directory
 
-    std::uint64_t offsetOf(std::uint32_t cluster) const { return offset + (cluster - 2) * clusterSize; }
+    std::uint64_t offsetOf(std::uint32_t cluster) const
+    {
+        return offset + (cluster - 2) * clusterSize;
+    }
     bool explains(const Candidate& candidate) const
     {
         return candidate.own && *candidate.own >= 2 && candidate.offset == offsetOf(*candidate.own);
     }
 };
 
-/// A file that was found by its content, of the size that an entry gives for the content that begins at its cluster.
+/// A file that was found by its content, of the size that an entry gives for the content that
+/// begins at its cluster.
 struct Witness {
     std::uint64_t found;
     std::uint32_t cluster;
@@ -71,7 +77,8 @@ public:
     {
         for (const auto& heap : hints_.heaps)
             if (places_.size() < maxPlaces)
-                places_.push_back({ .offset = heap.offset, .clusterSize = heap.clusterSize, .isKnown = true });
+                places_.push_back(
+                    { .offset = heap.offset, .clusterSize = heap.clusterSize, .isKnown = true });
         survey(sectors);
         for (std::size_t index = 0; index < places_.size(); ++index)
             assign(index);
@@ -95,7 +102,8 @@ private:
     template <class Visit> void forEachEntry(std::uint64_t offset, Visit visit)
     {
         const auto bytes = source_.read(offset, sectorSize, ReadMode::thorough);
-        for (std::int64_t at = 0; const auto entry = ByteView(bytes).load<ShortEntry>(at); at += entrySize) {
+        for (std::int64_t at = 0; const auto entry = ByteView(bytes).load<ShortEntry>(at);
+             at += entrySize) {
             if (entry->name[0] == endOfDirectory)
                 return;
             if (entry->attributes != longNameAttributes)
@@ -119,8 +127,8 @@ private:
                 candidate.above = firstCluster(*ByteView(start).load<ShortEntry>(entrySize));
             forEachEntry(offset, [&](const ShortEntry& entry) {
                 const auto twins = finds.find(entry.size);
-                if (twins == finds.end() || twins->second.size() > maxTwins || (entry.attributes & directoryFlag) != 0
-                    || firstCluster(entry) < 2)
+                if (twins == finds.end() || twins->second.size() > maxTwins
+                    || (entry.attributes & directoryFlag) != 0 || firstCluster(entry) < 2)
                     return;
                 for (const auto found : twins->second)
                     if (witnesses_.size() < maxVoters)
@@ -142,7 +150,9 @@ private:
             if (candidates_[witness.candidate].owner == nobody)
                 votes.add(witness.found, witness.cluster);
         const auto heap = votes.winner();
-        return heap ? std::optional(Place { .offset = heap->offset, .clusterSize = heap->clusterSize }) : std::nullopt;
+        return heap
+            ? std::optional(Place { .offset = heap->offset, .clusterSize = heap->clusterSize })
+            : std::nullopt;
     }
 
     /// Gives a place the directories that it explains, and what follows them.
@@ -150,8 +160,9 @@ private:
     {
         const auto& place = places_[index];
         for (const auto& witness : witnesses_)
-            if (auto& candidate = candidates_[witness.candidate]; candidate.owner == nobody && !candidate.own
-                && witness.cluster >= 2 && place.offsetOf(witness.cluster) == witness.found)
+            if (auto& candidate = candidates_[witness.candidate]; candidate.owner == nobody
+                && !candidate.own && witness.cluster >= 2
+                && place.offsetOf(witness.cluster) == witness.found)
                 candidate.owner = index;
         bool follows = false;
         for (auto& candidate : candidates_) {
@@ -189,13 +200,15 @@ private:
     /// Sectors in which no directory begins belong where the folders are that they name.
     void settle()
     {
-        // A root directory with few entries is no candidate. It has a place of its own, or nearly always the first
-        // cluster.
+        // A root directory with few entries is no candidate. It has a place of its own, or nearly
+        // always the first cluster.
         for (std::size_t index = 0; index < places_.size(); ++index) {
             auto& place = places_[index];
-            for (const auto offset : { place.offset - std::min(place.offset, usualRootSize), place.offset }) {
+            for (const auto offset :
+                { place.offset - std::min(place.offset, usualRootSize), place.offset }) {
                 const auto sector = source_.read(offset, sectorSize, ReadMode::thorough);
-                if (!ownCluster(sector) && goesOn(sector) && supportOf(offset)[index].topFolders > 0)
+                if (!ownCluster(sector) && goesOn(sector)
+                    && supportOf(offset)[index].topFolders > 0)
                     place.rootSector = offset;
             }
         }
@@ -225,7 +238,8 @@ private:
     const Candidate* directoryAt(std::uint64_t offset) const
     {
         const auto found = std::ranges::lower_bound(candidates_, offset, {}, &Candidate::offset);
-        return found != candidates_.end() && found->offset == offset && found->own ? &*found : nullptr;
+        return found != candidates_.end() && found->offset == offset && found->own ? &*found
+                                                                                   : nullptr;
     }
 
     std::unique_ptr<Volume> build(std::size_t index)
@@ -258,9 +272,11 @@ private:
             std::move(context), std::unordered_set<std::uint32_t> {}, ClusterBits(count + 2));
         LostRoot root { .folder = *volume->root, .offset = place.rootSector.value_or(0) };
         if (hasFixedRoot) // from the first of its sectors that is left
-            root.offset = std::min(
-                root.offset, *std::ranges::lower_bound(sectors, place.offset - std::min(place.offset, usualRootSize)));
-        if (auto folder = lostEntries(*info, sectors, progress_, place.rootSector ? &root : nullptr))
+            root.offset = std::min(root.offset,
+                *std::ranges::lower_bound(
+                    sectors, place.offset - std::min(place.offset, usualRootSize)));
+        if (auto folder
+            = lostEntries(*info, sectors, progress_, place.rootSector ? &root : nullptr))
             volume->root->add(std::move(folder));
         info->isRebuilt = true;
         volume->label = root.label;
@@ -278,18 +294,21 @@ private:
 
 } // namespace
 
-VolumeList rebuild(
-    DiskSource& source, std::span<const std::uint64_t> sectors, const DirectoryHints& hints, WorkProgress* progress)
+VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> sectors,
+    const DirectoryHints& hints, WorkProgress* progress)
 {
     return Rebuilder(source, hints, progress).rebuild(sectors);
 }
 
-std::vector<std::uint64_t> looseSectors(std::span<const std::uint64_t> sectors, const VolumeList& volumes)
+std::vector<std::uint64_t> looseSectors(
+    std::span<const std::uint64_t> sectors, const VolumeList& volumes)
 {
-    return sectorsOutside<FATDeepInfo>(sectors, volumes, [](const FATDeepInfo& info, std::uint64_t offset) {
-        const auto& geometry = info.context->geometry();
-        return offset >= geometry.rootDirOffset && offset - geometry.rootDirOffset < geometry.rootDirSize;
-    });
+    return sectorsOutside<FATDeepInfo>(
+        sectors, volumes, [](const FATDeepInfo& info, std::uint64_t offset) {
+            const auto& geometry = info.context->geometry();
+            return offset >= geometry.rootDirOffset
+                && offset - geometry.rootDirOffset < geometry.rootDirSize;
+        });
 }
 
 } // namespace FATParser

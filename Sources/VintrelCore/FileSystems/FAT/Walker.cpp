@@ -12,7 +12,8 @@ namespace {
 /// Room for two million entries, more than any system lets a directory have.
 constexpr std::uint64_t maxDirectorySize = 0x4000000;
 
-/// The chain of a deleted directory is gone; this many of the clusters behind its first one are worth a look.
+/// The chain of a deleted directory is gone; this many of the clusters behind its first one are
+/// worth a look.
 constexpr int maxDeletedClusters = 16;
 
 bool beginsDirectory(ByteView cluster)
@@ -38,9 +39,12 @@ void FATWalker::walkRoot(FileNode& root)
     if (geometry_.type == FileSystemType::fat32) {
         queue_.add({ &root, geometry_.rootCluster, Origin::live, 0 });
     } else {
-        Scan scan {
-            .folder = root, .origin = Origin::live, .depth = 0, .isRoot = true, .pieces = {}, .subfolders = {}
-        };
+        Scan scan { .folder = root,
+            .origin = Origin::live,
+            .depth = 0,
+            .isRoot = true,
+            .pieces = {},
+            .subfolders = {} };
         readRange(scan, geometry_.rootDirOffset, geometry_.rootDirSize);
         queueSubfolders(scan);
     }
@@ -62,9 +66,12 @@ void FATWalker::walkFragment(std::uint32_t first, FileNode& folder, bool isRoot)
 
 void FATWalker::walkLostRoot(std::uint64_t offset, std::uint64_t length, FileNode& root)
 {
-    Scan scan {
-        .folder = root, .origin = Origin::fragment, .depth = 0, .isRoot = true, .pieces = {}, .subfolders = {}
-    };
+    Scan scan { .folder = root,
+        .origin = Origin::fragment,
+        .depth = 0,
+        .isRoot = true,
+        .pieces = {},
+        .subfolders = {} };
     readRange(scan, offset, length);
     queueSubfolders(scan);
     walkPending();
@@ -96,7 +103,8 @@ void FATWalker::readDirectory(const Pending& pending)
         .isRoot = pending.depth == 0,
         .pieces = {},
         .subfolders = {} };
-    if (pending.origin == Origin::live || (pending.origin == Origin::fragment && stillHasChain(pending.cluster)))
+    if (pending.origin == Origin::live
+        || (pending.origin == Origin::fragment && stillHasChain(pending.cluster)))
         readChain(scan, pending.cluster);
     else if (pending.origin == Origin::fragment && beginsIn(pending.cluster))
         readFragment(scan, pending.cluster);
@@ -108,13 +116,14 @@ void FATWalker::readDirectory(const Pending& pending)
 /// Whether a folder that only a fragment leads to was never deleted itself.
 bool FATWalker::stillHasChain(std::uint32_t start)
 {
-    return !context_.fatUnavailable() && heap_.contains(start) && !liveClusters.contains(start) && beginsIn(start)
-        && limitedChain(start, maxDirectoryClusters()).isComplete;
+    return !context_.fatUnavailable() && heap_.contains(start) && !liveClusters.contains(start)
+        && beginsIn(start) && limitedChain(start, maxDirectoryClusters()).isComplete;
 }
 
 bool FATWalker::beginsIn(std::uint32_t cluster)
 {
-    return beginsDirectory(context_.source().read(heap_.offsetOf(cluster), entrySize, ReadMode::thorough));
+    return beginsDirectory(
+        context_.source().read(heap_.offsetOf(cluster), entrySize, ReadMode::thorough));
 }
 
 std::uint64_t FATWalker::maxDirectoryClusters() const
@@ -126,7 +135,8 @@ void FATWalker::readChain(Scan& scan, std::uint32_t start)
 {
     const auto chain = limitedChain(start, maxDirectoryClusters());
     claimed.insert(chain.clusters.begin(), chain.clusters.end());
-    for (const auto& extent : heap_.extents(chain.clusters, chain.clusters.size() * heap_.clusterSize))
+    for (const auto& extent :
+        heap_.extents(chain.clusters, chain.clusters.size() * heap_.clusterSize))
         if (!readRange(scan, *extent.offset, extent.length))
             return;
 }
@@ -136,7 +146,8 @@ void FATWalker::readDeleted(Scan& scan, std::uint32_t start)
     std::uint32_t cluster = start;
     for (int count = 0; count < maxDeletedClusters && heap_.contains(cluster); ++count, ++cluster) {
         const std::uint64_t offset = heap_.offsetOf(cluster);
-        const bool begins = beginsDirectory(context_.source().read(offset, entrySize, ReadMode::thorough));
+        const bool begins
+            = beginsDirectory(context_.source().read(offset, entrySize, ReadMode::thorough));
         if (count == 0 && !begins) {
             scan.folder.note = "Mappens indhold er overskrevet";
             return;
@@ -150,10 +161,12 @@ void FATWalker::readDeleted(Scan& scan, std::uint32_t start)
     }
 }
 
-/// Follows a directory without a chain from cluster to cluster, by what it holds. No cluster is taken twice.
+/// Follows a directory without a chain from cluster to cluster, by what it holds. No cluster is
+/// taken twice.
 void FATWalker::readFragment(Scan& scan, std::uint32_t start)
 {
-    for (std::optional<std::uint32_t> cluster = start; cluster; cluster = whereItGoesOn(scan, *cluster)) {
+    for (std::optional<std::uint32_t> cluster = start; cluster;
+         cluster = whereItGoesOn(scan, *cluster)) {
         claimed.insert(*cluster);
         walk_.visited.insert(*cluster);
         if (!readRange(scan, heap_.offsetOf(*cluster), heap_.clusterSize))
@@ -163,10 +176,12 @@ void FATWalker::readFragment(Scan& scan, std::uint32_t start)
 
 std::optional<std::uint32_t> FATWalker::whereItGoesOn(const Scan& scan, std::uint32_t cluster)
 {
-    if (!scan.pieces.empty() && !scan.pieces.back().isDeleted()) { // the rest of the name says where
-        const Head wanted { scan.pieces.back().sequence() - 1, scan.pieces.back().checksum, cluster };
-        for (auto head = heads.lower_bound(wanted);
-             head != heads.end() && head->sequence == wanted.sequence && head->checksum == wanted.checksum;) {
+    if (!scan.pieces.empty()
+        && !scan.pieces.back().isDeleted()) { // the rest of the name says where
+        const Head wanted { scan.pieces.back().sequence() - 1, scan.pieces.back().checksum,
+            cluster };
+        for (auto head = heads.lower_bound(wanted); head != heads.end()
+             && head->sequence == wanted.sequence && head->checksum == wanted.checksum;) {
             const auto next = head->cluster;
             head = heads.erase(head); // claimed by somebody, or now
             if (canGoOnIn(next))
@@ -174,7 +189,8 @@ std::optional<std::uint32_t> FATWalker::whereItGoesOn(const Scan& scan, std::uin
         }
         return std::nullopt;
     }
-    return looseEnds.next(cluster, scan.behindLast, [&](std::uint32_t next) { return canGoOnIn(next); });
+    return looseEnds.next(
+        cluster, scan.behindLast, [&](std::uint32_t next) { return canGoOnIn(next); });
 }
 
 bool FATWalker::canGoOnIn(std::uint32_t cluster)
@@ -231,11 +247,13 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
 
     const bool isDeleted = isMarkedDeleted || scan.origin != Origin::live;
     const bool isFolder = (entry.attributes & directoryFlag) != 0;
-    const std::uint32_t cluster
-        = geometry_.type == FileSystemType::fat32 ? firstCluster(entry) : std::uint32_t { entry.firstClusterLow };
+    const std::uint32_t cluster = geometry_.type == FileSystemType::fat32
+        ? firstCluster(entry)
+        : std::uint32_t { entry.firstClusterLow };
     const auto status = isDeleted ? EntryStatus::deleted : EntryStatus::existing;
-    auto& node = scan.folder.add(isFolder ? FileNode::makeFolder(std::move(shown), status)
-                                          : FileNode::makeFile(std::move(shown), entry.size, status));
+    auto& node
+        = scan.folder.add(isFolder ? FileNode::makeFolder(std::move(shown), status)
+                                   : FileNode::makeFile(std::move(shown), entry.size, status));
     node.modified = TimeConversion::fromDOS(entry.modificationDate, entry.modificationTime);
     node.created = TimeConversion::fromDOS(entry.creationDate, entry.creationTime);
     node.fsID = cluster;
@@ -244,10 +262,12 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
     if (!isFolder)
         fillFileData(node, cluster, scan.origin, isMarkedDeleted);
     else if (cluster != 0)
-        scan.subfolders.push_back({ &node, cluster, isMarkedDeleted ? Origin::deleted : scan.origin, scan.depth + 1 });
+        scan.subfolders.push_back(
+            { &node, cluster, isMarkedDeleted ? Origin::deleted : scan.origin, scan.depth + 1 });
 }
 
-void FATWalker::fillFileData(FileNode& node, std::uint32_t start, Origin origin, bool isMarkedDeleted)
+void FATWalker::fillFileData(
+    FileNode& node, std::uint32_t start, Origin origin, bool isMarkedDeleted)
 {
     if (node.size == 0) {
         node.data = ExtentList {};
@@ -261,7 +281,8 @@ void FATWalker::fillFileData(FileNode& node, std::uint32_t start, Origin origin,
         if (!isWhole)
             node.note = "Klyngekæden er afbrudt";
     } else {
-        // The folder of a fragment may be lost while its files were never deleted: their chains still stand in the FAT.
+        // The folder of a fragment may be lost while its files were never deleted: their chains
+        // still stand in the FAT.
         if (origin == Origin::fragment && !isMarkedDeleted && !context_.fatUnavailable()
             && !liveClusters.contains(start) && fillFromChain(node, start)) {
             node.recoverability = Recoverability::good;
@@ -288,8 +309,10 @@ void FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
 {
     const std::uint64_t needed = heap_.clustersFor(node.size);
     const std::uint64_t clusters = std::min<std::uint64_t>(heap_.clustersFrom(start), needed);
-    node.data = ExtentList { { heap_.offsetOf(start), std::min(clusters * heap_.clusterSize, node.size) } };
-    if (clusters == needed && context_.areFree(start, std::min(clusters, DirectoryWalk::maxFreeChecks))) {
+    node.data = ExtentList { { heap_.offsetOf(start),
+        std::min(clusters * heap_.clusterSize, node.size) } };
+    if (clusters == needed
+        && context_.areFree(start, std::min(clusters, DirectoryWalk::maxFreeChecks))) {
         node.recoverability = Recoverability::good;
     } else if (!context_.areFree(start, 1)) {
         node.recoverability = Recoverability::poor;
@@ -302,5 +325,6 @@ void FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
 
 ClusterChain FATWalker::limitedChain(std::uint32_t start, std::uint64_t maxClusters)
 {
-    return walk_.chain(maxClusters, [&](std::uint64_t limit) { return context_.chain(start, limit); });
+    return walk_.chain(
+        maxClusters, [&](std::uint64_t limit) { return context_.chain(start, limit); });
 }

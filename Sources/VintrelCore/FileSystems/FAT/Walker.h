@@ -1,8 +1,8 @@
 #pragma once
 
 #include "VintrelCore/FileSystems/Clusters/DirectoryWalk.h"
-#include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Entries.h"
+#include "VintrelCore/FileSystems/FAT/Parser.h"
 
 #include <compare>
 #include <optional>
@@ -11,8 +11,8 @@
 #include <unordered_set>
 #include <vector>
 
-/// Walks the directories of one volume and hangs what they list on the tree. The live tree goes first, so that no
-/// deleted folder takes clusters from it.
+/// Walks the directories of one volume and hangs what they list on the tree. The live tree goes
+/// first, so that no deleted folder takes clusters from it.
 class FATWalker {
 public:
     FATWalker(FATContext& context, WorkProgress* progress);
@@ -21,13 +21,16 @@ public:
     enum class Origin {
         live,     ///< a directory that exists
         deleted,  ///< a deleted directory
-        fragment, ///< a directory that no other one leads to; what it lists may never have been deleted
+        fragment, ///< a directory that no other one leads to; what it lists may never have been
+                  ///< deleted
     };
 
-    /// Reads the fixed root directory of FAT12/16, or the root's chain on FAT32, and everything below it.
+    /// Reads the fixed root directory of FAT12/16, or the root's chain on FAT32, and everything
+    /// below it.
     void walkRoot(FileNode& root);
 
-    /// Reads what is left of the directory that begins, or goes on, in a cluster, and the folders that it leads to.
+    /// Reads what is left of the directory that begins, or goes on, in a cluster, and the folders
+    /// that it leads to.
     void walkFragment(std::uint32_t first, FileNode& folder, bool isRoot = false);
     /// The same for a fixed root directory.
     void walkLostRoot(std::uint64_t offset, std::uint64_t length, FileNode& root);
@@ -38,14 +41,15 @@ public:
     /// The text of the root directory's volume label entry, if it has one.
     const std::optional<std::string>& label() const { return label_; }
 
-    /// A cluster of which the first entry is the rest of a long name: the piece with this number, or 0 for the short
-    /// entry.
+    /// A cluster of which the first entry is the rest of a long name: the piece with this number,
+    /// or 0 for the short entry.
     struct Head {
         int sequence;
         std::uint8_t checksum;
         std::uint32_t cluster;
 
-        auto operator<=>(const Head&) const = default; // NOLINT(modernize-use-nullptr): what = default makes
+        auto operator<=>(
+            const Head&) const = default; // NOLINT(modernize-use-nullptr): what = default makes
     };
     std::set<Head> heads; ///< where a directory may go on that breaks off in a long name
     LooseEnds looseEnds;
@@ -67,9 +71,10 @@ private:
         Origin origin;
         int depth;
         bool isRoot;
-        std::vector<FATEntries::LongNamePiece> pieces; // of the long name whose short entry is still to come
-        std::vector<Pending> subfolders;               // in the order found
-        std::uint64_t behindLast = 0;                  // the cluster behind the content that its last entry names
+        std::vector<FATEntries::LongNamePiece>
+            pieces;                      // of the long name whose short entry is still to come
+        std::vector<Pending> subfolders; // in the order found
+        std::uint64_t behindLast = 0;    // the cluster behind the content that its last entry names
     };
 
     void walkPending();
@@ -112,7 +117,7 @@ struct LostRoot {
 };
 
 /// As for a volume. `root`: is read first, if there is one.
-std::unique_ptr<FileNode> lostEntries(
-    FATDeepInfo& info, std::span<const std::uint64_t> sectors, WorkProgress* progress, LostRoot* root);
+std::unique_ptr<FileNode> lostEntries(FATDeepInfo& info, std::span<const std::uint64_t> sectors,
+    WorkProgress* progress, LostRoot* root);
 
 } // namespace FATParser

@@ -74,7 +74,8 @@ ByteView HFSPlusTree::node(std::uint32_t number) const
     return ByteView(bytes_).sub(std::int64_t { number } * nodeSize_, nodeSize_);
 }
 
-/// Goes through the records of a node, as far as their offsets, which stand backwards at its end, make sense.
+/// Goes through the records of a node, as far as their offsets, which stand backwards at its end,
+/// make sense.
 template <class Visit> void HFSPlusTree::forEachRecord(std::uint32_t number, Visit visit) const
 {
     const auto bytes = node(number);

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/FileSystems/HFSPlus/Structures.h"
+#include "VintrelCore/Foundation/Binary.h"
 
 #include <cstdint>
 #include <functional>
@@ -11,16 +11,18 @@
 /// A B-tree file of HFS+, in memory.
 class HFSPlusTree {
 public:
-    /// Takes a leaf record. `isLive`: its node is part of the tree, and not one that the tree gave up.
+    /// Takes a leaf record. `isLive`: its node is part of the tree, and not one that the tree gave
+    /// up.
     using Body = std::function<void(ByteView record, bool isLive)>;
 
     /// None when the bytes are no tree.
     static std::optional<HFSPlusTree> open(Bytes bytes);
 
-    /// Hands every record of every leaf node to `body`, in the order of the nodes' numbers. `isDamaged(offset, length)`
-    /// tells whether a range of the tree could not be read: where that cuts the chain of leaves, those that the index
-    /// still names are live too.
-    void forEachLeafRecord(const std::function<bool(std::uint64_t, std::uint64_t)>& isDamaged, const Body& body) const;
+    /// Hands every record of every leaf node to `body`, in the order of the nodes' numbers.
+    /// `isDamaged(offset, length)` tells whether a range of the tree could not be read: where that
+    /// cuts the chain of leaves, those that the index still names are live too.
+    void forEachLeafRecord(
+        const std::function<bool(std::uint64_t, std::uint64_t)>& isDamaged, const Body& body) const;
 
     ByteView bytes() const { return bytes_; }
 

@@ -42,8 +42,8 @@ std::unique_ptr<Volume> HFSContext::build(const std::string& origin, WorkProgres
 
     const auto root = entries_.find(rootFolderID);
     auto volume = std::make_unique<Volume>(FileSystemType::hfsplus,
-        root != entries_.end() ? nameOf(root->second) : std::string(), base_, header_.totalBlocks * blockSize_,
-        FileNode::makeFolder("", EntryStatus::existing), origin);
+        root != entries_.end() ? nameOf(root->second) : std::string(), base_,
+        header_.totalBlocks * blockSize_, FileNode::makeFolder("", EntryStatus::existing), origin);
     volume->root->fsID = rootFolderID;
     if (header_.signature == signatureHFSX)
         volume->notes.emplace_back("HFSX (versalfølsom)");
@@ -61,14 +61,17 @@ void HFSContext::loadOverflow()
     if (!tree)
         return;
     const auto runs = inlineRuns(header_.extentsFile);
-    tree->forEachLeafRecord([&](std::uint64_t offset, std::uint64_t length) { return isDamaged(runs, offset, length); },
+    tree->forEachLeafRecord(
+        [&](std::uint64_t offset, std::uint64_t length) { return isDamaged(runs, offset, length); },
         [this](ByteView record, bool isLive) {
             const auto key = record.load<OverflowRecord>(0);
             if (!isLive || !key || key->keyLength != 10 || key->forkType != 0)
                 return;
             OverflowRuns found { .start = key->startBlock, .runs = {} };
-            for (std::int64_t at = sizeof(OverflowRecord), i = 0; i < 8; ++i, at += sizeof(ExtentDescriptor))
-                if (const auto extent = record.load<ExtentDescriptor>(at); extent && extent->blockCount != 0)
+            for (std::int64_t at = sizeof(OverflowRecord), i = 0; i < 8;
+                 ++i, at += sizeof(ExtentDescriptor))
+                if (const auto extent = record.load<ExtentDescriptor>(at);
+                    extent && extent->blockCount != 0)
                     found.runs.push_back({ extent->startBlock, extent->blockCount });
             overflow_[key->fileID].push_back(std::move(found));
         });
@@ -95,7 +98,8 @@ void HFSContext::addToCatalog(ByteView record, bool isLive)
         return;
     const auto data = dataOf(record);
     const auto type = data.u16be(offsetof(CatalogItem, type));
-    if ((type != folderType && type != fileType) || (type == fileType && data.size() < sizeof(CatalogFile)))
+    if ((type != folderType && type != fileType)
+        || (type == fileType && data.size() < sizeof(CatalogFile)))
         return;
     const auto id = data.u32be(offsetof(CatalogItem, id));
     if (id < rootFolderID)
@@ -111,15 +115,16 @@ void HFSContext::addToCatalog(ByteView record, bool isLive)
     const auto [known, isNew] = entries_.emplace(id, found);
     if (isNew)
         return;
-    const bool isBetter = isLive != known->second.isLive ? isLive : found.modified > known->second.modified;
+    const bool isBetter
+        = isLive != known->second.isLive ? isLive : found.modified > known->second.modified;
     if (isBetter)
         known->second = found;
 }
 
 Bytes HFSContext::readFork(const ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const
 {
-    // The claimed size is held to what the extents have room for, and that to what the source holds, before memory is
-    // asked for.
+    // The claimed size is held to what the extents have room for, and that to what the source
+    // holds, before memory is asked for.
     const auto runs = allRuns(fork, fileID);
     std::uint64_t room = 0;
     for (const auto& run : runs) {
@@ -127,11 +132,12 @@ Bytes HFSContext::readFork(const ForkData& fork, std::uint32_t fileID, std::uint
             break;
         room += run.count * blockSize_;
     }
-    Bytes bytes(static_cast<std::size_t>(std::min<std::uint64_t>({ cap, fork.logicalSize, room, source_.size() })));
+    Bytes bytes(static_cast<std::size_t>(
+        std::min<std::uint64_t>({ cap, fork.logicalSize, room, source_.size() })));
     std::span<std::uint8_t> rest(bytes);
     for (const auto& run : runs) {
-        const auto piece
-            = rest.first(static_cast<std::size_t>(std::min<std::uint64_t>(rest.size(), run.count * blockSize_)));
+        const auto piece = rest.first(
+            static_cast<std::size_t>(std::min<std::uint64_t>(rest.size(), run.count * blockSize_)));
         if (const auto offset = offsetOf(run.start))
             source_.readReporting(*offset, piece, ReadMode::thorough);
         rest = rest.subspan(piece.size());
@@ -146,7 +152,8 @@ bool HFSContext::isDamaged(const Runs& runs, std::uint64_t offset, std::uint64_t
         const std::uint64_t runLength = run.count * blockSize_;
         if (offset < runLength && length > 0) {
             const std::uint64_t count = std::min(length, runLength - offset);
-            if (const auto start = offsetOf(run.start); start && source_.hasBadSectors(*start + offset, count))
+            if (const auto start = offsetOf(run.start);
+                start && source_.hasBadSectors(*start + offset, count))
                 return true;
             length -= count;
             offset = runLength;
@@ -194,7 +201,8 @@ std::optional<std::uint64_t> HFSContext::offsetOf(std::uint32_t block) const
 
 bool HFSContext::isAllocated(std::uint64_t block) const
 {
-    return (ByteView(allocation_).u8(static_cast<std::int64_t>(block / 8)) & 0x80 >> block % 8) != 0;
+    return (ByteView(allocation_).u8(static_cast<std::int64_t>(block / 8)) & 0x80 >> block % 8)
+        != 0;
 }
 
 /// A record's data begins behind its key, at an even offset.

@@ -32,8 +32,8 @@ private:
         Runs runs;
     };
 
-    /// A file or folder record of the catalog. Its fields are read again where they are needed: the catalog stays in
-    /// memory, and has more of them than any other volume has of anything.
+    /// A file or folder record of the catalog. Its fields are read again where they are needed: the
+    /// catalog stays in memory, and has more of them than any other volume has of anything.
     struct CatalogEntry {
         std::uint32_t parent = 0;
         std::uint32_t modified = 0; ///< as stored; 0: no date, and earlier than all
@@ -47,7 +47,8 @@ private:
     void loadOverflow();
     void loadCatalog();
     void addToCatalog(ByteView record, bool isLive);
-    Bytes readFork(const HFSPlusFormat::ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const;
+    Bytes readFork(
+        const HFSPlusFormat::ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const;
     bool isDamaged(const Runs& runs, std::uint64_t offset, std::uint64_t length) const;
     static Runs inlineRuns(const HFSPlusFormat::ForkData& fork);
     Runs allRuns(const HFSPlusFormat::ForkData& fork, std::uint32_t fileID) const;
@@ -70,10 +71,12 @@ private:
     const std::uint64_t base_;
     const HFSPlusFormat::VolumeHeader header_;
     const std::uint64_t blockSize_;
-    std::unordered_map<std::uint32_t, std::vector<OverflowRuns>> overflow_; // by file ID, ascending once loaded
-    Bytes allocation_;                                                      // empty: could not be read
+    std::unordered_map<std::uint32_t, std::vector<OverflowRuns>>
+        overflow_;     // by file ID, ascending once loaded
+    Bytes allocation_; // empty: could not be read
     std::optional<HFSPlusTree> catalog_;
     std::unordered_map<std::uint32_t, CatalogEntry> entries_; // by catalog node ID
-    std::unordered_map<std::uint32_t, std::uint32_t> inodes_; // IDs of the hard links' files, by their number
-    std::unordered_map<std::uint32_t, bool> reaches_;         // memo of reaches()
+    std::unordered_map<std::uint32_t, std::uint32_t>
+        inodes_; // IDs of the hard links' files, by their number
+    std::unordered_map<std::uint32_t, bool> reaches_; // memo of reaches()
 };

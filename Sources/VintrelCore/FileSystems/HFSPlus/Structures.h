@@ -15,9 +15,10 @@ struct ExtentDescriptor {
 };
 
 struct ForkData {
-    BE64 logicalSize;                        //  0  in bytes
-    BE32 clumpSize, totalBlocks;             //  8, 12
-    std::array<ExtentDescriptor, 8> extents; // 16  the first ones; the extents overflow file has the rest
+    BE64 logicalSize;            //  0  in bytes
+    BE32 clumpSize, totalBlocks; //  8, 12
+    std::array<ExtentDescriptor, 8>
+        extents; // 16  the first ones; the extents overflow file has the rest
 };
 static_assert(sizeof(ForkData) == 80 && offsetof(ForkData, extents) == 16);
 

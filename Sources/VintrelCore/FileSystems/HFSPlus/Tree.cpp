@@ -2,8 +2,8 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
-#include "VintrelCore/FileSystems/HFSPlus/Parser.h"
 #include "VintrelCore/FileSystems/HFSPlus/Context.h"
+#include "VintrelCore/FileSystems/HFSPlus/Parser.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 
 #include <algorithm>
@@ -28,12 +28,14 @@ std::optional<std::uint32_t> inodeNumber(std::string_view name)
     name.remove_prefix(prefix.size());
     std::uint32_t number = 0;
     const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
-    return error == std::errc() && end == name.data() + name.size() ? std::optional(number) : std::nullopt;
+    return error == std::errc() && end == name.data() + name.size() ? std::optional(number)
+                                                                    : std::nullopt;
 }
 
 bool isHardLink(const CatalogFile& file)
 {
-    return file.fileType == hardLinkType && file.fileCreator == hardLinkCreator && file.dataFork.logicalSize == 0;
+    return file.fileType == hardLinkType && file.fileCreator == hardLinkCreator
+        && file.dataFork.logicalSize == 0;
 }
 
 } // namespace
@@ -41,7 +43,8 @@ bool isHardLink(const CatalogFile& file)
 std::string HFSContext::nameOf(const CatalogEntry& entry) const
 {
     const auto record = catalog_->bytes().sub(entry.at, entry.length);
-    return Unicode::composed(record.utf16be(sizeof(CatalogKey), record.u16be(offsetof(CatalogKey, nameLength))));
+    return Unicode::composed(
+        record.utf16be(sizeof(CatalogKey), record.u16be(offsetof(CatalogKey, nameLength))));
 }
 
 void HFSContext::indexHardLinks()
@@ -57,7 +60,8 @@ void HFSContext::indexHardLinks()
 
 void HFSContext::linkTree(FileNode& root)
 {
-    std::vector<std::uint32_t> ids; // ascending, so that the order of the nodes does not depend on a hash
+    std::vector<std::uint32_t>
+        ids; // ascending, so that the order of the nodes does not depend on a hash
     for (const auto& [id, entry] : entries_)
         if (id != rootFolderID)
             ids.push_back(id);
@@ -94,7 +98,8 @@ bool HFSContext::reaches(std::uint32_t id)
     std::vector<std::uint32_t> path;
     bool answer = false;
     while (true) {
-        const auto [known, isNew] = reaches_.emplace(id, false); // a chain that comes back to itself finds this
+        const auto [known, isNew]
+            = reaches_.emplace(id, false); // a chain that comes back to itself finds this
         if (!isNew) {
             answer = known->second;
             break;
@@ -104,7 +109,8 @@ bool HFSContext::reaches(std::uint32_t id)
         if (entry == entries_.end())
             break;
         const auto parent = entries_.find(entry->second.parent);
-        if (parent == entries_.end() || parent->second.node == nullptr || !parent->second.node->isDirectory())
+        if (parent == entries_.end() || parent->second.node == nullptr
+            || !parent->second.node->isDirectory())
             break;
         id = entry->second.parent;
     }
@@ -148,7 +154,8 @@ void HFSContext::fill(FileNode& node, std::uint32_t id, const CatalogEntry& entr
     if ((file.item.ownerFlags & compressedFlag) != 0) {
         node.data = ExtentList {};
         node.recoverability = Recoverability::poor;
-        node.addNote("HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke gendannes direkte");
+        node.addNote("HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke "
+                     "gendannes direkte");
         return;
     }
     if (size == 0 && file.resourceFork.logicalSize != 0)
@@ -166,7 +173,8 @@ void HFSContext::fill(FileNode& node, std::uint32_t id, const CatalogEntry& entr
         const auto offset = offsetOf(run.start);
         extents.push_back({ offset, length });
         remaining -= length;
-        isIncomplete = isIncomplete || (entry.isLive && (!offset || length > source_.size() - *offset));
+        isIncomplete
+            = isIncomplete || (entry.isLive && (!offset || length > source_.size() - *offset));
     }
     if (remaining > 0) {
         extents.push_back({ std::nullopt, remaining });
@@ -186,12 +194,14 @@ void HFSContext::fill(FileNode& node, std::uint32_t id, const CatalogEntry& entr
 /// The chance of a deleted file whose every block is known, by the allocation bitmap.
 void HFSContext::estimateDeleted(FileNode& node, const Runs& runs) const
 {
-    std::uint64_t needed = std::min(node.size / blockSize_ + (node.size % blockSize_ != 0), maxBlockChecks);
+    std::uint64_t needed
+        = std::min(node.size / blockSize_ + (node.size % blockSize_ != 0), maxBlockChecks);
     bool isFirstReused = false;
     bool isReused = false;
     bool isFirst = true;
     for (const auto& run : runs) {
-        for (std::uint64_t block = run.start; block - run.start < run.count && needed > 0; ++block, --needed) {
+        for (std::uint64_t block = run.start; block - run.start < run.count && needed > 0;
+             ++block, --needed) {
             isReused = isReused || isAllocated(block);
             isFirstReused = isFirstReused || (isFirst && isReused);
             isFirst = false;
@@ -210,8 +220,9 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
 {
     if (offset >= source.size()) // also keeps every place on the volume within 64 bits
         return nullptr;
-    const auto own
-        = found ? Bytes() : source.read(offset + volumeHeaderOffset, sizeof(VolumeHeader), ReadMode::thorough);
+    const auto own = found
+        ? Bytes()
+        : source.read(offset + volumeHeaderOffset, sizeof(VolumeHeader), ReadMode::thorough);
     const auto bytes = found.value_or(own);
     const auto header = bytes.load<VolumeHeader>(0);
     if (!header || !FSProbe::isHFSPlusHeader(bytes))
@@ -226,11 +237,13 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header)
     if (!stored || !FSProbe::isHFSPlusHeader(header))
         return false;
     const auto& first = stored->catalogFile.extents.front();
-    const std::uint64_t catalog = std::uint64_t { first.startBlock } * stored->blockSize; // below 2^52
+    const std::uint64_t catalog
+        = std::uint64_t { first.startBlock } * stored->blockSize; // below 2^52
     if (first.blockCount == 0 || offset >= source.size() || catalog >= source.size() - offset)
         return false;
     auto node = source.read(offset + catalog, looked, ReadMode::thorough);
-    return ByteView(node).u8(offsetof(NodeDescriptor, kind)) == headerKind && HFSPlusTree::open(std::move(node));
+    return ByteView(node).u8(offsetof(NodeDescriptor, kind)) == headerKind
+        && HFSPlusTree::open(std::move(node));
 }
 
 } // namespace HFSPlusParser

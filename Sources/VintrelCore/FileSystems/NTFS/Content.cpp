@@ -14,8 +14,8 @@ namespace {
 /// Clusters are numbered with signed 64-bit numbers; a fragment that begins beyond this is made up.
 constexpr std::uint64_t maxVCN = std::uint64_t { 1 } << 62;
 
-/// NTFS makes compression units of 16 clusters of at most 4 KiB. Of a larger one the claim that it is compressed is not
-/// believed.
+/// NTFS makes compression units of 16 clusters of at most 4 KiB. Of a larger one the claim that it
+/// is compressed is not believed.
 constexpr std::uint64_t maxUnitBytes = 67'108'864;
 
 /// A sparse file can be larger than its volume, but no system that makes them goes beyond this.
@@ -61,10 +61,12 @@ std::uint64_t countSet(ByteView bits, std::uint64_t first, std::uint64_t count)
         const auto at = static_cast<std::int64_t>(first / 8);
         const auto whole = bits.load<LE64>(at);
         const std::uint64_t word
-            = (whole ? std::uint64_t { *whole } : bits.uintLE(at, static_cast<int>(bits.size() - first / 8)))
+            = (whole ? std::uint64_t { *whole }
+                     : bits.uintLE(at, static_cast<int>(bits.size() - first / 8)))
             >> first % 8;
         const std::uint64_t inWord = std::min(count, 64 - first % 8);
-        const std::uint64_t mask = inWord == 64 ? ~std::uint64_t { 0 } : (std::uint64_t { 1 } << inWord) - 1;
+        const std::uint64_t mask
+            = inWord == 64 ? ~std::uint64_t { 0 } : (std::uint64_t { 1 } << inWord) - 1;
         set += static_cast<std::uint64_t>(std::popcount(word & mask));
         first += inWord;
         count -= inWord;
@@ -92,7 +94,8 @@ std::optional<Merged> merge(const NTFSContext& context, std::vector<DataFragment
             merged.hasGaps = true;
             next = fragment.startVCN;
         }
-        std::uint64_t known = next - fragment.startVCN; // clusters of an earlier fragment, which stays
+        std::uint64_t known
+            = next - fragment.startVCN; // clusters of an earlier fragment, which stays
         for (auto run : fragment.runs) {
             const std::uint64_t skipped = std::min(known, run.clusters);
             known -= skipped;
@@ -136,7 +139,8 @@ Content of(const NTFSContext& context, std::vector<DataFragment>& fragments)
     const auto clusterSize = context.geometry().clusterSize;
     const std::uint64_t covered = clustersIn(merged->runs);
     std::uint64_t limit = context.capacity();
-    if ((first.isSparse || first.isCompressed) && bytesIn(covered, clusterSize, merged->size) == merged->size)
+    if ((first.isSparse || first.isCompressed)
+        && bytesIn(covered, clusterSize, merged->size) == merged->size)
         limit = std::max(limit, maxSparseSize);
     content.size = std::min(merged->size, limit);
     if (merged->hasGaps || content.size < merged->size)
@@ -147,7 +151,8 @@ Content of(const NTFSContext& context, std::vector<DataFragment>& fragments)
         content.doubts |= lacksRuns;
     if (!context.geometry().hasPlace) // clusters without a place say nothing
         return content;
-    const std::uint64_t unitClusters = first.compressionUnit < 32 ? std::uint64_t { 1 } << first.compressionUnit : 0;
+    const std::uint64_t unitClusters
+        = first.compressionUnit < 32 ? std::uint64_t { 1 } << first.compressionUnit : 0;
     const bool isUnit = unitClusters > 1 && unitClusters <= maxUnitBytes / clusterSize;
     if (!first.isCompressed || !isUnit) {
         if (first.isCompressed)
@@ -155,8 +160,8 @@ Content of(const NTFSContext& context, std::vector<DataFragment>& fragments)
         content.data = std::move(located.extents);
         return content;
     }
-    // Runs stay what they are, also those that lie nowhere: a run turned into a hole would make its unit a compressed
-    // one.
+    // Runs stay what they are, also those that lie nowhere: a run turned into a hole would make its
+    // unit a compressed one.
     CompressedRuns compressed { .runs = std::move(merged->runs),
         .clusterSize = clusterSize,
         .unitClusters = unitClusters,
@@ -177,7 +182,8 @@ AllocationMap AllocationMap::load(const NTFSContext& context, const FileData& bi
         return map;
 
     auto& source = context.source();
-    // Clusters that the source does not hold have nothing to lose; so the bitmap never takes more than its share.
+    // Clusters that the source does not hold have nothing to lose; so the bitmap never takes more
+    // than its share.
     const std::uint64_t needed = context.capacity() / context.geometry().clusterSize / 8 + 1;
     const auto addGap = [&](std::uint64_t start, std::uint64_t length) {
         if (map.gaps_.empty() || map.gaps_.back().end != start)
@@ -193,14 +199,15 @@ AllocationMap AllocationMap::load(const NTFSContext& context, const FileData& bi
             continue;
         }
         for (std::uint64_t done = 0; done < length;) {
-            const auto piece = std::span(map.bits_).subspan(
-                static_cast<std::size_t>(start + done), std::min<std::size_t>(bitmapPiece, length - done));
+            const auto piece = std::span(map.bits_).subspan(static_cast<std::size_t>(start + done),
+                std::min<std::size_t>(bitmapPiece, length - done));
             const std::uint64_t offset = *extent.offset + done;
-            // Unreadable parts are zeros, which would call every cluster free: they are told apart, sector by sector.
+            // Unreadable parts are zeros, which would call every cluster free: they are told apart,
+            // sector by sector.
             if (source.readReporting(offset, piece, ReadMode::thorough) > 0) {
                 for (std::size_t at = 0; at < piece.size(); at += source.sectorSize()) {
-                    const auto sector
-                        = piece.subspan(at, std::min<std::size_t>(source.sectorSize(), piece.size() - at));
+                    const auto sector = piece.subspan(
+                        at, std::min<std::size_t>(source.sectorSize(), piece.size() - at));
                     if (source.readReporting(offset + at, sector, ReadMode::thorough) > 0)
                         addGap(start + done + at, sector.size());
                 }
@@ -219,7 +226,9 @@ AllocationMap::Use AllocationMap::useOf(const FileData& data, const NTFSGeometry
             if (!extent.offset || *extent.offset < geometry.base)
                 continue;
             const std::uint64_t first = (*extent.offset - geometry.base) / geometry.clusterSize;
-            look(first, extent.length / geometry.clusterSize + (extent.length % geometry.clusterSize != 0), use);
+            look(first,
+                extent.length / geometry.clusterSize + (extent.length % geometry.clusterSize != 0),
+                use);
         }
     } else if (const auto* compressed = std::get_if<CompressedRuns>(&data)) {
         for (const auto& run : compressed->runs)
@@ -238,8 +247,8 @@ void AllocationMap::look(std::uint64_t first, std::uint64_t count, Use& use) con
     const std::uint64_t inMap = first < end ? std::min(count, end - first) : 0;
     const std::uint64_t used = countSet(bits_, first, inMap);
     use.isUnknown = use.isUnknown || inMap < count || !isKnown(first, count);
-    use.isFirstUsed
-        = use.isFirstUsed || (use.checked == 0 && countSet(bits_, first, std::min<std::uint64_t>(1, inMap)) > 0);
+    use.isFirstUsed = use.isFirstUsed
+        || (use.checked == 0 && countSet(bits_, first, std::min<std::uint64_t>(1, inMap)) > 0);
     use.checked += count;
     use.used += used;
 }

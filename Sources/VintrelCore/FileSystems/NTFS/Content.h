@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-/// From the $DATA attributes of a file to its content, and to the chance that the content is still the file's own.
+/// From the $DATA attributes of a file to its content, and to the chance that the content is still
+/// the file's own.
 namespace NTFSContent {
 
 /// What speaks against a content. Bits, because several can meet.
@@ -27,7 +28,8 @@ struct Merged {
     bool hasGaps = false;
 };
 
-/// None unless the first fragment lies in clusters. The fragments are left in the order of their VCN.
+/// None unless the first fragment lies in clusters. The fragments are left in the order of their
+/// VCN.
 std::optional<Merged> merge(const NTFSContext& context, std::vector<DataFragment>& fragments);
 
 struct Content {
@@ -36,8 +38,8 @@ struct Content {
     std::uint8_t doubts = 0;
 };
 
-/// The content that the fragments, which are used up, make. A size that neither the volume nor the source could hold is
-/// cut to what they could.
+/// The content that the fragments, which are used up, make. A size that neither the volume nor the
+/// source could hold is cut to what they could.
 Content of(const NTFSContext& context, std::vector<DataFragment>& fragments);
 
 /// Which clusters of a volume are in use, as $Bitmap says.
@@ -73,7 +75,8 @@ struct Chance {
     std::optional<std::string> note;
 };
 
-/// The chance of a file's content. `use`: of its clusters; none for a file that exists, whose clusters are its own.
+/// The chance of a file's content. `use`: of its clusters; none for a file that exists, whose
+/// clusters are its own.
 Chance chanceOf(std::uint8_t doubts, const std::optional<AllocationMap::Use>& use);
 
 /// The note about a folder, which has no content to doubt.

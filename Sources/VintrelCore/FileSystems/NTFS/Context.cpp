@@ -1,8 +1,8 @@
 // Geometry of an NTFS volume, and the way to its MFT.
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/NTFS/Parser.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
+#include "VintrelCore/FileSystems/NTFS/Parser.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -33,8 +33,8 @@ constexpr std::uint64_t minMFTRecords = 16;
 /// The records of the MFT are read in pieces of this size.
 constexpr std::uint64_t batchSize = 4'194'304;
 
-/// Extension records of the MFT can lie in pieces of the MFT that only other extension records know of. Systems keep
-/// them where the first pieces are, so that few rounds find all of them.
+/// Extension records of the MFT can lie in pieces of the MFT that only other extension records know
+/// of. Systems keep them where the first pieces are, so that few rounds find all of them.
 constexpr int maxExtensionRounds = 16;
 
 constexpr auto maximum = std::numeric_limits<std::uint64_t>::max();
@@ -54,8 +54,8 @@ std::uint64_t recordSize(std::uint8_t stored, std::uint64_t clusterSize)
     return power > 16 ? 0 : std::uint64_t { 1 } << power;
 }
 
-/// Clusters of a sound MFT belong to it once. One whose pieces together are larger than the source is made up, and ends
-/// where it becomes that; so does one that goes on past the end of the source.
+/// Clusters of a sound MFT belong to it once. One whose pieces together are larger than the source
+/// is made up, and ends where it becomes that; so does one that goes on past the end of the source.
 ExtentList limited(const ExtentList& extents, std::uint64_t sourceSize)
 {
     ExtentList kept;
@@ -83,14 +83,17 @@ ExtentList limited(const ExtentList& extents, std::uint64_t sourceSize)
 
 std::optional<NTFSGeometry> NTFSGeometry::from(ByteView boot, std::uint64_t base)
 {
-    std::array<std::uint8_t, sizeof(BootSector)> padded {}; // fields beyond the end of a short boot sector are 0
+    std::array<std::uint8_t, sizeof(BootSector)>
+        padded {}; // fields beyond the end of a short boot sector are 0
     std::ranges::copy(boot.sub(0, padded.size()).span(), padded.begin());
     const auto sector = std::bit_cast<BootSector>(padded);
 
     const std::uint64_t bytesPerSector = sector.bytesPerSector;
     const std::uint64_t sectors = sectorsPerCluster(sector.sectorsPerCluster);
-    const bool isSectorSize = bytesPerSector >= 512 && bytesPerSector <= 4096 && std::has_single_bit(bytesPerSector);
-    if (!boot.matches("NTFS    ", 3) || !isSectorSize || sectors < 1 || sectors > maxSectorsPerCluster)
+    const bool isSectorSize
+        = bytesPerSector >= 512 && bytesPerSector <= 4096 && std::has_single_bit(bytesPerSector);
+    if (!boot.matches("NTFS    ", 3) || !isSectorSize || sectors < 1
+        || sectors > maxSectorsPerCluster)
         return std::nullopt;
     const std::uint64_t clusterSize = bytesPerSector * sectors;
     const std::uint64_t recordBytes = ::recordSize(sector.clustersPerRecord, clusterSize);
@@ -100,7 +103,9 @@ std::optional<NTFSGeometry> NTFSGeometry::from(ByteView boot, std::uint64_t base
         .base = base,
         .clusterSize = clusterSize,
         .recordSize = static_cast<std::uint32_t>(recordBytes),
-        .volumeSize = sector.totalSectors > maximum / bytesPerSector ? maximum : sector.totalSectors * bytesPerSector,
+        .volumeSize = sector.totalSectors > maximum / bytesPerSector
+            ? maximum
+            : sector.totalSectors * bytesPerSector,
         .mftLCN = sector.mftLCN,
         .mirrorLCN = sector.mirrorLCN,
     };
@@ -129,16 +134,19 @@ Extent MappedStream::at(std::uint64_t position) const
         return {};
     const auto& extent = extents_[static_cast<std::size_t>(end - ends_.begin())];
     const std::uint64_t left = *end - position;
-    return { extent.offset ? std::optional(*extent.offset + extent.length - left) : std::nullopt, left };
+    return { extent.offset ? std::optional(*extent.offset + extent.length - left) : std::nullopt,
+        left };
 }
 
-bool MappedStream::read(DiskSource& source, std::uint64_t position, std::span<std::uint8_t> into) const
+bool MappedStream::read(
+    DiskSource& source, std::uint64_t position, std::span<std::uint8_t> into) const
 {
     bool isOnSource = false;
     while (!into.empty()) {
         const auto [offset, length] = at(position);
-        const auto piece = into.first(
-            length == 0 ? into.size() : static_cast<std::size_t>(std::min<std::uint64_t>(length, into.size())));
+        const auto piece = into.first(length == 0
+                ? into.size()
+                : static_cast<std::size_t>(std::min<std::uint64_t>(length, into.size())));
         if (offset)
             source.readReporting(*offset, piece, ReadMode::thorough);
         else
@@ -166,7 +174,8 @@ NTFSContext::Located NTFSContext::extents(
             return;
         auto& extents = located.extents;
         const bool continues = !extents.empty()
-            && (offset ? extents.back().offset && *extents.back().offset + extents.back().length == *offset
+            && (offset ? extents.back().offset
+                        && *extents.back().offset + extents.back().length == *offset
                        : !extents.back().offset);
         if (continues)
             extents.back().length += length;
@@ -178,10 +187,12 @@ NTFSContext::Located NTFSContext::extents(
     for (const auto& run : runs) {
         if (size == 0)
             break;
-        const std::uint64_t length
-            = run.clusters > size / geometry_.clusterSize ? size : run.clusters * geometry_.clusterSize;
+        const std::uint64_t length = run.clusters > size / geometry_.clusterSize
+            ? size
+            : run.clusters * geometry_.clusterSize;
         auto offset = run.lcn ? geometry_.offsetOf(*run.lcn) : std::nullopt;
-        if (run.lcn && (!offset || *offset >= source_.size() || length > source_.size() - *offset)) {
+        if (run.lcn
+            && (!offset || *offset >= source_.size() || length > source_.size() - *offset)) {
             located.isComplete = false;
             if (offset && *offset >= source_.size())
                 offset.reset();
@@ -227,18 +238,21 @@ std::optional<MappedStream> NTFSContext::locateMFT(std::vector<std::string>& not
             notes.emplace_back("$MFT-posten har fejl i opdateringssekvensen.");
         return mft;
     }
-    notes.emplace_back("$MFT kunne ikke findes. Kør en dyb scanning for at genopbygge fra løse MFT-poster.");
+    notes.emplace_back(
+        "$MFT kunne ikke findes. Kør en dyb scanning for at genopbygge fra løse MFT-poster.");
     return std::nullopt;
 }
 
-/// The MFT as its own record says, extension records and all. None when the record holds no data that lies in clusters.
+/// The MFT as its own record says, extension records and all. None when the record holds no data
+/// that lies in clusters.
 std::optional<MappedStream> NTFSContext::mapMFT(MFTRecord& record) const
 {
     const auto map = [&]() -> std::optional<MappedStream> {
         auto merged = NTFSContent::merge(*this, record.data);
         if (!merged)
             return std::nullopt;
-        return MappedStream(limited(extents(merged->runs, merged->size, merged->initSize).extents, source_.size()));
+        return MappedStream(
+            limited(extents(merged->runs, merged->size, merged->initSize).extents, source_.size()));
     };
     auto mft = map();
     if (!record.hasAttributeList())
@@ -279,12 +293,15 @@ MFTRecords NTFSContext::readAllRecords(const MappedStream& mft, WorkProgress* pr
         const auto stretch = mft.at(number * recordSize);
         std::uint64_t count = std::min(stretch.length / recordSize, total - number);
         if (stretch.offset || count == 0) {
-            // Clusters can be smaller than records: one that begins in this stretch and ends in another is read across.
+            // Clusters can be smaller than records: one that begins in this stretch and ends in
+            // another is read across.
             count = std::clamp<std::uint64_t>(count, 1, batch);
-            const auto bytes = std::span(buffer).first(static_cast<std::size_t>(count * recordSize));
+            const auto bytes
+                = std::span(buffer).first(static_cast<std::size_t>(count * recordSize));
             mft.read(source_, number * recordSize, bytes);
             for (std::uint64_t i = 0; i < count; ++i) {
-                const auto recordBytes = bytes.subspan(static_cast<std::size_t>(i * recordSize), recordSize);
+                const auto recordBytes
+                    = bytes.subspan(static_cast<std::size_t>(i * recordSize), recordSize);
                 if (NTFSParser::parseRecord(recordBytes, number + i, record))
                     records.add(record);
             }
@@ -292,7 +309,8 @@ MFTRecords NTFSContext::readAllRecords(const MappedStream& mft, WorkProgress* pr
         number += count;
         if (progress != nullptr)
             progress->report(static_cast<double>(number) / static_cast<double>(total),
-                "Læser MFT … " + std::to_string(number) + " af " + std::to_string(total) + " poster");
+                "Læser MFT … " + std::to_string(number) + " af " + std::to_string(total)
+                    + " poster");
     }
     return records;
 }

@@ -1,8 +1,9 @@
 // NTFSParser::parse: the face of the NTFS reader.
 
+#include "VintrelCore/FileSystems/NTFS/Parser.h"
+
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
-#include "VintrelCore/FileSystems/NTFS/Parser.h"
 
 namespace NTFSParser {
 

@@ -2,8 +2,8 @@
 
 #include "VintrelCore/Carving/Carver.h"
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/NTFS/Parser.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
+#include "VintrelCore/FileSystems/NTFS/Parser.h"
 
 #include <algorithm>
 #include <bit>
@@ -17,15 +17,18 @@ namespace NTFSParser {
 namespace {
 
 constexpr std::uint64_t maxRecordSize = 4096;
-constexpr std::uint64_t mirroredRecords = 4; // at the beginning of the MFT, or as many as fit in a cluster
+constexpr std::uint64_t mirroredRecords
+    = 4; // at the beginning of the MFT, or as many as fit in a cluster
 constexpr std::uint64_t firstUserRecord = 16;
-constexpr std::size_t leastMatches = 2;   // records at the place that an MFT's own record gives them
+constexpr std::size_t leastMatches = 2; // records at the place that an MFT's own record gives them
 constexpr std::size_t maxOwnRecords = 64; // copies of record 0 that are looked into
 constexpr std::size_t maxReadings = 64;   // geometries that they suggest
 constexpr std::size_t maxGroups = 8;      // volumes, or states of one, told apart by numbers alone
-constexpr std::size_t maxWitnesses = 400; // files and folders of a group that its place is tested with
-constexpr std::size_t maxPairs = 2'500;   // finds that a witness may be
-constexpr std::size_t leastShare = 10;    // one in so many witnesses must speak for a place that finds suggest
+constexpr std::size_t maxWitnesses
+    = 400; // files and folders of a group that its place is tested with
+constexpr std::size_t maxPairs = 2'500; // finds that a witness may be
+constexpr std::size_t leastShare
+    = 10; // one in so many witnesses must speak for a place that finds suggest
 constexpr std::uint64_t maxClusterSize = 2'097'152;
 
 /// A record that belongs to no volume yet.
@@ -35,19 +38,24 @@ struct Loose {
     std::uint32_t size; ///< of the record, in bytes
 };
 
-/// Whether one record says of a file what the other says: its name, place and size, and since when it has been there.
-/// An older state of a file, with another size, is worth being listed.
+/// Whether one record says of a file what the other says: its name, place and size, and since when
+/// it has been there. An older state of a file, with another size, is worth being listed.
 bool saysTheSame(const MFTRecord& one, const MFTRecord& other)
 {
-    const auto size = [](const MFTRecord& record) { return record.data.empty() ? 0 : record.data.front().dataSize; };
-    if (one.number != other.number || one.names.empty() || other.names.empty() || size(one) != size(other))
+    const auto size = [](const MFTRecord& record) {
+        return record.data.empty() ? 0 : record.data.front().dataSize;
+    };
+    if (one.number != other.number || one.names.empty() || other.names.empty()
+        || size(one) != size(other))
         return false;
     const auto& name = one.names.front();
     const auto& otherName = other.names.front();
-    return name.name == otherName.name && name.parent == otherName.parent && name.created == otherName.created;
+    return name.name == otherName.name && name.parent == otherName.parent
+        && name.created == otherName.created;
 }
 
-/// A file or folder by which the place of a volume can be tested: something recognisable begins at its first cluster.
+/// A file or folder by which the place of a volume can be tested: something recognisable begins at
+/// its first cluster.
 struct Witness {
     std::uint64_t lcn;
     std::string ext;    ///< empty for a folder, whose index begins with "INDX"
@@ -71,8 +79,8 @@ std::uint64_t clustersIn(const DataFragment& fragment)
 std::uint64_t clusterSizeOf(const DataFragment& fragment)
 {
     const std::uint64_t clusters = clustersIn(fragment);
-    if (fragment.isResident || fragment.startVCN != 0 || fragment.isSparse || fragment.isCompressed || clusters == 0
-        || fragment.allocatedSize % clusters != 0)
+    if (fragment.isResident || fragment.startVCN != 0 || fragment.isSparse || fragment.isCompressed
+        || clusters == 0 || fragment.allocatedSize % clusters != 0)
         return 0;
     const std::uint64_t size = fragment.allocatedSize / clusters;
     return size >= 512 && size <= maxClusterSize && std::has_single_bit(size) ? size : 0;
@@ -91,8 +99,8 @@ std::optional<std::uint64_t> firstLCN(const MFTRecord& record)
 std::string commonExtension(std::string_view name)
 {
     auto ext = fileExtension(name);
-    constexpr std::pair<std::string_view, const char*> aliases[]
-        = { { "jpeg", "jpg" }, { "tiff", "tif" }, { "aiff", "aif" }, { "aifc", "aif" }, { "oga", "ogg" } };
+    constexpr std::pair<std::string_view, const char*> aliases[] = { { "jpeg", "jpg" },
+        { "tiff", "tif" }, { "aiff", "aif" }, { "aifc", "aif" }, { "oga", "ogg" } };
     for (const auto& [alias, common] : aliases)
         if (ext == alias)
             return common;
@@ -130,7 +138,8 @@ private:
         return parseRecord(buffer_, std::nullopt, record) && record.number == loose.number;
     }
 
-    /// Only records that carry their number, as all since Windows XP do: what belongs where cannot be told otherwise.
+    /// Only records that carry their number, as all since Windows XP do: what belongs where cannot
+    /// be told otherwise.
     void survey(std::span<const std::uint64_t> offsets)
     {
         std::array<std::uint8_t, 48> header;
@@ -141,26 +150,31 @@ private:
             const ByteView view(header);
             const auto size = view.u32le(28);
             const Loose loose { offset, view.u32le(44), size };
-            if (looksLikeRecord(view) && view.u16le(4) >= header.size() && size <= maxRecordSize && !isListed(loose))
+            if (looksLikeRecord(view) && view.u16le(4) >= header.size() && size <= maxRecordSize
+                && !isListed(loose))
                 loose_.push_back(loose);
         }
     }
 
-    /// Whether this is an old copy of a record of a volume that it lies on: defragmenting leaves pieces of the MFT
-    /// behind, and snapshots keep them. The system's own records are alike on all volumes, and say where an MFT lay.
+    /// Whether this is an old copy of a record of a volume that it lies on: defragmenting leaves
+    /// pieces of the MFT behind, and snapshots keep them. The system's own records are alike on all
+    /// volumes, and say where an MFT lay.
     bool isListed(const Loose& loose)
     {
         MFTRecord record, current;
-        return loose.number >= firstUserRecord && std::ranges::any_of(hints_.volumes, [&](const NTFSDeepInfo* volume) {
-            const auto& geometry = volume->geometry;
-            if (loose.offset < geometry.base || loose.offset - geometry.base >= geometry.volumeSize
-                || loose.size != geometry.recordSize || loose.number >= volume->mft.size() / loose.size)
-                return false;
-            Bytes bytes(loose.size);
-            volume->mft.read(source_, loose.number * loose.size, bytes);
-            return parseRecord(bytes, std::nullopt, current) && readRecord(loose, record)
-                && saysTheSame(record, current);
-        });
+        return loose.number >= firstUserRecord
+            && std::ranges::any_of(hints_.volumes, [&](const NTFSDeepInfo* volume) {
+                   const auto& geometry = volume->geometry;
+                   if (loose.offset < geometry.base
+                       || loose.offset - geometry.base >= geometry.volumeSize
+                       || loose.size != geometry.recordSize
+                       || loose.number >= volume->mft.size() / loose.size)
+                       return false;
+                   Bytes bytes(loose.size);
+                   volume->mft.read(source_, loose.number * loose.size, bytes);
+                   return parseRecord(bytes, std::nullopt, current) && readRecord(loose, record)
+                       && saysTheSame(record, current);
+               });
     }
 
     /// Geometries under which the record 0 at this place describes the MFT that it belongs to.
@@ -173,8 +187,10 @@ private:
         const auto mftLCN = firstLCN(record);
         if (!mftLCN)
             return geometries;
-        // With an attribute list the record has the first runs only, and a size that is that of all of them.
-        std::uint64_t clusterSize = record.hasAttributeList() ? 0 : clusterSizeOf(record.data.front());
+        // With an attribute list the record has the first runs only, and a size that is that of all
+        // of them.
+        std::uint64_t clusterSize
+            = record.hasAttributeList() ? 0 : clusterSizeOf(record.data.front());
         const Loose next { own.offset + own.size, 1, own.size };
         std::optional<std::uint64_t> mirrorLCN;
         if (readRecord(next, record))
@@ -200,11 +216,13 @@ private:
         // The distance between the two tells the cluster size as well.
         for (const auto& other : ownRecords_) {
             const bool isAscending = *mirrorLCN > *mftLCN;
-            const std::uint64_t clusters = isAscending ? *mirrorLCN - *mftLCN : *mftLCN - *mirrorLCN;
-            const std::uint64_t bytes = std::max(other.offset, own.offset) - std::min(other.offset, own.offset);
+            const std::uint64_t clusters
+                = isAscending ? *mirrorLCN - *mftLCN : *mftLCN - *mirrorLCN;
+            const std::uint64_t bytes
+                = std::max(other.offset, own.offset) - std::min(other.offset, own.offset);
             const std::uint64_t size = bytes / clusters;
-            if (bytes % clusters == 0 && size >= 512 && size <= maxClusterSize && std::has_single_bit(size)
-                && size != clusterSize)
+            if (bytes % clusters == 0 && size >= 512 && size <= maxClusterSize
+                && std::has_single_bit(size) && size != clusterSize)
                 add((other.offset > own.offset) == isAscending ? *mftLCN : *mirrorLCN, size);
         }
         return geometries;
@@ -215,17 +233,20 @@ private:
     {
         std::vector<std::size_t> matches;
         for (std::size_t i = 0; i < loose_.size(); ++i)
-            if (loose_[i].size == recordSize && mft.at(loose_[i].number * recordSize).offset == loose_[i].offset)
+            if (loose_[i].size == recordSize
+                && mft.at(loose_[i].number * recordSize).offset == loose_[i].offset)
                 matches.push_back(i);
         return matches;
     }
 
-    /// Volumes whose MFT still has its first record, or the copy of it: as good as with a boot sector.
+    /// Volumes whose MFT still has its first record, or the copy of it: as good as with a boot
+    /// sector.
     void buildAroundOwnRecords()
     {
         MFTRecord first;
         for (const auto& loose : loose_)
-            if (loose.number == 0 && ownRecords_.size() < maxOwnRecords && readRecord(loose, first) && firstLCN(first))
+            if (loose.number == 0 && ownRecords_.size() < maxOwnRecords && readRecord(loose, first)
+                && firstLCN(first))
                 ownRecords_.push_back(loose); // blank records may carry the number 0 too
 
         struct Reading {
@@ -234,10 +255,12 @@ private:
             std::size_t matches;
         };
         std::vector<Reading> readings;
-        std::set<std::pair<std::uint64_t, std::uint64_t>> known; // base and first cluster of the MFT
+        std::set<std::pair<std::uint64_t, std::uint64_t>>
+            known; // base and first cluster of the MFT
         for (const auto& own : ownRecords_)
             for (const auto& geometry : geometriesOf(own)) {
-                if (known.size() == maxReadings || !known.emplace(geometry.base, geometry.mftLCN).second)
+                if (known.size() == maxReadings
+                    || !known.emplace(geometry.base, geometry.mftLCN).second)
                     continue;
                 std::vector<std::string> notes;
                 if (auto mft = NTFSContext(source_, geometry).locateMFT(notes)) {
@@ -249,10 +272,12 @@ private:
         for (const auto& reading : readings) {
             if (isCancelled(progress_))
                 return;
-            const auto matches = recordsOf(reading.mft, reading.geometry.recordSize); // what better readings left
+            const auto matches
+                = recordsOf(reading.mft, reading.geometry.recordSize); // what better readings left
             if (matches.size() < leastMatches)
                 continue;
-            // Not whatever lies in the place of the MFT by now: another volume may have its own there.
+            // Not whatever lies in the place of the MFT by now: another volume may have its own
+            // there.
             const NTFSContext context(source_, reading.geometry);
             MFTRecords records(context);
             MFTRecord record;
@@ -279,11 +304,12 @@ private:
             });
     }
 
-    /// Records whose distance from the beginning of their MFT is the same stand together; so do those that could be
-    /// pieces of one MFT, no number twice.
+    /// Records whose distance from the beginning of their MFT is the same stand together; so do
+    /// those that could be pieces of one MFT, no number twice.
     std::vector<Group> groupByNumber() const
     {
-        std::map<std::uint64_t, Group> pieces; // by where an MFT in one piece would begin; this may wrap around
+        std::map<std::uint64_t, Group>
+            pieces; // by where an MFT in one piece would begin; this may wrap around
         for (const auto& loose : loose_)
             pieces[loose.offset - loose.number * loose.size].push_back(loose);
         std::vector<const Group*> byPlace;
@@ -302,8 +328,9 @@ private:
             std::size_t target = 0;
             while (target < groups.size()
                 && (groups[target].front().size != piece->front().size
-                    || std::ranges::any_of(
-                        *piece, [&](const Loose& loose) { return numbers[target].contains(loose.number); })))
+                    || std::ranges::any_of(*piece, [&](const Loose& loose) {
+                           return numbers[target].contains(loose.number);
+                       })))
                 ++target;
             if (target == maxGroups) // older states of a volume that was formatted again and again
                 --target;
@@ -338,7 +365,8 @@ private:
             if (record.isDirectory && record.indexLCN)
                 witnesses.push_back({ *record.indexLCN, "", 0 });
             else if (const auto lcn = firstLCN(record); lcn && isRecognisable(name->name))
-                witnesses.push_back({ *lcn, commonExtension(name->name), record.data.front().dataSize });
+                witnesses.push_back(
+                    { *lcn, commonExtension(name->name), record.data.front().dataSize });
         }
         const auto geometry = choose(group.front().size, witnesses, clusterSizes);
 
@@ -350,30 +378,34 @@ private:
         finish(context, std::move(records), group.size(), {});
     }
 
-    /// Whether a file's beginning can tell its kind. A sweep that looked for files has found some of every kind that is
-    /// worth asking for.
+    /// Whether a file's beginning can tell its kind. A sweep that looked for files has found some
+    /// of every kind that is worth asking for.
     bool isRecognisable(std::string_view name) const
     {
         return foundKinds_.empty() ? categoryOf(name) != FileCategory::other
                                    : foundKinds_.contains(commonExtension(name));
     }
 
-    /// The geometry under which most witnesses make sense; one without a place when none of them does under any.
+    /// The geometry under which most witnesses make sense; one without a place when none of them
+    /// does under any.
     NTFSGeometry choose(std::uint32_t recordSize, const std::vector<Witness>& witnesses,
         const std::map<std::uint64_t, std::size_t>& clusterSizes)
     {
-        const auto likeliest
-            = std::ranges::max_element(clusterSizes, {}, [](const auto& candidate) { return candidate.second; });
+        const auto likeliest = std::ranges::max_element(
+            clusterSizes, {}, [](const auto& candidate) { return candidate.second; });
         const std::uint64_t clusterSize = likeliest != clusterSizes.end() ? likeliest->first : 4096;
 
         auto candidates = hints_.geometries;
         const auto add = [&](std::uint64_t base) {
             if (base < source_.size())
-                candidates.push_back({ .base = base, .clusterSize = clusterSize, .volumeSize = source_.size() - base });
+                candidates.push_back({ .base = base,
+                    .clusterSize = clusterSize,
+                    .volumeSize = source_.size() - base });
         };
         std::ranges::for_each(hints_.starts, add);
         const std::size_t hinted = candidates.size();
-        // What follows a file's end mark belongs to the file and not to the find, so that the sizes may all differ.
+        // What follows a file's end mark belongs to the file and not to the find, so that the sizes
+        // may all differ.
         for (const bool isSameSize : { true, false })
             if (const auto base = baseByFinds(witnesses, clusterSize, isSameSize))
                 add(*base);
@@ -404,8 +436,9 @@ private:
         return found && found->ext == witness.ext;
     }
 
-    /// Where the volume begins when files that were found by their content are those that most records speak of: files
-    /// of the same kind and, if asked, of the same size. None when there are none.
+    /// Where the volume begins when files that were found by their content are those that most
+    /// records speak of: files of the same kind and, if asked, of the same size. None when there
+    /// are none.
     std::optional<std::uint64_t> baseByFinds(
         const std::vector<Witness>& witnesses, std::uint64_t clusterSize, bool isSameSize) const
     {
@@ -419,11 +452,12 @@ private:
                 continue;
             std::size_t pairs = 0;
             for (const auto* file : same->second)
-                if ((!isSameSize || file->size == witness.size) && witness.lcn <= file->offset / clusterSize
-                    && ++pairs <= maxPairs)
+                if ((!isSameSize || file->size == witness.size)
+                    && witness.lcn <= file->offset / clusterSize && ++pairs <= maxPairs)
                     ++votes[file->offset - witness.lcn * clusterSize];
         }
-        const auto best = std::ranges::max_element(votes, {}, [](const auto& vote) { return vote.second; });
+        const auto best
+            = std::ranges::max_element(votes, {}, [](const auto& vote) { return vote.second; });
         return best != votes.end() ? std::optional(best->first) : std::nullopt;
     }
 
@@ -432,9 +466,11 @@ private:
         auto volume = context.buildVolume(std::move(records), "Dyb scanning, MFT-poster");
         if (volume->root->children().empty())
             return;
-        volume->notes.push_back("Genopbygget ud fra " + std::to_string(count) + " MFT-poster fundet ved dyb scanning.");
+        volume->notes.push_back(
+            "Genopbygget ud fra " + std::to_string(count) + " MFT-poster fundet ved dyb scanning.");
         if (!context.geometry().hasPlace)
-            volume->notes.emplace_back("Volumenets placering kendes ikke. Kun små filer kan gendannes.");
+            volume->notes.emplace_back(
+                "Volumenets placering kendes ikke. Kun små filer kan gendannes.");
         volume->deepContext = std::make_unique<NTFSDeepInfo>(context.geometry(), std::move(mft));
         volumes_.push_back(std::move(volume));
     }
@@ -452,13 +488,14 @@ private:
 
 } // namespace
 
-VolumeList rebuild(
-    DiskSource& source, std::span<const std::uint64_t> records, const RebuildHints& hints, WorkProgress* progress)
+VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> records,
+    const RebuildHints& hints, WorkProgress* progress)
 {
     return Rebuilder(source, hints, progress).rebuild(records);
 }
 
-std::vector<std::uint64_t> looseRecords(std::span<const std::uint64_t> records, const VolumeList& volumes)
+std::vector<std::uint64_t> looseRecords(
+    std::span<const std::uint64_t> records, const VolumeList& volumes)
 {
     std::vector<ByteRange> taken;
     for (const auto& volume : volumes) {

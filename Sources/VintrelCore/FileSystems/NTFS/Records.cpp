@@ -29,22 +29,25 @@ struct StoredReference {
     LE16 numberHigh; // 4
     LE16 sequence;   // 6
 
-    operator FileReference() const { return { std::uint64_t { numberHigh } << 32 | numberLow, sequence }; }
+    operator FileReference() const
+    {
+        return { std::uint64_t { numberHigh } << 32 | numberLow, sequence };
+    }
 };
 static_assert(sizeof(StoredReference) == 8);
 
 struct RecordHeader {
     std::array<std::uint8_t, 4> signature; //  0  "FILE"
-    LE16 updateOffset, updateCount;        //  4, 6  the count includes the update-sequence number itself
-    LE64 logSequence;                      //  8
-    LE16 sequence;                         // 16
-    LE16 linkCount;                        // 18
-    LE16 firstAttribute;                   // 20
-    LE16 flags;                            // 22
-    LE32 bytesInUse, bytesAllocated;       // 24, 28
-    StoredReference base;                  // 32
-    LE16 nextAttributeID, padding;         // 40, 42
-    LE32 number;                           // 44  only where the update sequence leaves room for it
+    LE16 updateOffset, updateCount;  //  4, 6  the count includes the update-sequence number itself
+    LE64 logSequence;                //  8
+    LE16 sequence;                   // 16
+    LE16 linkCount;                  // 18
+    LE16 firstAttribute;             // 20
+    LE16 flags;                      // 22
+    LE32 bytesInUse, bytesAllocated; // 24, 28
+    StoredReference base;            // 32
+    LE16 nextAttributeID, padding;   // 40, 42
+    LE32 number;                     // 44  only where the update sequence leaves room for it
 };
 static_assert(sizeof(RecordHeader) == 48 && offsetof(RecordHeader, base) == 32);
 
@@ -109,7 +112,8 @@ enum AttributeType : std::uint32_t {
     endOfAttributes = 0xFFFFFFFF,
 };
 
-/// Puts the ends of the sectors back in place. False when one of them does not belong to the others.
+/// Puts the ends of the sectors back in place. False when one of them does not belong to the
+/// others.
 bool applyFixup(std::span<std::uint8_t> bytes)
 {
     const ByteView view(bytes);
@@ -120,7 +124,8 @@ bool applyFixup(std::span<std::uint8_t> bytes)
         return false;
     const auto updateNumber = view.u16le(offset);
     bool isSound = true;
-    for (std::int64_t sector = 0; sector < count - 1 && (sector + 1) * sectorSize <= size; ++sector) {
+    for (std::int64_t sector = 0; sector < count - 1 && (sector + 1) * sectorSize <= size;
+         ++sector) {
         const std::int64_t end = (sector + 1) * sectorSize - 2;
         isSound = isSound && view.u16le(end) == updateNumber;
         std::copy_n(bytes.begin() + offset + 2 + 2 * sector, 2, bytes.begin() + end);
@@ -128,7 +133,8 @@ bool applyFixup(std::span<std::uint8_t> bytes)
     return isSound;
 }
 
-/// The value of a resident attribute, cut at the attribute's end; empty for one that is not resident.
+/// The value of a resident attribute, cut at the attribute's end; empty for one that is not
+/// resident.
 ByteView residentValue(ByteView attribute)
 {
     const auto header = attribute.load<ResidentHeader>(0);
@@ -139,7 +145,8 @@ ByteView residentValue(ByteView attribute)
 
 DataFragment::Runs runsOf(ByteView attribute, const NonResidentHeader& header)
 {
-    return NTFSParser::decodeRuns(attribute.sub(header.runsOffset, static_cast<std::int64_t>(attribute.size())));
+    return NTFSParser::decodeRuns(
+        attribute.sub(header.runsOffset, static_cast<std::int64_t>(attribute.size())));
 }
 
 void readStandardInformation(ByteView attribute, MFTRecord& record)
@@ -151,7 +158,8 @@ void readStandardInformation(ByteView attribute, MFTRecord& record)
 
 void readAttributeList(ByteView attribute, MFTRecord& record)
 {
-    if (const auto header = attribute.load<NonResidentHeader>(0); header && header->common.nonResident != 0) {
+    if (const auto header = attribute.load<NonResidentHeader>(0);
+        header && header->common.nonResident != 0) {
         record.attributeListRuns = runsOf(attribute, *header);
         record.attributeListSize = header->dataSize;
     } else {
@@ -167,8 +175,9 @@ void readFileName(ByteView attribute, MFTRecord& record)
     if (!stored || stored->nameLength == 0)
         return;
     // A value length that is too short is no reason to lose a name that the attribute holds.
-    const auto name = attribute.sub(value.data() - attribute.data() + std::int64_t { sizeof(FileNameValue) },
-        2 * std::int64_t { stored->nameLength });
+    const auto name
+        = attribute.sub(value.data() - attribute.data() + std::int64_t { sizeof(FileNameValue) },
+            2 * std::int64_t { stored->nameLength });
     if (name.size() < std::size_t { 2 } * stored->nameLength)
         return;
     record.names.push_back({ .parent = stored->parent,
@@ -257,12 +266,14 @@ namespace NTFSParser {
 bool looksLikeRecord(ByteView bytes, std::int64_t at)
 {
     const auto header = bytes.load<RecordHeader>(at);
-    return header && bytes.matches("FILE", at) && (header->updateOffset == 42 || header->updateOffset == 48)
-        && header->updateCount >= 2 && header->updateCount <= 9 && header->firstAttribute >= 48
-        && header->firstAttribute <= 511 && (header->bytesAllocated == 1024 || header->bytesAllocated == 4096);
+    return header && bytes.matches("FILE", at)
+        && (header->updateOffset == 42 || header->updateOffset == 48) && header->updateCount >= 2
+        && header->updateCount <= 9 && header->firstAttribute >= 48 && header->firstAttribute <= 511
+        && (header->bytesAllocated == 1024 || header->bytesAllocated == 4096);
 }
 
-bool parseRecord(std::span<std::uint8_t> bytes, std::optional<std::uint64_t> number, MFTRecord& record)
+bool parseRecord(
+    std::span<std::uint8_t> bytes, std::optional<std::uint64_t> number, MFTRecord& record)
 {
     const ByteView view(bytes);
     if (bytes.size() < minRecordSize || !view.matches("FILE", 0))
@@ -282,11 +293,12 @@ bool parseRecord(std::span<std::uint8_t> bytes, std::optional<std::uint64_t> num
     const auto size = static_cast<std::int64_t>(bytes.size());
     const std::int64_t end = std::min<std::int64_t>(size, header.bytesInUse);
     std::int64_t at = header.firstAttribute;
-    for (int i = 0; i < maxAttributes && at + static_cast<std::int64_t>(sizeof(AttributeHeader)) <= end; ++i) {
+    for (int i = 0;
+         i < maxAttributes && at + static_cast<std::int64_t>(sizeof(AttributeHeader)) <= end; ++i) {
         const auto common = *view.load<AttributeHeader>(at);
         const std::int64_t length = common.length;
-        if (common.type == endOfAttributes || length < static_cast<std::int64_t>(sizeof(AttributeHeader))
-            || length > size - at)
+        if (common.type == endOfAttributes
+            || length < static_cast<std::int64_t>(sizeof(AttributeHeader)) || length > size - at)
             break;
         const auto attribute = view.sub(at, length);
         switch (common.type) {
@@ -324,8 +336,10 @@ std::vector<FileReference> extensionsIn(ByteView attributeList, std::uint64_t se
     while (const auto entry = attributeList.load<AttributeListEntry>(at)) {
         if (entry->length < sizeof(AttributeListEntry))
             break;
-        const bool isWanted = entry->type == fileName || (entry->type == data && entry->nameLength == 0);
-        if (const FileReference reference = entry->record; isWanted && seen.insert(reference.number).second)
+        const bool isWanted
+            = entry->type == fileName || (entry->type == data && entry->nameLength == 0);
+        if (const FileReference reference = entry->record;
+            isWanted && seen.insert(reference.number).second)
             extensions.push_back(reference);
         at += entry->length;
     }

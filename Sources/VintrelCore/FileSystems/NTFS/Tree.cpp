@@ -1,8 +1,8 @@
 // From the records of an MFT to the tree of files.
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/NTFS/Parser.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
+#include "VintrelCore/FileSystems/NTFS/Parser.h"
 
 #include <algorithm>
 #include <limits>
@@ -43,13 +43,14 @@ void MFTRecords::add(MFTRecord& record)
 void MFTRecords::describe(Entry& entry, MFTRecord& record)
 {
     auto* const best = record.bestName();
-    auto content = record.isDirectory ? NTFSContent::Content {} : NTFSContent::of(context_, record.data);
+    auto content
+        = record.isDirectory ? NTFSContent::Content {} : NTFSContent::of(context_, record.data);
     const bool isWorthAName = !record.inUse && content.size > 0;
     if (best == nullptr && !isWorthAName)
         return;
 
-    entry.doubts
-        = static_cast<std::uint8_t>(content.doubts | (record.fixupOK ? 0 : NTFSContent::Doubt::isDamagedRecord));
+    entry.doubts = static_cast<std::uint8_t>(
+        content.doubts | (record.fixupOK ? 0 : NTFSContent::Doubt::isDamagedRecord));
     if ((content.doubts & NTFSContent::Doubt::lacksAttribute) != 0 && best != nullptr)
         content.size = std::min(best->realSize, context_.capacity());
     auto created = record.created;
@@ -61,15 +62,17 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
         entry.parent = best->parent;
         created = created ? created : best->created;
         modified = modified ? modified : best->modified;
-        // Names that belong to the same folder, as the short name beside the long one does, give no second chance.
-        if (std::ranges::any_of(record.names, [&](const FNInfo& other) { return other.parent != best->parent; }))
+        // Names that belong to the same folder, as the short name beside the long one does, give no
+        // second chance.
+        if (std::ranges::any_of(
+                record.names, [&](const FNInfo& other) { return other.parent != best->parent; }))
             otherNames_.try_emplace(entry.number, record.names);
         name = std::move(best->name);
     }
     const auto status = record.inUse ? EntryStatus::existing : EntryStatus::deleted;
-    entry.node = record.isDirectory
-        ? FileNode::makeFolder(std::move(name), status)
-        : FileNode::makeFile(std::move(name), content.size, status, Recoverability::unknown, std::move(content.data));
+    entry.node = record.isDirectory ? FileNode::makeFolder(std::move(name), status)
+                                    : FileNode::makeFile(std::move(name), content.size, status,
+                                        Recoverability::unknown, std::move(content.data));
     entry.node->created = created;
     entry.node->modified = modified;
     entry.node->fsID = entry.number;
@@ -121,7 +124,8 @@ private:
     std::vector<std::size_t> path_;
 };
 
-std::unique_ptr<Volume> NTFSContext::buildVolume(MFTRecords records, const std::string& origin) const
+std::unique_ptr<Volume> NTFSContext::buildVolume(
+    MFTRecords records, const std::string& origin) const
 {
     return NTFSTree(*this, records).build(origin);
 }
@@ -130,9 +134,10 @@ std::unique_ptr<Volume> NTFSTree::build(const std::string& origin)
 {
     const auto volumeInformation = records_.whole_.find(volumeRecord);
     auto volume = std::make_unique<Volume>(FileSystemType::ntfs,
-        volumeInformation != records_.whole_.end() ? volumeInformation->second.volumeName : std::string(),
-        context_.geometry().base, context_.geometry().volumeSize, FileNode::makeFolder("", EntryStatus::existing),
-        origin);
+        volumeInformation != records_.whole_.end() ? volumeInformation->second.volumeName
+                                                   : std::string(),
+        context_.geometry().base, context_.geometry().volumeSize,
+        FileNode::makeFolder("", EntryStatus::existing), origin);
     volume->clusterSize = context_.geometry().clusterSize;
 
     for (auto& entry : entries_) {
@@ -152,16 +157,20 @@ std::unique_ptr<Volume> NTFSTree::build(const std::string& origin)
 /// Adds what the extension records hold that the record's attribute list names.
 void NTFSTree::mergeExtensions(MFTRecord& record)
 {
-    // Lists lie in clusters of their own: all of them together are smaller than the source, or made up.
+    // Lists lie in clusters of their own: all of them together are smaller than the source, or made
+    // up.
     if (!record.attributeListRuns.empty()) {
-        const std::uint64_t size = std::min(record.attributeListSize, NTFSContext::maxAttributeList);
+        const std::uint64_t size
+            = std::min(record.attributeListSize, NTFSContext::maxAttributeList);
         if (size > listBudget_)
             return;
         listBudget_ -= size;
     }
-    for (const auto reference : NTFSParser::extensionsIn(context_.attributeListOf(record), *record.number)) {
+    for (const auto reference :
+        NTFSParser::extensionsIn(context_.attributeListOf(record), *record.number)) {
         const auto extension = records_.whole_.find(reference.number);
-        if (extension != records_.whole_.end() && NTFSParser::isExtensionOf(extension->second, reference, record))
+        if (extension != records_.whole_.end()
+            && NTFSParser::isExtensionOf(extension->second, reference, record))
             NTFSParser::mergeExtension(record, extension->second);
     }
 }
@@ -181,9 +190,11 @@ void NTFSTree::sortEntries()
 void NTFSTree::judge()
 {
     NTFSContent::AllocationMap map;
-    if (const auto found = records_.whole_.find(bitmapRecord); found != records_.whole_.end() && found->second.inUse) {
+    if (const auto found = records_.whole_.find(bitmapRecord);
+        found != records_.whole_.end() && found->second.inUse) {
         mergeExtensions(found->second);
-        map = NTFSContent::AllocationMap::load(context_, NTFSContent::of(context_, found->second.data).data);
+        map = NTFSContent::AllocationMap::load(
+            context_, NTFSContent::of(context_, found->second.data).data);
     }
     for (auto& entry : entries_) {
         if (!entry.node)
@@ -206,11 +217,13 @@ void NTFSTree::judge()
 std::size_t NTFSTree::find(std::uint64_t number) const
 {
     const auto entry = std::ranges::lower_bound(entries_, number, {}, &Entry::number);
-    return entry != entries_.end() && entry->number == number ? static_cast<std::size_t>(entry - entries_.begin())
-                                                              : none;
+    return entry != entries_.end() && entry->number == number
+        ? static_cast<std::size_t>(entry - entries_.begin())
+        : none;
 }
 
-/// What the record `number` hangs under when this is its parent; `none` when that folder is not its folder any more.
+/// What the record `number` hangs under when this is its parent; `none` when that folder is not its
+/// folder any more.
 std::size_t NTFSTree::validParent(std::uint64_t number, FileReference parent) const
 {
     if (parent.number == number)
@@ -224,13 +237,13 @@ std::size_t NTFSTree::validParent(std::uint64_t number, FileReference parent) co
         return none;
     const auto& folder = entries_[index];
     // A slot that was used again belongs to another folder.
-    const bool isSame
-        = folder.node && folder.node->isDirectory() && sequenceMatches(parent.sequence, folder.sequence, folder.inUse);
+    const bool isSame = folder.node && folder.node->isDirectory()
+        && sequenceMatches(parent.sequence, folder.sequence, folder.inUse);
     return isSame ? index : none;
 }
 
-/// The folder of the name that the entry is shown under; when that one is lost, of another of its names, which it then
-/// gets.
+/// The folder of the name that the entry is shown under; when that one is lost, of another of its
+/// names, which it then gets.
 std::size_t NTFSTree::chooseParent(Entry& entry) const
 {
     const auto parent = validParent(entry.number, entry.parent);
@@ -300,7 +313,9 @@ void NTFSTree::hang(FileNode& rootFolder)
         const auto& link = links_[index];
         if (link.place == Place::system)
             continue;
-        auto& folder = link.parent == root ? rootFolder : link.parent == none ? *orphans : *links_[link.parent].node;
+        auto& folder = link.parent == root ? rootFolder
+            : link.parent == none          ? *orphans
+                                           : *links_[link.parent].node;
         folder.add(std::move(node));
     }
     if (!orphans->children().empty())

@@ -34,7 +34,8 @@ std::string composed(std::string_view text)
 {
     UErrorCode status = U_ZERO_ERROR;
     const auto* normalizer = icu::Normalizer2::getNFCInstance(status);
-    if (U_FAILURE(status) || !isValid(text)) // ICU itself composes what is sound between broken bytes
+    if (U_FAILURE(status)
+        || !isValid(text)) // ICU itself composes what is sound between broken bytes
         return std::string(text);
     std::string result;
     icu::StringByteSink<std::string> sink(&result);

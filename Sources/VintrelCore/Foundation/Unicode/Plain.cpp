@@ -4,7 +4,10 @@
 
 namespace Unicode {
 
-char32_t foldedCase(char32_t codePoint) { return codePoint >= 'A' && codePoint <= 'Z' ? codePoint + 0x20 : codePoint; }
+char32_t foldedCase(char32_t codePoint)
+{
+    return codePoint >= 'A' && codePoint <= 'Z' ? codePoint + 0x20 : codePoint;
+}
 
 std::string composed(std::string_view text) { return std::string(text); }
 

@@ -8,14 +8,18 @@ namespace Unicode {
 
 namespace {
 
-constexpr bool isContinuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
+constexpr bool isContinuation(char byte)
+{
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
 
-/// Characters that change how the text around them is shown: C0 and C1 controls, line and paragraph separators, and
-/// the marks, embeddings, overrides and isolates of bidirectional text.
+/// Characters that change how the text around them is shown: C0 and C1 controls, line and paragraph
+/// separators, and the marks, embeddings, overrides and isolates of bidirectional text.
 constexpr bool steersDisplay(char32_t codePoint)
 {
-    return codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0) || codePoint == 0x061C || codePoint == 0x200E
-        || codePoint == 0x200F || (codePoint >= 0x2028 && codePoint <= 0x202E)
+    return codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0) || codePoint == 0x061C
+        || codePoint == 0x200E || codePoint == 0x200F
+        || (codePoint >= 0x2028 && codePoint <= 0x202E)
         || (codePoint >= 0x2066 && codePoint <= 0x2069);
 }
 
@@ -43,8 +47,8 @@ void appendEscape(std::string& text, char32_t codePoint)
     }
 }
 
-/// Where the last code point of a text that is not empty begins. What is broken counts byte by byte, as takeFirst has
-/// it.
+/// Where the last code point of a text that is not empty begins. What is broken counts byte by
+/// byte, as takeFirst has it.
 std::size_t lastStart(std::string_view text)
 {
     std::size_t start = text.size() - 1;
@@ -101,7 +105,8 @@ char32_t takeFirst(std::string_view& text)
 
 void append(std::string& text, char32_t codePoint)
 {
-    const auto tail = [&](int shift) { return static_cast<char>(0x80 | ((codePoint >> shift) & 0x3F)); };
+    const auto tail
+        = [&](int shift) { return static_cast<char>(0x80 | ((codePoint >> shift) & 0x3F)); };
     if (codePoint < 0x80) {
         text += static_cast<char>(codePoint);
     } else if (codePoint < 0x800) {
@@ -146,9 +151,10 @@ void removeLast(std::string& text)
 
 bool isWhiteSpace(char32_t codePoint)
 {
-    return (codePoint >= 0x09 && codePoint <= 0x0D) || codePoint == 0x20 || codePoint == 0x85 || codePoint == 0xA0
-        || codePoint == 0x1680 || (codePoint >= 0x2000 && codePoint <= 0x200A) || codePoint == 0x2028
-        || codePoint == 0x2029 || codePoint == 0x202F || codePoint == 0x205F || codePoint == 0x3000;
+    return (codePoint >= 0x09 && codePoint <= 0x0D) || codePoint == 0x20 || codePoint == 0x85
+        || codePoint == 0xA0 || codePoint == 0x1680 || (codePoint >= 0x2000 && codePoint <= 0x200A)
+        || codePoint == 0x2028 || codePoint == 0x2029 || codePoint == 0x202F || codePoint == 0x205F
+        || codePoint == 0x3000;
 }
 
 std::string_view trimmed(std::string_view text)

@@ -3,13 +3,14 @@
 #include <string>
 #include <string_view>
 
-/// Text from disks. Names are UTF-8 everywhere in the program; what is not valid where it comes from becomes U+FFFD.
+/// Text from disks. Names are UTF-8 everywhere in the program; what is not valid where it comes
+/// from becomes U+FFFD.
 namespace Unicode {
 
 inline constexpr char32_t replacement = 0xFFFD;
 
-/// Takes the first code point off the front of `text`. A broken sequence gives U+FFFD and consumes one byte; an empty
-/// text must not be given.
+/// Takes the first code point off the front of `text`. A broken sequence gives U+FFFD and consumes
+/// one byte; an empty text must not be given.
 char32_t takeFirst(std::string_view& text);
 
 /// Appends a code point as UTF-8.
@@ -27,14 +28,17 @@ bool isWhiteSpace(char32_t codePoint);
 /// `text` without White_Space at either end.
 std::string_view trimmed(std::string_view text);
 
-/// `text` with everything that could drive a terminal or mislead its reader spelled out: control characters as \n, \t,
-/// \r or \x1B, line separators and marks that turn the writing direction as \u202E.
+/// `text` with everything that could drive a terminal or mislead its reader spelled out: control
+/// characters as \n, \t, \r or \x1B, line separators and marks that turn the writing direction as
+/// \u202E.
 std::string escaped(std::string_view text);
 
-/// How the case-insensitive order of names sees a code point. Without a Unicode library only ASCII letters fold.
+/// How the case-insensitive order of names sees a code point. Without a Unicode library only ASCII
+/// letters fold.
 char32_t foldedCase(char32_t codePoint);
 
-/// Normalisation form C. Without a Unicode library, and for text that is no valid UTF-8, the text itself.
+/// Normalisation form C. Without a Unicode library, and for text that is no valid UTF-8, the text
+/// itself.
 std::string composed(std::string_view text);
 
 } // namespace Unicode

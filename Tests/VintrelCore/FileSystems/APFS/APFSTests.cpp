@@ -27,7 +27,10 @@ Leaf operator+(Leaf one, const Leaf& other)
 }
 
 /// Breaks a block's checksum and nothing else.
-void breakChecksum(APFSImage& image, std::uint64_t block) { image.bytes()[image.offsetOf(block)] ^= 1; }
+void breakChecksum(APFSImage& image, std::uint64_t block)
+{
+    image.bytes()[image.offsetOf(block)] ^= 1;
+}
 
 std::vector<std::uint64_t> leavesIn(const Bytes& bytes)
 {
@@ -63,7 +66,8 @@ TEST(APFS, NodesAndLeavesAreToldByTheirHeaders)
 {
     APFSImage image({});
     image.commit({ { image.file({ .id = 20, .parent = 2, .name = "fil" }) } });
-    const auto leaf = image.leafBlock(0), root = leaf + 1; // the root's values lie before its footer
+    const auto leaf = image.leafBlock(0),
+               root = leaf + 1; // the root's values lie before its footer
     const auto source = image.source();
     const auto container = APFSContainer::open(*source, 0);
     const auto nodeAt = [&](const Bytes& bytes, std::uint64_t block) {
@@ -71,7 +75,8 @@ TEST(APFS, NodesAndLeavesAreToldByTheirHeaders)
             ByteView(bytes).sub(static_cast<std::int64_t>(image.offsetOf(block)), blockSize), 0, 0);
     };
     EXPECT_EQ(leavesIn(image.bytes()), std::vector { image.offsetOf(leaf) });
-    EXPECT_EQ(nodeAt(image.bytes(), leaf)->records.at(2).value.u64le(0), 2u) << "the inode's parent";
+    EXPECT_EQ(nodeAt(image.bytes(), leaf)->records.at(2).value.u64le(0), 2u)
+        << "the inode's parent";
     EXPECT_EQ(nodeAt(image.bytes(), root)->records.at(0).value.u64le(0), APFSImage::firstLeafOID);
     EXPECT_EQ(nodeAt(image.bytes(), root)->level, 1u);
 
@@ -79,9 +84,10 @@ TEST(APFS, NodesAndLeavesAreToldByTheirHeaders)
         std::uint64_t at, value;
         bool isLeaf;
         std::optional<std::size_t> records; // none: no node
-    } changes[] = { { 24, 2, true, 3 }, { 24, 4, false, {} }, { 28, 11, false, 3 }, { 32, 0, false, 3 },
-        { 34, 1, false, 3 }, { 36, 0, false, 0 }, { 36, 10'000, false, {} }, { 42, 4040, true, {} },
-        { 66, 4000, true, 1 }, { 68, 5000, true, 1 }, { 68, 0xFFFF, true, 2 } };
+    } changes[] = { { 24, 2, true, 3 }, { 24, 4, false, {} }, { 28, 11, false, 3 },
+        { 32, 0, false, 3 }, { 34, 1, false, 3 }, { 36, 0, false, 0 }, { 36, 10'000, false, {} },
+        { 42, 4040, true, {} }, { 66, 4000, true, 1 }, { 68, 5000, true, 1 },
+        { 68, 0xFFFF, true, 2 } };
     for (const auto& [at, value, isLeaf, count] : changes) {
         auto changed = image;
         putLE(changed.bytes(), image.offsetOf(leaf) + at, value, 2);
@@ -89,7 +95,8 @@ TEST(APFS, NodesAndLeavesAreToldByTheirHeaders)
         changed.sign(leaf);
         EXPECT_EQ(!leavesIn(changed.bytes()).empty(), isLeaf) << at << " " << value;
         const auto node = nodeAt(changed.bytes(), leaf);
-        EXPECT_EQ(node ? std::optional(node->records.size()) : std::nullopt, count) << at << " " << value;
+        EXPECT_EQ(node ? std::optional(node->records.size()) : std::nullopt, count)
+            << at << " " << value;
     }
 }
 
@@ -106,7 +113,8 @@ TEST(APFS, TheNewestUsableCheckpointCounts)
     stale.sign(0);
     EXPECT_EQ(parse(stale)["/nu"].status, EntryStatus::existing);
     breakChecksum(stale, 0);
-    EXPECT_EQ(parse(stale).volume->notes, (Notes { "Containerens superblok har forkert kontrolsum.", "Rolle: Data" }));
+    EXPECT_EQ(parse(stale).volume->notes,
+        (Notes { "Containerens superblok har forkert kontrolsum.", "Rolle: Data" }));
     EXPECT_EQ(parse(stale)["/nu"].status, EntryStatus::existing);
 
     auto unusable = image;
@@ -114,10 +122,12 @@ TEST(APFS, TheNewestUsableCheckpointCounts)
     const auto older = parse(unusable);
     ASSERT_TRUE(older.volume);
     EXPECT_EQ(older.names(), " /før");
-    EXPECT_EQ(older.volume->notes[0], "Det nyeste checkpoint kan ikke bruges. Et ældre er læst i stedet.");
+    EXPECT_EQ(older.volume->notes[0],
+        "Det nyeste checkpoint kan ikke bruges. Et ældre er læst i stedet.");
 
     const auto first = image.superblock() - 2;
-    putLE(image.bytes(), image.offsetOf(first) + 16, 2, 8); // the same transaction twice: the first place counts
+    putLE(image.bytes(), image.offsetOf(first) + 16, 2,
+        8); // the same transaction twice: the first place counts
     image.sign(first);
     breakChecksum(image, 0);
     EXPECT_EQ(parse(image).names(), " /før");
@@ -128,17 +138,18 @@ TEST(APFS, ObjectMapsGiveTheNewestVersionThatIsAllowed)
     APFSImage image({});
     image.commit({ {} });
     const auto tree = image.containerMap() + 1; // a root without index
-    const auto record = [&](std::uint64_t i, std::uint64_t xid, std::uint64_t block, std::uint64_t flags) {
-        const auto at = image.offsetOf(tree), entry = at + 56 + 4 * i, key = at + 88 + 16 * i;
-        const auto value = at + blockSize - 40 - 16 * (i + 1);
-        const std::pair<std::uint64_t, std::uint64_t> words[]
-            = { { key, 9 }, { key + 8, xid }, { value, flags }, { value + 8, block } };
-        for (const auto& [place, word] : words)
-            putLE(image.bytes(), place, word, 8);
-        putLE(image.bytes(), at + 36, 2, 4);
-        putLE(image.bytes(), entry, 16 * i | 16 * (i + 1) << 16, 4);
-        image.sign(tree);
-    };
+    const auto record
+        = [&](std::uint64_t i, std::uint64_t xid, std::uint64_t block, std::uint64_t flags) {
+              const auto at = image.offsetOf(tree), entry = at + 56 + 4 * i, key = at + 88 + 16 * i;
+              const auto value = at + blockSize - 40 - 16 * (i + 1);
+              const std::pair<std::uint64_t, std::uint64_t> words[]
+                  = { { key, 9 }, { key + 8, xid }, { value, flags }, { value + 8, block } };
+              for (const auto& [place, word] : words)
+                  putLE(image.bytes(), place, word, 8);
+              putLE(image.bytes(), at + 36, 2, 4);
+              putLE(image.bytes(), entry, 16 * i | 16 * (i + 1) << 16, 4);
+              image.sign(tree);
+          };
     const auto blockAt = [&](std::uint64_t xid) {
         const auto source = image.source();
         auto map = APFSContainer::open(*source, 0)->loadOMap(image.containerMap(), xid);
@@ -166,10 +177,16 @@ TEST(APFS, FilesOfEveryKind)
         const auto header = std::string("fpmc\4\0\0\0\x39\x30\0\0\0\0\0\0", 16);
         image.commit({ image.folder(16, 2, "mappe")
                 + image.file({ .id = 20, .parent = 16, .name = utf8, .size = content.size() })
-                + Leaf { image.extent(20, 3 * blockSize, blockSize, end), image.extent(20, 0, 3 * blockSize, block),
-                    image.entry(2, "link 2", 20), image.sibling(20, 90, 2, "link 2") }
-                + image.file({ .id = 21, .parent = 2, .name = "hul", .size = 3 * blockSize, .isSparse = true })
-                + Leaf { image.extent(21, 0, blockSize, 0), image.extent(21, blockSize, blockSize, block) }
+                + Leaf { image.extent(20, 3 * blockSize, blockSize, end),
+                    image.extent(20, 0, 3 * blockSize, block), image.entry(2, "link 2", 20),
+                    image.sibling(20, 90, 2, "link 2") }
+                + image.file({ .id = 21,
+                    .parent = 2,
+                    .name = "hul",
+                    .size = 3 * blockSize,
+                    .isSparse = true })
+                + Leaf { image.extent(21, 0, blockSize, 0),
+                    image.extent(21, blockSize, blockSize, block) }
                 + image.file({ .id = 22, .parent = 2, .name = "klon", .size = 5, .privateID = 20 }),
             image.file({ .id = 23, .parent = 2, .name = "symlink", .mode = 0xA1ED })
                 + Leaf { image.attribute(23, "com.apple.fs.symlink", "mappe/mål") }
@@ -181,7 +198,8 @@ TEST(APFS, FilesOfEveryKind)
             image.file({ .id = 30, .parent = 2, .name = "afkortet", .size = 2 * blockSize })
                 + Leaf { image.extent(30, 0, blockSize, block), image.entry(2, "uden inode", 43) }
                 + image.file({ .id = 31, .parent = 2, .name = "udenfor", .size = 10 }, 299'999)
-                + image.folder(40, 41, "ring") + image.folder(41, 40, "ring 2") + image.folder(42, 42, "selv") });
+                + image.folder(40, 41, "ring") + image.folder(41, 40, "ring 2")
+                + image.folder(42, 42, "selv") });
         const auto disk = parse(image, 63 * 512);
         EXPECT_EQ(disk.volume->title(), "Mit drev (APFS)");
         EXPECT_TRUE(disk.volume->notes.empty());
@@ -191,22 +209,26 @@ TEST(APFS, FilesOfEveryKind)
         EXPECT_EQ(disk.content("/klon"), Bytes(content.begin(), content.begin() + 5));
         EXPECT_EQ(disk.content("/symlink"), bytesOf("mappe/mål"));
         const Extent hole { std::nullopt, blockSize };
-        EXPECT_EQ(disk["/hul"].data, FileData(ExtentList { hole, { image.offsetOf(block), blockSize }, hole }));
+        EXPECT_EQ(disk["/hul"].data,
+            FileData(ExtentList { hole, { image.offsetOf(block), blockSize }, hole }));
         EXPECT_EQ(disk["/pakket"].size, 12345u);
         EXPECT_EQ(disk[shown].created, Date(std::chrono::nanoseconds(1'600'000'000'000'000'000)));
         EXPECT_EQ(disk[shown].modified, *disk[shown].created + std::chrono::seconds(1));
-        const std::pair<const char*, const char*> chances[] = { { "/hul", "God" }, { "/symlink", "God" },
-            { "/pakket",
-                "Ringe: APFS-komprimeret fil – indholdet ligger i en skjult attribut og kan ikke gendannes direkte" },
-            { "/ressource", "God: Filen har kun en ressourcegren, som ikke gendannes" },
-            { "/afkortet", "Delvis: Kun dele af filens blokke kendes" },
-            { "/udenfor", "Delvis: Kun dele af filens blokke kendes" },
-            { "/uden inode", "Ringe: Filens inode blev ikke fundet" } };
+        const std::pair<const char*, const char*> chances[]
+            = { { "/hul", "God" }, { "/symlink", "God" },
+                  { "/pakket",
+                      "Ringe: APFS-komprimeret fil – indholdet ligger i en skjult attribut og kan "
+                      "ikke gendannes direkte" },
+                  { "/ressource", "God: Filen har kun en ressourcegren, som ikke gendannes" },
+                  { "/afkortet", "Delvis: Kun dele af filens blokke kendes" },
+                  { "/udenfor", "Delvis: Kun dele af filens blokke kendes" },
+                  { "/uden inode", "Ringe: Filens inode blev ikke fundet" } };
         for (const auto& [path, text] : chances)
             EXPECT_EQ(chance(disk[path]), text) << path;
         EXPECT_EQ(disk.names().find("dead"), std::string::npos);
         EXPECT_TRUE(disk["/$Forældreløse filer/selv"].isDirectory());
-        EXPECT_EQ(disk.volume->root->totals().folders, 5u) << "each ring hangs together among the orphans";
+        EXPECT_EQ(disk.volume->root->totals().folders, 5u)
+            << "each ring hangs together among the orphans";
     }
 }
 
@@ -217,18 +239,22 @@ TEST(APFS, DeletedFilesAndTheirChances)
     std::vector<std::uint64_t> blocks;
     for (int i = 0; i < 6; ++i)
         blocks.push_back(image.store(content));
-    const auto file = [&](std::uint64_t id, std::uint64_t parent, const std::string& name, std::uint64_t block) {
-        return image.file({ .id = id, .parent = parent, .name = name, .size = content.size() }, block);
+    const auto file = [&](std::uint64_t id, std::uint64_t parent, const std::string& name,
+                          std::uint64_t block) {
+        return image.file(
+            { .id = id, .parent = parent, .name = name, .size = content.size() }, block);
     };
     const auto kept = image.folder(16, 2, "mappe") + file(20, 16, "bliver", blocks[0]);
-    const auto before
-        = image.file({ .id = 30, .parent = 2, .name = "gammelt navn", .size = content.size() - 1 }, blocks[5]);
+    const auto before = image.file(
+        { .id = 30, .parent = 2, .name = "gammelt navn", .size = content.size() - 1 }, blocks[5]);
     image.commit({ kept, before });
     image.commit({ kept + file(21, 2, "gammel", 0),
-        file(30, 16, "hel", 0) + Leaf { image.extent(30, 0, blockSize, blocks[1]) } + file(31, 16, "delvis", blocks[2])
-            + file(32, 16, "genbrugt", blocks[3]) + file(33, 16, "i kø", blocks[4]) + image.folder(17, 2, "væk")
-            + file(34, 17, "inde", blocks[5]) + file(35, 16, "ukendt", 0) + file(36, 999, "løs", blocks[5])
-            + file(37, 2, "igen", blocks[5]) + file(38, 16, "i brug", blocks[0]) });
+        file(30, 16, "hel", 0) + Leaf { image.extent(30, 0, blockSize, blocks[1]) }
+            + file(31, 16, "delvis", blocks[2]) + file(32, 16, "genbrugt", blocks[3])
+            + file(33, 16, "i kø", blocks[4]) + image.folder(17, 2, "væk")
+            + file(34, 17, "inde", blocks[5]) + file(35, 16, "ukendt", 0)
+            + file(36, 999, "løs", blocks[5]) + file(37, 2, "igen", blocks[5])
+            + file(38, 16, "i brug", blocks[0]) });
     for (const auto i : { 1u, 2u, 3u, 5u })
         for (const auto block : { blocks[i], blocks[i] + 1 })
             image.setFree(block);
@@ -239,9 +265,11 @@ TEST(APFS, DeletedFilesAndTheirChances)
 
     const std::pair<const char*, const char*> expected[] = { { "/mappe/hel", "God" },
         { "/mappe/delvis", "Delvis: Dele af filen kan være overskrevet" },
-        { "/mappe/genbrugt", "Ringe: Blokkene er genbrugt af andre filer" }, { "/mappe/i kø", "God" },
-        { "/væk/inde", "God" }, { "/mappe/ukendt", "Ringe: Filens blokke kendes ikke" },
-        { "/$Forældreløse filer/løs", "God" }, { "/mappe/i brug", "Ringe: Blokkene er genbrugt af andre filer" } };
+        { "/mappe/genbrugt", "Ringe: Blokkene er genbrugt af andre filer" },
+        { "/mappe/i kø", "God" }, { "/væk/inde", "God" },
+        { "/mappe/ukendt", "Ringe: Filens blokke kendes ikke" },
+        { "/$Forældreløse filer/løs", "God" },
+        { "/mappe/i brug", "Ringe: Blokkene er genbrugt af andre filer" } };
     const auto disk = parse(image);
     for (const auto& [path, text] : expected) {
         EXPECT_EQ(chance(disk[path]), text) << path;
@@ -249,8 +277,8 @@ TEST(APFS, DeletedFilesAndTheirChances)
     }
     EXPECT_EQ(disk["/væk"].status, EntryStatus::deleted);
     EXPECT_EQ(disk["/mappe/hel"].data, // of the newest state, and what only an older one knows
-        FileData(
-            ExtentList { { image.offsetOf(blocks[1]), blockSize }, { image.offsetOf(blocks[5] + 1), blockSize } }));
+        FileData(ExtentList { { image.offsetOf(blocks[1]), blockSize },
+            { image.offsetOf(blocks[5] + 1), blockSize } }));
     // What was renamed, and what has its name again, is not listed a second time.
     EXPECT_EQ(disk["/igen"].status, EntryStatus::existing);
     EXPECT_EQ(disk.volume->root->totals().files, 11u) << disk.names();
@@ -259,7 +287,8 @@ TEST(APFS, DeletedFilesAndTheirChances)
     auto without = image;
     breakChecksum(without, APFSImage::descriptorBlocks + 5); // the space manager
     EXPECT_EQ(chance(parse(without)["/mappe/genbrugt"]), "God") << "by the live trees alone";
-    EXPECT_EQ(parse(without).volume->notes, Notes { "Oversigten over ledig plads kunne ikke læses." });
+    EXPECT_EQ(
+        parse(without).volume->notes, Notes { "Oversigten over ledig plads kunne ikke læses." });
 }
 
 TEST(APFS, ASnapshotKeepsDeletedFilesWhole)
@@ -268,8 +297,10 @@ TEST(APFS, ASnapshotKeepsDeletedFilesWhole)
     const auto block = image.store(patternBytes(blockSize));
     image.commit({ image.file({ .id = 20, .parent = 2, .name = "holdt", .size = 4096 }, block) });
     image.commit({ {} });
-    EXPECT_EQ(chance(parse(image)["/holdt"]), "God: Bevaret i et snapshot") << "though its block is in use";
-    EXPECT_EQ(parse(image).volume->notes, Notes { "Volumen har snapshots. De vises ikke for sig." });
+    EXPECT_EQ(chance(parse(image)["/holdt"]), "God: Bevaret i et snapshot")
+        << "though its block is in use";
+    EXPECT_EQ(
+        parse(image).volume->notes, Notes { "Volumen har snapshots. De vises ikke for sig." });
 }
 
 TEST(APFS, WhatCannotBeReadIsSaid)
@@ -278,12 +309,15 @@ TEST(APFS, WhatCannotBeReadIsSaid)
     encrypted.commit({ { encrypted.file({ .id = 20, .parent = 2, .name = "fil" }) } });
     EXPECT_EQ(parse(encrypted).names(), "");
     EXPECT_EQ(parse(encrypted).volume->notes,
-        Notes { "Volumen er krypteret (FileVault). Filerne kan ikke læses uden at låse disken op i macOS." });
-    const std::pair<std::uint16_t, const char*> roles[] = { { 1, "System" }, { 16, "Preboot" }, { 0x20, "0x20" } };
+        Notes { "Volumen er krypteret (FileVault). Filerne kan ikke læses uden at låse disken op i "
+                "macOS." });
+    const std::pair<std::uint16_t, const char*> roles[]
+        = { { 1, "System" }, { 16, "Preboot" }, { 0x20, "0x20" } };
     for (const auto& [role, name] : roles)
         EXPECT_EQ(APFSParser::roleName(role), name);
 
-    // A leaf is damaged: an older version of it steps in. The roots are too: the object map still knows the leaves.
+    // A leaf is damaged: an older version of it steps in. The roots are too: the object map still
+    // knows the leaves.
     APFSImage image({});
     const auto to = image.file({ .id = 21, .parent = 2, .name = "to" });
     image.commit({ image.file({ .id = 20, .parent = 2, .name = "en" }), to });
@@ -296,7 +330,8 @@ TEST(APFS, WhatCannotBeReadIsSaid)
         EXPECT_EQ(disk["/en"].status, EntryStatus::existing);
         EXPECT_EQ(disk["/to"].status, EntryStatus::existing);
         EXPECT_EQ(disk.volume->notes,
-            Notes { "Dele af filtræet er beskadiget. Filer kan mangle eller stå i en ældre udgave." });
+            Notes {
+                "Dele af filtræet er beskadiget. Filer kan mangle eller stå i en ældre udgave." });
         breakChecksum(image, root);
     }
 }
@@ -308,12 +343,14 @@ TEST(APFS, LooseLeavesGiveWhatNoCheckpointLeadsTo)
     const auto block = image.store(content);
     const auto kept = image.folder(16, 2, "mappe");
     image.commit({ kept,
-        image.file({ .id = 30, .parent = 16, .name = "tabt", .size = 4096 }, block) + image.folder(31, 2, "tabt mappe")
+        image.file({ .id = 30, .parent = 16, .name = "tabt", .size = 4096 }, block)
+            + image.folder(31, 2, "tabt mappe")
             + image.file({ .id = 32, .parent = 31, .name = "inde" })
             + image.file({ .id = 33, .parent = 888, .name = "løs" }) });
     for (int i = 0; i < 7; ++i) // until the checkpoint area has forgotten it
-        image.commit(
-            { kept, image.file({ .id = 40, .parent = 2, .name = "ny", .size = static_cast<std::uint64_t>(i) }) });
+        image.commit({ kept,
+            image.file(
+                { .id = 40, .parent = 2, .name = "ny", .size = static_cast<std::uint64_t>(i) }) });
     auto disk = parse(image);
     EXPECT_EQ(disk.names(), " /mappe /ny");
     auto leaves = leavesIn(image.bytes());
@@ -322,12 +359,16 @@ TEST(APFS, LooseLeavesGiveWhatNoCheckpointLeadsTo)
     ASSERT_TRUE(lost);
     disk.volume->root->add(std::move(lost));
     EXPECT_EQ(disk.names(),
-        " /mappe /ny /$Forældreløse filer /$Forældreløse filer/mappe /$Forældreløse filer/mappe/tabt"
-        " /$Forældreløse filer/tabt mappe /$Forældreløse filer/tabt mappe/inde /$Forældreløse filer/løs");
+        " /mappe /ny /$Forældreløse filer /$Forældreløse filer/mappe /$Forældreløse "
+        "filer/mappe/tabt"
+        " /$Forældreløse filer/tabt mappe /$Forældreløse filer/tabt mappe/inde /$Forældreløse "
+        "filer/løs");
     EXPECT_EQ(disk.content("/$Forældreløse filer/mappe/tabt"), content);
-    EXPECT_EQ(chance(disk["/$Forældreløse filer/mappe/tabt"]), "Ringe: Blokkene er genbrugt af andre filer")
+    EXPECT_EQ(chance(disk["/$Forældreløse filer/mappe/tabt"]),
+        "Ringe: Blokkene er genbrugt af andre filer")
         << "never freed";
-    EXPECT_FALSE(APFSParser::lostFiles(*disk.source, *disk.volume, leaves, nullptr)) << "all is listed by now";
+    EXPECT_FALSE(APFSParser::lostFiles(*disk.source, *disk.volume, leaves, nullptr))
+        << "all is listed by now";
 
     // Where the quick scan has made the folder for others, they join those.
     image.commit({ kept, image.file({ .id = 41, .parent = 777, .name = "før" }) });
@@ -337,12 +378,14 @@ TEST(APFS, LooseLeavesGiveWhatNoCheckpointLeadsTo)
     EXPECT_EQ(joined["/$Forældreløse filer"].children().size(), 4u) << joined.names();
     EXPECT_EQ(joined.content("/$Forældreløse filer/mappe/tabt"), content);
 
-    // Another container's leaf, from before the disk was formatted: it says other things of the same numbers.
+    // Another container's leaf, from before the disk was formatted: it says other things of the
+    // same numbers.
     APFSImage foreign({});
     foreign.commit({ { foreign.file({ .id = 16, .parent = 2, .name = "fremmed", .created = 5 })
         + foreign.file({ .id = 77, .parent = 2, .name = "x" }) } });
     const auto at = image.offsetOf(250);
-    image.write(at, std::span(foreign.bytes()).subspan(foreign.offsetOf(foreign.leafBlock(0)), blockSize));
+    image.write(
+        at, std::span(foreign.bytes()).subspan(foreign.offsetOf(foreign.leafBlock(0)), blockSize));
     auto other = parse(image);
     EXPECT_FALSE(APFSParser::lostFiles(*other.source, *other.volume, std::vector { at }, nullptr));
 }
@@ -353,16 +396,19 @@ TEST(APFS, ASuperblockFoundElsewhereLeadsToItsContainer)
     for (int i = 0; i < 8; ++i) // once around the checkpoint area
         image.commit({ { image.file({ .id = 20, .parent = 2, .name = "fil" }) } });
     auto source = image.source();
-    EXPECT_EQ(APFSParser::containerStart(*source, image.offsetOf(image.superblock())), image.offsetOf(0));
+    EXPECT_EQ(
+        APFSParser::containerStart(*source, image.offsetOf(image.superblock())), image.offsetOf(0));
     EXPECT_EQ(APFSParser::containerStart(*source, image.offsetOf(0)), image.offsetOf(0));
     EXPECT_EQ(APFSParser::containerStart(*source, image.offsetOf(1)), std::nullopt);
-    std::fill_n(image.bytes().begin() + static_cast<std::ptrdiff_t>(image.offsetOf(0)), blockSize, std::uint8_t { 0 });
+    std::fill_n(image.bytes().begin() + static_cast<std::ptrdiff_t>(image.offsetOf(0)), blockSize,
+        std::uint8_t { 0 });
     source = image.source();
-    const auto volumes
-        = APFSParser::parseFromSuperblock(*source, image.offsetOf(image.superblock()), "fundet", nullptr);
+    const auto volumes = APFSParser::parseFromSuperblock(
+        *source, image.offsetOf(image.superblock()), "fundet", nullptr);
     ASSERT_EQ(volumes.size(), 1u);
     EXPECT_EQ(volumes[0]->root->totals().files, 1u);
-    EXPECT_EQ(volumes[0]->notes, Notes { "Containerens første superblok er tabt. En af de andre er brugt." });
+    EXPECT_EQ(volumes[0]->notes,
+        Notes { "Containerens første superblok er tabt. En af de andre er brugt." });
     EXPECT_TRUE(APFSParser::isInContainer(*volumes[0], image.offsetOf(0)));
     EXPECT_FALSE(APFSParser::isInContainer(*volumes[0], 0));
 }

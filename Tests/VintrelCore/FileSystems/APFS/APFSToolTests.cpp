@@ -1,9 +1,9 @@
-// Containers that other tools made, and what other tools read from ours: nothing here depends on our own idea of the
-// format alone.
+// Containers that other tools made, and what other tools read from ours: nothing here depends on
+// our own idea of the format alone.
 
 #include "Tests/Images/APFSImage.h"
-#include "VintrelCore/Scanning/Scanner.h"
 #include "VintrelCore/Devices/SourceOpener.h"
+#include "VintrelCore/Scanning/Scanner.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,10 @@ namespace {
 
 class APFSTools : public ::testing::Test {
 protected:
-    void SetUp() override { setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1); }
+    void SetUp() override
+    {
+        setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
+    }
 
     std::string run(const std::string& command)
     {
@@ -70,7 +73,8 @@ TEST_F(APFSTools, OtherReadersFindTheSameInOurContainer)
     EXPECT_EQ(std::ranges::count(listed, '\n'), 61);
     for (const auto* file : files) {
         const auto path = file->path();
-        EXPECT_NE(listed.find("r/r " + std::to_string(file->fsID) + ":\t" + path.substr(1) + "\n"), std::string::npos)
+        EXPECT_NE(listed.find("r/r " + std::to_string(file->fsID) + ":\t" + path.substr(1) + "\n"),
+            std::string::npos)
             << path;
         EXPECT_NE(listedToo.find(path + "\n"), std::string::npos) << path;
     }

@@ -1,12 +1,13 @@
-// Directories that nothing leads to any more: after a quick format, and where boot sector and FAT are gone.
+// Directories that nothing leads to any more: after a quick format, and where boot sector and FAT
+// are gone.
 
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Images/FATImage.h"
+#include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Scanning/Scanner.h"
-#include "VintrelCore/Devices/SourceOpener.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +15,8 @@
 
 namespace {
 
-/// Everything that a deep scan without carving lists of a source, path by path: one content for each file there.
+/// Everything that a deep scan without carving lists of a source, path by path: one content for
+/// each file there.
 struct Found {
     explicit Found(DiskSource& source)
     {
@@ -33,7 +35,8 @@ struct Found {
     {
     }
 
-    /// How many files have a path that ends so, and this content; those with another content spoil it.
+    /// How many files have a path that ends so, and this content; those with another content spoil
+    /// it.
     int count(const std::string& pathEnd, const Bytes& content) const
     {
         int count = 0;
@@ -49,9 +52,10 @@ struct Found {
 
 const std::string fragments = "/$Tabte mappefragmenter";
 
-/// A folder in the root, one in that, and a file in each: patterns of the name's number. Clusters of 512 bytes.
-FATImage cardWithFolders(
-    FileSystemType type, std::uint32_t sectorsPerCluster, std::uint32_t seed, std::size_t bytesBefore = 0)
+/// A folder in the root, one in that, and a file in each: patterns of the name's number. Clusters
+/// of 512 bytes.
+FATImage cardWithFolders(FileSystemType type, std::uint32_t sectorsPerCluster, std::uint32_t seed,
+    std::size_t bytesBefore = 0)
 {
     FATImage image({ .type = type, .sectorsPerCluster = sectorsPerCluster });
     if (bytesBefore > 0)
@@ -66,8 +70,8 @@ FATImage cardWithFolders(
 
 void erase(Bytes& bytes, std::uint64_t from, std::uint64_t to)
 {
-    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(from), bytes.begin() + static_cast<std::ptrdiff_t>(to),
-        std::uint8_t { 0 });
+    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(from),
+        bytes.begin() + static_cast<std::ptrdiff_t>(to), std::uint8_t { 0 });
 }
 
 } // namespace
@@ -86,9 +90,11 @@ TEST(LostFragments, FATVolumesAreRebuiltFromTheirDirectories)
     EXPECT_EQ(found.volumes[0]->clusterSize, 2048u);
     EXPECT_EQ(found.volumes[1]->clusterSize, 512u);
     EXPECT_EQ(found.volumes[1]->origin, "Dyb scanning, mappesektorer");
-    EXPECT_EQ(found.volumes[1]->notes.front(), "Genopbygget ud fra 2 FAT-mappesektorer fundet ved dyb scanning.");
+    EXPECT_EQ(found.volumes[1]->notes.front(),
+        "Genopbygget ud fra 2 FAT-mappesektorer fundet ved dyb scanning.");
     EXPECT_EQ(found.files.size(), 6u);
-    for (const auto& [folder, seed] : { std::pair { fragments, 1u }, std::pair { std::string("/YDRE"), 11u } }) {
+    for (const auto& [folder, seed] :
+        { std::pair { fragments, 1u }, std::pair { std::string("/YDRE"), 11u } }) {
         EXPECT_EQ(found.count(folder + "/A.TXT", patternBytes(5000, seed)), 1);
         EXPECT_EQ(found.count(folder + "/INDRE/B.TXT", patternBytes(6000, seed + 1)), 1);
         EXPECT_EQ(found.count(folder + "/INDRE/C.TXT", patternBytes(100, seed + 2)), 1);
@@ -104,16 +110,18 @@ TEST(LostFragments, OneDirectoryAloneMakesNoVolume)
     erase(image.bytes(), 0, image.offsetOf(3));
     EXPECT_TRUE(Found(image.bytes()).volumes.empty());
     // Two that lie where no cluster size puts both.
-    const auto copy
-        = Bytes(image.bytes().begin() + static_cast<std::ptrdiff_t>(image.offsetOf(3)), image.bytes().end());
+    const auto copy = Bytes(image.bytes().begin() + static_cast<std::ptrdiff_t>(image.offsetOf(3)),
+        image.bytes().end());
     image.bytes().insert(image.bytes().end(), copy.begin(), copy.end());
     EXPECT_TRUE(Found(image.bytes()).volumes.empty());
 }
 
 TEST(LostFragments, FATDirectoriesOfAnotherGeometryAreNotReadUnderThisOne)
 {
-    // The card was formatted again with larger clusters. The old root directory and all of the old FATs are gone.
-    auto image = cardWithFolders(FileSystemType::fat32, 1, 1, 4096); // which no new cluster may hide
+    // The card was formatted again with larger clusters. The old root directory and all of the old
+    // FATs are gone.
+    auto image
+        = cardWithFolders(FileSystemType::fat32, 1, 1, 4096); // which no new cluster may hide
     image.bytes().resize(image.bytes().size() * 8);
     FATImage fresh({ .type = FileSystemType::fat32, .sectorsPerCluster = 8 });
     ASSERT_LE(fresh.bytes().size(), image.bytes().size());
@@ -128,15 +136,18 @@ TEST(LostFragments, FATDirectoriesOfAnotherGeometryAreNotReadUnderThisOne)
 TEST(LostFragments, FATDirectoriesHangBelowTheirNames)
 {
     FATImage image({});
-    const auto inner = image.addFolder(FATImage::root, { .name = "X          " }); // lies before the one above it
+    const auto inner = image.addFolder(
+        FATImage::root, { .name = "X          " }); // lies before the one above it
     image.addFile(inner, { .name = "A       TXT" }, patternBytes(700));
     const auto outer = image.addFolder(FATImage::root, { .name = "Y          " });
     image.addEntry(outer, { .name = "INDRE      ", .attributes = 0x10, .cluster = inner });
     image.addFile(outer, { .name = "B       TXT" }, patternBytes(800));
     const auto foreign = image.addFolder(FATImage::root, { .name = "Z          " });
     image.addFile(foreign, { .name = "FREMMED TXT" }, patternBytes(900));
-    putLE(image.bytes(), image.entryOffset(foreign, 0) + 26, foreign + 1, 2); // calls itself by another number
-    erase(image.bytes(), image.entryOffset(FATImage::root, 0), image.entryOffset(FATImage::root, 16));
+    putLE(image.bytes(), image.entryOffset(foreign, 0) + 26, foreign + 1,
+        2); // calls itself by another number
+    erase(
+        image.bytes(), image.entryOffset(FATImage::root, 0), image.entryOffset(FATImage::root, 16));
     const Found found(image.bytes());
     EXPECT_EQ(found.files.size(), 2u);
     EXPECT_EQ(found.count(fragments + "/INDRE/A.TXT", patternBytes(700)), 1);
@@ -146,15 +157,18 @@ TEST(LostFragments, FATDirectoriesHangBelowTheirNames)
 TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
 {
     const ExFATImage::Options options { .clusters = 300 };
-    for (const bool hasFormatted : { true, false }) { // again as exFAT, or overwritten up to the first folder
+    for (const bool hasFormatted :
+        { true, false }) { // again as exFAT, or overwritten up to the first folder
         SCOPED_TRACE(hasFormatted);
         ExFATImage image(options);
         const auto outer = image.addFolder(image.root(), { .name = u"Ydre" });
         const auto inner = image.addFolder(outer, { .name = u"Indre", .isContiguous = false }, 2);
         const auto deeper = image.addFolder(outer, { .name = u"Ved siden af" });
         image.addFile(deeper, { .name = u"d.txt" }, patternBytes(900, 99));
-        for (std::uint32_t i = 0; i < 9; ++i) // the sixth set is cut by the end of the first cluster
-            image.addFile(inner, { .name = u"fil " + std::u16string(1, static_cast<char16_t>('0' + i)) },
+        for (std::uint32_t i = 0; i < 9;
+             ++i) // the sixth set is cut by the end of the first cluster
+            image.addFile(inner,
+                { .name = u"fil " + std::u16string(1, static_cast<char16_t>('0' + i)) },
                 patternBytes(600 + i, i));
         image.remove(u"fil 3");
         // The folder's second cluster lies elsewhere, and only the FAT knew.
@@ -171,10 +185,14 @@ TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
         ASSERT_EQ(found.volumes.size(), 1u);
         EXPECT_EQ(found.files.size(), 10u);
         for (std::uint32_t i = 0; i < 9; ++i)
-            EXPECT_EQ(found.count(fragments + "/Indre/fil " + std::to_string(i), patternBytes(600 + i, i)), 1) << i;
+            EXPECT_EQ(found.count(
+                          fragments + "/Indre/fil " + std::to_string(i), patternBytes(600 + i, i)),
+                1)
+                << i;
         EXPECT_EQ(found.count(fragments + "/Ved siden af/d.txt", patternBytes(900, 99)), 1);
         for (const auto* file : found.volumes[0]->root->allFiles())
-            EXPECT_EQ(file->recoverability, hasFormatted ? Recoverability::good : Recoverability::unknown)
+            EXPECT_EQ(
+                file->recoverability, hasFormatted ? Recoverability::good : Recoverability::unknown)
                 << file->path();
     }
 }
@@ -203,26 +221,31 @@ TEST(LostFragments, ToolMadeCardsComeBack)
         GTEST_SKIP() << "needs dosfstools and mtools";
     const TemporaryFolder folder;
     std::map<std::string, Bytes> files;
-    for (std::uint32_t i = 0; i < 40; ++i) // more than fits into a cluster, with names in several pieces
-        files["/kort/DCIM/100CANON/Et langt navn nummer " + std::to_string(i) + ".jpg"] = patternBytes(900 + 40 * i, i);
+    for (std::uint32_t i = 0; i < 40;
+         ++i) // more than fits into a cluster, with names in several pieces
+        files["/kort/DCIM/100CANON/Et langt navn nummer " + std::to_string(i) + ".jpg"]
+            = patternBytes(900 + 40 * i, i);
     files["/kort/Breve/brev.txt"] = patternBytes(70'000, 77);
     for (const auto& [path, bytes] : files) {
-        std::filesystem::create_directories(std::filesystem::path(folder / ("src" + path)).parent_path());
+        std::filesystem::create_directories(
+            std::filesystem::path(folder / ("src" + path)).parent_path());
         writeFile(folder / ("src" + path), bytes);
     }
     const auto image = folder / "kort.img";
-    const char* const losses[]
-        = { "mkfs.fat -F 32 -s 1", "mkfs.fat -F 32 -s 4", "dd conv=notrunc if=/dev/zero bs=1k count=600 of=" };
+    const char* const losses[] = { "mkfs.fat -F 32 -s 1", "mkfs.fat -F 32 -s 4",
+        "dd conv=notrunc if=/dev/zero bs=1k count=600 of=" };
     for (const std::string loss : losses) {
         SCOPED_TRACE(loss);
         std::filesystem::remove(image);
-        const auto command = "mkfs.fat -C -F 32 -s 1 " + image + " 66560 && MTOOLS_SKIP_CHECK=1 mcopy -s -i " + image
-            + " " + (folder / "src") + "/* ::/ && " + loss + (loss.ends_with("=") ? "" : " ") + image;
+        const auto command = "mkfs.fat -C -F 32 -s 1 " + image
+            + " 66560 && MTOOLS_SKIP_CHECK=1 mcopy -s -i " + image + " " + (folder / "src")
+            + "/* ::/ && " + loss + (loss.ends_with("=") ? "" : " ") + image;
         std::string output;
         ASSERT_EQ(runCommand(command, &output), 0) << output;
         const Found found(*SourceOpener::openImage(image));
         EXPECT_EQ(found.files.size(), files.size());
         for (const auto& [path, bytes] : files)
-            EXPECT_EQ(found.count(path.substr(5), bytes), 1) << path; // the root's own entries may be gone
+            EXPECT_EQ(found.count(path.substr(5), bytes), 1)
+                << path; // the root's own entries may be gone
     }
 }

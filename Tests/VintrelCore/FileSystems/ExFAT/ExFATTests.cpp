@@ -1,8 +1,8 @@
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Support/ParsedVolume.h"
+#include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/Scanning/Scanner.h"
-#include "VintrelCore/Devices/SourceOpener.h"
 
 #include <gtest/gtest.h>
 
@@ -27,17 +27,21 @@ TEST(ExFAT, ListsAndReadsTheLiveTree)
         { .clusters = 5, .clusterShift = 16 }, // clusters of 32 MiB
     };
     for (const auto& options : kinds) {
-        SCOPED_TRACE(std::to_string(options.sectorShift) + ", " + std::to_string(options.clusterShift));
+        SCOPED_TRACE(
+            std::to_string(options.sectorShift) + ", " + std::to_string(options.clusterShift));
         ExFATImage image(options);
         const auto content = patternBytes(3000);
         const auto cluster = image.clusterSize();
         const auto folder = image.addFolder(image.root(), { .name = u"DCIM" });
-        image.addFile(folder, { .name = u"Et navn på mere end fjorten enheder \U0001F600.jpg" }, content);
-        const auto chained = image.addFile(folder, { .name = u"i stykker.bin", .isContiguous = false }, content);
+        image.addFile(
+            folder, { .name = u"Et navn på mere end fjorten enheder \U0001F600.jpg" }, content);
+        const auto chained
+            = image.addFile(folder, { .name = u"i stykker.bin", .isContiguous = false }, content);
         if (cluster < 1500) { // the second cluster moves to the end of the heap
             image.setFAT(chained, options.clusters);
             image.setFAT(options.clusters, chained + 2);
-            image.write(image.offsetOf(options.clusters), std::span(content).subspan(cluster, cluster));
+            image.write(
+                image.offsetOf(options.clusters), std::span(content).subspan(cluster, cluster));
             image.write(image.offsetOf(chained + 1), Bytes(cluster));
         }
 
@@ -75,12 +79,15 @@ TEST(ExFAT, ChancesOfDeletedSetsAndImpossibleOnes)
     const auto cut = place(u"kort", false);
     image.setFAT(cut + 1, 0xFFFFFFF7);
     image.addSet(image.root(), { .name = u"udenfor", .cluster = 202, .size = 5 });
-    image.addSet(image.root(), { .name = u"exabytes", .cluster = 50, .size = std::uint64_t { 1 } << 62 });
+    image.addSet(
+        image.root(), { .name = u"exabytes", .cluster = 50, .size = std::uint64_t { 1 } << 62 });
     image.addSet(image.root(), { .name = u"over kanten", .cluster = 200, .size = 2000 });
     auto beginning = content; // what lies beyond the valid size are zeros
     std::fill(beginning.begin() + 700, beginning.end(), std::uint8_t { 0 });
-    image.addSet(image.root(), { .name = u"begyndt", .cluster = reused, .size = 1400, .validSize = 700 });
-    image.addSet(image.root(), { .name = u"ikke begyndt", .cluster = reused, .size = 1400, .validSize = 0 });
+    image.addSet(
+        image.root(), { .name = u"begyndt", .cluster = reused, .size = 1400, .validSize = 700 });
+    image.addSet(
+        image.root(), { .name = u"ikke begyndt", .cluster = reused, .size = 1400, .validSize = 0 });
 
     const std::pair<const char*, const char*> expected[] = {
         { "/hel", "God" },
@@ -109,8 +116,8 @@ TEST(ExFAT, ChancesOfDeletedSetsAndImpossibleOnes)
     EXPECT_EQ(withoutBitmap.volume->notes, Notes { "Allokeringsbitmappen kunne ikke læses." });
     EXPECT_EQ(chance(withoutBitmap["/genbrugt"]), "Ukendt");
     const auto withoutFAT = parse(image, { image.fatOffset(), image.bitmapOffset() });
-    EXPECT_EQ(
-        withoutFAT.volume->notes, Notes { "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." });
+    EXPECT_EQ(withoutFAT.volume->notes,
+        Notes { "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." });
     EXPECT_EQ(chance(withoutFAT["/kort"]), "God");
     EXPECT_EQ(chance(withoutFAT["/kæde"]), "Ukendt");
     EXPECT_EQ(parse(ExFATImage({ .hasBitmap = false })).volume->notes, withoutBitmap.volume->notes);
@@ -132,7 +139,8 @@ TEST(ExFAT, DamagedSets)
         { "checksum", 0, 2, 0x00, false, whole + damaged },
         { "count too large", 0, 1, 200, false, whole + damaged },
         { "file entry overwritten", 0, 0, 0xFF, true, whole + damaged },
-        { "end of the name overwritten", 4, 0, 0x85, true, "/Et navn af tre stykker, det er" + damaged },
+        { "end of the name overwritten", 4, 0, 0x85, true,
+            "/Et navn af tre stykker, det er" + damaged },
         { "stream overwritten", 1, 0, 0x22, true, "" },
         { "forbidden character", 2, 2, '/', false, "" },
         { "valid size above the size", 1, 15, 0x10, false, "" },
@@ -158,7 +166,8 @@ TEST(ExFAT, DeletedFoldersAreWalkedWhileTheirClustersHold)
 {
     ExFATImage image({ .clusters = 400 });
     const auto folder = image.addFolder(image.root(), { .name = u"Ferie" }, 4);
-    for (char16_t letter = u'a'; letter < u'p'; ++letter) // three entries each: sets lie across clusters
+    for (char16_t letter = u'a'; letter < u'p';
+         ++letter) // three entries each: sets lie across clusters
         image.addFile(folder, { .name = { letter } }, patternBytes(600));
     const auto inner = image.addFolder(folder, { .name = u"Indre", .isContiguous = false }, 2);
     image.addFile(inner, { .name = u"dyb.txt" }, bytesOf("dyb"));
@@ -188,7 +197,8 @@ TEST(ExFAT, DirectoriesThatShareClustersDoNotMultiplyTheVolume)
     ExFATImage image({ .clusters = 600 });
     const auto shared = image.addFolder(image.root(), { .name = u"Mange" }, 300);
     for (std::uint32_t i = 0; i < 300 * 16 / 3 - 1; ++i)
-        image.addSet(shared, { .name = u"m", .attributes = 0x10, .cluster = shared + i % 300, .size = 300 * 512 });
+        image.addSet(shared,
+            { .name = u"m", .attributes = 0x10, .cluster = shared + i % 300, .size = 300 * 512 });
     const auto totals = parse(image).volume->root->totals();
     EXPECT_GE(totals.folders, 1500u);
     EXPECT_LE(totals.folders, image.bytes().size() / 96);
@@ -203,7 +213,8 @@ TEST(ExFAT, BackupBootSectorsAndImpossibleOnes)
     EXPECT_FALSE(ExFATParser::parse(*source, 0, "", nullptr));
     EXPECT_TRUE(ExFATParser::parse(*source, 0, "", nullptr, ByteView(boot)));
 
-    for (const std::uint64_t field : { 72u, 88u }) { // the size of the volume, the place of its heap
+    for (const std::uint64_t field :
+        { 72u, 88u }) { // the size of the volume, the place of its heap
         auto damaged = boot;
         putLE(damaged, field, 0x7FFF'FFFF'FFFF'FFFF, field == 72 ? 8 : 4);
         EXPECT_FALSE(ExFATParser::parse(*source, 0, "", nullptr, ByteView(damaged))) << field;
@@ -233,7 +244,8 @@ TEST(ExFAT, OtherToolsVolumesHoldOurSetsForThemToo)
     auto at = static_cast<std::size_t>(geometry.heap.offsetOf(geometry.rootCluster));
     while (image.at(at) != 0)
         at += 32;
-    std::ranges::copy(std::span(ours.bytes()).subspan(ours.entryOffset(ours.root(), 2), 4 * 32), &image.at(at));
+    std::ranges::copy(
+        std::span(ours.bytes()).subspan(ours.entryOffset(ours.root(), 2), 4 * 32), &image.at(at));
     writeFile(path, image);
     std::string output;
     EXPECT_EQ(runCommand("fsck.exfat -n " + path, &output), 0) << output;
@@ -248,17 +260,20 @@ TEST(ExFAT, AVolumeThatAnotherDriverFilled)
     const auto release = "losetup -d $(losetup -j " + image + " -O NAME -n)";
     std::filesystem::create_directory(folder / "mnt");
     std::string output;
-    if (runCommand("truncate -s 32M " + image + " && mkfs.exfat " + image + " && loop=$(losetup -f --show " + image
-                + ") && mount.exfat-fuse $loop " + (folder / "mnt"),
+    if (runCommand("truncate -s 32M " + image + " && mkfs.exfat " + image
+                + " && loop=$(losetup -f --show " + image + ") && mount.exfat-fuse $loop "
+                + (folder / "mnt"),
             &output)
         != 0) {
         runCommand(release);
         GTEST_SKIP() << "needs to mount a loop device by exfat-fuse: " << output;
     }
     const std::string script = "cd " + (folder / "mnt")
-        + " && mkdir -p DCIM væk && for i in 1 2 3; do head -c $((i * 30001)) /dev/urandom > DCIM/Billede\\ $i.jpg; "
+        + " && mkdir -p DCIM væk && for i in 1 2 3; do head -c $((i * 30001)) /dev/urandom > "
+          "DCIM/Billede\\ $i.jpg; "
           "done"
-          " && head -c 70000 /dev/urandom > æøå.bin && head -c 70000 /dev/urandom >> DCIM/Billede\\ 1.jpg"
+          " && head -c 70000 /dev/urandom > æøå.bin && head -c 70000 /dev/urandom >> "
+          "DCIM/Billede\\ 1.jpg"
           " && echo inde > væk/inde.txt && cp -r . ../alt && rm -r væk DCIM/Billede\\ 2.jpg";
     EXPECT_EQ(runCommand(script, &output), 0) << output;
     ASSERT_EQ(runCommand("umount " + (folder / "mnt") + " && " + release, &output), 0) << output;
@@ -270,7 +285,8 @@ TEST(ExFAT, AVolumeThatAnotherDriverFilled)
     EXPECT_EQ(files.size(), 5u);
     for (const auto* node : files) {
         const auto path = node->path();
-        EXPECT_EQ(FileReader::readPrefix(*node, *source, 1_MiB), readFile(folder / ("alt" + path))) << path;
+        EXPECT_EQ(FileReader::readPrefix(*node, *source, 1_MiB), readFile(folder / ("alt" + path)))
+            << path;
         const bool isDeleted = node->name == "inde.txt" || node->name == "Billede 2.jpg";
         EXPECT_EQ(node->status, isDeleted ? EntryStatus::deleted : EntryStatus::existing) << path;
         EXPECT_EQ(chance(*node), "God") << path;

@@ -40,7 +40,8 @@ TEST_P(FATOfEveryWidth, ListsAndReadsTheLiveTree)
     const auto partly = image.addFile(root, { .name = "DELVIS  JPG" }, content);
     const auto reused = image.addFile(root, { .name = "GENBRUGTJPG" }, content);
     image.addFile(root, { .name = "TOM     TXT" }, {});
-    for (const auto* name : { "FOTO    JPG", "FOTO~1  JPG", "DELVIS  JPG", "GENBRUGTJPG", "TOM     TXT" })
+    for (const auto* name :
+        { "FOTO    JPG", "FOTO~1  JPG", "DELVIS  JPG", "GENBRUGTJPG", "TOM     TXT" })
         image.remove(root, name);
     image.setFAT(partly + 2, image.endMark());
     image.setFAT(reused, image.endMark());
@@ -51,7 +52,8 @@ TEST_P(FATOfEveryWidth, ListsAndReadsTheLiveTree)
     EXPECT_EQ(card.volume->clusterSize, 1024u);
     EXPECT_EQ(card.volume->size, image.bytes().size());
     EXPECT_EQ(card.names(),
-        " /DCIM /DCIM/A.TXT /DCIM/IMG_0001.JPG /_ELVIS.JPG /_ENBRUGT.JPG /_OM.TXT /_OTO.JPG /Foto fra ferien.jpg");
+        " /DCIM /DCIM/A.TXT /DCIM/IMG_0001.JPG /_ELVIS.JPG /_ENBRUGT.JPG /_OM.TXT /_OTO.JPG /Foto "
+        "fra ferien.jpg");
     EXPECT_EQ(card.content("/DCIM/IMG_0001.JPG"), photo);
     EXPECT_EQ(chance(card["/DCIM/IMG_0001.JPG"]), "God");
     EXPECT_EQ(card["/DCIM/IMG_0001.JPG"].modified, TimeConversion::fromDOS(0x5B43, 0x6000));
@@ -85,11 +87,15 @@ TEST(FAT, DamagedChainsAndClusterNumbers)
         const char* chance;
         FileData data;
     } cases[] = {
-        { "/KORT.BIN", "Delvis: Klyngekæden er afbrudt", ExtentList { { image.offsetOf(cut), 1024 } } },
-        { "/SLOJFE.BIN", "Delvis: Klyngekæden er afbrudt", ExtentList { { image.offsetOf(loop), 1536 } } },
-        { "/DAARLIG.BIN", "Delvis: Klyngekæden er afbrudt", ExtentList { { image.offsetOf(bad), 512 } } },
+        { "/KORT.BIN", "Delvis: Klyngekæden er afbrudt",
+            ExtentList { { image.offsetOf(cut), 1024 } } },
+        { "/SLOJFE.BIN", "Delvis: Klyngekæden er afbrudt",
+            ExtentList { { image.offsetOf(loop), 1536 } } },
+        { "/DAARLIG.BIN", "Delvis: Klyngekæden er afbrudt",
+            ExtentList { { image.offsetOf(bad), 512 } } },
         { "/UDENFOR.BIN", "Ringe: Ugyldig startklynge", NoData {} },
-        { "/_.BIN", "Delvis: Dele af filen kan være overskrevet", ExtentList { { image.offsetOf(401), 512 } } },
+        { "/_.BIN", "Delvis: Dele af filen kan være overskrevet",
+            ExtentList { { image.offsetOf(401), 512 } } },
     };
     const auto card = parse(image);
     for (const auto& [path, expected, data] : cases) {
@@ -107,12 +113,14 @@ TEST(FAT, Names)
     } cases[] = {
         { { .name = "NAME    TXT", .caseFlags = 0x18 }, false, "name.txt" },
         { { .name = "R\x9DR A   TXT", .caseFlags = 0x08 }, false, "r_ra.TXT" },
-        { { .name = "L       TXT", .longName = std::u16string(255, u'x') }, false, std::string(255, 'x') },
+        { { .name = "L       TXT", .longName = std::u16string(255, u'x') }, false,
+            std::string(255, 'x') },
         { { .name = "EMOJI~1 TXT", .longName = u"tolv tegn ..\U0001F600" }, false,
             "tolv tegn ..\U0001F600" }, // a pair across two pieces
         { { .name = "\xE5TA~1   TXT", .longName = u"Õta lang.txt" }, false, "Õta lang.txt" },
         { { .name = "BILL~1  JPG", .longName = u"Billede.jpg" }, true, "Billede.jpg" },
-        { { .name = "\x8FRSRA~1 TXT", .longName = u"årsrapport.txt" }, true, "årsrapport.txt" }, // Å in code page 850
+        { { .name = "\x8FRSRA~1 TXT", .longName = u"årsrapport.txt" }, true,
+            "årsrapport.txt" }, // Å in code page 850
         { { .name = "X          " }, true, "_" },
     };
     for (const auto& [entry, isDeleted, shown] : cases) {
@@ -146,12 +154,14 @@ TEST(FAT, EntriesAndLongNamesThatCannotBeAreSkipped)
         FATImage image({ .type = fat12 });
         image.addEntry(root, { .name = "LANG~1  TXT", .longName = u"Navn i to stykker.txt" });
         image.bytes()[image.entryOffset(root, entry) + byte] = value;
-        for (const auto* name : { "A*B     TXT", "           ", "A\x1F      TXT", ".          ", "..         " })
+        for (const auto* name :
+            { "A*B     TXT", "           ", "A\x1F      TXT", ".          ", "..         " })
             image.addEntry(root, { .name = name });
         image.addEntry(root, { .name = "MAERKAT    ", .attributes = 0x08 });
         image.addEntry(root, { .name = "ANDEN      ", .attributes = 0x08 });
         image.addEntry(root, { .name = "GYLDIG  TXT" });
-        image.addEntry(root, { .name = std::string(11, '\0') }); // the end; what lies behind it is not looked at
+        image.addEntry(root,
+            { .name = std::string(11, '\0') }); // the end; what lies behind it is not looked at
         image.addEntry(root, { .name = "SKJULT  TXT" });
         const auto card = parse(image);
         EXPECT_EQ(card.names(), names) << what;
@@ -164,7 +174,8 @@ TEST(FAT, DeletedFoldersAreWalkedWhileTheirClustersHold)
     FATImage image({ .type = fat32 });
     const auto folder = image.addFolder(root, { .name = "FERIE      " }, 2);
     for (int i = 0; i < 20; ++i) // more than a cluster's sixteen
-        image.addFile(folder, { .name = "IMG_00" + std::to_string(10 + i) + "JPG" }, patternBytes(700));
+        image.addFile(
+            folder, { .name = "IMG_00" + std::to_string(10 + i) + "JPG" }, patternBytes(700));
     const auto inner = image.addFolder(folder, { .name = "INDRE      " });
     image.addFile(inner, { .name = "DYB     TXT" }, bytesOf("dyb"));
     const auto overwritten = image.addFolder(root, { .name = "VAEK       " });
@@ -174,7 +185,8 @@ TEST(FAT, DeletedFoldersAreWalkedWhileTheirClustersHold)
     for (int i = 0; i < 14; ++i)
         image.addEntry(full, { .name = "F" + std::to_string(10 + i) + "     TXT" });
     const auto taken = image.addFolder(root, { .name = "GAMMEL     " });
-    for (const auto* name : { "FERIE      ", "VAEK       ", "FULD       ", "NABO       ", "GAMMEL     " })
+    for (const auto* name :
+        { "FERIE      ", "VAEK       ", "FULD       ", "NABO       ", "GAMMEL     " })
         image.remove(root, name);
     image.setFAT(taken, image.endMark());
     image.addEntry(root, { .name = "NY         ", .attributes = 0x10, .cluster = taken });
@@ -206,13 +218,16 @@ TEST(FAT, DirectoriesThatLoopNestOrShareClustersDoNotMultiplyTheVolume)
     std::string deepest = "/D";
     for (int level = 2; level <= 64; ++level)
         deepest += "/D";
-    EXPECT_TRUE(card[deepest].children().empty()); // the directory at level 63 is read, what it lists is not
+    EXPECT_TRUE(card[deepest]
+                    .children()
+                    .empty()); // the directory at level 63 is read, what it lists is not
 
     // A directory whose every entry claims to be a huge file that begins further along it.
     FATImage crowded({ .type = fat32 });
     const auto shared = crowded.addFolder(root, { .name = "MANGE      " }, 300);
     for (std::uint32_t i = 0; i < 300 * 16 - 2; ++i)
-        crowded.addEntry(shared, { .name = "FIL        ", .cluster = shared + i % 300, .size = 0xFFFFFFFF });
+        crowded.addEntry(
+            shared, { .name = "FIL        ", .cluster = shared + i % 300, .size = 0xFFFFFFFF });
     std::size_t extents = 0;
     const auto many = parse(crowded);
     for (const auto* node : many.volume->root->allFiles())
@@ -226,7 +241,8 @@ TEST(FAT, UnreadableSectorsOfTheFirstFATComeFromTheSecond)
     image.addFile(root, { .name = "A       BIN" }, patternBytes(1500));
     const auto fat = image.fatOffset();
     EXPECT_EQ(chance(parse(image, { fat, fat + 512 })["/A.BIN"]), "God");
-    EXPECT_EQ(chance(parse(image, { fat, fat + 2 * image.fatSize() })["/A.BIN"]), "Delvis: Klyngekæden er afbrudt");
+    EXPECT_EQ(chance(parse(image, { fat, fat + 2 * image.fatSize() })["/A.BIN"]),
+        "Delvis: Klyngekæden er afbrudt");
     // The second copy is asked sector by sector: what the first one still holds stands.
     image.write(fat + image.fatSize(), Bytes(512, 0xFF));
     EXPECT_EQ(chance(parse(image, { fat + 512, fat + 1024 })["/A.BIN"]), "God");
@@ -240,7 +256,8 @@ TEST(FAT, BootSectorsFromElsewhereAndImpossibleOnes)
     image.write(0, Bytes(512));
     auto source = image.source();
     EXPECT_FALSE(FATParser::parse(*source, 0, "", nullptr));
-    EXPECT_EQ(FATParser::parse(*source, 0, "", nullptr, ByteView(boot))->root->children().size(), 1u);
+    EXPECT_EQ(
+        FATParser::parse(*source, 0, "", nullptr, ByteView(boot))->root->children().size(), 1u);
     EXPECT_FALSE(FATGeometry::from(boot, fat32, std::numeric_limits<std::uint64_t>::max() - 5));
 
     // A FAT that is too large to be true is not asked: files then lie in one piece.
@@ -251,7 +268,8 @@ TEST(FAT, BootSectorsFromElsewhereAndImpossibleOnes)
     EXPECT_EQ(context.chain(5, 3).clusters, (std::vector<std::uint32_t> { 5, 6, 7 }));
     EXPECT_TRUE(context.areFree(2, 1000));
     EXPECT_EQ(FATParser::parse(*source, 0, "", nullptr, ByteView(boot))->notes,
-        std::vector<std::string> { "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." });
+        std::vector<std::string> {
+            "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." });
 }
 
 TEST(FAT, RecognisesDirectorySectors)
@@ -259,16 +277,21 @@ TEST(FAT, RecognisesDirectorySectors)
     FATImage image({ .type = fat12 });
     const auto folder = image.addFolder(root, { .name = "MAPPE      " });
     const auto place = static_cast<std::int64_t>(image.offsetOf(folder));
-    EXPECT_FALSE(FATParser::looksLikeDirectorySector(image.bytes(), place)) << "two entries are too few";
+    EXPECT_FALSE(FATParser::looksLikeDirectorySector(image.bytes(), place))
+        << "two entries are too few";
     image.addEntry(folder, { .name = "LANG~1  TXT", .longName = u"Langt navn.txt" });
     EXPECT_TRUE(FATParser::looksLikeDirectorySector(image.bytes(), place));
     for (int i = 0; i < 11; ++i)
-        image.addEntry(folder, { .name = "+,;=[]  TXT" }); // odd characters that a listing would not take
-    EXPECT_TRUE(FATParser::looksLikeDirectorySector(image.bytes(), place)) << "full, without an end";
+        image.addEntry(
+            folder, { .name = "+,;=[]  TXT" }); // odd characters that a listing would not take
+    EXPECT_TRUE(FATParser::looksLikeDirectorySector(image.bytes(), place))
+        << "full, without an end";
     image.bytes()[image.offsetOf(folder) + 10 * 32] = 0;
-    EXPECT_FALSE(FATParser::looksLikeDirectorySector(image.bytes(), place)) << "an end with something behind it";
+    EXPECT_FALSE(FATParser::looksLikeDirectorySector(image.bytes(), place))
+        << "an end with something behind it";
     image.bytes()[image.offsetOf(folder) + 10 * 32] = 0x20;
-    EXPECT_FALSE(FATParser::looksLikeDirectorySector(image.bytes(), place)) << "a name that cannot be";
+    EXPECT_FALSE(FATParser::looksLikeDirectorySector(image.bytes(), place))
+        << "a name that cannot be";
     EXPECT_FALSE(FATParser::looksLikeDirectorySector(Bytes(512)));
 }
 
@@ -280,7 +303,8 @@ TEST(FAT, LostFragmentsAreListedOnce)
     image.addFile(live, { .name = "HER     TXT" }, bytesOf("her"));
     const auto beside = image.addFolder(root, { .name = "VED SIDEN  " });
     image.addEntry(beside, { .name = "VED     TXT" });
-    const auto lost = image.addFolder(root, { .name = "TABT       " }); // behind the end of the one beside it
+    const auto lost
+        = image.addFolder(root, { .name = "TABT       " }); // behind the end of the one beside it
     const auto split = image.addFile(lost, { .name = "DELT    BIN" }, content);
     image.addFile(lost, { .name = "SLETTET BIN" }, content);
     image.remove(lost, "SLETTET BIN");
@@ -293,7 +317,8 @@ TEST(FAT, LostFragmentsAreListedOnce)
     image.write(image.offsetOf(split + 1), Bytes(512, 0xEE));
     // A live file that holds what looks like a directory.
     const auto sector = std::span(image.bytes()).subspan(image.offsetOf(inner), 512);
-    const auto inFile = image.addFile(root, { .name = "BACKUP  IMG" }, Bytes(sector.begin(), sector.end()));
+    const auto inFile
+        = image.addFile(root, { .name = "BACKUP  IMG" }, Bytes(sector.begin(), sector.end()));
     // The entries of the lost folders vanish without a trace.
     for (const std::size_t number : { 1u, 2u })
         image.write(image.entryOffset(root, number), bytesOf("?"));
@@ -316,5 +341,6 @@ TEST(FAT, LostFragmentsAreListedOnce)
     EXPECT_EQ(splitNode.status, EntryStatus::deleted);
     EXPECT_EQ(chance(splitNode), "God");
     EXPECT_EQ(FileReader::readPrefix(splitNode, *card.source, 1_MiB), content);
-    EXPECT_FALSE(FATParser::lostEntries(*card.volume, sectors, nullptr)) << "everything is claimed by now";
+    EXPECT_FALSE(FATParser::lostEntries(*card.volume, sectors, nullptr))
+        << "everything is claimed by now";
 }

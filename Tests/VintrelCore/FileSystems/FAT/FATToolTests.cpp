@@ -1,10 +1,11 @@
-// Cards that other systems' tools make, read by us: nothing here depends on our own idea of the format.
+// Cards that other systems' tools make, read by us: nothing here depends on our own idea of the
+// format.
 
 #include "Tests/Support/TestSource.h"
+#include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Scanning/Scanner.h"
-#include "VintrelCore/Devices/SourceOpener.h"
 
 #include <gtest/gtest.h>
 
@@ -29,8 +30,9 @@ protected:
     void tool(const std::string& command)
     {
         std::string output;
-        ASSERT_EQ(runCommand("export MTOOLS_SKIP_CHECK=1 LC_ALL=C.UTF-8; " + command, &output), 0) << command << "\n"
-                                                                                                   << output;
+        ASSERT_EQ(runCommand("export MTOOLS_SKIP_CHECK=1 LC_ALL=C.UTF-8; " + command, &output), 0)
+            << command << "\n"
+            << output;
     }
 
     void addFile(const std::string& path, std::size_t size)
@@ -55,13 +57,15 @@ TEST_P(ToolMadeCard, EveryFileComesBackAlsoTheDeletedOnes)
     addFile("/DCIM/100CANON/Et langt navn med æ, ø og å.jpg", 5'000);
     addFile("/DCIM/100CANON/Øst for Årup.jpg", 5'000);
     addFile("/TOM.TXT", 0);
-    for (int i = 0; i < 4; ++i) // as many as fit into the smallest cluster: what follows it can lie anywhere
+    for (int i = 0; i < 4;
+         ++i) // as many as fit into the smallest cluster: what follows it can lie anywhere
         addFile("/MAPPE/Fil nummer " + std::to_string(i) + ".dat", 700);
 
     const std::string size = width == 12 ? "4096" : width == 16 ? "20480" : "66560";
     tool("mkfs.fat -C -F " + std::to_string(width) + " -n 'MIT KORT' " + image + " " + size);
     tool("mcopy -s -i " + image + " " + (folder / "src") + "/* ::/");
-    tool("mdel -i " + image + " '::/DCIM/100CANON/IMG_0002.JPG' '::/DCIM/100CANON/Øst for Årup.jpg'");
+    tool("mdel -i " + image
+        + " '::/DCIM/100CANON/IMG_0002.JPG' '::/DCIM/100CANON/Øst for Årup.jpg'");
     tool("mdeltree -i " + image + " ::/MAPPE");
     files["/DCIM/100CANON/_MG_0002.JPG"] = std::exchange(files["/DCIM/100CANON/IMG_0002.JPG"], {});
     files.erase("/DCIM/100CANON/IMG_0002.JPG");
@@ -79,8 +83,8 @@ TEST_P(ToolMadeCard, EveryFileComesBackAlsoTheDeletedOnes)
         if (path.starts_with("/_APPE/"))
             path[1] = 'M';
         found[path] = FileReader::readPrefix(*node, *source, 1_MiB);
-        const bool isDeleted
-            = path.starts_with("/MAPPE") || path.ends_with("_MG_0002.JPG") || path.ends_with("Årup.jpg");
+        const bool isDeleted = path.starts_with("/MAPPE") || path.ends_with("_MG_0002.JPG")
+            || path.ends_with("Årup.jpg");
         EXPECT_EQ(node->status, isDeleted ? EntryStatus::deleted : EntryStatus::existing) << path;
         EXPECT_EQ(node->recoverability, Recoverability::good) << path;
     }

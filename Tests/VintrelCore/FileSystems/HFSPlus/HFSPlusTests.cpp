@@ -39,7 +39,8 @@ TEST(HFSPlus, LiveFilesInPiecesAndDeletedOnesFromStaleNodes)
                 .runs = { { 200, 1 }, { 100, 1 } } } });
     image.setLeaf(4, { { .parent = 18, .name = u"flyttet", .id = 21, .modified = 9 } });
     image.chain({ 4, 2 });
-    // Given up by the tree: a file that was deleted, an older state of one that lives, and another of the deleted one.
+    // Given up by the tree: a file that was deleted, an older state of one that lives, and another
+    // of the deleted one.
     image.setLeaf(5,
         { { .parent = 18, .name = u"slettet", .id = 30, .size = 2000, .runs = { { 120, 4 } } },
             { .parent = 2, .name = u"gammelt navn", .id = 21, .modified = 0xF0000000 } });
@@ -53,15 +54,21 @@ TEST(HFSPlus, LiveFilesInPiecesAndDeletedOnesFromStaleNodes)
     EXPECT_EQ(disk.content("/Mappe/Ångström/x"), content);
     EXPECT_EQ(disk["/Mappe/slettet"].status, EntryStatus::deleted);
     EXPECT_EQ(disk.content("/Mappe/slettet"), content);
-    EXPECT_EQ(disk["/Mappe/flyttet"].status, EntryStatus::existing) << "the live record wins, whatever its date";
+    EXPECT_EQ(disk["/Mappe/flyttet"].status, EntryStatus::existing)
+        << "the live record wins, whatever its date";
 }
 
 TEST(HFSPlus, Chances)
 {
     HFSPlusImage image;
     image.setLeaf(2,
-        { rootRecord, { .parent = 2, .name = u"afkortet", .id = 40, .size = 2000, .runs = { { 100, 1 } } },
-            { .parent = 2, .name = u"udenfor", .id = 41, .size = 600, .runs = { { 399, 1 }, { 400, 1 } } } });
+        { rootRecord,
+            { .parent = 2, .name = u"afkortet", .id = 40, .size = 2000, .runs = { { 100, 1 } } },
+            { .parent = 2,
+                .name = u"udenfor",
+                .id = 41,
+                .size = 600,
+                .runs = { { 399, 1 }, { 400, 1 } } } });
     image.chain({ 2 });
     image.setLeaf(3,
         { { .parent = 2, .name = u"hel", .id = 50, .size = 1024, .runs = { { 110, 2 } } },
@@ -82,18 +89,21 @@ TEST(HFSPlus, Chances)
         { "/genbrugt", "Ringe: Blokkene er genbrugt af andre filer" },
         { "/i stykker", "Delvis: Filen var fragmenteret – kun de første dele kendes" },
         { "/komprimeret",
-            "Ringe: HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke gendannes direkte" },
+            "Ringe: HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke "
+            "gendannes direkte" },
         { "/ressource", "God: Filen har kun en ressourcegren, som ikke gendannes" },
     };
     const auto disk = parse(image);
     for (const auto& [path, text] : expected)
         EXPECT_EQ(chance(disk[path]), text) << path;
     EXPECT_EQ(disk["/i stykker"].data,
-        FileData(ExtentList { { HFSPlusImage::offsetOf(116), 1024 }, { std::nullopt, 9000 - 1024 } }));
+        FileData(
+            ExtentList { { HFSPlusImage::offsetOf(116), 1024 }, { std::nullopt, 9000 - 1024 } }));
 
     const auto bitmap = HFSPlusImage::offsetOf(HFSPlusImage::allocationBlock);
     const auto without = parse(image, { bitmap, bitmap + 1 });
-    EXPECT_EQ(without.volume->notes, std::vector<std::string> { "Allokeringsfilen kunne ikke læses." });
+    EXPECT_EQ(
+        without.volume->notes, std::vector<std::string> { "Allokeringsfilen kunne ikke læses." });
     EXPECT_EQ(chance(without["/genbrugt"]), "Ukendt");
 }
 
@@ -103,7 +113,10 @@ TEST(HFSPlus, HardLinksOrphansAndPrivateFolders)
     image.write(HFSPlusImage::offsetOf(150), bytesOf("indhold"));
     image.setLeaf(2,
         { rootRecord,
-            { .parent = 2, .name = std::u16string(u"\0\0\0\0HFS+ Private Data", 21), .id = 16, .isFolder = true },
+            { .parent = 2,
+                .name = std::u16string(u"\0\0\0\0HFS+ Private Data", 21),
+                .id = 16,
+                .isFolder = true },
             { .parent = 16, .name = u"iNode7", .id = 60, .size = 7, .runs = { { 150, 1 } } },
             { .parent = 2, .name = u"link", .id = 61, .linkTo = 7 } });
     image.setLeaf(3,
@@ -144,8 +157,9 @@ TEST(HFSPlus, ChainsThatLoopOrAreCutByUnreadableSectors)
 TEST(HFSPlus, DamagedHeadersTreesAndRecords)
 {
     HFSPlusImage sound;
-    sound.setLeaf(
-        2, { rootRecord, { .parent = 2, .name = u"første", .id = 90 }, { .parent = 2, .name = u"anden", .id = 91 } });
+    sound.setLeaf(2,
+        { rootRecord, { .parent = 2, .name = u"første", .id = 90 },
+            { .parent = 2, .name = u"anden", .id = 91 } });
     sound.chain({ 2 });
     const auto leaf = HFSPlusImage::nodeOffset(2);
     const struct {
@@ -173,7 +187,8 @@ TEST(HFSPlus, OtherReadersSeeWhatWeBuild)
 {
     if (!hasProgram("fls"))
         GTEST_SKIP() << "needs sleuthkit";
-    const std::vector<Record> records { rootRecord, { .parent = 2, .name = u"Mappe", .id = 18, .isFolder = true },
+    const std::vector<Record> records { rootRecord,
+        { .parent = 2, .name = u"Mappe", .id = 18, .isFolder = true },
         { .parent = 18, .name = u"fil.txt", .id = 20, .size = 700, .runs = { { 200, 2 } } } };
     HFSPlusImage image;
     const auto content = patternBytes(700);

@@ -16,7 +16,10 @@ using Image = NTFSImage;
 constexpr auto root = Image::root;
 
 /// Status, chance and note of a node in one text, for short expectations.
-std::string fate(const FileNode& node) { return std::string(label(node.status)) + ", " + chance(node); }
+std::string fate(const FileNode& node)
+{
+    return std::string(label(node.status)) + ", " + chance(node);
+}
 
 Parsed parse(std::unique_ptr<DiskSource> source)
 {
@@ -44,7 +47,8 @@ Bytes firstOf(const Bytes& bytes, std::size_t count)
 /// A record with one name below the root, and these further attributes.
 Image::Record named(std::u16string_view name, std::vector<Bytes> attributes, bool inUse = true)
 {
-    attributes.insert(attributes.begin(), { Image::standardInformation(), Image::fileName(root, name) });
+    attributes.insert(
+        attributes.begin(), { Image::standardInformation(), Image::fileName(root, name) });
     return { .inUse = inUse, .attributes = std::move(attributes) };
 }
 
@@ -107,15 +111,19 @@ TEST(NTFS, Records)
     Image image;
     image.put(20,
         { .sequence = 7,
-            .attributes
-            = { Image::standardInformation(0, 200'000'000'000'000'000), Image::fileName(root, u"LANGTN~1.TXT", 2),
-                Image::fileName({ 40, 3 }, u"Langt navn æøå.txt", 1, 12), Image::data(bytesOf("hej")) } });
-    const auto stored = ByteView(image.bytes()).sub(static_cast<std::int64_t>(image.recordOffset(20)), 1024).span();
+            .attributes = { Image::standardInformation(0, 200'000'000'000'000'000),
+                Image::fileName(root, u"LANGTN~1.TXT", 2),
+                Image::fileName({ 40, 3 }, u"Langt navn æøå.txt", 1, 12),
+                Image::data(bytesOf("hej")) } });
+    const auto stored = ByteView(image.bytes())
+                            .sub(static_cast<std::int64_t>(image.recordOffset(20)), 1024)
+                            .span();
     const Bytes sound(stored.begin(), stored.end());
     EXPECT_TRUE(NTFSParser::looksLikeRecord(sound));
     const auto parsed = [](Bytes bytes, std::optional<std::uint64_t> number = {}) {
         MFTRecord record;
-        return NTFSParser::parseRecord(bytes, number, record) ? std::optional(record) : std::nullopt;
+        return NTFSParser::parseRecord(bytes, number, record) ? std::optional(record)
+                                                              : std::nullopt;
     };
 
     auto record = parsed(sound);
@@ -166,7 +174,9 @@ TEST(NTFS, ListsAndReadsTheLiveTree)
     const auto first = image.store(firstOf(photo, 2048));
     const auto second = image.store(firstOf(photo, 1024));
     image.put(24,
-        named(u"stykker.bin", { Image::data({ .runs = { second[0], { std::nullopt, 2 }, first[0] }, .size = 5000 }) }));
+        named(u"stykker.bin",
+            { Image::data(
+                { .runs = { second[0], { std::nullopt, 2 }, first[0] }, .size = 5000 }) }));
     // A hard link and a named stream add nothing; $Extend and what is below it are the system's.
     auto stream = Image::data(bytesOf("x"));
     stream[9] = 4;
@@ -176,7 +186,8 @@ TEST(NTFS, ListsAndReadsTheLiveTree)
     image.putFolder(30, { 11, 11 }, u"$RmMetadata");
     image.putFile(31, { 30, 1 }, u"$TxfLog", bytesOf("x"));
     image.putFile(8, root, u"$BadClus", bytesOf("x"));
-    image.put(32, { .attributes = { Image::standardInformation(), Image::data(bytesOf("uden navn")) } });
+    image.put(
+        32, { .attributes = { Image::standardInformation(), Image::data(bytesOf("uden navn")) } });
 
     const auto disk = parse(image);
     EXPECT_EQ(disk.volume->type, FileSystemType::ntfs);
@@ -185,11 +196,13 @@ TEST(NTFS, ListsAndReadsTheLiveTree)
     EXPECT_EQ(disk.volume->clusterSize, 1024u);
     EXPECT_EQ(disk.volume->size, image.bytes().size());
     EXPECT_TRUE(disk.volume->notes.empty());
-    EXPECT_EQ(disk.names(), " /Billeder /Billeder/IMG_0001.JPG /Billeder/Navn.txt /lille.txt /stykker.bin /tom.txt");
+    EXPECT_EQ(disk.names(),
+        " /Billeder /Billeder/IMG_0001.JPG /Billeder/Navn.txt /lille.txt /stykker.bin /tom.txt");
     EXPECT_EQ(disk.content("/Billeder/IMG_0001.JPG"), photo);
     EXPECT_EQ(disk.content("/Billeder/Navn.txt"), bytesOf("hej"));
     EXPECT_EQ(disk.content("/lille.txt"), bytesOf("lille"));
-    EXPECT_EQ(disk.content("/stykker.bin"), joined({ firstOf(photo, 1024), Bytes(2048), firstOf(photo, 1928) }));
+    EXPECT_EQ(disk.content("/stykker.bin"),
+        joined({ firstOf(photo, 1024), Bytes(2048), firstOf(photo, 1928) }));
     for (const auto* path : { "/Billeder/IMG_0001.JPG", "/lille.txt", "/stykker.bin", "/tom.txt" })
         EXPECT_EQ(fate(disk[path]), "Eksisterende, God") << path;
     const auto& node = disk["/Billeder/IMG_0001.JPG"];
@@ -246,7 +259,8 @@ TEST(NTFS, ChancesOfDeletedFiles)
     number = 20;
     for (const auto& row : cases) {
         const auto& nodes = disk.volume->root->children();
-        const auto node = std::ranges::find(nodes, number++, [](const auto& child) { return child->fsID; });
+        const auto node
+            = std::ranges::find(nodes, number++, [](const auto& child) { return child->fsID; });
         ASSERT_NE(node, nodes.end()) << row.fate;
         EXPECT_EQ(fate(**node), "Slettet, " + row.fate) << (*node)->name;
     }
@@ -266,7 +280,8 @@ TEST(NTFS, BitmapThatCannotBeRead)
     Image image({ .clusterSize = 512, .clusters = 9000 }); // the bitmap has three sectors
     const auto content = patternBytes(1500);
     const auto put = [&](std::uint64_t number, std::u16string_view name, std::uint64_t lcn) {
-        image.put(number, named(name, { Image::data({ .runs = { { lcn, 3 } }, .size = 1500 }) }, false));
+        image.put(
+            number, named(name, { Image::data({ .runs = { { lcn, 3 } }, .size = 1500 }) }, false));
     };
     put(20, u"a", 4000);
     put(21, u"b", 4095); // its bits lie in two sectors
@@ -338,12 +353,14 @@ TEST(NTFS, OrphansKeepTheirSubtree)
     image.put(27, { .inUse = false, .attributes = { Image::data(Bytes {}) } });
     // The best name's folder is gone, another one is there.
     image.put(28,
-        { .attributes = { Image::fileName({ 50, 9 }, u"Væk.txt"), Image::fileName({ 50, 9 }, u"VÆK~1.TXT", 2),
-              Image::fileName({ 20, 1 }, u"Her.txt"), Image::data(bytesOf("x")) } });
+        { .attributes
+            = { Image::fileName({ 50, 9 }, u"Væk.txt"), Image::fileName({ 50, 9 }, u"VÆK~1.TXT", 2),
+                Image::fileName({ 20, 1 }, u"Her.txt"), Image::data(bytesOf("x")) } });
     const auto disk = parse(image);
     EXPECT_EQ(disk.names(),
         " /$Forældreløse filer /$Forældreløse filer/løkke A /$Forældreløse filer/løkke A/løkke B"
-        " /$Forældreløse filer/løkke A/løkke B/i løkken /$Forældreløse filer/øverst /$Forældreløse filer/øverst/midt"
+        " /$Forældreløse filer/løkke A/løkke B/i løkken /$Forældreløse filer/øverst /$Forældreløse "
+        "filer/øverst/midt"
         " /$Forældreløse filer/øverst/midt/nederst /$Forældreløse filer/øverst/Her.txt"
         " /$Forældreløse filer/unavngivet-26");
     const std::string folder = "/$Forældreløse filer";
@@ -369,7 +386,8 @@ TEST(NTFS, AttributeLists)
         const auto first = image.store(firstOf(content, 2048));
         image.store(Bytes(1024));
         const auto second = image.store({ content.begin() + 2048, content.end() });
-        const auto base = [&](std::uint64_t number, std::vector<Image::ListEntry> entries, bool inUse = true) {
+        const auto base = [&](std::uint64_t number, std::vector<Image::ListEntry> entries,
+                              bool inUse = true) {
             entries.insert(entries.begin(), { { 0x10, { number, 1 } }, { 0x80, { number, 1 } } });
             const auto list = Image::listContent(entries);
             image.put(number,
@@ -377,11 +395,14 @@ TEST(NTFS, AttributeLists)
                     .attributes = { Image::standardInformation(),
                         kind == Kind::resident
                             ? Image::attribute(0x20, list)
-                            : Image::nonResident(0x20, { .runs = image.store(list), .size = list.size() }),
-                        Image::fileName(root, u"fil" + std::u16string(1, static_cast<char16_t>(u'A' + number - 20))),
+                            : Image::nonResident(
+                                0x20, { .runs = image.store(list), .size = list.size() }),
+                        Image::fileName(root,
+                            u"fil" + std::u16string(1, static_cast<char16_t>(u'A' + number - 20))),
                         Image::data({ .runs = first, .size = 6000 }) } });
         };
-        const auto extension = [&](std::uint64_t number, FileReference of, std::uint16_t sequence, bool inUse = true) {
+        const auto extension = [&](std::uint64_t number, FileReference of, std::uint16_t sequence,
+                                   bool inUse = true) {
             image.put(number,
                 { .inUse = inUse,
                     .sequence = sequence,
@@ -397,10 +418,16 @@ TEST(NTFS, AttributeLists)
         extension(42, { 22, 1 }, 4, false);
         base(23, { { 0x80, { 40, 3 }, 2 } }); // somebody else's
         // Names in an extension count, and a gap before a fragment stays one.
-        const auto list = Image::listContent({ { 0x30, { 44, 1 } }, { 0x80, { 45, 1 }, 4 }, { 0x80, { 24, 1 } } });
-        image.put(24, { .attributes = { Image::attribute(0x20, list), Image::data({ .runs = first, .size = 8000 }) } });
-        image.put(44, { .base = { 24, 1 }, .attributes = { Image::fileName(root, u"navn fra udvidelsen") } });
-        image.put(45, { .base = { 24, 1 }, .attributes = { Image::data({ .runs = second, .startVCN = 4 }) } });
+        const auto list = Image::listContent(
+            { { 0x30, { 44, 1 } }, { 0x80, { 45, 1 }, 4 }, { 0x80, { 24, 1 } } });
+        image.put(24,
+            { .attributes
+                = { Image::attribute(0x20, list), Image::data({ .runs = first, .size = 8000 }) } });
+        image.put(44,
+            { .base = { 24, 1 }, .attributes = { Image::fileName(root, u"navn fra udvidelsen") } });
+        image.put(45,
+            { .base = { 24, 1 },
+                .attributes = { Image::data({ .runs = second, .startVCN = 4 }) } });
 
         const auto disk = parse(image);
         EXPECT_EQ(disk.names(), " /filA /filB /filC /filD /navn fra udvidelsen");
@@ -410,9 +437,11 @@ TEST(NTFS, AttributeLists)
         EXPECT_EQ(disk.content("/filB"), joined({ firstOf(content, 2048), Bytes(3952) }));
         EXPECT_EQ(disk.content("/filC"), content);
         EXPECT_EQ(fate(disk["/filD"]), fate(disk["/filB"]));
-        EXPECT_EQ(fate(disk["/navn fra udvidelsen"]), "Eksisterende, Delvis: Dele af filens placering mangler");
+        EXPECT_EQ(fate(disk["/navn fra udvidelsen"]),
+            "Eksisterende, Delvis: Dele af filens placering mangler");
         EXPECT_EQ(disk.content("/navn fra udvidelsen"),
-            joined({ firstOf(content, 2048), Bytes(2048), { content.begin() + 2048, content.begin() + 5952 } }));
+            joined({ firstOf(content, 2048), Bytes(2048),
+                { content.begin() + 2048, content.begin() + 5952 } }));
     }
 }
 
@@ -426,8 +455,10 @@ TEST(NTFS, TheMFTIsFoundByItsCopyToo)
         std::optional<std::vector<std::string>> notes; ///< none: no volume
     } cases[] = {
         { "sound", [](Image&) {}, std::vector<std::string> {} },
-        { "record gone", [](Image& image) { image.write(image.recordOffset(0), Bytes(1024)); }, { { mirrorNote } } },
-        { "a sector of the record is older", [](Image& image) { image.bytes()[image.recordOffset(0, 510)] ^= 1; },
+        { "record gone", [](Image& image) { image.write(image.recordOffset(0), Bytes(1024)); },
+            { { mirrorNote } } },
+        { "a sector of the record is older",
+            [](Image& image) { image.bytes()[image.recordOffset(0, 510)] ^= 1; },
             { { fixupNote } } },
         { "both gone",
             [](Image& image) {
@@ -453,20 +484,30 @@ TEST(NTFS, TheMFTIsFoundByItsCopyToo)
 TEST(NTFS, AnMFTInPieces)
 {
     // Clusters smaller than records, and pieces of odd length: records lie across them.
-    Image pieces(
-        { .clusterSize = 512, .clusters = 900, .records = 40, .mft = { { 16, 45 }, { 100, 7 }, { 110, 28 } } });
+    Image pieces({ .clusterSize = 512,
+        .clusters = 900,
+        .records = 40,
+        .mft = { { 16, 45 }, { 100, 7 }, { 110, 28 } } });
     // Extension records of the MFT, one of which lies in the piece that the other one describes.
-    Image chained(
-        { .clusterSize = 512, .clusters = 900, .records = 60, .mft = { { 16, 48 }, { 100, 40 }, { 200, 32 } } });
-    const auto list = Image::listContent({ { 0x80, { 0, 1 } }, { 0x80, { 30, 1 }, 88 }, { 0x80, { 20, 1 }, 48 } });
-    chained.put(20, { .base = { 0, 1 }, .attributes = { Image::data({ .runs = { { 100, 40 } }, .startVCN = 48 }) } });
-    chained.put(30, { .base = { 0, 1 }, .attributes = { Image::data({ .runs = { { 200, 32 } }, .startVCN = 88 }) } });
-    chained.put(
-        0, { .attributes = { Image::attribute(0x20, list), Image::data({ .runs = { { 16, 48 } }, .size = 61'440 }) } });
+    Image chained({ .clusterSize = 512,
+        .clusters = 900,
+        .records = 60,
+        .mft = { { 16, 48 }, { 100, 40 }, { 200, 32 } } });
+    const auto list = Image::listContent(
+        { { 0x80, { 0, 1 } }, { 0x80, { 30, 1 }, 88 }, { 0x80, { 20, 1 }, 48 } });
+    chained.put(20,
+        { .base = { 0, 1 },
+            .attributes = { Image::data({ .runs = { { 100, 40 } }, .startVCN = 48 }) } });
+    chained.put(30,
+        { .base = { 0, 1 },
+            .attributes = { Image::data({ .runs = { { 200, 32 } }, .startVCN = 88 }) } });
+    chained.put(0,
+        { .attributes = { Image::attribute(0x20, list),
+              Image::data({ .runs = { { 16, 48 } }, .size = 61'440 }) } });
     for (auto* image : { &pieces, &chained }) {
         for (const std::uint64_t number : { 21u, 22u, 23u, 25u, 26u, 38u, 39u })
-            image->putFile(
-                number, root, u"fil " + std::u16string(1, static_cast<char16_t>(u'A' + number)), bytesOf("x"));
+            image->putFile(number, root,
+                u"fil " + std::u16string(1, static_cast<char16_t>(u'A' + number)), bytesOf("x"));
         const auto disk = parse(*image);
         EXPECT_EQ(disk.volume->root->totals().files, 7u) << disk.names();
         for (const auto& node : disk.volume->root->children())
@@ -479,25 +520,33 @@ TEST(NTFS, WhatWasNeverWrittenIsZeros)
     Image image;
     const auto content = patternBytes(4096);
     const auto runs = image.store(content);
-    image.put(20, named(u"halv", { Image::data({ .runs = runs, .size = 4000, .initSize = 1500 }) }));
+    image.put(
+        20, named(u"halv", { Image::data({ .runs = runs, .size = 4000, .initSize = 1500 }) }));
     image.put(21, named(u"intet", { Image::data({ .runs = runs, .size = 4000, .initSize = 0 }) }));
-    image.put(22, named(u"mere", { Image::data({ .runs = runs, .size = 4000, .initSize = 9000 }) }));
+    image.put(
+        22, named(u"mere", { Image::data({ .runs = runs, .size = 4000, .initSize = 9000 }) }));
     image.put(23,
         named(u"pakket",
-            { Image::data({ .runs = runs, .size = 4000, .initSize = 1500, .flags = 1, .compressionUnit = 2 }) }));
+            { Image::data({ .runs = runs,
+                .size = 4000,
+                .initSize = 1500,
+                .flags = 1,
+                .compressionUnit = 2 }) }));
     // A unit of four clusters stored in one: a chunk that repeats its letter.
     const auto packed = image.store({ 0x03, 0xB0, 0x02, 'a', 0xFC, 0x0F });
     image.put(24,
         named(u"pakket igen",
-            { Image::data(
-                { .runs = { packed[0], { std::nullopt, 3 } }, .size = 4096, .flags = 1, .compressionUnit = 2 }) }));
+            { Image::data({ .runs = { packed[0], { std::nullopt, 3 } },
+                .size = 4096,
+                .flags = 1,
+                .compressionUnit = 2 }) }));
     const auto disk = parse(image);
     for (const auto* path : { "/halv", "/pakket" }) {
         EXPECT_EQ(disk.content(path), joined({ firstOf(content, 1500), Bytes(2500) })) << path;
         EXPECT_EQ(fate(disk[path]), "Eksisterende, God") << path;
     }
-    EXPECT_EQ(
-        disk["/halv"].data, FileData(ExtentList { { image.offsetOf(*runs[0].lcn), 1500 }, { std::nullopt, 2500 } }));
+    EXPECT_EQ(disk["/halv"].data,
+        FileData(ExtentList { { image.offsetOf(*runs[0].lcn), 1500 }, { std::nullopt, 2500 } }));
     EXPECT_EQ(disk.content("/intet"), Bytes(4000));
     EXPECT_EQ(disk.content("/mere"), firstOf(content, 4000));
     EXPECT_EQ(disk.content("/pakket igen"), Bytes(4096, 'a'));
@@ -515,11 +564,15 @@ TEST(NTFS, AbsurdSizesAreCutToWhatTheVolumeCouldHold)
         bool isWhole;
     } cases[] = {
         { u"A", { .runs = runs, .size = std::uint64_t { 1 } << 60 }, all, false },
-        { u"C", { .runs = { { *runs[0].lcn, (std::uint64_t { 1 } << 40) - 1 } }, .size = std::uint64_t { 1 } << 50 },
+        { u"C",
+            { .runs = { { *runs[0].lcn, (std::uint64_t { 1 } << 40) - 1 } },
+                .size = std::uint64_t { 1 } << 50 },
             all, false },
-        // A sparse file may be larger than its volume, as long as its runs say so and a system could have made it.
-        { u"D", { .runs = { runs[0], { std::nullopt, 9999 } }, .size = 10'240'000, .flags = 0x8000 }, 10'240'000,
-            true },
+        // A sparse file may be larger than its volume, as long as its runs say so and a system
+        // could have made it.
+        { u"D",
+            { .runs = { runs[0], { std::nullopt, 9999 } }, .size = 10'240'000, .flags = 0x8000 },
+            10'240'000, true },
         { u"F",
             { .runs = { { std::nullopt, (std::uint64_t { 1 } << 40) - 1 } },
                 .size = std::uint64_t { 1 } << 49,
@@ -534,7 +587,8 @@ TEST(NTFS, AbsurdSizesAreCutToWhatTheVolumeCouldHold)
     for (const auto& row : cases) {
         const auto& node = *disk.volume->root->children().at(index++);
         EXPECT_EQ(node.size, row.size) << node.name;
-        EXPECT_EQ(node.recoverability, row.isWhole ? Recoverability::good : Recoverability::partial) << node.name;
+        EXPECT_EQ(node.recoverability, row.isWhole ? Recoverability::good : Recoverability::partial)
+            << node.name;
     }
     EXPECT_EQ(disk.content("/D").size(), 10'000u * 1024);
 }
@@ -544,7 +598,8 @@ TEST(NTFS, AnMFTThatClaimsExabytes)
     const std::uint64_t longest = (std::uint64_t { 1 } << 40) - 1;
     const std::uint64_t exabytes = std::uint64_t { 1 } << 62;
     const std::vector<Image::Data> claims {
-        { .runs = { { 16, 64 }, { std::nullopt, longest }, { std::nullopt, longest }, { 16, 1 } }, .size = exabytes },
+        { .runs = { { 16, 64 }, { std::nullopt, longest }, { std::nullopt, longest }, { 16, 1 } },
+            .size = exabytes },
         { .runs = { { 16, 64 }, { 16, longest } }, .size = exabytes },
         { .runs = DataFragment::Runs(100, { 16, 500 }), .size = exabytes },
         { .runs = { { 16, 64 } }, .size = exabytes },

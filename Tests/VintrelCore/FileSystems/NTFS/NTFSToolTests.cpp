@@ -1,11 +1,11 @@
-// Volumes that other systems' tools make, and what those tools read from them: nothing here depends on our own idea of
-// the format. No tool deletes a file without mounting the volume, so that the test does it as systems do: in the
-// record's header and in the bitmap.
+// Volumes that other systems' tools make, and what those tools read from them: nothing here depends
+// on our own idea of the format. No tool deletes a file without mounting the volume, so that the
+// test does it as systems do: in the record's header and in the bitmap.
 
 #include "Tests/Support/TestSource.h"
+#include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Scanning/Scanner.h"
-#include "VintrelCore/Devices/SourceOpener.h"
 
 #include <gtest/gtest.h>
 
@@ -29,7 +29,8 @@ protected:
     void tool(const std::string& command)
     {
         std::string output;
-        ASSERT_EQ(runCommand("export LC_ALL=C.UTF-8; " + command, &output), 0) << command << "\n" << output;
+        ASSERT_EQ(runCommand("export LC_ALL=C.UTF-8; " + command, &output), 0) << command << "\n"
+                                                                               << output;
     }
 
     void addFile(const std::string& name, std::size_t size)
@@ -65,7 +66,8 @@ protected:
             if (!record.matches("FILE", 0) || record.u32le(44) != number || record.u64le(32) != 0)
                 continue;
             std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
-            file.seekp(static_cast<std::streamoff>(at + 16)).put(static_cast<char>(record.u8(16) + 1));
+            file.seekp(static_cast<std::streamoff>(at + 16))
+                .put(static_cast<char>(record.u8(16) + 1));
             file.seekp(static_cast<std::streamoff>(at + 22)).put(0);
             return;
         }
@@ -80,19 +82,21 @@ protected:
 
 TEST_P(ToolMadeVolume, EveryFileComesBackAlsoTheDeletedOnes)
 {
-    const std::map<std::string, std::size_t> sizes { { "tom.txt", 0 }, { "et tegn", 1 }, { "i posten.txt", 300 },
-        { "Billede fra Årø, æblehaven.jpg", 60'001 }, { "stor.bin", 1'000'000 } };
+    const std::map<std::string, std::size_t> sizes { { "tom.txt", 0 }, { "et tegn", 1 },
+        { "i posten.txt", 300 }, { "Billede fra Årø, æblehaven.jpg", 60'001 },
+        { "stor.bin", 1'000'000 } };
     for (const auto& [name, size] : sizes)
         addFile(name, size);
     addFile("slettet lille.txt", 200);
     const auto before = bitmap();
     addFile("slettet.jpg", 250'000);
     const auto after = bitmap();
-    // So many named streams that the file's own attributes go to extension records, with a list of where they are.
+    // So many named streams that the file's own attributes go to extension records, with a list of
+    // where they are.
     addFile("mange strømme.bin", 50'000);
     for (int i = 0; i < 20; ++i)
-        tool("ntfscp -f -q -N 'strøm nummer " + std::to_string(i) + "' " + image + " " + (folder / "ind")
-            + " 'mange strømme.bin'");
+        tool("ntfscp -f -q -N 'strøm nummer " + std::to_string(i) + "' " + image + " "
+            + (folder / "ind") + " 'mange strømme.bin'");
     // Grown by the other tool: what follows was never written.
     addFile("vokset.bin", 10'000);
     tool("ntfstruncate -f -q " + image + " " + std::to_string(recordOf("vokset.bin")) + " 90000");
@@ -106,7 +110,9 @@ TEST_P(ToolMadeVolume, EveryFileComesBackAlsoTheDeletedOnes)
         freed += static_cast<std::size_t>(std::popcount(own));
         free[i] = static_cast<std::uint8_t>(free[i] & ~own);
     }
-    ASSERT_EQ(freed, (250'000 + static_cast<std::size_t>(GetParam()) - 1) / static_cast<std::size_t>(GetParam()));
+    ASSERT_EQ(freed,
+        (250'000 + static_cast<std::size_t>(GetParam()) - 1)
+            / static_cast<std::size_t>(GetParam()));
     writeFile(folder / "bitmap", free);
     tool("ntfscp -f -q -i " + image + " " + (folder / "bitmap") + " 6");
     markDeleted(deleted);
@@ -132,7 +138,8 @@ TEST_P(ToolMadeVolume, EveryFileComesBackAlsoTheDeletedOnes)
         Bytes theirs;
         if (isDeleted) {
             const auto record = std::to_string(name == "slettet.jpg" ? deleted : deletedSmall);
-            tool("ntfsundelete -f -q -T -u -i " + record + " -o fundet -d " + folder.path() + " " + image);
+            tool("ntfsundelete -f -q -T -u -i " + record + " -o fundet -d " + folder.path() + " "
+                + image);
             theirs = readFile(folder / "fundet");
             std::filesystem::remove(folder / "fundet");
         } else {
@@ -141,10 +148,11 @@ TEST_P(ToolMadeVolume, EveryFileComesBackAlsoTheDeletedOnes)
         EXPECT_EQ(FileReader::readPrefix(*node, *source, 2_MiB), theirs) << name;
     }
     for (const auto& [name, size] : sizes)
-        EXPECT_EQ(
-            FileReader::readPrefix(*found[name], *source, 2_MiB), patternBytes(size, static_cast<std::uint32_t>(size)))
+        EXPECT_EQ(FileReader::readPrefix(*found[name], *source, 2_MiB),
+            patternBytes(size, static_cast<std::uint32_t>(size)))
             << name;
-    EXPECT_EQ(FileReader::readPrefix(*found["slettet.jpg"], *source, 1_MiB), patternBytes(250'000, 250'000));
+    EXPECT_EQ(FileReader::readPrefix(*found["slettet.jpg"], *source, 1_MiB),
+        patternBytes(250'000, 250'000));
 }
 
 INSTANTIATE_TEST_SUITE_P(NTFS, ToolMadeVolume, ::testing::Values(512, 4096, 65536));
