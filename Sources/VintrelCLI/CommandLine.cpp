@@ -1,12 +1,18 @@
 #include "VintrelCLI/CommandLine.h"
 
+#include "VintrelCLI/ByteCount.h"
 #include "VintrelCLI/DiskListing.h"
 #include "VintrelCLI/Signals.h"
 #include "VintrelCLI/TreeListing.h"
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Devices/SourceOpener.h"
+#include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Imaging/Imager.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 #include "VintrelCore/Recovery/Recovery.h"
 #include "VintrelCore/Scanning/Scanner.h"
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/ByteRange.h"
 
 #include <iosfwd>
 #include <span>

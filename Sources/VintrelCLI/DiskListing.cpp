@@ -1,7 +1,7 @@
 #include "VintrelCLI/DiskListing.h"
 
+#include "VintrelCLI/ByteCount.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
-#include "VintrelCore/Model/Model.h"
 
 #include <ostream>
 

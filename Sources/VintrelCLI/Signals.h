@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <csignal>
 

@@ -1,7 +1,10 @@
 #include "VintrelCLI/TreeListing.h"
 
+#include "VintrelCLI/ByteCount.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/Volume.h"
 
 #include <ctime>
 #include <ostream>

@@ -1,7 +1,8 @@
 #pragma once
 
 #include "Tests/Images/DiskImage.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <map>
 #include <string>

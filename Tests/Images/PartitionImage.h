@@ -1,7 +1,8 @@
 #pragma once
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Recovery/FileReader.h"
 
 #include <memory>

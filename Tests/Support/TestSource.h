@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Binary.h"
 
 #include <cstdint>
 #include <filesystem>

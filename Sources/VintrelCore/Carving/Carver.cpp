@@ -1,6 +1,7 @@
 #include "VintrelCore/Carving/Carver.h"
 
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <algorithm>
 

@@ -2,7 +2,8 @@
 
 #include "VintrelCore/Disk/RandomReader.h"
 #include "VintrelCore/Foundation/Binary.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Model/CarvedFile.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <array>
 #include <cstdint>
@@ -14,18 +15,6 @@
 
 class DiskSource;
 struct CarverSearches;
-
-/// A file that was found by its content alone.
-struct CarvedFile {
-    std::uint64_t offset = 0; ///< of its first byte, in bytes on the source
-    std::uint64_t size
-        = 0;           ///< in bytes; what the format says, which may be more than the source holds
-    std::string ext;   ///< in lower case, without the dot
-    bool exact = true; ///< whether the format itself tells the length; otherwise it is an estimate
-    std::optional<Date> date = {}; ///< when it was taken; only JPEG and ISO media files say
-
-    bool operator==(const CarvedFile&) const = default;
-};
 
 /// Every category but `other`, which is never carved.
 const std::set<FileCategory>& carvedCategories();

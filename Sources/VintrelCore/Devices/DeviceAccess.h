@@ -1,6 +1,8 @@
 #pragma once
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/FileDescriptor.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <functional>
 #include <string>

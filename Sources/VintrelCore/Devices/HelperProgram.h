@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/FileDescriptor.h"
 
 #include <chrono>
 #include <string>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <memory>
 #include <stdexcept>

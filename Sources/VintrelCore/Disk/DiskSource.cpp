@@ -1,6 +1,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 
 #include "VintrelCore/Foundation/AlignedBuffer.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -45,22 +46,6 @@ constexpr std::uint64_t unitEnd(std::uint64_t value, std::uint64_t unit)
 void fillZero(std::span<std::uint8_t> bytes) { std::ranges::fill(bytes, std::uint8_t { 0 }); }
 
 } // namespace
-
-FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept
-{
-    if (this != &other) {
-        close();
-        descriptor_ = other.release();
-    }
-    return *this;
-}
-
-int FileDescriptor::close()
-{
-    // Not tried again after EINTR: the descriptor is gone then, and its number may be somebody
-    // else's.
-    return descriptor_ >= 0 && ::close(release()) != 0 ? errno : 0;
-}
 
 DiskSource::DiskSource(Opened opened)
     : path_(std::move(opened.path))

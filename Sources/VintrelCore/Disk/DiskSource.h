@@ -1,6 +1,9 @@
 #pragma once
 
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/ByteRange.h"
+#include "VintrelCore/Foundation/FileDescriptor.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <cstdint>
 #include <functional>
@@ -14,7 +17,6 @@
 #include <sys/stat.h>
 #include <unordered_map>
 #include <unordered_set>
-#include <utility>
 #include <vector>
 
 class AlignedBuffer;
@@ -22,40 +24,6 @@ class AlignedBuffer;
 /// What a read does after an error: `thorough` goes on sector by sector and finds every readable
 /// one; `fast` gives up the whole 64 KiB block and does not ask the disk for it again.
 enum class ReadMode { thorough, fast };
-
-/// An open file descriptor, closed when its owner dies.
-class FileDescriptor {
-public:
-    FileDescriptor() = default;
-    explicit FileDescriptor(int descriptor)
-        : descriptor_(descriptor)
-    {
-    }
-    FileDescriptor(FileDescriptor&& other) noexcept
-        : descriptor_(other.release())
-    {
-    }
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
-    ~FileDescriptor() { close(); }
-
-    int get() const { return descriptor_; }
-    explicit operator bool() const { return descriptor_ >= 0; }
-    int release() { return std::exchange(descriptor_, -1); }
-    /// Closes early. The system's error number, which a file system may keep for this moment; 0
-    /// when all went well.
-    int close();
-
-private:
-    int descriptor_ = -1;
-};
-
-/// A half-open range of bytes on the source.
-struct ByteRange {
-    std::uint64_t start = 0;
-    std::uint64_t end = 0;
-
-    bool operator==(const ByteRange&) const = default;
-};
 
 struct ReadReport {
     Bytes data; ///< as many bytes as were asked for; zeros where unreadable and past the end

@@ -1,6 +1,7 @@
 #include "VintrelCore/FileSystems/FSProbe.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Foundation/Binary.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <cstdint>
 #include <optional>

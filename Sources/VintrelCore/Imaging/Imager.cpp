@@ -2,6 +2,8 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Foundation/AlignedBuffer.h"
+#include "VintrelCore/Foundation/ByteRange.h"
+#include "VintrelCore/Foundation/FileDescriptor.h"
 
 #include <CVintrel/Platform.h>
 

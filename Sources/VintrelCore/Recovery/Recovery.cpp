@@ -1,7 +1,11 @@
 #include "VintrelCore/Recovery/Recovery.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/FileDescriptor.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/WorkProgress.h"
 #include "VintrelCore/Recovery/FileReader.h"
 
 #include <CVintrel/Platform.h>

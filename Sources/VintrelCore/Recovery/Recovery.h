@@ -1,6 +1,7 @@
 #pragma once
 
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,4 +1,10 @@
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
+#include "VintrelCore/Model/CarvedFile.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Scanning/Scanner.h"
 
 #include <algorithm>

@@ -5,6 +5,8 @@
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/WorkProgress.h"
 #include "VintrelCore/Scanning/Scanner.h"
 
 #include <algorithm>

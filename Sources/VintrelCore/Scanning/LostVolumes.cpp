@@ -7,6 +7,11 @@
 #include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 #include "VintrelCore/Scanning/Scanner.h"
 
 #include <algorithm>

@@ -2,9 +2,11 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
+#include "VintrelCore/Foundation/Binary.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <limits>
 

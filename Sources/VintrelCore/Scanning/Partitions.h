@@ -1,6 +1,7 @@
 #pragma once
 
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <cstdint>
 #include <optional>

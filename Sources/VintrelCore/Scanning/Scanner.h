@@ -1,7 +1,12 @@
 #pragma once
 
 #include "VintrelCore/Carving/Carver.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/CarvedFile.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 #include "VintrelCore/Scanning/Partitions.h"
 
 #include <cstdint>

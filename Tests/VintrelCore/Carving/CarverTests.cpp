@@ -3,6 +3,8 @@
 #include "Tests/Images/CarvedFile.h"
 #include "VintrelCore/Carving/Carver.h"
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Scanning/Scanner.h"
 
 #include <gtest/gtest.h>

@@ -1,9 +1,12 @@
 #include "Tests/Images/FATImage.h"
 #include "Tests/Support/TestSource.h"
+#include "VintrelCLI/ByteCount.h"
 #include "VintrelCLI/CommandLine.h"
 #include "VintrelCore/Devices/DeviceAccess.h"
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Devices/SourceOpener.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,8 @@
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/ByteRange.h"
+#include "VintrelCore/Foundation/FileDescriptor.h"
 
 #include <gtest/gtest.h>
 

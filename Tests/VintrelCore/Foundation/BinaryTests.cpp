@@ -1,4 +1,5 @@
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
 
 #include <gtest/gtest.h>
 

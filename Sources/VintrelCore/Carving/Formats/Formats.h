@@ -2,6 +2,10 @@
 
 #include "VintrelCore/Carving/Carver.h"
 #include "VintrelCore/Carving/Formats/RememberedSearch.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
+#include "VintrelCore/Model/CarvedFile.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <unordered_map>
 

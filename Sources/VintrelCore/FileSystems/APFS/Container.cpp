@@ -4,6 +4,12 @@
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
 #include "VintrelCore/FileSystems/APFS/SpaceManager.h"
 #include "VintrelCore/FileSystems/APFS/VolumeReader.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileData.h"
 
 #include <cstdint>
 #include <functional>

@@ -2,7 +2,11 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/Structures.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
 
 #include <algorithm>
 #include <map>

@@ -2,7 +2,8 @@
 
 #include "VintrelCore/FileSystems/APFS/FileRecords.h"
 #include "VintrelCore/FileSystems/APFS/Parser.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "VintrelCore/Foundation/Binary.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <cstdint>
 #include <functional>

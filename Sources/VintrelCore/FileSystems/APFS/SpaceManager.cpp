@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
+#include "VintrelCore/Foundation/Binary.h"
 
 #include <algorithm>
 #include <unordered_set>

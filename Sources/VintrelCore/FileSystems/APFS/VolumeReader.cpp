@@ -2,6 +2,11 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <tuple>

@@ -3,7 +3,10 @@
 #include "VintrelCore/FileSystems/APFS/FileRecords.h"
 #include "VintrelCore/FileSystems/APFS/FileTree.h"
 #include "VintrelCore/FileSystems/APFS/Parser.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <cstdint>
 #include <memory>

@@ -2,6 +2,9 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -2,6 +2,8 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileData.h"
 
 #include <algorithm>
 #include <array>

@@ -6,6 +6,10 @@
 #include "VintrelCore/FileSystems/ExFAT/EntrySets.h"
 #include "VintrelCore/FileSystems/ExFAT/Walker.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 namespace ExFATParser {
 

@@ -4,6 +4,10 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/ExFAT/Walker.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <limits>

@@ -1,6 +1,11 @@
 #include "VintrelCore/FileSystems/ExFAT/Walker.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <bit>

@@ -2,7 +2,9 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
+#include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/FileTypes.h"
 
 #include <algorithm>
 #include <cstddef>

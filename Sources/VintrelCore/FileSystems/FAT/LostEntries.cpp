@@ -3,6 +3,11 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Walker.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 

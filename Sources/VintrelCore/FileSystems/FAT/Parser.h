@@ -2,7 +2,10 @@
 
 #include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
 #include "VintrelCore/Foundation/Binary.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,7 +1,13 @@
 #include "VintrelCore/FileSystems/FAT/Walker.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 

@@ -1,7 +1,12 @@
 #include "VintrelCore/FileSystems/HFSPlus/Context.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 

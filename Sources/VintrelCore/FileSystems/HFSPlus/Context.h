@@ -1,7 +1,10 @@
 #pragma once
 
 #include "VintrelCore/FileSystems/HFSPlus/BTree.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <cstdint>
 #include <memory>

@@ -4,7 +4,13 @@
 #include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/HFSPlus/Context.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <charconv>

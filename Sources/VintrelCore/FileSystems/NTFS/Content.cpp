@@ -1,6 +1,9 @@
 #include "VintrelCore/FileSystems/NTFS/Content.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
 
 #include <algorithm>
 #include <bit>

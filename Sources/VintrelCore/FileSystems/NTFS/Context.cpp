@@ -3,6 +3,9 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <cstddef>

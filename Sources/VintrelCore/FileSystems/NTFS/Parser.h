@@ -1,7 +1,11 @@
 #pragma once
 
 #include "VintrelCore/Foundation/Binary.h"
-#include "VintrelCore/Model/Model.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <cstdint>
 #include <memory>

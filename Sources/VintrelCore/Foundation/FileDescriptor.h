@@ -1,0 +1,29 @@
+#pragma once
+
+#include <utility>
+
+/// An open file descriptor, closed when its owner dies.
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int descriptor)
+        : descriptor_(descriptor)
+    {
+    }
+    FileDescriptor(FileDescriptor&& other) noexcept
+        : descriptor_(other.release())
+    {
+    }
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+    ~FileDescriptor() { close(); }
+
+    int get() const { return descriptor_; }
+    explicit operator bool() const { return descriptor_ >= 0; }
+    int release() { return std::exchange(descriptor_, -1); }
+    /// Closes early. The system's error number, which a file system may keep for this moment; 0
+    /// when all went well.
+    int close();
+
+private:
+    int descriptor_ = -1;
+};

@@ -1,0 +1,47 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <cstdint>
+#include <optional>
+#include <variant>
+#include <vector>
+
+/// A piece of a file, in bytes on the source.
+struct Extent {
+    std::optional<std::uint64_t>
+        offset; ///< none: a hole, or a piece whose place is unknown; reads as zeros
+    std::uint64_t length = 0;
+
+    bool operator==(const Extent&) const = default;
+};
+
+using ExtentList = std::vector<Extent>;
+
+/// Where the clusters of an NTFS-compressed stream lie. A compression unit with fewer physical
+/// clusters than it has virtual ones is compressed.
+struct CompressedRuns {
+    struct Run {
+        std::optional<std::uint64_t> lcn; ///< none: sparse
+        std::uint64_t clusters = 0;
+
+        bool operator==(const Run&) const = default;
+    };
+
+    std::vector<Run> runs;
+    std::uint64_t clusterSize = 0;  ///< in bytes
+    std::uint64_t unitClusters = 0; ///< clusters in a compression unit
+    std::uint64_t volumeOffset = 0; ///< of the volume on the source, in bytes
+    std::optional<std::uint64_t>
+        initializedSize {}; ///< bytes of the content; those from here on are zeros. None: all
+
+    bool operator==(const CompressedRuns&) const = default;
+};
+
+struct NoData {
+    bool operator==(const NoData&) const = default;
+};
+
+/// Where a file's content lies: nowhere that is known, in these very bytes (content kept inside
+/// metadata), in extents in file order, or in compressed runs.
+using FileData = std::variant<NoData, Bytes, ExtentList, CompressedRuns>;

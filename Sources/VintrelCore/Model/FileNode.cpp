@@ -1,0 +1,217 @@
+#include "VintrelCore/Model/FileNode.h"
+
+#include "VintrelCore/Foundation/Unicode/Unicode.h"
+
+#include <algorithm>
+#include <atomic>
+#include <compare>
+#include <iterator>
+
+namespace {
+
+bool isDigit(char character) { return character >= '0' && character <= '9'; }
+
+/// Takes the digits off the front of `text`, leading zeros dropped.
+std::string_view takeNumber(std::string_view& text)
+{
+    std::size_t length = 0;
+    while (length < text.size() && isDigit(text[length]))
+        ++length;
+    auto digits = text.substr(0, length);
+    text.remove_prefix(length);
+    digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size()));
+    return digits;
+}
+
+/// The first code point as the order sees it. Nearly all of them are ASCII.
+char32_t takeFolded(std::string_view& text)
+{
+    const auto byte = static_cast<unsigned char>(text.front());
+    if (byte >= 0x80)
+        return Unicode::foldedCase(Unicode::takeFirst(text));
+    text.remove_prefix(1);
+    return byte >= 'A' && byte <= 'Z' ? byte + char32_t { 0x20 } : byte;
+}
+
+std::strong_ordering compareNatural(std::string_view left, std::string_view right)
+{
+    while (!left.empty() && !right.empty()) {
+        if (isDigit(left.front()) && isDigit(right.front())) {
+            const auto leftNumber = takeNumber(left);
+            const auto rightNumber = takeNumber(right);
+            // Without leading zeros the longer number is the greater one, whatever its value.
+            if (const auto order = leftNumber.size() <=> rightNumber.size(); std::is_neq(order))
+                return order;
+            if (const auto order = leftNumber <=> rightNumber; std::is_neq(order))
+                return order;
+            continue;
+        }
+        const auto order = takeFolded(left) <=> takeFolded(right);
+        if (std::is_neq(order))
+            return order;
+    }
+    return left.size() <=> right.size();
+}
+
+bool comesBefore(const std::unique_ptr<FileNode>& left, const std::unique_ptr<FileNode>& right)
+{
+    if (left->isDirectory() != right->isDirectory())
+        return left->isDirectory();
+    if (const auto order = compareNatural(left->name, right->name); std::is_neq(order))
+        return std::is_lt(order);
+    if (left->status != right->status)
+        return left->status < right->status;
+    if (left->name != right->name)
+        return left->name < right->name;
+    return left->id() < right->id();
+}
+
+std::int64_t nextNodeID()
+{
+    static std::atomic<std::int64_t> last = 0;
+    return ++last;
+}
+
+} // namespace
+
+std::string_view label(EntryStatus status)
+{
+    constexpr std::string_view labels[]
+        = { "Eksisterende", "Slettet", "Forældreløs", "Signaturfund" };
+    return labels[static_cast<std::size_t>(status)];
+}
+
+std::string_view label(Recoverability recoverability)
+{
+    constexpr std::string_view labels[] = { "Ukendt", "Ringe", "Delvis", "God" };
+    return labels[static_cast<std::size_t>(recoverability)];
+}
+
+FileNode::FileNode(std::string name, bool isDirectory, std::uint64_t size, EntryStatus status,
+    Recoverability recoverability, FileData data)
+    : name(std::move(name))
+    , size(size)
+    , status(status)
+    , recoverability(recoverability)
+    , data(std::move(data))
+    , id_(nextNodeID())
+    , isDirectory_(isDirectory)
+{
+}
+
+std::unique_ptr<FileNode> FileNode::makeFile(std::string name, std::uint64_t size,
+    EntryStatus status, Recoverability recoverability, FileData data)
+{
+    return std::unique_ptr<FileNode>(
+        new FileNode(std::move(name), false, size, status, recoverability, std::move(data)));
+}
+
+std::unique_ptr<FileNode> FileNode::makeFolder(std::string name, EntryStatus status)
+{
+    return std::unique_ptr<FileNode>(
+        new FileNode(std::move(name), true, 0, status, Recoverability::unknown, {}));
+}
+
+FileNode::~FileNode()
+{
+    // Left to themselves the destructors would recurse as deep as the disk says; here each node
+    // dies without children.
+    Children dying = std::move(children_);
+    while (!dying.empty()) {
+        const auto node = std::move(dying.back());
+        dying.pop_back();
+        std::ranges::move(node->children_, std::back_inserter(dying));
+        node->children_.clear();
+    }
+}
+
+FileNode& FileNode::add(std::unique_ptr<FileNode> child)
+{
+    child->parent_ = this;
+    return *children_.emplace_back(std::move(child));
+}
+
+void FileNode::addNote(std::string_view text)
+{
+    if (note)
+        note->append("; ").append(text);
+    else
+        note = text;
+}
+
+void FileNode::judgeByReuse(bool isFirstReused, bool isAnyReused)
+{
+    if (isFirstReused) {
+        recoverability = Recoverability::poor;
+        addNote("Blokkene er genbrugt af andre filer");
+    } else if (isAnyReused) {
+        recoverability = Recoverability::partial;
+        addNote("Dele af filen kan være overskrevet");
+    } else {
+        recoverability = Recoverability::good;
+    }
+}
+
+void FileNode::sortChildren()
+{
+    std::ranges::sort(children_, comesBefore);
+    forEachDescendant(
+        [](FileNode& node, std::size_t) { std::ranges::sort(node.children_, comesBefore); });
+}
+
+std::string FileNode::path() const
+{
+    std::vector<const FileNode*> chain;
+    for (const auto* node = this; node->parent_ != nullptr; node = node->parent_)
+        chain.push_back(node);
+    if (chain.empty())
+        return "/";
+    std::string path;
+    for (auto node = chain.rbegin(); node != chain.rend(); ++node)
+        path.append("/").append((*node)->name);
+    return path;
+}
+
+std::vector<FileNode*> FileNode::files() const
+{
+    std::vector<FileNode*> files;
+    for (const auto& child : children_)
+        if (!child->isDirectory())
+            files.push_back(child.get());
+    return files;
+}
+
+std::vector<FileNode*> FileNode::folders() const
+{
+    std::vector<FileNode*> folders;
+    for (const auto& child : children_)
+        if (child->isDirectory())
+            folders.push_back(child.get());
+    return folders;
+}
+
+std::vector<FileNode*> FileNode::allFiles() const
+{
+    std::vector<FileNode*> files;
+    forEachDescendant([&](FileNode& node, std::size_t) {
+        if (!node.isDirectory())
+            files.push_back(&node);
+    });
+    return files;
+}
+
+Totals FileNode::totals() const
+{
+    Totals totals;
+    forEachDescendant([&](const FileNode& node, std::size_t) {
+        if (node.isDirectory()) {
+            ++totals.folders;
+            return;
+        }
+        ++totals.files;
+        totals.bytes += node.size;
+        if (node.status != EntryStatus::existing)
+            ++totals.deleted;
+    });
+    return totals;
+}

@@ -1,0 +1,122 @@
+#pragma once
+
+#include "VintrelCore/Foundation/TimeConversion.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileTypes.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// What became of a file. `orphaned`: known to its file system, but its folder is not. `carved`:
+/// found by content alone.
+enum class EntryStatus { existing, deleted, orphaned, carved };
+
+std::string_view label(EntryStatus status);
+
+/// The chance that a file's bytes are still its own, in rising order.
+enum class Recoverability { unknown, poor, partial, good };
+
+std::string_view label(Recoverability recoverability);
+
+/// What a subtree holds, its top not counted.
+struct Totals {
+    std::uint64_t files = 0;
+    std::uint64_t folders = 0;
+    std::uint64_t bytes = 0;   ///< sum of the files' sizes
+    std::uint64_t deleted = 0; ///< files that are anything but existing; folders never count
+
+    bool operator==(const Totals&) const = default;
+};
+
+/// A file or folder. A node owns its children; their number and depth are the disk's, so nothing
+/// here recurses.
+class FileNode {
+public:
+    using Children = std::vector<std::unique_ptr<FileNode>>;
+
+    static std::unique_ptr<FileNode> makeFile(std::string name, std::uint64_t size,
+        EntryStatus status, Recoverability recoverability = Recoverability::unknown,
+        FileData data = {});
+    static std::unique_ptr<FileNode> makeFolder(std::string name, EntryStatus status);
+
+    FileNode(const FileNode&) = delete;
+    FileNode& operator=(const FileNode&) = delete;
+    ~FileNode();
+
+    std::string name;
+    std::uint64_t size = 0; ///< logical size in bytes; 0 for folders
+    std::optional<Date> created;
+    std::optional<Date> modified;
+    EntryStatus status;
+    Recoverability recoverability;
+    FileData data;
+    std::optional<std::string> note; ///< a Danish remark for the user
+    std::uint64_t fsID
+        = 0; ///< the file system's own number (cluster, record, object); 0 when it has none
+
+    /// Unique in the process, counted from 1 in the order of creation.
+    std::int64_t id() const { return id_; }
+    bool isDirectory() const { return isDirectory_; }
+    /// None for a root.
+    FileNode* parent() const { return parent_; }
+    const Children& children() const { return children_; }
+
+    /// Appends a child. Nothing is sorted, and names may repeat.
+    FileNode& add(std::unique_ptr<FileNode> child);
+    void removeAllChildren() { children_.clear(); }
+    /// Adds a remark; remarks that meet are joined with "; ".
+    void addNote(std::string_view text);
+    /// Gives a deleted file its chance by what became of its blocks, and says so: whether the first
+    /// one, or any of them (the first one counts), belongs to another file by now.
+    void judgeByReuse(bool isFirstReused, bool isAnyReused);
+    /// Sorts the whole subtree: folders first, then by name without regard to case and with numbers
+    /// by value (IMG_2 before IMG_10). Equal names: by status, then by the names' bytes, then in
+    /// the order of creation.
+    void sortChildren();
+
+    /// "/" and the names from below the root down to this node; "/" for a root.
+    std::string path() const;
+    /// The direct children that are files, or folders, in their order.
+    std::vector<FileNode*> files() const;
+    std::vector<FileNode*> folders() const;
+    /// Every file below this node, each folder's content before what follows the folder.
+    std::vector<FileNode*> allFiles() const;
+    Totals totals() const;
+    FileCategory category() const { return categoryOf(name); }
+    std::string fileExtension() const { return ::fileExtension(name); }
+
+    /// Calls `visit(node, depth)` for every node below this one, a folder before its content;
+    /// children have depth 1.
+    template <class Visit> void forEachDescendant(Visit visit) const
+    {
+        struct Position {
+            const FileNode* folder;
+            std::size_t next;
+        };
+        std::vector<Position> open { { this, 0 } };
+        while (!open.empty()) {
+            auto& [folder, next] = open.back();
+            if (next == folder->children_.size()) {
+                open.pop_back();
+                continue;
+            }
+            FileNode& node = *folder->children_[next++];
+            visit(node, open.size());
+            if (!node.children_.empty())
+                open.push_back({ &node, 0 });
+        }
+    }
+
+private:
+    FileNode(std::string name, bool isDirectory, std::uint64_t size, EntryStatus status,
+        Recoverability recoverability, FileData data);
+
+    std::int64_t id_;
+    FileNode* parent_ = nullptr; // not owning: a parent outlives its children
+    Children children_;
+    bool isDirectory_;
+};

@@ -1,0 +1,164 @@
+#include "VintrelCore/Model/FileTypes.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+
+namespace {
+
+struct CategoryText {
+    std::string_view identifier, label, symbol;
+};
+
+constexpr CategoryText categoryTexts[] = {
+    { "image", "Billeder", "photo" },
+    { "video", "Video", "film" },
+    { "audio", "Lyd", "waveform" },
+    { "document", "Dokumenter", "doc.text" },
+    { "archive", "Arkiver", "archivebox" },
+    { "other", "Andet", "doc" },
+};
+static_assert(std::size(categoryTexts) == allFileCategories.size());
+
+constexpr const CategoryText& texts(FileCategory category)
+{
+    return categoryTexts[static_cast<std::size_t>(category)];
+}
+
+struct ExtensionRow {
+    std::string_view extension;
+    FileCategory category;
+};
+
+/// Sorted by extension. Every format that is carved, and its usual neighbours; "sqlite" and "msg"
+/// are carved as documents but belong to no category of the user's.
+constexpr ExtensionRow extensionTable[] = {
+    { "3fr", FileCategory::image },
+    { "3g2", FileCategory::video },
+    { "3gp", FileCategory::video },
+    { "7z", FileCategory::archive },
+    { "aac", FileCategory::audio },
+    { "aif", FileCategory::audio },
+    { "aifc", FileCategory::audio },
+    { "aiff", FileCategory::audio },
+    { "amr", FileCategory::audio },
+    { "arw", FileCategory::image },
+    { "avi", FileCategory::video },
+    { "avif", FileCategory::image },
+    { "bmp", FileCategory::image },
+    { "bz2", FileCategory::archive },
+    { "cr2", FileCategory::image },
+    { "cr3", FileCategory::image },
+    { "crw", FileCategory::image },
+    { "csv", FileCategory::document },
+    { "dng", FileCategory::image },
+    { "doc", FileCategory::document },
+    { "docm", FileCategory::document },
+    { "docx", FileCategory::document },
+    { "epub", FileCategory::document },
+    { "flac", FileCategory::audio },
+    { "flv", FileCategory::video },
+    { "gif", FileCategory::image },
+    { "gz", FileCategory::archive },
+    { "heic", FileCategory::image },
+    { "heif", FileCategory::image },
+    { "htm", FileCategory::document },
+    { "html", FileCategory::document },
+    { "jar", FileCategory::archive },
+    { "jpe", FileCategory::image },
+    { "jpeg", FileCategory::image },
+    { "jpg", FileCategory::image },
+    { "key", FileCategory::document },
+    { "m2ts", FileCategory::video },
+    { "m4a", FileCategory::audio },
+    { "m4v", FileCategory::video },
+    { "md", FileCategory::document },
+    { "mid", FileCategory::audio },
+    { "midi", FileCategory::audio },
+    { "mkv", FileCategory::video },
+    { "mov", FileCategory::video },
+    { "mp3", FileCategory::audio },
+    { "mp4", FileCategory::video },
+    { "mpeg", FileCategory::video },
+    { "mpg", FileCategory::video },
+    { "mts", FileCategory::video },
+    { "nef", FileCategory::image },
+    { "nrw", FileCategory::image },
+    { "numbers", FileCategory::document },
+    { "odp", FileCategory::document },
+    { "ods", FileCategory::document },
+    { "odt", FileCategory::document },
+    { "oga", FileCategory::audio },
+    { "ogg", FileCategory::audio },
+    { "ogv", FileCategory::video },
+    { "opus", FileCategory::audio },
+    { "orf", FileCategory::image },
+    { "pages", FileCategory::document },
+    { "pdf", FileCategory::document },
+    { "pef", FileCategory::image },
+    { "png", FileCategory::image },
+    { "ppt", FileCategory::document },
+    { "pptm", FileCategory::document },
+    { "pptx", FileCategory::document },
+    { "psd", FileCategory::image },
+    { "raf", FileCategory::image },
+    { "rar", FileCategory::archive },
+    { "rtf", FileCategory::document },
+    { "rw2", FileCategory::image },
+    { "srw", FileCategory::image },
+    { "svg", FileCategory::image },
+    { "tar", FileCategory::archive },
+    { "tgz", FileCategory::archive },
+    { "tif", FileCategory::image },
+    { "tiff", FileCategory::image },
+    { "ts", FileCategory::video },
+    { "txt", FileCategory::document },
+    { "wav", FileCategory::audio },
+    { "webm", FileCategory::video },
+    { "webp", FileCategory::image },
+    { "wma", FileCategory::audio },
+    { "wmv", FileCategory::video },
+    { "xls", FileCategory::document },
+    { "xlsm", FileCategory::document },
+    { "xlsx", FileCategory::document },
+    { "xml", FileCategory::document },
+    { "xz", FileCategory::archive },
+    { "zip", FileCategory::archive },
+};
+static_assert(std::ranges::is_sorted(extensionTable, {}, &ExtensionRow::extension));
+
+} // namespace
+
+std::string_view displayName(FileSystemType type)
+{
+    constexpr std::array<std::string_view, allFileSystemTypes.size()> names { "FAT12", "FAT16",
+        "FAT32", "exFAT", "NTFS", "HFS+", "APFS", "ext2/3/4", "Signaturer", "Ukendt" };
+    return names[static_cast<std::size_t>(type)];
+}
+
+std::string_view identifier(FileCategory category) { return texts(category).identifier; }
+
+std::string_view label(FileCategory category) { return texts(category).label; }
+
+std::string_view symbol(FileCategory category) { return texts(category).symbol; }
+
+FileCategory categoryOf(std::string_view fileName)
+{
+    const auto extension = fileExtension(fileName);
+    const auto* const row
+        = std::ranges::lower_bound(extensionTable, extension, {}, &ExtensionRow::extension);
+    return row != std::end(extensionTable) && row->extension == extension ? row->category
+                                                                          : FileCategory::other;
+}
+
+std::string fileExtension(std::string_view fileName)
+{
+    const auto dot = fileName.rfind('.');
+    if (dot == std::string_view::npos)
+        return {};
+    std::string extension(fileName.substr(dot + 1));
+    for (auto& character : extension)
+        if (character >= 'A' && character <= 'Z')
+            character = static_cast<char>(character + ('a' - 'A'));
+    return extension;
+}
