@@ -1,0 +1,92 @@
+#include "VintrelCore/Model/Chance.h"
+
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
+namespace {
+
+struct DoubtRow {
+    Doubt doubt;
+    Recoverability best;    ///< the best chance that it allows; `unknown` when it allows no saying
+    std::string_view words; ///< empty: the chance says enough
+};
+
+using enum Recoverability;
+
+constexpr DoubtRow rows[] = {
+    { Doubt::damagedDirectoryEntry, partial, "Mappeposten er beskadiget" },
+    { Doubt::missingInode, poor, "Filens inode blev ikke fundet" },
+    { Doubt::missingDataAttribute, poor, "Dataattributten mangler" },
+    { Doubt::missingRuns, partial, "Dele af filens placering mangler" },
+    { Doubt::invalidStartCluster, poor, "Ugyldig startklynge" },
+    { Doubt::sizeBeyondVolume, poor, "Filens størrelse er større end diskens" },
+    { Doubt::brokenChain, partial, "Klyngekæden er afbrudt" },
+    { Doubt::missingExtents, partial, "" },
+    { Doubt::missingLaterExtents, partial, "Filen var fragmenteret – kun de første dele kendes" },
+    { Doubt::unknownBlocks, poor, "Filens blokke kendes ikke" },
+    { Doubt::partlyUnknownBlocks, partial, "Kun dele af filens blokke kendes" },
+    { Doubt::lostBlocks, poor, "Kun dele af filens blokke kendes" },
+    { Doubt::overclaimedBlocks, poor, "For mange filer deler de samme blokke" },
+    { Doubt::missingLinkedFile, poor, "Filen, som linket peger på, blev ikke fundet" },
+    { Doubt::missingLinkTarget, poor, "Linkets mål blev ikke fundet" },
+    { Doubt::reusedFirstCluster, poor, "Startklyngen er genbrugt af en anden fil" },
+    { Doubt::reusedBlocks, poor, "Blokkene er genbrugt af andre filer" },
+    { Doubt::reusedClusters, poor, "Klyngerne er genbrugt af andre filer" },
+    { Doubt::partlyReused, partial, "Dele af filen kan være overskrevet" },
+    { Doubt::fewReusedClusters, partial, "" },
+    { Doubt::unknownAllocation, unknown, "" },
+    { Doubt::encrypted, poor, "EFS-krypteret – kan ikke dekrypteres" },
+    { Doubt::compressedByHFS, poor,
+        "HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke gendannes "
+        "direkte" },
+    { Doubt::compressedByAPFS, poor,
+        "APFS-komprimeret fil – indholdet ligger i en skjult attribut og kan ikke gendannes "
+        "direkte" },
+    { Doubt::damagedRecord, partial, "MFT-posten er delvist beskadiget" },
+};
+static_assert(std::size(rows) == static_cast<std::size_t>(Doubt::count));
+static_assert(std::ranges::is_sorted(rows, {}, &DoubtRow::doubt));
+
+} // namespace
+
+Doubts doubtsOf(const ClusterUse& use, const ReuseRule& rule)
+{
+    const bool isMostForeign = rule.mostCountAsFirst && use.foreign > use.checked / 2;
+    if (use.isFirstForeign || isMostForeign)
+        return rule.first;
+    if (use.isUnknown)
+        return Doubt::unknownAllocation;
+    return use.foreign > 0 ? Doubts(rule.some) : Doubts();
+}
+
+Chance chanceOf(Doubts doubts)
+{
+    Chance chance;
+    bool isUnknown = false;
+    for (const auto& row : rows) {
+        if (!doubts.has(row.doubt))
+            continue;
+        if (row.best == unknown)
+            isUnknown = true;
+        else
+            chance.level = std::min(chance.level, row.best);
+        if (row.words.empty())
+            continue;
+        if (chance.note)
+            chance.note->append("; ").append(row.words);
+        else
+            chance.note = row.words;
+    }
+    if (isUnknown && chance.level != poor)
+        chance.level = unknown;
+    return chance;
+}
+
+void judge(FileNode& node, Doubts doubts)
+{
+    const auto chance = chanceOf(doubts);
+    node.recoverability = chance.level;
+    if (chance.note)
+        node.addNote(*chance.note);
+}
