@@ -7,6 +7,7 @@
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/Foundation/ByteRange.h"
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Imaging/Imager.h"
 #include "VintrelCore/Model/FileNode.h"
@@ -17,7 +18,6 @@
 #include "VintrelCore/Scanning/Scanner.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -271,11 +271,8 @@ std::vector<ByteRange> parseByteRanges(std::string_view text)
     for (const auto piece : split(text, ',')) {
         std::vector<std::uint64_t> numbers;
         for (const auto part : split(piece, '-')) {
-            std::uint64_t value = 0;
-            const auto [end, error]
-                = std::from_chars(part.data(), part.data() + part.size(), value);
-            if (error == std::errc() && end == part.data() + part.size())
-                numbers.push_back(value);
+            if (const auto value = Text::number(part))
+                numbers.push_back(*value);
         }
         if (numbers.size() == 2 && numbers[0] < numbers[1])
             ranges.push_back({ numbers[0], numbers[1] });
