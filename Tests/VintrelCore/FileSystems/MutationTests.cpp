@@ -11,6 +11,7 @@
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/Recovery/FileReader.h"
+#include "VintrelCore/Recovery/LZNT1.h"
 #include "VintrelCore/Scanning/Scanner.h"
 
 #include <gtest/gtest.h>
