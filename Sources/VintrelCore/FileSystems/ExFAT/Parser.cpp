@@ -4,7 +4,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/ExFAT/BootSector.h"
-#include "VintrelCore/FileSystems/ExFAT/EntrySets.h"
+#include "VintrelCore/FileSystems/ExFAT/Entries.h"
 #include "VintrelCore/FileSystems/ExFAT/Walker.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
