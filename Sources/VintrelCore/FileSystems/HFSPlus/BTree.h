@@ -24,6 +24,9 @@ public:
     void forEachLeafRecord(
         const std::function<bool(std::uint64_t, std::uint64_t)>& isDamaged, const Body& body) const;
 
+    /// The data of a record: it begins behind the key, at an even offset.
+    static ByteView dataOf(ByteView record);
+
     ByteView bytes() const { return bytes_; }
 
 private:

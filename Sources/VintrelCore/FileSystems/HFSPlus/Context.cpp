@@ -19,16 +19,13 @@ constexpr std::uint64_t maxExtentsFile = 268'435'456;
 constexpr std::uint64_t maxAllocationFile = 536'870'912;
 constexpr std::uint64_t maxCatalogFile = 1'073'741'824;
 
-constexpr std::uint32_t minKeyLength = 6; // of the catalog: parent and an empty name
-constexpr std::uint32_t maxNameLength = 255;
-
 } // namespace
 
 HFSContext::HFSContext(DiskSource& source, std::uint64_t base, const VolumeHeader& header)
     : source_(source)
     , base_(base)
     , header_(header)
-    , blockSize_(header.blockSize)
+    , blockSize_(header.start.blockSize)
 {
 }
 
@@ -48,9 +45,10 @@ std::unique_ptr<Volume> HFSContext::build(const std::string& origin, WorkProgres
     const auto root = entries_.find(rootFolderID);
     auto volume = std::make_unique<Volume>(FileSystemType::hfsplus,
         root != entries_.end() ? nameOf(root->second) : std::string(), base_,
-        header_.totalBlocks * blockSize_, FileNode::makeFolder("", EntryStatus::existing), origin);
+        header_.start.totalBlocks * blockSize_, FileNode::makeFolder("", EntryStatus::existing),
+        origin);
     volume->root->fsID = rootFolderID;
-    if (header_.signature == signatureHFSX)
+    if (header_.start.signature == signatureHFSX)
         volume->notes.emplace_back("HFSX (versalfølsom)");
     if (allocation_.empty())
         volume->notes.emplace_back("Allokeringsfilen kunne ikke læses.");
@@ -69,11 +67,12 @@ void HFSContext::loadOverflow()
     tree->forEachLeafRecord(
         [&](std::uint64_t offset, std::uint64_t length) { return isDamaged(runs, offset, length); },
         [this](ByteView record, bool isLive) {
-            const auto key = record.load<OverflowRecord>(0);
-            if (!isLive || !key || key->keyLength != 10 || key->forkType != 0)
+            const auto key = record.load<OverflowKey>(0);
+            if (!isLive || !key || key->key.length != overflowKeyLength
+                || key->forkType != dataForkType)
                 return;
             OverflowRuns found { .start = key->startBlock, .runs = {} };
-            for (std::int64_t at = sizeof(OverflowRecord), i = 0; i < 8;
+            for (std::int64_t at = sizeof(OverflowKey), i = 0; i < 8;
                  ++i, at += sizeof(ExtentDescriptor))
                 if (const auto extent = record.load<ExtentDescriptor>(at);
                     extent && extent->blockCount != 0)
@@ -98,8 +97,8 @@ void HFSContext::loadCatalog()
 void HFSContext::addToCatalog(ByteView record, bool isLive)
 {
     const auto key = record.load<CatalogKey>(0);
-    if (!key || key->keyLength < minKeyLength || key->nameLength > maxNameLength
-        || key->keyLength < 2u * key->nameLength + minKeyLength)
+    if (!key || key->key.length < minCatalogKeyLength || key->nameLength > maxNameLength
+        || key->key.length < 2u * key->nameLength + minCatalogKeyLength)
         return;
     const auto data = dataOf(record);
     const auto type = data.u16be(offsetof(CatalogItem, type));

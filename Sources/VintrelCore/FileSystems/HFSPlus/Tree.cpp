@@ -1,9 +1,7 @@
 // From the catalog's entries to the tree of files, with the chance of each.
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/HFSPlus/Context.h"
-#include "VintrelCore/FileSystems/HFSPlus/Parser.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
@@ -218,38 +216,3 @@ void HFSContext::estimateDeleted(FileNode& node, const Runs& runs) const
     else
         node.judgeByReuse(isFirstReused, isReused);
 }
-
-namespace HFSPlusParser {
-
-std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> found)
-{
-    if (offset >= source.size()) // also keeps every place on the volume within 64 bits
-        return nullptr;
-    const auto own = found
-        ? Bytes()
-        : source.read(offset + volumeHeaderOffset, sizeof(VolumeHeader), ReadMode::thorough);
-    const auto bytes = found.value_or(own);
-    const auto header = bytes.load<VolumeHeader>(0);
-    if (!header || !FSProbe::isHFSPlusHeader(bytes))
-        return nullptr;
-    return HFSContext(source, offset, *header).build(origin, progress);
-}
-
-bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header)
-{
-    constexpr std::int64_t looked = 512; // the smallest node
-    const auto stored = header.load<VolumeHeader>(0);
-    if (!stored || !FSProbe::isHFSPlusHeader(header))
-        return false;
-    const auto& first = stored->catalogFile.extents.front();
-    const std::uint64_t catalog
-        = std::uint64_t { first.startBlock } * stored->blockSize; // below 2^52
-    if (first.blockCount == 0 || offset >= source.size() || catalog >= source.size() - offset)
-        return false;
-    auto node = source.read(offset + catalog, looked, ReadMode::thorough);
-    return ByteView(node).u8(offsetof(NodeDescriptor, kind)) == headerKind
-        && HFSPlusTree::open(std::move(node));
-}
-
-} // namespace HFSPlusParser
