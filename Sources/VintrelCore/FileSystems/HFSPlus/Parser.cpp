@@ -38,7 +38,7 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header)
         return false;
     auto node = source.read(offset + catalog, minNodeSize, ReadMode::thorough);
     return ByteView(node).u8(offsetof(NodeDescriptor, kind)) == headerKind
-        && HFSPlusTree::open(std::move(node));
+        && HFSPlusBTree::open(std::move(node));
 }
 
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
