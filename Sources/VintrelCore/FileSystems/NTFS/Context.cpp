@@ -1,4 +1,4 @@
-// Geometry of an NTFS volume, and the way to its MFT.
+// The way from the geometry of an NTFS volume to its MFT.
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
@@ -13,23 +13,6 @@
 
 namespace {
 
-struct BootSector {
-    std::array<std::uint8_t, 3> jump;        //  0
-    std::array<std::uint8_t, 8> oem;         //  3  "NTFS    "
-    LE16 bytesPerSector;                     // 11
-    std::uint8_t sectorsPerCluster;          // 13  above 128: a negative power of two
-    std::array<std::uint8_t, 26> unused;     // 14
-    LE64 totalSectors;                       // 40
-    LE64 mftLCN, mirrorLCN;                  // 48, 56
-    std::uint8_t clustersPerRecord;          // 64  signed; negative: a power of two in bytes
-    std::array<std::uint8_t, 447> remaining; // 65
-};
-static_assert(sizeof(BootSector) == 512 && offsetof(BootSector, mftLCN) == 48);
-
-constexpr std::uint64_t maxSectorsPerCluster = 4096;
-constexpr std::uint64_t minRecordSize = 512;
-constexpr std::uint64_t maxRecordSize = 65'536;
-
 /// Its own records are the first sixteen of every MFT.
 constexpr std::uint64_t minMFTRecords = 16;
 
@@ -39,23 +22,6 @@ constexpr std::uint64_t batchSize = 4'194'304;
 /// Extension records of the MFT can lie in pieces of the MFT that only other extension records know
 /// of. Systems keep them where the first pieces are, so that few rounds find all of them.
 constexpr int maxExtensionRounds = 16;
-
-constexpr auto maximum = std::numeric_limits<std::uint64_t>::max();
-
-std::uint64_t sectorsPerCluster(std::uint8_t stored)
-{
-    if (stored <= 128)
-        return stored;
-    return stored <= 192 ? 0 : std::uint64_t { 1 } << (256 - stored);
-}
-
-std::uint64_t recordSize(std::uint8_t stored, std::uint64_t clusterSize)
-{
-    if (stored < 128)
-        return stored * clusterSize;
-    const int power = 256 - stored;
-    return power > 16 ? 0 : std::uint64_t { 1 } << power;
-}
 
 /// Clusters of a sound MFT belong to it once. One whose pieces together are larger than the source
 /// is made up, and ends where it becomes that; so does one that goes on past the end of the source.
@@ -83,43 +49,6 @@ ExtentList limited(const ExtentList& extents, std::uint64_t sourceSize)
 }
 
 } // namespace
-
-std::optional<NTFSGeometry> NTFSGeometry::from(ByteView boot, std::uint64_t base)
-{
-    std::array<std::uint8_t, sizeof(BootSector)>
-        padded {}; // fields beyond the end of a short boot sector are 0
-    std::ranges::copy(boot.sub(0, padded.size()).span(), padded.begin());
-    const auto sector = std::bit_cast<BootSector>(padded);
-
-    const std::uint64_t bytesPerSector = sector.bytesPerSector;
-    const std::uint64_t sectors = sectorsPerCluster(sector.sectorsPerCluster);
-    const bool isSectorSize
-        = bytesPerSector >= 512 && bytesPerSector <= 4096 && std::has_single_bit(bytesPerSector);
-    if (!boot.matches("NTFS    ", 3) || !isSectorSize || sectors < 1
-        || sectors > maxSectorsPerCluster)
-        return std::nullopt;
-    const std::uint64_t clusterSize = bytesPerSector * sectors;
-    const std::uint64_t recordBytes = ::recordSize(sector.clustersPerRecord, clusterSize);
-    if (recordBytes < minRecordSize || recordBytes > maxRecordSize)
-        return std::nullopt;
-    return NTFSGeometry {
-        .base = base,
-        .clusterSize = clusterSize,
-        .recordSize = static_cast<std::uint32_t>(recordBytes),
-        .volumeSize = sector.totalSectors > maximum / bytesPerSector
-            ? maximum
-            : sector.totalSectors * bytesPerSector,
-        .mftLCN = sector.mftLCN,
-        .mirrorLCN = sector.mirrorLCN,
-    };
-}
-
-std::optional<std::uint64_t> NTFSGeometry::offsetOf(std::uint64_t lcn) const
-{
-    if (!hasPlace || lcn > (maximum - base) / clusterSize)
-        return std::nullopt;
-    return base + lcn * clusterSize;
-}
 
 MappedStream::MappedStream(ExtentList extents)
     : extents_(std::move(extents))

@@ -3,17 +3,46 @@
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/FSProbe.h"
+#include "VintrelCore/FileSystems/NTFS/BootSector.h"
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
 namespace NTFSParser {
 
+namespace {
+
+constexpr std::int64_t bootSectorSize = 512;
+
+std::optional<NTFSGeometry> readGeometry(
+    DiskSource& source, std::uint64_t offset, std::optional<ByteView> boot)
+{
+    if (boot)
+        return NTFSGeometry::from(*boot, offset);
+    return NTFSGeometry::from(source.read(offset, bootSectorSize, ReadMode::thorough), offset);
+}
+
+} // namespace
+
+std::optional<FileSystemType> probe(ByteView head)
+{
+    return NTFSBootSector::from(head) ? std::optional(FileSystemType::ntfs) : std::nullopt;
+}
+
+std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset)
+{
+    const auto boot = NTFSBootSector::from(sector);
+    if (!boot)
+        return std::nullopt;
+    const std::uint64_t end = offset + boot->bytesPerSector;
+    if (boot->totalSectors >= end / boot->bytesPerSector)
+        return std::nullopt;
+    return end - (boot->totalSectors + 1) * boot->bytesPerSector;
+}
+
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot)
 {
-    const auto sector = FSProbe::bootSector(source, offset, boot);
-    const auto geometry = NTFSGeometry::from(sector, offset);
+    const auto geometry = readGeometry(source, offset, boot);
     if (!geometry)
         return nullptr;
     const NTFSContext context(source, *geometry);

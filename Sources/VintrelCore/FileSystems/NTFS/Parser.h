@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/FileSystems/NTFS/Geometry.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Model/FileData.h"
@@ -17,25 +18,6 @@
 
 class DiskSource;
 struct CarvedFile;
-
-/// Where things lie on an NTFS volume, as its boot sector says. Sizes are in bytes.
-struct NTFSGeometry {
-    std::uint64_t base = 0; ///< where the volume begins on the source
-    bool hasPlace
-        = true; ///< false: nobody knows where the volume begins, and so where any cluster lies
-    std::uint64_t clusterSize = 0; ///< at most 16 MiB, not always a power of two
-    std::uint32_t recordSize = 0;  ///< of an MFT record, 512 … 65,536
-    std::uint64_t volumeSize
-        = 0; ///< as claimed; the largest number there is when it claims more than that
-    std::uint64_t mftLCN = 0;    ///< first cluster of $MFT
-    std::uint64_t mirrorLCN = 0; ///< first cluster of $MFTMirr
-
-    /// None when the boot sector is not that of an NTFS volume, or of an impossible one.
-    static std::optional<NTFSGeometry> from(ByteView boot, std::uint64_t base);
-
-    /// The place of a cluster on the source; none where the number makes no sense.
-    std::optional<std::uint64_t> offsetOf(std::uint64_t lcn) const;
-};
 
 /// The number of an MFT record together with the sequence number that the record had when it was
 /// referred to. The record counts up whenever its slot is freed, so that a reference to a file that
@@ -235,6 +217,15 @@ public:
 
 /// NTFS: existing, deleted and orphaned files.
 namespace NTFSParser {
+
+/// The type of the file system that begins with these bytes; none when it is not NTFS. The first
+/// 512 bytes are enough.
+std::optional<FileSystemType> probe(ByteView head);
+
+/// Where the volume begins, in bytes on the source, whose backup boot sector is this one at byte
+/// `offset`: it lies behind the last sector that it counts. None when it is no boot sector of NTFS,
+/// and where the volume would begin before the source.
+std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset);
 
 /// The volume that begins at byte `offset`; none when there is no NTFS volume, or its MFT cannot be
 /// found. `boot`: a boot sector found elsewhere, to be used instead of the one at `offset`.

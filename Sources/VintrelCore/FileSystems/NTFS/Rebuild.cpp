@@ -23,8 +23,6 @@ namespace NTFSParser {
 namespace {
 
 constexpr std::uint64_t maxRecordSize = 4096;
-constexpr std::uint64_t mirroredRecords
-    = 4; // at the beginning of the MFT, or as many as fit in a cluster
 constexpr std::uint64_t firstUserRecord = 16;
 constexpr std::size_t leastMatches = 2; // records at the place that an MFT's own record gives them
 constexpr std::size_t maxOwnRecords = 64; // copies of record 0 that are looked into
@@ -67,11 +65,6 @@ struct Witness {
     std::string ext;    ///< empty for a folder, whose index begins with "INDX"
     std::uint64_t size; ///< of the file, in bytes
 };
-
-std::uint64_t mirrorSize(const NTFSGeometry& geometry)
-{
-    return std::max(mirroredRecords * geometry.recordSize, geometry.clusterSize);
-}
 
 std::uint64_t clustersIn(const DataFragment& fragment)
 {
@@ -306,7 +299,7 @@ private:
         const auto start = geometry.offsetOf(geometry.mirrorLCN);
         if (start)
             std::erase_if(loose_, [&](const Loose& loose) {
-                return loose.offset >= *start && loose.offset - *start < mirrorSize(geometry);
+                return loose.offset >= *start && loose.offset - *start < geometry.mirrorSize();
             });
     }
 
@@ -513,7 +506,7 @@ std::vector<std::uint64_t> looseRecords(
                 taken.push_back({ *extent.offset, *extent.offset + extent.length });
         const auto& geometry = info->geometry;
         if (const auto mirror = geometry.offsetOf(geometry.mirrorLCN))
-            taken.push_back({ *mirror, *mirror + mirrorSize(geometry) });
+            taken.push_back({ *mirror, *mirror + geometry.mirrorSize() });
     }
     std::ranges::sort(taken, {}, &ByteRange::start);
     std::vector<std::uint64_t> loose;
