@@ -1,11 +1,13 @@
-// NTFSParser::parse: the face of the NTFS reader.
-
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/NTFS/BootSector.h"
-#include "VintrelCore/Model/Volume.h"
-#include "VintrelCore/Model/WorkProgress.h"
+#include "VintrelCore/FileSystems/NTFS/MFT.h"
+#include "VintrelCore/FileSystems/NTFS/Tree.h"
+
+#include <algorithm>
+#include <iterator>
+#include <vector>
 
 namespace NTFSParser {
 
@@ -47,13 +49,13 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
         return nullptr;
     const NTFSContext context(source, *geometry);
     std::vector<std::string> notes;
-    const auto mft = context.locateMFT(notes);
+    const auto mft = locateMFT(context, notes);
     if (!mft)
         return nullptr;
-    auto records = context.readAllRecords(*mft, progress);
+    auto records = readAllRecords(context, *mft, progress);
     if (records.count() == 0)
         return nullptr;
-    auto volume = context.buildVolume(std::move(records), origin);
+    auto volume = buildVolume(context, std::move(records), origin);
     std::ranges::move(notes, std::back_inserter(volume->notes));
     volume->deepContext = std::make_unique<NTFSDeepInfo>(*geometry, *mft);
     return volume;
