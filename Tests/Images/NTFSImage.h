@@ -1,7 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/FileSystems/NTFS/Records.h"
 #include "VintrelCore/Foundation/Binary.h"
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 /// needs ($MFT, $MFTMirr, $Volume, the root, $Bitmap, $Extend) and no directory indices.
 class NTFSImage {
 public:
-    using Runs = DataFragment::Runs;
+    using Runs = RunList;
 
     struct Options {
         std::uint32_t clusterSize = 1024;

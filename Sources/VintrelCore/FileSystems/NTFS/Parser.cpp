@@ -1,30 +1,61 @@
-// NTFSParser::parse: the face of the NTFS reader.
-
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/FSProbe.h"
-#include "VintrelCore/Model/Volume.h"
-#include "VintrelCore/Model/WorkProgress.h"
+#include "VintrelCore/FileSystems/NTFS/BootSector.h"
+#include "VintrelCore/FileSystems/NTFS/MFT.h"
+#include "VintrelCore/FileSystems/NTFS/Tree.h"
+
+#include <algorithm>
+#include <iterator>
+#include <vector>
 
 namespace NTFSParser {
+
+namespace {
+
+constexpr std::int64_t bootSectorSize = 512;
+
+std::optional<NTFSGeometry> readGeometry(
+    DiskSource& source, std::uint64_t offset, std::optional<ByteView> boot)
+{
+    if (boot)
+        return NTFSGeometry::from(*boot, offset);
+    return NTFSGeometry::from(source.read(offset, bootSectorSize, ReadMode::thorough), offset);
+}
+
+} // namespace
+
+std::optional<FileSystemType> probe(ByteView head)
+{
+    return NTFSBootSector::from(head) ? std::optional(FileSystemType::ntfs) : std::nullopt;
+}
+
+std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset)
+{
+    const auto boot = NTFSBootSector::from(sector);
+    if (!boot)
+        return std::nullopt;
+    const std::uint64_t end = offset + boot->bytesPerSector;
+    if (boot->totalSectors >= end / boot->bytesPerSector)
+        return std::nullopt;
+    return end - (boot->totalSectors + 1) * boot->bytesPerSector;
+}
 
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot)
 {
-    const auto sector = FSProbe::bootSector(source, offset, boot);
-    const auto geometry = NTFSGeometry::from(sector, offset);
+    const auto geometry = readGeometry(source, offset, boot);
     if (!geometry)
         return nullptr;
     const NTFSContext context(source, *geometry);
     std::vector<std::string> notes;
-    const auto mft = context.locateMFT(notes);
+    const auto mft = locateMFT(context, notes);
     if (!mft)
         return nullptr;
-    auto records = context.readAllRecords(*mft, progress);
+    auto records = readAllRecords(context, *mft, progress);
     if (records.count() == 0)
         return nullptr;
-    auto volume = context.buildVolume(std::move(records), origin);
+    auto volume = buildVolume(context, std::move(records), origin);
     std::ranges::move(notes, std::back_inserter(volume->notes));
     volume->deepContext = std::make_unique<NTFSDeepInfo>(*geometry, *mft);
     return volume;

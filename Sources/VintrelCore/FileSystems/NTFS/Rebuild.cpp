@@ -1,9 +1,10 @@
-// NTFS volumes without a boot sector: put together from the MFT records that a sweep found.
+#include "VintrelCore/FileSystems/NTFS/Rebuild.h"
 
 #include "VintrelCore/Carving/Carver.h"
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/NTFS/Content.h"
-#include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/FileSystems/NTFS/MFT.h"
+#include "VintrelCore/FileSystems/NTFS/Records.h"
+#include "VintrelCore/FileSystems/NTFS/Tree.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Model/CarvedFile.h"
@@ -22,10 +23,6 @@ namespace NTFSParser {
 
 namespace {
 
-constexpr std::uint64_t maxRecordSize = 4096;
-constexpr std::uint64_t mirroredRecords
-    = 4; // at the beginning of the MFT, or as many as fit in a cluster
-constexpr std::uint64_t firstUserRecord = 16;
 constexpr std::size_t leastMatches = 2; // records at the place that an MFT's own record gives them
 constexpr std::size_t maxOwnRecords = 64; // copies of record 0 that are looked into
 constexpr std::size_t maxReadings = 64;   // geometries that they suggest
@@ -68,23 +65,10 @@ struct Witness {
     std::uint64_t size; ///< of the file, in bytes
 };
 
-std::uint64_t mirrorSize(const NTFSGeometry& geometry)
-{
-    return std::max(mirroredRecords * geometry.recordSize, geometry.clusterSize);
-}
-
-std::uint64_t clustersIn(const DataFragment& fragment)
-{
-    std::uint64_t clusters = 0;
-    for (const auto& run : fragment.runs)
-        clusters += run.clusters; // each below 2^40, and few
-    return clusters;
-}
-
 /// The cluster size that a file's allocated size and its runs agree on; 0 when they do not.
 std::uint64_t clusterSizeOf(const DataFragment& fragment)
 {
-    const std::uint64_t clusters = clustersIn(fragment);
+    const std::uint64_t clusters = clusterCount(fragment.runs);
     if (fragment.isResident || fragment.startVCN != 0 || fragment.isSparse || fragment.isCompressed
         || clusters == 0 || fragment.allocatedSize % clusters != 0)
         return 0;
@@ -148,16 +132,16 @@ private:
     /// be told otherwise.
     void survey(std::span<const std::uint64_t> offsets)
     {
-        std::array<std::uint8_t, 48> header;
+        std::array<std::uint8_t, recordHeaderSize> header;
         for (const auto offset : offsets) {
             if (isCancelled(progress_))
                 return;
             source_.readReporting(offset, std::span(header), ReadMode::thorough);
-            const ByteView view(header);
-            const auto size = view.u32le(28);
-            const Loose loose { offset, view.u32le(44), size };
-            if (looksLikeRecord(view) && view.u16le(4) >= header.size() && size <= maxRecordSize
-                && !isListed(loose))
+            const auto identity = identityOfRecord(header);
+            if (!identity)
+                continue;
+            const Loose loose { offset, identity->number, identity->size };
+            if (!isListed(loose))
                 loose_.push_back(loose);
         }
     }
@@ -269,7 +253,7 @@ private:
                     || !known.emplace(geometry.base, geometry.mftLCN).second)
                     continue;
                 std::vector<std::string> notes;
-                if (auto mft = NTFSContext(source_, geometry).locateMFT(notes)) {
+                if (auto mft = locateMFT(NTFSContext(source_, geometry), notes)) {
                     const auto matches = recordsOf(*mft, geometry.recordSize).size();
                     readings.push_back({ geometry, std::move(*mft), matches });
                 }
@@ -306,7 +290,7 @@ private:
         const auto start = geometry.offsetOf(geometry.mirrorLCN);
         if (start)
             std::erase_if(loose_, [&](const Loose& loose) {
-                return loose.offset >= *start && loose.offset - *start < mirrorSize(geometry);
+                return loose.offset >= *start && loose.offset - *start < geometry.mirrorSize();
             });
     }
 
@@ -469,7 +453,7 @@ private:
 
     void finish(const NTFSContext& context, MFTRecords records, std::size_t count, MappedStream mft)
     {
-        auto volume = context.buildVolume(std::move(records), "Dyb scanning, MFT-poster");
+        auto volume = buildVolume(context, std::move(records), "Dyb scanning, MFT-poster");
         if (volume->root->children().empty())
             return;
         volume->notes.push_back(
@@ -513,7 +497,7 @@ std::vector<std::uint64_t> looseRecords(
                 taken.push_back({ *extent.offset, *extent.offset + extent.length });
         const auto& geometry = info->geometry;
         if (const auto mirror = geometry.offsetOf(geometry.mirrorLCN))
-            taken.push_back({ *mirror, *mirror + mirrorSize(geometry) });
+            taken.push_back({ *mirror, *mirror + geometry.mirrorSize() });
     }
     std::ranges::sort(taken, {}, &ByteRange::start);
     std::vector<std::uint64_t> loose;

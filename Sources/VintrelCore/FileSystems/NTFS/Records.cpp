@@ -1,22 +1,20 @@
-// MFT records and the attributes in them. Nothing here reads the disk.
+#include "VintrelCore/FileSystems/NTFS/Records.h"
 
-#include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/FileSystems/NTFS/Layout.h"
 
 #include <algorithm>
 #include <cstddef>
-#include <limits>
-#include <unordered_set>
 
 namespace {
 
+using NTFSLayout::StoredReference;
+
 constexpr std::int64_t sectorSize = 512; // of the update sequence, whatever the disk's sectors are
 constexpr std::size_t minRecordSize = 512;
+constexpr std::string_view signature = "FILE";
 
 /// More attributes than any record has room for that a system wrote.
 constexpr int maxAttributes = 256;
-
-/// Longer runs do not fit on any volume.
-constexpr std::uint64_t runLimit = std::uint64_t { 1 } << 40;
 
 constexpr std::uint16_t inUseFlag = 0x0001; // of a record
 constexpr std::uint16_t directoryFlag = 0x0002;
@@ -24,18 +22,9 @@ constexpr std::uint16_t compressedFlag = 0x0001; // of an attribute
 constexpr std::uint16_t encryptedFlag = 0x4000;
 constexpr std::uint16_t sparseFlag = 0x8000;
 
-struct StoredReference {
-    LE32 numberLow;  // 0
-    LE16 numberHigh; // 4
-    LE16 sequence;   // 6
+// The comments name the sections of the document.
 
-    operator FileReference() const
-    {
-        return { std::uint64_t { numberHigh } << 32 | numberLow, sequence };
-    }
-};
-static_assert(sizeof(StoredReference) == 8);
-
+/// FILE Record.
 struct RecordHeader {
     std::array<std::uint8_t, 4> signature; //  0  "FILE"
     LE16 updateOffset, updateCount;  //  4, 6  the count includes the update-sequence number itself
@@ -48,9 +37,14 @@ struct RecordHeader {
     StoredReference base;            // 32
     LE16 nextAttributeID, padding;   // 40, 42
     LE32 number;                     // 44  only where the update sequence leaves room for it
+
+    /// Older systems put the update sequence where the number stands now.
+    bool hasNumber() const { return updateOffset >= sizeof(RecordHeader); }
 };
 static_assert(sizeof(RecordHeader) == 48 && offsetof(RecordHeader, base) == 32);
+static_assert(sizeof(RecordHeader) == NTFSParser::recordHeaderSize);
 
+/// Attribute Header: what all attributes begin with.
 struct AttributeHeader {
     LE32 type;                //  0
     LE32 length;              //  4
@@ -62,6 +56,7 @@ struct AttributeHeader {
 };
 static_assert(sizeof(AttributeHeader) == 16);
 
+/// Attribute Header, Resident.
 struct ResidentHeader {
     AttributeHeader common;
     LE32 valueLength; // 16
@@ -69,11 +64,12 @@ struct ResidentHeader {
 };
 static_assert(sizeof(ResidentHeader) == 22);
 
+/// Attribute Header, Non-Resident.
 struct NonResidentHeader {
     AttributeHeader common;
     LE64 startVCN, lastVCN;              // 16, 24
     LE16 runsOffset;                     // 32
-    std::uint8_t compressionUnit;        // 34
+    std::uint8_t compressionUnit;        // 34  log2 of the clusters in a unit
     std::array<std::uint8_t, 5> padding; // 35
     LE64 allocatedSize;                  // 40
     LE64 dataSize;                       // 48
@@ -81,6 +77,12 @@ struct NonResidentHeader {
 };
 static_assert(sizeof(NonResidentHeader) == 64 && offsetof(NonResidentHeader, dataSize) == 48);
 
+/// $STANDARD_INFORMATION, as far as it is of use.
+struct StandardInformation {
+    LE64 created, modified; //  0, 8
+};
+
+/// $FILE_NAME. The name follows.
 struct FileNameValue {
     StoredReference parent;                //  0
     LE64 created, modified, changed, read; //  8, 16, 24, 32
@@ -91,34 +93,13 @@ struct FileNameValue {
 };
 static_assert(sizeof(FileNameValue) == 66 && offsetof(FileNameValue, realSize) == 48);
 
-struct AttributeListEntry {
-    LE32 type;               //  0
-    LE16 length;             //  4
-    std::uint8_t nameLength; //  6
-    std::uint8_t nameOffset; //  7
-    LE64 startVCN;           //  8
-    StoredReference record;  // 16  where the attribute is
-    LE16 id;                 // 24
-};
-static_assert(sizeof(AttributeListEntry) == 26);
-
-enum AttributeType : std::uint32_t {
-    standardInformation = 0x10,
-    attributeList = 0x20,
-    fileName = 0x30,
-    volumeName = 0x60,
-    data = 0x80,
-    indexAllocation = 0xA0,
-    endOfAttributes = 0xFFFFFFFF,
-};
-
-/// Puts the ends of the sectors back in place. False when one of them does not belong to the
-/// others.
-bool applyFixup(std::span<std::uint8_t> bytes)
+/// Puts the ends of the sectors back in place (Fixup). False when one of them does not belong to
+/// the others.
+bool applyFixup(std::span<std::uint8_t> bytes, const RecordHeader& header)
 {
     const ByteView view(bytes);
-    const std::int64_t offset = view.u16le(4);
-    const std::int64_t count = view.u16le(6);
+    const std::int64_t offset = header.updateOffset;
+    const std::int64_t count = header.updateCount;
     const auto size = static_cast<std::int64_t>(bytes.size());
     if (count < 2 || offset + 2 * count > size)
         return false;
@@ -143,7 +124,7 @@ ByteView residentValue(ByteView attribute)
     return attribute.sub(header->valueOffset, std::uint32_t { header->valueLength });
 }
 
-DataFragment::Runs runsOf(ByteView attribute, const NonResidentHeader& header)
+RunList runsOf(ByteView attribute, const NonResidentHeader& header)
 {
     return NTFSParser::decodeRuns(
         attribute.sub(header.runsOffset, static_cast<std::int64_t>(attribute.size())));
@@ -152,8 +133,10 @@ DataFragment::Runs runsOf(ByteView attribute, const NonResidentHeader& header)
 void readStandardInformation(ByteView attribute, MFTRecord& record)
 {
     const auto value = residentValue(attribute);
-    record.created = TimeConversion::fromFiletime(value.u64le(0));
-    record.modified = TimeConversion::fromFiletime(value.u64le(8));
+    record.created
+        = TimeConversion::fromFiletime(value.u64le(offsetof(StandardInformation, created)));
+    record.modified
+        = TimeConversion::fromFiletime(value.u64le(offsetof(StandardInformation, modified)));
 }
 
 void readAttributeList(ByteView attribute, MFTRecord& record)
@@ -226,19 +209,60 @@ void readIndexAllocation(ByteView attribute, MFTRecord& record)
         record.indexLCN = runs.front().lcn;
 }
 
-/// Empties a record, and keeps the room that its lists have for the next one.
-void clear(MFTRecord& record)
+void readAttribute(ByteView attribute, const AttributeHeader& common, MFTRecord& record)
 {
-    auto names = std::move(record.names);
-    auto data = std::move(record.data);
-    names.clear();
-    data.clear();
-    record = {};
-    record.names = std::move(names);
-    record.data = std::move(data);
+    switch (common.type) {
+    case NTFSLayout::standardInformation:
+        readStandardInformation(attribute, record);
+        break;
+    case NTFSLayout::attributeList:
+        readAttributeList(attribute, record);
+        break;
+    case NTFSLayout::fileName:
+        readFileName(attribute, record);
+        break;
+    case NTFSLayout::volumeName:
+        record.volumeName = residentValue(attribute).utf16le(0, common.length / 2);
+        break;
+    case NTFSLayout::data:
+        readData(attribute, common, record);
+        break;
+    case NTFSLayout::indexAllocation:
+        readIndexAllocation(attribute, record);
+        break;
+    default:
+        break;
+    }
+}
+
+void readAttributes(ByteView bytes, const RecordHeader& header, MFTRecord& record)
+{
+    constexpr std::int64_t headerSize = sizeof(AttributeHeader);
+    const auto size = static_cast<std::int64_t>(bytes.size());
+    const std::int64_t end = std::min<std::int64_t>(size, header.bytesInUse);
+    std::int64_t at = header.firstAttribute;
+    for (int i = 0; i < maxAttributes && at + headerSize <= end; ++i) {
+        const auto common = *bytes.load<AttributeHeader>(at);
+        const std::int64_t length = common.length;
+        if (common.type == NTFSLayout::endOfAttributes || length < headerSize || length > size - at)
+            break;
+        readAttribute(bytes.sub(at, length), common, record);
+        at += length;
+    }
 }
 
 } // namespace
+
+void MFTRecord::clear()
+{
+    auto keptNames = std::move(names);
+    auto keptData = std::move(data);
+    keptNames.clear();
+    keptData.clear();
+    *this = {};
+    names = std::move(keptNames);
+    data = std::move(keptData);
+}
 
 FNInfo* MFTRecord::bestName()
 {
@@ -248,7 +272,7 @@ FNInfo* MFTRecord::bestName()
     return best != names.end() ? &*best : &names.front();
 }
 
-bool MFTRecord::isMeantBy(FileReference reference) const
+bool MFTRecord::isTargetOf(FileReference reference) const
 {
     return number == reference.number && sequenceMatches(reference.sequence, sequence, inUse);
 }
@@ -266,126 +290,38 @@ namespace NTFSParser {
 bool looksLikeRecord(ByteView bytes, std::int64_t at)
 {
     const auto header = bytes.load<RecordHeader>(at);
-    return header && bytes.matches("FILE", at)
+    return header && bytes.matches(signature, at)
         && (header->updateOffset == 42 || header->updateOffset == 48) && header->updateCount >= 2
         && header->updateCount <= 9 && header->firstAttribute >= 48 && header->firstAttribute <= 511
         && (header->bytesAllocated == 1024 || header->bytesAllocated == 4096);
+}
+
+std::optional<RecordIdentity> identityOfRecord(ByteView header)
+{
+    const auto stored = header.load<RecordHeader>(0);
+    if (!stored || !looksLikeRecord(header) || !stored->hasNumber())
+        return std::nullopt;
+    return RecordIdentity { .number = stored->number, .size = stored->bytesAllocated };
 }
 
 bool parseRecord(
     std::span<std::uint8_t> bytes, std::optional<std::uint64_t> number, MFTRecord& record)
 {
     const ByteView view(bytes);
-    if (bytes.size() < minRecordSize || !view.matches("FILE", 0))
+    if (bytes.size() < minRecordSize || !view.matches(signature, 0))
         return false;
-    clear(record);
-    record.fixupOK = applyFixup(bytes);
-
     const auto header = *view.load<RecordHeader>(0);
+    record.clear();
+    record.fixupOK = applyFixup(bytes, header);
     record.number = number;
-    if (!number && header.updateOffset >= sizeof(RecordHeader))
+    if (!number && header.hasNumber())
         record.number = header.number;
     record.inUse = (header.flags & inUseFlag) != 0;
     record.isDirectory = (header.flags & directoryFlag) != 0;
     record.sequence = header.sequence;
     record.base = header.base;
-
-    const auto size = static_cast<std::int64_t>(bytes.size());
-    const std::int64_t end = std::min<std::int64_t>(size, header.bytesInUse);
-    std::int64_t at = header.firstAttribute;
-    for (int i = 0;
-         i < maxAttributes && at + static_cast<std::int64_t>(sizeof(AttributeHeader)) <= end; ++i) {
-        const auto common = *view.load<AttributeHeader>(at);
-        const std::int64_t length = common.length;
-        if (common.type == endOfAttributes
-            || length < static_cast<std::int64_t>(sizeof(AttributeHeader)) || length > size - at)
-            break;
-        const auto attribute = view.sub(at, length);
-        switch (common.type) {
-        case standardInformation:
-            readStandardInformation(attribute, record);
-            break;
-        case attributeList:
-            readAttributeList(attribute, record);
-            break;
-        case fileName:
-            readFileName(attribute, record);
-            break;
-        case volumeName:
-            record.volumeName = residentValue(attribute).utf16le(0, length / 2);
-            break;
-        case data:
-            readData(attribute, common, record);
-            break;
-        case indexAllocation:
-            readIndexAllocation(attribute, record);
-            break;
-        default:
-            break;
-        }
-        at += length;
-    }
+    readAttributes(view, header, record);
     return true;
-}
-
-std::vector<FileReference> extensionsIn(ByteView attributeList, std::uint64_t self)
-{
-    std::vector<FileReference> extensions;
-    std::unordered_set<std::uint64_t> seen { self };
-    std::int64_t at = 0;
-    while (const auto entry = attributeList.load<AttributeListEntry>(at)) {
-        if (entry->length < sizeof(AttributeListEntry))
-            break;
-        const bool isWanted
-            = entry->type == fileName || (entry->type == data && entry->nameLength == 0);
-        if (const FileReference reference = entry->record;
-            isWanted && seen.insert(reference.number).second)
-            extensions.push_back(reference);
-        at += entry->length;
-    }
-    return extensions;
-}
-
-bool isExtensionOf(const MFTRecord& record, FileReference reference, const MFTRecord& base)
-{
-    return record.isExtension() && record.isMeantBy(reference) && base.isMeantBy(record.base);
-}
-
-void mergeExtension(MFTRecord& record, MFTRecord& extension)
-{
-    record.fixupOK = record.fixupOK && extension.fixupOK;
-    std::ranges::move(extension.names, std::back_inserter(record.names));
-    std::ranges::move(extension.data, std::back_inserter(record.data));
-    clear(extension);
-}
-
-DataFragment::Runs decodeRuns(ByteView bytes)
-{
-    DataFragment::Runs runs;
-    std::int64_t lcn = 0;
-    for (std::int64_t at = 0;;) {
-        const auto header = bytes.u8(at); // 0, the end mark, also past the end
-        const int lengthSize = header & 0x0F;
-        const int offsetSize = header >> 4;
-        if (header > 0x8F || lengthSize < 1 || lengthSize > 8
-            || at + 1 + lengthSize + offsetSize > static_cast<std::int64_t>(bytes.size()))
-            break;
-        const auto clusters = bytes.uintLE(at + 1, lengthSize);
-        if (clusters == 0 || clusters >= runLimit)
-            break;
-        if (offsetSize == 0) {
-            runs.push_back({ std::nullopt, clusters });
-        } else {
-            // The LCN so far is not negative, so that only the sum's upper end can overflow.
-            const auto delta = bytes.intLE(at + 1 + lengthSize, offsetSize);
-            if (delta > std::numeric_limits<std::int64_t>::max() - lcn || lcn + delta < 0)
-                break;
-            lcn += delta;
-            runs.push_back({ static_cast<std::uint64_t>(lcn), clusters });
-        }
-        at += 1 + lengthSize + offsetSize;
-    }
-    return runs;
 }
 
 } // namespace NTFSParser

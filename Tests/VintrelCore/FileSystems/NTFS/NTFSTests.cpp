@@ -88,7 +88,7 @@ TEST(NTFS, RunLists)
     const struct {
         const char* what;
         Bytes list;
-        DataFragment::Runs runs;
+        RunList runs;
     } cases[] = {
         { "one run", { 0x21, 0x18, 0x34, 0x56, 0x00 }, { { 0x5634, 0x18 } } },
         { "sparse between", { 0x11, 0x02, 0x10, 0x01, 0x05, 0x11, 0x03, 0xF8, 0x00 },
@@ -601,7 +601,7 @@ TEST(NTFS, AnMFTThatClaimsExabytes)
         { .runs = { { 16, 64 }, { std::nullopt, longest }, { std::nullopt, longest }, { 16, 1 } },
             .size = exabytes },
         { .runs = { { 16, 64 }, { 16, longest } }, .size = exabytes },
-        { .runs = DataFragment::Runs(100, { 16, 500 }), .size = exabytes },
+        { .runs = RunList(100, { 16, 500 }), .size = exabytes },
         { .runs = { { 16, 64 } }, .size = exabytes },
     };
     for (const auto& claim : claims) {

@@ -1,0 +1,151 @@
+#include "VintrelCore/FileSystems/NTFS/MFT.h"
+
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/NTFS/AttributeList.h"
+#include "VintrelCore/FileSystems/NTFS/Content.h"
+
+#include <algorithm>
+
+namespace NTFSParser {
+
+namespace {
+
+/// Its own records are the first sixteen of every MFT.
+constexpr std::uint64_t minMFTRecords = 16;
+
+/// The records of the MFT are read in pieces of this size.
+constexpr std::uint64_t batchSize = 4'194'304;
+
+/// Extension records of the MFT can lie in pieces of the MFT that only other extension records know
+/// of. Systems keep them where the first pieces are, so that few rounds find all of them.
+constexpr int maxExtensionRounds = 16;
+
+/// Clusters of a sound MFT belong to it once. One whose pieces together are larger than the source
+/// is made up, and ends where it becomes that; so does one that goes on past the end of the source.
+ExtentList limited(const ExtentList& extents, std::uint64_t sourceSize)
+{
+    ExtentList kept;
+    std::size_t count = 0; // of those kept, up to the last one that has a place
+    std::uint64_t onSource = 0;
+    for (const auto& [offset, length] : extents) {
+        if (!offset) {
+            kept.push_back({ offset, length });
+            continue;
+        }
+        const std::uint64_t available = std::min(length, sourceSize - *offset);
+        if (available > sourceSize - onSource)
+            break;
+        onSource += available;
+        kept.push_back({ offset, available });
+        count = kept.size();
+        if (available < length)
+            kept.push_back({ std::nullopt, length - available });
+    }
+    kept.resize(count);
+    return kept;
+}
+
+/// The MFT as its own record says, extension records and all. None when the record holds no data
+/// that lies in clusters.
+std::optional<MappedStream> mapMFT(const NTFSContext& context, MFTRecord& record)
+{
+    const auto map = [&]() -> std::optional<MappedStream> {
+        auto merged = NTFSContent::merge(context, record.data);
+        if (!merged)
+            return std::nullopt;
+        return MappedStream(
+            limited(context.extents(merged->runs, merged->size, merged->initSize).extents,
+                context.source().size()));
+    };
+    auto mft = map();
+    if (!record.hasAttributeList())
+        return mft;
+
+    auto wanted = extensionsIn(loadAttributeList(context, record), 0);
+    Bytes bytes(context.geometry().recordSize);
+    for (int round = 0; mft && round < maxExtensionRounds; ++round) {
+        bool hasGrown = false;
+        const auto addIfFound = [&](FileReference reference) {
+            MFTRecord extension;
+            const bool isFound = reference.number < mft->size() / context.geometry().recordSize
+                && mft->read(
+                    context.source(), reference.number * context.geometry().recordSize, bytes)
+                && parseRecord(bytes, reference.number, extension)
+                && isExtensionOf(extension, reference, record);
+            if (isFound)
+                mergeExtension(record, extension);
+            hasGrown = hasGrown || isFound;
+            return isFound;
+        };
+        wanted.erase(std::remove_if(wanted.begin(), wanted.end(), addIfFound), wanted.end());
+        if (!hasGrown)
+            break;
+        mft = map();
+    }
+    return mft;
+}
+
+} // namespace
+
+std::optional<MappedStream> locateMFT(const NTFSContext& context, std::vector<std::string>& notes)
+{
+    const auto& geometry = context.geometry();
+    for (const auto lcn : { geometry.mftLCN, geometry.mirrorLCN }) {
+        const bool isMirror = lcn != geometry.mftLCN;
+        const auto offset = geometry.offsetOf(lcn);
+        if (!offset || *offset >= context.source().size())
+            continue;
+        auto bytes = context.source().read(*offset, geometry.recordSize, ReadMode::thorough);
+        MFTRecord record;
+        if (!parseRecord(bytes, 0, record))
+            continue;
+        auto mft = mapMFT(context, record);
+        if (!mft || mft->size() / geometry.recordSize < minMFTRecords)
+            continue;
+        if (isMirror)
+            notes.emplace_back("$MFT-posten var beskadiget – $MFTMirr blev brugt.");
+        if (!record.fixupOK)
+            notes.emplace_back("$MFT-posten har fejl i opdateringssekvensen.");
+        return mft;
+    }
+    notes.emplace_back(
+        "$MFT kunne ikke findes. Kør en dyb scanning for at genopbygge fra løse MFT-poster.");
+    return std::nullopt;
+}
+
+MFTRecords readAllRecords(
+    const NTFSContext& context, const MappedStream& mft, WorkProgress* progress)
+{
+    const std::uint64_t recordSize = context.geometry().recordSize;
+    const std::uint64_t total = mft.size() / recordSize;
+    const std::uint64_t batch = std::max<std::uint64_t>(1, batchSize / recordSize);
+    MFTRecords records(context);
+    MFTRecord record; // one for all, so that its lists keep their room
+    Bytes buffer(static_cast<std::size_t>(std::min(batch, total) * recordSize));
+    for (std::uint64_t number = 0; number < total && !isCancelled(progress);) {
+        const auto stretch = mft.at(number * recordSize);
+        std::uint64_t count = std::min(stretch.length / recordSize, total - number);
+        if (stretch.offset || count == 0) {
+            // Clusters can be smaller than records: one that begins in this stretch and ends in
+            // another is read across.
+            count = std::clamp<std::uint64_t>(count, 1, batch);
+            const auto bytes
+                = std::span(buffer).first(static_cast<std::size_t>(count * recordSize));
+            mft.read(context.source(), number * recordSize, bytes);
+            for (std::uint64_t i = 0; i < count; ++i) {
+                const auto recordBytes
+                    = bytes.subspan(static_cast<std::size_t>(i * recordSize), recordSize);
+                if (parseRecord(recordBytes, number + i, record))
+                    records.add(record);
+            }
+        }
+        number += count;
+        if (progress != nullptr)
+            progress->report(static_cast<double>(number) / static_cast<double>(total),
+                "Læser MFT … " + std::to_string(number) + " af " + std::to_string(total)
+                    + " poster");
+    }
+    return records;
+}
+
+} // namespace NTFSParser

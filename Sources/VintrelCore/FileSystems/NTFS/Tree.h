@@ -1,0 +1,17 @@
+#pragma once
+
+#include "VintrelCore/FileSystems/NTFS/Context.h"
+#include "VintrelCore/FileSystems/NTFS/MFTRecords.h"
+#include "VintrelCore/Model/Volume.h"
+
+#include <memory>
+#include <string>
+
+namespace NTFSParser {
+
+/// Links the records of an MFT into a tree of files, with their chances. Files whose folder is lost
+/// hang below a folder of their own.
+std::unique_ptr<Volume> buildVolume(
+    const NTFSContext& context, MFTRecords records, const std::string& origin);
+
+} // namespace NTFSParser
