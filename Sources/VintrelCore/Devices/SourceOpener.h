@@ -2,7 +2,6 @@
 
 #include "VintrelCore/Devices/SourceError.h"
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/Model/FileTypes.h"
 
 #include <memory>
 #include <string>

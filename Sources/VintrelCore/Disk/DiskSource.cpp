@@ -2,7 +2,6 @@
 
 #include "VintrelCore/Foundation/AlignedBuffer.h"
 #include "VintrelCore/Foundation/Rounding.h"
-#include "VintrelCore/Model/FileTypes.h"
 
 #include <algorithm>
 #include <cerrno>

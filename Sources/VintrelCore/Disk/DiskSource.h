@@ -3,7 +3,6 @@
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/FileDescriptor.h"
-#include "VintrelCore/Model/FileTypes.h"
 
 #include <CVintrel/Mutex.h>
 
