@@ -6,7 +6,7 @@
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Model/Volume.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/DeepScan.h"
 
 #include <unordered_map>
 

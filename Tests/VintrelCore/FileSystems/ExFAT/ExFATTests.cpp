@@ -3,7 +3,7 @@
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/ExFAT/BootSector.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
 
