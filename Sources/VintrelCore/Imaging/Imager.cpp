@@ -4,11 +4,11 @@
 #include "VintrelCore/Foundation/AlignedBuffer.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/Rounding.h"
+#include "VintrelCore/Imaging/CopyRates.h"
 #include "VintrelCore/Imaging/ImageFile.h"
 
 #include <algorithm>
 #include <chrono>
-#include <deque>
 #include <filesystem>
 #include <span>
 #include <sys/stat.h>
@@ -24,8 +24,6 @@ using Status = RangeMap::Status;
 constexpr std::chrono::milliseconds refreshInterval { 250 };
 constexpr std::chrono::milliseconds pauseInterval { 200 };
 constexpr std::chrono::seconds saveInterval { 5 };
-constexpr std::chrono::seconds rateWindow { 5 };
-constexpr Seconds shortestRateSample { 0.5 };
 
 /// What the sector pass and its repetitions read.
 constexpr Status failedPieces[] = { Status::nonTrimmed, Status::nonScraped };
@@ -47,7 +45,7 @@ public:
               std::max<std::uint64_t>(sectorSize_, imager.options_.chunkSize), sectorSize_)))
         , memory_(readSize_)
         , buffer_(memory_.bytes())
-        , rescuedBefore_(map_.total(Status::finished))
+        , rates_(start_, map_.total(Status::finished))
     {
     }
 
@@ -285,16 +283,7 @@ private:
     {
         lastRefresh_ = now;
         const std::uint64_t rescued = map_.total(Status::finished);
-        samples_.push_back({ now, rescued });
-        while (now - samples_.front().time > rateWindow)
-            samples_.pop_front();
-        const auto rate = [&](std::uint64_t before, Seconds time) {
-            return rescued > before && time.count() > 0
-                ? static_cast<double>(rescued - before) / time.count()
-                : 0;
-        };
-        const Seconds elapsed = now - start_;
-        const Seconds window = now - samples_.front().time;
+        rates_.add(now, rescued);
 
         ImagingStats stats = imager_.currentStats(); // which only this thread changes
         stats.rescued = rescued;
@@ -303,10 +292,9 @@ private:
             + map_.total(Status::nonScraped);
         stats.total = source_.size();
         stats.readErrors = source_.readErrorCount();
-        stats.currentRate
-            = window > shortestRateSample ? rate(samples_.front().rescued, window) : 0;
-        stats.averageRate = rate(rescuedBefore_, elapsed);
-        stats.elapsed = elapsed.count();
+        stats.currentRate = rates_.current();
+        stats.averageRate = rates_.average();
+        stats.elapsed = Seconds(now - start_).count();
         stats.sinceLastSuccess = Seconds(now - lastSuccess_).count();
         {
             const CVintrel::MutexLock guard(imager_.lock_);
@@ -314,11 +302,6 @@ private:
         }
         onUpdate_(stats);
     }
-
-    struct Sample {
-        Clock::time_point time;
-        std::uint64_t rescued;
-    };
 
     DiskImager& imager_;
     DiskSource& source_;
@@ -329,12 +312,11 @@ private:
     const std::size_t readSize_; // whole sectors
     const AlignedBuffer memory_;
     const std::span<std::uint8_t> buffer_;
-    const std::uint64_t rescuedBefore_;
     const Clock::time_point start_ = Clock::now();
     Clock::time_point lastSuccess_ = start_;
     Clock::time_point lastRefresh_ = start_;
     Clock::time_point lastSave_ = start_;
-    std::deque<Sample> samples_;
+    CopyRates rates_;
     bool hasWriteFailed_ = false;
 };
 

@@ -4,61 +4,14 @@
 #include "VintrelCore/Disk/SweepWindow.h"
 #include "VintrelCore/FileSystems/StructureFinder.h"
 #include "VintrelCore/Model/WorkProgress.h"
+#include "VintrelCore/Scanning/SweepProgress.h"
 
 #include <algorithm>
-#include <chrono>
 
 namespace {
 
 constexpr std::size_t sectorSize = SweptSector::size;
 constexpr std::size_t headSize = 64; // what the carver is shown
-
-constexpr std::chrono::milliseconds reportInterval { 300 };
-constexpr std::chrono::milliseconds rateInterval { 900 };
-
-/// Tells the user of the progress, seldom enough that it costs nothing.
-class Reporter {
-public:
-    Reporter(const DiskSource& source, const std::function<void(const DeepScanStats&)>& onUpdate)
-        : source_(source)
-        , onUpdate_(onUpdate)
-    {
-        stats.total = source.size();
-    }
-
-    DeepScanStats stats;
-
-    void report(const DeepScanResult& result, std::uint64_t position, bool isLast)
-    {
-        const auto now = Clock::now();
-        if (!onUpdate_ || (!isLast && now - lastReport_ <= reportInterval))
-            return;
-        lastReport_ = now;
-        if (now - rateStart_ > rateInterval) {
-            const std::chrono::duration<double> interval = now - rateStart_;
-            stats.rate = static_cast<double>(position - rateStartPosition_) / interval.count();
-            rateStart_ = now;
-            rateStartPosition_ = position;
-        }
-        stats.position = position;
-        stats.filesFound = result.carved.size();
-        stats.bootSectors = result.boots.size() + result.hfsHeaders.size() + result.nxsb.size();
-        stats.mftRecords = result.mftRecords.size();
-        stats.badSectors = source_.badSectorCount();
-        stats.elapsed = std::chrono::duration<double>(now - begin_).count();
-        onUpdate_(stats);
-    }
-
-private:
-    using Clock = std::chrono::steady_clock;
-
-    const DiskSource& source_;
-    const std::function<void(const DeepScanStats&)>& onUpdate_;
-    const Clock::time_point begin_ = Clock::now();
-    Clock::time_point lastReport_ = begin_;
-    Clock::time_point rateStart_ = begin_;
-    std::uint64_t rateStartPosition_ = 0;
-};
 
 } // namespace
 
@@ -71,7 +24,8 @@ DeepScanResult DeepScanner::run(
     std::optional<Carver> carver;
     if (options_.carve)
         carver.emplace(source_, options_.categories, &window);
-    Reporter progress(source_, onUpdate);
+    using Clock = SweepProgress::Clock;
+    SweepProgress progress(source_, onUpdate, Clock::now());
 
     std::uint64_t position = 0;
     std::uint64_t carveFrom = 0; // what lies before is inside a file that was found
@@ -92,14 +46,14 @@ DeepScanResult DeepScanner::run(
             // A length beyond the source is not to be believed: it must not hide all that follows.
             if (found->exact && found->size <= source_.size() - offset)
                 carveFrom = offset + found->size;
-            ++progress.stats.byExtension[found->ext];
+            progress.countFile(*found);
             result.carved.push_back(std::move(*found));
         }
         position += chunk.size();
-        progress.report(result, position, false);
+        progress.report(result, position, Clock::now());
     }
     result.completed = position >= source_.size();
     result.scannedUpTo = position;
-    progress.report(result, position, true);
+    progress.report(result, position, Clock::now(), true);
     return result;
 }

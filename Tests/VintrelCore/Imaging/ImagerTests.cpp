@@ -306,6 +306,18 @@ TEST_F(FailingDisk, IsLeftInLeapsThatDoubleUpToALimit)
         EXPECT_EQ(offsets[number++], offset * 1_MiB);
 }
 
+TEST_F(FailingDisk, IsLeftInShortLeapsAgainBehindWhatReadsWell)
+{
+    writeFile(disk, Bytes(16_MiB));
+    faults = "eio:1048576-2097152,eio:10485760-11534336";
+    ASSERT_EQ(start({ "READ_LOG=" + log })->wait(), 0);
+    // The first pass leaps over the third and the twelfth MiB, and the second one reads them.
+    const auto offsets = readOffsets();
+    std::size_t number = 0;
+    for (const std::uint64_t offset : { 0, 1, 3, 4, 5, 6, 7, 8, 9, 10, 12, 13, 14, 15, 2, 11 })
+        EXPECT_EQ(offsets.at(number++), offset * 1_MiB);
+}
+
 TEST_F(FailingDisk, DataThatDidNotReachTheDiskIsNotCalledFinished)
 {
     const auto bytes = patternBytes(3_MiB);

@@ -1,0 +1,22 @@
+#include "VintrelCLI/TreeListing.h"
+#include "VintrelCore/Model/Volume.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+TEST(TreeListing, LosesNoLineOfAListingOfManyBlocks)
+{
+    auto root = FileNode::makeFolder("", EntryStatus::existing);
+    std::string expected = "Uden navn (FAT32) [her] @ 512\n     note: Bemærk\n";
+    for (int number = 0; number < 20'000; ++number) {
+        const auto name = "fil " + std::to_string(number);
+        root->add(FileNode::makeFile(name, 1, EntryStatus::existing));
+        expected += "  " + name + "  1 byte\n";
+    }
+    Volume volume(FileSystemType::fat32, "", 512, 0, std::move(root), "her");
+    volume.notes.emplace_back("Bemærk");
+    std::ostringstream out;
+    printTree(volume, out);
+    EXPECT_EQ(out.str(), expected);
+}
