@@ -9,6 +9,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 class DiskSource;
 class LostVolumeSearch;
@@ -59,8 +60,8 @@ struct FileSystemReader {
     void (*findVolumes)(LostVolumeSearch& search);
     /// Puts volumes together from what a sweep met of them and no volume has.
     void (*rebuildVolumes)(LostVolumeSearch& search);
-    /// Adds to these volumes what a sweep met of their files and they do not list: a folder in the
-    /// root of each.
-    void (*addLostFiles)(DiskSource& source, const VolumeList& volumes, const DeepScanResult& finds,
-        WorkProgress* progress);
+    /// What a sweep met of the files of these volumes and they do not list. Some of it may be added
+    /// to folders that the volumes have already.
+    std::vector<ExtraFolder> (*findLostFolders)(DiskSource& source, const VolumeList& volumes,
+        const DeepScanResult& finds, WorkProgress* progress);
 };

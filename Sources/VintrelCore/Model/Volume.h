@@ -45,5 +45,11 @@ private:
 
 using VolumeList = std::vector<std::unique_ptr<Volume>>;
 
+/// A folder for the root of a volume, with files that its own tables do not name any more.
+struct ExtraFolder {
+    Volume* volume;
+    std::unique_ptr<FileNode> folder;
+};
+
 /// A list of the volume, or an empty one where there is none.
 VolumeList oneOrNone(std::unique_ptr<Volume> volume);

@@ -13,6 +13,7 @@
 #include <set>
 #include <span>
 #include <string>
+#include <vector>
 
 class DiskSource;
 class WorkProgress;
@@ -50,6 +51,16 @@ public:
     /// result. `onUpdate` hears of the progress about three times a second and at the end.
     DeepScanResult run(WorkProgress* reporter,
         const std::function<void(const DeepScanStats&)>& onUpdate = {}) const;
+
+    /// The volumes that a sweep's finds belong to and that are not among the `known` ones. When
+    /// cancelled, those found so far.
+    static VolumeList buildVolumes(DiskSource& source, const DeepScanResult& result,
+        const VolumeList& known, WorkProgress* progress);
+
+    /// What the sweep found that belongs to these volumes and that they do not list. Some of it may
+    /// be added to folders that the volumes have already.
+    static std::vector<ExtraFolder> extraFolders(DiskSource& source, const VolumeList& volumes,
+        const DeepScanResult& result, WorkProgress* progress);
 
     /// The files found by content, as a volume with a folder for each kind.
     static std::unique_ptr<Volume> carvedVolume(

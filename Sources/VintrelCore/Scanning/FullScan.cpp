@@ -1,6 +1,5 @@
 #include "VintrelCore/Scanning/FullScan.h"
 
-#include "VintrelCore/Scanning/LostVolumes.h"
 #include "VintrelCore/Scanning/QuickScan.h"
 
 #include <algorithm>
@@ -19,10 +18,11 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     const auto finds = DeepScanner(source, *deep).run(progress);
     if (listener.sweepDone)
         listener.sweepDone(finds);
-    auto lost = LostVolumes::find(source, finds, volumes, progress);
+    auto lost = DeepScanner::buildVolumes(source, finds, volumes, progress);
     std::ranges::move(lost, std::back_inserter(volumes));
     // After the lost volumes: what belongs to one of those is no lost file of another.
-    LostVolumes::addLostFiles(source, volumes, finds, progress);
+    for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, finds, progress))
+        volume->root->add(std::move(folder));
     if (!finds.carved.empty())
         volumes.push_back(DeepScanner::carvedVolume(source, finds.carved));
     return volumes;

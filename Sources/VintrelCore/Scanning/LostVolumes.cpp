@@ -1,12 +1,14 @@
-#include "VintrelCore/Scanning/LostVolumes.h"
+// What the structures that a sweep found say of volumes that no table names.
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FileSystems.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/LostVolumeSearch.h"
 #include "VintrelCore/Model/WorkProgress.h"
+#include "VintrelCore/Scanning/DeepScan.h"
 
-namespace LostVolumes {
+#include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -69,10 +71,10 @@ void findByBootSectors(LostVolumeSearch& search)
 
 } // namespace
 
-VolumeList find(DiskSource& source, const DeepScanResult& finds, const VolumeList& known,
-    WorkProgress* progress)
+VolumeList DeepScanner::buildVolumes(DiskSource& source, const DeepScanResult& result,
+    const VolumeList& known, WorkProgress* progress)
 {
-    LostVolumeSearch search(source, source.size(), finds, known, progress);
+    LostVolumeSearch search(source, source.size(), result, known, progress);
     findByBootSectors(search);
     for (const auto* reader : fileSystems())
         if (reader->findVolumes != nullptr)
@@ -84,12 +86,13 @@ VolumeList find(DiskSource& source, const DeepScanResult& finds, const VolumeLis
     return search.takeFound();
 }
 
-void addLostFiles(DiskSource& source, const VolumeList& volumes, const DeepScanResult& finds,
-    WorkProgress* progress)
+std::vector<ExtraFolder> DeepScanner::extraFolders(DiskSource& source, const VolumeList& volumes,
+    const DeepScanResult& result, WorkProgress* progress)
 {
+    std::vector<ExtraFolder> folders;
     for (const auto* reader : fileSystems())
-        if (reader->addLostFiles != nullptr && !isCancelled(progress))
-            reader->addLostFiles(source, volumes, finds, progress);
+        if (reader->findLostFolders != nullptr && !isCancelled(progress))
+            std::ranges::move(reader->findLostFolders(source, volumes, result, progress),
+                std::back_inserter(folders));
+    return folders;
 }
-
-} // namespace LostVolumes

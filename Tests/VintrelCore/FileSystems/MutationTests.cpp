@@ -13,7 +13,6 @@
 #include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Recovery/LZNT1.h"
 #include "VintrelCore/Scanning/DeepScan.h"
-#include "VintrelCore/Scanning/LostVolumes.h"
 #include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
@@ -100,8 +99,9 @@ void exerciseDeep(const Bytes& bytes)
 {
     const auto source = makeSource(bytes);
     const auto found = DeepScanner(*source).run(nullptr);
-    const auto volumes = LostVolumes::find(*source, found, {}, nullptr);
-    LostVolumes::addLostFiles(*source, volumes, found, nullptr);
+    const auto volumes = DeepScanner::buildVolumes(*source, found, {}, nullptr);
+    for (const auto& [volume, folder] : DeepScanner::extraFolders(*source, volumes, found, nullptr))
+        ASSERT_LT(folder->totals().files, bytes.size());
     for (const auto& volume : volumes) {
         const auto totals = volume->root->totals();
         ASSERT_LT(totals.files + totals.folders, bytes.size()) << "more entries than bytes";

@@ -45,18 +45,20 @@ void findVolumes(LostVolumeSearch& search)
     }
 }
 
-void addLostFiles(DiskSource& source, const VolumeList& volumes, const DeepScanResult& finds,
-    WorkProgress* progress)
+std::vector<ExtraFolder> findLostFolders(DiskSource& source, const VolumeList& volumes,
+    const DeepScanResult& finds, WorkProgress* progress)
 {
+    std::vector<ExtraFolder> folders;
     for (const auto& volume : volumes) {
         if (isCancelled(progress))
-            return;
+            break;
         if (volume->type != FileSystemType::apfs)
             continue;
         report(progress, 0, "Søger efter slettede APFS-filer …");
         if (auto folder = APFSParser::lostFiles(source, *volume, finds.apfsLeafNodes, progress))
-            volume->root->add(std::move(folder));
+            folders.push_back({ volume.get(), std::move(folder) });
     }
+    return folders;
 }
 
 } // namespace
@@ -71,5 +73,5 @@ const FileSystemReader apfsReader {
     .confirmsBackups = false,
     .findVolumes = findVolumes,
     .rebuildVolumes = nullptr,
-    .addLostFiles = addLostFiles,
+    .findLostFolders = findLostFolders,
 };

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 /// Rebuilds volumes from directory sectors that no volume has, with a parser's `looseSectors` and
 /// `rebuild`. `DeepInfo` is what its volumes keep.
@@ -29,18 +30,21 @@ void rebuildFromDirectories(LostVolumeSearch& search, std::span<const std::uint6
         search.keep(std::move(volume));
 }
 
-/// Adds to the root of each volume of these types the folder that `find(volume)` gives, if any.
+/// The folders that `find(volume)` gives for the volumes of these types; none for those where it
+/// gives none.
 template <class Find>
-void addLostFolders(const VolumeList& volumes, std::span<const FileSystemType> types,
-    const WorkProgress* progress, Find find)
+std::vector<ExtraFolder> lostFolders(const VolumeList& volumes,
+    std::span<const FileSystemType> types, const WorkProgress* progress, Find find)
 {
+    std::vector<ExtraFolder> folders;
     for (const auto& volume : volumes) {
         if (isCancelled(progress))
-            return;
+            break;
         if (std::ranges::count(types, volume->type) == 0)
             continue;
         report(progress, 0, "Søger efter tabte mappefragmenter …");
         if (auto folder = find(*volume))
-            volume->root->add(std::move(folder));
+            folders.push_back({ volume.get(), std::move(folder) });
     }
+    return folders;
 }

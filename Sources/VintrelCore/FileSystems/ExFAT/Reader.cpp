@@ -19,11 +19,11 @@ void rebuildVolumes(LostVolumeSearch& search)
         search, search.finds().exfatDirSectors, ExFATParser::looseSectors, ExFATParser::rebuild);
 }
 
-void addLostFiles(DiskSource& /*source*/, const VolumeList& volumes, const DeepScanResult& finds,
-    WorkProgress* progress)
+std::vector<ExtraFolder> findLostFolders(DiskSource& /*source*/, const VolumeList& volumes,
+    const DeepScanResult& finds, WorkProgress* progress)
 {
     const auto sectors = ExFATParser::looseSectors(finds.exfatDirSectors, volumes);
-    addLostFolders(volumes, types, progress,
+    return lostFolders(volumes, types, progress,
         [&](Volume& volume) { return ExFATParser::lostEntries(volume, sectors, progress); });
 }
 
@@ -39,5 +39,5 @@ const FileSystemReader exfatReader {
     .confirmsBackups = true,
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
-    .addLostFiles = addLostFiles,
+    .findLostFolders = findLostFolders,
 };

@@ -37,5 +37,5 @@ const FileSystemReader extReader {
     .confirmsBackups = false,
     .findVolumes = nullptr,
     .rebuildVolumes = nullptr,
-    .addLostFiles = nullptr,
+    .findLostFolders = nullptr,
 };

@@ -20,11 +20,11 @@ void rebuildVolumes(LostVolumeSearch& search)
         search, search.finds().fatDirSectors, FATParser::looseSectors, FATParser::rebuild);
 }
 
-void addLostFiles(DiskSource& /*source*/, const VolumeList& volumes, const DeepScanResult& finds,
-    WorkProgress* progress)
+std::vector<ExtraFolder> findLostFolders(DiskSource& /*source*/, const VolumeList& volumes,
+    const DeepScanResult& finds, WorkProgress* progress)
 {
     const auto sectors = FATParser::looseSectors(finds.fatDirSectors, volumes);
-    addLostFolders(volumes, types, progress,
+    return lostFolders(volumes, types, progress,
         [&](Volume& volume) { return FATParser::lostEntries(volume, sectors, progress); });
 }
 
@@ -40,5 +40,5 @@ const FileSystemReader fatReader {
     .confirmsBackups = true,
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
-    .addLostFiles = addLostFiles,
+    .findLostFolders = findLostFolders,
 };

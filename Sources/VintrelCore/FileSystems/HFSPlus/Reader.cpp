@@ -74,5 +74,5 @@ const FileSystemReader hfsPlusReader {
     .confirmsBackups = false,
     .findVolumes = findVolumes,
     .rebuildVolumes = nullptr,
-    .addLostFiles = nullptr,
+    .findLostFolders = nullptr,
 };

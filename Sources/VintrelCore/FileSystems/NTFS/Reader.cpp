@@ -83,5 +83,5 @@ const FileSystemReader ntfsReader {
     .confirmsBackups = false,
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
-    .addLostFiles = nullptr,
+    .findLostFolders = nullptr,
 };
