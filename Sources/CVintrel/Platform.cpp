@@ -77,6 +77,8 @@ int flush(int descriptor) { return ::fsync(descriptor) == 0 ? 0 : errno; }
 
 #ifdef __linux__
 
+int flushFileSystem(int descriptor) { return ::syncfs(descriptor) == 0 ? 0 : errno; }
+
 void startFlushing(int descriptor, std::uint64_t offset, std::uint64_t count)
 {
     // Left alone, written data waits for up to half a minute, and the copying for all of it at the
@@ -86,6 +88,8 @@ void startFlushing(int descriptor, std::uint64_t offset, std::uint64_t count)
 }
 
 #else
+
+int flushFileSystem(int descriptor) { return flush(descriptor); }
 
 void startFlushing(int /*descriptor*/, std::uint64_t /*offset*/, std::uint64_t /*count*/) { }
 

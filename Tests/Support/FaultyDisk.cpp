@@ -3,13 +3,15 @@
 //
 //   FAULTY_FILE    the file that plays the disk
 //   FAULTS         kind:start-end,… in bytes, the end not included. eio: cannot be read; what lies
-//   before it in a read
-//                  is delivered, as a kernel does. short: reads end early, at odd places. eintr:
-//                  every other read is interrupted.
+//                  before it in a read is delivered, as a kernel does. short: reads end early, at
+//                  odd places. eintr: every other read is interrupted.
 //   READ_DELAY     microseconds that each MiB of the file takes longer to read
 //   READ_LOG       a file that gets a line "offset count" for each read of the file, as it was
-//   asked for FAULTY_FLUSH   a file whose first flush fails CLOCK_RATE     how many times faster
-//   than the real one the monotonic clock goes; sleeping is as long as ever
+//                  asked for
+//   FAULTY_FLUSH   a file whose first flush fails
+//   FAULTY_SYNC    flushing a whole file system fails
+//   CLOCK_RATE     how many times faster than the real one the monotonic clock goes; sleeping is
+//                  as long as ever
 //
 // It is plain code without the project's options: it gets loaded into programs with and without
 // sanitizers.
@@ -197,6 +199,15 @@ int fsync(int descriptor)
         return -1;
     }
     return system(descriptor);
+}
+
+int syncfs(int descriptor) noexcept
+{
+    static const auto system = next<int(int)>("syncfs");
+    if (std::getenv("FAULTY_SYNC") == nullptr)
+        return system(descriptor);
+    errno = EIO;
+    return -1;
 }
 
 int clock_gettime(clockid_t clock, struct timespec* time) noexcept

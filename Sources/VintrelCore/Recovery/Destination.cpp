@@ -3,6 +3,8 @@
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Recovery/SafeName.h"
 
+#include <CVintrel/Platform.h>
+
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -70,6 +72,11 @@ void Destination::remove(Folder& folder, const std::string& name)
 {
     if (!open(folder))
         ::unlinkat(descriptor(), name.c_str(), 0);
+}
+
+SystemError Destination::flush() const
+{
+    return SystemError(CVintrel::flushFileSystem(root_.get()));
 }
 
 std::string Destination::path(const Folder& folder, const std::string& name)

@@ -43,6 +43,9 @@ public:
 
     void remove(Folder& folder, const std::string& name);
 
+    /// Waits until everything on the destination's file system is safe on its disk.
+    SystemError flush() const;
+
     /// Where a file in a folder lies below the recovery folder.
     static std::string path(const Folder& folder, const std::string& name);
 

@@ -11,6 +11,9 @@
 
 namespace {
 
+/// Bytes from which on a file is flushed by itself.
+constexpr std::uint64_t flushedSize = 67'108'864;
+
 std::timespec timespecFrom(Date date)
 {
     const auto whole = std::chrono::floor<std::chrono::seconds>(date);
@@ -54,5 +57,9 @@ SystemError FileWriter::finish(const FileNode& node, bool restoreDates)
         return SystemError::last();
     if (restoreDates)
         setDates(descriptor_.get(), node);
+    // A large file takes long to copy; that it is safe is known before it is counted.
+    if (position_ >= flushedSize)
+        if (const SystemError error(CVintrel::flush(descriptor_.get())); error)
+            return error;
     return descriptor_.close();
 }

@@ -1,5 +1,6 @@
 #include "VintrelCore/Recovery/Recovery.h"
 
+#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/WorkProgress.h"
 #include "VintrelCore/Recovery/Destination.h"
@@ -54,11 +55,25 @@ public:
                 break;
             ++state_.filesDone;
         }
+        flushDestination();
         if (reporter_)
             reporter_(state_);
     }
 
 private:
+    /// Waits until what was written is safe. What is not is not recovered, whatever was counted.
+    void flushDestination()
+    {
+        const auto error = destination_.flush();
+        if (!error)
+            return;
+        result_.failures.insert(result_.failures.begin(),
+            *result_.folder + ": kunne ikke skrive alt til disken: " + error.message());
+        result_.failed += result_.recovered + result_.withErrors;
+        result_.recovered = 0;
+        result_.withErrors = 0;
+    }
+
     /// False when the job has to end.
     bool copyFile(const FileNode& node)
     {
@@ -79,19 +94,23 @@ private:
         }
         ++(copied.badBytes == 0 ? result_.recovered : result_.withErrors);
         result_.bytes += node.size;
-        report_.add(path, node, copied.badBytes);
+        const bool isEmptied = copied.isAllZero && node.status != EntryStatus::existing
+            && node.size >= source_.sectorSize();
+        report_.add(path, node, copied.badBytes, isEmptied);
         return true;
     }
 
     struct Copied {
         std::uint64_t badBytes = 0; ///< unreadable ones, which are zeros now
-        SystemError error;          ///< why writing ended early
+        bool isAllZero = true;
+        SystemError error; ///< why writing ended early
     };
 
     Copied copyContent(const FileNode& node, FileWriter writer, const std::string& path)
     {
         Copied copied;
         const auto write = [&](const FileReader::Piece& piece) {
+            copied.isAllZero = copied.isAllZero && ByteView(piece.bytes).isAllZero();
             copied.error = writer.write(piece);
             state_.bytesDone += piece.size();
             reportProgress(path);

@@ -4,9 +4,15 @@
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Recovery/Destination.h"
 
+#include <string_view>
+
 namespace {
 
 constexpr std::size_t flushSize = 65'536; // bytes
+
+/// Disks that are told what is free (TRIM) give zeros for it.
+constexpr std::string_view emptiedNote
+    = "Alt indhold er nul – disken har sandsynligvis selv tømt pladsen";
 
 std::string csv(const std::string& field)
 {
@@ -35,14 +41,19 @@ RecoveryReport::RecoveryReport(Destination& destination, bool isWanted)
 
 RecoveryReport::~RecoveryReport() { flush(); }
 
-void RecoveryReport::add(const std::string& path, const FileNode& node, std::uint64_t badBytes)
+void RecoveryReport::add(
+    const std::string& path, const FileNode& node, std::uint64_t badBytes, bool isEmptied)
 {
     if (!descriptor_)
         return;
+    auto note = node.note.value_or(std::string());
+    if (isEmptied)
+        note.append(note.empty() ? "" : "; ").append(emptiedNote);
+    const auto chance = isEmptied ? Recoverability::poor : node.recoverability;
     rows_.append(csv(path)).append(";").append(std::to_string(node.size)).append(";");
     rows_.append(badBytes == 0 ? "OK" : "Ulæselige sektorer").append(";");
-    rows_.append(label(node.recoverability)).append(";").append(std::to_string(badBytes));
-    rows_.append(";").append(csv(node.note.value_or(std::string()))).append("\n");
+    rows_.append(label(chance)).append(";").append(std::to_string(badBytes)).append(";");
+    rows_.append(csv(note)).append("\n");
     if (rows_.size() >= flushSize)
         flush();
 }

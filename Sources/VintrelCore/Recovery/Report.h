@@ -19,8 +19,9 @@ public:
     RecoveryReport& operator=(const RecoveryReport&) = delete;
     ~RecoveryReport();
 
-    /// Adds the row of a file that was copied. `path`: below the recovery folder.
-    void add(const std::string& path, const FileNode& node, std::uint64_t badBytes);
+    /// Adds the row of a file that was copied. `path`: below the recovery folder. `isEmptied`: a
+    /// file that does not exist any more, and of which nothing but zeros came out.
+    void add(const std::string& path, const FileNode& node, std::uint64_t badBytes, bool isEmptied);
 
 private:
     void flush();

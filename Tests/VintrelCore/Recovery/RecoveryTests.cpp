@@ -141,6 +141,27 @@ TEST_F(Recovery, OptionsAndThousandsOfEqualNames)
     EXPECT_GT(status.st_mtime, 1'000'000'000);
 }
 
+TEST_F(Recovery, TellsOfContentThatIsNothingButZeros)
+{
+    std::ranges::fill(std::span(disk).first(8'192), std::uint8_t { 0 });
+    source = makeSource(disk);
+    const ExtentList zeros { { 0, 2'048 } }, almost { { 7'000, 2'048 } };
+    addFile(*root, "slettet", zeros, 2'048, EntryStatus::deleted);
+    addFile(*root, "fundet", zeros, 2'048, EntryStatus::carved);
+    addFile(*root, "hul", ExtentList { { std::nullopt, 2'048 } }, 2'048, EntryStatus::orphaned);
+    addFile(*root, "findes", zeros, 2'048, EntryStatus::existing);
+    addFile(*root, "lille", ExtentList { { 0, 511 } }, 511, EntryStatus::deleted);
+    addFile(*root, "indhold", almost, 2'048, EntryStatus::deleted);
+    const auto result = recover();
+    const std::string emptied
+        = ";2048;OK;Ringe;0;Alt indhold er nul – disken har sandsynligvis selv tømt pladsen\n";
+    EXPECT_EQ(text(*result.folder + "/Gendannelsesrapport.csv"),
+        "Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n"
+        "findes;2048;OK;God;0;\nslettet"
+            + emptied + "fundet" + emptied + "hul" + emptied
+            + "lille;511;OK;God;0;\nindhold;2048;OK;God;0;\n");
+}
+
 TEST_F(Recovery, NamesThatMeetOrAreHostile)
 {
     addFile(*root, "IMG.JPG", bytesOf("s"), 1, EntryStatus::deleted);

@@ -21,6 +21,9 @@ bool setCreationDate(int descriptor, const std::timespec& date);
 /// far as the system can tell. The system's error number; 0 when all went well.
 int flush(int descriptor);
 
+/// The same for everything on the file system of an open file or folder, as far as the system can.
+int flushFileSystem(int descriptor);
+
 /// Lets the system begin to bring this range of an open file to the disk, without waiting for it,
 /// so that a later flush finds little left to do. Does nothing where the system begins by itself.
 void startFlushing(int descriptor, std::uint64_t offset, std::uint64_t count);
