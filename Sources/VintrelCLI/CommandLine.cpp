@@ -51,6 +51,7 @@ struct Session {
     std::ostream& err;
     WorkProgress progress; ///< of every operation; shown nowhere
     std::unique_ptr<DiskSource> source;
+    std::string reached {}; ///< Danish: how far the command has come, for when it is stopped
 
     bool has(std::string_view option) const { return std::ranges::count(arguments, option) != 0; }
 
@@ -80,6 +81,27 @@ std::unique_ptr<DiskSource> open(const std::string& name)
     return source;
 }
 
+/// An image of a failing disk holds zeros where nothing was rescued. Where its mapfile lies beside
+/// it they count as what they are: unreadable.
+void markHolesOfImage(const Session& session)
+{
+    auto& source = *session.source;
+    const auto map = source.isDevice()
+        ? nullptr
+        : RangeMap::readWhole(RangeMap::pathFor(source.path()), source.size());
+    const auto finished = map ? map->total(RangeMap::Status::finished) : source.size();
+    if (finished == source.size())
+        return;
+    for (const auto& block : map->snapshot())
+        if (block.status != RangeMap::Status::finished)
+            source.addSimulatedBadRange({ block.position, block.end() });
+    session.complain("Advarsel: " + Unicode::escaped(source.displayName())
+        + " er et ufuldstændigt diskbillede. Efter "
+        + Unicode::escaped(RangeMap::pathFor(source.displayName())) + " mangler "
+        + formatBytes(source.size() - finished) + " af " + formatBytes(source.size())
+        + ". Det regnes som ulæseligt.");
+}
+
 /// What the deep scan of a command looks for; none when the command wants no deep scan.
 std::optional<DeepScanOptions> deepScanByOption(const Session& session)
 {
@@ -100,13 +122,22 @@ std::string describe(const DeepScanResult& finds)
 /// What the tables of the source name, and with a deep scan what is found beyond them.
 VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& deep)
 {
-    return FullScan::run(*session.source, deep, &session.progress,
-        { .quickScanDone =
-                [&](const auto& notes) {
-                    for (const auto& note : notes)
-                        session.print("! " + Unicode::escaped(note));
-                },
-            .sweepDone = [&](const auto& finds) { session.print(describe(finds)); } });
+    session.reached = "Den hurtige scanning blev ikke færdig.";
+    FullScan::Listener listener;
+    listener.quickScanDone = [&](const std::vector<std::string>& notes) {
+        for (const auto& note : notes)
+            session.print("! " + Unicode::escaped(note));
+    };
+    listener.sweepDone = [&](const DeepScanResult& finds) {
+        session.print(describe(finds));
+        session.reached = "Den dybe scanning nåede " + formatBytes(finds.scannedUpTo) + " af "
+            + formatBytes(session.source->size()) + ".";
+    };
+    auto volumes = FullScan::run(*session.source, deep, &session.progress, listener);
+    if (volumes.empty() && !deep && !session.progress.isCancelled())
+        session.complain("Der blev ikke fundet noget filsystem, der kan læses. En dyb scanning "
+                         "(--deep) kan finde mere.");
+    return volumes;
 }
 
 void list(Session& session) { printDisks(DiskList::load(), session.out); }
@@ -126,6 +157,7 @@ void scan(Session& session)
     auto& source = *session.source;
     session.print(Unicode::escaped(source.displayName()) + ": " + formatBytes(source.size())
         + ", sektor " + number(source.sectorSize()) + " B");
+    session.reached = "Den hurtige scanning blev ikke færdig.";
     const auto result = QuickScanner::run(source, &session.progress);
     session.print("Partitionering: " + result.layout.scheme);
     for (const auto& entry : result.layout.entries)
@@ -165,6 +197,7 @@ void deep(Session& session)
 void recover(Session& session)
 {
     warnOfDestination(session);
+    std::int64_t copied = 0; // files
     for (const auto& volume : allVolumes(session, deepScanByOption(session))) {
         if (session.progress.isCancelled())
             break;
@@ -179,6 +212,8 @@ void recover(Session& session)
         }
         const auto result = RecoveryEngine::recover(nodes, volume->title(), *session.source,
             session.arguments[2], {}, nullptr, session.progress);
+        copied += result.recovered + result.withErrors;
+        session.reached = "Gendannelsen nåede " + std::to_string(copied) + " filer.";
         session.print(Unicode::escaped(volume->title()) + ": " + std::to_string(result.recovered)
             + " gendannet, " + std::to_string(result.withErrors) + " med fejl, "
             + std::to_string(result.failed) + " mislykkedes → "
@@ -213,16 +248,28 @@ struct Command {
     std::size_t needed; ///< arguments, the word among them
     void (*perform)(Session&);
     bool readsSource;
+    bool tellsThatItWasStopped; ///< in words of its own, or does not last
 };
 
 constexpr Command commands[] = {
-    { "list", 1, list, false },
-    { "scan", 2, scan, true },
-    { "tree", 2, tree, true },
-    { "deep", 2, deep, true },
-    { "recover", 3, recover, true },
-    { "image", 3, image, true },
+    { "list", 1, list, false, true },
+    { "scan", 2, scan, true, false },
+    { "tree", 2, tree, true, false },
+    { "deep", 2, deep, true, false },
+    { "recover", 3, recover, true, false },
+    { "image", 3, image, true, true },
 };
+
+/// The exit status of a command that has ended. What a signal ended must not pass for the whole
+/// result, neither with a reader nor with a script.
+int statusOf(const Command& command, const Session& session)
+{
+    const auto signal = SignalCancellation::received();
+    if (!signal || command.tellsThatItWasStopped)
+        return exitDone;
+    session.complain("Stoppet: resultatet er ufuldstændigt. " + session.reached);
+    return exitBySignal + *signal;
+}
 
 } // namespace
 
@@ -246,8 +293,10 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
         session.complain("Fejl: " + std::string(error.what()));
         return exitNoSource;
     }
+    if (command->readsSource)
+        markHolesOfImage(session);
     command->perform(session);
-    return exitDone;
+    return statusOf(*command, session);
 }
 
 std::vector<ByteRange> parseByteRanges(std::string_view text)

@@ -9,8 +9,9 @@
 #include <string_view>
 #include <vector>
 
-/// The exit statuses of the program.
-enum ExitStatus { exitDone = 0, exitUsage = 1, exitNoSource = 2 };
+/// The exit statuses of the program. A command that a signal stopped ends with `exitBySignal` and
+/// the signal's number, as shells have it.
+enum ExitStatus { exitDone = 0, exitUsage = 1, exitNoSource = 2, exitBySignal = 128 };
 
 /// Runs one command. `arguments` is the command line without the program's path; results go to
 /// `out`, a line or a block of lines in each write, and the reason why a source could not be opened

@@ -6,6 +6,7 @@ namespace {
 
 std::atomic<WorkProgress*> workToCancel = nullptr;
 static_assert(std::atomic<WorkProgress*>::is_always_lock_free, "a signal handler loads it");
+volatile std::sig_atomic_t receivedSignal = 0; // 0: none
 
 void setDefault(int signal)
 {
@@ -14,8 +15,9 @@ void setDefault(int signal)
     ::sigaction(signal, &action, nullptr);
 }
 
-void cancelWork(int /*signal*/)
+void cancelWork(int signal)
 {
+    receivedSignal = signal;
     setDefault(SIGINT);
     setDefault(SIGTERM);
     if (auto* const work = workToCancel.load())
@@ -46,6 +48,7 @@ struct sigaction handle(int signal)
 SignalCancellation::SignalCancellation(WorkProgress& work)
 {
     workToCancel = &work;
+    receivedSignal = 0;
     previousInterrupt_ = handle(SIGINT);
     previousTerminate_ = handle(SIGTERM);
 }
@@ -55,4 +58,10 @@ SignalCancellation::~SignalCancellation()
     ::sigaction(SIGINT, &previousInterrupt_, nullptr);
     ::sigaction(SIGTERM, &previousTerminate_, nullptr);
     workToCancel = nullptr;
+}
+
+std::optional<int> SignalCancellation::received()
+{
+    const int signal = receivedSignal;
+    return signal != 0 ? std::optional(signal) : std::nullopt;
 }

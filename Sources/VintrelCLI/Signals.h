@@ -3,6 +3,7 @@
 #include "VintrelCore/Model/WorkProgress.h"
 
 #include <csignal>
+#include <optional>
 
 /// While it lives, the first SIGINT or SIGTERM cancels the work instead of ending the program, so
 /// that what is finished stays and is reported. The next one ends the program at once. A signal
@@ -14,6 +15,9 @@ public:
     SignalCancellation(const SignalCancellation&) = delete;
     SignalCancellation& operator=(const SignalCancellation&) = delete;
     ~SignalCancellation();
+
+    /// The signal that cancelled the work; none when none did.
+    static std::optional<int> received();
 
 private:
     struct sigaction previousInterrupt_ { };

@@ -1,7 +1,9 @@
 #include "Tests/Images/CarvedFile.h"
 #include "Tests/Images/FATImage.h"
+#include "Tests/Support/ChildProgram.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCLI/CommandLine.h"
+#include "VintrelCore/Imaging/RangeMap.h"
 
 #include <CVintrel/Devices.h>
 
@@ -195,6 +197,59 @@ TEST_F(Card, DamagedSourcesAreToldAsNotes)
     EXPECT_TRUE(tree.starts_with("! Der blev ikke fundet nogen gyldig partitionstabel. ")) << tree;
     EXPECT_EQ(runWith({ "scan", path }).out,
         "kort.img: 0 bytes, sektor 512 B\nPartitionering: Ukendt\n" + tree);
+}
+
+TEST_F(Card, HolesOfAnImageCountAsUnreadable)
+{
+    const auto mapfile = [&](std::uint64_t size) {
+        RangeMap map(size);
+        map.set(0, size, RangeMap::Status::finished);
+        map.set(photoOffset + 512, 512, RangeMap::Status::bad);
+        map.set(photoOffset + 1'024, 100, RangeMap::Status::nonTried);
+        EXPECT_FALSE(map.write(path + ".map", 0, 1));
+    };
+    const auto size = std::filesystem::file_size(path);
+    mapfile(size);
+    const auto damaged = runWith({ "recover", path, folder / "ud" });
+    EXPECT_NE(damaged.out.find(": 4 gendannet, 1 med fejl, "), std::string::npos) << damaged.out;
+    EXPECT_EQ(damaged.err,
+        "Advarsel: kort.img er et ufuldstændigt diskbillede. Efter kort.img.map mangler 612 bytes "
+        "af "
+        "2.1 MB. Det regnes som ulæseligt.\n");
+    // Whole, or of another size, a mapfile says nothing.
+    mapfile(size + 512);
+    EXPECT_EQ(runWith({ "scan", path }).err, "");
+    RangeMap whole(size);
+    whole.set(0, size, RangeMap::Status::finished);
+    EXPECT_FALSE(whole.write(path + ".map", 0, 1));
+    EXPECT_EQ(runWith({ "scan", path }).err, "");
+}
+
+TEST_F(Card, PointsToTheDeepScanWhereNothingCanBeRead)
+{
+    writeFile(path, Bytes(1_MiB));
+    const auto hint
+        = "Der blev ikke fundet noget filsystem, der kan læses. En dyb scanning (--deep) "
+          "kan finde mere.\n";
+    EXPECT_EQ(runWith({ "tree", path }).err, hint);
+    EXPECT_EQ(runWith({ "recover", path, folder / "ud" }).err, hint);
+    EXPECT_EQ(runWith({ "scan", path }).err, "");
+    EXPECT_EQ(runWith({ "tree", path, "--deep" }).err, "");
+}
+
+TEST_F(Card, DoesNotCallRecoveredWhatDidNotReachTheDisk)
+{
+    auto environment = faultyDisk(path, "");
+    if (environment.empty())
+        GTEST_SKIP() << "there is no failing disk for this system";
+    environment.emplace_back("FAULTY_SYNC=1");
+    ChildProgram program({ "recover", path, folder / "ud" }, environment, folder / "output");
+    EXPECT_EQ(program.wait(), 0);
+    const auto recovered = folder / "ud/KAMERA (FAT16)";
+    EXPECT_EQ(program.printed(),
+        "KAMERA (FAT16): 0 gendannet, 0 med fejl, 5 mislykkedes → " + recovered + "\n   "
+            + recovered
+            + ": kunne ikke skrive alt til disken: " + std::generic_category().message(EIO) + "\n");
 }
 
 TEST(CommandLine, WrongArguments)

@@ -46,7 +46,7 @@ TEST_F(Signals, InterruptedRecoveryKeepsAndReportsWhatIsFinished)
     auto program = start({ "recover", disk, folder / "target" }, 100'000);
     ASSERT_TRUE(program->runsUntil([&] { return std::filesystem::exists(recovered + "/12"); }));
     program->signal(SIGTERM);
-    EXPECT_EQ(program->wait(), 0);
+    EXPECT_EQ(program->wait(), 128 + SIGTERM);
 
     int kept = 0;
     for (const auto& entry : std::filesystem::directory_iterator(recovered)) {
@@ -61,6 +61,10 @@ TEST_F(Signals, InterruptedRecoveryKeepsAndReportsWhatIsFinished)
                   ": " + std::to_string(kept) + " gendannet, 0 med fejl, 0 mislykkedes → "),
         std::string::npos)
         << program->printed();
+    EXPECT_NE(program->printed().find("Stoppet: resultatet er ufuldstændigt. Gendannelsen nåede "
+                  + std::to_string(kept) + " filer."),
+        std::string::npos)
+        << program->printed();
     EXPECT_EQ(std::ranges::count(readFile(recovered + "/Gendannelsesrapport.csv"), '\n'), 1 + kept);
 }
 
@@ -69,7 +73,10 @@ TEST_F(Signals, InterruptedScanEndsInOrderAndASecondSignalEndsAtOnce)
     auto scan = start({ "scan", disk }, 1'000'000);
     ASSERT_TRUE(scan->runsUntil([&] { return !readFile(log).empty(); }));
     scan->signal(SIGINT);
-    EXPECT_EQ(scan->wait(), 0);
+    EXPECT_EQ(scan->wait(), 128 + SIGINT);
+    EXPECT_NE(scan->printed().find("Stoppet: resultatet er ufuldstændigt. Den hurtige scanning"),
+        std::string::npos)
+        << scan->printed();
 
     auto imaging = start({ "image", disk, folder / "image" }, 30'000'000);
     ASSERT_TRUE(imaging->runsUntil([&] { return std::filesystem::exists(folder / "image"); }));

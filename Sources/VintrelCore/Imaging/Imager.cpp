@@ -323,7 +323,7 @@ private:
 DiskImager::DiskImager(DiskSource& source, std::string imagePath, ImagingOptions options)
     : source_(source)
     , imagePath_(std::move(imagePath))
-    , mapPath_(imagePath_ + ".map")
+    , mapPath_(RangeMap::pathFor(imagePath_))
     , options_(options)
 {
     struct stat status { };

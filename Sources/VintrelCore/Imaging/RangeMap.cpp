@@ -99,6 +99,51 @@ bool isUTF8(std::string_view text)
     return true;
 }
 
+/// The lines of a mapfile that are blocks; none for what is no text.
+std::vector<RangeMap::Block> blocksIn(std::string_view text)
+{
+    std::vector<RangeMap::Block> blocks;
+    if (!isUTF8(text))
+        return blocks;
+    bool isStatusLine = true; // the first line that is no comment, whatever it says
+    while (!text.empty()) {
+        const auto line = Text::takeLine(text);
+        auto rest = line;
+        const auto firstField = takeField(rest);
+        if (firstField.empty() || firstField.starts_with('#') || std::exchange(isStatusLine, false))
+            continue;
+        if (const auto block = parseBlock(line))
+            blocks.push_back(*block);
+    }
+    return blocks;
+}
+
+/// The text of a mapfile; none when it cannot be read.
+std::optional<std::string> readText(const std::string& path)
+{
+    const FileDescriptor file(
+        ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe is not waited for
+    struct stat status { };
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)
+        || static_cast<std::uint64_t>(status.st_size) > maxMapfileSize)
+        return std::nullopt;
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const auto count
+            = ::pread(file.get(), text.data() + done, text.size() - done, static_cast<off_t>(done));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return std::nullopt;
+        if (count == 0)
+            break;
+        done += static_cast<std::size_t>(count);
+    }
+    text.resize(done);
+    return text;
+}
+
 /// Makes a new file with this content that is safe on the disk.
 SystemError writeNewFile(const std::string& path, std::string_view text)
 {
@@ -220,27 +265,14 @@ std::string RangeMap::mapfile(std::uint64_t position, int pass) const
 
 std::unique_ptr<RangeMap> RangeMap::parse(std::string_view text, std::uint64_t size)
 {
-    if (!isUTF8(text))
+    const auto blocks = blocksIn(text);
+    if (blocks.empty())
         return nullptr;
     auto map = std::make_unique<RangeMap>(size);
-    bool hasBlock = false;
-    bool isStatusLine = true; // the first line that is no comment, whatever it says
-    while (!text.empty()) {
-        const auto line = Text::takeLine(text);
-        auto rest = line;
-        const auto firstField = takeField(rest);
-        if (firstField.empty() || firstField.starts_with('#'))
-            continue;
-        if (std::exchange(isStatusLine, false))
-            continue;
-        const auto block = parseBlock(line);
-        if (!block)
-            continue;
-        hasBlock = true;
-        if (block->status != Status::nonTried)
-            map->set(block->position, block->size, block->status);
-    }
-    return hasBlock ? std::move(map) : nullptr;
+    for (const auto& block : blocks)
+        if (block.status != Status::nonTried)
+            map->set(block.position, block.size, block.status);
+    return map;
 }
 
 SystemError RangeMap::write(const std::string& path, std::uint64_t position, int pass) const
@@ -259,25 +291,20 @@ SystemError RangeMap::write(const std::string& path, std::uint64_t position, int
 
 std::unique_ptr<RangeMap> RangeMap::read(const std::string& path, std::uint64_t size)
 {
-    const FileDescriptor file(
-        ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe is not waited for
-    struct stat status { };
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)
-        || static_cast<std::uint64_t>(status.st_size) > maxMapfileSize)
+    const auto text = readText(path);
+    return text ? parse(*text, size) : nullptr;
+}
+
+std::unique_ptr<RangeMap> RangeMap::readWhole(const std::string& path, std::uint64_t size)
+{
+    const auto text = readText(path);
+    if (!text)
         return nullptr;
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const auto count
-            = ::pread(file.get(), text.data() + done, text.size() - done, static_cast<off_t>(done));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
+    std::uint64_t end = 0;
+    for (const auto& block : blocksIn(*text)) {
+        if (block.size > size || block.position > size - block.size)
             return nullptr;
-        if (count == 0)
-            break;
-        done += static_cast<std::size_t>(count);
+        end = std::max(end, block.end());
     }
-    text.resize(done);
-    return parse(text, size);
+    return end == size ? parse(*text, size) : nullptr;
 }

@@ -62,10 +62,14 @@ public:
     /// `path`, this one or the one before.
     [[nodiscard]] SystemError write(
         const std::string& path, std::uint64_t position, int pass) const;
+    /// Where the mapfile of an image lies: beside it.
+    static std::string pathFor(const std::string& imagePath) { return imagePath + ".map"; }
     /// What write() uses on the way.
     static std::string temporaryPath(const std::string& path) { return path + ".tmp"; }
     /// Loads a mapfile. None when it cannot be read or holds no block.
     static std::unique_ptr<RangeMap> read(const std::string& path, std::uint64_t size);
+    /// The same, and none unless the mapfile speaks of a source of exactly this size.
+    static std::unique_ptr<RangeMap> readWhole(const std::string& path, std::uint64_t size);
 
 private:
     RangeSet& with(Status status) REQUIRES(lock_)
