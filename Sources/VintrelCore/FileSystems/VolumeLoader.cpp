@@ -1,6 +1,8 @@
 #include "VintrelCore/FileSystems/VolumeLoader.h"
 
+#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FileSystems.h"
+#include "VintrelCore/Model/SourceEnd.h"
 
 namespace VolumeLoader {
 
@@ -10,7 +12,10 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
     const auto* const reader = readerFor(type);
     if (reader == nullptr || reader->load == nullptr)
         return {};
-    return reader->load({ source, offset, origin, progress, boot });
+    auto volumes = reader->load({ source, offset, origin, progress, boot });
+    for (const auto& volume : volumes)
+        noteSourceEnd(*volume, source.size());
+    return volumes;
 }
 
 } // namespace VolumeLoader

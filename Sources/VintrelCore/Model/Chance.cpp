@@ -36,6 +36,7 @@ constexpr DoubtRow rows[] = {
     { Doubt::partlyReused, partial, "Dele af filen kan være overskrevet" },
     { Doubt::fewReusedClusters, partial, "" },
     { Doubt::unknownAllocation, unknown, "" },
+    { Doubt::beyondSource, partial, "Filen rækker ud over kildens slutning" },
     { Doubt::encrypted, poor, "EFS-krypteret – kan ikke dekrypteres" },
     { Doubt::compressedByHFS, poor,
         "HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke gendannes "
@@ -89,4 +90,24 @@ void judge(FileNode& node, Doubts doubts)
     node.recoverability = chance.level;
     if (chance.note)
         node.addNote(*chance.note);
+}
+
+void judgeFurther(FileNode& node, Doubts doubts)
+{
+    const auto level = chanceOf(doubts).level;
+    // Nothing is known of the one and something bad of the other: the bad is certain.
+    const auto severity = [](Recoverability chance) {
+        return chance == poor ? 3 : chance == unknown ? 2 : chance == partial ? 1 : 0;
+    };
+    if (severity(level) > severity(node.recoverability))
+        node.recoverability = level;
+    noteDoubts(node, doubts);
+}
+
+void noteDoubts(FileNode& node, Doubts doubts)
+{
+    for (const auto& row : rows)
+        if (doubts.has(row.doubt) && !row.words.empty()
+            && (!node.note || node.note->find(row.words) == std::string::npos))
+            node.addNote(row.words);
 }

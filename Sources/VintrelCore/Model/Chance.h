@@ -32,6 +32,8 @@ enum class Doubt : std::uint8_t {
     partlyReused,
     fewReusedClusters,
     unknownAllocation, ///< nobody can say who owns the clusters
+    // of what the source still is
+    beyondSource, ///< some of it lies behind the source's end
     // of the content
     encrypted,
     compressedByHFS,
@@ -90,3 +92,10 @@ Chance chanceOf(Doubts doubts);
 
 /// Gives a file the chance that these doubts leave, and adds their words to its note.
 void judge(FileNode& node, Doubts doubts);
+
+/// Lowers the chance of a file that was judged before to what these doubts leave, and adds those of
+/// their words that its note lacks. A chance is never raised.
+void judgeFurther(FileNode& node, Doubts doubts);
+
+/// Adds the words of these doubts that a file's note lacks, and leaves its chance as it is.
+void noteDoubts(FileNode& node, Doubts doubts);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Model/Volume.h"
 
@@ -64,4 +65,10 @@ struct FileSystemReader {
     /// to folders that the volumes have already.
     std::vector<ExtraFolder> (*findLostFolders)(DiskSource& source, const VolumeList& volumes,
         const DeepScanResult& finds, WorkProgress* progress);
+
+    // What the volumes that the tables name say of the disk.
+
+    /// Adds the ranges of the source that a volume has in use, its own structures among them, in
+    /// any order. False, and nothing added, when what says so cannot be read.
+    bool (*addUsedRanges)(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges);
 };

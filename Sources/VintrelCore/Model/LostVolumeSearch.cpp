@@ -1,5 +1,6 @@
 #include "VintrelCore/Model/LostVolumeSearch.h"
 
+#include "VintrelCore/Model/SourceEnd.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
@@ -46,6 +47,7 @@ bool LostVolumeSearch::keep(std::unique_ptr<Volume> volume)
 {
     if (!volume)
         return false;
+    noteSourceEnd(*volume, sourceSize_);
     if (volume->offset < sourceSize_)
         bytesCovered_ += std::min(volume->size, sourceSize_ - volume->offset);
     found_.push_back(std::move(volume));

@@ -1,9 +1,11 @@
 #include "VintrelCore/Scanning/FullScan.h"
 
+#include "VintrelCore/Scanning/Overlay.h"
 #include "VintrelCore/Scanning/QuickScan.h"
 
 #include <algorithm>
 #include <iterator>
+#include <span>
 
 VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions>& deep,
     WorkProgress* progress, const Listener& listener)
@@ -18,11 +20,14 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     const auto finds = DeepScanner(source, *deep).run(progress);
     if (listener.sweepDone)
         listener.sweepDone(finds);
+    const auto knownCount = volumes.size();
     auto lost = DeepScanner::buildVolumes(source, finds, volumes, progress);
     std::ranges::move(lost, std::back_inserter(volumes));
     // After the lost volumes: what belongs to one of those is no lost file of another.
     for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, finds, progress))
         volume->root->add(std::move(folder));
+    const std::span all(volumes);
+    Overlay::judge(source, all.first(knownCount), all.subspan(knownCount));
     if (!finds.carved.empty())
         volumes.push_back(DeepScanner::carvedVolume(source, finds.carved));
     return volumes;

@@ -74,4 +74,5 @@ const FileSystemReader apfsReader {
     .findVolumes = findVolumes,
     .rebuildVolumes = nullptr,
     .findLostFolders = findLostFolders,
+    .addUsedRanges = nullptr,
 };

@@ -40,4 +40,5 @@ const FileSystemReader exfatReader {
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
     .findLostFolders = findLostFolders,
+    .addUsedRanges = nullptr,
 };

@@ -38,4 +38,5 @@ const FileSystemReader extReader {
     .findVolumes = nullptr,
     .rebuildVolumes = nullptr,
     .findLostFolders = nullptr,
+    .addUsedRanges = nullptr,
 };

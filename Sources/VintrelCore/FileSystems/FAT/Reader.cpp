@@ -41,4 +41,5 @@ const FileSystemReader fatReader {
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
     .findLostFolders = findLostFolders,
+    .addUsedRanges = nullptr,
 };

@@ -84,4 +84,5 @@ const FileSystemReader ntfsReader {
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
     .findLostFolders = nullptr,
+    .addUsedRanges = nullptr,
 };

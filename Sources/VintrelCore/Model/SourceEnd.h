@@ -1,0 +1,10 @@
+#pragma once
+
+#include <cstdint>
+
+class Volume;
+
+/// Tells of a volume that claims more than the source holds, as that of a disk whose image was cut
+/// short: a note with what is missing, and one on each file that reaches beyond. Where the level of
+/// a chance is the program's own (everywhere but on FAT and HFS+) it falls with it.
+void noteSourceEnd(Volume& volume, std::uint64_t sourceSize);
