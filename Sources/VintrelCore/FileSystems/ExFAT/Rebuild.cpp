@@ -22,8 +22,6 @@ namespace {
 constexpr std::int64_t looked
     = 512 + maxFileSetSize; // a sector, and the rest of the set that begins at its end
 constexpr int minClusterShift = 9;
-constexpr int maxClusterShift = 25; // 32 MiB
-constexpr std::uint64_t maxClusters = 0xFFFFFFF5;
 
 constexpr std::size_t maxPairs = 65'536;     // of folders and places where they may begin, a round
 constexpr std::size_t maxBeginnings = 1'024; // of directories that one folder is tried with
@@ -127,7 +125,7 @@ private:
             if (candidate.mayBegin && candidate.owner == nobody
                 && beginnings.size() < maxBeginnings)
                 beginnings.push_back(candidate.offset);
-        HeapVotes votes(minClusterShift, maxClusterShift);
+        HeapVotes votes(minClusterShift, ExFATGeometry::maxClusterShift);
         std::size_t pairs = 0;
         for (const auto& witness : witnesses_) {
             if (candidates_[witness.candidate].owner != nobody)
@@ -181,7 +179,7 @@ private:
             return nullptr;
         const std::uint64_t end = hints_.endBehind(sectors.back(), source_.size());
         heap.count = static_cast<std::uint32_t>(
-            std::min((end - heap.offset) / heap.clusterSize, maxClusters));
+            std::min((end - heap.offset) / heap.clusterSize, ExFATGeometry::maxClusters));
 
         ExFATGeometry geometry;
         geometry.heap = heap;

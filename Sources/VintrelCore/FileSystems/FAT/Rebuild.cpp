@@ -23,9 +23,6 @@ namespace {
 constexpr std::int64_t sectorSize = 512;
 constexpr int minClusterShift = 9;  // 512 bytes
 constexpr int maxClusterShift = 20; // 1 MiB
-constexpr std::uint64_t maxClusters = 0x0FFFFFF5;
-constexpr std::uint64_t maxClusters16 = 65'524; // from one more on it is FAT32
-constexpr std::uint64_t maxClusters12 = 4'084;
 constexpr std::uint64_t usualRootSize
     = 16'384; // of FAT12 and FAT16: 512 entries, before the first cluster
 
@@ -258,11 +255,12 @@ private:
             return nullptr;
 
         const std::uint64_t end = hints_.endBehind(sectors.back(), source_.size());
-        const std::uint64_t count = std::min((end - place.offset) / place.clusterSize, maxClusters);
+        const std::uint64_t count
+            = std::min((end - place.offset) / place.clusterSize, FATGeometry::maxClusters);
         const bool hasFixedRoot = place.rootSector && *place.rootSector < place.offset;
-        auto type = FileSystemType::fat32;
-        if (hasFixedRoot || count <= maxClusters16)
-            type = count <= maxClusters12 ? FileSystemType::fat12 : FileSystemType::fat16;
+        auto type = FATGeometry::typeFor(count);
+        if (hasFixedRoot && type == FileSystemType::fat32)
+            type = FileSystemType::fat16;
         FATGeometry geometry;
         geometry.type = type;
         geometry.bytesPerSector = sectorSize;
