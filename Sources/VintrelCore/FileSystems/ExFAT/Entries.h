@@ -128,6 +128,9 @@ bool continuesDirectory(ByteView cluster);
 /// A file entry, a stream, and as many name entries as the longest name takes: in bytes.
 constexpr std::int64_t maxFileSetSize = 19 * entrySize;
 
+/// What soundSets() wants to see: a sector, and the rest of a set that begins at its end.
+constexpr std::int64_t soundSetsSize = 512 + maxFileSetSize;
+
 /// The sound sets that begin in the 512 bytes at `at`; they may end behind these. Empty where
 /// anything else than entries lies there. A set whose beginning lies before is none of them.
 std::vector<EntrySet> soundSets(ByteView bytes, std::int64_t at);

@@ -5,6 +5,8 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/ExFAT/BootSector.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
+#include "VintrelCore/FileSystems/ExFAT/LostDirectories.h"
+#include "VintrelCore/FileSystems/ExFAT/LostHeaps.h"
 #include "VintrelCore/FileSystems/ExFAT/Walker.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -49,8 +51,8 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
             "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
     if (context->bitmapUnavailable())
         volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
-    volume->deepContext = std::make_unique<ExFATDeepInfo>(
-        std::move(context), std::move(walker.claimed), std::move(walker.liveClusters));
+    volume->deepContext
+        = std::make_unique<ExFATDeepInfo>(std::move(context), std::move(walker.claims));
     volume->root->sortChildren();
     return volume;
 }
@@ -77,6 +79,29 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
 bool looksLikeDirectorySector(ByteView bytes, std::int64_t at)
 {
     return !ExFATEntries::soundSets(bytes, at).empty();
+}
+
+std::unique_ptr<FileNode> lostEntries(
+    Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress)
+{
+    auto* info = dynamic_cast<ExFATDeepInfo*>(volume.deepContext.get());
+    if (info == nullptr || info->isRebuilt)
+        return nullptr;
+    return ExFATLostDirectories(*info->context, progress)
+        .find({ sectors.begin(), sectors.end() }, info->claims, nullptr);
+}
+
+VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> sectors,
+    const DirectoryHints& hints, WorkProgress* progress)
+{
+    return ExFATLostHeaps(source, hints, progress).rebuild(sectors);
+}
+
+std::vector<std::uint64_t> looseSectors(
+    std::span<const std::uint64_t> sectors, const VolumeList& volumes)
+{
+    return sectorsOutside<ExFATDeepInfo>(sectors, volumes,
+        [](const ExFATDeepInfo& /*info*/, std::uint64_t /*offset*/) { return false; });
 }
 
 } // namespace ExFATParser

@@ -156,7 +156,7 @@ std::optional<std::uint32_t> ownCluster(ByteView sector)
     return firstCluster(*self);
 }
 
-bool goesOn(ByteView sector)
+bool continuesDirectory(ByteView sector)
 {
     bool hasShortEntry = false;
     for (std::int64_t at = 0; const auto entry = sector.load<ShortEntry>(at); at += entrySize) {

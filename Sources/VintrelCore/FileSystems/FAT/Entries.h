@@ -16,6 +16,7 @@
 namespace FATEntries {
 
 constexpr std::size_t entrySize = 32;
+constexpr std::int64_t directorySectorSize = 512; ///< so much of a directory is judged at a time
 
 constexpr std::uint8_t endOfDirectory
     = 0x00; // as first byte of an entry: nothing but unused entries follows
@@ -100,11 +101,22 @@ std::uint32_t firstCluster(const ShortEntry& entry);
 /// Whether an entry is a folder's, and neither "." nor "..".
 bool isSubfolder(const ShortEntry& entry);
 
+/// Calls `visit(entry)` for the short entries before the end of the directory.
+template <class Visit> void forEachEntry(ByteView entries, Visit visit)
+{
+    for (std::int64_t at = 0; const auto entry = entries.load<ShortEntry>(at); at += entrySize) {
+        if (entry->name[0] == endOfDirectory)
+            return;
+        if (entry->attributes != longNameAttributes)
+            visit(*entry);
+    }
+}
+
 /// The cluster that a directory's first sector says it lies in; none when no directory begins here.
 std::optional<std::uint32_t> ownCluster(ByteView sector);
 
 /// Whether a sector holds entries and nothing else, from its beginning on. As few as one will do:
 /// only for places where a directory is to be expected.
-bool goesOn(ByteView sector);
+bool continuesDirectory(ByteView sector);
 
 } // namespace FATEntries

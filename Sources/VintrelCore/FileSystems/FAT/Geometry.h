@@ -29,6 +29,13 @@ struct FATGeometry {
     std::uint64_t volumeSize = 0;
     std::string label; ///< the boot sector's; empty when there is none
 
+    /// The cluster that two halves of a number in an entry name: the upper one counts on FAT32
+    /// only.
+    std::uint32_t clusterNumber(std::uint32_t stored) const
+    {
+        return type == FileSystemType::fat32 ? stored : stored & 0xFFFF;
+    }
+
     /// The type that the specification ties to a number of clusters.
     static FileSystemType typeFor(std::uint64_t clusters);
 

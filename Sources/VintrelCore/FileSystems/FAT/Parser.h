@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
+#include "VintrelCore/FileSystems/Clusters/DirectoryHints.h"
 #include "VintrelCore/FileSystems/FAT/DeepInfo.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/FileNode.h"
