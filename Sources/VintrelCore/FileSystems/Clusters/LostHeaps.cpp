@@ -272,8 +272,6 @@ LostHeaps::Sector* LostHeaps::beginningAt(std::uint64_t offset)
     return isThere ? &*found : nullptr;
 }
 
-std::vector<std::uint64_t> LostHeaps::usualRoots(const ClusterHeap& /*heap*/) { return {}; }
-
 std::unique_ptr<Volume> LostHeaps::emptyVolume(FileSystemType type, const ClusterHeap& heap)
 {
     auto volume = std::make_unique<Volume>(type, "", heap.offset, heap.size(),

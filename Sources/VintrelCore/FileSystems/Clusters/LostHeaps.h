@@ -18,11 +18,27 @@
 #include <utility>
 #include <vector>
 
+/// What a file system allows.
+struct LostHeapLimits {
+    int maxClusterShift; ///< of the cluster size, as a power of two
+    std::uint64_t maxClusters;
+    std::uint64_t rootSpace; ///< bytes before the clusters in which a root directory may lie
+    bool foldersVote;        ///< no directory says itself where it lies, only the one above it
+};
+
 /// Puts volumes without a boot sector together from directory sectors that a sweep found: where
 /// their clusters lie is what most of these agree on. Each file system says what a sector tells,
 /// and how its roots are found.
 class LostHeaps {
 public:
+    LostHeaps(DiskSource& source, const DirectoryHints& hints, WorkProgress* progress,
+        const LostHeapLimits& limits)
+        : source_(source)
+        , progress_(progress)
+        , hints_(hints)
+        , limits_(limits)
+    {
+    }
     LostHeaps(const LostHeaps&) = delete;
     LostHeaps& operator=(const LostHeaps&) = delete;
     virtual ~LostHeaps() = default;
@@ -31,14 +47,6 @@ public:
     VolumeList rebuild(std::span<const std::uint64_t> sectors);
 
 protected:
-    /// What a file system allows.
-    struct Limits {
-        int maxClusterShift; ///< of the cluster size, as a power of two
-        std::uint64_t maxClusters;
-        std::uint64_t rootSpace; ///< bytes before the clusters in which a root directory may lie
-        bool foldersVote;        ///< no directory says itself where it lies, only the one above it
-    };
-
     /// What a sector tells.
     struct Clues {
         struct File {
@@ -46,12 +54,23 @@ protected:
             std::uint64_t size;
         };
 
+        void addFolder(std::uint32_t cluster)
+        {
+            if (cluster >= 2)
+                folders.push_back(cluster);
+        }
+        void addFile(std::uint32_t cluster, std::uint64_t size)
+        {
+            if (cluster >= 2)
+                files.push_back({ cluster, size });
+        }
+
         std::optional<std::uint32_t> ownCluster {}; ///< where it lies, if it says so
         bool isBelowRoot = false;              ///< says that it belongs to a folder of the root
         bool mayBegin = false;                 ///< a directory may begin in it
         bool isRoot = false;                   ///< it holds what only root directories do
-        std::vector<std::uint32_t> folders {}; ///< their first clusters, which are valid
-        std::vector<File> files {};            ///< likewise
+        std::vector<std::uint32_t> folders {}; ///< their first clusters
+        std::vector<File> files {};
     };
 
     struct LostHeap {
@@ -60,19 +79,10 @@ protected:
         std::optional<std::uint64_t> rootSector = {}; ///< a sector of the root directory
     };
 
-    LostHeaps(DiskSource& source, const DirectoryHints& hints, WorkProgress* progress,
-        const Limits& limits)
-        : source_(source)
-        , progress_(progress)
-        , hints_(hints)
-        , limits_(limits)
-    {
-    }
-
     virtual Clues cluesOf(std::uint64_t sector) = 0;
     /// Where a root directory that names a folder of the root nearly always lies, whether or not
     /// its sectors were found; the last one counts most.
-    virtual std::vector<std::uint64_t> usualRoots(const ClusterHeap& heap);
+    virtual std::vector<std::uint64_t> usualRoots(const ClusterHeap& /*heap*/) { return {}; }
     /// The volume that these sectors, at least one, belong to; none when nothing is listed.
     virtual std::unique_ptr<Volume> build(
         const LostHeap& lost, const std::vector<std::uint64_t>& sectors)
@@ -143,7 +153,7 @@ private:
     Sector* beginningAt(std::uint64_t offset);
 
     const DirectoryHints& hints_;
-    Limits limits_;
+    LostHeapLimits limits_;
     std::vector<Sector> sectors_; // ascending
     std::vector<Named> named_;
     std::vector<LostHeap> heaps_;

@@ -6,7 +6,6 @@
 #include "VintrelCore/FileSystems/ExFAT/BootSector.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
 #include "VintrelCore/FileSystems/ExFAT/LostDirectories.h"
-#include "VintrelCore/FileSystems/ExFAT/LostHeaps.h"
 #include "VintrelCore/FileSystems/ExFAT/Walker.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -89,12 +88,6 @@ std::unique_ptr<FileNode> lostEntries(
         return nullptr;
     return ExFATLostDirectories(*info->context, progress)
         .find({ sectors.begin(), sectors.end() }, info->claims, nullptr);
-}
-
-VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> sectors,
-    const DirectoryHints& hints, WorkProgress* progress)
-{
-    return ExFATLostHeaps(source, hints, progress).rebuild(sectors);
 }
 
 std::vector<std::uint64_t> looseSectors(

@@ -5,7 +5,6 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FAT/BootSector.h"
 #include "VintrelCore/FileSystems/FAT/LostDirectories.h"
-#include "VintrelCore/FileSystems/FAT/LostHeaps.h"
 #include "VintrelCore/FileSystems/FAT/Walker.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -119,12 +118,6 @@ std::unique_ptr<FileNode> lostEntries(
         return nullptr;
     return FATLostDirectories(*info->context, progress)
         .find({ sectors.begin(), sectors.end() }, info->claims, nullptr);
-}
-
-VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> sectors,
-    const DirectoryHints& hints, WorkProgress* progress)
-{
-    return FATLostHeaps(source, hints, progress).rebuild(sectors);
 }
 
 std::vector<std::uint64_t> looseSectors(
