@@ -3,6 +3,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
+#include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/WorkProgress.h"
@@ -28,6 +29,30 @@ constexpr std::string_view overwrittenFolder = "Mappens indhold er overskrevet";
 
 /// On a sound volume every cluster is claimed once.
 constexpr std::uint64_t claimBudgetFactor = 4;
+
+std::uint64_t lengthOf(const ExtentList& extents)
+{
+    std::uint64_t length = 0;
+    for (const auto& extent : extents)
+        length += extent.length;
+    return length;
+}
+
+/// The content of a file of which only the first bytes were ever written: beyond these the format
+/// promises zeros.
+ExtentList writtenPart(ExtentList extents, std::uint64_t validSize, std::uint64_t size)
+{
+    std::uint64_t valid = std::min(validSize, size);
+    const std::uint64_t promised = size - valid;
+    for (auto& extent : extents) {
+        extent.length = std::min(extent.length, valid);
+        valid -= extent.length;
+    }
+    std::erase_if(extents, [](const Extent& extent) { return extent.length == 0; });
+    if (promised > 0 && valid == 0)
+        extents.push_back({ std::nullopt, promised });
+    return extents;
+}
 
 } // namespace
 
@@ -263,13 +288,16 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
         node.created = TimeConversion::fromExFAT(set.file->created, set.file->createdOffset);
         node.modified = TimeConversion::fromExFAT(set.file->modified, set.file->modifiedOffset);
     }
-    if (!set.isSound)
-        node.addNote("Mappeposten er beskadiget");
     if (!set.isDeleted && set.stream.firstCluster != 0)
         scan.endOfContent = set.stream.firstCluster + heap_.clustersFor(set.stream.size);
-    if (!isFolder)
-        fillFileData(node, set, state == DirectoryState::fragment);
-    else if (set.stream.firstCluster != 0)
+    Doubts doubts = set.isSound ? Doubts() : Doubt::damagedDirectoryEntry;
+    if (!isFolder) {
+        doubts.add(placeFile(node, set.stream, state == DirectoryState::fragment));
+        return judge(node, doubts);
+    }
+    if (const auto words = chanceOf(doubts).note)
+        node.addNote(*words);
+    if (set.stream.firstCluster != 0)
         scan.subfolders.push_back({ .folder = &node,
             .cluster = set.stream.firstCluster,
             .state = state,
@@ -278,94 +306,65 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
             .isContiguous = set.stream.isContiguous() });
 }
 
-/// `isLost`: by an entry that is in use, in a directory that nobody leads to.
-void ExFATWalker::fillFileData(FileNode& node, const EntrySet& set, bool isLost)
+/// Gives a file the place of its content. What is to be doubted of it. `isLost`: by a set that is
+/// in use, in a directory that no other one leads to.
+Doubts ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream, bool isLost)
 {
     if (node.size == 0) {
         node.data = ExtentList {};
-        node.recoverability = Recoverability::good;
-    } else if (node.size > heap_.size()) {
-        node.recoverability = Recoverability::poor;
-        node.addNote("Filens størrelse er større end diskens");
-    } else if (!heap_.contains(set.stream.firstCluster)) {
-        node.recoverability = Recoverability::poor;
-        node.addNote("Ugyldig startklynge");
-    } else {
-        placeFile(node, set.stream, isLost);
+        return {};
     }
-    if (!set.isSound)
-        node.recoverability = std::min(node.recoverability, Recoverability::partial);
-}
+    if (node.size > heap_.size())
+        return Doubt::sizeBeyondVolume;
+    if (!heap_.contains(stream.firstCluster))
+        return Doubt::invalidStartCluster;
 
-void ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream, bool isLost)
-{
-    const bool isDeleted = node.status != EntryStatus::existing;
+    const bool isLive = node.status == EntryStatus::existing;
     const bool hasChain = !stream.isContiguous() && !context_.fatUnavailable();
-    ExtentList extents;
-    if (hasChain)
-        extents = isDeleted
-            ? standingChain(stream.firstCluster, node.size)
-            : heap_.extents(
-                limitedChain(stream.firstCluster, heap_.clustersFor(node.size)).clusters,
-                node.size);
+    auto extents
+        = hasChain ? chainedExtents(stream.firstCluster, node.size, isLive) : ExtentList {};
     const bool isCertain
         = stream.isContiguous() || !extents.empty() || heap_.clustersFor(node.size) == 1;
     // Without a chain most files lie in one piece.
-    if (extents.empty() && (isDeleted || !hasChain))
+    if (extents.empty() && !(isLive && hasChain))
         extents = { heap_.contiguous(stream.firstCluster, node.size) };
-
-    std::uint64_t placed = 0;
-    for (const auto& extent : extents)
-        placed += extent.length;
-    if (isDeleted) {
-        estimateDeleted(node, extents, isCertain, isLost);
-    } else {
-        claim(extents, claims.liveClusters);
-        node.recoverability = placed == node.size ? Recoverability::good : Recoverability::partial;
-        if (placed < node.size)
-            node.addNote("Klyngekæden er afbrudt");
-    }
-
-    // Beyond the size that was ever written the format promises zeros.
-    std::uint64_t valid = std::min<std::uint64_t>(stream.validSize, node.size);
-    const std::uint64_t promised = node.size - valid;
-    for (auto& extent : extents) {
-        extent.length = std::min(extent.length, valid);
-        valid -= extent.length;
-    }
-    std::erase_if(extents, [](const Extent& extent) { return extent.length == 0; });
-    if (promised > 0 && valid == 0)
-        extents.push_back({ std::nullopt, promised });
-    node.data = std::move(extents);
+    const auto doubts = isLive ? doubtsOfLive(node.size, extents)
+                               : doubtsOfDeleted(node.size, extents, isCertain, isLost);
+    node.data = writtenPart(std::move(extents), stream.validSize, node.size);
+    return doubts;
 }
 
-void ExFATWalker::estimateDeleted(
-    FileNode& node, const ExtentList& extents, bool isCertain, bool isLost)
+/// Where the clusters of a file lie that has a chain. Of a deleted one only a whole chain counts.
+ExtentList ExFATWalker::chainedExtents(std::uint32_t start, std::uint64_t size, bool isLive)
 {
-    std::uint64_t placed = 0;
-    std::uint64_t checked = 0;
-    bool areFree = true;
+    if (!isLive)
+        return standingChain(start, size);
+    return heap_.extents(limitedChain(start, heap_.clustersFor(size)).clusters, size);
+}
+
+Doubts ExFATWalker::doubtsOfLive(std::uint64_t size, const ExtentList& extents)
+{
+    claim(extents, claims.liveClusters);
+    return lengthOf(extents) < size ? Doubt::brokenChain : Doubts();
+}
+
+Doubts ExFATWalker::doubtsOfDeleted(
+    std::uint64_t size, const ExtentList& extents, bool isCertain, bool isLost) const
+{
+    if (context_.bitmapUnavailable() || (context_.fatUnavailable() && !isCertain))
+        return Doubt::unknownAllocation;
+    ClusterUse use;
+    use.isFirstForeign = !areFree(heap_.clusterAt(*extents.front().offset), 1, isLost);
+    // What lies behind the end of the volume cannot be the file's own either.
+    use.foreign = lengthOf(extents) < size ? 1 : 0;
     for (const auto& extent : extents) {
         const std::uint64_t count
-            = std::min(heap_.clustersFor(extent.length), maxFreeChecks - checked);
-        areFree = areFree && this->areFree(heap_.clusterAt(*extent.offset), count, isLost);
-        checked += count;
-        placed += extent.length;
+            = std::min(heap_.clustersFor(extent.length), maxFreeChecks - use.checked);
+        use.foreign += areFree(heap_.clusterAt(*extent.offset), count, isLost) ? 0 : 1;
+        use.checked += count;
     }
-    if (context_.bitmapUnavailable() || (context_.fatUnavailable() && !isCertain)) {
-        node.recoverability = Recoverability::unknown;
-    } else if (!this->areFree(heap_.clusterAt(*extents.front().offset), 1, isLost)) {
-        node.recoverability = Recoverability::poor;
-        node.addNote("Startklyngen er genbrugt af en anden fil");
-    } else if (!areFree || placed < node.size) {
-        node.recoverability = Recoverability::partial;
-        node.addNote("Dele af filen kan være overskrevet");
-    } else if (!isCertain) {
-        node.recoverability = Recoverability::partial;
-        node.addNote("Klyngekæden er afbrudt");
-    } else {
-        node.recoverability = Recoverability::good;
-    }
+    const auto doubts = doubtsOf(use, fatReuse);
+    return doubts.empty() && !isCertain ? Doubt::brokenChain : doubts;
 }
 
 /// Whether clusters belong to nobody else. Those of a lost file may still be marked as used: by

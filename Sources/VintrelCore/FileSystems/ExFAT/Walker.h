@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/Clusters/DirectoryWalker.h"
 #include "VintrelCore/FileSystems/ExFAT/Context.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
+#include "VintrelCore/Model/Chance.h"
 
 #include <optional>
 #include <set>
@@ -38,9 +39,11 @@ private:
     void claim(const ExtentList& extents, ClusterBits& clusters);
     void addRootEntry(const ExFATEntries::RawEntry& entry);
     void addSet(Scan& scan, const ExFATEntries::EntrySet& set);
-    void fillFileData(FileNode& node, const ExFATEntries::EntrySet& set, bool isLost);
-    void placeFile(FileNode& node, const ExFATEntries::StreamEntry& stream, bool isLost);
-    void estimateDeleted(FileNode& node, const ExtentList& extents, bool isCertain, bool isLost);
+    Doubts placeFile(FileNode& node, const ExFATEntries::StreamEntry& stream, bool isLost);
+    ExtentList chainedExtents(std::uint32_t start, std::uint64_t size, bool isLive);
+    Doubts doubtsOfLive(std::uint64_t size, const ExtentList& extents);
+    Doubts doubtsOfDeleted(
+        std::uint64_t size, const ExtentList& extents, bool isCertain, bool isLost) const;
     bool areFree(std::uint32_t first, std::uint64_t count, bool isLost) const;
     ExtentList standingChain(std::uint32_t start, std::uint64_t size);
 

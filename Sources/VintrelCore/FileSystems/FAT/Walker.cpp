@@ -4,6 +4,7 @@
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -187,7 +188,7 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
     if (!isMarkedDeleted && cluster != 0)
         scan.endOfContent = cluster + std::max<std::uint64_t>(1, heap_.clustersFor(node.size));
     if (!isFolder)
-        fillFileData(node, cluster, state);
+        judge(node, placeFile(node, cluster, state));
     else if (cluster != 0)
         scan.subfolders.push_back(
             { .folder = &node, .cluster = cluster, .state = state, .depth = directory.depth + 1 });
@@ -200,29 +201,24 @@ void FATWalker::takeLabel(const Scan& scan, const ShortEntry& entry)
         label_ = Unicode::trimmed(ByteView(entry.name).ascii(0, sizeof entry.name));
 }
 
-void FATWalker::fillFileData(FileNode& node, std::uint32_t start, DirectoryState state)
+/// Gives a file the place of its content. What is to be doubted of it.
+Doubts FATWalker::placeFile(FileNode& node, std::uint32_t start, DirectoryState state)
 {
     if (node.size == 0) {
         node.data = ExtentList {};
-        node.recoverability = Recoverability::good;
-    } else if (!heap_.contains(start)) {
-        node.recoverability = Recoverability::poor;
-        node.note = "Ugyldig startklynge";
-    } else if (node.status == EntryStatus::existing) {
-        const bool isWhole = fillFromChain(node, start);
-        node.recoverability = isWhole ? Recoverability::good : Recoverability::partial;
-        if (!isWhole)
-            node.note = "Klyngekæden er afbrudt";
-    } else {
-        // The folder of a fragment may be lost while its files were never deleted: their chains
-        // still stand in the FAT.
-        if (state == DirectoryState::fragment && !context_.fatUnavailable()
-            && !claims.liveClusters.contains(start) && fillFromChain(node, start)) {
-            node.recoverability = Recoverability::good;
-            return;
-        }
-        fillContiguous(node, start);
+        return {};
     }
+    if (!heap_.contains(start))
+        return Doubt::invalidStartCluster;
+    if (node.status == EntryStatus::existing)
+        return fillFromChain(node, start) ? Doubts() : Doubt::brokenChain;
+    // The folder of a fragment may be lost while its files were never deleted: their chains still
+    // stand in the FAT.
+    const bool mayHaveChain = state == DirectoryState::fragment && !context_.fatUnavailable()
+        && !claims.liveClusters.contains(start);
+    if (mayHaveChain && fillFromChain(node, start))
+        return {};
+    return fillContiguous(node, start);
 }
 
 /// Gives the node what its chain holds. True when that is all of it.
@@ -238,19 +234,15 @@ bool FATWalker::fillFromChain(FileNode& node, std::uint32_t start)
 }
 
 /// A deleted file's chain is gone. Most files lie in one piece, so this one is taken to.
-void FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
+Doubts FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
 {
-    const std::uint64_t needed = heap_.clustersFor(node.size);
-    const std::uint64_t clusters = std::min<std::uint64_t>(heap_.clustersFrom(start), needed);
-    node.data = ExtentList { { heap_.offsetOf(start),
-        std::min(clusters * heap_.clusterSize, node.size) } };
-    if (clusters == needed && context_.areFree(start, std::min(clusters, maxFreeChecks))) {
-        node.recoverability = Recoverability::good;
-    } else if (!context_.areFree(start, 1)) {
-        node.recoverability = Recoverability::poor;
-        node.note = "Startklyngen er genbrugt af en anden fil";
-    } else {
-        node.recoverability = Recoverability::partial;
-        node.note = "Dele af filen kan være overskrevet";
-    }
+    const auto extent = heap_.contiguous(start, node.size);
+    node.data = ExtentList { extent };
+    ClusterUse use;
+    use.checked = std::min(heap_.clustersFor(extent.length), maxFreeChecks);
+    use.isFirstForeign = !context_.areFree(start, 1);
+    // What lies behind the end of the volume cannot be the file's own either.
+    const bool isCut = extent.length < node.size;
+    use.foreign = isCut || !context_.areFree(start, use.checked) ? 1 : 0;
+    return doubtsOf(use, fatReuse);
 }

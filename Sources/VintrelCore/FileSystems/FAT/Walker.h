@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/Clusters/DirectoryWalker.h"
 #include "VintrelCore/FileSystems/FAT/Context.h"
 #include "VintrelCore/FileSystems/FAT/Entries.h"
+#include "VintrelCore/Model/Chance.h"
 
 #include <compare>
 #include <optional>
@@ -48,9 +49,9 @@ private:
     void addPiece(const FATEntries::LongNamePiece& piece);
     void addEntry(Scan& scan, const FATEntries::ShortEntry& entry);
     void takeLabel(const Scan& scan, const FATEntries::ShortEntry& entry);
-    void fillFileData(FileNode& node, std::uint32_t start, DirectoryState state);
+    Doubts placeFile(FileNode& node, std::uint32_t start, DirectoryState state);
     bool fillFromChain(FileNode& node, std::uint32_t start);
-    void fillContiguous(FileNode& node, std::uint32_t start);
+    Doubts fillContiguous(FileNode& node, std::uint32_t start);
 
     FATContext& context_;
     const FATGeometry& geometry_;
