@@ -12,6 +12,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 /// Walks the directories of one FAT or exFAT volume and hangs what they list on a tree: the live
@@ -49,6 +51,9 @@ protected:
         std::vector<QueuedDirectory> subfolders {}; // in the order found
         std::uint64_t endOfContent = 0;             // the cluster behind what the last entry names
     };
+
+    /// The note on a folder whose directory is gone.
+    static constexpr std::string_view overwrittenFolder = "Mappens indhold er overskrevet";
 
     /// Clusters of a deleted file that are asked whether they are free.
     static constexpr std::uint64_t maxFreeChecks = 1'048'576;

@@ -9,7 +9,8 @@
 #include <vector>
 
 /// What an exFAT directory is made of: 32-byte entries, of which several in a row, a set, describe
-/// one file. Nothing here reads the disk.
+/// one file. As in "exFAT file system specification" (Microsoft, 2019), "Directory Structure" and
+/// "Directory Entry Definitions". Nothing here reads the disk.
 namespace ExFATEntries {
 
 constexpr std::size_t entrySize = 32;

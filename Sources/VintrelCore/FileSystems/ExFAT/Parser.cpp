@@ -59,14 +59,14 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
 bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
 {
     using namespace ExFATEntries;
-    constexpr std::int64_t looked = 512; // formatting puts the bitmap among the first entries
+    constexpr std::int64_t searched = 512; // formatting puts the bitmap among the first entries
     const auto sector = ExFATBootSector::from(boot);
     const auto geometry = sector ? ExFATGeometry::from(*sector, offset) : std::nullopt;
     if (!geometry || !geometry->heap.contains(geometry->rootCluster))
         return false;
     const auto root
-        = source.read(geometry->heap.offsetOf(geometry->rootCluster), looked, ReadMode::thorough);
-    for (std::int64_t at = 0; at < looked; at += entrySize) {
+        = source.read(geometry->heap.offsetOf(geometry->rootCluster), searched, ReadMode::thorough);
+    for (std::int64_t at = 0; at < searched; at += entrySize) {
         const auto entry = ByteView(root).load<BitmapEntry>(at);
         if (entry->type == bitmapType && geometry->heap.contains(entry->firstCluster)
             && entry->size == (std::uint64_t { geometry->heap.count } + 7) / 8)

@@ -17,7 +17,8 @@
 
 class DiskSource;
 
-/// exFAT, existing and deleted entries.
+/// exFAT, existing and deleted entries. Nothing here fails or throws for what is on the disk. A
+/// volume and its source are used by one thread at a time.
 namespace ExFATParser {
 
 /// `exfat` when the bytes, the first 512 of a volume, begin one of this kind; else none.

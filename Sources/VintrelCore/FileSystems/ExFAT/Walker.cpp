@@ -12,7 +12,6 @@
 #include <bit>
 #include <iterator>
 #include <span>
-#include <string_view>
 
 using namespace ExFATEntries;
 
@@ -24,8 +23,6 @@ constexpr std::uint64_t maxDirectorySize = 0x10000000;
 /// Clusters that begin in the middle of a set are tried against one that breaks off, so many of
 /// them.
 constexpr int maxRestsTried = 64;
-
-constexpr std::string_view overwrittenFolder = "Mappens indhold er overskrevet";
 
 /// On a sound volume every cluster is claimed once.
 constexpr std::uint64_t claimBudgetFactor = 4;

@@ -11,8 +11,9 @@
 #include <string_view>
 #include <vector>
 
-/// What a FAT directory is made of: 32-byte entries, and the names that they spell. Nothing here
-/// reads the disk.
+/// What a FAT directory is made of: 32-byte entries, and the names that they spell. As in
+/// "Microsoft FAT32 File System Specification" 1.03 (fatgen103), "FAT Directory Structure" and "FAT
+/// Long Directory Entries". Nothing here reads the disk.
 namespace FATEntries {
 
 constexpr std::size_t entrySize = 32;
@@ -61,6 +62,8 @@ struct LongNamePiece {
     bool isDeleted() const { return order == deletedMark; }
     bool isLast() const { return (order & 0x40) != 0 && !isDeleted(); }
     int sequence() const { return order & 0x1F; }
+    /// Appends its part of the name.
+    void appendTo(std::u16string& name) const;
 };
 static_assert(sizeof(LongNamePiece) == entrySize && offsetof(LongNamePiece, units3) == 28);
 

@@ -17,7 +17,9 @@
 
 class DiskSource;
 
-/// FAT12, FAT16 and FAT32, with long names, existing and deleted entries.
+/// FAT12, FAT16 and FAT32, with long names, existing and deleted entries. Nothing here
+/// fails or throws for what is on the disk. A volume and its source are used by one thread at a
+/// time.
 namespace FATParser {
 
 /// fat12, fat16 or fat32 when the bytes, the first 512 of a volume, begin one of this kind; else

@@ -104,7 +104,7 @@ void FATWalker::readDeleted(Scan& scan)
     for (int count = 0; count < maxDeletedClusters && heap_.contains(cluster); ++count, ++cluster) {
         const bool begins = beginsIn(cluster);
         if (count == 0 && !begins) {
-            scan.directory.folder->note = "Mappens indhold er overskrevet";
+            scan.directory.folder->addNote(overwrittenFolder);
             return;
         }
         // What follows belongs to others when it is in use, or is another deleted directory.
