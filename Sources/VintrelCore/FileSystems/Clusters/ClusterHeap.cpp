@@ -41,39 +41,3 @@ ClusterChain contiguousChain(const ClusterHeap& heap, std::uint32_t from, std::u
     chain.isComplete = true;
     return chain;
 }
-
-std::uint64_t DirectoryHints::endBehind(std::uint64_t last, std::uint64_t sourceSize) const
-{
-    std::uint64_t end = sourceSize;
-    for (const auto start : volumeStarts)
-        if (start > last)
-            end = std::min(end, start);
-    return end;
-}
-
-void HeapVotes::add(std::uint64_t offset, std::uint32_t cluster)
-{
-    for (int shift = minShift_; cluster >= 2 && shift <= maxShift_; ++shift)
-        if (const auto distance = std::uint64_t { cluster - 2 } << shift; distance <= offset)
-            votes_.push_back({ shift, offset - distance, cluster });
-}
-
-std::optional<ClusterHeap> HeapVotes::winner()
-{
-    std::ranges::sort(votes_);
-    votes_.erase(
-        std::unique(votes_.begin(), votes_.end()), votes_.end()); // two from one cluster are one
-    std::optional<ClusterHeap> best;
-    std::size_t most = 2;
-    for (std::size_t first = 0, end = 0; first < votes_.size(); first = end) {
-        while (end < votes_.size() && votes_[end].shift == votes_[first].shift
-            && votes_[end].heapOffset == votes_[first].heapOffset)
-            ++end;
-        if (end - first >= most) {
-            most = end - first;
-            best = { .offset = votes_[first].heapOffset,
-                .clusterSize = std::uint64_t { 1 } << votes_[first].shift };
-        }
-    }
-    return best;
-}

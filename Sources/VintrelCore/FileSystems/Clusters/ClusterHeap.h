@@ -1,15 +1,12 @@
 #pragma once
 
+#include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Model/FileData.h"
 
 #include <algorithm>
-#include <compare>
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <vector>
-
-struct CarvedFile;
 
 /// A set of cluster numbers, one bit each.
 class ClusterBits {
@@ -51,6 +48,16 @@ struct ClusterHeap {
 
     bool contains(std::uint32_t cluster) const { return cluster >= 2 && cluster - 2 < count; }
     std::uint64_t size() const { return count * clusterSize; }
+    /// Whether a byte of the source lies in a cluster.
+    bool holds(std::uint64_t place) const
+    {
+        return place >= offset && (place - offset) / clusterSize < count;
+    }
+    /// How many clusters a source of so many bytes can hold at most.
+    std::uint64_t clustersWithin(std::uint64_t sourceSize) const
+    {
+        return std::min<std::uint64_t>(count, unitsFor(sourceSize, clusterSize));
+    }
     /// The place of a valid cluster.
     std::uint64_t offsetOf(std::uint32_t cluster) const
     {
@@ -62,10 +69,7 @@ struct ClusterHeap {
         return static_cast<std::uint32_t>((place - offset) / clusterSize + 2);
     }
     /// How many clusters `bytes` take up.
-    std::uint64_t clustersFor(std::uint64_t bytes) const
-    {
-        return bytes / clusterSize + (bytes % clusterSize != 0);
-    }
+    std::uint64_t clustersFor(std::uint64_t bytes) const { return unitsFor(bytes, clusterSize); }
     /// How many clusters there are from a valid one to the end.
     std::uint64_t clustersFrom(std::uint32_t cluster) const
     {
@@ -122,47 +126,3 @@ ClusterChain followChain(const ClusterHeap& heap, std::uint32_t from, std::uint6
 /// The chain of a file that lies in one piece from `from` on: `count` clusters, or as many as the
 /// heap still has.
 ClusterChain contiguousChain(const ClusterHeap& heap, std::uint32_t from, std::uint64_t count);
-
-/// What helps to tell which directory sectors of lost volumes belong together.
-struct DirectoryHints {
-    std::vector<ClusterHeap>
-        heaps; ///< of the volumes of this kind that are known: what fits there is theirs
-    std::vector<std::uint64_t> volumeStarts; ///< of known volumes of every kind
-    const std::vector<CarvedFile>& carved;   ///< files found by content
-
-    /// Where a volume ends at the latest that has something at `last`: where the next one begins,
-    /// or the source ends.
-    std::uint64_t endBehind(std::uint64_t last, std::uint64_t sourceSize) const;
-};
-
-/// Finds out where the clusters of a volume lie from what is known to lie in some of them.
-class HeapVotes {
-public:
-    /// `minShift`, `maxShift`: the cluster sizes that are possible, as powers of two.
-    HeapVotes(int minShift, int maxShift)
-        : minShift_(minShift)
-        , maxShift_(maxShift)
-    {
-    }
-
-    /// What lies at a byte of the source may lie in this cluster.
-    void add(std::uint64_t offset, std::uint32_t cluster);
-
-    /// The offset and cluster size that most votes from different clusters agree on, at least two;
-    /// larger clusters win a draw. The count of clusters is left open. None when no two agree.
-    std::optional<ClusterHeap> winner();
-
-private:
-    struct Vote {
-        int shift;
-        std::uint64_t heapOffset;
-        std::uint32_t cluster;
-
-        auto operator<=>(
-            const Vote&) const = default; // NOLINT(modernize-use-nullptr): what = default makes
-    };
-
-    int minShift_;
-    int maxShift_;
-    std::vector<Vote> votes_;
-};

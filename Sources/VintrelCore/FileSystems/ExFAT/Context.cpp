@@ -1,57 +1,18 @@
-// Geometry of an exFAT volume, and what its FAT and its allocation bitmap say.
+#include "VintrelCore/FileSystems/ExFAT/Context.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/ExFAT/BootSector.h"
-#include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/FileData.h"
 
 #include <algorithm>
 #include <bit>
-#include <limits>
 
 namespace {
-
-constexpr int maxClusterShift = 25; // 32 MiB
-constexpr std::uint32_t maxClusters = 0xFFFFFFF5;
 
 /// A FAT of this size serves 200 million clusters; beyond it the length is damage.
 constexpr std::uint64_t maxFATSize = 805'306'368;
 
 } // namespace
-
-std::optional<ExFATGeometry> ExFATGeometry::from(const ExFATBootSector& boot, std::uint64_t base)
-{
-    const int shift = boot.bytesPerSectorShift;
-    if (shift + boot.sectorsPerClusterShift > maxClusterShift)
-        return std::nullopt;
-    const std::uint64_t sectors = boot.volumeLength;
-    const auto heapSector = static_cast<std::uint64_t>(boot.heapOffset);
-    if (sectors > std::numeric_limits<std::uint64_t>::max() >> shift || heapSector >= sectors
-        || boot.clusterCount == 0)
-        return std::nullopt;
-    const std::uint64_t volumeSize = sectors << shift;
-    if (base > std::numeric_limits<std::uint64_t>::max() - volumeSize)
-        return std::nullopt;
-
-    const std::uint64_t clustersInVolume = (sectors - heapSector) >> boot.sectorsPerClusterShift;
-    const auto count
-        = std::min<std::uint64_t>({ boot.clusterCount, clustersInVolume, maxClusters });
-    const std::uint64_t fatSector = std::uint64_t { boot.fatOffset }
-        + (boot.usesSecondFAT() ? std::uint64_t { boot.fatLength } : 0);
-    if (count == 0)
-        return std::nullopt;
-    return ExFATGeometry {
-        .fatOffset = base + (fatSector << shift),
-        .fatSize = std::uint64_t { boot.fatLength } << shift,
-        .heap = { .offset = base + (heapSector << shift),
-            .clusterSize = std::uint64_t { 1 } << (shift + boot.sectorsPerClusterShift),
-            .count = static_cast<std::uint32_t>(count) },
-        .rootCluster = boot.rootCluster,
-        .volumeSize = volumeSize,
-        .activeFAT = boot.usesSecondFAT() ? 1 : 0,
-    };
-}
 
 ExFATContext::ExFATContext(DiskSource& source, const ExFATGeometry& geometry)
     : source_(source)

@@ -72,7 +72,8 @@ std::uint16_t setChecksum(const std::vector<RawEntry>& entries)
     std::uint16_t sum = 0;
     for (std::size_t number = 0; number < entries.size(); ++number) {
         for (std::size_t at = 0; at < entrySize; ++at) {
-            if (number == 0 && (at == 2 || at == 3)) // the checksum itself
+            const bool isChecksum = at - offsetof(FileEntry, setChecksum) < sizeof(LE16);
+            if (number == 0 && isChecksum)
                 continue;
             const std::uint8_t byte = at == 0 ? typeOf(entries[number]) : entries[number][at];
             sum = static_cast<std::uint16_t>((sum >> 1 | sum << 15) + byte);

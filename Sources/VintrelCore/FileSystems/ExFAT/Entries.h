@@ -9,7 +9,8 @@
 #include <vector>
 
 /// What an exFAT directory is made of: 32-byte entries, of which several in a row, a set, describe
-/// one file. Nothing here reads the disk.
+/// one file. As in "exFAT file system specification" (Microsoft, 2019), "Directory Structure" and
+/// "Directory Entry Definitions". Nothing here reads the disk.
 namespace ExFATEntries {
 
 constexpr std::size_t entrySize = 32;
@@ -127,6 +128,9 @@ bool continuesDirectory(ByteView cluster);
 
 /// A file entry, a stream, and as many name entries as the longest name takes: in bytes.
 constexpr std::int64_t maxFileSetSize = 19 * entrySize;
+
+/// What soundSets() wants to see: a sector, and the rest of a set that begins at its end.
+constexpr std::int64_t soundSetsSize = 512 + maxFileSetSize;
 
 /// The sound sets that begin in the 512 bytes at `at`; they may end behind these. Empty where
 /// anything else than entries lies there. A set whose beginning lies before is none of them.

@@ -5,6 +5,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/ExFAT/BootSector.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
+#include "VintrelCore/FileSystems/ExFAT/LostDirectories.h"
 #include "VintrelCore/FileSystems/ExFAT/Walker.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -49,8 +50,8 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
             "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
     if (context->bitmapUnavailable())
         volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
-    volume->deepContext = std::make_unique<ExFATDeepInfo>(
-        std::move(context), std::move(walker.claimed), std::move(walker.liveClusters));
+    volume->deepContext
+        = std::make_unique<ExFATDeepInfo>(std::move(context), std::move(walker.claims));
     volume->root->sortChildren();
     return volume;
 }
@@ -58,14 +59,14 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
 bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
 {
     using namespace ExFATEntries;
-    constexpr std::int64_t looked = 512; // formatting puts the bitmap among the first entries
+    constexpr std::int64_t searched = 512; // formatting puts the bitmap among the first entries
     const auto sector = ExFATBootSector::from(boot);
     const auto geometry = sector ? ExFATGeometry::from(*sector, offset) : std::nullopt;
     if (!geometry || !geometry->heap.contains(geometry->rootCluster))
         return false;
     const auto root
-        = source.read(geometry->heap.offsetOf(geometry->rootCluster), looked, ReadMode::thorough);
-    for (std::int64_t at = 0; at < looked; at += entrySize) {
+        = source.read(geometry->heap.offsetOf(geometry->rootCluster), searched, ReadMode::thorough);
+    for (std::int64_t at = 0; at < searched; at += entrySize) {
         const auto entry = ByteView(root).load<BitmapEntry>(at);
         if (entry->type == bitmapType && geometry->heap.contains(entry->firstCluster)
             && entry->size == (std::uint64_t { geometry->heap.count } + 7) / 8)
@@ -77,6 +78,23 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
 bool looksLikeDirectorySector(ByteView bytes, std::int64_t at)
 {
     return !ExFATEntries::soundSets(bytes, at).empty();
+}
+
+std::unique_ptr<FileNode> lostEntries(
+    Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress)
+{
+    auto* info = dynamic_cast<ExFATDeepInfo*>(volume.deepContext.get());
+    if (info == nullptr || info->isRebuilt)
+        return nullptr;
+    return ExFATLostDirectories(*info->context, progress)
+        .find({ sectors.begin(), sectors.end() }, info->claims, nullptr);
+}
+
+std::vector<std::uint64_t> looseSectors(
+    std::span<const std::uint64_t> sectors, const VolumeList& volumes)
+{
+    return sectorsOutside<ExFATDeepInfo>(sectors, volumes,
+        [](const ExFATDeepInfo& /*info*/, std::uint64_t /*offset*/) { return false; });
 }
 
 } // namespace ExFATParser

@@ -1,5 +1,6 @@
 #include "VintrelCore/FileSystems/FAT/BootSector.h"
 
+#include "VintrelCore/FileSystems/FAT/Geometry.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
@@ -8,8 +9,6 @@
 namespace {
 
 constexpr std::uint64_t rootEntrySize = 32;
-constexpr std::uint64_t fewestFAT16Clusters = 4'085;
-constexpr std::uint64_t fewestFAT32Clusters = 65'525;
 
 bool isSectorSize(std::uint32_t bytes)
 {
@@ -39,10 +38,7 @@ std::optional<FileSystemType> FATBootSector::type() const
         return std::nullopt;
     if (sectorsPerFAT16 == 0)
         return FileSystemType::fat32;
-    const std::uint64_t clusters = (totalSectors() - dataSector()) / sectorsPerCluster;
-    if (clusters < fewestFAT16Clusters)
-        return FileSystemType::fat12;
-    return clusters < fewestFAT32Clusters ? FileSystemType::fat16 : FileSystemType::fat32;
+    return FATGeometry::typeFor((totalSectors() - dataSector()) / sectorsPerCluster);
 }
 
 std::uint64_t FATBootSector::totalSectors() const

@@ -1,35 +1,16 @@
-// Geometry of a FAT volume, and the questions that its allocation table answers.
+#include "VintrelCore/FileSystems/FAT/Context.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/FAT/BootSector.h"
-#include "VintrelCore/FileSystems/FAT/Entries.h"
-#include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/Foundation/Binary.h"
-#include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Model/FileTypes.h"
 
 #include <algorithm>
-#include <array>
-#include <iterator>
-#include <limits>
 
 namespace {
-
-constexpr std::uint32_t clusterMask
-    = 0x0FFFFFFF; // the top four bits of a FAT32 entry are not part of the number
-
-/// More clusters than a 28-bit entry can name are not there, whatever the sector counts say.
-constexpr std::uint64_t maxClusters = 0x0FFFFFF5;
 
 /// The FAT of the largest volume that any system makes is a third larger than 512 MiB; beyond this
 /// the size is damage.
 constexpr std::uint64_t maxFATSize = 805'306'368;
-
-std::string labelText(const std::array<std::uint8_t, 11>& field)
-{
-    const auto text = ByteView(field).ascii(0, std::ssize(field));
-    return std::string(Unicode::trimmed(text));
-}
 
 /// From here on an entry means "last cluster of its chain".
 std::uint32_t endMark(FileSystemType type)
@@ -70,37 +51,6 @@ void repair(Bytes& first, const Bytes& second, std::size_t sectorSize)
 }
 
 } // namespace
-
-std::optional<FATGeometry> FATGeometry::from(const FATBootSector& boot, std::uint64_t base)
-{
-    const auto type = boot.type();
-    if (!type)
-        return std::nullopt;
-    const std::uint64_t bytesPerSector = boot.bytesPerSector;
-    const std::uint64_t volumeSize = bytesPerSector * boot.totalSectors(); // below 2^48
-    if (base > std::numeric_limits<std::uint64_t>::max() - volumeSize)
-        return std::nullopt;
-
-    const bool isFAT32 = type == FileSystemType::fat32;
-    const std::uint64_t clusters
-        = (boot.totalSectors() - boot.dataSector()) / boot.sectorsPerCluster;
-    const auto label = labelText(isFAT32 ? boot.fat32().label : boot.fat16().label);
-    return FATGeometry {
-        .type = *type,
-        .bytesPerSector = bytesPerSector,
-        .fatOffset = base + boot.reservedSectors * bytesPerSector,
-        .fatSize = boot.sectorsPerFAT() * bytesPerSector,
-        .fatCount = boot.fatCount,
-        .rootDirOffset = base + boot.rootDirSector() * bytesPerSector,
-        .rootDirSize = boot.rootEntries * FATEntries::entrySize,
-        .heap = { .offset = base + boot.dataSector() * bytesPerSector,
-            .clusterSize = bytesPerSector * boot.sectorsPerCluster,
-            .count = static_cast<std::uint32_t>(std::min(clusters, maxClusters)) },
-        .rootCluster = isFAT32 ? boot.fat32().rootCluster & clusterMask : 0,
-        .volumeSize = volumeSize,
-        .label = label == "NO NAME" ? std::string() : label,
-    };
-}
 
 FATContext::FATContext(DiskSource& source, FATGeometry geometry)
     : source_(source)
@@ -156,7 +106,7 @@ std::uint32_t FATContext::entry(std::uint32_t cluster) const
     case FileSystemType::fat16:
         return table.u16le(number * 2);
     default:
-        return table.u32le(number * 4) & clusterMask;
+        return table.u32le(number * 4) & FATGeometry::clusterMask;
     }
 }
 

@@ -21,18 +21,6 @@ void appendPart(std::string& text, std::span<const std::uint8_t> bytes, bool isL
     }
 }
 
-/// Appends units up to the end of the name. False when it ends among them.
-template <std::size_t count>
-bool appendUnits(std::u16string& name, const std::array<LE16, count>& units)
-{
-    for (const char16_t unit : units) {
-        if (unit == 0x0000 || unit == 0xFFFF)
-            return false;
-        name += unit;
-    }
-    return true;
-}
-
 /// The byte that stands for the letter in the short names of western European systems (code page
 /// 850), in upper case. None outside the letters of Latin-1.
 std::optional<std::uint8_t> codePage850(char16_t letter)
@@ -77,6 +65,17 @@ bool isInSequence(const std::vector<LongNamePiece>& pieces)
 
 } // namespace
 
+void LongNamePiece::appendTo(std::u16string& name) const
+{
+    for (const auto& units : { std::span<const LE16>(units1), std::span<const LE16>(units2),
+             std::span<const LE16>(units3) })
+        for (const char16_t unit : units) {
+            if (unit == 0x0000 || unit == 0xFFFF) // the end of the name, or what fills it up
+                return;
+            name += unit;
+        }
+}
+
 std::uint8_t checksum(const ShortName& name)
 {
     std::uint8_t sum = 0;
@@ -111,8 +110,7 @@ std::optional<std::string> assembleLongName(
 
     std::u16string units;
     for (auto piece = pieces.rbegin(); piece != pieces.rend(); ++piece)
-        appendUnits(units, piece->units1) && appendUnits(units, piece->units2)
-            && appendUnits(units, piece->units3);
+        piece->appendTo(units);
     if (units.empty())
         return std::nullopt;
 
@@ -156,7 +154,7 @@ std::optional<std::uint32_t> ownCluster(ByteView sector)
     return firstCluster(*self);
 }
 
-bool goesOn(ByteView sector)
+bool continuesDirectory(ByteView sector)
 {
     bool hasShortEntry = false;
     for (std::int64_t at = 0; const auto entry = sector.load<ShortEntry>(at); at += entrySize) {

@@ -11,11 +11,13 @@
 #include <string_view>
 #include <vector>
 
-/// What a FAT directory is made of: 32-byte entries, and the names that they spell. Nothing here
-/// reads the disk.
+/// What a FAT directory is made of: 32-byte entries, and the names that they spell. As in
+/// "Microsoft FAT32 File System Specification" 1.03 (fatgen103), "FAT Directory Structure" and "FAT
+/// Long Directory Entries". Nothing here reads the disk.
 namespace FATEntries {
 
 constexpr std::size_t entrySize = 32;
+constexpr std::int64_t directorySectorSize = 512; ///< so much of a directory is judged at a time
 
 constexpr std::uint8_t endOfDirectory
     = 0x00; // as first byte of an entry: nothing but unused entries follows
@@ -60,6 +62,8 @@ struct LongNamePiece {
     bool isDeleted() const { return order == deletedMark; }
     bool isLast() const { return (order & 0x40) != 0 && !isDeleted(); }
     int sequence() const { return order & 0x1F; }
+    /// Appends its part of the name.
+    void appendTo(std::u16string& name) const;
 };
 static_assert(sizeof(LongNamePiece) == entrySize && offsetof(LongNamePiece, units3) == 28);
 
@@ -100,11 +104,22 @@ std::uint32_t firstCluster(const ShortEntry& entry);
 /// Whether an entry is a folder's, and neither "." nor "..".
 bool isSubfolder(const ShortEntry& entry);
 
+/// Calls `visit(entry)` for the short entries before the end of the directory.
+template <class Visit> void forEachEntry(ByteView entries, Visit visit)
+{
+    for (std::int64_t at = 0; const auto entry = entries.load<ShortEntry>(at); at += entrySize) {
+        if (entry->name[0] == endOfDirectory)
+            return;
+        if (entry->attributes != longNameAttributes)
+            visit(*entry);
+    }
+}
+
 /// The cluster that a directory's first sector says it lies in; none when no directory begins here.
 std::optional<std::uint32_t> ownCluster(ByteView sector);
 
 /// Whether a sector holds entries and nothing else, from its beginning on. As few as one will do:
 /// only for places where a directory is to be expected.
-bool goesOn(ByteView sector);
+bool continuesDirectory(ByteView sector);
 
 } // namespace FATEntries

@@ -4,6 +4,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FAT/BootSector.h"
+#include "VintrelCore/FileSystems/FAT/LostDirectories.h"
 #include "VintrelCore/FileSystems/FAT/Walker.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -16,11 +17,6 @@
 namespace FATParser {
 
 using namespace FATEntries;
-
-namespace {
-
-constexpr std::int64_t sectorSize = 512;
-} // namespace
 
 std::optional<FileSystemType> probe(ByteView head) { return FATBootSector::from(head).type(); }
 
@@ -57,8 +53,8 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     if (context->fatUnavailable())
         volume->notes.emplace_back(
             "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
-    volume->deepContext = std::make_unique<FATDeepInfo>(
-        std::move(context), std::move(walker.claimed), std::move(walker.liveClusters));
+    volume->deepContext
+        = std::make_unique<FATDeepInfo>(std::move(context), std::move(walker.claims));
     volume->root->sortChildren();
     return volume;
 }
@@ -87,20 +83,20 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
             return false;
         root = geometry->heap.offsetOf(geometry->rootCluster);
     }
-    return looksLikeDirectorySector(source.read(root, sectorSize, ReadMode::thorough));
+    return looksLikeDirectorySector(source.read(root, directorySectorSize, ReadMode::thorough));
 }
 
 bool looksLikeDirectorySector(ByteView bytes, std::int64_t at)
 {
-    const auto sector = bytes.sub(at, sectorSize);
+    const auto sector = bytes.sub(at, directorySectorSize);
     int shortEntries = 0;
-    for (std::int64_t position = 0; position < sectorSize; position += entrySize) {
+    for (std::int64_t position = 0; position < directorySectorSize; position += entrySize) {
         const auto entry = sector.load<ShortEntry>(position);
         if (!entry)
             return false;
         if (entry->name[0] == endOfDirectory)
             return position >= 3 * std::int64_t { entrySize } && shortEntries > 0
-                && sector.isAllZero(position, sectorSize);
+                && sector.isAllZero(position, directorySectorSize);
         if (entry->attributes == longNameAttributes) {
             const auto piece = *sector.load<LongNamePiece>(position);
             if (piece.type != 0 || piece.firstCluster != 0)
@@ -112,6 +108,27 @@ bool looksLikeDirectorySector(ByteView bytes, std::int64_t at)
         }
     }
     return shortEntries > 0;
+}
+
+std::unique_ptr<FileNode> lostEntries(
+    Volume& volume, std::span<const std::uint64_t> sectors, WorkProgress* progress)
+{
+    auto* info = dynamic_cast<FATDeepInfo*>(volume.deepContext.get());
+    if (info == nullptr || info->isRebuilt)
+        return nullptr;
+    return FATLostDirectories(*info->context, progress)
+        .find({ sectors.begin(), sectors.end() }, info->claims, nullptr);
+}
+
+std::vector<std::uint64_t> looseSectors(
+    std::span<const std::uint64_t> sectors, const VolumeList& volumes)
+{
+    return sectorsOutside<FATDeepInfo>(
+        sectors, volumes, [](const FATDeepInfo& info, std::uint64_t offset) {
+            const auto& geometry = info.context->geometry();
+            return offset >= geometry.rootDirOffset
+                && offset - geometry.rootDirOffset < geometry.rootDirSize;
+        });
 }
 
 } // namespace FATParser

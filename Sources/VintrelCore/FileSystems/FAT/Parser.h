@@ -1,6 +1,7 @@
 #pragma once
 
-#include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
+#include "VintrelCore/FileSystems/Clusters/DirectoryHints.h"
+#include "VintrelCore/FileSystems/FAT/DeepInfo.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -12,92 +13,13 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 class DiskSource;
-struct FATBootSector;
 
-/// Where things lie on a FAT volume, as its boot sector says. Offsets are absolute on the source,
-/// sizes in bytes.
-struct FATGeometry {
-    FileSystemType type {}; ///< fat12, fat16 or fat32, as the probe decided
-    std::uint64_t bytesPerSector = 0;
-    std::uint64_t fatOffset = 0; ///< of the first FAT
-    std::uint64_t fatSize = 0;   ///< of one FAT
-    std::uint32_t fatCount = 0;
-    std::uint64_t rootDirOffset = 0; ///< of the fixed root directory (FAT12/16)
-    std::uint64_t rootDirSize = 0;
-    ClusterHeap heap;
-    std::uint32_t rootCluster = 0; ///< first cluster of the root directory on FAT32, else 0
-    std::uint64_t volumeSize = 0;
-    std::string label; ///< the boot sector's; empty when there is none
-
-    /// None when the volume would be impossible. `base`: where the volume begins on the source.
-    static std::optional<FATGeometry> from(const FATBootSector& boot, std::uint64_t base);
-};
-
-/// A volume's geometry and its allocation table. Used by one thread at a time.
-class FATContext {
-public:
-    /// Reads the FAT; where its first copy is unreadable the second one helps out.
-    FATContext(DiskSource& source, FATGeometry geometry);
-
-    DiskSource& source() const { return source_; }
-    const FATGeometry& geometry() const { return geometry_; }
-
-    /// Whether there is no FAT to ask (it is empty, or too large to be true). Files are then taken
-    /// to lie in one piece.
-    bool fatUnavailable() const { return fatUnavailable_; }
-    /// How many clusters can be in a chain.
-    std::uint64_t entryCount() const
-    {
-        return fatUnavailable_ ? geometry_.heap.count : loadedEntries();
-    }
-    /// What the FAT holds for a cluster: the next one, an end mark, or 0 for free. 0 also beyond
-    /// the table.
-    std::uint32_t entry(std::uint32_t cluster) const;
-    /// The chain that starts at `from`, at most `maxClusters` long. Ends incomplete where it loops,
-    /// or leaves the volume.
-    ClusterChain chain(std::uint32_t from, std::uint64_t maxClusters);
-    /// Whether the FAT calls the `count` clusters from `first` on free. True when it is
-    /// unavailable.
-    bool areFree(std::uint32_t first, std::uint64_t count) const
-    {
-        return !used_.containsAny(first, count);
-    }
-
-private:
-    void load();
-    std::uint64_t loadedEntries() const;
-
-    DiskSource& source_;
-    FATGeometry geometry_;
-    Bytes fat_;
-    bool fatUnavailable_ = false;
-    ClusterBits used_; // clusters whose entry is not 0
-    ClusterBits seen_; // scratch of chain(): empty between calls
-};
-
-/// What the search for lost directory fragments needs to know of a volume that was walked.
-class FATDeepInfo : public DeepContext {
-public:
-    FATDeepInfo(std::unique_ptr<FATContext> walkedContext,
-        std::unordered_set<std::uint32_t> claimedClusters, ClusterBits liveFileClusters)
-        : context(std::move(walkedContext))
-        , claimed(std::move(claimedClusters))
-        , liveClusters(std::move(liveFileClusters))
-    {
-    }
-
-    std::unique_ptr<FATContext> context;
-    std::unordered_set<std::uint32_t>
-        claimed;              ///< clusters known to belong to directories that were read
-    ClusterBits liveClusters; ///< clusters in the chains of existing files
-    bool isRebuilt = false;   ///< put together from directory sectors: no more of them belong to it
-};
-
-/// FAT12, FAT16 and FAT32, with long names, existing and deleted entries.
+/// FAT12, FAT16 and FAT32, with long names, existing and deleted entries. Nothing here
+/// fails or throws for what is on the disk. A volume and its source are used by one thread at a
+/// time.
 namespace FATParser {
 
 /// fat12, fat16 or fat32 when the bytes, the first 512 of a volume, begin one of this kind; else

@@ -4,6 +4,7 @@
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -31,105 +32,52 @@ bool beginsDirectory(ByteView cluster)
 } // namespace
 
 FATWalker::FATWalker(FATContext& context, WorkProgress* progress)
-    : liveClusters(std::uint64_t { context.geometry().heap.count } + 2)
+    : DirectoryWalker(context.source(), context.geometry().heap, context.entryCount(), progress)
     , context_(context)
     , geometry_(context.geometry())
-    , heap_(context.geometry().heap)
-    , progress_(progress)
-    , walk_(context.source(), heap_, context.entryCount(), progress)
 {
 }
 
 void FATWalker::walkRoot(FileNode& root)
 {
-    if (geometry_.type == FileSystemType::fat32) {
-        queue_.add({ &root, geometry_.rootCluster, Origin::live, 0 });
-    } else {
-        Scan scan { .folder = root,
-            .origin = Origin::live,
-            .depth = 0,
-            .isRoot = true,
-            .pieces = {},
-            .subfolders = {} };
-        readRange(scan, geometry_.rootDirOffset, geometry_.rootDirSize);
-        queueSubfolders(scan);
-    }
-    walkPending();
-}
-
-void FATWalker::walkFragment(std::uint32_t first, FileNode& folder, bool isRoot)
-{
-    Scan scan { .folder = folder,
-        .origin = Origin::fragment,
-        .depth = isRoot ? 0 : 1,
-        .isRoot = isRoot,
-        .pieces = {},
-        .subfolders = {} };
-    stillHasChain(first) ? readChain(scan, first) : readFragment(scan, first);
-    queueSubfolders(scan);
-    walkPending();
+    const QueuedDirectory directory {
+        .folder = &root, .cluster = geometry_.rootCluster, .state = DirectoryState::live, .depth = 0
+    };
+    if (geometry_.type == FileSystemType::fat32)
+        walk(directory);
+    else
+        walkFixedRoot(directory, geometry_.rootDirOffset, geometry_.rootDirSize);
 }
 
 void FATWalker::walkLostRoot(std::uint64_t offset, std::uint64_t length, FileNode& root)
 {
-    Scan scan { .folder = root,
-        .origin = Origin::fragment,
-        .depth = 0,
-        .isRoot = true,
-        .pieces = {},
-        .subfolders = {} };
-    readRange(scan, offset, length);
-    queueSubfolders(scan);
-    walkPending();
+    walkFixedRoot({ .folder = &root, .cluster = 0, .state = DirectoryState::fragment, .depth = 0 },
+        offset, length);
 }
 
-void FATWalker::walkPending()
+void FATWalker::readDirectory(Scan& scan)
 {
-    while (!isCancelled(progress_)) {
-        const auto next = queue_.take();
-        if (!next)
-            return;
-        readDirectory(*next);
-    }
-}
-
-void FATWalker::queueSubfolders(const Scan& scan)
-{
-    queue_.add(scan.subfolders, scan.origin != Origin::live,
-        [](const Pending& subfolder) { return subfolder.origin != Origin::live; });
-}
-
-void FATWalker::readDirectory(const Pending& pending)
-{
-    if (!walk_.enter(pending.cluster, pending.depth))
-        return;
-    Scan scan { .folder = *pending.folder,
-        .origin = pending.origin,
-        .depth = pending.depth,
-        .isRoot = pending.depth == 0,
-        .pieces = {},
-        .subfolders = {} };
-    if (pending.origin == Origin::live
-        || (pending.origin == Origin::fragment && stillHasChain(pending.cluster)))
-        readChain(scan, pending.cluster);
-    else if (pending.origin == Origin::fragment && beginsIn(pending.cluster))
-        readFragment(scan, pending.cluster);
+    const auto& directory = scan.directory;
+    const bool isFragment = directory.state == DirectoryState::fragment;
+    pieces_.clear();
+    if (directory.state == DirectoryState::live || (isFragment && hasChain(directory.cluster)))
+        readChain(scan);
+    else if (isFragment && (directory.isSurveyed || beginsIn(directory.cluster)))
+        readByContent(scan);
     else
-        readDeleted(scan, pending.cluster);
-    queueSubfolders(scan);
+        readDeleted(scan);
 }
 
-/// Whether a folder that only a fragment leads to was never deleted itself.
-bool FATWalker::stillHasChain(std::uint32_t start)
+/// Whether a directory that no live one leads to was never deleted itself.
+bool FATWalker::hasChain(std::uint32_t start)
 {
-    return !context_.fatUnavailable() && heap_.contains(start) && !liveClusters.contains(start)
-        && beginsIn(start) && limitedChain(start, maxDirectoryClusters()).isComplete;
+    return !context_.fatUnavailable() && !claims.liveClusters.contains(start) && beginsIn(start)
+        && limitedChain(start, maxDirectoryClusters()).isComplete;
 }
 
 bool FATWalker::beginsIn(std::uint32_t cluster)
 {
-    return beginsDirectory(
-        context_.source().read(heap_.offsetOf(cluster), entrySize, ReadMode::thorough));
+    return beginsDirectory(source_.read(heap_.offsetOf(cluster), entrySize, ReadMode::thorough));
 }
 
 std::uint64_t FATWalker::maxDirectoryClusters() const
@@ -137,113 +85,88 @@ std::uint64_t FATWalker::maxDirectoryClusters() const
     return std::max<std::uint64_t>(1, maxDirectorySize / heap_.clusterSize);
 }
 
-void FATWalker::readChain(Scan& scan, std::uint32_t start)
+ClusterChain FATWalker::chain(std::uint32_t start, std::uint64_t maxClusters)
 {
-    const auto chain = limitedChain(start, maxDirectoryClusters());
-    claimed.insert(chain.clusters.begin(), chain.clusters.end());
-    for (const auto& extent :
-        heap_.extents(chain.clusters, chain.clusters.size() * heap_.clusterSize))
-        if (!readRange(scan, *extent.offset, extent.length))
-            return;
+    return context_.chain(start, maxClusters);
 }
 
-void FATWalker::readDeleted(Scan& scan, std::uint32_t start)
+void FATWalker::readChain(Scan& scan)
 {
-    std::uint32_t cluster = start;
+    const auto found = limitedChain(scan.directory.cluster, maxDirectoryClusters());
+    for (const auto cluster : found.clusters)
+        claims.claimed.insert(cluster);
+    readExtents(scan, heap_.extents(found.clusters, found.clusters.size() * heap_.clusterSize));
+}
+
+void FATWalker::readDeleted(Scan& scan)
+{
+    std::uint32_t cluster = scan.directory.cluster;
     for (int count = 0; count < maxDeletedClusters && heap_.contains(cluster); ++count, ++cluster) {
-        const std::uint64_t offset = heap_.offsetOf(cluster);
-        const bool begins
-            = beginsDirectory(context_.source().read(offset, entrySize, ReadMode::thorough));
+        const bool begins = beginsIn(cluster);
         if (count == 0 && !begins) {
-            scan.folder.note = "Mappens indhold er overskrevet";
+            scan.directory.folder->addNote(overwrittenFolder);
             return;
         }
         // What follows belongs to others when it is in use, or is another deleted directory.
         if (count > 0 && (begins || !context_.areFree(cluster, 1)))
             return;
-        claimed.insert(cluster);
-        if (!readRange(scan, offset, heap_.clusterSize))
+        if (!readCluster(scan, cluster))
             return;
     }
 }
 
-/// Follows a directory without a chain from cluster to cluster, by what it holds. No cluster is
-/// taken twice.
-void FATWalker::readFragment(Scan& scan, std::uint32_t start)
+bool FATWalker::isInsideEntries() const { return !pieces_.empty() && !pieces_.back().isDeleted(); }
+
+std::optional<std::uint32_t> FATWalker::restOfEntries(std::uint32_t cluster)
 {
-    for (std::optional<std::uint32_t> cluster = start; cluster;
-         cluster = whereItGoesOn(scan, *cluster)) {
-        claimed.insert(*cluster);
-        walk_.visited.insert(*cluster);
-        if (!readRange(scan, heap_.offsetOf(*cluster), heap_.clusterSize))
-            return;
+    const auto& last = pieces_.back();
+    const NameRest wanted { last.sequence() - 1, last.checksum, cluster };
+    for (auto rest = nameRests.lower_bound(wanted); rest != nameRests.end()
+         && rest->sequence == wanted.sequence && rest->checksum == wanted.checksum;) {
+        const auto next = rest->cluster;
+        rest = nameRests.erase(rest); // whoever it belongs to has it by now, or gets it
+        if (canContinueIn(next))
+            return next;
     }
+    return std::nullopt;
 }
 
-std::optional<std::uint32_t> FATWalker::whereItGoesOn(const Scan& scan, std::uint32_t cluster)
+bool FATWalker::holdsMoreEntries(std::uint32_t cluster)
 {
-    if (!scan.pieces.empty()
-        && !scan.pieces.back().isDeleted()) { // the rest of the name says where
-        const Head wanted { scan.pieces.back().sequence() - 1, scan.pieces.back().checksum,
-            cluster };
-        for (auto head = heads.lower_bound(wanted); head != heads.end()
-             && head->sequence == wanted.sequence && head->checksum == wanted.checksum;) {
-            const auto next = head->cluster;
-            head = heads.erase(head); // claimed by somebody, or now
-            if (canGoOnIn(next))
-                return next;
-        }
-        return std::nullopt;
-    }
-    return looseEnds.next(
-        cluster, scan.behindLast, [&](std::uint32_t next) { return canGoOnIn(next); });
+    const auto sector
+        = source_.read(heap_.offsetOf(cluster), directorySectorSize, ReadMode::thorough);
+    return !beginsDirectory(sector) && continuesDirectory(sector);
 }
 
-bool FATWalker::canGoOnIn(std::uint32_t cluster)
+bool FATWalker::parse(Scan& scan, ByteView entries)
 {
-    if (!heap_.contains(cluster) || claimed.contains(cluster) || liveClusters.contains(cluster))
-        return false;
-    const auto sector = context_.source().read(heap_.offsetOf(cluster), 512, ReadMode::thorough);
-    return !beginsDirectory(sector) && goesOn(sector);
-}
-
-bool FATWalker::readRange(Scan& scan, std::uint64_t offset, std::uint64_t length)
-{
-    return walk_.read(offset, length, [&](ByteView bytes) { return parseEntries(scan, bytes); });
-}
-
-bool FATWalker::parseEntries(Scan& scan, ByteView bytes)
-{
-    for (std::int64_t at = 0; const auto entry = bytes.load<ShortEntry>(at); at += entrySize) {
+    for (std::int64_t at = 0; const auto entry = entries.load<ShortEntry>(at); at += entrySize) {
         if (entry->name[0] == endOfDirectory)
             return false;
         const auto kind = entry->attributes & 0x3F;
         if (kind == longNameAttributes)
-            addPiece(scan, *bytes.load<LongNamePiece>(at));
+            addPiece(*entries.load<LongNamePiece>(at));
         else
             addEntry(scan, *entry);
     }
     return true;
 }
 
-void FATWalker::addPiece(Scan& scan, const LongNamePiece& piece)
+void FATWalker::addPiece(const LongNamePiece& piece)
 {
-    auto& pieces = scan.pieces;
-    if (piece.isLast() || (!pieces.empty() && pieces.back().isDeleted() != piece.isDeleted()))
-        pieces.clear();
-    if (pieces.size() <= maxPieces) // one too many tells that there were too many
-        pieces.push_back(piece);
+    if (piece.isLast() || (!pieces_.empty() && pieces_.back().isDeleted() != piece.isDeleted()))
+        pieces_.clear();
+    if (pieces_.size() <= maxPieces) // one too many tells that there were too many
+        pieces_.push_back(piece);
 }
 
 void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
 {
-    const auto pieces = std::exchange(scan.pieces, {});
+    const auto pieces = std::exchange(pieces_, {});
+    const auto& directory = scan.directory;
     const bool isMarkedDeleted = entry.name[0] == deletedMark;
-    if ((entry.attributes & (volumeLabelFlag | directoryFlag)) == volumeLabelFlag) {
-        if (scan.isRoot && !isMarkedDeleted && !label_)
-            label_ = Unicode::trimmed(ByteView(entry.name).ascii(0, sizeof entry.name));
-        return;
-    }
+    if ((entry.attributes & (volumeLabelFlag | directoryFlag)) == volumeLabelFlag)
+        return takeLabel(scan, entry);
 
     auto shown = formatShortName(entry.name, entry.caseFlags, isMarkedDeleted);
     if (shown == "." || shown == ".." || !isPlausible(entry.name, isMarkedDeleted))
@@ -251,86 +174,75 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
     if (auto longName = assembleLongName(pieces, entry.name, isMarkedDeleted))
         shown = std::move(*longName);
 
-    const bool isDeleted = isMarkedDeleted || scan.origin != Origin::live;
+    const auto state = isMarkedDeleted ? DirectoryState::deleted : directory.state;
+    const auto status
+        = state == DirectoryState::live ? EntryStatus::existing : EntryStatus::deleted;
     const bool isFolder = (entry.attributes & directoryFlag) != 0;
-    const std::uint32_t cluster = geometry_.type == FileSystemType::fat32
-        ? firstCluster(entry)
-        : std::uint32_t { entry.firstClusterLow };
-    const auto status = isDeleted ? EntryStatus::deleted : EntryStatus::existing;
-    auto& node
-        = scan.folder.add(isFolder ? FileNode::makeFolder(std::move(shown), status)
-                                   : FileNode::makeFile(std::move(shown), entry.size, status));
+    const std::uint32_t cluster = geometry_.clusterNumber(firstCluster(entry));
+    auto& node = directory.folder->add(isFolder
+            ? FileNode::makeFolder(std::move(shown), status)
+            : FileNode::makeFile(std::move(shown), entry.size, status));
     node.modified = TimeConversion::fromDOS(entry.modificationDate, entry.modificationTime);
     node.created = TimeConversion::fromDOS(entry.creationDate, entry.creationTime);
     node.fsID = cluster;
     if (!isMarkedDeleted && cluster != 0)
-        scan.behindLast = cluster + std::max<std::uint64_t>(1, heap_.clustersFor(node.size));
+        scan.endOfContent = cluster + std::max<std::uint64_t>(1, heap_.clustersFor(node.size));
     if (!isFolder)
-        fillFileData(node, cluster, scan.origin, isMarkedDeleted);
+        judge(node, placeFile(node, cluster, state));
     else if (cluster != 0)
         scan.subfolders.push_back(
-            { &node, cluster, isMarkedDeleted ? Origin::deleted : scan.origin, scan.depth + 1 });
+            { .folder = &node, .cluster = cluster, .state = state, .depth = directory.depth + 1 });
 }
 
-void FATWalker::fillFileData(
-    FileNode& node, std::uint32_t start, Origin origin, bool isMarkedDeleted)
+void FATWalker::takeLabel(const Scan& scan, const ShortEntry& entry)
+{
+    const bool isRoot = scan.directory.depth == 0;
+    if (isRoot && entry.name[0] != deletedMark && !label_)
+        label_ = Unicode::trimmed(ByteView(entry.name).ascii(0, sizeof entry.name));
+}
+
+/// Gives a file the place of its content. What is to be doubted of it.
+Doubts FATWalker::placeFile(FileNode& node, std::uint32_t start, DirectoryState state)
 {
     if (node.size == 0) {
         node.data = ExtentList {};
-        node.recoverability = Recoverability::good;
-    } else if (!heap_.contains(start)) {
-        node.recoverability = Recoverability::poor;
-        node.note = "Ugyldig startklynge";
-    } else if (node.status == EntryStatus::existing) {
-        const bool isWhole = fillFromChain(node, start);
-        node.recoverability = isWhole ? Recoverability::good : Recoverability::partial;
-        if (!isWhole)
-            node.note = "Klyngekæden er afbrudt";
-    } else {
-        // The folder of a fragment may be lost while its files were never deleted: their chains
-        // still stand in the FAT.
-        if (origin == Origin::fragment && !isMarkedDeleted && !context_.fatUnavailable()
-            && !liveClusters.contains(start) && fillFromChain(node, start)) {
-            node.recoverability = Recoverability::good;
-            return;
-        }
-        fillContiguous(node, start);
+        return {};
     }
+    if (!heap_.contains(start))
+        return Doubt::invalidStartCluster;
+    if (node.status == EntryStatus::existing)
+        return fillFromChain(node, start) ? Doubts() : Doubt::brokenChain;
+    // The folder of a fragment may be lost while its files were never deleted: their chains still
+    // stand in the FAT.
+    const bool mayHaveChain = state == DirectoryState::fragment && !context_.fatUnavailable()
+        && !claims.liveClusters.contains(start);
+    if (mayHaveChain && fillFromChain(node, start))
+        return {};
+    return fillContiguous(node, start);
 }
 
 /// Gives the node what its chain holds. True when that is all of it.
 bool FATWalker::fillFromChain(FileNode& node, std::uint32_t start)
 {
     const std::uint64_t needed = heap_.clustersFor(node.size);
-    const auto chain = limitedChain(start, needed);
-    node.data = heap_.extents(chain.clusters, node.size);
+    const auto found = limitedChain(start, needed);
+    node.data = heap_.extents(found.clusters, node.size);
     if (node.status == EntryStatus::existing)
-        for (const auto cluster : chain.clusters)
-            liveClusters.insert(cluster);
-    return chain.clusters.size() >= needed;
+        for (const auto cluster : found.clusters)
+            claims.liveClusters.insert(cluster);
+    return found.clusters.size() >= needed;
 }
 
 /// A deleted file's chain is gone. Most files lie in one piece, so this one is taken to.
-void FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
+Doubts FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
 {
-    const std::uint64_t needed = heap_.clustersFor(node.size);
-    const std::uint64_t clusters = std::min<std::uint64_t>(heap_.clustersFrom(start), needed);
-    node.data = ExtentList { { heap_.offsetOf(start),
-        std::min(clusters * heap_.clusterSize, node.size) } };
-    if (clusters == needed
-        && context_.areFree(start, std::min(clusters, DirectoryWalk::maxFreeChecks))) {
-        node.recoverability = Recoverability::good;
-    } else if (!context_.areFree(start, 1)) {
-        node.recoverability = Recoverability::poor;
-        node.note = "Startklyngen er genbrugt af en anden fil";
-    } else {
-        node.recoverability = Recoverability::partial;
-        node.note = "Dele af filen kan være overskrevet";
-    }
-}
-
-ClusterChain FATWalker::limitedChain(std::uint32_t start, std::uint64_t maxClusters)
-{
-    return walk_.chain(
-        maxClusters, [&](std::uint64_t limit) { return context_.chain(start, limit); });
+    const auto extent = heap_.contiguous(start, node.size);
+    node.data = ExtentList { extent };
+    ClusterUse use;
+    use.checked = std::min(heap_.clustersFor(extent.length), maxFreeChecks);
+    use.isFirstForeign = !context_.areFree(start, 1);
+    // What lies behind the end of the volume cannot be the file's own either.
+    const bool isCut = extent.length < node.size;
+    use.foreign = isCut || !context_.areFree(start, use.checked) ? 1 : 0;
+    return doubtsOf(use, fatReuse);
 }

@@ -1,6 +1,7 @@
 // Directories that nothing leads to any more: after a quick format, and where boot sector and FAT
 // are gone.
 
+#include "Tests/Images/CarvedFile.h"
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Images/FATImage.h"
 #include "VintrelCore/Devices/SourceOpener.h"
@@ -15,20 +16,22 @@
 
 namespace {
 
-/// Everything that a deep scan without carving lists of a source, path by path: one content for
+/// Everything that a deep scan lists of a source but carved files, path by path: one content for
 /// each file there.
 struct Found {
-    explicit Found(DiskSource& source)
+    explicit Found(DiskSource& source, bool carve = false)
     {
         DeepScanOptions options;
-        options.carve = false;
+        options.carve = carve;
         volumes = FullScan::run(source, options, nullptr);
+        std::erase_if(
+            volumes, [](const auto& volume) { return volume->type == FileSystemType::carved; });
         for (const auto& volume : volumes)
             for (const auto* file : volume->root->allFiles())
                 files.emplace(file->path(), FileReader::readPrefix(*file, source, 1_MiB));
     }
-    explicit Found(const Bytes& bytes)
-        : Found(*makeSource(bytes))
+    explicit Found(const Bytes& bytes, bool carve = false)
+        : Found(*makeSource(bytes), carve)
     {
     }
 
@@ -208,6 +211,93 @@ TEST(LostFragments, EXFATSectorsAreKnownByTheirSets)
     for (std::size_t set = 0; set < 5; ++set) // none of them is sound any more
         sector[set * 96 + 40] ^= 1;
     EXPECT_FALSE(ExFATParser::looksLikeDirectorySector(sector));
+}
+
+namespace {
+
+std::u16string numbered(int number)
+{
+    return u"foto" + std::u16string(1, static_cast<char16_t>('0' + number));
+}
+
+/// Photographs of a card, of which only the sectors behind a byte are left: no directory in them
+/// says where it lies, and none names another one.
+template <class Image> struct BarePhotographs {
+    Image image;
+    std::uint64_t firstByte = 0;
+    std::vector<Bytes> contents {};
+
+    explicit BarePhotographs(const Image& empty)
+        : image(empty)
+    {
+        for (std::size_t i = 0; i < 4; ++i)
+            contents.push_back(jpegFile({}, 2000 + 700 * i));
+    }
+};
+
+} // namespace
+
+TEST(LostHeaps, FATClustersLieWhereThePhotographsThatADirectoryNamesAre)
+{
+    BarePhotographs card(FATImage({ .type = FileSystemType::fat16, .sectorsPerCluster = 2 }));
+    auto& image = card.image;
+    const auto folder = image.addFolder(FATImage::root, { .name = "DCIM       " }, 2);
+    for (int i = 0; i < 30; ++i)
+        image.addEntry(folder, { .name = "FYLD" + std::to_string(10 + i) + "  TXT" });
+    for (std::size_t i = 0; i < card.contents.size(); ++i)
+        image.addFile(folder, { .name = "FOTO" + std::to_string(i) + "   JPG" }, card.contents[i]);
+    erase(image.bytes(), 0, image.offsetOf(folder + 1));
+
+    const Found found(image.bytes(), true);
+    ASSERT_EQ(found.volumes.size(), 1u);
+    EXPECT_EQ(found.volumes[0]->offset, image.offsetOf(2));
+    EXPECT_EQ(found.volumes[0]->clusterSize, 1024u);
+    for (std::size_t i = 0; i < card.contents.size(); ++i)
+        EXPECT_EQ(found.count("/FOTO" + std::to_string(i) + ".JPG", card.contents[i]), 1) << i;
+    EXPECT_TRUE(Found(image.bytes()).volumes.empty()) << "nothing but the photographs tells";
+}
+
+TEST(LostHeaps, ExFATClustersLieWhereThePhotographsThatADirectoryNamesAre)
+{
+    BarePhotographs card(ExFATImage({ .clusterShift = 1 }));
+    auto& image = card.image;
+    const auto folder = image.addFolder(image.root(), { .name = u"DCIM" });
+    for (std::size_t i = 0; i < card.contents.size(); ++i)
+        image.addFile(folder, { .name = numbered(static_cast<int>(i)) }, card.contents[i]);
+    erase(image.bytes(), 0, image.offsetOf(folder));
+
+    const Found found(image.bytes(), true);
+    ASSERT_EQ(found.volumes.size(), 1u);
+    EXPECT_EQ(found.volumes[0]->offset, image.offsetOf(2));
+    EXPECT_EQ(found.volumes[0]->clusterSize, 1024u);
+    for (std::size_t i = 0; i < card.contents.size(); ++i)
+        EXPECT_EQ(found.count("/foto" + std::to_string(i), card.contents[i]), 1) << i;
+    EXPECT_TRUE(Found(image.bytes()).volumes.empty()) << "nothing but the photographs tells";
+}
+
+TEST(LostHeaps, AFixedRootIsReadFromTheFirstOfItsSectorsThatIsLeft)
+{
+    constexpr std::size_t entriesInSector = 16;
+    FATImage image({ .type = FileSystemType::fat16 });
+    for (std::size_t i = 0; i < 2 * entriesInSector; ++i)
+        image.addFile(FATImage::root, { .name = "FIL" + std::to_string(10 + i) + "   TXT" },
+            patternBytes(600, static_cast<std::uint32_t>(i)));
+    for (const char* name : { "ET         ", "TO         " }) {
+        const auto folder = image.addFolder(FATImage::root, { .name = name });
+        image.addFile(folder, { .name = "INDE    TXT" }, patternBytes(700));
+    }
+    image.addEntry(FATImage::root, { .name = "TOM     TXT" }); // three entries pass for a directory
+    erase(image.bytes(), 0, image.entryOffset(FATImage::root, entriesInSector));
+
+    const Found found(image.bytes());
+    ASSERT_EQ(found.volumes.size(), 1u);
+    for (std::size_t i = entriesInSector; i < 2 * entriesInSector; ++i)
+        EXPECT_EQ(found.count("/FIL" + std::to_string(10 + i) + ".TXT",
+                      patternBytes(600, static_cast<std::uint32_t>(i))),
+            1)
+            << i;
+    EXPECT_EQ(found.count("/ET/INDE.TXT", patternBytes(700)), 1);
+    EXPECT_EQ(found.count(fragments + "/INDE.TXT", patternBytes(700)), 0);
 }
 
 /// A card that tools make, format again, and wipe.

@@ -222,6 +222,65 @@ TEST(ExFAT, BackupBootSectorsAndImpossibleOnes)
     }
 }
 
+TEST(ExFAT, BackupsSayWhereTheirVolumeBegins)
+{
+    const struct {
+        int sectorShift;
+        std::uint64_t offset;
+        std::optional<std::uint64_t> start;
+    } rows[] = {
+        { 9, 12 * 512, 0 }, { 9, 12 * 512 - 1, std::nullopt }, { 12, 20 * 4096, 8 * 4096 },
+        { 13, 1 << 20, std::nullopt }, // no boot sector
+    };
+    for (const auto& [sectorShift, offset, start] : rows) {
+        auto boot = ExFATImage().bytes();
+        putLE(boot, 108, static_cast<unsigned>(sectorShift), 1);
+        EXPECT_EQ(ExFATParser::startByBackup(boot, offset), start) << sectorShift;
+        EXPECT_EQ(ExFATParser::probe(boot).has_value(), sectorShift != 13);
+    }
+}
+
+TEST(ExFAT, FilesOfLostFragmentsLeaveLiveFilesTheirClusters)
+{
+    ExFATImage image;
+    const auto content = patternBytes(1400); // three clusters
+    const auto live = image.addFile(image.root(), { .name = u"levende" }, content);
+    const auto lost = image.addFolder(image.root(), { .name = u"Tabt" });
+    image.addSet(lost, { .name = u"taget", .cluster = live, .size = 1400 });
+    image.addSet(lost, { .name = u"delvis", .cluster = live - 1, .size = 1400 });
+    image.addFile(lost, { .name = u"egen" }, content);
+    image.write(image.entryOffset(image.root(), 5), Bytes(96)); // the folder's set vanishes
+
+    const auto card = parse(image);
+    ASSERT_EQ(card.names(), " /levende");
+    const std::uint64_t sectors[] = { image.offsetOf(lost) };
+    const auto folder = ExFATParser::lostEntries(*card.volume, sectors, nullptr);
+    ASSERT_TRUE(folder);
+    std::string found;
+    for (const auto& node : folder->children())
+        found += node->name + " " + chance(*node) + "; ";
+    EXPECT_EQ(found,
+        "delvis Ringe: Startklyngen er genbrugt af en anden fil; egen God; "
+        "taget Ringe: Startklyngen er genbrugt af en anden fil; ");
+}
+
+TEST(ExFAT, FilesThatOverlapWithoutEndClaimNoMoreThanAVolumeHas)
+{
+    constexpr std::uint32_t lastCluster = 150;
+    for (const int overlapping : { 0, 40 }) {
+        ExFATImage image;
+        for (int i = 0; i < overlapping; ++i) // a hundred clusters each
+            image.addSet(image.root(), { .name = u"igen", .cluster = 20, .size = 100 * 512 });
+        image.addSet(image.root(), { .name = u"sidst", .cluster = lastCluster, .size = 512 });
+        VolumeList volumes;
+        auto card = parse(image);
+        volumes.push_back(std::move(card.volume));
+        // Where nothing has claimed the last file's cluster, a directory may lie in it.
+        const std::uint64_t sectors[] = { image.offsetOf(lastCluster) };
+        EXPECT_EQ(ExFATParser::looseSectors(sectors, volumes).empty(), overlapping == 0);
+    }
+}
+
 TEST(ExFAT, OtherToolsVolumesHoldOurSetsForThemToo)
 {
     setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);

@@ -274,6 +274,58 @@ TEST(FAT, BootSectorsFromElsewhereAndImpossibleOnes)
             "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." });
 }
 
+TEST(FAT, ProbeAcceptsTheJumpsThatBeginBootSectors)
+{
+    auto boot = FATImage({ .type = fat16 }).bytes();
+    for (const int jump : { 0xE8, 0xE9, 0xEB }) {
+        putLE(boot, 0, static_cast<unsigned>(jump), 1);
+        EXPECT_EQ(FATParser::probe(boot), fat16) << jump;
+    }
+    for (const int other : { 0x00, 0x33, 0xE7, 0xEA, 0xFA }) {
+        putLE(boot, 0, static_cast<unsigned>(other), 1);
+        EXPECT_FALSE(FATParser::probe(boot)) << other;
+    }
+}
+
+TEST(FAT, BackupsSayWhereTheirVolumeBegins)
+{
+    const struct {
+        FileSystemType type;
+        std::uint64_t backupSector, offset;
+        std::optional<std::uint64_t> start;
+    } rows[] = {
+        { fat32, 6, 100 * 512, 94 * 512 },
+        { fat32, 6, 6 * 512, 0 },
+        { fat32, 6, 5 * 512, std::nullopt },
+        { fat32, 0, 100 * 512, std::nullopt },
+        { fat16, 6, 100 * 512, std::nullopt },
+    };
+    for (const auto& [type, backupSector, offset, start] : rows) {
+        auto boot = FATImage({ .type = type }).bytes();
+        putLE(boot, 50, backupSector, 2);
+        EXPECT_EQ(FATParser::startByBackup(boot, offset), start) << offset;
+    }
+}
+
+TEST(FAT, FilesOfLostFragmentsLeaveLiveFilesTheirClusters)
+{
+    FATImage image({ .type = fat32, .clusters = 600 });
+    const auto content = patternBytes(1400); // three clusters
+    const auto live = image.addFile(root, { .name = "LEVENDE BIN" }, content);
+    const auto lost = image.addFolder(root, { .name = "TABT       " });
+    image.addEntry(lost, { .name = "TAGET   BIN", .cluster = live, .size = 1400 });
+    image.addFile(lost, { .name = "EGEN    BIN" }, content);
+    image.write(image.entryOffset(root, 1), bytesOf("?")); // the folder's entry vanishes
+
+    const auto card = parse(image);
+    const std::uint64_t sectors[] = { image.offsetOf(lost) };
+    const auto folder = FATParser::lostEntries(*card.volume, sectors, nullptr);
+    ASSERT_TRUE(folder);
+    ASSERT_EQ(folder->children().size(), 2u);
+    EXPECT_EQ(chance(*folder->children()[0]), "God") << "its chain is its own";
+    EXPECT_EQ(chance(*folder->children()[1]), "Ringe: Startklyngen er genbrugt af en anden fil");
+}
+
 TEST(FAT, RecognisesDirectorySectors)
 {
     FATImage image({ .type = fat12 });

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
+#include "VintrelCore/FileSystems/FAT/Geometry.h"
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <cstdint>
+
+class DiskSource;
+
+/// A volume's geometry and its allocation table. Used by one thread at a time.
+class FATContext {
+public:
+    /// Reads the FAT; where its first copy is unreadable the second one helps out.
+    FATContext(DiskSource& source, FATGeometry geometry);
+
+    DiskSource& source() const { return source_; }
+    const FATGeometry& geometry() const { return geometry_; }
+
+    /// Whether there is no FAT to ask (it is empty, or too large to be true). Files are then taken
+    /// to lie in one piece.
+    bool fatUnavailable() const { return fatUnavailable_; }
+    /// How many clusters can be in a chain.
+    std::uint64_t entryCount() const
+    {
+        return fatUnavailable_ ? geometry_.heap.count : loadedEntries();
+    }
+    /// What the FAT holds for a cluster: the next one, an end mark, or 0 for free. 0 also beyond
+    /// the table.
+    std::uint32_t entry(std::uint32_t cluster) const;
+    /// The chain that starts at `from`, at most `maxClusters` long. Ends incomplete where it loops,
+    /// or leaves the volume.
+    ClusterChain chain(std::uint32_t from, std::uint64_t maxClusters);
+    /// Whether the FAT calls the `count` clusters from `first` on free. True when it is
+    /// unavailable.
+    bool areFree(std::uint32_t first, std::uint64_t count) const
+    {
+        return !used_.containsAny(first, count);
+    }
+
+private:
+    void load();
+    std::uint64_t loadedEntries() const;
+
+    DiskSource& source_;
+    FATGeometry geometry_;
+    Bytes fat_;
+    bool fatUnavailable_ = false;
+    ClusterBits used_; // clusters whose entry is not 0
+    ClusterBits seen_; // scratch of chain(): empty between calls
+};
