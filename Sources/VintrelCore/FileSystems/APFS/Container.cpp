@@ -32,6 +32,8 @@ constexpr std::uint64_t readBudgetFactor = 8;
 constexpr std::uint64_t bytesPerExtent = 48;
 constexpr std::uint64_t minExtentBudget = 65'536;
 
+constexpr std::int64_t fileSystemOIDs = offsetof(ContainerSuperblock, fileSystemOIDs);
+
 bool hasMagic(ByteView block, std::string_view magic)
 {
     return block.matches(magic, offsetof(ContainerSuperblock, magic));
@@ -174,8 +176,7 @@ void APFSContainer::walkObjectMap(std::uint64_t oid, std::uint64_t maxXID,
     Bytes bytes;
     if (!readBlock(oid, bytes) || !APFSParser::checksumOK(bytes))
         return;
-    constexpr std::int64_t treeOID = 48; // behind flags and counts
-    std::vector<Pending> pending { { ByteView(bytes).u64le(treeOID), 0 } };
+    std::vector<Pending> pending { { ByteView(bytes).u64le(offsetof(ObjectMap, treeOID)), 0 } };
     while (!pending.empty()) {
         const auto [block, depth] = pending.back();
         pending.pop_back();
@@ -229,7 +230,7 @@ std::unordered_map<std::uint64_t, std::uint64_t> APFSContainer::usableObjectMap(
     };
     auto map = mapOf();
     const bool hasVolumes
-        = !superblock().isAllZero(fileSystemOIDs, std::int64_t { maxVolumeSlots } * 8);
+        = !superblock().isAllZero(fileSystemOIDs, std::int64_t { maxVolumeSlots * 8 });
     for (std::size_t next = 1;
          map.empty() && hasVolumes && next < std::min(checkpoints_.size(), maxOlderCheckpoints);
          ++next) {
@@ -247,8 +248,8 @@ VolumeList APFSContainer::volumes(const std::string& origin, WorkProgress* progr
 {
     VolumeList volumes;
     const auto map = usableObjectMap();
-    const auto slots = std::min(
-        superblock().u32le(offsetof(ContainerSuperblock, maxFileSystems)), maxVolumeSlots);
+    const auto slots = static_cast<std::int64_t>(std::min<std::size_t>(
+        superblock().u32le(offsetof(ContainerSuperblock, maxFileSystems)), maxVolumeSlots));
     Bytes block;
     for (std::int64_t slot = 0; slot < slots; ++slot) {
         const auto place = map.find(superblock().u64le(fileSystemOIDs + 8 * slot));
@@ -353,6 +354,21 @@ bool APFSContainer::takeExtents(std::size_t count)
         return false;
     extentsLeft_ -= count;
     return true;
+}
+
+std::optional<APFSContainer::Node> APFSContainer::parseNode(
+    ByteView bytes, int fixedKey, int fixedValue) const
+{
+    Node node;
+    const auto level = APFSNodes::forEachRecord(bytes, blockSize_, { fixedKey, fixedValue },
+        [&](ByteView key, std::optional<ByteView> value) {
+            if (value)
+                node.records.push_back({ key, *value });
+        });
+    if (!level)
+        return std::nullopt;
+    node.level = *level;
+    return node;
 }
 
 namespace APFSParser {
