@@ -47,9 +47,9 @@ std::unique_ptr<Volume> APFSContainer::volume(
     std::uint64_t oid, const std::string& origin, WorkProgress* progress)
 {
     const auto& map = state_->checkpoints().objectMap();
-    const auto place = map.find(oid);
+    const auto mapped = map.find(oid);
     Bytes block;
-    if (oid == 0 || place == map.end() || !state_->blocks().read(place->second, block)
+    if (oid == 0 || mapped == map.end() || !state_->blocks().read(mapped->second, block)
         || !isVolumeSuperblock(*ByteView(block).load<VolumeSuperblock>(0)))
         return nullptr;
     return APFSVolumeReader::read(state_, block, oid, origin, progress);

@@ -18,14 +18,14 @@ struct FixedLengths {
 };
 
 /// Where an entry's key and value lie. `valueOffset` counts from the end of the values, backwards.
-struct EntryPlace {
+struct EntryLayout {
     std::int64_t keyOffset, keyLength;
     std::uint16_t valueOffset;
     std::int64_t valueLength;
 };
 
 /// Entry `index` of the table of contents at `table`; zeros for one that the node's end cuts.
-inline EntryPlace placeOf(ByteView node, const APFSFormat::NodeHeader& header, std::int64_t table,
+inline EntryLayout layoutOf(ByteView node, const APFSFormat::NodeHeader& header, std::int64_t table,
     std::int64_t index, FixedLengths lengths)
 {
     using namespace APFSFormat;
@@ -64,19 +64,19 @@ std::optional<std::uint16_t> forEachRecord(
         - ((node->flags & NodeFlag::root) != 0 ? treeFooterSize : 0);
 
     for (std::int64_t i = 0; i < count; ++i) {
-        const auto place = placeOf(bytes, *node, table, i, lengths);
-        const std::int64_t keyStart = keyArea + place.keyOffset;
-        const bool hasKey = keyStart <= size - place.keyLength;
-        if (place.valueOffset == noValue) {
+        const auto entry = layoutOf(bytes, *node, table, i, lengths);
+        const std::int64_t keyStart = keyArea + entry.keyOffset;
+        const bool hasKey = keyStart <= size - entry.keyLength;
+        if (entry.valueOffset == noValue) {
             if (hasKey)
-                visit(bytes.sub(keyStart, place.keyLength), std::nullopt);
+                visit(bytes.sub(keyStart, entry.keyLength), std::nullopt);
             continue;
         }
-        const std::int64_t valueStart = valueEnd - place.valueOffset;
-        if (!hasKey || valueStart < 0 || valueStart > size - place.valueLength)
+        const std::int64_t valueStart = valueEnd - entry.valueOffset;
+        if (!hasKey || valueStart < 0 || valueStart > size - entry.valueLength)
             break;
-        visit(bytes.sub(keyStart, place.keyLength),
-            std::optional(bytes.sub(valueStart, place.valueLength)));
+        visit(bytes.sub(keyStart, entry.keyLength),
+            std::optional(bytes.sub(valueStart, entry.valueLength)));
     }
     return node->level;
 }

@@ -33,13 +33,13 @@ std::optional<std::uint64_t> startByCheckpoint(
     const std::uint64_t areaLength = superblock.descriptorBlocks;
     if (areaLength == 0 || areaLength > maxDescriptorBlocks)
         return std::nullopt;
-    const std::uint64_t index = superblock.descriptorIndex;
-    const std::uint64_t place = (index + superblock.descriptorLength + areaLength - 1) % areaLength;
+    const std::uint64_t first = superblock.descriptorIndex;
+    const std::uint64_t last = (first + superblock.descriptorLength + areaLength - 1) % areaLength;
     const std::uint64_t area = superblock.descriptorBase;
     const std::uint64_t blocksBefore = superblockOffset / superblock.blockSize;
-    if (place > blocksBefore || area > blocksBefore - place)
+    if (last > blocksBefore || area > blocksBefore - last)
         return std::nullopt;
-    return superblockOffset - (area + place) * superblock.blockSize;
+    return superblockOffset - (area + last) * superblock.blockSize;
 }
 
 } // namespace

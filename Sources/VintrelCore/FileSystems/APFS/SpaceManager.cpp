@@ -61,8 +61,8 @@ APFSSpaceManager::MappingByOID APFSSpaceManager::readCheckpointMaps(
     const auto count = std::min<std::uint32_t>(superblock.descriptorLength, areaLength);
     Bytes block;
     for (std::uint64_t i = 0; i < count; ++i) {
-        const std::uint64_t place = (std::uint64_t { superblock.descriptorIndex } + i) % areaLength;
-        if (!blocks.read(superblock.descriptorBase + place, block)
+        const std::uint64_t index = (std::uint64_t { superblock.descriptorIndex } + i) % areaLength;
+        if (!blocks.read(superblock.descriptorBase + index, block)
             || !APFSParser::checksumOK(block))
             continue;
         const auto map = *ByteView(block).load<CheckpointMap>(0);

@@ -89,30 +89,35 @@ std::vector<APFSFileRecords::Link> APFSFileTree::namesOf(
 
 void APFSFileTree::addExisting(const APFSFileRecords& live)
 {
-    std::vector<Placed> placed;
+    std::vector<NewNode> added;
     std::vector<APFSKnownObjects::Object> found;
     forEachObject(live, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
         found.push_back({ id, inode != nullptr ? inode->created : 0 });
         for (const auto& link : namesOf(live, inode, links, States::one)) {
-            placed.push_back(
+            added.push_back(
                 { id, link.parent, makeNode(live, nullptr, inode, link, EntryStatus::existing) });
-            if (placed.back().node->isDirectory()) { // has one name
-                addFolder(id, *placed.back().node);
+            if (added.back().node->isDirectory()) { // has one name
+                addFolder(id, *added.back().node);
                 break;
             }
         }
     });
     known_.add(found);
+    addInUse(live);
+    hang(std::move(added));
+    if (const auto* inode = live.inode(rootFolderID)) {
+        root_.created = TimeConversion::fromAPFS(inode->created);
+        root_.modified = TimeConversion::fromAPFS(inode->modified);
+    }
+}
+
+void APFSFileTree::addInUse(const APFSFileRecords& live)
+{
     const auto& blocks = state_.blocks();
     for (const auto& extent : live.extents())
         if (blocks.isValid(extent.block) && extent.length > 0)
             state_.chances().addInUse(
                 { extent.block, extent.block + unitsFor(extent.length, blocks.blockSize()) });
-    place(std::move(placed));
-    if (const auto* inode = live.inode(rootFolderID)) {
-        root_.created = TimeConversion::fromAPFS(inode->created);
-        root_.modified = TimeConversion::fromAPFS(inode->modified);
-    }
 }
 
 void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords& live)
@@ -125,7 +130,7 @@ void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords&
         = [&](const Link* link) { return std::tuple(link->parent, live.text(link->name)); };
     std::ranges::sort(byName, {}, nameKey);
 
-    std::vector<Placed> placed;
+    std::vector<NewNode> added;
     std::vector<APFSKnownObjects::Object> found;
     forEachObject(old, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
         const auto names = known_.contains(id) ? std::vector<Link>()
@@ -136,40 +141,40 @@ void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords&
         const auto wanted = std::tuple(name.parent, old.text(name.name));
         const auto same = std::ranges::lower_bound(byName, wanted, {}, nameKey);
         if (same != byName.end() && nameKey(*same) == wanted) {
-            // What was in a folder that was made anew has its place there.
+            // What was in a folder that was made anew hangs there.
             if (const auto folder = folders_.find((*same)->id); folder != folders_.end())
                 addFolder(id, *folder->second);
             return;
         }
-        placed.push_back(
+        added.push_back(
             { id, name.parent, makeNode(old, &live, inode, name, EntryStatus::deleted) });
         found.push_back({ id, inode != nullptr ? inode->created : 0 });
-        if (placed.back().node->isDirectory())
-            addFolder(id, *placed.back().node);
+        if (added.back().node->isDirectory())
+            addFolder(id, *added.back().node);
     });
     known_.add(found);
-    place(std::move(placed));
+    hang(std::move(added));
 }
 
 void APFSFileTree::addLost(const APFSFileRecords& lost, FileNode& orphans)
 {
-    std::vector<Placed> placed;
+    std::vector<NewNode> added;
     std::vector<APFSKnownObjects::Object> found;
     forEachObject(lost, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
         const auto names = known_.contains(id) ? std::vector<Link>()
                                                : namesOf(lost, inode, links, States::several);
         if (names.empty() || (inode == nullptr && !names.front().isFolder))
             return;
-        placed.push_back({ id, names.front().parent,
+        added.push_back({ id, names.front().parent,
             makeNode(lost, nullptr, inode, names.front(), EntryStatus::deleted) });
         found.push_back({ id, inode != nullptr ? inode->created : 0 });
     });
     known_.add(found);
     const auto listed = folders_; // the new ones may not outlive this call: their owner decides
-    for (const auto& file : placed)
+    for (const auto& file : added)
         if (file.node->isDirectory())
             addFolder(file.id, *file.node);
-    placeBelow(orphans, std::move(placed));
+    hangBelow(orphans, std::move(added));
     folders_ = listed;
 }
 
@@ -182,15 +187,15 @@ FileNode* APFSFileTree::orphans() const
 }
 
 /// How the new nodes hang together. What hangs in the tree already counts as the root.
-ParentLinks APFSFileTree::linksBetween(const std::vector<Placed>& placed) const
+ParentLinks APFSFileTree::linksBetween(const std::vector<NewNode>& added) const
 {
     std::unordered_map<const FileNode*, ParentLinks::Index> indices; // of the new folders
-    for (ParentLinks::Index i = 0; i < placed.size(); ++i)
-        if (placed[i].node->isDirectory())
-            indices.emplace(placed[i].node.get(), i);
+    for (ParentLinks::Index i = 0; i < added.size(); ++i)
+        if (added[i].node->isDirectory())
+            indices.emplace(added[i].node.get(), i);
     std::vector<ParentLinks::Index> parents;
-    parents.reserve(placed.size());
-    for (const auto& file : placed) {
+    parents.reserve(added.size());
+    for (const auto& file : added) {
         const auto parent = folders_.find(file.parent);
         if (parent == folders_.end()) {
             parents.push_back(ParentLinks::none);
@@ -204,12 +209,12 @@ ParentLinks APFSFileTree::linksBetween(const std::vector<Placed>& placed) const
 
 /// Gives every node to its folder. Those without one, and one of each ring of folders, become
 /// orphans in the volume's own folder for them.
-void APFSFileTree::place(std::vector<Placed> placed)
+void APFSFileTree::hang(std::vector<NewNode> added)
 {
-    const auto links = linksBetween(placed);
+    const auto links = linksBetween(added);
     auto* orphanFolder = orphans();
-    for (std::size_t i = 0; i < placed.size(); ++i) {
-        auto& [id, parent, node] = placed[i];
+    for (std::size_t i = 0; i < added.size(); ++i) {
+        auto& [id, parent, node] = added[i];
         if (links.parentOf(i) != ParentLinks::none) {
             folders_.at(parent)->add(std::move(node));
             continue;
@@ -223,17 +228,17 @@ void APFSFileTree::place(std::vector<Placed> placed)
     }
 }
 
-/// The same with `orphans` in the place of the root: below it are copies of the volume's folders.
-void APFSFileTree::placeBelow(FileNode& orphans, std::vector<Placed> placed)
+/// The same below `orphans` instead of the root: there are copies of the volume's folders.
+void APFSFileTree::hangBelow(FileNode& orphans, std::vector<NewNode> added)
 {
-    const auto links = linksBetween(placed);
+    const auto links = linksBetween(added);
     std::unordered_map<FileNode*, FileNode*> copies { { &root_, &orphans },
         { &orphans, &orphans } };
-    for (const auto& file : placed)
+    for (const auto& file : added)
         if (file.node->isDirectory())
             copies.emplace(file.node.get(), file.node.get());
-    for (std::size_t i = 0; i < placed.size(); ++i) {
-        auto& [id, parent, node] = placed[i];
+    for (std::size_t i = 0; i < added.size(); ++i) {
+        auto& [id, parent, node] = added[i];
         auto& folder = links.parentOf(i) == ParentLinks::none
             ? orphans
             : copyIn(orphans, *folders_.at(parent), copies);

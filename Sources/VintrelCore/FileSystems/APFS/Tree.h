@@ -44,9 +44,9 @@ private:
     using Link = APFSFileRecords::Link;
 
     /// A node that waits for its folder.
-    struct Placed {
+    struct NewNode {
         std::uint64_t id = 0;
-        std::uint64_t parent = 0;
+        std::uint64_t parent = 0; ///< by number
         std::unique_ptr<FileNode> node;
     };
 
@@ -58,10 +58,11 @@ private:
         std::span<const Link> links, States states);
     std::unique_ptr<FileNode> makeNode(const APFSFileRecords& records, const APFSFileRecords* live,
         const Inode* inode, const Link& link, EntryStatus status);
+    void addInUse(const APFSFileRecords& live);
     void addFolder(std::uint64_t id, FileNode& node) { folders_.emplace(id, &node); }
-    ParentLinks linksBetween(const std::vector<Placed>& placed) const;
-    void place(std::vector<Placed> placed);
-    void placeBelow(FileNode& orphans, std::vector<Placed> placed);
+    ParentLinks linksBetween(const std::vector<NewNode>& added) const;
+    void hang(std::vector<NewNode> added);
+    void hangBelow(FileNode& orphans, std::vector<NewNode> added);
     FileNode& copyIn(FileNode& orphans, FileNode& folder,
         std::unordered_map<FileNode*, FileNode*>& copies) const;
 

@@ -78,7 +78,7 @@ TEST(HFSPlus, Chances)
         { { .parent = 2, .name = u"i stykker", .id = 53, .size = 9000, .runs = { { 116, 2 } } },
             { .parent = 2, .name = u"komprimeret", .id = 54, .size = 9000, .ownerFlags = 0x20 },
             { .parent = 2, .name = u"ressource", .id = 55, .resourceSize = 99 } });
-    image.addOverflow(53, 2, { { 200, 90 } }); // by now it describes somebody else
+    image.addOverflow(53, 2, { { 200, 90 } }); // by now it describes another file
     image.setAllocated(113);
     image.setAllocated(114);
     const std::pair<const char*, const char*> expected[] = {
