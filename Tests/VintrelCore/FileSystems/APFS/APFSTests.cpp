@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 
 namespace {
 
@@ -291,6 +292,24 @@ TEST(APFS, DeletedFilesAndTheirChances)
         parse(without).volume->notes, Notes { "Oversigten over ledig plads kunne ikke læses." });
 }
 
+TEST(APFS, TheSpaceManagerFindsChunksByThemselvesAndByAddressBlocks)
+{
+    for (const bool hasAddressBlock : { false, true }) {
+        APFSImage image({ .hasAddressBlock = hasAddressBlock });
+        const auto reused = image.store(patternBytes(blockSize));
+        const auto freed = image.store(patternBytes(blockSize));
+        image.commit(
+            { image.file({ .id = 20, .parent = 2, .name = "genbrugt", .size = 4096 }, reused)
+                + image.file({ .id = 21, .parent = 2, .name = "hel", .size = 4096 }, freed) });
+        image.setFree(freed);
+        image.commit({ {} });
+        const auto disk = parse(image);
+        EXPECT_TRUE(disk.volume->notes.empty()) << hasAddressBlock;
+        EXPECT_EQ(chance(disk["/hel"]), "God");
+        EXPECT_EQ(chance(disk["/genbrugt"]), "Ringe: Blokkene er genbrugt af andre filer");
+    }
+}
+
 TEST(APFS, ASnapshotKeepsDeletedFilesWhole)
 {
     APFSImage image({ .snapshots = 1 });
@@ -411,4 +430,81 @@ TEST(APFS, ASuperblockFoundElsewhereLeadsToItsContainer)
         Notes { "Containerens første superblok er tabt. En af de andre er brugt." });
     EXPECT_TRUE(APFSParser::isInContainer(*volumes[0], image.offsetOf(0)));
     EXPECT_FALSE(APFSParser::isInContainer(*volumes[0], 0));
+}
+
+TEST(APFS, ALooseLeafGoesToTheVolumeThatItIsOf)
+{
+    constexpr std::uint64_t later = 1'700'000'000'000'000'000;
+    const struct {
+        const char* name;
+        std::uint64_t other;   // object that the leaf describes beside the lost file; 0: none
+        bool isNodeStillInUse; // the object map of its volume has the node, elsewhere
+    } rows[] = {
+        { "both have the number, with different dates", 20, false },
+        { "one of them has the number", 25, false },
+        { "neither has a number, but one has the node", 0, true },
+    };
+    for (const auto& [name, other, isNodeStillInUse] : rows) {
+        SCOPED_TRACE(name);
+        APFSImage image({ .blocks = 400, .volumes = 2 });
+        const auto file = [&](std::uint64_t id, std::uint64_t size = 0) {
+            return image.file({ .id = id,
+                .parent = 2,
+                .name = "fil " + std::to_string(id),
+                .size = size,
+                .created = later });
+        };
+        image.commit({ image.file({ .id = 20, .parent = 2, .name = "ældre" }) }, 0);
+        auto lost = file(30);
+        if (other != 0)
+            lost.push_back(
+                APFSImage::inode({ .id = other, .parent = 2, .name = "fil", .created = later }));
+        image.commit({ file(20) + file(25), lost }, 1);
+        for (std::uint64_t i = 0; i < 8; ++i) { // until the checkpoint area has forgotten it
+            std::vector<Leaf> leaves { file(20) + file(25) + file(26, i) };
+            if (isNodeStillInUse)
+                leaves.push_back(file(40));
+            image.commit(leaves, 1);
+        }
+        const auto source = image.source();
+        const auto volumes = APFSParser::parse(*source, 0, "prøve", nullptr);
+        ASSERT_EQ(volumes.size(), 2u);
+        const auto leaves = leavesIn(image.bytes());
+        EXPECT_FALSE(APFSParser::lostFiles(*source, *volumes[0], leaves, nullptr));
+        const auto found = APFSParser::lostFiles(*source, *volumes[1], leaves, nullptr);
+        ASSERT_TRUE(found);
+        ASSERT_EQ(found->children().size(), 1u);
+        EXPECT_EQ(found->children()[0]->name, "fil 30");
+    }
+}
+
+TEST(APFS, TreesThatShareNodesAreReadWithinABound)
+{
+    // More versions of nodes than the disk has blocks, each in a block of something else and far
+    // from the one before it, so that the source has to be asked for nearly every one.
+    constexpr std::uint64_t blocks = 1024;
+    constexpr std::uint64_t readsPerBlock = 10;
+    APFSImage image({ .blocks = blocks, .blockBytes = 64_KiB });
+    std::mt19937 random(1);
+    for (std::uint64_t oid = 2000; oid < 6000; ++oid) {
+        std::vector<std::uint64_t> versions(9);
+        std::ranges::generate(versions, [&] { return 200 + random() % (blocks - 200); });
+        image.addNode(oid, versions);
+    }
+    image.commit({ image.file({ .id = 20, .parent = 2, .name = "fil" }) });
+    const auto disk = parse(image);
+    ASSERT_TRUE(disk.volume);
+    EXPECT_LT(disk.source->bytesRead(),
+        readsPerBlock * blocks * static_cast<std::uint64_t>(DiskSource::chunkSize));
+}
+
+TEST(APFS, AContainerIsToldByTheMagicOfItsFirstBlock)
+{
+    APFSImage image({});
+    const auto head = [&](std::int64_t count) { return ByteView(image.bytes()).sub(0, count); };
+    EXPECT_EQ(APFSParser::probe(head(4096)), std::nullopt);
+    image.commit({ {} });
+    EXPECT_EQ(APFSParser::probe(head(4096)), FileSystemType::apfs);
+    EXPECT_EQ(APFSParser::probe(head(36)), FileSystemType::apfs);
+    EXPECT_EQ(APFSParser::probe(head(35)), std::nullopt);
 }

@@ -58,6 +58,64 @@ TEST(HFSPlus, LiveFilesInPiecesAndDeletedOnesFromStaleNodes)
         << "the live record wins, whatever its date";
 }
 
+TEST(HFSPlus, OfDeletedRecordsOfOneFileTheNewestCounts)
+{
+    const struct {
+        std::uint32_t first, second; // dates, in the order of the nodes
+        const char* name;
+    } rows[] = { { 0xE0000001, 0xE0000000, " /første" }, { 0xE0000000, 0xE0000001, " /anden" },
+        { 0xE0000000, 0xE0000000, " /første" }, { 0, 0xE0000000, " /anden" } };
+    for (const auto& [first, second, name] : rows) {
+        HFSPlusImage image;
+        image.setLeaf(2, { rootRecord });
+        image.setLeaf(3, { { .parent = 2, .name = u"første", .id = 30, .modified = first } });
+        image.setLeaf(4, { { .parent = 2, .name = u"anden", .id = 30, .modified = second } });
+        image.chain({ 2 });
+        EXPECT_EQ(parse(image).names(), name) << first << " " << second;
+    }
+}
+
+TEST(HFSPlus, AVolumeIsToldByTheHeaderInItsSecondKilobyte)
+{
+    const struct {
+        const char* what;
+        std::uint64_t at, value; // of the header
+        int width;
+        bool isHeader;
+    } rows[] = { { "HFS+", 0, 0x482B0004, 4, true }, { "HFSX", 0, 0x48580005, 4, true },
+        { "HFSX with the version of HFS+", 0, 0x48580004, 4, false },
+        { "blocks of 256 bytes", 40, 256, 4, false }, { "of 512 bytes", 40, 512, 4, true },
+        { "of 3000 bytes", 40, 3000, 4, false }, { "of 1 MiB", 40, 1_MiB, 4, true },
+        { "of 2 MiB", 40, 2_MiB, 4, false }, { "no blocks", 44, 0, 4, false } };
+    for (const auto& [what, at, value, width, isHeader] : rows) {
+        HFSPlusImage image;
+        putBE(image.bytes(), 1024 + at, value, width);
+        const ByteView bytes(image.bytes());
+        EXPECT_EQ(HFSPlusParser::isVolumeHeader(bytes.sub(1024, 48)), isHeader) << what;
+        EXPECT_EQ(HFSPlusParser::probe(bytes.sub(0, 4096)).has_value(), isHeader) << what;
+        EXPECT_FALSE(HFSPlusParser::isVolumeHeader(bytes.sub(1024, 47))) << what;
+    }
+}
+
+TEST(HFSPlus, TheAlternateHeaderLeavesTheVolumeABlockToBeLongerThanItsBlocks)
+{
+    HFSPlusImage image;
+    auto& bytes = image.bytes();
+    putBE(bytes, 1024 + 40, 2048, 4);
+    putBE(bytes, 1024 + 44, 100, 4);
+    const auto startsAt = [&](std::uint64_t offset) {
+        return HFSPlusParser::startsByAlternate(ByteView(bytes).sub(1024, 512), offset);
+    };
+    using Starts = std::vector<std::uint64_t>;
+    constexpr std::uint64_t size = 204'800;
+    EXPECT_EQ(startsAt(8192 + size - 1024), (Starts { 8192, 7680, 7168, 6656 }));
+    EXPECT_EQ(startsAt(512 + size - 1024), (Starts { 512, 0 })) << "none before the source";
+    EXPECT_EQ(startsAt(size - 1025), Starts {});
+    EXPECT_EQ(startsAt(~std::uint64_t { 0 }), Starts {});
+    putBE(bytes, 1024, 0, 1);
+    EXPECT_EQ(startsAt(8192 + size - 1024), Starts {}) << "no header";
+}
+
 TEST(HFSPlus, Chances)
 {
     HFSPlusImage image;
