@@ -63,7 +63,7 @@ TEST(APFS, ChecksumIsTheSumOfSumsAndZeroNeverPasses)
     EXPECT_FALSE(APFSParser::checksumOK(Bytes(4096)));
 }
 
-TEST(APFS, NodesAndLeavesAreToldByTheirHeaders)
+TEST(APFS, TellsNodesAndLeavesByTheirHeaders)
 {
     APFSImage image({});
     image.commit({ { image.file({ .id = 20, .parent = 2, .name = "fil" }) } });
@@ -167,7 +167,7 @@ TEST(APFS, ObjectMapsGiveTheNewestVersionThatIsAllowed)
     }
 }
 
-TEST(APFS, FilesOfEveryKind)
+TEST(APFS, ReadsFilesOfEveryKindByHashedAndPlainNames)
 {
     for (const bool isHashed : { true, false }) {
         APFSImage image({ .base = 63 * 512, .isHashed = isHashed, .name = "Mit drev" });
@@ -198,9 +198,7 @@ TEST(APFS, FilesOfEveryKind)
                 + image.file({ .id = 26, .parent = 3, .name = "26-dead" }),
             image.file({ .id = 30, .parent = 2, .name = "afkortet", .size = 2 * blockSize })
                 + Leaf { image.extent(30, 0, blockSize, block), image.entry(2, "uden inode", 43) }
-                + image.file({ .id = 31, .parent = 2, .name = "udenfor", .size = 10 }, 299'999)
-                + image.folder(40, 41, "ring") + image.folder(41, 40, "ring 2")
-                + image.folder(42, 42, "selv") });
+                + image.file({ .id = 31, .parent = 2, .name = "udenfor", .size = 10 }, 299'999) });
         const auto disk = parse(image, 63 * 512);
         EXPECT_EQ(disk.volume->title(), "Mit drev (APFS)");
         EXPECT_TRUE(disk.volume->notes.empty());
@@ -227,13 +225,25 @@ TEST(APFS, FilesOfEveryKind)
         for (const auto& [path, text] : chances)
             EXPECT_EQ(chance(disk[path]), text) << path;
         EXPECT_EQ(disk.names().find("dead"), std::string::npos);
-        EXPECT_TRUE(disk["/$Forældreløse filer/selv"].isDirectory());
-        EXPECT_EQ(disk.volume->root->totals().folders, 5u)
-            << "each ring hangs together among the orphans";
     }
 }
 
-TEST(APFS, DeletedFilesAndTheirChances)
+TEST(APFS, CutsRingsOfFoldersAndKeepsWhatHangsBelowThem)
+{
+    APFSImage image({});
+    image.commit({ image.folder(40, 41, "ring") + image.folder(41, 40, "ring 2")
+        + image.folder(42, 42, "selv") + image.file({ .id = 43, .parent = 41, .name = "fil" })
+        + image.folder(44, 99, "løs") + image.folder(45, 44, "under") });
+    const auto disk = parse(image);
+    const std::string orphans = " /$Forældreløse filer";
+    EXPECT_EQ(disk.names(),
+        orphans + orphans + "/løs" + orphans + "/løs/under" + orphans + "/ring" + orphans
+            + "/ring/ring 2" + orphans + "/ring/ring 2/fil" + orphans + "/selv");
+    EXPECT_EQ(disk["/$Forældreløse filer/ring"].status, EntryStatus::orphaned);
+    EXPECT_EQ(disk["/$Forældreløse filer/ring/ring 2"].status, EntryStatus::existing);
+}
+
+TEST(APFS, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
 {
     APFSImage image({});
     const auto content = patternBytes(2 * blockSize);
@@ -322,7 +332,7 @@ TEST(APFS, ASnapshotKeepsDeletedFilesWhole)
         parse(image).volume->notes, Notes { "Volumen har snapshots. De vises ikke for sig." });
 }
 
-TEST(APFS, WhatCannotBeReadIsSaid)
+TEST(APFS, SaysWhatCannotBeRead)
 {
     APFSImage encrypted({ .flags = 0 });
     encrypted.commit({ { encrypted.file({ .id = 20, .parent = 2, .name = "fil" }) } });
@@ -330,13 +340,19 @@ TEST(APFS, WhatCannotBeReadIsSaid)
     EXPECT_EQ(parse(encrypted).volume->notes,
         Notes { "Volumen er krypteret (FileVault). Filerne kan ikke læses uden at låse disken op i "
                 "macOS." });
-    const std::pair<std::uint16_t, const char*> roles[]
-        = { { 1, "System" }, { 16, "Preboot" }, { 0x20, "0x20" } };
+}
+
+TEST(APFS, NamesRolesAndGivesUnknownOnesInHexadecimal)
+{
+    const std::pair<std::uint16_t, const char*> roles[] = { { 1, "System" }, { 16, "Preboot" },
+        { 0x20, "0x20" }, { 0, "0x0" }, { 0xABC0, "0xABC0" } };
     for (const auto& [role, name] : roles)
         EXPECT_EQ(APFSParser::roleName(role), name);
+}
 
-    // A leaf is damaged: an older version of it steps in. The roots are too: the object map still
-    // knows the leaves.
+TEST(APFS, OlderVersionsStepInForDamagedNodes)
+{
+    // The object map still knows the leaves of a tree whose roots are damaged too.
     APFSImage image({});
     const auto to = image.file({ .id = 21, .parent = 2, .name = "to" });
     image.commit({ image.file({ .id = 20, .parent = 2, .name = "en" }), to });
@@ -396,17 +412,23 @@ TEST(APFS, LooseLeavesGiveWhatNoCheckpointLeadsTo)
     EXPECT_FALSE(APFSParser::lostFiles(*joined.source, *joined.volume, leaves, nullptr));
     EXPECT_EQ(joined["/$Forældreløse filer"].children().size(), 4u) << joined.names();
     EXPECT_EQ(joined.content("/$Forældreløse filer/mappe/tabt"), content);
+}
 
-    // Another container's leaf, from before the disk was formatted: it says other things of the
-    // same numbers.
+TEST(APFS, ALooseLeafOfAnEarlierContainerIsLeftAlone)
+{
+    // It says other things of the same numbers.
     APFSImage foreign({});
     foreign.commit({ { foreign.file({ .id = 16, .parent = 2, .name = "fremmed", .created = 5 })
         + foreign.file({ .id = 77, .parent = 2, .name = "x" }) } });
+    const auto leaf
+        = std::span(foreign.bytes()).subspan(foreign.offsetOf(foreign.leafBlock(0)), blockSize);
+    APFSImage image({});
+    image.commit({ image.folder(16, 2, "mappe") });
     const auto at = image.offsetOf(250);
-    image.write(
-        at, std::span(foreign.bytes()).subspan(foreign.offsetOf(foreign.leafBlock(0)), blockSize));
-    auto other = parse(image);
-    EXPECT_FALSE(APFSParser::lostFiles(*other.source, *other.volume, std::vector { at }, nullptr));
+    image.write(at, leaf);
+    const auto disk = parse(image);
+    EXPECT_FALSE(APFSParser::lostFiles(*disk.source, *disk.volume, std::vector { at }, nullptr));
+    EXPECT_EQ(disk.names(), " /mappe");
 }
 
 TEST(APFS, ASuperblockFoundElsewhereLeadsToItsContainer)

@@ -20,7 +20,7 @@ const Record rootRecord { .parent = 1, .name = u"DISK", .id = 2, .isFolder = tru
 
 } // namespace
 
-TEST(HFSPlus, LiveFilesInPiecesAndDeletedOnesFromStaleNodes)
+TEST(HFSPlus, ReadsLiveFilesInPiecesAndDeletedOnesFromStaleNodes)
 {
     HFSPlusImage image;
     const auto content = patternBytes(2000);
@@ -116,7 +116,7 @@ TEST(HFSPlus, TheAlternateHeaderLeavesTheVolumeABlockToBeLongerThanItsBlocks)
     EXPECT_EQ(startsAt(8192 + size - 1024), Starts {}) << "no header";
 }
 
-TEST(HFSPlus, Chances)
+TEST(HFSPlus, JudgesFilesByTheirExtentsAndTheAllocationFile)
 {
     HFSPlusImage image;
     image.setLeaf(2,
@@ -165,7 +165,7 @@ TEST(HFSPlus, Chances)
     EXPECT_EQ(chance(without["/genbrugt"]), "Ukendt");
 }
 
-TEST(HFSPlus, HardLinksOrphansAndPrivateFolders)
+TEST(HFSPlus, FollowsHardLinksAndHidesPrivateFolders)
 {
     HFSPlusImage image(true);
     image.write(HFSPlusImage::offsetOf(150), bytesOf("indhold"));
@@ -177,24 +177,40 @@ TEST(HFSPlus, HardLinksOrphansAndPrivateFolders)
                 .isFolder = true },
             { .parent = 16, .name = u"iNode7", .id = 60, .size = 7, .runs = { { 150, 1 } } },
             { .parent = 2, .name = u"link", .id = 61, .linkTo = 7 } });
-    image.setLeaf(3,
-        { { .parent = 2, .name = u"dødt link", .id = 62, .linkTo = 8 },
-            { .parent = 99, .name = u"uden forælder", .id = 63, .isFolder = true },
-            { .parent = 71, .name = u"ring", .id = 70, .isFolder = true },
-            { .parent = 70, .name = u"", .id = 71, .isFolder = true },
-            { .parent = 61, .name = u"under en fil", .id = 72 } });
+    image.setLeaf(3, { { .parent = 2, .name = u"dødt link", .id = 62, .linkTo = 8 } });
     image.chain({ 2, 3 });
     const auto disk = parse(image);
     EXPECT_EQ(disk.volume->notes, std::vector<std::string> { "HFSX (versalfølsom)" });
     EXPECT_EQ(disk.content("/link"), bytesOf("indhold"));
     EXPECT_EQ(chance(disk["/dødt link"]), "Ringe: Filen, som linket peger på, blev ikke fundet");
+    const std::string orphans = " /$Forældreløse filer";
+    EXPECT_EQ(disk.names(), orphans + orphans + "/iNode7 /dødt link /link");
+}
+
+TEST(HFSPlus, HangsWhatTheRootDoesNotReachSideBySide)
+{
+    HFSPlusImage image;
+    image.setLeaf(2,
+        { rootRecord, { .parent = 99, .name = u"uden forælder", .id = 63, .isFolder = true },
+            { .parent = 63, .name = u"dens barn", .id = 64 },
+            { .parent = 71, .name = u"ring", .id = 70, .isFolder = true },
+            { .parent = 70, .name = u"", .id = 71, .isFolder = true } });
+    image.setLeaf(3,
+        { { .parent = 70, .name = u"på ringen", .id = 72, .isFolder = true },
+            { .parent = 73, .name = u"selv", .id = 73, .isFolder = true },
+            { .parent = 2, .name = u"fil", .id = 61 },
+            { .parent = 61, .name = u"under en fil", .id = 74 } });
+    image.chain({ 2, 3 });
+    const auto disk = parse(image);
     std::string orphans;
     for (const auto& node : disk["/$Forældreløse filer"].children())
         orphans += node->name + "; ";
-    EXPECT_EQ(orphans, "ring; uden forælder; unavngivet-71; iNode7; under en fil; ");
+    EXPECT_EQ(
+        orphans, "på ringen; ring; selv; uden forælder; unavngivet-71; dens barn; under en fil; ");
+    EXPECT_EQ(disk.volume->root->totals().files, 3u);
 }
 
-TEST(HFSPlus, ChainsThatLoopOrAreCutByUnreadableSectors)
+TEST(HFSPlus, FollowsChainsThatLoopOrAreCutByUnreadableSectors)
 {
     HFSPlusImage image;
     image.setLeaf(2, { rootRecord });
@@ -212,7 +228,7 @@ TEST(HFSPlus, ChainsThatLoopOrAreCutByUnreadableSectors)
     EXPECT_EQ(loop["/sidst"].status, EntryStatus::deleted);
 }
 
-TEST(HFSPlus, DamagedHeadersTreesAndRecords)
+TEST(HFSPlus, KeepsWhatDamagedHeadersTreesAndRecordsLeave)
 {
     HFSPlusImage sound;
     sound.setLeaf(2,
