@@ -15,7 +15,8 @@ constexpr std::uint64_t bitmapBlock = dataBase + dataBlocks; // one chunk, and i
 constexpr std::uint64_t chunkInfoBlock = bitmapBlock + 1;
 constexpr std::uint64_t firstFree = chunkInfoBlock + 1;
 constexpr std::uint64_t firstIndexOID = 100'000;
-constexpr std::size_t childrenPerNode = 50;
+constexpr std::uint64_t oidsPerVolume = 10'000;
+constexpr std::uint64_t bytesPerChild = 81; ///< of an index node, generously
 constexpr std::uint32_t physical = 0x40000000, ephemeral = 0x80000000;
 
 /// A key or value, written field by field.
@@ -59,6 +60,7 @@ APFSImage::APFSImage(Options options)
     : options_(std::move(options))
     , nextFree_(firstFree)
     , allocated_(options_.blocks)
+    , volumes_(options_.volumes)
 {
     bytes_.resize(offsetOf(options_.blocks));
     std::fill_n(allocated_.begin(), firstFree, true);
@@ -148,7 +150,7 @@ std::uint64_t APFSImage::allocate(std::uint64_t count)
 
 std::uint64_t APFSImage::store(const Bytes& content)
 {
-    const auto block = allocate((content.size() + blockSize - 1) / blockSize);
+    const auto block = allocate((content.size() + options_.blockBytes - 1) / options_.blockBytes);
     write(offsetOf(block), content);
     return block;
 }
@@ -162,15 +164,15 @@ void APFSImage::put(std::uint64_t block, std::initializer_list<Field> fields)
 void APFSImage::header(
     std::uint64_t block, std::uint64_t oid, std::uint32_t type, std::uint32_t subtype)
 {
-    std::fill_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offsetOf(block)), blockSize,
+    std::fill_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offsetOf(block)), options_.blockBytes,
         std::uint8_t { 0 });
     put(block, { { 8, oid, 8 }, { 16, xid_, 8 }, { 24, type, 4 }, { 28, subtype, 4 } });
 }
 
 void APFSImage::sign(std::uint64_t block, std::uint64_t count)
 {
-    const auto object = ByteView(bytes_).sub(
-        static_cast<std::int64_t>(offsetOf(block)), static_cast<std::int64_t>(count * blockSize));
+    const auto object = ByteView(bytes_).sub(static_cast<std::int64_t>(offsetOf(block)),
+        static_cast<std::int64_t>(count * options_.blockBytes));
     put(block, { { 0, APFSParser::fletcher64(object), 8 } });
 }
 
@@ -192,7 +194,8 @@ void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t 
         { { 32, (kind.isRoot ? 1u : 0u) | (kind.level == 0 ? 2u : 0u) | (isFixed ? 4u : 0u), 2 },
             { 34, kind.level, 2 }, { 36, records.size(), 4 }, { 42, tableSize, 2 } });
     std::uint64_t keyAt = 0, valueAt = 0, entry = 56;
-    const std::uint64_t keyArea = 56 + tableSize, valueEnd = blockSize - (kind.isRoot ? 40 : 0);
+    const std::uint64_t keyArea = 56 + tableSize,
+                        valueEnd = options_.blockBytes - (kind.isRoot ? 40 : 0);
     for (const auto& [key, value] : records) {
         valueAt += value.size();
         if (keyArea + keyAt + key.size() + valueAt > valueEnd)
@@ -214,7 +217,7 @@ void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t 
             { 52, 0xFFFF, 4 } });
     if (const auto footer = valueEnd; kind.isRoot)
         put(block,
-            { { footer + 4, blockSize, 4 }, { footer + 8, kind.fixedKey, 4 },
+            { { footer + 4, options_.blockBytes, 4 }, { footer + 8, kind.fixedKey, 4 },
                 { footer + 12, kind.fixedValue, 4 }, { footer + 24, records.size(), 8 },
                 { footer + 32, 1, 8 } });
     sign(block);
@@ -223,11 +226,11 @@ void APFSImage::writeNode(std::uint64_t block, std::uint64_t oid, std::uint32_t 
 /// The block of the map. Its tree has one node, or as many leaves as are needed below one root.
 std::uint64_t APFSImage::writeObjectMap(const std::multimap<std::uint64_t, Node>& objects)
 {
-    constexpr std::size_t recordsPerLeaf = 100;
+    const std::size_t recordsPerLeaf = options_.blockBytes / 40;
     std::vector<Record> all;
     for (const auto& [oid, node] : objects)
         all.push_back({ Fields().add(oid, 8).add(node.xid, 8).bytes,
-            Fields().add(0, 4).add(blockSize, 4).add(node.block, 8).bytes });
+            Fields().add(0, 4).add(options_.blockBytes, 4).add(node.block, 8).bytes });
     NodeKind kind { .subtype = 11, .fixedKey = 16, .fixedValue = 16 };
     if (all.size() > recordsPerLeaf) {
         for (const auto& records : split(std::exchange(all, {}), recordsPerLeaf)) {
@@ -258,57 +261,77 @@ std::vector<APFSImage::Leaf> APFSImage::split(Leaf records, std::size_t perLeaf)
     return leaves;
 }
 
-void APFSImage::commit(std::vector<Leaf> leaves)
+void APFSImage::commit(std::vector<Leaf> leaves, std::size_t volume)
 {
     ++xid_;
+    auto& [superblock, xid, nodes, heldNodes, namedNodes] = volumes_.at(volume);
+    const auto firstOID = firstLeafOID + volume * oidsPerVolume;
     leaves.at(0).push_back(inode({ .id = 2, .parent = 1, .name = "root", .mode = 0x41ED }));
     std::vector<Record> index;
     for (std::size_t i = 0; i < leaves.size(); ++i) {
         auto& records = leaves[i];
         sort(records);
-        auto& node = nodes_[firstLeafOID + i];
+        auto& node = nodes[firstOID + i];
         if (node.records != records) {
             if (node.block != 0 && options_.snapshots != 0)
-                heldNodes_.emplace(firstLeafOID + i, node);
+                heldNodes.emplace(firstOID + i, node);
             node = { allocate(), xid_, records };
-            writeNode(node.block, firstLeafOID + i, 0, {}, records);
+            writeNode(node.block, firstOID + i, 0, {}, records);
         }
         index.push_back({ records.empty() ? key(i, 3).bytes : records[0].key,
-            Fields().add(firstLeafOID + i, 8).bytes });
+            Fields().add(firstOID + i, 8).bytes });
     }
-    nodes_.erase(nodes_.lower_bound(firstLeafOID + leaves.size()), nodes_.end());
+    for (const auto oid : namedNodes)
+        index.push_back({ key(oid, 3).bytes, Fields().add(oid, 8).bytes });
+    nodes.erase(nodes.lower_bound(firstOID + leaves.size()), nodes.end());
+    const std::size_t childrenPerNode = options_.blockBytes / bytesPerChild;
     std::uint16_t level = 1;
-    for (auto oid = firstIndexOID; index.size() > childrenPerNode; ++level) {
+    for (auto oid = firstIndexOID + volume * oidsPerVolume; index.size() > childrenPerNode;
+         ++level) {
         std::vector<Record> above;
         for (const auto& children : split(std::exchange(index, {}), childrenPerNode)) {
-            nodes_[oid] = { allocate(), xid_, {} };
-            writeNode(nodes_[oid].block, oid, 0, { .level = level }, children);
+            nodes[oid] = { allocate(), xid_, {} };
+            writeNode(nodes[oid].block, oid, 0, { .level = level }, children);
             above.push_back({ children[0].key, Fields().add(oid++, 8).bytes });
         }
         index = above;
     }
-    nodes_[rootOID] = { allocate(), xid_, {} };
-    writeNode(nodes_[rootOID].block, rootOID, 0, { .level = level, .isRoot = true }, index);
-    writeVolume();
+    const auto root = rootOID + volume * oidsPerVolume;
+    nodes[root] = { allocate(), xid_, {} };
+    writeNode(nodes[root].block, root, 0, { .level = level, .isRoot = true }, index);
+    writeVolume(volume);
     writeCheckpoint();
 }
 
-void APFSImage::writeVolume()
+void APFSImage::addNode(std::uint64_t oid, const std::vector<std::uint64_t>& blocks)
 {
-    auto objects = heldNodes_;
-    objects.insert(nodes_.begin(), nodes_.end());
+    volumes_[0].namedNodes.push_back(oid);
+    for (const auto block : blocks)
+        volumes_[0].heldNodes.emplace(oid, Node { block, 1, {} });
+}
+
+void APFSImage::writeVolume(std::size_t volume)
+{
+    auto& state = volumes_[volume];
+    auto objects = state.heldNodes;
+    objects.insert(state.nodes.begin(), state.nodes.end());
     const auto map = writeObjectMap(objects);
-    const auto block = volumeSuperblock_ = allocate();
-    header(block, volumeOID, 13);
+    const auto block = state.superblock = allocate();
+    state.xid = xid_;
+    header(block, oidOf(volume), 13);
     write(offsetOf(block) + 32, bytesOf("APSB"));
     put(block,
         { { 56, options_.isHashed ? 1u : 0u, 8 }, { 116, 2, 4 }, { 128, map, 8 },
-            { 136, rootOID, 8 }, { 176, 5000, 8 }, { 216, options_.snapshots, 8 }, { 240, 77, 8 },
-            { 264, options_.flags, 8 } });
+            { 136, rootOID + volume * oidsPerVolume, 8 }, { 176, 5000, 8 },
+            { 216, options_.snapshots, 8 }, { 240, 77, 8 }, { 264, options_.flags, 8 } });
     write(offsetOf(block) + 704, bytesOf(options_.name));
     put(block, { { 964, options_.role, 2 } });
     sign(block);
-    containerMap_ = writeObjectMap({ { volumeOID, { block, xid_, {} } } });
+    std::multimap<std::uint64_t, Node> superblocks;
+    for (std::size_t i = 0; i < volumes_.size(); ++i)
+        if (volumes_[i].superblock != 0)
+            superblocks.emplace(oidOf(i), Node { volumes_[i].superblock, volumes_[i].xid, {} });
+    containerMap_ = writeObjectMap(superblocks);
 }
 
 void APFSImage::writeCheckpoint()
@@ -335,11 +358,18 @@ void APFSImage::writeCheckpoint()
         { { 36, 1, 4 }, { 40, xid_, 8 }, { 56, options_.blocks, 4 }, { 64, bitmapBlock, 8 } });
     sign(chunkInfoBlock);
 
+    const auto addressBlock = options_.blocks - 1;
+    if (options_.hasAddressBlock) {
+        header(addressBlock, addressBlock, physical | 6);
+        put(addressBlock, { { 36, 1, 4 }, { 40, chunkInfoBlock, 8 } });
+        sign(addressBlock);
+    }
     header(manager, spaceManagerOID, ephemeral | 5);
     put(manager,
-        { { 32, blockSize, 4 }, { 36, blockSize * 8, 4 }, { 40, 126, 4 }, { 44, 507, 4 },
-            { 48, options_.blocks, 8 }, { 56, 1, 8 }, { 64, 1, 4 }, { 80, 2520, 4 },
-            { 248, queueOID, 8 }, { 2520, chunkInfoBlock, 8 } });
+        { { 32, options_.blockBytes, 4 }, { 36, options_.blockBytes * 8, 4 }, { 40, 126, 4 },
+            { 44, 507, 4 }, { 48, options_.blocks, 8 }, { 56, 1, 8 }, { 64, 1, 4 },
+            { 68, options_.hasAddressBlock ? 1u : 0u, 4 }, { 80, 2520, 4 }, { 248, queueOID, 8 },
+            { 2520, options_.hasAddressBlock ? addressBlock : chunkInfoBlock, 8 } });
     sign(manager);
 
     header(map, map, physical | 12);
@@ -349,7 +379,7 @@ void APFSImage::writeCheckpoint()
         { std::tuple(5u, spaceManagerOID, manager), std::tuple(2u, queueOID, queue) }) {
         put(map,
             { { at, ephemeral | type, 4 }, { at + 4, type == 2 ? 9u : 0u, 4 },
-                { at + 8, blockSize, 4 }, { at + 24, oid, 8 }, { at + 32, block, 8 } });
+                { at + 8, options_.blockBytes, 4 }, { at + 24, oid, 8 }, { at + 32, block, 8 } });
         at += 40;
     }
     sign(map);
@@ -358,13 +388,15 @@ void APFSImage::writeCheckpoint()
         header(block, 1, ephemeral | 1);
         write(offsetOf(block) + 32, bytesOf("NXSB"));
         put(block,
-            { { 36, blockSize, 4 }, { 40, options_.blocks, 8 }, { 64, 2, 8 }, { 72, 42, 8 },
-                { 88, 2000, 8 }, { 96, xid_ + 1, 8 }, { 104, descriptorBlocks, 4 },
+            { { 36, options_.blockBytes, 4 }, { 40, options_.blocks, 8 }, { 64, 2, 8 },
+                { 72, 42, 8 }, { 88, 2000, 8 }, { 96, xid_ + 1, 8 }, { 104, descriptorBlocks, 4 },
                 { 108, dataBlocks, 4 }, { 112, descriptorBase, 8 }, { 120, dataBase, 8 },
                 { 128, (index + 2) % descriptorBlocks, 4 }, { 132, (index + 2) % dataBlocks, 4 },
                 { 136, index, 4 }, { 140, 2, 4 }, { 144, index, 4 }, { 148, 2, 4 },
                 { 152, spaceManagerOID, 8 }, { 160, containerMap_, 8 }, { 168, reaperOID, 8 },
-                { 180, 1, 4 }, { 184, volumeOID, 8 } });
+                { 180, options_.volumes, 4 } });
+        for (std::size_t i = 0; i < volumes_.size(); ++i)
+            put(block, { { 184 + 8 * i, oidOf(i), 8 } });
         sign(block);
     }
 }

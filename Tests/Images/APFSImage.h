@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
-/// Builds an APFS container with one volume in memory, one transaction after the other: each writes
-/// what it changes to blocks that were never used before, so that all older states stay on the
-/// disk, and in the checkpoint area as long as that has room.
+/// Builds an APFS container in memory, most often with one volume, one transaction after the other:
+/// each writes what it changes to blocks that were never used before, so that all older states stay
+/// on the disk, and in the checkpoint area as long as that has room.
 class APFSImage : public DiskImage {
 public:
     struct Options {
@@ -20,6 +20,9 @@ public:
         std::uint64_t snapshots = 0;
         std::uint64_t flags = 1; ///< unencrypted
         std::string name = "DISK";
+        std::size_t volumes = 1;
+        std::uint64_t blockBytes = 4096;
+        bool hasAddressBlock = false; ///< as large containers have between space manager and chunks
     };
 
     struct Inode {
@@ -59,8 +62,12 @@ public:
     static std::vector<Leaf> split(Leaf records, std::size_t perLeaf);
 
     /// Makes these leaves the tree, in a new transaction. A leaf that stays the same keeps its
-    /// block. Records are sorted within each leaf; the root folder's come by themselves.
-    void commit(std::vector<Leaf> leaves);
+    /// block. Records are sorted within each leaf; the root folder's come by themselves. The other
+    /// volumes stay as they are.
+    void commit(std::vector<Leaf> leaves, std::size_t volume = 0);
+    /// Lets the first volume's tree name a node, and its object map say that versions of it lie in
+    /// these blocks, whatever is there.
+    void addNode(std::uint64_t oid, const std::vector<std::uint64_t>& blocks);
 
     /// Blocks for content.
     std::uint64_t store(const Bytes& content);
@@ -69,11 +76,17 @@ public:
     /// Blocks that wait in the queue of freed ones: first and count. The bitmap calls them in use.
     std::vector<std::pair<std::uint64_t, std::uint64_t>> freeQueue;
 
-    std::uint64_t offsetOf(std::uint64_t block) const { return options_.base + block * blockSize; }
-    std::uint64_t leafBlock(std::size_t leaf) const { return nodes_.at(firstLeafOID + leaf).block; }
+    std::uint64_t offsetOf(std::uint64_t block) const
+    {
+        return options_.base + block * options_.blockBytes;
+    }
+    std::uint64_t leafBlock(std::size_t leaf) const
+    {
+        return volumes_[0].nodes.at(firstLeafOID + leaf).block;
+    }
     std::uint64_t xid() const { return xid_; }
     std::uint64_t superblock() const { return superblock_; } ///< block of the newest checkpoint's
-    std::uint64_t volumeSuperblock() const { return volumeSuperblock_; }
+    std::uint64_t volumeSuperblock() const { return volumes_[0].superblock; }
     std::uint64_t containerMap() const { return containerMap_; } ///< block
     /// Gives a block its checksum.
     void sign(std::uint64_t block, std::uint64_t count = 1);
@@ -91,6 +104,13 @@ private:
         std::uint64_t block = 0;
         std::uint64_t xid = 0;
         Leaf records;
+    };
+    struct VolumeState {
+        std::uint64_t superblock = 0;                 ///< block
+        std::uint64_t xid = 0;                        ///< of the superblock
+        std::map<std::uint64_t, Node> nodes;          ///< of the file-system tree, by oid
+        std::multimap<std::uint64_t, Node> heldNodes; ///< versions that its object map keeps
+        std::vector<std::uint64_t> namedNodes;        ///< that only its index names
     };
     struct Field {
         std::uint64_t at, value;
@@ -111,14 +131,15 @@ private:
         const NodeKind& kind, const std::vector<Record>& records);
     /// An object's versions stand from the oldest to the newest.
     std::uint64_t writeObjectMap(const std::multimap<std::uint64_t, Node>& objects);
-    void writeVolume();
+    /// The oid of a volume.
+    static std::uint64_t oidOf(std::size_t volume) { return volumeOID + volume * 100; }
+    void writeVolume(std::size_t volume);
     void writeCheckpoint();
 
     Options options_;
     std::uint64_t xid_ = 0;
     std::uint64_t nextFree_;
-    std::uint64_t superblock_ = 0, volumeSuperblock_ = 0, containerMap_ = 0;
+    std::uint64_t superblock_ = 0, containerMap_ = 0;
     std::vector<bool> allocated_;
-    std::map<std::uint64_t, Node> nodes_;          ///< of the file-system tree, by oid
-    std::multimap<std::uint64_t, Node> heldNodes_; ///< versions that a snapshot keeps
+    std::vector<VolumeState> volumes_;
 };

@@ -22,24 +22,24 @@ void appendName(Bytes& bytes, const std::u16string& name)
         append(bytes, unit, 2);
 }
 
-void putRuns(Bytes& bytes, std::uint64_t at, const std::vector<HFSPlusImage::Run>& runs)
+void putExtents(Bytes& bytes, std::uint64_t at, const std::vector<HFSPlusImage::Extent>& extents)
 {
-    for (const auto& [start, count] : runs) {
+    for (const auto& [start, count] : extents) {
         putBE(bytes, at, start, 4);
         putBE(bytes, at + 4, count, 4);
         at += 8;
     }
 }
 
-void putFork(
-    Bytes& bytes, std::uint64_t at, std::uint64_t size, const std::vector<HFSPlusImage::Run>& runs)
+void putFork(Bytes& bytes, std::uint64_t at, std::uint64_t size,
+    const std::vector<HFSPlusImage::Extent>& extents)
 {
     std::uint32_t count = 0;
-    for (const auto& run : runs)
-        count += run.count;
+    for (const auto& extent : extents)
+        count += extent.count;
     putBE(bytes, at, size, 8);
     putBE(bytes, at + 12, count, 4);
-    putRuns(bytes, at + 16, runs);
+    putExtents(bytes, at + 16, extents);
 }
 
 Bytes encoded(const HFSPlusImage::Record& record)
@@ -65,7 +65,7 @@ Bytes encoded(const HFSPlusImage::Record& record)
     return bytes;
 }
 
-/// The record that leads from a file's or folder's ID to its place.
+/// The thread record of a file or folder: its parent and name, by its ID.
 Bytes encodedThread(const HFSPlusImage::Record& record)
 {
     Bytes bytes;
@@ -151,14 +151,14 @@ void HFSPlusImage::chain(const std::vector<std::uint8_t>& nodes)
 }
 
 void HFSPlusImage::addOverflow(
-    std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Run>& runs)
+    std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Extent>& extents)
 {
     Bytes record;
     append(record, 10, 2);
     append(record, fileID, 6);
     append(record, startBlock, 4);
     record.resize(12 + 64);
-    putRuns(record, 12, runs);
+    putExtents(record, 12, extents);
     overflow_.push_back(record);
     putBE(bytes_, offsetOf(extentsBlock) + 16, 1, 4);
     writeNode(offsetOf(extentsBlock) + nodeSize, 0xFF, overflow_);

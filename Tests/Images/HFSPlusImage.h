@@ -9,7 +9,7 @@
 /// in is the test's choice, and so are the nodes that the tree has given up.
 class HFSPlusImage : public DiskImage {
 public:
-    struct Run {
+    struct Extent {
         std::uint32_t start, count;
     };
 
@@ -20,7 +20,7 @@ public:
         bool isFolder = false;
         std::uint32_t modified = 0xE0000000; ///< 2023
         std::uint64_t size = 0;
-        std::vector<Run> runs = {};
+        std::vector<Extent> runs = {};
         std::uint64_t resourceSize = 0;
         std::uint8_t ownerFlags = 0;
         std::uint32_t linkTo = 0; ///< not 0: a hard link to this iNode file
@@ -35,7 +35,8 @@ public:
         const std::vector<Record>& threads = {});
     /// Chains the leaves that are part of the tree, and lists them in the index node, number 1.
     void chain(const std::vector<std::uint8_t>& nodes);
-    void addOverflow(std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Run>& runs);
+    void addOverflow(
+        std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Extent>& extents);
     /// Blocks are free until they are said to be in use.
     void setAllocated(std::uint32_t block);
 

@@ -138,19 +138,6 @@ void FileNode::addNote(std::string_view text)
         note = text;
 }
 
-void FileNode::judgeByReuse(bool isFirstReused, bool isAnyReused)
-{
-    if (isFirstReused) {
-        recoverability = Recoverability::poor;
-        addNote("Blokkene er genbrugt af andre filer");
-    } else if (isAnyReused) {
-        recoverability = Recoverability::partial;
-        addNote("Dele af filen kan være overskrevet");
-    } else {
-        recoverability = Recoverability::good;
-    }
-}
-
 void FileNode::sortChildren()
 {
     std::ranges::sort(children_, comesBefore);

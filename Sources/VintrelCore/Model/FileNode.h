@@ -70,9 +70,6 @@ public:
     void removeAllChildren() { children_.clear(); }
     /// Adds a remark; remarks that meet are joined with "; ".
     void addNote(std::string_view text);
-    /// Gives a deleted file its chance by what became of its blocks, and says so: whether the first
-    /// one, or any of them (the first one counts), belongs to another file by now.
-    void judgeByReuse(bool isFirstReused, bool isAnyReused);
     /// Sorts the whole subtree: folders first, then by name without regard to case and with numbers
     /// by value (IMG_2 before IMG_10). Equal names: by status, then by the names' bytes, then in
     /// the order of creation.

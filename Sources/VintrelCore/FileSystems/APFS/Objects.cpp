@@ -1,7 +1,5 @@
-// What every APFS object has, its checksum and its type; and the nodes of B-trees.
+#include "VintrelCore/FileSystems/APFS/Objects.h"
 
-#include "VintrelCore/FileSystems/APFS/Nodes.h"
-#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/APFS/Structures.h"
 
 #include <algorithm>
@@ -13,6 +11,7 @@ namespace APFSParser {
 namespace {
 
 constexpr std::uint64_t modulus = 0xFFFFFFFF;
+constexpr std::size_t minObjectSize = 64;
 
 /// After so many words the sums are taken modulo `modulus`. They could not overflow 64 bits before
 /// 92,681 words.
@@ -24,13 +23,13 @@ std::uint64_t fletcher64(ByteView object)
 {
     std::uint64_t sum1 = 0;
     std::uint64_t sum2 = 0;
-    auto words = object.span().subspan(std::min<std::size_t>(8, object.size()));
+    auto words = object.span().subspan(std::min(sizeof(ObjectHeader::checksum), object.size()));
     while (words.size() >= 4) {
         const auto round = words.first(std::min(words.size() / 4, wordsPerRound) * 4);
-        for (std::size_t at = 0; at < round.size(); at += 4) {
+        for (std::size_t at = 0; at < round.size();
+             at += 4) { // most of a deep scan's time goes here
             LE32 word;
-            std::memcpy(&word, round.data() + at,
-                sizeof(word)); // of this loop consists the deep scan of an APFS disk
+            std::memcpy(&word, round.data() + at, sizeof(word));
             sum1 += word;
             sum2 += sum1;
         }
@@ -46,7 +45,7 @@ std::uint64_t fletcher64(ByteView object)
 bool checksumOK(ByteView object)
 {
     const auto stored = object.u64le(offsetof(ObjectHeader, checksum));
-    return object.size() >= 64 && stored != 0 && stored == fletcher64(object);
+    return object.size() >= minObjectSize && stored != 0 && stored == fletcher64(object);
 }
 
 bool looksLikeFSTreeLeaf(ByteView bytes, std::int64_t at, std::uint64_t blockSize)
@@ -65,18 +64,3 @@ bool looksLikeFSTreeLeaf(ByteView bytes, std::int64_t at, std::uint64_t blockSiz
 }
 
 } // namespace APFSParser
-
-std::optional<APFSContainer::Node> APFSContainer::parseNode(
-    ByteView bytes, int fixedKey, int fixedValue) const
-{
-    Node node;
-    const auto level = APFSNodes::forEachRecord(bytes, blockSize_, { fixedKey, fixedValue },
-        [&](ByteView key, std::optional<ByteView> value) {
-            if (value)
-                node.records.push_back({ key, *value });
-        });
-    if (!level)
-        return std::nullopt;
-    node.level = *level;
-    return node;
-}

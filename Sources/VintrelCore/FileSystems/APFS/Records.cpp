@@ -9,8 +9,6 @@ using namespace APFSFormat;
 
 namespace {
 
-constexpr std::int64_t keyHead = 8; // the number and the kind
-
 /// The elements of a sorted vector whose `member` is `value`.
 template <class T>
 std::span<const T> equalRange(
@@ -28,6 +26,33 @@ ByteView untilZero(ByteView bytes)
     return bytes.span().first(static_cast<std::size_t>(end - bytes.span().begin()));
 }
 
+std::uint64_t idOf(ByteView key)
+{
+    return key.load<RecordKey>(0).value_or(RecordKey {}).idAndKind & objectIDMask;
+}
+
+std::uint64_t kindOf(ByteView key)
+{
+    return key.load<RecordKey>(0).value_or(RecordKey {}).idAndKind >> recordKindShift;
+}
+
+/// The object that a record is about: for a directory record what it names, not the folder.
+std::uint64_t subjectOf(ByteView key, ByteView value)
+{
+    return kindOf(key) == RecordKind::directoryRecord
+        ? value.u64le(offsetof(DirectoryValue, fileID)) & objectIDMask
+        : idOf(key);
+}
+
+/// The name in the key of a directory record.
+ByteView nameIn(ByteView key, bool isHashed)
+{
+    if (!isHashed)
+        return key.sub(sizeof(DirectoryKey), key.u16le(offsetof(DirectoryKey, nameLength)));
+    return key.sub(sizeof(HashedDirectoryKey),
+        key.u32le(offsetof(HashedDirectoryKey, nameLengthAndHash)) & nameLengthMask);
+}
+
 } // namespace
 
 bool APFSFileRecords::Inode::isFolder() const { return (mode & modeMask) == folderMode; }
@@ -42,8 +67,8 @@ APFSFileRecords::Text APFSFileRecords::keep(ByteView bytes)
     return kept;
 }
 
-void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed, Origin origin,
-    const std::function<bool(std::uint64_t id)>& isWanted)
+void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed,
+    LeafVersion leaf, const std::function<bool(std::uint64_t id)>& isWanted)
 {
     // Records do not share bytes. Where they seem to, a small node could ask for any amount of
     // memory.
@@ -52,56 +77,73 @@ void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHas
         const auto value = found.value_or(ByteView());
         if (key.size() + value.size() > bytesLeft)
             bytesLeft = 0;
-        if (key.size() < keyHead || bytesLeft == 0)
+        if (key.size() < sizeof(RecordKey) || bytesLeft == 0)
             return;
         bytesLeft -= key.size() + value.size();
-        const std::uint64_t id = key.u64le(0) & objectIDMask;
-        const std::uint64_t kind = key.u64le(0) >> 60;
-        const std::uint64_t subject
-            = kind == RecordKind::directoryRecord ? value.u64le(0) & objectIDMask : id;
-        if (isWanted && !isWanted(subject))
-            return;
-        switch (kind) {
-        case RecordKind::inode:
-            addInode(id, value, origin);
-            break;
-        case RecordKind::attribute:
-            addAttribute(id, key, value, origin);
-            break;
-        case RecordKind::siblingLink: {
-            const std::int64_t length = value.u16le(8);
-            if (value.size() > 10)
-                links_.push_back(
-                    { id, origin, value.u64le(0), keep(value.sub(10, length)), false, true });
-            break;
-        }
-        case RecordKind::fileExtent:
-            if (const auto extent = value.load<FileExtentValue>(0))
-                extents_.push_back({ id, origin, key.u64le(keyHead),
-                    extent->lengthAndFlags & extentLengthMask, extent->block });
-            break;
-        case RecordKind::directoryRecord:
-            if (const auto entry = value.load<DirectoryValue>(0)) {
-                constexpr std::uint32_t lengthMask = 0x3FF; // the hash is above it
-                const auto name = isHashed ? key.sub(keyHead + 4, key.u32le(keyHead) & lengthMask)
-                                           : key.sub(keyHead + 2, key.u16le(keyHead));
-                links_.push_back(
-                    { subject, origin, id, keep(name), (entry->flags & 15) == folderKind, false });
-            }
-            break;
-        default:
-            break;
-        }
+        if (!isWanted || isWanted(subjectOf(key, value)))
+            addRecord(key, value, isHashed, leaf);
     });
 }
 
-void APFSFileRecords::addInode(std::uint64_t id, ByteView value, Origin origin)
+void APFSFileRecords::addRecord(ByteView key, ByteView value, bool isHashed, LeafVersion leaf)
+{
+    const auto id = idOf(key);
+    switch (kindOf(key)) {
+    case RecordKind::inode:
+        addInode(id, value, leaf);
+        break;
+    case RecordKind::attribute:
+        addAttribute(id, key, value, leaf);
+        break;
+    case RecordKind::siblingLink:
+        addSiblingLink(id, value, leaf);
+        break;
+    case RecordKind::fileExtent:
+        addExtent(id, key, value, leaf);
+        break;
+    case RecordKind::directoryRecord:
+        addDirectoryEntry(id, key, value, isHashed, leaf);
+        break;
+    default:
+        break;
+    }
+}
+
+void APFSFileRecords::addSiblingLink(std::uint64_t id, ByteView value, LeafVersion leaf)
+{
+    const auto link = value.load<SiblingValue>(0);
+    if (!link || value.size() == sizeof(SiblingValue))
+        return;
+    const auto name = keep(value.sub(sizeof(SiblingValue), link->nameLength));
+    links_.push_back({ id, leaf, link->parentID, name, false, true });
+}
+
+void APFSFileRecords::addExtent(std::uint64_t id, ByteView key, ByteView value, LeafVersion leaf)
+{
+    const auto extent = value.load<FileExtentValue>(0);
+    if (!extent)
+        return;
+    extents_.push_back({ id, leaf, key.u64le(offsetof(FileExtentKey, logical)),
+        extent->lengthAndFlags & extentLengthMask, extent->block });
+}
+
+void APFSFileRecords::addDirectoryEntry(
+    std::uint64_t parent, ByteView key, ByteView value, bool isHashed, LeafVersion leaf)
+{
+    const auto entry = value.load<DirectoryValue>(0);
+    if (!entry)
+        return;
+    links_.push_back({ subjectOf(key, value), leaf, parent, keep(nameIn(key, isHashed)),
+        (entry->flags & entryKindMask) == folderKind, false });
+}
+
+void APFSFileRecords::addInode(std::uint64_t id, ByteView value, LeafVersion leaf)
 {
     const auto stored = value.load<InodeValue>(0);
     if (!stored)
         return;
     Inode inode { .id = id,
-        .origin = origin,
+        .leaf = leaf,
         .parent = stored->parentID,
         .privateID = stored->privateID,
         .size = 0,
@@ -111,6 +153,14 @@ void APFSFileRecords::addInode(std::uint64_t id, ByteView value, Origin origin)
         .mode = stored->mode,
         .isSparse = (stored->internalFlags & sparseFlag) != 0,
         .isCompressed = (stored->bsdFlags & compressedFlag) != 0 };
+    addExtendedFields(inode, value);
+    if (inode.isCompressed && (stored->internalFlags & hasUncompressedSizeFlag) != 0)
+        inode.size = stored->uncompressedSize;
+    inodes_.push_back(inode);
+}
+
+void APFSFileRecords::addExtendedFields(Inode& inode, ByteView value)
+{
     const auto fields = value.load<ExtendedFields>(sizeof(InodeValue)).value_or(ExtendedFields {});
     constexpr std::int64_t table = sizeof(InodeValue) + sizeof(ExtendedFields);
     constexpr std::int64_t entrySize = sizeof(ExtendedField);
@@ -122,29 +172,26 @@ void APFSFileRecords::addInode(std::uint64_t id, ByteView value, Origin origin)
         if (field.type == FieldType::name)
             inode.name = keep(value.sub(data, field.size));
         else if (field.type == FieldType::dataStream)
-            inode.size = value.u64le(data);
+            inode.size = value.u64le(data + std::int64_t { offsetof(DataStream, size) });
         else if (field.type == FieldType::sparseBytes)
             inode.isSparse = inode.isSparse || value.u64le(data) != 0;
         data += (std::int64_t { field.size } + 7) / 8 * 8;
     }
-    if (inode.isCompressed && (stored->internalFlags & hasUncompressedSizeFlag) != 0)
-        inode.size = stored->uncompressedSize;
-    inodes_.push_back(inode);
 }
 
-void APFSFileRecords::addAttribute(std::uint64_t id, ByteView key, ByteView value, Origin origin)
+void APFSFileRecords::addAttribute(std::uint64_t id, ByteView key, ByteView value, LeafVersion leaf)
 {
     const auto head = value.load<AttributeValue>(0);
     if (!head)
         return;
-    const auto name = key.sub(keyHead + 2, key.u16le(keyHead));
+    const auto name = key.sub(sizeof(AttributeKey), key.u16le(offsetof(AttributeKey, nameLength)));
     const auto content = (head->flags & embeddedFlag) != 0
         ? value.sub(sizeof(AttributeValue), head->length)
         : ByteView();
     const auto is = [&](std::string_view text) {
         return name.size() == text.size() + 1 && name.matches(text, 0);
     };
-    Attribute attribute { id, origin, {}, 0, {} };
+    Attribute attribute { id, leaf, {}, 0, {} };
     if (is("com.apple.fs.symlink")) {
         attribute.kind = Attribute::Kind::symlink;
         attribute.target = keep(content);
@@ -165,22 +212,22 @@ void APFSFileRecords::sort()
 {
     // What differs in nothing else comes in the order of the texts, which is that of the leaves.
     std::ranges::sort(inodes_, [](const Inode& one, const Inode& other) {
-        return std::tuple(one.id, other.origin.xid, one.name.at)
-            < std::tuple(other.id, one.origin.xid, other.name.at);
+        return std::tuple(one.id, other.leaf.xid, one.name.at)
+            < std::tuple(other.id, one.leaf.xid, other.name.at);
     });
     const auto sameInode = [](const Inode& one, const Inode& other) { return one.id == other.id; };
     inodes_.erase(std::unique(inodes_.begin(), inodes_.end(), sameInode), inodes_.end());
     std::ranges::sort(links_, [](const Link& one, const Link& other) {
-        return std::tuple(one.id, other.origin.xid, one.isSibling, one.name.at)
-            < std::tuple(other.id, one.origin.xid, other.isSibling, other.name.at);
+        return std::tuple(one.id, other.leaf.xid, one.isSibling, one.name.at)
+            < std::tuple(other.id, one.leaf.xid, other.isSibling, other.name.at);
     });
     std::ranges::sort(extents_, [](const Extent& one, const Extent& other) {
-        return std::tuple(one.owner, one.logical, other.origin.xid, one.block)
-            < std::tuple(other.owner, other.logical, one.origin.xid, other.block);
+        return std::tuple(one.owner, one.logical, other.leaf.xid, one.block)
+            < std::tuple(other.owner, other.logical, one.leaf.xid, other.block);
     });
     std::ranges::sort(attributes_, [](const Attribute& one, const Attribute& other) {
-        return std::tuple(one.id, one.kind, other.origin.xid, one.target.at)
-            < std::tuple(other.id, other.kind, one.origin.xid, other.target.at);
+        return std::tuple(one.id, one.kind, other.leaf.xid, one.target.at)
+            < std::tuple(other.id, other.kind, one.leaf.xid, other.target.at);
     });
     const auto sameAttribute = [](const Attribute& one, const Attribute& other) {
         return one.id == other.id && one.kind == other.kind;

@@ -11,7 +11,7 @@
 #include <vector>
 
 /// What leaves of a file-system tree say of files, from any number of leaves in any order. Of a
-/// tree's old states the same record may come in several versions.
+/// tree's old states the same record may come in several versions. Used by one thread at a time.
 class APFSFileRecords {
 public:
     /// A piece of text that the records keep.
@@ -20,16 +20,16 @@ public:
         std::uint16_t length = 0;
     };
 
-    /// The leaf that a record is from.
-    struct Origin {
+    /// Which version of a leaf a record is from.
+    struct LeafVersion {
         std::uint64_t xid = 0; ///< the transaction that wrote it
-        bool isHeldBySnapshot
-            = false; ///< nothing that it names is given up as long as the snapshot is there
+        /// Nothing that it names is given up as long as the snapshot is there.
+        bool isHeldBySnapshot = false;
     };
 
     struct Inode {
         std::uint64_t id = 0;
-        Origin origin;
+        LeafVersion leaf;
         std::uint64_t parent = 0;
         std::uint64_t privateID = 0; ///< the extents' owner
         std::uint64_t size = 0;
@@ -47,7 +47,7 @@ public:
     /// A name in a folder.
     struct Link {
         std::uint64_t id = 0; ///< of the file or folder
-        Origin origin;
+        LeafVersion leaf;
         std::uint64_t parent = 0;
         Text name;
         bool isFolder = false;
@@ -56,7 +56,7 @@ public:
 
     struct Extent {
         std::uint64_t owner = 0;
-        Origin origin;
+        LeafVersion leaf;
         std::uint64_t logical = 0; ///< byte of the file
         std::uint64_t length = 0;  ///< in bytes
         std::uint64_t block = 0;   ///< 0: hole
@@ -67,7 +67,7 @@ public:
         enum class Kind { symlink, compression, resourceFork };
 
         std::uint64_t id = 0;
-        Origin origin;
+        LeafVersion leaf;
         Kind kind {};
         std::uint64_t size = 0; ///< of the file, without compression
         Text target;            ///< of the link
@@ -75,7 +75,7 @@ public:
 
     /// Adds what a leaf holds of the objects that are wanted, all of them without `isWanted`.
     /// `isHashed`: its directory records have the hash of the name beside the name's length.
-    void addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed, Origin origin,
+    void addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed, LeafVersion leaf,
         const std::function<bool(std::uint64_t id)>& isWanted = {});
 
     /// Makes the records ready for being looked up: by what they belong to, the newest version
@@ -99,8 +99,14 @@ public:
 
 private:
     Text keep(ByteView bytes);
-    void addInode(std::uint64_t id, ByteView value, Origin origin);
-    void addAttribute(std::uint64_t id, ByteView key, ByteView value, Origin origin);
+    void addRecord(ByteView key, ByteView value, bool isHashed, LeafVersion leaf);
+    void addInode(std::uint64_t id, ByteView value, LeafVersion leaf);
+    void addExtendedFields(Inode& inode, ByteView value);
+    void addAttribute(std::uint64_t id, ByteView key, ByteView value, LeafVersion leaf);
+    void addSiblingLink(std::uint64_t id, ByteView value, LeafVersion leaf);
+    void addExtent(std::uint64_t id, ByteView key, ByteView value, LeafVersion leaf);
+    void addDirectoryEntry(
+        std::uint64_t parent, ByteView key, ByteView value, bool isHashed, LeafVersion leaf);
 
     std::vector<Inode> inodes_;
     std::vector<Link> links_;

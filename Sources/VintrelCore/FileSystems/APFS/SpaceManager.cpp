@@ -2,10 +2,13 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
+#include "VintrelCore/FileSystems/APFS/Objects.h"
 #include "VintrelCore/Foundation/Binary.h"
 
 #include <algorithm>
+#include <optional>
 #include <unordered_set>
+#include <vector>
 
 using namespace APFSFormat;
 
@@ -23,6 +26,9 @@ constexpr std::size_t maxQueueNodes = 4'096;
 constexpr std::size_t mainDevice = 0;
 constexpr std::size_t mainDeviceQueue = 1;
 
+/// Of the queue's entries, some of which have no value.
+constexpr std::uint64_t minEntrySize = sizeof(FreeQueueKey);
+
 /// Entry `index` of the array of `T` that begins at `start`.
 template <class T>
 std::optional<T> entryOf(ByteView bytes, std::uint64_t start, std::uint64_t index)
@@ -32,83 +38,93 @@ std::optional<T> entryOf(ByteView bytes, std::uint64_t start, std::uint64_t inde
 
 } // namespace
 
-std::unique_ptr<APFSSpaceManager> APFSSpaceManager::load(APFSContainer& container)
+std::unique_ptr<APFSSpaceManager> APFSSpaceManager::load(
+    APFSBlockReader& blocks, const ContainerSuperblock& superblock)
 {
-    const auto superblock = container.superblock().load<ContainerSuperblock>(0);
-    const std::uint32_t areaLength = superblock ? superblock->descriptorBlocks : LE32(0);
-    if (areaLength == 0 || areaLength > maxDescriptorBlocks)
+    const auto mappings = readCheckpointMaps(blocks, superblock);
+    std::unique_ptr<APFSSpaceManager> manager(new APFSSpaceManager(blocks));
+    const auto object = manager->readObject(mappings, superblock.spaceManagerOID);
+    const auto stored = ByteView(object).load<SpaceManager>(0);
+    if (!stored || !manager->loadChunks(object, stored->devices[mainDevice]))
         return nullptr;
-    Places places;
+    manager->loadFreeQueue(mappings, stored->freeQueues[mainDeviceQueue].treeOID);
+    return manager;
+}
+
+APFSSpaceManager::MappingByOID APFSSpaceManager::readCheckpointMaps(
+    APFSBlockReader& blocks, const ContainerSuperblock& superblock)
+{
+    MappingByOID mappings;
+    const std::uint32_t areaLength = superblock.descriptorBlocks;
+    if (areaLength == 0 || areaLength > maxDescriptorBlocks)
+        return mappings;
+    const auto count = std::min<std::uint32_t>(superblock.descriptorLength, areaLength);
     Bytes block;
-    for (std::uint64_t i = 0; i < std::min<std::uint32_t>(superblock->descriptorLength, areaLength);
-         ++i) {
-        const std::uint64_t place
-            = (std::uint64_t { superblock->descriptorIndex } + i) % areaLength;
-        if (!container.readBlock(superblock->descriptorBase + place, block)
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const std::uint64_t index = (std::uint64_t { superblock.descriptorIndex } + i) % areaLength;
+        if (!blocks.read(superblock.descriptorBase + index, block)
             || !APFSParser::checksumOK(block))
             continue;
         const auto map = *ByteView(block).load<CheckpointMap>(0);
         if (typeOf(map.object) != ObjectType::checkpointMap
-            || map.object.xid != superblock->object.xid)
+            || map.object.xid != superblock.object.xid)
             continue;
         for (std::uint64_t entry = 0; entry < map.count; ++entry) {
             const auto mapping = entryOf<CheckpointMapping>(block, sizeof(CheckpointMap), entry);
             if (!mapping)
                 break;
-            places.emplace(mapping->oid, *mapping);
+            mappings.emplace(mapping->oid, *mapping);
         }
     }
-    std::unique_ptr<APFSSpaceManager> manager(new APFSSpaceManager(container));
-    std::uint64_t freeQueueOID = 0;
-    if (!manager->loadChunks(places, superblock->spaceManagerOID, freeQueueOID))
-        return nullptr;
-    manager->loadFreeQueue(places, freeQueueOID);
-    return manager;
+    return mappings;
 }
 
-bool APFSSpaceManager::loadChunks(
-    const Places& places, std::uint64_t oid, std::uint64_t& freeQueueOID)
+Bytes APFSSpaceManager::readObject(const MappingByOID& mappings, std::uint64_t oid)
 {
-    const auto place = places.find(oid);
-    if (place == places.end() || place->second.size > maxSpaceManager)
-        return false;
-    const std::uint64_t blockSize = container_.blockSize();
+    const auto mapping = mappings.find(oid);
+    if (mapping == mappings.end() || mapping->second.size > maxSpaceManager)
+        return {};
     Bytes object;
     Bytes block;
-    for (std::uint64_t i = 0; i < place->second.size / blockSize; ++i) {
-        if (!container_.readBlock(place->second.block + i, block))
-            return false;
+    for (std::uint64_t i = 0; i < mapping->second.size / blocks_.blockSize(); ++i) {
+        if (!blocks_.read(mapping->second.block + i, block))
+            return {};
         object.insert(object.end(), block.begin(), block.end());
     }
     const auto manager = ByteView(object).load<SpaceManager>(0);
     if (!manager || !APFSParser::checksumOK(object)
         || typeOf(manager->object) != ObjectType::spaceManager || manager->object.oid != oid
-        || manager->blocksPerChunk != blockSize * 8)
-        return false;
-    blocksPerChunk_ = manager->blocksPerChunk;
-    freeQueueOID = manager->freeQueues[mainDeviceQueue].treeOID;
+        || manager->blocksPerChunk != blocks_.blockSize() * 8)
+        return {};
+    return object;
+}
 
-    const auto& device = manager->devices[mainDevice];
-    if (device.addressBlocks == 0) {
-        for (std::uint32_t i = 0; i < device.infoBlocks; ++i) {
-            const auto info = entryOf<LE64>(object, device.addressOffset, i);
-            if (!info || !loadChunkInfo(*info))
-                return false;
-        }
-        return true;
+/// Small containers have the addresses of the chunk-info blocks in the space manager itself.
+bool APFSSpaceManager::loadChunks(ByteView object, const SpaceManagerDevice& device)
+{
+    blocksPerChunk_ = blocks_.blockSize() * 8;
+    const bool isInline = device.addressBlocks == 0;
+    const std::uint32_t count = isInline ? device.infoBlocks : device.addressBlocks;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const auto number = entryOf<LE64>(object, device.addressOffset, i);
+        if (!number || !(isInline ? loadChunkInfo(*number) : loadChunkAddresses(*number)))
+            return false;
     }
-    for (std::uint32_t i = 0; i < device.addressBlocks; ++i) {
-        const auto address = entryOf<LE64>(object, device.addressOffset, i);
-        if (!address || !container_.readBlock(*address, block) || !APFSParser::checksumOK(block))
+    return true;
+}
+
+bool APFSSpaceManager::loadChunkAddresses(std::uint64_t number)
+{
+    Bytes block;
+    if (!blocks_.read(number, block) || !APFSParser::checksumOK(block))
+        return false;
+    const auto head = *ByteView(block).load<ChunkBlock>(0);
+    if (typeOf(head.object) != ObjectType::chunkAddresses)
+        return false;
+    for (std::uint32_t entry = 0; entry < head.count; ++entry) {
+        const auto info = entryOf<LE64>(block, sizeof(ChunkBlock), entry);
+        if (!info || !loadChunkInfo(*info))
             return false;
-        const auto head = *ByteView(block).load<ChunkBlock>(0);
-        if (typeOf(head.object) != ObjectType::chunkAddresses)
-            return false;
-        for (std::uint32_t entry = 0; entry < head.count; ++entry) {
-            const auto info = entryOf<LE64>(block, sizeof(ChunkBlock), entry);
-            if (!info || !loadChunkInfo(*info))
-                return false;
-        }
     }
     return true;
 }
@@ -116,7 +132,7 @@ bool APFSSpaceManager::loadChunks(
 bool APFSSpaceManager::loadChunkInfo(std::uint64_t number)
 {
     Bytes block;
-    if (!container_.readBlock(number, block) || !APFSParser::checksumOK(block))
+    if (!blocks_.read(number, block) || !APFSParser::checksumOK(block))
         return false;
     const auto head = *ByteView(block).load<ChunkBlock>(0);
     if (typeOf(head.object) != ObjectType::chunkInfo)
@@ -131,49 +147,52 @@ bool APFSSpaceManager::loadChunkInfo(std::uint64_t number)
 }
 
 /// What can be read of the queue: a block that is missing in it only seems to be in use.
-void APFSSpaceManager::loadFreeQueue(const Places& places, std::uint64_t rootOID)
+void APFSSpaceManager::loadFreeQueue(const MappingByOID& mappings, std::uint64_t rootOID)
 {
-    std::vector<std::uint64_t> pending { rootOID };
+    std::vector<std::uint64_t> waiting { rootOID };
     std::unordered_set<std::uint64_t> visited;
     Bytes block;
-    while (!pending.empty() && visited.size() < maxQueueNodes) {
-        const std::uint64_t oid = pending.back();
-        pending.pop_back();
-        const auto place = places.find(oid);
-        if (place == places.end() || !visited.insert(oid).second
-            || !container_.readBlock(place->second.block, block))
+    while (!waiting.empty() && visited.size() < maxQueueNodes) {
+        const std::uint64_t oid = waiting.back();
+        waiting.pop_back();
+        const auto mapping = mappings.find(oid);
+        if (mapping == mappings.end() || !visited.insert(oid).second
+            || !blocks_.read(mapping->second.block, block))
             continue;
-        const bool isLeaf = ByteView(block).u16le(offsetof(NodeHeader, level)) == 0;
-        std::uint64_t room = container_.blockSize() / 16; // for keys alone
-        APFSNodes::forEachRecord(block, container_.blockSize(), { 16, 8 },
+        const bool isLeaf = ByteView(block).load<NodeHeader>(0)->level == 0;
+        std::uint64_t room = blocks_.blockSize() / minEntrySize;
+        APFSNodes::forEachRecord(block, blocks_.blockSize(),
+            { sizeof(FreeQueueKey), sizeof(FreeQueueValue) },
             [&](ByteView key, std::optional<ByteView> value) {
                 if (room == 0)
                     return;
                 --room;
-                if (!isLeaf) {
-                    if (value)
-                        pending.push_back(value->u64le(0));
-                    return;
-                }
-                const std::uint64_t first = key.u64le(8);
-                const std::uint64_t count
-                    = value ? value->u64le(0) : 1; // a single block is kept without its count
-                if (first < container_.blockCount() && count <= container_.blockCount() - first)
-                    freed_.push_back({ first, first + count });
+                if (isLeaf)
+                    addFreed(key, value);
+                else if (value)
+                    waiting.push_back(value->u64le(offsetof(IndexValue, child)));
             });
     }
-    sortAndMerge(freed_);
+    freed_.merge();
 }
 
+void APFSSpaceManager::addFreed(ByteView key, std::optional<ByteView> value)
+{
+    const std::uint64_t first = key.u64le(offsetof(FreeQueueKey, block));
+    const std::uint64_t count = value ? value->u64le(offsetof(FreeQueueValue, blockCount)) : 1;
+    if (first < blocks_.blockCount() && count <= blocks_.blockCount() - first)
+        freed_.add({ first, first + count });
+}
+
+/// Not counted against what may be read: each bitmap is read once.
 const Bytes& APFSSpaceManager::bitmapOf(Chunk& chunk)
 {
     if (!chunk.isRead && chunk.bitmapBlock != 0) {
-        const auto offset = container_.offsetOf(chunk.bitmapBlock);
-        chunk.bitmap.assign(static_cast<std::size_t>(container_.blockSize()), 0xFF);
         // A bitmap has no checksum. One that cannot be read must not call anything free.
+        const auto offset = blocks_.offsetOf(chunk.bitmapBlock);
+        chunk.bitmap.assign(static_cast<std::size_t>(blocks_.blockSize()), 0xFF);
         if (offset
-            && container_.source().readReporting(
-                   *offset, std::span(chunk.bitmap), ReadMode::thorough)
+            && blocks_.source().readReporting(*offset, std::span(chunk.bitmap), ReadMode::thorough)
                 > 0)
             std::ranges::fill(chunk.bitmap, std::uint8_t { 0xFF });
     }
@@ -181,7 +200,7 @@ const Bytes& APFSSpaceManager::bitmapOf(Chunk& chunk)
     return chunk.bitmap;
 }
 
-bool APFSSpaceManager::isAnyAllocated(APFSContainer::Blocks blocks)
+bool APFSSpaceManager::findAllocated(APFSBlocks blocks)
 {
     std::uint64_t block = blocks.first;
     const std::uint64_t end = blocks.first + std::min(blocks.end - blocks.first, maxBlockChecks);
@@ -198,30 +217,11 @@ bool APFSSpaceManager::isAnyAllocated(APFSContainer::Blocks blocks)
         } else if ((byte >> inChunk % 8 & 1) == 0) {
             ++block;
         } else {
-            const auto queued = firstEndingBehind(freed_, block);
-            if (queued == freed_.end() || queued->first > block)
+            const auto queued = freed_.rangeWith(block);
+            if (!queued)
                 return true;
             block = queued->end;
         }
     }
     return false;
-}
-
-void sortAndMerge(std::vector<APFSContainer::Blocks>& ranges)
-{
-    std::ranges::sort(ranges, {}, &APFSContainer::Blocks::first);
-    std::size_t count = 0;
-    for (const auto& range : ranges) {
-        if (count > 0 && range.first <= ranges[count - 1].end)
-            ranges[count - 1].end = std::max(ranges[count - 1].end, range.end);
-        else
-            ranges[count++] = range;
-    }
-    ranges.resize(count);
-}
-
-std::vector<APFSContainer::Blocks>::const_iterator firstEndingBehind(
-    const std::vector<APFSContainer::Blocks>& ranges, std::uint64_t block)
-{
-    return std::ranges::upper_bound(ranges, block, {}, &APFSContainer::Blocks::end);
 }

@@ -1,24 +1,26 @@
 #pragma once
 
-#include "VintrelCore/FileSystems/APFS/Parser.h"
+#include "VintrelCore/FileSystems/APFS/BlockRanges.h"
+#include "VintrelCore/FileSystems/APFS/BlockReader.h"
 #include "VintrelCore/FileSystems/APFS/Structures.h"
+#include "VintrelCore/Foundation/Binary.h"
 
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
-#include <vector>
 
-/// Which blocks of a container are in use, as its newest checkpoint has it.
+/// Which blocks of a container are in use, as one checkpoint has it. Used by one thread at a time.
 class APFSSpaceManager {
 public:
-    /// None when any part of it that says where the bitmaps are cannot be read. It must not outlive
-    /// the container.
-    static std::unique_ptr<APFSSpaceManager> load(APFSContainer& container);
+    /// The space manager of the checkpoint with this superblock; none when any part of it that says
+    /// where the bitmaps are cannot be read. It must not outlive the blocks.
+    static std::unique_ptr<APFSSpaceManager> load(
+        APFSBlockReader& blocks, const APFSFormat::ContainerSuperblock& superblock);
 
-    /// Whether any block of a range is in use. Blocks that were freed, but wait in a queue because
-    /// an older checkpoint may still need them, are not. At most so many blocks are looked at as
-    /// the largest file has that is worth it.
-    bool isAnyAllocated(APFSContainer::Blocks blocks);
+    /// Looks for a block of a range that is in use, and reads the bitmaps that this needs. Blocks
+    /// that were freed, but wait in a queue because an older checkpoint may still need them, are
+    /// not in use. At most so many blocks are looked up as the largest file has that is worth it.
+    bool findAllocated(APFSBlocks blocks);
 
 private:
     struct Chunk {
@@ -27,27 +29,27 @@ private:
         Bytes bitmap; ///< empty: all blocks are free, or not read yet
     };
 
-    using Places = std::unordered_map<std::uint64_t,
-        APFSFormat::CheckpointMapping>; // of ephemeral objects, by oid
+    /// Of ephemeral objects, by oid.
+    using MappingByOID = std::unordered_map<std::uint64_t, APFSFormat::CheckpointMapping>;
 
-    explicit APFSSpaceManager(APFSContainer& container)
-        : container_(container)
+    explicit APFSSpaceManager(APFSBlockReader& blocks)
+        : blocks_(blocks)
     {
     }
 
-    bool loadChunks(const Places& places, std::uint64_t oid, std::uint64_t& freeQueueOID);
+    static MappingByOID readCheckpointMaps(
+        APFSBlockReader& blocks, const APFSFormat::ContainerSuperblock& superblock);
+    /// The whole object; empty when it cannot be read, or is no space manager.
+    Bytes readObject(const MappingByOID& mappings, std::uint64_t oid);
+    bool loadChunks(ByteView object, const APFSFormat::SpaceManagerDevice& device);
+    bool loadChunkAddresses(std::uint64_t number);
     bool loadChunkInfo(std::uint64_t number);
-    void loadFreeQueue(const Places& places, std::uint64_t rootOID);
+    void loadFreeQueue(const MappingByOID& mappings, std::uint64_t rootOID);
+    void addFreed(ByteView key, std::optional<ByteView> value);
     const Bytes& bitmapOf(Chunk& chunk);
 
-    APFSContainer& container_;
+    APFSBlockReader& blocks_;
     std::uint64_t blocksPerChunk_ = 0;
     std::unordered_map<std::uint64_t, Chunk> chunks_; // by their number
-    std::vector<APFSContainer::Blocks> freed_;        // ascending, apart from each other
+    APFSBlockRanges freed_;
 };
-
-/// Sorts ranges, and makes one of those that meet.
-void sortAndMerge(std::vector<APFSContainer::Blocks>& ranges);
-/// The first of sorted ranges that ends behind a block.
-std::vector<APFSContainer::Blocks>::const_iterator firstEndingBehind(
-    const std::vector<APFSContainer::Blocks>& ranges, std::uint64_t block);

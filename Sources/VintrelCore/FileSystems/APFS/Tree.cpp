@@ -1,81 +1,16 @@
 #include "VintrelCore/FileSystems/APFS/Tree.h"
 
-#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/Structures.h"
-#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
-#include "VintrelCore/Model/FileData.h"
-#include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/Chance.h"
+#include "VintrelCore/Model/ParentLinks.h"
 
 #include <algorithm>
-#include <map>
 #include <tuple>
 
 using namespace APFSFormat;
-
-namespace {
-
-/// Appends to a list of extents; neighbours on the source become one.
-void append(ExtentList& extents, Extent extent)
-{
-    if (!extents.empty()) {
-        auto& last = extents.back();
-        const bool meets
-            = last.offset && extent.offset && *last.offset + last.length == *extent.offset;
-        if (meets || (!last.offset && !extent.offset)) {
-            last.length += extent.length;
-            return;
-        }
-    }
-    extents.push_back(extent);
-}
-
-/// Of versions of a file's extents that cover each other the newest parts, by logical address. What
-/// an extent covers is cut at `size`.
-std::vector<APFSFileRecords::Extent> newestParts(
-    std::span<const APFSFileRecords::Extent> versions, std::uint64_t size, std::uint64_t blockSize)
-{
-    std::vector<APFSFileRecords::Extent> byAge(versions.begin(), versions.end());
-    std::ranges::stable_sort(byAge,
-        [](const auto& one, const auto& other) { return one.origin.xid > other.origin.xid; });
-    std::map<std::uint64_t, APFSFileRecords::Extent> parts; // apart from each other
-    for (const auto& version : byAge) {
-        if (version.logical >= size)
-            continue;
-        const std::uint64_t end
-            = version.logical + std::min(version.length, size - version.logical);
-        std::uint64_t at = version.logical;
-        auto next = parts.upper_bound(at);
-        if (next != parts.begin())
-            at = std::max(at, std::prev(next)->second.logical + std::prev(next)->second.length);
-        // Each gap that is filled is gone, so that all turns together are no more than there are
-        // versions, twice.
-        while (at < end) {
-            const std::uint64_t partEnd = next == parts.end() ? end : std::min(end, next->first);
-            if (partEnd > at) {
-                auto part = version;
-                const std::uint64_t skipped = at - version.logical;
-                part.logical = at;
-                part.length = partEnd - at;
-                if (part.block != 0)
-                    part.block += skipped / blockSize;
-                parts.emplace_hint(next, at, part);
-            }
-            if (next == parts.end())
-                break;
-            at = next->second.logical + next->second.length;
-            ++next;
-        }
-    }
-    std::vector<APFSFileRecords::Extent> result;
-    result.reserve(parts.size());
-    for (const auto& [at, part] : parts)
-        result.push_back(part);
-    return result;
-}
-
-} // namespace
 
 std::string APFSFileTree::displayed(std::string_view stored)
 {
@@ -85,8 +20,10 @@ std::string APFSFileTree::displayed(std::string_view stored)
     return name;
 }
 
-APFSFileTree::APFSFileTree(APFSContainer& container, FileNode& root)
-    : container_(container)
+APFSFileTree::APFSFileTree(APFSContainerState& state, APFSKnownObjects& known, FileNode& root)
+    : state_(state)
+    , content_(state)
+    , known_(known)
     , root_(root)
 {
     folders_.emplace(rootFolderID, &root);
@@ -128,10 +65,10 @@ std::vector<APFSFileRecords::Link> APFSFileTree::namesOf(
         if (link.isSibling != isListed)
             names.push_back(link);
     const bool isOutdated = states == States::several && inode != nullptr && !names.empty()
-        && names.front().origin.xid < inode->origin.xid;
+        && names.front().leaf.xid < inode->leaf.xid;
     if (inode != nullptr && (names.empty() || (isOutdated && inode->name.length > 0)))
         names.insert(names.begin(),
-            Link { inode->id, inode->origin, inode->parent, inode->name, inode->isFolder(), true });
+            Link { inode->id, inode->leaf, inode->parent, inode->name, inode->isFolder(), true });
     names.erase(std::remove_if(names.begin(), names.end(),
                     [](const Link& link) {
                         return link.parent == privateFolderID || link.parent == rootParentID;
@@ -145,36 +82,42 @@ std::vector<APFSFileRecords::Link> APFSFileTree::namesOf(
             = [&](const Link& one, const Link& other) { return key(one) == key(other); };
         names.erase(std::unique(names.begin(), names.end(), isSame), names.end());
         std::ranges::stable_sort(names,
-            [](const Link& one, const Link& other) { return one.origin.xid > other.origin.xid; });
+            [](const Link& one, const Link& other) { return one.leaf.xid > other.leaf.xid; });
     }
     return names;
 }
 
 void APFSFileTree::addExisting(const APFSFileRecords& live)
 {
-    std::vector<Placed> placed;
-    std::vector<Known> found;
+    std::vector<NewNode> added;
+    std::vector<APFSKnownObjects::Object> found;
     forEachObject(live, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
         found.push_back({ id, inode != nullptr ? inode->created : 0 });
         for (const auto& link : namesOf(live, inode, links, States::one)) {
-            placed.push_back(
+            added.push_back(
                 { id, link.parent, makeNode(live, nullptr, inode, link, EntryStatus::existing) });
-            if (placed.back().node->isDirectory()) { // has one name
-                addFolder(id, *placed.back().node);
+            if (added.back().node->isDirectory()) { // has one name
+                addFolder(id, *added.back().node);
                 break;
             }
         }
     });
-    remember(std::move(found));
-    for (const auto& extent : live.extents())
-        if (container_.isValid(extent.block) && extent.length > 0)
-            container_.addInUse(
-                { extent.block, extent.block + (extent.length - 1) / container_.blockSize() + 1 });
-    place(std::move(placed), nullptr);
+    known_.add(found);
+    addInUse(live);
+    hang(std::move(added));
     if (const auto* inode = live.inode(rootFolderID)) {
         root_.created = TimeConversion::fromAPFS(inode->created);
         root_.modified = TimeConversion::fromAPFS(inode->modified);
     }
+}
+
+void APFSFileTree::addInUse(const APFSFileRecords& live)
+{
+    const auto& blocks = state_.blocks();
+    for (const auto& extent : live.extents())
+        if (blocks.isValid(extent.block) && extent.length > 0)
+            state_.chances().addInUse(
+                { extent.block, extent.block + unitsFor(extent.length, blocks.blockSize()) });
 }
 
 void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords& live)
@@ -187,58 +130,52 @@ void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords&
         = [&](const Link* link) { return std::tuple(link->parent, live.text(link->name)); };
     std::ranges::sort(byName, {}, nameKey);
 
-    std::vector<Placed> placed;
-    std::vector<Known> found;
+    std::vector<NewNode> added;
+    std::vector<APFSKnownObjects::Object> found;
     forEachObject(old, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
-        const auto names
-            = isKnown(id) ? std::vector<Link>() : namesOf(old, inode, links, States::several);
+        const auto names = known_.contains(id) ? std::vector<Link>()
+                                               : namesOf(old, inode, links, States::several);
         if (names.empty() || (inode == nullptr && !names.front().isFolder))
             return;
         const auto& name = names.front();
         const auto wanted = std::tuple(name.parent, old.text(name.name));
         const auto same = std::ranges::lower_bound(byName, wanted, {}, nameKey);
         if (same != byName.end() && nameKey(*same) == wanted) {
-            // What was in a folder that was made anew has its place there.
+            // What was in a folder that was made anew hangs there.
             if (const auto folder = folders_.find((*same)->id); folder != folders_.end())
                 addFolder(id, *folder->second);
             return;
         }
-        placed.push_back(
+        added.push_back(
             { id, name.parent, makeNode(old, &live, inode, name, EntryStatus::deleted) });
         found.push_back({ id, inode != nullptr ? inode->created : 0 });
-        if (placed.back().node->isDirectory())
-            addFolder(id, *placed.back().node);
+        if (added.back().node->isDirectory())
+            addFolder(id, *added.back().node);
     });
-    remember(std::move(found));
-    place(std::move(placed), nullptr);
+    known_.add(found);
+    hang(std::move(added));
 }
 
 void APFSFileTree::addLost(const APFSFileRecords& lost, FileNode& orphans)
 {
-    std::vector<Placed> placed;
-    std::vector<Known> found;
+    std::vector<NewNode> added;
+    std::vector<APFSKnownObjects::Object> found;
     forEachObject(lost, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
-        const auto names
-            = isKnown(id) ? std::vector<Link>() : namesOf(lost, inode, links, States::several);
+        const auto names = known_.contains(id) ? std::vector<Link>()
+                                               : namesOf(lost, inode, links, States::several);
         if (names.empty() || (inode == nullptr && !names.front().isFolder))
             return;
-        placed.push_back({ id, names.front().parent,
+        added.push_back({ id, names.front().parent,
             makeNode(lost, nullptr, inode, names.front(), EntryStatus::deleted) });
         found.push_back({ id, inode != nullptr ? inode->created : 0 });
     });
-    remember(std::move(found));
+    known_.add(found);
     const auto listed = folders_; // the new ones may not outlive this call: their owner decides
-    for (const auto& file : placed)
+    for (const auto& file : added)
         if (file.node->isDirectory())
             addFolder(file.id, *file.node);
-    place(std::move(placed), &orphans);
+    hangBelow(orphans, std::move(added));
     folders_ = listed;
-}
-
-const std::uint64_t* APFSFileTree::createdOf(std::uint64_t id) const
-{
-    const auto found = std::ranges::lower_bound(known_, id, {}, &Known::id);
-    return found != known_.end() && found->id == id ? &found->created : nullptr;
 }
 
 FileNode* APFSFileTree::orphans() const
@@ -249,72 +186,63 @@ FileNode* APFSFileTree::orphans() const
     return nullptr;
 }
 
-void APFSFileTree::remember(std::vector<Known> found)
+/// How the new nodes hang together. What hangs in the tree already counts as the root.
+ParentLinks APFSFileTree::linksBetween(const std::vector<NewNode>& added) const
 {
-    known_.insert(known_.end(), found.begin(), found.end());
-    std::ranges::sort(known_, {}, &Known::id);
+    std::unordered_map<const FileNode*, ParentLinks::Index> indices; // of the new folders
+    for (ParentLinks::Index i = 0; i < added.size(); ++i)
+        if (added[i].node->isDirectory())
+            indices.emplace(added[i].node.get(), i);
+    std::vector<ParentLinks::Index> parents;
+    parents.reserve(added.size());
+    for (const auto& file : added) {
+        const auto parent = folders_.find(file.parent);
+        if (parent == folders_.end()) {
+            parents.push_back(ParentLinks::none);
+            continue;
+        }
+        const auto index = indices.find(parent->second);
+        parents.push_back(index != indices.end() ? index->second : ParentLinks::root);
+    }
+    return ParentLinks(std::move(parents));
 }
 
 /// Gives every node to its folder. Those without one, and one of each ring of folders, become
-/// orphans: in `orphans`, or in the volume's own folder for them.
-void APFSFileTree::place(std::vector<Placed> placed, FileNode* orphans)
+/// orphans in the volume's own folder for them.
+void APFSFileTree::hang(std::vector<NewNode> added)
 {
-    // Follows the parents from each new folder up to what was placed already, and takes rings
-    // apart.
-    enum class State { waiting, onPath, done };
-    struct Folder {
-        std::uint64_t parent;
-        State state;
-    };
-    std::unordered_map<std::uint64_t, Folder> waiting;
-    for (const auto& file : placed)
-        if (file.node->isDirectory())
-            waiting.emplace(file.id, Folder { file.parent, State::waiting });
-    for (auto& file : placed) {
-        std::vector<Folder*> path;
-        for (auto next = waiting.find(file.id);
-             next != waiting.end() && next->second.state != State::done;
-             next = waiting.find(next->second.parent)) {
-            if (next->second.state == State::onPath) {
-                path.back()->parent = 0;
-                break;
-            }
-            next->second.state = State::onPath;
-            path.push_back(&next->second);
+    const auto links = linksBetween(added);
+    auto* orphanFolder = orphans();
+    for (std::size_t i = 0; i < added.size(); ++i) {
+        auto& [id, parent, node] = added[i];
+        if (links.parentOf(i) != ParentLinks::none) {
+            folders_.at(parent)->add(std::move(node));
+            continue;
         }
-        for (auto* folder : path)
-            folder->state = State::done;
+        if (orphanFolder == nullptr)
+            orphanFolder
+                = &root_.add(FileNode::makeFolder(std::string(orphansName), EntryStatus::orphaned));
+        if (node->status == EntryStatus::existing)
+            node->status = EntryStatus::orphaned;
+        orphanFolder->add(std::move(node));
     }
+}
 
-    const bool hasOwnPlace = orphans != nullptr;
-    std::unordered_map<FileNode*, FileNode*> copies;
-    if (hasOwnPlace) {
-        copies.emplace(&root_, orphans);
-        copies.emplace(orphans, orphans);
-        for (const auto& file : placed)
-            if (file.node->isDirectory())
-                copies.emplace(file.node.get(), file.node.get());
-    }
-    for (auto& file : placed) {
-        const auto self = waiting.find(file.id);
-        const auto parent
-            = folders_.find(self != waiting.end() ? self->second.parent : file.parent);
-        auto* folder = parent != folders_.end() && parent->second != file.node.get()
-            ? parent->second
-            : nullptr;
-        if (folder == nullptr) {
-            if (orphans == nullptr)
-                orphans = this->orphans();
-            if (orphans == nullptr)
-                orphans = &root_.add(
-                    FileNode::makeFolder(std::string(orphansName), EntryStatus::orphaned));
-            folder = orphans;
-            if (file.node->status == EntryStatus::existing)
-                file.node->status = EntryStatus::orphaned;
-        } else if (hasOwnPlace) {
-            folder = &copyIn(*orphans, *folder, copies);
-        }
-        folder->add(std::move(file.node));
+/// The same below `orphans` instead of the root: there are copies of the volume's folders.
+void APFSFileTree::hangBelow(FileNode& orphans, std::vector<NewNode> added)
+{
+    const auto links = linksBetween(added);
+    std::unordered_map<FileNode*, FileNode*> copies { { &root_, &orphans },
+        { &orphans, &orphans } };
+    for (const auto& file : added)
+        if (file.node->isDirectory())
+            copies.emplace(file.node.get(), file.node.get());
+    for (std::size_t i = 0; i < added.size(); ++i) {
+        auto& [id, parent, node] = added[i];
+        auto& folder = links.parentOf(i) == ParentLinks::none
+            ? orphans
+            : copyIn(orphans, *folders_.at(parent), copies);
+        folder.add(std::move(node));
     }
 }
 
@@ -357,98 +285,13 @@ std::unique_ptr<FileNode> APFSFileTree::makeNode(const APFSFileRecords& records,
                          : FileNode::makeFile(std::move(name), 0, status);
     node->fsID = link.id;
     if (inode == nullptr) {
-        if (!isFolder) {
-            node->recoverability = Recoverability::poor;
-            node->addNote("Filens inode blev ikke fundet");
-        }
+        if (!isFolder)
+            judge(*node, Doubt::missingInode);
         return node;
     }
     node->created = TimeConversion::fromAPFS(inode->created);
     node->modified = TimeConversion::fromAPFS(inode->modified);
     if (!isFolder)
-        fill(*node, records, live, *inode);
+        content_.fill(*node, records, live, *inode);
     return node;
-}
-
-void APFSFileTree::fill(
-    FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live, const Inode& inode)
-{
-    using Kind = APFSFileRecords::Attribute::Kind;
-    node.size = inode.size;
-    const auto* compression = records.attribute(inode.id, Kind::compression);
-    if (inode.isCompressed || (compression != nullptr && inode.size == 0)) {
-        if (compression != nullptr)
-            node.size = compression->size;
-        node.data = ExtentList {};
-        node.recoverability = Recoverability::poor;
-        node.addNote("APFS-komprimeret fil – indholdet ligger i en skjult attribut og kan ikke "
-                     "gendannes direkte");
-        return;
-    }
-    if (inode.isSymlink()) {
-        const auto* link = records.attribute(inode.id, Kind::symlink);
-        auto target = link != nullptr ? records.text(link->target) : std::string_view();
-        if (!container_.takeExtents(
-                1 + target.size() / sizeof(Extent))) // it may have many names too
-            target = {};
-        node.size = target.size();
-        node.data = Bytes(target.begin(), target.end());
-        node.recoverability = target.empty() ? Recoverability::poor : Recoverability::good;
-        if (target.empty())
-            node.addNote("Linkets mål blev ikke fundet");
-        return;
-    }
-    if (node.size == 0 && records.attribute(inode.id, Kind::resourceFork) != nullptr)
-        node.addNote("Filen har kun en ressourcegren, som ikke gendannes");
-    fillExtents(node, records, live, inode);
-}
-
-void APFSFileTree::fillExtents(
-    FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live, const Inode& inode)
-{
-    auto stored = records.extentsOf(inode.privateID);
-    const bool isShared
-        = stored.empty() && live != nullptr && !live->extentsOf(inode.privateID).empty();
-    if (isShared) // a clone that still exists has them
-        stored = live->extentsOf(inode.privateID);
-    ExtentList extents;
-    node.data = ExtentList {};
-    if (!container_.takeExtents(stored.size())) {
-        node.recoverability = Recoverability::poor;
-        node.addNote("For mange filer deler de samme blokke");
-        return;
-    }
-    std::uint64_t at = 0;
-    bool isIncomplete = false;
-    bool isHeld = inode.origin.isHeldBySnapshot;
-    for (const auto& part : newestParts(stored, node.size, container_.blockSize())) {
-        if (part.logical > at) {
-            append(extents, { std::nullopt, part.logical - at });
-            isIncomplete = isIncomplete || !inode.isSparse;
-        }
-        const auto offset
-            = container_.isValid(part.block) ? container_.offsetOf(part.block) : std::nullopt;
-        append(extents, { offset, part.length });
-        isIncomplete = isIncomplete
-            || (part.block != 0 && (!offset || part.length > container_.source().size() - *offset));
-        isHeld = isHeld && part.origin.isHeldBySnapshot;
-        at = part.logical + part.length;
-    }
-    if (at < node.size) {
-        append(extents, { std::nullopt, node.size - at });
-        isIncomplete = isIncomplete || !inode.isSparse;
-    }
-    node.data = std::move(extents);
-    if (isIncomplete) {
-        const bool isLost = stored.empty() || node.status != EntryStatus::existing;
-        node.recoverability = isLost ? Recoverability::poor : Recoverability::partial;
-        node.addNote(
-            stored.empty() ? "Filens blokke kendes ikke" : "Kun dele af filens blokke kendes");
-    } else if (node.status == EntryStatus::existing || isShared || isHeld) {
-        node.recoverability = Recoverability::good;
-        if (isHeld && node.status != EntryStatus::existing)
-            node.addNote("Bevaret i et snapshot");
-    } else {
-        container_.estimateLater(node);
-    }
 }

@@ -1,22 +1,26 @@
 #pragma once
 
-#include "VintrelCore/FileSystems/APFS/Parser.h"
+#include "VintrelCore/FileSystems/APFS/ContainerState.h"
+#include "VintrelCore/FileSystems/APFS/Content.h"
+#include "VintrelCore/FileSystems/APFS/LeafLedger.h"
 #include "VintrelCore/FileSystems/APFS/Records.h"
-#include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/ParentLinks.h"
 
 #include <cstdint>
 #include <memory>
+#include <span>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
 /// Hangs files and folders on the tree of a volume: first those that exist, then deleted ones, each
-/// object once.
+/// object once. Used by one thread at a time.
 class APFSFileTree {
 public:
-    /// Neither may die before this.
-    APFSFileTree(APFSContainer& container, FileNode& root);
+    /// `known`: takes the objects that are listed. None of the three may die before the tree.
+    APFSFileTree(APFSContainerState& state, APFSKnownObjects& known, FileNode& root);
 
     /// Adds what exists. To be called once, and first.
     void addExisting(const APFSFileRecords& live);
@@ -27,10 +31,6 @@ public:
     /// where these are known.
     void addLost(const APFSFileRecords& lost, FileNode& orphans);
 
-    bool isKnown(std::uint64_t id) const { return createdOf(id) != nullptr; }
-    /// When a known object was created, as stored; 0 when that is not known. None for one that is
-    /// not known.
-    const std::uint64_t* createdOf(std::uint64_t id) const;
     /// The folder for what has no other; none when there is none yet.
     FileNode* orphans() const;
 
@@ -42,17 +42,11 @@ public:
 private:
     using Inode = APFSFileRecords::Inode;
     using Link = APFSFileRecords::Link;
-    using ExtentRecord = APFSFileRecords::Extent;
-
-    struct Known {
-        std::uint64_t id = 0;
-        std::uint64_t created = 0;
-    };
 
     /// A node that waits for its folder.
-    struct Placed {
+    struct NewNode {
         std::uint64_t id = 0;
-        std::uint64_t parent = 0;
+        std::uint64_t parent = 0; ///< by number
         std::unique_ptr<FileNode> node;
     };
 
@@ -64,18 +58,18 @@ private:
         std::span<const Link> links, States states);
     std::unique_ptr<FileNode> makeNode(const APFSFileRecords& records, const APFSFileRecords* live,
         const Inode* inode, const Link& link, EntryStatus status);
-    void fill(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
-        const Inode& inode);
-    void fillExtents(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
-        const Inode& inode);
-    void remember(std::vector<Known> found);
+    void addInUse(const APFSFileRecords& live);
     void addFolder(std::uint64_t id, FileNode& node) { folders_.emplace(id, &node); }
-    void place(std::vector<Placed> placed, FileNode* orphans);
+    ParentLinks linksBetween(const std::vector<NewNode>& added) const;
+    void hang(std::vector<NewNode> added);
+    void hangBelow(FileNode& orphans, std::vector<NewNode> added);
     FileNode& copyIn(FileNode& orphans, FileNode& folder,
         std::unordered_map<FileNode*, FileNode*>& copies) const;
 
-    APFSContainer& container_;
+    APFSContainerState& state_;
+    APFSContent content_;
+    APFSKnownObjects& known_;
     FileNode& root_;
-    std::vector<Known> known_; // ascending
+    // By number. A folder that was made anew has the numbers of those before it too.
     std::unordered_map<std::uint64_t, FileNode*> folders_;
 };

@@ -46,10 +46,10 @@ void HFSPlusBTree::forEachLeafRecord(
 void HFSPlusBTree::markIndexed(std::vector<bool>& live) const
 {
     std::vector<bool> seen(nodeCount_);
-    std::vector<std::uint32_t> pending { root_ };
-    while (!pending.empty()) {
-        const std::uint32_t number = pending.back();
-        pending.pop_back();
+    std::vector<std::uint32_t> waiting { root_ };
+    while (!waiting.empty()) {
+        const std::uint32_t number = waiting.back();
+        waiting.pop_back();
         if (number == 0 || number >= nodeCount_ || seen[number])
             continue;
         seen[number] = true;
@@ -59,7 +59,7 @@ void HFSPlusBTree::markIndexed(std::vector<bool>& live) const
         else if (kind == indexKind)
             forEachRecord(number, [&](ByteView record) {
                 if (const auto pointer = dataOf(record).load<IndexPointer>(0))
-                    pending.push_back(pointer->childNode);
+                    waiting.push_back(pointer->childNode);
             });
     }
 }

@@ -142,14 +142,14 @@ bool HFSPlusForks::isDamaged(
     return false;
 }
 
-Extent HFSPlusForks::placeOf(const HFSPlusExtent& extent, std::uint64_t length) const
+Extent HFSPlusForks::pieceOf(const HFSPlusExtent& extent, std::uint64_t length) const
 {
     return { offsetOf(extent.startBlock), std::min(length, extent.blockCount * blockSize_) };
 }
 
-bool HFSPlusForks::isOnSource(const Extent& place) const
+bool HFSPlusForks::isOnSource(const Extent& piece) const
 {
-    return place.offset && place.length <= source_.size() - *place.offset;
+    return piece.offset && piece.length <= source_.size() - *piece.offset;
 }
 
 ClusterUse HFSPlusForks::useOf(const HFSPlusExtents& extents, std::uint64_t size) const

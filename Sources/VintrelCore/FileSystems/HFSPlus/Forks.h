@@ -43,10 +43,10 @@ public:
     /// be known.
     bool isDamaged(const HFSPlusExtents& extents, std::uint64_t offset, std::uint64_t length) const;
 
-    /// The first `length` bytes of an extent on the source; without offset when it begins beyond
+    /// The first `length` bytes of an extent, on the source; without offset when they begin beyond
     /// the source's end.
-    Extent placeOf(const HFSPlusExtent& extent, std::uint64_t length) const;
-    bool isOnSource(const Extent& place) const;
+    Extent pieceOf(const HFSPlusExtent& extent, std::uint64_t length) const;
+    bool isOnSource(const Extent& piece) const;
 
     /// What became of the blocks of a deleted file of `size` bytes.
     ClusterUse useOf(const HFSPlusExtents& extents, std::uint64_t size) const;

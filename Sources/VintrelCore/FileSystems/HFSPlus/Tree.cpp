@@ -160,7 +160,7 @@ void HFSPlusFileTree::fillExtents(
     for (const auto& extent : stored) {
         if (remaining == 0)
             break;
-        extents.push_back(forks_.placeOf(extent, remaining));
+        extents.push_back(forks_.pieceOf(extent, remaining));
         remaining -= extents.back().length;
         isOnSource = isOnSource && forks_.isOnSource(extents.back());
     }

@@ -31,7 +31,7 @@ protected:
 
 } // namespace
 
-TEST_F(APFSTools, AnEmptyContainerOfMkapfs)
+TEST_F(APFSTools, ReadsAnEmptyContainerOfMkapfs)
 {
     if (!hasProgram("mkapfs") || !hasProgram("apfsck"))
         GTEST_SKIP() << "needs apfsprogs";

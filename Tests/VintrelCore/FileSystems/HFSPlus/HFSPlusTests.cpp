@@ -20,7 +20,7 @@ const Record rootRecord { .parent = 1, .name = u"DISK", .id = 2, .isFolder = tru
 
 } // namespace
 
-TEST(HFSPlus, LiveFilesInPiecesAndDeletedOnesFromStaleNodes)
+TEST(HFSPlus, ReadsLiveFilesInPiecesAndDeletedOnesFromStaleNodes)
 {
     HFSPlusImage image;
     const auto content = patternBytes(2000);
@@ -58,7 +58,65 @@ TEST(HFSPlus, LiveFilesInPiecesAndDeletedOnesFromStaleNodes)
         << "the live record wins, whatever its date";
 }
 
-TEST(HFSPlus, Chances)
+TEST(HFSPlus, OfDeletedRecordsOfOneFileTheNewestCounts)
+{
+    const struct {
+        std::uint32_t first, second; // dates, in the order of the nodes
+        const char* name;
+    } rows[] = { { 0xE0000001, 0xE0000000, " /første" }, { 0xE0000000, 0xE0000001, " /anden" },
+        { 0xE0000000, 0xE0000000, " /første" }, { 0, 0xE0000000, " /anden" } };
+    for (const auto& [first, second, name] : rows) {
+        HFSPlusImage image;
+        image.setLeaf(2, { rootRecord });
+        image.setLeaf(3, { { .parent = 2, .name = u"første", .id = 30, .modified = first } });
+        image.setLeaf(4, { { .parent = 2, .name = u"anden", .id = 30, .modified = second } });
+        image.chain({ 2 });
+        EXPECT_EQ(parse(image).names(), name) << first << " " << second;
+    }
+}
+
+TEST(HFSPlus, AVolumeIsToldByTheHeaderInItsSecondKilobyte)
+{
+    const struct {
+        const char* what;
+        std::uint64_t at, value; // of the header
+        int width;
+        bool isHeader;
+    } rows[] = { { "HFS+", 0, 0x482B0004, 4, true }, { "HFSX", 0, 0x48580005, 4, true },
+        { "HFSX with the version of HFS+", 0, 0x48580004, 4, false },
+        { "blocks of 256 bytes", 40, 256, 4, false }, { "of 512 bytes", 40, 512, 4, true },
+        { "of 3000 bytes", 40, 3000, 4, false }, { "of 1 MiB", 40, 1_MiB, 4, true },
+        { "of 2 MiB", 40, 2_MiB, 4, false }, { "no blocks", 44, 0, 4, false } };
+    for (const auto& [what, at, value, width, isHeader] : rows) {
+        HFSPlusImage image;
+        putBE(image.bytes(), 1024 + at, value, width);
+        const ByteView bytes(image.bytes());
+        EXPECT_EQ(HFSPlusParser::isVolumeHeader(bytes.sub(1024, 48)), isHeader) << what;
+        EXPECT_EQ(HFSPlusParser::probe(bytes.sub(0, 4096)).has_value(), isHeader) << what;
+        EXPECT_FALSE(HFSPlusParser::isVolumeHeader(bytes.sub(1024, 47))) << what;
+    }
+}
+
+TEST(HFSPlus, TheAlternateHeaderLeavesTheVolumeABlockToBeLongerThanItsBlocks)
+{
+    HFSPlusImage image;
+    auto& bytes = image.bytes();
+    putBE(bytes, 1024 + 40, 2048, 4);
+    putBE(bytes, 1024 + 44, 100, 4);
+    const auto startsAt = [&](std::uint64_t offset) {
+        return HFSPlusParser::startsByAlternate(ByteView(bytes).sub(1024, 512), offset);
+    };
+    using Starts = std::vector<std::uint64_t>;
+    constexpr std::uint64_t size = 204'800;
+    EXPECT_EQ(startsAt(8192 + size - 1024), (Starts { 8192, 7680, 7168, 6656 }));
+    EXPECT_EQ(startsAt(512 + size - 1024), (Starts { 512, 0 })) << "none before the source";
+    EXPECT_EQ(startsAt(size - 1025), Starts {});
+    EXPECT_EQ(startsAt(~std::uint64_t { 0 }), Starts {});
+    putBE(bytes, 1024, 0, 1);
+    EXPECT_EQ(startsAt(8192 + size - 1024), Starts {}) << "no header";
+}
+
+TEST(HFSPlus, JudgesFilesByTheirExtentsAndTheAllocationFile)
 {
     HFSPlusImage image;
     image.setLeaf(2,
@@ -78,7 +136,7 @@ TEST(HFSPlus, Chances)
         { { .parent = 2, .name = u"i stykker", .id = 53, .size = 9000, .runs = { { 116, 2 } } },
             { .parent = 2, .name = u"komprimeret", .id = 54, .size = 9000, .ownerFlags = 0x20 },
             { .parent = 2, .name = u"ressource", .id = 55, .resourceSize = 99 } });
-    image.addOverflow(53, 2, { { 200, 90 } }); // by now it describes somebody else
+    image.addOverflow(53, 2, { { 200, 90 } }); // by now it describes another file
     image.setAllocated(113);
     image.setAllocated(114);
     const std::pair<const char*, const char*> expected[] = {
@@ -107,7 +165,7 @@ TEST(HFSPlus, Chances)
     EXPECT_EQ(chance(without["/genbrugt"]), "Ukendt");
 }
 
-TEST(HFSPlus, HardLinksOrphansAndPrivateFolders)
+TEST(HFSPlus, FollowsHardLinksAndHidesPrivateFolders)
 {
     HFSPlusImage image(true);
     image.write(HFSPlusImage::offsetOf(150), bytesOf("indhold"));
@@ -119,24 +177,40 @@ TEST(HFSPlus, HardLinksOrphansAndPrivateFolders)
                 .isFolder = true },
             { .parent = 16, .name = u"iNode7", .id = 60, .size = 7, .runs = { { 150, 1 } } },
             { .parent = 2, .name = u"link", .id = 61, .linkTo = 7 } });
-    image.setLeaf(3,
-        { { .parent = 2, .name = u"dødt link", .id = 62, .linkTo = 8 },
-            { .parent = 99, .name = u"uden forælder", .id = 63, .isFolder = true },
-            { .parent = 71, .name = u"ring", .id = 70, .isFolder = true },
-            { .parent = 70, .name = u"", .id = 71, .isFolder = true },
-            { .parent = 61, .name = u"under en fil", .id = 72 } });
+    image.setLeaf(3, { { .parent = 2, .name = u"dødt link", .id = 62, .linkTo = 8 } });
     image.chain({ 2, 3 });
     const auto disk = parse(image);
     EXPECT_EQ(disk.volume->notes, std::vector<std::string> { "HFSX (versalfølsom)" });
     EXPECT_EQ(disk.content("/link"), bytesOf("indhold"));
     EXPECT_EQ(chance(disk["/dødt link"]), "Ringe: Filen, som linket peger på, blev ikke fundet");
+    const std::string orphans = " /$Forældreløse filer";
+    EXPECT_EQ(disk.names(), orphans + orphans + "/iNode7 /dødt link /link");
+}
+
+TEST(HFSPlus, HangsWhatTheRootDoesNotReachSideBySide)
+{
+    HFSPlusImage image;
+    image.setLeaf(2,
+        { rootRecord, { .parent = 99, .name = u"uden forælder", .id = 63, .isFolder = true },
+            { .parent = 63, .name = u"dens barn", .id = 64 },
+            { .parent = 71, .name = u"ring", .id = 70, .isFolder = true },
+            { .parent = 70, .name = u"", .id = 71, .isFolder = true } });
+    image.setLeaf(3,
+        { { .parent = 70, .name = u"på ringen", .id = 72, .isFolder = true },
+            { .parent = 73, .name = u"selv", .id = 73, .isFolder = true },
+            { .parent = 2, .name = u"fil", .id = 61 },
+            { .parent = 61, .name = u"under en fil", .id = 74 } });
+    image.chain({ 2, 3 });
+    const auto disk = parse(image);
     std::string orphans;
     for (const auto& node : disk["/$Forældreløse filer"].children())
         orphans += node->name + "; ";
-    EXPECT_EQ(orphans, "ring; uden forælder; unavngivet-71; iNode7; under en fil; ");
+    EXPECT_EQ(
+        orphans, "på ringen; ring; selv; uden forælder; unavngivet-71; dens barn; under en fil; ");
+    EXPECT_EQ(disk.volume->root->totals().files, 3u);
 }
 
-TEST(HFSPlus, ChainsThatLoopOrAreCutByUnreadableSectors)
+TEST(HFSPlus, FollowsChainsThatLoopOrAreCutByUnreadableSectors)
 {
     HFSPlusImage image;
     image.setLeaf(2, { rootRecord });
@@ -154,7 +228,7 @@ TEST(HFSPlus, ChainsThatLoopOrAreCutByUnreadableSectors)
     EXPECT_EQ(loop["/sidst"].status, EntryStatus::deleted);
 }
 
-TEST(HFSPlus, DamagedHeadersTreesAndRecords)
+TEST(HFSPlus, KeepsWhatDamagedHeadersTreesAndRecordsLeave)
 {
     HFSPlusImage sound;
     sound.setLeaf(2,

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "VintrelCore/FileSystems/APFS/BlockRanges.h"
+#include "VintrelCore/FileSystems/APFS/BlockReader.h"
+#include "VintrelCore/FileSystems/APFS/SpaceManager.h"
+#include "VintrelCore/FileSystems/APFS/Structures.h"
+#include "VintrelCore/Model/Chance.h"
+#include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/FileNode.h"
+
+#include <memory>
+#include <vector>
+
+/// The chances of deleted files, which depend on what all volumes of a container use: they are
+/// judged when all of them have been read. Used by one thread at a time; the blocks must outlive
+/// it.
+class APFSChances {
+public:
+    explicit APFSChances(APFSBlockReader& blocks)
+        : blocks_(blocks)
+    {
+    }
+
+    /// Tells which blocks are in use by what exists.
+    void addInUse(APFSBlocks blocks) { inUse_.add(blocks); }
+    /// Puts off a deleted file, which has extents. The node stays where it is until it is judged.
+    void judgeLater(FileNode& node) { waiting_.push_back(&node); }
+    /// Judges those that wait, by the space manager of the checkpoint with this superblock too.
+    /// False when some wait and it cannot be read.
+    bool judgeWaiting(const APFSFormat::ContainerSuperblock& superblock);
+
+private:
+    ClusterUse useOf(const ExtentList& extents);
+    bool findInUse(APFSBlocks blocks);
+
+    APFSBlockReader& blocks_;
+    APFSBlockRanges inUse_;
+    std::vector<FileNode*> waiting_;                 // not owning: they are in the volumes' trees
+    std::unique_ptr<APFSSpaceManager> spaceManager_; // none: not read, or cannot be
+    bool hasAskedSpaceManager_ = false;
+};

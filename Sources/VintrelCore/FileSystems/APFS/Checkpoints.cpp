@@ -1,0 +1,128 @@
+#include "VintrelCore/FileSystems/APFS/Checkpoints.h"
+
+#include "VintrelCore/FileSystems/APFS/Objects.h"
+#include "VintrelCore/FileSystems/APFS/Superblock.h"
+
+#include <algorithm>
+#include <functional>
+#include <limits>
+
+using namespace APFSFormat;
+
+namespace {
+
+constexpr std::size_t maxOlderCheckpoints = 64; ///< that are searched for deleted files
+
+constexpr auto noLimit = std::numeric_limits<std::uint64_t>::max();
+
+} // namespace
+
+APFSCheckpoints::APFSCheckpoints(APFSBlockReader& blocks, ByteView first, std::uint64_t firstOffset)
+    : blocks_(blocks)
+    , superblock_(APFSSuperblock::decode(first))
+    , xid_(superblock_.object.xid)
+{
+    if (firstOffset != blocks_.base())
+        notes_.emplace_back("Containerens første superblok er tabt. En af de andre er brugt.");
+    if (APFSParser::checksumOK(first) && xid_ != 0)
+        checkpoints_.push_back({ xid_, firstOffset });
+    else
+        notes_.emplace_back("Containerens superblok har forkert kontrolsum.");
+    findInDescriptorArea();
+    if (checkpoints_.empty()) {
+        xid_ = noLimit;
+    } else {
+        xid_ = checkpoints_.front().xid;
+        superblock_ = APFSSuperblock::decode(read(checkpoints_.front()));
+    }
+    chooseUsable();
+}
+
+/// Finds the sound superblocks of the checkpoint descriptor area. Of those with the same
+/// transaction the first counts.
+void APFSCheckpoints::findInDescriptorArea()
+{
+    const std::uint32_t count = superblock_.descriptorBlocks;
+    const std::uint64_t start = superblock_.descriptorBase;
+    if ((count & nonContiguous) != 0 || count > maxDescriptorBlocks || start > noLimit - count)
+        return;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const auto offset = blocks_.offsetOf(start + i);
+        if (!offset)
+            break;
+        const auto block = read({ .offset = *offset });
+        const std::uint64_t xid = APFSSuperblock::decode(block).object.xid;
+        if (APFSSuperblock::isSound(block) && xid != 0)
+            checkpoints_.push_back({ xid, *offset });
+    }
+    std::ranges::stable_sort(checkpoints_, std::ranges::greater {}, &Checkpoint::xid);
+    const auto isSame
+        = [](const Checkpoint& one, const Checkpoint& other) { return one.xid == other.xid; };
+    checkpoints_.erase(
+        std::unique(checkpoints_.begin(), checkpoints_.end(), isSame), checkpoints_.end());
+}
+
+/// Takes an older checkpoint where the newest one names volumes, but has no usable object map.
+void APFSCheckpoints::chooseUsable()
+{
+    objectMap_ = APFSObjectMaps::newestIn(blocks_, superblock_.objectMapOID, xid_);
+    const bool hasVolumes = std::ranges::any_of(
+        superblock_.fileSystemOIDs, [](std::uint64_t oid) { return oid != 0; });
+    if (!hasVolumes)
+        return;
+    const auto end = std::min(checkpoints_.size(), maxOlderCheckpoints);
+    for (std::size_t next = 1; objectMap_.empty() && next < end; ++next) {
+        const auto older = APFSSuperblock::decode(read(checkpoints_[next]));
+        const std::uint64_t xid = checkpoints_[next].xid;
+        objectMap_ = APFSObjectMaps::newestIn(blocks_, older.objectMapOID, xid);
+        if (objectMap_.empty())
+            continue;
+        superblock_ = older;
+        xid_ = xid;
+        notes_.emplace_back("Det nyeste checkpoint kan ikke bruges. Et ældre er læst i stedet.");
+    }
+}
+
+/// Not counted against what may be read: there are no more than the descriptor area has blocks.
+Bytes APFSCheckpoints::read(const Checkpoint& checkpoint) const
+{
+    return APFSBlockReader::readAvailable(blocks_.source(), checkpoint.offset, blocks_.blockSize());
+}
+
+std::vector<Bytes> APFSCheckpoints::olderSuperblocks(std::uint64_t volumeOID)
+{
+    if (!volumeVersions_)
+        volumeVersions_ = versionsOfVolumes();
+    std::vector<Bytes> found;
+    Bytes block;
+    for (const auto& version : *volumeVersions_) {
+        if (version.oid != volumeOID || !blocks_.read(version.block, block)
+            || !APFSParser::checksumOK(block))
+            continue;
+        const auto stored = *ByteView(block).load<VolumeSuperblock>(0);
+        if (isVolumeSuperblock(stored) && stored.object.oid == volumeOID
+            && stored.object.xid <= xid_)
+            found.push_back(block);
+        if (found.size() > maxOlderCheckpoints)
+            break;
+    }
+    return found;
+}
+
+/// Where the volumes' superblocks lie that any checkpoint knows, newest first.
+std::vector<APFSObjectVersion> APFSCheckpoints::versionsOfVolumes()
+{
+    std::vector<APFSObjectVersion> versions;
+    APFSObjectMaps maps(blocks_);
+    std::size_t count = 0;
+    for (const auto& checkpoint : checkpoints_) {
+        if (checkpoint.xid > xid_ || count++ > maxOlderCheckpoints)
+            continue;
+        const auto older = APFSSuperblock::decode(read(checkpoint));
+        if (older.uuid == superblock_.uuid) // else it is of an earlier container in the same place
+            maps.forEachVersion(older.objectMapOID, checkpoint.xid,
+                [&](const APFSObjectVersion& version) { versions.push_back(version); });
+    }
+    std::ranges::stable_sort(versions, std::ranges::greater {}, &APFSObjectVersion::xid);
+    return versions;
+}

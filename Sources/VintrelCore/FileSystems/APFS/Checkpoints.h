@@ -1,0 +1,52 @@
+#pragma once
+
+#include "VintrelCore/FileSystems/APFS/BlockReader.h"
+#include "VintrelCore/FileSystems/APFS/ObjectMaps.h"
+#include "VintrelCore/FileSystems/APFS/Structures.h"
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// The checkpoints that a container's descriptor area still has, and the one by which the container
+/// is read: the newest one whose object map can be used. Used by one thread at a time; the blocks
+/// must outlive it.
+class APFSCheckpoints {
+public:
+    /// `first`: the superblock with which to begin, which lies at byte `firstOffset`.
+    APFSCheckpoints(APFSBlockReader& blocks, ByteView first, std::uint64_t firstOffset);
+
+    /// Of the checkpoint by which the container is read.
+    const APFSFormat::ContainerSuperblock& superblock() const { return superblock_; }
+    /// Its transaction. Objects of later ones are not accepted. The largest number there is when no
+    /// superblock says.
+    std::uint64_t xid() const { return xid_; }
+    /// The blocks of the volumes' superblocks, by oid. Empty when no checkpoint has a usable map.
+    const APFSObjectMaps::BlockByOID& objectMap() const { return objectMap_; }
+    /// What the user should know, in Danish.
+    const std::vector<std::string>& notes() const { return notes_; }
+
+    /// The superblocks that older checkpoints have of a volume, newest first.
+    std::vector<Bytes> olderSuperblocks(std::uint64_t volumeOID);
+
+private:
+    struct Checkpoint {
+        std::uint64_t xid = 0;
+        std::uint64_t offset = 0; ///< of its superblock, in bytes on the source
+    };
+
+    void findInDescriptorArea();
+    void chooseUsable();
+    Bytes read(const Checkpoint& checkpoint) const;
+    std::vector<APFSObjectVersion> versionsOfVolumes();
+
+    APFSBlockReader& blocks_;
+    APFSFormat::ContainerSuperblock superblock_;
+    std::uint64_t xid_;
+    APFSObjectMaps::BlockByOID objectMap_;
+    std::vector<std::string> notes_;
+    std::vector<Checkpoint> checkpoints_;                          // the sound ones, newest first
+    std::optional<std::vector<APFSObjectVersion>> volumeVersions_; // none: not read yet
+};

@@ -1,0 +1,163 @@
+#include "VintrelCore/FileSystems/APFS/Content.h"
+
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/Chance.h"
+
+#include <algorithm>
+#include <map>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+/// Appends to a list of extents; neighbours on the source become one.
+void append(ExtentList& extents, Extent extent)
+{
+    if (!extents.empty()) {
+        auto& last = extents.back();
+        const bool meets
+            = last.offset && extent.offset && *last.offset + last.length == *extent.offset;
+        if (meets || (!last.offset && !extent.offset)) {
+            last.length += extent.length;
+            return;
+        }
+    }
+    extents.push_back(extent);
+}
+
+/// Of versions of a file's extents that cover each other the newest parts, by logical address. What
+/// an extent covers is cut at `size`.
+std::vector<APFSFileRecords::Extent> newestParts(
+    std::span<const APFSFileRecords::Extent> versions, std::uint64_t size, std::uint64_t blockSize)
+{
+    std::vector<APFSFileRecords::Extent> byAge(versions.begin(), versions.end());
+    std::ranges::stable_sort(
+        byAge, [](const auto& one, const auto& other) { return one.leaf.xid > other.leaf.xid; });
+    std::map<std::uint64_t, APFSFileRecords::Extent> parts; // apart from each other
+    for (const auto& version : byAge) {
+        if (version.logical >= size)
+            continue;
+        const std::uint64_t end
+            = version.logical + std::min(version.length, size - version.logical);
+        std::uint64_t at = version.logical;
+        auto next = parts.upper_bound(at);
+        if (next != parts.begin())
+            at = std::max(at, std::prev(next)->second.logical + std::prev(next)->second.length);
+        // Each gap that is filled is gone, so that all turns together are no more than there are
+        // versions, twice.
+        while (at < end) {
+            const std::uint64_t partEnd = next == parts.end() ? end : std::min(end, next->first);
+            if (partEnd > at) {
+                auto part = version;
+                const std::uint64_t skipped = at - version.logical;
+                part.logical = at;
+                part.length = partEnd - at;
+                if (part.block != 0)
+                    part.block += skipped / blockSize;
+                parts.emplace_hint(next, at, part);
+            }
+            if (next == parts.end())
+                break;
+            at = next->second.logical + next->second.length;
+            ++next;
+        }
+    }
+    std::vector<APFSFileRecords::Extent> result;
+    result.reserve(parts.size());
+    for (const auto& [at, part] : parts)
+        result.push_back(part);
+    return result;
+}
+
+} // namespace
+
+void APFSContent::fill(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
+    const APFSFileRecords::Inode& inode)
+{
+    using Kind = APFSFileRecords::Attribute::Kind;
+    node.size = inode.size;
+    const auto* compression = records.attribute(inode.id, Kind::compression);
+    if (inode.isCompressed || (compression != nullptr && inode.size == 0)) {
+        if (compression != nullptr)
+            node.size = compression->size;
+        node.data = ExtentList {};
+        judge(node, Doubt::compressedByAPFS);
+        return;
+    }
+    if (inode.isSymlink()) {
+        fillSymlink(node, records, inode);
+        return;
+    }
+    if (node.size == 0 && records.attribute(inode.id, Kind::resourceFork) != nullptr)
+        node.addNote("Filen har kun en ressourcegren, som ikke gendannes");
+    fillExtents(node, records, live, inode);
+}
+
+void APFSContent::fillSymlink(
+    FileNode& node, const APFSFileRecords& records, const APFSFileRecords::Inode& inode)
+{
+    const auto* link = records.attribute(inode.id, APFSFileRecords::Attribute::Kind::symlink);
+    auto target = link != nullptr ? records.text(link->target) : std::string_view();
+    // A link may have many names, and each is a node with the target in it.
+    if (!state_.extentBudget().take(1 + target.size() / sizeof(Extent)))
+        target = {};
+    node.size = target.size();
+    node.data = Bytes(target.begin(), target.end());
+    judge(node, target.empty() ? Doubts(Doubt::missingLinkTarget) : Doubts());
+}
+
+void APFSContent::fillExtents(FileNode& node, const APFSFileRecords& records,
+    const APFSFileRecords* live, const APFSFileRecords::Inode& inode)
+{
+    auto stored = records.extentsOf(inode.privateID);
+    const bool isShared
+        = stored.empty() && live != nullptr && !live->extentsOf(inode.privateID).empty();
+    if (isShared) // a clone that still exists has them
+        stored = live->extentsOf(inode.privateID);
+    if (!state_.extentBudget().take(stored.size())) {
+        node.data = ExtentList {};
+        judge(node, Doubt::overclaimedBlocks);
+        return;
+    }
+    auto layout = layOut(stored, node.size, inode);
+    node.data = std::move(layout.extents);
+    const bool exists = node.status == EntryStatus::existing;
+    if (!layout.isComplete) {
+        const auto partly = exists ? Doubt::partlyUnknownBlocks : Doubt::lostBlocks;
+        judge(node, stored.empty() ? Doubt::unknownBlocks : partly);
+    } else if (exists || isShared || layout.isHeldBySnapshot) {
+        judge(node, {});
+        if (layout.isHeldBySnapshot && !exists)
+            node.addNote("Bevaret i et snapshot");
+    } else {
+        state_.chances().judgeLater(node);
+    }
+}
+
+APFSContent::Layout APFSContent::layOut(std::span<const APFSFileRecords::Extent> stored,
+    std::uint64_t size, const APFSFileRecords::Inode& inode)
+{
+    auto& blocks = state_.blocks();
+    Layout layout { .extents = {}, .isHeldBySnapshot = inode.leaf.isHeldBySnapshot };
+    const auto addHole = [&](std::uint64_t length) {
+        append(layout.extents, { std::nullopt, length });
+        layout.isComplete = layout.isComplete && inode.isSparse;
+    };
+    std::uint64_t at = 0;
+    for (const auto& part : newestParts(stored, size, blocks.blockSize())) {
+        if (part.logical > at)
+            addHole(part.logical - at);
+        const auto offset = blocks.isValid(part.block) ? blocks.offsetOf(part.block) : std::nullopt;
+        append(layout.extents, { offset, part.length });
+        const bool isHole = part.block == 0;
+        const bool isOnSource = offset && part.length <= blocks.source().size() - *offset;
+        layout.isComplete = layout.isComplete && (isHole || isOnSource);
+        layout.isHeldBySnapshot = layout.isHeldBySnapshot && part.leaf.isHeldBySnapshot;
+        at = part.logical + part.length;
+    }
+    if (at < size)
+        addHole(size - at);
+    return layout;
+}
