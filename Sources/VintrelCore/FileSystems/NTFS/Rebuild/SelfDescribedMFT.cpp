@@ -35,7 +35,7 @@ std::vector<LooseRecord> findZeroRecords(
 }
 
 /// What a record 0, and the record 1 behind it, say of where the MFT and its mirror lie.
-struct Layout {
+struct Description {
     std::uint64_t mftLCN = 0;
     std::optional<std::uint64_t> mirrorLCN; ///< none where record 1 is lost
     std::optional<std::uint64_t> clusterSize;
@@ -43,7 +43,7 @@ struct Layout {
     bool hasOwnMirror() const { return mirrorLCN && *mirrorLCN != mftLCN; }
 };
 
-std::optional<Layout> readLayout(RecordReader& reader, const LooseRecord& zero)
+std::optional<Description> readDescription(RecordReader& reader, const LooseRecord& zero)
 {
     MFTRecord record;
     if (!reader.read(zero, record))
@@ -51,25 +51,25 @@ std::optional<Layout> readLayout(RecordReader& reader, const LooseRecord& zero)
     const auto mftLCN = firstLCN(record);
     if (!mftLCN)
         return std::nullopt;
-    Layout layout { .mftLCN = *mftLCN, .mirrorLCN = {}, .clusterSize = {} };
+    Description description { .mftLCN = *mftLCN, .mirrorLCN = {}, .clusterSize = {} };
     // With an attribute list the record has the first runs only, and a size that is that of all of
     // them.
     if (!record.hasAttributeList())
-        layout.clusterSize = clusterSizeOf(record);
+        description.clusterSize = clusterSizeOf(record);
     if (reader.read({ zero.offset + zero.size, 1, zero.size }, record))
-        layout.mirrorLCN = firstLCN(record);
-    if (!layout.clusterSize && layout.mirrorLCN)
-        layout.clusterSize = clusterSizeOf(record);
-    return layout;
+        description.mirrorLCN = firstLCN(record);
+    if (!description.clusterSize && description.mirrorLCN)
+        description.clusterSize = clusterSizeOf(record);
+    return description;
 }
 
 /// The cluster size with which two places on the source are as many clusters apart as the MFT and
 /// its mirror; none when there is no such size.
 std::optional<std::uint64_t> clusterSizeByDistance(
-    const Layout& layout, std::uint64_t place, std::uint64_t other)
+    const Description& description, std::uint64_t place, std::uint64_t other)
 {
-    const std::uint64_t clusters
-        = std::max(*layout.mirrorLCN, layout.mftLCN) - std::min(*layout.mirrorLCN, layout.mftLCN);
+    const std::uint64_t clusters = std::max(*description.mirrorLCN, description.mftLCN)
+        - std::min(*description.mirrorLCN, description.mftLCN);
     const std::uint64_t bytes = std::max(place, other) - std::min(place, other);
     return bytes % clusters == 0 && isClusterSize(bytes / clusters)
         ? std::optional(bytes / clusters)
@@ -82,8 +82,8 @@ std::vector<NTFSGeometry> geometriesAround(
     RecordReader& reader, const LooseRecord& zero, const std::vector<LooseRecord>& zeroRecords)
 {
     std::vector<NTFSGeometry> geometries;
-    const auto layout = readLayout(reader, zero);
-    if (!layout)
+    const auto description = readDescription(reader, zero);
+    if (!description)
         return geometries;
     const auto addIfPossible = [&](std::uint64_t lcn, std::uint64_t clusterSize) {
         if (lcn > zero.offset / clusterSize)
@@ -93,21 +93,21 @@ std::vector<NTFSGeometry> geometriesAround(
             .clusterSize = clusterSize,
             .recordSize = zero.size,
             .volumeSize = reader.source().size() - base,
-            .mftLCN = layout->mftLCN,
-            .mirrorLCN = layout->mirrorLCN.value_or(layout->mftLCN) });
+            .mftLCN = description->mftLCN,
+            .mirrorLCN = description->mirrorLCN.value_or(description->mftLCN) });
     };
-    if (layout->clusterSize)
-        addIfPossible(layout->mftLCN, *layout->clusterSize);
-    if (!layout->hasOwnMirror())
+    if (description->clusterSize)
+        addIfPossible(description->mftLCN, *description->clusterSize);
+    if (!description->hasOwnMirror())
         return geometries;
-    if (layout->clusterSize)
-        addIfPossible(*layout->mirrorLCN, *layout->clusterSize); // this may be the copy
-    const bool isMirrorBehind = *layout->mirrorLCN > layout->mftLCN;
+    if (description->clusterSize)
+        addIfPossible(*description->mirrorLCN, *description->clusterSize); // this may be the copy
+    const bool isMirrorBehind = *description->mirrorLCN > description->mftLCN;
     for (const auto& other : zeroRecords) {
-        const auto size = clusterSizeByDistance(*layout, zero.offset, other.offset);
-        if (size && size != layout->clusterSize)
-            addIfPossible((other.offset > zero.offset) == isMirrorBehind ? layout->mftLCN
-                                                                         : *layout->mirrorLCN,
+        const auto size = clusterSizeByDistance(*description, zero.offset, other.offset);
+        if (size && size != description->clusterSize)
+            addIfPossible((other.offset > zero.offset) == isMirrorBehind ? description->mftLCN
+                                                                         : *description->mirrorLCN,
                 *size);
     }
     return geometries;
