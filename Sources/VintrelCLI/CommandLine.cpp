@@ -7,6 +7,7 @@
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/Foundation/ByteRange.h"
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Imaging/Imager.h"
 #include "VintrelCore/Model/FileNode.h"
@@ -14,10 +15,10 @@
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Model/WorkProgress.h"
 #include "VintrelCore/Recovery/Recovery.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/FullScan.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -79,39 +80,33 @@ std::unique_ptr<DiskSource> open(const std::string& name)
     return source;
 }
 
-enum class Depth { quick, deep, deepWithoutCarving };
-
-Depth depthByOption(const Session& session)
+/// What the deep scan of a command looks for; none when the command wants no deep scan.
+std::optional<DeepScanOptions> deepScanByOption(const Session& session)
 {
-    return session.has("--deep") ? Depth::deep : Depth::quick;
+    return session.has("--deep") ? std::optional(DeepScanOptions()) : std::nullopt;
+}
+
+std::string describe(const DeepScanResult& finds)
+{
+    std::string text;
+    for (const auto& kind : findCounts(finds))
+        text.append(text.empty() ? "Dyb scanning: " : ", ")
+            .append(number(kind.count))
+            .append(" ")
+            .append(kind.words);
+    return text;
 }
 
 /// What the tables of the source name, and with a deep scan what is found beyond them.
-VolumeList allVolumes(Session& session, Depth depth)
+VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& deep)
 {
-    auto& source = *session.source;
-    auto quick = QuickScanner::run(source, &session.progress);
-    for (const auto& note : quick.notes)
-        session.print("! " + Unicode::escaped(note));
-    auto volumes = std::move(quick.volumes);
-    if (depth == Depth::quick)
-        return volumes;
-
-    DeepScanOptions options;
-    options.carve = depth == Depth::deep;
-    const auto found = DeepScanner(source, options).run(&session.progress);
-    session.print("Dyb scanning: " + number(found.carved.size()) + " signaturfund, "
-        + number(found.boots.size()) + " bootsektorer, " + number(found.mftRecords.size())
-        + " MFT-poster, " + number(found.fatDirSectors.size()) + " FAT-mappesektorer, "
-        + number(found.apfsLeafNodes.size()) + " APFS-knuder");
-    std::ranges::move(DeepScanner::buildVolumes(source, found, volumes, &session.progress),
-        std::back_inserter(volumes));
-    for (auto& [volume, folder] :
-        DeepScanner::extraFolders(source, volumes, found, &session.progress))
-        volume->root->add(std::move(folder));
-    if (!found.carved.empty())
-        volumes.push_back(DeepScanner::carvedVolume(source, found.carved));
-    return volumes;
+    return FullScan::run(*session.source, deep, &session.progress,
+        { .quickScanDone =
+                [&](const auto& notes) {
+                    for (const auto& note : notes)
+                        session.print("! " + Unicode::escaped(note));
+                },
+            .sweepDone = [&](const auto& finds) { session.print(describe(finds)); } });
 }
 
 void list(Session& session) { printDisks(DiskList::load(), session.out); }
@@ -151,14 +146,15 @@ void scan(Session& session)
 
 void tree(Session& session)
 {
-    for (const auto& volume : allVolumes(session, depthByOption(session)))
+    for (const auto& volume : allVolumes(session, deepScanByOption(session)))
         printTree(*volume, session.out);
 }
 
 void deep(Session& session)
 {
-    const auto depth = session.has("--no-carve") ? Depth::deepWithoutCarving : Depth::deep;
-    for (const auto& volume : allVolumes(session, depth)) {
+    DeepScanOptions options;
+    options.carve = !session.has("--no-carve");
+    for (const auto& volume : allVolumes(session, options)) {
         const auto totals = volume->root->totals();
         session.print(Unicode::escaped(volume->title()) + " [" + Unicode::escaped(volume->origin)
             + "] @ " + number(volume->offset) + ": " + number(totals.files) + " filer, "
@@ -169,7 +165,7 @@ void deep(Session& session)
 void recover(Session& session)
 {
     warnOfDestination(session);
-    for (const auto& volume : allVolumes(session, depthByOption(session))) {
+    for (const auto& volume : allVolumes(session, deepScanByOption(session))) {
         if (session.progress.isCancelled())
             break;
         std::vector<FileNode*> nodes;
@@ -271,11 +267,8 @@ std::vector<ByteRange> parseByteRanges(std::string_view text)
     for (const auto piece : split(text, ',')) {
         std::vector<std::uint64_t> numbers;
         for (const auto part : split(piece, '-')) {
-            std::uint64_t value = 0;
-            const auto [end, error]
-                = std::from_chars(part.data(), part.data() + part.size(), value);
-            if (error == std::errc() && end == part.data() + part.size())
-                numbers.push_back(value);
+            if (const auto value = Text::number(part))
+                numbers.push_back(*value);
         }
         if (numbers.size() == 2 && numbers[0] < numbers[1])
             ranges.push_back({ numbers[0], numbers[1] });

@@ -6,25 +6,12 @@
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/Volume.h"
 
-#include <ctime>
 #include <ostream>
 
 namespace {
 
 /// A listing can have millions of lines; they leave in blocks of this many bytes.
 constexpr std::size_t blockSize = 65'536;
-
-/// "2026-10-03 14:22:10", in local time.
-void appendDate(std::string& text, Date date)
-{
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(
-        std::chrono::time_point_cast<std::chrono::system_clock::duration>(
-            std::chrono::floor<std::chrono::seconds>(date)));
-    std::tm local {};
-    char buffer[32];
-    if (localtime_r(&seconds, &local) != nullptr)
-        text.append(buffer, std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &local));
-}
 
 void appendNode(std::string& text, const FileNode& node, std::size_t depth)
 {
@@ -33,10 +20,8 @@ void appendNode(std::string& text, const FileNode& node, std::size_t depth)
         text += '/';
     else
         text.append("  ").append(formatBytes(node.size));
-    if (!node.isDirectory() && node.modified) {
-        text += "  ";
-        appendDate(text, *node.modified);
-    }
+    if (!node.isDirectory() && node.modified)
+        text.append("  ").append(TimeConversion::localText(*node.modified, "%Y-%m-%d %H:%M:%S"));
     if (node.status != EntryStatus::existing)
         text.append("  [")
             .append(label(node.status))

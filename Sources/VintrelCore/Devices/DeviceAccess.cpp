@@ -2,11 +2,11 @@
 
 #include "VintrelCore/Devices/HelperProgram.h"
 #include "VintrelCore/Devices/PropertyList/PropertyList.h"
-#include "VintrelCore/Devices/SourceOpener.h"
+#include "VintrelCore/Devices/SourceError.h"
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 
 #include <cerrno>
-#include <charconv>
 #include <filesystem>
 #include <optional>
 #include <string_view>
@@ -24,8 +24,8 @@ constexpr HelperProgram::Limits detachLimits { .time = 30s };
 /// The last line that a program complained with, or what else is known of its failure.
 std::string reasonOf(const HelperProgram::Outcome& outcome, const std::string& program)
 {
-    if (outcome.error != 0)
-        return program + ": " + std::generic_category().message(outcome.error);
+    if (outcome.error)
+        return program + ": " + outcome.error.message();
     auto complaints = Unicode::trimmed(outcome.complaints);
     if (const auto lineFeed = complaints.rfind('\n'); lineFeed != std::string_view::npos)
         complaints.remove_prefix(lineFeed + 1);
@@ -38,13 +38,10 @@ std::string reasonOf(const HelperProgram::Outcome& outcome, const std::string& p
 std::optional<unsigned> diskNumber(std::string_view device)
 {
     constexpr std::string_view beginning = "/dev/disk";
-    unsigned number = 0;
     if (!device.starts_with(beginning))
         return std::nullopt;
     device.remove_prefix(beginning.size());
-    return std::from_chars(device.data(), device.data() + device.size(), number).ec == std::errc()
-        ? std::optional(number)
-        : std::nullopt;
+    return Text::number<unsigned>(device.substr(0, device.find('s')));
 }
 
 } // namespace
@@ -55,19 +52,19 @@ FileDescriptor openWithAuthorization(
     const std::string& authopen, const std::string& path, const std::string& displayName)
 {
     auto outcome = HelperProgram::run({ authopen, "-stdoutpipe", path }, askingLimits);
-    if (outcome.error != 0)
+    if (outcome.error)
         throw SourceError::openFailed(path, outcome.error);
     if (outcome.status != 0) // it was refused, or no password was given
         throw SourceError::authorizationFailed(displayName);
     if (!outcome.descriptor)
-        throw SourceError::openFailed(path, EBADF);
+        throw SourceError::openFailed(path, SystemError(EBADF));
     struct stat wanted {
     }, received {};
     if (::stat(path.c_str(), &wanted) != 0 || ::fstat(outcome.descriptor.get(), &received) != 0)
-        throw SourceError::openFailed(path, errno);
+        throw SourceError::openFailed(path, SystemError::last());
     if ((wanted.st_mode & S_IFMT) != (received.st_mode & S_IFMT)
         || wanted.st_rdev != received.st_rdev)
-        throw SourceError::openFailed(path, EBADF);
+        throw SourceError::openFailed(path, SystemError(EBADF));
     return std::move(outcome.descriptor);
 }
 

@@ -2,7 +2,6 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Foundation/FileDescriptor.h"
-#include "VintrelCore/Model/FileTypes.h"
 
 #include <functional>
 #include <string>

@@ -2,11 +2,11 @@
 
 #include "VintrelCore/Devices/HelperProgram.h"
 #include "VintrelCore/Devices/PropertyList/PropertyList.h"
+#include "VintrelCore/Foundation/Text.h"
 
 #include <CVintrel/Devices.h>
 
 #include <algorithm>
-#include <charconv>
 #include <iterator>
 #include <optional>
 #include <string_view>
@@ -55,12 +55,12 @@ std::string takeQuoted(std::string_view& line)
 {
     std::string text;
     while (!line.empty() && line.front() != '"') {
-        unsigned byte = 0;
-        const auto digits = line.substr(0, 4);
-        if (digits.starts_with("\\x")
-            && std::from_chars(digits.data() + 2, digits.data() + digits.size(), byte, 16).ptr
-                == digits.data() + 4) {
-            text += static_cast<char>(byte);
+        const auto escape = line.substr(0, 4);
+        const auto byte = escape.size() == 4 && escape.starts_with("\\x")
+            ? Text::number<std::uint32_t>(escape.substr(2), 16)
+            : std::nullopt;
+        if (byte) {
+            text += static_cast<char>(*byte);
             line.remove_prefix(4);
         } else {
             text += line.front();
@@ -84,13 +84,7 @@ Pairs pairsOf(std::string_view line)
     return pairs;
 }
 
-std::uint64_t sizeOf(Pairs& device)
-{
-    const auto& digits = device["SIZE"];
-    std::uint64_t size = 0;
-    std::from_chars(digits.data(), digits.data() + digits.size(), size);
-    return size;
-}
+std::uint64_t sizeOf(Pairs& device) { return Text::number(device["SIZE"]).value_or(0); }
 
 PartitionRecord partitionFrom(Pairs& device)
 {
@@ -108,7 +102,7 @@ std::string_view smartStatus(const std::string& smartctl, const std::string& dis
     if (smartctl.empty())
         return notSupported;
     const auto outcome = HelperProgram::run({ smartctl, "-H", disk }, limits);
-    if (outcome.error != 0 || outcome.status < 0)
+    if (outcome.error || outcome.status < 0)
         return notSupported;
     if ((outcome.status & failingBit) != 0)
         return failing;
@@ -178,9 +172,7 @@ std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& s
     std::unordered_map<std::string, std::size_t>
         diskOf; // by the kernel's names of it and of all that is on it
     for (std::string_view text = outcome.output; !text.empty();) {
-        const auto line = text.substr(0, text.find('\n'));
-        text.remove_prefix(std::min(line.size() + 1, text.size()));
-        auto device = pairsOf(line);
+        auto device = pairsOf(Text::takeLine(text));
         auto record = partitionFrom(device);
         const auto& kernelName = device["KNAME"];
         // Drives without a medium, and memory that plays disk, are nothing to recover from.

@@ -19,9 +19,10 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr std::size_t maxComplaints = 4'096; // bytes that are kept
-constexpr auto glance = 20ms; // how soon the end of a program is seen whose children go on
-constexpr auto mourning
-    = 2s; // how long a killed program is waited for: a disk that hangs can keep it from dying
+/// How soon the end of a program is seen whose children hold its output open.
+constexpr auto endCheckInterval = 20ms;
+/// How long a killed program is waited for: a disk that hangs can keep it from dying.
+constexpr auto deathWait = 2s;
 
 /// Two ends of a connection that carries bytes and descriptors.
 struct Connection {
@@ -56,13 +57,14 @@ public:
     Child& operator=(const Child&) = delete;
     ~Child()
     {
-        if (hasEnded())
+        if (checkEnd())
             return;
         ::kill(process_, SIGKILL);
-        waitUntil(Clock::now() + mourning);
+        waitUntil(Clock::now() + deathWait);
     }
 
-    bool hasEnded()
+    /// Asks the system whether the program has ended.
+    bool checkEnd()
     {
         if (!hasEnded_) {
             const pid_t ended = ::waitpid(process_, &status_, WNOHANG);
@@ -73,9 +75,9 @@ public:
     }
     bool waitUntil(Clock::time_point deadline)
     {
-        while (!hasEnded() && Clock::now() < deadline)
+        while (!checkEnd() && Clock::now() < deadline)
             std::this_thread::sleep_for(1ms);
-        return hasEnded();
+        return checkEnd();
     }
     int exitStatus() const { return isKnown_ && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1; }
 
@@ -139,12 +141,13 @@ Outcome run(const std::vector<std::string>& words, Limits limits)
     auto output = connect();
     auto complaints = connect();
     if (!output.far || !complaints.far) {
-        outcome.error = errno;
+        outcome.error = SystemError::last();
         return outcome;
     }
     pid_t process = -1;
-    outcome.error = CVintrel::startProcess(words, output.far.get(), complaints.far.get(), process);
-    if (outcome.error != 0)
+    outcome.error = SystemError(
+        CVintrel::startProcess(words, output.far.get(), complaints.far.get(), process));
+    if (outcome.error)
         return outcome;
     Child child(process);
     output.far.close();
@@ -158,8 +161,8 @@ Outcome run(const std::vector<std::string>& words, Limits limits)
             break;
         // Asked before the bytes: what a program that has ended printed is there. Its children may
         // live on and hold the connection, for ever.
-        const bool hasEnded = child.hasEnded();
-        const auto patience = std::min<Clock::duration>(glance, deadline - now);
+        const bool hasEnded = child.checkEnd();
+        const auto patience = std::min<Clock::duration>(endCheckInterval, deadline - now);
         ::poll(ends, 2,
             hasEnded
                 ? 0
@@ -176,14 +179,14 @@ Outcome run(const std::vector<std::string>& words, Limits limits)
         }
         outcome.complaints.resize(std::min(outcome.complaints.size(), maxComplaints));
         if (outcome.output.size() > limits.output) {
-            outcome.error = EFBIG;
+            outcome.error = SystemError(EFBIG);
             return outcome;
         }
         if (hasEnded && isQuiet)
             break;
     }
     if (!child.waitUntil(deadline))
-        outcome.error = ETIMEDOUT;
+        outcome.error = SystemError(ETIMEDOUT);
     else
         outcome.status = child.exitStatus();
     return outcome;

@@ -17,16 +17,16 @@ struct Limits {
 };
 
 struct Outcome {
-    /// Why it did not run to its end: the system's error number when it could not be started,
-    /// ETIMEDOUT when it took too long, EFBIG when it printed too much; 0 otherwise.
-    int error = 0;
+    /// Why it did not run to its end, if it did not: the system's own error when it could not be
+    /// started, ETIMEDOUT when it took too long, EFBIG when it printed too much.
+    SystemError error;
     int status = -1;        ///< its exit status; -1 when a signal ended it
     std::string output;     ///< what it printed
     std::string complaints; ///< the beginning of what it printed on standard error
     FileDescriptor
         descriptor; ///< the first open file that it sent over its standard output, if any
 
-    bool succeeded() const { return error == 0 && status == 0; }
+    bool succeeded() const { return !error && status == 0; }
 };
 
 /// Runs a program without a shell. `words` are its path and its arguments.

@@ -1,6 +1,7 @@
 #include "VintrelCore/Devices/SourceOpener.h"
 
 #include "VintrelCore/Devices/DeviceAccess.h"
+#include "VintrelCore/Foundation/Text.h"
 
 #include <CVintrel/Devices.h>
 
@@ -20,25 +21,21 @@ constexpr std::string_view appleImageExtensions[]
 
 bool isAppleImage(const std::string& path)
 {
-    auto extension = std::filesystem::path(path).extension().string();
-    std::ranges::transform(extension, extension.begin(), [](char character) {
-        return character >= 'A' && character <= 'Z' ? static_cast<char>(character + ('a' - 'A'))
-                                                    : character;
-    });
+    const auto extension = Text::lowerCase(std::filesystem::path(path).extension().string());
     return extension.starts_with('.')
         && std::ranges::count(appleImageExtensions, extension.substr(1)) != 0;
 }
 
-/// The error that fits opening a thing of this kind as an image; 0 for a regular file.
-int refusalOf(mode_t mode)
+/// The error that fits opening a thing of this kind as an image; none for a regular file.
+SystemError refusalOf(mode_t mode)
 {
     if (S_ISREG(mode))
-        return 0;
+        return {};
     if (S_ISDIR(mode))
-        return EISDIR;
+        return SystemError(EISDIR);
     if (S_ISBLK(mode) || S_ISCHR(mode))
-        return ENOTSUP;
-    return ESPIPE; // pipes and sockets have no positions to read at
+        return SystemError(ENOTSUP);
+    return SystemError(ESPIPE); // pipes and sockets have no positions to read at
 }
 
 struct stat statusOf(const std::string& path)
@@ -48,7 +45,7 @@ struct stat statusOf(const std::string& path)
         return status;
     if (errno == ENOENT || errno == ENOTDIR)
         throw SourceError::notFound(path);
-    throw SourceError::openFailed(path, errno);
+    throw SourceError::openFailed(path, SystemError::last());
 }
 
 FileDescriptor openDirectly(const std::string& path, const std::string& displayName)
@@ -59,7 +56,7 @@ FileDescriptor openDirectly(const std::string& path, const std::string& displayN
         return descriptor;
     if (errno == EACCES || errno == EPERM)
         throw SourceError::authorizationFailed(displayName);
-    throw SourceError::openFailed(path, errno);
+    throw SourceError::openFailed(path, SystemError::last());
 }
 
 /// What is known of a disk that is open already.
@@ -68,14 +65,14 @@ DiskSource::Opened opened(
 {
     struct stat status { };
     if (::fstat(descriptor.get(), &status) != 0)
-        throw SourceError::openFailed(path, errno);
+        throw SourceError::openFailed(path, SystemError::last());
     if (!CVintrel::isDisk(path, status.st_mode)) // it became something else just now
-        throw SourceError::openFailed(path, ENODEV);
+        throw SourceError::openFailed(path, SystemError(ENODEV));
     const auto geometry = CVintrel::deviceGeometry(descriptor.get());
     if (!geometry)
-        throw SourceError::openFailed(path, errno);
+        throw SourceError::openFailed(path, SystemError::last());
     if (geometry->blockCount > std::numeric_limits<std::uint64_t>::max() / geometry->blockSize)
-        throw SourceError::openFailed(path, EOVERFLOW);
+        throw SourceError::openFailed(path, SystemError(EOVERFLOW));
 
     DiskSource::Opened opened;
     opened.needsAlignment = CVintrel::turnOffCache(descriptor.get());
@@ -118,30 +115,6 @@ std::unique_ptr<DiskSource> openAppleImage(const std::string& path, const std::s
 
 } // namespace
 
-SourceError SourceError::openFailed(const std::string& path, int systemError)
-{
-    return { Kind::openFailed,
-        "Kunne ikke åbne " + path + ": " + std::generic_category().message(systemError) };
-}
-
-SourceError SourceError::authorizationFailed(const std::string& deviceName)
-{
-    return { Kind::authorizationFailed,
-        "Adgang til " + deviceName
-            + " blev afvist eller annulleret. Der kræves en administratoradgangskode for at læse "
-              "fysiske diske." };
-}
-
-SourceError SourceError::notFound(const std::string& path)
-{
-    return { Kind::notFound, "Filen findes ikke: " + path };
-}
-
-SourceError SourceError::attachFailed(const std::string& message)
-{
-    return { Kind::attachFailed, "Kunne ikke tilknytte diskbilledet: " + message };
-}
-
 namespace SourceOpener {
 
 std::unique_ptr<DiskSource> openImage(const std::string& path)
@@ -154,18 +127,18 @@ std::unique_ptr<DiskSource> openImage(const std::string& path)
         return openAppleImage(path, displayName);
     if (CVintrel::isDisk(path, status.st_mode))
         return openDisk(path, displayName);
-    if (const int refusal = refusalOf(status.st_mode))
+    if (const auto refusal = refusalOf(status.st_mode))
         throw SourceError::openFailed(path, refusal);
 
     DiskSource::Opened opened;
     opened.descriptor = FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!opened.descriptor)
-        throw SourceError::openFailed(path, errno);
+        throw SourceError::openFailed(path, SystemError::last());
     // And asked again of what was opened, which may be something else by now.
     struct stat openedStatus { };
     if (::fstat(opened.descriptor.get(), &openedStatus) != 0)
-        throw SourceError::openFailed(path, errno);
-    if (const int refusal = refusalOf(openedStatus.st_mode))
+        throw SourceError::openFailed(path, SystemError::last());
+    if (const auto refusal = refusalOf(openedStatus.st_mode))
         throw SourceError::openFailed(path, refusal);
 
     opened.path = path;
@@ -180,9 +153,9 @@ std::unique_ptr<DiskSource> openDevice(const std::string& bsdName, const std::st
     const auto status = statusOf(path);
     if (CVintrel::isDisk(path, status.st_mode))
         return openDisk(path, displayName);
-    if (const int refusal = refusalOf(status.st_mode))
+    if (const auto refusal = refusalOf(status.st_mode))
         throw SourceError::openFailed(path, refusal);
-    throw SourceError::openFailed(path, ENODEV); // a regular file, which is no device
+    throw SourceError::openFailed(path, SystemError(ENODEV)); // a regular file, which is no device
 }
 
 } // namespace SourceOpener

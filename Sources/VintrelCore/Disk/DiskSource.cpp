@@ -1,7 +1,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 
 #include "VintrelCore/Foundation/AlignedBuffer.h"
-#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -28,20 +28,6 @@ constexpr std::size_t largestSystemRead = std::size_t { 1 } << 30;
 /// What a read past the system's cache takes at once when its own buffer is not aligned as it
 /// should be.
 constexpr std::size_t detourSize = std::size_t { 1 } << 20;
-
-constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit)
-{
-    return value - value % unit;
-}
-
-/// The end of `value`'s unit, held below the largest number.
-constexpr std::uint64_t unitEnd(std::uint64_t value, std::uint64_t unit)
-{
-    const std::uint64_t start = roundDown(value, unit);
-    return start > std::numeric_limits<std::uint64_t>::max() - unit
-        ? std::numeric_limits<std::uint64_t>::max()
-        : start + unit;
-}
 
 void fillZero(std::span<std::uint8_t> bytes) { std::ranges::fill(bytes, std::uint8_t { 0 }); }
 
@@ -87,7 +73,7 @@ std::uint64_t DiskSource::readReporting(
     }
     if (into.empty())
         return 0;
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     if (closed_) {
         fillZero(into);
         return into.size();
@@ -99,7 +85,7 @@ std::uint64_t DiskSource::readReporting(
 std::uint64_t DiskSource::readInto(
     std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode)
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     if (closed_) {
         fillZero(buffer);
         return buffer.size();
@@ -109,7 +95,7 @@ std::uint64_t DiskSource::readInto(
 
 bool DiskSource::tryRead(std::uint64_t offset, std::span<std::uint8_t> buffer)
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     if (closed_)
         return false;
     if (readExact(offset, buffer))
@@ -120,49 +106,49 @@ bool DiskSource::tryRead(std::uint64_t offset, std::span<std::uint8_t> buffer)
 
 void DiskSource::markBad(std::uint64_t sector)
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     badSectors_.insert(sector);
 }
 
 bool DiskSource::isKnownBad(std::uint64_t sector) const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return badSectors_.contains(sector);
 }
 
 bool DiskSource::hasBadSectors(std::uint64_t offset, std::uint64_t count) const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return count > 0 && hasBadSector(offset / sectorSize_, (offset + count - 1) / sectorSize_ + 1);
 }
 
 std::vector<std::uint64_t> DiskSource::badSectors() const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return { badSectors_.begin(), badSectors_.end() };
 }
 
 std::size_t DiskSource::badSectorCount() const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return badSectors_.size();
 }
 
 std::int64_t DiskSource::readErrorCount() const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return readErrors_;
 }
 
 std::uint64_t DiskSource::bytesRead() const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return bytesRead_;
 }
 
 std::vector<ByteRange> DiskSource::simulatedBadRanges() const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return simulatedBadRanges_;
 }
 
@@ -171,7 +157,7 @@ void DiskSource::addSimulatedBadRange(ByteRange range)
     range.end = std::min(range.end, size_);
     if (range.start >= range.end)
         return;
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     auto& ranges = simulatedBadRanges_;
     const auto first = std::ranges::lower_bound(ranges, range.start, {}, &ByteRange::end);
     const auto last = std::ranges::upper_bound(ranges, range.end, {}, &ByteRange::start);
@@ -184,7 +170,7 @@ void DiskSource::addSimulatedBadRange(ByteRange range)
 
 bool DiskSource::isFile(const struct ::stat& status) const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     struct ::stat own { };
     return !closed_ && ::fstat(descriptor_.get(), &own) == 0 && own.st_dev == status.st_dev
         && own.st_ino == status.st_ino;
@@ -192,7 +178,7 @@ bool DiskSource::isFile(const struct ::stat& status) const
 
 bool DiskSource::isClosed() const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return closed_;
 }
 
@@ -200,7 +186,7 @@ void DiskSource::close()
 {
     std::function<void()> cleanup;
     {
-        const std::lock_guard guard(lock_);
+        const CVintrel::MutexLock guard(lock_);
         if (closed_)
             return;
         closed_ = true;

@@ -3,13 +3,13 @@
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/FileDescriptor.h"
-#include "VintrelCore/Model/FileTypes.h"
+
+#include <CVintrel/Mutex.h>
 
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <span>
@@ -118,25 +118,28 @@ private:
     struct CachedChunk {
         const Bytes& bytes;
         bool hasBadBytes;
-        bool wasReadFast; ///< read just now in fast mode: whole blocks are missing, not single
-                          ///< sectors
+        /// Read just now in fast mode: whole blocks are missing, not single sectors.
+        bool wasReadFast;
     };
 
-    // The rest is called with lock_ held.
-    CachedChunk cachedChunk(std::uint64_t index, ReadMode mode);
+    CachedChunk cachedChunk(std::uint64_t index, ReadMode mode) REQUIRES(lock_);
     std::uint64_t readThroughCache(
-        std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
-    std::uint64_t readLarge(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
-    std::uint64_t rawRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
-    std::uint64_t recoverRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode);
-    std::uint64_t recoverSectors(std::uint64_t offset, std::span<std::uint8_t> into);
-    std::size_t attempt(std::uint64_t offset, std::span<std::uint8_t> into);
-    ssize_t readAligned(std::uint64_t offset, std::span<std::uint8_t> into);
-    bool readExact(std::uint64_t offset, std::span<std::uint8_t> into);
-    bool isSimulatedBad(std::uint64_t start, std::uint64_t end) const;
-    std::uint64_t badBytesIn(std::uint64_t offset, std::uint64_t count) const;
-    std::uint64_t suspectBytesIn(std::uint64_t offset, std::uint64_t count) const;
-    bool hasBadSector(std::uint64_t first, std::uint64_t end) const;
+        std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode) REQUIRES(lock_);
+    std::uint64_t readLarge(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+        REQUIRES(lock_);
+    std::uint64_t rawRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+        REQUIRES(lock_);
+    std::uint64_t recoverRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
+        REQUIRES(lock_);
+    std::uint64_t recoverSectors(std::uint64_t offset, std::span<std::uint8_t> into)
+        REQUIRES(lock_);
+    std::size_t attempt(std::uint64_t offset, std::span<std::uint8_t> into) REQUIRES(lock_);
+    ssize_t readAligned(std::uint64_t offset, std::span<std::uint8_t> into) REQUIRES(lock_);
+    bool readExact(std::uint64_t offset, std::span<std::uint8_t> into) REQUIRES(lock_);
+    bool isSimulatedBad(std::uint64_t start, std::uint64_t end) const REQUIRES(lock_);
+    std::uint64_t badBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
+    std::uint64_t suspectBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
+    bool hasBadSector(std::uint64_t first, std::uint64_t end) const REQUIRES(lock_);
 
     const std::string path_;
     const std::string displayName_;
@@ -146,18 +149,20 @@ private:
     const std::optional<std::string> bsdName_;
     const bool needsAlignment_;
 
-    mutable std::mutex lock_; // guards everything below
-    FileDescriptor descriptor_;
-    bool closed_ = false;
-    std::function<void()> cleanup_;
-    std::list<Chunk> chunks_; // least recently used first
-    std::unordered_map<std::uint64_t, std::list<Chunk>::iterator> chunkByIndex_;
-    Chunk uncached_ {}; // the last chunk that was not worth keeping
-    Bytes aligned_;     // room for whole sectors around a large read that wants less
-    std::unique_ptr<AlignedBuffer> detour_; // for reads whose own buffer is not aligned
-    std::set<std::uint64_t> badSectors_;
-    std::unordered_set<std::uint64_t> suspectBlocks_; // by the number of the block's first sector
-    std::int64_t readErrors_ = 0;
-    std::uint64_t bytesRead_ = 0;
-    std::vector<ByteRange> simulatedBadRanges_;
+    mutable CVintrel::Mutex lock_;
+    FileDescriptor descriptor_ GUARDED_BY(lock_);
+    bool closed_ GUARDED_BY(lock_) = false;
+    std::function<void()> cleanup_ GUARDED_BY(lock_);
+    std::list<Chunk> chunks_ GUARDED_BY(lock_); // least recently used first
+    std::unordered_map<std::uint64_t, std::list<Chunk>::iterator> chunkByIndex_ GUARDED_BY(lock_);
+    Chunk uncached_ GUARDED_BY(lock_) {}; // the last chunk that was not worth keeping
+    Bytes aligned_ GUARDED_BY(lock_); // room for whole sectors around a large read that wants less
+    /// For reads whose own buffer is not aligned.
+    std::unique_ptr<AlignedBuffer> detour_ GUARDED_BY(lock_);
+    std::set<std::uint64_t> badSectors_ GUARDED_BY(lock_);
+    /// By the number of the block's first sector.
+    std::unordered_set<std::uint64_t> suspectBlocks_ GUARDED_BY(lock_);
+    std::int64_t readErrors_ GUARDED_BY(lock_) = 0;
+    std::uint64_t bytesRead_ GUARDED_BY(lock_) = 0;
+    std::vector<ByteRange> simulatedBadRanges_ GUARDED_BY(lock_);
 };

@@ -1,6 +1,5 @@
 #include "VintrelCore/Foundation/FileDescriptor.h"
 
-#include <cerrno>
 #include <unistd.h>
 
 FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept
@@ -12,9 +11,9 @@ FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept
     return *this;
 }
 
-int FileDescriptor::close()
+SystemError FileDescriptor::close()
 {
     // Not tried again after EINTR: the descriptor is gone then, and its number may be somebody
     // else's.
-    return descriptor_ >= 0 && ::close(release()) != 0 ? errno : 0;
+    return descriptor_ >= 0 && ::close(release()) != 0 ? SystemError::last() : SystemError();
 }

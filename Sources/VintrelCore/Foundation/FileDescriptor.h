@@ -1,5 +1,7 @@
 #pragma once
 
+#include "VintrelCore/Foundation/SystemResult.h"
+
 #include <utility>
 
 /// An open file descriptor, closed when its owner dies.
@@ -20,9 +22,8 @@ public:
     int get() const { return descriptor_; }
     explicit operator bool() const { return descriptor_ >= 0; }
     int release() { return std::exchange(descriptor_, -1); }
-    /// Closes early. The system's error number, which a file system may keep for this moment; 0
-    /// when all went well.
-    int close();
+    /// Closes early. A file system may keep an error for this moment.
+    SystemError close();
 
 private:
     int descriptor_ = -1;

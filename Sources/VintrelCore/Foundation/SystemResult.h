@@ -6,7 +6,7 @@
 #include <utility>
 
 /// Why the system refused something: its error number, or 0 when it did not.
-class [[nodiscard]] SystemError {
+class SystemError {
 public:
     SystemError() = default;
     explicit SystemError(int number)

@@ -3,22 +3,16 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Foundation/AlignedBuffer.h"
 #include "VintrelCore/Foundation/ByteRange.h"
-#include "VintrelCore/Foundation/FileDescriptor.h"
-
-#include <CVintrel/Platform.h>
+#include "VintrelCore/Foundation/Rounding.h"
+#include "VintrelCore/Imaging/ImageFile.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <deque>
-#include <fcntl.h>
 #include <filesystem>
-#include <limits>
 #include <span>
 #include <sys/stat.h>
-#include <system_error>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -37,69 +31,16 @@ constexpr Seconds shortestRateSample { 0.5 };
 constexpr Status failedPieces[] = { Status::nonTrimmed, Status::nonScraped };
 constexpr Status badSectors[] = { Status::bad };
 
-constexpr std::uint64_t roundDown(std::uint64_t value, std::uint64_t unit)
-{
-    return value - value % unit;
-}
-
-/// The end of the unit that holds `value`, but not beyond `limit`.
-constexpr std::uint64_t unitEnd(std::uint64_t value, std::uint64_t unit, std::uint64_t limit)
-{
-    const std::uint64_t start = roundDown(value, unit);
-    return limit - start < unit ? limit : start + unit;
-}
-
-struct OpenedImage {
-    FileDescriptor descriptor;
-    std::uint64_t size = 0;
-    int error = 0; ///< errno; 0 when it is open
-};
-
-/// Why a file with this status cannot be the image; 0 when it can. A device is refused too: the
-/// source's own disk has more than one of them.
-int refusalOf(const struct stat& status, const DiskSource& source)
-{
-    if (source.isFile(status))
-        return EBUSY;
-    if (S_ISDIR(status.st_mode))
-        return EISDIR;
-    return S_ISREG(status.st_mode) ? 0 : ENOTSUP;
-}
-
-OpenedImage openImage(
-    const std::string& imagePath, const std::string& mapPath, const DiskSource& source)
-{
-    struct stat status { };
-    // Before anything is opened for writing: a mapfile by the source's name would take its place.
-    for (const auto& path : { mapPath, RangeMap::temporaryPath(mapPath) })
-        if (::stat(path.c_str(), &status) == 0 && source.isFile(status))
-            return { .descriptor = {}, .size = 0, .error = EBUSY };
-    if (::stat(imagePath.c_str(), &status) == 0)
-        if (const int refusal = refusalOf(status, source))
-            return { .descriptor = {}, .size = 0, .error = refusal };
-
-    FileDescriptor descriptor(
-        ::open(imagePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0644));
-    if (!descriptor || ::fstat(descriptor.get(), &status) != 0)
-        return { .descriptor = {}, .size = 0, .error = errno };
-    // And once more of what was opened, which may be something else by now.
-    const int refusal = refusalOf(status, source);
-    return { .descriptor = std::move(descriptor),
-        .size = static_cast<std::uint64_t>(status.st_size),
-        .error = refusal };
-}
-
 } // namespace
 
 /// One call of run(), once its image is open.
-class DiskImager::Run {
+class DiskImager::Session {
 public:
-    Run(DiskImager& imager, OpenedImage image, const Update& onUpdate)
+    Session(DiskImager& imager, ImageFile image, const Update& onUpdate)
         : imager_(imager)
         , source_(imager.source_)
         , map_(*imager.map_)
-        , image_(std::move(image.descriptor))
-        , imageSize_(image.size)
+        , image_(std::move(image))
         , onUpdate_(onUpdate)
         , sectorSize_(imager.source_.sectorSize())
         , readSize_(static_cast<std::size_t>(roundDown(
@@ -112,14 +53,15 @@ public:
 
     void perform()
     {
-        bool goesOn = prepare() && copyPass({ 1, "Kopierer (hurtig gennemgang)" }, Damage::leapAway)
+        bool isGoingOn = prepare()
+            && copyPass({ 1, "Kopierer (hurtig gennemgang)" }, Damage::leapAway)
             && copyPass({ 2, "Kopierer oversprungne områder" }, Damage::stepOver)
             && sectorPass({ 3, "Læser vanskelige områder sektor for sektor" }, failedPieces);
         const int retries = imager_.options_.retries;
-        for (int attempt = 1; goesOn && attempt <= retries; ++attempt)
-            goesOn = sectorPass({ 3 + attempt,
-                                    "Nyt forsøg på dårlige sektorer (" + std::to_string(attempt)
-                                        + "/" + std::to_string(retries) + ")" },
+        for (int attempt = 1; isGoingOn && attempt <= retries; ++attempt)
+            isGoingOn = sectorPass({ 3 + attempt,
+                                       "Nyt forsøg på dårlige sektorer (" + std::to_string(attempt)
+                                           + "/" + std::to_string(retries) + ")" },
                 badSectors);
         finish();
     }
@@ -136,15 +78,13 @@ private:
     /// Makes the image as long as the source. False when the run has to end.
     bool prepare()
     {
-        imager_.distrustBeyond(imageSize_);
+        imager_.distrustBeyond(image_.sizeAtOpening());
         // The longer image makes every claim of a mapfile credible, so a wrong one must be gone
         // before.
         struct stat status { };
         const bool isMapfileWrong
             = imager_.isMapfileStale_ && ::lstat(imager_.mapPath_.c_str(), &status) == 0;
-        const bool isReady = (!isMapfileWrong || save())
-            && (imageSize_ >= source_.size()
-                || ::ftruncate(image_.get(), static_cast<off_t>(source_.size())) == 0);
+        const bool isReady = (!isMapfileWrong || save()) && image_.growTo(source_.size());
         hasWriteFailed_ = hasWriteFailed_ || !isReady;
         return !hasWriteFailed_;
     }
@@ -211,7 +151,7 @@ private:
         save();
         const bool isStopped = imager_.isCancelled_;
         {
-            const std::lock_guard guard(imager_.lock_);
+            const CVintrel::MutexLock guard(imager_.lock_);
             auto& stats = imager_.stats_;
             stats.finished = true;
             stats.phase = isStopped ? "Stoppet" : "Færdig";
@@ -226,7 +166,7 @@ private:
 
     void begin(const Pass& pass)
     {
-        const std::lock_guard guard(imager_.lock_);
+        const CVintrel::MutexLock guard(imager_.lock_);
         imager_.stats_.phase = pass.phase;
         imager_.stats_.pass = pass.number;
     }
@@ -238,7 +178,7 @@ private:
             std::this_thread::sleep_for(pauseInterval);
             refresh();
         }
-        const std::lock_guard guard(imager_.lock_);
+        const CVintrel::MutexLock guard(imager_.lock_);
         imager_.stats_.position = position;
         return !mustEnd();
     }
@@ -272,7 +212,6 @@ private:
                 piece.start, buffer_.first(static_cast<std::size_t>(piece.end - piece.start))))
             return false;
         store(piece);
-        CVintrel::startFlushing(image_.get(), piece.start, piece.end - piece.start);
         return true;
     }
 
@@ -304,53 +243,26 @@ private:
         if (range.start == range.end)
             return;
         const auto bytes = buffer_.first(static_cast<std::size_t>(range.end - range.start));
-        const std::size_t written = write(bytes, range.start);
+        const std::size_t written = image_.write(range.start, bytes);
         if (written < bytes.size())
             hasWriteFailed_ = true;
         else
             lastSuccess_ = Clock::now();
         map_.set(range.start, written, Status::finished);
-        addUnflushed({ range.start, range.start + written });
-    }
-
-    /// How many bytes reached the image: fewer than there are when it takes no more.
-    std::size_t write(std::span<const std::uint8_t> bytes, std::uint64_t at)
-    {
-        std::size_t done = 0;
-        while (done < bytes.size()) {
-            const auto count = ::pwrite(image_.get(), bytes.data() + done, bytes.size() - done,
-                static_cast<off_t>(at + done));
-            if (count < 0 && errno == EINTR)
-                continue;
-            if (count <= 0)
-                break;
-            done += static_cast<std::size_t>(count);
-        }
-        return done;
-    }
-
-    void addUnflushed(ByteRange range)
-    {
-        if (!unflushed_.empty() && unflushed_.back().end == range.start)
-            unflushed_.back().end = range.end;
-        else
-            unflushed_.push_back(range);
     }
 
     /// Saves the mapfile, behind the data that it speaks of. Whether it is saved.
     bool save()
     {
         lastSave_ = Clock::now();
-        if (CVintrel::flush(image_.get()) != 0) {
-            // The system may drop what it could not write and call the next attempt a success, so
-            // none of it counts.
+        if (!image_.flush()) {
             hasWriteFailed_ = true;
-            for (const auto& range : unflushed_)
+            for (const auto& range : image_.unflushed())
                 map_.set(range.start, range.end - range.start, Status::nonTried);
         }
-        unflushed_.clear();
+        image_.clearUnflushed();
         const auto stats = imager_.currentStats();
-        const bool isSaved = map_.write(imager_.mapPath_, stats.position, stats.pass) == 0;
+        const bool isSaved = !map_.write(imager_.mapPath_, stats.position, stats.pass);
         if (isSaved)
             imager_.isMapfileStale_ = false;
         return isSaved;
@@ -397,7 +309,7 @@ private:
         stats.elapsed = elapsed.count();
         stats.sinceLastSuccess = Seconds(now - lastSuccess_).count();
         {
-            const std::lock_guard guard(imager_.lock_);
+            const CVintrel::MutexLock guard(imager_.lock_);
             imager_.stats_ = stats;
         }
         onUpdate_(stats);
@@ -411,8 +323,7 @@ private:
     DiskImager& imager_;
     DiskSource& source_;
     RangeMap& map_;
-    const FileDescriptor image_;
-    const std::uint64_t imageSize_; // as it was found
+    ImageFile image_;
     const Update& onUpdate_;
     const std::uint32_t sectorSize_;
     const std::size_t readSize_; // whole sectors
@@ -424,8 +335,6 @@ private:
     Clock::time_point lastRefresh_ = start_;
     Clock::time_point lastSave_ = start_;
     std::deque<Sample> samples_;
-    std::vector<ByteRange>
-        unflushed_; // what was written since the image's data was last known to be on the disk
     bool hasWriteFailed_ = false;
 };
 
@@ -452,19 +361,18 @@ void DiskImager::run(const Update& onUpdate)
 {
     isCancelled_ = false;
     {
-        const std::lock_guard guard(lock_);
+        const CVintrel::MutexLock guard(lock_);
         stats_.finished = false;
         stats_.message.reset();
     }
-    auto image = openImage(imagePath_, mapPath_, source_);
-    if (image.error == 0) {
-        Run(*this, std::move(image), onUpdate).perform();
+    auto image = ImageFile::open(imagePath_, mapPath_, source_);
+    if (image) {
+        Session(*this, std::move(*image), onUpdate).perform();
         return;
     }
     {
-        const std::lock_guard guard(lock_);
-        stats_.message
-            = "Kunne ikke oprette billedfilen: " + std::generic_category().message(image.error);
+        const CVintrel::MutexLock guard(lock_);
+        stats_.message = "Kunne ikke oprette billedfilen: " + image.error().message();
         stats_.finished = true;
     }
     onUpdate(currentStats());
@@ -472,7 +380,7 @@ void DiskImager::run(const Update& onUpdate)
 
 ImagingStats DiskImager::currentStats() const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return stats_;
 }
 

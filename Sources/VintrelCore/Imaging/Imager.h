@@ -2,12 +2,13 @@
 
 #include "VintrelCore/Imaging/RangeMap.h"
 
+#include <CVintrel/Mutex.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -69,7 +70,7 @@ public:
     ImagingStats currentStats() const;
 
 private:
-    class Run;
+    class Session;
 
     void distrustBeyond(std::uint64_t imageSize);
 
@@ -83,6 +84,6 @@ private:
     bool isMapfileStale_ = false;
     std::atomic<bool> isPaused_ = false;
     std::atomic<bool> isCancelled_ = false;
-    mutable std::mutex lock_; // guards stats_
-    ImagingStats stats_;
+    mutable CVintrel::Mutex lock_;
+    ImagingStats stats_ GUARDED_BY(lock_);
 };

@@ -1,12 +1,14 @@
 #include "VintrelCore/Imaging/RangeMap.h"
 
+#include "VintrelCore/Foundation/FileDescriptor.h"
+#include "VintrelCore/Foundation/FileIO.h"
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 
 #include <CVintrel/Platform.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -72,10 +74,7 @@ std::optional<std::uint64_t> parseNumber(std::string_view text)
     } else if (text.starts_with('+')) {
         text.remove_prefix(1);
     }
-    std::uint64_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-    return error == std::errc() && end == text.data() + text.size() ? std::optional(value)
-                                                                    : std::nullopt;
+    return Text::number(text, base);
 }
 
 std::optional<RangeMap::Block> parseBlock(std::string_view line)
@@ -100,31 +99,18 @@ bool isUTF8(std::string_view text)
     return true;
 }
 
-int writeAll(int descriptor, std::string_view text)
-{
-    while (!text.empty()) {
-        const auto count = ::write(descriptor, text.data(), text.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return count < 0 ? errno : ENOSPC;
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return 0;
-}
-
 /// Makes a new file with this content that is safe on the disk.
-int writeNewFile(const std::string& path, std::string_view text)
+SystemError writeNewFile(const std::string& path, std::string_view text)
 {
     // Not emptied but made anew: what has this name may be a link to anything.
     ::unlink(path.c_str());
     FileDescriptor file(
         ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file)
-        return errno;
-    if (const int error = writeAll(file.get(), text))
-        return error;
-    if (const int error = CVintrel::flush(file.get()))
+        return SystemError::last();
+    if (const auto written = FileIO::write(file.get(), text); written.error)
+        return written.error;
+    if (const SystemError error(CVintrel::flush(file.get())); error)
         return error;
     return file.close();
 }
@@ -142,60 +128,6 @@ void flushFolderOf(const std::string& path)
 
 } // namespace
 
-void RangeMap::RangeSet::add(std::uint64_t start, std::uint64_t end)
-{
-    total_ += end - start;
-    const auto next = ends_.lower_bound(start);
-    const bool joinsNext = next != ends_.end() && next->first == end;
-    if (next != ends_.begin() && std::prev(next)->second == start) {
-        std::prev(next)->second = joinsNext ? next->second : end;
-        if (joinsNext)
-            ends_.erase(next);
-    } else if (joinsNext) {
-        const auto behind = std::next(next);
-        auto node = ends_.extract(next);
-        node.key() = start;
-        ends_.insert(behind, std::move(node));
-    } else {
-        ends_.emplace_hint(next, start, end);
-    }
-}
-
-void RangeMap::RangeSet::remove(std::uint64_t start, std::uint64_t end)
-{
-    auto range = ends_.upper_bound(start);
-    if (range != ends_.begin() && std::prev(range)->second > start)
-        --range;
-    while (range != ends_.end() && range->first < end) {
-        const auto [rangeStart, rangeEnd] = *range;
-        total_ -= std::min(rangeEnd, end) - std::max(rangeStart, start);
-        if (rangeStart < start) {
-            range->second = start;
-            ++range;
-            if (rangeEnd > end)
-                ends_.emplace_hint(range, end, rangeEnd);
-        } else if (rangeEnd
-            > end) { // copying eats a range up from its front: no memory is asked for
-            auto node = ends_.extract(range++);
-            node.key() = end;
-            ends_.insert(range, std::move(node));
-            return;
-        } else {
-            range = ends_.erase(range);
-        }
-    }
-}
-
-std::optional<ByteRange> RangeMap::RangeSet::firstEndingAfter(std::uint64_t position) const
-{
-    auto range = ends_.upper_bound(position);
-    if (range != ends_.begin() && std::prev(range)->second > position)
-        --range;
-    if (range == ends_.end())
-        return std::nullopt;
-    return ByteRange { range->first, range->second };
-}
-
 RangeMap::RangeMap(std::uint64_t size)
     : size_(size)
 {
@@ -208,7 +140,7 @@ void RangeMap::set(std::uint64_t position, std::uint64_t length, Status status)
     if (length == 0 || position >= size_)
         return;
     const std::uint64_t end = position + std::min(length, size_ - position);
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     for (auto& set : sets_)
         set.remove(position, end);
     with(status).add(position, end);
@@ -216,8 +148,8 @@ void RangeMap::set(std::uint64_t position, std::uint64_t length, Status status)
 
 std::optional<RangeMap::Block> RangeMap::first(Status status, std::uint64_t from) const
 {
-    const std::lock_guard guard(lock_);
-    const auto range = with(status).firstEndingAfter(from);
+    const CVintrel::MutexLock guard(lock_);
+    const auto range = with(status).firstEndingBehind(from);
     if (!range)
         return std::nullopt;
     const std::uint64_t start = std::max(range->start, from);
@@ -226,7 +158,7 @@ std::optional<RangeMap::Block> RangeMap::first(Status status, std::uint64_t from
 
 std::uint64_t RangeMap::total(Status status) const
 {
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     return with(status).total();
 }
 
@@ -234,9 +166,9 @@ std::vector<RangeMap::Block> RangeMap::snapshot() const
 {
     std::vector<Block> blocks;
     {
-        const std::lock_guard guard(lock_);
+        const CVintrel::MutexLock guard(lock_);
         for (const auto status : allStatuses)
-            for (const auto& [start, end] : with(status).ends())
+            for (const auto& [start, end] : with(status).ranges())
                 blocks.push_back({ start, end - start, status });
     }
     std::ranges::sort(blocks, {}, &Block::position);
@@ -294,8 +226,7 @@ std::unique_ptr<RangeMap> RangeMap::parse(std::string_view text, std::uint64_t s
     bool hasBlock = false;
     bool isStatusLine = true; // the first line that is no comment, whatever it says
     while (!text.empty()) {
-        const auto line = text.substr(0, text.find('\n'));
-        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        const auto line = Text::takeLine(text);
         auto rest = line;
         const auto firstField = takeField(rest);
         if (firstField.empty() || firstField.starts_with('#'))
@@ -312,18 +243,18 @@ std::unique_ptr<RangeMap> RangeMap::parse(std::string_view text, std::uint64_t s
     return hasBlock ? std::move(map) : nullptr;
 }
 
-int RangeMap::write(const std::string& path, std::uint64_t position, int pass) const
+SystemError RangeMap::write(const std::string& path, std::uint64_t position, int pass) const
 {
     const auto temporary = temporaryPath(path);
-    if (const int error = writeNewFile(temporary, mapfile(position, pass))) {
+    if (const auto error = writeNewFile(temporary, mapfile(position, pass))) {
         ::unlink(
             temporary.c_str()); // half a mapfile is of no use, and on a full disk it takes up room
         return error;
     }
     if (::rename(temporary.c_str(), path.c_str()) != 0)
-        return errno;
+        return SystemError::last();
     flushFolderOf(path);
-    return 0;
+    return {};
 }
 
 std::unique_ptr<RangeMap> RangeMap::read(const std::string& path, std::uint64_t size)

@@ -1,13 +1,13 @@
 #pragma once
 
-#include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/Foundation/ByteRange.h"
+#include "VintrelCore/Foundation/RangeSet.h"
+#include "VintrelCore/Foundation/SystemResult.h"
+
+#include <CVintrel/Mutex.h>
 
 #include <array>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -59,34 +59,26 @@ public:
     static std::unique_ptr<RangeMap> parse(std::string_view text, std::uint64_t size);
 
     /// Saves the mapfile. At every moment, a loss of power included, there is a whole one at
-    /// `path`, this one or the one before. Returns the system's error number; 0 when all went well.
-    [[nodiscard]] int write(const std::string& path, std::uint64_t position, int pass) const;
+    /// `path`, this one or the one before.
+    [[nodiscard]] SystemError write(
+        const std::string& path, std::uint64_t position, int pass) const;
     /// What write() uses on the way.
     static std::string temporaryPath(const std::string& path) { return path + ".tmp"; }
     /// Loads a mapfile. None when it cannot be read or holds no block.
     static std::unique_ptr<RangeMap> read(const std::string& path, std::uint64_t size);
 
 private:
-    /// Ranges that neither overlap nor touch.
-    class RangeSet {
-    public:
-        /// No byte of [start, end) is in the set, and it is not empty.
-        void add(std::uint64_t start, std::uint64_t end);
-        void remove(std::uint64_t start, std::uint64_t end);
-        std::optional<ByteRange> firstEndingAfter(std::uint64_t position) const;
-        std::uint64_t total() const { return total_; }
-        const std::map<std::uint64_t, std::uint64_t>& ends() const { return ends_; }
-
-    private:
-        std::map<std::uint64_t, std::uint64_t> ends_; // by the ranges' starts
-        std::uint64_t total_ = 0;
-    };
-
-    RangeSet& with(Status status) { return sets_[static_cast<std::size_t>(status)]; }
-    const RangeSet& with(Status status) const { return sets_[static_cast<std::size_t>(status)]; }
+    RangeSet& with(Status status) REQUIRES(lock_)
+    {
+        return sets_[static_cast<std::size_t>(status)];
+    }
+    const RangeSet& with(Status status) const REQUIRES(lock_)
+    {
+        return sets_[static_cast<std::size_t>(status)];
+    }
 
     const std::uint64_t size_;
-    mutable std::mutex lock_; // guards sets_
-    std::array<RangeSet, allStatuses.size()>
-        sets_ {}; // by status; together they hold every byte once
+    mutable CVintrel::Mutex lock_;
+    /// By status; together they hold every byte once.
+    std::array<RangeSet, allStatuses.size()> sets_ GUARDED_BY(lock_) {};
 };

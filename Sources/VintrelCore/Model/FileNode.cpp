@@ -1,5 +1,6 @@
 #include "VintrelCore/Model/FileNode.h"
 
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 
 #include <algorithm>
@@ -9,13 +10,11 @@
 
 namespace {
 
-bool isDigit(char character) { return character >= '0' && character <= '9'; }
-
 /// Takes the digits off the front of `text`, leading zeros dropped.
 std::string_view takeNumber(std::string_view& text)
 {
     std::size_t length = 0;
-    while (length < text.size() && isDigit(text[length]))
+    while (length < text.size() && Text::isDigit(text[length]))
         ++length;
     auto digits = text.substr(0, length);
     text.remove_prefix(length);
@@ -26,17 +25,17 @@ std::string_view takeNumber(std::string_view& text)
 /// The first code point as the order sees it. Nearly all of them are ASCII.
 char32_t takeFolded(std::string_view& text)
 {
-    const auto byte = static_cast<unsigned char>(text.front());
-    if (byte >= 0x80)
+    const char first = text.front();
+    if (static_cast<unsigned char>(first) >= 0x80)
         return Unicode::foldedCase(Unicode::takeFirst(text));
     text.remove_prefix(1);
-    return byte >= 'A' && byte <= 'Z' ? byte + char32_t { 0x20 } : byte;
+    return static_cast<unsigned char>(Text::lowerCase(first));
 }
 
 std::strong_ordering compareNatural(std::string_view left, std::string_view right)
 {
     while (!left.empty() && !right.empty()) {
-        if (isDigit(left.front()) && isDigit(right.front())) {
+        if (Text::isDigit(left.front()) && Text::isDigit(right.front())) {
             const auto leftNumber = takeNumber(left);
             const auto rightNumber = takeNumber(right);
             // Without leading zeros the longer number is the greater one, whatever its value.

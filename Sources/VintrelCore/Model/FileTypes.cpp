@@ -1,5 +1,7 @@
 #include "VintrelCore/Model/FileTypes.h"
 
+#include "VintrelCore/Foundation/Text.h"
+
 #include <algorithm>
 #include <array>
 #include <iterator>
@@ -156,9 +158,5 @@ std::string fileExtension(std::string_view fileName)
     const auto dot = fileName.rfind('.');
     if (dot == std::string_view::npos)
         return {};
-    std::string extension(fileName.substr(dot + 1));
-    for (auto& character : extension)
-        if (character >= 'A' && character <= 'Z')
-            character = static_cast<char>(character + ('a' - 'A'));
-    return extension;
+    return Text::lowerCase(fileName.substr(dot + 1));
 }

@@ -14,6 +14,13 @@ inline constexpr std::array allFileSystemTypes { FileSystemType::fat12, FileSyst
 /// The short name used in listings: "FAT32", "ext2/3/4", "Ukendt" …
 std::string_view displayName(FileSystemType type);
 
+/// Whether it is FAT of any width.
+constexpr bool isFAT(FileSystemType type)
+{
+    return type == FileSystemType::fat12 || type == FileSystemType::fat16
+        || type == FileSystemType::fat32;
+}
+
 enum class FileCategory { image, video, audio, document, archive, other };
 
 inline constexpr std::array allFileCategories { FileCategory::image, FileCategory::video,

@@ -29,3 +29,11 @@ std::string Volume::title() const
     std::string title = label.empty() ? "Uden navn" : label;
     return title.append(" (").append(displayName(type)).append(")");
 }
+
+VolumeList oneOrNone(std::unique_ptr<Volume> volume)
+{
+    VolumeList volumes;
+    if (volume)
+        volumes.push_back(std::move(volume));
+    return volumes;
+}

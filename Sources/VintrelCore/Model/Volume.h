@@ -44,3 +44,6 @@ private:
 };
 
 using VolumeList = std::vector<std::unique_ptr<Volume>>;
+
+/// A list of the volume, or an empty one where there is none.
+VolumeList oneOrNone(std::unique_ptr<Volume> volume);

@@ -6,6 +6,6 @@ void WorkProgress::report(double fraction, const std::string& message) const
 {
     if (!handler_)
         return;
-    const std::lock_guard guard(lock_);
+    const CVintrel::MutexLock guard(lock_);
     handler_(std::min(fraction, 1.0), message);
 }

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <CVintrel/Mutex.h>
+
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 
 /// The thread that works reports here and asks whether it should stop; any thread, and a signal
@@ -25,7 +26,7 @@ public:
 private:
     static_assert(std::atomic<bool>::is_always_lock_free, "cancel() is called by signal handlers");
     std::atomic<bool> cancelled_ = false;
-    mutable std::mutex lock_; // guards the call of handler_
+    mutable CVintrel::Mutex lock_; ///< one call of the handler at a time
     Handler handler_;
 };
 

@@ -4,9 +4,9 @@
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Recovery/LZNT1.h"
 
 #include <algorithm>
-#include <bit>
 #include <limits>
 
 namespace FileReader {
@@ -197,64 +197,6 @@ Bytes readPrefix(const FileNode& node, DiskSource& source, std::size_t max)
         return prefix.size() < max;
     });
     return prefix;
-}
-
-Bytes lznt1Decompress(ByteView input, std::size_t outputSize)
-{
-    constexpr std::uint16_t isCompressed = 0x8000;
-    constexpr std::uint16_t lengthMask = 0x0FFF; // the length of the chunk's data, less one
-    const auto inputSize = static_cast<std::int64_t>(input.size());
-
-    Bytes output;
-    output.reserve(outputSize + 4096);
-    bool isCorrupt = false;
-    for (std::int64_t header = 0;
-         !isCorrupt && header + 2 <= inputSize && output.size() < outputSize;) {
-        const std::uint16_t chunk = input.u16le(header);
-        if (chunk == 0)
-            break;
-        std::int64_t at = header + 2;
-        const std::int64_t end = std::min(inputSize, at + (chunk & lengthMask) + 1);
-        header = end;
-        if ((chunk & isCompressed) == 0) {
-            const auto stored = input.sub(at, end - at).span();
-            output.insert(output.end(), stored.begin(), stored.end());
-            continue;
-        }
-        const std::size_t chunkStart = output.size();
-        while (!isCorrupt && at < end && output.size() < outputSize) {
-            std::uint8_t flags = input.u8(at++);
-            for (int bit = 0; bit < 8 && at < end; ++bit, flags >>= 1) {
-                if ((flags & 1) == 0) {
-                    output.push_back(input.u8(at++));
-                    continue;
-                }
-                if (at + 2 > end) {
-                    at = end;
-                    break;
-                }
-                const std::uint16_t token = input.u16le(at);
-                at += 2;
-                // The further into the chunk, the more bits a distance needs, and the fewer are
-                // left for the length.
-                const std::size_t produced = output.size() - chunkStart;
-                const int lengthBits = produced <= 16
-                    ? 12
-                    : std::max(0, 16 - static_cast<int>(std::bit_width(produced - 1)));
-                const std::size_t distance = static_cast<std::size_t>(token >> lengthBits) + 1;
-                const std::size_t length = (token & ((1u << lengthBits) - 1)) + 3;
-                if (distance > produced) {
-                    isCorrupt = true;
-                    break;
-                }
-                for (std::size_t i = 0; i < length;
-                     ++i) // may overlap: what was just written is repeated
-                    output.push_back(output[output.size() - distance]);
-            }
-        }
-    }
-    output.resize(outputSize);
-    return output;
 }
 
 } // namespace FileReader

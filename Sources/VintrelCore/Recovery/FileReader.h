@@ -37,8 +37,4 @@ std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunk
 /// The first min(`max`, size) bytes of the file.
 Bytes readPrefix(const FileNode& node, DiskSource& source, std::size_t max);
 
-/// Decompresses one LZNT1 compression unit to exactly `outputSize` bytes; what is missing or
-/// corrupt is zeros.
-Bytes lznt1Decompress(ByteView input, std::size_t outputSize);
-
 } // namespace FileReader

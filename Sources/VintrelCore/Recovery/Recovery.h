@@ -50,11 +50,4 @@ RecoveryResult recover(std::span<FileNode* const> nodes, const std::string& root
     DiskSource& source, const std::string& destination, const RecoveryOptions& options,
     const Reporter& reporter, const WorkProgress& progress);
 
-/// A name from a disk as one safe component of a path: not empty, no "/", at most 250 bytes.
-std::string sanitize(std::string_view name);
-
-/// `path`, or with " (2)", " (3)" … before its extension the first one at which nothing exists;
-/// folders have no extension.
-std::string uniquePath(const std::string& path, bool isDirectory);
-
 } // namespace RecoveryEngine

@@ -1,34 +1,23 @@
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Model/CarvedFile.h"
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Model/Volume.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/DeepScan.h"
 
-#include <algorithm>
-#include <cctype>
-#include <ctime>
 #include <unordered_map>
 
 namespace {
 
-/// "2024-05-17 14.03.22" in local time: no colons, which some file systems do not take.
-std::string stamp(Date date)
-{
-    const auto seconds = std::chrono::system_clock::to_time_t(
-        std::chrono::time_point_cast<std::chrono::system_clock::duration>(date));
-    std::tm local {};
-    ::localtime_r(&seconds, &local);
-    std::array<char, 64> text;
-    return { text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d %H.%M.%S", &local) };
-}
-
 std::string nameOf(const CarvedFile& file)
 {
     constexpr std::uint64_t sectorSize = 512;
-    std::string name = file.date ? stamp(*file.date) + " f" : "f";
+    // No colons in the time, which some file systems do not take.
+    constexpr auto pattern = "%Y-%m-%d %H.%M.%S";
+    std::string name = file.date ? TimeConversion::localText(*file.date, pattern) + " f" : "f";
     name += std::to_string(file.offset / sectorSize) + "." + file.ext;
     return name;
 }
@@ -43,9 +32,7 @@ std::unique_ptr<Volume> DeepScanner::carvedVolume(
     for (const auto& file : files) {
         auto& folder = folders[file.ext];
         if (folder == nullptr) {
-            std::string name = file.ext;
-            std::ranges::transform(name, name.begin(),
-                [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+            auto name = Text::upperCase(file.ext);
             folder = &root->add(FileNode::makeFolder(std::move(name), EntryStatus::carved));
         }
         auto node = FileNode::makeFile(nameOf(file), file.size, EntryStatus::carved,

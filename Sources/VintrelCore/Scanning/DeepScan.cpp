@@ -1,106 +1,20 @@
+#include "VintrelCore/Scanning/DeepScan.h"
+
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Disk/SweepWindow.h"
-#include "VintrelCore/FileSystems/APFS/Parser.h"
-#include "VintrelCore/FileSystems/ExFAT/Parser.h"
-#include "VintrelCore/FileSystems/FAT/Parser.h"
-#include "VintrelCore/FileSystems/FSProbe.h"
-#include "VintrelCore/FileSystems/NTFS/Parser.h"
-#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/FileSystems/StructureFinder.h"
 #include "VintrelCore/Model/WorkProgress.h"
-#include "VintrelCore/Scanning/Scanner.h"
 
 #include <algorithm>
 #include <chrono>
 
 namespace {
 
-constexpr std::size_t sectorSize
-    = 512; // boot sectors are found at any multiple, whatever the disk's own sectors
+constexpr std::size_t sectorSize = SweptSector::size;
 constexpr std::size_t headSize = 64; // what the carver is shown
-constexpr std::uint64_t apfsBlockSize = 4096;
-constexpr std::uint64_t hfsHeaderOffset = 1024; // from the start of the volume
 
 constexpr std::chrono::milliseconds reportInterval { 300 };
 constexpr std::chrono::milliseconds rateInterval { 900 };
-
-/// Finds out what lies in one sector after the other, and keeps it.
-class StructureFinder {
-public:
-    StructureFinder(DiskSource& source, DeepScanResult& result)
-        : source_(source)
-        , result_(result)
-    {
-    }
-
-    /// The first match wins. `chunk` holds what is in memory from `offset` - `at` on; a whole
-    /// sector lies at `at`.
-    void look(ByteView chunk, std::size_t at, std::uint64_t offset)
-    {
-        const auto sector = ByteView(chunk.span().subspan(at, sectorSize));
-        const auto* const bytes = sector.data();
-        if (bytes[28] == apfsTreeSubtype && isAPFSAligned(offset) && isAPFSLeaf(chunk, at, offset))
-            result_.apfsLeafNodes.push_back(offset);
-        else if (FATParser::looksLikeDirectorySector(sector))
-            result_.fatDirSectors.push_back(offset);
-        else if (sector.matches("FILE", 0)) {
-            if (NTFSParser::looksLikeRecord(sector.sub(0, 48)))
-                result_.mftRecords.push_back(offset);
-        } else if (mayBeBootSector(sector)) {
-            if (const auto type = FSProbe::detectBootSector(sector))
-                result_.boots.push_back(
-                    { offset, *type, *sector.load<std::array<std::uint8_t, sectorSize>>(0) });
-        } else if (bytes[0] == 'H' && (bytes[1] == '+' || bytes[1] == 'X') && bytes[2] == 0
-            && offset >= hfsHeaderOffset && FSProbe::isHFSPlusHeader(sector.sub(0, 64))) {
-            result_.hfsHeaders.push_back(offset - hfsHeaderOffset);
-        } else if (bytes[24] == apfsContainerType && sector.matches("NXSB", 32)) {
-            result_.nxsb.push_back(offset);
-            apfsAlignments_.insert(offset % apfsBlockSize);
-        } else if (mayBeExFATDirectory(bytes)
-            && ExFATParser::looksLikeDirectorySector(chunk, static_cast<std::int64_t>(at))) {
-            result_.exfatDirSectors.push_back(offset);
-        }
-    }
-
-private:
-    static constexpr std::uint8_t apfsTreeSubtype = 14;
-    static constexpr std::uint8_t apfsContainerType = 1;
-
-    static bool mayBeBootSector(ByteView sector)
-    {
-        return (sector.data()[510] == 0x55 && sector.data()[511] == 0xAA)
-            || sector.matches("NTFS", 3) || sector.matches("EXFA", 3);
-    }
-
-    /// Every type that an entry can have, deleted or not, leaves at most 5 in the low bits. Both
-    /// are looked at in one step, since a branch that random data takes now and then costs more.
-    static bool mayBeExFATDirectory(const std::uint8_t* sector)
-    {
-        constexpr unsigned lowBits = 0x1F;
-        constexpr std::size_t secondEntry = 32;
-        return std::max(sector[0] & lowBits, sector[secondEntry] & lowBits) <= 5
-            && (sector[0] & 0x7F) != 0;
-    }
-
-    /// Blocks lie at multiples of their size, counted from the source's start or from that of a
-    /// container: partitions of old disks begin at odd sectors.
-    bool isAPFSAligned(std::uint64_t offset) const
-    {
-        return apfsAlignments_.contains(offset % apfsBlockSize);
-    }
-
-    bool isAPFSLeaf(ByteView chunk, std::size_t at, std::uint64_t offset)
-    {
-        if (at + apfsBlockSize <= chunk.size())
-            return APFSParser::looksLikeFSTreeLeaf(
-                chunk, static_cast<std::int64_t>(at), apfsBlockSize);
-        return APFSParser::looksLikeFSTreeLeaf(
-            source_.read(offset, apfsBlockSize, ReadMode::thorough), 0, apfsBlockSize);
-    }
-
-    DiskSource& source_;
-    DeepScanResult& result_;
-    std::set<std::uint64_t> apfsAlignments_ { 0 };
-};
 
 /// Tells the user of the progress, seldom enough that it costs nothing.
 class Reporter {
@@ -168,7 +82,7 @@ DeepScanResult DeepScanner::run(
         for (std::size_t at = 0; at < chunk.size(); at += sectorSize) {
             const std::uint64_t offset = position + at;
             if (options_.findVolumes && chunk.size() - at >= sectorSize)
-                structures.look(chunk, at, offset);
+                structures.look({ chunk.subspan(at), offset });
             if (!carver || offset < carveFrom)
                 continue;
             auto found

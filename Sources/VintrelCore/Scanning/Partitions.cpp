@@ -3,6 +3,8 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/Rounding.h"
+#include "VintrelCore/Foundation/Text.h"
 
 #include <algorithm>
 #include <array>
@@ -62,12 +64,6 @@ constexpr std::uint8_t protectiveType
     = 0xEE; // one partition over the whole disk, so that old tools leave GPT alone
 
 bool isExtendedType(std::uint8_t type) { return type == 0x05 || type == 0x0F || type == 0x85; }
-
-constexpr std::uint64_t saturatingMultiply(std::uint64_t left, std::uint64_t right)
-{
-    constexpr auto limit = std::numeric_limits<std::uint64_t>::max();
-    return right != 0 && left > limit / right ? limit : left * right;
-}
 
 std::int64_t nextEntryID()
 {
@@ -251,16 +247,13 @@ std::string guid(ByteView bytes, std::int64_t at)
     // The position of each byte in the text; -1 is a hyphen.
     constexpr int order[]
         = { 3, 2, 1, 0, -1, 5, 4, -1, 7, 6, -1, 8, 9, -1, 10, 11, 12, 13, 14, 15 };
-    constexpr char digits[] = "0123456789ABCDEF";
     std::string text;
     for (const int position : order) {
         if (position < 0) {
             text += '-';
             continue;
         }
-        const auto byte = bytes.u8(at + position);
-        text += digits[byte >> 4];
-        text += digits[byte & 0xF];
+        text += Text::hex(bytes.u8(at + position), 2);
     }
     return text;
 }
@@ -313,8 +306,7 @@ std::string mbrTypeName(std::uint8_t type)
     for (const auto& row : types)
         if (row.type == type)
             return std::string(row.name);
-    constexpr char digits[] = "0123456789ABCDEF";
-    return std::string("Type 0x") + digits[type >> 4] + digits[type & 0xF];
+    return "Type 0x" + Text::hex(type, 2);
 }
 
 } // namespace PartitionTable

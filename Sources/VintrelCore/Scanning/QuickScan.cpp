@@ -1,66 +1,17 @@
-#include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/APFS/Parser.h"
-#include "VintrelCore/FileSystems/ExFAT/Parser.h"
-#include "VintrelCore/FileSystems/FAT/Parser.h"
-#include "VintrelCore/FileSystems/HFSPlus/Parser.h"
-#include "VintrelCore/FileSystems/NTFS/Parser.h"
-#include "VintrelCore/Foundation/Binary.h"
-#include "VintrelCore/Model/FileTypes.h"
-#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Scanning/QuickScan.h"
+
+#include "VintrelCore/FileSystems/FileSystems.h"
+#include "VintrelCore/FileSystems/VolumeLoader.h"
 #include "VintrelCore/Model/WorkProgress.h"
-#include "VintrelCore/Scanning/Scanner.h"
 
+#include <algorithm>
 #include <set>
-
-namespace VolumeLoader {
-
-namespace {
-
-VolumeList oneOrNone(std::unique_ptr<Volume> volume)
-{
-    VolumeList volumes;
-    if (volume)
-        volumes.push_back(std::move(volume));
-    return volumes;
-}
-
-} // namespace
-
-VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
-    const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot)
-{
-    switch (type) {
-    case FileSystemType::fat12:
-    case FileSystemType::fat16:
-    case FileSystemType::fat32:
-        return oneOrNone(FATParser::parse(source, offset, origin, progress, boot));
-    case FileSystemType::exfat:
-        return oneOrNone(ExFATParser::parse(source, offset, origin, progress, boot));
-    case FileSystemType::ntfs:
-        return oneOrNone(NTFSParser::parse(source, offset, origin, progress, boot));
-    case FileSystemType::hfsplus:
-        return oneOrNone(HFSPlusParser::parse(source, offset, origin, progress));
-    case FileSystemType::apfs:
-        return APFSParser::parse(source, offset, origin, progress);
-    case FileSystemType::ext: // known only so that the user can be told
-    case FileSystemType::carved:
-    case FileSystemType::unknown:
-        break;
-    }
-    return {};
-}
-
-} // namespace VolumeLoader
 
 namespace QuickScanner {
 
 ScanResult run(DiskSource& source, WorkProgress* progress)
 {
-    const auto report = [&](double fraction, const std::string& message) {
-        if (progress != nullptr)
-            progress->report(fraction, message);
-    };
-    report(0, "Læser partitionstabel …");
+    report(progress, 0, "Læser partitionstabel …");
     ScanResult result { .layout = PartitionTable::read(source), .volumes = {}, .notes = {} };
     result.notes = result.layout.notes;
 
@@ -73,13 +24,13 @@ ScanResult run(DiskSource& source, WorkProgress* progress)
         if (!entry.detected || loadedOffsets.contains(entry.offset))
             continue;
         const auto type = *entry.detected;
-        if (type == FileSystemType::ext) {
-            result.notes.emplace_back("ext-filsystemer understøttes kun via dyb scanning.");
+        if (const auto* reader = readerFor(type); reader && !reader->quickScanNote.empty()) {
+            result.notes.emplace_back(reader->quickScanNote);
             continue;
         }
         const std::string label
             = entry.name.empty() ? "partition " + std::to_string(entry.index) : entry.name;
-        report(static_cast<double>(entry.index - 1) / static_cast<double>(entries.size()),
+        report(progress, static_cast<double>(entry.index - 1) / static_cast<double>(entries.size()),
             "Læser " + std::string(displayName(type)) + "-filsystemet på " + label + " …");
         const std::string origin
             = entry.scheme == "Ingen" ? entry.typeName : entry.scheme + ", " + label;
@@ -91,7 +42,7 @@ ScanResult run(DiskSource& source, WorkProgress* progress)
             loadedOffsets.insert(entry.offset);
         std::ranges::move(volumes, std::back_inserter(result.volumes));
     }
-    report(1, "Læser partitionstabel …");
+    report(progress, 1, "Læser partitionstabel …");
     return result;
 }
 

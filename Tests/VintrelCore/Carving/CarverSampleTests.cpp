@@ -3,7 +3,7 @@
 
 #include "Tests/Images/CarvedFile.h"
 #include "Tests/Support/TestSource.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/DeepScan.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/FileTypes.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/DeepScan.h"
 
 #include <gtest/gtest.h>
 

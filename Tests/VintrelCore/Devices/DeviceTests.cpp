@@ -171,7 +171,7 @@ TEST(Devices, AreOpenedWithAuthorization)
     const TemporaryFolder folder;
     const auto path = folder / "disk4";
     writeFile(path, bytesOf("indhold"));
-    const std::string unexpected = SourceError::openFailed(path, EBADF).what();
+    const std::string unexpected = SourceError::openFailed(path, SystemError(EBADF)).what();
     const std::pair<std::string, std::string> cases[] = {
         { "[ \"$1\" = -stdoutpipe ] && exec " VINTREL_SEND_DESCRIPTOR " \"$2\"", "indhold" },
         { "exec " VINTREL_SEND_DESCRIPTOR " /dev/null", unexpected },
@@ -188,7 +188,7 @@ TEST(Devices, AreOpenedWithAuthorization)
     };
     for (const auto& [script, answer] : cases)
         EXPECT_EQ(open(writeScript(folder / "authopen", script)), answer) << script;
-    EXPECT_EQ(open(folder / "mangler"), SourceError::openFailed(path, ENOENT).what());
+    EXPECT_EQ(open(folder / "mangler"), SourceError::openFailed(path, SystemError(ENOENT)).what());
 }
 
 TEST(Devices, AreAttachedFromAppleImages)

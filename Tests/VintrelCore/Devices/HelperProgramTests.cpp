@@ -46,7 +46,7 @@ TEST(HelperProgram, TellsHowItEnded)
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, 15s);
     ::close(9);
-    EXPECT_EQ(HelperProgram::run({ folder / "mangler" }, { .time = 20s }).error, ENOENT);
+    EXPECT_EQ(HelperProgram::run({ folder / "mangler" }, { .time = 20s }).error.number(), ENOENT);
 }
 
 TEST(HelperProgram, IsEndedWhenItGoesOnForEver)
@@ -56,11 +56,11 @@ TEST(HelperProgram, IsEndedWhenItGoesOnForEver)
         { "exec sleep 1000", "exec >&- 2>&- sleep 1000", "trap '' TERM; while :; do :; done" }) {
         const auto outcome
             = runScript(folder, "echo $$ >'" + folder / "id" + "'; " + script, { .time = 300ms });
-        EXPECT_EQ(outcome.error, ETIMEDOUT) << script;
+        EXPECT_EQ(outcome.error.number(), ETIMEDOUT) << script;
         const auto process = readFile(folder / "id");
         EXPECT_NE(::kill(std::stoi(std::string(process.begin(), process.end())), 0), 0) << script;
     }
     const auto outcome = runScript(folder, "exec yes", { .time = 20s, .output = 100'000 });
-    EXPECT_EQ(outcome.error, EFBIG);
+    EXPECT_EQ(outcome.error.number(), EFBIG);
     EXPECT_LT(outcome.output.size(), 200'000u);
 }

@@ -11,7 +11,10 @@
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/Recovery/FileReader.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Recovery/LZNT1.h"
+#include "VintrelCore/Scanning/DeepScan.h"
+#include "VintrelCore/Scanning/LostVolumes.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
 
@@ -97,9 +100,8 @@ void exerciseDeep(const Bytes& bytes)
 {
     const auto source = makeSource(bytes);
     const auto found = DeepScanner(*source).run(nullptr);
-    auto volumes = DeepScanner::buildVolumes(*source, found, {}, nullptr);
-    for (const auto& [volume, folder] : DeepScanner::extraFolders(*source, volumes, found, nullptr))
-        ASSERT_LT(folder->totals().files, bytes.size());
+    const auto volumes = LostVolumes::find(*source, found, {}, nullptr);
+    LostVolumes::addLostFiles(*source, volumes, found, nullptr);
     for (const auto& volume : volumes) {
         const auto totals = volume->root->totals();
         ASSERT_LT(totals.files + totals.folders, bytes.size()) << "more entries than bytes";

@@ -136,15 +136,15 @@ TEST(RangeMap, SavingReplacesTheMapfileWholeOrNotAtAll)
     const TemporaryFolder folder;
     const auto path = folder / "disk.img.map";
     RangeMap map(5000);
-    ASSERT_EQ(map.write(path, 0, 1), 0);
+    ASSERT_FALSE(map.write(path, 0, 1));
 
     // What has the temporary file's name is replaced, not followed.
     writeFile(folder / "precious", bytesOf("precious"));
     std::filesystem::create_symlink(folder / "precious", path + ".tmp");
     map.set(0, 1000, finished);
-    EXPECT_EQ(map.write(path, 1000, 1), 0);
+    EXPECT_FALSE(map.write(path, 1000, 1));
     std::filesystem::create_hard_link(folder / "precious", path + ".tmp");
-    EXPECT_EQ(map.write(path, 1000, 1), 0);
+    EXPECT_FALSE(map.write(path, 1000, 1));
     EXPECT_EQ(readFile(folder / "precious"), bytesOf("precious"));
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
     EXPECT_EQ(RangeMap::read(path, 5000)->snapshot(), map.snapshot());
@@ -152,7 +152,7 @@ TEST(RangeMap, SavingReplacesTheMapfileWholeOrNotAtAll)
     const auto before = readFile(path);
     map.set(1000, 1000, bad);
     std::filesystem::create_directory(path + ".tmp");
-    EXPECT_NE(map.write(path, 2000, 1), 0);
+    EXPECT_TRUE(map.write(path, 2000, 1));
     EXPECT_EQ(readFile(path), before);
 
     EXPECT_FALSE(RangeMap::read(folder / "missing", 10));

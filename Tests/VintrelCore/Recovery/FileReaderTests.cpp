@@ -1,5 +1,6 @@
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Recovery/FileReader.h"
+#include "VintrelCore/Recovery/LZNT1.h"
 
 #include <gtest/gtest.h>
 

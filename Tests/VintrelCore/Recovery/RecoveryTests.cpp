@@ -1,5 +1,6 @@
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Recovery/Recovery.h"
+#include "VintrelCore/Recovery/SafeName.h"
 
 #include <gtest/gtest.h>
 

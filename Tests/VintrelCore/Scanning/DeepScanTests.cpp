@@ -2,7 +2,7 @@
 #include "Tests/Images/FATImage.h"
 #include "Tests/Images/PartitionImage.h"
 #include "VintrelCore/FileSystems/APFS/Parser.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/DeepScan.h"
 
 #include <gtest/gtest.h>
 

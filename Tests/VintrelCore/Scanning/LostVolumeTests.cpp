@@ -9,7 +9,9 @@
 #include "Tests/Images/NTFSImage.h"
 #include "Tests/Images/PartitionImage.h"
 #include "VintrelCore/Recovery/FileReader.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/DeepScan.h"
+#include "VintrelCore/Scanning/LostVolumes.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
 
@@ -29,7 +31,7 @@ struct ScannedDisk {
     std::unique_ptr<DiskSource> source;
     VolumeList known = QuickScanner::run(*source, nullptr).volumes;
     DeepScanResult sweep = DeepScanner(*source).run(nullptr);
-    VolumeList lost = DeepScanner::buildVolumes(*source, sweep, known, nullptr);
+    VolumeList lost = LostVolumes::find(*source, sweep, known, nullptr);
 
     /// "type @ offset, number of files" of every volume.
     static std::string listing(const VolumeList& volumes)

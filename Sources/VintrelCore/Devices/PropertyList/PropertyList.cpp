@@ -1,7 +1,6 @@
 #include "VintrelCore/Devices/PropertyList/PropertyList.h"
 
-#include <algorithm>
-#include <charconv>
+#include "VintrelCore/Foundation/Text.h"
 
 PropertyList::Value PropertyList::Value::operator[](std::string_view key) const
 {
@@ -28,10 +27,5 @@ std::string PropertyList::Value::text() const
 
 std::uint64_t PropertyList::Value::number() const
 {
-    if (!is(Kind::number))
-        return 0;
-    const auto& digits = list_->nodes_[*node_].text;
-    std::uint64_t value = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    return error == std::errc() && end == digits.data() + digits.size() ? value : 0;
+    return is(Kind::number) ? Text::number(list_->nodes_[*node_].text).value_or(0) : 0;
 }

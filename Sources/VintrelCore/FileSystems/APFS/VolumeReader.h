@@ -1,8 +1,8 @@
 #pragma once
 
-#include "VintrelCore/FileSystems/APFS/FileRecords.h"
-#include "VintrelCore/FileSystems/APFS/FileTree.h"
 #include "VintrelCore/FileSystems/APFS/Parser.h"
+#include "VintrelCore/FileSystems/APFS/Records.h"
+#include "VintrelCore/FileSystems/APFS/Tree.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/Volume.h"

@@ -1,37 +1,16 @@
 // Geometry of an exFAT volume, and what its FAT and its allocation bitmap say.
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/ExFAT/BootSector.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/FileData.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
-#include <cstddef>
 #include <limits>
 
 namespace {
-
-struct BootSector {
-    std::array<std::uint8_t, 11> jump;   //   0  jump and "EXFAT   "
-    std::array<std::uint8_t, 53> zeros;  //  11  where FAT has its fields
-    LE64 partitionOffset;                //  64  in sectors; not used
-    LE64 volumeLength;                   //  72  in sectors
-    LE32 fatOffset, fatLength;           //  80, 84  in sectors
-    LE32 heapOffset;                     //  88  in sectors
-    LE32 clusterCount;                   //  92
-    LE32 rootCluster;                    //  96
-    LE32 serialNumber;                   // 100
-    LE16 revision;                       // 104
-    LE16 flags;                          // 106  bit 0: the second FAT is in use
-    std::uint8_t bytesPerSectorShift;    // 108  9 … 12
-    std::uint8_t sectorsPerClusterShift; // 109  with the former at most 25
-    std::uint8_t fatCount;               // 110  1 or 2
-    std::array<std::uint8_t, 401> more;  // 111
-};
-static_assert(sizeof(BootSector) == 512 && offsetof(BootSector, flags) == 106
-    && offsetof(BootSector, fatCount) == 110);
 
 constexpr int maxClusterShift = 25; // 32 MiB
 constexpr std::uint32_t maxClusters = 0xFFFFFFF5;
@@ -41,39 +20,36 @@ constexpr std::uint64_t maxFATSize = 805'306'368;
 
 } // namespace
 
-std::optional<ExFATGeometry> ExFATGeometry::from(ByteView boot, std::uint64_t base)
+std::optional<ExFATGeometry> ExFATGeometry::from(const ExFATBootSector& boot, std::uint64_t base)
 {
-    const auto sector = boot.load<BootSector>(0);
-    if (!sector || sector->bytesPerSectorShift < 9 || sector->bytesPerSectorShift > 12
-        || sector->bytesPerSectorShift + sector->sectorsPerClusterShift > maxClusterShift)
+    const int shift = boot.bytesPerSectorShift;
+    if (shift + boot.sectorsPerClusterShift > maxClusterShift)
         return std::nullopt;
-    const int shift = sector->bytesPerSectorShift;
-    const std::uint64_t sectors = sector->volumeLength;
-    const auto heapSector = static_cast<std::uint64_t>(sector->heapOffset);
+    const std::uint64_t sectors = boot.volumeLength;
+    const auto heapSector = static_cast<std::uint64_t>(boot.heapOffset);
     if (sectors > std::numeric_limits<std::uint64_t>::max() >> shift || heapSector >= sectors
-        || sector->clusterCount == 0)
+        || boot.clusterCount == 0)
         return std::nullopt;
     const std::uint64_t volumeSize = sectors << shift;
     if (base > std::numeric_limits<std::uint64_t>::max() - volumeSize)
         return std::nullopt;
 
-    const std::uint64_t clustersInVolume = (sectors - heapSector) >> sector->sectorsPerClusterShift;
+    const std::uint64_t clustersInVolume = (sectors - heapSector) >> boot.sectorsPerClusterShift;
     const auto count
-        = std::min<std::uint64_t>({ sector->clusterCount, clustersInVolume, maxClusters });
-    const bool usesSecond = (sector->flags & 1) != 0 && sector->fatCount == 2;
-    const std::uint64_t fatSector = std::uint64_t { sector->fatOffset }
-        + (usesSecond ? std::uint64_t { sector->fatLength } : 0);
+        = std::min<std::uint64_t>({ boot.clusterCount, clustersInVolume, maxClusters });
+    const std::uint64_t fatSector = std::uint64_t { boot.fatOffset }
+        + (boot.usesSecondFAT() ? std::uint64_t { boot.fatLength } : 0);
     if (count == 0)
         return std::nullopt;
     return ExFATGeometry {
         .fatOffset = base + (fatSector << shift),
-        .fatSize = std::uint64_t { sector->fatLength } << shift,
+        .fatSize = std::uint64_t { boot.fatLength } << shift,
         .heap = { .offset = base + (heapSector << shift),
-            .clusterSize = std::uint64_t { 1 } << (shift + sector->sectorsPerClusterShift),
+            .clusterSize = std::uint64_t { 1 } << (shift + boot.sectorsPerClusterShift),
             .count = static_cast<std::uint32_t>(count) },
-        .rootCluster = sector->rootCluster,
+        .rootCluster = boot.rootCluster,
         .volumeSize = volumeSize,
-        .activeFAT = usesSecond ? 1 : 0,
+        .activeFAT = boot.usesSecondFAT() ? 1 : 0,
     };
 }
 

@@ -3,9 +3,9 @@
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/ExFAT/EntrySets.h"
+#include "VintrelCore/FileSystems/ExFAT/BootSector.h"
+#include "VintrelCore/FileSystems/ExFAT/Entries.h"
 #include "VintrelCore/FileSystems/ExFAT/Walker.h"
-#include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Model/Volume.h"
@@ -13,13 +13,27 @@
 
 namespace ExFATParser {
 
+std::optional<FileSystemType> probe(ByteView head)
+{
+    return ExFATBootSector::from(head) ? std::optional(FileSystemType::exfat) : std::nullopt;
+}
+
+std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset)
+{
+    const auto boot = ExFATBootSector::from(sector);
+    if (!boot)
+        return std::nullopt;
+    const std::uint64_t distance = ExFATBootSector::backupSector << boot->bytesPerSectorShift;
+    return distance <= offset ? std::optional(offset - distance) : std::nullopt;
+}
+
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot)
 {
-    const auto sector = FSProbe::bootSector(source, offset, boot);
-    if (FSProbe::detectBootSector(sector) != FileSystemType::exfat)
-        return nullptr;
-    const auto geometry = ExFATGeometry::from(sector, offset);
+    const auto sector = boot
+        ? ExFATBootSector::from(*boot)
+        : ExFATBootSector::from(source.read(offset, sizeof(ExFATBootSector), ReadMode::thorough));
+    const auto geometry = sector ? ExFATGeometry::from(*sector, offset) : std::nullopt;
     if (!geometry)
         return nullptr;
 
@@ -45,7 +59,8 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
 {
     using namespace ExFATEntries;
     constexpr std::int64_t looked = 512; // formatting puts the bitmap among the first entries
-    const auto geometry = ExFATGeometry::from(boot, offset);
+    const auto sector = ExFATBootSector::from(boot);
+    const auto geometry = sector ? ExFATGeometry::from(*sector, offset) : std::nullopt;
     if (!geometry || !geometry->heap.contains(geometry->rootCluster))
         return false;
     const auto root

@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/FileNode.h"
+#include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
@@ -13,6 +14,7 @@
 #include <string>
 
 class DiskSource;
+struct ExFATBootSector;
 
 /// Where things lie on an exFAT volume, as its boot sector says. Offsets are absolute on the
 /// source, sizes in bytes.
@@ -26,7 +28,7 @@ struct ExFATGeometry {
 
     /// None when the volume would be impossible. `base`: where the volume begins on the source; the
     /// boot sector's own idea of that is not asked, since images of one partition keep the disk's.
-    static std::optional<ExFATGeometry> from(ByteView boot, std::uint64_t base);
+    static std::optional<ExFATGeometry> from(const ExFATBootSector& boot, std::uint64_t base);
 };
 
 /// A volume's geometry, its FAT and its allocation bitmap. Used by one thread at a time.
@@ -90,6 +92,14 @@ public:
 
 /// exFAT, existing and deleted entries.
 namespace ExFATParser {
+
+/// `exfat` when the bytes, the first 512 of a volume, begin one of this kind; else none.
+std::optional<FileSystemType> probe(ByteView head);
+
+/// Where the volume begins, in bytes on the source, whose backup boot sector is `sector` and lies
+/// at byte `offset`; none where the sector is not one of exFAT, and where it would begin before the
+/// source.
+std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset);
 
 /// The volume that begins at byte `offset`; none when there is no exFAT volume, or an impossible
 /// one. `boot`: a boot sector found elsewhere, the backup above all, to be used instead of the one

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "VintrelCore/FileSystems/Clusters/DirectoryWalk.h"
-#include "VintrelCore/FileSystems/ExFAT/EntrySets.h"
+#include "VintrelCore/FileSystems/ExFAT/Entries.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 
 #include <optional>

@@ -1,42 +1,19 @@
 // Geometry of a FAT volume, and the questions that its allocation table answers.
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/FAT/BootSector.h"
+#include "VintrelCore/FileSystems/FAT/Entries.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Model/FileTypes.h"
 
 #include <algorithm>
-#include <cstddef>
+#include <array>
+#include <iterator>
 #include <limits>
 
 namespace {
-
-struct BootSector {
-    std::array<std::uint8_t, 11> jump;  //  0  jump and name of the formatting system
-    LE16 bytesPerSector;                // 11
-    std::uint8_t sectorsPerCluster;     // 13
-    LE16 reservedSectors;               // 14  before the first FAT
-    std::uint8_t fatCount;              // 16
-    LE16 rootEntries;                   // 17  of the fixed root directory; 0 on FAT32
-    LE16 totalSectors16;                // 19  0: see totalSectors32
-    std::uint8_t media;                 // 21
-    LE16 sectorsPerFAT16;               // 22  0: see sectorsPerFAT32
-    LE16 sectorsPerTrack, heads;        // 24, 26
-    LE32 hiddenSectors;                 // 28
-    LE32 totalSectors32;                // 32
-    LE32 sectorsPerFAT32;               // 36  FAT32 only, as all that follows
-    LE16 flags, version;                // 40, 42
-    LE32 rootCluster;                   // 44  low 28 bits
-    std::array<std::uint8_t, 23> more;  // 48
-    std::array<std::uint8_t, 11> label; // 71
-    std::array<std::uint8_t, 430> code; // 82
-};
-static_assert(sizeof(BootSector) == 512 && offsetof(BootSector, rootCluster) == 44
-    && offsetof(BootSector, label) == 71);
-
-constexpr std::int64_t labelOffsetFAT16 = 43;
-constexpr std::int64_t labelLength = 11;
 
 constexpr std::uint32_t clusterMask
     = 0x0FFFFFFF; // the top four bits of a FAT32 entry are not part of the number
@@ -47,6 +24,12 @@ constexpr std::uint64_t maxClusters = 0x0FFFFFF5;
 /// The FAT of the largest volume that any system makes is a third larger than 512 MiB; beyond this
 /// the size is damage.
 constexpr std::uint64_t maxFATSize = 805'306'368;
+
+std::string labelText(const std::array<std::uint8_t, 11>& field)
+{
+    const auto text = ByteView(field).ascii(0, std::ssize(field));
+    return std::string(Unicode::trimmed(text));
+}
 
 /// From here on an entry means "last cluster of its chain".
 std::uint32_t endMark(FileSystemType type)
@@ -88,49 +71,34 @@ void repair(Bytes& first, const Bytes& second, std::size_t sectorSize)
 
 } // namespace
 
-std::optional<FATGeometry> FATGeometry::from(ByteView boot, FileSystemType type, std::uint64_t base)
+std::optional<FATGeometry> FATGeometry::from(const FATBootSector& boot, std::uint64_t base)
 {
-    std::array<std::uint8_t, sizeof(BootSector)>
-        padded {}; // fields beyond the end of a short boot sector are 0
-    std::ranges::copy(boot.sub(0, padded.size()).span(), padded.begin());
-    const auto sector = std::bit_cast<BootSector>(padded);
+    const auto type = boot.type();
+    if (!type)
+        return std::nullopt;
+    const std::uint64_t bytesPerSector = boot.bytesPerSector;
+    const std::uint64_t volumeSize = bytesPerSector * boot.totalSectors(); // below 2^48
+    if (base > std::numeric_limits<std::uint64_t>::max() - volumeSize)
+        return std::nullopt;
 
-    const std::uint64_t bytesPerSector = sector.bytesPerSector;
     const bool isFAT32 = type == FileSystemType::fat32;
-    const std::uint64_t sectorsPerFAT = sector.sectorsPerFAT16 != 0
-        ? std::uint64_t { sector.sectorsPerFAT16 }
-        : std::uint64_t { sector.sectorsPerFAT32 };
-    const std::uint64_t totalSectors = sector.totalSectors16 != 0
-        ? std::uint64_t { sector.totalSectors16 }
-        : std::uint64_t { sector.totalSectors32 };
-    const std::uint64_t rootDirSize = std::uint64_t { sector.rootEntries } * 32;
-    if (bytesPerSector == 0 || sector.sectorsPerCluster == 0)
-        return std::nullopt;
-    const std::uint64_t rootSector = sector.reservedSectors + sectorsPerFAT * sector.fatCount;
-    const std::uint64_t dataSector
-        = rootSector + (rootDirSize + bytesPerSector - 1) / bytesPerSector;
-    const std::uint64_t volumeSize = bytesPerSector * totalSectors; // below 2^48
-    if (totalSectors <= dataSector || base > std::numeric_limits<std::uint64_t>::max() - volumeSize)
-        return std::nullopt;
-
-    const auto bootLabel
-        = boot.ascii(isFAT32 ? offsetof(BootSector, label) : labelOffsetFAT16, labelLength);
-    const auto label = Unicode::trimmed(bootLabel);
+    const std::uint64_t clusters
+        = (boot.totalSectors() - boot.dataSector()) / boot.sectorsPerCluster;
+    const auto label = labelText(isFAT32 ? boot.fat32().label : boot.fat16().label);
     return FATGeometry {
-        .type = type,
+        .type = *type,
         .bytesPerSector = bytesPerSector,
-        .fatOffset = base + sector.reservedSectors * bytesPerSector,
-        .fatSize = sectorsPerFAT * bytesPerSector,
-        .fatCount = sector.fatCount,
-        .rootDirOffset = base + rootSector * bytesPerSector,
-        .rootDirSize = rootDirSize,
-        .heap = { .offset = base + dataSector * bytesPerSector,
-            .clusterSize = bytesPerSector * sector.sectorsPerCluster,
-            .count = static_cast<std::uint32_t>(
-                std::min((totalSectors - dataSector) / sector.sectorsPerCluster, maxClusters)) },
-        .rootCluster = isFAT32 ? sector.rootCluster & clusterMask : 0,
+        .fatOffset = base + boot.reservedSectors * bytesPerSector,
+        .fatSize = boot.sectorsPerFAT() * bytesPerSector,
+        .fatCount = boot.fatCount,
+        .rootDirOffset = base + boot.rootDirSector() * bytesPerSector,
+        .rootDirSize = boot.rootEntries * FATEntries::entrySize,
+        .heap = { .offset = base + boot.dataSector() * bytesPerSector,
+            .clusterSize = bytesPerSector * boot.sectorsPerCluster,
+            .count = static_cast<std::uint32_t>(std::min(clusters, maxClusters)) },
+        .rootCluster = isFAT32 ? boot.fat32().rootCluster & clusterMask : 0,
         .volumeSize = volumeSize,
-        .label = label == "NO NAME" ? std::string() : std::string(label),
+        .label = label == "NO NAME" ? std::string() : label,
     };
 }
 

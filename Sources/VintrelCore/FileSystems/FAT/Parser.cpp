@@ -3,8 +3,8 @@
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/FAT/BootSector.h"
 #include "VintrelCore/FileSystems/FAT/Walker.h"
-#include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Model/Volume.h"
@@ -22,21 +22,33 @@ namespace {
 constexpr std::int64_t sectorSize = 512;
 } // namespace
 
+std::optional<FileSystemType> probe(ByteView head) { return FATBootSector::from(head).type(); }
+
+std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset)
+{
+    const auto boot = FATBootSector::from(sector);
+    if (boot.type() != FileSystemType::fat32)
+        return std::nullopt;
+    const std::uint64_t distance
+        = std::uint64_t { boot.fat32().backupSector } * boot.bytesPerSector;
+    if (distance == 0 || distance > offset)
+        return std::nullopt;
+    return offset - distance;
+}
+
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot)
 {
-    const auto sector = FSProbe::bootSector(source, offset, boot);
-    const auto type = FSProbe::detectBootSector(sector);
-    if (type != FileSystemType::fat12 && type != FileSystemType::fat16
-        && type != FileSystemType::fat32)
-        return nullptr;
-    const auto geometry = FATGeometry::from(sector, *type, offset);
+    const auto sector = boot
+        ? FATBootSector::from(*boot)
+        : FATBootSector::from(source.read(offset, sizeof(FATBootSector), ReadMode::thorough));
+    const auto geometry = FATGeometry::from(sector, offset);
     if (!geometry)
         return nullptr;
 
     auto context = std::make_unique<FATContext>(source, *geometry);
-    auto volume = std::make_unique<Volume>(*type, geometry->label, offset, geometry->volumeSize,
-        FileNode::makeFolder("", EntryStatus::existing), origin);
+    auto volume = std::make_unique<Volume>(geometry->type, geometry->label, offset,
+        geometry->volumeSize, FileNode::makeFolder("", EntryStatus::existing), origin);
     volume->clusterSize = geometry->heap.clusterSize;
     FATWalker walker(*context, progress);
     walker.walkRoot(*volume->root);
@@ -53,11 +65,10 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
 
 bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
 {
-    const auto type = FSProbe::detectBootSector(boot);
-    const auto geometry = type ? FATGeometry::from(boot, *type, offset) : std::nullopt;
+    const auto sector = FATBootSector::from(boot);
+    const auto geometry = FATGeometry::from(sector, offset);
     if (!geometry)
         return false;
-    constexpr std::int64_t mediaByte = 21;
     constexpr std::uint64_t maxCopies = 4;
     for (std::uint64_t copy = 0; copy < std::min<std::uint64_t>(geometry->fatCount, maxCopies);
          ++copy) {
@@ -66,7 +77,7 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)
         const auto start
             = source.read(geometry->fatOffset + copy * geometry->fatSize, 4, ReadMode::thorough);
         const bool isFAT12 = geometry->type == FileSystemType::fat12;
-        if (start[0] == boot.u8(mediaByte) && start[0] >= 0xF0 && start[1] == 0xFF
+        if (start[0] == sector.media && start[0] >= 0xF0 && start[1] == 0xFF
             && (isFAT12 || start[2] == 0xFF))
             return true;
     }

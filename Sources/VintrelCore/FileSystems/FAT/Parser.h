@@ -16,6 +16,7 @@
 #include <vector>
 
 class DiskSource;
+struct FATBootSector;
 
 /// Where things lie on a FAT volume, as its boot sector says. Offsets are absolute on the source,
 /// sizes in bytes.
@@ -33,7 +34,7 @@ struct FATGeometry {
     std::string label; ///< the boot sector's; empty when there is none
 
     /// None when the volume would be impossible. `base`: where the volume begins on the source.
-    static std::optional<FATGeometry> from(ByteView boot, FileSystemType type, std::uint64_t base);
+    static std::optional<FATGeometry> from(const FATBootSector& boot, std::uint64_t base);
 };
 
 /// A volume's geometry and its allocation table. Used by one thread at a time.
@@ -98,6 +99,15 @@ public:
 
 /// FAT12, FAT16 and FAT32, with long names, existing and deleted entries.
 namespace FATParser {
+
+/// fat12, fat16 or fat32 when the bytes, the first 512 of a volume, begin one of this kind; else
+/// none.
+std::optional<FileSystemType> probe(ByteView head);
+
+/// Where the volume begins, in bytes on the source, whose backup boot sector is `sector` and lies
+/// at byte `offset`; none for FAT12 and FAT16, which keep none, and where it would begin before the
+/// source.
+std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset);
 
 /// The volume that begins at byte `offset`; none when there is no FAT volume, or an impossible one.
 /// `boot`: a boot sector found elsewhere, to be used instead of the one at `offset`.

@@ -4,18 +4,18 @@
 
 using namespace HFSPlusFormat;
 
-std::optional<HFSPlusTree> HFSPlusTree::open(Bytes bytes)
+std::optional<HFSPlusBTree> HFSPlusBTree::open(Bytes bytes)
 {
     const auto header = ByteView(bytes).load<HeaderNode>(0);
-    if (!header || bytes.size() < 512)
+    if (!header || bytes.size() < minNodeSize)
         return std::nullopt;
     const std::uint32_t nodeSize = header->nodeSize;
-    if (nodeSize < 512 || nodeSize > 32'768 || !std::has_single_bit(nodeSize))
+    if (nodeSize < minNodeSize || nodeSize > maxNodeSize || !std::has_single_bit(nodeSize))
         return std::nullopt;
-    return HFSPlusTree(std::move(bytes), *header);
+    return HFSPlusBTree(std::move(bytes), *header);
 }
 
-HFSPlusTree::HFSPlusTree(Bytes bytes, const HeaderNode& header)
+HFSPlusBTree::HFSPlusBTree(Bytes bytes, const HeaderNode& header)
     : bytes_(std::move(bytes))
     , nodeSize_(header.nodeSize)
     , nodeCount_(static_cast<std::uint32_t>(bytes_.size() / nodeSize_))
@@ -24,7 +24,7 @@ HFSPlusTree::HFSPlusTree(Bytes bytes, const HeaderNode& header)
 {
 }
 
-void HFSPlusTree::forEachLeafRecord(
+void HFSPlusBTree::forEachLeafRecord(
     const std::function<bool(std::uint64_t, std::uint64_t)>& isDamaged, const Body& body) const
 {
     std::vector<bool> live(nodeCount_);
@@ -43,7 +43,7 @@ void HFSPlusTree::forEachLeafRecord(
 }
 
 /// Marks the leaves that the index leads to from the root.
-void HFSPlusTree::markIndexed(std::vector<bool>& live) const
+void HFSPlusBTree::markIndexed(std::vector<bool>& live) const
 {
     std::vector<bool> seen(nodeCount_);
     std::vector<std::uint32_t> pending { root_ };
@@ -58,25 +58,32 @@ void HFSPlusTree::markIndexed(std::vector<bool>& live) const
             live[number] = true;
         else if (kind == indexKind)
             forEachRecord(number, [&](ByteView record) {
-                const int keyEnd = record.u16be(0) + 2;
-                pending.push_back(record.u32be(keyEnd + keyEnd % 2));
+                if (const auto pointer = dataOf(record).load<IndexPointer>(0))
+                    pending.push_back(pointer->childNode);
             });
     }
 }
 
-std::optional<NodeDescriptor> HFSPlusTree::descriptor(std::uint32_t number) const
+ByteView HFSPlusBTree::dataOf(ByteView record)
+{
+    const std::int64_t keyEnd = std::int64_t { sizeof(RecordKey) }
+        + record.load<RecordKey>(0).value_or(RecordKey {}).length;
+    return record.sub(keyEnd + keyEnd % 2, static_cast<std::int64_t>(record.size()));
+}
+
+std::optional<NodeDescriptor> HFSPlusBTree::descriptor(std::uint32_t number) const
 {
     return node(number).load<NodeDescriptor>(0);
 }
 
-ByteView HFSPlusTree::node(std::uint32_t number) const
+ByteView HFSPlusBTree::node(std::uint32_t number) const
 {
     return ByteView(bytes_).sub(std::int64_t { number } * nodeSize_, nodeSize_);
 }
 
-/// Goes through the records of a node, as far as their offsets, which stand backwards at its end,
-/// make sense.
-template <class Visit> void HFSPlusTree::forEachRecord(std::uint32_t number, Visit visit) const
+/// Goes through the records of a node. Their offsets stand backwards at its end; the first one that
+/// does not ascend or lies outside the node ends them.
+template <class Visit> void HFSPlusBTree::forEachRecord(std::uint32_t number, Visit visit) const
 {
     const auto bytes = node(number);
     const std::int64_t count = descriptor(number)->recordCount;

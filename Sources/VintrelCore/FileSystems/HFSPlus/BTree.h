@@ -9,14 +9,14 @@
 #include <vector>
 
 /// A B-tree file of HFS+, in memory.
-class HFSPlusTree {
+class HFSPlusBTree {
 public:
     /// Takes a leaf record. `isLive`: its node is part of the tree, and not one that the tree gave
     /// up.
     using Body = std::function<void(ByteView record, bool isLive)>;
 
     /// None when the bytes are no tree.
-    static std::optional<HFSPlusTree> open(Bytes bytes);
+    static std::optional<HFSPlusBTree> open(Bytes bytes);
 
     /// Hands every record of every leaf node to `body`, in the order of the nodes' numbers.
     /// `isDamaged(offset, length)` tells whether a range of the tree could not be read: where that
@@ -24,10 +24,13 @@ public:
     void forEachLeafRecord(
         const std::function<bool(std::uint64_t, std::uint64_t)>& isDamaged, const Body& body) const;
 
+    /// The data of a record: it begins behind the key, at an even offset.
+    static ByteView dataOf(ByteView record);
+
     ByteView bytes() const { return bytes_; }
 
 private:
-    HFSPlusTree(Bytes bytes, const HFSPlusFormat::HeaderNode& header);
+    HFSPlusBTree(Bytes bytes, const HFSPlusFormat::HeaderNode& header);
 
     std::optional<HFSPlusFormat::NodeDescriptor> descriptor(std::uint32_t node) const;
     ByteView node(std::uint32_t number) const;

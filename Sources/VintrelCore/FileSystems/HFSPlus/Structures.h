@@ -6,27 +6,38 @@
 #include <cstddef>
 #include <cstdint>
 
-/// HFS+ as it lies on disk. Everything is big-endian.
+/// HFS+ and HFSX as they lie on disk. Everything is big-endian. The layout is that of Apple's
+/// "Technical Note TN1150: HFS Plus Volume Format"; each structure says its name there.
 namespace HFSPlusFormat {
 
-/// Allocation blocks in a row.
+/// Allocation blocks in a row. TN1150: HFSPlusExtentDescriptor.
 struct ExtentDescriptor {
     BE32 startBlock, blockCount; // 0, 4  count 0: not used
 };
 
+constexpr std::size_t extentsPerRecord = 8; ///< TN1150: HFSPlusExtentRecord
+
+/// TN1150: HFSPlusForkData.
 struct ForkData {
     BE64 logicalSize;            //  0  in bytes
     BE32 clumpSize, totalBlocks; //  8, 12
-    std::array<ExtentDescriptor, 8>
+    std::array<ExtentDescriptor, extentsPerRecord>
         extents; // 16  the first ones; the extents overflow file has the rest
 };
 static_assert(sizeof(ForkData) == 80 && offsetof(ForkData, extents) == 16);
 
+/// What tells a volume header and the volume's size. TN1150: HFSPlusVolumeHeader, its first fields.
+struct VolumeHeaderStart {
+    BE16 signature, version;           //  0, 2  "H+" 4, or "HX" 5 for HFSX
+    std::array<std::uint8_t, 36> more; //  4
+    BE32 blockSize;                    // 40  in bytes
+    BE32 totalBlocks;                  // 44
+};
+static_assert(sizeof(VolumeHeaderStart) == 48 && offsetof(VolumeHeaderStart, blockSize) == 40);
+
+/// TN1150: HFSPlusVolumeHeader.
 struct VolumeHeader {
-    BE16 signature, version;           //   0, 2  "H+" 4, or "HX" 5 for HFSX
-    std::array<std::uint8_t, 36> more; //   4
-    BE32 blockSize;                    //  40  in bytes
-    BE32 totalBlocks;                  //  44
+    VolumeHeaderStart start;           //   0
     std::array<std::uint8_t, 64> rest; //  48
     ForkData allocationFile;           // 112
     ForkData extentsFile;              // 192
@@ -37,10 +48,14 @@ struct VolumeHeader {
 static_assert(sizeof(VolumeHeader) == 512 && offsetof(VolumeHeader, allocationFile) == 112
     && offsetof(VolumeHeader, catalogFile) == 272);
 
-constexpr std::uint64_t volumeHeaderOffset = 1024; // of the volume
-constexpr std::uint16_t signatureHFSX = 0x4858;
+constexpr std::uint64_t volumeHeaderOffset = 1024;     ///< from the volume's start
+constexpr std::uint64_t alternateHeaderFromEnd = 1024; ///< from its start to the volume's end
+constexpr std::uint16_t signatureHFSPlus = 0x482B;     // "H+"
+constexpr std::uint16_t signatureHFSX = 0x4858;        // "HX"
+constexpr std::uint16_t versionHFSPlus = 4;
+constexpr std::uint16_t versionHFSX = 5;
 
-/// Every node of a B-tree begins with this.
+/// Every node of a B-tree begins with this. TN1150: BTNodeDescriptor.
 struct NodeDescriptor {
     BE32 next, previous; //  0, 4  nodes of the same level; 0: none
     std::uint8_t kind;   //  8
@@ -54,7 +69,10 @@ constexpr std::uint8_t leafKind = 0xFF;
 constexpr std::uint8_t indexKind = 0x00;
 constexpr std::uint8_t headerKind = 0x01;
 
-/// Node 0.
+constexpr std::uint32_t minNodeSize = 512;
+constexpr std::uint32_t maxNodeSize = 32'768;
+
+/// Node 0. TN1150: BTHeaderRec, behind the node's descriptor.
 struct HeaderNode {
     NodeDescriptor descriptor; //  0
     BE16 depth;                // 14
@@ -66,37 +84,59 @@ struct HeaderNode {
 };
 static_assert(sizeof(HeaderNode) == 34 && offsetof(HeaderNode, firstLeafNode) == 24);
 
-/// A record of the extents overflow file.
-struct OverflowRecord {
-    BE16 keyLength;        //  0  10
-    std::uint8_t forkType; //  2  0: data fork
+/// What every record of an index or leaf node begins with. TN1150: BTreeKey.
+struct RecordKey {
+    BE16 length; // 0  without itself
+};
+static_assert(sizeof(RecordKey) == 2);
+
+/// The data of an index node's record. TN1150 calls it a pointer record.
+struct IndexPointer {
+    BE32 childNode; // 0
+};
+static_assert(sizeof(IndexPointer) == 4);
+
+/// The key of a record of the extents overflow file; extent descriptors follow. TN1150:
+/// HFSPlusExtentKey.
+struct OverflowKey {
+    RecordKey key;         //  0
+    std::uint8_t forkType; //  2
     std::uint8_t pad;      //  3
     BE32 fileID;           //  4
     BE32 startBlock;       //  8  of the file, where these extents begin
 };
-static_assert(sizeof(OverflowRecord) == 12);
+static_assert(sizeof(OverflowKey) == 12);
 
-/// The start of a catalog record's key; `nameLength` UTF-16 units follow.
+constexpr std::uint16_t overflowKeyLength = 10;
+constexpr std::uint8_t dataForkType = 0;
+
+/// The start of a catalog record's key; `nameLength` UTF-16 units follow. TN1150:
+/// HFSPlusCatalogKey.
 struct CatalogKey {
-    BE16 keyLength;  // 0  without itself
+    RecordKey key;   // 0
     BE32 parentID;   // 2
     BE16 nameLength; // 6
 };
 static_assert(sizeof(CatalogKey) == 8);
 
-/// What folder and file records have in common.
+constexpr std::uint32_t minCatalogKeyLength = 6; ///< parent and an empty name
+constexpr std::uint32_t maxNameLength = 255;     ///< in UTF-16 units
+
+/// What folder and file records have in common. TN1150: HFSPlusCatalogFolder and
+/// HFSPlusCatalogFile, whose first fields are alike.
 struct CatalogItem {
     BE16 type;                         //  0
     std::array<std::uint8_t, 6> flags; //  2  and valence or reserved
     BE32 id;                           //  8
     BE32 created, modified;            // 12, 16
     std::array<std::uint8_t, 21> more; // 20  other dates, owner
-    std::uint8_t ownerFlags;           // 41  20: compressed
+    std::uint8_t ownerFlags;           // 41
     BE16 mode;                         // 42
     BE32 special;                      // 44  of a hard link: the number of its iNode file
 };
 static_assert(sizeof(CatalogItem) == 48 && offsetof(CatalogItem, ownerFlags) == 41);
 
+/// TN1150: HFSPlusCatalogFile.
 struct CatalogFile {
     CatalogItem item;                  //   0
     BE32 fileType, fileCreator;        //  48, 52
@@ -108,6 +148,8 @@ static_assert(sizeof(CatalogFile) == 248 && offsetof(CatalogFile, dataFork) == 8
 
 constexpr std::uint16_t folderType = 1;
 constexpr std::uint16_t fileType = 2;
+/// Of the owner flags. TN1150 is older than compressed files and does not know it: it is
+/// UF_COMPRESSED of macOS' stat().
 constexpr std::uint8_t compressedFlag = 0x20;
 constexpr std::uint32_t hardLinkType = 0x686C6E6B;    // "hlnk"
 constexpr std::uint32_t hardLinkCreator = 0x6866732B; // "hfs+"

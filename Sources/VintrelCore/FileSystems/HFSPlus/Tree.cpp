@@ -1,26 +1,16 @@
-// From the catalog's entries to the tree of files, with the chance of each.
+#include "VintrelCore/FileSystems/HFSPlus/Tree.h"
 
-#include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/FSProbe.h"
-#include "VintrelCore/FileSystems/HFSPlus/Context.h"
-#include "VintrelCore/FileSystems/HFSPlus/Parser.h"
-#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
-#include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileData.h"
-#include "VintrelCore/Model/FileNode.h"
-#include "VintrelCore/Model/Volume.h"
-#include "VintrelCore/Model/WorkProgress.h"
 
-#include <algorithm>
-#include <charconv>
+#include <optional>
+#include <string>
 
 using namespace HFSPlusFormat;
 
 namespace {
-
-/// Blocks of a deleted file that are looked up in the allocation bitmap.
-constexpr std::uint64_t maxBlockChecks = 1'048'576;
 
 /// Folders whose name begins so are the file system's own and not the user's.
 bool isPrivate(std::string_view name) { return name.starts_with('\0'); }
@@ -29,13 +19,8 @@ bool isPrivate(std::string_view name) { return name.starts_with('\0'); }
 std::optional<std::uint32_t> inodeNumber(std::string_view name)
 {
     constexpr std::string_view prefix = "iNode";
-    if (!name.starts_with(prefix))
-        return std::nullopt;
-    name.remove_prefix(prefix.size());
-    std::uint32_t number = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
-    return error == std::errc() && end == name.data() + name.size() ? std::optional(number)
-                                                                    : std::nullopt;
+    return name.starts_with(prefix) ? Text::number<std::uint32_t>(name.substr(prefix.size()))
+                                    : std::nullopt;
 }
 
 bool isHardLink(const CatalogFile& file)
@@ -46,210 +31,146 @@ bool isHardLink(const CatalogFile& file)
 
 } // namespace
 
-std::string HFSContext::nameOf(const CatalogEntry& entry) const
+HFSPlusFileTree::HFSPlusFileTree(const HFSPlusForks& forks, const HFSPlusCatalog& catalog)
+    : forks_(forks)
+    , catalog_(catalog)
 {
-    const auto record = catalog_->bytes().sub(entry.at, entry.length);
-    return Unicode::composed(
-        record.utf16be(sizeof(CatalogKey), record.u16be(offsetof(CatalogKey, nameLength))));
+    indexHardLinks();
 }
 
-void HFSContext::indexHardLinks()
+void HFSPlusFileTree::indexHardLinks()
 {
-    for (const auto& [id, entry] : entries_) {
-        const auto parent = entries_.find(entry.parent);
-        if (entry.isFolder || parent == entries_.end() || !isPrivate(nameOf(parent->second)))
+    for (const auto& entry : catalog_.entries()) {
+        const auto* parent = catalog_.find(entry.parent);
+        if (entry.isFolder || parent == nullptr || !isPrivate(catalog_.nameOf(*parent)))
             continue;
-        if (const auto number = inodeNumber(nameOf(entry)))
-            inodes_.emplace(*number, id);
+        if (const auto number = inodeNumber(catalog_.nameOf(entry)))
+            linkedFiles_.emplace(*number, &entry);
     }
 }
 
-void HFSContext::linkTree(FileNode& root)
+void HFSPlusFileTree::build(FileNode& root) const
 {
-    std::vector<std::uint32_t>
-        ids; // ascending, so that the order of the nodes does not depend on a hash
-    for (const auto& [id, entry] : entries_)
-        if (id != rootFolderID)
-            ids.push_back(id);
-    std::ranges::sort(ids);
-
-    std::vector<std::pair<std::uint32_t, std::unique_ptr<FileNode>>> nodes;
-    entries_[rootFolderID].node = &root;
-    for (const auto id : ids) {
-        auto& entry = entries_[id];
-        auto node = makeNode(id, entry);
-        if (isPrivate(node->name))
-            continue;
-        entry.node = node.get();
-        nodes.emplace_back(id, std::move(node));
-    }
-    reaches_[rootFolderID] = true;
+    auto nodes = makeNodes();
+    std::vector<FileNode*> folders; // by entry; none for what cannot hold others
+    for (const auto& node : nodes)
+        folders.push_back(node && node->isDirectory() ? node.get() : nullptr);
+    const auto links = linksBetween(folders);
     std::unique_ptr<FileNode> orphans;
-    for (auto& [id, node] : nodes) {
-        if (reaches(id)) {
-            entries_[entries_[id].parent].node->add(std::move(node));
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        if (!nodes[i])
+            continue;
+        if (links.placeOf(i) == ParentLinks::Place::inTree) {
+            const auto parent = links.parentOf(i);
+            (parent == ParentLinks::root ? root : *folders[parent]).add(std::move(nodes[i]));
             continue;
         }
         if (!orphans)
             orphans = FileNode::makeFolder("$Forældreløse filer", EntryStatus::orphaned);
-        orphans->add(std::move(node));
+        orphans->add(std::move(nodes[i]));
     }
     if (orphans)
         root.add(std::move(orphans));
 }
 
-/// Whether the chain of an entry's parents leads to the root.
-bool HFSContext::reaches(std::uint32_t id)
+/// The nodes of all entries; none for the root, which has one already, and for what is not listed.
+std::vector<std::unique_ptr<FileNode>> HFSPlusFileTree::makeNodes() const
 {
-    std::vector<std::uint32_t> path;
-    bool answer = false;
-    while (true) {
-        const auto [known, isNew]
-            = reaches_.emplace(id, false); // a chain that comes back to itself finds this
-        if (!isNew) {
-            answer = known->second;
-            break;
-        }
-        path.push_back(id);
-        const auto entry = entries_.find(id);
-        if (entry == entries_.end())
-            break;
-        const auto parent = entries_.find(entry->second.parent);
-        if (parent == entries_.end() || parent->second.node == nullptr
-            || !parent->second.node->isDirectory())
-            break;
-        id = entry->second.parent;
+    std::vector<std::unique_ptr<FileNode>> nodes;
+    nodes.reserve(catalog_.entries().size());
+    for (const auto& entry : catalog_.entries()) {
+        auto node = entry.id != rootFolderID ? makeNode(entry) : nullptr;
+        if (node && isPrivate(node->name))
+            node.reset();
+        nodes.push_back(std::move(node));
     }
-    for (const auto visited : path)
-        reaches_[visited] = answer;
-    return answer;
+    return nodes;
 }
 
-std::unique_ptr<FileNode> HFSContext::makeNode(std::uint32_t id, const CatalogEntry& entry) const
+/// How the entries hang together. `folders`: the nodes of those that are listed folders.
+ParentLinks HFSPlusFileTree::linksBetween(const std::vector<FileNode*>& folders) const
 {
-    auto name = nameOf(entry);
+    const auto& entries = catalog_.entries();
+    const auto parentOf = [&](const Entry& entry) {
+        if (entry.parent == rootFolderID)
+            return ParentLinks::root;
+        const auto* parent = catalog_.find(entry.parent);
+        if (parent == nullptr)
+            return ParentLinks::none;
+        const auto index = static_cast<ParentLinks::Index>(parent - entries.data());
+        return folders[index] != nullptr ? index : ParentLinks::none;
+    };
+    std::vector<ParentLinks::Index> parents;
+    parents.reserve(entries.size());
+    for (const auto& entry : entries)
+        parents.push_back(parentOf(entry));
+    return ParentLinks(std::move(parents));
+}
+
+std::unique_ptr<FileNode> HFSPlusFileTree::makeNode(const Entry& entry) const
+{
+    auto name = catalog_.nameOf(entry);
     if (name.empty())
-        name = "unavngivet-" + std::to_string(id);
+        name = "unavngivet-" + std::to_string(entry.id);
     const auto status = entry.isLive ? EntryStatus::existing : EntryStatus::deleted;
     auto node = entry.isFolder ? FileNode::makeFolder(std::move(name), status)
                                : FileNode::makeFile(std::move(name), 0, status);
-    const auto data = dataOf(entry);
-    node->created = TimeConversion::fromHFS(data.u32be(offsetof(CatalogItem, created)));
-    node->modified = TimeConversion::fromHFS(data.u32be(offsetof(CatalogItem, modified)));
-    node->fsID = id;
+    const auto item = catalog_.itemOf(entry);
+    node->created = TimeConversion::fromHFS(item.created);
+    node->modified = TimeConversion::fromHFS(item.modified);
+    node->fsID = entry.id;
     if (!entry.isFolder)
-        fill(*node, id, entry);
+        fill(*node, entry);
     return node;
 }
 
-void HFSContext::fill(FileNode& node, std::uint32_t id, const CatalogEntry& entry) const
+void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
 {
-    auto file = *dataOf(entry).load<CatalogFile>(0); // whole: shorter records are not kept
+    auto id = entry.id;
+    auto file = catalog_.fileOf(entry);
     if (isHardLink(file)) {
-        const auto target = inodes_.find(file.item.special);
-        if (target == inodes_.end()) {
-            node.recoverability = Recoverability::poor;
-            node.addNote("Filen, som linket peger på, blev ikke fundet");
+        const auto linked = linkedFiles_.find(file.item.special);
+        if (linked == linkedFiles_.end()) {
+            judge(node, Doubt::missingLinkedFile);
             return;
         }
-        id = target->second;
-        file = *dataOf(entries_.at(id)).load<CatalogFile>(0);
+        id = linked->second->id;
+        file = catalog_.fileOf(*linked->second);
     }
-    const std::uint64_t size = file.dataFork.logicalSize;
-    node.size = size;
+    node.size = file.dataFork.logicalSize;
     if ((file.item.ownerFlags & compressedFlag) != 0) {
         node.data = ExtentList {};
-        node.recoverability = Recoverability::poor;
-        node.addNote("HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke "
-                     "gendannes direkte");
+        judge(node, Doubt::compressedByHFS);
         return;
     }
-    if (size == 0 && file.resourceFork.logicalSize != 0)
+    if (node.size == 0 && file.resourceFork.logicalSize != 0)
         node.addNote("Filen har kun en ressourcegren, som ikke gendannes");
+    fillExtents(node, file.dataFork, id, entry.isLive);
+}
 
-    // The extents overflow file describes a deleted file's later pieces no longer.
-    const auto runs = entry.isLive ? allRuns(file.dataFork, id) : inlineRuns(file.dataFork);
+/// `isLive`: whether the file is. The extents overflow file describes a deleted file's later pieces
+/// no longer.
+void HFSPlusFileTree::fillExtents(
+    FileNode& node, const ForkData& fork, std::uint32_t id, bool isLive) const
+{
+    const auto stored = isLive ? forks_.allExtents(fork, id) : HFSPlusForks::inlineExtents(fork);
     ExtentList extents;
-    bool isIncomplete = false;
-    std::uint64_t remaining = size;
-    for (const auto& run : runs) {
+    bool isOnSource = true;
+    std::uint64_t remaining = node.size;
+    for (const auto& extent : stored) {
         if (remaining == 0)
             break;
-        const std::uint64_t length = std::min(remaining, run.count * blockSize_);
-        const auto offset = offsetOf(run.start);
-        extents.push_back({ offset, length });
-        remaining -= length;
-        isIncomplete
-            = isIncomplete || (entry.isLive && (!offset || length > source_.size() - *offset));
+        extents.push_back(forks_.placeOf(extent, remaining));
+        remaining -= extents.back().length;
+        isOnSource = isOnSource && forks_.isOnSource(extents.back());
     }
-    if (remaining > 0) {
+    if (remaining > 0)
         extents.push_back({ std::nullopt, remaining });
-        isIncomplete = true;
-    }
     node.data = std::move(extents);
-    if (entry.isLive) {
-        node.recoverability = isIncomplete ? Recoverability::partial : Recoverability::good;
-    } else if (isIncomplete) {
-        node.recoverability = Recoverability::partial;
-        node.addNote("Filen var fragmenteret – kun de første dele kendes");
-    } else {
-        estimateDeleted(node, runs);
-    }
-}
-
-/// The chance of a deleted file whose every block is known, by the allocation bitmap.
-void HFSContext::estimateDeleted(FileNode& node, const Runs& runs) const
-{
-    std::uint64_t needed
-        = std::min(node.size / blockSize_ + (node.size % blockSize_ != 0), maxBlockChecks);
-    bool isFirstReused = false;
-    bool isReused = false;
-    bool isFirst = true;
-    for (const auto& run : runs) {
-        for (std::uint64_t block = run.start; block - run.start < run.count && needed > 0;
-             ++block, --needed) {
-            isReused = isReused || isAllocated(block);
-            isFirstReused = isFirstReused || (isFirst && isReused);
-            isFirst = false;
-        }
-    }
-    if (allocation_.empty())
-        node.recoverability = Recoverability::unknown;
+    if (isLive)
+        judge(node, remaining > 0 || !isOnSource ? Doubts(Doubt::missingExtents) : Doubts());
+    else if (remaining > 0)
+        judge(node, Doubt::missingLaterExtents);
     else
-        node.judgeByReuse(isFirstReused, isReused);
+        judge(node, doubtsOf(forks_.useOf(stored, node.size), appleReuse));
 }
-
-namespace HFSPlusParser {
-
-std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> found)
-{
-    if (offset >= source.size()) // also keeps every place on the volume within 64 bits
-        return nullptr;
-    const auto own = found
-        ? Bytes()
-        : source.read(offset + volumeHeaderOffset, sizeof(VolumeHeader), ReadMode::thorough);
-    const auto bytes = found.value_or(own);
-    const auto header = bytes.load<VolumeHeader>(0);
-    if (!header || !FSProbe::isHFSPlusHeader(bytes))
-        return nullptr;
-    return HFSContext(source, offset, *header).build(origin, progress);
-}
-
-bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header)
-{
-    constexpr std::int64_t looked = 512; // the smallest node
-    const auto stored = header.load<VolumeHeader>(0);
-    if (!stored || !FSProbe::isHFSPlusHeader(header))
-        return false;
-    const auto& first = stored->catalogFile.extents.front();
-    const std::uint64_t catalog
-        = std::uint64_t { first.startBlock } * stored->blockSize; // below 2^52
-    if (first.blockCount == 0 || offset >= source.size() || catalog >= source.size() - offset)
-        return false;
-    auto node = source.read(offset + catalog, looked, ReadMode::thorough);
-    return ByteView(node).u8(offsetof(NodeDescriptor, kind)) == headerKind
-        && HFSPlusTree::open(std::move(node));
-}
-
-} // namespace HFSPlusParser

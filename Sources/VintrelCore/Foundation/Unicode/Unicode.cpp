@@ -1,5 +1,7 @@
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 
+#include "VintrelCore/Foundation/Text.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -23,12 +25,6 @@ constexpr bool steersDisplay(char32_t codePoint)
         || (codePoint >= 0x2066 && codePoint <= 0x2069);
 }
 
-void appendHex(std::string& text, char32_t value, int digits)
-{
-    for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4)
-        text += "0123456789ABCDEF"[(value >> shift) & 0xF];
-}
-
 void appendEscape(std::string& text, char32_t codePoint)
 {
     switch (codePoint) {
@@ -43,7 +39,7 @@ void appendEscape(std::string& text, char32_t codePoint)
         break;
     default:
         text += codePoint <= 0xFF ? "\\x" : "\\u";
-        appendHex(text, codePoint, codePoint <= 0xFF ? 2 : 4);
+        text += Text::hex(codePoint, codePoint <= 0xFF ? 2 : 4);
     }
 }
 

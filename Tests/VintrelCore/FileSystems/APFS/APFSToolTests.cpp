@@ -3,7 +3,7 @@
 
 #include "Tests/Images/APFSImage.h"
 #include "VintrelCore/Devices/SourceOpener.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/Recovery/FileReader.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/FullScan.h"
 
 #include <gtest/gtest.h>
 
@@ -20,12 +20,9 @@ namespace {
 struct Found {
     explicit Found(DiskSource& source)
     {
-        volumes = QuickScanner::run(source, nullptr).volumes;
-        const auto result = DeepScanner(source, { .carve = false }).run(nullptr);
-        for (auto& volume : DeepScanner::buildVolumes(source, result, volumes, nullptr))
-            volumes.push_back(std::move(volume));
-        for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, result, nullptr))
-            volume->root->add(std::move(folder));
+        DeepScanOptions options;
+        options.carve = false;
+        volumes = FullScan::run(source, options, nullptr);
         for (const auto& volume : volumes)
             for (const auto* file : volume->root->allFiles())
                 files.emplace(file->path(), FileReader::readPrefix(*file, source, 1_MiB));

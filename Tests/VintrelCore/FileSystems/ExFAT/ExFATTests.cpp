@@ -1,8 +1,9 @@
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Support/ParsedVolume.h"
 #include "VintrelCore/Devices/SourceOpener.h"
+#include "VintrelCore/FileSystems/ExFAT/BootSector.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
 
@@ -239,7 +240,9 @@ TEST(ExFAT, OtherToolsVolumesHoldOurSetsForThemToo)
     // They insist on an up-case table and the boot region's checksum, which our images do not have.
     ExFATImage ours;
     ours.addSet(ours.root(), { .name = u"Vores længere filnavn æøå.txt" });
-    const auto geometry = ExFATGeometry::from(source->read(0, 512, ReadMode::thorough), 0).value();
+    const auto geometry = ExFATGeometry::from(
+        ExFATBootSector::from(source->read(0, 512, ReadMode::thorough)).value(), 0)
+                              .value();
     auto image = readFile(path);
     auto at = static_cast<std::size_t>(geometry.heap.offsetOf(geometry.rootCluster));
     while (image.at(at) != 0)

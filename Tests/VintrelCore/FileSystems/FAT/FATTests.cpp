@@ -1,5 +1,6 @@
 #include "Tests/Images/FATImage.h"
 #include "Tests/Support/ParsedVolume.h"
+#include "VintrelCore/FileSystems/FAT/BootSector.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 
 #include <gtest/gtest.h>
@@ -258,13 +259,14 @@ TEST(FAT, BootSectorsFromElsewhereAndImpossibleOnes)
     EXPECT_FALSE(FATParser::parse(*source, 0, "", nullptr));
     EXPECT_EQ(
         FATParser::parse(*source, 0, "", nullptr, ByteView(boot))->root->children().size(), 1u);
-    EXPECT_FALSE(FATGeometry::from(boot, fat32, std::numeric_limits<std::uint64_t>::max() - 5));
+    EXPECT_FALSE(FATGeometry::from(
+        FATBootSector::from(boot), std::numeric_limits<std::uint64_t>::max() - 5));
 
     // A FAT that is too large to be true is not asked: files then lie in one piece.
     putLE(boot, 16, 1, 1);
     putLE(boot, 32, 0x0FFFFFFF, 4);
     putLE(boot, 36, 1'572'865, 4); // 768 MiB and one sector
-    FATContext context(*source, FATGeometry::from(boot, fat32, 0).value());
+    FATContext context(*source, FATGeometry::from(FATBootSector::from(boot), 0).value());
     EXPECT_EQ(context.chain(5, 3).clusters, (std::vector<std::uint32_t> { 5, 6, 7 }));
     EXPECT_TRUE(context.areFree(2, 1000));
     EXPECT_EQ(FATParser::parse(*source, 0, "", nullptr, ByteView(boot))->notes,

@@ -5,7 +5,7 @@
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/Recovery/FileReader.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 #include "Tests/Support/ParsedVolume.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
 

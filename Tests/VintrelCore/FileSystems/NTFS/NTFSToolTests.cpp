@@ -5,7 +5,7 @@
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/Recovery/FileReader.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
 

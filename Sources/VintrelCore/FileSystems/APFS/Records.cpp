@@ -1,4 +1,4 @@
-#include "VintrelCore/FileSystems/APFS/FileRecords.h"
+#include "VintrelCore/FileSystems/APFS/Records.h"
 
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
 

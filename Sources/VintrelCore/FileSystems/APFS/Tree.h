@@ -1,7 +1,7 @@
 #pragma once
 
-#include "VintrelCore/FileSystems/APFS/FileRecords.h"
 #include "VintrelCore/FileSystems/APFS/Parser.h"
+#include "VintrelCore/FileSystems/APFS/Records.h"
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
 

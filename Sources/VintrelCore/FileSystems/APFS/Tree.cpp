@@ -1,4 +1,4 @@
-#include "VintrelCore/FileSystems/APFS/FileTree.h"
+#include "VintrelCore/FileSystems/APFS/Tree.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/Structures.h"

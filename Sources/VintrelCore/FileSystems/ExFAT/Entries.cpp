@@ -1,4 +1,4 @@
-#include "VintrelCore/FileSystems/ExFAT/EntrySets.h"
+#include "VintrelCore/FileSystems/ExFAT/Entries.h"
 
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 

@@ -1,6 +1,7 @@
 #include "Tests/Images/PartitionImage.h"
 #include "Tests/Support/TestSource.h"
-#include "VintrelCore/Scanning/Scanner.h"
+#include "VintrelCore/Model/WorkProgress.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,185 @@
+#include "VintrelCore/FileSystems/HFSPlus/Forks.h"
+
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/HFSPlus/BTree.h"
+#include "VintrelCore/Foundation/Rounding.h"
+
+#include <algorithm>
+
+using namespace HFSPlusFormat;
+
+namespace {
+
+/// What the metadata files may take of memory.
+constexpr std::uint64_t maxExtentsFile = 268'435'456;
+constexpr std::uint64_t maxAllocationFile = 536'870'912;
+
+/// Blocks of a deleted file that are looked up in the allocation file.
+constexpr std::uint64_t maxBlockChecks = 1'048'576;
+
+void addUsed(HFSPlusExtents& extents, const ExtentDescriptor& stored)
+{
+    if (stored.blockCount != 0)
+        extents.push_back({ stored.startBlock, stored.blockCount });
+}
+
+} // namespace
+
+HFSPlusForks::HFSPlusForks(DiskSource& source, std::uint64_t base, const VolumeHeader& header)
+    : source_(source)
+    , base_(base)
+    , blockSize_(header.start.blockSize)
+{
+    loadOverflow(header.extentsFile);
+    loadAllocation(header.allocationFile);
+}
+
+void HFSPlusForks::loadOverflow(const ForkData& extentsFile)
+{
+    const auto tree = HFSPlusBTree::open(readFork(extentsFile, extentsFileID, maxExtentsFile));
+    if (!tree)
+        return;
+    const auto extents = inlineExtents(extentsFile);
+    tree->forEachLeafRecord(
+        [&](std::uint64_t offset, std::uint64_t length) {
+            return isDamaged(extents, offset, length);
+        },
+        [this](ByteView record, bool isLive) {
+            if (isLive)
+                addOverflow(record);
+        });
+    for (auto& [id, records] : overflow_)
+        std::ranges::stable_sort(records, {}, &OverflowExtents::start);
+}
+
+void HFSPlusForks::addOverflow(ByteView record)
+{
+    const auto key = record.load<OverflowKey>(0);
+    if (!key || key->key.length != overflowKeyLength || key->forkType != dataForkType)
+        return;
+    OverflowExtents found { .start = key->startBlock, .extents = {} };
+    std::int64_t at = sizeof(OverflowKey);
+    for (std::size_t i = 0; i < extentsPerRecord; ++i, at += sizeof(ExtentDescriptor))
+        if (const auto stored = record.load<ExtentDescriptor>(at))
+            addUsed(found.extents, *stored);
+    overflow_[key->fileID].push_back(std::move(found));
+}
+
+void HFSPlusForks::loadAllocation(const ForkData& allocationFile)
+{
+    allocation_ = readFork(allocationFile, allocationFileID, maxAllocationFile);
+    const auto extents = allExtents(allocationFile, allocationFileID);
+    if (isDamaged(extents, 0, allocation_.size()) && ByteView(allocation_).isAllZero())
+        allocation_.clear(); // nothing of it was readable
+}
+
+HFSPlusExtents HFSPlusForks::inlineExtents(const ForkData& fork)
+{
+    HFSPlusExtents extents;
+    for (const auto& stored : fork.extents)
+        addUsed(extents, stored);
+    return extents;
+}
+
+HFSPlusExtents HFSPlusForks::allExtents(const ForkData& fork, std::uint32_t fileID) const
+{
+    auto extents = inlineExtents(fork);
+    const auto records = overflow_.find(fileID);
+    if (records == overflow_.end())
+        return extents;
+    std::uint64_t covered = 0;
+    for (const auto& extent : extents)
+        covered += extent.blockCount;
+    for (const auto& record : records->second) {
+        if (record.start != covered)
+            continue;
+        for (const auto& extent : record.extents)
+            covered += extent.blockCount;
+        extents.insert(extents.end(), record.extents.begin(), record.extents.end());
+    }
+    return extents;
+}
+
+Bytes HFSPlusForks::readFork(const ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const
+{
+    // The claimed size is held to what the extents have room for, and that to what the source
+    // holds, before memory is asked for.
+    const auto extents = allExtents(fork, fileID);
+    std::uint64_t room = 0;
+    for (const auto& extent : extents) {
+        if (room >= cap)
+            break;
+        room += extent.blockCount * blockSize_;
+    }
+    Bytes bytes(static_cast<std::size_t>(
+        std::min<std::uint64_t>({ cap, fork.logicalSize, room, source_.size() })));
+    std::span<std::uint8_t> rest(bytes);
+    for (const auto& extent : extents) {
+        const auto piece = rest.first(static_cast<std::size_t>(
+            std::min<std::uint64_t>(rest.size(), extent.blockCount * blockSize_)));
+        if (const auto offset = offsetOf(extent.startBlock))
+            source_.readReporting(*offset, piece, ReadMode::thorough);
+        rest = rest.subspan(piece.size());
+    }
+    return bytes;
+}
+
+bool HFSPlusForks::isDamaged(
+    const HFSPlusExtents& extents, std::uint64_t offset, std::uint64_t length) const
+{
+    for (const auto& extent : extents) {
+        const std::uint64_t extentLength = extent.blockCount * blockSize_;
+        if (offset < extentLength && length > 0) {
+            const std::uint64_t count = std::min(length, extentLength - offset);
+            if (const auto start = offsetOf(extent.startBlock);
+                start && source_.hasBadSectors(*start + offset, count))
+                return true;
+            length -= count;
+            offset = extentLength;
+        }
+        offset -= std::min(offset, extentLength);
+    }
+    return false;
+}
+
+Extent HFSPlusForks::placeOf(const HFSPlusExtent& extent, std::uint64_t length) const
+{
+    return { offsetOf(extent.startBlock), std::min(length, extent.blockCount * blockSize_) };
+}
+
+bool HFSPlusForks::isOnSource(const Extent& place) const
+{
+    return place.offset && place.length <= source_.size() - *place.offset;
+}
+
+ClusterUse HFSPlusForks::useOf(const HFSPlusExtents& extents, std::uint64_t size) const
+{
+    const std::uint64_t needed = std::min(unitsFor(size, blockSize_), maxBlockChecks);
+    ClusterUse use { .isUnknown = !hasAllocation() };
+    for (const auto& extent : extents) {
+        const std::uint64_t count
+            = std::min<std::uint64_t>(needed - use.checked, extent.blockCount);
+        for (std::uint64_t i = 0; i < count; ++i, ++use.checked) {
+            if (!isAllocated(extent.startBlock + i))
+                continue;
+            ++use.foreign;
+            use.isFirstForeign = use.isFirstForeign || use.checked == 0;
+        }
+    }
+    return use;
+}
+
+/// The place of a block on the source; none at or beyond its end.
+std::optional<std::uint64_t> HFSPlusForks::offsetOf(std::uint32_t block) const
+{
+    const std::uint64_t offset = block * blockSize_; // below 2^52
+    if (base_ >= source_.size() || offset >= source_.size() - base_)
+        return std::nullopt;
+    return base_ + offset;
+}
+
+bool HFSPlusForks::isAllocated(std::uint64_t block) const
+{
+    return (ByteView(allocation_).u8(static_cast<std::int64_t>(block / 8)) & 0x80 >> block % 8)
+        != 0;
+}

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "VintrelCore/FileSystems/HFSPlus/Structures.h"
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/Chance.h"
+#include "VintrelCore/Model/FileData.h"
+
+#include <cstdint>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+class DiskSource;
+
+/// Allocation blocks of a volume in a row.
+struct HFSPlusExtent {
+    std::uint32_t startBlock = 0;
+    std::uint32_t blockCount = 0;
+};
+using HFSPlusExtents = std::vector<HFSPlusExtent>;
+
+/// Where the forks of one volume lie, and which of its blocks are in use. Used by one thread at a
+/// time; the source must outlive it.
+class HFSPlusForks {
+public:
+    /// Reads the extents overflow file and the allocation file. Without the former, files in many
+    /// pieces lose the later ones; without the latter, `hasAllocation` is false.
+    HFSPlusForks(DiskSource& source, std::uint64_t base, const HFSPlusFormat::VolumeHeader& header);
+
+    std::uint64_t blockSize() const { return blockSize_; } ///< in bytes
+    bool hasAllocation() const { return !allocation_.empty(); }
+
+    /// The extents that the fork's own record names.
+    static HFSPlusExtents inlineExtents(const HFSPlusFormat::ForkData& fork);
+    /// These, and those of a data fork that follow on in the extents overflow file.
+    HFSPlusExtents allExtents(const HFSPlusFormat::ForkData& fork, std::uint32_t fileID) const;
+
+    /// The content of a metadata file, at most `cap` bytes of it, and no more than the source has.
+    /// Zeros where it cannot be read.
+    Bytes readFork(
+        const HFSPlusFormat::ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const;
+    /// Whether the source knows bad sectors in a range of a file, in bytes. Only what was read can
+    /// be known.
+    bool isDamaged(const HFSPlusExtents& extents, std::uint64_t offset, std::uint64_t length) const;
+
+    /// The first `length` bytes of an extent on the source; without offset when it begins beyond
+    /// the source's end.
+    Extent placeOf(const HFSPlusExtent& extent, std::uint64_t length) const;
+    bool isOnSource(const Extent& place) const;
+
+    /// What became of the blocks of a deleted file of `size` bytes.
+    ClusterUse useOf(const HFSPlusExtents& extents, std::uint64_t size) const;
+
+private:
+    /// A record of the extents overflow file.
+    struct OverflowExtents {
+        std::uint32_t start = 0; ///< block of the file at which they begin
+        HFSPlusExtents extents;
+    };
+
+    void loadOverflow(const HFSPlusFormat::ForkData& extentsFile);
+    void addOverflow(ByteView record);
+    void loadAllocation(const HFSPlusFormat::ForkData& allocationFile);
+    bool isAllocated(std::uint64_t block) const;
+    std::optional<std::uint64_t> offsetOf(std::uint32_t block) const;
+
+    DiskSource& source_;
+    const std::uint64_t base_;
+    const std::uint64_t blockSize_;
+    std::unordered_map<std::uint32_t, std::vector<OverflowExtents>>
+        overflow_;     // by file ID, ascending once loaded
+    Bytes allocation_; // empty: could not be read
+};

@@ -1,0 +1,55 @@
+#include "VintrelCore/FileSystems/HFSPlus/VolumeHeader.h"
+
+#include <bit>
+#include <limits>
+
+using namespace HFSPlusFormat;
+
+namespace {
+
+// TN1150 allows any power of two from 512 bytes on. No system makes larger blocks than this.
+constexpr std::uint32_t minBlockSize = 512;
+constexpr std::uint32_t maxBlockSize = 1'048'576;
+
+constexpr std::uint64_t sectorSize = 512; ///< the finest step in which a volume may be longer
+
+bool isKnownVersion(const VolumeHeaderStart& start)
+{
+    return (start.signature == signatureHFSPlus && start.version == versionHFSPlus)
+        || (start.signature == signatureHFSX && start.version == versionHFSX);
+}
+
+} // namespace
+
+namespace HFSPlusVolumeHeader {
+
+std::optional<VolumeHeaderStart> decodeStart(ByteView header)
+{
+    const auto start = header.load<VolumeHeaderStart>(0);
+    if (!start || !isKnownVersion(*start) || start->blockSize < minBlockSize
+        || start->blockSize > maxBlockSize || !std::has_single_bit<std::uint32_t>(start->blockSize)
+        || start->totalBlocks == 0)
+        return std::nullopt;
+    return start;
+}
+
+std::optional<VolumeHeader> decode(ByteView header)
+{
+    return decodeStart(header) ? header.load<VolumeHeader>(0) : std::nullopt;
+}
+
+std::vector<std::uint64_t> startsByAlternate(ByteView header, std::uint64_t offset)
+{
+    const auto start = decodeStart(header);
+    if (!start || offset > std::numeric_limits<std::uint64_t>::max() - alternateHeaderFromEnd)
+        return {};
+    const std::uint64_t blockSize = start->blockSize;
+    const std::uint64_t size = blockSize * start->totalBlocks; // below 2^52
+    const std::uint64_t end = offset + alternateHeaderFromEnd;
+    std::vector<std::uint64_t> starts; // at most maxBlockSize / sectorSize
+    for (std::uint64_t rest = 0; rest < blockSize && size + rest <= end; rest += sectorSize)
+        starts.push_back(end - size - rest);
+    return starts;
+}
+
+} // namespace HFSPlusVolumeHeader

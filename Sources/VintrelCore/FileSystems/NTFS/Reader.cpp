@@ -1,0 +1,87 @@
+#include "VintrelCore/FileSystems/NTFS/Reader.h"
+
+#include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/Model/DeepScanResult.h"
+#include "VintrelCore/Model/LostVolumeSearch.h"
+#include "VintrelCore/Model/WorkProgress.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr FileSystemType types[] = { FileSystemType::ntfs };
+
+/// Places that a volume without a boot sector is tried at because something else lies there.
+constexpr std::size_t maxHints = 64;
+
+VolumeList load(const LoadRequest& request)
+{
+    return oneOrNone(NTFSParser::parse(
+        request.source, request.offset, request.origin, request.progress, request.boot));
+}
+
+/// The parser wants to see an MFT, which confirms more than any look at a few bytes.
+bool isConfirmed(DiskSource& /*source*/, std::uint64_t /*start*/, ByteView /*sector*/)
+{
+    return true;
+}
+
+void addGeometry(NTFSParser::RebuildHints& hints, const std::optional<NTFSGeometry>& geometry)
+{
+    const auto isSame = [&](const NTFSGeometry& other) {
+        return other.base == geometry->base && other.clusterSize == geometry->clusterSize;
+    };
+    if (geometry && hints.geometries.size() < maxHints
+        && std::ranges::none_of(hints.geometries, isSame))
+        hints.geometries.push_back(*geometry);
+}
+
+NTFSParser::RebuildHints hintsFor(const LostVolumeSearch& search)
+{
+    NTFSParser::RebuildHints hints {
+        .geometries = {}, .volumes = {}, .starts = {}, .carved = search.finds().carved
+    };
+    for (const auto* volume : search.volumes()) {
+        if (hints.starts.size() < maxHints && std::ranges::count(hints.starts, volume->offset) == 0)
+            hints.starts.push_back(volume->offset);
+        if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get())) {
+            addGeometry(hints, info->geometry);
+            hints.volumes.push_back(info);
+        }
+    }
+    for (const auto& boot : search.finds().boots) {
+        if (boot.type != FileSystemType::ntfs)
+            continue;
+        addGeometry(hints, NTFSGeometry::from(boot.sector, boot.offset));
+        if (const auto start = NTFSParser::startByBackup(boot.sector, boot.offset))
+            addGeometry(hints, NTFSGeometry::from(boot.sector, *start));
+    }
+    return hints;
+}
+
+void rebuildVolumes(LostVolumeSearch& search)
+{
+    auto loose = NTFSParser::looseRecords(search.finds().mftRecords, search.known());
+    loose = NTFSParser::looseRecords(loose, search.found());
+    if (loose.empty() || search.isCancelled())
+        return;
+    report(search.progress(), 0, "Genopbygger NTFS-filsystem ud fra MFT-poster …");
+    const auto hints = hintsFor(search);
+    for (auto& volume : NTFSParser::rebuild(search.source(), loose, hints, search.progress()))
+        search.keep(std::move(volume));
+}
+
+} // namespace
+
+const FileSystemReader ntfsReader {
+    .types = types,
+    .probe = NTFSParser::probe,
+    .load = load,
+    .quickScanNote = {},
+    .startByBackup = NTFSParser::startByBackup,
+    .isConfirmed = isConfirmed,
+    .confirmsBackups = false,
+    .findVolumes = nullptr,
+    .rebuildVolumes = rebuildVolumes,
+    .addLostFiles = nullptr,
+};

@@ -1,0 +1,164 @@
+#include "VintrelCore/FileSystems/StructureFinder.h"
+
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/APFS/Parser.h"
+#include "VintrelCore/FileSystems/ExFAT/Parser.h"
+#include "VintrelCore/FileSystems/FAT/Parser.h"
+#include "VintrelCore/FileSystems/FSProbe.h"
+#include "VintrelCore/FileSystems/HFSPlus/Parser.h"
+#include "VintrelCore/FileSystems/NTFS/Parser.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr std::uint64_t apfsBlockSize = 4096;
+constexpr std::uint64_t hfsHeaderOffset = 1024; // from the start of the volume
+constexpr std::uint8_t apfsTreeSubtype = 14;
+constexpr std::uint8_t apfsContainerType = 1;
+
+// The first looks, which nearly every sector fails. They touch a few bytes of a whole sector.
+
+bool mayBeAPFSLeaf(const std::uint8_t* sector) { return sector[28] == apfsTreeSubtype; }
+
+bool mayBeFATDirectory(const std::uint8_t* /*sector*/) { return true; } // its first entry decides
+
+bool mayBeMFTRecord(const std::uint8_t* sector)
+{
+    return sector[0] == 'F' && sector[1] == 'I' && sector[2] == 'L' && sector[3] == 'E';
+}
+
+bool mayBeBootSector(const std::uint8_t* sector)
+{
+    const auto isNamed = [&](const char* name) {
+        return std::equal(name, name + 4, sector + 3, [](char letter, std::uint8_t byte) {
+            return static_cast<std::uint8_t>(letter) == byte;
+        });
+    };
+    return (sector[510] == 0x55 && sector[511] == 0xAA) || isNamed("NTFS") || isNamed("EXFA");
+}
+
+bool mayBeHFSHeader(const std::uint8_t* sector)
+{
+    return sector[0] == 'H' && (sector[1] == '+' || sector[1] == 'X') && sector[2] == 0;
+}
+
+bool mayBeAPFSSuperblock(const std::uint8_t* sector) { return sector[24] == apfsContainerType; }
+
+/// Every type that an entry can have, deleted or not, leaves at most 5 in the low bits. Both are
+/// looked at in one step, since a branch that random data takes now and then costs more.
+bool mayBeExFATDirectory(const std::uint8_t* sector)
+{
+    constexpr unsigned lowBits = 0x1F;
+    constexpr std::size_t secondEntry = 32;
+    return std::max(sector[0] & lowBits, sector[secondEntry] & lowBits) <= 5
+        && (sector[0] & 0x7F) != 0;
+}
+
+} // namespace
+
+/// What a sweep may meet, in the order in which a sector is asked for it.
+struct StructureRows {
+    struct Row {
+        bool (*mayBe)(const std::uint8_t* sector);
+        /// Whether the sector is taken. `find` may take it without keeping it.
+        bool (StructureFinder::*find)(const SweptSector& swept);
+    };
+    static constexpr Row rows[] = {
+        // has a checksum over its block, which nothing else can have by chance
+        { mayBeAPFSLeaf, &StructureFinder::findAPFSLeaf },
+        // is nothing but entries; a boot sector's signature can stand among them
+        { mayBeFATDirectory, &StructureFinder::findFATDirectory },
+        // takes every sector that says "FILE": records end like boot sectors now and then
+        { mayBeMFTRecord, &StructureFinder::findMFTRecord },
+        // takes every sector with a boot sector's signature or name
+        { mayBeBootSector, &StructureFinder::findBootSector },
+        { mayBeHFSHeader, &StructureFinder::findHFSHeader },
+        { mayBeAPFSSuperblock, &StructureFinder::findAPFSSuperblock },
+        // costs the most, and its sectors pass for nothing above
+        { mayBeExFATDirectory, &StructureFinder::findExFATDirectory },
+    };
+
+    /// Asks row after row, written out by the compiler: a sweep asks millions of sectors.
+    template <std::size_t... index>
+    static void ask(
+        StructureFinder& finder, const SweptSector& swept, std::index_sequence<index...> /*all*/)
+    {
+        const auto* const sector = swept.bytes.data();
+        static_cast<void>(
+            ((rows[index].mayBe(sector) && (finder.*rows[index].find)(swept)) || ...));
+    }
+};
+
+void StructureFinder::look(const SweptSector& swept)
+{
+    StructureRows::ask(*this, swept, std::make_index_sequence<std::size(StructureRows::rows)>());
+}
+
+bool StructureFinder::isAPFSAligned(std::uint64_t offset) const
+{
+    return apfsAlignments_.contains(offset % apfsBlockSize);
+}
+
+bool StructureFinder::findAPFSLeaf(const SweptSector& swept)
+{
+    if (!isAPFSAligned(swept.offset))
+        return false;
+    const bool isLeaf = swept.bytes.size() >= apfsBlockSize
+        ? APFSParser::looksLikeFSTreeLeaf(swept.bytes, 0, apfsBlockSize)
+        : APFSParser::looksLikeFSTreeLeaf(
+            source_.read(swept.offset, apfsBlockSize, ReadMode::thorough), 0, apfsBlockSize);
+    if (isLeaf)
+        result_.apfsLeafNodes.push_back(swept.offset);
+    return isLeaf;
+}
+
+bool StructureFinder::findFATDirectory(const SweptSector& swept)
+{
+    const bool isDirectory = FATParser::looksLikeDirectorySector(swept.sector());
+    if (isDirectory)
+        result_.fatDirSectors.push_back(swept.offset);
+    return isDirectory;
+}
+
+bool StructureFinder::findMFTRecord(const SweptSector& swept)
+{
+    if (NTFSParser::looksLikeRecord(swept.sector().sub(0, 48)))
+        result_.mftRecords.push_back(swept.offset);
+    return true;
+}
+
+bool StructureFinder::findBootSector(const SweptSector& swept)
+{
+    const auto sector = swept.sector();
+    if (const auto type = FSProbe::detectBootSector(sector))
+        result_.boots.push_back(
+            { swept.offset, *type, *sector.load<std::array<std::uint8_t, SweptSector::size>>(0) });
+    return true;
+}
+
+bool StructureFinder::findHFSHeader(const SweptSector& swept)
+{
+    if (swept.offset < hfsHeaderOffset || !HFSPlusParser::isVolumeHeader(swept.sector().sub(0, 64)))
+        return false;
+    result_.hfsHeaders.push_back(swept.offset - hfsHeaderOffset);
+    return true;
+}
+
+bool StructureFinder::findAPFSSuperblock(const SweptSector& swept)
+{
+    if (!swept.sector().matches("NXSB", 32))
+        return false;
+    result_.nxsb.push_back(swept.offset);
+    apfsAlignments_.insert(swept.offset % apfsBlockSize);
+    return true;
+}
+
+bool StructureFinder::findExFATDirectory(const SweptSector& swept)
+{
+    const bool isDirectory = ExFATParser::looksLikeDirectorySector(swept.bytes);
+    if (isDirectory)
+        result_.exfatDirSectors.push_back(swept.offset);
+    return isDirectory;
+}

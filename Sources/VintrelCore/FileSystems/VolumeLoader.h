@@ -1,0 +1,23 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+class DiskSource;
+class WorkProgress;
+
+/// The one way from a file-system type to the parser that reads it.
+namespace VolumeLoader {
+
+/// The volumes of the file system that begins at byte `offset`; none when it cannot be read.
+/// `origin` is stored in each of them. `progress` may be none. `boot`: a boot sector found
+/// elsewhere, to be used instead of the one at `offset`.
+VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
+    const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot = {});
+
+} // namespace VolumeLoader

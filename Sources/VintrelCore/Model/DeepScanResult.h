@@ -1,0 +1,42 @@
+#pragma once
+
+#include "VintrelCore/Model/CarvedFile.h"
+#include "VintrelCore/Model/FileTypes.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+/// A boot sector, or a copy of one, that lies somewhere on the source.
+struct FoundBoot {
+    std::uint64_t offset = 0; ///< of the sector, in bytes
+    FileSystemType type {};
+    std::array<std::uint8_t, 512> sector {};
+};
+
+/// What a sweep over a source found. Offsets are in bytes on the source, ascending.
+struct DeepScanResult {
+    using Offsets = std::vector<std::uint64_t>;
+
+    std::vector<CarvedFile> carved;
+    std::vector<FoundBoot> boots;
+    Offsets hfsHeaders;      ///< where the volumes begin: 1024 bytes before their headers
+    Offsets nxsb;            ///< APFS container superblocks
+    Offsets mftRecords;      ///< sectors that begin an NTFS file record
+    Offsets fatDirSectors;   ///< sectors that look like part of a FAT directory
+    Offsets apfsLeafNodes;   ///< leaves of APFS file-system trees
+    Offsets exfatDirSectors; ///< sectors in which entry sets of exFAT directories begin
+    bool completed = false;  ///< whether the end of the source was reached
+    std::uint64_t scannedUpTo = 0;
+};
+
+/// A kind of find that the user is told the number of.
+struct FindCount {
+    std::string_view words; ///< Danish, behind the number
+    std::size_t count;
+};
+
+/// How many finds of each kind a sweep has made, in the order in which they are told.
+std::vector<FindCount> findCounts(const DeepScanResult& result);

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/Volume.h"
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+class DiskSource;
+class LostVolumeSearch;
+class WorkProgress;
+struct DeepScanResult;
+
+/// A volume to be read.
+struct LoadRequest {
+    DiskSource& source;
+    std::uint64_t offset; ///< where the volume begins, in bytes
+    const std::string& origin;
+    WorkProgress* progress; ///< may be none
+    std::optional<ByteView>
+        boot; ///< a boot sector found elsewhere, to be used instead of the own one
+};
+
+/// What a file system is to those who scan. Every file system is one such row in the table of
+/// FileSystems.h; what it has nothing to say about is null.
+struct FileSystemReader {
+    /// The types that the reader tells apart.
+    std::span<const FileSystemType> types;
+
+    /// Which of them begins with these bytes, the first 4096 of a volume, cut at the source's end.
+    std::optional<FileSystemType> (*probe)(ByteView head);
+
+    /// The volumes that begin at a place; none when they cannot be read. Null: the file system is
+    /// only recognised.
+    VolumeList (*load)(const LoadRequest& request);
+
+    /// What the quick scan says instead of loading; empty when it loads.
+    std::string_view quickScanNote;
+
+    // Boot sectors, for file systems whose volumes begin with one.
+
+    /// Where the volume begins whose backup boot sector lies at byte `offset`; none for types
+    /// without one.
+    std::optional<std::uint64_t> (*startByBackup)(ByteView sector, std::uint64_t offset);
+    /// Whether what lies on the source confirms that the volume of a boot sector begins at byte
+    /// `start`.
+    bool (*isConfirmed)(DiskSource& source, std::uint64_t start, ByteView sector);
+    /// Whether a backup counts as one only beside a volume that is known or confirmed at its place.
+    /// Otherwise loading the volume decides.
+    bool confirmsBackups;
+
+    // What is left where tables and boot sectors are gone.
+
+    /// Finds volumes by headers of their own that a sweep met.
+    void (*findVolumes)(LostVolumeSearch& search);
+    /// Puts volumes together from what a sweep met of them and no volume has.
+    void (*rebuildVolumes)(LostVolumeSearch& search);
+    /// Adds to these volumes what a sweep met of their files and they do not list: a folder in the
+    /// root of each.
+    void (*addLostFiles)(DiskSource& source, const VolumeList& volumes, const DeepScanResult& finds,
+        WorkProgress* progress);
+};

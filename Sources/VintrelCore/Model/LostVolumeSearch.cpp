@@ -1,0 +1,61 @@
+#include "VintrelCore/Model/LostVolumeSearch.h"
+
+#include "VintrelCore/Model/WorkProgress.h"
+
+#include <algorithm>
+
+namespace {
+
+/// So many times over the source may be covered.
+constexpr std::uint64_t maxOverlap = 16;
+
+} // namespace
+
+LostVolumeSearch::LostVolumeSearch(DiskSource& source, std::uint64_t sourceSize,
+    const DeepScanResult& finds, const VolumeList& known, WorkProgress* progress)
+    : source_(source)
+    , sourceSize_(sourceSize)
+    , finds_(finds)
+    , known_(known)
+    , progress_(progress)
+{
+}
+
+bool LostVolumeSearch::isCancelled() const { return ::isCancelled(progress_); }
+
+std::vector<const Volume*> LostVolumeSearch::volumes() const
+{
+    std::vector<const Volume*> volumes;
+    volumes.reserve(known_.size() + found_.size());
+    for (const auto* list : { &known_, &found_ })
+        for (const auto& volume : *list)
+            volumes.push_back(volume.get());
+    return volumes;
+}
+
+bool LostVolumeSearch::hasVolume(FileSystemType type, std::uint64_t start) const
+{
+    const auto isSame = [&](const std::unique_ptr<Volume>& volume) {
+        return volume->offset == start
+            && (volume->type == type || (isFAT(volume->type) && isFAT(type)));
+    };
+    return std::ranges::any_of(known_, isSame) || std::ranges::any_of(found_, isSame);
+}
+
+bool LostVolumeSearch::keep(std::unique_ptr<Volume> volume)
+{
+    if (!volume)
+        return false;
+    if (volume->offset < sourceSize_)
+        bytesCovered_ += std::min(volume->size, sourceSize_ - volume->offset);
+    found_.push_back(std::move(volume));
+    return true;
+}
+
+bool LostVolumeSearch::hasRoom() const { return bytesCovered_ / maxOverlap < sourceSize_; }
+
+void LostVolumeSearch::reportFound(FileSystemType type, std::string_view what) const
+{
+    report(progress_, 0,
+        "Undersøger fundet " + std::string(displayName(type)) + std::string(what) + " …");
+}

@@ -1,0 +1,62 @@
+#pragma once
+
+#include "VintrelCore/Foundation/FileDescriptor.h"
+#include "VintrelCore/Foundation/SystemResult.h"
+
+#include <deque>
+#include <string>
+#include <unordered_map>
+
+class FileNode;
+
+/// The recovery folder and what has been made in it. Everything is opened relative to the
+/// descriptor of its parent and never through a link, so that nothing that somebody plants there
+/// leads out of it. Used by one thread.
+class Destination {
+public:
+    /// A folder that this run made. It knows its parent and not its path, so that no text grows
+    /// with the depth of the tree.
+    struct Folder {
+        Folder* parent = nullptr; ///< none for the recovery folder itself
+        std::string name;         ///< as written
+        SystemError error;        ///< why it could not be made; nothing can be put into it then
+        std::unordered_map<std::string, Folder*> folders; ///< by the name that was wanted
+        /// The number given last for a wanted name, so that equal names stay linear.
+        std::unordered_map<std::string, int> lastNumber;
+    };
+
+    /// `root`: the recovery folder, open.
+    explicit Destination(FileDescriptor root);
+
+    /// Makes the folder at `path`, or where that is taken at the same path with a number, and what
+    /// is missing above it. `path` becomes the one that it got.
+    static SystemResult<FileDescriptor> makeRoot(std::string& path);
+
+    Folder& root() { return folders_.front(); }
+
+    /// The folder for the children of `node`, made as it is needed; the recovery folder for none.
+    Folder& folderFor(const FileNode* node);
+
+    /// Makes a new file in a folder. `name` is the one that is wanted, and afterwards the one that
+    /// it got.
+    SystemResult<FileDescriptor> createFile(Folder& folder, std::string& name);
+
+    void remove(Folder& folder, const std::string& name);
+
+    /// Where a file in a folder lies below the recovery folder.
+    static std::string path(const Folder& folder, const std::string& name);
+
+private:
+    Folder& subfolder(Folder& parent, const std::string& wanted);
+    template <class Create>
+    auto createNumbered(Folder& folder, std::string& name, bool isDirectory, Create create)
+        -> SystemResult<decltype(create(0, ""))>;
+    int descriptor() const;
+    SystemError open(Folder& folder);
+
+    FileDescriptor root_;
+    std::deque<Folder> folders_; // the first one is the recovery folder; addresses stay
+    std::unordered_map<const FileNode*, Folder*> folderOfNode_;
+    const Folder* current_;
+    FileDescriptor currentDescriptor_; // of current_; none while that is the recovery folder
+};

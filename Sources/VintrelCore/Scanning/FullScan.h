@@ -1,0 +1,30 @@
+#pragma once
+
+#include "VintrelCore/Model/DeepScanResult.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Scanning/DeepScan.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+class DiskSource;
+class WorkProgress;
+
+/// Everything that can be found on a source, in the order in which it is found.
+namespace FullScan {
+
+/// Hears of what the user is told on the way. Either may be empty.
+struct Listener {
+    std::function<void(const std::vector<std::string>& notes)> quickScanDone;
+    std::function<void(const DeepScanResult& finds)> sweepDone;
+};
+
+/// The volumes that the tables of the source name and, with options for a deep scan, the lost ones,
+/// lost files of all of them, and last the files found by content. When cancelled, what was found
+/// so far. `progress` may be none. Runs on the calling thread.
+VolumeList run(DiskSource& source, const std::optional<DeepScanOptions>& deep,
+    WorkProgress* progress, const Listener& listener = {});
+
+} // namespace FullScan
