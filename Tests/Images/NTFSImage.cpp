@@ -1,19 +1,11 @@
 #include "Tests/Images/NTFSImage.h"
 
-#include "Tests/Support/TestSource.h"
-
 #include <algorithm>
 #include <stdexcept>
 
 namespace {
 
-void poke(Bytes& bytes, std::uint64_t at, std::uint64_t value, int width)
-{
-    for (int i = 0; i < width; ++i)
-        bytes.at(at + static_cast<std::uint64_t>(i)) = static_cast<std::uint8_t>(value >> 8 * i);
-}
-
-void poke(Bytes& bytes, std::uint64_t at, std::string_view text)
+void putText(Bytes& bytes, std::uint64_t at, std::string_view text)
 {
     for (const char character : text)
         bytes.at(at++) = static_cast<std::uint8_t>(character);
@@ -21,14 +13,14 @@ void poke(Bytes& bytes, std::uint64_t at, std::string_view text)
 
 void putReference(Bytes& bytes, std::uint64_t at, FileReference reference)
 {
-    poke(bytes, at, reference.number, 6);
-    poke(bytes, at + 6, reference.sequence, 2);
+    putLE(bytes, at, reference.number, 6);
+    putLE(bytes, at + 6, reference.sequence, 2);
 }
 
 void putUTF16(Bytes& bytes, std::uint64_t at, std::u16string_view text)
 {
     for (const auto unit : text) {
-        poke(bytes, at, unit, 2);
+        putLE(bytes, at, unit, 2);
         at += 2;
     }
 }
@@ -52,8 +44,8 @@ int widthOf(std::int64_t value, bool isSigned)
 
 NTFSImage::NTFSImage(Options options)
     : options_(std::move(options))
-    , bytes_(std::size_t { options_.clusters } * options_.clusterSize)
 {
+    bytes_.resize(std::size_t { options_.clusters } * options_.clusterSize);
     const std::uint64_t clusterSize = options_.clusterSize;
     const std::uint64_t mftSize = std::uint64_t { options_.records } * options_.recordSize;
     const std::uint64_t bitmapSize = (options_.clusters + 7) / 8;
@@ -67,17 +59,17 @@ NTFSImage::NTFSImage(Options options)
     nextCluster_ += (bitmapSize + clusterSize - 1) / clusterSize;
     markUsed(0, nextCluster_);
 
-    poke(bytes_, 3, "NTFS    ");
-    poke(bytes_, 11, 512, 2);
-    poke(bytes_, 13, clusterSize / 512, 1);
-    poke(bytes_, 40, bytes_.size() / 512, 8);
-    poke(bytes_, 48, mftLCN(), 8);
-    poke(bytes_, 56, mirrorLCN_, 8);
+    putText(bytes_, 3, "NTFS    ");
+    putLE(bytes_, 11, 512, 2);
+    putLE(bytes_, 13, clusterSize / 512, 1);
+    putLE(bytes_, 40, bytes_.size() / 512, 8);
+    putLE(bytes_, 48, mftLCN(), 8);
+    putLE(bytes_, 56, mirrorLCN_, 8);
     int power = 0;
     while (options_.recordSize >> power > 1)
         ++power;
-    poke(bytes_, 64, static_cast<std::uint64_t>(-power), 1);
-    poke(bytes_, 510, 0xAA55, 2);
+    putLE(bytes_, 64, static_cast<std::uint64_t>(-power), 1);
+    putLE(bytes_, 510, 0xAA55, 2);
 
     std::uint64_t mftClusters = 0;
     for (const auto& run : options_.mft)
@@ -107,11 +99,11 @@ NTFSImage::NTFSImage(Options options)
 Bytes NTFSImage::attribute(std::uint32_t type, const Bytes& value, std::uint16_t flags)
 {
     Bytes bytes(aligned(24 + value.size()));
-    poke(bytes, 0, type, 4);
-    poke(bytes, 4, bytes.size(), 4);
-    poke(bytes, 12, flags, 2);
-    poke(bytes, 16, value.size(), 4);
-    poke(bytes, 20, 24, 2);
+    putLE(bytes, 0, type, 4);
+    putLE(bytes, 4, bytes.size(), 4);
+    putLE(bytes, 12, flags, 2);
+    putLE(bytes, 16, value.size(), 4);
+    putLE(bytes, 20, 24, 2);
     std::ranges::copy(value, bytes.begin() + 24);
     return bytes;
 }
@@ -119,8 +111,8 @@ Bytes NTFSImage::attribute(std::uint32_t type, const Bytes& value, std::uint16_t
 Bytes NTFSImage::standardInformation(std::uint64_t created, std::uint64_t modified)
 {
     Bytes value(48);
-    poke(value, 0, created, 8);
-    poke(value, 8, modified, 8);
+    putLE(value, 0, created, 8);
+    putLE(value, 8, modified, 8);
     return attribute(0x10, value);
 }
 
@@ -129,11 +121,11 @@ Bytes NTFSImage::fileName(
 {
     Bytes value(66 + 2 * name.size());
     putReference(value, 0, parent);
-    poke(value, 8, creation + 10'000'000, 8);
-    poke(value, 16, modification + 10'000'000, 8);
-    poke(value, 48, realSize, 8);
-    poke(value, 64, name.size(), 1);
-    poke(value, 65, nameSpace, 1);
+    putLE(value, 8, creation + 10'000'000, 8);
+    putLE(value, 16, modification + 10'000'000, 8);
+    putLE(value, 48, realSize, 8);
+    putLE(value, 64, name.size(), 1);
+    putLE(value, 65, nameSpace, 1);
     putUTF16(value, 66, name);
     return attribute(0x30, value);
 }
@@ -142,16 +134,16 @@ Bytes NTFSImage::nonResident(std::uint32_t type, const Data& data)
 {
     const auto runs = encode(data.runs);
     Bytes bytes(aligned(64 + runs.size()));
-    poke(bytes, 0, type, 4);
-    poke(bytes, 4, bytes.size(), 4);
-    poke(bytes, 8, 1, 1);
-    poke(bytes, 12, data.flags, 2);
-    poke(bytes, 16, data.startVCN, 8);
-    poke(bytes, 32, 64, 2);
-    poke(bytes, 34, data.compressionUnit, 1);
-    poke(bytes, 40, data.allocated, 8);
-    poke(bytes, 48, data.size, 8);
-    poke(bytes, 56, data.initSize.value_or(data.size), 8);
+    putLE(bytes, 0, type, 4);
+    putLE(bytes, 4, bytes.size(), 4);
+    putLE(bytes, 8, 1, 1);
+    putLE(bytes, 12, data.flags, 2);
+    putLE(bytes, 16, data.startVCN, 8);
+    putLE(bytes, 32, 64, 2);
+    putLE(bytes, 34, data.compressionUnit, 1);
+    putLE(bytes, 40, data.allocated, 8);
+    putLE(bytes, 48, data.size, 8);
+    putLE(bytes, 56, data.initSize.value_or(data.size), 8);
     std::ranges::copy(runs, bytes.begin() + 64);
     return bytes;
 }
@@ -161,10 +153,10 @@ Bytes NTFSImage::listContent(const std::vector<ListEntry>& entries)
     Bytes list(entries.size() * 32);
     std::uint64_t at = 0;
     for (const auto& entry : entries) {
-        poke(list, at, entry.type, 4);
-        poke(list, at + 4, 32, 2);
-        poke(list, at + 7, 26, 1);
-        poke(list, at + 8, entry.startVCN, 8);
+        putLE(list, at, entry.type, 4);
+        putLE(list, at + 4, 32, 2);
+        putLE(list, at + 7, 26, 1);
+        putLE(list, at + 8, entry.startVCN, 8);
         putReference(list, at + 16, entry.record);
         at += 32;
     }
@@ -198,30 +190,30 @@ Bytes NTFSImage::encodeRecord(std::uint64_t number, const Record& record) const
     Bytes bytes(options_.recordSize);
     const std::uint64_t sectors = options_.recordSize / 512;
     std::size_t at = aligned(48 + 2 * (sectors + 1));
-    poke(bytes, 0, "FILE");
-    poke(bytes, 4, 48, 2);
-    poke(bytes, 6, sectors + 1, 2);
-    poke(bytes, 16, record.sequence, 2);
-    poke(bytes, 20, at, 2);
-    poke(bytes, 22, (record.inUse ? 1u : 0u) | (record.isDirectory ? 2u : 0u), 2);
-    poke(bytes, 28, options_.recordSize, 4);
+    putText(bytes, 0, "FILE");
+    putLE(bytes, 4, 48, 2);
+    putLE(bytes, 6, sectors + 1, 2);
+    putLE(bytes, 16, record.sequence, 2);
+    putLE(bytes, 20, at, 2);
+    putLE(bytes, 22, (record.inUse ? 1u : 0u) | (record.isDirectory ? 2u : 0u), 2);
+    putLE(bytes, 28, options_.recordSize, 4);
     putReference(bytes, 32, record.base);
-    poke(bytes, 44, number, 4);
+    putLE(bytes, 44, number, 4);
     for (const auto& attribute : record.attributes) {
         if (at + attribute.size() + 8 > bytes.size())
             throw std::logic_error("too much for record " + std::to_string(number));
         std::ranges::copy(attribute, bytes.begin() + static_cast<std::ptrdiff_t>(at));
         at += attribute.size();
     }
-    poke(bytes, at, 0xFFFFFFFF, 4);
-    poke(bytes, 24, at + 8, 4);
+    putLE(bytes, at, 0xFFFFFFFF, 4);
+    putLE(bytes, 24, at + 8, 4);
 
     const std::uint64_t updateNumber = 0x1234;
-    poke(bytes, 48, updateNumber, 2);
+    putLE(bytes, 48, updateNumber, 2);
     for (std::uint64_t sector = 0; sector < sectors; ++sector) {
         const std::uint64_t end = sector * 512 + 510;
-        poke(bytes, 50 + 2 * sector, ByteView(bytes).u16le(static_cast<std::int64_t>(end)), 2);
-        poke(bytes, end, updateNumber, 2);
+        putLE(bytes, 50 + 2 * sector, ByteView(bytes).u16le(static_cast<std::int64_t>(end)), 2);
+        putLE(bytes, end, updateNumber, 2);
     }
     return bytes;
 }
@@ -293,10 +285,11 @@ std::uint64_t NTFSImage::recordOffset(std::uint64_t number, std::uint64_t at) co
     throw std::logic_error("the MFT has no record " + std::to_string(number));
 }
 
-void NTFSImage::write(std::uint64_t offset, const Bytes& content)
+std::vector<std::uint64_t> NTFSImage::recordOffsets(std::uint64_t from) const
 {
-    for (const auto byte : content)
-        bytes_.at(offset++) = byte;
+    std::vector<std::uint64_t> offsets;
+    for (std::uint64_t number = from; number < options_.records; ++number)
+        if (ByteView(bytes_).matches("FILE", static_cast<std::int64_t>(recordOffset(number))))
+            offsets.push_back(recordOffset(number));
+    return offsets;
 }
-
-std::unique_ptr<DiskSource> NTFSImage::source() const { return makeSource(bytes_); }

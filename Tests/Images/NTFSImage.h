@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VintrelCore/Disk/DiskSource.h"
+#include "Tests/Images/DiskImage.h"
 #include "VintrelCore/FileSystems/NTFS/Records.h"
 #include "VintrelCore/Foundation/Binary.h"
 
@@ -11,7 +11,7 @@
 
 /// Builds an NTFS volume in memory, record by record, sound or damaged. It has what the reader
 /// needs ($MFT, $MFTMirr, $Volume, the root, $Bitmap, $Extend) and no directory indices.
-class NTFSImage {
+class NTFSImage : public DiskImage {
 public:
     using Runs = RunList;
 
@@ -79,7 +79,7 @@ public:
     void putFolder(std::uint64_t number, FileReference parent, std::u16string_view name,
         bool inUse = true, std::uint16_t sequence = 1);
 
-    /// Takes the next clusters that nobody has, fills them with `content` and marks them as used,
+    /// Takes the next clusters that no file has, fills them with `content` and marks them as used,
     /// or leaves them free.
     Runs store(const Bytes& content, bool isUsed = true);
     void markUsed(std::uint64_t lcn, std::uint64_t count, bool isUsed = true);
@@ -90,10 +90,8 @@ public:
     std::uint64_t bitmapLCN() const { return bitmapLCN_; }
     /// The place of byte `at` of a record.
     std::uint64_t recordOffset(std::uint64_t number, std::uint64_t at = 0) const;
-    void write(std::uint64_t offset, const Bytes& content);
-    Bytes& bytes() { return bytes_; }
-    const Bytes& bytes() const { return bytes_; }
-    std::unique_ptr<DiskSource> source() const;
+    /// The places of the records from `from` on that were written.
+    std::vector<std::uint64_t> recordOffsets(std::uint64_t from = 0) const;
 
 private:
     Bytes encodeRecord(std::uint64_t number, const Record& record) const;
@@ -102,5 +100,4 @@ private:
     std::uint64_t mirrorLCN_ = 0;
     std::uint64_t bitmapLCN_ = 0;
     std::uint64_t nextCluster_ = 0;
-    Bytes bytes_;
 };

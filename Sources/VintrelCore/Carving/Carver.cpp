@@ -66,16 +66,16 @@ bool matches(ByteView head, const Signature& signature)
     return true;
 }
 
-constexpr std::size_t leastHead = 32;
+constexpr std::size_t minHead = 32;
 
-/// What all candidates together may look at in vain: this much, and this many times what the sweep
-/// itself has passed. Sound disks stay far below. It is the bound that keeps a disk full of
+/// The bytes that all candidates together may read in vain: so many, and so many times what the
+/// sweep itself has passed. Sound disks stay far below. It is the bound that keeps a disk full of
 /// beginnings without an end (planted or not) linear, whatever its kind of file; where it is used
 /// up a candidate gets only what its headers take, until the sweep has moved on. Searches for end
 /// marks do not count: no byte of the source is searched twice for the same one.
 constexpr std::uint64_t workAhead = 1'073'741'824;
 constexpr std::uint64_t workPerByteSwept = 4;
-constexpr std::uint64_t leastWork = 4096;
+constexpr std::uint64_t minWork = 4096;
 
 /// Memory does not grow with the source.
 constexpr std::size_t maxZIPStarts = 262'144;
@@ -109,37 +109,38 @@ void Carver::windowMoved(std::uint64_t offset)
 
 std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
 {
-    if (head.size() < leastHead)
+    if (head.size() < minHead)
         return std::nullopt;
     const bool isISOMedia = head.matches("ftyp", 4);
     if (!startsSignature[head.data()[0]] && !isISOMedia)
         return std::nullopt;
-
-    const Candidate candidate { reader_, categories_, *searches_ };
-    const auto tryFormat = [&](Formats::Found (*read)(const Candidate&)) {
-        const std::uint64_t allowed
-            = workAhead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
-        reader_.moveTo(offset);
-        reader_.limitWork(std::max(allowed - std::min(allowed, work_), leastWork));
-        auto found = read(candidate);
-        if (found && (reader_.isExhausted() || found->size == 0))
-            found.reset();
-        // The sweep passes over a file that was found; what went beyond the limit is no debt.
-        if (!found || !found->exact || found->size > reader_.size())
-            work_ = std::min(work_ + reader_.work(), std::max(allowed, work_));
-        return found;
-    };
 
     std::optional<CarvedFile> found;
     const auto* const signature = std::ranges::find_if(
         signatures, [&](const Signature& row) { return matches(head, row); });
     if (signature != std::end(signatures)
         && (!signature->gate || categories_.contains(*signature->gate)))
-        found = tryFormat(signature->read);
+        found = tryFormat(signature->read, offset);
     if (!found && isISOMedia)
-        found = tryFormat(Formats::isoBMFF);
+        found = tryFormat(Formats::isoBMFF, offset);
     if (found && !wants(found->ext))
         found.reset();
+    return found;
+}
+
+/// Lets a format's reader work on the candidate at `offset`, within what all candidates together
+/// may still cost.
+std::optional<CarvedFile> Carver::tryFormat(FormatReader read, std::uint64_t offset)
+{
+    const std::uint64_t allowed = workAhead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
+    reader_.moveTo(offset);
+    reader_.limitWork(std::max(allowed - std::min(allowed, work_), minWork));
+    auto found = read({ reader_, categories_, *searches_ });
+    if (found && (reader_.isExhausted() || found->size == 0))
+        found.reset();
+    // The sweep passes over a file that was found; what went beyond the limit is no debt.
+    if (!found || !found->exact || found->size > reader_.size())
+        work_ = std::min(work_ + reader_.work(), std::max(allowed, work_));
     return found;
 }
 

@@ -14,6 +14,7 @@
 #include <string_view>
 
 class DiskSource;
+struct Candidate;
 struct CarverSearches;
 
 /// Every category but `other`, which is never carved.
@@ -53,6 +54,10 @@ public:
     void windowMoved(std::uint64_t offset);
 
 private:
+    using FormatReader = std::optional<CarvedFile> (*)(const Candidate&);
+
+    std::optional<CarvedFile> tryFormat(FormatReader read, std::uint64_t offset);
+
     std::set<FileCategory> categories_;
     RandomReader reader_;
     std::unique_ptr<CarverSearches> searches_;

@@ -297,7 +297,7 @@ TEST(LostVolumes, CopiesServeWhereTheBeginningIsLost)
     }
 }
 
-TEST(LostVolumes, NTFSFromItsRecordsAlone)
+TEST(LostVolumes, RebuildsNTFSFromItsRecordsAlone)
 {
     const std::string placed = "NTFS @ " + std::to_string(oddPlace) + ", ";
     const auto eraseRecords

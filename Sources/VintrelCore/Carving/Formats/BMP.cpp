@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstddef>
 
+// Windows bitmaps: BITMAPFILEHEADER and the beginning of the header behind it (Microsoft, Windows
+// GDI).
+
 namespace Formats {
 
 namespace {
@@ -18,17 +21,17 @@ struct Header {
 static_assert(sizeof(Header) == 22 && offsetof(Header, width) == 18);
 
 constexpr std::array<std::uint32_t, 6> headerSizes { 12, 40, 52, 56, 108, 124 };
-constexpr std::uint32_t leastSize = 64;
+constexpr std::uint32_t minSize = 64;
 constexpr std::uint32_t maxSize = 536'870'912;
-constexpr std::uint32_t leastPixelOffset = 26;
+constexpr std::uint32_t minPixelOffset = 26;
 
 } // namespace
 
 Found bmp(const Candidate& candidate)
 {
     const auto header = candidate.file.load<Header>(0);
-    if (header.reserved != 0 || header.fileSize < leastSize || header.fileSize > maxSize
-        || header.pixelOffset < leastPixelOffset || header.pixelOffset >= header.fileSize
+    if (header.reserved != 0 || header.fileSize < minSize || header.fileSize > maxSize
+        || header.pixelOffset < minPixelOffset || header.pixelOffset >= header.fileSize
         || header.width == 0
         || std::ranges::count(headerSizes, std::uint32_t { header.headerSize }) == 0)
         return std::nullopt;

@@ -2,6 +2,8 @@
 
 #include <bit>
 
+// RFC 8794 (EBML) and the Matroska specification: a header element, then one segment.
+
 namespace Formats {
 
 namespace {

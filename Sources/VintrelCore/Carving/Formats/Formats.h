@@ -9,7 +9,7 @@
 
 #include <unordered_map>
 
-/// What candidates learn for those behind them.
+/// What the search for one candidate's end has found, for the candidates behind it.
 struct CarverSearches {
     CarverSearches(DiskSource& source, SweepWindow* window)
         : pdfStarts(source, window, "%PDF-")
@@ -22,23 +22,25 @@ struct CarverSearches {
     RememberedSearch pdfStarts;
     RememberedSearch pdfEnds;
     RememberedSearch zipEnds;
-    RandomReader anywhere; ///< for looks at what lies before a candidate
+    RandomReader anywhere; ///< reads what lies before a candidate
     /// Where the archive verifiably begins that an end record belongs to; none when that cannot be
     /// told.
     std::unordered_map<std::uint64_t, std::optional<std::uint64_t>> zipStarts;
 };
 
-/// A place where a file may begin: what the format readers work with.
+/// A place where a file may begin: what the format readers work with. Positions and sizes are in
+/// bytes, counted from the file's first one.
 struct Candidate {
     RandomReader& file; ///< position 0 is the file's first byte
     const std::set<FileCategory>& categories;
     CarverSearches& searches;
 
+    /// The file of this size that begins here.
     CarvedFile found(std::uint64_t size, std::string ext) const
     {
         return { .offset = file.start(), .size = size, .ext = std::move(ext) };
     }
-    /// The first match in [from, limit), counted from the file's first byte.
+    /// The first match in [from, limit); none when there is none.
     std::optional<std::uint64_t> find(
         RememberedSearch& search, std::uint64_t from, std::uint64_t limit) const
     {
@@ -52,7 +54,7 @@ struct Candidate {
 
 /// One reader for each format. It confirms that a file of its kind begins at the candidate's place
 /// and follows the file's own structure to its end; none when the structure does not hold together.
-/// Every walk has a limit of its own.
+/// Every walk has a limit of its own. Each format's source names the document that it follows.
 namespace Formats {
 
 using Found = std::optional<CarvedFile>;

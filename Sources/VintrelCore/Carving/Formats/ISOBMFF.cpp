@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 
-// The ISO base media file format: boxes in boxes. MP4, QuickTime, HEIF, AVIF and Canon's CR3 are of
-// this kind.
+// ISO/IEC 14496-12, the ISO base media file format: boxes in boxes. MP4, QuickTime, HEIF, AVIF and
+// Canon's CR3 are of this kind.
 
 namespace Formats {
 
@@ -13,7 +13,7 @@ namespace {
 constexpr int maxBoxes = 100'000;
 constexpr int maxMovieBoxes = 1000; // within "moov"; its header is the first of them
 constexpr std::uint64_t boxSizeLimit = std::uint64_t { 1 } << 40;
-constexpr std::uint32_t leastFirstBox = 12;
+constexpr std::uint32_t minFirstBox = 12;
 constexpr std::uint32_t maxFirstBox = 4096;
 constexpr std::uint64_t from1904To1970 = 2'082'844'800;
 
@@ -23,6 +23,29 @@ struct BoxHeader {
     BE64 largeSize;                   // 8
 };
 static_assert(sizeof(BoxHeader) == 16 && offsetof(BoxHeader, largeSize) == 8);
+
+/// The beginning of a FileTypeBox.
+struct FileTypeBox {
+    BE32 size;                         // 0
+    std::array<std::uint8_t, 4> type;  // 4  "ftyp"
+    std::array<std::uint8_t, 4> brand; // 8
+};
+static_assert(sizeof(FileTypeBox) == 12 && offsetof(FileTypeBox, brand) == 8);
+
+/// The beginning of a MovieHeaderBox's body. Its times are 64 bits wide in version 1.
+struct MovieHeader {
+    std::uint8_t version;              // 0
+    std::array<std::uint8_t, 3> flags; // 1
+    BE32 created;                      // 4
+    BE32 createdLow;                   // 8  in version 1
+
+    std::uint64_t secondsFrom1904() const
+    {
+        const std::uint64_t high = created;
+        return version == 1 ? high << 32 | createdLow : high;
+    }
+};
+static_assert(sizeof(MovieHeader) == 12 && offsetof(MovieHeader, created) == 4);
 
 bool isPrintable(std::uint8_t byte) { return byte >= 0x20 && byte <= 0x7E; }
 
@@ -59,9 +82,8 @@ std::optional<Date> movieDate(RandomReader& file, std::uint64_t position, std::u
         if (!box)
             break;
         if (box->is("mvhd")) {
-            const std::uint64_t body = position + box->headerSize;
-            const bool isWide = file.u8(body) == 1; // the version
-            const std::uint64_t seconds = isWide ? file.u64be(body + 4) : file.u32be(body + 4);
+            const auto header = file.load<MovieHeader>(position + box->headerSize);
+            const std::uint64_t seconds = header.secondsFrom1904();
             constexpr std::uint64_t nanoseconds = 1'000'000'000;
             if (seconds <= from1904To1970 || seconds - from1904To1970 > UINT64_MAX / nanoseconds)
                 return std::nullopt;
@@ -95,10 +117,9 @@ std::string extension(std::string_view brand, bool hasMovie)
 Found isoBMFF(const Candidate& candidate)
 {
     auto& file = candidate.file;
-    const auto firstSize = file.u32be(0);
-    const auto brand = file.load<std::array<std::uint8_t, 4>>(8);
-    if (firstSize < leastFirstBox || firstSize > maxFirstBox
-        || !std::ranges::all_of(brand, isPrintable))
+    const auto first = file.load<FileTypeBox>(0);
+    if (first.size < minFirstBox || first.size > maxFirstBox
+        || !std::ranges::all_of(first.brand, isPrintable))
         return std::nullopt;
 
     bool hasMovie = false;
@@ -123,7 +144,7 @@ Found isoBMFF(const Candidate& candidate)
     }
     if (!hasData || (!hasMovie && !hasMeta))
         return std::nullopt;
-    auto found = candidate.found(position, extension(ByteView(brand).ascii(0, 4), hasMovie));
+    auto found = candidate.found(position, extension(ByteView(first.brand).ascii(0, 4), hasMovie));
     found.date = date;
     return found;
 }

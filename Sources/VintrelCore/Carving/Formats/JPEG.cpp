@@ -1,12 +1,12 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
 
-#include <cstring>
+// ITU-T T.81, Annex B: marker segments and entropy-coded data.
 
 namespace Formats {
 
 namespace {
 
-constexpr std::uint64_t limit = 209'715'198; // 200 MiB - 2: no marker is looked for from here on
+constexpr std::uint64_t limit = 209'715'198; // 200 MiB - 2: no marker counts from here on
 
 enum Marker : std::uint8_t {
     temporary = 0x01,
@@ -78,7 +78,8 @@ Found jpeg(const Candidate& candidate)
         if (length < 2)
             return std::nullopt;
         hasFrame |= isFrame(marker);
-        constexpr std::uint64_t exifHeader = 2 + 6; // the length, and "Exif" with two zeros
+        constexpr std::uint64_t exifHeader
+            = 2 + 6; // the length, and "Exif" with two zeros (Exif 2.3)
         if (marker == app1 && length > exifHeader && file.matches(position + 2, "Exif") && !date)
             date = exifDate(
                 file.bytes(position + exifHeader, static_cast<std::size_t>(length - exifHeader)));

@@ -1,6 +1,10 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
 
 #include <algorithm>
+#include <cstddef>
+
+// A tag of the "ID3v2 informal standard", then audio frames of ISO/IEC 11172-3 (and 13818-3, and
+// the common extension 2.5 to lower rates), then perhaps a tag of ID3v1.
 
 namespace Formats {
 
@@ -8,9 +12,9 @@ namespace {
 
 constexpr std::uint64_t limit = 1'073'741'824;
 constexpr std::uint64_t maxPadding
-    = 65'536;                  // between the tag and the first frame; taggers leave a few KB
-constexpr int leastFrames = 3; // fewer may be chance
-constexpr std::uint32_t leastFrameLength = 24;
+    = 65'536;                // between the tag and the first frame; taggers leave a few KB
+constexpr int minFrames = 3; // fewer may be chance
+constexpr std::uint32_t minFrameLength = 24;
 
 /// What a frame's header says, as far as it decides where the next one lies.
 struct Frame {
@@ -21,6 +25,14 @@ struct Frame {
 
 enum Version { mpeg25 = 0, mpeg2 = 2, mpeg1 = 3 };
 enum Layer { layerIII = 1, layerII = 2, layerI = 3 };
+
+/// How often the sample rates of MPEG-1 are halved.
+unsigned halvings(std::uint32_t version)
+{
+    if (version == mpeg1)
+        return 0;
+    return version == mpeg2 ? 1 : 2;
+}
 
 /// None when no audio frame of a known length begins with these four bytes.
 std::optional<Frame> mpegFrameLength(std::uint32_t header)
@@ -49,9 +61,7 @@ std::optional<Frame> mpegFrameLength(std::uint32_t header)
 
     const std::size_t row = version == mpeg1 ? layerI - layer : (layer == layerI ? 3 : 4);
     const std::uint32_t bitRate = bitRates[row][rateIndex - 1] * 1000u;
-    const std::uint32_t sampleRate = sampleRates[sampleIndex] >> (version == mpeg1 ? 0
-                                             : version == mpeg2                    ? 1
-                                                                                   : 2);
+    const std::uint32_t sampleRate = sampleRates[sampleIndex] >> halvings(version);
     std::uint32_t length = 0;
     if (layer == layerI)
         length = (12 * bitRate / sampleRate + padding) * 4;
@@ -59,28 +69,35 @@ std::optional<Frame> mpegFrameLength(std::uint32_t header)
         length = 144 * bitRate / sampleRate + padding;
     else
         length = 72 * bitRate / sampleRate + padding;
-    if (length < leastFrameLength)
+    if (length < minFrameLength)
         return std::nullopt;
     return Frame { length, header & 0x001E'0C00 };
 }
+
+struct TagHeader {
+    std::array<std::uint8_t, 3> identifier; // 0  "ID3"
+    std::uint8_t major, revision;           // 3, 4
+    std::uint8_t flags;                     // 5
+    std::array<std::uint8_t, 4> size; // 6  seven bits a byte, so that it never looks like a frame
+};
+static_assert(sizeof(TagHeader) == 10 && offsetof(TagHeader, size) == 6);
 
 /// The size of the tag at the beginning; none when there is none.
 std::optional<std::uint64_t> tagSize(RandomReader& file)
 {
     constexpr std::uint8_t hasFooter = 0x10;
-    constexpr std::uint64_t headerSize = 10;
-    const auto major = file.u8(3);
-    if (!file.matches(0, "ID3") || major < 2 || major > 4)
+    const auto header = file.load<TagHeader>(0);
+    if (!ByteView(header.identifier).matches("ID3", 0) || header.major < 2 || header.major > 4)
         return std::nullopt;
     std::uint64_t size = 0;
-    for (std::uint64_t i = 6; i < headerSize;
-         ++i) { // seven bits a byte, so that it never looks like a frame
-        const auto byte = file.u8(i);
+    for (const auto byte : header.size) {
         if (byte >= 0x80)
             return std::nullopt;
         size = size << 7 | byte;
     }
-    return size + headerSize + ((file.u8(5) & hasFooter) != 0 ? headerSize : 0);
+    // The footer is a copy of the header.
+    const std::uint64_t footerSize = (header.flags & hasFooter) != 0 ? sizeof header : 0;
+    return sizeof header + size + footerSize;
 }
 
 /// The first position from `position` on that holds no zero, or `limit`.
@@ -121,7 +138,7 @@ Found mp3(const Candidate& candidate)
         position += frame->length;
         ++frames;
     }
-    if (frames < leastFrames || position >= limit)
+    if (frames < minFrames || position >= limit)
         return std::nullopt;
     if (candidate.fits(position + endTagSize) && file.matches(position, "TAG"))
         position += endTagSize;

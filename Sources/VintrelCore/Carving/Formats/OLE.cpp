@@ -5,7 +5,8 @@
 #include <string>
 #include <unordered_set>
 
-// A compound file is a small FAT file system: sectors behind a header as large as one of them, a
+// [MS-CFB]: Compound File Header, FAT, DIFAT and directory sectors. In other words than its own: a
+// compound file is a small FAT file system: sectors behind a header as large as one of them, a
 // table that chains them, and a directory whose entries form a binary tree below the root entry.
 
 namespace Formats {
@@ -22,6 +23,7 @@ constexpr std::uint32_t maxTableSectors = 65'535;
 constexpr std::uint32_t maxDirectoryEntries = 65'536;
 constexpr std::uint32_t noEntry = 0xFFFF'FFFF;
 constexpr std::size_t headerSlots = 109;
+constexpr std::uint64_t entrySize = sizeof(LE32); // of the table and of the list of its sectors
 
 struct Header {
     std::array<std::uint8_t, 30> magicAndVersion; //  0
@@ -77,7 +79,7 @@ public:
         std::uint64_t last = *std::ranges::max_element(tableSectors_);
         for (std::size_t i = 0; i < tableSectors_.size(); ++i) {
             for (std::uint64_t slot = 0; slot < entriesPerSector(); ++slot) {
-                const auto next = file_.u32le(offsetOf(tableSectors_[i]) + slot * 4);
+                const auto next = file_.u32le(offsetOf(tableSectors_[i]) + slot * entrySize);
                 if (file_.isExhausted() || (next >= sectorsOnSource && next < firstMark))
                     return std::nullopt;
                 if (next != freeSector && next != tableSector)
@@ -111,7 +113,7 @@ private:
     }
 
     std::uint64_t sectorSize() const { return std::uint64_t { 1 } << header_.sectorShift; }
-    std::uint64_t entriesPerSector() const { return sectorSize() / 4; }
+    std::uint64_t entriesPerSector() const { return sectorSize() / entrySize; }
     std::uint64_t offsetOf(std::uint64_t sector) const { return (sector + 1) * sectorSize(); }
     bool isOnSource(std::uint32_t sector) const
     {
@@ -128,8 +130,8 @@ private:
         while (tableSectors_.size() < count && isOnSource(list) && !file_.isExhausted()) {
             const std::uint64_t slots = entriesPerSector() - 1;
             for (std::uint64_t slot = 0; slot < slots && tableSectors_.size() < count; ++slot)
-                tableSectors_.push_back(file_.u32le(offsetOf(list) + slot * 4));
-            list = file_.u32le(offsetOf(list) + slots * 4);
+                tableSectors_.push_back(file_.u32le(offsetOf(list) + slot * entrySize));
+            list = file_.u32le(offsetOf(list) + slots * entrySize);
         }
         return tableSectors_.size() == count
             && std::ranges::all_of(
@@ -147,7 +149,7 @@ private:
             if (table >= tableSectors_.size())
                 break;
             sector = file_.u32le(offsetOf(tableSectors_[static_cast<std::size_t>(table)])
-                + sector % entriesPerSector() * 4);
+                + sector % entriesPerSector() * entrySize);
         }
         return entries;
     }
@@ -196,12 +198,12 @@ private:
 
 Found ole(const Candidate& candidate)
 {
-    constexpr std::uint64_t leastSize = 1024;
+    constexpr std::uint64_t minSize = 1024;
     auto compound = CompoundFile::open(candidate);
     if (!compound)
         return std::nullopt;
     const auto size = compound->size();
-    if (!size || *size < leastSize || !candidate.fits(*size))
+    if (!size || *size < minSize || !candidate.fits(*size))
         return std::nullopt;
     const auto* const ext = compound->extension();
     return ext != nullptr ? candidate.found(*size, ext) : Found();

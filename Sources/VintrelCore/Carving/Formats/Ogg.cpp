@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 
+// RFC 3533, The Ogg page format.
+
 namespace Formats {
 
 namespace {
@@ -36,7 +38,7 @@ std::uint64_t segmentsSize(RandomReader& file, std::uint64_t lengths, std::uint8
 
 const char* extension(RandomReader& file)
 {
-    const std::uint64_t firstPacket = sizeof(PageHeader) + file.u8(26);
+    const std::uint64_t firstPacket = sizeof(PageHeader) + file.load<PageHeader>(0).segments;
     if (file.matches(firstPacket, "OpusHead"))
         return "opus";
     if (file.matches(firstPacket, "\x80theora"))

@@ -3,13 +3,16 @@
 #include <algorithm>
 #include <charconv>
 
+// ISO 32000-1: file structure with its header, trailer and incremental updates, and linearised
+// files.
+
 namespace Formats {
 
 namespace {
 
 constexpr std::size_t headSize
     = 1024; // a linearised file has its dictionary here, the first object of all
-constexpr std::uint64_t leastLinearised = 65;
+constexpr std::uint64_t minLinearised = 65;
 constexpr std::uint64_t linearisedLimit = 4'294'967'296;
 constexpr std::uint64_t maxSearch = 1'073'741'824;
 constexpr std::size_t lookAhead = 1024;
@@ -35,8 +38,8 @@ std::optional<std::uint64_t> linearisedLength(RandomReader& file)
         return std::nullopt;
     std::uint64_t length = 0;
     std::from_chars(head.data() + key + 3, head.data() + head.size(), length);
-    return length < leastLinearised || length >= linearisedLimit ? std::nullopt
-                                                                 : std::optional(length);
+    return length < minLinearised || length >= linearisedLimit ? std::nullopt
+                                                               : std::optional(length);
 }
 
 /// Whether a file ends at `length`. Where it does not, the length is that of a lost file, which

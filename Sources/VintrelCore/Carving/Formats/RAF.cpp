@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+// Fujifilm documents its raw format nowhere; what is known of it is a table of three parts.
+
 namespace Formats {
 
 Found raf(const Candidate& candidate)
@@ -15,7 +17,7 @@ Found raf(const Candidate& candidate)
     };
     constexpr std::uint64_t partsOffset = 84;
     constexpr std::uint64_t maxEnd = 2'147'483'648;
-    constexpr std::uint64_t leastSize = 1025;
+    constexpr std::uint64_t minSize = 1025;
 
     auto& file = candidate.file;
     if (!file.matches(0, "FUJIFILMCCD-RAW "))
@@ -26,7 +28,7 @@ Found raf(const Candidate& candidate)
         if (part.offset != 0 && part.length != 0 && end < maxEnd)
             size = std::max(size, end);
     }
-    if (size < leastSize)
+    if (size < minSize)
         return std::nullopt;
     return candidate.found(size, "raf");
 }

@@ -2,6 +2,9 @@
 
 #include <cstddef>
 
+// Version 4: "RAR version 4.x - Technical information" (technote.txt). Version 5: "RAR 5.0 archive
+// format". Both are technical notes of the program's makers.
+
 namespace Formats {
 
 namespace {
@@ -21,25 +24,31 @@ constexpr std::uint8_t firstType4 = 0x72;
 constexpr std::uint8_t fileType4 = 0x74;
 constexpr std::uint8_t serviceType4 = 0x7A;
 constexpr std::uint8_t endType4 = 0x7B;
-constexpr std::uint16_t leastHeader4 = 7;
-constexpr std::uint16_t isLarge4
-    = 0x0100; // of files: the upper half of the data size lies at highSizeOffset
+constexpr std::uint16_t minHeader4 = 7;
+constexpr std::uint16_t isLarge4 = 0x0100; // of files: the block has an upper half of the data size
 constexpr std::uint16_t hasData4 = 0x8000;
-constexpr std::uint64_t highSizeOffset = 32;
+
+/// A file's block as far as it decides where the next block lies.
+struct FileBlock4 {
+    Block4 common;                       //  0
+    std::array<std::uint8_t, 21> unused; // 11
+    LE32 highDataSize;                   // 32  only with the flag isLarge4
+};
+static_assert(sizeof(FileBlock4) == 36 && offsetof(FileBlock4, highDataSize) == 32);
 
 Found version4(const Candidate& candidate)
 {
     auto& file = candidate.file;
     std::uint64_t position = 7;
-    for (int count = 0; count < maxBlocks && candidate.fits(position + leastHeader4); ++count) {
+    for (int count = 0; count < maxBlocks && candidate.fits(position + minHeader4); ++count) {
         const auto block = file.load<Block4>(position);
-        if (block.type < firstType4 || block.type > endType4 || block.headerSize < leastHeader4)
+        if (block.type < firstType4 || block.type > endType4 || block.headerSize < minHeader4)
             return std::nullopt;
         std::uint64_t dataSize
             = (block.flags & hasData4) != 0 ? std::uint64_t { block.dataSize } : 0;
         if ((block.type == fileType4 || block.type == serviceType4)
             && (block.flags & isLarge4) != 0)
-            dataSize += std::uint64_t { file.u32le(position + highSizeOffset) } << 32;
+            dataSize += std::uint64_t { file.load<FileBlock4>(position).highDataSize } << 32;
         if (dataSize > file.size())
             return std::nullopt;
         position += block.headerSize + dataSize;

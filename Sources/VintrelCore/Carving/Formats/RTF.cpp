@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+// "Rich Text Format (RTF) Specification" 1.9.1: groups in braces, and control words after a
+// backslash.
+
 namespace Formats {
 
 namespace {

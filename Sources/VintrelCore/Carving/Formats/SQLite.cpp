@@ -3,6 +3,8 @@
 #include <bit>
 #include <cstddef>
 
+// SQLite, "Database File Format", The Database Header.
+
 namespace Formats {
 
 namespace {

@@ -1,9 +1,13 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/Formats/TIFFLayout.h"
+#include "VintrelCore/Foundation/Text.h"
 
 #include <algorithm>
-#include <cctype>
 #include <deque>
 #include <unordered_set>
+
+// "TIFF Revision 6.0", and the raw formats of cameras that are built on it: their makers document
+// next to nothing, so that what tells them apart is what their files have in common.
 
 namespace Formats {
 
@@ -11,7 +15,7 @@ namespace {
 
 constexpr std::uint64_t firstDirectoryLimit = 67'108'864;
 constexpr std::uint64_t endLimit = 2'147'483'648; // an end at or beyond it is taken for damage
-constexpr std::uint64_t leastDataEnd = 1025;
+constexpr std::uint64_t minDataEnd = 1025;
 constexpr std::size_t maxDirectories = 64;
 constexpr unsigned maxEntries = 999;
 constexpr std::uint32_t maxValues
@@ -35,6 +39,7 @@ enum Tag : std::uint16_t {
     dngVersion = 0xC612,
 };
 
+constexpr std::uint8_t plainMarker = 0x2A;
 constexpr std::uint8_t olympusMarker = 0x52;
 constexpr std::uint8_t panasonicMarker = 0x55;
 constexpr std::uint32_t noStripOffset
@@ -47,21 +52,59 @@ std::uint64_t valueSize(std::uint16_t type)
     return type < sizes.size() ? sizes[type] : 0;
 }
 
-/// One line of a directory, in the byte order of the file.
+/// One line of a directory and where its values lie.
 struct Entry {
     std::uint16_t tag;
     std::uint16_t type;
     std::uint32_t count;
     std::uint64_t position; ///< of its values
-    bool isInline;
+    bool isInline;          ///< whether they lie in the entry itself
 
+    Entry(const TIFFField& field, std::uint64_t at)
+        : tag(field.tag)
+        , type(field.type)
+        , count(field.count)
+        , position(at + tiffInlineValues)
+        , isInline(valueSize(type) * count <= sizeof(field.valueOffset))
+    {
+        if (!isInline)
+            position = field.valueOffset;
+    }
     std::uint64_t end() const { return position + valueSize(type) * count; }
 };
 
+/// The entries of one directory that say where picture data lies.
+struct DataEntries {
+    std::optional<Entry> strips, stripLengths, tiles, tileLengths, preview, previewSize, rawData;
+
+    /// Where an entry with this tag belongs; none for all other tags.
+    std::optional<Entry>* slotFor(std::uint16_t tag)
+    {
+        switch (tag) {
+        case stripOffsets:
+            return &strips;
+        case stripByteCounts:
+            return &stripLengths;
+        case tileOffsets:
+            return &tiles;
+        case tileByteCounts:
+            return &tileLengths;
+        case previewOffset:
+            return &preview;
+        case previewLength:
+            return &previewSize;
+        case panasonicRawOffset:
+            return &rawData;
+        default:
+            return nullptr;
+        }
+    }
+};
+
 /// Follows the directories of one file and learns what they say about it.
-class Walk {
+class Directories {
 public:
-    Walk(RandomReader& file, bool isLittle, std::uint8_t marker)
+    Directories(RandomReader& file, bool isLittle, std::uint8_t marker)
         : file_(file)
         , isLittle_(isLittle)
         , marker_(marker)
@@ -69,9 +112,9 @@ public:
     }
 
     /// False when the first directory is no directory.
-    bool run()
+    bool follow()
     {
-        const std::uint64_t first = u32(4);
+        const std::uint64_t first = u32(offsetof(TIFFHeader<std::endian::big>, firstDirectory));
         if (first < 8 || first >= firstDirectoryLimit)
             return false;
         enqueue(first);
@@ -89,12 +132,11 @@ public:
     /// The end of everything that a reader of the file looks at.
     std::uint64_t end() const { return std::max(dataEnd_, structureEnd_); }
 
-    const char* extension()
+    const char* extension() const
     {
-        std::ranges::transform(maker_, maker_.begin(),
-            [](char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); });
+        const auto maker = Text::upperCase(maker_);
         constexpr struct {
-            std::string_view maker;
+            std::string_view name;
             const char* ext;
         } makers[] = { { "NIKON", "nef" }, { "SONY", "arw" }, { "PENTAX", "pef" },
             { "RICOH", "pef" }, { "SAMSUNG", "srw" }, { "CANON", "cr2" } };
@@ -103,14 +145,14 @@ public:
             return "orf";
         if (marker_ == panasonicMarker)
             return "rw2";
-        if (maker_.starts_with("OLYMPUS") || maker_.starts_with("OM DIGITAL"))
+        if (maker.starts_with("OLYMPUS") || maker.starts_with("OM DIGITAL"))
             return "orf";
         if (isDNG_)
             return "dng";
         if (file_.matches(8, "CR"))
             return "cr2";
         for (const auto& [name, ext] : makers)
-            if (maker_.starts_with(name))
+            if (maker.starts_with(name))
                 return ext;
         return "tif";
     }
@@ -162,79 +204,68 @@ private:
 
     Entry readEntry(std::uint64_t position)
     {
-        Entry entry { u16(position), u16(position + 2), u32(position + 4), position + 8, true };
-        if (valueSize(entry.type) * entry.count > 4) {
-            entry.position = u32(position + 8);
-            entry.isInline = false;
-        }
-        return entry;
+        if (isLittle_)
+            return { TIFFField(file_.load<StoredTIFFField<std::endian::little>>(position)),
+                position };
+        return { TIFFField(file_.load<StoredTIFFField<std::endian::big>>(position)), position };
     }
 
     bool readDirectory(std::uint64_t start)
     {
-        constexpr std::uint64_t entrySize = 12;
-        const unsigned entries = u16(start);
-        const std::uint64_t end = start + 2 + entries * entrySize + 4;
-        if (entries < 1 || entries > maxEntries || end > file_.size())
+        const unsigned count = u16(start);
+        const std::uint64_t next = start + tiffCountSize + count * tiffFieldSize;
+        const std::uint64_t end = next + tiffNextSize;
+        if (count < 1 || count > maxEntries || end > file_.size())
             return false;
         addStructure(end);
-
-        std::optional<Entry> strips, stripLengths, tiles, tileLengths, preview, previewSize,
-            rawOffset;
-        for (unsigned i = 0; i < entries; ++i) {
-            const auto entry = readEntry(start + 2 + i * entrySize);
+        DataEntries data;
+        for (unsigned i = 0; i < count; ++i) {
+            const auto entry = readEntry(start + tiffCountSize + i * tiffFieldSize);
             if (!entry.isInline)
                 addStructure(entry.end());
-            switch (entry.tag) {
-            case stripOffsets:
-                strips = entry;
-                break;
-            case stripByteCounts:
-                stripLengths = entry;
-                break;
-            case tileOffsets:
-                tiles = entry;
-                break;
-            case tileByteCounts:
-                tileLengths = entry;
-                break;
-            case previewOffset:
-                preview = entry;
-                break;
-            case previewLength:
-                previewSize = entry;
-                break;
-            case panasonicRawOffset:
-                rawOffset = entry;
-                break;
-            case panasonicJPEG:
-                if (marker_ == panasonicMarker)
-                    addData(entry.position, entry.count);
-                break;
-            case maker:
-                readMaker(entry);
-                break;
-            case dngVersion:
-                isDNG_ = true;
-                break;
-            case subDirectories:
-            case exifDirectory:
-            case gpsDirectory:
-            case interoperabilityDirectory:
-                for (std::uint32_t n = 0; n < entry.count && n < maxDirectories; ++n)
-                    enqueue(value(entry, n));
-                break;
-            default:
-                break;
-            }
+            if (auto* const slot = data.slotFor(entry.tag))
+                *slot = entry;
+            else
+                readOtherEntry(entry);
         }
-        addPieces(strips, stripLengths);
-        addPieces(tiles, tileLengths);
-        addPieces(preview, previewSize);
-        if (marker_ == panasonicMarker && rawOffset && strips && value(*strips, 0) == noStripOffset)
-            addData(value(*rawOffset, 0), stripLengths ? value(*stripLengths, 0) : 0);
-        enqueue(u32(end - 4)); // the next picture
+        addAllData(data);
+        enqueue(u32(next)); // the next picture
         return true;
+    }
+
+    void readOtherEntry(const Entry& entry)
+    {
+        switch (entry.tag) {
+        case panasonicJPEG:
+            if (marker_ == panasonicMarker)
+                addData(entry.position, entry.count);
+            break;
+        case maker:
+            readMaker(entry);
+            break;
+        case dngVersion:
+            isDNG_ = true;
+            break;
+        case subDirectories:
+        case exifDirectory:
+        case gpsDirectory:
+        case interoperabilityDirectory:
+            for (std::uint32_t n = 0; n < entry.count && n < maxDirectories; ++n)
+                enqueue(value(entry, n));
+            break;
+        default:
+            break;
+        }
+    }
+
+    void addAllData(const DataEntries& data)
+    {
+        addPieces(data.strips, data.stripLengths);
+        addPieces(data.tiles, data.tileLengths);
+        addPieces(data.preview, data.previewSize);
+        if (marker_ == panasonicMarker && data.rawData && data.strips
+            && value(*data.strips, 0) == noStripOffset)
+            addData(value(*data.rawData, 0), data.stripLengths ? value(*data.stripLengths, 0) : 0);
     }
 
     void readMaker(const Entry& entry)
@@ -264,10 +295,12 @@ private:
 Found tiff(const Candidate& candidate)
 {
     const bool isLittle = candidate.file.u8(0) == 'I';
-    Walk walk(candidate.file, isLittle, isLittle ? candidate.file.u8(2) : 0x2A);
-    if (!walk.run() || !walk.hasImage() || walk.dataEnd() < leastDataEnd)
+    constexpr std::uint64_t markerOffset = offsetof(TIFFHeader<std::endian::big>, magic);
+    Directories directories(
+        candidate.file, isLittle, isLittle ? candidate.file.u8(markerOffset) : plainMarker);
+    if (!directories.follow() || !directories.hasImage() || directories.dataEnd() < minDataEnd)
         return std::nullopt;
-    return candidate.found(walk.end(), walk.extension());
+    return candidate.found(directories.end(), directories.extension());
 }
 
 } // namespace Formats

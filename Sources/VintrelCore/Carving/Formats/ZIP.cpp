@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 
+// PKWARE "APPNOTE.TXT - .ZIP File Format Specification" 6.3.
+
 namespace Formats {
 
 namespace {
@@ -52,9 +54,16 @@ struct EndRecord {
 };
 static_assert(sizeof(EndRecord) == 22 && offsetof(EndRecord, commentLength) == 20);
 
-/// What says all this for archives beyond 4 GB, or written by those who did not know how large they
-/// would become: the locator lies in front of the end record, and in front of the locator its
-/// record.
+/// Archives beyond 4 GB have a second end record with wider fields, and so have those whose writer
+/// did not know how large they would become. It lies in front of its locator, and that in front of
+/// the end record.
+struct Zip64EndRecord {
+    LE32 signature;                      //  0
+    LE64 size;                           //  4  of what follows this field
+    std::array<std::uint8_t, 44> unused; // 12
+};
+static_assert(sizeof(Zip64EndRecord) == 56 && offsetof(Zip64EndRecord, size) == 4);
+
 struct Zip64Locator {
     LE32 signature;    //  0
     LE32 disk;         //  4
@@ -62,21 +71,20 @@ struct Zip64Locator {
     LE32 disks;        // 16
 };
 static_assert(sizeof(Zip64Locator) == 20 && offsetof(Zip64Locator, recordOffset) == 8);
-constexpr std::uint64_t zip64EndSize = 56;
 
 constexpr std::uint16_t hasDescriptor
-    = 8; // the sizes stand behind the data, where nobody can find them
+    = 8; // the sizes stand behind the data: its end cannot be told from here
 constexpr std::uint32_t inZip64 = 0xFFFF'FFFF;
 
 /// Where a walk from record to record stopped, and whether that was behind the end record.
-struct Walk {
+struct RecordWalk {
     std::uint64_t position = 0;
     bool isComplete = false;
 };
 
-Walk walkRecords(RandomReader& file)
+RecordWalk walkRecords(RandomReader& file)
 {
-    Walk walk;
+    RecordWalk walk;
     auto& position = walk.position;
     for (int count = 0; count < maxRecords && position < maxSize && position < file.size();
          ++count) {
@@ -95,10 +103,10 @@ Walk walkRecords(RandomReader& file)
             break;
         }
         case zip64EndSignature: {
-            const auto size = file.u64le(position + 4);
+            const std::uint64_t size = file.load<Zip64EndRecord>(position).size;
             if (size >= maxZip64End)
                 return walk;
-            position += 12 + size;
+            position += offsetof(Zip64EndRecord, unused) + size;
             break;
         }
         case zip64LocatorSignature:
@@ -122,7 +130,7 @@ std::optional<std::uint64_t> claimedDistance(RandomReader& file, std::uint64_t p
     const auto record = file.load<EndRecord>(position);
     if (record.directoryOffset != inZip64 && record.directorySize != inZip64)
         return std::uint64_t { record.directorySize } + record.directoryOffset;
-    constexpr std::uint64_t recordDistance = sizeof(Zip64Locator) + zip64EndSize;
+    constexpr std::uint64_t recordDistance = sizeof(Zip64Locator) + sizeof(Zip64EndRecord);
     if (position < recordDistance || file.u32le(position - recordDistance) != zip64EndSignature)
         return std::nullopt;
     const auto locator = file.load<Zip64Locator>(position - sizeof(Zip64Locator));

@@ -10,8 +10,8 @@ namespace NTFSParser {
 
 namespace {
 
-/// Its own records are the first sixteen of every MFT.
-constexpr std::uint64_t minMFTRecords = 16;
+/// Every MFT begins with the records of the system's own files.
+constexpr std::uint64_t minMFTRecords = firstUserRecord;
 
 /// The records of the MFT are read in pieces of this size.
 constexpr std::uint64_t batchSize = 4'194'304;
@@ -22,7 +22,7 @@ constexpr int maxExtensionRounds = 16;
 
 /// Clusters of a sound MFT belong to it once. One whose pieces together are larger than the source
 /// is made up, and ends where it becomes that; so does one that goes on past the end of the source.
-ExtentList limited(const ExtentList& extents, std::uint64_t sourceSize)
+ExtentList withinSource(const ExtentList& extents, std::uint64_t sourceSize)
 {
     ExtentList kept;
     std::size_t count = 0; // of those kept, up to the last one that has a place
@@ -45,44 +45,65 @@ ExtentList limited(const ExtentList& extents, std::uint64_t sourceSize)
     return kept;
 }
 
+/// The MFT as far as the fragments in this record tell. None when they do not lie in clusters.
+std::optional<MappedStream> mapFragments(const NTFSContext& context, MFTRecord& record)
+{
+    const auto merged = NTFSContent::merge(context, record.data);
+    if (!merged)
+        return std::nullopt;
+    const auto located = context.extents(merged->runs, merged->size, merged->initSize);
+    return MappedStream(withinSource(located.extents, context.source().size()));
+}
+
+/// The extension record of `base` that `reference` names; none where this part of the MFT does not
+/// have it.
+std::optional<MFTRecord> readExtension(const NTFSContext& context, const MappedStream& mft,
+    FileReference reference, const MFTRecord& base)
+{
+    const std::uint64_t recordSize = context.geometry().recordSize;
+    Bytes bytes(recordSize);
+    MFTRecord extension;
+    const bool isFound = reference.number < mft.size() / recordSize
+        && mft.read(context.source(), reference.number * recordSize, bytes)
+        && parseRecord(bytes, reference.number, extension)
+        && isExtensionOf(extension, reference, base);
+    return isFound ? std::optional(std::move(extension)) : std::nullopt;
+}
+
 /// The MFT as its own record says, extension records and all. None when the record holds no data
 /// that lies in clusters.
 std::optional<MappedStream> mapMFT(const NTFSContext& context, MFTRecord& record)
 {
-    const auto map = [&]() -> std::optional<MappedStream> {
-        auto merged = NTFSContent::merge(context, record.data);
-        if (!merged)
-            return std::nullopt;
-        return MappedStream(
-            limited(context.extents(merged->runs, merged->size, merged->initSize).extents,
-                context.source().size()));
-    };
-    auto mft = map();
-    if (!record.hasAttributeList())
+    auto mft = mapFragments(context, record);
+    if (!mft || !record.hasAttributeList())
         return mft;
-
-    auto wanted = extensionsIn(loadAttributeList(context, record), 0);
-    Bytes bytes(context.geometry().recordSize);
+    auto missing = extensionsIn(loadAttributeList(context, record), 0);
     for (int round = 0; mft && round < maxExtensionRounds; ++round) {
-        bool hasGrown = false;
-        const auto addIfFound = [&](FileReference reference) {
-            MFTRecord extension;
-            const bool isFound = reference.number < mft->size() / context.geometry().recordSize
-                && mft->read(
-                    context.source(), reference.number * context.geometry().recordSize, bytes)
-                && parseRecord(bytes, reference.number, extension)
-                && isExtensionOf(extension, reference, record);
-            if (isFound)
-                mergeExtension(record, extension);
-            hasGrown = hasGrown || isFound;
-            return isFound;
-        };
-        wanted.erase(std::remove_if(wanted.begin(), wanted.end(), addIfFound), wanted.end());
-        if (!hasGrown)
+        std::vector<FileReference> stillMissing;
+        for (const auto reference : missing) {
+            if (auto extension = readExtension(context, *mft, reference, record))
+                mergeExtension(record, *extension);
+            else
+                stillMissing.push_back(reference);
+        }
+        if (stillMissing.size() == missing.size())
             break;
-        mft = map();
+        missing = std::move(stillMissing);
+        mft = mapFragments(context, record);
     }
     return mft;
+}
+
+/// Reads the records from `number` on that these bytes have room for. `record` is only lent, so
+/// that its lists keep their room.
+void readBatch(const NTFSContext& context, const MappedStream& mft, std::uint64_t number,
+    std::span<std::uint8_t> bytes, MFTRecord& record, MFTRecords& records)
+{
+    const std::uint32_t recordSize = context.geometry().recordSize;
+    mft.read(context.source(), number * recordSize, bytes);
+    for (; !bytes.empty(); bytes = bytes.subspan(recordSize), ++number)
+        if (parseRecord(bytes.first(recordSize), number, record))
+            records.add(record);
 }
 
 } // namespace
@@ -120,30 +141,21 @@ MFTRecords readAllRecords(
     const std::uint64_t total = mft.size() / recordSize;
     const std::uint64_t batch = std::max<std::uint64_t>(1, batchSize / recordSize);
     MFTRecords records(context);
-    MFTRecord record; // one for all, so that its lists keep their room
+    MFTRecord record;
     Bytes buffer(static_cast<std::size_t>(std::min(batch, total) * recordSize));
     for (std::uint64_t number = 0; number < total && !isCancelled(progress);) {
-        const auto stretch = mft.at(number * recordSize);
-        std::uint64_t count = std::min(stretch.length / recordSize, total - number);
-        if (stretch.offset || count == 0) {
-            // Clusters can be smaller than records: one that begins in this stretch and ends in
+        const auto piece = mft.at(number * recordSize);
+        std::uint64_t count = std::min(piece.length / recordSize, total - number);
+        if (piece.offset || count == 0) {
+            // Clusters can be smaller than records: one that begins in this piece and ends in
             // another is read across.
             count = std::clamp<std::uint64_t>(count, 1, batch);
-            const auto bytes
-                = std::span(buffer).first(static_cast<std::size_t>(count * recordSize));
-            mft.read(context.source(), number * recordSize, bytes);
-            for (std::uint64_t i = 0; i < count; ++i) {
-                const auto recordBytes
-                    = bytes.subspan(static_cast<std::size_t>(i * recordSize), recordSize);
-                if (parseRecord(recordBytes, number + i, record))
-                    records.add(record);
-            }
+            const auto size = static_cast<std::size_t>(count * recordSize);
+            readBatch(context, mft, number, std::span(buffer).first(size), record, records);
         }
         number += count;
-        if (progress != nullptr)
-            progress->report(static_cast<double>(number) / static_cast<double>(total),
-                "Læser MFT … " + std::to_string(number) + " af " + std::to_string(total)
-                    + " poster");
+        report(progress, static_cast<double>(number) / static_cast<double>(total),
+            "Læser MFT … " + std::to_string(number) + " af " + std::to_string(total) + " poster");
     }
     return records;
 }

@@ -1,0 +1,106 @@
+#include "Tests/VintrelCore/FileSystems/NTFS/NTFSTestVolume.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+
+using namespace NTFSTestVolume;
+
+TEST(NTFSAllocationMap, TellsTheChancesOfDeletedFiles)
+{
+    Image image;
+    const auto content = patternBytes(5000); // five clusters
+    const auto stored = [&](std::initializer_list<std::uint64_t> reused, std::uint16_t flags = 0) {
+        const auto runs = image.store(content, false);
+        for (const auto cluster : reused)
+            image.markUsed(*runs[0].lcn + cluster, 1);
+        return Image::data({ .runs = runs, .size = 5000, .flags = flags });
+    };
+    const auto shortOf = [&](std::uint64_t size) {
+        auto runs = image.store(firstOf(content, 2048), false);
+        return Image::data({ .runs = runs, .size = size });
+    };
+    const std::string reused = "Klyngerne er genbrugt af andre filer";
+    const std::string missing = "Dele af filens placering mangler";
+    const std::string encrypted = "EFS-krypteret – kan ikke dekrypteres";
+    const std::string damaged = "MFT-posten er delvist beskadiget";
+    struct Case {
+        std::u16string name;
+        std::vector<Bytes> attributes;
+        std::string fate;
+        bool isDamaged = false;
+    };
+    const std::vector<Case> cases = {
+        { u"hjemme", { Image::data(bytesOf("x")) }, "God" },
+        { u"fri", { stored({}) }, "God" },
+        { u"to af fem", { stored({ 1, 4 }) }, "Delvis" },
+        { u"tre af fem", { stored({ 1, 2, 4 }) }, "Ringe: " + reused },
+        { u"den første", { stored({ 0 }) }, "Ringe: " + reused },
+        { u"uden data", {}, "Ringe: Dataattributten mangler" },
+        { u"efs", { stored({}, 0x4000) }, "Ringe: " + encrypted },
+        { u"efs genbrugt", { stored({ 0 }, 0x4000) }, "Ringe: " + reused + "; " + encrypted },
+        { u"kort", { shortOf(5000) }, "Delvis: " + missing },
+        { u"beskadiget", { stored({}) }, "Delvis: " + damaged, true },
+        { u"beskadiget genbrugt", { stored({ 0 }) }, "Ringe: " + reused + "; " + damaged, true },
+    };
+    std::uint64_t number = 20;
+    for (const auto& row : cases) {
+        image.put(number, named(row.name, row.attributes, false));
+        if (row.isDamaged)
+            image.bytes()[image.recordOffset(number, 510)] ^= 1;
+        ++number;
+    }
+    const auto disk = parse(image);
+    number = 20;
+    for (const auto& row : cases) {
+        const auto& nodes = disk.volume->root->children();
+        const auto node
+            = std::ranges::find(nodes, number++, [](const auto& child) { return child->fsID; });
+        ASSERT_NE(node, nodes.end()) << row.fate;
+        EXPECT_EQ(fate(**node), "Slettet, " + row.fate) << (*node)->name;
+    }
+    EXPECT_EQ(disk.content("/fri"), content);
+    EXPECT_EQ(disk.content("/kort"), joined({ firstOf(content, 2048), Bytes(2952) }));
+
+    // Files that exist are not measured by the bitmap, and doubts about them are told all the same.
+    image.put(20, named(u"hel", { stored({ 0, 1, 2, 3, 4 }) }));
+    image.put(21, named(u"halv", { shortOf(5000) }));
+    const auto again = parse(image);
+    EXPECT_EQ(fate(again["/hel"]), "Eksisterende, God");
+    EXPECT_EQ(fate(again["/halv"]), "Eksisterende, Delvis: " + missing);
+}
+
+TEST(NTFSAllocationMap, LeavesUnknownWhatCouldNotBeRead)
+{
+    Image image({ .clusterSize = 512, .clusters = 9000 }); // the bitmap has three sectors
+    const auto content = patternBytes(1500);
+    const auto put = [&](std::uint64_t number, std::u16string_view name, std::uint64_t lcn) {
+        image.put(
+            number, named(name, { Image::data({ .runs = { { lcn, 3 } }, .size = 1500 }) }, false));
+    };
+    put(20, u"a", 4000);
+    put(21, u"b", 4095); // its bits lie in two sectors
+    put(22, u"c", 8192);
+    put(23, u"d", 5000);
+    image.markUsed(5000, 1);
+    const auto fates = [&](const std::function<void(DiskSource&)>& damage) {
+        auto source = image.source();
+        damage(*source);
+        const auto disk = parse(std::move(source));
+        std::string fates;
+        for (const auto* path : { "/a", "/b", "/c", "/d" })
+            fates += std::string(label(disk[path].recoverability)) + " ";
+        return fates;
+    };
+    const std::uint64_t bitmap = image.offsetOf(image.bitmapLCN());
+    EXPECT_EQ(fates([](DiskSource&) {}), "God God God Ringe ");
+    EXPECT_EQ(fates([&](DiskSource& source) {
+        source.addSimulatedBadRange({ bitmap + 512, bitmap + 513 });
+    }),
+        "God Ukendt God Ukendt ");
+    EXPECT_EQ(fates([&](DiskSource& source) {
+        source.addSimulatedBadRange({ image.recordOffset(6), image.recordOffset(7) });
+    }),
+        "Ukendt Ukendt Ukendt Ukendt ");
+}

@@ -1,0 +1,99 @@
+#include "Tests/VintrelCore/FileSystems/NTFS/NTFSTestVolume.h"
+#include "VintrelCore/Scanning/QuickScan.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+using namespace NTFSTestVolume;
+
+TEST(NTFSMFT, IsFoundByItsCopyToo)
+{
+    const std::string mirrorNote = "$MFT-posten var beskadiget – $MFTMirr blev brugt.";
+    const std::string fixupNote = "$MFT-posten har fejl i opdateringssekvensen.";
+    const struct {
+        const char* what;
+        std::function<void(Image&)> damage;
+        std::optional<std::vector<std::string>> notes; ///< none: no volume
+    } cases[] = {
+        { "sound", [](Image&) {}, std::vector<std::string> {} },
+        { "record gone", [](Image& image) { image.write(image.recordOffset(0), Bytes(1024)); },
+            { { mirrorNote } } },
+        { "a sector of the record is older",
+            [](Image& image) { image.bytes()[image.recordOffset(0, 510)] ^= 1; },
+            { { fixupNote } } },
+        { "both gone",
+            [](Image& image) {
+                image.write(image.recordOffset(0), Bytes(1024));
+                image.write(image.offsetOf(image.mirrorLCN()), Bytes(1024));
+            },
+            std::nullopt },
+    };
+    for (const auto& [what, damage, notes] : cases) {
+        Image image;
+        image.putFile(20, root, u"fil", bytesOf("x"));
+        damage(image);
+        const auto source = image.source();
+        const auto result = QuickScanner::run(*source, nullptr);
+        EXPECT_EQ(result.volumes.size(), notes ? 1u : 0u) << what;
+        if (notes && !result.volumes.empty()) {
+            EXPECT_EQ(result.volumes[0]->notes, *notes) << what;
+            EXPECT_EQ(result.volumes[0]->root->totals().files, 1u) << what;
+        }
+    }
+}
+
+TEST(NTFSMFT, IsReadAcrossItsPieces)
+{
+    // Clusters smaller than records, and pieces of odd length: records lie across them.
+    Image pieces({ .clusterSize = 512,
+        .clusters = 900,
+        .records = 40,
+        .mft = { { 16, 45 }, { 100, 7 }, { 110, 28 } } });
+    // Extension records of the MFT, one of which lies in the piece that the other one describes.
+    Image chained({ .clusterSize = 512,
+        .clusters = 900,
+        .records = 60,
+        .mft = { { 16, 48 }, { 100, 40 }, { 200, 32 } } });
+    const auto list = Image::listContent(
+        { { 0x80, { 0, 1 } }, { 0x80, { 30, 1 }, 88 }, { 0x80, { 20, 1 }, 48 } });
+    chained.put(20,
+        { .base = { 0, 1 },
+            .attributes = { Image::data({ .runs = { { 100, 40 } }, .startVCN = 48 }) } });
+    chained.put(30,
+        { .base = { 0, 1 },
+            .attributes = { Image::data({ .runs = { { 200, 32 } }, .startVCN = 88 }) } });
+    chained.put(0,
+        { .attributes = { Image::attribute(0x20, list),
+              Image::data({ .runs = { { 16, 48 } }, .size = 61'440 }) } });
+    for (auto* image : { &pieces, &chained }) {
+        for (const std::uint64_t number : { 21u, 22u, 23u, 25u, 26u, 38u, 39u })
+            image->putFile(number, root,
+                u"fil " + std::u16string(1, static_cast<char16_t>(u'A' + number)), bytesOf("x"));
+        const auto disk = parse(*image);
+        EXPECT_EQ(disk.volume->root->totals().files, 7u) << disk.names();
+        for (const auto& node : disk.volume->root->children())
+            EXPECT_EQ(fate(*node), "Eksisterende, God");
+    }
+}
+
+TEST(NTFSMFT, EndsWhereItClaimsMoreThanTheSource)
+{
+    const std::uint64_t longest = (std::uint64_t { 1 } << 40) - 1;
+    const std::uint64_t exabytes = std::uint64_t { 1 } << 62;
+    const std::vector<Image::Data> claims {
+        { .runs = { { 16, 64 }, { std::nullopt, longest }, { std::nullopt, longest }, { 16, 1 } },
+            .size = exabytes },
+        { .runs = { { 16, 64 }, { 16, longest } }, .size = exabytes },
+        { .runs = RunList(100, { 16, 500 }), .size = exabytes },
+        { .runs = { { 16, 64 } }, .size = exabytes },
+    };
+    for (const auto& claim : claims) {
+        Image image;
+        image.putFile(20, root, u"fil", bytesOf("x"));
+        image.put(0, { .attributes = { Image::data(claim) } });
+        const auto disk = parse(image);
+        EXPECT_EQ(disk.content("/fil"), bytesOf("x"));
+        EXPECT_LT(disk.source->bytesRead(), 3 * image.bytes().size());
+    }
+}
