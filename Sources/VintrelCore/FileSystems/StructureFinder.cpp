@@ -148,7 +148,7 @@ bool StructureFinder::findHFSHeader(const SweptSector& swept)
 
 bool StructureFinder::findAPFSSuperblock(const SweptSector& swept)
 {
-    if (!swept.sector().matches("NXSB", 32))
+    if (!APFSParser::probe(swept.sector()))
         return false;
     result_.nxsb.push_back(swept.offset);
     apfsAlignments_.insert(swept.offset % apfsBlockSize);

@@ -12,11 +12,6 @@ namespace {
 
 constexpr FileSystemType types[] = { FileSystemType::apfs };
 
-std::optional<FileSystemType> probe(ByteView head)
-{
-    return head.matches("NXSB", 32) ? std::optional(FileSystemType::apfs) : std::nullopt;
-}
-
 VolumeList load(const LoadRequest& request)
 {
     return APFSParser::parse(request.source, request.offset, request.origin, request.progress);
@@ -65,7 +60,7 @@ std::vector<ExtraFolder> findLostFolders(DiskSource& source, const VolumeList& v
 
 const FileSystemReader apfsReader {
     .types = types,
-    .probe = probe,
+    .probe = APFSParser::probe,
     .load = load,
     .quickScanNote = {},
     .startByBackup = nullptr,

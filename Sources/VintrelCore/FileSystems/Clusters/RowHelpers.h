@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
+#include "VintrelCore/FileSystems/Clusters/DirectoryHints.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/LostVolumeSearch.h"
 #include "VintrelCore/Model/WorkProgress.h"
