@@ -53,6 +53,7 @@ void HFSPlusFileTree::build(FileNode& root) const
 {
     auto nodes = makeNodes();
     std::vector<FileNode*> folders; // by entry; none for what cannot hold others
+    folders.reserve(nodes.size());
     for (const auto& node : nodes)
         folders.push_back(node && node->isDirectory() ? node.get() : nullptr);
     const auto links = linksBetween(folders);

@@ -134,6 +134,17 @@ TEST(APFS, TheNewestUsableCheckpointCounts)
     EXPECT_EQ(parse(image).names(), " /før");
 }
 
+TEST(APFS, CheckpointsOfAnEarlierContainerListNothing)
+{
+    APFSImage image({});
+    image.commit({ { image.file({ .id = 20, .parent = 2, .name = "før" }) } });
+    const auto earlier = image.superblock();
+    image.commit({ { image.file({ .id = 21, .parent = 2, .name = "nu" }) } });
+    putLE(image.bytes(), image.offsetOf(earlier) + 72, 43, 8); // another UUID
+    image.sign(earlier);
+    EXPECT_EQ(parse(image).names(), " /nu");
+}
+
 TEST(APFS, ObjectMapsGiveTheNewestVersionThatIsAllowed)
 {
     APFSImage image({});
@@ -518,6 +529,26 @@ TEST(APFS, TreesThatShareNodesAreReadWithinABound)
     ASSERT_TRUE(disk.volume);
     EXPECT_LT(disk.source->bytesRead(),
         readsPerBlock * blocks * static_cast<std::uint64_t>(DiskSource::chunkSize));
+}
+
+TEST(APFS, FilesThatShareExtentsHaveNoMoreOfThemThanADiskHasRoomFor)
+{
+    APFSImage image({});
+    const auto block = image.store(patternBytes(blockSize));
+    Leaf records;
+    constexpr std::uint64_t extents = 200, files = 1000;
+    for (std::uint64_t i = 0; i < extents; ++i) // no two of which can be joined
+        records.push_back(APFSImage::extent(16, i * blockSize, blockSize, block));
+    for (std::uint64_t id = 100; id < 100 + files; ++id)
+        records.push_back(APFSImage::inode({ .id = id,
+            .parent = 2,
+            .name = std::to_string(id),
+            .size = extents * blockSize,
+            .privateID = 16 }));
+    image.commit(APFSImage::split(records, 15));
+    const auto disk = parse(image);
+    EXPECT_EQ(disk["/100"].recoverability, Recoverability::good);
+    EXPECT_EQ(chance(disk["/1099"]), "Ringe: For mange filer deler de samme blokke");
 }
 
 TEST(APFS, AContainerIsToldByTheMagicOfItsFirstBlock)
