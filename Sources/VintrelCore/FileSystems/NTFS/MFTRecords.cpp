@@ -88,8 +88,9 @@ void MFTRecords::finish()
     if (std::ranges::is_sorted(entries_, std::ranges::less_equal {}, &Entry::number))
         return;
     std::ranges::stable_sort(entries_, {}, &Entry::number);
-    const auto repeated = std::ranges::unique(entries_, {}, &Entry::number);
-    entries_.erase(repeated.begin(), repeated.end());
+    const auto repeated = std::unique(entries_.begin(), entries_.end(),
+        [](const Entry& one, const Entry& other) { return one.number == other.number; });
+    entries_.erase(repeated, entries_.end());
 }
 
 void MFTRecords::mergeExtensions(MFTRecord& record)

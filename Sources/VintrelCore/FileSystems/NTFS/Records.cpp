@@ -289,11 +289,18 @@ namespace NTFSParser {
 
 bool looksLikeRecord(ByteView bytes, std::int64_t at)
 {
+    // Records of the two sizes that systems make: the update sequence right behind the header, with
+    // a number for each sector and one of its own, then the attributes in the first sector.
+    constexpr std::uint16_t minAttribute = sizeof(RecordHeader), maxAttribute = sectorSize - 1;
+    constexpr std::uint16_t minUpdates = 2, maxUpdates = 9;
+    constexpr std::uint32_t usualSize = 1024, largeSize = 4096;
     const auto header = bytes.load<RecordHeader>(at);
     return header && bytes.matches(signature, at)
-        && (header->updateOffset == 42 || header->updateOffset == 48) && header->updateCount >= 2
-        && header->updateCount <= 9 && header->firstAttribute >= 48 && header->firstAttribute <= 511
-        && (header->bytesAllocated == 1024 || header->bytesAllocated == 4096);
+        && (header->updateOffset == offsetof(RecordHeader, padding)
+            || header->updateOffset == sizeof(RecordHeader))
+        && header->updateCount >= minUpdates && header->updateCount <= maxUpdates
+        && header->firstAttribute >= minAttribute && header->firstAttribute <= maxAttribute
+        && (header->bytesAllocated == usualSize || header->bytesAllocated == largeSize);
 }
 
 std::optional<RecordIdentity> identityOfRecord(ByteView header)
