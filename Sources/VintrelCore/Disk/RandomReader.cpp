@@ -51,7 +51,7 @@ ByteView RandomReader::stretch(std::uint64_t position)
     if (position >= size_ || isExhausted())
         return {};
     const std::uint64_t absolute = start_ + position;
-    if (!comeNear(absolute) && !fetch(absolute))
+    if (!serveFromMemory(absolute) && !fetch(absolute))
         return {};
     return near_.span().subspan(static_cast<std::size_t>(absolute - nearOffset_));
 }
@@ -106,8 +106,9 @@ void RandomReader::read(std::uint64_t position, std::span<std::uint8_t> into)
     std::ranges::fill(into, std::uint8_t { 0 });
 }
 
-/// Whether the byte is in memory already.
-bool RandomReader::comeNear(std::uint64_t absolute)
+/// Makes what is in memory around a byte the place that reads are served from. False when it is not
+/// in memory.
+bool RandomReader::serveFromMemory(std::uint64_t absolute)
 {
     if (contains(nearOffset_, near_, absolute))
         return true;

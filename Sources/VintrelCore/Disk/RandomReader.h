@@ -110,7 +110,7 @@ private:
     };
 
     void read(std::uint64_t position, std::span<std::uint8_t> into);
-    bool comeNear(std::uint64_t absolute);
+    bool serveFromMemory(std::uint64_t absolute);
     bool fetch(std::uint64_t absolute);
 
     DiskSource& source_;
