@@ -198,6 +198,85 @@ TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
     }
 }
 
+namespace {
+
+/// A FAT16 card on which folders "T", in it "N", and a cluster with more entries are left, and no
+/// entry in the root leads to them. "N" is full, and the cluster lies behind the content of its
+/// last file.
+struct CardWithContinuation {
+    FATImage image { {} };
+    std::uint32_t split = image.addFolder(FATImage::root, { .name = "PAR        " }, 2);
+    std::uint32_t top = image.addFolder(FATImage::root, { .name = "T          " });
+    std::uint32_t inner = image.addFolder(top, { .name = "N          " });
+
+    CardWithContinuation()
+    {
+        for (int i = 10; i < 27; ++i) // fourteen in the first cluster, three in the second
+            image.addEntry(split, { .name = "X" + std::to_string(i) + "     TXT" });
+        erase(image.bytes(), image.offsetOf(split), image.offsetOf(split + 1));
+        for (int i = 10; i < 23; ++i)
+            image.addEntry(inner, { .name = "N" + std::to_string(i) + "     TXT" });
+        image.addEntry(inner, { .name = "SIDST   TXT", .cluster = split, .size = 100 });
+        image.addEntry(top, { .name = "FIL     TXT" });
+        image.setFAT(inner, 0); // no chain says where it continues
+        erase(image.bytes(), image.entryOffset(FATImage::root, 0),
+            image.entryOffset(FATImage::root, 16));
+    }
+};
+
+} // namespace
+
+TEST(LostFragments, WhatMayContinueADirectoryWaitsForIt)
+{
+    const CardWithContinuation card;
+    const Found found(card.image.bytes());
+    EXPECT_EQ(found.count(fragments + "/N/X24.TXT", {}), 1);
+    EXPECT_EQ(found.count("/X24.TXT", {}), 1) << "and stands nowhere else";
+}
+
+TEST(LostFragments, WhatAnEntryLeadsToInVainIsReadByItsContent)
+{
+    CardWithContinuation card;
+    auto& image = card.image;
+    image.addEntry(card.top,
+        { .name = "\xE5"
+                  "AMMEL     ",
+            .attributes = 0x10,
+            .cluster = card.split + 1 });
+    erase(image.bytes(), image.offsetOf(card.inner), image.offsetOf(card.inner + 1));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count(fragments + "/X24.TXT", {}), 1);
+}
+
+TEST(LostFragments, FoldersThatTheVolumeListsAreNotListedAgain)
+{
+    FATImage image({});
+    const auto live = image.addFolder(FATImage::root, { .name = "LEVENDE    " });
+    image.addFile(live, { .name = "HER     TXT" }, patternBytes(700));
+    const auto lost = image.addFolder(FATImage::root, { .name = "TABT       " });
+    image.addEntry(lost, { .name = "SAMME      ", .attributes = 0x10, .cluster = live });
+    image.addFile(lost, { .name = "DER     TXT" }, patternBytes(800));
+    image.write(image.entryOffset(FATImage::root, 1), bytesOf("?"));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count("/HER.TXT", patternBytes(700)), 1);
+    EXPECT_EQ(found.count(fragments + "/DER.TXT", patternBytes(800)), 1);
+}
+
+TEST(LostFragments, FoldersNamedBehindASplitSetHangBelowTheirNames)
+{
+    ExFATImage image({ .clusters = 300 });
+    const auto inner = image.addFolder(image.root(), { .name = u"Flyttet" }); // lies in front
+    image.addFile(inner, { .name = u"dyb" }, patternBytes(900));
+    const auto outer = image.addFolder(image.root(), { .name = u"Ydre" }, 2);
+    for (char16_t letter = u'a'; letter < u'g'; ++letter) // the last one is split
+        image.addFile(outer, { .name = { letter } }, patternBytes(600, letter));
+    image.addSet(outer, { .name = u"Indre", .attributes = 0x10, .cluster = inner, .size = 512 });
+    image.write(0, std::span(ExFATImage({ .clusters = 300 }).bytes()).first(image.offsetOf(inner)));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count(fragments + "/f", patternBytes(600, u'f')), 1);
+    EXPECT_EQ(found.count(fragments + "/Indre/dyb", patternBytes(900)), 1);
+}
+
 TEST(LostFragments, EXFATSectorsAreKnownByTheirSets)
 {
     ExFATImage image;
@@ -299,6 +378,55 @@ TEST(LostHeaps, AFixedRootIsReadFromTheFirstOfItsSectorsThatIsLeft)
             << i;
     EXPECT_EQ(found.count("/ET/INDE.TXT", patternBytes(700)), 1);
     EXPECT_EQ(found.count(fragments + "/INDE.TXT", patternBytes(700)), 0);
+}
+
+TEST(LostHeaps, ExFATRootsAreKnownByTheBitmap)
+{
+    ExFATImage image;
+    for (const char16_t* name : { u"Et", u"To" }) {
+        const auto folder = image.addFolder(image.root(), { .name = name });
+        image.addFile(folder, { .name = u"inde" }, patternBytes(700));
+    }
+    erase(image.bytes(), 0, image.offsetOf(image.root()));
+    const Found found(image.bytes());
+    ASSERT_EQ(found.volumes.size(), 1u);
+    EXPECT_EQ(found.volumes[0]->title(), "KORT (exFAT)");
+    EXPECT_EQ(found.count("/Et/inde", patternBytes(700)), 1);
+    EXPECT_EQ(found.count(fragments + "/Et/inde", patternBytes(700)), 0);
+}
+
+TEST(LostHeaps, DirectoriesBelongToTheVolumeThatHasMostOfTheirFolders)
+{
+    // Formatted again with larger clusters. Where the new volume would have the first folder, the
+    // old one has the last one.
+    ExFATImage image({ .clusters = 400 });
+    const ExFATImage fresh({ .clusters = 200, .clusterShift = 1 });
+    image.addFile(image.root(), { .name = u"fyld" }, Bytes(8192));
+    const auto outer = image.addFolder(image.root(), { .name = u"Ydre" });
+    const auto other = image.addFolder(image.root(), { .name = u"Anden" });
+    std::map<std::string, std::uint32_t> folders;
+    const auto add = [&](std::uint32_t parent, char16_t letter) {
+        const auto folder = image.addFolder(parent, { .name = { letter } });
+        folders["/" + std::string(1, static_cast<char>(letter)) + "/inde"] = folder;
+        return folder;
+    };
+    const auto first = add(outer, u'a');
+    for (const char16_t letter : { u'b', u'c' })
+        add(outer, letter);
+    for (const char16_t letter : { u'd', u'e' })
+        add(other, letter);
+    const auto meant = (fresh.offsetOf(first) - image.offsetOf(2)) / 512 + 2;
+    image.allocate(meant - first - 5, true);
+    ASSERT_EQ(add(outer, u'f'), meant);
+    for (const auto& [path, folder] : folders)
+        image.addFile(folder, { .name = u"inde" }, patternBytes(600, folder));
+    image.write(0, std::span(fresh.bytes()).first(image.offsetOf(outer)));
+
+    const Found found(image.bytes());
+    EXPECT_EQ(found.volumes.size(), 2u);
+    EXPECT_EQ(found.files.size(), folders.size());
+    for (const auto& [path, folder] : folders)
+        EXPECT_EQ(found.count(fragments + path, patternBytes(600, folder)), 1) << path;
 }
 
 /// A card that tools make, format again, and wipe.
