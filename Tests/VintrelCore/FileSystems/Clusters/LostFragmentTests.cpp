@@ -1,57 +1,17 @@
 // Directories that nothing leads to any more: after a quick format, and where boot sector and FAT
 // are gone.
 
-#include "Tests/Images/CarvedFile.h"
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Images/FATImage.h"
+#include "Tests/Support/DeepScan.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
-#include "VintrelCore/FileSystems/FAT/Parser.h"
-#include "VintrelCore/Recovery/FileReader.h"
-#include "VintrelCore/Scanning/Scanner.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
 
 namespace {
-
-/// Everything that a deep scan lists of a source but carved files, path by path: one content for
-/// each file there.
-struct Found {
-    explicit Found(DiskSource& source, bool carve = false)
-    {
-        volumes = QuickScanner::run(source, nullptr).volumes;
-        const auto result = DeepScanner(source, { .carve = carve }).run(nullptr);
-        for (auto& volume : DeepScanner::buildVolumes(source, result, volumes, nullptr))
-            volumes.push_back(std::move(volume));
-        for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, result, nullptr))
-            volume->root->add(std::move(folder));
-        for (const auto& volume : volumes)
-            for (const auto* file : volume->root->allFiles())
-                files.emplace(file->path(), FileReader::readPrefix(*file, source, 1_MiB));
-    }
-    explicit Found(const Bytes& bytes, bool carve = false)
-        : Found(*makeSource(bytes), carve)
-    {
-    }
-
-    /// How many files have a path that ends so, and this content; those with another content spoil
-    /// it.
-    int count(const std::string& pathEnd, const Bytes& content) const
-    {
-        int count = 0;
-        for (const auto& [path, bytes] : files)
-            if (path.ends_with(pathEnd))
-                count += bytes == content ? 1 : 100;
-        return count;
-    }
-
-    VolumeList volumes;
-    std::multimap<std::string, Bytes> files;
-};
-
-const std::string fragments = "/$Tabte mappefragmenter";
 
 /// A folder in the root, one in that, and a file in each: patterns of the name's number. Clusters
 /// of 512 bytes.
@@ -67,12 +27,6 @@ FATImage cardWithFolders(FileSystemType type, std::uint32_t sectorsPerCluster, s
     image.addFile(inner, { .name = "B       TXT" }, patternBytes(6000, seed + 1));
     image.addFile(inner, { .name = "C       TXT" }, patternBytes(100, seed + 2));
     return image;
-}
-
-void erase(Bytes& bytes, std::uint64_t from, std::uint64_t to)
-{
-    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(from),
-        bytes.begin() + static_cast<std::ptrdiff_t>(to), std::uint8_t { 0 });
 }
 
 } // namespace
@@ -155,7 +109,7 @@ TEST(LostFragments, FATDirectoriesHangBelowTheirNames)
     EXPECT_EQ(found.count(fragments + "/B.TXT", patternBytes(800)), 1);
 }
 
-TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
+TEST(LostFragments, ExFATDirectoriesHangBelowTheirNames)
 {
     const ExFATImage::Options options { .clusters = 300 };
     for (const bool hasFormatted :
@@ -234,6 +188,38 @@ TEST(LostFragments, WhatMayContinueADirectoryWaitsForIt)
     EXPECT_EQ(found.count("/X24.TXT", {}), 1) << "and stands nowhere else";
 }
 
+TEST(LostFragments, DirectoriesContinueWhereTheContentBehindTheirsIsNamed)
+{
+    CardWithContinuation card;
+    auto& image = card.image;
+    const auto content = card.split + 50;
+    putLE(image.bytes(), image.entryOffset(card.inner, 15) + 26, content, 2); // of the last entry
+    putLE(image.bytes(), image.offsetOf(card.split + 1) + 26, content + 1, 2);
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count(fragments + "/N/X25.TXT", {}), 1);
+}
+
+TEST(LostFragments, DirectoriesContinueWhereTheRestOfASplitNameIs)
+{
+    FATImage image({});
+    const auto folder = image.addFolder(FATImage::root, { .name = "TABT       " }, 2);
+    for (int i = 10; i < 23; ++i)
+        image.addEntry(folder, { .name = "F" + std::to_string(i) + "     TXT" });
+    image.addEntry(folder, { .name = "ETNAVN~1TXT", .longName = u"Et navn i to stykker.txt" });
+    image.addEntry(folder, { .name = "SIDST   TXT" });
+    const auto moved = image.addFile(FATImage::root, { .name = "X          " }, Bytes(512));
+    const auto part = std::span(image.bytes()).subspan(image.offsetOf(folder + 1), 512);
+    image.write(image.offsetOf(moved), Bytes(part.begin(), part.end()));
+    image.write(image.offsetOf(folder + 1), Bytes(512, 0xEE));
+    for (const auto cluster : { folder, folder + 1, moved })
+        image.setFAT(cluster, 0);
+    erase(
+        image.bytes(), image.entryOffset(FATImage::root, 0), image.entryOffset(FATImage::root, 16));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count(fragments + "/Et navn i to stykker.txt", {}), 1);
+    EXPECT_EQ(found.count(fragments + "/SIDST.TXT", {}), 1);
+}
+
 TEST(LostFragments, WhatAnEntryLeadsToInVainIsReadByItsContent)
 {
     CardWithContinuation card;
@@ -277,7 +263,7 @@ TEST(LostFragments, FoldersNamedBehindASplitSetHangBelowTheirNames)
     EXPECT_EQ(found.count(fragments + "/Indre/dyb", patternBytes(900)), 1);
 }
 
-TEST(LostFragments, EXFATSectorsAreKnownByTheirSets)
+TEST(LostFragments, ExFATSectorsAreKnownByTheirSets)
 {
     ExFATImage image;
     const auto folder = image.addFolder(image.root(), { .name = u"mappe" });
@@ -293,144 +279,8 @@ TEST(LostFragments, EXFATSectorsAreKnownByTheirSets)
     EXPECT_FALSE(ExFATParser::looksLikeDirectorySector(sector));
 }
 
-namespace {
-
-std::u16string numbered(int number)
-{
-    return u"foto" + std::u16string(1, static_cast<char16_t>('0' + number));
-}
-
-/// Photographs of a card, of which only the sectors behind a byte are left: no directory in them
-/// says where it lies, and none names another one.
-template <class Image> struct BarePhotographs {
-    Image image;
-    std::uint64_t firstByte = 0;
-    std::vector<Bytes> contents {};
-
-    explicit BarePhotographs(const Image& empty)
-        : image(empty)
-    {
-        for (std::size_t i = 0; i < 4; ++i)
-            contents.push_back(jpegFile({}, 2000 + 700 * i));
-    }
-};
-
-} // namespace
-
-TEST(LostHeaps, FATClustersLieWhereThePhotographsThatADirectoryNamesAre)
-{
-    BarePhotographs card(FATImage({ .type = FileSystemType::fat16, .sectorsPerCluster = 2 }));
-    auto& image = card.image;
-    const auto folder = image.addFolder(FATImage::root, { .name = "DCIM       " }, 2);
-    for (int i = 0; i < 30; ++i)
-        image.addEntry(folder, { .name = "FYLD" + std::to_string(10 + i) + "  TXT" });
-    for (std::size_t i = 0; i < card.contents.size(); ++i)
-        image.addFile(folder, { .name = "FOTO" + std::to_string(i) + "   JPG" }, card.contents[i]);
-    erase(image.bytes(), 0, image.offsetOf(folder + 1));
-
-    const Found found(image.bytes(), true);
-    ASSERT_EQ(found.volumes.size(), 1u);
-    EXPECT_EQ(found.volumes[0]->offset, image.offsetOf(2));
-    EXPECT_EQ(found.volumes[0]->clusterSize, 1024u);
-    for (std::size_t i = 0; i < card.contents.size(); ++i)
-        EXPECT_EQ(found.count("/FOTO" + std::to_string(i) + ".JPG", card.contents[i]), 1) << i;
-    EXPECT_TRUE(Found(image.bytes()).volumes.empty()) << "nothing but the photographs tells";
-}
-
-TEST(LostHeaps, ExFATClustersLieWhereThePhotographsThatADirectoryNamesAre)
-{
-    BarePhotographs card(ExFATImage({ .clusterShift = 1 }));
-    auto& image = card.image;
-    const auto folder = image.addFolder(image.root(), { .name = u"DCIM" });
-    for (std::size_t i = 0; i < card.contents.size(); ++i)
-        image.addFile(folder, { .name = numbered(static_cast<int>(i)) }, card.contents[i]);
-    erase(image.bytes(), 0, image.offsetOf(folder));
-
-    const Found found(image.bytes(), true);
-    ASSERT_EQ(found.volumes.size(), 1u);
-    EXPECT_EQ(found.volumes[0]->offset, image.offsetOf(2));
-    EXPECT_EQ(found.volumes[0]->clusterSize, 1024u);
-    for (std::size_t i = 0; i < card.contents.size(); ++i)
-        EXPECT_EQ(found.count("/foto" + std::to_string(i), card.contents[i]), 1) << i;
-    EXPECT_TRUE(Found(image.bytes()).volumes.empty()) << "nothing but the photographs tells";
-}
-
-TEST(LostHeaps, AFixedRootIsReadFromTheFirstOfItsSectorsThatIsLeft)
-{
-    constexpr std::size_t entriesInSector = 16;
-    FATImage image({ .type = FileSystemType::fat16 });
-    for (std::size_t i = 0; i < 2 * entriesInSector; ++i)
-        image.addFile(FATImage::root, { .name = "FIL" + std::to_string(10 + i) + "   TXT" },
-            patternBytes(600, static_cast<std::uint32_t>(i)));
-    for (const char* name : { "ET         ", "TO         " }) {
-        const auto folder = image.addFolder(FATImage::root, { .name = name });
-        image.addFile(folder, { .name = "INDE    TXT" }, patternBytes(700));
-    }
-    image.addEntry(FATImage::root, { .name = "TOM     TXT" }); // three entries pass for a directory
-    erase(image.bytes(), 0, image.entryOffset(FATImage::root, entriesInSector));
-
-    const Found found(image.bytes());
-    ASSERT_EQ(found.volumes.size(), 1u);
-    for (std::size_t i = entriesInSector; i < 2 * entriesInSector; ++i)
-        EXPECT_EQ(found.count("/FIL" + std::to_string(10 + i) + ".TXT",
-                      patternBytes(600, static_cast<std::uint32_t>(i))),
-            1)
-            << i;
-    EXPECT_EQ(found.count("/ET/INDE.TXT", patternBytes(700)), 1);
-    EXPECT_EQ(found.count(fragments + "/INDE.TXT", patternBytes(700)), 0);
-}
-
-TEST(LostHeaps, ExFATRootsAreKnownByTheBitmap)
-{
-    ExFATImage image;
-    for (const char16_t* name : { u"Et", u"To" }) {
-        const auto folder = image.addFolder(image.root(), { .name = name });
-        image.addFile(folder, { .name = u"inde" }, patternBytes(700));
-    }
-    erase(image.bytes(), 0, image.offsetOf(image.root()));
-    const Found found(image.bytes());
-    ASSERT_EQ(found.volumes.size(), 1u);
-    EXPECT_EQ(found.volumes[0]->title(), "KORT (exFAT)");
-    EXPECT_EQ(found.count("/Et/inde", patternBytes(700)), 1);
-    EXPECT_EQ(found.count(fragments + "/Et/inde", patternBytes(700)), 0);
-}
-
-TEST(LostHeaps, DirectoriesBelongToTheVolumeThatHasMostOfTheirFolders)
-{
-    // Formatted again with larger clusters. Where the new volume would have the first folder, the
-    // old one has the last one.
-    ExFATImage image({ .clusters = 400 });
-    const ExFATImage fresh({ .clusters = 200, .clusterShift = 1 });
-    image.addFile(image.root(), { .name = u"fyld" }, Bytes(8192));
-    const auto outer = image.addFolder(image.root(), { .name = u"Ydre" });
-    const auto other = image.addFolder(image.root(), { .name = u"Anden" });
-    std::map<std::string, std::uint32_t> folders;
-    const auto add = [&](std::uint32_t parent, char16_t letter) {
-        const auto folder = image.addFolder(parent, { .name = { letter } });
-        folders["/" + std::string(1, static_cast<char>(letter)) + "/inde"] = folder;
-        return folder;
-    };
-    const auto first = add(outer, u'a');
-    for (const char16_t letter : { u'b', u'c' })
-        add(outer, letter);
-    for (const char16_t letter : { u'd', u'e' })
-        add(other, letter);
-    const auto meant = (fresh.offsetOf(first) - image.offsetOf(2)) / 512 + 2;
-    image.allocate(meant - first - 5, true);
-    ASSERT_EQ(add(outer, u'f'), meant);
-    for (const auto& [path, folder] : folders)
-        image.addFile(folder, { .name = u"inde" }, patternBytes(600, folder));
-    image.write(0, std::span(fresh.bytes()).first(image.offsetOf(outer)));
-
-    const Found found(image.bytes());
-    EXPECT_EQ(found.volumes.size(), 2u);
-    EXPECT_EQ(found.files.size(), folders.size());
-    for (const auto& [path, folder] : folders)
-        EXPECT_EQ(found.count(fragments + path, patternBytes(600, folder)), 1) << path;
-}
-
 /// A card that tools make, format again, and wipe.
-TEST(LostFragments, ToolMadeCardsComeBack)
+TEST(LostFragments, FilesOfToolMadeCardsComeBackAfterFormattingAndWiping)
 {
     setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
     if (!hasProgram("mkfs.fat") || !hasProgram("mcopy"))
