@@ -314,7 +314,8 @@ TEST_F(FailingDisk, IsLeftInShortLeapsAgainBehindWhatReadsWell)
     // The first pass leaps over the third and the twelfth MiB, and the second one reads them.
     const auto offsets = readOffsets();
     std::size_t number = 0;
-    for (const std::uint64_t offset : { 0, 1, 3, 4, 5, 6, 7, 8, 9, 10, 12, 13, 14, 15, 2, 11 })
+    for (const std::uint64_t offset :
+        { 0u, 1u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 10u, 12u, 13u, 14u, 15u, 2u, 11u })
         EXPECT_EQ(offsets.at(number++), offset * 1_MiB);
 }
 

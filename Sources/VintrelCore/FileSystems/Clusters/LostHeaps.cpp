@@ -1,7 +1,7 @@
 #include "VintrelCore/FileSystems/Clusters/LostHeaps.h"
 
-#include "VintrelCore/Carving/Carver.h"
 #include "VintrelCore/FileSystems/Clusters/HeapVotes.h"
+#include "VintrelCore/Model/CarvedFile.h"
 #include "VintrelCore/Model/FileNode.h"
 
 #include <algorithm>
