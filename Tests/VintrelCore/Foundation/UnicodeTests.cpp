@@ -69,10 +69,10 @@ TEST(Unicode, NothingPrintedDrivesTheTerminal)
 {
     const std::pair<std::string_view, std::string_view> cases[] = {
         { "Æblegrød \U0001F34E (1).txt", "Æblegrød \U0001F34E (1).txt" },
-        { "a\nb\tc\rd", "a\\nb\\tc\\rd" }, { "\x1B[2J\x07\x7F", "\\x1B[2J\\x07\\x7F" },
-        { "\u009B2J", "\\x9B2J" }, // and the 8-bit form of ESC [
+        { "a\nb\tc\rd", R"(a\nb\tc\rd)" }, { "\x1B[2J\x07\x7F", R"(\x1B[2J\x07\x7F)" },
+        { "\u009B2J", R"(\x9B2J)" }, // and the 8-bit form of ESC [
         { "\u061C\u200E\u200F\u202A\u202E\u2066\u2069\u2028\u2029",
-            "\\u061C\\u200E\\u200F\\u202A\\u202E\\u2066\\u2069\\u2028\\u2029" },
+            R"(\u061C\u200E\u200F\u202A\u202E\u2066\u2069\u2028\u2029)" },
         { "a\x9B[2J", "a\uFFFD[2J" }, // a broken byte must not become one in an 8-bit terminal
     };
     for (const auto& [text, expected] : cases)

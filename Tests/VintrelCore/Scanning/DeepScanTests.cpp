@@ -27,7 +27,7 @@ public:
         const auto entries
             = card.bytes().begin() + static_cast<std::ptrdiff_t>(card.offsetOf(folder));
         write(18 * 512, Bytes(entries, entries + 512));
-        const auto header = ByteView(headerBlock).sub(1'024, 64).span();
+        const auto header = ByteView(headerBlock_).sub(1'024, 64).span();
         write(1 * 512, header); // no room for a volume in front of it
         write(22 * 512, header);
         putLE(bytes_, 31 * 512 + 24, 1, 4);
@@ -63,7 +63,7 @@ private:
             APFSParser::fletcher64(ByteView(bytes_).sub(static_cast<std::int64_t>(at), 4'096)), 8);
     }
 
-    const Bytes headerBlock = volumeStart(FileSystemType::hfsplus);
+    const Bytes headerBlock_ = volumeStart(FileSystemType::hfsplus);
 };
 
 Offsets sectors(const Offsets& offsets)

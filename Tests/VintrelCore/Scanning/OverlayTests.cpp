@@ -8,12 +8,11 @@
 namespace {
 
 std::unique_ptr<Volume> volumeWith(
-    FileSystemType type, std::vector<std::pair<std::string, FileData>> files)
+    FileSystemType type, const std::vector<std::pair<std::string, FileData>>& files)
 {
     auto root = FileNode::makeFolder("", EntryStatus::existing);
-    for (auto& [name, data] : files)
-        root->add(FileNode::makeFile(
-            name, 1, EntryStatus::existing, Recoverability::good, std::move(data)));
+    for (const auto& [name, data] : files)
+        root->add(FileNode::makeFile(name, 1, EntryStatus::existing, Recoverability::good, data));
     return std::make_unique<Volume>(type, "", 0, 10'000, std::move(root), "");
 }
 
