@@ -31,13 +31,15 @@ enum class Doubt : std::uint8_t {
     reusedClusters,
     partlyReused,
     fewReusedClusters,
-    unknownAllocation, ///< nobody can say who owns the clusters
+    unknownAllocation,    ///< nobody can say who owns the clusters
+    unreadableAllocation, ///< the same, because what says so of them cannot be read
     // of what the source still is
     beyondSource, ///< some of it lies behind the source's end
     // of the content
     encrypted,
     compressedByHFS,
     compressedByAPFS,
+    onlyInCloud, ///< the disk has the file's name and size alone
     damagedRecord,
     count
 };
@@ -54,7 +56,7 @@ public:
     constexpr bool empty() const { return bits_ == 0; }
 
 private:
-    using Bits = std::uint32_t;
+    using Bits = std::uint64_t;
     static_assert(static_cast<unsigned>(Doubt::count) <= 8 * sizeof(Bits));
     static constexpr Bits bit(Doubt doubt) { return Bits { 1 } << static_cast<unsigned>(doubt); }
 

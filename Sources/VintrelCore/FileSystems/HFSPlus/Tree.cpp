@@ -45,7 +45,8 @@ void HFSPlusFileTree::indexHardLinks()
         if (entry.isFolder || parent == nullptr || !isPrivate(catalog_.nameOf(*parent)))
             continue;
         if (const auto number = inodeNumber(catalog_.nameOf(entry)))
-            linkedFiles_.emplace(*number, &entry);
+            if (auto& known = linkedFiles_[*number]; known == nullptr || entry.isLive)
+                known = &entry;
     }
 }
 
@@ -128,6 +129,7 @@ std::unique_ptr<FileNode> HFSPlusFileTree::makeNode(const Entry& entry) const
 void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
 {
     auto id = entry.id;
+    bool isLive = entry.isLive;
     auto file = catalog_.fileOf(entry);
     if (isHardLink(file)) {
         const auto linked = linkedFiles_.find(file.item.special);
@@ -136,6 +138,7 @@ void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
             return;
         }
         id = linked->second->id;
+        isLive = isLive || linked->second->isLive; // the content outlives a link that was deleted
         file = catalog_.fileOf(*linked->second);
     }
     node.size = file.dataFork.logicalSize;
@@ -146,11 +149,11 @@ void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
     }
     if (node.size == 0 && file.resourceFork.logicalSize != 0)
         node.addNote("Filen har kun en ressourcegren, som ikke gendannes");
-    fillExtents(node, file.dataFork, id, entry.isLive);
+    fillExtents(node, file.dataFork, id, isLive);
 }
 
-/// `isLive`: whether the file is. The extents overflow file describes a deleted file's later pieces
-/// no longer.
+/// `isLive`: whether the content belongs to a file that exists. The extents overflow file describes
+/// a deleted file's later pieces no longer.
 void HFSPlusFileTree::fillExtents(
     FileNode& node, const ForkData& fork, std::uint32_t id, bool isLive) const
 {
@@ -173,5 +176,14 @@ void HFSPlusFileTree::fillExtents(
     else if (remaining > 0)
         judge(node, Doubt::missingLaterExtents);
     else
-        judge(node, doubtsOf(forks_.useOf(stored, node.size), appleReuse));
+        judgeDeleted(node, stored);
+}
+
+/// Without any of the allocation file the volume's note says why nothing is known.
+void HFSPlusFileTree::judgeDeleted(FileNode& node, const HFSPlusExtents& stored) const
+{
+    auto doubts = doubtsOf(forks_.useOf(stored, node.size), appleReuse);
+    if (doubts.has(Doubt::unknownAllocation) && forks_.hasAllocation())
+        doubts.add(Doubt::unreadableAllocation);
+    judge(node, doubts);
 }

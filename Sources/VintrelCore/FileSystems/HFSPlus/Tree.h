@@ -30,6 +30,7 @@ private:
     void fill(FileNode& node, const Entry& entry) const;
     void fillExtents(
         FileNode& node, const HFSPlusFormat::ForkData& fork, std::uint32_t id, bool isLive) const;
+    void judgeDeleted(FileNode& node, const HFSPlusExtents& stored) const;
 
     const HFSPlusForks& forks_;
     const HFSPlusCatalog& catalog_;
