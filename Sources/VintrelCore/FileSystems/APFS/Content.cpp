@@ -82,8 +82,11 @@ void APFSContent::fill(FileNode& node, const APFSFileRecords& records, const APF
     if (inode.isCompressed || (compression != nullptr && inode.size == 0)) {
         if (compression != nullptr)
             node.size = compression->size;
-        node.data = ExtentList {};
-        judge(node, Doubt::compressedByAPFS);
+        judge(node, inode.isDataless ? Doubt::onlyInCloud : Doubt::compressedByAPFS);
+        return;
+    }
+    if (inode.isDataless) {
+        judge(node, Doubt::onlyInCloud);
         return;
     }
     if (inode.isSymlink()) {
