@@ -11,8 +11,7 @@ constexpr std::uint64_t descriptorBase = 1;
 constexpr std::uint64_t dataBase = descriptorBase + APFSImage::descriptorBlocks;
 constexpr std::uint64_t dataBlocks
     = APFSImage::descriptorBlocks; // a space manager and a queue for each checkpoint
-constexpr std::uint64_t bitmapBlock = dataBase + dataBlocks; // one chunk, and its bitmap
-constexpr std::uint64_t chunkInfoBlock = bitmapBlock + 1;
+constexpr std::uint64_t chunkInfoBlock = APFSImage::bitmapBlock + 1;
 constexpr std::uint64_t firstFree = chunkInfoBlock + 1;
 constexpr std::uint64_t firstIndexOID = 100'000;
 constexpr std::uint64_t oidsPerVolume = 10'000;

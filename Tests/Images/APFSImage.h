@@ -98,6 +98,9 @@ public:
                                    queueOID = 1027;
     static constexpr std::uint64_t rootOID = 1100, firstLeafOID = 1101;
     static constexpr std::uint64_t descriptorBlocks = 12; ///< two for each checkpoint
+    /// Of the one chunk. Before it lie the superblock and the two areas of the checkpoints, which
+    /// are as long as each other.
+    static constexpr std::uint64_t bitmapBlock = 1 + 2 * descriptorBlocks;
 
 private:
     struct Node {
