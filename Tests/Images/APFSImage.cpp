@@ -71,7 +71,7 @@ APFSImage::Record APFSImage::inode(const Inode& inode)
     value.add(inode.parent, 8).add(inode.privateID != 0 ? inode.privateID : inode.id, 8);
     for (const std::uint64_t later : { 0u, 1u, 1u, 1u })
         value.add(inode.created + later * 1'000'000'000, 8);
-    value.add(0x8000 | (inode.isSparse ? 0x200u : 0u), 8)
+    value.add(0x8000 | (inode.isSparse ? 0x200u : 0u) | (inode.isCloned ? 0x410u : 0u), 8)
         .add(1, 4)
         .add(0, 4)
         .add(0, 4)

@@ -35,6 +35,7 @@ public:
         std::uint64_t created = 1'600'000'000'000'000'000;
         std::uint32_t bsdFlags = 0;
         bool isSparse = false;
+        bool isCloned = false;
     };
 
     /// A record of the file-system tree.

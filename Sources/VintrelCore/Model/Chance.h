@@ -33,6 +33,9 @@ enum class Doubt : std::uint8_t {
     fewReusedClusters,
     unknownAllocation,    ///< nobody can say who owns the clusters
     unreadableAllocation, ///< the same, because what says so of them cannot be read
+    laterDeletedFirst,    ///< a file that is deleted too had the first of them later
+    laterDeletedPart,     ///< or others of them
+    contestedByDeleted,   ///< or it may have been the later one
     // of what the source still is
     beyondSource, ///< some of it lies behind the source's end
     // of the content

@@ -15,18 +15,31 @@ void APFSChances::loadSpaceManager(const APFSFormat::ContainerSuperblock& superb
 std::optional<std::string> APFSChances::judgeWaiting(
     const APFSFormat::ContainerSuperblock& superblock)
 {
-    if (waiting_.empty())
+    if (waiting_.empty()) {
+        claims_.forgetFiles();
         return std::nullopt;
+    }
     loadSpaceManager(superblock);
     inUse_.merge();
     for (auto* node : std::exchange(waiting_, {}))
         judge(*node, doubtsOf(*node));
+    judgeByClaims();
     if (!spaceManager_)
         return "Oversigten over ledig plads kunne ikke læses.";
     if (const auto lost = spaceManager_->lostBitmaps(); lost > 0)
         return "Dele af oversigten over ledig plads kunne ikke læses ("
             + std::to_string(lost * blocks_.blockSize()) + " bytes).";
     return std::nullopt;
+}
+
+/// Files that are judged later are held against those of now too, whose nodes may be gone then.
+void APFSChances::judgeByClaims()
+{
+    claims_.forEachDoubted([](FileNode& file, Doubts doubts) {
+        if (file.recoverability != Recoverability::poor)
+            judgeFurther(file, doubts);
+    });
+    claims_.forgetFiles();
 }
 
 bool APFSChances::addUsedRanges(

@@ -3,6 +3,7 @@
 #include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Model/Chance.h"
+#include "VintrelCore/Model/DeletedClaims.h"
 #include "VintrelCore/Model/FileData.h"
 
 #include <optional>
@@ -53,6 +54,8 @@ void HFSPlusFileTree::indexHardLinks()
 void HFSPlusFileTree::build(FileNode& root) const
 {
     auto nodes = makeNodes();
+    if (forks_.hasAllocation())
+        noteContested(nodes);
     std::vector<FileNode*> folders; // by entry; none for what cannot hold others
     folders.reserve(nodes.size());
     for (const auto& node : nodes)
@@ -87,6 +90,30 @@ std::vector<std::unique_ptr<FileNode>> HFSPlusFileTree::makeNodes() const
         nodes.push_back(std::move(node));
     }
     return nodes;
+}
+
+/// Notes on deleted files that others had the same blocks later, by the dates of their content.
+/// `nodes`: of all entries. The allocation file alone sets the levels.
+void HFSPlusFileTree::noteContested(const std::vector<std::unique_ptr<FileNode>>& nodes) const
+{
+    DeletedClaims claims(DeletedClaims::SameTime::undecided);
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        const auto& entry = catalog_.entries()[i];
+        if (!nodes[i] || entry.isLive || isHardLink(catalog_.fileOf(entry)))
+            continue;
+        const auto* extents = std::get_if<ExtentList>(&nodes[i]->data);
+        bool isStart = true;
+        for (const auto& extent : extents != nullptr ? *extents : ExtentList {}) {
+            if (extent.offset)
+                claims.add({ nodes[i].get(), { *extent.offset, *extent.offset + extent.length },
+                    entry.modified, isStart });
+            isStart = false;
+        }
+    }
+    claims.forEachDoubted([](FileNode& file, Doubts doubts) {
+        if (file.recoverability != Recoverability::poor)
+            noteDoubts(file, doubts);
+    });
 }
 
 /// How the entries hang together. `folders`: the nodes of those that are listed folders.

@@ -25,6 +25,7 @@ private:
 
     void indexHardLinks();
     std::vector<std::unique_ptr<FileNode>> makeNodes() const;
+    void noteContested(const std::vector<std::unique_ptr<FileNode>>& nodes) const;
     ParentLinks linksBetween(const std::vector<FileNode*>& folders) const;
     std::unique_ptr<FileNode> makeNode(const Entry& entry) const;
     void fill(FileNode& node, const Entry& entry) const;

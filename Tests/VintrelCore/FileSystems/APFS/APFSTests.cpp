@@ -266,7 +266,7 @@ TEST(APFS, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
     APFSImage image({});
     const auto content = patternBytes(2 * blockSize);
     std::vector<std::uint64_t> blocks;
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 7; ++i)
         blocks.push_back(image.store(content));
     const auto file = [&](std::uint64_t id, std::uint64_t parent, const std::string& name,
                           std::uint64_t block) {
@@ -275,7 +275,7 @@ TEST(APFS, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
     };
     const auto kept = image.folder(16, 2, "mappe") + file(20, 16, "bliver", blocks[0]);
     const auto before = image.file(
-        { .id = 30, .parent = 2, .name = "gammelt navn", .size = content.size() - 1 }, blocks[5]);
+        { .id = 30, .parent = 2, .name = "gammelt navn", .size = content.size() - 1 }, blocks[6]);
     image.commit({ kept, before });
     image.commit({ kept + file(21, 2, "gammel", 0),
         file(30, 16, "hel", 0) + Leaf { image.extent(30, 0, blockSize, blocks[1]) }
@@ -284,7 +284,7 @@ TEST(APFS, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
             + file(34, 17, "inde", blocks[5]) + file(35, 16, "ukendt", 0)
             + file(36, 999, "løs", blocks[5]) + file(37, 2, "igen", blocks[5])
             + file(38, 16, "i brug", blocks[0]) });
-    for (const auto i : { 1u, 2u, 3u, 5u })
+    for (const auto i : { 1u, 2u, 3u, 5u, 6u })
         for (const auto block : { blocks[i], blocks[i] + 1 })
             image.setFree(block);
     image.setAllocated(blocks[2] + 1);
@@ -307,7 +307,7 @@ TEST(APFS, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
     EXPECT_EQ(disk["/væk"].status, EntryStatus::deleted);
     EXPECT_EQ(disk["/mappe/hel"].data, // of the newest state, and what only an older one knows
         FileData(ExtentList { { image.offsetOf(blocks[1]), blockSize },
-            { image.offsetOf(blocks[5] + 1), blockSize } }));
+            { image.offsetOf(blocks[6] + 1), blockSize } }));
     // What was renamed, and what has its name again, is not listed a second time.
     EXPECT_EQ(disk["/igen"].status, EntryStatus::existing);
     EXPECT_EQ(disk.volume->root->totals().files, 11u) << disk.names();
@@ -329,6 +329,57 @@ TEST(APFS, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
     EXPECT_EQ(chance(partly["/mappe/i kø"]), "God") << "the queue alone says that it is free";
     EXPECT_EQ(partly.volume->notes,
         Notes { "Dele af oversigten over ledig plads kunne ikke læses (4096 bytes)." });
+}
+
+TEST(APFS, OfDeletedFilesInTheSameBlocksTheLastOneHasThem)
+{
+    const std::string first = "Ringe: En nyere slettet fil har brugt de samme blokke";
+    const std::string part = "Delvis: En nyere slettet fil har brugt nogle af de samme blokke";
+    const struct {
+        const char* what;
+        std::uint64_t olderStart, newerStart; // blocks, of two each
+        bool isOlderCloned, isNewerCloned;
+        bool isOneState;
+        std::string older;
+    } rows[] = {
+        { "the same blocks", 0, 0, false, false, false, first },
+        { "the older one's first block", 1, 0, false, false, false, first },
+        { "the older one's second block", 0, 1, false, false, false, part },
+        { "other blocks", 0, 2, false, false, false, "God" },
+        { "clones", 0, 0, true, true, false, "God" },
+        { "a clone of others", 0, 0, true, false, false, first },
+        { "one state of the disk", 0, 0, false, false, true, "God" },
+    };
+    for (const auto& [what, olderStart, newerStart, isOlderCloned, isNewerCloned, isOneState,
+             older] : rows) {
+        SCOPED_TRACE(what);
+        APFSImage image({});
+        const auto block = image.store(patternBytes(4 * blockSize));
+        const auto file
+            = [&](std::uint64_t id, const char* name, std::uint64_t start, bool isCloned) {
+                  return image.file({ .id = id,
+                                        .parent = 2,
+                                        .name = name,
+                                        .size = 2 * blockSize,
+                                        .isCloned = isCloned },
+                      block + start);
+              };
+        const auto before = file(20, "før", olderStart, isOlderCloned);
+        const auto after = file(21, "efter", newerStart, isNewerCloned);
+        if (isOneState) {
+            image.commit({ before + after });
+        } else {
+            image.commit({ before });
+            image.commit({ after });
+        }
+        for (auto freed = block; freed < block + 4; ++freed)
+            image.setFree(freed);
+        image.commit({ {} });
+        const auto disk = parse(image);
+        EXPECT_EQ(chance(disk["/før"]), older);
+        EXPECT_EQ(chance(disk["/efter"]), "God");
+        EXPECT_TRUE(disk.volume->notes.empty());
+    }
 }
 
 TEST(APFS, TellsOfMetadataThatCannotBeRead)

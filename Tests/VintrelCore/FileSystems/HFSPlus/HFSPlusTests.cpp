@@ -165,6 +165,44 @@ TEST(HFSPlus, JudgesFilesByTheirExtentsAndTheAllocationFile)
     EXPECT_EQ(chance(without["/genbrugt"]), "Ukendt");
 }
 
+TEST(HFSPlus, NotesThatAnotherDeletedFileHadTheSameBlocks)
+{
+    const struct {
+        const char* what;
+        std::uint32_t date, start; // of the other file, which has two blocks
+        const char *one, *other;
+    } rows[] = {
+        { "later", 9, 110, "God: En nyere slettet fil har brugt de samme blokke", "God" },
+        { "later, the second block", 9, 111,
+            "God: En nyere slettet fil har brugt nogle af de samme blokke", "God" },
+        { "before", 7, 110, "God", "God: En nyere slettet fil har brugt de samme blokke" },
+        { "nobody knows", 8, 111, "God: En anden slettet fil har haft nogle af de samme blokke",
+            "God: En anden slettet fil har haft nogle af de samme blokke" },
+        { "later, elsewhere", 9, 112, "God", "God" },
+    };
+    for (const auto& [what, date, start, one, other] : rows) {
+        HFSPlusImage image;
+        image.setLeaf(2, { rootRecord });
+        image.setLeaf(3,
+            { { .parent = 2,
+                  .name = u"en",
+                  .id = 50,
+                  .modified = 8,
+                  .size = 1024,
+                  .runs = { { 110, 2 } } },
+                { .parent = 2,
+                    .name = u"anden",
+                    .id = 51,
+                    .modified = date,
+                    .size = 1024,
+                    .runs = { { start, 2 } } } });
+        image.chain({ 2 });
+        const auto disk = parse(image);
+        EXPECT_EQ(chance(disk["/en"]), one) << what;
+        EXPECT_EQ(chance(disk["/anden"]), other) << what;
+    }
+}
+
 TEST(HFSPlus, TellsOfMetadataThatCannotBeRead)
 {
     // A block of the allocation file speaks of 4096 blocks.
