@@ -246,7 +246,7 @@ TEST(HFSPlus, TellsOfMetadataThatCannotBeRead)
 TEST(HFSPlus, TheAllocationFileSaysWhatIsInUse)
 {
     constexpr std::uint64_t base = 4096;
-    HFSPlusImage image;
+    HFSPlusImage image(false, 8000); // two blocks of bits
     image.setLeaf(2, { rootRecord });
     image.chain({ 2 });
     image.setAllocated(150);
@@ -263,10 +263,11 @@ TEST(HFSPlus, TheAllocationFileSaysWhatIsInUse)
         ByteRange unreadable;
         std::optional<Ranges> used; // none: it cannot be said
     } rows[] = {
-        { "all", block(400), {},
+        { "all", block(8000), {},
             Ranges { start[0], { block(150), block(152) }, { block(399), block(400) } } },
         { "a cut source", block(151), {}, Ranges { start[0], { block(150), block(151) } } },
-        { "an unreadable allocation file", block(400), { block(4), block(4) + 1 }, {} },
+        { "an unreadable part of the allocation file", block(8000), { block(5), block(5) + 1 },
+            {} },
     };
     for (const auto& [what, sourceEnd, unreadable, used] : rows) {
         auto cut = image;
