@@ -28,7 +28,7 @@ ExFATImage::ExFATImage(const Options& options)
     : clusterSize_(std::uint64_t { 1 } << (options.sectorShift + options.clusterShift))
 {
     const std::uint64_t sector = std::uint64_t { 1 } << options.sectorShift;
-    const std::uint64_t fatSectors = ((options.clusters + 2) * 4 + sector - 1) / sector;
+    const std::uint64_t fatSectors = ((options.clusters + 2) * 4ULL + sector - 1) / sector;
     const std::uint64_t fatCount = options.usesSecondFAT ? 2 : 1;
     const std::uint64_t heapSector = 24 + fatCount * fatSectors;
     const std::uint64_t sectors
@@ -162,7 +162,7 @@ void ExFATImage::writeChecksum(const Set& set)
 
 void ExFATImage::setFAT(std::uint32_t cluster, std::uint32_t value)
 {
-    putLE(bytes_, fatOffset_ + cluster * 4, value, 4);
+    putLE(bytes_, fatOffset_ + cluster * 4ULL, value, 4);
 }
 
 void ExFATImage::setUsed(std::uint32_t cluster, bool isUsed)

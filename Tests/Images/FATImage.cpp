@@ -16,7 +16,7 @@ std::uint8_t checksumOf(std::string_view name)
 
 FATImage::FATImage(const Options& options)
     : type_(options.type)
-    , clusterSize_(options.sectorsPerCluster * 512)
+    , clusterSize_(options.sectorsPerCluster * 512ULL)
 {
     // FAT32 is told by its fields, however few its clusters.
     const std::uint64_t fewest = type_ == FileSystemType::fat16 ? 4085 : 400;
@@ -136,7 +136,7 @@ std::uint32_t FATImage::fat(std::uint32_t cluster) const
         static_cast<std::int64_t>(fatOffset()), static_cast<std::int64_t>(fatSize()));
     if (type_ == FileSystemType::fat12)
         return table.u16le(cluster * 3 / 2) >> cluster % 2 * 4 & 0xFFF;
-    return isFAT32() ? table.u32le(cluster * 4) : table.u16le(cluster * 2);
+    return isFAT32() ? table.u32le(cluster * 4LL) : table.u16le(cluster * 2LL);
 }
 
 void FATImage::setFAT(std::uint32_t cluster, std::uint32_t value)
@@ -149,7 +149,8 @@ void FATImage::setFAT(std::uint32_t cluster, std::uint32_t value)
                 cluster % 2 != 0 ? (old & 0x000F) | value << 4 : (old & 0xF000) | value, 2);
         } else {
             const int width = isFAT32() ? 4 : 2;
-            putLE(bytes_, table + cluster * static_cast<unsigned>(width), value, width);
+            putLE(bytes_, table + std::uint64_t { cluster } * static_cast<unsigned>(width), value,
+                width);
         }
     }
 }

@@ -17,6 +17,7 @@ ChildProgram::ChildProgram(const std::vector<std::string>& arguments,
 {
     // Everything is ready before the fork: between it and exec little is allowed.
     std::vector<const char*> words { VINTREL_PROGRAM };
+    words.reserve(arguments.size() + 2);
     for (const auto& argument : arguments)
         words.push_back(argument.c_str());
     words.push_back(nullptr);

@@ -75,7 +75,7 @@ protected:
 
 } // namespace
 
-TEST_F(Card, ScanAndTree)
+TEST_F(Card, IsListedByScanAndTree)
 {
     const auto scan = runWith({ "scan", path });
     EXPECT_EQ(scan.status, 0);
@@ -103,7 +103,7 @@ TEST_F(Card, ScanAndTree)
     EXPECT_EQ(runProgram("LC_ALL=findes_IKKE", "scan " + path), scan.out);
 }
 
-TEST_F(Card, Recover)
+TEST_F(Card, IsRecoveredWholeOrOnlyWhatWasDeleted)
 {
     const auto bad = std::to_string(photoOffset + 512) + "-" + std::to_string(photoOffset + 513);
     setenv("VINTREL_SIMULATE_BAD", bad.c_str(), 1);
@@ -120,7 +120,7 @@ TEST_F(Card, Recover)
     EXPECT_FALSE(std::filesystem::exists(deleted + "/DCIM/IMG_0002.JPG"));
 }
 
-TEST_F(Card, DeepScan)
+TEST_F(Card, IsSearchedForWhatNoVolumeHolds)
 {
     auto bytes = readFile(path);
     const auto png = pngFile();
@@ -149,7 +149,7 @@ TEST_F(Card, DeepScan)
     EXPECT_EQ(readFile(folder / ("ud/Filer fundet via signatur (Signaturer)/PNG/" + name)), png);
 }
 
-TEST_F(Card, Image)
+TEST_F(Card, IsImagedWithAMapfileBesideTheCopy)
 {
     setenv("VINTREL_SIMULATE_BAD", "1000000-1000001", 1);
     const auto result = runWith({ "image", path, folder / "kopi.img" });
@@ -252,7 +252,7 @@ TEST_F(Card, DoesNotCallRecoveredWhatDidNotReachTheDisk)
             + ": kunne ikke skrive alt til disken: " + std::generic_category().message(EIO) + "\n");
 }
 
-TEST(CommandLine, WrongArguments)
+TEST(CommandLine, RefusesWhatItCannotUnderstandOrOpen)
 {
     for (const auto& arguments : std::vector<std::vector<std::string>> { {}, { "" }, { "scan" },
              { "Scan", "x" }, { "recover", "x" }, { "image", "x" }, { "--help" } }) {

@@ -52,10 +52,10 @@ sys_seconds localToUTC(year_month_day day, seconds sinceMidnight)
 /// for every single entry would cost more than reading the directory.
 struct DayOffset {
     year_month_day day {};
-    std::optional<seconds>
-        offset; ///< local time minus UTC; none when it changes in the course of the day
+    /// Local time minus UTC; none when it changes in the course of the day.
+    std::optional<seconds> offset;
 
-    static DayOffset of(year_month_day day)
+    static DayOffset onDay(year_month_day day)
     {
         const auto atStart = local(day) - localToUTC(day, seconds { 0 });
         const auto atEnd
@@ -75,7 +75,7 @@ std::optional<Date> fromDOS(std::uint16_t date, std::uint16_t time)
         return std::nullopt;
     thread_local DayOffset known;
     if (known.day != decoded->day)
-        known = DayOffset::of(decoded->day);
+        known = DayOffset::onDay(decoded->day);
     if (known.offset)
         return DayOffset::local(decoded->day) + decoded->sinceMidnight - *known.offset;
     return localToUTC(decoded->day, decoded->sinceMidnight);

@@ -31,7 +31,7 @@ enum class Doubt : std::uint8_t {
     reusedClusters,
     partlyReused,
     fewReusedClusters,
-    unknownAllocation,    ///< nobody can say who owns the clusters
+    unknownAllocation,    ///< nothing that was read says who owns the clusters
     unreadableAllocation, ///< the same, because what says so of them cannot be read
     laterDeletedFirst,    ///< a file that is deleted too had the first of them later
     laterDeletedPart,     ///< or others of them
@@ -71,7 +71,7 @@ struct ClusterUse {
     std::uint64_t checked = 0;   ///< how many were asked after
     std::uint64_t foreign = 0;   ///< of these, how many belong to others by now
     bool isFirstForeign = false; ///< whether the file's first one does
-    bool isUnknown = false;      ///< of some of them nobody can say
+    bool isUnknown = false;      ///< of some of them nothing says to whom they belong
 };
 
 /// How a file system takes reused clusters, and the words that it has for them.

@@ -4,6 +4,7 @@
 #include "VintrelCore/Model/Chance.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace Overlay {
 
@@ -25,6 +26,8 @@ Layout layoutOf(const FileData& data)
 {
     Layout layout;
     const auto add = [&](std::uint64_t start, std::uint64_t length) {
+        if (length > std::numeric_limits<std::uint64_t>::max() - start)
+            return;
         if (!layout.first)
             layout.first = start;
         layout.ranges.push_back({ start, start + length });

@@ -111,7 +111,7 @@ TEST(PropertyList, OutlivesRubbish)
     for (int i = 0; i < 100'000; ++i)
         deep += "<array>";
     const std::string entities
-        = "<!DOCTYPE plist [<!ENTITY a \"aaaa\"><!ENTITY f SYSTEM \"file:///etc/passwd\">]>";
+        = R"(<!DOCTYPE plist [<!ENTITY a "aaaa"><!ENTITY f SYSTEM "file:///etc/passwd">]>)";
     const std::pair<std::string, std::optional<std::string>> cases[] = {
         { std::string(1'000, '\0'), std::nullopt },
         { plist(deep), std::nullopt },

@@ -14,7 +14,7 @@ TEST(SweepWindow, KeepsTheSweepsOwnChunkWhileOthersReadAhead)
     for (std::uint64_t position = 0; position < bytes.size(); position += chunk) {
         const auto own = window.moveTo(position);
         // Somebody looks at everything that the window gives, back and forth.
-        for (const std::uint64_t ahead : { 3, 1, 2, 5, 0, 3 })
+        for (const std::uint64_t ahead : { 3u, 1u, 2u, 5u, 0u, 3u })
             if (const auto other = window.chunkAt(position + ahead * chunk)) {
                 ASSERT_TRUE(std::ranges::equal(other->bytes.span(),
                     std::span(bytes).subspan(other->offset, other->bytes.size())));

@@ -240,7 +240,7 @@ void damageRecords(NTFSImage& image, std::mt19937& random)
 
 } // namespace
 
-TEST(Mutation, FATVolumes)
+TEST(Mutation, IsOutlivedByTheReaderOfFAT)
 {
     for (const auto type :
         { FileSystemType::fat12, FileSystemType::fat16, FileSystemType::fat32 }) {
@@ -252,7 +252,7 @@ TEST(Mutation, FATVolumes)
     }
 }
 
-TEST(Mutation, ExFATVolumes)
+TEST(Mutation, IsOutlivedByTheReaderOfExFAT)
 {
     ExFATImage sound({ .clusters = 120 });
     const auto folder
@@ -266,7 +266,7 @@ TEST(Mutation, ExFATVolumes)
     exerciseDamaged(sound, sound.offsetOf(50), 2000, 77);
 }
 
-TEST(Mutation, HFSPlusVolumes)
+TEST(Mutation, IsOutlivedByTheReaderOfHFSPlus)
 {
     HFSPlusImage sound;
     sound.setLeaf(2,
@@ -286,7 +286,7 @@ TEST(Mutation, HFSPlusVolumes)
     exerciseDamaged(sound, HFSPlusImage::nodeOffset(6), 3000, 31);
 }
 
-TEST(Mutation, NTFSVolumes)
+TEST(Mutation, IsOutlivedByTheReaderOfNTFS)
 {
     const auto sound = smallNTFSVolume();
     exerciseDamaged(sound, sound.offsetOf(16), 500, 55); // the boot sector
@@ -310,7 +310,7 @@ TEST(Mutation, NTFSVolumes)
     }
 }
 
-TEST(Mutation, APFSVolumes)
+TEST(Mutation, IsOutlivedByTheReaderOfAPFS)
 {
     APFSImage sound({ .blocks = 64, .isHashed = false });
     const auto block = sound.store(patternBytes(9000));
@@ -356,7 +356,7 @@ TEST(Mutation, APFSVolumes)
     }
 }
 
-TEST(Mutation, PartitionSectors)
+TEST(Mutation, IsOutlivedByPartitionTables)
 {
     PartitionImage disk(256_KiB);
     disk.gpt({ { basicDataGUID, 64, 200 }, { basicDataGUID, 210, 400 } });
@@ -376,7 +376,7 @@ TEST(Mutation, PartitionSectors)
     }
 }
 
-TEST(Mutation, CompressedData)
+TEST(Mutation, IsOutlivedByTheDecompressor)
 {
     std::mt19937 random(5);
     for (int round = 0; round < 3000; ++round) {

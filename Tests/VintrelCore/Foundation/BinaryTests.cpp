@@ -115,7 +115,7 @@ TEST_F(LocalTime, ExFATDatesKnowTheirOffset)
     EXPECT_EQ(TimeConversion::fromExFAT(0, 0x80), std::nullopt);
 }
 
-TEST(TimeConversion, StampsOfOtherSystems)
+TEST(TimeConversion, LeavesOutStampsThatMeanNoDate)
 {
     EXPECT_EQ(TimeConversion::fromFiletime(116444736000000000), std::nullopt);
     EXPECT_EQ(TimeConversion::fromFiletime(116444736000000001), Date {} + 100ns);

@@ -35,7 +35,7 @@ using Names = std::vector<std::string>;
 
 } // namespace
 
-TEST(Model, TextsOfTheEnumerations)
+TEST(Model, HasATextForEveryValue)
 {
     using enum Recoverability;
     Names texts;
@@ -59,7 +59,7 @@ TEST(Model, TextsOfTheEnumerations)
             "other/Andet/doc" }));
 }
 
-TEST(Model, CategoriesByExtension)
+TEST(Model, TellsCategoriesByExtension)
 {
     using enum FileCategory;
     const std::pair<const char*, FileCategory> cases[] = { { "FERIE.JPG", image },

@@ -57,7 +57,7 @@ Bytes chunk(const Bytes& data, bool isCompressed = true)
 
 } // namespace
 
-TEST(FileReader, ExtentsHolesAndMissingEnds)
+TEST(FileReader, FillsHolesAndMissingEndsWithZeros)
 {
     const auto disk = patternBytes(64_KiB);
     auto source = makeSource(disk);
@@ -101,7 +101,7 @@ TEST(FileReader, ExtentsHolesAndMissingEnds)
     }
 }
 
-TEST(FileReader, LimitsAndStops)
+TEST(FileReader, StopsAtItsLimitAndWhenItIsTold)
 {
     auto source = makeSource(patternBytes(64_KiB));
     const auto node = file(1000, ExtentList { { 0, 1000 } });
@@ -118,7 +118,7 @@ TEST(FileReader, LimitsAndStops)
         0u);
 }
 
-TEST(FileReader, ResidentAndUnknownData)
+TEST(FileReader, DeliversWhatTheRecordItselfHolds)
 {
     auto source = makeSource(Bytes(512));
     EXPECT_EQ(deliver(*file(3, bytesOf("hejsa")), *source).bytes, bytesOf("hej"));
@@ -180,7 +180,7 @@ TEST(FileReader, DecompressesLZNT1)
         << "cut at the output's size";
 }
 
-TEST(FileReader, CompressedUnits)
+TEST(FileReader, DecompressesUnitByUnit)
 {
     // Units of four clusters of 512 bytes: plain, compressed into one cluster (of another place),
     // sparse, and a last one cut by the file's end.

@@ -61,7 +61,7 @@ protected:
 
 } // namespace
 
-TEST(RecoveryNames, Sanitize)
+TEST(RecoveryNames, AreMadeSafeForAnyFileSystem)
 {
     std::string long150, cut125;
     for (int i = 0; i < 150; ++i)
@@ -120,7 +120,7 @@ TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
     EXPECT_EQ(*recover().folder, target / "r (2)");
 }
 
-TEST_F(Recovery, OptionsAndThousandsOfEqualNames)
+TEST_F(Recovery, NumbersThousandsOfEqualNamesInOneFolder)
 {
     const std::string stem(242, 'a'); // with a number the name becomes too long for a file system
     std::vector<FileNode*> nodes;
@@ -162,7 +162,7 @@ TEST_F(Recovery, TellsOfContentThatIsNothingButZeros)
             + "lille;511;OK;God;0;\nindhold;2048;OK;God;0;\n");
 }
 
-TEST_F(Recovery, NamesThatMeetOrAreHostile)
+TEST_F(Recovery, KeepsNamesThatMeetOrAreHostileApartAndInside)
 {
     addFile(*root, "IMG.JPG", bytesOf("s"), 1, EntryStatus::deleted);
     addFile(*root, "IMG.JPG", bytesOf("e"));
@@ -188,7 +188,7 @@ TEST_F(Recovery, NamesThatMeetOrAreHostile)
         std::string::npos);
 }
 
-TEST_F(Recovery, PlantedLinksAreNotFollowed)
+TEST_F(Recovery, FollowsNoPlantedLink)
 {
     const TemporaryFolder elsewhere;
     writeFile(elsewhere / "offer.txt", bytesOf("urørt"));
@@ -215,7 +215,7 @@ TEST_F(Recovery, PlantedLinksAreNotFollowed)
     EXPECT_EQ(text(target / "r/mappe (2)/2.txt"), "x");
 }
 
-TEST_F(Recovery, HolesStaySparse)
+TEST_F(Recovery, LeavesHolesSparse)
 {
     addFile(*root, "hul.bin",
         ExtentList { { 0, 4096 }, { std::nullopt, 1'000'000'000 }, { 4096, 10 } }, 3'000'000'000);
@@ -229,7 +229,7 @@ TEST_F(Recovery, HolesStaySparse)
     EXPECT_EQ(file.get(), disk[4096]);
 }
 
-TEST_F(Recovery, AFullDestinationEndsTheRun)
+TEST_F(Recovery, EndsWhenTheDestinationIsFull)
 {
     if (runCommand("mount -t tmpfs -o size=1m,nr_inodes=50 none " + target.path()) != 0)
         GTEST_SKIP() << "needs to mount a small file system";

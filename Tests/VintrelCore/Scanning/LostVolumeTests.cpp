@@ -441,7 +441,7 @@ struct LostToolMadeVolume : ::testing::Test {
 
 } // namespace
 
-TEST_F(LostToolMadeVolume, FAT32)
+TEST_F(LostToolMadeVolume, ComesBackAsFAT32)
 {
     if (!hasProgram("mkfs.fat") || !hasProgram("mcopy"))
         GTEST_SKIP() << "needs dosfstools and mtools";
@@ -449,7 +449,7 @@ TEST_F(LostToolMadeVolume, FAT32)
     damage({ { 0, 512 } });
 }
 
-TEST_F(LostToolMadeVolume, NTFS)
+TEST_F(LostToolMadeVolume, ComesBackAsNTFS)
 {
     if (!hasProgram("mkntfs") || !hasProgram("ntfs-3g") || !std::filesystem::exists("/dev/fuse"))
         GTEST_SKIP() << "needs ntfs-3g and FUSE";

@@ -105,7 +105,7 @@ TEST(GPT, IsFoundByItsBackupAndWithEitherSectorSize)
         }
 }
 
-TEST(PartitionTypes, Names)
+TEST(PartitionTypes, HaveNames)
 {
     std::string names;
     for (const char* guid :

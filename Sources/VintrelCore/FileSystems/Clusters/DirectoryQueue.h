@@ -11,7 +11,7 @@
 enum class DirectoryState : std::uint8_t {
     live,
     deleted,
-    fragment, ///< no other directory leads to it; what it lists may never have been deleted
+    fragment, ///< named by no other directory; what it lists may never have been deleted
 };
 
 /// A directory that is still to be read.

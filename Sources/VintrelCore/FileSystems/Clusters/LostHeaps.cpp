@@ -1,7 +1,7 @@
 #include "VintrelCore/FileSystems/Clusters/LostHeaps.h"
 
-#include "VintrelCore/Carving/Carver.h"
 #include "VintrelCore/FileSystems/Clusters/HeapVotes.h"
+#include "VintrelCore/Model/CarvedFile.h"
 #include "VintrelCore/Model/FileNode.h"
 
 #include <algorithm>
@@ -175,13 +175,20 @@ bool LostHeaps::assignSelfPlaced(std::size_t index)
     return explains;
 }
 
+/// Whether a directory belongs to a heap, or to none so far although it could. One that says where
+/// it lies has had its chance.
+bool LostHeaps::mayBelongTo(const Sector& sector, std::size_t index)
+{
+    return sector.owner == index || (!sector.owner && !sector.ownCluster);
+}
+
 std::vector<LostHeaps::Support> LostHeaps::supportOf(const Clues& clues)
 {
     std::vector<Support> support(heaps_.size());
     for (const auto cluster : clues.folders)
         for (std::size_t index = 0; index < heaps_.size(); ++index) {
             const auto* const folder = beginningAt(heaps_[index].heap.offsetOf(cluster));
-            if (folder == nullptr || folder->owner != index)
+            if (folder == nullptr || !mayBelongTo(*folder, index))
                 continue;
             ++support[index].folders;
             support[index].foldersOfRoot += folder->isBelowRoot ? 1 : 0;
@@ -198,20 +205,26 @@ void LostHeaps::findUsualRoots()
                 heaps_[index].rootSector = offset;
 }
 
-/// Sectors that do not say where they lie belong where most of the folders are that they name.
+/// Sectors that do not say where they lie belong where most of the folders are that they name, and
+/// so do these folders.
 void LostHeaps::assignByFolders()
 {
     for (auto& sector : sectors_) {
         if (sector.ownCluster || isCancelled(progress_))
             continue;
-        const auto support = supportOf(cluesOf(sector.offset));
+        const auto clues = cluesOf(sector.offset);
+        const auto support = supportOf(clues);
         const auto best = std::ranges::max_element(support, {}, &Support::folders);
         if (best == support.end() || best->folders == 0)
             continue;
         sector.owner = static_cast<std::size_t>(best - support.begin());
-        auto& root = heaps_[*sector.owner].rootSector;
-        if (best->foldersOfRoot > 0 && !root)
-            root = sector.offset;
+        auto& lost = heaps_[*sector.owner];
+        if (best->foldersOfRoot > 0 && !lost.rootSector)
+            lost.rootSector = sector.offset;
+        for (const auto cluster : clues.folders)
+            if (auto* const folder = beginningAt(lost.heap.offsetOf(cluster));
+                folder != nullptr && !folder->ownCluster)
+                folder->owner = sector.owner;
     }
 }
 

@@ -144,6 +144,7 @@ private:
     bool assign(const LostHeap& lost);
     bool assignNamed(std::size_t index);
     bool assignSelfPlaced(std::size_t index);
+    static bool mayBelongTo(const Sector& sector, std::size_t index);
     std::vector<Support> supportOf(const Clues& clues);
     void findUsualRoots();
     void assignByFolders();

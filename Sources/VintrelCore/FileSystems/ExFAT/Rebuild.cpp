@@ -27,8 +27,8 @@ private:
     {
         const auto bytes = source_.read(sector, soundSetsSize, ReadMode::thorough);
         Clues clues;
-        clues.mayBegin = (bytes[0] & secondary) == 0; // not in the middle of a set
-        for (const std::size_t entry : { 0, 1, 2 })   // formatting puts the bitmap among the first
+        clues.mayBegin = (bytes[0] & secondary) == 0;  // not in the middle of a set
+        for (const std::size_t entry : { 0u, 1u, 2u }) // formatting puts the bitmap among the first
             clues.isRoot = clues.isRoot || bytes[entry * entrySize] == bitmapType;
         for (const auto& set : soundSets(bytes, 0)) {
             if (set.file->isDirectory())

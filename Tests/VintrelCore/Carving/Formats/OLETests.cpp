@@ -34,9 +34,9 @@ Bytes compoundFile(std::uint32_t tableSectors, std::uint32_t last)
     putLE(file, offsetOf(0) + 66, 5, 1); // the root entry
     putLE(file, offsetOf(0) + 76, freeSector, 4);
     for (std::uint32_t slot = 0; slot < tableSectors * 128; ++slot)
-        putLE(file, offsetOf(1) + slot * 4, freeSector, 4);
+        putLE(file, offsetOf(1) + slot * 4ULL, freeSector, 4);
     const auto mark = [&](std::uint32_t sector, std::uint32_t value) {
-        putLE(file, offsetOf(1) + sector * 4, value, 4);
+        putLE(file, offsetOf(1) + sector * 4ULL, value, 4);
     };
     mark(0, endOfChain);
     for (std::uint32_t i = 0; i < tableSectors; ++i) {
@@ -44,12 +44,12 @@ Bytes compoundFile(std::uint32_t tableSectors, std::uint32_t last)
         const std::uint32_t further = i - inHeader;
         putLE(file,
             i < inHeader ? 76 + i * 4
-                         : offsetOf(firstList + further / inList) + further % inList * 4,
+                         : offsetOf(firstList + further / inList) + further % inList * 4ULL,
             1 + i, 4);
     }
     for (std::uint32_t list = 0; list < lists; ++list) {
         mark(firstList + list, listSector);
-        putLE(file, offsetOf(firstList + list) + inList * 4,
+        putLE(file, offsetOf(firstList + list) + inList * 4ULL,
             list + 1 < lists ? firstList + list + 1 : endOfChain, 4);
     }
     mark(last, endOfChain);

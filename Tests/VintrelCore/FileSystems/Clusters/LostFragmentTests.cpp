@@ -1,56 +1,17 @@
 // Directories that nothing leads to any more: after a quick format, and where boot sector and FAT
 // are gone.
 
-#include "Tests/Images/CarvedFile.h"
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Images/FATImage.h"
+#include "Tests/Support/DeepScan.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
-#include "VintrelCore/FileSystems/FAT/Parser.h"
-#include "VintrelCore/Recovery/FileReader.h"
-#include "VintrelCore/Scanning/FullScan.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
 
 namespace {
-
-/// Everything that a deep scan lists of a source but carved files, path by path: one content for
-/// each file there.
-struct Found {
-    explicit Found(DiskSource& source, bool carve = false)
-    {
-        DeepScanOptions options;
-        options.carve = carve;
-        volumes = FullScan::run(source, options, nullptr);
-        std::erase_if(
-            volumes, [](const auto& volume) { return volume->type == FileSystemType::carved; });
-        for (const auto& volume : volumes)
-            for (const auto* file : volume->root->allFiles())
-                files.emplace(file->path(), FileReader::readPrefix(*file, source, 1_MiB));
-    }
-    explicit Found(const Bytes& bytes, bool carve = false)
-        : Found(*makeSource(bytes), carve)
-    {
-    }
-
-    /// How many files have a path that ends so, and this content; those with another content spoil
-    /// it.
-    int count(const std::string& pathEnd, const Bytes& content) const
-    {
-        int count = 0;
-        for (const auto& [path, bytes] : files)
-            if (path.ends_with(pathEnd))
-                count += bytes == content ? 1 : 100;
-        return count;
-    }
-
-    VolumeList volumes;
-    std::multimap<std::string, Bytes> files;
-};
-
-const std::string fragments = "/$Tabte mappefragmenter";
 
 /// A folder in the root, one in that, and a file in each: patterns of the name's number. Clusters
 /// of 512 bytes.
@@ -66,12 +27,6 @@ FATImage cardWithFolders(FileSystemType type, std::uint32_t sectorsPerCluster, s
     image.addFile(inner, { .name = "B       TXT" }, patternBytes(6000, seed + 1));
     image.addFile(inner, { .name = "C       TXT" }, patternBytes(100, seed + 2));
     return image;
-}
-
-void erase(Bytes& bytes, std::uint64_t from, std::uint64_t to)
-{
-    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(from),
-        bytes.begin() + static_cast<std::ptrdiff_t>(to), std::uint8_t { 0 });
 }
 
 } // namespace
@@ -154,7 +109,7 @@ TEST(LostFragments, FATDirectoriesHangBelowTheirNames)
     EXPECT_EQ(found.count(fragments + "/B.TXT", patternBytes(800)), 1);
 }
 
-TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
+TEST(LostFragments, ExFATDirectoriesHangBelowTheirNames)
 {
     const ExFATImage::Options options { .clusters = 300 };
     for (const bool hasFormatted :
@@ -197,7 +152,118 @@ TEST(LostFragments, EXFATDirectoriesHangBelowTheirNames)
     }
 }
 
-TEST(LostFragments, EXFATSectorsAreKnownByTheirSets)
+namespace {
+
+/// A FAT16 card on which folders "T", in it "N", and a cluster with more entries are left, and no
+/// entry in the root leads to them. "N" is full, and the cluster lies behind the content of its
+/// last file.
+struct CardWithContinuation {
+    FATImage image { {} };
+    std::uint32_t split = image.addFolder(FATImage::root, { .name = "PAR        " }, 2);
+    std::uint32_t top = image.addFolder(FATImage::root, { .name = "T          " });
+    std::uint32_t inner = image.addFolder(top, { .name = "N          " });
+
+    CardWithContinuation()
+    {
+        for (int i = 10; i < 27; ++i) // fourteen in the first cluster, three in the second
+            image.addEntry(split, { .name = "X" + std::to_string(i) + "     TXT" });
+        erase(image.bytes(), image.offsetOf(split), image.offsetOf(split + 1));
+        for (int i = 10; i < 23; ++i)
+            image.addEntry(inner, { .name = "N" + std::to_string(i) + "     TXT" });
+        image.addEntry(inner, { .name = "SIDST   TXT", .cluster = split, .size = 100 });
+        image.addEntry(top, { .name = "FIL     TXT" });
+        image.setFAT(inner, 0); // no chain says where it continues
+        erase(image.bytes(), image.entryOffset(FATImage::root, 0),
+            image.entryOffset(FATImage::root, 16));
+    }
+};
+
+} // namespace
+
+TEST(LostFragments, WhatMayContinueADirectoryWaitsForIt)
+{
+    const CardWithContinuation card;
+    const Found found(card.image.bytes());
+    EXPECT_EQ(found.count(fragments + "/N/X24.TXT", {}), 1);
+    EXPECT_EQ(found.count("/X24.TXT", {}), 1) << "and stands nowhere else";
+}
+
+TEST(LostFragments, DirectoriesContinueWhereTheContentBehindTheirsIsNamed)
+{
+    CardWithContinuation card;
+    auto& image = card.image;
+    const auto content = card.split + 50;
+    putLE(image.bytes(), image.entryOffset(card.inner, 15) + 26, content, 2); // of the last entry
+    putLE(image.bytes(), image.offsetOf(card.split + 1) + 26, content + 1, 2);
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count(fragments + "/N/X25.TXT", {}), 1);
+}
+
+TEST(LostFragments, DirectoriesContinueWhereTheRestOfASplitNameIs)
+{
+    FATImage image({});
+    const auto folder = image.addFolder(FATImage::root, { .name = "TABT       " }, 2);
+    for (int i = 10; i < 23; ++i)
+        image.addEntry(folder, { .name = "F" + std::to_string(i) + "     TXT" });
+    image.addEntry(folder, { .name = "ETNAVN~1TXT", .longName = u"Et navn i to stykker.txt" });
+    image.addEntry(folder, { .name = "SIDST   TXT" });
+    const auto moved = image.addFile(FATImage::root, { .name = "X          " }, Bytes(512));
+    const auto part = std::span(image.bytes()).subspan(image.offsetOf(folder + 1), 512);
+    image.write(image.offsetOf(moved), Bytes(part.begin(), part.end()));
+    image.write(image.offsetOf(folder + 1), Bytes(512, 0xEE));
+    for (const auto cluster : { folder, folder + 1, moved })
+        image.setFAT(cluster, 0);
+    erase(
+        image.bytes(), image.entryOffset(FATImage::root, 0), image.entryOffset(FATImage::root, 16));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count(fragments + "/Et navn i to stykker.txt", {}), 1);
+    EXPECT_EQ(found.count(fragments + "/SIDST.TXT", {}), 1);
+}
+
+TEST(LostFragments, WhatAnEntryLeadsToInVainIsReadByItsContent)
+{
+    CardWithContinuation card;
+    auto& image = card.image;
+    image.addEntry(card.top,
+        { .name = "\xE5"
+                  "AMMEL     ",
+            .attributes = 0x10,
+            .cluster = card.split + 1 });
+    erase(image.bytes(), image.offsetOf(card.inner), image.offsetOf(card.inner + 1));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count(fragments + "/X24.TXT", {}), 1);
+}
+
+TEST(LostFragments, FoldersThatTheVolumeListsAreNotListedAgain)
+{
+    FATImage image({});
+    const auto live = image.addFolder(FATImage::root, { .name = "LEVENDE    " });
+    image.addFile(live, { .name = "HER     TXT" }, patternBytes(700));
+    const auto lost = image.addFolder(FATImage::root, { .name = "TABT       " });
+    image.addEntry(lost, { .name = "SAMME      ", .attributes = 0x10, .cluster = live });
+    image.addFile(lost, { .name = "DER     TXT" }, patternBytes(800));
+    image.write(image.entryOffset(FATImage::root, 1), bytesOf("?"));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count("/HER.TXT", patternBytes(700)), 1);
+    EXPECT_EQ(found.count(fragments + "/DER.TXT", patternBytes(800)), 1);
+}
+
+TEST(LostFragments, FoldersNamedBehindASplitSetHangBelowTheirNames)
+{
+    ExFATImage image({ .clusters = 300 });
+    const auto inner = image.addFolder(image.root(), { .name = u"Flyttet" }); // lies in front
+    image.addFile(inner, { .name = u"dyb" }, patternBytes(900));
+    const auto outer = image.addFolder(image.root(), { .name = u"Ydre" }, 2);
+    for (char16_t letter = u'a'; letter < u'g'; ++letter) // the last one is split
+        image.addFile(outer, { .name = { letter } }, patternBytes(600, letter));
+    image.addSet(outer, { .name = u"Indre", .attributes = 0x10, .cluster = inner, .size = 512 });
+    image.write(0, std::span(ExFATImage({ .clusters = 300 }).bytes()).first(image.offsetOf(inner)));
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count(fragments + "/f", patternBytes(600, u'f')), 1);
+    EXPECT_EQ(found.count(fragments + "/Indre/dyb", patternBytes(900)), 1);
+}
+
+TEST(LostFragments, ExFATSectorsAreKnownByTheirSets)
 {
     ExFATImage image;
     const auto folder = image.addFolder(image.root(), { .name = u"mappe" });
@@ -213,95 +279,8 @@ TEST(LostFragments, EXFATSectorsAreKnownByTheirSets)
     EXPECT_FALSE(ExFATParser::looksLikeDirectorySector(sector));
 }
 
-namespace {
-
-std::u16string numbered(int number)
-{
-    return u"foto" + std::u16string(1, static_cast<char16_t>('0' + number));
-}
-
-/// Photographs of a card, of which only the sectors behind a byte are left: no directory in them
-/// says where it lies, and none names another one.
-template <class Image> struct BarePhotographs {
-    Image image;
-    std::uint64_t firstByte = 0;
-    std::vector<Bytes> contents {};
-
-    explicit BarePhotographs(const Image& empty)
-        : image(empty)
-    {
-        for (std::size_t i = 0; i < 4; ++i)
-            contents.push_back(jpegFile({}, 2000 + 700 * i));
-    }
-};
-
-} // namespace
-
-TEST(LostHeaps, FATClustersLieWhereThePhotographsThatADirectoryNamesAre)
-{
-    BarePhotographs card(FATImage({ .type = FileSystemType::fat16, .sectorsPerCluster = 2 }));
-    auto& image = card.image;
-    const auto folder = image.addFolder(FATImage::root, { .name = "DCIM       " }, 2);
-    for (int i = 0; i < 30; ++i)
-        image.addEntry(folder, { .name = "FYLD" + std::to_string(10 + i) + "  TXT" });
-    for (std::size_t i = 0; i < card.contents.size(); ++i)
-        image.addFile(folder, { .name = "FOTO" + std::to_string(i) + "   JPG" }, card.contents[i]);
-    erase(image.bytes(), 0, image.offsetOf(folder + 1));
-
-    const Found found(image.bytes(), true);
-    ASSERT_EQ(found.volumes.size(), 1u);
-    EXPECT_EQ(found.volumes[0]->offset, image.offsetOf(2));
-    EXPECT_EQ(found.volumes[0]->clusterSize, 1024u);
-    for (std::size_t i = 0; i < card.contents.size(); ++i)
-        EXPECT_EQ(found.count("/FOTO" + std::to_string(i) + ".JPG", card.contents[i]), 1) << i;
-    EXPECT_TRUE(Found(image.bytes()).volumes.empty()) << "nothing but the photographs tells";
-}
-
-TEST(LostHeaps, ExFATClustersLieWhereThePhotographsThatADirectoryNamesAre)
-{
-    BarePhotographs card(ExFATImage({ .clusterShift = 1 }));
-    auto& image = card.image;
-    const auto folder = image.addFolder(image.root(), { .name = u"DCIM" });
-    for (std::size_t i = 0; i < card.contents.size(); ++i)
-        image.addFile(folder, { .name = numbered(static_cast<int>(i)) }, card.contents[i]);
-    erase(image.bytes(), 0, image.offsetOf(folder));
-
-    const Found found(image.bytes(), true);
-    ASSERT_EQ(found.volumes.size(), 1u);
-    EXPECT_EQ(found.volumes[0]->offset, image.offsetOf(2));
-    EXPECT_EQ(found.volumes[0]->clusterSize, 1024u);
-    for (std::size_t i = 0; i < card.contents.size(); ++i)
-        EXPECT_EQ(found.count("/foto" + std::to_string(i), card.contents[i]), 1) << i;
-    EXPECT_TRUE(Found(image.bytes()).volumes.empty()) << "nothing but the photographs tells";
-}
-
-TEST(LostHeaps, AFixedRootIsReadFromTheFirstOfItsSectorsThatIsLeft)
-{
-    constexpr std::size_t entriesInSector = 16;
-    FATImage image({ .type = FileSystemType::fat16 });
-    for (std::size_t i = 0; i < 2 * entriesInSector; ++i)
-        image.addFile(FATImage::root, { .name = "FIL" + std::to_string(10 + i) + "   TXT" },
-            patternBytes(600, static_cast<std::uint32_t>(i)));
-    for (const char* name : { "ET         ", "TO         " }) {
-        const auto folder = image.addFolder(FATImage::root, { .name = name });
-        image.addFile(folder, { .name = "INDE    TXT" }, patternBytes(700));
-    }
-    image.addEntry(FATImage::root, { .name = "TOM     TXT" }); // three entries pass for a directory
-    erase(image.bytes(), 0, image.entryOffset(FATImage::root, entriesInSector));
-
-    const Found found(image.bytes());
-    ASSERT_EQ(found.volumes.size(), 1u);
-    for (std::size_t i = entriesInSector; i < 2 * entriesInSector; ++i)
-        EXPECT_EQ(found.count("/FIL" + std::to_string(10 + i) + ".TXT",
-                      patternBytes(600, static_cast<std::uint32_t>(i))),
-            1)
-            << i;
-    EXPECT_EQ(found.count("/ET/INDE.TXT", patternBytes(700)), 1);
-    EXPECT_EQ(found.count(fragments + "/INDE.TXT", patternBytes(700)), 0);
-}
-
 /// A card that tools make, format again, and wipe.
-TEST(LostFragments, ToolMadeCardsComeBack)
+TEST(LostFragments, FilesOfToolMadeCardsComeBackAfterFormattingAndWiping)
 {
     setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
     if (!hasProgram("mkfs.fat") || !hasProgram("mcopy"))

@@ -60,7 +60,7 @@ TEST(ExFAT, ListsAndReadsTheLiveTree)
     }
 }
 
-TEST(ExFAT, ChancesOfDeletedSetsAndImpossibleOnes)
+TEST(ExFAT, JudgesFilesByWhatBecameOfTheirClusters)
 {
     ExFATImage image;
     const auto content = patternBytes(1400); // three clusters
@@ -83,6 +83,8 @@ TEST(ExFAT, ChancesOfDeletedSetsAndImpossibleOnes)
     image.addSet(
         image.root(), { .name = u"exabytes", .cluster = 50, .size = std::uint64_t { 1 } << 62 });
     image.addSet(image.root(), { .name = u"over kanten", .cluster = 200, .size = 2000 });
+    image.addSet(image.root(), { .name = u"kant og væk", .cluster = 200, .size = 2000 });
+    image.remove(u"kant og væk");
     auto beginning = content; // what lies beyond the valid size are zeros
     std::fill(beginning.begin() + 700, beginning.end(), std::uint8_t { 0 });
     image.addSet(
@@ -100,6 +102,7 @@ TEST(ExFAT, ChancesOfDeletedSetsAndImpossibleOnes)
         { "/udenfor", "Ringe: Ugyldig startklynge" },
         { "/exabytes", "Ringe: Filens størrelse er større end diskens" },
         { "/over kanten", "Delvis: Klyngekæden er afbrudt" },
+        { "/kant og væk", "Delvis: Dele af filen kan være overskrevet" },
         { "/begyndt", "God" },
     };
     const auto card = parse(image);
@@ -111,8 +114,19 @@ TEST(ExFAT, ChancesOfDeletedSetsAndImpossibleOnes)
     EXPECT_EQ(card.content("/ikke begyndt"), Bytes(1400));
     EXPECT_EQ(card["/exabytes"].data, FileData(NoData {}));
     EXPECT_EQ(card["/over kanten"].data, FileData(ExtentList { { image.offsetOf(200), 1024 } }));
+}
 
-    // Without the bitmap or the FAT less is known.
+TEST(ExFAT, WithoutBitmapOrFATLessIsKnown)
+{
+    ExFATImage image;
+    const auto content = patternBytes(1400);
+    const auto reused = image.addFile(image.root(), { .name = u"genbrugt" }, content);
+    for (const char16_t* name : { u"kæde", u"kort" })
+        image.addFile(image.root(), { .name = name, .isContiguous = false }, content);
+    for (const char16_t* name : { u"genbrugt", u"kæde" })
+        image.remove(name);
+    image.setUsed(reused, true);
+
     const auto withoutBitmap = parse(image, { image.bitmapOffset(), image.bitmapOffset() + 1 });
     EXPECT_EQ(withoutBitmap.volume->notes, Notes { "Allokeringsbitmappen kunne ikke læses." });
     EXPECT_EQ(chance(withoutBitmap["/genbrugt"]), "Ukendt");
@@ -124,7 +138,7 @@ TEST(ExFAT, ChancesOfDeletedSetsAndImpossibleOnes)
     EXPECT_EQ(parse(ExFATImage({ .hasBitmap = false })).volume->notes, withoutBitmap.volume->notes);
 }
 
-TEST(ExFAT, DamagedSets)
+TEST(ExFAT, ListsDamagedSetsAsFarAsTheyCanBeTrusted)
 {
     const std::u16string name = u"Et navn af tre stykker, det er langt.txt";
     const std::string whole = "/Et navn af tre stykker, det er langt.txt";
@@ -205,7 +219,7 @@ TEST(ExFAT, DirectoriesThatShareClustersDoNotMultiplyTheVolume)
     EXPECT_LE(totals.folders, image.bytes().size() / 96);
 }
 
-TEST(ExFAT, BackupBootSectorsAndImpossibleOnes)
+TEST(ExFAT, ReadsAVolumeByABootSectorFromElsewhere)
 {
     ExFATImage image;
     const Bytes boot(image.bytes().begin(), image.bytes().begin() + 512);
@@ -213,7 +227,13 @@ TEST(ExFAT, BackupBootSectorsAndImpossibleOnes)
     auto source = image.source();
     EXPECT_FALSE(ExFATParser::parse(*source, 0, "", nullptr));
     EXPECT_TRUE(ExFATParser::parse(*source, 0, "", nullptr, ByteView(boot)));
+}
 
+TEST(ExFAT, RefusesImpossibleSizesAndPlaces)
+{
+    const ExFATImage image;
+    const Bytes boot(image.bytes().begin(), image.bytes().begin() + 512);
+    const auto source = image.source();
     for (const std::uint64_t field :
         { 72u, 88u }) { // the size of the volume, the place of its heap
         auto damaged = boot;
@@ -281,7 +301,7 @@ TEST(ExFAT, FilesThatOverlapWithoutEndClaimNoMoreThanAVolumeHas)
     }
 }
 
-TEST(ExFAT, OtherToolsVolumesHoldOurSetsForThemToo)
+TEST(ExFAT, OtherToolsFindNoFaultInOurSets)
 {
     setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
     if (!hasProgram("mkfs.exfat"))
@@ -314,7 +334,7 @@ TEST(ExFAT, OtherToolsVolumesHoldOurSetsForThemToo)
     EXPECT_NE(output.find("files 1"), std::string::npos) << output;
 }
 
-TEST(ExFAT, AVolumeThatAnotherDriverFilled)
+TEST(ExFAT, ReadsWhatAnotherDriverWroteAndDeleted)
 {
     setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
     const TemporaryFolder folder;

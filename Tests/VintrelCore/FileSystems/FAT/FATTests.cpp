@@ -69,7 +69,7 @@ TEST_P(FATOfEveryWidth, ListsAndReadsTheLiveTree)
 INSTANTIATE_TEST_SUITE_P(FAT, FATOfEveryWidth, ::testing::Values(fat12, fat16, fat32),
     [](const auto& parameter) { return std::string(displayName(parameter.param)); });
 
-TEST(FAT, DamagedChainsAndClusterNumbers)
+TEST(FAT, DamagedChainsGiveWhatTheyStillHold)
 {
     FATImage image({ .type = fat12 });
     const auto content = patternBytes(2000); // four clusters
@@ -105,7 +105,7 @@ TEST(FAT, DamagedChainsAndClusterNumbers)
     }
 }
 
-TEST(FAT, Names)
+TEST(FAT, ShowsLongNamesThatBelongAndElseShortOnes)
 {
     const struct {
         FATImage::Entry entry;
@@ -202,7 +202,7 @@ TEST(FAT, DeletedFoldersAreWalkedWhileTheirClustersHold)
     EXPECT_EQ(card["/NY/NYT.TXT"].status, EntryStatus::existing) << "live folders come first";
 }
 
-TEST(FAT, DirectoriesThatLoopNestOrShareClustersDoNotMultiplyTheVolume)
+TEST(FAT, DirectoriesThatLoopOrNestTooDeepAreReadOnce)
 {
     FATImage image({ .type = fat32, .clusters = 600 });
     const auto loop = image.addFolder(root, { .name = "LOKKE      " });
@@ -222,7 +222,10 @@ TEST(FAT, DirectoriesThatLoopNestOrShareClustersDoNotMultiplyTheVolume)
     EXPECT_TRUE(card[deepest]
                     .children()
                     .empty()); // the directory at level 63 is read, what it lists is not
+}
 
+TEST(FAT, FilesThatShareClustersDoNotMultiplyTheVolume)
+{
     // A directory whose every entry claims to be a huge file that begins further along it.
     FATImage crowded({ .type = fat32 });
     const auto shared = crowded.addFolder(root, { .name = "MANGE      " }, 300);
@@ -249,11 +252,11 @@ TEST(FAT, UnreadableSectorsOfTheFirstFATComeFromTheSecond)
     EXPECT_EQ(chance(parse(image, { fat + 512, fat + 1024 })["/A.BIN"]), "God");
 }
 
-TEST(FAT, BootSectorsFromElsewhereAndImpossibleOnes)
+TEST(FAT, ReadsAVolumeByABootSectorFromElsewhere)
 {
     FATImage image({ .type = fat32 });
     image.addFile(root, { .name = "A       TXT" }, bytesOf("a"));
-    auto boot = Bytes(image.bytes().begin(), image.bytes().begin() + 512);
+    const Bytes boot(image.bytes().begin(), image.bytes().begin() + 512);
     image.write(0, Bytes(512));
     auto source = image.source();
     EXPECT_FALSE(FATParser::parse(*source, 0, "", nullptr));
@@ -261,8 +264,13 @@ TEST(FAT, BootSectorsFromElsewhereAndImpossibleOnes)
         FATParser::parse(*source, 0, "", nullptr, ByteView(boot))->root->children().size(), 1u);
     EXPECT_FALSE(FATGeometry::from(
         FATBootSector::from(boot), std::numeric_limits<std::uint64_t>::max() - 5));
+}
 
-    // A FAT that is too large to be true is not asked: files then lie in one piece.
+TEST(FAT, FilesLieInOnePieceWhereTheFATIsTooLargeToBeTrue)
+{
+    const FATImage image({ .type = fat32 });
+    Bytes boot(image.bytes().begin(), image.bytes().begin() + 512);
+    const auto source = image.source();
     putLE(boot, 16, 1, 1);
     putLE(boot, 32, 0x0FFFFFFF, 4);
     putLE(boot, 36, 1'572'865, 4); // 768 MiB and one sector
