@@ -11,8 +11,7 @@ constexpr std::uint64_t descriptorBase = 1;
 constexpr std::uint64_t dataBase = descriptorBase + APFSImage::descriptorBlocks;
 constexpr std::uint64_t dataBlocks
     = APFSImage::descriptorBlocks; // a space manager and a queue for each checkpoint
-constexpr std::uint64_t bitmapBlock = dataBase + dataBlocks; // one chunk, and its bitmap
-constexpr std::uint64_t chunkInfoBlock = bitmapBlock + 1;
+constexpr std::uint64_t chunkInfoBlock = APFSImage::bitmapBlock + 1;
 constexpr std::uint64_t firstFree = chunkInfoBlock + 1;
 constexpr std::uint64_t firstIndexOID = 100'000;
 constexpr std::uint64_t oidsPerVolume = 10'000;
@@ -72,7 +71,7 @@ APFSImage::Record APFSImage::inode(const Inode& inode)
     value.add(inode.parent, 8).add(inode.privateID != 0 ? inode.privateID : inode.id, 8);
     for (const std::uint64_t later : { 0u, 1u, 1u, 1u })
         value.add(inode.created + later * 1'000'000'000, 8);
-    value.add(0x8000 | (inode.isSparse ? 0x200u : 0u), 8)
+    value.add(0x8000 | (inode.isSparse ? 0x200u : 0u) | (inode.isCloned ? 0x410u : 0u), 8)
         .add(1, 4)
         .add(0, 4)
         .add(0, 4)

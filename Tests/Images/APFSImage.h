@@ -35,6 +35,7 @@ public:
         std::uint64_t created = 1'600'000'000'000'000'000;
         std::uint32_t bsdFlags = 0;
         bool isSparse = false;
+        bool isCloned = false;
     };
 
     /// A record of the file-system tree.
@@ -98,6 +99,9 @@ public:
                                    queueOID = 1027;
     static constexpr std::uint64_t rootOID = 1100, firstLeafOID = 1101;
     static constexpr std::uint64_t descriptorBlocks = 12; ///< two for each checkpoint
+    /// Of the one chunk. Before it lie the superblock and the two areas of the checkpoints, which
+    /// are as long as each other.
+    static constexpr std::uint64_t bitmapBlock = 1 + 2 * descriptorBlocks;
 
 private:
     struct Node {

@@ -5,7 +5,6 @@
 
 namespace {
 
-constexpr std::uint32_t blocks = 400;
 constexpr std::uint32_t catalogNodes = 16;
 constexpr std::uint32_t extentsNodes = 4;
 
@@ -80,14 +79,14 @@ Bytes encodedThread(const HFSPlusImage::Record& record)
 
 } // namespace
 
-HFSPlusImage::HFSPlusImage(bool isHFSX)
+HFSPlusImage::HFSPlusImage(bool isHFSX, std::uint32_t blocks)
 {
     bytes_.resize(blocks * blockSize);
     putBE(bytes_, 1024, isHFSX ? 0x48580005 : 0x482B0004, 4);
     putBE(bytes_, 1024 + 40, blockSize, 4);
     putBE(bytes_, 1024 + 44, blocks, 4);
     putBE(bytes_, 1024 + 64, 1000, 4); // the next catalog node ID
-    putFork(bytes_, 1024 + 112, blocks / 8, { { allocationBlock, 1 } });
+    putFork(bytes_, 1024 + 112, blocks / 8, { { allocationBlock, (blocks + 4095) / 4096 } });
     putFork(bytes_, 1024 + 192, extentsNodes * nodeSize, { { extentsBlock, 2 * extentsNodes } });
     putFork(bytes_, 1024 + 272, catalogNodes * nodeSize, { { catalogBlock, 2 * catalogNodes } });
     for (const auto at : { offsetOf(extentsBlock), nodeOffset(0) }) {

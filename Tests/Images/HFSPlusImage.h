@@ -26,8 +26,8 @@ public:
         std::uint32_t linkTo = 0; ///< not 0: a hard link to this iNode file
     };
 
-    /// 400 blocks; the metadata files lie in the first 96.
-    explicit HFSPlusImage(bool isHFSX = false);
+    /// At most 16,384 blocks, of which the metadata files lie in the first 96.
+    explicit HFSPlusImage(bool isHFSX = false, std::uint32_t blocks = 400);
 
     /// Puts the records into a leaf node of the catalog, from 2 on, and with them the thread
     /// records of some, which other systems want to see.

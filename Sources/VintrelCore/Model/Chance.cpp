@@ -36,6 +36,11 @@ constexpr DoubtRow rows[] = {
     { Doubt::partlyReused, partial, "Dele af filen kan være overskrevet" },
     { Doubt::fewReusedClusters, partial, "" },
     { Doubt::unknownAllocation, unknown, "" },
+    { Doubt::unreadableAllocation, unknown, "Det kan ikke læses, om filens blokke er genbrugt" },
+    { Doubt::laterDeletedFirst, poor, "En nyere slettet fil har brugt de samme blokke" },
+    { Doubt::laterDeletedPart, partial, "En nyere slettet fil har brugt nogle af de samme blokke" },
+    { Doubt::contestedByDeleted, partial,
+        "En anden slettet fil har haft nogle af de samme blokke" },
     { Doubt::beyondSource, partial, "Filen rækker ud over kildens slutning" },
     { Doubt::encrypted, poor, "EFS-krypteret – kan ikke dekrypteres" },
     { Doubt::compressedByHFS, poor,
@@ -44,6 +49,7 @@ constexpr DoubtRow rows[] = {
     { Doubt::compressedByAPFS, poor,
         "APFS-komprimeret fil – indholdet ligger i en skjult attribut og kan ikke gendannes "
         "direkte" },
+    { Doubt::onlyInCloud, poor, "Filens indhold ligger kun i skyen og kan ikke gendannes herfra" },
     { Doubt::damagedRecord, partial, "MFT-posten er delvist beskadiget" },
 };
 static_assert(std::size(rows) == static_cast<std::size_t>(Doubt::count));

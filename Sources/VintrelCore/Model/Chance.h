@@ -31,13 +31,18 @@ enum class Doubt : std::uint8_t {
     reusedClusters,
     partlyReused,
     fewReusedClusters,
-    unknownAllocation, ///< nothing that was read says who owns the clusters
+    unknownAllocation,    ///< nothing that was read says who owns the clusters
+    unreadableAllocation, ///< the same, because what says so of them cannot be read
+    laterDeletedFirst,    ///< a file that is deleted too had the first of them later
+    laterDeletedPart,     ///< or others of them
+    contestedByDeleted,   ///< or it may have been the later one
     // of what the source still is
     beyondSource, ///< some of it lies behind the source's end
     // of the content
     encrypted,
     compressedByHFS,
     compressedByAPFS,
+    onlyInCloud, ///< the disk has the file's name and size alone
     damagedRecord,
     count
 };
@@ -54,7 +59,7 @@ public:
     constexpr bool empty() const { return bits_ == 0; }
 
 private:
-    using Bits = std::uint32_t;
+    using Bits = std::uint64_t;
     static_assert(static_cast<unsigned>(Doubt::count) <= 8 * sizeof(Bits));
     static constexpr Bits bit(Doubt doubt) { return Bits { 1 } << static_cast<unsigned>(doubt); }
 

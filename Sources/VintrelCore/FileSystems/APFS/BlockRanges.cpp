@@ -21,6 +21,12 @@ bool APFSBlockRanges::intersects(APFSBlocks blocks) const
     return next && next->first < blocks.end;
 }
 
+bool APFSBlockRanges::covers(APFSBlocks blocks) const
+{
+    const auto range = rangeWith(blocks.first);
+    return range && range->end >= blocks.end;
+}
+
 std::optional<APFSBlocks> APFSBlockRanges::rangeWith(std::uint64_t block) const
 {
     const auto next = firstEndingBehind(block);

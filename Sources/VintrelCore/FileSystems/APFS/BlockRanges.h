@@ -17,11 +17,14 @@ public:
 
     /// Whether any of the blocks is in the set, as it was merged last.
     bool intersects(APFSBlocks blocks) const;
+    /// Whether all of the blocks are.
+    bool covers(APFSBlocks blocks) const;
     /// The range that holds a block; none when it is not in the set.
     std::optional<APFSBlocks> rangeWith(std::uint64_t block) const;
 
-private:
+    /// The first range that ends behind a block: the one that holds it, or the next one.
     std::optional<APFSBlocks> firstEndingBehind(std::uint64_t block) const;
 
+private:
     std::vector<APFSBlocks> ranges_; // once merged: ascending, apart from each other
 };

@@ -48,7 +48,10 @@ bool APFSBlockReader::read(std::uint64_t block, Bytes& buffer)
     if (!isValid(block) || !readBudget_.take(1))
         return false;
     buffer.resize(static_cast<std::size_t>(blockSize_));
-    source_.readReporting(*offsetOf(block), std::span(buffer), ReadMode::thorough);
+    const std::uint64_t lost
+        = source_.readReporting(*offsetOf(block), std::span(buffer), ReadMode::thorough);
+    if (lost > 0 && unreadable_.insert(block).second)
+        ++newUnreadable_;
     return true;
 }
 

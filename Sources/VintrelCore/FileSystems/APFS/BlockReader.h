@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <optional>
+#include <unordered_set>
+#include <utility>
 
 class DiskSource;
 
@@ -40,6 +42,10 @@ public:
     /// block that is not valid and when the budget is used up.
     bool read(std::uint64_t block, Bytes& buffer);
 
+    /// How many blocks `read` has met since this was asked last that cannot be read wholly. Each
+    /// block counts once.
+    std::uint64_t takeUnreadable() { return std::exchange(newUnreadable_, 0); }
+
     /// What the source has from byte `offset` on: at most `count` bytes, fewer at its end.
     static Bytes readAvailable(DiskSource& source, std::uint64_t offset, std::uint64_t count);
 
@@ -49,4 +55,6 @@ private:
     const std::uint64_t blockSize_;
     const std::uint64_t blockCount_;
     APFSBudget readBudget_;
+    std::unordered_set<std::uint64_t> unreadable_; // blocks
+    std::uint64_t newUnreadable_ = 0;
 };

@@ -4,11 +4,15 @@
 #include "VintrelCore/FileSystems/APFS/BlockReader.h"
 #include "VintrelCore/FileSystems/APFS/SpaceManager.h"
 #include "VintrelCore/FileSystems/APFS/Structures.h"
+#include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Model/Chance.h"
+#include "VintrelCore/Model/DeletedClaims.h"
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
 
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 /// The chances of deleted files, which depend on what all volumes of a container use: they are
@@ -25,17 +29,30 @@ public:
     void addInUse(APFSBlocks blocks) { inUse_.add(blocks); }
     /// Puts off a deleted file, which has extents. The node stays where it is until it is judged.
     void judgeLater(FileNode& node) { waiting_.push_back(&node); }
+    /// Tells of a piece of a deleted file, by the transaction that has it. The node stays where it
+    /// is until the files that wait are judged.
+    void addClaim(const DeletedClaims::Claim& claim) { claims_.add(claim); }
     /// Judges those that wait, by the space manager of the checkpoint with this superblock too.
-    /// False when some wait and it cannot be read.
-    bool judgeWaiting(const APFSFormat::ContainerSuperblock& superblock);
+    /// Returns what the user should know of that, in Danish; nothing when all was readable that was
+    /// needed.
+    std::optional<std::string> judgeWaiting(const APFSFormat::ContainerSuperblock& superblock);
+
+    /// Adds the ranges of the source that the container has in use by that checkpoint. False, and
+    /// nothing added, when any of it cannot be read.
+    bool addUsedRanges(
+        const APFSFormat::ContainerSuperblock& superblock, std::vector<ByteRange>& ranges);
 
 private:
+    void judgeByClaims();
+    void loadSpaceManager(const APFSFormat::ContainerSuperblock& superblock);
+    Doubts doubtsOf(const FileNode& node);
     ClusterUse useOf(const ExtentList& extents);
-    bool findInUse(APFSBlocks blocks);
+    APFSSpaceManager::Use useOf(APFSBlocks blocks);
 
     APFSBlockReader& blocks_;
     APFSBlockRanges inUse_;
     std::vector<FileNode*> waiting_;                 // not owning: they are in the volumes' trees
     std::unique_ptr<APFSSpaceManager> spaceManager_; // none: not read, or cannot be
     bool hasAskedSpaceManager_ = false;
+    DeletedClaims claims_ { DeletedClaims::SameTime::theyShareThem }; // of one state: clones
 };

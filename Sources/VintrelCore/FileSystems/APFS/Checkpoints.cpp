@@ -36,6 +36,9 @@ APFSCheckpoints::APFSCheckpoints(APFSBlockReader& blocks, ByteView first, std::u
         superblock_ = APFSSuperblock::decode(read(checkpoints_.front()));
     }
     chooseUsable();
+    if (const std::uint64_t lost = blocks_.takeUnreadable(); lost > 0)
+        notes_.push_back("Dele af containerens objektkort kunne ikke læses ("
+            + std::to_string(lost * blocks_.blockSize()) + " bytes). Volumener kan mangle.");
 }
 
 /// Finds the sound superblocks of the checkpoint descriptor area. Of those with the same

@@ -36,9 +36,9 @@ VolumeList APFSContainer::volumes(const std::string& origin, WorkProgress* progr
         if (auto found = volume(superblock.fileSystemOIDs[slot], origin, progress))
             volumes.push_back(std::move(found));
     }
-    if (!state_->chances().judgeWaiting(superblock))
+    if (const auto note = state_->chances().judgeWaiting(superblock))
         for (const auto& volume : volumes)
-            volume->notes.emplace_back("Oversigten over ledig plads kunne ikke læses.");
+            volume->notes.push_back(*note);
     return volumes;
 }
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -82,8 +83,11 @@ void APFSContent::fill(FileNode& node, const APFSFileRecords& records, const APF
     if (inode.isCompressed || (compression != nullptr && inode.size == 0)) {
         if (compression != nullptr)
             node.size = compression->size;
-        node.data = ExtentList {};
-        judge(node, Doubt::compressedByAPFS);
+        judge(node, inode.isDataless ? Doubt::onlyInCloud : Doubt::compressedByAPFS);
+        return;
+    }
+    if (inode.isDataless) {
+        judge(node, Doubt::onlyInCloud);
         return;
     }
     if (inode.isSymlink()) {
@@ -124,6 +128,8 @@ void APFSContent::fillExtents(FileNode& node, const APFSFileRecords& records,
     auto layout = layOut(stored, node.size, inode);
     node.data = std::move(layout.extents);
     const bool exists = node.status == EntryStatus::existing;
+    if (!exists && !isShared && !layout.isHeldBySnapshot)
+        claim(node, stored, inode);
     if (!layout.isComplete) {
         const auto partly = exists ? Doubt::partlyUnknownBlocks : Doubt::lostBlocks;
         judge(node, stored.empty() ? Doubt::unknownBlocks : partly);
@@ -133,6 +139,22 @@ void APFSContent::fillExtents(FileNode& node, const APFSFileRecords& records,
             node.addNote("Bevaret i et snapshot");
     } else {
         state_.chances().judgeLater(node);
+    }
+}
+
+/// Tells which blocks a deleted file had, for the chances of other deleted ones.
+void APFSContent::claim(FileNode& node, std::span<const APFSFileRecords::Extent> stored,
+    const APFSFileRecords::Inode& inode)
+{
+    const auto& blocks = state_.blocks();
+    bool isStart = true;
+    for (const auto& part : newestParts(stored, node.size, blocks.blockSize())) {
+        const auto offset = blocks.isValid(part.block) ? blocks.offsetOf(part.block) : std::nullopt;
+        if (!offset)
+            continue;
+        const std::uint64_t onSource = std::min(part.length, blocks.source().size() - *offset);
+        state_.chances().addClaim({ &node, { *offset, *offset + onSource }, part.leaf.xid,
+            std::exchange(isStart, false), inode.isCloned });
     }
 }
 

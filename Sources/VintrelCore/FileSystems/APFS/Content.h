@@ -5,6 +5,9 @@
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
 
+#include <cstdint>
+#include <span>
+
 /// Gives files their size, their content and their chance. Used by one thread at a time; the state
 /// must outlive it.
 class APFSContent {
@@ -31,6 +34,8 @@ private:
     void fillSymlink(
         FileNode& node, const APFSFileRecords& records, const APFSFileRecords::Inode& inode);
     void fillExtents(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
+        const APFSFileRecords::Inode& inode);
+    void claim(FileNode& node, std::span<const APFSFileRecords::Extent> stored,
         const APFSFileRecords::Inode& inode);
     Layout layOut(std::span<const APFSFileRecords::Extent> stored, std::uint64_t size,
         const APFSFileRecords::Inode& inode);

@@ -91,8 +91,15 @@ std::unique_ptr<FileNode> lostFiles(DiskSource& source, Volume& volume,
     std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
 {
     auto* reader = dynamic_cast<APFSVolumeReader*>(volume.deepContext.get());
-    return reader != nullptr && reader->isOn(source) ? reader->lostFiles(leafOffsets, progress)
-                                                     : nullptr;
+    return reader != nullptr && reader->isOn(source)
+        ? reader->lostFiles(volume, leafOffsets, progress)
+        : nullptr;
+}
+
+bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)
+{
+    const auto* context = dynamic_cast<const APFSVolumeContext*>(volume.deepContext.get());
+    return context != nullptr && context->isOn(source) && context->addUsedRanges(ranges);
 }
 
 } // namespace APFSParser

@@ -4,6 +4,7 @@
 #include "VintrelCore/FileSystems/APFS/Objects.h"
 #include "VintrelCore/FileSystems/APFS/Role.h"
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Model/Volume.h"
@@ -14,6 +15,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 class DiskSource;
 
@@ -50,5 +52,9 @@ VolumeList parseFromSuperblock(DiskSource& source, std::uint64_t superblockOffse
 /// on the volume what it listed.
 std::unique_ptr<FileNode> lostFiles(DiskSource& source, Volume& volume,
     std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
+
+/// Adds the ranges of the source that the volume's container has in use, as its space manager says.
+/// False, and nothing added, when any of that cannot be read.
+bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges);
 
 } // namespace APFSParser

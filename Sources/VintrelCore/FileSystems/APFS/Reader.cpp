@@ -69,5 +69,5 @@ const FileSystemReader apfsReader {
     .findVolumes = findVolumes,
     .rebuildVolumes = nullptr,
     .findLostFolders = findLostFolders,
-    .addUsedRanges = nullptr,
+    .addUsedRanges = APFSParser::addUsedRanges,
 };

@@ -152,7 +152,9 @@ void APFSFileRecords::addInode(std::uint64_t id, ByteView value, LeafVersion lea
         .name = {},
         .mode = stored->mode,
         .isSparse = (stored->internalFlags & sparseFlag) != 0,
-        .isCompressed = (stored->bsdFlags & compressedFlag) != 0 };
+        .isCompressed = (stored->bsdFlags & compressedFlag) != 0,
+        .isCloned = (stored->internalFlags & clonedFlags) != 0,
+        .isDataless = (stored->bsdFlags & datalessFlag) != 0 };
     addExtendedFields(inode, value);
     if (inode.isCompressed && (stored->internalFlags & hasUncompressedSizeFlag) != 0)
         inode.size = stored->uncompressedSize;

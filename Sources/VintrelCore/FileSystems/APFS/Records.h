@@ -39,6 +39,8 @@ public:
         std::uint16_t mode = 0;
         bool isSparse = false;
         bool isCompressed = false;
+        bool isCloned = false;   ///< it may share its blocks with other files
+        bool isDataless = false; ///< the content is in the cloud alone
 
         bool isFolder() const;
         bool isSymlink() const;

@@ -4,10 +4,12 @@
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
 #include "VintrelCore/FileSystems/APFS/Objects.h"
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
 #include <optional>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 using namespace APFSFormat;
@@ -184,44 +186,112 @@ void APFSSpaceManager::addFreed(ByteView key, std::optional<ByteView> value)
         freed_.add({ first, first + count });
 }
 
-/// Not counted against what may be read: each bitmap is read once.
-const Bytes& APFSSpaceManager::bitmapOf(Chunk& chunk)
+/// Not counted against what may be read: each bitmap is read once. It has no checksum.
+void APFSSpaceManager::readBitmap(Chunk& chunk)
 {
-    if (!chunk.isRead && chunk.bitmapBlock != 0) {
-        // A bitmap has no checksum. One that cannot be read must not call anything free.
-        const auto offset = blocks_.offsetOf(chunk.bitmapBlock);
-        chunk.bitmap.assign(static_cast<std::size_t>(blocks_.blockSize()), 0xFF);
-        if (offset
-            && blocks_.source().readReporting(*offset, std::span(chunk.bitmap), ReadMode::thorough)
-                > 0)
-            std::ranges::fill(chunk.bitmap, std::uint8_t { 0xFF });
-    }
-    chunk.isRead = true;
-    return chunk.bitmap;
+    if (std::exchange(chunk.isRead, true) || chunk.bitmapBlock == 0)
+        return;
+    const auto offset = blocks_.offsetOf(chunk.bitmapBlock);
+    chunk.bitmap.resize(static_cast<std::size_t>(blocks_.blockSize()));
+    chunk.isLost = !offset
+        || blocks_.source().readReporting(*offset, std::span(chunk.bitmap), ReadMode::thorough) > 0;
+    if (!chunk.isLost)
+        return;
+    ++lostBitmaps_;
+    chunk.bitmap = {};
 }
 
-bool APFSSpaceManager::findAllocated(APFSBlocks blocks)
+const APFSSpaceManager::Chunk* APFSSpaceManager::readableChunk(std::uint64_t number)
 {
+    const auto [chunk, isMissing] = chunks_.try_emplace(number);
+    if (isMissing) {
+        chunk->second.isRead = chunk->second.isLost = true;
+        ++lostBitmaps_;
+    }
+    readBitmap(chunk->second);
+    return chunk->second.isLost ? nullptr : &chunk->second;
+}
+
+APFSSpaceManager::Use APFSSpaceManager::useOf(APFSBlocks blocks)
+{
+    Use use;
     std::uint64_t block = blocks.first;
     const std::uint64_t end = blocks.first + std::min(blocks.end - blocks.first, maxBlockChecks);
     while (block < end) {
-        const auto chunk = chunks_.find(block / blocksPerChunk_);
         const std::uint64_t inChunk = block % blocksPerChunk_;
-        if (chunk == chunks_.end() || bitmapOf(chunk->second).empty()) {
-            block += blocksPerChunk_ - inChunk;
+        const std::uint64_t chunkEnd = std::min(end, block + blocksPerChunk_ - inChunk);
+        const auto* chunk = readableChunk(block / blocksPerChunk_);
+        if (chunk == nullptr || chunk->bitmap.empty()) {
+            const bool isKnown = chunk != nullptr || freed_.covers({ block, chunkEnd });
+            use.isUnknown = use.isUnknown || !isKnown;
+            block = chunkEnd;
             continue;
         }
-        const auto byte = bitmapOf(chunk->second)[static_cast<std::size_t>(inChunk / 8)];
+        const auto byte = chunk->bitmap[static_cast<std::size_t>(inChunk / 8)];
         if (byte >> inChunk % 8 == 0) {
             block += 8 - inChunk % 8;
         } else if ((byte >> inChunk % 8 & 1) == 0) {
             ++block;
-        } else {
-            const auto queued = freed_.rangeWith(block);
-            if (!queued)
-                return true;
+        } else if (const auto queued = freed_.rangeWith(block)) {
             block = queued->end;
+        } else {
+            use.isAllocated = true;
+            break;
         }
     }
-    return false;
+    return use;
+}
+
+bool APFSSpaceManager::addAllocated(std::vector<APFSBlocks>& allocated)
+{
+    const std::uint64_t count = unitsFor(blocks_.blockCount(), blocksPerChunk_);
+    const std::size_t before = allocated.size();
+    bool isComplete = count > 0 && count <= chunks_.size();
+    for (std::uint64_t number = 0; isComplete && number < count; ++number) {
+        const auto kept = chunks_.find(number);
+        const bool wasRead = kept != chunks_.end() && kept->second.isRead;
+        const auto* chunk = readableChunk(number);
+        isComplete = chunk != nullptr;
+        if (!isComplete)
+            break;
+        addAllocatedIn(*chunk, number, allocated);
+        if (!wasRead) // all bitmaps together are large
+            kept->second = { kept->second.bitmapBlock, false, false, {} };
+    }
+    if (!isComplete)
+        allocated.resize(before);
+    return isComplete;
+}
+
+void APFSSpaceManager::addAllocatedIn(
+    const Chunk& chunk, std::uint64_t number, std::vector<APFSBlocks>& allocated) const
+{
+    if (chunk.bitmap.empty())
+        return;
+    const std::uint64_t first = number * blocksPerChunk_;
+    const std::uint64_t count = std::min(blocksPerChunk_, blocks_.blockCount() - first);
+    const auto isAllocated = [&](std::uint64_t block) {
+        return (chunk.bitmap[static_cast<std::size_t>(block / 8)] >> block % 8 & 1) != 0;
+    };
+    for (std::uint64_t block = 0; block < count; ++block) {
+        if (!isAllocated(block))
+            continue;
+        const std::uint64_t start = block;
+        while (block < count && isAllocated(block))
+            ++block;
+        addUnlessFreed({ first + start, first + block }, allocated);
+    }
+}
+
+/// Leaves out what waits in the queue of freed blocks.
+void APFSSpaceManager::addUnlessFreed(APFSBlocks blocks, std::vector<APFSBlocks>& allocated) const
+{
+    std::uint64_t block = blocks.first;
+    while (block < blocks.end) {
+        const auto queued
+            = freed_.firstEndingBehind(block).value_or(APFSBlocks { blocks.end, blocks.end });
+        if (queued.first > block)
+            allocated.push_back({ block, std::min(queued.first, blocks.end) });
+        block = queued.end;
+    }
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 /// Which blocks of a container are in use, as one checkpoint has it. Used by one thread at a time.
 class APFSSpaceManager {
@@ -17,16 +18,29 @@ public:
     static std::unique_ptr<APFSSpaceManager> load(
         APFSBlockReader& blocks, const APFSFormat::ContainerSuperblock& superblock);
 
+    /// What is known of some blocks.
+    struct Use {
+        bool isAllocated = false; ///< one of them is in use
+        bool isUnknown = false;   ///< the bitmap of some cannot be read
+    };
+
     /// Looks for a block of a range that is in use, and reads the bitmaps that this needs. Blocks
     /// that were freed, but wait in a queue because an older checkpoint may still need them, are
     /// not in use. At most so many blocks are looked up as the largest file has that is worth it.
-    bool findAllocated(APFSBlocks blocks);
+    Use useOf(APFSBlocks blocks);
+    /// Adds all blocks that are in use, ascending. False, and nothing added, when any bitmap cannot
+    /// be read.
+    bool addAllocated(std::vector<APFSBlocks>& allocated);
+
+    /// How many of the bitmaps that were needed could not be read.
+    std::uint64_t lostBitmaps() const { return lostBitmaps_; }
 
 private:
     struct Chunk {
         std::uint64_t bitmapBlock = 0;
         bool isRead = false;
-        Bytes bitmap; ///< empty: all blocks are free, or not read yet
+        bool isLost = false; ///< the bitmap cannot be read
+        Bytes bitmap;        ///< empty: all blocks are free, or not known
     };
 
     /// Of ephemeral objects, by oid.
@@ -46,10 +60,16 @@ private:
     bool loadChunkInfo(std::uint64_t number);
     void loadFreeQueue(const MappingByOID& mappings, std::uint64_t rootOID);
     void addFreed(ByteView key, std::optional<ByteView> value);
-    const Bytes& bitmapOf(Chunk& chunk);
+    void readBitmap(Chunk& chunk);
+    /// The chunk with this number, its bitmap read; null when nothing says what it uses.
+    const Chunk* readableChunk(std::uint64_t number);
+    void addAllocatedIn(
+        const Chunk& chunk, std::uint64_t number, std::vector<APFSBlocks>& allocated) const;
+    void addUnlessFreed(APFSBlocks blocks, std::vector<APFSBlocks>& allocated) const;
 
     APFSBlockReader& blocks_;
     std::uint64_t blocksPerChunk_ = 0;
     std::unordered_map<std::uint64_t, Chunk> chunks_; // by their number
     APFSBlockRanges freed_;
+    std::uint64_t lostBitmaps_ = 0;
 };

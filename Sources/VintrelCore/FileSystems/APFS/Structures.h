@@ -285,9 +285,12 @@ struct InodeValue {
 };
 static_assert(sizeof(InodeValue) == 92 && offsetof(InodeValue, uncompressedSize) == 84);
 
+constexpr std::uint64_t clonedFlags = 0x410;               // of internalFlags: now, and ever
 constexpr std::uint64_t sparseFlag = 0x200;                // of internalFlags
 constexpr std::uint64_t hasUncompressedSizeFlag = 0x40000; // of internalFlags
 constexpr std::uint32_t compressedFlag = 0x20;             // of bsdFlags
+/// Of bsdFlags. The reference leaves it out: it is SF_DATALESS of macOS' stat().
+constexpr std::uint32_t datalessFlag = 0x40000000;
 
 constexpr std::uint16_t modeMask = 0xF000;
 constexpr std::uint16_t folderMode = 0x4000;

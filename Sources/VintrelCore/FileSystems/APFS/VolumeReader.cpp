@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <functional>
 #include <limits>
+#include <string_view>
 #include <vector>
 
 using namespace APFSFormat;
@@ -69,7 +70,7 @@ std::unique_ptr<Volume> describe(APFSContainerState& state, const VolumeSuperblo
 
 APFSVolumeReader::APFSVolumeReader(std::shared_ptr<APFSContainerState> state,
     const VolumeSuperblock& superblock, std::uint64_t oid, FileNode& root)
-    : state_(std::move(state))
+    : APFSVolumeContext(std::move(state))
     , identity_(state_->leaves().add({ .volumeOID = oid,
           .isHashed = hasHashes(superblock),
           .nextObjectID = superblock.nextObjectID }))
@@ -86,6 +87,7 @@ std::unique_ptr<Volume> APFSVolumeReader::read(std::shared_ptr<APFSContainerStat
     if ((stored.flags & unencryptedFlag) == 0) {
         volume->notes.emplace_back("Volumen er krypteret (FileVault). Filerne kan ikke læses uden "
                                    "at låse disken op i macOS.");
+        volume->deepContext = std::make_unique<APFSVolumeContext>(std::move(state));
         return volume;
     }
     if ((stored.incompatibleFeatures & IncompatibleFeature::sealed) != 0)
@@ -104,7 +106,16 @@ void APFSVolumeReader::readTrees(
     Volume& volume, const VolumeSuperblock& superblock, WorkProgress* progress)
 {
     report(progress, 0, "Læser APFS-filtræ …");
+    const auto noteUnreadable = [&](std::string_view part, std::string_view effect) {
+        const std::uint64_t lost = state_->blocks().takeUnreadable();
+        if (lost > 0)
+            volume.notes.push_back("Dele af " + std::string(part) + " kunne ikke læses ("
+                + std::to_string(lost * state_->blocks().blockSize()) + " bytes)."
+                + std::string(effect));
+    };
+    state_->blocks().takeUnreadable();
     APFSTreeHistory history(*state_, superblock, identity_.volumeOID);
+    noteUnreadable("volumens objektkort", " Filer kan mangle.");
     const auto live = readLive(history, superblock.rootTreeOID, progress);
     tree_.addExisting(live.records);
     if (live.records.inodes().empty() && !isCancelled(progress))
@@ -112,7 +123,9 @@ void APFSVolumeReader::readTrees(
     else if (live.isDamaged)
         volume.notes.emplace_back(
             "Dele af filtræet er beskadiget. Filer kan mangle eller stå i en ældre udgave.");
+    noteUnreadable("filtræet", "");
     tree_.addDeleted(readOld(history, progress), live.records);
+    noteUnreadable("filtræets ældre udgaver", " Slettede filer kan mangle.");
     history.registerOwner();
     volume.root->sortChildren();
 }
@@ -198,7 +211,7 @@ void APFSVolumeReader::addLeaf(APFSFileRecords& records, std::uint64_t block, By
 }
 
 std::unique_ptr<FileNode> APFSVolumeReader::lostFiles(
-    std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
+    Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
 {
     const auto records = readLoose(leafOffsets, progress);
     auto* known = tree_.orphans();
@@ -207,7 +220,9 @@ std::unique_ptr<FileNode> APFSVolumeReader::lostFiles(
         : nullptr;
     auto& folder = known != nullptr ? *known : *made;
     tree_.addLost(records, folder);
-    state_->chances().judgeWaiting(state_->checkpoints().superblock());
+    const auto note = state_->chances().judgeWaiting(state_->checkpoints().superblock());
+    if (note && std::ranges::count(volume.notes, *note) == 0)
+        volume.notes.push_back(*note);
     folder.sortChildren();
     return made && !made->children().empty() ? std::move(made) : nullptr;
 }

@@ -6,6 +6,7 @@
 #include "VintrelCore/FileSystems/APFS/Tree.h"
 #include "VintrelCore/FileSystems/APFS/TreeHistory.h"
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Model/WorkProgress.h"
@@ -14,23 +15,43 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <utility>
+#include <vector>
 
 class DiskSource;
 
+/// What every volume of a container keeps, also one whose files cannot be read: the container.
+class APFSVolumeContext : public DeepContext {
+public:
+    explicit APFSVolumeContext(std::shared_ptr<APFSContainerState> state)
+        : state_(std::move(state))
+    {
+    }
+
+    /// Whether the volume was read from this source.
+    bool isOn(const DiskSource& source) const { return &state_->blocks().source() == &source; }
+    /// See APFSParser::addUsedRanges.
+    bool addUsedRanges(std::vector<ByteRange>& ranges) const
+    {
+        return state_->chances().addUsedRanges(state_->checkpoints().superblock(), ranges);
+    }
+
+protected:
+    const std::shared_ptr<APFSContainerState> state_; // never none
+};
+
 /// Reads the files of one volume of a container. The search for loose leaves goes on with what it
 /// knows, so that the volume keeps it. Used by one thread at a time.
-class APFSVolumeReader : public DeepContext {
+class APFSVolumeReader : public APFSVolumeContext {
 public:
-    /// The volume with this superblock and oid. Its files are not read where it is encrypted; it
-    /// has no deep context then. `progress` may be none.
+    /// The volume with this superblock and oid. Its files are not read where it is encrypted; its
+    /// deep context is no reader then. `progress` may be none.
     static std::unique_ptr<Volume> read(std::shared_ptr<APFSContainerState> state,
         ByteView superblock, std::uint64_t oid, const std::string& origin, WorkProgress* progress);
 
     /// See APFSParser::lostFiles.
     std::unique_ptr<FileNode> lostFiles(
-        std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
-    /// Whether the volume was read from this source.
-    bool isOn(const DiskSource& source) const { return &state_->blocks().source() == &source; }
+        Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
 
 private:
     /// The records of the live tree.
@@ -53,7 +74,6 @@ private:
     void addLeaf(APFSFileRecords& records, std::uint64_t block, ByteView node,
         bool isHeldBySnapshot, Objects objects);
 
-    const std::shared_ptr<APFSContainerState> state_;
     APFSLeafLedger::Identity& identity_; // the ledger's, which is part of the state
     APFSFileTree tree_;
 };

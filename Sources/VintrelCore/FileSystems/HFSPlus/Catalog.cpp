@@ -42,10 +42,12 @@ std::optional<HFSPlusCatalog> HFSPlusCatalog::load(
     if (!tree)
         return std::nullopt;
     HFSPlusCatalog catalog(std::move(*tree));
-    const auto extents = forks.allExtents(header.catalogFile, catalogFileID);
+    const auto lost = forks.lostParts(
+        forks.allExtents(header.catalogFile, catalogFileID), catalog.tree_.bytes().size());
+    catalog.lostBytes_ = lost.total();
     catalog.tree_.forEachLeafRecord(
         [&](std::uint64_t offset, std::uint64_t length) {
-            return forks.isDamaged(extents, offset, length);
+            return lost.intersects(offset, offset + length);
         },
         [&](ByteView record, bool isLive) { catalog.add(record, isLive); });
     catalog.keepBest();

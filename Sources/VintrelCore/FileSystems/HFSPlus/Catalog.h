@@ -30,6 +30,8 @@ public:
     static std::optional<HFSPlusCatalog> load(
         const HFSPlusForks& forks, const HFSPlusFormat::VolumeHeader& header);
 
+    /// How many bytes of the catalog file could not be read.
+    std::uint64_t lostBytes() const { return lostBytes_; }
     /// One for each ID, ascending.
     const std::vector<Entry>& entries() const { return entries_; }
     /// None when no record has this ID.
@@ -50,5 +52,6 @@ private:
     ByteView dataOf(const Entry& entry) const;
 
     HFSPlusBTree tree_;
+    std::uint64_t lostBytes_ = 0;
     std::vector<Entry> entries_;
 };

@@ -6,7 +6,31 @@
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/FileTypes.h"
 
+#include <string_view>
+
 using namespace HFSPlusFormat;
+
+namespace {
+
+/// Tells of metadata files that could not be read wholly.
+void noteLostMetadata(Volume& volume, const HFSPlusForks& forks, const HFSPlusCatalog& catalog)
+{
+    const auto note = [&](std::string_view file, std::uint64_t lost, std::string_view effect) {
+        if (lost > 0)
+            volume.notes.push_back("Dele af " + std::string(file) + " kunne ikke læses ("
+                + std::to_string(lost) + " bytes). " + std::string(effect));
+    };
+    note("kataloget", catalog.lostBytes(), "Filer kan mangle.");
+    note("extents-filen", forks.lostOverflowBytes(),
+        "De sidste dele af fragmenterede filer kan mangle.");
+    if (forks.hasAllocation())
+        note("allokeringsfilen", forks.lostAllocationBytes(),
+            "Om slettede filers blokke er genbrugt, vides kun for nogle af dem.");
+    else
+        volume.notes.emplace_back("Allokeringsfilen kunne ikke læses.");
+}
+
+} // namespace
 
 HFSContext::HFSContext(DiskSource& source, std::uint64_t base, const VolumeHeader& header)
     : source_(source)
@@ -31,9 +55,9 @@ std::unique_ptr<Volume> HFSContext::build(const std::string& origin, WorkProgres
     volume->root->fsID = rootFolderID;
     if (header_.start.signature == signatureHFSX)
         volume->notes.emplace_back("HFSX (versalfølsom)");
-    if (!forks.hasAllocation())
-        volume->notes.emplace_back("Allokeringsfilen kunne ikke læses.");
+    noteLostMetadata(*volume, forks, *catalog);
     HFSPlusFileTree(forks, *catalog).build(*volume->root);
     volume->root->sortChildren();
+    volume->deepContext = std::make_unique<HFSPlusVolumeContext>(header_);
     return volume;
 }

@@ -10,6 +10,16 @@
 
 class DiskSource;
 
+/// What is kept of a volume for the question which of its blocks are in use.
+struct HFSPlusVolumeContext : DeepContext {
+    explicit HFSPlusVolumeContext(const HFSPlusFormat::VolumeHeader& found)
+        : header(found)
+    {
+    }
+
+    const HFSPlusFormat::VolumeHeader header;
+};
+
 /// Reads one HFS+ volume. Used by one thread at a time.
 class HFSContext {
 public:

@@ -29,6 +29,7 @@ HFSPlusForks::HFSPlusForks(DiskSource& source, std::uint64_t base, const VolumeH
     : source_(source)
     , base_(base)
     , blockSize_(header.start.blockSize)
+    , totalBlocks_(header.start.totalBlocks)
 {
     loadOverflow(header.extentsFile);
     loadAllocation(header.allocationFile);
@@ -36,13 +37,15 @@ HFSPlusForks::HFSPlusForks(DiskSource& source, std::uint64_t base, const VolumeH
 
 void HFSPlusForks::loadOverflow(const ForkData& extentsFile)
 {
-    const auto tree = HFSPlusBTree::open(readFork(extentsFile, extentsFileID, maxExtentsFile));
+    auto content = readFork(extentsFile, extentsFileID, maxExtentsFile);
+    const auto lost = lostParts(inlineExtents(extentsFile), content.size());
+    lostOverflowBytes_ = lost.total();
+    const auto tree = HFSPlusBTree::open(std::move(content));
     if (!tree)
         return;
-    const auto extents = inlineExtents(extentsFile);
     tree->forEachLeafRecord(
         [&](std::uint64_t offset, std::uint64_t length) {
-            return isDamaged(extents, offset, length);
+            return lost.intersects(offset, offset + length);
         },
         [this](ByteView record, bool isLive) {
             if (isLive)
@@ -68,8 +71,8 @@ void HFSPlusForks::addOverflow(ByteView record)
 void HFSPlusForks::loadAllocation(const ForkData& allocationFile)
 {
     allocation_ = readFork(allocationFile, allocationFileID, maxAllocationFile);
-    const auto extents = allExtents(allocationFile, allocationFileID);
-    if (isDamaged(extents, 0, allocation_.size()) && ByteView(allocation_).isAllZero())
+    lostAllocation_ = lostParts(allExtents(allocationFile, allocationFileID), allocation_.size());
+    if (lostAllocation_.total() == allocation_.size())
         allocation_.clear(); // nothing of it was readable
 }
 
@@ -124,22 +127,32 @@ Bytes HFSPlusForks::readFork(const ForkData& fork, std::uint32_t fileID, std::ui
     return bytes;
 }
 
-bool HFSPlusForks::isDamaged(
-    const HFSPlusExtents& extents, std::uint64_t offset, std::uint64_t length) const
+RangeSet HFSPlusForks::lostParts(const HFSPlusExtents& extents, std::uint64_t length) const
 {
+    const auto badSectors = source_.badSectors();
+    const std::uint64_t sectorSize = source_.sectorSize();
+    RangeSet lost;
+    std::uint64_t at = 0; // in the file
     for (const auto& extent : extents) {
-        const std::uint64_t extentLength = extent.blockCount * blockSize_;
-        if (offset < extentLength && length > 0) {
-            const std::uint64_t count = std::min(length, extentLength - offset);
-            if (const auto start = offsetOf(extent.startBlock);
-                start && source_.hasBadSectors(*start + offset, count))
-                return true;
-            length -= count;
-            offset = extentLength;
+        if (at == length)
+            break;
+        const std::uint64_t end = at + std::min(length - at, extent.blockCount * blockSize_);
+        const auto start = offsetOf(extent.startBlock);
+        const std::uint64_t onSource = start ? std::min(end - at, source_.size() - *start) : 0;
+        lost.add(at + onSource, end);
+        if (onSource > 0) {
+            const auto first = std::ranges::lower_bound(badSectors, *start / sectorSize);
+            for (auto sector = first; sector != badSectors.end(); ++sector) {
+                if (*sector * sectorSize >= *start + onSource)
+                    break;
+                const auto lostStart = std::max(*sector * sectorSize, *start);
+                const auto lostEnd = std::min((*sector + 1) * sectorSize, *start + onSource);
+                lost.add(at + (lostStart - *start), at + (lostEnd - *start));
+            }
         }
-        offset -= std::min(offset, extentLength);
+        at = end;
     }
-    return false;
+    return lost;
 }
 
 Extent HFSPlusForks::pieceOf(const HFSPlusExtent& extent, std::uint64_t length) const
@@ -159,6 +172,7 @@ ClusterUse HFSPlusForks::useOf(const HFSPlusExtents& extents, std::uint64_t size
     for (const auto& extent : extents) {
         const std::uint64_t count
             = std::min<std::uint64_t>(needed - use.checked, extent.blockCount);
+        use.isUnknown = use.isUnknown || isLost(extent.startBlock, count);
         for (std::uint64_t i = 0; i < count; ++i, ++use.checked) {
             if (!isAllocated(extent.startBlock + i))
                 continue;
@@ -170,7 +184,7 @@ ClusterUse HFSPlusForks::useOf(const HFSPlusExtents& extents, std::uint64_t size
 }
 
 /// The place of a block on the source; none at or beyond its end.
-std::optional<std::uint64_t> HFSPlusForks::offsetOf(std::uint32_t block) const
+std::optional<std::uint64_t> HFSPlusForks::offsetOf(std::uint64_t block) const
 {
     const std::uint64_t offset = block * blockSize_; // below 2^52
     if (base_ >= source_.size() || offset >= source_.size() - base_)
@@ -182,4 +196,32 @@ bool HFSPlusForks::isAllocated(std::uint64_t block) const
 {
     return (ByteView(allocation_).u8(static_cast<std::int64_t>(block / 8)) & 0x80 >> block % 8)
         != 0;
+}
+
+/// Whether a byte of the allocation file that speaks of these blocks could not be read.
+bool HFSPlusForks::isLost(std::uint64_t firstBlock, std::uint64_t count) const
+{
+    return count > 0
+        && lostAllocation_.intersects(firstBlock / 8, (firstBlock + count - 1) / 8 + 1);
+}
+
+bool HFSPlusForks::addUsedRanges(std::vector<ByteRange>& ranges) const
+{
+    if (!lostAllocation_.empty() || allocation_.size() < unitsFor(totalBlocks_, 8))
+        return false;
+    std::uint64_t block = 0;
+    while (block < totalBlocks_) {
+        if (!isAllocated(block)) {
+            block
+                += block % 8 == 0 && allocation_[static_cast<std::size_t>(block / 8)] == 0 ? 8 : 1;
+            continue;
+        }
+        const auto start = offsetOf(block);
+        if (!start)
+            break;
+        while (block < totalBlocks_ && isAllocated(block))
+            ++block;
+        ranges.push_back({ *start, std::min(base_ + block * blockSize_, source_.size()) });
+    }
+    return true;
 }

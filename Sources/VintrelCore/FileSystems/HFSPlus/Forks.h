@@ -2,6 +2,8 @@
 
 #include "VintrelCore/FileSystems/HFSPlus/Structures.h"
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/ByteRange.h"
+#include "VintrelCore/Foundation/RangeSet.h"
 #include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileData.h"
 
@@ -29,6 +31,9 @@ public:
 
     std::uint64_t blockSize() const { return blockSize_; } ///< in bytes
     bool hasAllocation() const { return !allocation_.empty(); }
+    /// How many bytes of the two files could not be read.
+    std::uint64_t lostOverflowBytes() const { return lostOverflowBytes_; }
+    std::uint64_t lostAllocationBytes() const { return lostAllocation_.total(); }
 
     /// The extents that the fork's own record names.
     static HFSPlusExtents inlineExtents(const HFSPlusFormat::ForkData& fork);
@@ -39,9 +44,9 @@ public:
     /// Zeros where it cannot be read.
     Bytes readFork(
         const HFSPlusFormat::ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const;
-    /// Whether the source knows bad sectors in a range of a file, in bytes. Only what was read can
-    /// be known.
-    bool isDamaged(const HFSPlusExtents& extents, std::uint64_t offset, std::uint64_t length) const;
+    /// Which of the first `length` bytes of a file could not be read: unreadable sectors, and what
+    /// lies beyond the source's end. Only what was read can be known.
+    RangeSet lostParts(const HFSPlusExtents& extents, std::uint64_t length) const;
 
     /// The first `length` bytes of an extent, on the source; without offset when they begin beyond
     /// the source's end.
@@ -50,6 +55,9 @@ public:
 
     /// What became of the blocks of a deleted file of `size` bytes.
     ClusterUse useOf(const HFSPlusExtents& extents, std::uint64_t size) const;
+    /// Adds the ranges of the source that blocks in use take up. False, and nothing added, when the
+    /// allocation file could not be read wholly, or is too short for the volume.
+    bool addUsedRanges(std::vector<ByteRange>& ranges) const;
 
 private:
     /// A record of the extents overflow file.
@@ -62,12 +70,16 @@ private:
     void addOverflow(ByteView record);
     void loadAllocation(const HFSPlusFormat::ForkData& allocationFile);
     bool isAllocated(std::uint64_t block) const;
-    std::optional<std::uint64_t> offsetOf(std::uint32_t block) const;
+    bool isLost(std::uint64_t firstBlock, std::uint64_t count) const;
+    std::optional<std::uint64_t> offsetOf(std::uint64_t block) const;
 
     DiskSource& source_;
     const std::uint64_t base_;
     const std::uint64_t blockSize_;
+    const std::uint64_t totalBlocks_;
     std::unordered_map<std::uint32_t, std::vector<OverflowExtents>>
-        overflow_;     // by file ID, ascending once loaded
-    Bytes allocation_; // empty: could not be read
+        overflow_; // by file ID, ascending once loaded
+    std::uint64_t lostOverflowBytes_ = 0;
+    Bytes allocation_;        // empty: could not be read
+    RangeSet lostAllocation_; // bytes of it that are not known
 };

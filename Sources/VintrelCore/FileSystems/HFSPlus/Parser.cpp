@@ -3,6 +3,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/HFSPlus/BTree.h"
 #include "VintrelCore/FileSystems/HFSPlus/Context.h"
+#include "VintrelCore/FileSystems/HFSPlus/Forks.h"
 #include "VintrelCore/FileSystems/HFSPlus/VolumeHeader.h"
 
 using namespace HFSPlusFormat;
@@ -51,6 +52,13 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
         : source.read(offset + volumeHeaderOffset, sizeof(VolumeHeader), ReadMode::thorough);
     const auto header = HFSPlusVolumeHeader::decode(found.value_or(own));
     return header ? HFSContext(source, offset, *header).build(origin, progress) : nullptr;
+}
+
+bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)
+{
+    const auto* context = dynamic_cast<const HFSPlusVolumeContext*>(volume.deepContext.get());
+    return context != nullptr
+        && HFSPlusForks(source, volume.offset, context->header).addUsedRanges(ranges);
 }
 
 } // namespace HFSPlusParser

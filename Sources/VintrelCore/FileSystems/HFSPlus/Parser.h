@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Model/WorkProgress.h"
@@ -39,5 +40,9 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header);
 /// alternate one above all, to be used instead of the one in the volume's second kilobyte.
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> found = {});
+
+/// Adds the ranges of the source that a volume of `parse` has in use, as its allocation file says.
+/// False, and nothing added, when that cannot be read wholly.
+bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges);
 
 } // namespace HFSPlusParser

@@ -75,5 +75,5 @@ const FileSystemReader hfsPlusReader {
     .findVolumes = findVolumes,
     .rebuildVolumes = nullptr,
     .findLostFolders = nullptr,
-    .addUsedRanges = nullptr,
+    .addUsedRanges = HFSPlusParser::addUsedRanges,
 };

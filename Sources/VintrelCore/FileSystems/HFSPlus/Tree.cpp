@@ -3,6 +3,7 @@
 #include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Model/Chance.h"
+#include "VintrelCore/Model/DeletedClaims.h"
 #include "VintrelCore/Model/FileData.h"
 
 #include <optional>
@@ -45,13 +46,16 @@ void HFSPlusFileTree::indexHardLinks()
         if (entry.isFolder || parent == nullptr || !isPrivate(catalog_.nameOf(*parent)))
             continue;
         if (const auto number = inodeNumber(catalog_.nameOf(entry)))
-            linkedFiles_.emplace(*number, &entry);
+            if (auto& known = linkedFiles_[*number]; known == nullptr || entry.isLive)
+                known = &entry;
     }
 }
 
 void HFSPlusFileTree::build(FileNode& root) const
 {
     auto nodes = makeNodes();
+    if (forks_.hasAllocation())
+        noteContested(nodes);
     std::vector<FileNode*> folders; // by entry; none for what cannot hold others
     folders.reserve(nodes.size());
     for (const auto& node : nodes)
@@ -86,6 +90,30 @@ std::vector<std::unique_ptr<FileNode>> HFSPlusFileTree::makeNodes() const
         nodes.push_back(std::move(node));
     }
     return nodes;
+}
+
+/// Notes on deleted files that others had the same blocks later, by the dates of their content.
+/// `nodes`: of all entries. The allocation file alone sets the levels.
+void HFSPlusFileTree::noteContested(const std::vector<std::unique_ptr<FileNode>>& nodes) const
+{
+    DeletedClaims claims(DeletedClaims::SameTime::undecided);
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        const auto& entry = catalog_.entries()[i];
+        if (!nodes[i] || entry.isLive || isHardLink(catalog_.fileOf(entry)))
+            continue;
+        const auto* extents = std::get_if<ExtentList>(&nodes[i]->data);
+        bool isStart = true;
+        for (const auto& extent : extents != nullptr ? *extents : ExtentList {}) {
+            if (extent.offset)
+                claims.add({ nodes[i].get(), { *extent.offset, *extent.offset + extent.length },
+                    entry.modified, isStart });
+            isStart = false;
+        }
+    }
+    claims.forEachDoubted([](FileNode& file, Doubts doubts) {
+        if (file.recoverability != Recoverability::poor)
+            noteDoubts(file, doubts);
+    });
 }
 
 /// How the entries hang together. `folders`: the nodes of those that are listed folders.
@@ -128,6 +156,7 @@ std::unique_ptr<FileNode> HFSPlusFileTree::makeNode(const Entry& entry) const
 void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
 {
     auto id = entry.id;
+    bool isLive = entry.isLive;
     auto file = catalog_.fileOf(entry);
     if (isHardLink(file)) {
         const auto linked = linkedFiles_.find(file.item.special);
@@ -136,6 +165,7 @@ void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
             return;
         }
         id = linked->second->id;
+        isLive = isLive || linked->second->isLive; // the content outlives a link that was deleted
         file = catalog_.fileOf(*linked->second);
     }
     node.size = file.dataFork.logicalSize;
@@ -146,11 +176,11 @@ void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
     }
     if (node.size == 0 && file.resourceFork.logicalSize != 0)
         node.addNote("Filen har kun en ressourcegren, som ikke gendannes");
-    fillExtents(node, file.dataFork, id, entry.isLive);
+    fillExtents(node, file.dataFork, id, isLive);
 }
 
-/// `isLive`: whether the file is. The extents overflow file describes a deleted file's later pieces
-/// no longer.
+/// `isLive`: whether the content belongs to a file that exists. The extents overflow file describes
+/// a deleted file's later pieces no longer.
 void HFSPlusFileTree::fillExtents(
     FileNode& node, const ForkData& fork, std::uint32_t id, bool isLive) const
 {
@@ -173,5 +203,14 @@ void HFSPlusFileTree::fillExtents(
     else if (remaining > 0)
         judge(node, Doubt::missingLaterExtents);
     else
-        judge(node, doubtsOf(forks_.useOf(stored, node.size), appleReuse));
+        judgeDeleted(node, stored);
+}
+
+/// Without any of the allocation file the volume's note says why nothing is known.
+void HFSPlusFileTree::judgeDeleted(FileNode& node, const HFSPlusExtents& stored) const
+{
+    auto doubts = doubtsOf(forks_.useOf(stored, node.size), appleReuse);
+    if (doubts.has(Doubt::unknownAllocation) && forks_.hasAllocation())
+        doubts.add(Doubt::unreadableAllocation);
+    judge(node, doubts);
 }

@@ -25,11 +25,13 @@ private:
 
     void indexHardLinks();
     std::vector<std::unique_ptr<FileNode>> makeNodes() const;
+    void noteContested(const std::vector<std::unique_ptr<FileNode>>& nodes) const;
     ParentLinks linksBetween(const std::vector<FileNode*>& folders) const;
     std::unique_ptr<FileNode> makeNode(const Entry& entry) const;
     void fill(FileNode& node, const Entry& entry) const;
     void fillExtents(
         FileNode& node, const HFSPlusFormat::ForkData& fork, std::uint32_t id, bool isLive) const;
+    void judgeDeleted(FileNode& node, const HFSPlusExtents& stored) const;
 
     const HFSPlusForks& forks_;
     const HFSPlusCatalog& catalog_;

@@ -3,6 +3,7 @@
 
 #include "Tests/Images/APFSImage.h"
 #include "VintrelCore/Devices/SourceOpener.h"
+#include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
@@ -43,6 +44,13 @@ TEST_F(APFSTools, ReadsAnEmptyContainerOfMkapfs)
     EXPECT_EQ(result.volumes[0]->title(), "Æ drev (APFS)");
     EXPECT_TRUE(result.volumes[0]->root->children().empty());
     EXPECT_TRUE(result.volumes[0]->notes.empty());
+    std::vector<ByteRange> used;
+    ASSERT_TRUE(APFSParser::addUsedRanges(*source, *result.volumes[0], used));
+    EXPECT_EQ(used.at(0).start, 0u);
+    std::uint64_t bytes = 0;
+    for (const auto& range : used)
+        bytes += range.end - range.start;
+    EXPECT_LT(bytes, source->size() / 2) << "most of it is free";
 }
 
 TEST_F(APFSTools, OtherReadersFindTheSameInOurContainer)

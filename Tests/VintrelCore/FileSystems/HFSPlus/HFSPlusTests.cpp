@@ -165,6 +165,123 @@ TEST(HFSPlus, JudgesFilesByTheirExtentsAndTheAllocationFile)
     EXPECT_EQ(chance(without["/genbrugt"]), "Ukendt");
 }
 
+TEST(HFSPlus, NotesThatAnotherDeletedFileHadTheSameBlocks)
+{
+    const struct {
+        const char* what;
+        std::uint32_t date, start; // of the other file, which has two blocks
+        const char *one, *other;
+    } rows[] = {
+        { "later", 9, 110, "God: En nyere slettet fil har brugt de samme blokke", "God" },
+        { "later, the second block", 9, 111,
+            "God: En nyere slettet fil har brugt nogle af de samme blokke", "God" },
+        { "before", 7, 110, "God", "God: En nyere slettet fil har brugt de samme blokke" },
+        { "nobody knows", 8, 111, "God: En anden slettet fil har haft nogle af de samme blokke",
+            "God: En anden slettet fil har haft nogle af de samme blokke" },
+        { "later, elsewhere", 9, 112, "God", "God" },
+    };
+    for (const auto& [what, date, start, one, other] : rows) {
+        HFSPlusImage image;
+        image.setLeaf(2, { rootRecord });
+        image.setLeaf(3,
+            { { .parent = 2,
+                  .name = u"en",
+                  .id = 50,
+                  .modified = 8,
+                  .size = 1024,
+                  .runs = { { 110, 2 } } },
+                { .parent = 2,
+                    .name = u"anden",
+                    .id = 51,
+                    .modified = date,
+                    .size = 1024,
+                    .runs = { { start, 2 } } } });
+        image.chain({ 2 });
+        const auto disk = parse(image);
+        EXPECT_EQ(chance(disk["/en"]), one) << what;
+        EXPECT_EQ(chance(disk["/anden"]), other) << what;
+    }
+}
+
+TEST(HFSPlus, TellsOfMetadataThatCannotBeRead)
+{
+    // A block of the allocation file speaks of 4096 blocks.
+    HFSPlusImage image(false, 8000);
+    const std::uint64_t bitmap = HFSPlusImage::offsetOf(HFSPlusImage::allocationBlock);
+    image.setLeaf(2, { rootRecord, { .parent = 2, .name = u"lever", .id = 19 } });
+    image.setLeaf(3, { { .parent = 2, .name = u"næste", .id = 20 } });
+    image.chain({ 2, 3 });
+    image.setLeaf(4,
+        { { .parent = 2, .name = u"hel", .id = 50, .size = 1024, .runs = { { 110, 2 } } },
+            { .parent = 2, .name = u"senere", .id = 51, .size = 1024, .runs = { { 5000, 2 } } } });
+    image.setLeaf(5,
+        { { .parent = 2, .name = u"på tværs", .id = 52, .size = 1024, .runs = { { 4095, 2 } } },
+            { .parent = 2, .name = u"genbrugt", .id = 53, .size = 1024, .runs = { { 95, 2 } } } });
+    const struct {
+        const char* what;
+        ByteRange unreadable;
+        std::vector<std::string> notes;
+    } rows[] = {
+        { "nothing", {}, {} },
+        { "the second part of the allocation file", { bitmap + 512, bitmap + 513 },
+            { "Dele af allokeringsfilen kunne ikke læses (488 bytes). Om slettede filers blokke er "
+              "genbrugt, vides kun for nogle af dem." } },
+        { "a node of the catalog", { HFSPlusImage::nodeOffset(3), HFSPlusImage::nodeOffset(4) },
+            { "Dele af kataloget kunne ikke læses (1024 bytes). Filer kan mangle." } },
+        { "the extents file", { HFSPlusImage::offsetOf(8), HFSPlusImage::offsetOf(8) + 1 },
+            { "Dele af extents-filen kunne ikke læses (512 bytes). De sidste dele af fragmenterede "
+              "filer kan mangle." } },
+    };
+    for (const auto& [what, unreadable, notes] : rows)
+        EXPECT_EQ(parse(image, unreadable).volume->notes, notes) << what;
+
+    const auto disk = parse(image, rows[1].unreadable);
+    const std::string lost = "Ukendt: Det kan ikke læses, om filens blokke er genbrugt";
+    EXPECT_EQ(chance(disk["/hel"]), "God");
+    EXPECT_EQ(chance(disk["/senere"]), lost);
+    EXPECT_EQ(chance(disk["/på tværs"]), lost);
+    EXPECT_EQ(chance(disk["/genbrugt"]), "Ringe: Blokkene er genbrugt af andre filer");
+}
+
+TEST(HFSPlus, TheAllocationFileSaysWhatIsInUse)
+{
+    constexpr std::uint64_t base = 4096;
+    HFSPlusImage image(false, 8000); // two blocks of bits
+    image.setLeaf(2, { rootRecord });
+    image.chain({ 2 });
+    image.setAllocated(150);
+    image.setAllocated(151);
+    image.setAllocated(399);
+    auto& bytes = image.bytes();
+    bytes.insert(bytes.begin(), base, 0);
+    const auto block = [](std::uint32_t number) { return base + HFSPlusImage::offsetOf(number); };
+    using Ranges = std::vector<ByteRange>;
+    const Ranges start { { block(0), block(96) } };
+    const struct {
+        const char* what;
+        std::uint64_t sourceEnd;
+        ByteRange unreadable;
+        std::optional<Ranges> used; // none: it cannot be said
+    } rows[] = {
+        { "all", block(8000), {},
+            Ranges { start[0], { block(150), block(152) }, { block(399), block(400) } } },
+        { "a cut source", block(151), {}, Ranges { start[0], { block(150), block(151) } } },
+        { "an unreadable part of the allocation file", block(8000), { block(5), block(5) + 1 },
+            {} },
+    };
+    for (const auto& [what, sourceEnd, unreadable, used] : rows) {
+        auto cut = image;
+        cut.bytes().resize(sourceEnd);
+        const auto source = cut.source();
+        source->addSimulatedBadRange(unreadable);
+        const auto volume = HFSPlusParser::parse(*source, base, "prøve", nullptr);
+        ASSERT_TRUE(volume) << what;
+        Ranges found;
+        EXPECT_EQ(HFSPlusParser::addUsedRanges(*source, *volume, found), used.has_value()) << what;
+        EXPECT_EQ(found, used.value_or(Ranges {})) << what;
+    }
+}
+
 TEST(HFSPlus, FollowsHardLinksAndHidesPrivateFolders)
 {
     HFSPlusImage image(true);
@@ -177,14 +294,23 @@ TEST(HFSPlus, FollowsHardLinksAndHidesPrivateFolders)
                 .isFolder = true },
             { .parent = 16, .name = u"iNode7", .id = 60, .size = 7, .runs = { { 150, 1 } } },
             { .parent = 2, .name = u"link", .id = 61, .linkTo = 7 } });
+    image.setLeaf(4, // what the tree has given up
+        { { .parent = 16, .name = u"iNode7", .id = 59, .size = 9, .runs = { { 160, 1 } } },
+            { .parent = 2, .name = u"slettet link", .id = 63, .linkTo = 7 } });
+    image.setAllocated(150);
     image.setLeaf(3, { { .parent = 2, .name = u"dødt link", .id = 62, .linkTo = 8 } });
     image.chain({ 2, 3 });
     const auto disk = parse(image);
     EXPECT_EQ(disk.volume->notes, std::vector<std::string> { "HFSX (versalfølsom)" });
-    EXPECT_EQ(disk.content("/link"), bytesOf("indhold"));
+    for (const auto* path : { "/link", "/slettet link" }) {
+        EXPECT_EQ(disk.content(path), bytesOf("indhold")) << path;
+        EXPECT_EQ(chance(disk[path]), "God") << "by the file that still exists: " << path;
+    }
+    EXPECT_EQ(disk["/slettet link"].status, EntryStatus::deleted);
     EXPECT_EQ(chance(disk["/dødt link"]), "Ringe: Filen, som linket peger på, blev ikke fundet");
     const std::string orphans = " /$Forældreløse filer";
-    EXPECT_EQ(disk.names(), orphans + orphans + "/iNode7 /dødt link /link");
+    EXPECT_EQ(disk.names(),
+        orphans + orphans + "/iNode7" + orphans + "/iNode7 /dødt link /link /slettet link");
 }
 
 TEST(HFSPlus, HangsWhatTheRootDoesNotReachSideBySide)
