@@ -28,7 +28,7 @@ public:
     /// What it means that two files had the same bytes at the same time.
     enum class SameTime {
         theyShareThem,
-        undecided, ///< nobody can say which of them was the later one
+        undecided, ///< nothing says which of them was the later one
     };
 
     explicit DeletedClaims(SameTime sameTime)

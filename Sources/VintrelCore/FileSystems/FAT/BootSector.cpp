@@ -15,7 +15,7 @@ bool isSectorSize(std::uint32_t bytes)
     return bytes >= 512 && bytes <= 4096 && std::has_single_bit(bytes);
 }
 
-/// E8, a call, is not in the specification. It stands on some media beside the two jumps.
+/// E8, a call, is not in that document. It stands on some media beside the two jumps.
 bool isJump(std::uint8_t opcode) { return opcode == 0xE8 || opcode == 0xE9 || opcode == 0xEB; }
 
 } // namespace
