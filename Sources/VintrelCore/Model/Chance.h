@@ -17,6 +17,7 @@ enum class Doubt : std::uint8_t {
     invalidStartCluster,
     sizeBeyondVolume,
     brokenChain,
+    guessedClusters,     ///< no chain says where it lies
     missingExtents,      ///< of a file that exists
     missingLaterExtents, ///< of a deleted file: only its first ones are described
     unknownBlocks,
@@ -32,6 +33,9 @@ enum class Doubt : std::uint8_t {
     partlyReused,
     fewReusedClusters,
     unknownAllocation, ///< nobody can say who owns the clusters
+    unknownReuse,      ///< the same, where the user is told so for each file
+    reusedFirstByDeleted,
+    partlyReusedByDeleted,
     // of what the source still is
     beyondSource, ///< some of it lies behind the source's end
     // of the content
@@ -54,7 +58,7 @@ public:
     constexpr bool empty() const { return bits_ == 0; }
 
 private:
-    using Bits = std::uint32_t;
+    using Bits = std::uint64_t;
     static_assert(static_cast<unsigned>(Doubt::count) <= 8 * sizeof(Bits));
     static constexpr Bits bit(Doubt doubt) { return Bits { 1 } << static_cast<unsigned>(doubt); }
 
