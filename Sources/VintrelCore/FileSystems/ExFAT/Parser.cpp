@@ -4,6 +4,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/Clusters/FormerFiles.h"
+#include "VintrelCore/FileSystems/Clusters/RowHelpers.h"
 #include "VintrelCore/FileSystems/ExFAT/BootSector.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
 #include "VintrelCore/FileSystems/ExFAT/LostDirectories.h"
@@ -52,6 +53,8 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
             "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
     if (context->bitmapUnavailable())
         volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
+    noteUnreadable(*volume, context->unreadableSectors(),
+        unitsFor(walker.unreadableBytes(), source.sectorSize()));
     volume->deepContext
         = std::make_unique<ExFATDeepInfo>(std::move(context), std::move(walker.claims));
     volume->root->sortChildren();

@@ -4,6 +4,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/Clusters/FormerFiles.h"
+#include "VintrelCore/FileSystems/Clusters/RowHelpers.h"
 #include "VintrelCore/FileSystems/FAT/BootSector.h"
 #include "VintrelCore/FileSystems/FAT/LostDirectories.h"
 #include "VintrelCore/FileSystems/FAT/Walker.h"
@@ -55,6 +56,8 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     if (context->fatUnavailable())
         volume->notes.emplace_back(
             "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
+    noteUnreadable(*volume, context->unreadableSectors(),
+        unitsFor(walker.unreadableBytes(), source.sectorSize()));
     volume->deepContext
         = std::make_unique<FATDeepInfo>(std::move(context), std::move(walker.claims));
     volume->root->sortChildren();
