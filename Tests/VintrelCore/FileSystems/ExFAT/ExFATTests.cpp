@@ -387,6 +387,7 @@ TEST(ExFAT, TellsWhatItHasInUse)
     const auto file = image.addFile(image.root(), { .name = u"a" }, Bytes(1024));
     image.setUsed(70, true);
     image.setUsed(101, true);
+    image.setUsed(103, true); // the bitmap's last byte goes on behind the last cluster
     const auto card = parse(image);
     std::vector<ByteRange> ranges;
     ASSERT_TRUE(exfatReader.addUsedRanges(*card.source, *card.volume, ranges));

@@ -404,6 +404,10 @@ TEST(FAT, SaysWhatOfItsStructuresIsUnreadable)
     };
     for (const auto& [unreadable, notes] : cases)
         EXPECT_EQ(parse(image, unreadable).volume->notes, notes);
+    const auto source = image.source(); // each copy lacks another sector
+    source->addSimulatedBadRange({ fat, fat + 1 });
+    source->addSimulatedBadRange({ fat + image.fatSize() + 512, fat + image.fatSize() + 513 });
+    EXPECT_TRUE(FATParser::parse(*source, 0, "", nullptr)->notes.empty());
 }
 
 TEST(FAT, RecognisesDirectorySectors)
