@@ -17,6 +17,7 @@ enum class Doubt : std::uint8_t {
     invalidStartCluster,
     sizeBeyondVolume,
     brokenChain,
+    guessedClusters,     ///< no chain says where it lies
     missingExtents,      ///< of a file that exists
     missingLaterExtents, ///< of a deleted file: only its first ones are described
     unknownBlocks,
@@ -31,11 +32,11 @@ enum class Doubt : std::uint8_t {
     reusedClusters,
     partlyReused,
     fewReusedClusters,
-    unknownAllocation,    ///< nothing that was read says who owns the clusters
-    unreadableAllocation, ///< the same, because what says so of them cannot be read
-    laterDeletedFirst,    ///< a file that is deleted too had the first of them later
-    laterDeletedPart,     ///< or others of them
-    contestedByDeleted,   ///< or it may have been the later one
+    unknownAllocation,     ///< nothing that was read says who owns them
+    unknownReuse,          ///< the same, where the user is told so for each file
+    reusedFirstByDeleted,  ///< a file that is deleted too had the first of them later
+    partlyReusedByDeleted, ///< it had others of them
+    contestedByDeleted,    ///< it had some of them, and may have been the later one
     // of what the source still is
     beyondSource, ///< some of it lies behind the source's end
     // of the content

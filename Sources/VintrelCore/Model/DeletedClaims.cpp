@@ -18,8 +18,8 @@ void DeletedClaims::forEachDoubted(const std::function<void(FileNode&, Doubts)>&
             const auto& taken = isShared ? laterUnshared : later;
             if (file == nullptr || !taken.intersects(range.start, range.end))
                 continue;
-            found[file].add(isStart && taken.contains(range.start) ? Doubt::laterDeletedFirst
-                                                                   : Doubt::laterDeletedPart);
+            found[file].add(isStart && taken.contains(range.start) ? Doubt::reusedFirstByDeleted
+                                                                   : Doubt::partlyReusedByDeleted);
         }
         for (const auto& claim : sameTime) {
             later.add(claim.range.start, claim.range.end);
@@ -32,7 +32,7 @@ void DeletedClaims::forEachDoubted(const std::function<void(FileNode&, Doubts)>&
     }
     for (const auto& [file, doubts] : found)
         tell(*file,
-            doubts.has(Doubt::laterDeletedFirst) ? Doubts(Doubt::laterDeletedFirst) : doubts);
+            doubts.has(Doubt::reusedFirstByDeleted) ? Doubts(Doubt::reusedFirstByDeleted) : doubts);
 }
 
 /// A claim that overlaps others overlaps the one of those before it that reaches farthest.

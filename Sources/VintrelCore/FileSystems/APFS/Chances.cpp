@@ -67,7 +67,7 @@ Doubts APFSChances::doubtsOf(const FileNode& node)
     const auto doubts = ::doubtsOf(use, appleReuse);
     if (!doubts.has(Doubt::unknownAllocation))
         return doubts;
-    Doubts unknown = Doubt::unreadableAllocation;
+    Doubts unknown = Doubt::unknownReuse;
     if (use.foreign > 0)
         unknown.add(Doubt::partlyReused);
     return unknown;

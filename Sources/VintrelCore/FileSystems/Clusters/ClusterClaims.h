@@ -1,8 +1,22 @@
 #pragma once
 
 #include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
 
 #include <cstdint>
+#include <optional>
+#include <vector>
+
+class FileNode;
+
+/// A file that does not exist any more, in the tree of a volume or of its lost directories.
+struct FormerFile {
+    FileNode* node;
+    std::optional<Date> written; ///< when it was written, at the earliest
+    bool isLost;                 ///< it bears no mark of deletion: its directory is lost
+    bool isCertain;              ///< it is known where all of it lay, not only its first cluster
+    bool isLevelFixed = false;   ///< its chance stays as it is, and a doubt is only noted
+};
 
 /// What the clusters of a volume are known to hold.
 struct ClusterClaims {
@@ -11,6 +25,7 @@ struct ClusterClaims {
     /// it has any number of them.
     ClusterClaims(const ClusterHeap& heap, std::uint64_t sourceSize)
         : claimed(heap.clustersWithin(sourceSize) + 2)
+        , directories(claimed)
         , liveClusters(claimed)
     {
     }
@@ -24,6 +39,14 @@ struct ClusterClaims {
         return claimed.containsAny(first, count) || liveClusters.containsAny(first, count);
     }
 
+    /// Whether any of the clusters belongs to a file that exists, or holds entries of a directory.
+    bool isInUse(std::uint32_t first, std::uint64_t count) const
+    {
+        return directories.containsAny(first, count) || liveClusters.containsAny(first, count);
+    }
+
     ClusterBits claimed;      ///< directories that were read
+    ClusterBits directories;  ///< those of them that are known to hold entries
     ClusterBits liveClusters; ///< existing files, and what the file system keeps for itself
+    std::vector<FormerFile> formerFiles;
 };

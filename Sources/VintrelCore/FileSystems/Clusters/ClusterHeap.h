@@ -4,6 +4,7 @@
 #include "VintrelCore/Model/FileData.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -34,6 +35,34 @@ public:
     /// Whether any of the `count` numbers from `first` on is in the set. 64 are looked at in one
     /// step.
     bool containsAny(std::uint32_t first, std::uint64_t count) const;
+    /// Calls `visit(first, count)` for the numbers in the set, those that follow each other at
+    /// once, in ascending order. Empty words cost one step.
+    template <class Visit> void forEachRun(Visit visit) const
+    {
+        std::uint64_t count = 0;
+        const std::uint64_t end = words_.size() * 64;
+        for (std::uint64_t bit = 0; bit <= end;) {
+            const auto word
+                = bit < end ? words_[static_cast<std::size_t>(bit / 64)] >> bit % 64 : 0;
+            const auto inWord = 64 - bit % 64;
+            if (word == 0) {
+                if (count > 0)
+                    visit(static_cast<std::uint32_t>(bit - count), count);
+                count = 0;
+                bit += inWord;
+                continue;
+            }
+            const auto zeros = static_cast<std::uint64_t>(std::countr_zero(word));
+            if (zeros > 0 && count > 0) {
+                visit(static_cast<std::uint32_t>(bit - count), count);
+                count = 0;
+            }
+            const auto ones = std::min(
+                static_cast<std::uint64_t>(std::countr_one(word >> zeros)), inWord - zeros);
+            count += ones;
+            bit += zeros + ones;
+        }
+    }
 
 private:
     std::vector<std::uint64_t> words_;

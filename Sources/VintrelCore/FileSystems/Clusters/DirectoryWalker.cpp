@@ -90,7 +90,7 @@ bool DirectoryWalker::readRange(Scan& scan, std::uint64_t offset, std::uint64_t 
         if (buffer_.size() > directoryBudget_)
             return false;
         directoryBudget_ -= buffer_.size();
-        source_.readReporting(offset, std::span(buffer_), ReadMode::thorough);
+        unreadableBytes_ += source_.readReporting(offset, std::span(buffer_), ReadMode::thorough);
         if (!parse(scan, buffer_))
             return false;
         offset += buffer_.size();
@@ -118,9 +118,11 @@ bool DirectoryWalker::readCluster(Scan& scan, std::uint32_t cluster)
 void DirectoryWalker::readByContent(Scan& scan)
 {
     for (std::optional cluster = scan.directory.cluster; cluster;
-         cluster = continuation(scan, *cluster))
+         cluster = continuation(scan, *cluster)) {
+        claims.directories.insert(*cluster);
         if (!readCluster(scan, *cluster))
             return;
+    }
 }
 
 std::optional<std::uint32_t> DirectoryWalker::continuation(const Scan& scan, std::uint32_t cluster)

@@ -41,6 +41,9 @@ public:
     /// The volume's label, if a root directory that was read has one.
     const std::optional<std::string>& label() const { return label_; }
 
+    /// Bytes of directories that could not be read: what they listed is not known.
+    std::uint64_t unreadableBytes() const { return unreadableBytes_; }
+
     ClusterClaims claims;
     Continuations continuations;
 
@@ -106,7 +109,8 @@ private:
     DirectoryQueue queue_;
     ClusterBits visited_; // the first clusters of the directories that were entered, and more
     int directoriesRead_ = 0;
-    std::uint64_t chainBudget_;     // clusters that chains may still hold, all together
+    std::uint64_t chainBudget_; // clusters that chains may still hold, all together
+    std::uint64_t unreadableBytes_ = 0;
     std::uint64_t directoryBudget_; // bytes of directories that may still be read
     Bytes buffer_;                  // of readRange()
 };

@@ -5,6 +5,7 @@
 #include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
 #include "VintrelCore/FileSystems/Clusters/DeepInfo.h"
 #include "VintrelCore/FileSystems/Clusters/DirectoryHints.h"
+#include "VintrelCore/FileSystems/Clusters/FormerFiles.h"
 #include "VintrelCore/FileSystems/Clusters/LostDirectories.h"
 #include "VintrelCore/Model/FileTypes.h"
 #include "VintrelCore/Model/Volume.h"
@@ -102,6 +103,7 @@ protected:
         Search search(*info->context, progress_);
         if (auto folder = search.find(sectors, info->claims, rootOffset ? &root : nullptr))
             volume->root->add(std::move(folder));
+        judgeFormerFiles(info->claims, heap, true);
         info->isRebuilt = true;
         volume->label = root.label;
         volume->deepContext = std::move(info);

@@ -29,6 +29,7 @@ ExFATContext::ExFATContext(DiskSource& source, const ExFATGeometry& geometry)
     fatUnavailable_ = table.badBytes == length;
     if (fatUnavailable_)
         return;
+    unreadableSectors_ = unitsFor(table.badBytes, source_.sectorSize());
     fat_ = std::move(table.data);
     seen_ = ClusterBits(entryCount());
 }

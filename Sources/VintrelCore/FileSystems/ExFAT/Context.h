@@ -37,6 +37,11 @@ public:
         return !used_.containsAny(first, count);
     }
 
+    /// The clusters that the bitmap has in use.
+    const ClusterBits& used() const { return used_; }
+    /// How many sectors of a FAT that could be read otherwise are missing.
+    std::uint64_t unreadableSectors() const { return unreadableSectors_; }
+
 private:
     static constexpr std::uint32_t endMark
         = 0xFFFFFFF8; // FFFFFFF7 marks a bad cluster, FFFFFFFF the end
@@ -45,6 +50,7 @@ private:
     ExFATGeometry geometry_;
     Bytes fat_;
     bool fatUnavailable_ = true;
+    std::uint64_t unreadableSectors_ = 0;
     bool bitmapUnavailable_ = true;
     ClusterBits used_;
     ClusterBits seen_; // scratch of chain(): empty between calls

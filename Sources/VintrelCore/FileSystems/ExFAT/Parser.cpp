@@ -3,6 +3,8 @@
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/Clusters/FormerFiles.h"
+#include "VintrelCore/FileSystems/Clusters/RowHelpers.h"
 #include "VintrelCore/FileSystems/ExFAT/BootSector.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
 #include "VintrelCore/FileSystems/ExFAT/LostDirectories.h"
@@ -44,12 +46,15 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     volume->clusterSize = geometry->heap.clusterSize;
     ExFATWalker walker(*context, progress);
     walker.walkRoot(*volume->root);
+    judgeFormerFiles(walker.claims, geometry->heap, false);
     volume->label = walker.label().value_or("");
     if (context->fatUnavailable())
         volume->notes.emplace_back(
             "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
     if (context->bitmapUnavailable())
         volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
+    noteUnreadable(*volume, context->unreadableSectors(),
+        unitsFor(walker.unreadableBytes(), source.sectorSize()));
     volume->deepContext
         = std::make_unique<ExFATDeepInfo>(std::move(context), std::move(walker.claims));
     volume->root->sortChildren();
@@ -86,8 +91,10 @@ std::unique_ptr<FileNode> lostEntries(
     auto* info = dynamic_cast<ExFATDeepInfo*>(volume.deepContext.get());
     if (info == nullptr || info->isRebuilt)
         return nullptr;
-    return ExFATLostDirectories(*info->context, progress)
-        .find({ sectors.begin(), sectors.end() }, info->claims, nullptr);
+    auto folder = ExFATLostDirectories(*info->context, progress)
+                      .find({ sectors.begin(), sectors.end() }, info->claims, nullptr);
+    judgeFormerFiles(info->claims, info->context->geometry().heap, false);
+    return folder;
 }
 
 std::vector<std::uint64_t> looseSectors(

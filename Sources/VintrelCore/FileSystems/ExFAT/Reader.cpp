@@ -1,5 +1,6 @@
 #include "VintrelCore/FileSystems/ExFAT/Reader.h"
 
+#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/Clusters/RowHelpers.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 
@@ -27,6 +28,16 @@ std::vector<ExtraFolder> findLostFolders(DiskSource& /*source*/, const VolumeLis
         [&](Volume& volume) { return ExFATParser::lostEntries(volume, sectors, progress); });
 }
 
+bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)
+{
+    const auto* info = dynamic_cast<const ExFATDeepInfo*>(volume.deepContext.get());
+    if (info == nullptr || info->context->bitmapUnavailable())
+        return false;
+    const auto& context = *info->context;
+    addUsedClusters(volume, context.geometry().heap, context.used(), source.size(), ranges);
+    return true;
+}
+
 } // namespace
 
 const FileSystemReader exfatReader {
@@ -40,5 +51,5 @@ const FileSystemReader exfatReader {
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
     .findLostFolders = findLostFolders,
-    .addUsedRanges = nullptr,
+    .addUsedRanges = addUsedRanges,
 };

@@ -51,6 +51,22 @@ ExtentList writtenPart(ExtentList extents, std::uint64_t validSize, std::uint64_
     return extents;
 }
 
+/// When a file was written, at the earliest: systems that copy files give the new one the old date
+/// of modification, but its own of creation.
+std::optional<Date> writtenDate(const EntrySet& set)
+{
+    constexpr std::chrono::milliseconds tick { 10 };
+    if (!set.file)
+        return std::nullopt;
+    auto created = TimeConversion::fromExFAT(set.file->created, set.file->createdOffset);
+    auto modified = TimeConversion::fromExFAT(set.file->modified, set.file->modifiedOffset);
+    if (created)
+        *created += tick * set.file->createdTicks;
+    if (modified)
+        *modified += tick * set.file->modifiedTicks;
+    return std::max(created, modified);
+}
+
 } // namespace
 
 ExFATWalker::ExFATWalker(ExFATContext& context, WorkProgress* progress)
@@ -116,9 +132,30 @@ void ExFATWalker::readDirectory(Scan& scan)
 
 void ExFATWalker::readLive(Scan& scan)
 {
-    const auto extents = extentsOf(scan.directory);
+    const auto& directory = scan.directory;
+    const auto extents = extentsOf(directory);
+    if (context_.fatUnavailable() && !directory.isContiguous)
+        return readGuessed(scan, extents);
     claim(extents, claims.claimed);
+    claim(extents, claims.directories);
     readExtents(scan, extents);
+}
+
+/// Reads a live directory without a chain as far as its clusters hold entries.
+void ExFATWalker::readGuessed(Scan& scan, const ExtentList& extents)
+{
+    for (const auto& extent : extents)
+        for (std::uint64_t done = 0; done < extent.length; done += heap_.clusterSize) {
+            const auto cluster = heap_.clusterAt(*extent.offset + done);
+            const bool isFirst = cluster == scan.directory.cluster;
+            if (!isFirst
+                && !continuesDirectory(
+                    source_.read(heap_.offsetOf(cluster), 2 * entrySize, ReadMode::thorough)))
+                return;
+            claims.directories.insert(cluster);
+            if (!readCluster(scan, cluster))
+                return;
+        }
 }
 
 /// Reads a directory that no live one leads to: where the set that names it says that it lies, or
@@ -147,6 +184,7 @@ void ExFATWalker::readRemains(Scan& scan, const ExtentList& extents)
                     directory.folder->addNote(overwrittenFolder);
                 return;
             }
+            claims.directories.insert(cluster);
             if (!readCluster(scan, cluster))
                 return;
         }
@@ -289,7 +327,13 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
         scan.endOfContent = set.stream.firstCluster + heap_.clustersFor(set.stream.size);
     Doubts doubts = set.isSound ? Doubts() : Doubt::damagedDirectoryEntry;
     if (!isFolder) {
-        doubts.add(placeFile(node, set.stream, state == DirectoryState::fragment));
+        const auto placed = placeFile(node, set.stream, state == DirectoryState::fragment);
+        doubts.add(placed.doubts);
+        if (status != EntryStatus::existing)
+            claims.formerFiles.push_back({ .node = &node,
+                .written = writtenDate(set),
+                .isLost = state == DirectoryState::fragment,
+                .isCertain = placed.isCertain });
         return judge(node, doubts);
     }
     if (const auto words = chanceOf(doubts).note)
@@ -305,16 +349,16 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
 
 /// Gives a file the place of its content. What is to be doubted of it. `isLost`: by a set that is
 /// in use, in a directory that no other one leads to.
-Doubts ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream, bool isLost)
+ExFATWalker::Placed ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream, bool isLost)
 {
     if (node.size == 0) {
         node.data = ExtentList {};
         return {};
     }
     if (node.size > heap_.size())
-        return Doubt::sizeBeyondVolume;
+        return { .doubts = Doubt::sizeBeyondVolume };
     if (!heap_.contains(stream.firstCluster))
-        return Doubt::invalidStartCluster;
+        return { .doubts = Doubt::invalidStartCluster };
 
     const bool isLive = node.status == EntryStatus::existing;
     const bool hasChain = !stream.isContiguous() && !context_.fatUnavailable();
@@ -325,10 +369,12 @@ Doubts ExFATWalker::placeFile(FileNode& node, const StreamEntry& stream, bool is
     // Without a chain most files lie in one piece.
     if (extents.empty() && !(isLive && hasChain))
         extents = { heap_.contiguous(stream.firstCluster, node.size) };
-    const auto doubts = isLive ? doubtsOfLive(node.size, extents)
-                               : doubtsOfDeleted(node.size, extents, isCertain, isLost);
+    auto doubts = isLive ? doubtsOfLive(node.size, extents)
+                         : doubtsOfDeleted(node.size, extents, isCertain, isLost);
+    if (context_.fatUnavailable() && !isCertain)
+        doubts.add(Doubt::guessedClusters);
     node.data = writtenPart(std::move(extents), stream.validSize, node.size);
-    return doubts;
+    return { .doubts = doubts, .isCertain = isCertain };
 }
 
 /// Where the clusters of a file lie that has a chain. Of a deleted one only a whole chain counts.
@@ -348,8 +394,6 @@ Doubts ExFATWalker::doubtsOfLive(std::uint64_t size, const ExtentList& extents)
 Doubts ExFATWalker::doubtsOfDeleted(
     std::uint64_t size, const ExtentList& extents, bool isCertain, bool isLost) const
 {
-    if (context_.bitmapUnavailable() || (context_.fatUnavailable() && !isCertain))
-        return Doubt::unknownAllocation;
     ClusterUse use;
     use.isFirstForeign = !areFree(heap_.clusterAt(*extents.front().offset), 1, isLost);
     // What lies behind the end of the volume cannot be the file's own either.
@@ -360,12 +404,16 @@ Doubts ExFATWalker::doubtsOfDeleted(
         use.foreign += areFree(heap_.clusterAt(*extent.offset), count, isLost) ? 0 : 1;
         use.checked += count;
     }
-    const auto doubts = doubtsOf(use, fatReuse);
-    return doubts.empty() && !isCertain ? Doubt::brokenChain : doubts;
+    auto doubts = doubtsOf(use, fatReuse);
+    if (doubts.empty() && !isCertain && !context_.fatUnavailable())
+        doubts = Doubt::brokenChain;
+    if (context_.bitmapUnavailable() && !doubts.has(fatReuse.first))
+        doubts.add(Doubt::unknownReuse);
+    return doubts;
 }
 
-/// Whether clusters belong to nobody else. Those of a lost file may still be marked as used: by
-/// itself.
+/// Whether clusters belong to nobody else, as far as is known by now. Those of a lost file may
+/// still be marked as used: by itself.
 bool ExFATWalker::areFree(std::uint32_t first, std::uint64_t count, bool isLost) const
 {
     return isLost ? !claims.containsAny(first, count) : context_.areFree(first, count);

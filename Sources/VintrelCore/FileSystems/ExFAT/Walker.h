@@ -19,6 +19,12 @@ public:
     std::set<std::uint32_t> setRests; ///< clusters that begin in the middle of a set
 
 private:
+    /// What is known of the place of a file.
+    struct Placed {
+        Doubts doubts {};
+        bool isCertain = true; ///< all of its clusters are known, not only the first one
+    };
+
     void readDirectory(Scan& scan) override;
     bool parse(Scan& scan, ByteView entries) override;
     ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) override;
@@ -29,7 +35,7 @@ private:
     QueuedDirectory rootDirectory(FileNode* root) const;
     void findBitmap();
     void readLive(Scan& scan);
-    void readDeleted(Scan& scan);
+    void readGuessed(Scan& scan, const ExtentList& extents);
     void readFragment(Scan& scan);
     void readRemains(Scan& scan, const ExtentList& extents);
     bool isStillIn(std::uint32_t cluster, const QueuedDirectory& directory);
@@ -39,7 +45,7 @@ private:
     void claim(const ExtentList& extents, ClusterBits& clusters);
     void addRootEntry(const ExFATEntries::RawEntry& entry);
     void addSet(Scan& scan, const ExFATEntries::EntrySet& set);
-    Doubts placeFile(FileNode& node, const ExFATEntries::StreamEntry& stream, bool isLost);
+    Placed placeFile(FileNode& node, const ExFATEntries::StreamEntry& stream, bool isLost);
     ExtentList chainedExtents(std::uint32_t start, std::uint64_t size, bool isLive);
     Doubts doubtsOfLive(std::uint64_t size, const ExtentList& extents);
     Doubts doubtsOfDeleted(

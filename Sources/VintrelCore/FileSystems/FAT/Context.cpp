@@ -79,11 +79,27 @@ void FATContext::load()
     const auto length
         = static_cast<std::int64_t>(std::min({ geometry_.fatSize, needed, onSource }));
     auto first = source_.readReporting(geometry_.fatOffset, length, ReadMode::thorough);
-    if (first.badBytes > 0 && geometry_.fatCount >= 2)
-        repair(first.data,
-            source_.read(geometry_.fatOffset + geometry_.fatSize, length, ReadMode::thorough),
-            static_cast<std::size_t>(geometry_.bytesPerSector));
+    if (first.badBytes > 0)
+        repairFAT(first);
     fat_ = std::move(first.data);
+}
+
+/// Takes from the second copy what the first one lacks, and counts what is missing in both.
+void FATContext::repairFAT(ReadReport& first)
+{
+    const auto sectorSize = geometry_.bytesPerSector;
+    if (geometry_.fatCount < 2) {
+        unreadableSectors_ = unitsFor(first.badBytes, sectorSize);
+        return;
+    }
+    const auto secondOffset = geometry_.fatOffset + geometry_.fatSize;
+    const auto second = source_.readReporting(
+        secondOffset, static_cast<std::int64_t>(first.data.size()), ReadMode::thorough);
+    repair(first.data, second.data, static_cast<std::size_t>(sectorSize));
+    for (std::uint64_t at = 0; second.badBytes > 0 && at < first.data.size(); at += sectorSize)
+        if (source_.hasBadSectors(geometry_.fatOffset + at, sectorSize)
+            && source_.hasBadSectors(secondOffset + at, sectorSize))
+            ++unreadableSectors_;
 }
 
 std::uint64_t FATContext::loadedEntries() const

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 class DiskSource;
+struct ReadReport;
 
 /// A volume's geometry and its allocation table. Used by one thread at a time.
 class FATContext {
@@ -38,14 +39,21 @@ public:
         return !used_.containsAny(first, count);
     }
 
+    /// The clusters whose entry is not 0.
+    const ClusterBits& used() const { return used_; }
+    /// How many of the table's sectors are unreadable in both copies.
+    std::uint64_t unreadableSectors() const { return unreadableSectors_; }
+
 private:
     void load();
+    void repairFAT(ReadReport& first);
     std::uint64_t loadedEntries() const;
 
     DiskSource& source_;
     FATGeometry geometry_;
     Bytes fat_;
     bool fatUnavailable_ = false;
-    ClusterBits used_; // clusters whose entry is not 0
+    std::uint64_t unreadableSectors_ = 0;
+    ClusterBits used_;
     ClusterBits seen_; // scratch of chain(): empty between calls
 };

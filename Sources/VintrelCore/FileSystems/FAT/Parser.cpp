@@ -3,6 +3,8 @@
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/Clusters/FormerFiles.h"
+#include "VintrelCore/FileSystems/Clusters/RowHelpers.h"
 #include "VintrelCore/FileSystems/FAT/BootSector.h"
 #include "VintrelCore/FileSystems/FAT/LostDirectories.h"
 #include "VintrelCore/FileSystems/FAT/Walker.h"
@@ -48,11 +50,14 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     volume->clusterSize = geometry->heap.clusterSize;
     FATWalker walker(*context, progress);
     walker.walkRoot(*volume->root);
+    judgeFormerFiles(walker.claims, geometry->heap, false);
     if (walker.label() && !walker.label()->empty())
         volume->label = *walker.label();
     if (context->fatUnavailable())
         volume->notes.emplace_back(
             "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
+    noteUnreadable(*volume, context->unreadableSectors(),
+        unitsFor(walker.unreadableBytes(), source.sectorSize()));
     volume->deepContext
         = std::make_unique<FATDeepInfo>(std::move(context), std::move(walker.claims));
     volume->root->sortChildren();
@@ -116,8 +121,10 @@ std::unique_ptr<FileNode> lostEntries(
     auto* info = dynamic_cast<FATDeepInfo*>(volume.deepContext.get());
     if (info == nullptr || info->isRebuilt)
         return nullptr;
-    return FATLostDirectories(*info->context, progress)
-        .find({ sectors.begin(), sectors.end() }, info->claims, nullptr);
+    auto folder = FATLostDirectories(*info->context, progress)
+                      .find({ sectors.begin(), sectors.end() }, info->claims, nullptr);
+    judgeFormerFiles(info->claims, info->context->geometry().heap, false);
+    return folder;
 }
 
 std::vector<std::uint64_t> looseSectors(

@@ -1,5 +1,6 @@
 #include "VintrelCore/FileSystems/FAT/Reader.h"
 
+#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/Clusters/RowHelpers.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 
@@ -28,6 +29,16 @@ std::vector<ExtraFolder> findLostFolders(DiskSource& /*source*/, const VolumeLis
         [&](Volume& volume) { return FATParser::lostEntries(volume, sectors, progress); });
 }
 
+bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)
+{
+    const auto* info = dynamic_cast<const FATDeepInfo*>(volume.deepContext.get());
+    if (info == nullptr || info->context->fatUnavailable())
+        return false;
+    const auto& context = *info->context;
+    addUsedClusters(volume, context.geometry().heap, context.used(), source.size(), ranges);
+    return true;
+}
+
 } // namespace
 
 const FileSystemReader fatReader {
@@ -41,5 +52,5 @@ const FileSystemReader fatReader {
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
     .findLostFolders = findLostFolders,
-    .addUsedRanges = nullptr,
+    .addUsedRanges = addUsedRanges,
 };

@@ -40,6 +40,7 @@ FATWalker::FATWalker(FATContext& context, WorkProgress* progress)
 
 void FATWalker::walkRoot(FileNode& root)
 {
+    isLevelFixed_ = true;
     const QueuedDirectory directory {
         .folder = &root, .cluster = geometry_.rootCluster, .state = DirectoryState::live, .depth = 0
     };
@@ -93,8 +94,10 @@ ClusterChain FATWalker::chain(std::uint32_t start, std::uint64_t maxClusters)
 void FATWalker::readChain(Scan& scan)
 {
     const auto found = limitedChain(scan.directory.cluster, maxDirectoryClusters());
-    for (const auto cluster : found.clusters)
+    for (const auto cluster : found.clusters) {
         claims.claimed.insert(cluster);
+        claims.directories.insert(cluster);
+    }
     readExtents(scan, heap_.extents(found.clusters, found.clusters.size() * heap_.clusterSize));
 }
 
@@ -110,6 +113,8 @@ void FATWalker::readDeleted(Scan& scan)
         // What follows belongs to others when it is in use, or is another deleted directory.
         if (count > 0 && (begins || !context_.areFree(cluster, 1)))
             return;
+        if (begins || holdsMoreEntries(cluster)) // or the directory was full, and has ended before
+            claims.directories.insert(cluster);
         if (!readCluster(scan, cluster))
             return;
     }
@@ -188,7 +193,7 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
     if (!isMarkedDeleted && cluster != 0)
         scan.endOfContent = cluster + std::max<std::uint64_t>(1, heap_.clustersFor(node.size));
     if (!isFolder)
-        judge(node, placeFile(node, cluster, state));
+        judgeFile(node, cluster, state, isMarkedDeleted);
     else if (cluster != 0)
         scan.subfolders.push_back(
             { .folder = &node, .cluster = cluster, .state = state, .depth = directory.depth + 1 });
@@ -201,24 +206,48 @@ void FATWalker::takeLabel(const Scan& scan, const ShortEntry& entry)
         label_ = Unicode::trimmed(ByteView(entry.name).ascii(0, sizeof entry.name));
 }
 
+/// Gives a file its place and its chance. That of a former file is judged again when all
+/// directories have been read.
+void FATWalker::judgeFile(
+    FileNode& node, std::uint32_t start, DirectoryState state, bool isMarkedDeleted)
+{
+    const auto placed = placeFile(node, start, state);
+    judge(node, placed.doubts);
+    if (node.size == 0 || !heap_.contains(start))
+        return;
+    const bool isOneCluster = node.size <= heap_.clusterSize;
+    if (context_.fatUnavailable() && !isOneCluster) {
+        if (isLevelFixed_)
+            noteDoubts(node, Doubt::guessedClusters);
+        else
+            judgeFurther(node, Doubt::guessedClusters);
+    }
+    if (node.status != EntryStatus::existing)
+        claims.formerFiles.push_back({ .node = &node,
+            .written = std::max(node.created, node.modified),
+            .isLost = state == DirectoryState::fragment && !isMarkedDeleted,
+            .isCertain = placed.hasChain || isOneCluster,
+            .isLevelFixed = isLevelFixed_ });
+}
+
 /// Gives a file the place of its content. What is to be doubted of it.
-Doubts FATWalker::placeFile(FileNode& node, std::uint32_t start, DirectoryState state)
+FATWalker::Placed FATWalker::placeFile(FileNode& node, std::uint32_t start, DirectoryState state)
 {
     if (node.size == 0) {
         node.data = ExtentList {};
         return {};
     }
     if (!heap_.contains(start))
-        return Doubt::invalidStartCluster;
+        return { .doubts = Doubt::invalidStartCluster };
     if (node.status == EntryStatus::existing)
-        return fillFromChain(node, start) ? Doubts() : Doubt::brokenChain;
+        return { .doubts = fillFromChain(node, start) ? Doubts() : Doubt::brokenChain };
     // The folder of a fragment may be lost while its files were never deleted: their chains still
     // stand in the FAT.
     const bool mayHaveChain = state == DirectoryState::fragment && !context_.fatUnavailable()
-        && !claims.liveClusters.contains(start);
+        && !claims.contains(start);
     if (mayHaveChain && fillFromChain(node, start))
-        return {};
-    return fillContiguous(node, start);
+        return { .doubts = {}, .hasChain = true };
+    return { .doubts = fillContiguous(node, start) };
 }
 
 /// Gives the node what its chain holds. True when that is all of it.

@@ -34,6 +34,12 @@ public:
     std::set<NameRest> nameRests; ///< where a directory may continue that ends in a long name
 
 private:
+    /// What is known of the place of a file.
+    struct Placed {
+        Doubts doubts {};
+        bool hasChain = false; ///< of a former file: its chain still stands
+    };
+
     void readDirectory(Scan& scan) override;
     bool parse(Scan& scan, ByteView entries) override;
     ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) override;
@@ -49,12 +55,14 @@ private:
     void addPiece(const FATEntries::LongNamePiece& piece);
     void addEntry(Scan& scan, const FATEntries::ShortEntry& entry);
     void takeLabel(const Scan& scan, const FATEntries::ShortEntry& entry);
-    Doubts placeFile(FileNode& node, std::uint32_t start, DirectoryState state);
+    void judgeFile(FileNode& node, std::uint32_t start, DirectoryState state, bool isMarkedDeleted);
+    Placed placeFile(FileNode& node, std::uint32_t start, DirectoryState state);
     bool fillFromChain(FileNode& node, std::uint32_t start);
     Doubts fillContiguous(FileNode& node, std::uint32_t start);
 
     FATContext& context_;
     const FATGeometry& geometry_;
+    bool isLevelFixed_ = false; // what a volume's own tables list keeps the chance they give
     std::vector<FATEntries::LongNamePiece>
         pieces_; // of the long name whose short entry is still to come
 };

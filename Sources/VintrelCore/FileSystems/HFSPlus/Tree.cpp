@@ -211,6 +211,6 @@ void HFSPlusFileTree::judgeDeleted(FileNode& node, const HFSPlusExtents& stored)
 {
     auto doubts = doubtsOf(forks_.useOf(stored, node.size), appleReuse);
     if (doubts.has(Doubt::unknownAllocation) && forks_.hasAllocation())
-        doubts.add(Doubt::unreadableAllocation);
+        doubts.add(Doubt::unknownReuse);
     judge(node, doubts);
 }

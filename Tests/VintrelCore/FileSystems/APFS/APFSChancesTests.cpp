@@ -67,7 +67,7 @@ TEST(APFSChances, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
 
     auto without = image;
     breakChecksum(without, APFSImage::descriptorBlocks + 5); // the space manager
-    const std::string unknown = "Ukendt: Det kan ikke læses, om filens blokke er genbrugt";
+    const std::string unknown = "Ukendt: Det vides ikke, om pladsen er genbrugt";
     const auto unsaid = parse(without);
     EXPECT_EQ(chance(unsaid["/mappe/genbrugt"]), unknown);
     EXPECT_EQ(chance(unsaid["/mappe/hel"]), unknown);
@@ -85,8 +85,8 @@ TEST(APFSChances, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
 
 TEST(APFSChances, OfDeletedFilesInTheSameBlocksTheLastOneHasThem)
 {
-    const std::string first = "Ringe: En nyere slettet fil har brugt de samme blokke";
-    const std::string part = "Delvis: En nyere slettet fil har brugt nogle af de samme blokke";
+    const std::string first = "Ringe: Begyndelsen er genbrugt af en anden slettet fil";
+    const std::string part = "Delvis: Dele af filen kan være overskrevet af en anden slettet fil";
     const struct {
         const char* what;
         std::uint64_t olderStart, newerStart; // blocks, of two each

@@ -4,6 +4,7 @@
 #include "Tests/Images/ExFATImage.h"
 #include "Tests/Images/FATImage.h"
 #include "Tests/Support/DeepScan.h"
+#include "Tests/Support/ParsedVolume.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 
@@ -54,6 +55,39 @@ TEST(LostFragments, FATVolumesAreRebuiltFromTheirDirectories)
         EXPECT_EQ(found.count(folder + "/INDRE/B.TXT", patternBytes(6000, seed + 1)), 1);
         EXPECT_EQ(found.count(folder + "/INDRE/C.TXT", patternBytes(100, seed + 2)), 1);
     }
+}
+
+TEST(LostFragments, FilesOfVolumesWithoutAFATAreGuesses)
+{
+    auto image = cardWithFolders(FileSystemType::fat32, 4, 1);
+    const auto folder = image.addFolder(FATImage::root, { .name = "TREDJE     " });
+    const auto live = image.addFile(folder, { .name = "LEVENDE BIN" }, patternBytes(6000));
+    const auto add = [&](const char* name, std::uint32_t cluster, std::uint32_t size) {
+        image.addEntry(folder, { .name = name, .cluster = cluster, .size = size });
+        image.remove(folder, name);
+    };
+    add("AA      BIN", live, 2048);
+    add("BB      BIN", live + 1, 2048);
+    add("CC      BIN", live + 3, 2048);
+    add("DD      BIN", live - 1, 6000); // on the folder itself
+    erase(image.bytes(), 0, image.offsetOf(3));
+    const Found found(image.bytes());
+    ASSERT_EQ(found.volumes.size(), 1u);
+    std::map<std::string, std::string> chances;
+    for (const auto* file : found.volumes[0]->root->allFiles())
+        chances[file->name] = chance(*file);
+    const std::string reused = "Ringe: Begyndelsen er genbrugt af en anden slettet fil";
+    const std::string guessed = "Filens klynger kendes ikke; de antages at ligge samlet";
+    const std::pair<const char*, std::string> expected[] = {
+        { "C.TXT", "God" }, // in one cluster
+        { "B.TXT", "Ukendt: " + guessed },
+        { "_A.BIN", reused },
+        { "_B.BIN", reused },
+        { "_C.BIN", "God" },
+        { "_D.BIN", "Ringe: " + guessed + "; Startklyngen er genbrugt af en anden fil" },
+    };
+    for (const auto& [name, text] : expected)
+        EXPECT_EQ(chances[name], text) << name;
 }
 
 TEST(LostFragments, OneDirectoryAloneMakesNoVolume)

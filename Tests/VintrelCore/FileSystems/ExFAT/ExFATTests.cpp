@@ -3,6 +3,7 @@
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/ExFAT/BootSector.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
+#include "VintrelCore/FileSystems/ExFAT/Reader.h"
 #include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
@@ -102,7 +103,8 @@ TEST(ExFAT, JudgesFilesByWhatBecameOfTheirClusters)
         { "/udenfor", "Ringe: Ugyldig startklynge" },
         { "/exabytes", "Ringe: Filens størrelse er større end diskens" },
         { "/over kanten", "Delvis: Klyngekæden er afbrudt" },
-        { "/kant og væk", "Delvis: Dele af filen kan være overskrevet" },
+        { "/kant og væk",
+            "Ringe: Dele af filen kan være overskrevet; Startklyngen er genbrugt af en anden fil" },
         { "/begyndt", "God" },
     };
     const auto card = parse(image);
@@ -129,12 +131,13 @@ TEST(ExFAT, WithoutBitmapOrFATLessIsKnown)
 
     const auto withoutBitmap = parse(image, { image.bitmapOffset(), image.bitmapOffset() + 1 });
     EXPECT_EQ(withoutBitmap.volume->notes, Notes { "Allokeringsbitmappen kunne ikke læses." });
-    EXPECT_EQ(chance(withoutBitmap["/genbrugt"]), "Ukendt");
+    EXPECT_EQ(chance(withoutBitmap["/genbrugt"]), "Ukendt: Det vides ikke, om pladsen er genbrugt");
     const auto withoutFAT = parse(image, { image.fatOffset(), image.bitmapOffset() });
     EXPECT_EQ(withoutFAT.volume->notes,
         Notes { "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." });
-    EXPECT_EQ(chance(withoutFAT["/kort"]), "God");
-    EXPECT_EQ(chance(withoutFAT["/kæde"]), "Ukendt");
+    for (const auto* path : { "/kort", "/kæde" })
+        EXPECT_EQ(chance(withoutFAT[path]),
+            "Ukendt: Filens klynger kendes ikke; de antages at ligge samlet");
     EXPECT_EQ(parse(ExFATImage({ .hasBitmap = false })).volume->notes, withoutBitmap.volume->notes);
 }
 
@@ -299,6 +302,115 @@ TEST(ExFAT, FilesThatOverlapWithoutEndClaimNoMoreThanAVolumeHas)
         const std::uint64_t sectors[] = { image.offsetOf(lastCluster) };
         EXPECT_EQ(ExFATParser::looseSectors(sectors, volumes).empty(), overlapping == 0);
     }
+}
+
+TEST(ExFAT, WhatExistsIsInUseWhateverTheBitmapSays)
+{
+    ExFATImage image;
+    const auto inFolder = image.addFolder(image.root(), { .name = u"Mappe" });
+    image.addSet(image.root(), { .name = u"på mappen", .cluster = inFolder, .size = 512 });
+    image.remove(u"på mappen"); // before the file that exists is read
+    image.addSet(image.root(), { .name = u"slettet", .cluster = inFolder + 1, .size = 512 });
+    image.remove(u"slettet");
+    const auto live = image.addFile(image.root(), { .name = u"levende" }, patternBytes(1400));
+    ASSERT_EQ(live, inFolder + 1);
+    for (const auto cluster : { inFolder, live, live + 1, live + 2 })
+        image.setUsed(cluster, false); // as a lost sector of the bitmap does
+    const auto card = parse(image);
+    for (const auto* path : { "/på mappen", "/slettet" })
+        EXPECT_EQ(chance(card[path]), "Ringe: Startklyngen er genbrugt af en anden fil") << path;
+    EXPECT_EQ(chance(card["/levende"]), "God");
+}
+
+TEST(ExFAT, OfTwoDeletedFilesTheOneThatWasWrittenLastHasTheClusters)
+{
+    const std::string reused = "Ringe: Begyndelsen er genbrugt af en anden slettet fil";
+    const std::string partly = "Delvis: Dele af filen kan være overskrevet af en anden slettet fil";
+    constexpr std::uint32_t noon = 0x5B436000;
+    constexpr std::uint32_t evening = 0x5B43A000;
+    struct File {
+        std::uint32_t cluster;
+        std::uint64_t size;
+        std::uint32_t created, modified;
+        std::uint32_t ticks; ///< of the modification, 10 ms each
+        std::string expected;
+    };
+    const struct {
+        const char* what;
+        File a, b;
+    } cases[] = {
+        { "side by side", { 50, 1024, noon, noon, 0, "God" }, { 52, 1024, noon, noon, 0, "God" } },
+        { "the same place", { 50, 1024, noon, noon, 0, reused },
+            { 50, 1024, noon, evening, 0, "God" } },
+        { "later by less than two seconds", { 50, 1024, noon, noon, 7, "God" },
+            { 50, 1024, noon, noon, 6, reused } },
+        { "a copy with its old date", { 50, 1024, evening, noon, 0, "God" },
+            { 50, 1024, noon, noon, 0, reused } },
+        { "over the end of another", { 50, 2048, noon, noon, 0, partly },
+            { 53, 2048, noon, evening, 0, "God" } },
+        { "inside of another", { 50, 4096, noon, noon, 0, partly },
+            { 53, 512, noon, evening, 0, "God" } },
+        { "over all of another", { 50, 4096, noon, evening, 0, "God" },
+            { 53, 512, noon, noon, 0, reused } },
+        { "at the same time", { 50, 1024, noon, noon, 0, partly },
+            { 51, 1024, noon, noon, 0, partly } },
+        { "without a date", { 50, 1024, 0, 0, 0, partly }, { 51, 1024, noon, noon, 0, partly } },
+        { "one file by two names", { 50, 1024, noon, noon, 0, "God" },
+            { 50, 1024, noon, noon, 0, "God" } },
+    };
+    for (const auto& [what, a, b] : cases) {
+        ExFATImage image;
+        std::size_t number = 2; // of the next entry of the root
+        const auto add = [&](const char16_t* name, const File& file) {
+            image.addSet(
+                image.root(), { .name = name, .cluster = file.cluster, .size = file.size });
+            const auto entry = image.entryOffset(image.root(), number);
+            putLE(image.bytes(), entry + 8, file.created, 4);
+            putLE(image.bytes(), entry + 12, file.modified, 4);
+            putLE(image.bytes(), entry + 21, file.ticks, 1);
+            putLE(image.bytes(), entry + 22, 0x80, 1); // UTC
+            image.remove(name);
+            number += 3;
+        };
+        add(u"a", a);
+        add(u"b", b);
+        image.renewChecksums();
+        const auto card = parse(image);
+        EXPECT_EQ(chance(card["/a"]), a.expected) << what;
+        EXPECT_EQ(chance(card["/b"]), b.expected) << what;
+    }
+}
+
+TEST(ExFAT, TellsWhatItHasInUse)
+{
+    ExFATImage image({ .clusters = 100 });
+    const auto file = image.addFile(image.root(), { .name = u"a" }, Bytes(1024));
+    image.setUsed(70, true);
+    image.setUsed(101, true);
+    image.setUsed(103, true); // the bitmap's last byte goes on behind the last cluster
+    const auto card = parse(image);
+    std::vector<ByteRange> ranges;
+    ASSERT_TRUE(exfatReader.addUsedRanges(*card.source, *card.volume, ranges));
+    const std::vector<ByteRange> expected { { 0, image.offsetOf(2) },
+        { image.offsetOf(2), image.offsetOf(file + 2) }, { image.offsetOf(70), image.offsetOf(71) },
+        { image.offsetOf(101), image.offsetOf(102) } };
+    EXPECT_EQ(ranges, expected);
+    const auto damaged = parse(image, { image.bitmapOffset(), image.bitmapOffset() + 1 });
+    EXPECT_FALSE(exfatReader.addUsedRanges(*damaged.source, *damaged.volume, ranges));
+    EXPECT_EQ(ranges, expected);
+}
+
+TEST(ExFAT, SaysWhatOfItsStructuresIsUnreadable)
+{
+    ExFATImage image({ .clusters = 300 });
+    const auto folder = image.addFolder(image.root(), { .name = u"Mappe" }, 2);
+    image.addFile(folder, { .name = u"a" }, bytesOf("a"));
+    const auto place = image.offsetOf(folder);
+    EXPECT_EQ(parse(image, { place, place + 512 }).volume->notes,
+        Notes { "Mapperne har 1 ulæselig sektor – filer kan mangle." });
+    EXPECT_EQ(parse(image, { image.fatOffset() + 512, image.fatOffset() + 1536 }).volume->notes,
+        Notes { "FAT-tabellen har 2 ulæselige sektorer – klyngekæder kan mangle, og pladsen kan "
+                "være genbrugt." });
 }
 
 TEST(ExFAT, OtherToolsFindNoFaultInOurSets)

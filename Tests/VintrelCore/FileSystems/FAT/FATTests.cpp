@@ -2,6 +2,7 @@
 #include "Tests/Support/ParsedVolume.h"
 #include "VintrelCore/FileSystems/FAT/BootSector.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
+#include "VintrelCore/FileSystems/FAT/Reader.h"
 
 #include <gtest/gtest.h>
 
@@ -332,6 +333,81 @@ TEST(FAT, FilesOfLostFragmentsLeaveLiveFilesTheirClusters)
     ASSERT_EQ(folder->children().size(), 2u);
     EXPECT_EQ(chance(*folder->children()[0]), "God") << "its chain is its own";
     EXPECT_EQ(chance(*folder->children()[1]), "Ringe: Startklyngen er genbrugt af en anden fil");
+}
+
+TEST(FAT, LostFilesLeaveLiveDirectoriesTheirClusters)
+{
+    FATImage image({ .type = fat32, .clusters = 600 });
+    const auto live = image.addFolder(root, { .name = "LEVENDE    " });
+    const auto lost = image.addFolder(root, { .name = "TABT       " });
+    image.addEntry(lost, { .name = "PAA     BIN", .cluster = live, .size = 512 });
+    image.addFile(lost, { .name = "EGEN    BIN" }, patternBytes(700));
+    image.write(image.entryOffset(root, 1), bytesOf("?")); // the folder's entry vanishes
+    const auto card = parse(image);
+    const std::uint64_t sectors[] = { image.offsetOf(lost) };
+    const auto folder = FATParser::lostEntries(*card.volume, sectors, nullptr);
+    ASSERT_EQ(folder->children().size(), 2u);
+    EXPECT_EQ(chance(*folder->children()[0]), "God");
+    EXPECT_EQ(chance(*folder->children()[1]), "Ringe: Startklyngen er genbrugt af en anden fil");
+}
+
+TEST(FAT, DeletedFilesOnTheSameClustersKeepTheirLevelAndGetANote)
+{
+    FATImage image({ .type = fat16 });
+    const auto add = [&](const char* name, std::uint32_t cluster, std::uint32_t size) {
+        image.addEntry(root, { .name = name, .cluster = cluster, .size = size });
+        image.remove(root, name);
+    };
+    add("AA      BIN", 50, 2048);
+    add("BB      BIN", 53, 2048);
+    add("CC      BIN", 57, 512);
+    const auto gone = image.addFolder(root, { .name = "MAPPE      " });
+    image.remove(root, "MAPPE      "); // it still holds its entries
+    add("DD      BIN", gone, 512);
+    const auto card = parse(image);
+    const std::string shared = "God: Dele af filen kan være overskrevet af en anden slettet fil";
+    EXPECT_EQ(chance(card["/_A.BIN"]), shared);
+    EXPECT_EQ(chance(card["/_B.BIN"]), shared);
+    EXPECT_EQ(chance(card["/_C.BIN"]), "God");
+    EXPECT_EQ(chance(card["/_D.BIN"]), "God: Startklyngen er genbrugt af en anden fil");
+}
+
+TEST(FAT, TellsWhatItHasInUse)
+{
+    FATImage image({ .type = fat12 });
+    const auto file = image.addFile(root, { .name = "A       BIN" }, Bytes(1400));
+    image.setFAT(file + 70, 0xFF7);
+    const auto card = parse(image);
+    std::vector<ByteRange> ranges;
+    ASSERT_TRUE(fatReader.addUsedRanges(*card.source, *card.volume, ranges));
+    EXPECT_EQ(ranges,
+        (std::vector<ByteRange> { { 0, image.offsetOf(2) },
+            { image.offsetOf(file), image.offsetOf(file + 3) },
+            { image.offsetOf(file + 70), image.offsetOf(file + 71) } }));
+}
+
+TEST(FAT, SaysWhatOfItsStructuresIsUnreadable)
+{
+    FATImage image({ .type = fat32 });
+    const auto folder = image.addFolder(root, { .name = "MAPPE      " });
+    const auto fat = image.fatOffset();
+    const struct {
+        ByteRange unreadable;
+        std::vector<std::string> notes;
+    } cases[] = {
+        { { fat, fat + image.fatSize() }, {} }, // the second copy has it all
+        { { fat + image.fatSize() - 512, fat + 2 * image.fatSize() },
+            { "FAT-tabellen har 1 ulæselig sektor – klyngekæder kan mangle, og pladsen kan være "
+              "genbrugt." } },
+        { { image.offsetOf(folder), image.offsetOf(folder) + 1 },
+            { "Mapperne har 1 ulæselig sektor – filer kan mangle." } },
+    };
+    for (const auto& [unreadable, notes] : cases)
+        EXPECT_EQ(parse(image, unreadable).volume->notes, notes);
+    const auto source = image.source(); // each copy lacks another sector
+    source->addSimulatedBadRange({ fat, fat + 1 });
+    source->addSimulatedBadRange({ fat + image.fatSize() + 512, fat + image.fatSize() + 513 });
+    EXPECT_TRUE(FATParser::parse(*source, 0, "", nullptr)->notes.empty());
 }
 
 TEST(FAT, RecognisesDirectorySectors)

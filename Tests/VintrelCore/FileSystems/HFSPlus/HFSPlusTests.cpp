@@ -167,17 +167,19 @@ TEST(HFSPlus, JudgesFilesByTheirExtentsAndTheAllocationFile)
 
 TEST(HFSPlus, NotesThatAnotherDeletedFileHadTheSameBlocks)
 {
+    const char* const contested
+        = "God: En anden slettet fil har haft noget af den samme plads, og det vides ikke, hvis "
+          "indhold der ligger";
     const struct {
         const char* what;
         std::uint32_t date, start; // of the other file, which has two blocks
         const char *one, *other;
     } rows[] = {
-        { "later", 9, 110, "God: En nyere slettet fil har brugt de samme blokke", "God" },
+        { "later", 9, 110, "God: Begyndelsen er genbrugt af en anden slettet fil", "God" },
         { "later, the second block", 9, 111,
-            "God: En nyere slettet fil har brugt nogle af de samme blokke", "God" },
-        { "before", 7, 110, "God", "God: En nyere slettet fil har brugt de samme blokke" },
-        { "nobody knows", 8, 111, "God: En anden slettet fil har haft nogle af de samme blokke",
-            "God: En anden slettet fil har haft nogle af de samme blokke" },
+            "God: Dele af filen kan være overskrevet af en anden slettet fil", "God" },
+        { "before", 7, 110, "God", "God: Begyndelsen er genbrugt af en anden slettet fil" },
+        { "at the same time", 8, 111, contested, contested },
         { "later, elsewhere", 9, 112, "God", "God" },
     };
     for (const auto& [what, date, start, one, other] : rows) {
@@ -236,7 +238,7 @@ TEST(HFSPlus, TellsOfMetadataThatCannotBeRead)
         EXPECT_EQ(parse(image, unreadable).volume->notes, notes) << what;
 
     const auto disk = parse(image, rows[1].unreadable);
-    const std::string lost = "Ukendt: Det kan ikke læses, om filens blokke er genbrugt";
+    const std::string lost = "Ukendt: Det vides ikke, om pladsen er genbrugt";
     EXPECT_EQ(chance(disk["/hel"]), "God");
     EXPECT_EQ(chance(disk["/senere"]), lost);
     EXPECT_EQ(chance(disk["/på tværs"]), lost);
