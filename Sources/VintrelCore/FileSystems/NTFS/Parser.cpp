@@ -55,9 +55,8 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     auto records = readAllRecords(context, *mft, progress);
     if (records.count() == 0)
         return nullptr;
-    auto volume = buildVolume(context, std::move(records), origin);
+    auto volume = buildVolume(context, std::move(records), *mft, origin);
     std::ranges::move(notes, std::back_inserter(volume->notes));
-    volume->deepContext = std::make_unique<NTFSDeepInfo>(*geometry, *mft);
     return volume;
 }
 

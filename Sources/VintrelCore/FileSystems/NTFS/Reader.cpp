@@ -1,5 +1,6 @@
 #include "VintrelCore/FileSystems/NTFS/Reader.h"
 
+#include "VintrelCore/FileSystems/NTFS/AllocationMap.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/LostVolumeSearch.h"
@@ -24,6 +25,16 @@ VolumeList load(const LoadRequest& request)
 bool isConfirmed(DiskSource& /*source*/, std::uint64_t /*start*/, ByteView /*sector*/)
 {
     return true;
+}
+
+/// As the volume's $Bitmap says, which is asked again.
+bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)
+{
+    const auto* const info = dynamic_cast<const NTFSDeepInfo*>(volume.deepContext.get());
+    if (info == nullptr)
+        return false;
+    const NTFSContext context(source, info->geometry);
+    return AllocationMap::load(context, info->bitmap).addUsedRanges(context, ranges);
 }
 
 void addGeometry(NTFSParser::RebuildHints& hints, const std::optional<NTFSGeometry>& geometry)
@@ -84,5 +95,5 @@ const FileSystemReader ntfsReader {
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
     .findLostFolders = nullptr,
-    .addUsedRanges = nullptr,
+    .addUsedRanges = addUsedRanges,
 };

@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/NTFS/AllocationMap.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
+#include "VintrelCore/FileSystems/NTFS/DeepInfo.h"
 #include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/ParentLinks.h"
@@ -20,19 +21,19 @@ constexpr std::uint64_t rootRecord = 5;
 constexpr std::uint64_t bitmapRecord = 6;
 constexpr std::uint64_t extendRecord = 11; // $Extend, the folder of younger system files
 
-AllocationMap loadAllocationMap(const NTFSContext& context, MFTRecords& records)
+/// Where $Bitmap lies; nowhere when its record is lost.
+FileData locateBitmap(const NTFSContext& context, MFTRecords& records)
 {
     auto* const bitmap = records.systemRecord(bitmapRecord);
     if (bitmap == nullptr || !bitmap->inUse)
         return {};
     records.mergeExtensions(*bitmap);
-    return AllocationMap::load(context, NTFSContent::assemble(context, bitmap->data).data);
+    return NTFSContent::assemble(context, bitmap->data).data;
 }
 
 /// Gives every node its chance and note.
-void judgeAll(const NTFSContext& context, MFTRecords& records)
+void judgeAll(const NTFSContext& context, const AllocationMap& map, MFTRecords& records)
 {
-    const auto map = loadAllocationMap(context, records);
     for (const auto& entry : records.entries()) {
         if (!entry.node)
             continue;
@@ -127,7 +128,7 @@ void hangAll(MFTRecords& records, const ParentLinks& links, FileNode& root)
 } // namespace
 
 std::unique_ptr<Volume> buildVolume(
-    const NTFSContext& context, MFTRecords records, const std::string& origin)
+    const NTFSContext& context, MFTRecords records, MappedStream mft, const std::string& origin)
 {
     const auto& geometry = context.geometry();
     const auto* const label = records.systemRecord(volumeRecord);
@@ -137,9 +138,12 @@ std::unique_ptr<Volume> buildVolume(
     volume->clusterSize = geometry.clusterSize;
 
     records.finish();
-    judgeAll(context, records);
+    auto bitmap = locateBitmap(context, records);
+    judgeAll(context, AllocationMap::load(context, bitmap), records);
     hangAll(records, linkAll(records), *volume->root);
     volume->root->sortChildren();
+    volume->deepContext
+        = std::make_unique<NTFSDeepInfo>(geometry, std::move(mft), std::move(bitmap));
     return volume;
 }
 

@@ -1,4 +1,5 @@
 #include "Tests/VintrelCore/FileSystems/NTFS/NTFSTestVolume.h"
+#include "VintrelCore/FileSystems/NTFS/Reader.h"
 
 #include <gtest/gtest.h>
 
@@ -103,4 +104,66 @@ TEST(NTFSAllocationMap, LeavesUnknownWhatCouldNotBeRead)
         source.addSimulatedBadRange({ image.recordOffset(6), image.recordOffset(7) });
     }),
         "Ukendt Ukendt Ukendt Ukendt ");
+}
+
+TEST(NTFSAllocationMap, TellsWhatItsVolumeHasInUse)
+{
+    // A volume of 9000 clusters of 512 bytes, whose bitmap has three sectors. What it has for
+    // itself ends at cluster 83.
+    const Image::Options options { .clusterSize = 512, .clusters = 9000, .mft = { { 16, 64 } } };
+    using Clusters = std::vector<std::pair<std::uint64_t, std::uint64_t>>; // from, to
+    const struct {
+        const char* what;
+        Clusters used;
+        std::size_t size = 9000; // of the source, in clusters
+        std::function<void(DiskSource&, std::uint64_t)> damage = [](DiskSource&, std::uint64_t) {};
+        std::optional<Clusters> ranges;
+    } cases[] = {
+        { .what = "the volume's own", .used = {}, .ranges = { { { 0, 83 } } } },
+        { .what = "runs that begin and end anywhere in words and blocks",
+            .used = { { 83, 84 }, { 127, 129 }, { 4000, 4200 }, { 8191, 8192 }, { 8999, 9000 } },
+            .ranges
+            = { { { 0, 84 }, { 127, 129 }, { 4000, 4200 }, { 8191, 8192 }, { 8999, 9000 } } } },
+        { .what = "more than the source has",
+            .used = { { 4000, 6000 } },
+            .size = 5000,
+            .ranges = { { { 0, 83 }, { 4000, 5000 } } } },
+        { .what = "a part that cannot be read",
+            .used = {},
+            .damage =
+                [](DiskSource& source, std::uint64_t bitmap) {
+                    source.addSimulatedBadRange({ bitmap + 512, bitmap + 513 });
+                },
+            .ranges = {} },
+    };
+    for (const auto& [what, used, size, damage, expected] : cases) {
+        SCOPED_TRACE(what);
+        Image image(options);
+        for (const auto& [from, to] : used)
+            image.markUsed(from, to - from);
+        const auto source = makeSource({ image.bytes().begin(),
+            image.bytes().begin() + static_cast<std::ptrdiff_t>(size * 512) });
+        damage(*source, image.offsetOf(image.bitmapLCN()));
+        const auto volume = NTFSParser::parse(*source, 0, "prøve", nullptr);
+        ASSERT_TRUE(volume);
+        std::vector<ByteRange> ranges { { 1, 2 } };
+        EXPECT_EQ(ntfsReader.addUsedRanges(*source, *volume, ranges), expected.has_value());
+        std::vector<ByteRange> wanted { { 1, 2 } };
+        for (const auto& [from, to] : expected.value_or(Clusters {}))
+            wanted.push_back({ from * 512, to * 512 });
+        EXPECT_EQ(ranges, wanted);
+    }
+}
+
+TEST(NTFSAllocationMap, AsksForEveryClusterOfALargeFile)
+{
+    // More than a million clusters that are free, and one that is not.
+    Image image({ .clusterSize = 512, .recordSize = 4096, .clusters = 9000 });
+    Image::Runs runs(140, { 800, 8000 });
+    runs.push_back({ 8900, 1 });
+    image.markUsed(8900, 1);
+    const std::uint64_t size = (std::uint64_t { 140 } * 8000 + 1) * 512;
+    image.put(20,
+        named(u"stor", { Image::data({ .runs = runs, .size = size, .flags = 0x8000 }) }, false));
+    EXPECT_EQ(parse(image)["/stor"].recoverability, Recoverability::partial);
 }

@@ -116,7 +116,8 @@ std::optional<std::uint64_t> firstLCN(const MFTRecord& record)
 std::unique_ptr<Volume> buildFromRecords(
     const NTFSContext& context, MFTRecords records, std::size_t count, MappedStream mft)
 {
-    auto volume = NTFSParser::buildVolume(context, std::move(records), "Dyb scanning, MFT-poster");
+    auto volume = NTFSParser::buildVolume(
+        context, std::move(records), std::move(mft), "Dyb scanning, MFT-poster");
     if (volume->root->children().empty())
         return nullptr;
     volume->notes.push_back(
@@ -124,7 +125,6 @@ std::unique_ptr<Volume> buildFromRecords(
     if (!context.geometry().hasPlace)
         volume->notes.emplace_back(
             "Volumenets placering kendes ikke. Kun små filer kan gendannes.");
-    volume->deepContext = std::make_unique<NTFSDeepInfo>(context.geometry(), std::move(mft));
     return volume;
 }
 
