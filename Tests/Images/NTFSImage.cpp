@@ -108,11 +108,13 @@ Bytes NTFSImage::attribute(std::uint32_t type, const Bytes& value, std::uint16_t
     return bytes;
 }
 
-Bytes NTFSImage::standardInformation(std::uint64_t created, std::uint64_t modified)
+Bytes NTFSImage::standardInformation(
+    std::uint64_t created, std::uint64_t modified, std::uint64_t changed)
 {
     Bytes value(48);
     putLE(value, 0, created, 8);
     putLE(value, 8, modified, 8);
+    putLE(value, 16, changed, 8);
     return attribute(0x10, value);
 }
 
@@ -193,6 +195,7 @@ Bytes NTFSImage::encodeRecord(std::uint64_t number, const Record& record) const
     putText(bytes, 0, "FILE");
     putLE(bytes, 4, 48, 2);
     putLE(bytes, 6, sectors + 1, 2);
+    putLE(bytes, 8, record.logSequence, 8);
     putLE(bytes, 16, record.sequence, 2);
     putLE(bytes, 20, at, 2);
     putLE(bytes, 22, (record.inUse ? 1u : 0u) | (record.isDirectory ? 2u : 0u), 2);

@@ -13,7 +13,9 @@ enum class Doubt : std::uint8_t {
     damagedDirectoryEntry,
     missingInode,
     missingDataAttribute,
-    missingRuns, ///< the place of some of it is not known, or not on the source
+    missingRuns,    ///< the place of some of it is not known, or not on the source
+    unknownPlace,   ///< the place of none of it is
+    uncertainPlace, ///< of the whole file system
     invalidStartCluster,
     sizeBeyondVolume,
     brokenChain,
@@ -31,13 +33,21 @@ enum class Doubt : std::uint8_t {
     reusedClusters,
     partlyReused,
     fewReusedClusters,
-    unknownAllocation, ///< nobody can say who owns the clusters
+    reusedByDeleted,       ///< the first cluster belongs to a file that was deleted later
+    partlyReusedByDeleted, ///< other clusters do
+    sharedWithDeleted,     ///< which of two deleted files was the last one there cannot be told
+    unknownAllocation,     ///< nobody can say who owns the clusters; the chance says enough
+    unknownReuse,          ///< the same, in words
     // of what the source still is
     beyondSource, ///< some of it lies behind the source's end
     // of the content
     encrypted,
     compressedByHFS,
     compressedByAPFS,
+    compressedByWindows,
+    deduplicated,
+    onlyInCloud,
+    partlyElsewhere, ///< some of it is compressed, deduplicated or in a cloud
     damagedRecord,
     count
 };
@@ -54,7 +64,7 @@ public:
     constexpr bool empty() const { return bits_ == 0; }
 
 private:
-    using Bits = std::uint32_t;
+    using Bits = std::uint64_t;
     static_assert(static_cast<unsigned>(Doubt::count) <= 8 * sizeof(Bits));
     static constexpr Bits bit(Doubt doubt) { return Bits { 1 } << static_cast<unsigned>(doubt); }
 
@@ -74,10 +84,12 @@ struct ReuseRule {
     Doubt first;           ///< the file's first cluster belongs to another file
     Doubt some;            ///< any of them does
     bool mostCountAsFirst; ///< more than half of them weigh as much as the first one
+    Doubt unknown = Doubt::unknownAllocation; ///< of some of them nobody can say
 };
 inline constexpr ReuseRule fatReuse { Doubt::reusedFirstCluster, Doubt::partlyReused, false };
 inline constexpr ReuseRule appleReuse { Doubt::reusedBlocks, Doubt::partlyReused, false };
-inline constexpr ReuseRule ntfsReuse { Doubt::reusedClusters, Doubt::fewReusedClusters, true };
+inline constexpr ReuseRule ntfsReuse { Doubt::reusedClusters, Doubt::fewReusedClusters, true,
+    Doubt::unknownReuse };
 
 /// What the use of a file's clusters gives reason to doubt.
 Doubts doubtsOf(const ClusterUse& use, const ReuseRule& rule);

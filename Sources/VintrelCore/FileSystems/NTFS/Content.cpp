@@ -77,12 +77,21 @@ std::optional<std::uint64_t> unitClusters(const NTFSContext& context, const Data
         : std::nullopt;
 }
 
+bool hasOffset(const Extent& extent) { return extent.offset.has_value(); }
+
 Content takeClusters(const NTFSContext& context, Merged merged, const DataFragment& first)
 {
     Content content;
     content.size = possibleSize(context, merged, first);
     auto located = context.extents(merged.runs, content.size, merged.initSize);
-    if (merged.hasGaps || content.size < merged.size || !located.isComplete)
+    const bool isComplete = !merged.hasGaps && content.size >= merged.size && located.isComplete;
+    const bool isNowhere = !context.geometry().hasPlace || !located.isComplete;
+    if (isNowhere && std::min(content.size, merged.initSize) > 0
+        && std::ranges::none_of(located.extents, hasOffset)) {
+        content.doubts.add(Doubt::unknownPlace);
+        return content;
+    }
+    if (!isComplete)
         content.doubts.add(Doubt::missingRuns);
     if (!context.geometry().hasPlace) // clusters without a place hold no content
         return content;

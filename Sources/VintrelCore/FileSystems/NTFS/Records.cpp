@@ -79,7 +79,7 @@ static_assert(sizeof(NonResidentHeader) == 64 && offsetof(NonResidentHeader, dat
 
 /// $STANDARD_INFORMATION, as far as it is of use.
 struct StandardInformation {
-    LE64 created, modified; //  0, 8
+    LE64 created, modified, changed; //  0, 8, 16  the last one: the record itself
 };
 
 /// $FILE_NAME. The name follows.
@@ -137,6 +137,7 @@ void readStandardInformation(ByteView attribute, MFTRecord& record)
         = TimeConversion::fromFiletime(value.u64le(offsetof(StandardInformation, created)));
     record.modified
         = TimeConversion::fromFiletime(value.u64le(offsetof(StandardInformation, modified)));
+    record.lastWrite.changed = value.u64le(offsetof(StandardInformation, changed));
 }
 
 void readAttributeList(ByteView attribute, MFTRecord& record)
@@ -209,6 +210,18 @@ void readIndexAllocation(ByteView attribute, MFTRecord& record)
         record.indexLCN = runs.front().lcn;
 }
 
+void readReparsePoint(ByteView attribute, MFTRecord& record)
+{
+    const auto header = attribute.load<NonResidentHeader>(0);
+    if (!header || header->common.nonResident == 0) {
+        record.reparseTag = residentValue(attribute).u32le(0);
+        return;
+    }
+    const auto runs = runsOf(attribute, *header);
+    if (header->startVCN == 0 && !runs.empty())
+        record.reparseLCN = runs.front().lcn;
+}
+
 void readAttribute(ByteView attribute, const AttributeHeader& common, MFTRecord& record)
 {
     switch (common.type) {
@@ -229,6 +242,9 @@ void readAttribute(ByteView attribute, const AttributeHeader& common, MFTRecord&
         break;
     case NTFSLayout::indexAllocation:
         readIndexAllocation(attribute, record);
+        break;
+    case NTFSLayout::reparsePoint:
+        readReparsePoint(attribute, record);
         break;
     default:
         break;
@@ -327,6 +343,7 @@ bool parseRecord(
     record.isDirectory = (header.flags & directoryFlag) != 0;
     record.sequence = header.sequence;
     record.base = header.base;
+    record.lastWrite.logSequence = header.logSequence;
     readAttributes(view, header, record);
     return true;
 }

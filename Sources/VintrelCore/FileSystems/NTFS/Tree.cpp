@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/NTFS/AllocationMap.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
 #include "VintrelCore/FileSystems/NTFS/DeepInfo.h"
+#include "VintrelCore/FileSystems/NTFS/DeletedClaims.h"
 #include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/ParentLinks.h"
@@ -31,8 +32,21 @@ FileData locateBitmap(const NTFSContext& context, MFTRecords& records)
     return NTFSContent::assemble(context, bitmap->data).data;
 }
 
+/// Lowers the chances of deleted files whose clusters another deleted file had after them.
+void judgeSharing(const NTFSContext& context, const MFTRecords& records)
+{
+    DeletedClaims claims;
+    const auto& entries = records.entries();
+    for (std::size_t index = 0; index < entries.size(); ++index)
+        if (entries[index].node && !entries[index].inUse)
+            claims.add(
+                index, entries[index].node->data, context.geometry(), entries[index].lastWrite);
+    for (const auto& [index, doubts] : claims.judge())
+        judgeFurther(*entries[index].node, doubts);
+}
+
 /// Gives every node its chance and note.
-void judgeAll(const NTFSContext& context, const AllocationMap& map, MFTRecords& records)
+void judgeAll(const NTFSContext& context, const AllocationMap& map, const MFTRecords& records)
 {
     for (const auto& entry : records.entries()) {
         if (!entry.node)
@@ -47,6 +61,21 @@ void judgeAll(const NTFSContext& context, const AllocationMap& map, MFTRecords& 
             doubts.add(doubtsOf(map.useOf(node.data, context.geometry()), ntfsReuse));
         judge(node, doubts);
     }
+    judgeSharing(context, records);
+}
+
+/// What of the volume's own structures could not be read, in Danish.
+std::vector<std::string> notesOf(const MFTRecords& records, const AllocationMap& map)
+{
+    std::vector<std::string> notes;
+    if (const auto count = records.unreadable(); count > 0)
+        notes.push_back((count == 1 ? "1 MFT-post" : std::to_string(count) + " MFT-poster")
+            + " kunne ikke læses. Filer kan mangle eller være ufuldstændige.");
+    if (map.hasGaps())
+        notes.push_back((map.isUnreadable() ? "$Bitmap" : "Dele af $Bitmap")
+            + std::string(
+                " kunne ikke læses. Det vides ikke, om slettede filers plads er genbrugt."));
+    return notes;
 }
 
 /// What the record `number` hangs under when this is its parent; `none` when that folder is not its
@@ -139,7 +168,9 @@ std::unique_ptr<Volume> buildVolume(
 
     records.finish();
     auto bitmap = locateBitmap(context, records);
-    judgeAll(context, AllocationMap::load(context, bitmap), records);
+    const auto map = AllocationMap::load(context, bitmap);
+    judgeAll(context, map, records);
+    volume->notes = notesOf(records, map);
     hangAll(records, linkAll(records), *volume->root);
     volume->root->sortChildren();
     volume->deepContext

@@ -35,7 +35,8 @@ TEST(NTFSAllocationMap, TellsTheChancesOfDeletedFiles)
     const std::vector<Case> cases = {
         { u"hjemme", { Image::data(bytesOf("x")) }, "God" },
         { u"fri", { stored({}) }, "God" },
-        { u"to af fem", { stored({ 1, 4 }) }, "Delvis" },
+        { u"to af fem", { stored({ 1, 4 }) },
+            "Delvis: Nogle af klyngerne er genbrugt af andre filer" },
         { u"tre af fem", { stored({ 1, 2, 4 }) }, "Ringe: " + reused },
         { u"den første", { stored({ 0 }) }, "Ringe: " + reused },
         { u"uden data", {}, "Ringe: Dataattributten mangler" },
@@ -91,19 +92,28 @@ TEST(NTFSAllocationMap, LeavesUnknownWhatCouldNotBeRead)
         const auto disk = parse(std::move(source));
         std::string fates;
         for (const auto* path : { "/a", "/b", "/c", "/d" })
-            fates += std::string(label(disk[path].recoverability)) + " ";
+            fates += chance(disk[path]) + ". ";
+        for (const auto& note : disk.volume->notes)
+            fates += note;
         return fates;
     };
     const std::uint64_t bitmap = image.offsetOf(image.bitmapLCN());
-    EXPECT_EQ(fates([](DiskSource&) {}), "God God God Ringe ");
+    const std::string unknown = "Ukendt: Det vides ikke, om pladsen er genbrugt. ";
+    const std::string reused = "Ringe: Klyngerne er genbrugt af andre filer. ";
+    const std::string nobodyKnows = "Det vides ikke, om slettede filers plads er genbrugt.";
+    EXPECT_EQ(fates([](DiskSource&) {}), "God. God. God. " + reused);
     EXPECT_EQ(fates([&](DiskSource& source) {
         source.addSimulatedBadRange({ bitmap + 512, bitmap + 513 });
     }),
-        "God Ukendt God Ukendt ");
+        "God. " + unknown + "God. " + unknown + "Dele af $Bitmap kunne ikke læses. " + nobodyKnows);
+    EXPECT_EQ(fates([&](DiskSource& source) {
+        source.addSimulatedBadRange({ bitmap, bitmap + 1536 });
+    }),
+        unknown + unknown + unknown + unknown + "$Bitmap kunne ikke læses. " + nobodyKnows);
     EXPECT_EQ(fates([&](DiskSource& source) {
         source.addSimulatedBadRange({ image.recordOffset(6), image.recordOffset(7) });
     }),
-        "Ukendt Ukendt Ukendt Ukendt ");
+        unknown + unknown + unknown + unknown + "$Bitmap blev ikke fundet. " + nobodyKnows);
 }
 
 TEST(NTFSAllocationMap, TellsWhatItsVolumeHasInUse)
