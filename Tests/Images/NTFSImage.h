@@ -71,6 +71,8 @@ public:
     static Bytes nonResident(std::uint32_t type, const Data& data);
     static Bytes listContent(const std::vector<ListEntry>& entries);
     static Bytes encode(const Runs& runs);
+    /// A block of the index of a folder, with one file in it.
+    static Bytes indexBlock(FileReference folder);
 
     /// Writes a record, wherever the MFT has it.
     void put(std::uint64_t number, const Record& record);
