@@ -84,17 +84,15 @@ Content takeClusters(const NTFSContext& context, Merged merged, const DataFragme
     Content content;
     content.size = possibleSize(context, merged, first);
     auto located = context.extents(merged.runs, content.size, merged.initSize);
-    const bool isComplete = !merged.hasGaps && content.size >= merged.size && located.isComplete;
-    const bool isNowhere = !context.geometry().hasPlace || !located.isComplete;
-    if (isNowhere && std::min(content.size, merged.initSize) > 0
+    // What was never written needs no place on a volume whose own is known.
+    const bool hasWritten = !context.geometry().hasPlace || merged.initSize > 0;
+    if (!located.isComplete && content.size > 0 && hasWritten
         && std::ranges::none_of(located.extents, hasOffset)) {
         content.doubts.add(Doubt::unknownPlace);
         return content;
     }
-    if (!isComplete)
+    if (merged.hasGaps || content.size < merged.size || !located.isComplete)
         content.doubts.add(Doubt::missingRuns);
-    if (!context.geometry().hasPlace) // clusters without a place hold no content
-        return content;
 
     const auto unit = unitClusters(context, first);
     if (!first.isCompressed || !unit) {

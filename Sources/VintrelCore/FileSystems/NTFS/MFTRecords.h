@@ -55,6 +55,7 @@ public:
     /// The record of a system file; none when it was not taken in. Its extension records are not
     /// merged yet.
     MFTRecord* systemRecord(std::uint64_t number);
+    void dropSystemRecord(std::uint64_t number) { whole_.erase(number); }
     /// Adds what the extension records hold that the record's attribute list names.
     void mergeExtensions(MFTRecord& record);
 
@@ -76,5 +77,7 @@ namespace NTFSParser {
 
 /// The number of the first record that is not the system's own.
 inline constexpr std::uint64_t firstUserRecord = 16;
+/// The record of $Bitmap.
+inline constexpr std::uint64_t bitmapRecord = 6;
 
 } // namespace NTFSParser

@@ -27,10 +27,15 @@ bool isConfirmed(DiskSource& /*source*/, std::uint64_t /*start*/, ByteView /*sec
     return true;
 }
 
+const NTFSDeepInfo* infoOf(const Volume& volume)
+{
+    return dynamic_cast<const NTFSDeepInfo*>(volume.deepContext.get());
+}
+
 /// As the volume's $Bitmap says, which is asked again.
 bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)
 {
-    const auto* const info = dynamic_cast<const NTFSDeepInfo*>(volume.deepContext.get());
+    const auto* const info = infoOf(volume);
     if (info == nullptr)
         return false;
     const NTFSContext context(source, info->geometry);
@@ -52,14 +57,18 @@ NTFSParser::RebuildHints hintsFor(const LostVolumeSearch& search)
     NTFSParser::RebuildHints hints {
         .geometries = {}, .volumes = {}, .starts = {}, .carved = search.finds().carved
     };
+    hints.starts = search.likelyStarts();
+    hints.starts.resize(std::min(hints.starts.size(), maxHints));
     for (const auto* volume : search.volumes()) {
-        if (hints.starts.size() < maxHints && std::ranges::count(hints.starts, volume->offset) == 0)
-            hints.starts.push_back(volume->offset);
-        if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get())) {
+        if (const auto* info = infoOf(*volume)) {
             addGeometry(hints, info->geometry);
             hints.volumes.push_back(info);
         }
     }
+    for (const auto& volume : search.known())
+        if (const auto* info = infoOf(*volume))
+            hints.used.push_back({ info->geometry,
+                AllocationMap::load({ search.source(), info->geometry }, info->bitmap) });
     for (const auto& boot : search.finds().boots) {
         if (boot.type != FileSystemType::ntfs)
             continue;

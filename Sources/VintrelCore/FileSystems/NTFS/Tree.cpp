@@ -19,7 +19,6 @@ using Index = ParentLinks::Index;
 
 constexpr std::uint64_t volumeRecord = 3;
 constexpr std::uint64_t rootRecord = 5;
-constexpr std::uint64_t bitmapRecord = 6;
 constexpr std::uint64_t extendRecord = 11; // $Extend, the folder of younger system files
 
 /// Where $Bitmap lies; nowhere when its record is lost.
