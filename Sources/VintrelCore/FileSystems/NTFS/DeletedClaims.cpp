@@ -65,6 +65,11 @@ std::map<DeletedClaims::File, Doubts> DeletedClaims::judge()
         for (const auto& other : open)
             if (other.file != claim.file)
                 compare(other, claim);
+        // A file that names a cluster again and again takes nothing from others by that.
+        if (!claim.isBeginning && std::ranges::any_of(open, [&](const Claim& other) {
+                return other.file == claim.file && other.end >= claim.end;
+            }))
+            continue;
         if (open.size() < maxOverlapping) {
             open.push_back(claim);
             continue;
