@@ -40,6 +40,18 @@ int widthOf(std::int64_t value, bool isSigned)
     return width;
 }
 
+/// Writes an update sequence to byte `offset` and to the ends of the sectors.
+void protect(Bytes& bytes, std::uint64_t offset)
+{
+    const std::uint64_t updateNumber = 0x1234;
+    putLE(bytes, offset, updateNumber, 2);
+    for (std::uint64_t end = 510; end < bytes.size(); end += 512) {
+        offset += 2;
+        putLE(bytes, offset, ByteView(bytes).u16le(static_cast<std::int64_t>(end)), 2);
+        putLE(bytes, end, updateNumber, 2);
+    }
+}
+
 } // namespace
 
 NTFSImage::NTFSImage(Options options)
@@ -108,11 +120,13 @@ Bytes NTFSImage::attribute(std::uint32_t type, const Bytes& value, std::uint16_t
     return bytes;
 }
 
-Bytes NTFSImage::standardInformation(std::uint64_t created, std::uint64_t modified)
+Bytes NTFSImage::standardInformation(
+    std::uint64_t created, std::uint64_t modified, std::uint64_t changed)
 {
     Bytes value(48);
     putLE(value, 0, created, 8);
     putLE(value, 8, modified, 8);
+    putLE(value, 16, changed, 8);
     return attribute(0x10, value);
 }
 
@@ -185,6 +199,24 @@ Bytes NTFSImage::encode(const Runs& runs)
     return bytes;
 }
 
+Bytes NTFSImage::indexBlock(FileReference folder)
+{
+    constexpr std::uint64_t first = 64, length = 16 + 72; // an entry with a name of three letters
+    Bytes bytes(4096);
+    putText(bytes, 0, "INDX");
+    putLE(bytes, 4, 40, 2);
+    putLE(bytes, 6, bytes.size() / 512 + 1, 2);
+    putLE(bytes, 24, first - 24, 4);
+    putLE(bytes, 28, first - 24 + length + 16, 4);
+    putLE(bytes, first + 8, length, 2);
+    putLE(bytes, first + 10, 72, 2);
+    putReference(bytes, first + 16, folder);
+    putLE(bytes, first + length + 8, 16, 2);
+    putLE(bytes, first + length + 12, 2, 2); // the last entry
+    protect(bytes, 40);
+    return bytes;
+}
+
 Bytes NTFSImage::encodeRecord(std::uint64_t number, const Record& record) const
 {
     Bytes bytes(options_.recordSize);
@@ -193,6 +225,7 @@ Bytes NTFSImage::encodeRecord(std::uint64_t number, const Record& record) const
     putText(bytes, 0, "FILE");
     putLE(bytes, 4, 48, 2);
     putLE(bytes, 6, sectors + 1, 2);
+    putLE(bytes, 8, record.logSequence, 8);
     putLE(bytes, 16, record.sequence, 2);
     putLE(bytes, 20, at, 2);
     putLE(bytes, 22, (record.inUse ? 1u : 0u) | (record.isDirectory ? 2u : 0u), 2);
@@ -208,13 +241,7 @@ Bytes NTFSImage::encodeRecord(std::uint64_t number, const Record& record) const
     putLE(bytes, at, 0xFFFFFFFF, 4);
     putLE(bytes, 24, at + 8, 4);
 
-    const std::uint64_t updateNumber = 0x1234;
-    putLE(bytes, 48, updateNumber, 2);
-    for (std::uint64_t sector = 0; sector < sectors; ++sector) {
-        const std::uint64_t end = sector * 512 + 510;
-        putLE(bytes, 50 + 2 * sector, ByteView(bytes).u16le(static_cast<std::int64_t>(end)), 2);
-        putLE(bytes, end, updateNumber, 2);
-    }
+    protect(bytes, 48);
     return bytes;
 }
 

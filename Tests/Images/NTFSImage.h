@@ -30,6 +30,7 @@ public:
         std::uint16_t sequence = 1;
         FileReference base = {};
         std::vector<Bytes> attributes = {};
+        std::uint64_t logSequence = 0;
     };
 
     /// What the header of a $DATA attribute in clusters says.
@@ -61,8 +62,8 @@ public:
 
     // Attributes, as they are stored.
     static Bytes attribute(std::uint32_t type, const Bytes& value, std::uint16_t flags = 0);
-    static Bytes standardInformation(
-        std::uint64_t created = creation, std::uint64_t modified = modification);
+    static Bytes standardInformation(std::uint64_t created = creation,
+        std::uint64_t modified = modification, std::uint64_t changed = 0);
     static Bytes fileName(FileReference parent, std::u16string_view name,
         std::uint8_t nameSpace = 1, std::uint64_t realSize = 0);
     static Bytes data(const Bytes& resident) { return attribute(0x80, resident); }
@@ -70,6 +71,8 @@ public:
     static Bytes nonResident(std::uint32_t type, const Data& data);
     static Bytes listContent(const std::vector<ListEntry>& entries);
     static Bytes encode(const Runs& runs);
+    /// A block of the index of a folder, with one file in it.
+    static Bytes indexBlock(FileReference folder);
 
     /// Writes a record, wherever the MFT has it.
     void put(std::uint64_t number, const Record& record);

@@ -19,6 +19,8 @@ constexpr DoubtRow rows[] = {
     { Doubt::missingInode, poor, "Filens inode blev ikke fundet" },
     { Doubt::missingDataAttribute, poor, "Dataattributten mangler" },
     { Doubt::missingRuns, partial, "Dele af filens placering mangler" },
+    { Doubt::unknownPlace, poor, "Filens placering kendes ikke" },
+    { Doubt::uncertainPlace, partial, "Filsystemets placering er usikker" },
     { Doubt::invalidStartCluster, poor, "Ugyldig startklynge" },
     { Doubt::sizeBeyondVolume, poor, "Filens størrelse er større end diskens" },
     { Doubt::brokenChain, partial, "Klyngekæden er afbrudt" },
@@ -35,7 +37,7 @@ constexpr DoubtRow rows[] = {
     { Doubt::reusedBlocks, poor, "Blokkene er genbrugt af andre filer" },
     { Doubt::reusedClusters, poor, "Klyngerne er genbrugt af andre filer" },
     { Doubt::partlyReused, partial, "Dele af filen kan være overskrevet" },
-    { Doubt::fewReusedClusters, partial, "" },
+    { Doubt::fewReusedClusters, partial, "Nogle af klyngerne er genbrugt af andre filer" },
     { Doubt::unknownAllocation, unknown, "" },
     { Doubt::unknownReuse, unknown, "Det vides ikke, om pladsen er genbrugt" },
     { Doubt::reusedFirstByDeleted, poor, "Begyndelsen er genbrugt af en anden slettet fil" },
@@ -52,7 +54,14 @@ constexpr DoubtRow rows[] = {
     { Doubt::compressedByAPFS, poor,
         "APFS-komprimeret fil – indholdet ligger i en skjult attribut og kan ikke gendannes "
         "direkte" },
+    { Doubt::compressedByWindows, poor,
+        "Windows-komprimeret fil – indholdet ligger i en skjult datastrøm og kan ikke gendannes "
+        "direkte" },
+    { Doubt::deduplicated, poor,
+        "Deduplikeret fil – indholdet ligger i filsystemets fælles lager og kan ikke gendannes "
+        "direkte" },
     { Doubt::onlyInCloud, poor, "Filens indhold ligger kun i skyen og kan ikke gendannes herfra" },
+    { Doubt::partlyElsewhere, partial, "Dele af filens indhold ligger et andet sted" },
     { Doubt::damagedRecord, partial, "MFT-posten er delvist beskadiget" },
 };
 static_assert(std::size(rows) == static_cast<std::size_t>(Doubt::count));
@@ -66,7 +75,7 @@ Doubts doubtsOf(const ClusterUse& use, const ReuseRule& rule)
     if (use.isFirstForeign || isMostForeign)
         return rule.first;
     if (use.isUnknown)
-        return Doubt::unknownAllocation;
+        return rule.unknown;
     return use.foreign > 0 ? Doubts(rule.some) : Doubts();
 }
 

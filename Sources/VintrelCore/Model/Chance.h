@@ -13,7 +13,9 @@ enum class Doubt : std::uint8_t {
     damagedDirectoryEntry,
     missingInode,
     missingDataAttribute,
-    missingRuns, ///< the place of some of it is not known, or not on the source
+    missingRuns,    ///< the place of some of it is not known, or not on the source
+    unknownPlace,   ///< the place of none of it is
+    uncertainPlace, ///< of the whole file system
     invalidStartCluster,
     sizeBeyondVolume,
     brokenChain,
@@ -43,7 +45,10 @@ enum class Doubt : std::uint8_t {
     encrypted,
     compressedByHFS,
     compressedByAPFS,
-    onlyInCloud, ///< the disk has the file's name and size alone
+    compressedByWindows,
+    deduplicated,
+    onlyInCloud,     ///< the disk has the file's name and size alone
+    partlyElsewhere, ///< some of it is compressed, deduplicated or in a cloud
     damagedRecord,
     count
 };
@@ -80,10 +85,12 @@ struct ReuseRule {
     Doubt first;           ///< the file's first cluster belongs to another file
     Doubt some;            ///< any of them does
     bool mostCountAsFirst; ///< more than half of them weigh as much as the first one
+    Doubt unknown = Doubt::unknownAllocation; ///< of some of them nothing is known
 };
 inline constexpr ReuseRule fatReuse { Doubt::reusedFirstCluster, Doubt::partlyReused, false };
 inline constexpr ReuseRule appleReuse { Doubt::reusedBlocks, Doubt::partlyReused, false };
-inline constexpr ReuseRule ntfsReuse { Doubt::reusedClusters, Doubt::fewReusedClusters, true };
+inline constexpr ReuseRule ntfsReuse { Doubt::reusedClusters, Doubt::fewReusedClusters, true,
+    Doubt::unknownReuse };
 
 /// What the use of a file's clusters gives reason to doubt.
 Doubts doubtsOf(const ClusterUse& use, const ReuseRule& rule);

@@ -10,6 +10,9 @@ namespace {
 /// So many times over the source may be covered.
 constexpr std::uint64_t maxOverlap = 16;
 
+/// A disk without a table, and the first partition of old systems and of those since 2007.
+constexpr std::uint64_t usualStarts[] = { 0, 63 * 512, 1'048'576 };
+
 } // namespace
 
 LostVolumeSearch::LostVolumeSearch(DiskSource& source, std::uint64_t sourceSize,
@@ -32,6 +35,19 @@ std::vector<const Volume*> LostVolumeSearch::volumes() const
         for (const auto& volume : *list)
             volumes.push_back(volume.get());
     return volumes;
+}
+
+std::vector<std::uint64_t> LostVolumeSearch::likelyStarts() const
+{
+    std::vector<std::uint64_t> starts;
+    const auto add = [&](std::uint64_t start) {
+        if (start < sourceSize_ && std::ranges::count(starts, start) == 0)
+            starts.push_back(start);
+    };
+    for (const auto* volume : volumes())
+        add(volume->offset);
+    std::ranges::for_each(usualStarts, add);
+    return starts;
 }
 
 bool LostVolumeSearch::hasVolume(FileSystemType type, std::uint64_t start) const

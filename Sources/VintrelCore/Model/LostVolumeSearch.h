@@ -30,6 +30,9 @@ public:
 
     /// The volumes that are known and those found so far, in that order.
     std::vector<const Volume*> volumes() const;
+    /// Where volumes are likely to begin, in bytes, each once: where those known and found do, and
+    /// where systems put the first one of a disk.
+    std::vector<std::uint64_t> likelyStarts() const;
     /// Whether a volume of this kind that begins at this byte is known or found. The widths of FAT
     /// are one kind.
     bool hasVolume(FileSystemType type, std::uint64_t start) const;

@@ -168,8 +168,7 @@ struct NTFSVolume {
                   NTFSImage::data(NTFSImage::Data { .runs = { { image.mirrorLCN(), 1 } },
                       .size = 4096,
                       .allocated = options.clusterSize }) } });
-        auto index = bytesOf("INDX");
-        index.resize(4096);
+        const auto index = NTFSImage::indexBlock({ 20, 1 });
         image.put(20,
             { .isDirectory = true,
                 .attributes = { NTFSImage::fileName(NTFSImage::root, u"mappe"),
@@ -347,13 +346,21 @@ TEST(LostVolumes, RebuildsNTFSFromItsRecordsAlone)
             },
             "NTFS @ " + std::to_string(oddPlace + 70 * 1024) + ", 2; ", false, 2 },
         { "the records of files, and what they speak of", roomy, keepFilesOnly, placed + "7; " },
-        { "nothing that could tell the place", roomy, keepFilesOnly, "NTFS @ 0, 2; ", false, 1 },
+        { "nothing but the index of a folder, where partitions begin", roomy, keepFilesOnly,
+            placed + "2; ", false, 2 },
+        { "nothing that could tell the place", roomy,
+            [&](NTFSVolume& volume, Bytes& disk) {
+                keepFilesOnly(volume, disk);
+                const auto index = std::ranges::search(disk, bytesOf("INDX"));
+                std::ranges::fill(index, std::uint8_t { 0 });
+            },
+            "NTFS @ 0, 2; ", false, 1 },
         { "an old copy of a record in front of an MFT in pieces", parted,
             [&](NTFSVolume& volume, Bytes& disk) {
                 keepFilesOnly(volume, disk);
                 copyWithin(disk, oddPlace + volume.image.recordOffset(24), 20 * 512, 1024);
             },
-            placed + "7; NTFS @ 0, 1; " },
+            placed + "7; " },
         { "formatted with larger clusters, and nothing found by its content", roomy,
             [&](NTFSVolume& volume, Bytes& disk) {
                 keepFilesOnly(volume, disk);

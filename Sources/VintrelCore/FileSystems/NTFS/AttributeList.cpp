@@ -22,7 +22,8 @@ struct ListEntry {
 
     bool isWanted() const
     {
-        return type == NTFSLayout::fileName || (type == NTFSLayout::data && nameLength == 0);
+        return type == NTFSLayout::fileName || type == NTFSLayout::reparsePoint
+            || (type == NTFSLayout::data && nameLength == 0);
     }
 };
 static_assert(sizeof(ListEntry) == 26);
@@ -66,6 +67,10 @@ void mergeExtension(MFTRecord& record, MFTRecord& extension)
     record.fixupOK = record.fixupOK && extension.fixupOK;
     std::ranges::move(extension.names, std::back_inserter(record.names));
     std::ranges::move(extension.data, std::back_inserter(record.data));
+    if (extension.reparseTag != 0)
+        record.reparseTag = extension.reparseTag;
+    if (extension.reparseLCN)
+        record.reparseLCN = extension.reparseLCN;
     extension.clear();
 }
 

@@ -19,8 +19,9 @@ inline constexpr std::uint64_t maxAttributeList = 262'144;
 /// read.
 Bytes loadAttributeList(const NTFSContext& context, const MFTRecord& record);
 
-/// The extension records that an attribute list names for file names and unnamed data, each once
-/// and in the list's order. `self`, the number of the record that has the list, is not among them.
+/// The extension records that an attribute list names for file names, unnamed data and reparse
+/// points, each once and in the list's order. `self`, the number of the record that has the list,
+/// is not among them.
 std::vector<FileReference> extensionsIn(ByteView attributeList, std::uint64_t self);
 
 /// Whether `record` is the one that an attribute list of `base` names with `reference`.

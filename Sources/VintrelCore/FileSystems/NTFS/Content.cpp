@@ -77,15 +77,22 @@ std::optional<std::uint64_t> unitClusters(const NTFSContext& context, const Data
         : std::nullopt;
 }
 
+bool hasOffset(const Extent& extent) { return extent.offset.has_value(); }
+
 Content takeClusters(const NTFSContext& context, Merged merged, const DataFragment& first)
 {
     Content content;
     content.size = possibleSize(context, merged, first);
     auto located = context.extents(merged.runs, content.size, merged.initSize);
+    // What was never written needs no place on a volume whose own is known.
+    const bool hasWritten = !context.geometry().hasPlace || merged.initSize > 0;
+    if (!located.isComplete && content.size > 0 && hasWritten
+        && std::ranges::none_of(located.extents, hasOffset)) {
+        content.doubts.add(Doubt::unknownPlace);
+        return content;
+    }
     if (merged.hasGaps || content.size < merged.size || !located.isComplete)
         content.doubts.add(Doubt::missingRuns);
-    if (!context.geometry().hasPlace) // clusters without a place hold no content
-        return content;
 
     const auto unit = unitClusters(context, first);
     if (!first.isCompressed || !unit) {

@@ -29,6 +29,7 @@ enum AttributeType : std::uint32_t {
     volumeName = 0x60,
     data = 0x80,
     indexAllocation = 0xA0,
+    reparsePoint = 0xC0,
     endOfAttributes = 0xFFFFFFFF,
 };
 

@@ -55,6 +55,14 @@ std::optional<MappedStream> mapFragments(const NTFSContext& context, MFTRecord& 
     return MappedStream(withinSource(located.extents, context.source().size()));
 }
 
+/// Whether all of the MFT that the fragments in this record speak of has a place on the source.
+bool isWhole(const NTFSContext& context, MFTRecord& record)
+{
+    const auto merged = NTFSContent::merge(context, record.data);
+    return merged && !merged->hasGaps
+        && context.extents(merged->runs, merged->size, merged->initSize).isComplete;
+}
+
 /// The extension record of `base` that `reference` names; none where this part of the MFT does not
 /// have it.
 std::optional<MFTRecord> readExtension(const NTFSContext& context, const MappedStream& mft,
@@ -64,7 +72,7 @@ std::optional<MFTRecord> readExtension(const NTFSContext& context, const MappedS
     Bytes bytes(recordSize);
     MFTRecord extension;
     const bool isFound = reference.number < mft.size() / recordSize
-        && mft.read(context.source(), reference.number * recordSize, bytes)
+        && mft.read(context.source(), reference.number * recordSize, bytes).isOnSource
         && parseRecord(bytes, reference.number, extension)
         && isExtensionOf(extension, reference, base);
     return isFound ? std::optional(std::move(extension)) : std::nullopt;
@@ -100,10 +108,15 @@ void readBatch(const NTFSContext& context, const MappedStream& mft, std::uint64_
     std::span<std::uint8_t> bytes, MFTRecord& record, MFTRecords& records)
 {
     const std::uint32_t recordSize = context.geometry().recordSize;
-    mft.read(context.source(), number * recordSize, bytes);
-    for (; !bytes.empty(); bytes = bytes.subspan(recordSize), ++number)
-        if (parseRecord(bytes.first(recordSize), number, record))
+    const bool isDamaged = mft.read(context.source(), number * recordSize, bytes).badBytes > 0;
+    for (; !bytes.empty(); bytes = bytes.subspan(recordSize), ++number) {
+        const auto one = bytes.first(recordSize);
+        if (isDamaged && number >= firstUserRecord
+            && mft.read(context.source(), number * recordSize, one).badBytes > 0)
+            records.addUnreadable();
+        if (parseRecord(one, number, record))
             records.add(record);
+    }
 }
 
 } // namespace
@@ -127,6 +140,8 @@ std::optional<MappedStream> locateMFT(const NTFSContext& context, std::vector<st
             notes.emplace_back("$MFT-posten var beskadiget – $MFTMirr blev brugt.");
         if (!record.fixupOK)
             notes.emplace_back("$MFT-posten har fejl i opdateringssekvensen.");
+        if (!isWhole(context, record))
+            notes.emplace_back("Dele af $MFT kunne ikke findes. Filer kan mangle.");
         return mft;
     }
     notes.emplace_back(

@@ -3,6 +3,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/NTFS/AttributeList.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
+#include "VintrelCore/FileSystems/NTFS/StandIn.h"
 
 #include <algorithm>
 
@@ -25,6 +26,7 @@ void MFTRecords::add(MFTRecord& record)
         Entry entry;
         entry.number = number;
         entry.sequence = record.sequence;
+        entry.lastWrite = record.lastWrite;
         entry.inUse = record.inUse;
         entry.isIncomplete = isIncomplete;
         if (!isIncomplete)
@@ -41,6 +43,7 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
     auto* const best = record.bestName();
     auto content = record.isDirectory ? NTFSContent::Content {}
                                       : NTFSContent::assemble(context_, record.data);
+    NTFSContent::judgeStandIn(content, NTFSContent::reparseTagOf(context_, record));
     const bool isWorthAName = !record.inUse && content.size > 0;
     if (best == nullptr && !isWorthAName)
         return;

@@ -20,6 +20,7 @@ public:
         std::uint64_t number = 0;
         FileReference parent;
         Doubts doubts; ///< about its content
+        LastWrite lastWrite;
         std::uint16_t sequence = 0;
         bool inUse = false;
         bool isIncomplete = false;      ///< until its extension records are merged
@@ -33,6 +34,9 @@ public:
     void add(MFTRecord& record);
     /// How many records were taken in.
     std::size_t count() const { return count_; }
+    /// Counts a record of a file that lies in sectors which cannot be read.
+    void addUnreadable() { ++unreadable_; }
+    std::size_t unreadable() const { return unreadable_; }
 
     /// To be called once, when all records are in: adds to every record what its extension records
     /// hold, and puts the entries in order.
@@ -43,6 +47,7 @@ public:
     /// Those above the system's own numbers that have a name, or a content to save: by number, each
     /// number once.
     std::vector<Entry>& entries() { return entries_; }
+    const std::vector<Entry>& entries() const { return entries_; }
     /// The index of the entry with this number; none when there is none.
     std::optional<std::size_t> find(std::uint64_t number) const;
     /// All names of an entry that folders besides its own list too; none for all others.
@@ -50,6 +55,7 @@ public:
     /// The record of a system file; none when it was not taken in. Its extension records are not
     /// merged yet.
     MFTRecord* systemRecord(std::uint64_t number);
+    void dropSystemRecord(std::uint64_t number) { whole_.erase(number); }
     /// Adds what the extension records hold that the record's attribute list names.
     void mergeExtensions(MFTRecord& record);
 
@@ -59,6 +65,7 @@ private:
 
     const NTFSContext& context_;
     std::size_t count_ = 0;
+    std::size_t unreadable_ = 0;
     std::uint64_t listBudget_; ///< bytes of attribute lists that may still be read
     std::vector<Entry> entries_;
     /// Extensions, system files, and records with extensions.
@@ -70,5 +77,7 @@ namespace NTFSParser {
 
 /// The number of the first record that is not the system's own.
 inline constexpr std::uint64_t firstUserRecord = 16;
+/// The record of $Bitmap.
+inline constexpr std::uint64_t bitmapRecord = 6;
 
 } // namespace NTFSParser

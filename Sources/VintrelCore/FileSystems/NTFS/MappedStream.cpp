@@ -24,22 +24,22 @@ Extent MappedStream::at(std::uint64_t position) const
         left };
 }
 
-bool MappedStream::read(
+MappedStream::ReadResult MappedStream::read(
     DiskSource& source, std::uint64_t position, std::span<std::uint8_t> into) const
 {
-    bool isOnSource = false;
+    ReadResult result;
     while (!into.empty()) {
         const auto [offset, length] = at(position);
         const auto piece = into.first(length == 0
                 ? into.size()
                 : static_cast<std::size_t>(std::min<std::uint64_t>(length, into.size())));
         if (offset)
-            source.readReporting(*offset, piece, ReadMode::thorough);
+            result.badBytes += source.readReporting(*offset, piece, ReadMode::thorough);
         else
             std::ranges::fill(piece, std::uint8_t { 0 });
-        isOnSource = isOnSource || offset;
+        result.isOnSource = result.isOnSource || offset;
         position += piece.size();
         into = into.subspan(piece.size());
     }
-    return isOnSource;
+    return result;
 }

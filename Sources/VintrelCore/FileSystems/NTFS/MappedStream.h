@@ -18,9 +18,14 @@ public:
     const ExtentList& extents() const { return extents_; }
     /// The rest of the extent that byte `position` lies in; of no length at the stream's end.
     Extent at(std::uint64_t position) const;
-    /// Fills `into` from byte `position` on. Holes, and what lies past the end, are zeros. False
-    /// when nothing of it has a place on the source.
-    bool read(DiskSource& source, std::uint64_t position, std::span<std::uint8_t> into) const;
+    struct ReadResult {
+        bool isOnSource = false; ///< whether any of the bytes has a place on the source
+        std::uint64_t badBytes = 0;
+    };
+
+    /// Fills `into` from byte `position` on. Holes, and what lies past the end or cannot be read,
+    /// are zeros.
+    ReadResult read(DiskSource& source, std::uint64_t position, std::span<std::uint8_t> into) const;
 
 private:
     ExtentList extents_;

@@ -55,9 +55,12 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     auto records = readAllRecords(context, *mft, progress);
     if (records.count() == 0)
         return nullptr;
-    auto volume = buildVolume(context, std::move(records), origin);
+    auto volume = buildVolume(context, std::move(records), *mft, origin);
     std::ranges::move(notes, std::back_inserter(volume->notes));
-    volume->deepContext = std::make_unique<NTFSDeepInfo>(*geometry, *mft);
+    const auto& info = static_cast<const NTFSDeepInfo&>(*volume->deepContext);
+    if (std::holds_alternative<NoData>(info.bitmap))
+        volume->notes.emplace_back("$Bitmap blev ikke fundet. Det vides ikke, om slettede filers "
+                                   "plads er genbrugt.");
     return volume;
 }
 

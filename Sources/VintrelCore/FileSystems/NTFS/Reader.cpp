@@ -1,5 +1,6 @@
 #include "VintrelCore/FileSystems/NTFS/Reader.h"
 
+#include "VintrelCore/FileSystems/NTFS/AllocationMap.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/LostVolumeSearch.h"
@@ -26,6 +27,21 @@ bool isConfirmed(DiskSource& /*source*/, std::uint64_t /*start*/, ByteView /*sec
     return true;
 }
 
+const NTFSDeepInfo* infoOf(const Volume& volume)
+{
+    return dynamic_cast<const NTFSDeepInfo*>(volume.deepContext.get());
+}
+
+/// As the volume's $Bitmap says, which is asked again.
+bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)
+{
+    const auto* const info = infoOf(volume);
+    if (info == nullptr)
+        return false;
+    const NTFSContext context(source, info->geometry);
+    return AllocationMap::load(context, info->bitmap).addUsedRanges(context, ranges);
+}
+
 void addGeometry(NTFSParser::RebuildHints& hints, const std::optional<NTFSGeometry>& geometry)
 {
     const auto isSame = [&](const NTFSGeometry& other) {
@@ -41,14 +57,18 @@ NTFSParser::RebuildHints hintsFor(const LostVolumeSearch& search)
     NTFSParser::RebuildHints hints {
         .geometries = {}, .volumes = {}, .starts = {}, .carved = search.finds().carved
     };
+    hints.starts = search.likelyStarts();
+    hints.starts.resize(std::min(hints.starts.size(), maxHints));
     for (const auto* volume : search.volumes()) {
-        if (hints.starts.size() < maxHints && std::ranges::count(hints.starts, volume->offset) == 0)
-            hints.starts.push_back(volume->offset);
-        if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get())) {
+        if (const auto* info = infoOf(*volume)) {
             addGeometry(hints, info->geometry);
             hints.volumes.push_back(info);
         }
     }
+    for (const auto& volume : search.known())
+        if (const auto* info = infoOf(*volume))
+            hints.used.push_back({ info->geometry,
+                AllocationMap::load({ search.source(), info->geometry }, info->bitmap) });
     for (const auto& boot : search.finds().boots) {
         if (boot.type != FileSystemType::ntfs)
             continue;
@@ -84,5 +104,5 @@ const FileSystemReader ntfsReader {
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
     .findLostFolders = nullptr,
-    .addUsedRanges = nullptr,
+    .addUsedRanges = addUsedRanges,
 };

@@ -1,10 +1,12 @@
 #include "VintrelCore/FileSystems/NTFS/Rebuild.h"
 
+#include "VintrelCore/FileSystems/NTFS/Rebuild/ListedGroups.h"
 #include "VintrelCore/FileSystems/NTFS/Rebuild/LooseRecords.h"
 #include "VintrelCore/FileSystems/NTFS/Rebuild/NumberGroups.h"
 #include "VintrelCore/FileSystems/NTFS/Rebuild/PlaceSearch.h"
 #include "VintrelCore/FileSystems/NTFS/Rebuild/SelfDescribedMFT.h"
 #include "VintrelCore/Foundation/ByteRange.h"
+#include "VintrelCore/Model/Chance.h"
 
 #include <algorithm>
 
@@ -14,20 +16,40 @@ namespace {
 
 using namespace NTFSRebuild;
 
+/// Lowers the chances of all files whose content lies where the volume's place has it.
+void doubtPlace(Volume& volume, const Placement& place)
+{
+    volume.notes.push_back("Filsystemets placering er usikker: kun " + std::to_string(place.support)
+        + " af " + std::to_string(place.witnesses)
+        + " undersøgte filer og mapper ligger, hvor de skal.");
+    volume.root->forEachDescendant([](FileNode& node, std::size_t) {
+        if (std::holds_alternative<ExtentList>(node.data)
+            || std::holds_alternative<CompressedRuns>(node.data))
+            judgeFurther(node, Doubt::uncertainPlace);
+    });
+}
+
 /// None when cancelled before the place of the volume was known, and when nothing is listed.
-std::unique_ptr<Volume> buildGroup(RecordReader& reader, PlaceSearch& search,
-    const RecordGroup& group, const WorkProgress* progress)
+std::unique_ptr<Volume> buildGroup(RecordReader& reader, PlaceSearch& search, RecordGroup group,
+    ListedGroups& listed, std::span<const KnownUse> used, const WorkProgress* progress)
 {
     const auto evidence = search.gather(reader, group, progress);
     if (!evidence)
         return nullptr;
-    const NTFSContext context(reader.source(), search.bestGeometry(*evidence, group.front().size));
+    const auto place = search.bestPlace(*evidence, group.front().size);
+    const NTFSContext context(reader.source(), place.geometry);
+    listed.dropRepeated(reader, group, place.geometry.hasPlace);
     MFTRecords records(context);
     MFTRecord record;
     for (const auto& loose : group)
         if (!isCancelled(progress) && reader.read(loose, record))
             records.add(record);
-    return buildFromRecords(context, std::move(records), group.size(), {});
+    auto volume = buildFromRecords(context, std::move(records), group.size(), {}, used);
+    if (volume)
+        listed.add(group, place.geometry.hasPlace);
+    if (volume && place.geometry.hasPlace && !place.isCertain())
+        doubtPlace(*volume, place);
+    return volume;
 }
 
 /// Where the MFTs of these volumes and their mirrors lie, ascending by start. They may overlap.
@@ -56,10 +78,12 @@ VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> records,
 {
     RecordReader reader(source);
     auto loose = survey(reader, records, hints.volumes, progress);
-    auto volumes = buildSelfDescribed(reader, loose, progress);
+    auto volumes = buildSelfDescribed(reader, loose, hints.used, progress);
+    ListedGroups listed;
     PlaceSearch search(source, hints);
-    for (const auto& group : groupByNumber(loose))
-        if (auto volume = buildGroup(reader, search, group, progress))
+    for (auto& group : groupByNumber(loose))
+        if (auto volume
+            = buildGroup(reader, search, std::move(group), listed, hints.used, progress))
             volumes.push_back(std::move(volume));
     return volumes;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/FileSystems/NTFS/AllocationMap.h"
 #include "VintrelCore/FileSystems/NTFS/DeepInfo.h"
 #include "VintrelCore/FileSystems/NTFS/Geometry.h"
 #include "VintrelCore/Model/CarvedFile.h"
@@ -14,13 +15,19 @@ class DiskSource;
 
 namespace NTFSParser {
 
+/// The clusters that a known volume has in use.
+struct KnownUse {
+    NTFSGeometry geometry;
+    AllocationMap map;
+};
+
 /// What helps to tell where a volume without a boot sector lies.
 struct RebuildHints {
     std::vector<NTFSGeometry> geometries;     ///< of volumes and boot sectors that were found
     std::vector<const NTFSDeepInfo*> volumes; ///< whose files are listed already
-    std::vector<std::uint64_t>
-        starts; ///< of volumes of any kind: this one may have been formatted over
-    const std::vector<CarvedFile>& carved; ///< files found by content, ascending by offset
+    std::vector<std::uint64_t> starts;        ///< where volumes of any kind begin, or are likely to
+    const std::vector<CarvedFile>& carved;    ///< files found by content, ascending by offset
+    std::vector<KnownUse> used {};            ///< what known volumes have in use
 };
 
 /// The volumes that MFT records (absolute offsets, ascending) belong to which no volume has: put

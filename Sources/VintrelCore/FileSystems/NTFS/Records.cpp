@@ -1,6 +1,7 @@
 #include "VintrelCore/FileSystems/NTFS/Records.h"
 
 #include "VintrelCore/FileSystems/NTFS/Layout.h"
+#include "VintrelCore/FileSystems/NTFS/UpdateSequence.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -9,7 +10,6 @@ namespace {
 
 using NTFSLayout::StoredReference;
 
-constexpr std::int64_t sectorSize = 512; // of the update sequence, whatever the disk's sectors are
 constexpr std::size_t minRecordSize = 512;
 constexpr std::string_view signature = "FILE";
 
@@ -79,7 +79,7 @@ static_assert(sizeof(NonResidentHeader) == 64 && offsetof(NonResidentHeader, dat
 
 /// $STANDARD_INFORMATION, as far as it is of use.
 struct StandardInformation {
-    LE64 created, modified; //  0, 8
+    LE64 created, modified, changed; //  0, 8, 16  the last one: the record itself
 };
 
 /// $FILE_NAME. The name follows.
@@ -92,27 +92,6 @@ struct FileNameValue {
     std::uint8_t nameSpace;                // 65
 };
 static_assert(sizeof(FileNameValue) == 66 && offsetof(FileNameValue, realSize) == 48);
-
-/// Puts the ends of the sectors back in place (Fixup). False when one of them does not belong to
-/// the others.
-bool applyFixup(std::span<std::uint8_t> bytes, const RecordHeader& header)
-{
-    const ByteView view(bytes);
-    const std::int64_t offset = header.updateOffset;
-    const std::int64_t count = header.updateCount;
-    const auto size = static_cast<std::int64_t>(bytes.size());
-    if (count < 2 || offset + 2 * count > size)
-        return false;
-    const auto updateNumber = view.u16le(offset);
-    bool isSound = true;
-    for (std::int64_t sector = 0; sector < count - 1 && (sector + 1) * sectorSize <= size;
-         ++sector) {
-        const std::int64_t end = (sector + 1) * sectorSize - 2;
-        isSound = isSound && view.u16le(end) == updateNumber;
-        std::copy_n(bytes.begin() + offset + 2 + 2 * sector, 2, bytes.begin() + end);
-    }
-    return isSound;
-}
 
 /// The value of a resident attribute, cut at the attribute's end; empty for one that is not
 /// resident.
@@ -137,6 +116,7 @@ void readStandardInformation(ByteView attribute, MFTRecord& record)
         = TimeConversion::fromFiletime(value.u64le(offsetof(StandardInformation, created)));
     record.modified
         = TimeConversion::fromFiletime(value.u64le(offsetof(StandardInformation, modified)));
+    record.lastWrite.changed = value.u64le(offsetof(StandardInformation, changed));
 }
 
 void readAttributeList(ByteView attribute, MFTRecord& record)
@@ -209,6 +189,18 @@ void readIndexAllocation(ByteView attribute, MFTRecord& record)
         record.indexLCN = runs.front().lcn;
 }
 
+void readReparsePoint(ByteView attribute, MFTRecord& record)
+{
+    const auto header = attribute.load<NonResidentHeader>(0);
+    if (!header || header->common.nonResident == 0) {
+        record.reparseTag = residentValue(attribute).u32le(0);
+        return;
+    }
+    const auto runs = runsOf(attribute, *header);
+    if (header->startVCN == 0 && !runs.empty())
+        record.reparseLCN = runs.front().lcn;
+}
+
 void readAttribute(ByteView attribute, const AttributeHeader& common, MFTRecord& record)
 {
     switch (common.type) {
@@ -229,6 +221,9 @@ void readAttribute(ByteView attribute, const AttributeHeader& common, MFTRecord&
         break;
     case NTFSLayout::indexAllocation:
         readIndexAllocation(attribute, record);
+        break;
+    case NTFSLayout::reparsePoint:
+        readReparsePoint(attribute, record);
         break;
     default:
         break;
@@ -291,7 +286,8 @@ bool looksLikeRecord(ByteView bytes, std::int64_t at)
 {
     // Records of the two sizes that systems make: the update sequence right behind the header, with
     // a number for each sector and one of its own, then the attributes in the first sector.
-    constexpr std::uint16_t minAttribute = sizeof(RecordHeader), maxAttribute = sectorSize - 1;
+    constexpr std::uint16_t minAttribute = sizeof(RecordHeader),
+                            maxAttribute = updateSectorSize - 1;
     constexpr std::uint16_t minUpdates = 2, maxUpdates = 9;
     constexpr std::uint32_t usualSize = 1024, largeSize = 4096;
     const auto header = bytes.load<RecordHeader>(at);
@@ -319,7 +315,7 @@ bool parseRecord(
         return false;
     const auto header = *view.load<RecordHeader>(0);
     record.clear();
-    record.fixupOK = applyFixup(bytes, header);
+    record.fixupOK = applyUpdateSequence(bytes, header.updateOffset, header.updateCount);
     record.number = number;
     if (!number && header.hasNumber())
         record.number = header.number;
@@ -327,6 +323,7 @@ bool parseRecord(
     record.isDirectory = (header.flags & directoryFlag) != 0;
     record.sequence = header.sequence;
     record.base = header.base;
+    record.lastWrite.logSequence = header.logSequence;
     readAttributes(view, header, record);
     return true;
 }

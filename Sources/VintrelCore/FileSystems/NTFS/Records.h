@@ -23,6 +23,12 @@ struct FileReference {
     bool operator==(const FileReference&) const = default;
 };
 
+/// What a record says of when it was written last.
+struct LastWrite {
+    std::uint64_t logSequence = 0; ///< of its last change in $LogFile
+    std::uint64_t changed = 0;     ///< as a FILETIME; 0: not known
+};
+
 /// One name of a file: a $FILE_NAME attribute.
 struct FNInfo {
     FileReference parent;
@@ -61,6 +67,7 @@ struct MFTRecord {
     FileReference base;
     /// False when a sector's end was not what was last written: it is older or newer, or damaged.
     bool fixupOK = true;
+    LastWrite lastWrite;
     std::vector<FNInfo> names; ///< in the order of the attributes
     std::optional<Date> created;
     std::optional<Date> modified;
@@ -69,6 +76,10 @@ struct MFTRecord {
     RunList attributeListRuns;           ///< of a non-resident one
     std::uint64_t attributeListSize = 0; ///< of a non-resident one, in bytes, as claimed
     std::string volumeName;              ///< of $Volume alone
+    /// What kind of file it stands in for ([MS-FSCC], Reparse Tags); 0 when it is no reparse point.
+    std::uint32_t reparseTag = 0;
+    /// Where the tag lies, when it is not in the record.
+    std::optional<std::uint64_t> reparseLCN;
     /// Of a folder whose index does not fit in the record: where it begins.
     std::optional<std::uint64_t> indexLCN;
 

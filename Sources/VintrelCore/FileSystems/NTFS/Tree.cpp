@@ -2,6 +2,8 @@
 
 #include "VintrelCore/FileSystems/NTFS/AllocationMap.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
+#include "VintrelCore/FileSystems/NTFS/DeepInfo.h"
+#include "VintrelCore/FileSystems/NTFS/DeletedClaims.h"
 #include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/ParentLinks.h"
@@ -17,22 +19,34 @@ using Index = ParentLinks::Index;
 
 constexpr std::uint64_t volumeRecord = 3;
 constexpr std::uint64_t rootRecord = 5;
-constexpr std::uint64_t bitmapRecord = 6;
 constexpr std::uint64_t extendRecord = 11; // $Extend, the folder of younger system files
 
-AllocationMap loadAllocationMap(const NTFSContext& context, MFTRecords& records)
+/// Where $Bitmap lies; nowhere when its record is lost.
+FileData locateBitmap(const NTFSContext& context, MFTRecords& records)
 {
     auto* const bitmap = records.systemRecord(bitmapRecord);
     if (bitmap == nullptr || !bitmap->inUse)
         return {};
     records.mergeExtensions(*bitmap);
-    return AllocationMap::load(context, NTFSContent::assemble(context, bitmap->data).data);
+    return NTFSContent::assemble(context, bitmap->data).data;
+}
+
+/// Lowers the chances of deleted files whose clusters another deleted file had after them.
+void judgeSharing(const NTFSContext& context, const MFTRecords& records)
+{
+    NTFSDeletedClaims claims;
+    const auto& entries = records.entries();
+    for (std::size_t index = 0; index < entries.size(); ++index)
+        if (entries[index].node && !entries[index].inUse)
+            claims.add(
+                index, entries[index].node->data, context.geometry(), entries[index].lastWrite);
+    for (const auto& [index, doubts] : claims.judge())
+        judgeFurther(*entries[index].node, doubts);
 }
 
 /// Gives every node its chance and note.
-void judgeAll(const NTFSContext& context, MFTRecords& records)
+void judgeAll(const NTFSContext& context, const AllocationMap& map, const MFTRecords& records)
 {
-    const auto map = loadAllocationMap(context, records);
     for (const auto& entry : records.entries()) {
         if (!entry.node)
             continue;
@@ -46,6 +60,21 @@ void judgeAll(const NTFSContext& context, MFTRecords& records)
             doubts.add(doubtsOf(map.useOf(node.data, context.geometry()), ntfsReuse));
         judge(node, doubts);
     }
+    judgeSharing(context, records);
+}
+
+/// What of the volume's own structures could not be read, in Danish.
+std::vector<std::string> notesOf(const MFTRecords& records, const AllocationMap& map)
+{
+    std::vector<std::string> notes;
+    if (const auto count = records.unreadable(); count > 0)
+        notes.push_back((count == 1 ? "1 MFT-post" : std::to_string(count) + " MFT-poster")
+            + " kunne ikke læses. Filer kan mangle eller være ufuldstændige.");
+    if (map.hasGaps())
+        notes.push_back((map.isUnreadable() ? "$Bitmap" : "Dele af $Bitmap")
+            + std::string(
+                " kunne ikke læses. Det vides ikke, om slettede filers plads er genbrugt."));
+    return notes;
 }
 
 /// What the record `number` hangs under when this is its parent; `none` when that folder is not its
@@ -127,7 +156,7 @@ void hangAll(MFTRecords& records, const ParentLinks& links, FileNode& root)
 } // namespace
 
 std::unique_ptr<Volume> buildVolume(
-    const NTFSContext& context, MFTRecords records, const std::string& origin)
+    const NTFSContext& context, MFTRecords records, MappedStream mft, const std::string& origin)
 {
     const auto& geometry = context.geometry();
     const auto* const label = records.systemRecord(volumeRecord);
@@ -137,9 +166,14 @@ std::unique_ptr<Volume> buildVolume(
     volume->clusterSize = geometry.clusterSize;
 
     records.finish();
-    judgeAll(context, records);
+    auto bitmap = locateBitmap(context, records);
+    const auto map = AllocationMap::load(context, bitmap);
+    judgeAll(context, map, records);
+    volume->notes = notesOf(records, map);
     hangAll(records, linkAll(records), *volume->root);
     volume->root->sortChildren();
+    volume->deepContext
+        = std::make_unique<NTFSDeepInfo>(geometry, std::move(mft), std::move(bitmap));
     return volume;
 }
 

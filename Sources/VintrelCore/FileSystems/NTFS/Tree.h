@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/NTFS/Context.h"
 #include "VintrelCore/FileSystems/NTFS/MFTRecords.h"
+#include "VintrelCore/FileSystems/NTFS/MappedStream.h"
 #include "VintrelCore/Model/Volume.h"
 
 #include <memory>
@@ -10,8 +11,8 @@
 namespace NTFSParser {
 
 /// Links the records of an MFT into a tree of files, with their chances. Files whose folder is lost
-/// hang below a folder of their own.
+/// hang below a folder of their own. `mft`: where the records lie; empty when that is not one MFT.
 std::unique_ptr<Volume> buildVolume(
-    const NTFSContext& context, MFTRecords records, const std::string& origin);
+    const NTFSContext& context, MFTRecords records, MappedStream mft, const std::string& origin);
 
 } // namespace NTFSParser

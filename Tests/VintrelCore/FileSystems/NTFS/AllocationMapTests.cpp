@@ -1,4 +1,5 @@
 #include "Tests/VintrelCore/FileSystems/NTFS/NTFSTestVolume.h"
+#include "VintrelCore/FileSystems/NTFS/Reader.h"
 
 #include <gtest/gtest.h>
 
@@ -34,7 +35,8 @@ TEST(NTFSAllocationMap, TellsTheChancesOfDeletedFiles)
     const std::vector<Case> cases = {
         { u"hjemme", { Image::data(bytesOf("x")) }, "God" },
         { u"fri", { stored({}) }, "God" },
-        { u"to af fem", { stored({ 1, 4 }) }, "Delvis" },
+        { u"to af fem", { stored({ 1, 4 }) },
+            "Delvis: Nogle af klyngerne er genbrugt af andre filer" },
         { u"tre af fem", { stored({ 1, 2, 4 }) }, "Ringe: " + reused },
         { u"den første", { stored({ 0 }) }, "Ringe: " + reused },
         { u"uden data", {}, "Ringe: Dataattributten mangler" },
@@ -90,17 +92,105 @@ TEST(NTFSAllocationMap, LeavesUnknownWhatCouldNotBeRead)
         const auto disk = parse(std::move(source));
         std::string fates;
         for (const auto* path : { "/a", "/b", "/c", "/d" })
-            fates += std::string(label(disk[path].recoverability)) + " ";
+            fates += chance(disk[path]) + ". ";
+        for (const auto& note : disk.volume->notes)
+            fates += note;
         return fates;
     };
     const std::uint64_t bitmap = image.offsetOf(image.bitmapLCN());
-    EXPECT_EQ(fates([](DiskSource&) {}), "God God God Ringe ");
+    const std::string unknown = "Ukendt: Det vides ikke, om pladsen er genbrugt. ";
+    const std::string reused = "Ringe: Klyngerne er genbrugt af andre filer. ";
+    const std::string nobodyKnows = "Det vides ikke, om slettede filers plads er genbrugt.";
+    EXPECT_EQ(fates([](DiskSource&) {}), "God. God. God. " + reused);
     EXPECT_EQ(fates([&](DiskSource& source) {
         source.addSimulatedBadRange({ bitmap + 512, bitmap + 513 });
     }),
-        "God Ukendt God Ukendt ");
+        "God. " + unknown + "God. " + unknown + "Dele af $Bitmap kunne ikke læses. " + nobodyKnows);
+    EXPECT_EQ(fates([&](DiskSource& source) {
+        source.addSimulatedBadRange({ bitmap, bitmap + 1536 });
+    }),
+        unknown + unknown + unknown + unknown + "$Bitmap kunne ikke læses. " + nobodyKnows);
     EXPECT_EQ(fates([&](DiskSource& source) {
         source.addSimulatedBadRange({ image.recordOffset(6), image.recordOffset(7) });
     }),
-        "Ukendt Ukendt Ukendt Ukendt ");
+        unknown + unknown + unknown + unknown + "$Bitmap blev ikke fundet. " + nobodyKnows);
+}
+
+TEST(NTFSAllocationMap, EndsWithTheSource)
+{
+    // The second cluster of the bitmap lies behind the end.
+    Image image({ .clusterSize = 512, .clusters = 9000 });
+    image.put(6, { .attributes = { Image::data({ .runs = { { 4999, 2 } }, .size = 1024 }) } });
+    for (const std::uint64_t lcn : { 4095u, 4096u })
+        image.put(lcn - 4070,
+            named(lcn < 4096 ? u"a" : u"b",
+                { Image::data({ .runs = { { lcn, 1 } }, .size = 500 }) }, false));
+    auto bytes = image.bytes();
+    bytes.resize(5000 * 512);
+    const auto disk = parse(makeSource(bytes));
+    EXPECT_EQ(chance(disk["/a"]), "God");
+    EXPECT_EQ(chance(disk["/b"]), "Ukendt: Det vides ikke, om pladsen er genbrugt");
+}
+
+TEST(NTFSAllocationMap, TellsWhatItsVolumeHasInUse)
+{
+    // A volume of 9000 clusters of 512 bytes, whose bitmap has three sectors. What it has for
+    // itself ends at cluster 83.
+    const Image::Options options { .clusterSize = 512, .clusters = 9000, .mft = { { 16, 64 } } };
+    using Clusters = std::vector<std::pair<std::uint64_t, std::uint64_t>>; // from, to
+    const struct {
+        const char* what;
+        Clusters used;
+        std::size_t size = 9000; // of the source, in clusters
+        std::function<void(DiskSource&, std::uint64_t)> damage = [](DiskSource&, std::uint64_t) {};
+        std::optional<Clusters> ranges;
+    } cases[] = {
+        { .what = "the volume's own", .used = {}, .ranges = { { { 0, 83 } } } },
+        { .what = "runs that begin and end anywhere in words and blocks",
+            .used = { { 83, 84 }, { 127, 129 }, { 4000, 4200 }, { 8191, 8192 }, { 8999, 9000 } },
+            .ranges
+            = { { { 0, 84 }, { 127, 129 }, { 4000, 4200 }, { 8191, 8192 }, { 8999, 9000 } } } },
+        { .what = "more than the source has",
+            .used = { { 4000, 6000 } },
+            .size = 5000,
+            .ranges = { { { 0, 83 }, { 4000, 5000 } } } },
+        { .what = "a part that cannot be read",
+            .used = {},
+            .damage =
+                [](DiskSource& source, std::uint64_t bitmap) {
+                    source.addSimulatedBadRange({ bitmap + 512, bitmap + 513 });
+                },
+            .ranges = {} },
+    };
+    for (const auto& [what, used, size, damage, expected] : cases) {
+        SCOPED_TRACE(what);
+        Image image(options);
+        for (const auto& [from, to] : used)
+            image.markUsed(from, to - from);
+        const auto source = makeSource({ image.bytes().begin(),
+            image.bytes().begin() + static_cast<std::ptrdiff_t>(size * 512) });
+        damage(*source, image.offsetOf(image.bitmapLCN()));
+        const auto volume = NTFSParser::parse(*source, 0, "prøve", nullptr);
+        ASSERT_TRUE(volume);
+        std::vector<ByteRange> ranges { { 1, 2 } };
+        EXPECT_EQ(ntfsReader.addUsedRanges(*source, *volume, ranges), expected.has_value());
+        std::vector<ByteRange> wanted { { 1, 2 } };
+        for (const auto& [from, to] : expected.value_or(Clusters {}))
+            wanted.push_back({ from * 512, to * 512 });
+        EXPECT_EQ(ranges, wanted);
+    }
+}
+
+TEST(NTFSAllocationMap, AsksForEveryClusterOfALargeFile)
+{
+    // More than a million clusters that are free, and one that is not.
+    Image image({ .clusterSize = 512, .recordSize = 4096, .clusters = 9000 });
+    Image::Runs runs(140, { 800, 8000 });
+    runs.push_back({ 8900, 1 });
+    image.markUsed(8900, 1);
+    const std::uint64_t size = (std::uint64_t { 140 } * 8000 + 1) * 512;
+    image.put(20,
+        named(u"stor", { Image::data({ .runs = runs, .size = size, .flags = 0x8000 }) }, false));
+    EXPECT_EQ(
+        chance(parse(image)["/stor"]), "Delvis: Nogle af klyngerne er genbrugt af andre filer");
 }

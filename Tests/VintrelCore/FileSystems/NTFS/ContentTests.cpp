@@ -81,3 +81,32 @@ TEST(NTFSContent, IsCutToWhatTheVolumeCouldHold)
     }
     EXPECT_EQ(disk.content("/D").size(), 10'000u * 1024);
 }
+
+TEST(NTFSContent, IsPoorWhereNoClusterHasAPlace)
+{
+    const std::string nowhere = "Ringe: Filens placering kendes ikke";
+    const struct {
+        std::u16string name;
+        Image::Data data;
+        std::string fate;
+    } cases[] = {
+        { u"bagved", { .runs = { { 5000, 4 } }, .size = 4000 }, nowhere },
+        { u"bagved med hul", { .runs = { { std::nullopt, 2 }, { 5000, 2 } }, .size = 4000 },
+            nowhere },
+        { u"halvt bagved", { .runs = { { 300, 2 }, { 5000, 2 } }, .size = 4000 },
+            "Delvis: Dele af filens placering mangler" },
+        { u"hul", { .runs = { { std::nullopt, 4 } }, .size = 4000, .flags = 0x8000 }, "God" },
+        { u"uden stykker", { .runs = {}, .size = 4000 }, nowhere },
+    };
+    Image image;
+    std::uint64_t number = 20;
+    for (const auto& row : cases)
+        image.put(number++, named(row.name, { Image::data(row.data) }));
+    const auto disk = parse(image);
+    std::size_t index = 0;
+    for (const auto& row : cases) {
+        const auto& node = *disk.volume->root->children().at(index++);
+        EXPECT_EQ(chance(node), row.fate) << node.name;
+        EXPECT_EQ(disk.content(node.path()).empty(), row.fate == nowhere) << node.name;
+    }
+}

@@ -77,6 +77,35 @@ TEST(NTFSMFT, IsReadAcrossItsPieces)
     }
 }
 
+TEST(NTFSMFT, SaysHowManyRecordsOfFilesCannotBeRead)
+{
+    const std::string after = " kunne ikke læses. Filer kan mangle eller være ufuldstændige.";
+    const struct {
+        std::uint64_t from, to; // sectors of the MFT that are bad
+        std::vector<std::string> notes;
+    } cases[] = {
+        { 2 * 14, 2 * 16, {} },
+        { 2 * 40, 2 * 40 + 1, { "1 MFT-post" + after } },
+        { 2 * 20 + 1, 2 * 23 + 1, { "4 MFT-poster" + after } },
+    };
+    for (const auto& [from, to, notes] : cases) {
+        Image image; // most of whose records are blank
+        image.putFile(20, root, u"fil", bytesOf("x"));
+        auto source = image.source();
+        const auto mft = image.recordOffset(0);
+        source->addSimulatedBadRange({ mft + from * 512, mft + to * 512 });
+        EXPECT_EQ(parse(std::move(source)).volume->notes, notes) << from;
+    }
+    // Part of the MFT lies behind the source's end.
+    Image image;
+    image.putFile(20, root, u"fil", bytesOf("x"));
+    image.put(0,
+        { .attributes
+            = { Image::data({ .runs = { { 16, 64 }, { 5000, 16 } }, .size = 80 * 1024 }) } });
+    EXPECT_EQ(parse(image).volume->notes,
+        std::vector<std::string> { "Dele af $MFT kunne ikke findes. Filer kan mangle." });
+}
+
 TEST(NTFSMFT, EndsWhereItClaimsMoreThanTheSource)
 {
     const std::uint64_t longest = (std::uint64_t { 1 } << 40) - 1;

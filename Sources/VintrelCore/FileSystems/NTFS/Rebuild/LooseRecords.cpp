@@ -1,6 +1,7 @@
 #include "VintrelCore/FileSystems/NTFS/Rebuild/LooseRecords.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/NTFS/Content.h"
 #include "VintrelCore/FileSystems/NTFS/Tree.h"
 
 #include <algorithm>
@@ -12,22 +13,6 @@ namespace {
 
 constexpr std::uint64_t minClusterSize = 512;
 constexpr std::uint64_t maxClusterSize = 2'097'152;
-
-/// Whether both records describe one file in one state: its name, folder and size, and since when
-/// it has been there. An older state of a file, with another size, is worth being listed.
-bool describeSameState(const MFTRecord& one, const MFTRecord& other)
-{
-    const auto size = [](const MFTRecord& record) {
-        return record.data.empty() ? 0 : record.data.front().dataSize;
-    };
-    if (one.number != other.number || one.names.empty() || other.names.empty()
-        || size(one) != size(other))
-        return false;
-    const auto& name = one.names.front();
-    const auto& otherName = other.names.front();
-    return name.name == otherName.name && name.parent == otherName.parent
-        && name.created == otherName.created;
-}
 
 /// Whether this could be a copy of a record of the volume that it lies on.
 bool canBeCopyOn(const NTFSDeepInfo& volume, const LooseRecord& loose)
@@ -52,7 +37,35 @@ bool isListed(
     });
 }
 
+/// Whether $Bitmap lies where a known volume has something.
+bool isBitmapOverlaid(
+    const NTFSContext& context, MFTRecords& records, std::span<const NTFSParser::KnownUse> used)
+{
+    const auto* const record = records.systemRecord(NTFSParser::bitmapRecord);
+    if (record == nullptr)
+        return false;
+    auto fragments = record->data;
+    const auto bitmap = NTFSContent::assemble(context, fragments).data;
+    return std::ranges::any_of(used, [&](const NTFSParser::KnownUse& known) {
+        return known.map.useOf(bitmap, known.geometry).foreign > 0;
+    });
+}
+
 } // namespace
+
+bool describeSameState(const MFTRecord& one, const MFTRecord& other)
+{
+    const auto size = [](const MFTRecord& record) {
+        return record.data.empty() ? 0 : record.data.front().dataSize;
+    };
+    if (one.number != other.number || one.names.empty() || other.names.empty()
+        || size(one) != size(other))
+        return false;
+    const auto& name = one.names.front();
+    const auto& otherName = other.names.front();
+    return name.name == otherName.name && name.parent == otherName.parent
+        && name.created == otherName.created;
+}
 
 bool RecordReader::read(const LooseRecord& loose, MFTRecord& record)
 {
@@ -113,10 +126,13 @@ std::optional<std::uint64_t> firstLCN(const MFTRecord& record)
     return record.data.front().runs.front().lcn;
 }
 
-std::unique_ptr<Volume> buildFromRecords(
-    const NTFSContext& context, MFTRecords records, std::size_t count, MappedStream mft)
+std::unique_ptr<Volume> buildFromRecords(const NTFSContext& context, MFTRecords records,
+    std::size_t count, MappedStream mft, std::span<const NTFSParser::KnownUse> used)
 {
-    auto volume = NTFSParser::buildVolume(context, std::move(records), "Dyb scanning, MFT-poster");
+    if (isBitmapOverlaid(context, records, used))
+        records.dropSystemRecord(NTFSParser::bitmapRecord);
+    auto volume = NTFSParser::buildVolume(
+        context, std::move(records), std::move(mft), "Dyb scanning, MFT-poster");
     if (volume->root->children().empty())
         return nullptr;
     volume->notes.push_back(
@@ -124,7 +140,6 @@ std::unique_ptr<Volume> buildFromRecords(
     if (!context.geometry().hasPlace)
         volume->notes.emplace_back(
             "Volumenets placering kendes ikke. Kun små filer kan gendannes.");
-    volume->deepContext = std::make_unique<NTFSDeepInfo>(context.geometry(), std::move(mft));
     return volume;
 }
 

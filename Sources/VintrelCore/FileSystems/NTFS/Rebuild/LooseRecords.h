@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/NTFS/DeepInfo.h"
 #include "VintrelCore/FileSystems/NTFS/MFTRecords.h"
 #include "VintrelCore/FileSystems/NTFS/MappedStream.h"
+#include "VintrelCore/FileSystems/NTFS/Rebuild.h"
 #include "VintrelCore/FileSystems/NTFS/Records.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Model/Volume.h"
@@ -57,9 +58,14 @@ std::optional<std::uint64_t> clusterSizeOf(const MFTRecord& record);
 /// Where the first cluster of a record's content lies; none when it has none.
 std::optional<std::uint64_t> firstLCN(const MFTRecord& record);
 
+/// Whether both records describe one file in one state: its name, folder and size, and since when
+/// it has been there. An older state of a file, with another size, is worth being listed.
+bool describeSameState(const MFTRecord& one, const MFTRecord& other);
+
 /// The volume that these records make, none when they list nothing. `count`: of the records, for
-/// the user. `mft`: where they lie; empty when they do not lie in one known MFT.
-std::unique_ptr<Volume> buildFromRecords(
-    const NTFSContext& context, MFTRecords records, std::size_t count, MappedStream mft);
+/// the user. `mft`: where they lie; empty when they do not lie in one known MFT. `used`: a $Bitmap
+/// that lies there is not asked, because others may have written over it.
+std::unique_ptr<Volume> buildFromRecords(const NTFSContext& context, MFTRecords records,
+    std::size_t count, MappedStream mft, std::span<const NTFSParser::KnownUse> used);
 
 } // namespace NTFSRebuild

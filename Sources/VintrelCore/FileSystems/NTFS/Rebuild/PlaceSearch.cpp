@@ -1,6 +1,7 @@
 #include "VintrelCore/FileSystems/NTFS/Rebuild/PlaceSearch.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/NTFS/IndexBlock.h"
 #include "VintrelCore/Model/FileTypes.h"
 
 #include <algorithm>
@@ -11,14 +12,11 @@ namespace {
 
 constexpr std::size_t maxWitnesses = 400; // of a group
 constexpr std::size_t maxPairs = 2'500;   // finds that a witness may be
-/// One in so many witnesses must support a place that only finds suggest.
+/// One in so many witnesses must support a place.
 constexpr std::size_t minSupportShare = 10;
 
 /// The most common one, where no file tells it.
 constexpr std::uint64_t usualClusterSize = 4096;
-
-/// What a folder's index begins with ("NTFS Documentation", Index Record).
-constexpr std::string_view indexSignature = "INDX";
 
 constexpr std::int64_t headSize = 64; // of a file; it tells the kind
 
@@ -69,10 +67,13 @@ std::optional<Evidence> PlaceSearch::gather(
         if (evidence.witnesses.size() >= maxWitnesses || name == nullptr)
             continue;
         if (record.isDirectory && record.indexLCN)
-            evidence.witnesses.push_back({ *record.indexLCN, "", 0 });
+            evidence.witnesses.push_back({ .lcn = *record.indexLCN,
+                .folder = { loose.number, record.sequence },
+                .isInUse = record.inUse });
         else if (const auto lcn = firstLCN(record); lcn && isRecognisable(name->name))
-            evidence.witnesses.push_back(
-                { *lcn, commonExtension(name->name), record.data.front().dataSize });
+            evidence.witnesses.push_back({ .lcn = *lcn,
+                .ext = commonExtension(name->name),
+                .size = record.data.front().dataSize });
     }
     return evidence;
 }
@@ -85,7 +86,7 @@ bool PlaceSearch::isRecognisable(std::string_view name) const
                           : finds_.contains(commonExtension(name));
 }
 
-NTFSGeometry PlaceSearch::bestGeometry(const Evidence& evidence, std::uint32_t recordSize)
+Placement PlaceSearch::bestPlace(const Evidence& evidence, std::uint32_t recordSize)
 {
     const std::uint64_t clusterSize = mostVoted(evidence.clusterSizes).value_or(usualClusterSize);
     auto geometries = hints_.geometries;
@@ -95,7 +96,6 @@ NTFSGeometry PlaceSearch::bestGeometry(const Evidence& evidence, std::uint32_t r
                 { .base = base, .clusterSize = clusterSize, .volumeSize = source_.size() - base });
     };
     std::ranges::for_each(hints_.starts, add);
-    const std::size_t hinted = geometries.size();
     // What follows a file's end mark belongs to the file and not to the find, so that the sizes may
     // all differ.
     for (const bool isSameSize : { true, false })
@@ -103,18 +103,17 @@ NTFSGeometry PlaceSearch::bestGeometry(const Evidence& evidence, std::uint32_t r
             add(*base);
 
     const auto& witnesses = evidence.witnesses;
-    NTFSGeometry best { .hasPlace = false, .clusterSize = clusterSize };
-    std::size_t mostSupport = 0;
-    for (std::size_t i = 0; i < geometries.size(); ++i) {
+    Placement best { .geometry = { .hasPlace = false, .clusterSize = clusterSize },
+        .witnesses = witnesses.size() };
+    for (const auto& geometry : geometries) {
         const auto support = static_cast<std::size_t>(std::ranges::count_if(
-            witnesses, [&](const Witness& witness) { return supports(witness, geometries[i]); }));
-        const bool isEnough = i < hinted || support * minSupportShare >= witnesses.size();
-        if (support > mostSupport && isEnough) {
-            mostSupport = support;
-            best = geometries[i];
+            witnesses, [&](const Witness& witness) { return supports(witness, geometry); }));
+        if (support > best.support && support * minSupportShare >= witnesses.size()) {
+            best.support = support;
+            best.geometry = geometry;
         }
     }
-    best.recordSize = recordSize;
+    best.geometry.recordSize = recordSize;
     return best;
 }
 
@@ -123,11 +122,24 @@ bool PlaceSearch::supports(const Witness& witness, const NTFSGeometry& geometry)
     const auto offset = geometry.offsetOf(witness.lcn);
     if (!offset || *offset >= source_.size())
         return false;
-    const auto head = source_.read(*offset, headSize, ReadMode::thorough);
     if (witness.ext.empty())
-        return ByteView(head).matches(indexSignature, 0);
+        return isIndexOf(witness, *offset);
+    const auto head = source_.read(*offset, headSize, ReadMode::thorough);
     const auto found = recogniser_.check(head, *offset);
     return found && found->ext == witness.ext;
+}
+
+/// Whether the index that begins there is that of this folder, and not of any other one.
+bool PlaceSearch::isIndexOf(const Witness& witness, std::uint64_t offset)
+{
+    const auto size = NTFSParser::sizeOfIndexBlock(
+        source_.read(offset, NTFSParser::indexHeaderSize, ReadMode::thorough));
+    if (!size)
+        return false;
+    auto block = source_.read(offset, static_cast<std::int64_t>(*size), ReadMode::thorough);
+    const auto folder = NTFSParser::folderOfIndexBlock(block);
+    return folder && folder->number == witness.folder.number
+        && sequenceMatches(folder->sequence, witness.folder.sequence, witness.isInUse);
 }
 
 /// Where the volume begins when files that were found by their content are those that most records

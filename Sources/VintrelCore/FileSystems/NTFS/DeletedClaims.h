@@ -1,0 +1,41 @@
+#pragma once
+
+#include "VintrelCore/FileSystems/NTFS/Geometry.h"
+#include "VintrelCore/FileSystems/NTFS/Records.h"
+#include "VintrelCore/Model/Chance.h"
+#include "VintrelCore/Model/FileData.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+/// The clusters that deleted files lay in. Where two files name the same cluster, the space of one
+/// was given to the other before that one was deleted too: the content is that of the later one.
+class NTFSDeletedClaims {
+public:
+    using File = std::size_t;
+
+    /// `lastWrite`: of the file's record.
+    void add(File file, const FileData& data, const NTFSGeometry& geometry, LastWrite lastWrite);
+
+    /// What gives reason to doubt the files that share clusters with others. To be called
+    /// once, when all are in: uses up the claims.
+    std::map<File, Doubts> judge();
+
+private:
+    /// A run of clusters that a file names.
+    struct Claim {
+        std::uint64_t first, end; ///< clusters
+        File file;
+        LastWrite lastWrite;
+        bool isBeginning; ///< of the file
+    };
+
+    void add(File file, LastWrite lastWrite, std::uint64_t first, std::uint64_t count);
+    void compare(const Claim& earlier, const Claim& later);
+    void lose(const Claim& loser, const Claim& winner);
+
+    std::vector<Claim> claims_;
+    std::map<File, Doubts> doubts_;
+};
