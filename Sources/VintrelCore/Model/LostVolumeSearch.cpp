@@ -16,11 +16,13 @@ constexpr std::uint64_t usualStarts[] = { 0, 63 * 512, 1'048'576 };
 } // namespace
 
 LostVolumeSearch::LostVolumeSearch(DiskSource& source, std::uint64_t sourceSize,
-    const DeepScanResult& finds, const VolumeList& known, WorkProgress* progress)
+    const DeepScanResult& finds, const VolumeList& known,
+    std::span<const std::uint64_t> partitionStarts, WorkProgress* progress)
     : source_(source)
     , sourceSize_(sourceSize)
     , finds_(finds)
     , known_(known)
+    , partitionStarts_(partitionStarts)
     , progress_(progress)
 {
 }
@@ -44,6 +46,7 @@ std::vector<std::uint64_t> LostVolumeSearch::likelyStarts() const
         if (start < sourceSize_ && std::ranges::count(starts, start) == 0)
             starts.push_back(start);
     };
+    std::ranges::for_each(partitionStarts_, add);
     for (const auto* volume : volumes())
         add(volume->offset);
     std::ranges::for_each(usualStarts, add);

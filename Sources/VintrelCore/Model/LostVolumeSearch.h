@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -16,10 +17,11 @@ struct DeepScanResult;
 /// by, and what it has found so far. Used by one thread.
 class LostVolumeSearch {
 public:
-    /// `known`: the volumes that the tables name. `progress` may be none. What is given must
-    /// outlive the search.
+    /// `known`: the volumes that the tables name. `partitionStarts`: where partitions begin, in
+    /// bytes, whatever lies in them. `progress` may be none. What is given must outlive the search.
     LostVolumeSearch(DiskSource& source, std::uint64_t sourceSize, const DeepScanResult& finds,
-        const VolumeList& known, WorkProgress* progress);
+        const VolumeList& known, std::span<const std::uint64_t> partitionStarts,
+        WorkProgress* progress);
 
     DiskSource& source() const { return source_; }
     const DeepScanResult& finds() const { return finds_; }
@@ -30,8 +32,8 @@ public:
 
     /// The volumes that are known and those found so far, in that order.
     std::vector<const Volume*> volumes() const;
-    /// Where volumes are likely to begin, in bytes, each once: where those known and found do, and
-    /// where systems put the first one of a disk.
+    /// Where volumes are likely to begin, in bytes, each once: where partitions, those known and
+    /// those found do, and where systems put the first one of a disk.
     std::vector<std::uint64_t> likelyStarts() const;
     /// Whether a volume of this kind that begins at this byte is known or found. The widths of FAT
     /// are one kind.
@@ -53,6 +55,7 @@ private:
     const std::uint64_t sourceSize_;
     const DeepScanResult& finds_;
     const VolumeList& known_;
+    const std::span<const std::uint64_t> partitionStarts_;
     WorkProgress* progress_;
     VolumeList found_;
     std::uint64_t bytesCovered_ = 0; // by the volumes found, each for itself

@@ -53,9 +53,11 @@ public:
         const std::function<void(const DeepScanStats&)>& onUpdate = {}) const;
 
     /// The volumes that a sweep's finds belong to and that are not among the `known` ones. When
-    /// cancelled, those found so far.
+    /// cancelled, those found so far. `partitionStarts`: where partitions begin, in bytes: what is
+    /// rebuilt without a boot sector may lie there.
     static VolumeList buildVolumes(DiskSource& source, const DeepScanResult& result,
-        const VolumeList& known, WorkProgress* progress);
+        const VolumeList& known, WorkProgress* progress,
+        std::span<const std::uint64_t> partitionStarts = {});
 
     /// What the sweep found that belongs to these volumes and that they do not list. Some of it may
     /// be added to folders that the volumes have already.

@@ -21,7 +21,11 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     if (listener.sweepDone)
         listener.sweepDone(finds);
     const auto knownCount = volumes.size();
-    auto lost = DeepScanner::buildVolumes(source, finds, volumes, progress);
+    // Also those in which no file system was recognised: its first sectors may be what is lost.
+    std::vector<std::uint64_t> starts;
+    std::ranges::transform(
+        quick.layout.entries, std::back_inserter(starts), &PartitionEntry::offset);
+    auto lost = DeepScanner::buildVolumes(source, finds, volumes, progress, starts);
     std::ranges::move(lost, std::back_inserter(volumes));
     // After the lost volumes: what belongs to one of those is no lost file of another.
     for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, finds, progress))

@@ -72,9 +72,9 @@ void findByBootSectors(LostVolumeSearch& search)
 } // namespace
 
 VolumeList DeepScanner::buildVolumes(DiskSource& source, const DeepScanResult& result,
-    const VolumeList& known, WorkProgress* progress)
+    const VolumeList& known, WorkProgress* progress, std::span<const std::uint64_t> partitionStarts)
 {
-    LostVolumeSearch search(source, source.size(), result, known, progress);
+    LostVolumeSearch search(source, source.size(), result, known, partitionStarts, progress);
     findByBootSectors(search);
     for (const auto* reader : fileSystems())
         if (reader->findVolumes != nullptr)

@@ -2,6 +2,7 @@
 
 #include "Tests/Images/CarvedFile.h"
 #include "Tests/Images/FATImage.h"
+#include "Tests/Images/NTFSImage.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/Model/WorkProgress.h"
@@ -67,6 +68,34 @@ TEST(FullScan, AddsWhatOnlyASweepFinds)
     const auto rebuilt = listing(FullScan::run(*withoutTables.source(), deep, nullptr));
     EXPECT_TRUE(rebuilt.ends_with("INDRE/B.JPG /$Tabte mappefragmenter/A.JPG\n" + carved))
         << rebuilt;
+}
+
+TEST(FullScan, TriesWhereAPartitionBeginsThatNothingWasRecognisedIn)
+{
+    // A volume of which a folder, its file and its index are left.
+    constexpr std::uint64_t firstSector = 5'003;
+    constexpr std::uint64_t clusterSize = 4'096;
+    NTFSImage image({ .clusterSize = clusterSize, .clusters = 400, .records = 128 });
+    image.bytes().assign(image.bytes().size(), 0);
+    constexpr std::uint64_t folder = 24;
+    image.put(folder,
+        { .isDirectory = true,
+            .attributes = { NTFSImage::fileName({ 5, 5 }, u"mappe"),
+                NTFSImage::nonResident(0xA0, { .runs = { { 100, 1 } }, .size = clusterSize }) } });
+    image.put(25,
+        { .attributes = { NTFSImage::fileName({ folder, 1 }, u"fil.dat"),
+              NTFSImage::data(NTFSImage::Data { .runs = { { 101, 1 } }, .size = 3'000 }) } });
+    image.write(100 * clusterSize, NTFSImage::indexBlock({ folder, 1 }));
+
+    Bytes disk(firstSector * 512);
+    disk.insert(disk.end(), image.bytes().begin(), image.bytes().end());
+    putLE(disk, 446 + 4, 0x07, 1); // the type, where the partition begins, and its sectors
+    putLE(disk, 446 + 8, firstSector, 4);
+    putLE(disk, 446 + 12, image.bytes().size() / 512, 4);
+    putLE(disk, 510, 0xAA55, 2);
+    const auto volumes = FullScan::run(*makeSource(disk), DeepScanOptions {}, nullptr);
+    ASSERT_EQ(listing(volumes), "Uden navn (NTFS): /mappe/fil.dat\n");
+    EXPECT_EQ(volumes[0]->offset, firstSector * 512);
 }
 
 TEST(FullScan, EndsSoonAfterItIsCancelled)
