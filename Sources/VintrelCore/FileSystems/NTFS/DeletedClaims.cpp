@@ -46,7 +46,8 @@ void NTFSDeletedClaims::add(
     }
 }
 
-void NTFSDeletedClaims::add(File file, LastWrite lastWrite, std::uint64_t first, std::uint64_t count)
+void NTFSDeletedClaims::add(
+    File file, LastWrite lastWrite, std::uint64_t first, std::uint64_t count)
 {
     const bool isBeginning = claims_.empty() || claims_.back().file != file;
     claims_.push_back({ .first = first,
@@ -99,5 +100,6 @@ void NTFSDeletedClaims::lose(const Claim& loser, const Claim& winner)
 {
     const bool isFirstLost
         = loser.isBeginning && winner.first <= loser.first && loser.first < winner.end;
-    doubts_[loser.file].add(isFirstLost ? Doubt::reusedFirstByDeleted : Doubt::partlyReusedByDeleted);
+    doubts_[loser.file].add(
+        isFirstLost ? Doubt::reusedFirstByDeleted : Doubt::partlyReusedByDeleted);
 }
