@@ -11,7 +11,7 @@ namespace {
 constexpr std::uint64_t maxOverlap = 16;
 
 /// A disk without a table, and the first partition of old systems and of those since 2007.
-constexpr std::uint64_t usualStarts[] = { 0, 63 * 512, 1'048'576 };
+constexpr std::uint64_t usualStarts[] = { 0, 32'256, 1'048'576 };
 
 } // namespace
 

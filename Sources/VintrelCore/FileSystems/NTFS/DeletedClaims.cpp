@@ -23,9 +23,9 @@ std::partial_ordering compareWrites(LastWrite one, LastWrite other)
         ? one.changed <=> other.changed
         : std::strong_ordering::equal;
     if (byLog == byDate)
-        return byLog == 0 ? std::partial_ordering::unordered : byLog;
-    if (byLog == 0 || byDate == 0)
-        return byLog == 0 ? byDate : byLog;
+        return std::is_eq(byLog) ? std::partial_ordering::unordered : byLog;
+    if (std::is_eq(byLog) || std::is_eq(byDate))
+        return std::is_eq(byLog) ? byDate : byLog;
     return std::partial_ordering::unordered;
 }
 
@@ -80,15 +80,18 @@ std::map<NTFSDeletedClaims::File, Doubts> NTFSDeletedClaims::judge()
             doubts_[other.file].add(Doubt::contestedByDeleted);
     }
     claims_.clear();
+    for (auto& [file, doubts] : doubts_)
+        if (doubts.has(Doubt::reusedFirstByDeleted)) // says enough
+            doubts = Doubt::reusedFirstByDeleted;
     return std::move(doubts_);
 }
 
 void NTFSDeletedClaims::compare(const Claim& earlier, const Claim& later)
 {
     const auto order = compareWrites(earlier.lastWrite, later.lastWrite);
-    if (order < 0) {
+    if (std::is_lt(order)) {
         lose(earlier, later);
-    } else if (order > 0) {
+    } else if (std::is_gt(order)) {
         lose(later, earlier);
     } else {
         doubts_[earlier.file].add(Doubt::contestedByDeleted);

@@ -10,8 +10,10 @@
 #include <map>
 #include <vector>
 
-/// The clusters that deleted files lay in. Where two files name the same cluster, the space of one
-/// was given to the other before that one was deleted too: the content is that of the later one.
+/// The clusters that deleted files lay in. Unlike `DeletedClaims` it has two orders to go by, that
+/// of the log and that of the dates, and believes neither against the other. Where two files name
+/// the same cluster, the space of one was given to the other before that one was deleted too: the
+/// content is that of the later one.
 class NTFSDeletedClaims {
 public:
     using File = std::size_t;

@@ -27,6 +27,8 @@ TEST(NTFSDeletedClaims, LeaveSharedClustersToTheFileWrittenLast)
         { "the beginning of one", { { { 203, 4 } }, 1 }, { { { 200, 4 } }, 2 }, first, "God" },
         { "a later run that lies in front", { { { 300, 2 }, { 200, 2 } }, 1 },
             { { { 200, 2 } }, 2 }, some, "God" },
+        { "the beginning and more", { { { 200, 2 }, { 300, 2 } }, 1 },
+            { { { 200, 2 }, { 300, 2 } }, 2 }, first, "God" },
         { "a cluster within", { { { 200, 4 } }, 2 }, { { { 202, 1 } }, 3 }, some, "God" },
         { "the dates where there is no log", { { { 200, 4 } }, 0, 50 }, { { { 200, 4 } }, 0, 40 },
             "God", first },
