@@ -352,7 +352,7 @@ TEST(LostVolumes, RebuildsNTFSFromItsRecordsAlone)
             [&](NTFSVolume& volume, Bytes& disk) {
                 keepFilesOnly(volume, disk);
                 const auto index = std::ranges::search(disk, bytesOf("INDX"));
-                std::ranges::fill(index, std::uint8_t { 0 });
+                std::fill(index.begin(), index.end(), std::uint8_t { 0 });
             },
             "NTFS @ 0, 2; ", false, 1 },
         { "an old copy of a record in front of an MFT in pieces", parted,
