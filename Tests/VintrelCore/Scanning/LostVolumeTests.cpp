@@ -351,8 +351,10 @@ TEST(LostVolumes, RebuildsNTFSFromItsRecordsAlone)
         { "nothing that could tell the place", roomy,
             [&](NTFSVolume& volume, Bytes& disk) {
                 keepFilesOnly(volume, disk);
-                const auto index = std::ranges::search(disk, bytesOf("INDX"));
-                std::fill(index.begin(), index.end(), std::uint8_t { 0 });
+                const auto signature = bytesOf("INDX");
+                const auto index
+                    = std::search(disk.begin(), disk.end(), signature.begin(), signature.end());
+                std::fill_n(index, signature.size(), std::uint8_t { 0 });
             },
             "NTFS @ 0, 2; ", false, 1 },
         { "an old copy of a record in front of an MFT in pieces", parted,
