@@ -69,6 +69,8 @@ TEST(FSProbe, RefusesImpossibleFields)
         { "sizes whose sum passes 32 bits",
             with<std::uint32_t>(volumeStart(fat32), 36, 0xFFFFFFFF) },
         { "NTFS, sectors of 520 bytes", with<std::uint16_t>(volumeStart(ntfs), 11, 520) },
+        { "NTFS, sectors of 4096 bytes", with<std::uint16_t>(volumeStart(ntfs), 11, 4096), ntfs },
+        { "NTFS, sectors of 8192 bytes", with<std::uint16_t>(volumeStart(ntfs), 11, 8192) },
         { "exFAT, shift 13", with<std::uint8_t>(volumeStart(exfat), 108, 13) },
         { "HFSX, version 4", with<std::uint8_t>(volumeStart(hfsplus), 1024 + 1, 'X') },
         { "HFSX, version 5", with<std::uint32_t>(volumeStart(hfsplus), 1024, 0x05005848), hfsplus },

@@ -35,43 +35,6 @@ using Names = std::vector<std::string>;
 
 } // namespace
 
-TEST(Model, HasATextForEveryValue)
-{
-    using enum Recoverability;
-    Names texts;
-    for (const auto type : allFileSystemTypes)
-        texts.emplace_back(displayName(type));
-    for (const auto status : { existing, deleted, orphaned, carved })
-        texts.emplace_back(label(status));
-    for (const auto chance : { unknown, poor, partial, good })
-        texts.emplace_back(label(chance));
-    for (const auto category : allFileCategories)
-        texts.push_back(std::string(identifier(category))
-                            .append("/")
-                            .append(label(category))
-                            .append("/")
-                            .append(symbol(category)));
-    EXPECT_EQ(texts,
-        (Names { "FAT12", "FAT16", "FAT32", "exFAT", "NTFS", "HFS+", "APFS", "ext2/3/4",
-            "Signaturer", "Ukendt", "Eksisterende", "Slettet", "Forældreløs", "Signaturfund",
-            "Ukendt", "Ringe", "Delvis", "God", "image/Billeder/photo", "video/Video/film",
-            "audio/Lyd/waveform", "document/Dokumenter/doc.text", "archive/Arkiver/archivebox",
-            "other/Andet/doc" }));
-}
-
-TEST(Model, TellsCategoriesByExtension)
-{
-    using enum FileCategory;
-    const std::pair<const char*, FileCategory> cases[] = { { "FERIE.JPG", image },
-        { "a.3fr", image }, { "a.mov", video }, { "a.m4a", audio }, { "a.pdf", document },
-        { "arkiv.tar.GZ", archive }, { "a.zip", archive }, { "a.sqlite", other }, { "jpg", other },
-        { "a.jp", other }, { "slut.", other }, { "a.jpg/læsmig", other } };
-    for (const auto& [name, category] : cases)
-        EXPECT_EQ(categoryOf(name), category) << name;
-    EXPECT_EQ(fileExtension("arkiv.tar.GZ"), "gz");
-    EXPECT_EQ(fileExtension("a.ÆØ"), "ÆØ");
-}
-
 TEST(FileNode, KnowsItsPlace)
 {
     const auto root = folder("");

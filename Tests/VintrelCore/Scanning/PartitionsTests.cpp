@@ -105,24 +105,6 @@ TEST(GPT, IsFoundByItsBackupAndWithEitherSectorSize)
         }
 }
 
-TEST(PartitionTypes, HaveNames)
-{
-    std::string names;
-    for (const char* guid :
-        { "48465300-0000-11AA-AA11-00306543ECAC", "7C3457EF-0000-11AA-AA11-00306543ECAC",
-            "C12A7328-F81F-11D2-BA4B-00A0C93EC93B", "E3C9E316-0B5C-4DB8-817D-F92DF00215AE",
-            "DE94BBA4-06D1-4D40-A16A-BFD50179D6AC", "426F6F74-0000-11AA-AA11-00306543ECAC" })
-        names += PartitionTable::gptTypeName(guid) + ", ";
-    for (const auto type : Bytes { 1, 6, 0x0C, 0x17, 0x1B, 0x27, 0x82, 0xAB, 0xEE, 0 })
-        names += PartitionTable::mbrTypeName(type) + ", ";
-    EXPECT_EQ(names,
-        "Apple HFS+, Apple APFS, EFI-system, Microsoft reserveret, Windows gendannelse, Apple "
-        "Boot, FAT12, FAT16, "
-        "FAT32, NTFS (skjult), FAT32 (skjult), Windows gendannelse, Linux swap, Apple Boot, "
-        "GPT-beskyttelse, "
-        "Type 0x00, ");
-}
-
 TEST(MBR, ListsPrimaryAndLogicalPartitions)
 {
     // A logical partition counts from its own EBR, the next EBR from the first one. The container

@@ -122,7 +122,7 @@ public:
             borders_.push_back(claim.end);
         }
         std::ranges::sort(borders_);
-        borders_.erase(std::ranges::unique(borders_).begin(), borders_.end());
+        borders_.erase(std::unique(borders_.begin(), borders_.end()), borders_.end());
         sweep();
     }
 

@@ -248,14 +248,6 @@ TEST(APFS, SaysWhatCannotBeRead)
                 "macOS." });
 }
 
-TEST(APFS, NamesRolesAndGivesUnknownOnesInHexadecimal)
-{
-    const std::pair<std::uint16_t, const char*> roles[] = { { 1, "System" }, { 16, "Preboot" },
-        { 0x20, "0x20" }, { 0, "0x0" }, { 0xABC0, "0xABC0" } };
-    for (const auto& [role, name] : roles)
-        EXPECT_EQ(APFSParser::roleName(role), name);
-}
-
 TEST(APFS, OlderVersionsStepInForDamagedNodes)
 {
     // The object map still knows the leaves of a tree whose roots are damaged too.

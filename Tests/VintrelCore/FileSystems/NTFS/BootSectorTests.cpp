@@ -35,32 +35,6 @@ TEST(NTFSBootSector, TellsTheSizesOfClustersAndRecords)
     }
 }
 
-TEST(NTFSBootSector, TellsItsFileSystem)
-{
-    const struct {
-        const char* what;
-        std::uint64_t at;
-        Bytes field;
-        bool isNTFS;
-    } cases[] = {
-        { "as it is", 0, {}, true },
-        { "another system", 3, bytesOf("EXFAT   "), false },
-        { "sectors of 520 bytes", 11, { 0x08, 0x02 }, false },
-        { "sectors of 4096 bytes", 11, { 0x00, 0x10 }, true },
-        { "sectors of 8192 bytes", 11, { 0x00, 0x20 }, false },
-        { "an impossible cluster", 13, { 129 }, true },
-        { "no mark at the end", 510, { 0, 0 }, true },
-    };
-    for (const auto& [what, at, field, isNTFS] : cases) {
-        Image image;
-        image.write(at, field);
-        const auto type = NTFSParser::probe(ByteView(image.bytes()).sub(0, 4096));
-        EXPECT_EQ(type == FileSystemType::ntfs, isNTFS) << what;
-        EXPECT_EQ(type.has_value(), isNTFS) << what;
-    }
-    EXPECT_EQ(NTFSParser::probe({}), std::nullopt);
-}
-
 TEST(NTFSBootSector, TellsWhereTheVolumeOfABackupBegins)
 {
     constexpr std::uint64_t all = std::uint64_t { 0 } - 1;

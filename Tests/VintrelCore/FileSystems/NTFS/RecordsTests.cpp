@@ -28,27 +28,6 @@ Bytes stored(const Image::Record& record)
 
 } // namespace
 
-TEST(NTFSRecords, SayWhatTheirFileIs)
-{
-    const auto sound = stored({ .sequence = 7,
-        .attributes = { Image::standardInformation(0, 200'000'000'000'000'000),
-            Image::fileName({ 40, 3 }, u"Navn æøå.txt", 1, 12), Image::data(bytesOf("hej")) } });
-    const auto record = parsed(sound);
-    ASSERT_TRUE(record);
-    EXPECT_EQ(record->number, 20u);
-    EXPECT_EQ(parsed(sound, 99)->number, 99u) << "the given number wins";
-    EXPECT_EQ(record->sequence, 7);
-    EXPECT_TRUE(record->inUse && !record->isDirectory && record->fixupOK);
-    ASSERT_EQ(record->names.size(), 1u);
-    EXPECT_EQ(record->names[0].name, "Navn æøå.txt");
-    EXPECT_EQ(record->names[0].parent, (FileReference { 40, 3 }));
-    EXPECT_EQ(record->names[0].realSize, 12u);
-    EXPECT_FALSE(record->created) << "0 is no date";
-    EXPECT_FALSE(record->modified) << "nor is a time after 2100";
-    ASSERT_EQ(record->data.size(), 1u);
-    EXPECT_EQ(record->data[0].resident, bytesOf("hej"));
-}
-
 TEST(NTFSRecords, PreferEveryOtherNameToTheShortOne)
 {
     const struct {
