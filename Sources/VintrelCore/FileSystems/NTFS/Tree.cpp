@@ -41,7 +41,8 @@ void judgeSharing(const NTFSContext& context, const MFTRecords& records)
             claims.add(
                 index, entries[index].node->data, context.geometry(), entries[index].lastWrite);
     for (const auto& [index, doubts] : claims.judge())
-        judgeFurther(*entries[index].node, doubts);
+        if (entries[index].node->recoverability != Recoverability::poor) // its note says why
+            judgeFurther(*entries[index].node, doubts);
 }
 
 /// Gives every node its chance and note.

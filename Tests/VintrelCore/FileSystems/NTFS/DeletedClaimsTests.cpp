@@ -36,9 +36,12 @@ TEST(NTFSDeletedClaims, LeaveSharedClustersToTheFileWrittenLast)
         { "one date alone", { { { 200, 4 } }, 0, 50 }, { { { 200, 4 } } }, undecided, undecided },
         { "a log and dates that differ", { { { 200, 4 } }, 5, 40 }, { { { 200, 4 } }, 0, 50 },
             undecided, undecided },
+        { "what a file that exists has overwritten", { { { 250, 2 } }, 1 }, { { { 251, 2 } }, 2 },
+            "Ringe: Klyngerne er genbrugt af andre filer", "God" },
     };
     for (const auto& [what, one, other, fateOfOne, fateOfOther] : cases) {
         Image image;
+        image.markUsed(250, 1);
         std::uint64_t number = 20;
         for (const auto* state : { &one, &other }) {
             std::uint64_t clusters = clusterCount(state->runs);
