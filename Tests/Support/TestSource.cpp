@@ -57,6 +57,14 @@ Bytes patternBytes(std::size_t count, std::uint32_t seed)
 
 Bytes bytesOf(std::string_view text) { return { text.begin(), text.end() }; }
 
+Bytes joined(std::initializer_list<Bytes> parts)
+{
+    Bytes all;
+    for (const auto& part : parts)
+        all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
 Bytes readFile(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary | std::ios::ate);

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <initializer_list>
 #include <memory>
 #include <span>
 #include <string>
@@ -34,6 +35,7 @@ std::unique_ptr<DiskSource> makeSource(
 Bytes patternBytes(std::size_t count, std::uint32_t seed = 1);
 
 Bytes bytesOf(std::string_view text);
+Bytes joined(std::initializer_list<Bytes> parts);
 Bytes readFile(const std::string& path);
 void writeFile(const std::string& path, std::span<const std::uint8_t> bytes);
 

@@ -38,14 +38,6 @@ std::unique_ptr<FileNode> file(std::uint64_t size, FileData data)
         "fil", size, EntryStatus::existing, Recoverability::good, std::move(data));
 }
 
-Bytes joined(std::initializer_list<Bytes> parts)
-{
-    Bytes all;
-    for (const auto& part : parts)
-        all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
-
 /// The bytes of one compressed chunk behind their header.
 Bytes chunk(const Bytes& data, bool isCompressed = true)
 {

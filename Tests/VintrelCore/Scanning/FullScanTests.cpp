@@ -87,8 +87,7 @@ TEST(FullScan, TriesWhereAPartitionBeginsThatNothingWasRecognisedIn)
               NTFSImage::data(NTFSImage::Data { .runs = { { 101, 1 } }, .size = 3'000 }) } });
     image.write(100 * clusterSize, NTFSImage::indexBlock({ folder, 1 }));
 
-    Bytes disk(firstSector * 512);
-    disk.insert(disk.end(), image.bytes().begin(), image.bytes().end());
+    auto disk = joined({ Bytes(firstSector * 512), image.bytes() });
     putLE(disk, 446 + 4, 0x07, 1); // the type, where the partition begins, and its sectors
     putLE(disk, 446 + 8, firstSector, 4);
     putLE(disk, 446 + 12, image.bytes().size() / 512, 4);

@@ -34,14 +34,6 @@ inline Parsed parse(std::unique_ptr<DiskSource> source)
 
 inline Parsed parse(const Image& image) { return parse(image.source()); }
 
-inline Bytes joined(std::initializer_list<Bytes> parts)
-{
-    Bytes all;
-    for (const auto& part : parts)
-        all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
-
 inline Bytes firstOf(const Bytes& bytes, std::size_t count)
 {
     return { bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count) };

@@ -9,10 +9,10 @@ using namespace NTFSTestVolume;
 
 namespace {
 
-std::optional<MFTRecord> parsed(Bytes bytes, std::optional<std::uint64_t> number = {})
+std::optional<MFTRecord> parsed(Bytes bytes)
 {
     MFTRecord record;
-    return NTFSParser::parseRecord(bytes, number, record) ? std::optional(record) : std::nullopt;
+    return NTFSParser::parseRecord(bytes, {}, record) ? std::optional(record) : std::nullopt;
 }
 
 /// A record as it is stored.
