@@ -140,7 +140,40 @@ TEST(MBR, ListsPrimaryAndLogicalPartitions)
                           .ebr(100, { { 0x07, 8, 50 }, { 0x05, 200, 9 } })
                           .ebr(300, { { 0x07, 8, 50 }, { 0x05, 200, 9 } })
                           .source();
-    EXPECT_EQ(PartitionTable::read(*loop).entries.size(), 128u);
+    EXPECT_EQ(PartitionTable::read(*loop).entries.size(), 2u);
+}
+
+TEST(MBR, ListsWhatOtherSlotsOfAChainNameOnlyWhereAVolumeIs)
+{
+    const auto layout = PartitionTable::read(
+        *PartitionImage(1_MiB)
+             .mbr({ { 0x05, 100, 900 } })
+             .ebr(100, { { 0x05, 200, 9 }, { 0x07, 8, 50 }, { 0x06, 70, 9 }, { 0x0B, 90, 9 } })
+             .ebr(300, { { 0x06, 8, 50 }, {}, {}, { 0x85, 400, 9 } })
+             .ebr(500, { { 0x06, 8, 50 }, { 0x05, 600, 9 } }) // the link leads nowhere
+             .volume(108, ntfs)
+             .volume(190, fat12)
+             .volume(508, fat16)
+             .source());
+    EXPECT_EQ(entriesOf(layout),
+        (Texts { "1 MBR (logisk) Type 0x05 153600+4608  -",
+            "2 MBR (logisk) NTFS/exFAT 55296+25600  NTFS", "3 MBR (logisk) FAT32 97280+4608  FAT12",
+            "4 MBR (logisk) FAT16 260096+25600  FAT16" }));
+}
+
+TEST(MBR, CountsInOtherSectorsWhenOnlyThoseLeadToAVolume)
+{
+    const Slots slots { { 0x0C, 20, 9 }, { 0x05, 40, 99 } };
+    for (const std::uint32_t written : { 512u, 4096u }) {
+        auto image = PartitionImage(1_MiB, written).mbr(slots).ebr(40, { { 0x07, 2, 3 } });
+        const auto layout = PartitionTable::read(*image.volume(42, ntfs).source(4608 - written));
+        EXPECT_EQ(layout.entries.size(), 2u);
+        EXPECT_EQ(layout.entries.at(1).offset, 42 * written);
+        EXPECT_EQ(layout.entries.at(1).detected, ntfs);
+        EXPECT_EQ(layout.notes,
+            Texts { "Partitionstabellen er læst med sektorer på " + std::to_string(written)
+                + " byte; kun der giver den filsystemer." });
+    }
 }
 
 TEST(MBR, IsRefusedWhenItSaysNothing)
@@ -166,13 +199,24 @@ TEST(PartitionTable, AFileSystemOverTheWholeSourceGoesBeforeMBRAndAfterGPT)
         auto image = PartitionImage(1_MiB + 5);
         auto start = volumeStart(type); // with boot code that looks like a slot
         start[446 + 4] = 0x0C;
-        start[446 + 8] = start[446 + 12] = 1;
+        start[446 + 8] = start[446 + 12] = 20;
         store<std::uint16_t>(start, 510, 0xAA55);
         const auto layout = PartitionTable::read(*image.put(0, start).source());
         EXPECT_EQ(layout.scheme, "Ingen partitionstabel");
         EXPECT_EQ(entriesOf(layout),
             Texts { "1 Ingen Hele disken 0+1048581  " + std::string(displayName(type)) });
+        EXPECT_TRUE(layout.notes.empty());
+        // What the order hides is told.
+        const auto inSlot = PartitionTable::read(*image.volume(20, fat16).source());
+        EXPECT_EQ(inSlot.scheme, "Ingen partitionstabel");
+        EXPECT_EQ(inSlot.notes,
+            Texts { "Disken har også en partitionstabel med filsystemer (FAT16); de vises kun ved "
+                    "dyb scanning." });
         image.gpt({ { basicDataGUID, 100, 199 } }, { .tableLBA = 20 });
-        EXPECT_EQ(PartitionTable::read(*image.source()).scheme, "GPT");
+        const auto byGPT = PartitionTable::read(*image.source());
+        EXPECT_EQ(byGPT.scheme, "GPT");
+        EXPECT_EQ(byGPT.notes,
+            Texts { "Disken begynder også med et " + std::string(displayName(type))
+                + "-filsystem; det vises kun ved dyb scanning." });
     }
 }
