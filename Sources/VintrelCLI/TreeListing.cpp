@@ -6,6 +6,7 @@
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/Volume.h"
 
+#include <algorithm>
 #include <ostream>
 
 namespace {
@@ -13,9 +14,12 @@ namespace {
 /// A listing can have millions of lines; they leave in blocks of this many bytes.
 constexpr std::size_t blockSize = 65'536;
 
+/// What lies deeper is shown at this level: no screen is so wide.
+constexpr std::size_t maxIndentedLevel = 64;
+
 void appendNode(std::string& text, const FileNode& node, std::size_t depth)
 {
-    text.append(2 * depth, ' ').append(Unicode::escaped(node.name));
+    text.append(2 * std::min(depth, maxIndentedLevel), ' ').append(Unicode::escaped(node.name));
     if (node.isDirectory())
         text += '/';
     else

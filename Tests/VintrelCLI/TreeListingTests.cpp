@@ -20,3 +20,15 @@ TEST(TreeListing, LosesNoLineOfAListingOfManyBlocks)
     printTree(volume, out);
     EXPECT_EQ(out.str(), expected);
 }
+
+TEST(TreeListing, IndentsNoDeeperThanAScreenIsWide)
+{
+    Volume volume(
+        FileSystemType::fat32, "", 512, 0, FileNode::makeFolder("", EntryStatus::existing), "her");
+    auto* folder = volume.root.get();
+    for (int level = 1; level <= 200; ++level)
+        folder = &folder->add(FileNode::makeFolder("m", EntryStatus::existing));
+    std::ostringstream out;
+    printTree(volume, out);
+    EXPECT_TRUE(out.str().ends_with("\n" + std::string(128, ' ') + "m/\n"));
+}

@@ -16,12 +16,15 @@ namespace {
 constexpr int openFolder = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int createNew = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 
+/// So many folders stay open. A system that allows a process few files allows 256.
+constexpr std::size_t maxOpenFolders = 32;
+
 } // namespace
 
 Destination::Destination(FileDescriptor root)
     : root_(std::move(root))
-    , current_(&folders_.emplace_back())
 {
+    folders_.emplace_back();
 }
 
 SystemResult<FileDescriptor> Destination::makeRoot(std::string& path)
@@ -96,6 +99,7 @@ Destination::Folder& Destination::subfolder(Folder& parent, const std::string& w
         return *known->second;
     Folder& folder = folders_.emplace_back();
     folder.parent = &parent;
+    folder.level = parent.level + 1;
     folder.name = wanted;
     parent.folders.emplace(wanted, &folder);
     folder.error
@@ -126,32 +130,40 @@ auto Destination::createNumbered(Folder& folder, std::string& name, bool isDirec
 
 int Destination::descriptor() const
 {
-    return currentDescriptor_ ? currentDescriptor_.get() : root_.get();
+    return open_.empty() ? root_.get() : open_.back().descriptor.get();
+}
+
+const Destination::OpenFolder* Destination::findOpen(const Folder& folder) const
+{
+    if (open_.empty() || folder.level < open_.front().folder->level)
+        return nullptr;
+    const std::size_t index = folder.level - open_.front().folder->level;
+    return index < open_.size() && open_[index].folder == &folder ? &open_[index] : nullptr;
 }
 
 /// Makes the folder the one that `descriptor` stands for.
 SystemError Destination::open(Folder& folder)
 {
-    if (folder.error || &folder == current_)
+    if (folder.error)
         return folder.error;
-    // From the folder that is open, when it is the parent; else from the top.
     std::vector<const Folder*> way;
     const Folder* from = &folder;
-    for (; from != current_ && from->parent != nullptr; from = from->parent)
+    for (; from->parent != nullptr && findOpen(*from) == nullptr; from = from->parent)
         way.push_back(from);
-    if (from != current_)
-        currentDescriptor_.close();
-    current_ = from;
+    const std::size_t kept = from->parent == nullptr || open_.empty()
+        ? 0
+        : from->level - open_.front().folder->level + 1;
+    open_.erase(open_.begin() + static_cast<std::ptrdiff_t>(kept), open_.end());
     for (auto step = way.rbegin(); step != way.rend(); ++step) {
         FileDescriptor next(::openat(descriptor(), (*step)->name.c_str(), openFolder));
         if (!next) {
             const auto error = SystemError::last();
-            currentDescriptor_.close();
-            current_ = &folders_.front();
+            open_.clear();
             return error;
         }
-        currentDescriptor_ = std::move(next);
-        current_ = *step;
+        open_.push_back({ *step, std::move(next) });
+        if (open_.size() > maxOpenFolders)
+            open_.pop_front();
     }
     return {};
 }

@@ -3,6 +3,7 @@
 #include "VintrelCore/Foundation/FileDescriptor.h"
 #include "VintrelCore/Foundation/SystemResult.h"
 
+#include <cstddef>
 #include <deque>
 #include <string>
 #include <unordered_map>
@@ -18,6 +19,7 @@ public:
     /// with the depth of the tree.
     struct Folder {
         Folder* parent = nullptr; ///< none for the recovery folder itself
+        std::size_t level = 0;    ///< how many folders lie above it
         std::string name;         ///< as written
         SystemError error;        ///< why it could not be made; nothing can be put into it then
         std::unordered_map<std::string, Folder*> folders; ///< by the name that was wanted
@@ -57,9 +59,16 @@ private:
     int descriptor() const;
     SystemError open(Folder& folder);
 
+    struct OpenFolder {
+        const Folder* folder;
+        FileDescriptor descriptor;
+    };
+    const OpenFolder* findOpen(const Folder& folder) const;
+
     FileDescriptor root_;
     std::deque<Folder> folders_; // the first one is the recovery folder; addresses stay
     std::unordered_map<const FileNode*, Folder*> folderOfNode_;
-    const Folder* current_;
-    FileDescriptor currentDescriptor_; // of current_; none while that is the recovery folder
+    /// The folder that files are made in, the last one, and the nearest ones above it, so that
+    /// going to its neighbours does not begin at the top. Empty while it is the recovery folder.
+    std::deque<OpenFolder> open_;
 };
