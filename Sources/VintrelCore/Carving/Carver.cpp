@@ -38,6 +38,8 @@ constexpr Signature signatures[] = {
     { { 'F', 'U', 'J', 'I' }, all, image, Formats::raf },
     { { 'R', 'a', 'r', '!' }, all, archive, Formats::rar },
     { { 'R', 'I', 'F', 'F' }, all, std::nullopt, Formats::riff },
+    { { 'R', 'F', '6', '4' }, all, audio, Formats::wideRIFF },
+    { { 'B', 'W', '6', '4' }, all, audio, Formats::wideRIFF },
     { { 'F', 'O', 'R', 'M' }, all, audio, Formats::aiff },
     { { 0x1A, 0x45, 0xDF, 0xA3 }, all, std::nullopt, Formats::ebml },
     { { '%', 'P', 'D', 'F' }, all, document, Formats::pdf },
@@ -47,6 +49,7 @@ constexpr Signature signatures[] = {
     { { 'O', 'g', 'g', 'S' }, all, std::nullopt, Formats::ogg },
     { { 'P', 'K', 3, 4 }, all, std::nullopt, Formats::zip },
     { { 'I', 'D', '3', 0 }, firstThree, audio, Formats::mp3 },
+    { { 0xFF, 0xE0, 0, 0 }, { 0xFF, 0xE0, 0, 0 }, audio, Formats::mp3WithoutTag },
     { { '{', '\\', 'r', 't' }, all, document, Formats::rtf },
 };
 
@@ -66,19 +69,34 @@ bool matches(ByteView head, const Signature& signature)
     return true;
 }
 
+/// Whether a film of the years before "ftyp" may begin here.
+bool beginsQuickTime(ByteView head)
+{
+    const auto type = head.u32be(4);
+    switch (type) {
+    case 0x6D6F'6F76: // moov
+    case 0x6D64'6174: // mdat
+    case 0x7769'6465: // wide
+    case 0x6672'6565: // free
+    case 0x736B'6970: // skip
+    case 0x706E'6F74: // pnot
+        return true;
+    default:
+        return false;
+    }
+}
+
 constexpr std::size_t minHead = 32;
 
-/// The bytes that all candidates together may read in vain: so many, and so many times what the
-/// sweep itself has passed. Sound disks stay far below. It is the bound that keeps a disk full of
-/// beginnings without an end (planted or not) linear, whatever its kind of file; where it is used
-/// up a candidate gets only what its headers take, until the sweep has moved on. Searches for end
-/// marks do not count: no byte of the source is searched twice for the same one.
-constexpr std::uint64_t workAhead = 1'073'741'824;
+/// The bytes that all candidates together may read in vain: so many, or as many as the source has,
+/// and so many times what the sweep itself has passed. Sound disks stay far below. It is the bound
+/// that keeps a disk full of beginnings without an end (planted or not) linear, whatever its kind
+/// of file; where it is used up a candidate gets only what its headers take, until the sweep has
+/// moved on. Searches for end marks do not count: no byte of the source is searched twice for the
+/// same one.
+constexpr std::uint64_t leastWorkAhead = 1'073'741'824;
 constexpr std::uint64_t workPerByteSwept = 4;
 constexpr std::uint64_t minWork = 4096;
-
-/// Memory does not grow with the source.
-constexpr std::size_t maxZIPStarts = 262'144;
 
 } // namespace
 
@@ -100,9 +118,6 @@ Carver::~Carver() = default;
 void Carver::windowMoved(std::uint64_t offset)
 {
     reader_.windowMoved();
-    searches_->anywhere.windowMoved();
-    if (searches_->zipStarts.size() > maxZIPStarts) // it can be found out again
-        searches_->zipStarts.clear();
     for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds })
         search->windowMoved(offset);
 }
@@ -112,7 +127,8 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
     if (head.size() < minHead)
         return std::nullopt;
     const bool isISOMedia = head.matches("ftyp", 4);
-    if (!startsSignature[head.data()[0]] && !isISOMedia)
+    const bool isQuickTime = !isISOMedia && beginsQuickTime(head);
+    if (!startsSignature[head.data()[0]] && !isISOMedia && !isQuickTime)
         return std::nullopt;
 
     std::optional<CarvedFile> found;
@@ -123,6 +139,8 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
         found = tryFormat(signature->read, offset);
     if (!found && isISOMedia)
         found = tryFormat(Formats::isoBMFF, offset);
+    if (!found && isQuickTime)
+        found = tryFormat(Formats::quickTime, offset);
     if (found && !wants(found->ext))
         found.reset();
     return found;
@@ -132,14 +150,21 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
 /// may still cost.
 std::optional<CarvedFile> Carver::tryFormat(FormatReader read, std::uint64_t offset)
 {
-    const std::uint64_t allowed = workAhead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
+    const std::uint64_t ahead = std::max(leastWorkAhead, reader_.sourceSize());
+    const std::uint64_t allowed = ahead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
     reader_.moveTo(offset);
     reader_.limitWork(std::max(allowed - std::min(allowed, work_), minWork));
     auto found = read({ reader_, categories_, *searches_ });
     if (found && (reader_.isExhausted() || found->size == 0))
         found.reset();
-    // The sweep passes over a file that was found; what went beyond the limit is no debt.
-    if (!found || !found->exact || found->size > reader_.size())
+    if (found && found->size > reader_.size()) { // whatever the format says
+        found->size = reader_.size();
+        found->exact = false;
+        found->isProved = false;
+        found->isCut = true;
+    }
+    // The sweep passes over a file that was proved; what went beyond the limit is no debt.
+    if (!found || !found->isProved)
         work_ = std::min(work_ + reader_.work(), std::max(allowed, work_));
     return found;
 }

@@ -45,6 +45,8 @@ public:
 
     /// Byte offset of position 0 on the source.
     std::uint64_t start() const { return start_; }
+    /// Bytes from the start of the source to its end, or to the start when that lies beyond it.
+    std::uint64_t sourceSize() const { return start_ + size_; }
     /// Bytes from the start to the end of the source; 0 when the start lies beyond it.
     std::uint64_t size() const { return size_; }
 

@@ -22,6 +22,24 @@ std::string nameOf(const CarvedFile& file)
     return name;
 }
 
+Recoverability chanceOf(const CarvedFile& file)
+{
+    if (!file.exact)
+        return Recoverability::unknown;
+    return file.isInterrupted ? Recoverability::partial : Recoverability::good;
+}
+
+void addNotes(FileNode& node, const CarvedFile& file)
+{
+    if (!file.exact)
+        node.addNote("Størrelsen er anslået");
+    if (file.isCut)
+        node.addNote("Filen fortsætter ud over kildens ende");
+    if (file.isInterrupted)
+        node.addNote(file.isOpenEnded ? "Filen er afkortet, hvor en anden fil begynder"
+                                      : "En anden fil begynder inde i filen");
+}
+
 } // namespace
 
 std::unique_ptr<Volume> DeepScanner::carvedVolume(
@@ -35,12 +53,10 @@ std::unique_ptr<Volume> DeepScanner::carvedVolume(
             auto name = Text::upperCase(file.ext);
             folder = &root->add(FileNode::makeFolder(std::move(name), EntryStatus::carved));
         }
-        auto node = FileNode::makeFile(nameOf(file), file.size, EntryStatus::carved,
-            file.exact ? Recoverability::good : Recoverability::unknown,
+        auto node = FileNode::makeFile(nameOf(file), file.size, EntryStatus::carved, chanceOf(file),
             ExtentList { { .offset = file.offset, .length = file.size } });
         node->modified = file.date;
-        if (!file.exact)
-            node->addNote("Størrelsen er anslået");
+        addNotes(*node, file);
         folder->add(std::move(node));
     }
     root->sortChildren();

@@ -13,6 +13,40 @@ namespace {
 constexpr std::size_t sectorSize = SweptSector::size;
 constexpr std::size_t headSize = 64; // what the carver is shown
 
+/// The finds whose bodies were not proved and in which no other find has begun so far.
+class UnprovedFinds {
+public:
+    explicit UnprovedFinds(std::vector<CarvedFile>& files)
+        : files_(files)
+    {
+    }
+
+    void addLast()
+    {
+        if (!files_.back().isProved)
+            open_.push_back(files_.size() - 1);
+    }
+
+    /// Another find begins at `offset`, behind all others. Each find is looked at once here,
+    /// however many lie inside it, and those that it goes beyond are forgotten.
+    void interrupt(std::uint64_t offset)
+    {
+        for (const auto index : open_) {
+            auto& file = files_[index];
+            if (file.offset + file.size <= offset)
+                continue;
+            file.isInterrupted = true;
+            if (file.isOpenEnded)
+                file.size = offset - file.offset;
+        }
+        open_.clear();
+    }
+
+private:
+    std::vector<CarvedFile>& files_;
+    std::vector<std::size_t> open_; // their indices
+};
+
 } // namespace
 
 DeepScanResult DeepScanner::run(
@@ -28,7 +62,8 @@ DeepScanResult DeepScanner::run(
     SweepProgress progress(source_, onUpdate, Clock::now());
 
     std::uint64_t position = 0;
-    std::uint64_t carveFrom = 0; // what lies before is inside a file that was found
+    std::uint64_t carveFrom = 0; // what lies before is inside a file that was proved
+    UnprovedFinds unproved(result.carved);
     while (position < source_.size() && !isCancelled(reporter)) {
         const auto chunk = window.moveTo(position).span();
         if (carver)
@@ -43,11 +78,12 @@ DeepScanResult DeepScanner::run(
                 = carver->check(chunk.subspan(at, std::min(headSize, chunk.size() - at)), offset);
             if (!found)
                 continue;
-            // A length beyond the source is not to be believed: it must not hide all that follows.
-            if (found->exact && found->size <= source_.size() - offset)
+            if (found->isProved)
                 carveFrom = offset + found->size;
             progress.countFile(*found);
+            unproved.interrupt(offset);
             result.carved.push_back(std::move(*found));
+            unproved.addLast();
         }
         position += chunk.size();
         progress.report(result, position, Clock::now());

@@ -1,5 +1,6 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
 
+#include <algorithm>
 #include <bit>
 
 // RFC 8794 (EBML) and the Matroska specification: a header element, then one segment.
@@ -32,6 +33,32 @@ struct VariableInteger {
     }
 };
 
+/// What a segment consists of (Matroska, Top-Level Elements), and what may stand anywhere.
+constexpr std::uint32_t segmentElements[] = { 0x114D'9B74, 0x1549'A966, 0x1654'AE6B, 0x1F43'B675,
+    0x1C53'BB6B, 0x1941'A469, 0x1043'A770, 0x1254'C367, 0xEC, 0xBF };
+constexpr int maxElements = 10'000'000;
+
+/// The width of an element's identifier, whose leading bits are part of it; 0 when it is malformed.
+unsigned identifierWidth(std::uint8_t first)
+{
+    const auto width = static_cast<unsigned>(std::countl_zero(first)) + 1;
+    return width <= idSize ? width : 0;
+}
+
+/// Whether elements that belong into a segment fill it from `position` to its end.
+bool isProved(RandomReader& file, std::uint64_t position, std::uint64_t end)
+{
+    for (int count = 0; count < maxElements && position < end; ++count) {
+        const auto width = identifierWidth(file.u8(position));
+        const std::uint32_t id = width == 0 ? 0 : file.u32be(position) >> (32 - 8 * width);
+        const auto size = VariableInteger::at(file, position + width);
+        if (std::ranges::count(segmentElements, id) == 0 || !size || size->value > end - position)
+            return false;
+        position += width + size->width + size->value;
+    }
+    return position == end;
+}
+
 } // namespace
 
 Found ebml(const Candidate& candidate)
@@ -55,7 +82,9 @@ Found ebml(const Candidate& candidate)
         = ByteView(body)
               .firstIndex(ByteView(std::to_array<std::uint8_t>({ 'w', 'e', 'b', 'm' })), 0)
               .has_value();
-    return candidate.found(size, isWebM ? "webm" : "mkv");
+    auto found = candidate.found(size, isWebM ? "webm" : "mkv");
+    found.isProved = isProved(file, segment + idSize + segmentSize->width, size);
+    return found;
 }
 
 } // namespace Formats

@@ -7,25 +7,18 @@
 #include "VintrelCore/Model/CarvedFile.h"
 #include "VintrelCore/Model/FileTypes.h"
 
-#include <unordered_map>
-
 /// What the search for one candidate's end has found, for the candidates behind it.
 struct CarverSearches {
     CarverSearches(DiskSource& source, SweepWindow* window)
         : pdfStarts(source, window, "%PDF-")
         , pdfEnds(source, window, "%%EOF")
         , zipEnds(source, window, "PK\x05\x06")
-        , anywhere(source, 0, window)
     {
     }
 
     RememberedSearch pdfStarts;
     RememberedSearch pdfEnds;
     RememberedSearch zipEnds;
-    RandomReader anywhere; ///< reads what lies before a candidate
-    /// Where the archive verifiably begins that an end record belongs to; none when that cannot be
-    /// told.
-    std::unordered_map<std::uint64_t, std::optional<std::uint64_t>> zipStarts;
 };
 
 /// A place where a file may begin: what the format readers work with. Positions and sizes are in
@@ -39,6 +32,13 @@ struct Candidate {
     CarvedFile found(std::uint64_t size, std::string ext) const
     {
         return { .offset = file.start(), .size = size, .ext = std::move(ext) };
+    }
+    /// The same of a file whose body was followed to its end.
+    CarvedFile proved(std::uint64_t size, std::string ext) const
+    {
+        auto file = found(size, std::move(ext));
+        file.isProved = true;
+        return file;
     }
     /// The first match in [from, limit); none when there is none.
     std::optional<std::uint64_t> find(
@@ -66,6 +66,7 @@ Found bmp(const Candidate& candidate);
 Found tiff(const Candidate& candidate);
 Found raf(const Candidate& candidate);
 Found riff(const Candidate& candidate);
+Found wideRIFF(const Candidate& candidate);
 Found rar(const Candidate& candidate);
 Found aiff(const Candidate& candidate);
 Found zip(const Candidate& candidate);
@@ -76,8 +77,10 @@ Found ole(const Candidate& candidate);
 Found ebml(const Candidate& candidate);
 Found ogg(const Candidate& candidate);
 Found mp3(const Candidate& candidate);
+Found mp3WithoutTag(const Candidate& candidate);
 Found rtf(const Candidate& candidate);
 Found isoBMFF(const Candidate& candidate);
+Found quickTime(const Candidate& candidate);
 
 /// When a picture was taken, or else last changed, by the TIFF structure of its Exif data; the
 /// camera's clock is taken for local time. None when it does not say, or says what no calendar

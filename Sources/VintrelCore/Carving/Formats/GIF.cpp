@@ -73,7 +73,7 @@ Found gif(const Candidate& candidate)
             break;
         }
         case trailer:
-            return candidate.found(position + 1, "gif");
+            return candidate.proved(position + 1, "gif");
         default:
             return std::nullopt;
         }

@@ -1,4 +1,5 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/Formats/ISOBoxes.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -12,17 +13,9 @@ namespace {
 
 constexpr int maxBoxes = 100'000;
 constexpr int maxMovieBoxes = 1000; // within "moov"; its header is the first of them
-constexpr std::uint64_t boxSizeLimit = std::uint64_t { 1 } << 40;
 constexpr std::uint32_t minFirstBox = 12;
 constexpr std::uint32_t maxFirstBox = 4096;
 constexpr std::uint64_t from1904To1970 = 2'082'844'800;
-
-struct BoxHeader {
-    BE32 size;                        // 0  the whole box; 1: the 64 bits behind say it
-    std::array<std::uint8_t, 4> type; // 4
-    BE64 largeSize;                   // 8
-};
-static_assert(sizeof(BoxHeader) == 16 && offsetof(BoxHeader, largeSize) == 8);
 
 /// The beginning of a FileTypeBox.
 struct FileTypeBox {
@@ -47,38 +40,11 @@ struct MovieHeader {
 };
 static_assert(sizeof(MovieHeader) == 12 && offsetof(MovieHeader, created) == 4);
 
-bool isPrintable(std::uint8_t byte) { return byte >= 0x20 && byte <= 0x7E; }
-
-struct Box {
-    std::uint64_t size;
-    std::uint64_t headerSize;
-    std::array<std::uint8_t, 4> type;
-
-    bool is(std::string_view name) const { return ByteView(type).matches(name, 0); }
-
-    /// None where none begins, or one that would go beyond `end`.
-    static std::optional<Box> at(RandomReader& file, std::uint64_t position, std::uint64_t end)
-    {
-        const auto header = file.load<BoxHeader>(position);
-        const bool isLarge = header.size == 1;
-        const std::uint64_t size
-            = isLarge ? std::uint64_t { header.largeSize } : std::uint64_t { header.size };
-        const Box box { size, isLarge ? 16u : 8u, header.type };
-        const bool isNamed
-            = (isPrintable(box.type[0]) || box.type[0] == 0xA9) // A9: "©", on QuickTime's texts
-            && std::all_of(box.type.begin() + 1, box.type.end(), isPrintable);
-        if (position >= end || box.size < box.headerSize || box.size >= boxSizeLimit
-            || box.size > end - position || !isNamed)
-            return std::nullopt;
-        return box;
-    }
-};
-
 /// When the movie between `position` and `end`, the inside of a "moov" box, was made.
 std::optional<Date> movieDate(RandomReader& file, std::uint64_t position, std::uint64_t end)
 {
     for (int count = 0; count < maxMovieBoxes; ++count) {
-        const auto box = Box::at(file, position, end);
+        const auto box = ISOBox::at(file, position, end);
         if (!box)
             break;
         if (box->is("mvhd")) {
@@ -112,6 +78,66 @@ std::string extension(std::string_view brand, bool hasMovie)
     return hasMovie ? "mp4" : "heic";
 }
 
+/// What may follow in a file that has all it needs. Behind its end another file may begin whose
+/// first bytes pass for a box.
+bool mayFollow(const ISOBox& box)
+{
+    constexpr std::string_view names[] = { "moov", "mdat", "free", "skip", "wide", "meta", "moof",
+        "mfra", "sidx", "ssix", "styp", "prft", "uuid", "pdin", "pnot", "PICT", "udta", "emsg",
+        "meco", "imda", "junk", "thum", "mpvd", "sefd" };
+    return std::ranges::any_of(names, [&](std::string_view name) { return box.is(name); });
+}
+
+/// What a walk over the boxes of a whole file has met.
+struct Contents {
+    std::uint64_t end = 0;       ///< of the last box
+    ByteRange movie {};          ///< the inside of "moov"
+    std::vector<ByteRange> data; ///< the insides of the "mdat" boxes
+    bool hasMovie = false;
+    bool hasMeta = false;
+    bool hasFragments = false; ///< "moof" boxes, each of which describes the data behind it
+
+    bool isComplete() const { return !data.empty() && (hasMovie || hasMeta); }
+};
+
+Contents walkBoxes(RandomReader& file)
+{
+    Contents contents;
+    auto& position = contents.end;
+    for (int count = 0; count < maxBoxes; ++count) {
+        const auto box = ISOBox::at(file, position, file.size());
+        if (!box)
+            break;
+        // Another file may begin right behind this one, or what is left of one.
+        if ((count > 0 && box->is("ftyp")) || (contents.hasMovie && box->is("moov"))
+            || (contents.isComplete() && !mayFollow(*box)))
+            break;
+        const ByteRange inside { position + box->headerSize, position + box->size };
+        if (box->is("moov")) {
+            contents.hasMovie = true;
+            contents.movie = inside;
+        }
+        if (box->is("mdat"))
+            contents.data.push_back(inside);
+        contents.hasMeta |= box->is("meta");
+        contents.hasFragments |= box->is("moof");
+        position += box->size;
+    }
+    return contents;
+}
+
+Found fileOf(const Candidate& candidate, const Contents& contents, std::string ext)
+{
+    auto& file = candidate.file;
+    auto found = candidate.found(contents.end, std::move(ext));
+    if (contents.hasMovie) {
+        found.date = movieDate(file, contents.movie.start, contents.movie.end);
+        found.isProved
+            = contents.hasFragments || areSamplesInPlace(file, contents.movie, contents.data);
+    }
+    return found;
+}
+
 } // namespace
 
 Found isoBMFF(const Candidate& candidate)
@@ -119,34 +145,28 @@ Found isoBMFF(const Candidate& candidate)
     auto& file = candidate.file;
     const auto first = file.load<FileTypeBox>(0);
     if (first.size < minFirstBox || first.size > maxFirstBox
-        || !std::ranges::all_of(first.brand, isPrintable))
+        || !std::ranges::all_of(first.brand, isPrintableInBox))
         return std::nullopt;
+    const auto contents = walkBoxes(file);
+    if (!contents.isComplete())
+        return std::nullopt;
+    return fileOf(
+        candidate, contents, extension(ByteView(first.brand).ascii(0, 4), contents.hasMovie));
+}
 
-    bool hasMovie = false;
-    bool hasMeta = false;
-    bool hasData = false;
-    std::optional<Date> date;
-    std::uint64_t position = 0;
-    for (int count = 0; count < maxBoxes; ++count) {
-        const auto box = Box::at(file, position, file.size());
-        if (!box)
-            break;
-        // Another file may begin right behind this one, or what is left of one.
-        if ((count > 0 && box->is("ftyp")) || (hasMovie && box->is("moov")))
-            break;
-        if (box->is("moov")) {
-            hasMovie = true;
-            date = movieDate(file, position + box->headerSize, position + box->size);
-        }
-        hasMeta |= box->is("meta");
-        hasData |= box->is("mdat");
-        position += box->size;
-    }
-    if (!hasData || (!hasMovie && !hasMeta))
+/// QuickTime films of the time before "ftyp": only whole ones, since their first box says little.
+Found quickTime(const Candidate& candidate)
+{
+    auto& file = candidate.file;
+    const auto first = ISOBox::at(file, 0, file.size());
+    const auto second = first ? ISOBox::at(file, first->size, file.size()) : std::nullopt;
+    if (!second || !mayFollow(*first) || !mayFollow(*second))
         return std::nullopt;
-    auto found = candidate.found(position, extension(ByteView(first.brand).ascii(0, 4), hasMovie));
-    found.date = date;
-    return found;
+    const auto contents = walkBoxes(file);
+    if (!contents.hasMovie || contents.data.empty())
+        return std::nullopt;
+    auto found = fileOf(candidate, contents, "mov");
+    return found && found->isProved ? found : std::nullopt;
 }
 
 } // namespace Formats

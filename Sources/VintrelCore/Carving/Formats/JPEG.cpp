@@ -65,7 +65,7 @@ Found jpeg(const Candidate& candidate)
         if (marker == endOfImage) {
             if (!hasFrame || !hasScan)
                 return std::nullopt;
-            auto found = candidate.found(position, "jpg");
+            auto found = candidate.proved(position, "jpg");
             found.date = date;
             return found;
         }

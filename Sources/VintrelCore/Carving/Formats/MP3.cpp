@@ -12,8 +12,7 @@ namespace {
 
 constexpr std::uint64_t limit = 1'073'741'824;
 constexpr std::uint64_t maxPadding
-    = 65'536;                // between the tag and the first frame; taggers leave a few KB
-constexpr int minFrames = 3; // fewer may be chance
+    = 65'536; // between the tag and the first frame; taggers leave a few KB
 constexpr std::uint32_t minFrameLength = 24;
 
 /// What a frame's header says, as far as it decides where the next one lies.
@@ -117,22 +116,34 @@ std::uint64_t behindZeros(RandomReader& file, std::uint64_t position, std::uint6
     return position;
 }
 
-} // namespace
+/// Whether sound of another kind goes on at `position`, as where two files were joined: between two
+/// runs that are each too long for chance.
+bool isJoint(RandomReader& file, std::uint64_t position, int framesBefore)
+{
+    constexpr int minRun = 8;
+    if (framesBefore < minRun)
+        return false;
+    std::optional<std::uint32_t> kind;
+    for (int count = 0; count < minRun; ++count) {
+        const auto frame = mpegFrameLength(file.u32be(position));
+        if (!frame || (kind && frame->kind != *kind))
+            return false;
+        kind = frame->kind;
+        position += frame->length;
+    }
+    return true;
+}
 
-Found mp3(const Candidate& candidate)
+/// The file whose first frame lies at `position`; none with fewer frames than asked for.
+Found withFrames(const Candidate& candidate, std::uint64_t position, int minFrames)
 {
     constexpr std::uint64_t endTagSize = 128;
     auto& file = candidate.file;
-    const auto tag = tagSize(file);
-    if (!tag)
-        return std::nullopt;
-    std::uint64_t position = behindZeros(file, *tag, *tag + maxPadding);
-
     int frames = 0;
     std::optional<std::uint32_t> kind;
     while (position < limit && candidate.fits(position + 4)) {
         const auto frame = mpegFrameLength(file.u32be(position));
-        if (!frame || (kind && frame->kind != *kind))
+        if (!frame || (kind && frame->kind != *kind && !isJoint(file, position, frames)))
             break;
         kind = frame->kind;
         position += frame->length;
@@ -142,7 +153,24 @@ Found mp3(const Candidate& candidate)
         return std::nullopt;
     if (candidate.fits(position + endTagSize) && file.matches(position, "TAG"))
         position += endTagSize;
-    return candidate.found(position, "mp3");
+    return candidate.proved(position, "mp3");
+}
+
+} // namespace
+
+Found mp3(const Candidate& candidate)
+{
+    constexpr int minFrames = 3; // fewer may be chance
+    auto& file = candidate.file;
+    const auto tag = tagSize(file);
+    return tag ? withFrames(candidate, behindZeros(file, *tag, *tag + maxPadding), minFrames)
+               : std::nullopt;
+}
+
+Found mp3WithoutTag(const Candidate& candidate)
+{
+    constexpr int minFrames = 40; // about a second: pieces of films hold shorter runs
+    return withFrames(candidate, 0, minFrames);
 }
 
 } // namespace Formats

@@ -206,7 +206,7 @@ Found ole(const Candidate& candidate)
     if (!size || *size < minSize || !candidate.fits(*size))
         return std::nullopt;
     const auto* const ext = compound->extension();
-    return ext != nullptr ? candidate.found(*size, ext) : Found();
+    return ext != nullptr ? candidate.proved(*size, ext) : Found();
 }
 
 } // namespace Formats

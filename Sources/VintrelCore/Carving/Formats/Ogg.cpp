@@ -68,7 +68,7 @@ Found ogg(const Candidate& candidate)
         if ((header.flags & endsStream) != 0)
             std::erase(open, stream);
         if (open.empty())
-            return candidate.found(position, extension(file));
+            return candidate.proved(position, extension(file));
     }
     return std::nullopt;
 }

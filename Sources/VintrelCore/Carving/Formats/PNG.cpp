@@ -43,7 +43,7 @@ Found png(const Candidate& candidate)
             return std::nullopt;
         position += sizeof(Chunk) + chunk.length + checksumSize;
         if (chunk.is("IEND"))
-            return candidate.found(position, "png");
+            return candidate.proved(position, "png");
     }
     return std::nullopt;
 }

@@ -30,7 +30,10 @@ Found raf(const Candidate& candidate)
     }
     if (size < minSize)
         return std::nullopt;
-    return candidate.found(size, "raf");
+    auto found = candidate.found(size, "raf");
+    const std::uint64_t preview = file.load<Parts>(partsOffset).all.front().offset;
+    found.isProved = candidate.fits(size) && file.matches(preview, "\xFF\xD8\xFF");
+    return found;
 }
 
 } // namespace Formats

@@ -53,7 +53,7 @@ Found version4(const Candidate& candidate)
             return std::nullopt;
         position += block.headerSize + dataSize;
         if (block.type == endType4)
-            return candidate.found(position, "rar");
+            return candidate.proved(position, "rar");
     }
     return std::nullopt;
 }
@@ -99,7 +99,7 @@ Found version5(const Candidate& candidate)
             return std::nullopt;
         position = header + *headerSize + *dataSize;
         if (*type == endType5)
-            return candidate.found(position, "rar");
+            return candidate.proved(position, "rar");
     }
     return std::nullopt;
 }

@@ -48,7 +48,7 @@ Found rtf(const Candidate& candidate)
             else if (byte == '{')
                 ++depth;
             else if (--depth == 0)
-                return candidate.found(position + at + 1, "rtf");
+                return candidate.proved(position + at + 1, "rtf");
         }
         position += at; // beyond the piece where its last byte escapes the next one
     }

@@ -20,6 +20,18 @@ struct Header {
 };
 static_assert(sizeof(Header) == 96 && offsetof(Header, validFor) == 92);
 
+/// What a page can begin with: the kind of a B-tree page, the number of the next page of a chain,
+/// or a type of the pointer map. Pages that were freed keep what they were.
+bool mayBeginPage(std::uint8_t byte) { return byte <= 5 || byte == 10 || byte == 13; }
+
+bool isProved(RandomReader& file, std::uint64_t pageSize, std::uint64_t size)
+{
+    for (std::uint64_t page = pageSize; page < size && !file.isExhausted(); page += pageSize)
+        if (!mayBeginPage(file.u8(page)))
+            return false;
+    return true;
+}
+
 } // namespace
 
 Found sqlite(const Candidate& candidate)
@@ -35,7 +47,9 @@ Found sqlite(const Candidate& candidate)
     const std::uint64_t size = std::uint64_t { pageSize } * header.pageCount;
     if (!candidate.fits(size))
         return std::nullopt;
-    return candidate.found(size, "sqlite");
+    auto found = candidate.found(size, "sqlite");
+    found.isProved = isProved(candidate.file, pageSize, size);
+    return found;
 }
 
 } // namespace Formats

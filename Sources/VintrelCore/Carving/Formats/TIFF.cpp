@@ -132,6 +132,14 @@ public:
     /// The end of everything that a reader of the file looks at.
     std::uint64_t end() const { return std::max(dataEnd_, structureEnd_); }
 
+    /// Whether more than the first sectors is as it was: the previews begin as such, or directories
+    /// lie behind the pictures that they describe. Pixels alone tell nothing.
+    bool isProved() const
+    {
+        return end() <= file_.size() && !hasFalsePreview_
+            && (hasPreview_ || lastDirectory_ > firstData_);
+    }
+
     const char* extension() const
     {
         const auto maker = Text::upperCase(maker_);
@@ -182,8 +190,10 @@ private:
 
     void addData(std::uint64_t offset, std::uint64_t length)
     {
-        if (offset != 0 && length != 0 && offset + length < endLimit)
-            dataEnd_ = std::max(dataEnd_, offset + length);
+        if (offset == 0 || length == 0 || offset + length >= endLimit)
+            return;
+        firstData_ = std::min(firstData_, offset);
+        dataEnd_ = std::max(dataEnd_, offset + length);
     }
 
     void addStructure(std::uint64_t end)
@@ -218,6 +228,7 @@ private:
         if (count < 1 || count > maxEntries || end > file_.size())
             return false;
         addStructure(end);
+        lastDirectory_ = std::max(lastDirectory_, start);
         DataEntries data;
         for (unsigned i = 0; i < count; ++i) {
             const auto entry = readEntry(start + tiffCountSize + i * tiffFieldSize);
@@ -263,6 +274,11 @@ private:
         addPieces(data.strips, data.stripLengths);
         addPieces(data.tiles, data.tileLengths);
         addPieces(data.preview, data.previewSize);
+        if (data.preview && data.previewSize) {
+            const bool isJPEG = file_.matches(value(*data.preview, 0), "\xFF\xD8");
+            hasPreview_ |= isJPEG;
+            hasFalsePreview_ |= !isJPEG;
+        }
         if (marker_ == panasonicMarker && data.rawData && data.strips
             && value(*data.strips, 0) == noStripOffset)
             addData(value(*data.rawData, 0), data.stripLengths ? value(*data.stripLengths, 0) : 0);
@@ -286,6 +302,10 @@ private:
     std::unordered_set<std::uint64_t> seen_; // directories that point at each other are read once
     std::uint64_t dataEnd_ = 0;
     std::uint64_t structureEnd_ = 0;
+    std::uint64_t firstData_ = endLimit;
+    std::uint64_t lastDirectory_ = 0;
+    bool hasPreview_ = false;
+    bool hasFalsePreview_ = false;
     std::string maker_;
     bool isDNG_ = false;
 };
@@ -300,7 +320,9 @@ Found tiff(const Candidate& candidate)
         candidate.file, isLittle, isLittle ? candidate.file.u8(markerOffset) : plainMarker);
     if (!directories.follow() || !directories.hasImage() || directories.dataEnd() < minDataEnd)
         return std::nullopt;
-    return candidate.found(directories.end(), directories.extension());
+    auto found = candidate.found(directories.end(), directories.extension());
+    found.isProved = directories.isProved();
+    return found;
 }
 
 } // namespace Formats

@@ -41,7 +41,13 @@ struct CentralHeader {
     LE16 nameLength;                      // 28
     LE16 extraLength;                     // 30
     LE16 commentLength;                   // 32
-    std::array<std::uint8_t, 12> unused2; // 34
+    std::array<std::uint8_t, 8> unused2;  // 34
+    LE32 localOffset;                     // 42  from the start of the archive
+
+    std::uint64_t length() const
+    {
+        return sizeof(CentralHeader) + nameLength + extraLength + commentLength;
+    }
 };
 static_assert(sizeof(CentralHeader) == 46 && offsetof(CentralHeader, commentLength) == 32);
 
@@ -60,9 +66,10 @@ static_assert(sizeof(EndRecord) == 22 && offsetof(EndRecord, commentLength) == 2
 struct Zip64EndRecord {
     LE32 signature;                      //  0
     LE64 size;                           //  4  of what follows this field
-    std::array<std::uint8_t, 44> unused; // 12
+    std::array<std::uint8_t, 36> unused; // 12
+    LE64 directoryOffset;                // 48  from the start of the archive
 };
-static_assert(sizeof(Zip64EndRecord) == 56 && offsetof(Zip64EndRecord, size) == 4);
+static_assert(sizeof(Zip64EndRecord) == 56 && offsetof(Zip64EndRecord, directoryOffset) == 48);
 
 struct Zip64Locator {
     LE32 signature;    //  0
@@ -79,6 +86,7 @@ constexpr std::uint32_t inZip64 = 0xFFFF'FFFF;
 /// Where a walk from record to record stopped, and whether that was behind the end record.
 struct RecordWalk {
     std::uint64_t position = 0;
+    std::uint64_t directory = 0; ///< where the central directory begins; 0 when it was not met
     bool isComplete = false;
 };
 
@@ -97,9 +105,9 @@ RecordWalk walkRecords(RandomReader& file)
             break;
         }
         case centralSignature: {
-            const auto header = file.load<CentralHeader>(position);
-            position
-                += sizeof header + header.nameLength + header.extraLength + header.commentLength;
+            if (walk.directory == 0)
+                walk.directory = position;
+            position += file.load<CentralHeader>(position).length();
             break;
         }
         case zip64EndSignature: {
@@ -123,54 +131,81 @@ RecordWalk walkRecords(RandomReader& file)
     return walk;
 }
 
-/// How far the end record at `position` claims to lie behind the archive's start; none when it does
-/// not say.
-std::optional<std::uint64_t> claimedDistance(RandomReader& file, std::uint64_t position)
+/// What an end record says of its archive; how far it lies behind the archive's start, and how far
+/// the central directory does.
+struct EndClaim {
+    std::uint64_t distance;
+    std::uint64_t directory;
+};
+
+/// None when the end record at `position` does not say.
+std::optional<EndClaim> claimOf(RandomReader& file, std::uint64_t position)
 {
     const auto record = file.load<EndRecord>(position);
-    if (record.directoryOffset != inZip64 && record.directorySize != inZip64)
-        return std::uint64_t { record.directorySize } + record.directoryOffset;
+    const std::uint64_t directory = record.directoryOffset;
+    if (directory != inZip64 && record.directorySize != inZip64)
+        return EndClaim { directory + record.directorySize, directory };
     constexpr std::uint64_t recordDistance = sizeof(Zip64Locator) + sizeof(Zip64EndRecord);
-    if (position < recordDistance || file.u32le(position - recordDistance) != zip64EndSignature)
+    if (position < recordDistance)
         return std::nullopt;
+    const auto wide = file.load<Zip64EndRecord>(position - recordDistance);
     const auto locator = file.load<Zip64Locator>(position - sizeof(Zip64Locator));
-    if (locator.signature != zip64LocatorSignature || locator.recordOffset > maxSize)
+    if (wide.signature != zip64EndSignature || locator.signature != zip64LocatorSignature
+        || locator.recordOffset > maxSize)
         return std::nullopt;
-    return locator.recordOffset + recordDistance;
+    return EndClaim { locator.recordOffset + recordDistance, wide.directoryOffset };
 }
 
-/// Where the archive begins that ends with the end record at `position`; none unless a local header
-/// lies there.
-std::optional<std::uint64_t> archiveStart(const Candidate& candidate, std::uint64_t position)
-{
-    auto& file = candidate.file;
-    const std::uint64_t end = file.start() + position;
-    const auto [known, isNew] = candidate.searches.zipStarts.try_emplace(end);
-    if (!isNew)
-        return known->second;
-    const auto distance = claimedDistance(file, position);
-    if (!distance || *distance > end)
-        return std::nullopt;
-    if (candidate.searches.anywhere.u32le(end - *distance) == localSignature)
-        known->second = end - *distance;
-    return known->second;
-}
+/// Where an archive ends, and where its central directory lies; 0 when that is not known.
+struct ArchiveEnd {
+    std::uint64_t size;
+    std::uint64_t directory;
+};
 
-/// The end of the archive by the first end record from `position` on that does not verifiably
-/// belong to another one.
-std::optional<std::uint64_t> searchEnd(const Candidate& candidate, std::uint64_t position)
+/// The end by the first end record from `position` on that is this archive's by its own claim, or
+/// that claims nothing at all. One that claims another start is another archive's.
+std::optional<ArchiveEnd> searchEnd(const Candidate& candidate, std::uint64_t position)
 {
     auto& file = candidate.file;
     const std::uint64_t limit = position + maxSearch;
     while (const auto mark = candidate.find(candidate.searches.zipEnds, position, limit)) {
         if (file.isExhausted())
             break;
-        const auto start = archiveStart(candidate, *mark);
-        if (!start || *start == file.start())
-            return *mark + sizeof(EndRecord) + file.load<EndRecord>(*mark).commentLength;
+        const auto claim = claimOf(file, *mark);
+        if (!claim || claim->distance == *mark)
+            return ArchiveEnd { *mark + sizeof(EndRecord)
+                    + file.load<EndRecord>(*mark).commentLength,
+                claim ? claim->directory : 0 };
         position = *mark + 1;
     }
     return std::nullopt;
+}
+
+/// Calls `visit(header, name's position)` for the entries of the central directory at `position`,
+/// as long as it returns true. False when it did not, and when there is no entry.
+template <class Visit>
+bool forEachEntry(RandomReader& file, std::uint64_t position, std::uint64_t end, Visit visit)
+{
+    int count = 0;
+    for (; count < maxRecords && position < end; ++count) {
+        const auto header = file.load<CentralHeader>(position);
+        if (header.signature != centralSignature)
+            break;
+        if (!visit(header, position + sizeof header))
+            return false;
+        position += header.length();
+    }
+    return count > 0;
+}
+
+/// Whether every entry of the central directory still has its own record.
+bool isProved(RandomReader& file, const ArchiveEnd& end)
+{
+    return end.directory != 0
+        && forEachEntry(file, end.directory, end.size, [&](const CentralHeader& header, auto) {
+               return header.localOffset == inZip64
+                   || file.u32le(header.localOffset) == localSignature;
+           });
 }
 
 /// The kind of an archive whose first file is the "mimetype" of the open document formats.
@@ -218,15 +253,35 @@ std::size_t firstNamedKind(ByteView bytes)
     return first;
 }
 
-const char* kindOf(RandomReader& file, std::uint64_t size)
+/// The kind by the archive's own directory, which names nothing of the archives that lie inside it;
+/// none when it cannot be read.
+const char* kindByDirectory(RandomReader& file, const ArchiveEnd& end)
+{
+    auto first = std::size(namedKinds);
+    const bool isRead = end.directory != 0
+        && forEachEntry(
+            file, end.directory, end.size, [&](const CentralHeader&, std::uint64_t name) {
+                for (std::size_t kind = 0; kind < first; ++kind)
+                    if (file.matches(name, namedKinds[kind].name))
+                        first = kind;
+                return !file.isExhausted();
+            });
+    if (!isRead)
+        return nullptr;
+    return first < std::size(namedKinds) ? namedKinds[first].ext : "zip";
+}
+
+const char* kindOf(RandomReader& file, const ArchiveEnd& end)
 {
     constexpr std::string_view mimetype = "mimetype";
     const auto first = file.load<LocalHeader>(0);
     if (first.nameLength == mimetype.size() && file.matches(sizeof(LocalHeader), mimetype))
         return kindOfMimetype(file, first);
-    const auto region = static_cast<std::size_t>(std::min<std::uint64_t>(size, namesRegion));
-    const auto kind = std::min(
-        firstNamedKind(file.bytes(0, region)), firstNamedKind(file.bytes(size - region, region)));
+    if (const auto* const kind = kindByDirectory(file, end))
+        return kind;
+    const auto region = static_cast<std::size_t>(std::min<std::uint64_t>(end.size, namesRegion));
+    const auto kind = std::min(firstNamedKind(file.bytes(0, region)),
+        firstNamedKind(file.bytes(end.size - region, region)));
     return kind < std::size(namedKinds) ? namedKinds[kind].ext : "zip";
 }
 
@@ -236,15 +291,17 @@ Found zip(const Candidate& candidate)
 {
     auto& file = candidate.file;
     const auto walk = walkRecords(file);
-    const auto size
-        = walk.isComplete ? std::optional(walk.position) : searchEnd(candidate, walk.position);
-    if (!size || *size > maxSize)
+    const auto end = walk.isComplete ? std::optional(ArchiveEnd { walk.position, walk.directory })
+                                     : searchEnd(candidate, walk.position);
+    if (!end || end->size > maxSize)
         return std::nullopt;
-    const std::string_view ext = kindOf(file, *size);
+    const std::string_view ext = kindOf(file, *end);
     const bool isArchive = ext == "zip" || ext == "jar";
     if (!candidate.categories.contains(isArchive ? FileCategory::archive : FileCategory::document))
         return std::nullopt;
-    return candidate.found(*size, std::string(ext));
+    auto found = candidate.found(end->size, std::string(ext));
+    found.isProved = isProved(file, *end);
+    return found;
 }
 
 } // namespace Formats
