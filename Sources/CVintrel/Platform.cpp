@@ -75,6 +75,14 @@ int flush(int descriptor) { return ::fsync(descriptor) == 0 ? 0 : errno; }
 
 #endif
 
+std::uint64_t nextStored(int descriptor, std::uint64_t offset, std::uint64_t size)
+{
+    const off_t next = ::lseek(descriptor, static_cast<off_t>(offset), SEEK_DATA);
+    if (next >= 0)
+        return static_cast<std::uint64_t>(next);
+    return errno == ENXIO ? size : offset; // ENXIO: a hole up to the end
+}
+
 #ifdef __linux__
 
 int flushFileSystem(int descriptor) { return ::syncfs(descriptor) == 0 ? 0 : errno; }

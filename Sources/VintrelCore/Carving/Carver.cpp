@@ -97,6 +97,7 @@ constexpr std::size_t minHead = 32;
 constexpr std::uint64_t leastWorkAhead = 1'073'741'824;
 constexpr std::uint64_t workPerByteSwept = 4;
 constexpr std::uint64_t minWork = 4096;
+constexpr std::uint64_t workOfFind = 4096;
 
 } // namespace
 
@@ -155,6 +156,7 @@ std::optional<CarvedFile> Carver::tryFormat(FormatReader read, std::uint64_t off
     reader_.moveTo(offset);
     reader_.limitWork(std::max(allowed - std::min(allowed, work_), minWork));
     auto found = read({ reader_, categories_, *searches_ });
+    hasRunOut_ |= reader_.isExhausted();
     if (found && (reader_.isExhausted() || found->size == 0))
         found.reset();
     if (found && found->size > reader_.size()) { // whatever the format says
@@ -163,9 +165,12 @@ std::optional<CarvedFile> Carver::tryFormat(FormatReader read, std::uint64_t off
         found->isProved = false;
         found->isCut = true;
     }
-    // The sweep passes over a file that was proved; what went beyond the limit is no debt.
+    // The sweep passes over a file that was proved; what went beyond the limit is no debt. Small
+    // files are no vain work even where their ends are estimates.
+    const std::uint64_t credit = found ? workOfFind : 0;
     if (!found || !found->isProved)
-        work_ = std::min(work_ + reader_.work(), std::max(allowed, work_));
+        work_ = std::min(
+            work_ + reader_.work() - std::min(reader_.work(), credit), std::max(allowed, work_));
     return found;
 }
 
@@ -174,5 +179,8 @@ bool Carver::wants(std::string_view extension) const
     if (categories_.contains(categoryOf("x." + std::string(extension))))
         return true;
     // Listed among other files, yet carved as documents.
-    return categories_.contains(document) && (extension == "sqlite" || extension == "msg");
+    constexpr std::string_view others[]
+        = { "sqlite", "msg", "db", "msi", "automaticdestinations-ms" };
+    return categories_.contains(document)
+        && std::ranges::find(others, extension) != std::end(others);
 }

@@ -50,6 +50,9 @@ public:
     /// Whether files with this extension belong to the categories.
     bool wants(std::string_view extension) const;
 
+    /// Whether a candidate was given up because all of them together had cost too much.
+    bool hasRunOut() const { return hasRunOut_; }
+
     /// To be told whenever the window has moved, to `offset`. No candidate comes from before that.
     void windowMoved(std::uint64_t offset);
 
@@ -61,5 +64,6 @@ private:
     std::set<FileCategory> categories_;
     RandomReader reader_;
     std::unique_ptr<CarverSearches> searches_;
+    bool hasRunOut_ = false;
     std::uint64_t work_ = 0; ///< of the candidates that were no files, as RandomReader counts it
 };

@@ -3,6 +3,8 @@
 #include "VintrelCore/Foundation/AlignedBuffer.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
+#include <CVintrel/Platform.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -166,6 +168,17 @@ void DiskSource::addSimulatedBadRange(ByteRange range)
         range.end = std::max(range.end, std::prev(last)->end);
     }
     ranges.insert(ranges.erase(first, last), range);
+}
+
+std::uint64_t DiskSource::nextData(std::uint64_t offset) const
+{
+    const CVintrel::MutexLock guard(lock_);
+    if (isDevice_ || closed_ || offset >= size_)
+        return std::min(offset, size_);
+    const auto stored = CVintrel::nextStored(descriptor_.get(), offset, size_);
+    const auto bad = std::ranges::upper_bound(simulatedBadRanges_, offset, {}, &ByteRange::end);
+    return bad == simulatedBadRanges_.end() ? stored
+                                            : std::min(stored, std::max(offset, bad->start));
 }
 
 bool DiskSource::isFile(const struct ::stat& status) const

@@ -79,6 +79,10 @@ public:
     /// whole sectors.
     std::uint64_t readInto(std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode);
 
+    /// Where the next byte at or behind `offset` lies that may be anything but a readable zero: image
+    /// files have holes that need not be read. The size when there is none. Only image files say.
+    std::uint64_t nextData(std::uint64_t offset) const;
+
     /// One exact read without any recovery. True when every byte was delivered; those past the end
     /// are zero and count as delivered. On a device offset and count are whole sectors.
     bool tryRead(std::uint64_t offset, std::span<std::uint8_t> buffer);

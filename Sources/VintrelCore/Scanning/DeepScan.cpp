@@ -3,6 +3,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Disk/SweepWindow.h"
 #include "VintrelCore/FileSystems/StructureFinder.h"
+#include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Model/WorkProgress.h"
 #include "VintrelCore/Scanning/SweepProgress.h"
 
@@ -65,6 +66,11 @@ DeepScanResult DeepScanner::run(
     std::uint64_t carveFrom = 0; // what lies before is inside a file that was proved
     UnprovedFinds unproved(result.carved);
     while (position < source_.size() && !isCancelled(reporter)) {
+        // Zeros are no structure and no beginning of a file.
+        position
+            = std::max(position, roundDown(source_.nextData(position), SweepWindow::chunkSize));
+        if (position >= source_.size())
+            break;
         const auto chunk = window.moveTo(position).span();
         if (carver)
             carver->windowMoved(position);
@@ -88,6 +94,7 @@ DeepScanResult DeepScanner::run(
         position += chunk.size();
         progress.report(result, position, Clock::now());
     }
+    result.carvingRanOut = carver && carver->hasRunOut();
     result.completed = position >= source_.size();
     result.scannedUpTo = position;
     progress.report(result, position, Clock::now(), true);

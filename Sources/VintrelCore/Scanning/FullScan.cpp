@@ -34,5 +34,8 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     Overlay::judge(source, all.first(knownCount), all.subspan(knownCount));
     if (!finds.carved.empty())
         volumes.push_back(DeepScanner::carvedVolume(source, finds.carved));
+    if (!finds.carved.empty() && finds.carvingRanOut)
+        volumes.back()->notes.emplace_back("Søgningen blev afkortet, fordi der var for mange filer "
+                                           "uden slutning: filer kan mangle.");
     return volumes;
 }

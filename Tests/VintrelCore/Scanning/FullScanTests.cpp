@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -104,6 +105,8 @@ TEST(FullScan, EndsSoonAfterItIsCancelled)
     const auto path = folder / "stor.img";
     writeFile(path, {});
     std::filesystem::resize_file(path, 2'048_MiB);
+    for (std::fstream file(path); file.good() && file.tellp() < std::streamoff(2'044_MiB);)
+        file.seekp(4'194'303, std::ios::cur).put(' '); // a hole is passed over at once
     const auto source = SourceOpener::openImage(path);
     WorkProgress progress;
     DeepScanResult finds;

@@ -28,4 +28,9 @@ int flushFileSystem(int descriptor);
 /// so that a later flush finds little left to do. Does nothing where the system begins by itself.
 void startFlushing(int descriptor, std::uint64_t offset, std::uint64_t count);
 
+/// The first byte of an open file at or behind `offset` that is stored, in bytes; what lies before
+/// it is a hole. `size`, the file's, when nothing is stored there, and `offset` where the file
+/// system keeps no holes.
+std::uint64_t nextStored(int descriptor, std::uint64_t offset, std::uint64_t size);
+
 } // namespace CVintrel

@@ -56,6 +56,16 @@ std::string nameOf(const DirectoryEntry& entry)
     return ByteView(entry.name).utf16le(0, units);
 }
 
+/// How the names of tables begin in an installer package, whose names are packed two letters to a
+/// character.
+constexpr std::string_view installerTable = "\u4840";
+
+bool isNumber(const std::string& name)
+{
+    return !name.empty()
+        && std::ranges::all_of(name, [](char letter) { return letter >= '0' && letter <= '9'; });
+}
+
 class CompoundFile {
 public:
     /// None when the header, or the list of its table's sectors, cannot be true.
@@ -183,9 +193,19 @@ private:
             return "xls";
         if (has("PowerPoint Document"))
             return "ppt";
-        if (std::ranges::any_of(
-                names, [](const auto& name) { return name.starts_with("__substg1.0_"); }))
+        const auto anyBegins = [&](std::string_view prefix) {
+            return std::ranges::any_of(
+                names, [&](const auto& name) { return name.starts_with(prefix); });
+        };
+        if (anyBegins("__substg1.0_"))
             return "msg";
+        // What systems keep for themselves in the same form, and nobody's document.
+        if (has("DestList"))
+            return "automaticdestinations-ms";
+        if (has("Catalog") && std::ranges::any_of(names, isNumber))
+            return "db"; // thumbnails
+        if (anyBegins(installerTable))
+            return "msi";
         return nullptr;
     }
 

@@ -1,4 +1,5 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Foundation/CRC32.h"
 
 #include <cstddef>
 
@@ -36,14 +37,29 @@ struct FileBlock4 {
 };
 static_assert(sizeof(FileBlock4) == 36 && offsetof(FileBlock4, highDataSize) == 32);
 
+/// Whether a block's header has the checksum that it states: the lower half of its other bytes'.
+bool isSound4(RandomReader& file, std::uint64_t position, const Block4& block)
+{
+    CRC32 checksum;
+    checksum.add(
+        file.bytes(position + offsetof(Block4, type), block.headerSize - offsetof(Block4, type)));
+    return (checksum.value() & 0xFFFF) == block.checksum;
+}
+
 Found version4(const Candidate& candidate)
 {
     auto& file = candidate.file;
     std::uint64_t position = 7;
+    bool isSound = true;
+    bool hasFile = false;
     for (int count = 0; count < maxBlocks && candidate.fits(position + minHeader4); ++count) {
         const auto block = file.load<Block4>(position);
-        if (block.type < firstType4 || block.type > endType4 || block.headerSize < minHeader4)
-            return std::nullopt;
+        if (block.type < firstType4 || block.type > endType4 || block.headerSize < minHeader4) {
+            // Version 2 and older wrote no end block: the last one that is whole is the last one.
+            return isSound && hasFile ? Found(candidate.proved(position, "rar")) : std::nullopt;
+        }
+        isSound = isSound && isSound4(file, position, block);
+        hasFile |= block.type == fileType4;
         std::uint64_t dataSize
             = (block.flags & hasData4) != 0 ? std::uint64_t { block.dataSize } : 0;
         if ((block.type == fileType4 || block.type == serviceType4)
