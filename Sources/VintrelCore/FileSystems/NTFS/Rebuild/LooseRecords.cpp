@@ -51,6 +51,15 @@ bool isBitmapOverlaid(
     });
 }
 
+/// No file system has the files of this volume any more, so that they exist nowhere.
+void markOrphaned(Volume& volume)
+{
+    volume.root->forEachDescendant([](FileNode& node, std::size_t) {
+        if (node.status == EntryStatus::existing)
+            node.status = EntryStatus::orphaned;
+    });
+}
+
 } // namespace
 
 bool describeSameState(const MFTRecord& one, const MFTRecord& other)
@@ -135,6 +144,7 @@ std::unique_ptr<Volume> buildFromRecords(const NTFSContext& context, MFTRecords 
         context, std::move(records), std::move(mft), "Dyb scanning, MFT-poster");
     if (volume->root->children().empty())
         return nullptr;
+    markOrphaned(*volume);
     volume->notes.push_back(
         "Genopbygget ud fra " + std::to_string(count) + " MFT-poster fundet ved dyb scanning.");
     if (!context.geometry().hasPlace)

@@ -62,9 +62,10 @@ std::optional<std::uint64_t> firstLCN(const MFTRecord& record);
 /// it has been there. An older state of a file, with another size, is worth being listed.
 bool describeSameState(const MFTRecord& one, const MFTRecord& other);
 
-/// The volume that these records make, none when they list nothing. `count`: of the records, for
-/// the user. `mft`: where they lie; empty when they do not lie in one known MFT. `used`: a $Bitmap
-/// that lies there is not asked, because others may have written over it.
+/// The volume that these records make, none when they list nothing. What was in use is orphaned.
+/// `count`: of the records, for the user. `mft`: where they lie; empty when they do not lie in one
+/// known MFT. `used`: a $Bitmap that lies there is not asked, because others may have written over
+/// it.
 std::unique_ptr<Volume> buildFromRecords(const NTFSContext& context, MFTRecords records,
     std::size_t count, MappedStream mft, std::span<const NTFSParser::KnownUse> used);
 
