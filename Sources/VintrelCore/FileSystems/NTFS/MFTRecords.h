@@ -77,6 +77,8 @@ namespace NTFSParser {
 
 /// The number of the first record that is not the system's own.
 inline constexpr std::uint64_t firstUserRecord = 16;
+/// The record of the folder that all others hang below.
+inline constexpr std::uint64_t rootRecord = 5;
 /// The record of $Bitmap.
 inline constexpr std::uint64_t bitmapRecord = 6;
 

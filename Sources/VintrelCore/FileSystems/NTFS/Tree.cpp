@@ -18,7 +18,6 @@ using Entry = MFTRecords::Entry;
 using Index = ParentLinks::Index;
 
 constexpr std::uint64_t volumeRecord = 3;
-constexpr std::uint64_t rootRecord = 5;
 constexpr std::uint64_t extendRecord = 11; // $Extend, the folder of younger system files
 
 /// Where $Bitmap lies; nowhere when its record is lost.

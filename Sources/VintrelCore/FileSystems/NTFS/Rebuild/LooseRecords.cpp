@@ -25,14 +25,14 @@ bool canBeCopyOn(const NTFSDeepInfo& volume, const LooseRecord& loose)
 /// Whether this is an old copy of a record of a volume that it lies on: defragmenting leaves pieces
 /// of the MFT behind, and snapshots keep them. The system's own records are alike on all volumes,
 /// and say where an MFT lay.
-bool isListed(
-    RecordReader& reader, const LooseRecord& loose, std::span<const NTFSDeepInfo* const> volumes)
+bool isListed(RecordReader& reader, const LooseRecord& loose,
+    std::span<const NTFSParser::ListedVolume> volumes)
 {
     if (loose.number < NTFSParser::firstUserRecord)
         return false;
     MFTRecord record, current;
-    return std::ranges::any_of(volumes, [&](const NTFSDeepInfo* volume) {
-        return canBeCopyOn(*volume, loose) && reader.readFrom(volume->mft, loose, current)
+    return std::ranges::any_of(volumes, [&](const NTFSParser::ListedVolume& listed) {
+        return canBeCopyOn(*listed.info, loose) && reader.readFrom(listed.info->mft, loose, current)
             && reader.read(loose, record) && describeSameState(record, current);
     });
 }
@@ -91,7 +91,7 @@ bool RecordReader::readFrom(const MappedStream& mft, const LooseRecord& loose, M
 }
 
 std::vector<LooseRecord> survey(RecordReader& reader, std::span<const std::uint64_t> offsets,
-    std::span<const NTFSDeepInfo* const> volumes, const WorkProgress* progress)
+    std::span<const NTFSParser::ListedVolume> volumes, const WorkProgress* progress)
 {
     std::vector<LooseRecord> records;
     std::array<std::uint8_t, NTFSParser::recordHeaderSize> header;

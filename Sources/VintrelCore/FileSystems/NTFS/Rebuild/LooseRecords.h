@@ -48,7 +48,7 @@ private:
 /// that carry their number, as all since Windows XP do: what belongs where cannot be told
 /// otherwise. When cancelled, what was read so far.
 std::vector<LooseRecord> survey(RecordReader& reader, std::span<const std::uint64_t> offsets,
-    std::span<const NTFSDeepInfo* const> volumes, const WorkProgress* progress);
+    std::span<const NTFSParser::ListedVolume> volumes, const WorkProgress* progress);
 
 /// Whether clusters can have this many bytes.
 bool isClusterSize(std::uint64_t bytes);
