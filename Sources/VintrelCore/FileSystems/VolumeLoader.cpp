@@ -7,12 +7,13 @@
 namespace VolumeLoader {
 
 VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
-    const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot)
+    const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot,
+    std::uint64_t partitionSize)
 {
     const auto* const reader = readerFor(type);
     if (reader == nullptr || reader->load == nullptr)
         return {};
-    auto volumes = reader->load({ source, offset, origin, progress, boot });
+    auto volumes = reader->load({ source, offset, origin, progress, boot, partitionSize });
     for (const auto& volume : volumes)
         noteSourceEnd(*volume, source.size());
     return volumes;

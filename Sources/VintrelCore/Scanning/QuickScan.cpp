@@ -34,7 +34,8 @@ ScanResult run(DiskSource& source, WorkProgress* progress)
             "Læser " + std::string(displayName(type)) + "-filsystemet på " + label + " …");
         const std::string origin
             = entry.scheme == "Ingen" ? entry.typeName : entry.scheme + ", " + label;
-        auto volumes = VolumeLoader::load(source, type, entry.offset, origin, progress);
+        auto volumes = VolumeLoader::load(
+            source, type, entry.offset, origin, progress, std::nullopt, entry.size);
         if (volumes.empty())
             result.notes.push_back(std::string(displayName(type)) + "-filsystemet på " + label
                 + " kunne ikke læses. Prøv dyb scanning.");

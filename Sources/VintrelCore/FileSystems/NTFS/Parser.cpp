@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/NTFS/BootSector.h"
+#include "VintrelCore/FileSystems/NTFS/CheckedGeometry.h"
 #include "VintrelCore/FileSystems/NTFS/MFT.h"
 #include "VintrelCore/FileSystems/NTFS/Tree.h"
 
@@ -14,14 +15,6 @@ namespace NTFSParser {
 namespace {
 
 constexpr std::int64_t bootSectorSize = 512;
-
-std::optional<NTFSGeometry> readGeometry(
-    DiskSource& source, std::uint64_t offset, std::optional<ByteView> boot)
-{
-    if (boot)
-        return NTFSGeometry::from(*boot, offset);
-    return NTFSGeometry::from(source.read(offset, bootSectorSize, ReadMode::thorough), offset);
-}
 
 } // namespace
 
@@ -42,13 +35,17 @@ std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset
 }
 
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> boot)
+    WorkProgress* progress, std::optional<ByteView> boot, std::uint64_t partitionSize)
 {
-    const auto geometry = readGeometry(source, offset, boot);
+    std::vector<std::string> notes;
+    Bytes own;
+    if (!boot)
+        own = source.read(offset, bootSectorSize, ReadMode::thorough);
+    const auto geometry
+        = checkedGeometry(source, boot.value_or(ByteView(own)), offset, partitionSize, notes);
     if (!geometry)
         return nullptr;
     const NTFSContext context(source, *geometry);
-    std::vector<std::string> notes;
     const auto mft = locateMFT(context, notes);
     if (!mft)
         return nullptr;

@@ -17,8 +17,8 @@ constexpr std::size_t maxHints = 64;
 
 VolumeList load(const LoadRequest& request)
 {
-    return oneOrNone(NTFSParser::parse(
-        request.source, request.offset, request.origin, request.progress, request.boot));
+    return oneOrNone(NTFSParser::parse(request.source, request.offset, request.origin,
+        request.progress, request.boot, request.partitionSize));
 }
 
 /// The parser wants to see an MFT, which confirms more than any look at a few bytes.
