@@ -132,42 +132,77 @@ std::optional<MappedStream> mapMFT(const NTFSContext& context, MFTRecord& record
     return mft;
 }
 
-/// Takes a record in as $MFTMirr has it. False when it has none that is whole.
-bool addMirrored(const NTFSContext& context, std::uint64_t number, MFTRecords& records)
+/// How many records $MFTMirr has.
+std::uint64_t countMirrored(const NTFSGeometry& geometry)
+{
+    return geometry.mirrorSize() / geometry.recordSize;
+}
+
+/// A record as $MFTMirr has it. False when it has none that is whole.
+bool readMirrored(const NTFSContext& context, std::uint64_t number, MFTRecord& record)
 {
     const auto& geometry = context.geometry();
     const auto mirror = geometry.offsetOf(geometry.mirrorLCN);
-    if (!mirror || number >= geometry.mirrorSize() / geometry.recordSize
-        || *mirror >= context.source().size())
+    if (!mirror || *mirror >= context.source().size())
         return false;
     auto bytes = context.source().read(
         *mirror + number * geometry.recordSize, geometry.recordSize, ReadMode::thorough);
-    MFTRecord record;
-    if (!parseRecord(bytes, std::nullopt, record) || record.number != number || !record.fixupOK)
-        return false;
-    records.add(record);
-    return true;
+    return parseRecord(bytes, std::nullopt, record) && record.number == number && record.fixupOK;
 }
 
-/// Reads the records from `number` on that these bytes have room for. `record` is only lent, so
-/// that its lists keep their room.
-void readBatch(const NTFSContext& context, const MappedStream& mft, std::uint64_t number,
-    std::span<std::uint8_t> bytes, MFTRecord& record, MFTRecords& records)
-{
-    const std::uint32_t recordSize = context.geometry().recordSize;
-    const bool isDamaged = mft.read(context.source(), number * recordSize, bytes).badBytes > 0;
-    for (; !bytes.empty(); bytes = bytes.subspan(recordSize), ++number) {
-        const auto one = bytes.first(recordSize);
-        if (isDamaged && number >= firstUserRecord
-            && mft.read(context.source(), number * recordSize, one).badBytes > 0)
-            records.addUnreadable();
-        const bool isRecord = parseRecord(one, number, record);
-        if ((!isRecord || !record.fixupOK) && addMirrored(context, number, records))
-            continue;
-        if (isRecord)
-            records.add(record);
+/// Reads the records of an MFT into `records`.
+class RecordsReader {
+public:
+    RecordsReader(const NTFSContext& context, const MappedStream& mft, MFTRecords& records)
+        : context_(context)
+        , mft_(mft)
+        , records_(records)
+    {
     }
-}
+
+    /// The records from `number` on that these bytes have room for.
+    void readBatch(std::uint64_t number, std::span<std::uint8_t> bytes)
+    {
+        const std::uint32_t recordSize = context_.geometry().recordSize;
+        const bool isDamaged
+            = mft_.read(context_.source(), number * recordSize, bytes).badBytes > 0;
+        for (; !bytes.empty(); bytes = bytes.subspan(recordSize), ++number) {
+            const auto one = bytes.first(recordSize);
+            if (isDamaged && number >= firstUserRecord
+                && mft_.read(context_.source(), number * recordSize, one).badBytes > 0)
+                records_.addUnreadable();
+            const bool isRecord = parseRecord(one, number, record_);
+            if (number < countMirrored(context_.geometry()) && !(isRecord && record_.fixupOK))
+                damaged_.push_back({ number, isRecord ? record_ : MFTRecord() });
+            else if (isRecord)
+                records_.add(record_);
+        }
+    }
+
+    /// Takes damaged records from the mirror. Not when it is all that is left: there is no MFT
+    /// then.
+    void finish()
+    {
+        const bool hasMFT = records_.count() > 0;
+        for (auto& [number, damaged] : damaged_)
+            if (hasMFT && readMirrored(context_, number, record_))
+                records_.add(record_);
+            else
+                records_.add(damaged);
+    }
+
+private:
+    struct Damaged {
+        std::uint64_t number;
+        MFTRecord record; ///< without a number where there is none
+    };
+
+    const NTFSContext& context_;
+    const MappedStream& mft_;
+    MFTRecords& records_;
+    MFTRecord record_; ///< only lent, so that its lists keep their room
+    std::vector<Damaged> damaged_;
+};
 
 /// The MFT as a record that may be its own, or the copy of that, says.
 struct LocatedMFT {
@@ -232,7 +267,7 @@ MFTRecords readAllRecords(
     const std::uint64_t total = mft.size() / recordSize;
     const std::uint64_t batch = std::max<std::uint64_t>(1, batchSize / recordSize);
     MFTRecords records(context);
-    MFTRecord record;
+    RecordsReader reader(context, mft, records);
     Bytes buffer(static_cast<std::size_t>(std::min(batch, total) * recordSize));
     for (std::uint64_t number = 0; number < total && !isCancelled(progress);) {
         const auto piece = mft.at(number * recordSize);
@@ -242,12 +277,13 @@ MFTRecords readAllRecords(
             // another is read across.
             count = std::clamp<std::uint64_t>(count, 1, batch);
             const auto size = static_cast<std::size_t>(count * recordSize);
-            readBatch(context, mft, number, std::span(buffer).first(size), record, records);
+            reader.readBatch(number, std::span(buffer).first(size));
         }
         number += count;
         report(progress, static_cast<double>(number) / static_cast<double>(total),
             "Læser MFT … " + std::to_string(number) + " af " + std::to_string(total) + " poster");
     }
+    reader.finish();
     return records;
 }
 

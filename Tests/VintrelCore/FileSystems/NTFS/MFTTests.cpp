@@ -145,6 +145,11 @@ TEST(NTFSMFT, TakesLostRecordsFromItsMirror)
     EXPECT_EQ(parse(image).volume->label, "Data");
     image.bytes()[mirrored + 510] ^= 1;
     EXPECT_EQ(parse(image).volume->label, "");
+
+    // The copy alone, as snapshots keep it, is no volume.
+    image.bytes()[mirrored + 510] ^= 1;
+    image.write(image.recordOffset(0), Bytes(64 * 1024));
+    EXPECT_EQ(NTFSParser::parse(*image.source(), 0, "", nullptr), nullptr);
 }
 
 TEST(NTFSMFT, SaysHowManyRecordsOfFilesCannotBeRead)
