@@ -5,6 +5,7 @@
 #include "VintrelCore/FileSystems/NTFS/CheckedGeometry.h"
 #include "VintrelCore/FileSystems/NTFS/MFT.h"
 #include "VintrelCore/FileSystems/NTFS/Tree.h"
+#include "VintrelCore/Foundation/RangeSet.h"
 
 #include <algorithm>
 #include <iterator>
@@ -15,6 +16,23 @@ namespace NTFSParser {
 namespace {
 
 constexpr std::int64_t bootSectorSize = 512;
+
+/// Whether more than half of this MFT belongs to the MFTs of these volumes. So all MFTs together
+/// are not larger than two sources, whatever tables and boot sectors name.
+bool isReadAlready(const MappedStream& mft, std::span<const Volume* const> volumes)
+{
+    RangeSet places;
+    for (const auto& extent : mft.extents())
+        if (extent.offset)
+            places.add(*extent.offset, *extent.offset + extent.length);
+    const auto size = places.total();
+    for (const auto* volume : volumes)
+        if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get()))
+            for (const auto& extent : info->mft.extents())
+                if (extent.offset)
+                    places.remove(*extent.offset, *extent.offset + extent.length);
+    return places.total() < size - places.total();
+}
 
 } // namespace
 
@@ -35,7 +53,8 @@ std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset
 }
 
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> boot, std::uint64_t partitionSize)
+    WorkProgress* progress, std::optional<ByteView> boot, std::uint64_t partitionSize,
+    std::span<const Volume* const> volumes)
 {
     std::vector<std::string> notes;
     Bytes own;
@@ -47,7 +66,7 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
         return nullptr;
     const NTFSContext context(source, *geometry);
     const auto mft = locateMFT(context, notes);
-    if (!mft)
+    if (!mft || isReadAlready(*mft, volumes))
         return nullptr;
     auto records = readAllRecords(context, *mft, progress);
     if (records.count() == 0)

@@ -18,7 +18,7 @@ constexpr std::size_t maxHints = 64;
 VolumeList load(const LoadRequest& request)
 {
     return oneOrNone(NTFSParser::parse(request.source, request.offset, request.origin,
-        request.progress, request.boot, request.partitionSize));
+        request.progress, request.boot, request.partitionSize, request.volumes));
 }
 
 /// The parser wants to see an MFT, which confirms more than any look at a few bytes.

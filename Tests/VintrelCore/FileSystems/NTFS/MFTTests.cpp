@@ -201,3 +201,24 @@ TEST(NTFSMFT, EndsWhereItClaimsMoreThanTheSource)
         EXPECT_LT(disk.source->bytesRead(), 3 * image.bytes().size());
     }
 }
+
+TEST(NTFSMFT, IsReadOnce)
+{
+    // A second boot sector, a cluster further on, to which the MFT begins with record 1.
+    Image image;
+    image.putFile(20, root, u"fil", bytesOf("x"));
+    image.putFile(21, root, u"fil", bytesOf("x"));
+    auto boot = firstOf(image.bytes(), 512);
+    putLE(boot, 48, image.mftLCN() - 1, 8);
+    image.write(1024, boot);
+    const Image other({ .mft = { { 300, 64 } } });
+    const auto first = parse(image);
+    const Volume* const volumes[] = { first.volume.get() };
+    const auto isRead = [&](const Image& disk, std::uint64_t offset, auto... known) {
+        return NTFSParser::parse(*disk.source(), offset, "", nullptr, std::nullopt, 0, known...)
+            != nullptr;
+    };
+    EXPECT_TRUE(isRead(image, 1024));
+    EXPECT_FALSE(isRead(image, 1024, std::span(volumes)));
+    EXPECT_TRUE(isRead(other, 0, std::span(volumes)));
+}
