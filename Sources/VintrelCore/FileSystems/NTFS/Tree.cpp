@@ -46,9 +46,12 @@ void judgeSharing(const NTFSContext& context, const MFTRecords& records)
         if (entries[index].node && !entries[index].inUse)
             claims.add(
                 index, entries[index].node->data, context.geometry(), entries[index].lastWrite);
-    for (const auto& [index, doubts] : claims.judge())
-        if (entries[index].node->recoverability != Recoverability::poor) // its note says why
-            judgeFurther(*entries[index].node, doubts);
+    std::size_t index = 0;
+    for (const auto doubts : claims.judge()) {
+        const auto& node = entries[index++].node;
+        if (!doubts.empty() && node->recoverability != Recoverability::poor) // its note says why
+            judgeFurther(*node, doubts);
+    }
 }
 
 /// Gives every node its chance and note.
