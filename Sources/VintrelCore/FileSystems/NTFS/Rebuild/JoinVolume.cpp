@@ -72,9 +72,11 @@ public:
             return one.loose.number != other.loose.number ? one.loose.number < other.loose.number
                                                           : one.changed > other.changed;
         });
-        const auto repeated = std::ranges::unique(
-            candidates_, {}, [](const Candidate& candidate) { return candidate.loose.number; });
-        candidates_.erase(repeated.begin(), repeated.end());
+        const auto repeated = std::unique(candidates_.begin(), candidates_.end(),
+            [](const Candidate& one, const Candidate& other) {
+                return one.loose.number == other.loose.number;
+            });
+        candidates_.erase(repeated, candidates_.end());
     }
 
     /// Keeps the candidates whose folder is known, or that hang below one whose folder is.
