@@ -23,6 +23,15 @@ constexpr std::size_t maxFetchedExtensions = 65'536;
 /// Systems that make a volume may round the time to seconds.
 constexpr auto roundingOfTimes = std::chrono::seconds(1);
 
+/// Whether a file's record lies on the volume, where clusters and records begin.
+bool isOnVolume(const LooseRecord& loose, const NTFSGeometry& geometry)
+{
+    const std::uint64_t unit = std::min<std::uint64_t>(geometry.clusterSize, loose.size);
+    return loose.number >= NTFSParser::firstUserRecord && loose.size == geometry.recordSize
+        && loose.offset >= geometry.base && loose.offset - geometry.base < geometry.volumeSize
+        && (loose.offset - geometry.base) % unit == 0;
+}
+
 /// A record that may be the volume's own.
 struct Candidate {
     LooseRecord loose;
@@ -148,21 +157,12 @@ private:
             listed_.info->mft, { 0, number, context_.geometry().recordSize }, record);
     }
 
-    bool isOnVolume(const LooseRecord& loose) const
-    {
-        const auto& geometry = context_.geometry();
-        const std::uint64_t unit = std::min<std::uint64_t>(geometry.clusterSize, loose.size);
-        return loose.number >= NTFSParser::firstUserRecord && loose.size == geometry.recordSize
-            && loose.offset >= geometry.base && loose.offset - geometry.base < geometry.volumeSize
-            && (loose.offset - geometry.base) % unit == 0;
-    }
-
     /// Those on the volume that are not the content of a file: a disk image has records of its own.
     std::vector<LooseRecord> withoutContent(const std::vector<LooseRecord>& loose) const
     {
         std::vector<LooseRecord> left;
         std::ranges::copy_if(loose, std::back_inserter(left),
-            [this](const LooseRecord& one) { return isOnVolume(one); });
+            [this](const LooseRecord& one) { return isOnVolume(one, context_.geometry()); });
         std::ranges::sort(left, {}, &LooseRecord::offset);
         const auto drop = [&](std::uint64_t start, std::uint64_t length) {
             auto one = std::ranges::lower_bound(left, start, {}, &LooseRecord::offset);
@@ -310,7 +310,11 @@ private:
 void joinVolume(RecordReader& reader, const NTFSParser::ListedVolume& listed,
     std::vector<LooseRecord>& loose, const WorkProgress* progress)
 {
-    if (loose.empty() || !listed.info->geometry.hasPlace || listed.info->mft.size() == 0)
+    const auto& geometry = listed.info->geometry;
+    const bool isPossible = geometry.hasPlace && listed.info->mft.size() > 0
+        && std::ranges::any_of(
+            loose, [&](const LooseRecord& one) { return isOnVolume(one, geometry); });
+    if (!isPossible)
         return;
     JoiningRecords joining(reader, listed);
     const auto made = joining.dateOfMaking();
