@@ -113,6 +113,13 @@ TEST(NTFSJoinVolume, HangsLooseRecordsUnderTheFolderTheyName)
         { "written before the volume was made",
             [](Image& image) { image.put(50, file(folder, Image::creation + second - 1)); },
             elsewhere },
+        { "two copies of a record",
+            [](Image& image) {
+                image.put(50, file(folder));
+                image.put(52, file(folder));
+                putLE(image.bytes(), image.recordOffset(52, 44), 50, 4);
+            },
+            inFolder },
         { "the content of a file",
             [](Image& image) {
                 image.put(50, file(folder));

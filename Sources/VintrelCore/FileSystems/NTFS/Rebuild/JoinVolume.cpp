@@ -140,12 +140,16 @@ public:
         }
     }
 
-    /// Takes the candidates out of these records.
-    void removeFrom(std::vector<LooseRecord>& loose) const
+    /// Takes the candidates out of these records, and further copies of them.
+    void removeFrom(std::vector<LooseRecord>& loose)
     {
-        std::erase_if(loose, [this](const LooseRecord& one) {
+        MFTRecord record, copy;
+        std::erase_if(loose, [&](const LooseRecord& one) {
             const auto* const candidate = find(one.number);
-            return candidate != nullptr && candidate->loose.offset == one.offset;
+            return candidate != nullptr
+                && (candidate->loose.offset == one.offset
+                    || (reader_.read(candidate->loose, record) && reader_.read(one, copy)
+                        && describeSameState(record, copy) && firstLCN(record) == firstLCN(copy)));
         });
     }
 
