@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 class DiskSource;
 class WorkProgress;
@@ -16,8 +17,10 @@ namespace VolumeLoader {
 
 /// The volumes of the file system that begins at byte `offset`; none when it cannot be read.
 /// `origin` is stored in each of them. `progress` may be none. `boot`: a boot sector found
-/// elsewhere, to be used instead of the one at `offset`.
+/// elsewhere, to be used instead of the one at `offset`. `partitionSize`: in bytes, 0 when it is
+/// not known. `volumes`: those that were read before; what they list is not read again.
 VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
-    const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot = {});
+    const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot = {},
+    std::uint64_t partitionSize = 0, std::vector<const Volume*> volumes = {});
 
 } // namespace VolumeLoader

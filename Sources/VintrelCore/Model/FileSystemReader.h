@@ -25,6 +25,8 @@ struct LoadRequest {
     WorkProgress* progress; ///< may be none
     std::optional<ByteView>
         boot; ///< a boot sector found elsewhere, to be used instead of the own one
+    std::uint64_t partitionSize = 0;       ///< in bytes; 0: not known
+    std::vector<const Volume*> volumes {}; ///< that were read before
 };
 
 /// What a file system is to those who scan. Every file system is one such row in the table of

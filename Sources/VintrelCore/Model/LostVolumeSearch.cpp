@@ -24,7 +24,10 @@ LostVolumeSearch::LostVolumeSearch(DiskSource& source, std::uint64_t sourceSize,
     , known_(known)
     , partitionStarts_(partitionStarts)
     , progress_(progress)
+    , budget_(sourceSize)
 {
+    for (const auto& volume : known_)
+        budget_.count(*volume);
 }
 
 bool LostVolumeSearch::isCancelled() const { return ::isCancelled(progress_); }
@@ -69,11 +72,15 @@ bool LostVolumeSearch::keep(std::unique_ptr<Volume> volume)
     noteSourceEnd(*volume, sourceSize_);
     if (volume->offset < sourceSize_)
         bytesCovered_ += std::min(volume->size, sourceSize_ - volume->offset);
+    budget_.count(*volume);
     found_.push_back(std::move(volume));
     return true;
 }
 
-bool LostVolumeSearch::hasRoom() const { return bytesCovered_ / maxOverlap < sourceSize_; }
+bool LostVolumeSearch::hasRoom() const
+{
+    return bytesCovered_ / maxOverlap < sourceSize_ && budget_.hasRoom();
+}
 
 void LostVolumeSearch::reportFound(FileSystemType type, std::string_view what) const
 {

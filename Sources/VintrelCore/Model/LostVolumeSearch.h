@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/ListingBudget.h"
 #include "VintrelCore/Model/Volume.h"
 
 #include <cstdint>
@@ -43,7 +44,7 @@ public:
     bool keep(std::unique_ptr<Volume> volume);
     /// Whether the volumes found so far leave room for more: a source is covered with volumes a few
     /// times over, as by formatting it again and again. More are made up, and each would take the
-    /// memory of an allocation table.
+    /// memory of an allocation table. What the known volumes list counts as well.
     bool hasRoom() const;
     /// Tells the user what is being looked into: a "-filsystem" of this kind, or a "-container".
     void reportFound(FileSystemType type, std::string_view what) const;
@@ -59,4 +60,5 @@ private:
     WorkProgress* progress_;
     VolumeList found_;
     std::uint64_t bytesCovered_ = 0; // by the volumes found, each for itself
+    ListingBudget budget_;
 };

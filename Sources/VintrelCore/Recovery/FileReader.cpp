@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Recovery/LZNT1.h"
@@ -95,15 +96,24 @@ public:
     /// Whether everything from here on is sparse.
     bool isAtEnd() const { return run_ == runs_.size(); }
 
+    /// Steps over as many sparse clusters as the run has from here on in whole units of so many;
+    /// how many those are is the result.
+    std::uint64_t skipSparse(std::uint64_t unitClusters)
+    {
+        skipFinishedRuns();
+        if (isAtEnd() || runs_[run_].lcn)
+            return 0;
+        const std::uint64_t count = roundDown(runs_[run_].clusters - used_, unitClusters);
+        used_ += count;
+        return count;
+    }
+
     /// A stretch of consecutive clusters, at most `limit` of them, and steps behind it. Past the
     /// last run everything is sparse.
     CompressedRuns::Run take(std::uint64_t limit)
     {
-        while (run_ < runs_.size() && used_ == runs_[run_].clusters) {
-            ++run_;
-            used_ = 0;
-        }
-        if (run_ == runs_.size())
+        skipFinishedRuns();
+        if (isAtEnd())
             return { std::nullopt, limit };
         const auto& run = runs_[run_];
         const std::uint64_t count = std::min(limit, run.clusters - used_);
@@ -114,6 +124,14 @@ public:
     }
 
 private:
+    void skipFinishedRuns()
+    {
+        while (run_ < runs_.size() && used_ == runs_[run_].clusters) {
+            ++run_;
+            used_ = 0;
+        }
+    }
+
     const std::vector<CompressedRuns::Run>& runs_;
     std::size_t run_ = 0;
     std::uint64_t used_ = 0; // clusters of that run that were taken
@@ -140,6 +158,14 @@ void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& 
     const std::uint64_t wanted = delivery.remaining();
     std::uint64_t initialized = std::min(wanted, data.initializedSize.value_or(wanted));
     while (initialized > 0 && !cursor.isAtEnd() && !delivery.isDone()) {
+        // A hole of terabytes is one piece and not billions of units.
+        const std::uint64_t hole = std::min(initialized,
+            saturatingMultiply(cursor.skipSparse(data.unitClusters), data.clusterSize));
+        if (hole > 0) {
+            delivery.deliverHole(hole);
+            initialized -= hole;
+            continue;
+        }
         const std::uint64_t inUnit = std::min<std::uint64_t>(unitBytes, initialized);
         initialized -= inUnit;
         std::size_t stored = 0; // bytes of the unit that have a place on the disk

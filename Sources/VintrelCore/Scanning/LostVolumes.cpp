@@ -45,8 +45,8 @@ void tryBoot(
         || !boot.isConfirmed(search.source(), start))
         return;
     search.reportFound(type, "-filsystem");
-    for (auto& volume : boot.reader.load(
-             { search.source(), start, origin, search.progress(), ByteView(boot.found.sector) }))
+    for (auto& volume : boot.reader.load({ search.source(), start, origin, search.progress(),
+             ByteView(boot.found.sector), 0, search.volumes() }))
         search.keep(std::move(volume));
 }
 

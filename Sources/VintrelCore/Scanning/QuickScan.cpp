@@ -1,7 +1,9 @@
 #include "VintrelCore/Scanning/QuickScan.h"
 
+#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FileSystems.h"
 #include "VintrelCore/FileSystems/VolumeLoader.h"
+#include "VintrelCore/Model/ListingBudget.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
@@ -17,12 +19,19 @@ ScanResult run(DiskSource& source, WorkProgress* progress)
 
     // Damaged and hostile tables name one place many times; its files are listed once.
     std::set<std::uint64_t> loadedOffsets;
+    ListingBudget budget(source.size());
+    std::vector<const Volume*> loaded;
     const auto& entries = result.layout.entries;
     for (const auto& entry : entries) {
         if (isCancelled(progress))
             return result;
         if (!entry.detected || loadedOffsets.contains(entry.offset))
             continue;
+        if (!budget.hasRoom()) {
+            result.notes.emplace_back("Partitionerne rummer flere filer, end der er plads til på "
+                                      "kilden. De sidste partitioner er ikke læst.");
+            break;
+        }
         const auto type = *entry.detected;
         if (const auto* reader = readerFor(type); reader && !reader->quickScanNote.empty()) {
             result.notes.emplace_back(reader->quickScanNote);
@@ -34,13 +43,18 @@ ScanResult run(DiskSource& source, WorkProgress* progress)
             "Læser " + std::string(displayName(type)) + "-filsystemet på " + label + " …");
         const std::string origin
             = entry.scheme == "Ingen" ? entry.typeName : entry.scheme + ", " + label;
-        auto volumes = VolumeLoader::load(source, type, entry.offset, origin, progress);
+        auto volumes = VolumeLoader::load(
+            source, type, entry.offset, origin, progress, std::nullopt, entry.size, loaded);
         if (volumes.empty())
             result.notes.push_back(std::string(displayName(type)) + "-filsystemet på " + label
                 + " kunne ikke læses. Prøv dyb scanning.");
         else
             loadedOffsets.insert(entry.offset);
-        std::ranges::move(volumes, std::back_inserter(result.volumes));
+        for (auto& volume : volumes) {
+            budget.count(*volume);
+            loaded.push_back(volume.get());
+            result.volumes.push_back(std::move(volume));
+        }
     }
     report(progress, 1, "Læser partitionstabel …");
     return result;

@@ -110,6 +110,27 @@ TEST(FileReader, StopsAtItsLimitAndWhenItIsTold)
         0u);
 }
 
+TEST(FileReader, DeliversAHoleOfACompressedFileInOnePiece)
+{
+    // Units of two clusters of 512 bytes. A hole of 16 TiB begins and ends in the middle of one.
+    auto source = makeSource(patternBytes(64_KiB));
+    const CompressedRuns runs { .runs
+        = { { 4, 3 }, { std::nullopt, std::uint64_t { 1 } << 35 }, { 10, 3 } },
+        .clusterSize = 512,
+        .unitClusters = 2 };
+    const auto node = file((std::uint64_t { 1 } << 44) + 3072, runs);
+    std::vector<std::uint64_t> holes;
+    std::uint64_t total = 0;
+    FileReader::stream(*node, *source, 4096, {}, [&](const FileReader::Piece& piece) {
+        total += piece.size();
+        if (piece.holeLength > 0)
+            holes.push_back(piece.holeLength);
+        return holes.size() < 100;
+    });
+    EXPECT_EQ(holes, std::vector<std::uint64_t> { (std::uint64_t { 1 } << 44) - 1024 });
+    EXPECT_EQ(total, node->size);
+}
+
 TEST(FileReader, DeliversWhatTheRecordItselfHolds)
 {
     auto source = makeSource(Bytes(512));

@@ -388,6 +388,9 @@ TEST(LostVolumes, RebuildsNTFSFromItsRecordsAlone)
         for (const auto& built : disk.lost) {
             const bool isRebuilt = built->origin == "Dyb scanning, MFT-poster";
             EXPECT_EQ(built->notes.size(), !isRebuilt ? 0u : built->offset != 0 ? 1u : 2u);
+            built->root->forEachDescendant([&](const FileNode& node, std::size_t) {
+                EXPECT_EQ(node.status == EntryStatus::orphaned, isRebuilt) << node.path();
+            });
             found.merge(disk.files(*built));
         }
         EXPECT_EQ(countRight(volume.files, found), files);

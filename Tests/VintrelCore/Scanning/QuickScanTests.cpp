@@ -1,6 +1,8 @@
+#include "Tests/Images/FATImage.h"
 #include "Tests/Images/PartitionImage.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Model/WorkProgress.h"
+#include "VintrelCore/Scanning/DeepScan.h"
 #include "VintrelCore/Scanning/QuickScan.h"
 
 #include <gtest/gtest.h>
@@ -45,6 +47,44 @@ TEST(QuickScanner, ReportsWhatItCannotReadAndGoesOn)
     EXPECT_EQ(result.layout.entries.size(), 6u);
     EXPECT_EQ(places(result.volumes), Texts { "GPT, kort @ 500" })
         << "a place that is named twice is loaded once";
+}
+
+TEST(QuickScanner, EndsWhenPartitionsListMoreThanASourceHasRoomFor)
+{
+    // Three boot sectors side by side that share one root directory, the longest there is.
+    constexpr std::uint16_t entries = 65'520, usualEntries = 512;
+    const FATImage image({});
+    Bytes boot(image.bytes().begin(), image.bytes().begin() + 512);
+    const auto sectorsBefore
+        = static_cast<std::uint16_t>(image.entryOffset(FATImage::root, 0) / 512);
+    const auto sectors = ByteView(boot).u32le(32) + (entries - usualEntries) / 16;
+    putLE(boot, 17, entries, 2);
+    putLE(boot, 32, sectors, 4);
+    Bytes directory(std::size_t { entries } * 32);
+    for (std::size_t i = 0; i < entries; ++i) {
+        const auto name = std::to_string(10'000'000 + i) + "TXT ";
+        std::ranges::copy(name, directory.begin() + static_cast<std::ptrdiff_t>(i * 32));
+    }
+    PartitionImage disk(3_MiB);
+    std::vector<PartitionImage::GPTSlot> slots;
+    for (std::uint64_t lba = 100; lba < 103; ++lba) {
+        putLE(boot, 14, ByteView(image.bytes()).u16le(14) - (lba - 100), 2);
+        disk.put(lba, boot);
+        slots.push_back({ basicDataGUID, lba, 6'000 });
+    }
+    const auto source = disk.put(100u + sectorsBefore, directory).gpt(slots).source();
+    const auto result = QuickScanner::run(*source, nullptr);
+    EXPECT_EQ(
+        places(result.volumes), (Texts { "GPT, partition 1 @ 100", "GPT, partition 2 @ 101" }));
+    EXPECT_EQ(result.volumes[0]->root->totals().files, entries);
+    EXPECT_EQ(result.notes,
+        Texts { "Partitionerne rummer flere filer, end der er plads til på kilden. De sidste "
+                "partitioner er ikke læst." });
+    DeepScanResult finds;
+    finds.boots.push_back({ .offset = 102 * 512, .type = fat16 });
+    std::ranges::copy(boot, finds.boots.front().sector.begin());
+    EXPECT_TRUE(DeepScanner::buildVolumes(*source, finds, result.volumes, nullptr).empty())
+        << "the deep scan has no budget of its own";
 }
 
 TEST(QuickScanner, StopsBetweenPartitionsWhenCancelled)

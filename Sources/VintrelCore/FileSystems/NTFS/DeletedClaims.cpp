@@ -57,8 +57,10 @@ void NTFSDeletedClaims::add(
         .isBeginning = isBeginning });
 }
 
-std::map<NTFSDeletedClaims::File, Doubts> NTFSDeletedClaims::judge()
+std::vector<Doubts> NTFSDeletedClaims::judge()
 {
+    if (!claims_.empty())
+        doubts_.resize(std::ranges::max(claims_, {}, &Claim::file).file + 1);
     std::ranges::sort(claims_, {}, &Claim::first);
     std::vector<Claim> open; // those that reach to where the sweep has come
     for (const auto& claim : claims_) {
@@ -80,7 +82,7 @@ std::map<NTFSDeletedClaims::File, Doubts> NTFSDeletedClaims::judge()
             doubts_[other.file].add(Doubt::contestedByDeleted);
     }
     claims_.clear();
-    for (auto& [file, doubts] : doubts_)
+    for (auto& doubts : doubts_)
         if (doubts.has(Doubt::reusedFirstByDeleted)) // says enough
             doubts = Doubt::reusedFirstByDeleted;
     return std::move(doubts_);

@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <vector>
 
 /// The clusters that deleted files lay in. Unlike `DeletedClaims` it has two orders to go by, that
@@ -21,9 +20,9 @@ public:
     /// `lastWrite`: of the file's record.
     void add(File file, const FileData& data, const NTFSGeometry& geometry, LastWrite lastWrite);
 
-    /// What gives reason to doubt the files that share clusters with others. To be called
-    /// once, when all are in: uses up the claims.
-    std::map<File, Doubts> judge();
+    /// What gives reason to doubt the files that share clusters with others, by file; files behind
+    /// the end share none. To be called once, when all are in: uses up the claims.
+    std::vector<Doubts> judge();
 
 private:
     /// A run of clusters that a file names.
@@ -39,5 +38,5 @@ private:
     void lose(const Claim& loser, const Claim& winner);
 
     std::vector<Claim> claims_;
-    std::map<File, Doubts> doubts_;
+    std::vector<Doubts> doubts_; ///< by file
 };

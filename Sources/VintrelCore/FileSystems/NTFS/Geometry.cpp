@@ -1,6 +1,5 @@
 #include "VintrelCore/FileSystems/NTFS/Geometry.h"
 
-#include "VintrelCore/FileSystems/NTFS/BootSector.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
@@ -16,15 +15,23 @@ constexpr std::uint64_t mirroredRecords = 4;
 std::optional<NTFSGeometry> NTFSGeometry::from(ByteView boot, std::uint64_t base)
 {
     const auto sector = NTFSBootSector::from(boot);
-    if (!sector || sector->sectorsPerCluster == 0 || sector->recordSize == 0)
+    if (!sector || sector->recordSize == 0)
+        return std::nullopt;
+    return withRecordSize(*sector, base, sector->recordSize);
+}
+
+std::optional<NTFSGeometry> NTFSGeometry::withRecordSize(
+    const NTFSBootSector& sector, std::uint64_t base, std::uint64_t recordSize)
+{
+    if (sector.sectorsPerCluster == 0)
         return std::nullopt;
     return NTFSGeometry {
         .base = base,
-        .clusterSize = sector->bytesPerSector * sector->sectorsPerCluster,
-        .recordSize = static_cast<std::uint32_t>(sector->recordSize),
-        .volumeSize = saturatingMultiply(sector->totalSectors, sector->bytesPerSector),
-        .mftLCN = sector->mftLCN,
-        .mirrorLCN = sector->mirrorLCN,
+        .clusterSize = sector.bytesPerSector * sector.sectorsPerCluster,
+        .recordSize = static_cast<std::uint32_t>(recordSize),
+        .volumeSize = saturatingMultiply(sector.totalSectors, sector.bytesPerSector),
+        .mftLCN = sector.mftLCN,
+        .mirrorLCN = sector.mirrorLCN,
     };
 }
 

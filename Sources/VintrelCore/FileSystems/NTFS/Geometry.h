@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/FileSystems/NTFS/BootSector.h"
 #include "VintrelCore/Foundation/Binary.h"
 
 #include <cstdint>
@@ -19,6 +20,11 @@ struct NTFSGeometry {
 
     /// None when the boot sector is not that of an NTFS volume, or of an impossible one.
     static std::optional<NTFSGeometry> from(ByteView boot, std::uint64_t base);
+    /// The same with records of this size, whatever the boot sector says of that.
+    static std::optional<NTFSGeometry> withRecordSize(
+        const NTFSBootSector& sector, std::uint64_t base, std::uint64_t recordSize);
+
+    bool operator==(const NTFSGeometry&) const = default;
 
     /// The place of a cluster in bytes on the source; none where no number could say it.
     std::optional<std::uint64_t> offsetOf(std::uint64_t lcn) const;

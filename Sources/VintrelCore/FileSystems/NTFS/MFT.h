@@ -11,8 +11,8 @@
 
 namespace NTFSParser {
 
-/// Finds the MFT by its own record or, where that is not to be used, by the copy in $MFTMirr. None
-/// when neither describes an MFT. Adds Danish notes about what was damaged.
+/// Finds the MFT by its own record or, where that is not to be used or has lost some of it, by the
+/// copy in $MFTMirr. None when neither describes an MFT. Adds Danish notes about what was damaged.
 std::optional<MappedStream> locateMFT(const NTFSContext& context, std::vector<std::string>& notes);
 
 /// The records of an MFT; when cancelled, those that were read so far. `progress` may be none.

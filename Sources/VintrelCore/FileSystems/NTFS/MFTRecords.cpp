@@ -105,12 +105,30 @@ void MFTRecords::mergeExtensions(MFTRecord& record)
         listBudget_ -= size;
     }
     const auto list = NTFSParser::loadAttributeList(context_, record);
-    for (const auto reference : NTFSParser::extensionsIn(list, *record.number)) {
+    auto extensions = NTFSParser::extensionsIn(list, *record.number);
+    if (extensions.empty() && !record.attributeListRuns.empty())
+        extensions = extensionsNaming(*record.number);
+    for (const auto reference : extensions) {
         const auto extension = whole_.find(reference.number);
         if (extension != whole_.end()
             && NTFSParser::isExtensionOf(extension->second, reference, record))
             NTFSParser::mergeExtension(record, extension->second);
     }
+}
+
+std::vector<FileReference> MFTRecords::extensionsNaming(std::uint64_t number)
+{
+    if (extensionsByBase_.empty())
+        for (const auto& [own, record] : whole_)
+            if (record.isExtension())
+                extensionsByBase_.emplace(
+                    record.base.number, FileReference { own, record.sequence });
+    std::vector<FileReference> extensions;
+    const auto [first, last] = extensionsByBase_.equal_range(number);
+    for (auto extension = first; extension != last; ++extension)
+        extensions.push_back(extension->second);
+    std::ranges::sort(extensions, {}, &FileReference::number);
+    return extensions;
 }
 
 std::optional<std::size_t> MFTRecords::find(std::uint64_t number) const

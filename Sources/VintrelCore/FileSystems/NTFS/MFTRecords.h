@@ -63,6 +63,9 @@ private:
     /// Fills the entry from a record that is complete.
     void describe(Entry& entry, MFTRecord& record);
 
+    /// The extension records that say that they continue this one, for where its list is lost.
+    std::vector<FileReference> extensionsNaming(std::uint64_t number);
+
     const NTFSContext& context_;
     std::size_t count_ = 0;
     std::size_t unreadable_ = 0;
@@ -70,6 +73,7 @@ private:
     std::vector<Entry> entries_;
     /// Extensions, system files, and records with extensions.
     std::unordered_map<std::uint64_t, MFTRecord> whole_;
+    std::unordered_multimap<std::uint64_t, FileReference> extensionsByBase_; ///< once it is needed
     std::unordered_map<std::uint64_t, std::vector<FNInfo>> otherNames_;
 };
 
@@ -77,6 +81,8 @@ namespace NTFSParser {
 
 /// The number of the first record that is not the system's own.
 inline constexpr std::uint64_t firstUserRecord = 16;
+/// The record of the folder that all others hang below.
+inline constexpr std::uint64_t rootRecord = 5;
 /// The record of $Bitmap.
 inline constexpr std::uint64_t bitmapRecord = 6;
 

@@ -2,8 +2,10 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/NTFS/BootSector.h"
+#include "VintrelCore/FileSystems/NTFS/CheckedGeometry.h"
 #include "VintrelCore/FileSystems/NTFS/MFT.h"
 #include "VintrelCore/FileSystems/NTFS/Tree.h"
+#include "VintrelCore/Foundation/RangeSet.h"
 
 #include <algorithm>
 #include <iterator>
@@ -15,12 +17,21 @@ namespace {
 
 constexpr std::int64_t bootSectorSize = 512;
 
-std::optional<NTFSGeometry> readGeometry(
-    DiskSource& source, std::uint64_t offset, std::optional<ByteView> boot)
+/// Whether more than half of this MFT belongs to the MFTs of these volumes. So all MFTs together
+/// are not larger than two sources, whatever tables and boot sectors name.
+bool isReadAlready(const MappedStream& mft, std::span<const Volume* const> volumes)
 {
-    if (boot)
-        return NTFSGeometry::from(*boot, offset);
-    return NTFSGeometry::from(source.read(offset, bootSectorSize, ReadMode::thorough), offset);
+    RangeSet places;
+    for (const auto& extent : mft.extents())
+        if (extent.offset)
+            places.add(*extent.offset, *extent.offset + extent.length);
+    const auto size = places.total();
+    for (const auto* volume : volumes)
+        if (const auto* info = dynamic_cast<const NTFSDeepInfo*>(volume->deepContext.get()))
+            for (const auto& extent : info->mft.extents())
+                if (extent.offset)
+                    places.remove(*extent.offset, *extent.offset + extent.length);
+    return places.total() < size - places.total();
 }
 
 } // namespace
@@ -42,15 +53,20 @@ std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset
 }
 
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> boot)
+    WorkProgress* progress, std::optional<ByteView> boot, std::uint64_t partitionSize,
+    std::span<const Volume* const> volumes)
 {
-    const auto geometry = readGeometry(source, offset, boot);
+    std::vector<std::string> notes;
+    Bytes own;
+    if (!boot)
+        own = source.read(offset, bootSectorSize, ReadMode::thorough);
+    const auto geometry
+        = checkedGeometry(source, boot.value_or(ByteView(own)), offset, partitionSize, notes);
     if (!geometry)
         return nullptr;
     const NTFSContext context(source, *geometry);
-    std::vector<std::string> notes;
     const auto mft = locateMFT(context, notes);
-    if (!mft)
+    if (!mft || isReadAlready(*mft, volumes))
         return nullptr;
     auto records = readAllRecords(context, *mft, progress);
     if (records.count() == 0)

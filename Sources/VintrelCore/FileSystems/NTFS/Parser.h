@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 
 class DiskSource;
@@ -30,7 +31,11 @@ std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset
 
 /// The volume that begins at byte `offset`; none when there is no NTFS volume, or its MFT cannot be
 /// found. `boot`: a boot sector found elsewhere, to be used instead of the one at `offset`.
+/// `partitionSize`: in bytes, 0 when it is not known; the backup boot sector lies at its end.
+/// `volumes`: those that were read before; none is the result when the MFT is for the most part
+/// that of others of them.
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> boot = {});
+    WorkProgress* progress, std::optional<ByteView> boot = {}, std::uint64_t partitionSize = 0,
+    std::span<const Volume* const> volumes = {});
 
 } // namespace NTFSParser

@@ -17,8 +17,8 @@ constexpr std::size_t maxHints = 64;
 
 VolumeList load(const LoadRequest& request)
 {
-    return oneOrNone(NTFSParser::parse(
-        request.source, request.offset, request.origin, request.progress, request.boot));
+    return oneOrNone(NTFSParser::parse(request.source, request.offset, request.origin,
+        request.progress, request.boot, request.partitionSize, request.volumes));
 }
 
 /// The parser wants to see an MFT, which confirms more than any look at a few bytes.
@@ -59,12 +59,12 @@ NTFSParser::RebuildHints hintsFor(const LostVolumeSearch& search)
     };
     hints.starts = search.likelyStarts();
     hints.starts.resize(std::min(hints.starts.size(), maxHints));
-    for (const auto* volume : search.volumes()) {
-        if (const auto* info = infoOf(*volume)) {
-            addGeometry(hints, info->geometry);
-            hints.volumes.push_back(info);
-        }
-    }
+    for (const auto* volumes : { &search.known(), &search.found() })
+        for (const auto& volume : *volumes)
+            if (const auto* info = infoOf(*volume)) {
+                addGeometry(hints, info->geometry);
+                hints.volumes.push_back({ volume.get(), info });
+            }
     for (const auto& volume : search.known())
         if (const auto* info = infoOf(*volume))
             hints.used.push_back({ info->geometry,

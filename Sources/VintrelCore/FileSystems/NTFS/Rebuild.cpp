@@ -1,5 +1,6 @@
 #include "VintrelCore/FileSystems/NTFS/Rebuild.h"
 
+#include "VintrelCore/FileSystems/NTFS/Rebuild/JoinVolume.h"
 #include "VintrelCore/FileSystems/NTFS/Rebuild/ListedGroups.h"
 #include "VintrelCore/FileSystems/NTFS/Rebuild/LooseRecords.h"
 #include "VintrelCore/FileSystems/NTFS/Rebuild/NumberGroups.h"
@@ -79,6 +80,8 @@ VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> records,
     RecordReader reader(source);
     auto loose = survey(reader, records, hints.volumes, progress);
     auto volumes = buildSelfDescribed(reader, loose, hints.used, progress);
+    for (const auto& listed : hints.volumes)
+        joinVolume(reader, listed, loose, progress);
     ListedGroups listed;
     PlaceSearch search(source, hints);
     for (auto& group : groupByNumber(loose))

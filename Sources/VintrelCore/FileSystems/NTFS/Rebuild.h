@@ -21,17 +21,24 @@ struct KnownUse {
     AllocationMap map;
 };
 
-/// What helps to tell where a volume without a boot sector lies.
-struct RebuildHints {
-    std::vector<NTFSGeometry> geometries;     ///< of volumes and boot sectors that were found
-    std::vector<const NTFSDeepInfo*> volumes; ///< whose files are listed already
-    std::vector<std::uint64_t> starts;        ///< where volumes of any kind begin, or are likely to
-    const std::vector<CarvedFile>& carved;    ///< files found by content, ascending by offset
-    std::vector<KnownUse> used {};            ///< what known volumes have in use
+/// A volume whose files are listed already. It may get more of them.
+struct ListedVolume {
+    Volume* volume;
+    const NTFSDeepInfo* info;
 };
 
-/// The volumes that MFT records (absolute offsets, ascending) belong to which no volume has: put
-/// together from the records alone. Where a volume's place cannot be told, its files have names and
+/// What helps to tell where a volume without a boot sector lies.
+struct RebuildHints {
+    std::vector<NTFSGeometry> geometries; ///< of volumes and boot sectors that were found
+    std::vector<ListedVolume> volumes;
+    std::vector<std::uint64_t> starts;     ///< where volumes of any kind begin, or are likely to
+    const std::vector<CarvedFile>& carved; ///< files found by content, ascending by offset
+    std::vector<KnownUse> used {};         ///< what known volumes have in use
+};
+
+/// Gives MFT records (absolute offsets, ascending) that no volume has back to the listed volumes
+/// whose own they were. The result is the volumes that the others belong to, put together from the
+/// records alone. Where a volume's place cannot be told, its files have names and
 /// what fits in a record, and no more.
 VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> records,
     const RebuildHints& hints, WorkProgress* progress);

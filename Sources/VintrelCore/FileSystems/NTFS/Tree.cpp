@@ -9,6 +9,7 @@
 #include "VintrelCore/Model/ParentLinks.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace NTFSParser {
 
@@ -18,8 +19,13 @@ using Entry = MFTRecords::Entry;
 using Index = ParentLinks::Index;
 
 constexpr std::uint64_t volumeRecord = 3;
-constexpr std::uint64_t rootRecord = 5;
 constexpr std::uint64_t extendRecord = 11; // $Extend, the folder of younger system files
+
+/// What systems keep in $Extend for themselves.
+constexpr std::string_view systemNames[]
+    = { "$ObjId", "$Quota", "$Reparse", "$UsnJrnl", "$RmMetadata" };
+/// The folder in $Extend that files are moved to which are deleted while a program has them open.
+constexpr std::string_view openDeletedFolder = "$Deleted";
 
 /// Where $Bitmap lies; nowhere when its record is lost.
 FileData locateBitmap(const NTFSContext& context, MFTRecords& records)
@@ -40,9 +46,12 @@ void judgeSharing(const NTFSContext& context, const MFTRecords& records)
         if (entries[index].node && !entries[index].inUse)
             claims.add(
                 index, entries[index].node->data, context.geometry(), entries[index].lastWrite);
-    for (const auto& [index, doubts] : claims.judge())
-        if (entries[index].node->recoverability != Recoverability::poor) // its note says why
-            judgeFurther(*entries[index].node, doubts);
+    std::size_t index = 0;
+    for (const auto doubts : claims.judge()) {
+        const auto& node = entries[index++].node;
+        if (!doubts.empty() && node->recoverability != Recoverability::poor) // its note says why
+            judgeFurther(*node, doubts);
+    }
 }
 
 /// Gives every node its chance and note.
@@ -78,6 +87,21 @@ std::vector<std::string> notesOf(const MFTRecords& records, const AllocationMap&
     return notes;
 }
 
+bool isOpenDeletedFolder(const Entry& entry)
+{
+    return entry.parent.number == extendRecord && entry.node->isDirectory()
+        && entry.node->name == openDeletedFolder;
+}
+
+/// What an entry of $Extend hangs under: what is not the system's own is a user's, and has lost its
+/// folder.
+Index parentInExtend(const Entry& entry)
+{
+    return isOpenDeletedFolder(entry) || std::ranges::count(systemNames, entry.node->name) > 0
+        ? ParentLinks::system
+        : ParentLinks::none;
+}
+
 /// What the record `number` hangs under when this is its parent; `none` when that folder is not its
 /// folder any more.
 Index validParent(MFTRecords& records, std::uint64_t number, FileReference parent)
@@ -86,8 +110,6 @@ Index validParent(MFTRecords& records, std::uint64_t number, FileReference paren
         return ParentLinks::none;
     if (parent.number == rootRecord)
         return ParentLinks::root;
-    if (parent.number == extendRecord)
-        return ParentLinks::system;
     const auto index = parent.number < firstUserRecord ? std::nullopt : records.find(parent.number);
     if (!index)
         return ParentLinks::none;
@@ -95,13 +117,15 @@ Index validParent(MFTRecords& records, std::uint64_t number, FileReference paren
     // A slot that was used again belongs to another folder.
     const bool isSame = folder.node && folder.node->isDirectory()
         && sequenceMatches(parent.sequence, folder.sequence, folder.inUse);
-    return isSame ? *index : ParentLinks::none;
+    return isSame && !isOpenDeletedFolder(folder) ? *index : ParentLinks::none;
 }
 
 /// The folder of the name that the entry is shown under; when that one is lost, of another of its
 /// names, which it then gets.
 Index chooseParent(MFTRecords& records, Entry& entry)
 {
+    if (entry.parent.number == extendRecord)
+        return parentInExtend(entry);
     const auto parent = validParent(records, entry.number, entry.parent);
     auto* const others = records.otherNames(entry.number);
     if (parent != ParentLinks::none || others == nullptr)

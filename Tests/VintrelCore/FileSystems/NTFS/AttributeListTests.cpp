@@ -90,3 +90,19 @@ TEST(NTFSAttributeList, LeavesAGapWhereAFragmentIsMissing)
         joined({ firstOf(content, 2048), Bytes(2048),
             { content.begin() + 2048, content.begin() + 5952 } }));
 }
+
+TEST(NTFSAttributeList, IsNotNeededWhereTheExtensionsNameTheirFile)
+{
+    Image image;
+    const auto content = patternBytes(2000);
+    image.put(24,
+        { .attributes = { Image::nonResident(0x20, { .runs = image.store(Bytes(512)), .size = 64 }),
+              Image::fileName(root, u"fil") } });
+    image.put(40,
+        { .base = { 24, 1 },
+            .attributes = { Image::data({ .runs = image.store(content), .size = 2000 }) } });
+    image.put(41, { .base = { 24, 7 }, .attributes = { Image::fileName(root, u"en anden") } });
+    const auto disk = parse(image);
+    EXPECT_EQ(chance(disk["/fil"]), "God");
+    EXPECT_EQ(disk.content("/fil"), content);
+}

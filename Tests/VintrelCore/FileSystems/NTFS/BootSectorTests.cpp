@@ -58,3 +58,50 @@ TEST(NTFSBootSector, TellsWhereTheVolumeOfABackupBegins)
     }
     EXPECT_EQ(NTFSParser::startByBackup(Bytes(512), 4096), std::nullopt);
 }
+
+TEST(NTFSBootSector, IsCheckedAgainstTheFirstRecordsAndTheBackup)
+{
+    const std::string byBackup = "Bootsektoren er beskadiget – sikkerhedskopien blev brugt.";
+    const std::string byRecords = "Bootsektoren er beskadiget – størrelser fra $MFT blev brugt.";
+    const struct {
+        const char* what;
+        std::uint64_t at; ///< the field that is damaged
+        Bytes field;
+        std::string note;              ///< with a backup
+        std::string noteWithoutBackup; ///< "-": no volume
+    } rows[] = {
+        { "sound", 0, {}, "", "" },
+        { "larger sectors", 12, { 4 }, byBackup, "-" },
+        { "larger clusters", 13, { 4 }, byBackup, "-" },
+        { "no clusters", 13, { 0 }, byBackup, "-" },
+        { "one sector", 40, { 1, 0 }, byBackup, byRecords },
+        { "more sectors than $Bitmap has bits for", 43, { 1 }, byBackup, "" },
+        { "the MFT elsewhere", 48, { 99 }, byBackup,
+            "$MFT-posten var beskadiget – $MFTMirr blev brugt." },
+        { "larger records", 64, { 0xF5 }, byBackup, byRecords },
+        { "impossible records", 64, { 0 }, byBackup, byRecords },
+    };
+    for (const auto& [what, at, field, note, noteWithoutBackup] : rows)
+        for (const bool hasBackup : { true, false }) {
+            Image image;
+            image.putFile(20, root, u"fil", patternBytes(2000));
+            const auto backup = firstOf(image.bytes(), 512);
+            image.write(at, field);
+            auto bytes = image.bytes();
+            bytes.resize(bytes.size() + 512);
+            if (hasBackup)
+                std::ranges::copy(backup, bytes.end() - 512);
+            const auto source = makeSource(bytes);
+            const auto volume
+                = NTFSParser::parse(*source, 0, "", nullptr, std::nullopt, bytes.size());
+            const auto& expected = hasBackup ? note : noteWithoutBackup;
+            ASSERT_EQ(volume == nullptr, expected == "-") << what << hasBackup;
+            if (!volume)
+                continue;
+            const auto& notes = volume->notes;
+            EXPECT_EQ(notes.empty() ? "" : notes[0], expected) << what << hasBackup;
+            EXPECT_EQ(FileReader::readPrefix(*volume->root->allFiles().at(0), *source, 4000),
+                patternBytes(2000))
+                << what << hasBackup;
+        }
+}

@@ -77,6 +77,81 @@ TEST(NTFSMFT, IsReadAcrossItsPieces)
     }
 }
 
+TEST(NTFSMFT, LosesOnlyTheRecordsWhosePlaceIsLost)
+{
+    const std::string partsNote = "Dele af $MFT kunne ikke findes. Filer kan mangle.";
+    const struct {
+        const char* what;
+        std::function<void(Image&, std::uint64_t listLCN)> damage;
+        std::size_t files;
+        std::vector<std::string> notes;
+    } rows[] = {
+        { "sound", [](Image&, std::uint64_t) {}, 3, {} },
+        { "its attribute list",
+            [](Image& image, std::uint64_t list) { image.write(image.offsetOf(list), Bytes(512)); },
+            3, {} },
+        { "an extension record",
+            [](Image& image, std::uint64_t) { image.write(image.recordOffset(30), Bytes(1024)); },
+            2, { partsNote } },
+        { "runs in its own record",
+            [](Image& image, std::uint64_t) {
+                image.put(0,
+                    { .attributes
+                        = { Image::data({ .runs = { { 16, 48 }, { 100, 40 }, { 200, 32 } },
+                            .size = 61'440 }) } });
+                const Bytes copy(image.bytes().end() - 1024, image.bytes().end());
+                image.put(0,
+                    { .attributes = { Image::data({ .runs = { { 16, 48 } }, .size = 61'440 }) } });
+                image.write(image.offsetOf(image.mirrorLCN()), copy);
+                image.write(image.recordOffset(20), Bytes(1024));
+            },
+            3, { "$MFT-posten var beskadiget – $MFTMirr blev brugt." } },
+    };
+    for (const auto& [what, damage, files, notes] : rows) {
+        Image image({ .clusterSize = 512,
+            .clusters = 900,
+            .records = 60,
+            .mft = { { 16, 48 }, { 100, 40 }, { 200, 32 } } });
+        // Two extension records, one of which lies in the piece that the other one describes.
+        const auto list = Image::listContent(
+            { { 0x80, { 0, 1 } }, { 0x80, { 20, 1 }, 48 }, { 0x80, { 30, 1 }, 88 } });
+        const auto listRuns = image.store(list);
+        for (const std::uint64_t number : { 21u, 40u, 59u })
+            image.putFile(number, root, u"fil", bytesOf("x"));
+        image.put(20,
+            { .base = { 0, 1 },
+                .attributes = { Image::data({ .runs = { { 100, 40 } }, .startVCN = 48 }) } });
+        image.put(30,
+            { .base = { 0, 1 },
+                .attributes = { Image::data({ .runs = { { 200, 32 } }, .startVCN = 88 }) } });
+        image.put(0,
+            { .attributes = { Image::nonResident(0x20, { .runs = listRuns, .size = list.size() }),
+                  Image::data({ .runs = { { 16, 48 } }, .size = 61'440 }) } });
+        damage(image, listRuns.front().lcn.value_or(0));
+        const auto disk = parse(image);
+        EXPECT_EQ(disk.volume->root->totals().files, files) << what;
+        EXPECT_EQ(disk.volume->notes, notes) << what;
+    }
+}
+
+TEST(NTFSMFT, TakesLostRecordsFromItsMirror)
+{
+    Image image({ .clusterSize = 4096, .clusters = 200 });
+    image.putFile(20, root, u"fil", bytesOf("x"));
+    const auto label = image.recordOffset(3);
+    const auto mirrored = image.offsetOf(image.mirrorLCN()) + 3 * 1024;
+    image.write(mirrored, parse(image).source->read(label, 1024, ReadMode::thorough));
+    image.bytes()[label] ^= 1;
+    EXPECT_EQ(parse(image).volume->label, "Data");
+    image.bytes()[mirrored + 510] ^= 1;
+    EXPECT_EQ(parse(image).volume->label, "");
+
+    // The copy alone, as snapshots keep it, is no volume.
+    image.bytes()[mirrored + 510] ^= 1;
+    image.write(image.recordOffset(0), Bytes(64 * 1024));
+    EXPECT_EQ(NTFSParser::parse(*image.source(), 0, "", nullptr), nullptr);
+}
+
 TEST(NTFSMFT, SaysHowManyRecordsOfFilesCannotBeRead)
 {
     const std::string after = " kunne ikke læses. Filer kan mangle eller være ufuldstændige.";
@@ -125,4 +200,25 @@ TEST(NTFSMFT, EndsWhereItClaimsMoreThanTheSource)
         EXPECT_EQ(disk.content("/fil"), bytesOf("x"));
         EXPECT_LT(disk.source->bytesRead(), 3 * image.bytes().size());
     }
+}
+
+TEST(NTFSMFT, IsReadOnce)
+{
+    // A second boot sector, a cluster further on, to which the MFT begins with record 1.
+    Image image;
+    image.putFile(20, root, u"fil", bytesOf("x"));
+    image.putFile(21, root, u"fil", bytesOf("x"));
+    auto boot = firstOf(image.bytes(), 512);
+    putLE(boot, 48, image.mftLCN() - 1, 8);
+    image.write(1024, boot);
+    const Image other({ .mft = { { 300, 64 } } });
+    const auto first = parse(image);
+    const Volume* const volumes[] = { first.volume.get() };
+    const auto isRead = [&](const Image& disk, std::uint64_t offset, auto... known) {
+        return NTFSParser::parse(*disk.source(), offset, "", nullptr, std::nullopt, 0, known...)
+            != nullptr;
+    };
+    EXPECT_TRUE(isRead(image, 1024));
+    EXPECT_FALSE(isRead(image, 1024, std::span(volumes)));
+    EXPECT_TRUE(isRead(other, 0, std::span(volumes)));
 }

@@ -64,6 +64,24 @@ TEST(NTFSTree, ListsAFileOnceAndNoFilesOfTheSystem)
     EXPECT_EQ(disk.content("/mappe/Navn.txt"), bytesOf("hej"));
 }
 
+TEST(NTFSTree, ListsWhatUsersHadInTheFolderForDeletedOpenFiles)
+{
+    Image image;
+    constexpr FileReference extend { 11, 11 };
+    image.putFile(20, extend, u"$ObjId", bytesOf("x"));
+    image.putFolder(29, extend, u"$Deleted");
+    image.putFile(30, { 29, 1 }, u"0005000000001234", bytesOf("åben"));
+    image.putFolder(31, { 29, 1 }, u"mappe");
+    image.putFile(32, { 31, 1 }, u"fil", bytesOf("x"));
+    image.putFile(33, extend, u"fremmed", bytesOf("x"));
+    image.putFolder(34, root, u"$Deleted"); // a user's own
+    image.putFile(35, { 34, 1 }, u"fil", bytesOf("x"));
+    const std::string orphans = " /$Forældreløse filer";
+    EXPECT_EQ(parse(image).names(),
+        " /$Deleted /$Deleted/fil" + orphans + orphans + "/mappe" + orphans + "/mappe/fil" + orphans
+            + "/0005000000001234" + orphans + "/fremmed");
+}
+
 TEST(NTFSTree, TrustsAFolderOnlyWhileItsSlotIsItsOwn)
 {
     const struct {

@@ -25,14 +25,14 @@ bool canBeCopyOn(const NTFSDeepInfo& volume, const LooseRecord& loose)
 /// Whether this is an old copy of a record of a volume that it lies on: defragmenting leaves pieces
 /// of the MFT behind, and snapshots keep them. The system's own records are alike on all volumes,
 /// and say where an MFT lay.
-bool isListed(
-    RecordReader& reader, const LooseRecord& loose, std::span<const NTFSDeepInfo* const> volumes)
+bool isListed(RecordReader& reader, const LooseRecord& loose,
+    std::span<const NTFSParser::ListedVolume> volumes)
 {
     if (loose.number < NTFSParser::firstUserRecord)
         return false;
     MFTRecord record, current;
-    return std::ranges::any_of(volumes, [&](const NTFSDeepInfo* volume) {
-        return canBeCopyOn(*volume, loose) && reader.readFrom(volume->mft, loose, current)
+    return std::ranges::any_of(volumes, [&](const NTFSParser::ListedVolume& listed) {
+        return canBeCopyOn(*listed.info, loose) && reader.readFrom(listed.info->mft, loose, current)
             && reader.read(loose, record) && describeSameState(record, current);
     });
 }
@@ -48,6 +48,15 @@ bool isBitmapOverlaid(
     const auto bitmap = NTFSContent::assemble(context, fragments).data;
     return std::ranges::any_of(used, [&](const NTFSParser::KnownUse& known) {
         return known.map.useOf(bitmap, known.geometry).foreign > 0;
+    });
+}
+
+/// No file system has the files of this volume any more, so that they exist nowhere.
+void markOrphaned(Volume& volume)
+{
+    volume.root->forEachDescendant([](FileNode& node, std::size_t) {
+        if (node.status == EntryStatus::existing)
+            node.status = EntryStatus::orphaned;
     });
 }
 
@@ -82,7 +91,7 @@ bool RecordReader::readFrom(const MappedStream& mft, const LooseRecord& loose, M
 }
 
 std::vector<LooseRecord> survey(RecordReader& reader, std::span<const std::uint64_t> offsets,
-    std::span<const NTFSDeepInfo* const> volumes, const WorkProgress* progress)
+    std::span<const NTFSParser::ListedVolume> volumes, const WorkProgress* progress)
 {
     std::vector<LooseRecord> records;
     std::array<std::uint8_t, NTFSParser::recordHeaderSize> header;
@@ -135,6 +144,7 @@ std::unique_ptr<Volume> buildFromRecords(const NTFSContext& context, MFTRecords 
         context, std::move(records), std::move(mft), "Dyb scanning, MFT-poster");
     if (volume->root->children().empty())
         return nullptr;
+    markOrphaned(*volume);
     volume->notes.push_back(
         "Genopbygget ud fra " + std::to_string(count) + " MFT-poster fundet ved dyb scanning.");
     if (!context.geometry().hasPlace)

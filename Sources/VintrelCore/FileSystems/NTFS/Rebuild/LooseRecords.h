@@ -48,7 +48,7 @@ private:
 /// that carry their number, as all since Windows XP do: what belongs where cannot be told
 /// otherwise. When cancelled, what was read so far.
 std::vector<LooseRecord> survey(RecordReader& reader, std::span<const std::uint64_t> offsets,
-    std::span<const NTFSDeepInfo* const> volumes, const WorkProgress* progress);
+    std::span<const NTFSParser::ListedVolume> volumes, const WorkProgress* progress);
 
 /// Whether clusters can have this many bytes.
 bool isClusterSize(std::uint64_t bytes);
@@ -62,9 +62,10 @@ std::optional<std::uint64_t> firstLCN(const MFTRecord& record);
 /// it has been there. An older state of a file, with another size, is worth being listed.
 bool describeSameState(const MFTRecord& one, const MFTRecord& other);
 
-/// The volume that these records make, none when they list nothing. `count`: of the records, for
-/// the user. `mft`: where they lie; empty when they do not lie in one known MFT. `used`: a $Bitmap
-/// that lies there is not asked, because others may have written over it.
+/// The volume that these records make, none when they list nothing. What was in use is orphaned.
+/// `count`: of the records, for the user. `mft`: where they lie; empty when they do not lie in one
+/// known MFT. `used`: a $Bitmap that lies there is not asked, because others may have written over
+/// it.
 std::unique_ptr<Volume> buildFromRecords(const NTFSContext& context, MFTRecords records,
     std::size_t count, MappedStream mft, std::span<const NTFSParser::KnownUse> used);
 
