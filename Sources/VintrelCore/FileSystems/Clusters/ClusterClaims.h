@@ -3,6 +3,8 @@
 #include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -16,6 +18,18 @@ struct FormerFile {
     bool isLost;                 ///< it bears no mark of deletion: its directory is lost
     bool isCertain;              ///< it is known where all of it lay, not only its first cluster
     bool isLevelFixed = false;   ///< its chance stays as it is, and a doubt is only noted
+};
+
+/// Entries that lie in a directory's clusters behind the place where it seems to end.
+struct DirectoryRest {
+    FileNode* folder;
+    int depth;     ///< levels below the root
+    bool isBroken; ///< it seems to end in a sector that is wholly zero, as lost ones read
+    struct Sector {
+        std::uint64_t offset; ///< on the source
+        bool isBehindGap;     ///< the directory's sector before it is not one of these
+    };
+    std::vector<Sector> sectors; ///< that hold entries, in the directory's order
 };
 
 /// What the clusters of a volume are known to hold.
@@ -39,6 +53,12 @@ struct ClusterClaims {
         return claimed.containsAny(first, count) || liveClusters.containsAny(first, count);
     }
 
+    /// How many of the directories seem to end in a lost sector.
+    std::size_t brokenDirectories() const
+    {
+        return static_cast<std::size_t>(std::ranges::count_if(rests, &DirectoryRest::isBroken));
+    }
+
     /// Whether any of the clusters belongs to a file that exists, or holds entries of a directory.
     bool isInUse(std::uint32_t first, std::uint64_t count) const
     {
@@ -49,4 +69,5 @@ struct ClusterClaims {
     ClusterBits directories;  ///< those of them that are known to hold entries
     ClusterBits liveClusters; ///< existing files, and what the file system keeps for itself
     std::vector<FormerFile> formerFiles;
+    std::vector<DirectoryRest> rests; ///< of directories that were read, still to be listed
 };

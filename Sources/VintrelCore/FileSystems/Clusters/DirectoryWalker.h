@@ -37,6 +37,8 @@ public:
     /// Reads what is left of the directory that begins, or continues, in a cluster, and the folders
     /// below it.
     void walkFragment(std::uint32_t first, FileNode& folder, bool isRoot = false);
+    /// Reads the rest of a directory into a folder, and the folders below it.
+    void walkRest(const DirectoryRest& rest, FileNode& folder);
 
     /// The volume's label, if a root directory that was read has one.
     const std::optional<std::string>& label() const { return label_; }
@@ -46,6 +48,8 @@ public:
 
     ClusterClaims claims;
     Continuations continuations;
+    /// The status of what bears no deletion mark in a directory that no live one leads to.
+    EntryStatus lostStatus = EntryStatus::deleted;
 
 protected:
     /// What reading one directory carries from entry to entry, and from cluster to cluster.
@@ -67,8 +71,12 @@ protected:
 
     /// Reads one directory by what became of it.
     virtual void readDirectory(Scan& scan) = 0;
-    /// Lists whole entries. False at the directory's end.
-    virtual bool parse(Scan& scan, ByteView entries) = 0;
+    /// Lists whole entries. The place among them where the directory ends; none where it goes on.
+    virtual std::optional<std::int64_t> parse(Scan& scan, ByteView entries) = 0;
+    /// Whether a sector in the middle of a directory holds entries, and nothing else.
+    virtual bool holdsEntries(ByteView sector) = 0;
+    /// Lists what is left of a file's entries whose other part is missing.
+    virtual void endEntries(Scan& scan) = 0;
     /// The chain from a cluster on, at most so many clusters long.
     virtual ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) = 0;
     /// Whether what was read last is only the first part of a file's entries.
@@ -84,16 +92,26 @@ protected:
     void walkFixedRoot(
         const QueuedDirectory& directory, std::uint64_t offset, std::uint64_t length);
 
-    /// Parses a range of the source until the directory's end. False when that was met.
-    bool readRange(Scan& scan, std::uint64_t offset, std::uint64_t length);
-    void readExtents(Scan& scan, const ExtentList& extents);
-    /// Parses one cluster, which belongs to the directory from now on.
+    /// Parses a range of the source until the directory's end. The byte of the source where that
+    /// was met; none when it was not.
+    std::optional<std::uint64_t> readRange(Scan& scan, std::uint64_t offset, std::uint64_t length);
+    std::optional<std::uint64_t> readExtents(Scan& scan, const ExtentList& extents);
+    /// What lies in a directory's extents behind the byte where it seems to end.
+    DirectoryRest restBehind(
+        const QueuedDirectory& directory, const ExtentList& extents, std::uint64_t end);
+    /// Keeps it among the claims when it holds anything.
+    void noteRest(const QueuedDirectory& directory, const ExtentList& extents, std::uint64_t end);
+    void readRest(Scan& scan, const DirectoryRest& rest);
+    /// Parses one cluster, which belongs to the directory from now on. False at the directory's
+    /// end.
     bool readCluster(Scan& scan, std::uint32_t cluster);
     /// Follows a directory without a chain from cluster to cluster, by what they hold.
     void readByContent(Scan& scan);
 
     /// A chain that leaves room for the others.
     ClusterChain limitedChain(std::uint32_t start, std::uint64_t maxClusters);
+    /// The status of an entry in a directory of this state.
+    EntryStatus statusIn(DirectoryState state) const;
     bool canContinueIn(std::uint32_t cluster);
 
     DiskSource& source_;
@@ -103,6 +121,8 @@ protected:
 private:
     bool enter(const QueuedDirectory& directory);
     void walkQueue();
+    bool spend(std::uint64_t length);
+    void addSectors(DirectoryRest& rest, std::uint64_t offset, bool& isGap);
     std::optional<std::uint32_t> continuation(const Scan& scan, std::uint32_t cluster);
 
     const WorkProgress* progress_;

@@ -31,7 +31,8 @@ public:
 
     /// What these sectors (offsets in any order) hold beyond the directories that were read: the
     /// folder "$Tabte mappefragmenter", or none. `root` is read first, if it is not none. Adds to
-    /// `claims` what was read.
+    /// `claims` what was read, and to the folders of its broken directories what lies behind the
+    /// break.
     std::unique_ptr<FileNode> find(
         std::vector<std::uint64_t> sectors, ClusterClaims& claims, LostRoot* root);
 
@@ -64,6 +65,7 @@ protected:
     std::unordered_set<std::uint32_t> named_; // where the fragments' entries have folders
 
 private:
+    void walkRests(FileNode& lostFolder);
     void surveyAll(std::span<const std::uint64_t> sectors, const ClusterClaims& claims);
     template <class IsTurn> void walkFragments(FileNode& folder, IsTurn isTurn);
 

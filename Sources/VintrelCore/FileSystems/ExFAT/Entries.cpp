@@ -163,6 +163,19 @@ bool continuesDirectory(ByteView cluster)
         || first == fileType;
 }
 
+bool holdsEntries(ByteView sector)
+{
+    std::int64_t at = 0;
+    while (const auto entry = sector.load<RawEntry>(at)) {
+        if ((*entry)[0] == endOfDirectory)
+            return at > 0 && sector.isAllZero(at);
+        if (!isKnownType((*entry)[0]))
+            return false;
+        at += entrySize;
+    }
+    return true;
+}
+
 std::vector<EntrySet> soundSets(ByteView bytes, std::int64_t at)
 {
     constexpr std::int64_t sectorSize = 512;

@@ -126,6 +126,9 @@ bool isPlausible(const EntrySet& set);
 bool beginsDirectory(ByteView cluster);
 bool continuesDirectory(ByteView cluster);
 
+/// Whether a sector in the middle of a directory holds entries, and nothing else.
+bool holdsEntries(ByteView sector);
+
 /// A file entry, a stream, and as many name entries as the longest name takes: in bytes.
 constexpr std::int64_t maxFileSetSize = 19 * entrySize;
 

@@ -126,9 +126,16 @@ void ExFATWalker::readDirectory(Scan& scan)
         readFragment(scan);
         break;
     }
+    endEntries(scan);
+}
+
+void ExFATWalker::endEntries(Scan& scan)
+{
     if (const auto last = sets_.finish())
         addSet(scan, *last);
 }
+
+bool ExFATWalker::holdsEntries(ByteView sector) { return ExFATEntries::holdsEntries(sector); }
 
 void ExFATWalker::readLive(Scan& scan)
 {
@@ -138,7 +145,15 @@ void ExFATWalker::readLive(Scan& scan)
         return readGuessed(scan, extents);
     claim(extents, claims.claimed);
     claim(extents, claims.directories);
-    readExtents(scan, extents);
+    const auto end = readExtents(scan, extents);
+    if (!end)
+        return;
+    // A lost sector reads as zeros, and a zero seems to end the directory.
+    const auto rest = restBehind(directory, extents, *end);
+    if (!rest.isBroken || rest.sectors.empty())
+        return;
+    ++directoriesWithGaps_;
+    readRest(scan, rest);
 }
 
 /// Reads a live directory without a chain as far as its clusters hold entries.
@@ -281,17 +296,17 @@ void ExFATWalker::claim(const ExtentList& extents, ClusterBits& clusters)
     }
 }
 
-bool ExFATWalker::parse(Scan& scan, ByteView entries)
+std::optional<std::int64_t> ExFATWalker::parse(Scan& scan, ByteView entries)
 {
     for (std::int64_t at = 0; const auto entry = entries.load<RawEntry>(at); at += entrySize) {
         if ((*entry)[0] == endOfDirectory)
-            return false;
+            return at;
         if (const auto set = sets_.take(*entry))
             addSet(scan, *set);
         if (scan.directory.depth == 0)
             addRootEntry(*entry);
     }
-    return true;
+    return std::nullopt;
 }
 
 /// Takes note of the label, the bitmap and the up-case table, which only root directories have.
@@ -313,8 +328,7 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
         return;
     const auto state = set.isDeleted ? DirectoryState::deleted : scan.directory.state;
     const bool isFolder = set.file && set.file->isDirectory();
-    const auto status
-        = state == DirectoryState::live ? EntryStatus::existing : EntryStatus::deleted;
+    const auto status = statusIn(state);
     auto& node = scan.directory.folder->add(isFolder
             ? FileNode::makeFolder(set.name, status)
             : FileNode::makeFile(set.name, set.stream.size, status));

@@ -16,6 +16,9 @@ public:
     /// Finds the allocation bitmap, and then reads the root directory and everything below it.
     void walkRoot(FileNode& root);
 
+    /// How many directories were read of which sectors in the middle are lost.
+    std::size_t directoriesWithGaps() const { return directoriesWithGaps_; }
+
     std::set<std::uint32_t> setRests; ///< clusters that begin in the middle of a set
 
 private:
@@ -26,7 +29,9 @@ private:
     };
 
     void readDirectory(Scan& scan) override;
-    bool parse(Scan& scan, ByteView entries) override;
+    std::optional<std::int64_t> parse(Scan& scan, ByteView entries) override;
+    bool holdsEntries(ByteView sector) override;
+    void endEntries(Scan& scan) override;
     ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) override;
     bool isInsideEntries() const override { return sets_.isInside(); }
     std::optional<std::uint32_t> restOfEntries(std::uint32_t cluster) override;
@@ -55,6 +60,7 @@ private:
 
     ExFATContext& context_;
     ExFATEntries::SetCollector sets_; // of the directory that is being read
+    std::size_t directoriesWithGaps_ = 0;
     std::uint64_t
         claimBudget_; // clusters that may still be claimed: made-up files can overlap without end
 };

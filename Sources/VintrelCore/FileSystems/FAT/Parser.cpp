@@ -58,6 +58,7 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
             "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
     noteUnreadable(*volume, context->unreadableSectors(),
         unitsFor(walker.unreadableBytes(), source.sectorSize()));
+    noteBrokenDirectories(*volume, walker.claims.brokenDirectories());
     volume->deepContext
         = std::make_unique<FATDeepInfo>(std::move(context), std::move(walker.claims));
     volume->root->sortChildren();

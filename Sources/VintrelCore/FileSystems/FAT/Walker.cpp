@@ -98,7 +98,10 @@ void FATWalker::readChain(Scan& scan)
         claims.claimed.insert(cluster);
         claims.directories.insert(cluster);
     }
-    readExtents(scan, heap_.extents(found.clusters, found.clusters.size() * heap_.clusterSize));
+    const auto extents = heap_.extents(found.clusters, found.clusters.size() * heap_.clusterSize);
+    const auto end = readExtents(scan, extents);
+    if (end && !context_.fatUnavailable()) // where it is, the rest may be anybody's
+        noteRest(scan.directory, extents, *end);
 }
 
 void FATWalker::readDeleted(Scan& scan)
@@ -143,18 +146,25 @@ bool FATWalker::holdsMoreEntries(std::uint32_t cluster)
     return !beginsDirectory(sector) && continuesDirectory(sector);
 }
 
-bool FATWalker::parse(Scan& scan, ByteView entries)
+bool FATWalker::holdsEntries(ByteView sector)
+{
+    return continuesDirectory(sector) || holdsNamePieces(sector);
+}
+
+void FATWalker::endEntries(Scan& /*scan*/) { pieces_.clear(); }
+
+std::optional<std::int64_t> FATWalker::parse(Scan& scan, ByteView entries)
 {
     for (std::int64_t at = 0; const auto entry = entries.load<ShortEntry>(at); at += entrySize) {
         if (entry->name[0] == endOfDirectory)
-            return false;
+            return at;
         const auto kind = entry->attributes & 0x3F;
         if (kind == longNameAttributes)
             addPiece(*entries.load<LongNamePiece>(at));
         else
             addEntry(scan, *entry);
     }
-    return true;
+    return std::nullopt;
 }
 
 void FATWalker::addPiece(const LongNamePiece& piece)
@@ -180,8 +190,7 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
         shown = std::move(*longName);
 
     const auto state = isMarkedDeleted ? DirectoryState::deleted : directory.state;
-    const auto status
-        = state == DirectoryState::live ? EntryStatus::existing : EntryStatus::deleted;
+    const auto status = statusIn(state);
     const bool isFolder = (entry.attributes & directoryFlag) != 0;
     const std::uint32_t cluster = geometry_.clusterNumber(firstCluster(entry));
     auto& node = directory.folder->add(isFolder

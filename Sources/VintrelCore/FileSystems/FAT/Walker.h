@@ -41,7 +41,9 @@ private:
     };
 
     void readDirectory(Scan& scan) override;
-    bool parse(Scan& scan, ByteView entries) override;
+    std::optional<std::int64_t> parse(Scan& scan, ByteView entries) override;
+    bool holdsEntries(ByteView sector) override;
+    void endEntries(Scan& scan) override;
     ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) override;
     bool isInsideEntries() const override;
     std::optional<std::uint32_t> restOfEntries(std::uint32_t cluster) override;
