@@ -113,11 +113,11 @@ void FATWalker::readDeleted(Scan& scan)
             scan.directory.folder->addNote(overwrittenFolder);
             return;
         }
-        // What follows belongs to others when it is in use, or is another deleted directory.
-        if (count > 0 && (begins || !context_.areFree(cluster, 1)))
+        // What follows belongs to others when it is in use, is another deleted directory, or holds
+        // anything else than entries: a file's content reads as files of any name and size.
+        if (count > 0 && (!context_.areFree(cluster, 1) || !holdsMoreEntries(cluster)))
             return;
-        if (begins || holdsMoreEntries(cluster)) // or the directory was full, and has ended before
-            claims.directories.insert(cluster);
+        claims.directories.insert(cluster);
         if (!readCluster(scan, cluster))
             return;
     }
@@ -143,7 +143,7 @@ bool FATWalker::holdsMoreEntries(std::uint32_t cluster)
 {
     const auto sector
         = source_.read(heap_.offsetOf(cluster), directorySectorSize, ReadMode::thorough);
-    return !beginsDirectory(sector) && continuesDirectory(sector);
+    return !beginsDirectory(sector) && holdsEntries(sector);
 }
 
 bool FATWalker::holdsEntries(ByteView sector)
@@ -275,7 +275,13 @@ bool FATWalker::fillFromChain(FileNode& node, std::uint32_t start)
 Doubts FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
 {
     const auto extent = heap_.contiguous(start, node.size);
-    node.data = ExtentList { extent };
+    const bool canBeWhole = node.size <= heap_.size();
+    if (canBeWhole)
+        node.data = ExtentList { extent };
+    else if (isLevelFixed_)
+        noteDoubts(node, Doubt::sizeBeyondVolume);
+    else
+        return Doubt::sizeBeyondVolume;
     ClusterUse use;
     use.checked = std::min(heap_.clustersFor(extent.length), maxFreeChecks);
     use.isFirstForeign = !context_.areFree(start, 1);
