@@ -29,6 +29,10 @@ public:
     LostDirectories& operator=(const LostDirectories&) = delete;
     virtual ~LostDirectories() = default;
 
+    /// The status of files that were not deleted, and of their folders, where another one than
+    /// `deleted` is wanted.
+    void setStatusOfLost(EntryStatus status) { walker_.lostStatus = status; }
+
     /// What these sectors (offsets in any order) hold beyond the directories that were read: the
     /// folder "$Tabte mappefragmenter", or none. `root` is read first, if it is not none. Adds to
     /// `claims` what was read, and to the folders of its broken directories what lies behind the

@@ -101,6 +101,8 @@ protected:
             std::move(context), ClusterClaims(heap, source_.size()));
         LostRoot root { .folder = *volume->root, .offset = rootOffset.value_or(0) };
         Search search(*info->context, progress_);
+        // No system lists them any more, and nothing says that they were deleted.
+        search.setStatusOfLost(EntryStatus::orphaned);
         if (auto folder = search.find(sectors, info->claims, rootOffset ? &root : nullptr))
             volume->root->add(std::move(folder));
         judgeFormerFiles(info->claims, heap, true);

@@ -49,6 +49,10 @@ TEST(LostFragments, FATVolumesAreRebuiltFromTheirDirectories)
     EXPECT_EQ(found.volumes[1]->notes.front(),
         "Genopbygget ud fra 2 FAT-mappesektorer fundet ved dyb scanning.");
     EXPECT_EQ(found.files.size(), 6u);
+    for (const auto& volume : found.volumes)
+        volume->root->forEachDescendant([](const FileNode& node, std::size_t) {
+            EXPECT_EQ(node.status, EntryStatus::orphaned) << node.path();
+        });
     for (const auto& [folder, seed] :
         { std::pair { fragments, 1u }, std::pair { std::string("/YDRE"), 11u } }) {
         EXPECT_EQ(found.count(folder + "/A.TXT", patternBytes(5000, seed)), 1);
