@@ -20,4 +20,7 @@ namespace VolumeLoader {
 VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
     const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot = {});
 
+/// Puts what a deep scan reads of the volumes in their place, where that is more.
+void readAgain(DiskSource& source, VolumeList& volumes, WorkProgress* progress);
+
 } // namespace VolumeLoader

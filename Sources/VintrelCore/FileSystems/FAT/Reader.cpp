@@ -45,6 +45,7 @@ const FileSystemReader fatReader {
     .types = types,
     .probe = FATParser::probe,
     .load = load,
+    .readAgain = FATParser::readAgain,
     .quickScanNote = {},
     .startByBackup = FATParser::startByBackup,
     .isConfirmed = FATParser::isConfirmed,
