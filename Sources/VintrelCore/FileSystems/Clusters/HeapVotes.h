@@ -17,11 +17,13 @@ public:
     {
     }
 
-    /// What lies at a byte of the source may lie in this cluster.
-    void add(std::uint64_t offset, std::uint32_t cluster);
+    /// What lies at a byte of the source may lie in this cluster. `isLikely`: it surely begins a
+    /// cluster.
+    void add(std::uint64_t offset, std::uint32_t cluster, bool isLikely = true);
 
     /// The offset and cluster size that most votes from different clusters agree on, at least two;
-    /// larger clusters win a draw. The count of clusters is left open. None when no two agree.
+    /// more likely votes, and then larger clusters, win a draw. The count of clusters is left open.
+    /// None when no two agree.
     std::optional<ClusterHeap> winner();
 
 private:
@@ -29,6 +31,7 @@ private:
         int shift;
         std::uint64_t heapOffset;
         std::uint32_t cluster;
+        bool isLikely;
 
         auto operator<=>(
             const Vote&) const = default; // NOLINT(modernize-use-nullptr): what = default makes

@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 namespace {
 
 constexpr int minClusterShift = 9; // 512 bytes
+constexpr std::uint64_t sectorSize = 512;
 
 constexpr std::size_t maxVoters = 65'536;    // directories in a round, and files and folders in all
 constexpr std::size_t maxPairs = 65'536;     // of folders and places where they may begin, a round
@@ -98,15 +100,21 @@ void LostHeaps::survey(std::span<const std::uint64_t> sectors)
 std::optional<ClusterHeap> LostHeaps::likeliestHeap() const
 {
     HeapVotes votes(minClusterShift, limits_.maxClusterShift);
-    std::vector<std::uint64_t> beginnings;
+    struct Beginning {
+        std::uint64_t offset;
+        bool isLikely; // not right behind another sector, of which it may be the continuation
+    };
+    std::vector<Beginning> beginnings;
+    std::uint64_t endOfPrevious = 0;
     std::size_t voters = 0;
     for (const auto& sector : sectors_) {
+        const auto previous = std::exchange(endOfPrevious, sector.offset + sectorSize);
         if (sector.owner)
             continue;
         if (sector.ownCluster && ++voters <= maxVoters)
             votes.add(sector.offset, *sector.ownCluster);
         if (sector.mayBegin && beginnings.size() < maxBeginnings)
-            beginnings.push_back(sector.offset);
+            beginnings.push_back({ sector.offset, sector.offset != previous });
     }
     std::size_t pairs = 0;
     for (const auto& named : named_) {
@@ -116,7 +124,7 @@ std::optional<ClusterHeap> LostHeaps::likeliestHeap() const
             votes.add(*named.found, named.cluster);
         else
             for (std::size_t i = 0; i < beginnings.size() && pairs < maxPairs; ++i, ++pairs)
-                votes.add(beginnings[i], named.cluster);
+                votes.add(beginnings[i].offset, named.cluster, beginnings[i].isLikely);
     }
     return votes.winner();
 }
@@ -294,13 +302,15 @@ std::unique_ptr<Volume> LostHeaps::emptyVolume(FileSystemType type, const Cluste
 }
 
 std::unique_ptr<Volume> LostHeaps::finished(
-    std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors)
+    std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors, bool hasFAT)
 {
     if (volume->root->children().empty())
         return nullptr;
     volume->root->sortChildren();
     volume->notes = { "Genopbygget ud fra " + std::to_string(sectors) + " " + std::string(kind)
-            + "-mappesektorer fundet ved dyb scanning.",
-        "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." };
+        + "-mappesektorer fundet ved dyb scanning." };
+    if (!hasFAT)
+        volume->notes.emplace_back(
+            "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
     return volume;
 }

@@ -108,8 +108,9 @@ protected:
         judgeFormerFiles(info->claims, heap, true);
         info->isRebuilt = true;
         volume->label = root.label;
+        const bool hasFAT = !info->context->fatUnavailable();
         volume->deepContext = std::move(info);
-        return finished(std::move(volume), kind, sectors.size());
+        return finished(std::move(volume), kind, sectors.size(), hasFAT);
     }
 
     DiskSource& source_;
@@ -141,7 +142,7 @@ private:
 
     static std::unique_ptr<Volume> emptyVolume(FileSystemType type, const ClusterHeap& heap);
     static std::unique_ptr<Volume> finished(
-        std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors);
+        std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors, bool hasFAT);
 
     void survey(std::span<const std::uint64_t> sectors);
     std::optional<ClusterHeap> likeliestHeap() const;

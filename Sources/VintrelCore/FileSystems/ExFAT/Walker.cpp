@@ -223,6 +223,10 @@ ExtentList ExFATWalker::fragmentExtents(const QueuedDirectory& directory)
 {
     const std::uint64_t size
         = heap_.clustersFor(std::min(directory.size, maxDirectorySize)) * heap_.clusterSize;
+    if (directory.depth == 0 && !context_.fatUnavailable()) {
+        const auto found = limitedChain(directory.cluster, heap_.clustersFor(maxDirectorySize));
+        return found.isComplete ? heap_.extents(found.clusters, maxDirectorySize) : ExtentList {};
+    }
     if (size == 0)
         return {};
     if (directory.isContiguous)

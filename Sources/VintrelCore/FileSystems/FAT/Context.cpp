@@ -38,14 +38,6 @@ std::uint64_t entryBits(FileSystemType type)
     }
 }
 
-/// Whether a FAT can begin so: the first entry repeats the kind of the medium, all its other bits
-/// being set, and the low bits of the second one are set.
-bool beginsTable(ByteView table)
-{
-    constexpr std::uint8_t lowestMedium = 0xF0;
-    return table.u8(0) >= lowestMedium && table.u8(1) == 0xFF;
-}
-
 /// Calls `visit(at, length)` for the sectors that are all zero in `first`, as unreadable ones are,
 /// but not in `second`. Both are as long.
 template <class Visit>
@@ -66,6 +58,14 @@ void copyRange(Bytes& to, const Bytes& from, std::int64_t at, std::int64_t lengt
 }
 
 } // namespace
+
+/// The first entry repeats the kind of the medium, all its other bits being set, and the low bits
+/// of the second one are set.
+bool FATContext::beginsTable(ByteView table)
+{
+    constexpr std::uint8_t lowestMedium = 0xF0;
+    return table.u8(0) >= lowestMedium && table.u8(1) == 0xFF;
+}
 
 FATContext::FATContext(DiskSource& source, FATGeometry geometry, SecondFAT secondFAT)
     : source_(source)

@@ -28,6 +28,8 @@ public:
     /// Whether there is no FAT to ask (it is empty, or too large to be true). Files are then taken
     /// to lie in one piece.
     bool fatUnavailable() const { return fatUnavailable_; }
+    /// Whether a FAT can begin with these bytes.
+    static bool beginsTable(ByteView table);
     /// How many clusters can be in a chain.
     std::uint64_t entryCount() const
     {

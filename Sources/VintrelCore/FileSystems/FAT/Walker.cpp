@@ -61,7 +61,7 @@ void FATWalker::readDirectory(Scan& scan)
     const auto& directory = scan.directory;
     const bool isFragment = directory.state == DirectoryState::fragment;
     pieces_.clear();
-    if (directory.state == DirectoryState::live || (isFragment && hasChain(directory.cluster)))
+    if (directory.state == DirectoryState::live || (isFragment && hasChain(directory)))
         readChain(scan);
     else if (isFragment && (directory.isSurveyed || beginsIn(directory.cluster)))
         readByContent(scan);
@@ -70,10 +70,12 @@ void FATWalker::readDirectory(Scan& scan)
 }
 
 /// Whether a directory that no live one leads to was never deleted itself.
-bool FATWalker::hasChain(std::uint32_t start)
+bool FATWalker::hasChain(const QueuedDirectory& directory)
 {
-    return !context_.fatUnavailable() && !claims.liveClusters.contains(start) && beginsIn(start)
-        && limitedChain(start, maxDirectoryClusters()).isComplete;
+    const auto start = directory.cluster;
+    const bool isRoot = directory.depth == 0; // says nothing at its beginning
+    return !context_.fatUnavailable() && !claims.liveClusters.contains(start)
+        && (isRoot || beginsIn(start)) && limitedChain(start, maxDirectoryClusters()).isComplete;
 }
 
 bool FATWalker::beginsIn(std::uint32_t cluster)

@@ -49,7 +49,7 @@ private:
     std::optional<std::uint32_t> restOfEntries(std::uint32_t cluster) override;
     bool holdsMoreEntries(std::uint32_t cluster) override;
 
-    bool hasChain(std::uint32_t start);
+    bool hasChain(const QueuedDirectory& directory);
     bool beginsIn(std::uint32_t cluster);
     std::uint64_t maxDirectoryClusters() const;
     void readChain(Scan& scan);
