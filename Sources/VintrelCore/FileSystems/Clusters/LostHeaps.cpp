@@ -7,12 +7,10 @@
 #include <algorithm>
 #include <string>
 #include <unordered_map>
-#include <utility>
 
 namespace {
 
 constexpr int minClusterShift = 9; // 512 bytes
-constexpr std::uint64_t sectorSize = 512;
 
 constexpr std::size_t maxVoters = 65'536;    // directories in a round, and files and folders in all
 constexpr std::size_t maxPairs = 65'536;     // of folders and places where they may begin, a round
@@ -97,24 +95,18 @@ void LostHeaps::survey(std::span<const std::uint64_t> sectors)
 /// Where the clusters lie by most of what no other heap explains: directories that say where they
 /// lie, folders that begin where a directory does, and files that begin where one of their size was
 /// found.
-std::optional<ClusterHeap> LostHeaps::likeliestHeap() const
+std::optional<ClusterHeap> LostHeaps::likeliestHeap()
 {
     HeapVotes votes(minClusterShift, limits_.maxClusterShift);
-    struct Beginning {
-        std::uint64_t offset;
-        bool isLikely; // not right behind another sector, of which it may be the continuation
-    };
-    std::vector<Beginning> beginnings;
-    std::uint64_t endOfPrevious = 0;
+    std::vector<std::uint64_t> beginnings;
     std::size_t voters = 0;
     for (const auto& sector : sectors_) {
-        const auto previous = std::exchange(endOfPrevious, sector.offset + sectorSize);
         if (sector.owner)
             continue;
         if (sector.ownCluster && ++voters <= maxVoters)
             votes.add(sector.offset, *sector.ownCluster);
         if (sector.mayBegin && beginnings.size() < maxBeginnings)
-            beginnings.push_back({ sector.offset, sector.offset != previous });
+            beginnings.push_back(sector.offset);
     }
     std::size_t pairs = 0;
     for (const auto& named : named_) {
@@ -124,9 +116,26 @@ std::optional<ClusterHeap> LostHeaps::likeliestHeap() const
             votes.add(*named.found, named.cluster);
         else
             for (std::size_t i = 0; i < beginnings.size() && pairs < maxPairs; ++i, ++pairs)
-                votes.add(beginnings[i].offset, named.cluster, beginnings[i].isLikely);
+                votes.add(beginnings[i], named.cluster);
     }
-    return votes.winner();
+    const auto winners = votes.winners();
+    const auto confirmed = std::find_if(winners.rbegin(), winners.rend(),
+        [&](const ClusterHeap& heap) { return isConfirmedByRoot(heap); });
+    if (confirmed != winners.rend())
+        return *confirmed;
+    return winners.empty() ? std::nullopt : std::optional(winners.back());
+}
+
+/// Whether a root directory that nobody has yet names something that lies where the heap has it.
+bool LostHeaps::isConfirmedByRoot(const ClusterHeap& heap)
+{
+    constexpr int maxRoots = 16;
+    int asked = 0;
+    for (const auto& sector : sectors_)
+        if (sector.isRoot && !sector.owner && asked++ < maxRoots
+            && confirmsHeap(sector.offset, heap))
+            return true;
+    return false;
 }
 
 /// Gives a heap the sectors that it explains. False when there are none: the same votes would elect

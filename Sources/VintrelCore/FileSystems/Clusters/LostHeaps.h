@@ -81,6 +81,12 @@ protected:
     };
 
     virtual Clues cluesOf(std::uint64_t sector) = 0;
+    /// Whether what a sector of a root directory names beside files lies where the heap, of which
+    /// the count is not known, would have it.
+    virtual bool confirmsHeap(std::uint64_t /*rootSector*/, const ClusterHeap& /*heap*/)
+    {
+        return false;
+    }
     /// Where a root directory that names a folder of the root nearly always lies, whether or not
     /// its sectors were found; the last one counts most.
     virtual std::vector<std::uint64_t> usualRoots(const ClusterHeap& /*heap*/) { return {}; }
@@ -145,7 +151,8 @@ private:
         std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors, bool hasFAT);
 
     void survey(std::span<const std::uint64_t> sectors);
-    std::optional<ClusterHeap> likeliestHeap() const;
+    std::optional<ClusterHeap> likeliestHeap();
+    bool isConfirmedByRoot(const ClusterHeap& heap);
     bool assign(const LostHeap& lost);
     bool assignNamed(std::size_t index);
     bool assignSelfPlaced(std::size_t index);

@@ -42,6 +42,23 @@ private:
         return clues;
     }
 
+    /// Any sector of a directory may pass for its beginning, so that heaps which begin a few
+    /// sectors too late explain as many folders as the true one. The table that maps small letters
+    /// to large ones begins with the letters that map to themselves.
+    bool confirmsHeap(std::uint64_t rootSector, const ClusterHeap& heap) override
+    {
+        constexpr std::uint8_t beginning[] = { 0, 0, 1, 0, 2, 0, 3, 0 };
+        const auto root = source_.read(rootSector, 512, ReadMode::thorough);
+        for (std::int64_t at = 0; const auto entry = ByteView(root).load<BitmapEntry>(at);
+             at += entrySize)
+            if (entry->type == upcaseType && entry->firstCluster >= 2
+                && std::ranges::equal(beginning,
+                    source_.read(
+                        heap.offsetOf(entry->firstCluster), sizeof beginning, ReadMode::thorough)))
+                return true;
+        return false;
+    }
+
     std::unique_ptr<Volume> build(
         const LostHeap& lost, const std::vector<std::uint64_t>& sectors) override
     {
