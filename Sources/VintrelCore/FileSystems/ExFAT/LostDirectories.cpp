@@ -3,6 +3,8 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
 
+#include <algorithm>
+
 using namespace ExFATEntries;
 
 ExFATLostDirectories::ExFATLostDirectories(ExFATContext& context, WorkProgress* progress)
@@ -17,7 +19,13 @@ void ExFATLostDirectories::survey(Fragment& fragment, std::uint64_t sector, bool
     const auto bytes = source_.read(sector, soundSetsSize, ReadMode::thorough);
     if (sector == heap_.offsetOf(cluster) && (bytes[0] & secondary) != 0) {
         fragment.isContinuation = true;
-        walker_.setRests.insert(cluster);
+        walker_.cutSets.addRest(cluster, bytes);
+    }
+    if (isFirst) {
+        const auto length = std::min<std::uint64_t>(heap_.clusterSize, maxFileSetSize);
+        walker_.cutSets.addHead(cluster,
+            source_.read(heap_.offsetOf(cluster) + heap_.clusterSize - length,
+                static_cast<std::int64_t>(length), ReadMode::thorough));
     }
     for (const auto& set : soundSets(bytes, 0)) {
         const std::uint32_t content = set.stream.firstCluster;

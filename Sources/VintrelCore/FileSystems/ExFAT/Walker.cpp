@@ -20,10 +20,6 @@ namespace {
 /// The format's own limit for a directory.
 constexpr std::uint64_t maxDirectorySize = 0x10000000;
 
-/// Clusters that begin in the middle of a set are tried against one that breaks off, so many of
-/// them.
-constexpr int maxRestsTried = 64;
-
 /// On a sound volume every cluster is claimed once.
 constexpr std::uint64_t claimBudgetFactor = 4;
 
@@ -71,6 +67,7 @@ std::optional<Date> writtenDate(const EntrySet& set)
 
 ExFATWalker::ExFATWalker(ExFATContext& context, WorkProgress* progress)
     : DirectoryWalker(context.source(), context.geometry().heap, context.entryCount(), progress)
+    , cutSets(heap_)
     , context_(context)
     , claimBudget_(claimBudgetFactor * heap_.clustersWithin(source_.size()))
 {
@@ -252,34 +249,9 @@ ExtentList ExFATWalker::extentsOf(const QueuedDirectory& directory)
     return { heap_.contiguous(directory.cluster, wholeSize) };
 }
 
-/// The checksum of the set that breaks off says which cluster has the rest of it.
 std::optional<std::uint32_t> ExFATWalker::restOfEntries(std::uint32_t cluster)
 {
-    int tried = 0;
-    for (auto rest = setRests.upper_bound(cluster); rest != setRests.end() && tried < maxRestsTried;
-         ++tried) {
-        const auto next = *rest;
-        const bool isTaken = claims.contains(next);
-        const bool fits = !isTaken && completes(sets_, next);
-        rest = isTaken || fits ? setRests.erase(rest) : std::next(rest);
-        if (fits)
-            return next;
-    }
-    return std::nullopt;
-}
-
-/// Whether the entries at the beginning of a cluster make a set sound that has begun elsewhere.
-bool ExFATWalker::completes(SetCollector begun, std::uint32_t cluster)
-{
-    const auto bytes = source_.read(heap_.offsetOf(cluster), maxFileSetSize, ReadMode::thorough);
-    for (std::int64_t at = 0; const auto entry = ByteView(bytes).load<RawEntry>(at);
-         at += entrySize) {
-        if (const auto set = begun.take(*entry))
-            return set->isSound;
-        if (!begun.isInside())
-            return false;
-    }
-    return false;
+    return cutSets.takeRest(sets_, cluster, claims);
 }
 
 bool ExFATWalker::holdsMoreEntries(std::uint32_t cluster)

@@ -2,11 +2,11 @@
 
 #include "VintrelCore/FileSystems/Clusters/DirectoryWalker.h"
 #include "VintrelCore/FileSystems/ExFAT/Context.h"
+#include "VintrelCore/FileSystems/ExFAT/CutSets.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
 #include "VintrelCore/Model/Chance.h"
 
 #include <optional>
-#include <set>
 
 /// Walks the directories of one exFAT volume.
 class ExFATWalker : public DirectoryWalker {
@@ -19,7 +19,7 @@ public:
     /// How many directories were read of which sectors in the middle are lost.
     std::size_t directoriesWithGaps() const { return directoriesWithGaps_; }
 
-    std::set<std::uint32_t> setRests; ///< clusters that begin in the middle of a set
+    CutSets cutSets; ///< of directories without a chain
 
 private:
     /// What is known of the place of a file.
@@ -46,7 +46,6 @@ private:
     bool isStillIn(std::uint32_t cluster, const QueuedDirectory& directory);
     ExtentList extentsOf(const QueuedDirectory& directory);
     ExtentList fragmentExtents(const QueuedDirectory& directory);
-    bool completes(ExFATEntries::SetCollector begun, std::uint32_t cluster);
     void claim(const ExtentList& extents, ClusterBits& clusters);
     void addRootEntry(const ExFATEntries::RawEntry& entry);
     void addSet(Scan& scan, const ExFATEntries::EntrySet& set);
