@@ -12,6 +12,7 @@
 #include <bit>
 #include <iterator>
 #include <span>
+#include <string>
 
 using namespace ExFATEntries;
 
@@ -128,8 +129,13 @@ void ExFATWalker::readDirectory(Scan& scan)
 
 void ExFATWalker::endEntries(Scan& scan)
 {
-    if (const auto last = sets_.finish())
-        addSet(scan, *last);
+    auto last = sets_.finish();
+    if (!last)
+        return;
+    // The name may lie in a cluster that nobody has found; the content is known all the same.
+    if (scan.directory.state == DirectoryState::fragment && last->file && last->name.empty())
+        last->name = "Uden navn (klynge " + std::to_string(last->stream.firstCluster) + ")";
+    addSet(scan, *last);
 }
 
 bool ExFATWalker::holdsEntries(ByteView sector) { return ExFATEntries::holdsEntries(sector); }

@@ -301,6 +301,21 @@ TEST(LostFragments, FoldersNamedBehindASplitSetHangBelowTheirNames)
     EXPECT_EQ(found.count(fragments + "/Indre/dyb", patternBytes(900)), 1);
 }
 
+TEST(LostFragments, SetsOfWhichTheNameIsLostKeepTheirContent)
+{
+    ExFATImage image({ .clusters = 300 });
+    const auto folder = image.addFolder(image.root(), { .name = u"Ydre" }, 2);
+    for (const char16_t* name :
+        { u"et meget langt navn", u"et andet langt navn", u"a", u"b", u"c" })
+        image.addFile(folder, { .name = name }, patternBytes(600, 7));
+    erase(image.bytes(), image.offsetOf(folder + 1), image.offsetOf(folder + 2));
+    image.write(
+        0, std::span(ExFATImage({ .clusters = 300 }).bytes()).first(image.offsetOf(folder)));
+    const Found found(image.bytes());
+    const auto last = std::to_string(folder + 10); // behind the folder, and four files of two
+    EXPECT_EQ(found.count("/Uden navn (klynge " + last + ")", patternBytes(600, 7)), 1);
+}
+
 TEST(LostFragments, ExFATSectorsAreKnownByTheirSets)
 {
     ExFATImage image;
