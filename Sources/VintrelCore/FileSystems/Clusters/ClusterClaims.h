@@ -32,6 +32,14 @@ struct DirectoryRest {
     std::vector<Sector> sectors; ///< that hold entries, in the directory's order
 };
 
+/// A deleted directory that has no end in the clusters in which it was found.
+struct OpenDirectory {
+    FileNode* folder;
+    int depth;                  ///< levels below the root
+    std::uint32_t lastCluster;  ///< of those that were found
+    std::uint64_t endOfContent; ///< the cluster behind what its last entry names
+};
+
 /// What the clusters of a volume are known to hold.
 struct ClusterClaims {
     ClusterClaims() = default;
@@ -70,4 +78,5 @@ struct ClusterClaims {
     ClusterBits liveClusters; ///< existing files, and what the file system keeps for itself
     std::vector<FormerFile> formerFiles;
     std::vector<DirectoryRest> rests; ///< of directories that were read, still to be listed
+    std::vector<OpenDirectory> openDirectories; ///< of which more is still to be found
 };

@@ -69,6 +69,49 @@ void DirectoryWalker::walkRest(const DirectoryRest& rest, FileNode& folder)
     walkQueue();
 }
 
+void DirectoryWalker::walkOn(const OpenDirectory& open)
+{
+    const QueuedDirectory directory { .folder = open.folder,
+        .cluster = open.lastCluster,
+        .state = DirectoryState::deleted,
+        .depth = open.depth };
+    Scan scan { .directory = directory };
+    scan.endOfContent = open.endOfContent;
+    resumeEntries(open.lastCluster);
+    const auto next = [&](std::uint32_t cluster) {
+        return isInsideEntries() ? restOfEntries(cluster)
+                                 : deletedContinuations.next(cluster, scan.endOfContent,
+                                     [&](std::uint32_t after) { return canContinueIn(after); });
+    };
+    auto last = open.lastCluster;
+    bool hasEnd = false;
+    while (!hasEnd) {
+        const auto cluster = next(last);
+        if (!cluster)
+            break;
+        claims.directories.insert(*cluster);
+        visited_.insert(*cluster);
+        hasEnd = !readCluster(scan, *cluster);
+        last = *cluster;
+    }
+    endEntries(scan);
+    if (hasEnd && open.folder->note == openFolder)
+        open.folder->note.reset();
+    open.folder->sortChildren();
+    queue_.add(scan.subfolders, directory.state);
+    walkQueue();
+}
+
+void DirectoryWalker::noteOpen(const Scan& scan, std::uint32_t lastCluster)
+{
+    const auto& directory = scan.directory;
+    directory.folder->addNote(openFolder);
+    claims.openDirectories.push_back({ .folder = directory.folder,
+        .depth = directory.depth,
+        .lastCluster = lastCluster,
+        .endOfContent = scan.endOfContent });
+}
+
 void DirectoryWalker::walkQueue()
 {
     while (!isCancelled(progress_)) {

@@ -39,6 +39,8 @@ public:
     void walkFragment(std::uint32_t first, FileNode& folder, bool isRoot = false);
     /// Reads the rest of a directory into a folder, and the folders below it.
     void walkRest(const DirectoryRest& rest, FileNode& folder);
+    /// Reads a deleted directory on where it seems to continue, and the folders below it.
+    void walkOn(const OpenDirectory& directory);
 
     /// The volume's label, if a root directory that was read has one.
     const std::optional<std::string>& label() const { return label_; }
@@ -48,6 +50,7 @@ public:
 
     ClusterClaims claims;
     Continuations continuations;
+    Continuations deletedContinuations; ///< the same of directories whose entries were deleted
     /// The status of what bears no deletion mark in a directory that no live one leads to.
     EntryStatus lostStatus = EntryStatus::deleted;
 
@@ -61,6 +64,8 @@ protected:
 
     /// The note on a folder whose directory is gone.
     static constexpr std::string_view overwrittenFolder = "Mappens indhold er overskrevet";
+    /// The note on a deleted folder whose directory has no end where it was read.
+    static constexpr std::string_view openFolder = "Mappen fortsætter muligvis et andet sted";
 
     /// Clusters of a deleted file that are asked whether they are free.
     static constexpr std::uint64_t maxFreeChecks = 1'048'576;
@@ -79,6 +84,8 @@ protected:
     virtual void endEntries(Scan& scan) = 0;
     /// The chain from a cluster on, at most so many clusters long.
     virtual ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) = 0;
+    /// Takes up the entries that are cut by the end of a cluster.
+    virtual void resumeEntries(std::uint32_t /*cluster*/) { }
     /// Whether what was read last is only the first part of a file's entries.
     virtual bool isInsideEntries() const = 0;
     /// Where the other part lies; none when nothing fits.
@@ -102,6 +109,8 @@ protected:
     /// Keeps it among the claims when it holds anything.
     void noteRest(const QueuedDirectory& directory, const ExtentList& extents, std::uint64_t end);
     void readRest(Scan& scan, const DirectoryRest& rest);
+    /// Keeps among the claims that a deleted directory goes on behind a cluster.
+    void noteOpen(const Scan& scan, std::uint32_t lastCluster);
     /// Parses one cluster, which belongs to the directory from now on. False at the directory's
     /// end.
     bool readCluster(Scan& scan, std::uint32_t cluster);

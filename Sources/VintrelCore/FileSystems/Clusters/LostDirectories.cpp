@@ -9,7 +9,8 @@ std::unique_ptr<FileNode> LostDirectories::find(
     std::ranges::sort(sectors);
     surveyAll(sectors, claims);
     std::erase_if(fragments_, [](const Fragment& fragment) { return fragment.isForeign; });
-    if (fragments_.empty() && root == nullptr && claims.rests.empty())
+    if (fragments_.empty() && root == nullptr && claims.rests.empty()
+        && claims.openDirectories.empty())
         return nullptr;
 
     auto folder = FileNode::makeFolder("$Tabte mappefragmenter", EntryStatus::orphaned);
@@ -19,6 +20,7 @@ std::unique_ptr<FileNode> LostDirectories::find(
         root->label = walker_.label().value_or("");
     }
     walkRests(*folder);
+    walkOpenDirectories();
     // Folders that others name get their place and name from these, so those that nobody names come
     // first: above all the ones that are surely no part of another directory. What may be part of
     // one waits until its directory has had the chance to continue there. What is left at the end
@@ -53,6 +55,16 @@ void LostDirectories::walkRests(FileNode& lostFolder)
         }
     }
     walker_.lostStatus = statusOfOthers;
+}
+
+/// Those that are found to be open on the way wait for nothing: what could continue them has been
+/// asked.
+void LostDirectories::walkOpenDirectories()
+{
+    for (const auto& directory : std::exchange(walker_.claims.openDirectories, {}))
+        if (!isCancelled(progress_))
+            walker_.walkOn(directory);
+    walker_.claims.openDirectories.clear();
 }
 
 void LostDirectories::walkRoot(LostRoot& root)

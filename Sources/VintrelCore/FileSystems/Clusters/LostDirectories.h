@@ -70,6 +70,7 @@ protected:
 
 private:
     void walkRests(FileNode& lostFolder);
+    void walkOpenDirectories();
     void surveyAll(std::span<const std::uint64_t> sectors, const ClusterClaims& claims);
     template <class IsTurn> void walkFragments(FileNode& folder, IsTurn isTurn);
 

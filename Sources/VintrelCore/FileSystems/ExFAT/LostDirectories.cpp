@@ -3,8 +3,6 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
 
-#include <algorithm>
-
 using namespace ExFATEntries;
 
 ExFATLostDirectories::ExFATLostDirectories(ExFATContext& context, WorkProgress* progress)
@@ -21,17 +19,18 @@ void ExFATLostDirectories::survey(Fragment& fragment, std::uint64_t sector, bool
         fragment.isContinuation = true;
         walker_.cutSets.addRest(cluster, bytes);
     }
-    if (isFirst) {
-        const auto length = std::min<std::uint64_t>(heap_.clusterSize, maxFileSetSize);
-        walker_.cutSets.addHead(cluster,
-            source_.read(heap_.offsetOf(cluster) + heap_.clusterSize - length,
-                static_cast<std::int64_t>(length), ReadMode::thorough));
-    }
+    if (isFirst)
+        walker_.cutSets.addHead(cluster, walker_.tailOf(cluster));
+    bool hasDeleted = !isFirst;
     for (const auto& set : soundSets(bytes, 0)) {
         const std::uint32_t content = set.stream.firstCluster;
         if (set.file->isDirectory() && heap_.contains(content)) {
             fragment.namesFolder = true;
             named_.insert(content);
+        }
+        if (set.isDeleted && content != 0 && !hasDeleted) {
+            walker_.deletedContinuations.byFirstContent.emplace(content, cluster);
+            hasDeleted = true;
         }
         if (isFirst && !set.isDeleted && content != 0) {
             walker_.continuations.byFirstContent.emplace(content, cluster);

@@ -194,14 +194,18 @@ void ExFATWalker::readFragment(Scan& scan)
 void ExFATWalker::readRemains(Scan& scan, const ExtentList& extents)
 {
     const auto& directory = scan.directory;
+    auto last = directory.cluster;
     for (const auto& extent : extents)
         for (std::uint64_t done = 0; done < extent.length; done += heap_.clusterSize) {
             const auto cluster = heap_.clusterAt(*extent.offset + done);
             if (!isStillIn(cluster, directory)) {
                 if (cluster == directory.cluster)
                     directory.folder->addNote(overwrittenFolder);
+                else if (directory.state == DirectoryState::deleted)
+                    noteOpen(scan, last);
                 return;
             }
+            last = cluster;
             claims.directories.insert(cluster);
             if (!readCluster(scan, cluster))
                 return;
@@ -235,6 +239,22 @@ ExtentList ExFATWalker::fragmentExtents(const QueuedDirectory& directory)
     if (directory.isContiguous)
         return { heap_.contiguous(directory.cluster, size) };
     return context_.fatUnavailable() ? ExtentList {} : standingChain(directory.cluster, size);
+}
+
+/// The set at the end of the cluster.
+void ExFATWalker::resumeEntries(std::uint32_t cluster)
+{
+    const auto tail = tailOf(cluster);
+    for (std::int64_t at = 0; const auto entry = ByteView(tail).load<RawEntry>(at); at += entrySize)
+        sets_.take(*entry);
+}
+
+/// The last bytes of a cluster: as many as a set has at most.
+Bytes ExFATWalker::tailOf(std::uint32_t cluster)
+{
+    const auto length = std::min<std::uint64_t>(heap_.clusterSize, maxFileSetSize);
+    return source_.read(heap_.offsetOf(cluster) + heap_.clusterSize - length,
+        static_cast<std::int64_t>(length), ReadMode::thorough);
 }
 
 /// The whole clusters in which a live or deleted directory lies.
@@ -319,7 +339,8 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
         node.created = TimeConversion::fromExFAT(set.file->created, set.file->createdOffset);
         node.modified = TimeConversion::fromExFAT(set.file->modified, set.file->modifiedOffset);
     }
-    if (!set.isDeleted && set.stream.firstCluster != 0)
+    const bool isOfItsTime = !set.isDeleted || scan.directory.state == DirectoryState::deleted;
+    if (isOfItsTime && set.stream.firstCluster != 0)
         scan.endOfContent = set.stream.firstCluster + heap_.clustersFor(set.stream.size);
     Doubts doubts = set.isSound ? Doubts() : Doubt::damagedDirectoryEntry;
     if (!isFolder) {

@@ -19,6 +19,8 @@ public:
     /// How many directories were read of which sectors in the middle are lost.
     std::size_t directoriesWithGaps() const { return directoriesWithGaps_; }
 
+    Bytes tailOf(std::uint32_t cluster);
+
     CutSets cutSets; ///< of directories without a chain
 
 private:
@@ -33,6 +35,7 @@ private:
     bool holdsEntries(ByteView sector) override;
     void endEntries(Scan& scan) override;
     ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) override;
+    void resumeEntries(std::uint32_t cluster) override;
     bool isInsideEntries() const override { return sets_.isInside(); }
     std::optional<std::uint32_t> restOfEntries(std::uint32_t cluster) override;
     bool holdsMoreEntries(std::uint32_t cluster) override;

@@ -118,11 +118,28 @@ void FATWalker::readDeleted(Scan& scan)
         // What follows belongs to others when it is in use, is another deleted directory, or holds
         // anything else than entries: a file's content reads as files of any name and size.
         if (count > 0 && (!context_.areFree(cluster, 1) || !holdsMoreEntries(cluster)))
-            return;
+            break;
         claims.directories.insert(cluster);
         if (!readCluster(scan, cluster))
             return;
     }
+    noteOpen(scan, cluster - 1);
+}
+
+/// The pieces of a name at the end of the cluster.
+void FATWalker::resumeEntries(std::uint32_t cluster)
+{
+    constexpr std::uint64_t maxSize = maxPieces * entrySize;
+    const auto size = std::min(heap_.clusterSize, maxSize);
+    const auto tail = source_.read(heap_.offsetOf(cluster) + heap_.clusterSize - size,
+        static_cast<std::int64_t>(size), ReadMode::thorough);
+    pieces_.clear();
+    for (std::int64_t at = 0; const auto entry = ByteView(tail).load<ShortEntry>(at);
+         at += entrySize)
+        if ((entry->attributes & 0x3F) == longNameAttributes)
+            addPiece(*ByteView(tail).load<LongNamePiece>(at));
+        else
+            pieces_.clear();
 }
 
 bool FATWalker::isInsideEntries() const { return !pieces_.empty() && !pieces_.back().isDeleted(); }
@@ -201,7 +218,8 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
     node.modified = TimeConversion::fromDOS(entry.modificationDate, entry.modificationTime);
     node.created = TimeConversion::fromDOS(entry.creationDate, entry.creationTime);
     node.fsID = cluster;
-    if (!isMarkedDeleted && cluster != 0)
+    const bool isOfItsTime = !isMarkedDeleted || directory.state == DirectoryState::deleted;
+    if (isOfItsTime && cluster != 0)
         scan.endOfContent = cluster + std::max<std::uint64_t>(1, heap_.clustersFor(node.size));
     if (!isFolder)
         judgeFile(node, cluster, state, isMarkedDeleted);

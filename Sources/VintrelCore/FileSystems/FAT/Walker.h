@@ -45,6 +45,7 @@ private:
     bool holdsEntries(ByteView sector) override;
     void endEntries(Scan& scan) override;
     ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) override;
+    void resumeEntries(std::uint32_t cluster) override;
     bool isInsideEntries() const override;
     std::optional<std::uint32_t> restOfEntries(std::uint32_t cluster) override;
     bool holdsMoreEntries(std::uint32_t cluster) override;

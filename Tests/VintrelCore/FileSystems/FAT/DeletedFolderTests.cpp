@@ -47,3 +47,48 @@ TEST(FATDeletedFiles, AreNotOfferedWithMoreBytesThanTheVolumeHas)
     EXPECT_EQ(chance(card["/_TOR.BIN"]),
         "Delvis: Filens størrelse er større end diskens; Dele af filen kan være overskrevet");
 }
+
+TEST(FATDeletedFolders, ContinueWhereTheContentOfTheirFilesLeadsTo)
+{
+    for (const bool isRightBehind : { true, false }) { // behind the last content, or one further
+        FATImage image({ .type = fat32 });
+        const auto folder = image.addFolder(root, { .name = "FULD       " }, 2);
+        // A name of two pieces that the border of the clusters cuts.
+        for (int i = 10; i < 22; ++i)
+            image.addFile(
+                folder, { .name = "F" + std::to_string(i) + "     TXT" }, patternBytes(700));
+        image.addEntry(folder, { .name = "F22     TXT" });
+        const auto first = isRightBehind
+            ? 0
+            : image.addFile(root, { .name = "INDHOLD    " }, patternBytes(700, 2));
+        const auto moved = image.addFile(root, { .name = "FLYTTET    " }, Bytes(512));
+        const auto content = first != 0 ? first : moved + 1;
+        image.addEntry(folder,
+            { .name = "LANGTN~1TXT",
+                .longName = u"Et langt navn.txt",
+                .cluster = content,
+                .size = 700 });
+        for (const char* name : { "X       TXT", "Y       TXT" })
+            image.addEntry(folder, { .name = name });
+        for (int i = 10; i < 23; ++i)
+            image.remove(folder, "F" + std::to_string(i) + "     TXT");
+        for (const char* name : { "X       TXT", "Y       TXT", "LANGTN~1TXT" })
+            image.remove(folder, name);
+        const auto part = std::span(image.bytes()).subspan(image.offsetOf(folder + 1), 512);
+        image.write(image.offsetOf(moved), Bytes(part.begin(), part.end()));
+        image.write(image.offsetOf(folder + 1), Bytes(512, 0xEE));
+        for (const char* name : { "FULD       ", "FLYTTET    " })
+            image.remove(root, name);
+        if (!isRightBehind)
+            image.remove(root, "INDHOLD    ");
+        EXPECT_EQ(
+            chance(parse(image)["/_ULD"]), "Ukendt: Mappen fortsætter muligvis et andet sted");
+
+        Found found(image.bytes());
+        ASSERT_EQ(found.volumes.size(), 1u);
+        const Parsed card { .source = image.source(), .volume = std::move(found.volumes[0]) };
+        EXPECT_EQ(card["/_ULD"].children().size(), 16u);
+        EXPECT_EQ(chance(card["/_ULD"]), "Ukendt");
+        EXPECT_EQ(card["/_ULD/Et langt navn.txt"].fsID, content);
+    }
+}
