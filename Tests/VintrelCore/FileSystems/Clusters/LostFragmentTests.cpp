@@ -301,6 +301,33 @@ TEST(LostFragments, FoldersNamedBehindASplitSetHangBelowTheirNames)
     EXPECT_EQ(found.count(fragments + "/Indre/dyb", patternBytes(900)), 1);
 }
 
+TEST(LostFragments, DeletedExFATFoldersGoOnWithTheRestOfTheirLastSet)
+{
+    ExFATImage image({ .clusters = 300 });
+    const auto folder
+        = image.addFolder(image.root(), { .name = u"Ydre", .isContiguous = false }, 2);
+    const std::vector<std::u16string> names { u"a", u"b", u"c", u"d", u"e", u"f", u"g" };
+    for (const auto& name : names)
+        image.addFile(folder, { .name = name }, patternBytes(600, name[0]));
+    const auto moved = image.allocate(1, true);
+    const auto part = std::span(image.bytes()).subspan(image.offsetOf(folder + 1), 512);
+    for (const auto& name : names)
+        image.remove(name);
+    image.write(image.offsetOf(moved), Bytes(part.begin(), part.end()));
+    image.write(image.offsetOf(folder + 1), Bytes(512, 0xEE));
+    image.remove(u"Ydre");
+    image.setUsed(moved, false);
+    for (const auto cluster : { folder, folder + 1 })
+        image.setFAT(cluster, 0);
+    const auto source = image.source();
+    EXPECT_EQ(ExFATParser::parse(*source, 0, "", nullptr)->root->children().at(0)->note,
+        "Mappen fortsætter muligvis et andet sted");
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count("/Ydre/e", patternBytes(600, 'e')), 1);
+    EXPECT_EQ(found.count("/Ydre/f", patternBytes(600, 'f')), 1) << "the set that is cut";
+    EXPECT_EQ(found.count("/Ydre/g", patternBytes(600, 'g')), 1);
+}
+
 TEST(LostFragments, SetsOfWhichTheNameIsLostKeepTheirContent)
 {
     ExFATImage image({ .clusters = 300 });
