@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/FileSystems/Clusters/ClusterHeap.h"
+#include "VintrelCore/FileSystems/Clusters/DirectoryQueue.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 
 #include <algorithm>
@@ -35,9 +36,9 @@ struct DirectoryRest {
 /// A deleted directory that has no end in the clusters in which it was found.
 struct OpenDirectory {
     FileNode* folder;
-    int depth;                  ///< levels below the root
-    std::uint32_t lastCluster;  ///< of those that were found
-    std::uint64_t endOfContent; ///< the cluster behind what its last entry names
+    int depth;                               ///< levels below the root
+    std::uint32_t firstCluster, lastCluster; ///< of those that were found
+    std::uint64_t endOfContent;              ///< the cluster behind what its last entry names
 };
 
 /// What the clusters of a volume are known to hold.
@@ -77,6 +78,7 @@ struct ClusterClaims {
     ClusterBits directories;  ///< those of them that are known to hold entries
     ClusterBits liveClusters; ///< existing files, and what the file system keeps for itself
     std::vector<FormerFile> formerFiles;
-    std::vector<DirectoryRest> rests; ///< of directories that were read, still to be listed
+    std::vector<DirectoryRest> rests;       ///< of directories that were read, still to be listed
+    std::vector<QueuedDirectory> misplaced; ///< deleted ones that are not where their entry says
     std::vector<OpenDirectory> openDirectories; ///< of which more is still to be found
 };

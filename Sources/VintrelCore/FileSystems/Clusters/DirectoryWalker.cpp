@@ -72,7 +72,7 @@ void DirectoryWalker::walkRest(const DirectoryRest& rest, FileNode& folder)
 void DirectoryWalker::walkOn(const OpenDirectory& open)
 {
     const QueuedDirectory directory { .folder = open.folder,
-        .cluster = open.lastCluster,
+        .cluster = open.firstCluster,
         .state = DirectoryState::deleted,
         .depth = open.depth };
     Scan scan { .directory = directory };
@@ -108,6 +108,7 @@ void DirectoryWalker::noteOpen(const Scan& scan, std::uint32_t lastCluster)
     directory.folder->addNote(openFolder);
     claims.openDirectories.push_back({ .folder = directory.folder,
         .depth = directory.depth,
+        .firstCluster = directory.cluster,
         .lastCluster = lastCluster,
         .endOfContent = scan.endOfContent });
 }

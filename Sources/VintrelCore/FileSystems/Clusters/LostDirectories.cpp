@@ -10,7 +10,7 @@ std::unique_ptr<FileNode> LostDirectories::find(
     surveyAll(sectors, claims);
     std::erase_if(fragments_, [](const Fragment& fragment) { return fragment.isForeign; });
     if (fragments_.empty() && root == nullptr && claims.rests.empty()
-        && claims.openDirectories.empty())
+        && claims.openDirectories.empty() && claims.misplaced.empty())
         return nullptr;
 
     auto folder = FileNode::makeFolder("$Tabte mappefragmenter", EntryStatus::orphaned);
@@ -20,7 +20,7 @@ std::unique_ptr<FileNode> LostDirectories::find(
         root->label = walker_.label().value_or("");
     }
     walkRests(*folder);
-    walkOpenDirectories();
+    walkDeleted();
     // Folders that others name get their place and name from these, so those that nobody names come
     // first: above all the ones that are surely no part of another directory. What may be part of
     // one waits until its directory has had the chance to continue there. What is left at the end
@@ -57,14 +57,18 @@ void LostDirectories::walkRests(FileNode& lostFolder)
     walker_.lostStatus = statusOfOthers;
 }
 
-/// Those that are found to be open on the way wait for nothing: what could continue them has been
-/// asked.
-void LostDirectories::walkOpenDirectories()
+/// What is found of deleted directories leads to others of which parts are missing. None is read
+/// twice, so that this ends.
+void LostDirectories::walkDeleted()
 {
-    for (const auto& directory : std::exchange(walker_.claims.openDirectories, {}))
-        if (!isCancelled(progress_))
+    auto& claims = walker_.claims;
+    while (
+        !isCancelled(progress_) && !(claims.misplaced.empty() && claims.openDirectories.empty())) {
+        walkMisplaced();
+        claims.misplaced.clear();
+        for (const auto& directory : std::exchange(claims.openDirectories, {}))
             walker_.walkOn(directory);
-    walker_.claims.openDirectories.clear();
+    }
 }
 
 void LostDirectories::walkRoot(LostRoot& root)

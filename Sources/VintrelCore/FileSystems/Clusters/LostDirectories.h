@@ -62,6 +62,8 @@ protected:
     /// Finds out what one of its sectors tells of a fragment. `isFirst`: none was asked before.
     virtual void survey(Fragment& fragment, std::uint64_t sector, bool isFirst) = 0;
     virtual void walkRoot(LostRoot& root);
+    /// Reads deleted directories that are not where their entries say.
+    virtual void walkMisplaced() { }
 
     DiskSource& source_;
     const ClusterHeap& heap_;
@@ -70,7 +72,7 @@ protected:
 
 private:
     void walkRests(FileNode& lostFolder);
-    void walkOpenDirectories();
+    void walkDeleted();
     void surveyAll(std::span<const std::uint64_t> sectors, const ClusterClaims& claims);
     template <class IsTurn> void walkFragments(FileNode& folder, IsTurn isTurn);
 

@@ -23,6 +23,9 @@ constexpr std::uint64_t maxDirectorySize = 0x4000000;
 /// worth a look.
 constexpr int maxDeletedClusters = 16;
 
+/// Of numbers on FAT32, which are stored in two halves, the worth of the upper one.
+constexpr std::uint32_t upperHalf = 0x10000;
+
 bool beginsDirectory(ByteView cluster)
 {
     const auto entry = cluster.load<ShortEntry>(0);
@@ -113,6 +116,8 @@ void FATWalker::readDeleted(Scan& scan)
         const bool begins = beginsIn(cluster);
         if (count == 0 && !begins) {
             scan.directory.folder->addNote(overwrittenFolder);
+            if (mayLackUpperHalf(cluster))
+                claims.misplaced.push_back(scan.directory);
             return;
         }
         // What follows belongs to others when it is in use, is another deleted directory, or holds
@@ -124,6 +129,55 @@ void FATWalker::readDeleted(Scan& scan)
             return;
     }
     noteOpen(scan, cluster - 1);
+}
+
+/// Whether a number in a deleted entry may be the lower half of a larger one.
+bool FATWalker::mayLackUpperHalf(std::uint32_t cluster) const
+{
+    return geometry_.type == FileSystemType::fat32 && cluster < upperHalf
+        && heap_.count > upperHalf;
+}
+
+void FATWalker::walkMisplaced()
+{
+    while (!claims.misplaced.empty())
+        for (auto& directory : std::exchange(claims.misplaced, {})) {
+            const auto place = truePlaceOf(directory);
+            if (!place)
+                continue;
+            if (directory.folder->note == overwrittenFolder)
+                directory.folder->note.reset();
+            directory.cluster = *place;
+            walk(directory);
+            directory.folder->sortChildren();
+        }
+}
+
+/// The one place that a larger number names where the directory may lie; none where there are more.
+std::optional<std::uint32_t> FATWalker::truePlaceOf(const QueuedDirectory& directory)
+{
+    std::optional<std::uint32_t> place;
+    for (std::uint64_t cluster = std::uint64_t { directory.cluster } + upperHalf;
+         cluster < std::uint64_t { heap_.count } + 2 && placeBudget_ > 0; cluster += upperHalf) {
+        --placeBudget_;
+        if (!isDeletedDirectoryAt(static_cast<std::uint32_t>(cluster), directory.parent))
+            continue;
+        if (place)
+            return std::nullopt;
+        place = static_cast<std::uint32_t>(cluster);
+    }
+    return place;
+}
+
+bool FATWalker::isDeletedDirectoryAt(std::uint32_t cluster, std::uint32_t parent)
+{
+    if (claims.contains(cluster) || !context_.areFree(cluster, 1))
+        return false;
+    const auto head = source_.read(heap_.offsetOf(cluster), 2 * entrySize, ReadMode::thorough);
+    const auto own = ownCluster(head);
+    return own && geometry_.clusterNumber(*own) == cluster
+        && geometry_.clusterNumber(firstCluster(*ByteView(head).load<ShortEntry>(entrySize)))
+        == parent;
 }
 
 /// The pieces of a name at the end of the cluster.
@@ -223,9 +277,23 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
         scan.endOfContent = cluster + std::max<std::uint64_t>(1, heap_.clustersFor(node.size));
     if (!isFolder)
         judgeFile(node, cluster, state, isMarkedDeleted);
-    else if (cluster != 0)
-        scan.subfolders.push_back(
-            { .folder = &node, .cluster = cluster, .state = state, .depth = directory.depth + 1 });
+    else if (cluster != 0 || (isMarkedDeleted && mayLackUpperHalf(cluster)))
+        addSubfolder(scan, node, cluster, state);
+}
+
+void FATWalker::addSubfolder(
+    Scan& scan, FileNode& folder, std::uint32_t cluster, DirectoryState state)
+{
+    const auto& directory = scan.directory;
+    const QueuedDirectory subfolder { .folder = &folder,
+        .cluster = cluster,
+        .state = state,
+        .depth = directory.depth + 1,
+        .parent = directory.depth == 0 ? 0 : directory.cluster };
+    if (cluster != 0)
+        scan.subfolders.push_back(subfolder);
+    else
+        claims.misplaced.push_back(subfolder);
 }
 
 void FATWalker::takeLabel(const Scan& scan, const ShortEntry& entry)
@@ -245,6 +313,8 @@ void FATWalker::judgeFile(
     if (node.size == 0 || !heap_.contains(start))
         return;
     const bool isOneCluster = node.size <= heap_.clusterSize;
+    if (isMarkedDeleted && mayLackUpperHalf(start))
+        noteDoubts(node, Doubt::halfStartCluster);
     if (context_.fatUnavailable() && !isOneCluster) {
         if (isLevelFixed_)
             noteDoubts(node, Doubt::guessedClusters);

@@ -92,3 +92,36 @@ TEST(FATDeletedFolders, ContinueWhereTheContentOfTheirFilesLeadsTo)
         EXPECT_EQ(card["/_ULD/Et langt navn.txt"].fsID, content);
     }
 }
+
+TEST(FATDeletedFolders, AreFoundWhereTheUpperHalfOfTheirNumberWasCleared)
+{
+    FATImage image({ .type = fat32, .clusters = 140'000 });
+    image.addFile(root, { .name = "FYLD    BIN" }, Bytes(65'540 * 512));
+    const auto folder = image.addFolder(root, { .name = "MAPPE      " });
+    const auto inner = image.addFolder(folder, { .name = "INDRE      " });
+    image.addFile(inner, { .name = "DYB     TXT" }, patternBytes(700));
+    const auto gone = image.addFolder(root, { .name = "VAEK       " });
+    ASSERT_GT(folder, 0xFFFFu);
+    const auto clearUpperHalf = [&](std::uint32_t parent, std::size_t number) {
+        image.write(image.entryOffset(parent, number) + 20, Bytes(2));
+    };
+    image.remove(inner, "DYB     TXT");
+    image.remove(folder, "INDRE      ");
+    for (const char* name : { "MAPPE      ", "VAEK       " })
+        image.remove(root, name);
+    clearUpperHalf(inner, 2);
+    clearUpperHalf(folder, 2);
+    clearUpperHalf(root, 1);
+    clearUpperHalf(root, 2);
+    image.setFAT(gone, image.endMark()); // somebody else has it
+    const auto quick = parse(image);
+    EXPECT_EQ(chance(quick["/_APPE"]), "Ukendt: Mappens indhold er overskrevet");
+
+    Found found(image.bytes());
+    const Parsed card { .source = image.source(), .volume = std::move(found.volumes.at(0)) };
+    EXPECT_EQ(chance(card["/_APPE"]), "Ukendt");
+    EXPECT_EQ(chance(card["/_APPE/_NDRE/_YB.TXT"]),
+        "Ringe: Startklyngen er genbrugt af en anden fil; Startklyngens nummer kan mangle sin øvre "
+        "halvdel");
+    EXPECT_EQ(chance(card["/_AEK"]), "Ukendt: Mappens indhold er overskrevet");
+}
