@@ -242,7 +242,12 @@ std::optional<std::int64_t> FATWalker::parse(Scan& scan, ByteView entries)
 
 void FATWalker::addPiece(const LongNamePiece& piece)
 {
-    if (piece.isLast() || (!pieces_.empty() && pieces_.back().isDeleted() != piece.isDeleted()))
+    const auto begins = [&] {
+        const auto& previous = pieces_.back();
+        return previous.isDeleted() != piece.isDeleted() && previous.checksum != piece.checksum;
+    };
+    // One row with mixed marks is no name, but what is left of another row is not part of this one.
+    if (piece.isLast() || (!pieces_.empty() && begins()))
         pieces_.clear();
     if (pieces_.size() <= maxPieces) // one too many tells that there were too many
         pieces_.push_back(piece);
