@@ -76,7 +76,7 @@ std::uint16_t setChecksum(const std::vector<RawEntry>& entries)
             if (number == 0 && isChecksum)
                 continue;
             const std::uint8_t byte = at == 0 ? typeOf(entries[number]) : entries[number][at];
-            sum = static_cast<std::uint16_t>((sum >> 1 | sum << 15) + byte);
+            sum = static_cast<std::uint16_t>(std::rotr(sum, 1) + byte);
         }
     }
     return sum;

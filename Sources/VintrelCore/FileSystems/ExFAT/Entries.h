@@ -40,10 +40,10 @@ struct BitmapEntry {
 static_assert(sizeof(BitmapEntry) == entrySize && offsetof(BitmapEntry, size) == 24);
 
 struct LabelEntry {
-    std::uint8_t type;                    //  0
-    std::uint8_t length;                  //  1  units, at most 11
-    std::array<std::uint8_t, 22> units;   //  2  UTF-16LE
-    std::array<std::uint8_t, 8> reserved; // 24
+    std::uint8_t type;                  //  0
+    std::uint8_t length;                //  1  units, at most 11
+    std::array<std::uint8_t, 30> units; //  2  UTF-16LE; some systems use the eight bytes that are
+                                        //     reserved behind the eleven units for four more
 };
 static_assert(sizeof(LabelEntry) == entrySize);
 
