@@ -25,6 +25,8 @@ LostVolumeSearch::LostVolumeSearch(DiskSource& source, std::uint64_t sourceSize,
     , partitionStarts_(partitionStarts)
     , progress_(progress)
 {
+    for (const auto& volume : known_)
+        typesByStart_.emplace(volume->offset, volume->type);
 }
 
 bool LostVolumeSearch::isCancelled() const { return ::isCancelled(progress_); }
@@ -55,11 +57,10 @@ std::vector<std::uint64_t> LostVolumeSearch::likelyStarts() const
 
 bool LostVolumeSearch::hasVolume(FileSystemType type, std::uint64_t start) const
 {
-    const auto isSame = [&](const std::unique_ptr<Volume>& volume) {
-        return volume->offset == start
-            && (volume->type == type || (isFAT(volume->type) && isFAT(type)));
-    };
-    return std::ranges::any_of(known_, isSame) || std::ranges::any_of(found_, isSame);
+    const auto [first, end] = typesByStart_.equal_range(start);
+    return std::any_of(first, end, [&](const auto& volume) {
+        return volume.second == type || (isFAT(volume.second) && isFAT(type));
+    });
 }
 
 bool LostVolumeSearch::keep(std::unique_ptr<Volume> volume)
@@ -69,6 +70,7 @@ bool LostVolumeSearch::keep(std::unique_ptr<Volume> volume)
     noteSourceEnd(*volume, sourceSize_);
     if (volume->offset < sourceSize_)
         bytesCovered_ += std::min(volume->size, sourceSize_ - volume->offset);
+    typesByStart_.emplace(volume->offset, volume->type);
     found_.push_back(std::move(volume));
     return true;
 }

@@ -4,6 +4,7 @@
 #include "VintrelCore/Model/Volume.h"
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -58,5 +59,6 @@ private:
     const std::span<const std::uint64_t> partitionStarts_;
     WorkProgress* progress_;
     VolumeList found_;
+    std::multimap<std::uint64_t, FileSystemType> typesByStart_; // of the volumes known and found
     std::uint64_t bytesCovered_ = 0; // by the volumes found, each for itself
 };
