@@ -58,12 +58,6 @@ TEST_P(TableOfLostFAT, SaysWhereFragmentedFilesLie)
     EXPECT_EQ(found.volumes[0]->notes.size(), hasFAT ? 1u : 2u);
     EXPECT_EQ(found.count("/ET/INDE.BIN", content) + found.count("/TO/INDE.BIN", content),
         hasFAT ? 2 : 200);
-    std::string chances;
-    for (const auto* file : found.volumes[0]->root->allFiles())
-        if (file->path().starts_with("/ET/INDE"))
-            chances += chance(*file);
-    EXPECT_EQ(
-        chances, hasFAT ? "God" : "Ukendt: Filens klynger kendes ikke; de antages at ligge samlet");
 }
 
 INSTANTIATE_TEST_SUITE_P(FAT, TableOfLostFAT,
