@@ -36,6 +36,8 @@ ExFATImage::ExFATImage(const Options& options)
     fatOffset_ = (heapSector - fatSectors) * sector;
     heapOffset_ = heapSector * sector;
     bytes_.resize(sectors * sector);
+    setFAT(0, 0xFFFFFFF8); // the kind of the medium
+    setFAT(1, endMark);
     const std::uint64_t bitmapSize = (options.clusters + 7) / 8;
     const auto bitmap = allocate((bitmapSize + clusterSize_ - 1) / clusterSize_, false);
     root_ = allocate(options.clusters > 100 ? 8 : 1, false);

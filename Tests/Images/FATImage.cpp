@@ -46,7 +46,7 @@ FATImage::FATImage(const Options& options)
     write(isFAT32() ? 71 : 43, bytesOf(options.label));
     putLE(bytes_, 510, 0xAA55, 2);
     setFAT(0, endMark());
-    setFAT(1, endMark());
+    setFAT(1, endMark() | 7);
 }
 
 std::uint32_t FATImage::allocate(std::uint64_t count)

@@ -3,6 +3,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FileSystems.h"
 #include "VintrelCore/Model/SourceEnd.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <utility>
 
@@ -20,6 +21,20 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
     for (const auto& volume : loaded)
         noteSourceEnd(*volume, source.size());
     return loaded;
+}
+
+void readAgain(DiskSource& source, VolumeList& volumes, WorkProgress* progress)
+{
+    for (auto& volume : volumes) {
+        const auto* const reader = readerFor(volume->type);
+        if (reader == nullptr || reader->readAgain == nullptr || isCancelled(progress))
+            continue;
+        auto better = reader->readAgain(source, *volume, progress);
+        if (!better)
+            continue;
+        noteSourceEnd(*better, source.size());
+        volume = std::move(better);
+    }
 }
 
 } // namespace VolumeLoader

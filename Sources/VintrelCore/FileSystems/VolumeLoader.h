@@ -23,4 +23,7 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
     const std::string& origin, WorkProgress* progress, std::optional<ByteView> boot = {},
     std::uint64_t partitionSize = 0, std::vector<const Volume*> volumes = {});
 
+/// Puts what a deep scan reads of the volumes in their place, where that is more.
+void readAgain(DiskSource& source, VolumeList& volumes, WorkProgress* progress);
+
 } // namespace VolumeLoader

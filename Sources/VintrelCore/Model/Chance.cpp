@@ -22,6 +22,7 @@ constexpr DoubtRow rows[] = {
     { Doubt::unknownPlace, poor, "Filens placering kendes ikke" },
     { Doubt::uncertainPlace, partial, "Filsystemets placering er usikker" },
     { Doubt::invalidStartCluster, poor, "Ugyldig startklynge" },
+    { Doubt::halfStartCluster, good, "Startklyngens nummer kan mangle sin øvre halvdel" },
     { Doubt::sizeBeyondVolume, poor, "Filens størrelse er større end diskens" },
     { Doubt::brokenChain, partial, "Klyngekæden er afbrudt" },
     { Doubt::guessedClusters, unknown, "Filens klynger kendes ikke; de antages at ligge samlet" },

@@ -17,6 +17,7 @@ enum class Doubt : std::uint8_t {
     unknownPlace,   ///< the place of none of it is
     uncertainPlace, ///< of the whole file system
     invalidStartCluster,
+    halfStartCluster, ///< the system that deleted it may have cleared half of the number
     sizeBeyondVolume,
     brokenChain,
     guessedClusters,     ///< no chain says where it lies

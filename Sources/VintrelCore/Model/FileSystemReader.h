@@ -42,6 +42,12 @@ struct FileSystemReader {
     /// only recognised.
     VolumeList (*load)(const LoadRequest& request);
 
+    /// What a deep scan reads of a volume that was loaded, from structures that the quick scan does
+    /// not ask. None when that changes nothing. Null: there are no such structures.
+    std::unique_ptr<Volume> (*readAgain)(
+        DiskSource& source, const Volume& volume, WorkProgress* progress)
+        = nullptr;
+
     /// What the quick scan says instead of loading; empty when it loads.
     std::string_view quickScanNote;
 

@@ -27,7 +27,7 @@ LostVolumeSearch::LostVolumeSearch(DiskSource& source, std::uint64_t sourceSize,
     , budget_(sourceSize)
 {
     for (const auto& volume : known_)
-        budget_.count(*volume);
+        add(*volume);
 }
 
 bool LostVolumeSearch::isCancelled() const { return ::isCancelled(progress_); }
@@ -58,11 +58,10 @@ std::vector<std::uint64_t> LostVolumeSearch::likelyStarts() const
 
 bool LostVolumeSearch::hasVolume(FileSystemType type, std::uint64_t start) const
 {
-    const auto isSame = [&](const std::unique_ptr<Volume>& volume) {
-        return volume->offset == start
-            && (volume->type == type || (isFAT(volume->type) && isFAT(type)));
-    };
-    return std::ranges::any_of(known_, isSame) || std::ranges::any_of(found_, isSame);
+    const auto [first, end] = typesByStart_.equal_range(start);
+    return std::any_of(first, end, [&](const auto& volume) {
+        return volume.second == type || (isFAT(volume.second) && isFAT(type));
+    });
 }
 
 bool LostVolumeSearch::keep(std::unique_ptr<Volume> volume)
@@ -72,9 +71,15 @@ bool LostVolumeSearch::keep(std::unique_ptr<Volume> volume)
     noteSourceEnd(*volume, sourceSize_);
     if (volume->offset < sourceSize_)
         bytesCovered_ += std::min(volume->size, sourceSize_ - volume->offset);
-    budget_.count(*volume);
+    add(*volume);
     found_.push_back(std::move(volume));
     return true;
+}
+
+void LostVolumeSearch::add(const Volume& volume)
+{
+    budget_.count(volume);
+    typesByStart_.emplace(volume.offset, volume.type);
 }
 
 bool LostVolumeSearch::hasRoom() const

@@ -5,6 +5,7 @@
 #include "VintrelCore/Model/Volume.h"
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -52,6 +53,8 @@ public:
     VolumeList takeFound() { return std::move(found_); }
 
 private:
+    void add(const Volume& volume);
+
     DiskSource& source_;
     const std::uint64_t sourceSize_;
     const DeepScanResult& finds_;
@@ -59,6 +62,7 @@ private:
     const std::span<const std::uint64_t> partitionStarts_;
     WorkProgress* progress_;
     VolumeList found_;
+    std::multimap<std::uint64_t, FileSystemType> typesByStart_; // of the volumes known and found
     std::uint64_t bytesCovered_ = 0; // by the volumes found, each for itself
     ListingBudget budget_;
 };

@@ -1,5 +1,6 @@
 #include "VintrelCore/Scanning/FullScan.h"
 
+#include "VintrelCore/FileSystems/VolumeLoader.h"
 #include "VintrelCore/Scanning/Overlay.h"
 #include "VintrelCore/Scanning/QuickScan.h"
 
@@ -17,6 +18,7 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     if (!deep)
         return volumes;
 
+    VolumeLoader::readAgain(source, volumes, progress);
     const auto finds = DeepScanner(source, *deep).run(progress);
     if (listener.sweepDone)
         listener.sweepDone(finds);

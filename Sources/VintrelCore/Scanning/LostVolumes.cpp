@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FileSystems.h"
+#include "VintrelCore/FileSystems/VolumeLoader.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/LostVolumeSearch.h"
 #include "VintrelCore/Model/WorkProgress.h"
@@ -45,8 +46,10 @@ void tryBoot(
         || !boot.isConfirmed(search.source(), start))
         return;
     search.reportFound(type, "-filsystem");
-    for (auto& volume : boot.reader.load({ search.source(), start, origin, search.progress(),
-             ByteView(boot.found.sector), 0, search.volumes() }))
+    auto volumes = boot.reader.load({ search.source(), start, origin, search.progress(),
+        ByteView(boot.found.sector), 0, search.volumes() });
+    VolumeLoader::readAgain(search.source(), volumes, search.progress());
+    for (auto& volume : volumes)
         search.keep(std::move(volume));
 }
 

@@ -23,6 +23,7 @@ struct QueuedDirectory {
     std::uint64_t size = 0;    ///< in bytes; 0: not known
     bool isContiguous = false; ///< its entry says that it has no chain
     bool isSurveyed = false;   ///< found by its content, which need not be the beginning of one
+    std::uint32_t parent = 0;  ///< the first cluster of the directory above; 0: the root
 };
 
 /// The directories that a walk has still to read. Those of the live tree come first, each folder's

@@ -37,6 +37,10 @@ public:
     /// Reads what is left of the directory that begins, or continues, in a cluster, and the folders
     /// below it.
     void walkFragment(std::uint32_t first, FileNode& folder, bool isRoot = false);
+    /// Reads the rest of a directory into a folder, and the folders below it.
+    void walkRest(const DirectoryRest& rest, FileNode& folder);
+    /// Reads a deleted directory on where it seems to continue, and the folders below it.
+    void walkOn(const OpenDirectory& directory);
 
     /// The volume's label, if a root directory that was read has one.
     const std::optional<std::string>& label() const { return label_; }
@@ -46,6 +50,9 @@ public:
 
     ClusterClaims claims;
     Continuations continuations;
+    Continuations deletedContinuations; ///< the same of directories whose entries were deleted
+    /// The status of what bears no deletion mark in a directory that no live one leads to.
+    EntryStatus lostStatus = EntryStatus::deleted;
 
 protected:
     /// What reading one directory carries from entry to entry, and from cluster to cluster.
@@ -57,6 +64,8 @@ protected:
 
     /// The note on a folder whose directory is gone.
     static constexpr std::string_view overwrittenFolder = "Mappens indhold er overskrevet";
+    /// The note on a deleted folder whose directory has no end where it was read.
+    static constexpr std::string_view openFolder = "Mappen fortsætter muligvis et andet sted";
 
     /// Clusters of a deleted file that are asked whether they are free.
     static constexpr std::uint64_t maxFreeChecks = 1'048'576;
@@ -67,10 +76,16 @@ protected:
 
     /// Reads one directory by what became of it.
     virtual void readDirectory(Scan& scan) = 0;
-    /// Lists whole entries. False at the directory's end.
-    virtual bool parse(Scan& scan, ByteView entries) = 0;
+    /// Lists whole entries. The place among them where the directory ends; none where it goes on.
+    virtual std::optional<std::int64_t> parse(Scan& scan, ByteView entries) = 0;
+    /// Whether a sector in the middle of a directory holds entries, and nothing else.
+    virtual bool holdsEntries(ByteView sector) = 0;
+    /// Lists what is left of a file's entries whose other part is missing.
+    virtual void endEntries(Scan& scan) = 0;
     /// The chain from a cluster on, at most so many clusters long.
     virtual ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) = 0;
+    /// Takes up the entries that are cut by the end of a cluster.
+    virtual void resumeEntries(std::uint32_t /*cluster*/) { }
     /// Whether what was read last is only the first part of a file's entries.
     virtual bool isInsideEntries() const = 0;
     /// Where the other part lies; none when nothing fits.
@@ -84,16 +99,28 @@ protected:
     void walkFixedRoot(
         const QueuedDirectory& directory, std::uint64_t offset, std::uint64_t length);
 
-    /// Parses a range of the source until the directory's end. False when that was met.
-    bool readRange(Scan& scan, std::uint64_t offset, std::uint64_t length);
-    void readExtents(Scan& scan, const ExtentList& extents);
-    /// Parses one cluster, which belongs to the directory from now on.
+    /// Parses a range of the source until the directory's end. The byte of the source where that
+    /// was met; none when it was not.
+    std::optional<std::uint64_t> readRange(Scan& scan, std::uint64_t offset, std::uint64_t length);
+    std::optional<std::uint64_t> readExtents(Scan& scan, const ExtentList& extents);
+    /// What lies in a directory's extents behind the byte where it seems to end.
+    DirectoryRest restBehind(
+        const QueuedDirectory& directory, const ExtentList& extents, std::uint64_t end);
+    /// Keeps it among the claims when it holds anything.
+    void noteRest(const QueuedDirectory& directory, const ExtentList& extents, std::uint64_t end);
+    void readRest(Scan& scan, const DirectoryRest& rest);
+    /// Keeps among the claims that a deleted directory goes on behind a cluster.
+    void noteOpen(const Scan& scan, std::uint32_t lastCluster);
+    /// Parses one cluster, which belongs to the directory from now on. False at the directory's
+    /// end.
     bool readCluster(Scan& scan, std::uint32_t cluster);
     /// Follows a directory without a chain from cluster to cluster, by what they hold.
     void readByContent(Scan& scan);
 
     /// A chain that leaves room for the others.
     ClusterChain limitedChain(std::uint32_t start, std::uint64_t maxClusters);
+    /// The status of an entry in a directory of this state.
+    EntryStatus statusIn(DirectoryState state) const;
     bool canContinueIn(std::uint32_t cluster);
 
     DiskSource& source_;
@@ -103,6 +130,8 @@ protected:
 private:
     bool enter(const QueuedDirectory& directory);
     void walkQueue();
+    bool spend(std::uint64_t length);
+    void addSectors(DirectoryRest& rest, std::uint64_t offset, bool& isGap);
     std::optional<std::uint32_t> continuation(const Scan& scan, std::uint32_t cluster);
 
     const WorkProgress* progress_;

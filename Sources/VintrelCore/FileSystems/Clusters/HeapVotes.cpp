@@ -9,22 +9,25 @@ void HeapVotes::add(std::uint64_t offset, std::uint32_t cluster)
             votes_.push_back({ shift, offset - distance, cluster });
 }
 
-std::optional<ClusterHeap> HeapVotes::winner()
+std::vector<ClusterHeap> HeapVotes::winners()
 {
+    constexpr std::size_t maxWinners = 64;
     std::ranges::sort(votes_);
     votes_.erase(
         std::unique(votes_.begin(), votes_.end()), votes_.end()); // two from one cluster are one
-    std::optional<ClusterHeap> best;
+    std::vector<ClusterHeap> best;
     std::size_t most = 2;
     for (std::size_t first = 0, end = 0; first < votes_.size(); first = end) {
         while (end < votes_.size() && votes_[end].shift == votes_[first].shift
             && votes_[end].heapOffset == votes_[first].heapOffset)
             ++end;
-        if (end - first >= most) {
-            most = end - first;
-            best = { .offset = votes_[first].heapOffset,
-                .clusterSize = std::uint64_t { 1 } << votes_[first].shift };
-        }
+        if (end - first < most)
+            continue;
+        if (end - first > most || best.size() == maxWinners)
+            best.clear();
+        most = end - first;
+        best.push_back({ .offset = votes_[first].heapOffset,
+            .clusterSize = std::uint64_t { 1 } << votes_[first].shift });
     }
     return best;
 }

@@ -4,7 +4,6 @@
 
 #include <compare>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 /// Finds out where the clusters of a volume lie from what is known to lie in some of them.
@@ -20,9 +19,10 @@ public:
     /// What lies at a byte of the source may lie in this cluster.
     void add(std::uint64_t offset, std::uint32_t cluster);
 
-    /// The offset and cluster size that most votes from different clusters agree on, at least two;
-    /// larger clusters win a draw. The count of clusters is left open. None when no two agree.
-    std::optional<ClusterHeap> winner();
+    /// The offsets and cluster sizes that most votes from different clusters agree on, at least
+    /// two, in ascending order of the sizes. Of many in a draw those with the largest clusters. The
+    /// count of clusters is left open. Empty when no two votes agree.
+    std::vector<ClusterHeap> winners();
 
 private:
     struct Vote {

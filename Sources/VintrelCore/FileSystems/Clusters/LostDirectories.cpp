@@ -9,7 +9,8 @@ std::unique_ptr<FileNode> LostDirectories::find(
     std::ranges::sort(sectors);
     surveyAll(sectors, claims);
     std::erase_if(fragments_, [](const Fragment& fragment) { return fragment.isForeign; });
-    if (fragments_.empty() && root == nullptr)
+    if (fragments_.empty() && root == nullptr && claims.rests.empty()
+        && claims.openDirectories.empty() && claims.misplaced.empty())
         return nullptr;
 
     auto folder = FileNode::makeFolder("$Tabte mappefragmenter", EntryStatus::orphaned);
@@ -18,6 +19,8 @@ std::unique_ptr<FileNode> LostDirectories::find(
         walkRoot(*root);
         root->label = walker_.label().value_or("");
     }
+    walkRests(*folder);
+    walkDeleted();
     // Folders that others name get their place and name from these, so those that nobody names come
     // first: above all the ones that are surely no part of another directory. What may be part of
     // one waits until its directory has had the chance to continue there. What is left at the end
@@ -31,11 +34,41 @@ std::unique_ptr<FileNode> LostDirectories::find(
     });
     walkFragments(*folder, isTop);
     walkFragments(*folder, [](const Fragment&) { return true; });
+    walkRests(*folder);
     claims = std::move(walker_.claims);
     if (folder->children().empty())
         return nullptr;
     folder->sortChildren();
     return folder;
+}
+
+/// What lies behind a break belongs to the directory. What lies behind a true end may be older than
+/// the directory.
+void LostDirectories::walkRests(FileNode& lostFolder)
+{
+    const auto statusOfOthers = walker_.lostStatus;
+    while (!walker_.claims.rests.empty() && !isCancelled(progress_)) {
+        for (const auto& rest : std::exchange(walker_.claims.rests, {})) {
+            walker_.lostStatus = rest.isBroken ? EntryStatus::orphaned : statusOfOthers;
+            walker_.walkRest(rest, rest.isBroken ? *rest.folder : lostFolder);
+            rest.folder->sortChildren();
+        }
+    }
+    walker_.lostStatus = statusOfOthers;
+}
+
+/// What is found of deleted directories leads to others of which parts are missing. None is read
+/// twice, so that this ends.
+void LostDirectories::walkDeleted()
+{
+    auto& claims = walker_.claims;
+    while (
+        !isCancelled(progress_) && !(claims.misplaced.empty() && claims.openDirectories.empty())) {
+        walkMisplaced();
+        claims.misplaced.clear();
+        for (const auto& directory : std::exchange(claims.openDirectories, {}))
+            walker_.walkOn(directory);
+    }
 }
 
 void LostDirectories::walkRoot(LostRoot& root)

@@ -29,9 +29,14 @@ public:
     LostDirectories& operator=(const LostDirectories&) = delete;
     virtual ~LostDirectories() = default;
 
+    /// The status of files that were not deleted, and of their folders, where another one than
+    /// `deleted` is wanted.
+    void setStatusOfLost(EntryStatus status) { walker_.lostStatus = status; }
+
     /// What these sectors (offsets in any order) hold beyond the directories that were read: the
     /// folder "$Tabte mappefragmenter", or none. `root` is read first, if it is not none. Adds to
-    /// `claims` what was read.
+    /// `claims` what was read, and to the folders of its broken directories what lies behind the
+    /// break.
     std::unique_ptr<FileNode> find(
         std::vector<std::uint64_t> sectors, ClusterClaims& claims, LostRoot* root);
 
@@ -57,6 +62,8 @@ protected:
     /// Finds out what one of its sectors tells of a fragment. `isFirst`: none was asked before.
     virtual void survey(Fragment& fragment, std::uint64_t sector, bool isFirst) = 0;
     virtual void walkRoot(LostRoot& root);
+    /// Reads deleted directories that are not where their entries say.
+    virtual void walkMisplaced() { }
 
     DiskSource& source_;
     const ClusterHeap& heap_;
@@ -64,6 +71,8 @@ protected:
     std::unordered_set<std::uint32_t> named_; // where the fragments' entries have folders
 
 private:
+    void walkRests(FileNode& lostFolder);
+    void walkDeleted();
     void surveyAll(std::span<const std::uint64_t> sectors, const ClusterClaims& claims);
     template <class IsTurn> void walkFragments(FileNode& folder, IsTurn isTurn);
 

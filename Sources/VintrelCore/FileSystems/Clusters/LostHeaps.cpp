@@ -95,7 +95,7 @@ void LostHeaps::survey(std::span<const std::uint64_t> sectors)
 /// Where the clusters lie by most of what no other heap explains: directories that say where they
 /// lie, folders that begin where a directory does, and files that begin where one of their size was
 /// found.
-std::optional<ClusterHeap> LostHeaps::likeliestHeap() const
+std::optional<ClusterHeap> LostHeaps::likeliestHeap()
 {
     HeapVotes votes(minClusterShift, limits_.maxClusterShift);
     std::vector<std::uint64_t> beginnings;
@@ -118,7 +118,24 @@ std::optional<ClusterHeap> LostHeaps::likeliestHeap() const
             for (std::size_t i = 0; i < beginnings.size() && pairs < maxPairs; ++i, ++pairs)
                 votes.add(beginnings[i], named.cluster);
     }
-    return votes.winner();
+    const auto winners = votes.winners();
+    const auto confirmed = std::find_if(winners.rbegin(), winners.rend(),
+        [&](const ClusterHeap& heap) { return isConfirmedByRoot(heap); });
+    if (confirmed != winners.rend())
+        return *confirmed;
+    return winners.empty() ? std::nullopt : std::optional(winners.back());
+}
+
+/// Whether a root directory that nobody has yet names something that lies where the heap has it.
+bool LostHeaps::isConfirmedByRoot(const ClusterHeap& heap)
+{
+    constexpr int maxRoots = 16;
+    int asked = 0;
+    for (const auto& sector : sectors_)
+        if (sector.isRoot && !sector.owner && asked++ < maxRoots
+            && confirmsHeap(sector.offset, heap))
+            return true;
+    return false;
 }
 
 /// Gives a heap the sectors that it explains. False when there are none: the same votes would elect
@@ -294,13 +311,15 @@ std::unique_ptr<Volume> LostHeaps::emptyVolume(FileSystemType type, const Cluste
 }
 
 std::unique_ptr<Volume> LostHeaps::finished(
-    std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors)
+    std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors, bool hasFAT)
 {
     if (volume->root->children().empty())
         return nullptr;
     volume->root->sortChildren();
     volume->notes = { "Genopbygget ud fra " + std::to_string(sectors) + " " + std::string(kind)
-            + "-mappesektorer fundet ved dyb scanning.",
-        "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende." };
+        + "-mappesektorer fundet ved dyb scanning." };
+    if (!hasFAT)
+        volume->notes.emplace_back(
+            "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
     return volume;
 }

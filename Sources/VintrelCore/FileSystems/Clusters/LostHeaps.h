@@ -81,6 +81,12 @@ protected:
     };
 
     virtual Clues cluesOf(std::uint64_t sector) = 0;
+    /// Whether what a sector of a root directory names beside files lies where the heap, of which
+    /// the count is not known, would have it.
+    virtual bool confirmsHeap(std::uint64_t /*rootSector*/, const ClusterHeap& /*heap*/)
+    {
+        return false;
+    }
     /// Where a root directory that names a folder of the root nearly always lies, whether or not
     /// its sectors were found; the last one counts most.
     virtual std::vector<std::uint64_t> usualRoots(const ClusterHeap& /*heap*/) { return {}; }
@@ -101,13 +107,16 @@ protected:
             std::move(context), ClusterClaims(heap, source_.size()));
         LostRoot root { .folder = *volume->root, .offset = rootOffset.value_or(0) };
         Search search(*info->context, progress_);
+        // No system lists them any more, and nothing says that they were deleted.
+        search.setStatusOfLost(EntryStatus::orphaned);
         if (auto folder = search.find(sectors, info->claims, rootOffset ? &root : nullptr))
             volume->root->add(std::move(folder));
         judgeFormerFiles(info->claims, heap, true);
         info->isRebuilt = true;
         volume->label = root.label;
+        const bool hasFAT = !info->context->fatUnavailable();
         volume->deepContext = std::move(info);
-        return finished(std::move(volume), kind, sectors.size());
+        return finished(std::move(volume), kind, sectors.size(), hasFAT);
     }
 
     DiskSource& source_;
@@ -139,10 +148,11 @@ private:
 
     static std::unique_ptr<Volume> emptyVolume(FileSystemType type, const ClusterHeap& heap);
     static std::unique_ptr<Volume> finished(
-        std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors);
+        std::unique_ptr<Volume> volume, std::string_view kind, std::size_t sectors, bool hasFAT);
 
     void survey(std::span<const std::uint64_t> sectors);
-    std::optional<ClusterHeap> likeliestHeap() const;
+    std::optional<ClusterHeap> likeliestHeap();
+    bool isConfirmedByRoot(const ClusterHeap& heap);
     bool assign(const LostHeap& lost);
     bool assignNamed(std::size_t index);
     bool assignSelfPlaced(std::size_t index);

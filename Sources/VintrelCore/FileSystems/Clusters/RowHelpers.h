@@ -51,6 +51,14 @@ inline void noteUnreadable(
     add(sectorsOfDirectories, "Mapperne", "filer kan mangle.");
 }
 
+/// Says on a volume that directories seem to end in a lost sector, and hold more behind it.
+inline void noteBrokenDirectories(Volume& volume, std::size_t count)
+{
+    if (count > 0)
+        volume.notes.push_back((count == 1 ? "En mappe" : std::to_string(count) + " mapper")
+            + " er afbrudt midt i – dyb scanning kan finde flere filer.");
+}
+
 /// Adds what lies before the clusters of a volume, and the clusters that are in use, cut at the
 /// source's end.
 inline void addUsedClusters(const Volume& volume, const ClusterHeap& heap, const ClusterBits& used,

@@ -76,7 +76,7 @@ std::uint16_t setChecksum(const std::vector<RawEntry>& entries)
             if (number == 0 && isChecksum)
                 continue;
             const std::uint8_t byte = at == 0 ? typeOf(entries[number]) : entries[number][at];
-            sum = static_cast<std::uint16_t>((sum >> 1 | sum << 15) + byte);
+            sum = static_cast<std::uint16_t>(std::rotr(sum, 1) + byte);
         }
     }
     return sum;
@@ -161,6 +161,19 @@ bool continuesDirectory(ByteView cluster)
     const auto first = static_cast<std::uint8_t>(cluster.u8(0) | inUse);
     return beginsDirectory(cluster) || first == streamType || first == nameType
         || first == fileType;
+}
+
+bool holdsEntries(ByteView sector)
+{
+    std::int64_t at = 0;
+    while (const auto entry = sector.load<RawEntry>(at)) {
+        if ((*entry)[0] == endOfDirectory)
+            return at > 0 && sector.isAllZero(at);
+        if (!isKnownType((*entry)[0]))
+            return false;
+        at += entrySize;
+    }
+    return true;
 }
 
 std::vector<EntrySet> soundSets(ByteView bytes, std::int64_t at)

@@ -40,10 +40,10 @@ struct BitmapEntry {
 static_assert(sizeof(BitmapEntry) == entrySize && offsetof(BitmapEntry, size) == 24);
 
 struct LabelEntry {
-    std::uint8_t type;                    //  0
-    std::uint8_t length;                  //  1  units, at most 11
-    std::array<std::uint8_t, 22> units;   //  2  UTF-16LE
-    std::array<std::uint8_t, 8> reserved; // 24
+    std::uint8_t type;                  //  0
+    std::uint8_t length;                //  1  units, at most 11
+    std::array<std::uint8_t, 30> units; //  2  UTF-16LE; some systems use the eight bytes that are
+                                        //     reserved behind the eleven units for four more
 };
 static_assert(sizeof(LabelEntry) == entrySize);
 
@@ -125,6 +125,9 @@ bool isPlausible(const EntrySet& set);
 /// Whether the first entries of a cluster can begin a directory, or go on in one.
 bool beginsDirectory(ByteView cluster);
 bool continuesDirectory(ByteView cluster);
+
+/// Whether a sector in the middle of a directory holds entries, and nothing else.
+bool holdsEntries(ByteView sector);
 
 /// A file entry, a stream, and as many name entries as the longest name takes: in bytes.
 constexpr std::int64_t maxFileSetSize = 19 * entrySize;

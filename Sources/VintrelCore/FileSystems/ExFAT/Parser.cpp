@@ -55,6 +55,9 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
         volume->notes.emplace_back("Allokeringsbitmappen kunne ikke læses.");
     noteUnreadable(*volume, context->unreadableSectors(),
         unitsFor(walker.unreadableBytes(), source.sectorSize()));
+    if (const auto count = walker.directoriesWithGaps(); count > 0)
+        volume->notes.push_back((count == 1 ? "En mappe" : std::to_string(count) + " mapper")
+            + " mangler sektorer midt i – filer kan mangle.");
     volume->deepContext
         = std::make_unique<ExFATDeepInfo>(std::move(context), std::move(walker.claims));
     volume->root->sortChildren();

@@ -56,7 +56,8 @@ std::unique_ptr<FileNode> lostEntries(
 VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> sectors,
     const DirectoryHints& hints, WorkProgress* progress);
 
-/// Those sectors that lie neither in directories that these volumes list nor in existing files.
+/// Those sectors (ascending) that lie neither in directories that these volumes list nor in
+/// existing files.
 std::vector<std::uint64_t> looseSectors(
     std::span<const std::uint64_t> sectors, const VolumeList& volumes);
 

@@ -24,8 +24,10 @@ std::vector<ExtraFolder> findLostFolders(DiskSource& /*source*/, const VolumeLis
     const DeepScanResult& finds, WorkProgress* progress)
 {
     const auto sectors = ExFATParser::looseSectors(finds.exfatDirSectors, volumes);
-    return lostFolders(volumes, types, progress,
-        [&](Volume& volume) { return ExFATParser::lostEntries(volume, sectors, progress); });
+    return lostFolders(volumes, types, progress, [&](Volume& volume) {
+        return ExFATParser::lostEntries(
+            volume, sectorsOf<ExFATDeepInfo>(volume, sectors), progress);
+    });
 }
 
 bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)

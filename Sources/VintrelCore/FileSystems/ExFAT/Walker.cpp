@@ -12,6 +12,7 @@
 #include <bit>
 #include <iterator>
 #include <span>
+#include <string>
 
 using namespace ExFATEntries;
 
@@ -19,10 +20,6 @@ namespace {
 
 /// The format's own limit for a directory.
 constexpr std::uint64_t maxDirectorySize = 0x10000000;
-
-/// Clusters that begin in the middle of a set are tried against one that breaks off, so many of
-/// them.
-constexpr int maxRestsTried = 64;
 
 /// On a sound volume every cluster is claimed once.
 constexpr std::uint64_t claimBudgetFactor = 4;
@@ -71,6 +68,7 @@ std::optional<Date> writtenDate(const EntrySet& set)
 
 ExFATWalker::ExFATWalker(ExFATContext& context, WorkProgress* progress)
     : DirectoryWalker(context.source(), context.geometry().heap, context.entryCount(), progress)
+    , cutSets(heap_)
     , context_(context)
     , claimBudget_(claimBudgetFactor * heap_.clustersWithin(source_.size()))
 {
@@ -126,9 +124,21 @@ void ExFATWalker::readDirectory(Scan& scan)
         readFragment(scan);
         break;
     }
-    if (const auto last = sets_.finish())
-        addSet(scan, *last);
+    endEntries(scan);
 }
+
+void ExFATWalker::endEntries(Scan& scan)
+{
+    auto last = sets_.finish();
+    if (!last)
+        return;
+    // The name may lie in a cluster that nobody has found; the content is known all the same.
+    if (scan.directory.state == DirectoryState::fragment && last->file && last->name.empty())
+        last->name = "Uden navn (klynge " + std::to_string(last->stream.firstCluster) + ")";
+    addSet(scan, *last);
+}
+
+bool ExFATWalker::holdsEntries(ByteView sector) { return ExFATEntries::holdsEntries(sector); }
 
 void ExFATWalker::readLive(Scan& scan)
 {
@@ -138,7 +148,15 @@ void ExFATWalker::readLive(Scan& scan)
         return readGuessed(scan, extents);
     claim(extents, claims.claimed);
     claim(extents, claims.directories);
-    readExtents(scan, extents);
+    const auto end = readExtents(scan, extents);
+    if (!end)
+        return;
+    // A lost sector reads as zeros, and a zero seems to end the directory.
+    const auto rest = restBehind(directory, extents, *end);
+    if (!rest.isBroken || rest.sectors.empty())
+        return;
+    ++directoriesWithGaps_;
+    readRest(scan, rest);
 }
 
 /// Reads a live directory without a chain as far as its clusters hold entries.
@@ -176,14 +194,18 @@ void ExFATWalker::readFragment(Scan& scan)
 void ExFATWalker::readRemains(Scan& scan, const ExtentList& extents)
 {
     const auto& directory = scan.directory;
+    auto last = directory.cluster;
     for (const auto& extent : extents)
         for (std::uint64_t done = 0; done < extent.length; done += heap_.clusterSize) {
             const auto cluster = heap_.clusterAt(*extent.offset + done);
             if (!isStillIn(cluster, directory)) {
                 if (cluster == directory.cluster)
                     directory.folder->addNote(overwrittenFolder);
+                else if (directory.state == DirectoryState::deleted)
+                    noteOpen(scan, last);
                 return;
             }
+            last = cluster;
             claims.directories.insert(cluster);
             if (!readCluster(scan, cluster))
                 return;
@@ -208,11 +230,31 @@ ExtentList ExFATWalker::fragmentExtents(const QueuedDirectory& directory)
 {
     const std::uint64_t size
         = heap_.clustersFor(std::min(directory.size, maxDirectorySize)) * heap_.clusterSize;
+    if (directory.depth == 0 && !context_.fatUnavailable()) {
+        const auto found = limitedChain(directory.cluster, heap_.clustersFor(maxDirectorySize));
+        return found.isComplete ? heap_.extents(found.clusters, maxDirectorySize) : ExtentList {};
+    }
     if (size == 0)
         return {};
     if (directory.isContiguous)
         return { heap_.contiguous(directory.cluster, size) };
     return context_.fatUnavailable() ? ExtentList {} : standingChain(directory.cluster, size);
+}
+
+/// The set at the end of the cluster.
+void ExFATWalker::resumeEntries(std::uint32_t cluster)
+{
+    const auto tail = tailOf(cluster);
+    for (std::int64_t at = 0; const auto entry = ByteView(tail).load<RawEntry>(at); at += entrySize)
+        sets_.take(*entry);
+}
+
+/// The last bytes of a cluster: as many as a set has at most.
+Bytes ExFATWalker::tailOf(std::uint32_t cluster)
+{
+    const auto length = std::min<std::uint64_t>(heap_.clusterSize, maxFileSetSize);
+    return source_.read(heap_.offsetOf(cluster) + heap_.clusterSize - length,
+        static_cast<std::int64_t>(length), ReadMode::thorough);
 }
 
 /// The whole clusters in which a live or deleted directory lies.
@@ -233,34 +275,9 @@ ExtentList ExFATWalker::extentsOf(const QueuedDirectory& directory)
     return { heap_.contiguous(directory.cluster, wholeSize) };
 }
 
-/// The checksum of the set that breaks off says which cluster has the rest of it.
 std::optional<std::uint32_t> ExFATWalker::restOfEntries(std::uint32_t cluster)
 {
-    int tried = 0;
-    for (auto rest = setRests.upper_bound(cluster); rest != setRests.end() && tried < maxRestsTried;
-         ++tried) {
-        const auto next = *rest;
-        const bool isTaken = claims.contains(next);
-        const bool fits = !isTaken && completes(sets_, next);
-        rest = isTaken || fits ? setRests.erase(rest) : std::next(rest);
-        if (fits)
-            return next;
-    }
-    return std::nullopt;
-}
-
-/// Whether the entries at the beginning of a cluster make a set sound that has begun elsewhere.
-bool ExFATWalker::completes(SetCollector begun, std::uint32_t cluster)
-{
-    const auto bytes = source_.read(heap_.offsetOf(cluster), maxFileSetSize, ReadMode::thorough);
-    for (std::int64_t at = 0; const auto entry = ByteView(bytes).load<RawEntry>(at);
-         at += entrySize) {
-        if (const auto set = begun.take(*entry))
-            return set->isSound;
-        if (!begun.isInside())
-            return false;
-    }
-    return false;
+    return cutSets.takeRest(sets_, cluster, claims);
 }
 
 bool ExFATWalker::holdsMoreEntries(std::uint32_t cluster)
@@ -281,17 +298,17 @@ void ExFATWalker::claim(const ExtentList& extents, ClusterBits& clusters)
     }
 }
 
-bool ExFATWalker::parse(Scan& scan, ByteView entries)
+std::optional<std::int64_t> ExFATWalker::parse(Scan& scan, ByteView entries)
 {
     for (std::int64_t at = 0; const auto entry = entries.load<RawEntry>(at); at += entrySize) {
         if ((*entry)[0] == endOfDirectory)
-            return false;
+            return at;
         if (const auto set = sets_.take(*entry))
             addSet(scan, *set);
         if (scan.directory.depth == 0)
             addRootEntry(*entry);
     }
-    return true;
+    return std::nullopt;
 }
 
 /// Takes note of the label, the bitmap and the up-case table, which only root directories have.
@@ -313,8 +330,7 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
         return;
     const auto state = set.isDeleted ? DirectoryState::deleted : scan.directory.state;
     const bool isFolder = set.file && set.file->isDirectory();
-    const auto status
-        = state == DirectoryState::live ? EntryStatus::existing : EntryStatus::deleted;
+    const auto status = statusIn(state);
     auto& node = scan.directory.folder->add(isFolder
             ? FileNode::makeFolder(set.name, status)
             : FileNode::makeFile(set.name, set.stream.size, status));
@@ -323,7 +339,8 @@ void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
         node.created = TimeConversion::fromExFAT(set.file->created, set.file->createdOffset);
         node.modified = TimeConversion::fromExFAT(set.file->modified, set.file->modifiedOffset);
     }
-    if (!set.isDeleted && set.stream.firstCluster != 0)
+    const bool isOfItsTime = !set.isDeleted || scan.directory.state == DirectoryState::deleted;
+    if (isOfItsTime && set.stream.firstCluster != 0)
         scan.endOfContent = set.stream.firstCluster + heap_.clustersFor(set.stream.size);
     Doubts doubts = set.isSound ? Doubts() : Doubt::damagedDirectoryEntry;
     if (!isFolder) {

@@ -2,11 +2,11 @@
 
 #include "VintrelCore/FileSystems/Clusters/DirectoryWalker.h"
 #include "VintrelCore/FileSystems/ExFAT/Context.h"
+#include "VintrelCore/FileSystems/ExFAT/CutSets.h"
 #include "VintrelCore/FileSystems/ExFAT/Entries.h"
 #include "VintrelCore/Model/Chance.h"
 
 #include <optional>
-#include <set>
 
 /// Walks the directories of one exFAT volume.
 class ExFATWalker : public DirectoryWalker {
@@ -16,7 +16,12 @@ public:
     /// Finds the allocation bitmap, and then reads the root directory and everything below it.
     void walkRoot(FileNode& root);
 
-    std::set<std::uint32_t> setRests; ///< clusters that begin in the middle of a set
+    /// How many directories were read of which sectors in the middle are lost.
+    std::size_t directoriesWithGaps() const { return directoriesWithGaps_; }
+
+    Bytes tailOf(std::uint32_t cluster);
+
+    CutSets cutSets; ///< of directories without a chain
 
 private:
     /// What is known of the place of a file.
@@ -26,8 +31,11 @@ private:
     };
 
     void readDirectory(Scan& scan) override;
-    bool parse(Scan& scan, ByteView entries) override;
+    std::optional<std::int64_t> parse(Scan& scan, ByteView entries) override;
+    bool holdsEntries(ByteView sector) override;
+    void endEntries(Scan& scan) override;
     ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) override;
+    void resumeEntries(std::uint32_t cluster) override;
     bool isInsideEntries() const override { return sets_.isInside(); }
     std::optional<std::uint32_t> restOfEntries(std::uint32_t cluster) override;
     bool holdsMoreEntries(std::uint32_t cluster) override;
@@ -41,7 +49,6 @@ private:
     bool isStillIn(std::uint32_t cluster, const QueuedDirectory& directory);
     ExtentList extentsOf(const QueuedDirectory& directory);
     ExtentList fragmentExtents(const QueuedDirectory& directory);
-    bool completes(ExFATEntries::SetCollector begun, std::uint32_t cluster);
     void claim(const ExtentList& extents, ClusterBits& clusters);
     void addRootEntry(const ExFATEntries::RawEntry& entry);
     void addSet(Scan& scan, const ExFATEntries::EntrySet& set);
@@ -55,6 +62,7 @@ private:
 
     ExFATContext& context_;
     ExFATEntries::SetCollector sets_; // of the directory that is being read
+    std::size_t directoriesWithGaps_ = 0;
     std::uint64_t
         claimBudget_; // clusters that may still be claimed: made-up files can overlap without end
 };

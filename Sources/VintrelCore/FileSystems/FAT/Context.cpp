@@ -38,25 +38,40 @@ std::uint64_t entryBits(FileSystemType type)
     }
 }
 
-/// Replaces the sectors that are all zero in the first copy, as unreadable ones are, by the second
-/// copy's.
-void repair(Bytes& first, const Bytes& second, std::size_t sectorSize)
+/// Calls `visit(at, length)` for the sectors that are all zero in `first`, as unreadable ones are,
+/// but not in `second`. Both are as long.
+template <class Visit>
+void forEachLostSector(ByteView first, ByteView second, std::uint64_t sectorSize, Visit visit)
 {
-    for (std::size_t at = 0; at < first.size(); at += sectorSize) {
-        const auto length = static_cast<std::int64_t>(std::min(sectorSize, first.size() - at));
-        if (ByteView(first).isAllZero(static_cast<std::int64_t>(at), length))
-            std::copy_n(second.begin() + static_cast<std::ptrdiff_t>(at), length,
-                first.begin() + static_cast<std::ptrdiff_t>(at));
+    const std::uint64_t size = first.size();
+    for (std::uint64_t at = 0; at < size; at += sectorSize) {
+        const auto place = static_cast<std::int64_t>(at);
+        const auto length = static_cast<std::int64_t>(std::min(sectorSize, size - at));
+        if (first.isAllZero(place, length) && !second.isAllZero(place, length))
+            visit(place, length);
     }
+}
+
+void copyRange(Bytes& to, const Bytes& from, std::int64_t at, std::int64_t length)
+{
+    std::copy_n(from.begin() + at, length, to.begin() + at);
 }
 
 } // namespace
 
-FATContext::FATContext(DiskSource& source, FATGeometry geometry)
+/// The first entry repeats the kind of the medium, all its other bits being set, and the low bits
+/// of the second one are set.
+bool FATContext::beginsTable(ByteView table)
+{
+    constexpr std::uint8_t lowestMedium = 0xF0;
+    return table.u8(0) >= lowestMedium && table.u8(1) == 0xFF;
+}
+
+FATContext::FATContext(DiskSource& source, FATGeometry geometry, SecondFAT secondFAT)
     : source_(source)
     , geometry_(std::move(geometry))
 {
-    load();
+    load(secondFAT);
     const std::uint64_t entries = loadedEntries();
     used_ = ClusterBits(entries);
     seen_ = ClusterBits(entries);
@@ -65,7 +80,7 @@ FATContext::FATContext(DiskSource& source, FATGeometry geometry)
             used_.insert(cluster);
 }
 
-void FATContext::load()
+void FATContext::load(SecondFAT secondFAT)
 {
     fatUnavailable_ = geometry_.fatSize == 0 || geometry_.fatSize > maxFATSize;
     if (fatUnavailable_)
@@ -81,6 +96,8 @@ void FATContext::load()
     auto first = source_.readReporting(geometry_.fatOffset, length, ReadMode::thorough);
     if (first.badBytes > 0)
         repairFAT(first);
+    else if (geometry_.fatCount > 1 && geometry_.areFATsMirrored)
+        compareFATs(first.data, secondFAT);
     fat_ = std::move(first.data);
 }
 
@@ -95,11 +112,27 @@ void FATContext::repairFAT(ReadReport& first)
     const auto secondOffset = geometry_.fatOffset + geometry_.fatSize;
     const auto second = source_.readReporting(
         secondOffset, static_cast<std::int64_t>(first.data.size()), ReadMode::thorough);
-    repair(first.data, second.data, static_cast<std::size_t>(sectorSize));
+    forEachLostSector(first.data, second.data, sectorSize,
+        [&](auto at, auto length) { copyRange(first.data, second.data, at, length); });
     for (std::uint64_t at = 0; second.badBytes > 0 && at < first.data.size(); at += sectorSize)
         if (source_.hasBadSectors(geometry_.fatOffset + at, sectorSize)
             && source_.hasBadSectors(secondOffset + at, sectorSize))
             ++unreadableSectors_;
+}
+
+/// Asks the second copy for sectors of the first that are zeros, if it is one: a boot sector may be
+/// wrong about it.
+void FATContext::compareFATs(Bytes& first, SecondFAT secondFAT)
+{
+    const auto second = source_.read(geometry_.fatOffset + geometry_.fatSize,
+        static_cast<std::int64_t>(first.size()), ReadMode::thorough);
+    if (!beginsTable(second))
+        return;
+    forEachLostSector(first, second, geometry_.bytesPerSector, [&](auto at, auto length) {
+        ++zeroedSectors_;
+        if (secondFAT == SecondFAT::forZeros)
+            copyRange(first, second, at, length);
+    });
 }
 
 std::uint64_t FATContext::loadedEntries() const

@@ -12,8 +12,15 @@ struct ReadReport;
 /// A volume's geometry and its allocation table. Used by one thread at a time.
 class FATContext {
 public:
-    /// Reads the FAT; where its first copy is unreadable the second one helps out.
-    FATContext(DiskSource& source, FATGeometry geometry);
+    /// Where the second copy of the FAT stands in for sectors of the first.
+    enum class SecondFAT : std::uint8_t {
+        forUnreadable, ///< if any sector is reported as unreadable
+        forZeros, ///< also if none is: the copy of a failing disk has zeros where it was unreadable
+    };
+
+    /// Reads the FAT.
+    FATContext(
+        DiskSource& source, FATGeometry geometry, SecondFAT secondFAT = SecondFAT::forUnreadable);
 
     DiskSource& source() const { return source_; }
     const FATGeometry& geometry() const { return geometry_; }
@@ -21,6 +28,8 @@ public:
     /// Whether there is no FAT to ask (it is empty, or too large to be true). Files are then taken
     /// to lie in one piece.
     bool fatUnavailable() const { return fatUnavailable_; }
+    /// Whether a FAT can begin with these bytes.
+    static bool beginsTable(ByteView table);
     /// How many clusters can be in a chain.
     std::uint64_t entryCount() const
     {
@@ -43,10 +52,14 @@ public:
     const ClusterBits& used() const { return used_; }
     /// How many of the table's sectors are unreadable in both copies.
     std::uint64_t unreadableSectors() const { return unreadableSectors_; }
+    /// How many of the table's sectors are all zero, although they are readable, where the second
+    /// copy's are not. With `forZeros` these are the second copy's.
+    std::uint64_t zeroedSectors() const { return zeroedSectors_; }
 
 private:
-    void load();
+    void load(SecondFAT secondFAT);
     void repairFAT(ReadReport& first);
+    void compareFATs(Bytes& first, SecondFAT secondFAT);
     std::uint64_t loadedEntries() const;
 
     DiskSource& source_;
@@ -54,6 +67,7 @@ private:
     Bytes fat_;
     bool fatUnavailable_ = false;
     std::uint64_t unreadableSectors_ = 0;
+    std::uint64_t zeroedSectors_ = 0;
     ClusterBits used_;
     ClusterBits seen_; // scratch of chain(): empty between calls
 };

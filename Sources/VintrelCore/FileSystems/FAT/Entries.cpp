@@ -54,6 +54,11 @@ bool canHaveChecksum(const ShortName& stored, char16_t firstLetter, std::uint8_t
     return letter && hasChecksumWith(stored, *letter, expected);
 }
 
+bool isNamePiece(const LongNamePiece& piece)
+{
+    return piece.attributes == longNameAttributes && piece.type == 0 && piece.firstCluster == 0;
+}
+
 bool isInSequence(const std::vector<LongNamePiece>& pieces)
 {
     if (!pieces.front().isLast())
@@ -154,6 +159,14 @@ std::optional<std::uint32_t> ownCluster(ByteView sector)
     return firstCluster(*self);
 }
 
+bool holdsNamePieces(ByteView sector)
+{
+    for (std::int64_t at = 0; const auto piece = sector.load<LongNamePiece>(at); at += entrySize)
+        if (!isNamePiece(*piece))
+            return false;
+    return true;
+}
+
 bool continuesDirectory(ByteView sector)
 {
     bool hasShortEntry = false;
@@ -162,7 +175,7 @@ bool continuesDirectory(ByteView sector)
             return hasShortEntry && sector.isAllZero(at);
         const auto piece = *sector.load<LongNamePiece>(at);
         const bool isPiece = piece.attributes == longNameAttributes;
-        if (isPiece ? piece.type != 0 || piece.firstCluster != 0 : !canBeShortEntry(*entry))
+        if (isPiece ? !isNamePiece(piece) : !canBeShortEntry(*entry))
             return false;
         hasShortEntry = hasShortEntry || !isPiece;
     }

@@ -122,4 +122,7 @@ std::optional<std::uint32_t> ownCluster(ByteView sector);
 /// only for places where a directory is to be expected.
 bool continuesDirectory(ByteView sector);
 
+/// Whether a sector holds pieces of a long name and nothing else.
+bool holdsNamePieces(ByteView sector);
+
 } // namespace FATEntries

@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr std::uint16_t notMirroredFlag = 0x80; // in the flags of FAT32: one FAT alone is in use
+
 std::string labelText(const std::array<std::uint8_t, 11>& field)
 {
     const auto text = ByteView(field).ascii(0, std::ssize(field));
@@ -48,6 +50,7 @@ std::optional<FATGeometry> FATGeometry::from(const FATBootSector& boot, std::uin
         .fatOffset = base + boot.reservedSectors * bytesPerSector,
         .fatSize = boot.sectorsPerFAT() * bytesPerSector,
         .fatCount = boot.fatCount,
+        .areFATsMirrored = !isFAT32 || (boot.fat32().flags & notMirroredFlag) == 0,
         .rootDirOffset = base + boot.rootDirSector() * bytesPerSector,
         .rootDirSize = boot.rootEntries * FATEntries::entrySize,
         .heap = { .offset = base + boot.dataSector() * bytesPerSector,

@@ -22,6 +22,7 @@ struct FATGeometry {
     std::uint64_t fatOffset = 0; ///< of the first FAT
     std::uint64_t fatSize = 0;   ///< of one FAT
     std::uint32_t fatCount = 0;
+    bool areFATsMirrored = true;     ///< each is a copy of the first one
     std::uint64_t rootDirOffset = 0; ///< of the fixed root directory (FAT12/16)
     std::uint64_t rootDirSize = 0;
     ClusterHeap heap;

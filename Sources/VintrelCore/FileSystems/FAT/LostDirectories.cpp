@@ -64,8 +64,14 @@ void FATLostDirectories::noteContinuation(Fragment& fragment, ByteView sector)
         walker_.nameRests.insert({ piece.sequence(), piece.checksum, cluster });
         fragment.isContinuation = true;
     }
+    bool hasDeleted = false;
     for (std::int64_t at = 0; const auto next = sector.load<ShortEntry>(at); at += entrySize) {
         const auto content = geometry_.clusterNumber(firstCluster(*next));
+        const bool isNamed = next->attributes != longNameAttributes && content != 0;
+        if (isNamed && next->name[0] == deletedMark && !hasDeleted) {
+            walker_.deletedContinuations.byFirstContent.emplace(content, cluster);
+            hasDeleted = true;
+        }
         if (next->attributes == longNameAttributes || next->name[0] == deletedMark || content == 0)
             continue;
         walker_.continuations.byFirstContent.emplace(content, cluster);

@@ -14,6 +14,7 @@ public:
 private:
     void survey(Fragment& fragment, std::uint64_t sector, bool isFirst) override;
     void walkRoot(LostRoot& root) override;
+    void walkMisplaced() override { walker_.walkMisplaced(); }
 
     void noteContinuation(Fragment& fragment, ByteView sector);
     bool isDirectoryAt(std::uint32_t cluster);

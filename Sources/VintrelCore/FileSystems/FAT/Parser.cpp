@@ -34,6 +34,46 @@ std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset
     return offset - distance;
 }
 
+namespace {
+
+/// Says on a volume what became of sectors of the first FAT that are zeros beside the second one.
+void noteZeroedSectors(Volume& volume, std::uint64_t count, FATContext::SecondFAT secondFAT)
+{
+    if (count == 0)
+        return;
+    volume.notes.emplace_back(secondFAT == FATContext::SecondFAT::forZeros
+            ? "FAT-tabellens to kopier er forskellige – tomme sektorer er hentet fra den anden "
+              "kopi."
+            : "FAT-tabellens to kopier er forskellige – prøv dyb scanning, som bruger dem begge.");
+}
+
+std::unique_ptr<Volume> read(DiskSource& source, const FATGeometry& geometry, std::uint64_t offset,
+    const std::string& origin, WorkProgress* progress, FATContext::SecondFAT secondFAT)
+{
+    auto context = std::make_unique<FATContext>(source, geometry, secondFAT);
+    auto volume = std::make_unique<Volume>(geometry.type, geometry.label, offset,
+        geometry.volumeSize, FileNode::makeFolder("", EntryStatus::existing), origin);
+    volume->clusterSize = geometry.heap.clusterSize;
+    FATWalker walker(*context, progress);
+    walker.walkRoot(*volume->root);
+    judgeFormerFiles(walker.claims, geometry.heap, false);
+    if (walker.label() && !walker.label()->empty())
+        volume->label = *walker.label();
+    if (context->fatUnavailable())
+        volume->notes.emplace_back(
+            "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
+    noteZeroedSectors(*volume, context->zeroedSectors(), secondFAT);
+    noteUnreadable(*volume, context->unreadableSectors(),
+        unitsFor(walker.unreadableBytes(), source.sectorSize()));
+    noteBrokenDirectories(*volume, walker.claims.brokenDirectories());
+    volume->deepContext
+        = std::make_unique<FATDeepInfo>(std::move(context), std::move(walker.claims));
+    volume->root->sortChildren();
+    return volume;
+}
+
+} // namespace
+
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot)
 {
@@ -43,25 +83,16 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     const auto geometry = FATGeometry::from(sector, offset);
     if (!geometry)
         return nullptr;
+    return read(source, *geometry, offset, origin, progress, FATContext::SecondFAT::forUnreadable);
+}
 
-    auto context = std::make_unique<FATContext>(source, *geometry);
-    auto volume = std::make_unique<Volume>(geometry->type, geometry->label, offset,
-        geometry->volumeSize, FileNode::makeFolder("", EntryStatus::existing), origin);
-    volume->clusterSize = geometry->heap.clusterSize;
-    FATWalker walker(*context, progress);
-    walker.walkRoot(*volume->root);
-    judgeFormerFiles(walker.claims, geometry->heap, false);
-    if (walker.label() && !walker.label()->empty())
-        volume->label = *walker.label();
-    if (context->fatUnavailable())
-        volume->notes.emplace_back(
-            "FAT-tabellen kunne ikke læses – filer antages at ligge sammenhængende.");
-    noteUnreadable(*volume, context->unreadableSectors(),
-        unitsFor(walker.unreadableBytes(), source.sectorSize()));
-    volume->deepContext
-        = std::make_unique<FATDeepInfo>(std::move(context), std::move(walker.claims));
-    volume->root->sortChildren();
-    return volume;
+std::unique_ptr<Volume> readAgain(DiskSource& source, const Volume& volume, WorkProgress* progress)
+{
+    const auto* info = dynamic_cast<const FATDeepInfo*>(volume.deepContext.get());
+    if (info == nullptr || info->isRebuilt || info->context->zeroedSectors() == 0)
+        return nullptr;
+    return read(source, info->context->geometry(), volume.offset, volume.origin, progress,
+        FATContext::SecondFAT::forZeros);
 }
 
 bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot)

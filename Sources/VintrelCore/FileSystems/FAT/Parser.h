@@ -36,6 +36,10 @@ std::optional<std::uint64_t> startByBackup(ByteView sector, std::uint64_t offset
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
     WorkProgress* progress, std::optional<ByteView> boot = {});
 
+/// A volume that parse() gave, read again with both copies of its FAT: where a sector of the first
+/// is all zero, the second one's is used. None when that changes nothing.
+std::unique_ptr<Volume> readAgain(DiskSource& source, const Volume& volume, WorkProgress* progress);
+
 /// Whether what lies where the boot sector has it confirms that a volume begins at byte `offset`: a
 /// copy of the FAT begins as every FAT does, or the root directory looks like one.
 bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView boot);
@@ -56,7 +60,8 @@ std::unique_ptr<FileNode> lostEntries(
 VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> sectors,
     const DirectoryHints& hints, WorkProgress* progress);
 
-/// Those sectors that lie neither in directories that these volumes list nor in existing files.
+/// Those sectors (ascending) that lie neither in directories that these volumes list nor in
+/// existing files.
 std::vector<std::uint64_t> looseSectors(
     std::span<const std::uint64_t> sectors, const VolumeList& volumes);
 

@@ -25,8 +25,9 @@ std::vector<ExtraFolder> findLostFolders(DiskSource& /*source*/, const VolumeLis
     const DeepScanResult& finds, WorkProgress* progress)
 {
     const auto sectors = FATParser::looseSectors(finds.fatDirSectors, volumes);
-    return lostFolders(volumes, types, progress,
-        [&](Volume& volume) { return FATParser::lostEntries(volume, sectors, progress); });
+    return lostFolders(volumes, types, progress, [&](Volume& volume) {
+        return FATParser::lostEntries(volume, sectorsOf<FATDeepInfo>(volume, sectors), progress);
+    });
 }
 
 bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)
@@ -45,6 +46,7 @@ const FileSystemReader fatReader {
     .types = types,
     .probe = FATParser::probe,
     .load = load,
+    .readAgain = FATParser::readAgain,
     .quickScanNote = {},
     .startByBackup = FATParser::startByBackup,
     .isConfirmed = FATParser::isConfirmed,

@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/Clusters/LostHeaps.h"
+#include "VintrelCore/FileSystems/Clusters/TableSearch.h"
 #include "VintrelCore/FileSystems/FAT/Context.h"
 #include "VintrelCore/FileSystems/FAT/Entries.h"
 #include "VintrelCore/FileSystems/FAT/LostDirectories.h"
@@ -73,8 +74,99 @@ private:
         geometry.bytesPerSector = directorySectorSize;
         geometry.heap = lost.heap;
         geometry.volumeSize = lost.heap.size();
-        return volumeOf<FATLostDirectories>(std::make_unique<FATContext>(source_, geometry),
+        findTables(geometry, sectors);
+        return volumeOf<FATLostDirectories>(
+            std::make_unique<FATContext>(source_, geometry, FATContext::SecondFAT::forZeros),
             geometry.type, "FAT", rootOffset, sectors);
+    }
+
+    /// Sets the place of the FAT, and of its copy, where directories have their chains in it.
+    void findTables(FATGeometry& geometry, std::span<const std::uint64_t> sectors)
+    {
+        const auto beginnings = beginningsIn(geometry.heap, sectors);
+        const auto tableSize = (std::uint64_t { geometry.heap.count } + 2) * sizeof(LE32);
+        const auto typeByCount = geometry.type;
+        TableSearch search { .end = geometry.heap.offset,
+            .length = 2 * roundUp(tableSize) + usualRootSize,
+            .mayBegin =
+                [](ByteView sector) {
+                    return sector.u8(0) != 0xFF
+                        && FATContext::beginsTable(sector); // FF ends chains
+                },
+            .isConfirmedAt =
+                [&](std::uint64_t place) {
+                    return setTable(geometry, place, geometry.heap.offset - place, beginnings);
+                } };
+        const auto last = search.last(source_);
+        if (!last) {
+            geometry = withoutTable(geometry, typeByCount);
+            return;
+        }
+        auto both = geometry;
+        search.end = *last;
+        search.length = geometry.fatSize;
+        search.isConfirmedAt = [&](std::uint64_t place) {
+            return setTable(both, place, *last - place, beginnings) && both.type == geometry.type;
+        };
+        if (search.last(source_)) {
+            geometry = both;
+            geometry.fatCount = 2;
+        }
+    }
+
+    static FATGeometry withoutTable(FATGeometry geometry, FileSystemType type)
+    {
+        geometry.type = type;
+        geometry.fatSize = 0;
+        return geometry;
+    }
+
+    /// Whether a FAT at this place has the chains of two directories, or of the only one. Sets it
+    /// as the volume's, in the width in which it has most of them. Deleted directories have none.
+    bool setTable(FATGeometry& geometry, std::uint64_t place, std::uint64_t size,
+        std::span<const std::uint32_t> beginnings)
+    {
+        geometry.fatOffset = place;
+        geometry.fatSize = size;
+        geometry.fatCount = 1;
+        std::size_t most = 0;
+        auto best = geometry.type;
+        for (const auto type :
+            { FileSystemType::fat32, FileSystemType::fat16, FileSystemType::fat12 }) {
+            geometry.type = type;
+            FATContext context(source_, geometry);
+            if (context.fatUnavailable())
+                return false;
+            const auto chained
+                = static_cast<std::size_t>(std::ranges::count_if(beginnings, [&](auto cluster) {
+                      return context.chain(cluster, geometry.heap.count).isComplete;
+                  }));
+            if (chained > most)
+                best = type;
+            most = std::max(most, chained);
+        }
+        geometry.type = best;
+        return most > 0 && most >= std::min<std::size_t>(2, beginnings.size());
+    }
+
+    /// The clusters in which directories begin, as many of them as are asked for their chains.
+    std::vector<std::uint32_t> beginningsIn(
+        const ClusterHeap& heap, std::span<const std::uint64_t> sectors)
+    {
+        constexpr std::size_t maxBeginnings = 256;
+        std::vector<std::uint32_t> beginnings;
+        for (const auto sector : sectors) {
+            const auto own = heap.holds(sector) ? cluesOf(sector).ownCluster : std::nullopt;
+            if (own && heap.contains(*own) && heap.offsetOf(*own) == sector
+                && beginnings.size() < maxBeginnings)
+                beginnings.push_back(*own);
+        }
+        return beginnings;
+    }
+
+    static std::uint64_t roundUp(std::uint64_t size)
+    {
+        return unitsFor(size, directorySectorSize) * directorySectorSize;
     }
 };
 

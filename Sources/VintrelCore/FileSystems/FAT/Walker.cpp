@@ -23,6 +23,9 @@ constexpr std::uint64_t maxDirectorySize = 0x4000000;
 /// worth a look.
 constexpr int maxDeletedClusters = 16;
 
+/// Of numbers on FAT32, which are stored in two halves, the worth of the upper one.
+constexpr std::uint32_t upperHalf = 0x10000;
+
 bool beginsDirectory(ByteView cluster)
 {
     const auto entry = cluster.load<ShortEntry>(0);
@@ -61,7 +64,7 @@ void FATWalker::readDirectory(Scan& scan)
     const auto& directory = scan.directory;
     const bool isFragment = directory.state == DirectoryState::fragment;
     pieces_.clear();
-    if (directory.state == DirectoryState::live || (isFragment && hasChain(directory.cluster)))
+    if (directory.state == DirectoryState::live || (isFragment && hasChain(directory)))
         readChain(scan);
     else if (isFragment && (directory.isSurveyed || beginsIn(directory.cluster)))
         readByContent(scan);
@@ -70,10 +73,12 @@ void FATWalker::readDirectory(Scan& scan)
 }
 
 /// Whether a directory that no live one leads to was never deleted itself.
-bool FATWalker::hasChain(std::uint32_t start)
+bool FATWalker::hasChain(const QueuedDirectory& directory)
 {
-    return !context_.fatUnavailable() && !claims.liveClusters.contains(start) && beginsIn(start)
-        && limitedChain(start, maxDirectoryClusters()).isComplete;
+    const auto start = directory.cluster;
+    const bool isRoot = directory.depth == 0; // says nothing at its beginning
+    return !context_.fatUnavailable() && !claims.liveClusters.contains(start)
+        && (isRoot || beginsIn(start)) && limitedChain(start, maxDirectoryClusters()).isComplete;
 }
 
 bool FATWalker::beginsIn(std::uint32_t cluster)
@@ -98,7 +103,10 @@ void FATWalker::readChain(Scan& scan)
         claims.claimed.insert(cluster);
         claims.directories.insert(cluster);
     }
-    readExtents(scan, heap_.extents(found.clusters, found.clusters.size() * heap_.clusterSize));
+    const auto extents = heap_.extents(found.clusters, found.clusters.size() * heap_.clusterSize);
+    const auto end = readExtents(scan, extents);
+    if (end && !context_.fatUnavailable()) // where it is, the rest may be anybody's
+        noteRest(scan.directory, extents, *end);
 }
 
 void FATWalker::readDeleted(Scan& scan)
@@ -108,16 +116,84 @@ void FATWalker::readDeleted(Scan& scan)
         const bool begins = beginsIn(cluster);
         if (count == 0 && !begins) {
             scan.directory.folder->addNote(overwrittenFolder);
+            if (mayLackUpperHalf(cluster))
+                claims.misplaced.push_back(scan.directory);
             return;
         }
-        // What follows belongs to others when it is in use, or is another deleted directory.
-        if (count > 0 && (begins || !context_.areFree(cluster, 1)))
-            return;
-        if (begins || holdsMoreEntries(cluster)) // or the directory was full, and has ended before
-            claims.directories.insert(cluster);
+        // What follows belongs to others when it is in use, is another deleted directory, or holds
+        // anything else than entries: a file's content reads as files of any name and size.
+        if (count > 0 && (!context_.areFree(cluster, 1) || !holdsMoreEntries(cluster)))
+            break;
+        claims.directories.insert(cluster);
         if (!readCluster(scan, cluster))
             return;
     }
+    noteOpen(scan, cluster - 1);
+}
+
+/// Whether a number in a deleted entry may be the lower half of a larger one.
+bool FATWalker::mayLackUpperHalf(std::uint32_t cluster) const
+{
+    return geometry_.type == FileSystemType::fat32 && cluster < upperHalf
+        && heap_.count > upperHalf;
+}
+
+void FATWalker::walkMisplaced()
+{
+    while (!claims.misplaced.empty())
+        for (auto& directory : std::exchange(claims.misplaced, {})) {
+            const auto place = truePlaceOf(directory);
+            if (!place)
+                continue;
+            if (directory.folder->note == overwrittenFolder)
+                directory.folder->note.reset();
+            directory.cluster = *place;
+            walk(directory);
+            directory.folder->sortChildren();
+        }
+}
+
+/// The one place that a larger number names where the directory may lie; none where there are more.
+std::optional<std::uint32_t> FATWalker::truePlaceOf(const QueuedDirectory& directory)
+{
+    std::optional<std::uint32_t> place;
+    for (std::uint64_t cluster = std::uint64_t { directory.cluster } + upperHalf;
+         cluster < std::uint64_t { heap_.count } + 2 && placeBudget_ > 0; cluster += upperHalf) {
+        --placeBudget_;
+        if (!isDeletedDirectoryAt(static_cast<std::uint32_t>(cluster), directory.parent))
+            continue;
+        if (place)
+            return std::nullopt;
+        place = static_cast<std::uint32_t>(cluster);
+    }
+    return place;
+}
+
+bool FATWalker::isDeletedDirectoryAt(std::uint32_t cluster, std::uint32_t parent)
+{
+    if (claims.contains(cluster) || !context_.areFree(cluster, 1))
+        return false;
+    const auto head = source_.read(heap_.offsetOf(cluster), 2 * entrySize, ReadMode::thorough);
+    const auto own = ownCluster(head);
+    return own && geometry_.clusterNumber(*own) == cluster
+        && geometry_.clusterNumber(firstCluster(*ByteView(head).load<ShortEntry>(entrySize)))
+        == parent;
+}
+
+/// The pieces of a name at the end of the cluster.
+void FATWalker::resumeEntries(std::uint32_t cluster)
+{
+    constexpr std::uint64_t maxSize = maxPieces * entrySize;
+    const auto size = std::min(heap_.clusterSize, maxSize);
+    const auto tail = source_.read(heap_.offsetOf(cluster) + heap_.clusterSize - size,
+        static_cast<std::int64_t>(size), ReadMode::thorough);
+    pieces_.clear();
+    for (std::int64_t at = 0; const auto entry = ByteView(tail).load<ShortEntry>(at);
+         at += entrySize)
+        if ((entry->attributes & 0x3F) == longNameAttributes)
+            addPiece(*ByteView(tail).load<LongNamePiece>(at));
+        else
+            pieces_.clear();
 }
 
 bool FATWalker::isInsideEntries() const { return !pieces_.empty() && !pieces_.back().isDeleted(); }
@@ -140,26 +216,38 @@ bool FATWalker::holdsMoreEntries(std::uint32_t cluster)
 {
     const auto sector
         = source_.read(heap_.offsetOf(cluster), directorySectorSize, ReadMode::thorough);
-    return !beginsDirectory(sector) && continuesDirectory(sector);
+    return !beginsDirectory(sector) && holdsEntries(sector);
 }
 
-bool FATWalker::parse(Scan& scan, ByteView entries)
+bool FATWalker::holdsEntries(ByteView sector)
+{
+    return continuesDirectory(sector) || holdsNamePieces(sector);
+}
+
+void FATWalker::endEntries(Scan& /*scan*/) { pieces_.clear(); }
+
+std::optional<std::int64_t> FATWalker::parse(Scan& scan, ByteView entries)
 {
     for (std::int64_t at = 0; const auto entry = entries.load<ShortEntry>(at); at += entrySize) {
         if (entry->name[0] == endOfDirectory)
-            return false;
+            return at;
         const auto kind = entry->attributes & 0x3F;
         if (kind == longNameAttributes)
             addPiece(*entries.load<LongNamePiece>(at));
         else
             addEntry(scan, *entry);
     }
-    return true;
+    return std::nullopt;
 }
 
 void FATWalker::addPiece(const LongNamePiece& piece)
 {
-    if (piece.isLast() || (!pieces_.empty() && pieces_.back().isDeleted() != piece.isDeleted()))
+    const auto begins = [&] {
+        const auto& previous = pieces_.back();
+        return previous.isDeleted() != piece.isDeleted() && previous.checksum != piece.checksum;
+    };
+    // One row with mixed marks is no name, but what is left of another row is not part of this one.
+    if (piece.isLast() || (!pieces_.empty() && begins()))
         pieces_.clear();
     if (pieces_.size() <= maxPieces) // one too many tells that there were too many
         pieces_.push_back(piece);
@@ -180,8 +268,7 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
         shown = std::move(*longName);
 
     const auto state = isMarkedDeleted ? DirectoryState::deleted : directory.state;
-    const auto status
-        = state == DirectoryState::live ? EntryStatus::existing : EntryStatus::deleted;
+    const auto status = statusIn(state);
     const bool isFolder = (entry.attributes & directoryFlag) != 0;
     const std::uint32_t cluster = geometry_.clusterNumber(firstCluster(entry));
     auto& node = directory.folder->add(isFolder
@@ -190,13 +277,28 @@ void FATWalker::addEntry(Scan& scan, const ShortEntry& entry)
     node.modified = TimeConversion::fromDOS(entry.modificationDate, entry.modificationTime);
     node.created = TimeConversion::fromDOS(entry.creationDate, entry.creationTime);
     node.fsID = cluster;
-    if (!isMarkedDeleted && cluster != 0)
+    const bool isOfItsTime = !isMarkedDeleted || directory.state == DirectoryState::deleted;
+    if (isOfItsTime && cluster != 0)
         scan.endOfContent = cluster + std::max<std::uint64_t>(1, heap_.clustersFor(node.size));
     if (!isFolder)
         judgeFile(node, cluster, state, isMarkedDeleted);
-    else if (cluster != 0)
-        scan.subfolders.push_back(
-            { .folder = &node, .cluster = cluster, .state = state, .depth = directory.depth + 1 });
+    else if (cluster != 0 || (isMarkedDeleted && mayLackUpperHalf(cluster)))
+        addSubfolder(scan, node, cluster, state);
+}
+
+void FATWalker::addSubfolder(
+    Scan& scan, FileNode& folder, std::uint32_t cluster, DirectoryState state)
+{
+    const auto& directory = scan.directory;
+    const QueuedDirectory subfolder { .folder = &folder,
+        .cluster = cluster,
+        .state = state,
+        .depth = directory.depth + 1,
+        .parent = directory.depth == 0 ? 0 : directory.cluster };
+    if (cluster != 0)
+        scan.subfolders.push_back(subfolder);
+    else
+        claims.misplaced.push_back(subfolder);
 }
 
 void FATWalker::takeLabel(const Scan& scan, const ShortEntry& entry)
@@ -216,6 +318,8 @@ void FATWalker::judgeFile(
     if (node.size == 0 || !heap_.contains(start))
         return;
     const bool isOneCluster = node.size <= heap_.clusterSize;
+    if (isMarkedDeleted && mayLackUpperHalf(start))
+        noteDoubts(node, Doubt::halfStartCluster);
     if (context_.fatUnavailable() && !isOneCluster) {
         if (isLevelFixed_)
             noteDoubts(node, Doubt::guessedClusters);
@@ -266,7 +370,13 @@ bool FATWalker::fillFromChain(FileNode& node, std::uint32_t start)
 Doubts FATWalker::fillContiguous(FileNode& node, std::uint32_t start)
 {
     const auto extent = heap_.contiguous(start, node.size);
-    node.data = ExtentList { extent };
+    const bool canBeWhole = node.size <= heap_.size();
+    if (canBeWhole)
+        node.data = ExtentList { extent };
+    else if (isLevelFixed_)
+        noteDoubts(node, Doubt::sizeBeyondVolume);
+    else
+        return Doubt::sizeBeyondVolume;
     ClusterUse use;
     use.checked = std::min(heap_.clustersFor(extent.length), maxFreeChecks);
     use.isFirstForeign = !context_.areFree(start, 1);

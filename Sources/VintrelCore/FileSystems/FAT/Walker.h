@@ -21,6 +21,10 @@ public:
     /// Reads what is left of a fixed root directory, and the folders below it.
     void walkLostRoot(std::uint64_t offset, std::uint64_t length, FileNode& root);
 
+    /// Finds deleted directories of which the upper half of the first cluster's number was cleared,
+    /// as some systems do, and reads them.
+    void walkMisplaced();
+
     /// A cluster of which the first entry is the rest of a long name: the piece with this number,
     /// or 0 for the short entry.
     struct NameRest {
@@ -41,19 +45,26 @@ private:
     };
 
     void readDirectory(Scan& scan) override;
-    bool parse(Scan& scan, ByteView entries) override;
+    std::optional<std::int64_t> parse(Scan& scan, ByteView entries) override;
+    bool holdsEntries(ByteView sector) override;
+    void endEntries(Scan& scan) override;
     ClusterChain chain(std::uint32_t start, std::uint64_t maxClusters) override;
+    void resumeEntries(std::uint32_t cluster) override;
     bool isInsideEntries() const override;
     std::optional<std::uint32_t> restOfEntries(std::uint32_t cluster) override;
     bool holdsMoreEntries(std::uint32_t cluster) override;
 
-    bool hasChain(std::uint32_t start);
+    bool hasChain(const QueuedDirectory& directory);
     bool beginsIn(std::uint32_t cluster);
+    bool mayLackUpperHalf(std::uint32_t cluster) const;
+    std::optional<std::uint32_t> truePlaceOf(const QueuedDirectory& directory);
+    bool isDeletedDirectoryAt(std::uint32_t cluster, std::uint32_t parent);
     std::uint64_t maxDirectoryClusters() const;
     void readChain(Scan& scan);
     void readDeleted(Scan& scan);
     void addPiece(const FATEntries::LongNamePiece& piece);
     void addEntry(Scan& scan, const FATEntries::ShortEntry& entry);
+    void addSubfolder(Scan& scan, FileNode& folder, std::uint32_t cluster, DirectoryState state);
     void takeLabel(const Scan& scan, const FATEntries::ShortEntry& entry);
     void judgeFile(FileNode& node, std::uint32_t start, DirectoryState state, bool isMarkedDeleted);
     Placed placeFile(FileNode& node, std::uint32_t start, DirectoryState state);
@@ -62,6 +73,7 @@ private:
 
     FATContext& context_;
     const FATGeometry& geometry_;
+    std::uint64_t placeBudget_ = 1'048'576; // that misplaced directories may still be looked for in
     bool isLevelFixed_ = false; // what a volume's own tables list keeps the chance they give
     std::vector<FATEntries::LongNamePiece>
         pieces_; // of the long name whose short entry is still to come

@@ -49,6 +49,10 @@ TEST(LostFragments, FATVolumesAreRebuiltFromTheirDirectories)
     EXPECT_EQ(found.volumes[1]->notes.front(),
         "Genopbygget ud fra 2 FAT-mappesektorer fundet ved dyb scanning.");
     EXPECT_EQ(found.files.size(), 6u);
+    for (const auto& volume : found.volumes)
+        volume->root->forEachDescendant([](const FileNode& node, std::size_t) {
+            EXPECT_EQ(node.status, EntryStatus::orphaned) << node.path();
+        });
     for (const auto& [folder, seed] :
         { std::pair { fragments, 1u }, std::pair { std::string("/YDRE"), 11u } }) {
         EXPECT_EQ(found.count(folder + "/A.TXT", patternBytes(5000, seed)), 1);
@@ -295,6 +299,48 @@ TEST(LostFragments, FoldersNamedBehindASplitSetHangBelowTheirNames)
     const Found found(image.bytes());
     EXPECT_EQ(found.count(fragments + "/f", patternBytes(600, u'f')), 1);
     EXPECT_EQ(found.count(fragments + "/Indre/dyb", patternBytes(900)), 1);
+}
+
+TEST(LostFragments, DeletedExFATFoldersGoOnWithTheRestOfTheirLastSet)
+{
+    ExFATImage image({ .clusters = 300 });
+    const auto folder
+        = image.addFolder(image.root(), { .name = u"Ydre", .isContiguous = false }, 2);
+    const std::vector<std::u16string> names { u"a", u"b", u"c", u"d", u"e", u"f", u"g" };
+    for (const auto& name : names)
+        image.addFile(folder, { .name = name }, patternBytes(600, name[0]));
+    const auto moved = image.allocate(1, true);
+    const auto part = std::span(image.bytes()).subspan(image.offsetOf(folder + 1), 512);
+    for (const auto& name : names)
+        image.remove(name);
+    image.write(image.offsetOf(moved), Bytes(part.begin(), part.end()));
+    image.write(image.offsetOf(folder + 1), Bytes(512, 0xEE));
+    image.remove(u"Ydre");
+    image.setUsed(moved, false);
+    for (const auto cluster : { folder, folder + 1 })
+        image.setFAT(cluster, 0);
+    const auto source = image.source();
+    EXPECT_EQ(ExFATParser::parse(*source, 0, "", nullptr)->root->children().at(0)->note,
+        "Mappen fortsætter muligvis et andet sted");
+    const Found found(image.bytes());
+    EXPECT_EQ(found.count("/Ydre/e", patternBytes(600, 'e')), 1);
+    EXPECT_EQ(found.count("/Ydre/f", patternBytes(600, 'f')), 1) << "the set that is cut";
+    EXPECT_EQ(found.count("/Ydre/g", patternBytes(600, 'g')), 1);
+}
+
+TEST(LostFragments, SetsOfWhichTheNameIsLostKeepTheirContent)
+{
+    ExFATImage image({ .clusters = 300 });
+    const auto folder = image.addFolder(image.root(), { .name = u"Ydre" }, 2);
+    for (const char16_t* name :
+        { u"et meget langt navn", u"et andet langt navn", u"a", u"b", u"c" })
+        image.addFile(folder, { .name = name }, patternBytes(600, 7));
+    erase(image.bytes(), image.offsetOf(folder + 1), image.offsetOf(folder + 2));
+    image.write(
+        0, std::span(ExFATImage({ .clusters = 300 }).bytes()).first(image.offsetOf(folder)));
+    const Found found(image.bytes());
+    const auto last = std::to_string(folder + 10); // behind the folder, and four files of two
+    EXPECT_EQ(found.count("/Uden navn (klynge " + last + ")", patternBytes(600, 7)), 1);
 }
 
 TEST(LostFragments, ExFATSectorsAreKnownByTheirSets)

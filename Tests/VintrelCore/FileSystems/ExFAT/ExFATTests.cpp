@@ -61,6 +61,20 @@ TEST(ExFAT, ListsAndReadsTheLiveTree)
     }
 }
 
+TEST(ExFAT, TakesLabelsOfUpToFifteenUnits)
+{
+    const std::string letters = "ABCDEFGHIJKLMNO";
+    for (const std::size_t length : { 11u, 15u, 200u }) {
+        ExFATImage image;
+        const auto entry = image.entryOffset(image.root(), 0);
+        image.bytes()[entry + 1] = static_cast<std::uint8_t>(length);
+        for (std::size_t i = 0; i < letters.size(); ++i)
+            image.bytes()[entry + 2 + 2 * i] = static_cast<std::uint8_t>(letters[i]);
+        EXPECT_EQ(
+            ExFATParser::parse(*image.source(), 0, "", nullptr)->label, letters.substr(0, length));
+    }
+}
+
 TEST(ExFAT, JudgesFilesByWhatBecameOfTheirClusters)
 {
     ExFATImage image;
