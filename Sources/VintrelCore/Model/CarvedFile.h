@@ -13,6 +13,8 @@ struct CarvedFile {
     std::string ext;          ///< in lower case, without the dot
     bool exact = true; ///< whether the format itself tells the length; otherwise it is an estimate
     std::optional<Date> date = {}; ///< when it was taken; only JPEG and ISO media files say
+    /// The same of TIFF files and raws, whose names here do not tell it.
+    std::optional<Date> captured = {};
     /// Whether its body was followed to its end, so that no other file lies inside. A head whose
     /// body is lost states its length just as well.
     bool isProved = false;

@@ -33,6 +33,8 @@ void addNotes(FileNode& node, const CarvedFile& file)
 {
     if (!file.exact)
         node.addNote("Størrelsen er anslået");
+    if (file.captured)
+        node.addNote("Optaget " + TimeConversion::localText(*file.captured, "%Y-%m-%d %H:%M:%S"));
     if (file.isCut)
         node.addNote("Filen fortsætter ud over kildens ende");
     if (file.isInterrupted)

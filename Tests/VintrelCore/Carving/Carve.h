@@ -29,7 +29,7 @@ inline std::string carve(
 }
 
 /// Everything that a sweep finds on a disk of these files, each at the next sector:
-/// "ext@sector+size".
+/// "ext@sector+size", with "~" when that is estimated and "!" when another find begins inside.
 inline Texts sweep(const std::vector<Bytes>& files)
 {
     Content disk;
@@ -38,7 +38,8 @@ inline Texts sweep(const std::vector<Bytes>& files)
     const auto source = disk.add(Bytes(4_KiB, 0x11)).source();
     Texts found;
     for (const auto& file : DeepScanner(*source, { .findVolumes = false }).run(nullptr).carved)
-        found.push_back(
-            file.ext + "@" + std::to_string(file.offset / 512) + "+" + std::to_string(file.size));
+        found.push_back(file.ext + "@" + std::to_string(file.offset / 512)
+            + (file.exact ? "+" : "~") + std::to_string(file.size)
+            + (file.isInterrupted ? "!" : ""));
     return found;
 }

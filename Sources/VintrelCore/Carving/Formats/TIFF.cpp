@@ -21,6 +21,7 @@ constexpr unsigned maxEntries = 999;
 constexpr std::uint32_t maxValues
     = 1'000'000; // of one entry; a strip for each line of the largest pictures
 constexpr std::size_t maxMakerLength = 31;
+constexpr std::uint64_t fieldsRegion = 65'536; // cameras write what they say of a picture here
 
 enum Tag : std::uint16_t {
     panasonicJPEG = 0x002E,
@@ -322,6 +323,8 @@ Found tiff(const Candidate& candidate)
         return std::nullopt;
     auto found = candidate.found(directories.end(), directories.extension());
     found.isProved = directories.isProved();
+    found.captured = exifDate(
+        candidate.file.bytes(0, static_cast<std::size_t>(std::min(found.size, fieldsRegion))));
     return found;
 }
 

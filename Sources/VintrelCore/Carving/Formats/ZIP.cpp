@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <limits>
 
 // PKWARE "APPNOTE.TXT - .ZIP File Format Specification" 6.3.
 
@@ -146,12 +147,14 @@ std::optional<EndClaim> claimOf(RandomReader& file, std::uint64_t position)
     if (directory != inZip64 && record.directorySize != inZip64)
         return EndClaim { directory + record.directorySize, directory };
     constexpr std::uint64_t recordDistance = sizeof(Zip64Locator) + sizeof(Zip64EndRecord);
+    constexpr EndClaim others { std::numeric_limits<std::uint64_t>::max(), 0 };
     if (position < recordDistance)
-        return std::nullopt;
+        return others;
     const auto wide = file.load<Zip64EndRecord>(position - recordDistance);
     const auto locator = file.load<Zip64Locator>(position - sizeof(Zip64Locator));
-    if (wide.signature != zip64EndSignature || locator.signature != zip64LocatorSignature
-        || locator.recordOffset > maxSize)
+    if (locator.signature != zip64LocatorSignature || locator.recordOffset > maxSize)
+        return others; // something else lies where the end of its archive was
+    if (wide.signature != zip64EndSignature)
         return std::nullopt;
     return EndClaim { locator.recordOffset + recordDistance, wide.directoryOffset };
 }

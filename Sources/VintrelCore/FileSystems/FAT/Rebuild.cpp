@@ -172,10 +172,41 @@ private:
 
 } // namespace
 
+namespace {
+
+/// Months and days from 1 on, or nothing at all.
+bool isPossible(std::uint16_t date)
+{
+    const unsigned month = date >> 5 & 0x0F;
+    const unsigned day = date & 0x1F;
+    return date == 0 || (month >= 1 && month <= 12 && day >= 1);
+}
+
+/// Whether the first two files or folders of a directory sector have dates that can be. Text in
+/// columns passes for entries otherwise.
+bool hasPossibleDates(ByteView sector)
+{
+    constexpr int checkedEntries = 2;
+    int count = 0;
+    bool arePossible = true;
+    forEachEntry(sector, [&](const ShortEntry& entry) {
+        if (count++ < checkedEntries)
+            arePossible = arePossible && isPossible(entry.modificationDate)
+                && isPossible(entry.creationDate);
+    });
+    return arePossible;
+}
+
+} // namespace
+
 VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> sectors,
     const DirectoryHints& hints, WorkProgress* progress)
 {
-    return FATLostHeaps(source, hints, progress, limits).rebuild(sectors);
+    std::vector<std::uint64_t> believed;
+    std::ranges::copy_if(sectors, std::back_inserter(believed), [&](std::uint64_t sector) {
+        return hasPossibleDates(source.read(sector, directorySectorSize, ReadMode::thorough));
+    });
+    return FATLostHeaps(source, hints, progress, limits).rebuild(believed);
 }
 
 } // namespace FATParser

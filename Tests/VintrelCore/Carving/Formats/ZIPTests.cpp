@@ -2,6 +2,12 @@
 
 #include <gtest/gtest.h>
 
+namespace {
+
+std::string textOf(const Bytes& bytes) { return { bytes.begin(), bytes.end() }; }
+
+} // namespace
+
 TEST(ZIP, TellsItsKindByTheNamesOfItsEntries)
 {
     const std::string long64(70'000, 'x');
@@ -19,6 +25,10 @@ TEST(ZIP, TellsItsKindByTheNamesOfItsEntries)
         { { { "mimetype", "application/epub+zip" }, { "word/x" } }, "epub" },
         { { { "mimetype", "application/vnd.oasis.opendocument.textual" } }, "odt" },
         { { { "mimetype", "application/x-else" }, { "word/x" } }, "zip" },
+        { { { "bilag.docx", textOf(zipFile({ { "word/document.xml" } })) } }, "zip" },
+        { { { "ppt/presentation.xml" },
+              { "ppt/embeddings/a.xlsx", textOf(zipFile({ { "xl/workbook.xml" } })) } },
+            "pptx" },
     };
     for (const auto& [members, ext] : kinds) {
         const auto file = zipFile(members);
