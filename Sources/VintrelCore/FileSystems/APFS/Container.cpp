@@ -4,6 +4,7 @@
 #include "VintrelCore/FileSystems/APFS/Structures.h"
 #include "VintrelCore/FileSystems/APFS/Superblock.h"
 #include "VintrelCore/FileSystems/APFS/VolumeReader.h"
+#include "VintrelCore/FileSystems/APFS/VolumeSuperblock.h"
 
 #include <algorithm>
 
@@ -42,17 +43,13 @@ VolumeList APFSContainer::volumes(const std::string& origin, WorkProgress* progr
     return volumes;
 }
 
-/// The volume with this oid; none when the object map leads to none.
+/// The volume with this oid; none when nothing tells of one.
 std::unique_ptr<Volume> APFSContainer::volume(
     std::uint64_t oid, const std::string& origin, WorkProgress* progress)
 {
-    const auto& map = state_->checkpoints().objectMap();
-    const auto mapped = map.find(oid);
-    Bytes block;
-    if (oid == 0 || mapped == map.end() || !state_->blocks().read(mapped->second, block)
-        || !isVolumeSuperblock(*ByteView(block).load<VolumeSuperblock>(0)))
-        return nullptr;
-    return APFSVolumeReader::read(state_, block, oid, origin, progress);
+    const auto superblock
+        = APFSVolumeSuperblock::find(state_->blocks(), state_->checkpoints(), oid);
+    return superblock ? APFSVolumeReader::read(state_, *superblock, origin, progress) : nullptr;
 }
 
 APFSObjectMaps::BlockByOID APFSContainer::loadOMap(std::uint64_t oid, std::uint64_t maxXID)

@@ -240,7 +240,7 @@ inline bool isVolumeSuperblock(const VolumeSuperblock& superblock)
     return superblock.magic == std::array { 'A', 'P', 'S', 'B' };
 }
 
-constexpr std::uint64_t unencryptedFlag = 1;
+constexpr std::uint64_t unencryptedFlag = 1; ///< of flags
 
 namespace IncompatibleFeature {
 constexpr std::uint64_t caseInsensitive = 0x01;

@@ -46,9 +46,10 @@ bool isLeaf(ByteView node) { return node.load<NodeHeader>(0)->level == 0; }
 std::uint64_t xidOf(ByteView node) { return node.load<ObjectHeader>(0)->xid; }
 
 /// A volume without files, and what the user should know of it.
-std::unique_ptr<Volume> describe(APFSContainerState& state, const VolumeSuperblock& superblock,
-    bool isSound, const std::string& origin)
+std::unique_ptr<Volume> describe(
+    APFSContainerState& state, const APFSVolumeSuperblock& chosen, const std::string& origin)
 {
+    const auto& superblock = chosen.stored;
     const auto& blocks = state.blocks();
     const std::uint64_t size = std::min(
         blocks.blockCount(), std::numeric_limits<std::uint64_t>::max() / blocks.blockSize());
@@ -61,8 +62,8 @@ std::unique_ptr<Volume> describe(APFSContainerState& state, const VolumeSuperblo
     volume->notes = state.checkpoints().notes();
     if (superblock.role != 0)
         volume->notes.push_back("Rolle: " + APFSParser::roleName(superblock.role));
-    if (!isSound)
-        volume->notes.emplace_back("Volumens superblok har forkert kontrolsum.");
+    if (!chosen.note.empty())
+        volume->notes.emplace_back(chosen.note);
     return volume;
 }
 
@@ -79,14 +80,18 @@ APFSVolumeReader::APFSVolumeReader(std::shared_ptr<APFSContainerState> state,
 }
 
 std::unique_ptr<Volume> APFSVolumeReader::read(std::shared_ptr<APFSContainerState> state,
-    ByteView superblock, std::uint64_t oid, const std::string& origin, WorkProgress* progress)
+    const APFSVolumeSuperblock& superblock, const std::string& origin, WorkProgress* progress)
 {
-    // Without a whole superblock no flag says that the volume is not encrypted.
-    const auto stored = superblock.load<VolumeSuperblock>(0).value_or(VolumeSuperblock {});
-    auto volume = describe(*state, stored, APFSParser::checksumOK(superblock), origin);
-    if ((stored.flags & unencryptedFlag) == 0) {
+    using Trust = APFSVolumeSuperblock::Trust;
+    const auto& stored = superblock.stored;
+    auto volume = describe(*state, superblock, origin);
+    // The tree of an encrypted volume passes for no tree, so that nothing is lost by trying.
+    const bool isEncrypted
+        = superblock.trust == Trust::sound && (stored.flags & unencryptedFlag) == 0;
+    if (isEncrypted)
         volume->notes.emplace_back("Volumen er krypteret (FileVault). Filerne kan ikke læses uden "
                                    "at låse disken op i macOS.");
+    if (isEncrypted || superblock.trust == Trust::lost) {
         volume->deepContext = std::make_unique<APFSVolumeContext>(std::move(state));
         return volume;
     }
@@ -96,7 +101,7 @@ std::unique_ptr<Volume> APFSVolumeReader::read(std::shared_ptr<APFSContainerStat
     if (stored.snapshotCount != 0)
         volume->notes.emplace_back("Volumen har snapshots. De vises ikke for sig.");
     std::unique_ptr<APFSVolumeReader> reader(
-        new APFSVolumeReader(std::move(state), stored, oid, *volume->root));
+        new APFSVolumeReader(std::move(state), stored, superblock.oid, *volume->root));
     reader->readTrees(*volume, stored, progress);
     volume->deepContext = std::move(reader);
     return volume;

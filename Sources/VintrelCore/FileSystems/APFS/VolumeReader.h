@@ -5,6 +5,7 @@
 #include "VintrelCore/FileSystems/APFS/Records.h"
 #include "VintrelCore/FileSystems/APFS/Tree.h"
 #include "VintrelCore/FileSystems/APFS/TreeHistory.h"
+#include "VintrelCore/FileSystems/APFS/VolumeSuperblock.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Model/FileNode.h"
@@ -44,10 +45,10 @@ protected:
 /// knows, so that the volume keeps it. Used by one thread at a time.
 class APFSVolumeReader : public APFSVolumeContext {
 public:
-    /// The volume with this superblock and oid. Its files are not read where it is encrypted; its
-    /// deep context is no reader then. `progress` may be none.
+    /// The volume that this superblock describes. Its files are not read where it is encrypted or
+    /// no superblock is left; its deep context is no reader then. `progress` may be none.
     static std::unique_ptr<Volume> read(std::shared_ptr<APFSContainerState> state,
-        ByteView superblock, std::uint64_t oid, const std::string& origin, WorkProgress* progress);
+        const APFSVolumeSuperblock& superblock, const std::string& origin, WorkProgress* progress);
 
     /// See APFSParser::lostFiles.
     std::unique_ptr<FileNode> lostFiles(

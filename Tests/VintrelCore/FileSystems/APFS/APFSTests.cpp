@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <random>
 
 namespace {
@@ -246,6 +247,40 @@ TEST(APFS, SaysWhatCannotBeRead)
     EXPECT_EQ(parse(encrypted).volume->notes,
         Notes { "Volumen er krypteret (FileVault). Filerne kan ikke læses uden at låse disken op i "
                 "macOS." });
+}
+
+TEST(APFS, TheNewestSoundSuperblockOfAVolumeCounts)
+{
+    APFSImage one({});
+    one.commit({ { one.file({ .id = 20, .parent = 2, .name = "en" }) } });
+    auto two = one;
+    two.commit({ { two.file({ .id = 20, .parent = 2, .name = "ny" }) } });
+    const auto flags = [](APFSImage& image) {
+        image.bytes()[image.offsetOf(image.volumeSuperblock()) + 264] = 0; // "encrypted"
+    };
+    const auto magic = [](APFSImage& image) {
+        image.bytes()[image.offsetOf(image.volumeSuperblock()) + 32] = 0;
+    };
+    const struct {
+        const APFSImage& image;
+        std::function<void(APFSImage&)> damage;
+        std::string names, note;
+    } rows[] = {
+        { two, flags, " /en",
+            "Volumens nyeste superblok er beskadiget. En ældre er brugt i stedet." },
+        { two, magic, " /en",
+            "Volumens nyeste superblok er beskadiget. En ældre er brugt i stedet." },
+        { one, flags, " /en", "Volumens superblok har forkert kontrolsum." },
+        { one, magic, "", "Volumens superblok er tabt. Volumens filer kan ikke læses uden den." },
+    };
+    for (const auto& [image, damage, names, note] : rows) {
+        auto damaged = image;
+        damage(damaged);
+        const auto disk = parse(damaged);
+        ASSERT_TRUE(disk.volume) << note;
+        EXPECT_EQ(disk.names(), names);
+        EXPECT_EQ(disk.volume->notes, Notes { note });
+    }
 }
 
 TEST(APFS, OlderVersionsStepInForDamagedNodes)
