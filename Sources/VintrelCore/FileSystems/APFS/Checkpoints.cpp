@@ -45,19 +45,9 @@ APFSCheckpoints::APFSCheckpoints(APFSBlockReader& blocks, ByteView first, std::u
 /// transaction the first counts.
 void APFSCheckpoints::findInDescriptorArea()
 {
-    const std::uint32_t count = superblock_.descriptorBlocks;
-    const std::uint64_t start = superblock_.descriptorBase;
-    if ((count & nonContiguous) != 0 || count > maxDescriptorBlocks || start > noLimit - count)
-        return;
-    for (std::uint64_t i = 0; i < count; ++i) {
-        const auto offset = blocks_.offsetOf(start + i);
-        if (!offset)
-            break;
-        const auto block = read({ .offset = *offset });
-        const std::uint64_t xid = APFSSuperblock::decode(block).object.xid;
-        if (APFSSuperblock::isSound(block) && xid != 0)
-            checkpoints_.push_back({ xid, *offset });
-    }
+    const auto found = APFSSuperblock::findInArea(
+        blocks_.source(), blocks_.base(), superblock_, blocks_.blockSize());
+    checkpoints_.insert(checkpoints_.end(), found.begin(), found.end());
     std::ranges::stable_sort(checkpoints_, std::ranges::greater {}, &Checkpoint::xid);
     const auto isSame
         = [](const Checkpoint& one, const Checkpoint& other) { return one.xid == other.xid; };

@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/APFS/BlockReader.h"
 #include "VintrelCore/FileSystems/APFS/ObjectMaps.h"
 #include "VintrelCore/FileSystems/APFS/Structures.h"
+#include "VintrelCore/FileSystems/APFS/Superblock.h"
 #include "VintrelCore/Foundation/Binary.h"
 
 #include <cstdint>
@@ -32,10 +33,7 @@ public:
     std::vector<Bytes> olderSuperblocks(std::uint64_t volumeOID);
 
 private:
-    struct Checkpoint {
-        std::uint64_t xid = 0;
-        std::uint64_t offset = 0; ///< of its superblock, in bytes on the source
-    };
+    using Checkpoint = APFSSuperblock::Place;
 
     void findInDescriptorArea();
     void chooseUsable();

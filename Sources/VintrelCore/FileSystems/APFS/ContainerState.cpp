@@ -11,7 +11,7 @@ constexpr std::uint64_t minExtentBudget = 65'536;
 
 APFSBlockReader blocksOf(DiskSource& source, std::uint64_t base, ByteView first)
 {
-    const auto superblock = APFSSuperblock::decode(first);
+    const auto superblock = APFSSuperblock::newest(source, base, first);
     return { source, base, superblock.blockSize, superblock.blockCount };
 }
 

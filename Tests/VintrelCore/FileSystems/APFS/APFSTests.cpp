@@ -113,6 +113,36 @@ TEST(APFS, TheNewestUsableCheckpointCounts)
     EXPECT_EQ(parse(image).names(), " /før");
 }
 
+TEST(APFS, TheNewestSoundSuperblockSaysHowLargeBlocksAndContainerAre)
+{
+    const struct {
+        const char* what;
+        std::uint64_t at, value; // of the first block
+        bool isSigned;
+    } rows[] = {
+        { "grown since the first block was written", 40, 30, true },
+        { "a damaged count", 40, 30, false },
+        { "a damaged block size", 36, 8192, false },
+    };
+    for (const auto& [what, at, value, isSigned] : rows) {
+        SCOPED_TRACE(what);
+        APFSImage image({});
+        image.commit({ { image.file({ .id = 20, .parent = 2, .name = "fil" }) } });
+        putLE(image.bytes(), 16, 0, 8);
+        putLE(image.bytes(), at, value, 4);
+        if (isSigned) {
+            putLE(image.bytes(), 16, 1, 8); // as old as any
+            putLE(image.bytes(), image.offsetOf(image.superblock()) + 16, 2, 8);
+            image.sign(image.superblock());
+            image.sign(0);
+        }
+        const auto disk = parse(image);
+        ASSERT_TRUE(disk.volume);
+        EXPECT_EQ(disk.names(), " /fil");
+        EXPECT_EQ(disk.volume->size, 300 * blockSize);
+    }
+}
+
 TEST(APFS, CheckpointsOfAnEarlierContainerListNothing)
 {
     APFSImage image({});
