@@ -43,13 +43,16 @@ struct Fields {
 
 Fields key(std::uint64_t id, std::uint64_t kind) { return Fields().add(id | kind << 60, 8); }
 
-/// Sorts by object, then by kind, then by the rest of the key.
+/// Sorts by object, then by kind, then by number or hash, then by name.
 void sort(APFSImage::Leaf& records)
 {
     std::ranges::stable_sort(records, {}, [](const APFSImage::Record& record) {
-        const auto number = ByteView(record.key).u64le(0);
-        return std::pair(
-            number << 4 | number >> 60, Bytes(record.key.rbegin(), record.key.rend() - 8));
+        const ByteView key(record.key);
+        const auto number = key.u64le(0);
+        const bool isName = number >> 60 == 4 || number >> 60 == 9;
+        return std::tuple(number << 4 >> 4, number >> 60, isName ? key.u16le(8) : key.u64le(8),
+            Bytes(record.key.begin() + static_cast<std::ptrdiff_t>(isName ? 10 : 8),
+                record.key.end()));
     });
 }
 
