@@ -130,6 +130,11 @@ void APFSContent::fillExtents(FileNode& node, const APFSFileRecords& records,
     const bool exists = node.status == EntryStatus::existing;
     if (!exists && !isShared && !layout.isHeldBySnapshot)
         claim(node, stored, inode);
+    if (exists && !layout.older.empty())
+        noteDoubts(node, Doubt::olderRecord);
+    for (const auto& blocks : layout.older)
+        if (exists && !inode.isCloned) // a clone shares them with others
+            state_.chances().judgeStandInLater(node, blocks);
     if (!layout.isComplete) {
         const auto partly = exists ? Doubt::partlyUnknownBlocks : Doubt::lostBlocks;
         judge(node, stored.empty() ? Doubt::unknownBlocks : partly);
@@ -177,6 +182,8 @@ APFSContent::Layout APFSContent::layOut(std::span<const APFSFileRecords::Extent>
         const bool isOnSource = offset && part.length <= blocks.source().size() - *offset;
         layout.isComplete = layout.isComplete && (isHole || isOnSource);
         layout.isHeldBySnapshot = layout.isHeldBySnapshot && part.leaf.isHeldBySnapshot;
+        if (offset && part.leaf.isStandIn)
+            layout.older.push_back(blocks.blocksAt(*offset, part.length));
         at = part.logical + part.length;
     }
     if (at < size)

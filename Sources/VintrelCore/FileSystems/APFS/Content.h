@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/FileSystems/APFS/BlockReader.h"
 #include "VintrelCore/FileSystems/APFS/ContainerState.h"
 #include "VintrelCore/FileSystems/APFS/Records.h"
 #include "VintrelCore/Model/FileData.h"
@@ -7,6 +8,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 /// Gives files their size, their content and their chance. Used by one thread at a time; the state
 /// must outlive it.
@@ -29,6 +31,7 @@ private:
         ExtentList extents;
         bool isComplete = true; ///< nothing is missing but the holes of a sparse file
         bool isHeldBySnapshot = true;
+        std::vector<APFSBlocks> older {}; ///< what was taken from older records
     };
 
     void fillSymlink(

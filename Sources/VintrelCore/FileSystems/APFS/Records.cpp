@@ -68,7 +68,7 @@ APFSFileRecords::Text APFSFileRecords::keep(ByteView bytes)
 }
 
 void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed,
-    LeafVersion leaf, const std::function<bool(std::uint64_t id)>& isWanted)
+    LeafVersion leaf, const IsWanted& isWanted)
 {
     // Records do not share bytes. Where they seem to, a small node could ask for any amount of
     // memory.
@@ -80,7 +80,7 @@ void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHas
         if (key.size() < sizeof(RecordKey) || bytesLeft == 0)
             return;
         bytesLeft -= key.size() + value.size();
-        if (!isWanted || isWanted(subjectOf(key, value)))
+        if (!isWanted || isWanted(subjectOf(key, value), key))
             addRecord(key, value, isHashed, leaf);
     });
 }

@@ -25,7 +25,12 @@ public:
         std::uint64_t xid = 0; ///< the transaction that wrote it
         /// Nothing that it names is given up as long as the snapshot is there.
         bool isHeldBySnapshot = false;
+        /// It steps in for a newer one that cannot be read.
+        bool isStandIn = false;
     };
+
+    /// Says by the object that a record is about and by its key whether it is kept.
+    using IsWanted = std::function<bool(std::uint64_t id, ByteView key)>;
 
     struct Inode {
         std::uint64_t id = 0;
@@ -75,10 +80,10 @@ public:
         Text target;            ///< of the link
     };
 
-    /// Adds what a leaf holds of the objects that are wanted, all of them without `isWanted`.
+    /// Adds the records of a leaf that are wanted, all of them without `isWanted`.
     /// `isHashed`: its directory records have the hash of the name beside the name's length.
     void addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed, LeafVersion leaf,
-        const std::function<bool(std::uint64_t id)>& isWanted = {});
+        const IsWanted& isWanted = {});
 
     /// Makes the records ready for being looked up: by what they belong to, the newest version
     /// first, and of inodes and attributes the newest alone.

@@ -115,7 +115,7 @@ void APFSFileTree::addInUse(const APFSFileRecords& live)
 {
     const auto& blocks = state_.blocks();
     for (const auto& extent : live.extents())
-        if (blocks.isValid(extent.block) && extent.length > 0)
+        if (blocks.isValid(extent.block) && extent.length > 0 && !extent.leaf.isStandIn)
             state_.chances().addInUse(
                 { extent.block, extent.block + unitsFor(extent.length, blocks.blockSize()) });
 }
@@ -293,5 +293,7 @@ std::unique_ptr<FileNode> APFSFileTree::makeNode(const APFSFileRecords& records,
     node->modified = TimeConversion::fromAPFS(inode->modified);
     if (!isFolder)
         content_.fill(*node, records, live, *inode);
+    if (link.leaf.isStandIn || inode->leaf.isStandIn)
+        noteDoubts(*node, Doubt::olderRecord);
     return node;
 }

@@ -19,6 +19,7 @@ constexpr std::ptrdiff_t maxVersionsTried
 struct WaitingNode {
     std::uint64_t oid;
     int depth;
+    bool isAboveLeaf = true; ///< as its parent says
 };
 
 /// The shortest key and value that an index entry can have.
@@ -37,8 +38,8 @@ APFSTreeHistory::APFSTreeHistory(
     , volumeOID_(volumeOID)
     , hasSnapshots_(superblock.snapshotCount != 0)
 {
-    state_.volumeMaps().forEachVersion(superblock.objectMapOID, state_.checkpoints().xid(),
-        [&](const Version& version) { live_.push_back(version); });
+    isLiveMapWhole_ = state_.volumeMaps().forEachVersion(superblock.objectMapOID,
+        state_.checkpoints().xid(), [&](const Version& version) { live_.push_back(version); });
     std::ranges::sort(live_, precedes);
 }
 
@@ -108,21 +109,24 @@ APFSTreeHistory::LiveLeaves APFSTreeHistory::findLiveLeaves(std::uint64_t rootOI
     bool isCut = false;
     Bytes node;
     while (!waiting.empty()) {
-        const auto [oid, depth] = waiting.back();
+        const auto [oid, depth, isAboveLeaf] = waiting.back();
         waiting.pop_back();
         if (depth > maxDepth || !visited.insert(oid).second)
             continue;
         auto block = readLiveVersion(oid, node);
-        if (!block) {
+        const bool isLive = block.has_value();
+        if (!isLive) {
             found.isDamaged = true;
             block = readOlderVersion(oid, node);
         }
-        if (!block) {
-            isCut = true;
+        const auto level = block ? ByteView(node).load<NodeHeader>(0)->level : LE16 {};
+        if (!isLive && level == 0 && (block || !isAboveLeaf))
+            found.lost.insert(oid);
+        // What is newer than an older index is not in it.
+        isCut = isCut || !isLive;
+        if (!block || (!isLive && level == 0))
             continue;
-        }
         state_.chances().addInUse({ *block, *block + 1 });
-        const auto level = ByteView(node).load<NodeHeader>(0)->level;
         if (level == 0) {
             found.leaves.push_back({ *block, oid });
             continue;
@@ -140,7 +144,7 @@ APFSTreeHistory::LiveLeaves APFSTreeHistory::findLiveLeaves(std::uint64_t rootOI
                 if (level == 1 && version != nullptr && visited.insert(child).second)
                     found.leaves.push_back({ version->block, child });
                 else
-                    waiting.push_back({ child, depth + 1 });
+                    waiting.push_back({ child, depth + 1, level > 1 });
             });
     }
     if (isCut)
@@ -149,6 +153,67 @@ APFSTreeHistory::LiveLeaves APFSTreeHistory::findLiveLeaves(std::uint64_t rootOI
                 found.leaves.push_back({ version.block, version.oid });
     std::ranges::sort(found.leaves, {}, &Leaf::block);
     return found;
+}
+
+APFSTreeHistory::LostKeys APFSTreeHistory::findLostKeys(
+    std::uint64_t rootOID, const std::unordered_set<std::uint64_t>& lost, bool isHashed)
+{
+    struct WaitingRange {
+        std::uint64_t oid;
+        int depth;
+        APFSKeyRange keys;
+    };
+    LostKeys found;
+    std::vector<APFSKeyRange> cut; // where the index is not the newest one, or none
+    std::unordered_set<std::uint64_t> visited;
+    std::vector<WaitingRange> waiting { { rootOID, 0, {} } };
+    Bytes node;
+    while (!waiting.empty()) {
+        const auto [oid, depth, keys] = std::move(waiting.back());
+        waiting.pop_back();
+        if (depth > maxDepth || !visited.insert(oid).second)
+            continue;
+        if (lost.contains(oid)) {
+            found.keys.add(keys);
+            continue;
+        }
+        const bool isLive = readLiveVersion(oid, node).has_value();
+        if (!isLive)
+            cut.push_back(keys);
+        if (!isLive && !readOlderVersion(oid, node))
+            continue;
+        if (ByteView(node).load<NodeHeader>(0)->level != 0)
+            for (auto& child : childrenOf(node, keys, isHashed))
+                waiting.push_back({ child.oid, depth + 1, std::move(child.keys) });
+    }
+    const auto isPlaced = [&](std::uint64_t oid) { return visited.contains(oid); };
+    found.isIndexLost = !cut.empty() && (!isLiveMapWhole_ || !std::ranges::all_of(lost, isPlaced));
+    if (found.isIndexLost)
+        for (const auto& keys : cut)
+            found.keys.add(keys);
+    return found;
+}
+
+/// The nodes that one of the index leads to, with the keys of each.
+std::vector<APFSTreeHistory::Child> APFSTreeHistory::childrenOf(
+    ByteView node, const APFSKeyRange& keys, bool isHashed) const
+{
+    std::vector<Child> children;
+    std::uint64_t room = state_.blocks().blockSize() / minEntrySize;
+    APFSNodes::forEachRecord(
+        node, state_.blocks().blockSize(), {}, [&](ByteView key, std::optional<ByteView> value) {
+            if (!value || room == 0)
+                return;
+            --room;
+            auto first = APFSTreeKey::decode(key, isHashed);
+            if (!children.empty())
+                children.back().keys.end = first;
+            children.push_back(
+                { value->u64le(offsetof(IndexValue, child)), { std::move(first), keys.end } });
+        });
+    if (!children.empty())
+        children.front().keys.first = keys.first;
+    return children;
 }
 
 std::vector<APFSTreeHistory::Leaf> APFSTreeHistory::unreadNodes()

@@ -75,7 +75,7 @@ APFSVolumeReader::APFSVolumeReader(std::shared_ptr<APFSContainerState> state,
     , identity_(state_->leaves().add({ .volumeOID = oid,
           .isHashed = hasHashes(superblock),
           .nextObjectID = superblock.nextObjectID }))
-    , tree_(*state_, identity_.objects, root)
+    , tree_(std::in_place, *state_, identity_.objects, root)
 {
 }
 
@@ -121,24 +121,27 @@ void APFSVolumeReader::readTrees(
     state_->blocks().takeUnreadable();
     APFSTreeHistory history(*state_, superblock, identity_.volumeOID);
     noteUnreadable("volumens objektkort", " Filer kan mangle.");
-    const auto live = readLive(history, superblock.rootTreeOID, progress);
-    tree_.addExisting(live.records);
+    auto live = readLive(history, superblock.rootTreeOID, progress);
+    tree_->addExisting(live.records);
     if (live.records.inodes().empty() && !isCancelled(progress))
         volume.notes.emplace_back("Filtræet kunne ikke læses.");
     else if (live.isDamaged)
         volume.notes.emplace_back(
             "Dele af filtræet er beskadiget. Filer kan mangle eller stå i en ældre udgave.");
     noteUnreadable("filtræet", "");
-    tree_.addDeleted(readOld(history, progress), live.records);
+    auto old = readOld(history, progress);
+    tree_->addDeleted(old, live.records);
     noteUnreadable("filtræets ældre udgaver", " Slettede filer kan mangle.");
     history.registerOwner();
+    if (!lostKeys_.empty())
+        damaged_ = { std::move(live.records), std::move(old) };
     volume.root->sortChildren();
 }
 
 APFSVolumeReader::LiveRecords APFSVolumeReader::readLive(
     APFSTreeHistory& history, std::uint64_t rootOID, WorkProgress* progress)
 {
-    const auto found = history.findLiveLeaves(rootOID);
+    auto found = history.findLiveLeaves(rootOID);
     LiveRecords live { .records = {}, .isDamaged = found.isDamaged };
     CancelCheck check(progress);
     Bytes node;
@@ -147,19 +150,49 @@ APFSVolumeReader::LiveRecords APFSVolumeReader::readLive(
             break;
         if (state_->leaves().isRead(leaf.block))
             continue;
-        auto block = std::optional(leaf.block);
         if (!history.readNode(leaf.block, leaf.oid, node)) {
             live.isDamaged = true;
-            block = history.readOlderVersion(leaf.oid, node);
-        }
-        if (!block)
+            found.lost.insert(leaf.oid);
             continue;
-        state_->chances().addInUse({ *block, *block + 1 });
+        }
+        state_->chances().addInUse({ leaf.block, leaf.block + 1 });
         if (isLeaf(node))
-            addLeaf(live.records, *block, node, false, Objects::all);
+            addLeaf(live.records, leaf.block, node, false, Objects::all);
+    }
+    if (live.isDamaged && !isCancelled(progress)) {
+        findLostKeys(history, rootOID, found);
+        fillLostKeys(history, live.records);
     }
     live.records.sort();
     return live;
+}
+
+/// Which records of a damaged tree are in none of the leaves that were read.
+void APFSVolumeReader::findLostKeys(
+    APFSTreeHistory& history, std::uint64_t rootOID, const APFSTreeHistory::LiveLeaves& found)
+{
+    auto lost = history.findLostKeys(rootOID, found.lost, identity_.isHashed);
+    lostKeys_ = std::move(lost.keys);
+    if (!lost.isIndexLost)
+        return;
+    Bytes node;
+    for (const auto& leaf : found.leaves) {
+        if (found.lost.contains(leaf.oid) || !history.readNode(leaf.block, leaf.oid, node))
+            continue;
+        if (const auto keys = keysOf(node, state_->blocks().blockSize(), identity_.isHashed))
+            lostKeys_.subtract(*keys);
+    }
+}
+
+/// Takes what is lost from older states of the tree.
+void APFSVolumeReader::fillLostKeys(APFSTreeHistory& history, APFSFileRecords& records)
+{
+    APFSStandIns standIns(state_->blocks(), identity_.isHashed);
+    Bytes node;
+    for (const auto& leaf : history.unreadNodes())
+        if (!lostKeys_.empty() && history.readNode(leaf.block, leaf.oid, node) && isLeaf(node))
+            standIns.offer(lostKeys_, leaf.block, node, leaf.isHeldBySnapshot);
+    standIns.fill(lostKeys_, records);
 }
 
 /// The records of every version of a node that the live tree does not have.
@@ -179,13 +212,14 @@ APFSFileRecords APFSVolumeReader::readOld(APFSTreeHistory& history, WorkProgress
     return records;
 }
 
-APFSFileRecords APFSVolumeReader::readLoose(
-    std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
+/// Calls `visit(block, node)` for every leaf that is the volume's, in the order of the disk.
+template <class Visit>
+void APFSVolumeReader::forEachLoose(
+    std::span<const std::uint64_t> leafOffsets, WorkProgress* progress, Visit visit)
 {
     auto& blocks = state_->blocks();
     std::vector<std::uint64_t> offsets(leafOffsets.begin(), leafOffsets.end());
     std::ranges::sort(offsets);
-    APFSFileRecords records;
     CancelCheck check(progress);
     Bytes node;
     for (const auto offset : offsets) {
@@ -198,33 +232,62 @@ APFSFileRecords APFSVolumeReader::readLoose(
             && xidOf(node) <= state_->checkpoints().xid()
             && APFSParser::looksLikeFSTreeLeaf(node, 0, blocks.blockSize())
             && state_->leaves().isLeafOf(identity_, node))
-            addLeaf(records, block, node, false, Objects::unknown);
+            visit(block, node);
     }
+}
+
+APFSFileRecords APFSVolumeReader::readLoose(
+    std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
+{
+    APFSFileRecords records;
+    forEachLoose(leafOffsets, progress, [&](std::uint64_t block, ByteView node) {
+        addLeaf(records, block, node, false, Objects::unknown);
+    });
     records.sort();
     return records;
+}
+
+/// Takes what older states lack too from loose leaves, and builds the volume's tree anew.
+void APFSVolumeReader::fillFromLoose(
+    Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
+{
+    APFSStandIns standIns(state_->blocks(), identity_.isHashed);
+    forEachLoose(leafOffsets, progress,
+        [&](std::uint64_t block, ByteView node) { standIns.offer(lostKeys_, block, node); });
+    if (!standIns.fill(lostKeys_, damaged_->live))
+        return;
+    damaged_->live.sort();
+    volume.root->removeAllChildren();
+    identity_.objects = {};
+    tree_.emplace(*state_, identity_.objects, *volume.root);
+    tree_->addExisting(damaged_->live);
+    tree_->addDeleted(damaged_->old, damaged_->live);
+    volume.root->sortChildren();
 }
 
 void APFSVolumeReader::addLeaf(APFSFileRecords& records, std::uint64_t block, ByteView node,
     bool isHeldBySnapshot, Objects objects)
 {
     state_->leaves().markRead(block);
-    std::function<bool(std::uint64_t)> isWanted;
+    APFSFileRecords::IsWanted isWanted;
     if (objects == Objects::unknown)
-        isWanted = [this](std::uint64_t id) { return !identity_.objects.contains(id); };
+        isWanted = [this](std::uint64_t id, ByteView) { return !identity_.objects.contains(id); };
     records.addLeaf(node, state_->blocks().blockSize(), identity_.isHashed,
-        { xidOf(node), isHeldBySnapshot }, isWanted);
+        { xidOf(node), isHeldBySnapshot, false }, isWanted);
 }
 
 std::unique_ptr<FileNode> APFSVolumeReader::lostFiles(
     Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
 {
+    if (damaged_)
+        fillFromLoose(volume, leafOffsets, progress);
     const auto records = readLoose(leafOffsets, progress);
-    auto* known = tree_.orphans();
+    auto* known = tree_->orphans();
     auto made = known == nullptr
         ? FileNode::makeFolder(std::string(APFSFileTree::orphansName), EntryStatus::orphaned)
         : nullptr;
     auto& folder = known != nullptr ? *known : *made;
-    tree_.addLost(records, folder);
+    tree_->addLost(records, folder);
     const auto note = state_->chances().judgeWaiting(state_->checkpoints().superblock());
     if (note && std::ranges::count(volume.notes, *note) == 0)
         volume.notes.push_back(*note);

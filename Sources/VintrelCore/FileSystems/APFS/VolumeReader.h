@@ -3,8 +3,10 @@
 #include "VintrelCore/FileSystems/APFS/ContainerState.h"
 #include "VintrelCore/FileSystems/APFS/LeafLedger.h"
 #include "VintrelCore/FileSystems/APFS/Records.h"
+#include "VintrelCore/FileSystems/APFS/StandIns.h"
 #include "VintrelCore/FileSystems/APFS/Tree.h"
 #include "VintrelCore/FileSystems/APFS/TreeHistory.h"
+#include "VintrelCore/FileSystems/APFS/TreeKeys.h"
 #include "VintrelCore/FileSystems/APFS/VolumeSuperblock.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
@@ -14,6 +16,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -61,6 +64,12 @@ private:
         bool isDamaged = false; ///< some are missing, or of an older version
     };
 
+    /// What was read of a tree that lacks some of its leaves.
+    struct DamagedTree {
+        APFSFileRecords live;
+        APFSFileRecords old;
+    };
+
     /// Which of a leaf's records are kept.
     enum class Objects { all, unknown };
 
@@ -70,11 +79,21 @@ private:
     void readTrees(
         Volume& volume, const APFSFormat::VolumeSuperblock& superblock, WorkProgress* progress);
     LiveRecords readLive(APFSTreeHistory& history, std::uint64_t rootOID, WorkProgress* progress);
+    void findLostKeys(
+        APFSTreeHistory& history, std::uint64_t rootOID, const APFSTreeHistory::LiveLeaves& found);
+    void fillLostKeys(APFSTreeHistory& history, APFSFileRecords& records);
     APFSFileRecords readOld(APFSTreeHistory& history, WorkProgress* progress);
+    template <class Visit>
+    void forEachLoose(
+        std::span<const std::uint64_t> leafOffsets, WorkProgress* progress, Visit visit);
+    void fillFromLoose(
+        Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
     APFSFileRecords readLoose(std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
     void addLeaf(APFSFileRecords& records, std::uint64_t block, ByteView node,
         bool isHeldBySnapshot, Objects objects);
 
     APFSLeafLedger::Identity& identity_; // the ledger's, which is part of the state
-    APFSFileTree tree_;
+    std::optional<APFSFileTree> tree_;   // never none
+    APFSKeyRanges lostKeys_;             // of the live tree: in no leaf that was found
+    std::optional<DamagedTree> damaged_; // none: no keys are lost
 };
