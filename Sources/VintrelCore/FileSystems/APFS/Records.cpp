@@ -149,6 +149,7 @@ void APFSFileRecords::addInode(std::uint64_t id, ByteView value, LeafVersion lea
         .size = 0,
         .created = stored->created,
         .modified = stored->modified,
+        .changed = stored->changed,
         .name = {},
         .mode = stored->mode,
         .isSparse = (stored->internalFlags & sparseFlag) != 0,

@@ -40,6 +40,7 @@ public:
         std::uint64_t size = 0;
         std::uint64_t created = 0; ///< as stored
         std::uint64_t modified = 0;
+        std::uint64_t changed = 0;
         Text name; ///< the one that it was given last; a hard link has others
         std::uint16_t mode = 0;
         bool isSparse = false;

@@ -222,17 +222,21 @@ struct VolumeSuperblock {
     LE64 nextObjectID;                       //  176
     std::array<std::uint8_t, 32> fileCounts; //  184
     LE64 snapshotCount;                      //  216
-    std::array<std::uint8_t, 32> more;       //  224
+    LE64 allocatedBlocks, freedBlocks;       //  224, 232
+    std::array<std::uint8_t, 16> uuid;       //  240
     LE64 lastModified;                       //  256
     LE64 flags;                              //  264
-    std::array<std::uint8_t, 432> makers;    //  272
+    std::array<std::uint8_t, 32> maker;      //  272  the program that formatted it
+    LE64 formatted, formattedXID;            //  304, 312  when
+    std::array<std::uint8_t, 384> changers;  //  320  programs that changed it
     std::array<char, 256> name;              //  704
     LE32 nextDocumentID;                     //  960
     LE16 role;                               //  964
     LE16 reserved;                           //  966
 };
 static_assert(sizeof(VolumeSuperblock) == 968 && offsetof(VolumeSuperblock, nextObjectID) == 176
-    && offsetof(VolumeSuperblock, flags) == 264 && offsetof(VolumeSuperblock, name) == 704);
+    && offsetof(VolumeSuperblock, flags) == 264 && offsetof(VolumeSuperblock, formatted) == 304
+    && offsetof(VolumeSuperblock, name) == 704);
 
 /// Whether the magic of a volume's superblock is right.
 inline bool isVolumeSuperblock(const VolumeSuperblock& superblock)
