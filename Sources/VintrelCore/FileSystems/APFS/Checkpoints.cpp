@@ -41,6 +41,14 @@ APFSCheckpoints::APFSCheckpoints(APFSBlockReader& blocks, ByteView first, std::u
             + std::to_string(lost * blocks_.blockSize()) + " bytes). Volumener kan mangle.");
 }
 
+APFSCheckpoints::APFSCheckpoints(APFSBlockReader& blocks, std::vector<APFSObjectVersion> volumes)
+    : blocks_(blocks)
+    , xid_(noLimit)
+    , volumeVersions_(std::move(volumes))
+{
+    std::ranges::stable_sort(*volumeVersions_, std::ranges::greater {}, &APFSObjectVersion::xid);
+}
+
 /// Finds the sound superblocks of the checkpoint descriptor area. Of those with the same
 /// transaction the first counts.
 void APFSCheckpoints::findInDescriptorArea()

@@ -19,6 +19,10 @@ public:
     /// `first`: the superblock with which to begin, which lies at byte `firstOffset`.
     APFSCheckpoints(APFSBlockReader& blocks, ByteView first, std::uint64_t firstOffset);
 
+    /// Those of a container all of whose superblocks are lost. `volumes`: where superblocks of its
+    /// volumes were found.
+    APFSCheckpoints(APFSBlockReader& blocks, std::vector<APFSObjectVersion> volumes);
+
     /// Of the checkpoint by which the container is read.
     const APFSFormat::ContainerSuperblock& superblock() const { return superblock_; }
     /// Its transaction. Objects of later ones are not accepted. The largest number there is when no
@@ -41,7 +45,7 @@ private:
     std::vector<APFSObjectVersion> versionsOfVolumes();
 
     APFSBlockReader& blocks_;
-    APFSFormat::ContainerSuperblock superblock_;
+    APFSFormat::ContainerSuperblock superblock_ {};
     std::uint64_t xid_;
     APFSObjectMaps::BlockByOID objectMap_;
     std::vector<std::string> notes_;
