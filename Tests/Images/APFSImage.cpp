@@ -325,7 +325,8 @@ void APFSImage::writeVolume(std::size_t volume)
     put(block,
         { { 56, options_.isHashed ? 1u : 0u, 8 }, { 116, 2, 4 }, { 128, map, 8 },
             { 136, rootOID + volume * oidsPerVolume, 8 }, { 176, 5000, 8 },
-            { 216, options_.snapshots, 8 }, { 240, 77, 8 }, { 264, options_.flags, 8 } });
+            { 216, options_.snapshots, 8 }, { 240, 77 + options_.generation, 8 },
+            { 264, options_.flags, 8 } });
     write(offsetOf(block) + 704, bytesOf(options_.name));
     put(block, { { 964, options_.role, 2 } });
     sign(block);
@@ -391,12 +392,12 @@ void APFSImage::writeCheckpoint()
         write(offsetOf(block) + 32, bytesOf("NXSB"));
         put(block,
             { { 36, options_.blockBytes, 4 }, { 40, options_.blocks, 8 }, { 64, 2, 8 },
-                { 72, 42, 8 }, { 88, 2000, 8 }, { 96, xid_ + 1, 8 }, { 104, descriptorBlocks, 4 },
-                { 108, dataBlocks, 4 }, { 112, descriptorBase, 8 }, { 120, dataBase, 8 },
-                { 128, (index + 2) % descriptorBlocks, 4 }, { 132, (index + 2) % dataBlocks, 4 },
-                { 136, index, 4 }, { 140, 2, 4 }, { 144, index, 4 }, { 148, 2, 4 },
-                { 152, spaceManagerOID, 8 }, { 160, containerMap_, 8 }, { 168, reaperOID, 8 },
-                { 180, options_.volumes, 4 } });
+                { 72, 42 + options_.generation, 8 }, { 88, 2000, 8 }, { 96, xid_ + 1, 8 },
+                { 104, descriptorBlocks, 4 }, { 108, dataBlocks, 4 }, { 112, descriptorBase, 8 },
+                { 120, dataBase, 8 }, { 128, (index + 2) % descriptorBlocks, 4 },
+                { 132, (index + 2) % dataBlocks, 4 }, { 136, index, 4 }, { 140, 2, 4 },
+                { 144, index, 4 }, { 148, 2, 4 }, { 152, spaceManagerOID, 8 },
+                { 160, containerMap_, 8 }, { 168, reaperOID, 8 }, { 180, options_.volumes, 4 } });
         for (std::size_t i = 0; i < volumes_.size(); ++i)
             put(block, { { 184 + 8 * i, oidOf(i), 8 } });
         sign(block);

@@ -22,6 +22,7 @@ public:
         std::string name = "DISK";
         std::size_t volumes = 1;
         std::uint64_t blockBytes = 4096;
+        std::uint64_t generation = 0; ///< another one has another UUID
         bool hasAddressBlock = false; ///< as large containers have between space manager and chunks
     };
 

@@ -11,7 +11,8 @@ void APFSStandIns::offer(
     const auto keys = keysOf(leaf, blocks_.blockSize(), isHashed_);
     const auto header = leaf.load<APFSFormat::ObjectHeader>(0);
     if (keys && header && lost.intersects(*keys))
-        candidates_.push_back({ block, { header->xid, isHeldBySnapshot, true }, *keys });
+        candidates_.push_back(
+            { block, { header->xid, isHeldBySnapshot, role_ == Role::standIn }, *keys });
 }
 
 bool APFSStandIns::fill(APFSKeyRanges& lost, APFSFileRecords& records)

@@ -14,9 +14,16 @@
 /// a time; the blocks must outlive it.
 class APFSStandIns {
 public:
-    APFSStandIns(APFSBlockReader& blocks, bool isHashed)
+    /// What the leaves give to the records.
+    enum class Role {
+        standIn, ///< older versions of what is lost
+        tree,    ///< all that there is
+    };
+
+    APFSStandIns(APFSBlockReader& blocks, bool isHashed, Role role = Role::standIn)
         : blocks_(blocks)
         , isHashed_(isHashed)
+        , role_(role)
     {
     }
 
@@ -37,5 +44,6 @@ private:
 
     APFSBlockReader& blocks_;
     const bool isHashed_;
+    const Role role_;
     std::vector<Candidate> candidates_;
 };

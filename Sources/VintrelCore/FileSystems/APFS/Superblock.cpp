@@ -81,6 +81,17 @@ ContainerSuperblock newest(DiskSource& source, std::uint64_t base, ByteView firs
     return best;
 }
 
+bool hasObjectMap(
+    DiskSource& source, std::uint64_t start, std::uint64_t block, std::uint64_t blockSize)
+{
+    if (start >= source.size() || block > (source.size() - start) / blockSize)
+        return false;
+    const auto map = APFSBlockReader::readAvailable(source, start + block * blockSize, blockSize);
+    const auto header = ByteView(map).load<ObjectHeader>(0);
+    return header && typeOf(*header) == ObjectType::objectMap && header->oid == block
+        && APFSParser::checksumOK(map);
+}
+
 std::optional<Bytes> read(DiskSource& source, std::uint64_t offset)
 {
     const auto head = APFSBlockReader::readAvailable(source, offset, minBlockSize);

@@ -36,6 +36,11 @@ std::vector<Place> findInArea(DiskSource& source, std::uint64_t base,
 /// the area that it names, and `first` itself where none is sound.
 APFSFormat::ContainerSuperblock newest(DiskSource& source, std::uint64_t base, ByteView first);
 
+/// Whether a container can begin at byte `start` whose object map lies at this block. A physical
+/// object knows the number of its own block, so that only the true start has it in the right place.
+bool hasObjectMap(
+    DiskSource& source, std::uint64_t start, std::uint64_t block, std::uint64_t blockSize);
+
 /// The block at byte `offset`, as long as it says that blocks are, and cut at the source's end;
 /// none when it is no superblock, or its block size is impossible. Its checksum may be wrong.
 std::optional<Bytes> read(DiskSource& source, std::uint64_t offset);

@@ -71,10 +71,11 @@ std::unique_ptr<Volume> describe(
 
 APFSVolumeReader::APFSVolumeReader(std::shared_ptr<APFSContainerState> state,
     const VolumeSuperblock& superblock, std::uint64_t oid, FileNode& root)
-    : APFSVolumeContext(std::move(state))
+    : APFSVolumeContext(std::move(state), oid, superblock.uuid)
     , identity_(state_->leaves().add({ .volumeOID = oid,
           .isHashed = hasHashes(superblock),
-          .nextObjectID = superblock.nextObjectID }))
+          .nextObjectID = superblock.nextObjectID,
+          .formatted = superblock.formatted }))
     , tree_(std::in_place, *state_, identity_.objects, root)
 {
 }
@@ -92,7 +93,8 @@ std::unique_ptr<Volume> APFSVolumeReader::read(std::shared_ptr<APFSContainerStat
         volume->notes.emplace_back("Volumen er krypteret (FileVault). Filerne kan ikke læses uden "
                                    "at låse disken op i macOS.");
     if (isEncrypted || superblock.trust == Trust::lost) {
-        volume->deepContext = std::make_unique<APFSVolumeContext>(std::move(state));
+        volume->deepContext
+            = std::make_unique<APFSVolumeContext>(std::move(state), superblock.oid, stored.uuid);
         return volume;
     }
     if ((stored.incompatibleFeatures & IncompatibleFeature::sealed) != 0)
@@ -229,11 +231,65 @@ void APFSVolumeReader::forEachLoose(
             continue;
         const std::uint64_t block = (offset - blocks.base()) / blocks.blockSize();
         if (!state_->leaves().isRead(block) && blocks.read(block, node)
-            && xidOf(node) <= state_->checkpoints().xid()
-            && APFSParser::looksLikeFSTreeLeaf(node, 0, blocks.blockSize())
-            && state_->leaves().isLeafOf(identity_, node))
+            && APFSParser::looksLikeFSTreeLeaf(node, 0, blocks.blockSize()))
             visit(block, node);
     }
+}
+
+/// Whether a leaf that no object map leads to is the volume's.
+bool APFSVolumeReader::isOwnLeaf(ByteView leaf) const
+{
+    return !hasAllLeaves_ && xidOf(leaf) <= state_->checkpoints().xid()
+        && state_->leaves().isLeafOf(identity_, leaf);
+}
+
+bool APFSVolumeContext::hasLeaf(std::uint64_t offset, ByteView /*leaf*/) const
+{
+    const auto& blocks = state_->blocks();
+    return offset >= blocks.base() && (offset - blocks.base()) % blocks.blockSize() == 0
+        && state_->leaves().isRead((offset - blocks.base()) / blocks.blockSize());
+}
+
+bool APFSVolumeReader::hasLeaf(std::uint64_t offset, ByteView leaf) const
+{
+    return APFSVolumeContext::hasLeaf(offset, leaf) || isOwnLeaf(leaf);
+}
+
+std::unique_ptr<Volume> APFSVolumeReader::fromLeaves(std::shared_ptr<APFSContainerState> state,
+    const APFSVolumeSuperblock& superblock, std::span<const std::uint64_t> leafOffsets,
+    const std::string& origin, WorkProgress* progress)
+{
+    auto volume = describe(*state, superblock, origin);
+    std::unique_ptr<APFSVolumeReader> reader(
+        new APFSVolumeReader(std::move(state), superblock.stored, superblock.oid, *volume->root));
+    reader->readGroup(*volume, leafOffsets, progress);
+    volume->deepContext = std::move(reader);
+    return volume->root->children().empty() ? nullptr : std::move(volume);
+}
+
+/// Takes the newest of the leaves for the tree, and what only others have for deleted.
+void APFSVolumeReader::readGroup(
+    Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress)
+{
+    hasAllLeaves_ = true;
+    APFSStandIns tree(state_->blocks(), identity_.isHashed, APFSStandIns::Role::tree);
+    APFSKeyRanges all;
+    all.add({});
+    forEachLoose(leafOffsets, progress,
+        [&](std::uint64_t block, ByteView node) { tree.offer(all, block, node); });
+    APFSFileRecords live;
+    tree.fill(all, live);
+    live.sort();
+    tree_->addExisting(live);
+    APFSFileRecords old;
+    forEachLoose(leafOffsets, progress, [&](std::uint64_t block, ByteView node) {
+        addLeaf(old, block, node, false, Objects::unknown);
+    });
+    old.sort();
+    tree_->addDeleted(old, live);
+    if (const auto note = state_->chances().judgeWaiting(state_->checkpoints().superblock()))
+        volume.notes.push_back(*note);
+    volume.root->sortChildren();
 }
 
 APFSFileRecords APFSVolumeReader::readLoose(
@@ -241,7 +297,8 @@ APFSFileRecords APFSVolumeReader::readLoose(
 {
     APFSFileRecords records;
     forEachLoose(leafOffsets, progress, [&](std::uint64_t block, ByteView node) {
-        addLeaf(records, block, node, false, Objects::unknown);
+        if (isOwnLeaf(node))
+            addLeaf(records, block, node, false, Objects::unknown);
     });
     records.sort();
     return records;

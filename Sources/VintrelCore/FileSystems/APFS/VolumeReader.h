@@ -14,6 +14,7 @@
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -27,10 +28,20 @@ class DiskSource;
 /// What every volume of a container keeps, also one whose files cannot be read: the container.
 class APFSVolumeContext : public DeepContext {
 public:
-    explicit APFSVolumeContext(std::shared_ptr<APFSContainerState> state)
+    /// `uuid`: the volume's; zeros when it is not known.
+    using UUID = std::array<std::uint8_t, 16>;
+
+    APFSVolumeContext(std::shared_ptr<APFSContainerState> state, std::uint64_t oid, UUID uuid)
         : state_(std::move(state))
+        , oid_(oid)
+        , uuid_(uuid)
     {
     }
+
+    /// Whether a superblock with this oid is one of the volume.
+    bool isOf(std::uint64_t oid, const UUID& uuid) const { return oid == oid_ && uuid == uuid_; }
+    /// Whether a leaf at this byte was read for the volume, or would be taken for one of its own.
+    virtual bool hasLeaf(std::uint64_t offset, ByteView leaf) const;
 
     /// Whether the volume was read from this source.
     bool isOn(const DiskSource& source) const { return &state_->blocks().source() == &source; }
@@ -42,6 +53,10 @@ public:
 
 protected:
     const std::shared_ptr<APFSContainerState> state_; // never none
+
+private:
+    const std::uint64_t oid_;
+    const UUID uuid_;
 };
 
 /// Reads the files of one volume of a container. The search for loose leaves goes on with what it
@@ -52,6 +67,14 @@ public:
     /// no superblock is left; its deep context is no reader then. `progress` may be none.
     static std::unique_ptr<Volume> read(std::shared_ptr<APFSContainerState> state,
         const APFSVolumeSuperblock& superblock, const std::string& origin, WorkProgress* progress);
+
+    /// A volume of which nothing but leaves at these bytes is left. None when they hold no file.
+    /// `superblock`: what is known or guessed of it.
+    static std::unique_ptr<Volume> fromLeaves(std::shared_ptr<APFSContainerState> state,
+        const APFSVolumeSuperblock& superblock, std::span<const std::uint64_t> leafOffsets,
+        const std::string& origin, WorkProgress* progress);
+
+    bool hasLeaf(std::uint64_t offset, ByteView leaf) const override;
 
     /// See APFSParser::lostFiles.
     std::unique_ptr<FileNode> lostFiles(
@@ -86,6 +109,9 @@ private:
     template <class Visit>
     void forEachLoose(
         std::span<const std::uint64_t> leafOffsets, WorkProgress* progress, Visit visit);
+    bool isOwnLeaf(ByteView leaf) const;
+    void readGroup(
+        Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
     void fillFromLoose(
         Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
     APFSFileRecords readLoose(std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
@@ -94,6 +120,7 @@ private:
 
     APFSLeafLedger::Identity& identity_; // the ledger's, which is part of the state
     std::optional<APFSFileTree> tree_;   // never none
+    bool hasAllLeaves_ = false;          // it was given its leaves; no others are sought
     APFSKeyRanges lostKeys_;             // of the live tree: in no leaf that was found
     std::optional<DamagedTree> damaged_; // none: no keys are lost
 };

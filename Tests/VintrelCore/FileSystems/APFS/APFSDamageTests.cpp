@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace {
 
 constexpr std::uint64_t blockSize = APFSImage::blockSize;
@@ -108,4 +110,96 @@ TEST(APFSDamage, LooseLeavesGiveWhatNoOlderStateHas)
     const auto& root = *found.volumes.at(0)->root;
     EXPECT_EQ(root.totals().deleted, 0u);
     EXPECT_EQ(root.totals().files, 8u);
+}
+
+TEST(APFSDamage, AContainerWithoutSuperblocksIsRebuilt)
+{
+    // Two volumes with the same numbers, and files that only older leaves have.
+    APFSImage built({ .blocks = 500, .volumes = 2 });
+    const auto content = patternBytes(blockSize);
+    const auto files = [&](std::uint64_t first, std::uint64_t count, const char* folder,
+                           std::uint64_t created) {
+        Leaf all { built.entry(2, folder, 16, true),
+            APFSImage::inode(
+                { .id = 16, .parent = 2, .name = folder, .mode = 0x41ED, .created = created }) };
+        for (auto id = first; id < first + count; ++id)
+            all = all
+                + built.file({ .id = id,
+                                 .parent = 16,
+                                 .name = "fil " + std::to_string(id),
+                                 .size = blockSize,
+                                 .created = created + id },
+                    built.store(content));
+        return all;
+    };
+    const auto one = files(20, 20, "en", 1'000);
+    built.commit(APFSImage::split(one + files(60, 1, "en", 1'000), 9), 0);
+    built.commit(APFSImage::split(one, 9), 0);
+    built.commit(APFSImage::split(files(20, 12, "to", 2'000), 7), 1);
+    erase(built.bytes(), 0, built.offsetOf(1 + 2 * APFSImage::descriptorBlocks));
+    const auto without = [&](std::initializer_list<std::uint16_t> types) {
+        auto bytes = built.bytes();
+        for (std::uint64_t at = 0; at < bytes.size(); at += blockSize)
+            if (std::ranges::count(types, ByteView(bytes).u16le(static_cast<std::int64_t>(at) + 24))
+                != 0)
+                erase(bytes, at, at + blockSize);
+        return bytes;
+    };
+    const struct {
+        const char* what;
+        std::initializer_list<std::uint16_t> lost; // types of objects
+        bool isPlaceCertain, isNamed;
+    } rows[] = {
+        { "the beginning", {}, true, true },
+        { "superblocks of volumes too", { 13 }, true, false },
+        { "object maps too", { 11 }, false, true },
+        { "all but leaves", { 11, 13, 2 }, false, false },
+    };
+    for (const auto& [what, lost, isPlaceCertain, isNamed] : rows) {
+        SCOPED_TRACE(what);
+        const Found found(without(lost));
+        ASSERT_EQ(found.volumes.size(), 2u);
+        for (std::uint64_t id = 20; id < 40; ++id)
+            EXPECT_EQ(found.count("/en/fil " + std::to_string(id), content), 1) << id;
+        for (std::uint64_t id = 20; id < 32; ++id)
+            EXPECT_EQ(found.count("/to/fil " + std::to_string(id), content), 1) << id;
+        EXPECT_EQ(found.files.size(), 33u);
+        for (const auto& volume : found.volumes) {
+            EXPECT_EQ(volume->origin, "Dyb scanning, løse APFS-metadata");
+            EXPECT_EQ(volume->label, isNamed ? "DISK" : "");
+            for (const auto* file : volume->root->allFiles())
+                EXPECT_EQ(
+                    chance(*file).starts_with(isPlaceCertain ? "God" : "Delvis: Filsystemets"),
+                    file->status == EntryStatus::existing)
+                    << chance(*file);
+        }
+    }
+}
+
+TEST(APFSDamage, AnEarlierContainerBelowANewOneIsRebuilt)
+{
+    APFSImage before({ .blocks = 300, .name = "FØR" });
+    const auto content = patternBytes(blockSize);
+    const auto kept = before.store(content);
+    const auto overwritten = before.store(content);
+    for (int i = 0; i < 3; ++i) // so that it uses blocks which the new one has not reached
+        before.commit({ before.file(
+            { .id = 20, .parent = 2, .name = "hel", .size = blockSize }, kept + 100) });
+    before.write(before.offsetOf(kept + 100), content);
+    before.commit({ before.file(
+                        { .id = 20, .parent = 2, .name = "hel", .size = blockSize }, kept + 100)
+        + before.file({ .id = 21, .parent = 2, .name = "væk", .size = blockSize }, overwritten) });
+    APFSImage after({ .blocks = 300, .name = "NU", .generation = 1 });
+    after.commit({ after.file({ .id = 20, .parent = 2, .name = "ny", .created = 5 }) });
+    std::copy_n(after.bytes().begin(), after.offsetOf(35), before.bytes().begin());
+    const Found found(before.bytes());
+    ASSERT_EQ(found.volumes.size(), 2u);
+    EXPECT_EQ(found.volumes[0]->title(), "NU (APFS)");
+    EXPECT_EQ(found.volumes[0]->root->totals().files, 1u);
+    EXPECT_EQ(found.volumes[1]->title(), "FØR (APFS)");
+    EXPECT_EQ(found.count("/hel", content), 1);
+    for (const auto* file : found.volumes[1]->root->allFiles())
+        EXPECT_EQ(
+            file->recoverability, file->name == "hel" ? Recoverability::good : Recoverability::poor)
+            << chance(*file);
 }
