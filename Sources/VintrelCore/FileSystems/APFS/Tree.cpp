@@ -120,6 +120,26 @@ void APFSFileTree::addInUse(const APFSFileRecords& live)
                 { extent.block, extent.block + unitsFor(extent.length, blocks.blockSize()) });
 }
 
+/// Whether a deleted file lay in other blocks than the one that has its name now: programs that
+/// save write a new file and give it the name of the old one.
+bool APFSFileTree::hasOtherBlocks(const APFSFileRecords& old, const Inode& inode,
+    const APFSFileRecords& live, std::uint64_t liveID)
+{
+    const auto* replacement = live.inode(liveID);
+    if (inode.isFolder() || (replacement != nullptr && replacement->isFolder()))
+        return false;
+    const auto now = replacement != nullptr ? live.extentsOf(replacement->privateID)
+                                            : std::span<const APFSFileRecords::Extent>();
+    const auto isShared = [&](const APFSFileRecords::Extent& extent) {
+        const auto same
+            = std::ranges::lower_bound(now, extent.logical, {}, &APFSFileRecords::Extent::logical);
+        return extent.block == 0
+            || (same != now.end() && same->logical == extent.logical
+                && same->block == extent.block);
+    };
+    return !std::ranges::all_of(old.extentsOf(inode.privateID), isShared);
+}
+
 void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords& live)
 {
     std::vector<const Link*> byName;
@@ -144,7 +164,8 @@ void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords&
             // What was in a folder that was made anew hangs there.
             if (const auto folder = folders_.find((*same)->id); folder != folders_.end())
                 addFolder(id, *folder->second);
-            return;
+            if (inode == nullptr || !hasOtherBlocks(old, *inode, live, (*same)->id))
+                return;
         }
         added.push_back(
             { id, name.parent, makeNode(old, &live, inode, name, EntryStatus::deleted) });

@@ -24,8 +24,8 @@ public:
 
     /// Adds what exists. To be called once, and first.
     void addExisting(const APFSFileRecords& live);
-    /// Adds what older states of the tree list, and what exists lacks: its number, and a thing of
-    /// its name in its folder.
+    /// Adds what older states of the tree list, and what exists lacks: its number, and in its
+    /// folder a thing of its name or, of a file, of its name and blocks.
     void addDeleted(const APFSFileRecords& old, const APFSFileRecords& live);
     /// Adds files and folders that are not known yet to `orphans`, below copies of their folders
     /// where these are known.
@@ -58,6 +58,8 @@ private:
         std::span<const Link> links, States states);
     std::unique_ptr<FileNode> makeNode(const APFSFileRecords& records, const APFSFileRecords* live,
         const Inode* inode, const Link& link, EntryStatus status);
+    static bool hasOtherBlocks(const APFSFileRecords& old, const Inode& inode,
+        const APFSFileRecords& live, std::uint64_t liveID);
     void addInUse(const APFSFileRecords& live);
     void addFolder(std::uint64_t id, FileNode& node) { folders_.emplace(id, &node); }
     ParentLinks linksBetween(const std::vector<NewNode>& added) const;
