@@ -305,6 +305,14 @@ void APFSImage::commit(std::vector<Leaf> leaves, std::size_t volume)
     writeCheckpoint();
 }
 
+void APFSImage::deleteLastVolume()
+{
+    ++xid_;
+    volumes_.pop_back();
+    writeVolume(0);
+    writeCheckpoint();
+}
+
 void APFSImage::addNode(std::uint64_t oid, const std::vector<std::uint64_t>& blocks)
 {
     volumes_[0].namedNodes.push_back(oid);

@@ -67,6 +67,8 @@ public:
     /// block. Records are sorted within each leaf; the root folder's come by themselves. The other
     /// volumes stay as they are.
     void commit(std::vector<Leaf> leaves, std::size_t volume = 0);
+    /// Deletes the last volume in a new transaction, which only older checkpoints have then.
+    void deleteLastVolume();
     /// Lets the first volume's tree name a node, and its object map say that versions of it lie in
     /// these blocks, whatever is there.
     void addNode(std::uint64_t oid, const std::vector<std::uint64_t>& blocks);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <functional>
 #include <limits>
+#include <set>
 
 using namespace APFSFormat;
 
@@ -110,20 +111,41 @@ std::vector<Bytes> APFSCheckpoints::olderSuperblocks(std::uint64_t volumeOID)
     return found;
 }
 
-/// Where the volumes' superblocks lie that any checkpoint knows, newest first.
-std::vector<APFSObjectVersion> APFSCheckpoints::versionsOfVolumes()
+std::vector<ContainerSuperblock> APFSCheckpoints::states() const
 {
-    std::vector<APFSObjectVersion> versions;
-    APFSObjectMaps maps(blocks_);
+    std::vector<ContainerSuperblock> found;
     std::size_t count = 0;
     for (const auto& checkpoint : checkpoints_) {
         if (checkpoint.xid > xid_ || count++ > maxOlderCheckpoints)
             continue;
         const auto older = APFSSuperblock::decode(read(checkpoint));
         if (older.uuid == superblock_.uuid) // else it is of an earlier container in the same place
-            maps.forEachVersion(older.objectMapOID, checkpoint.xid,
-                [&](const APFSObjectVersion& version) { versions.push_back(version); });
+            found.push_back(older);
     }
+    return found;
+}
+
+std::vector<std::uint64_t> APFSCheckpoints::deletedVolumes() const
+{
+    std::vector<std::uint64_t> deleted;
+    std::set<std::uint64_t> known(
+        superblock_.fileSystemOIDs.begin(), superblock_.fileSystemOIDs.end());
+    known.insert(0); // an empty slot
+    for (const auto& older : states())
+        for (const std::uint64_t oid : older.fileSystemOIDs)
+            if (deleted.size() < maxVolumeSlots && known.insert(oid).second)
+                deleted.push_back(oid);
+    return deleted;
+}
+
+/// Where the volumes' superblocks lie that any checkpoint knows, newest first.
+std::vector<APFSObjectVersion> APFSCheckpoints::versionsOfVolumes()
+{
+    std::vector<APFSObjectVersion> versions;
+    APFSObjectMaps maps(blocks_);
+    for (const auto& older : states())
+        maps.forEachVersion(older.objectMapOID, older.object.xid,
+            [&](const APFSObjectVersion& version) { versions.push_back(version); });
     std::ranges::stable_sort(versions, std::ranges::greater {}, &APFSObjectVersion::xid);
     return versions;
 }

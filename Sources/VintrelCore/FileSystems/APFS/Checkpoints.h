@@ -33,6 +33,8 @@ public:
     /// What the user should know, in Danish.
     const std::vector<std::string>& notes() const { return notes_; }
 
+    /// The oids of volumes that older checkpoints have and this one has not.
+    std::vector<std::uint64_t> deletedVolumes() const;
     /// The superblocks that older checkpoints have of a volume, newest first.
     std::vector<Bytes> olderSuperblocks(std::uint64_t volumeOID);
 
@@ -42,6 +44,8 @@ private:
     void findInDescriptorArea();
     void chooseUsable();
     Bytes read(const Checkpoint& checkpoint) const;
+    /// The superblocks of the newest checkpoints of this container up to the one that is read.
+    std::vector<APFSFormat::ContainerSuperblock> states() const;
     std::vector<APFSObjectVersion> versionsOfVolumes();
 
     APFSBlockReader& blocks_;

@@ -37,6 +37,10 @@ VolumeList APFSContainer::volumes(const std::string& origin, WorkProgress* progr
         if (auto found = volume(superblock.fileSystemOIDs[slot], origin, progress))
             volumes.push_back(std::move(found));
     }
+    for (const auto& deleted : APFSVolumeSuperblock::findDeleted(state_->checkpoints()))
+        if (!isCancelled(progress))
+            volumes.push_back(APFSVolumeReader::read(
+                state_, deleted, origin + ", slettet APFS-volumen", progress));
     if (const auto note = state_->chances().judgeWaiting(superblock))
         for (const auto& volume : volumes)
             volume->notes.push_back(*note);

@@ -87,15 +87,14 @@ std::vector<APFSFileRecords::Link> APFSFileTree::namesOf(
     return names;
 }
 
-void APFSFileTree::addExisting(const APFSFileRecords& live)
+void APFSFileTree::addTree(const APFSFileRecords& live, EntryStatus status)
 {
     std::vector<NewNode> added;
     std::vector<APFSKnownObjects::Object> found;
     forEachObject(live, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
         found.push_back({ id, inode != nullptr ? inode->created : 0 });
         for (const auto& link : namesOf(live, inode, links, States::one)) {
-            added.push_back(
-                { id, link.parent, makeNode(live, nullptr, inode, link, EntryStatus::existing) });
+            added.push_back({ id, link.parent, makeNode(live, nullptr, inode, link, status) });
             if (added.back().node->isDirectory()) { // has one name
                 addFolder(id, *added.back().node);
                 break;
@@ -103,7 +102,8 @@ void APFSFileTree::addExisting(const APFSFileRecords& live)
         }
     });
     known_.add(found);
-    addInUse(live);
+    if (status == EntryStatus::existing)
+        addInUse(live);
     hang(std::move(added));
     if (const auto* inode = live.inode(rootFolderID)) {
         root_.created = TimeConversion::fromAPFS(inode->created);

@@ -22,8 +22,9 @@ public:
     /// `known`: takes the objects that are listed. None of the three may die before the tree.
     APFSFileTree(APFSContainerState& state, APFSKnownObjects& known, FileNode& root);
 
-    /// Adds what exists. To be called once, and first.
-    void addExisting(const APFSFileRecords& live);
+    /// Adds the newest state of the tree: what exists or, of a deleted volume, what existed last.
+    /// To be called once, and first.
+    void addTree(const APFSFileRecords& live, EntryStatus status);
     /// Adds what older states of the tree list, and what exists lacks: its number, and in its
     /// folder a thing of its name or, of a file, of its name and blocks.
     void addDeleted(const APFSFileRecords& old, const APFSFileRecords& live);

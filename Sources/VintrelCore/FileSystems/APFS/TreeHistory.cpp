@@ -126,7 +126,7 @@ APFSTreeHistory::LiveLeaves APFSTreeHistory::findLiveLeaves(std::uint64_t rootOI
         isCut = isCut || !isLive;
         if (!block || (!isLive && level == 0))
             continue;
-        state_.chances().addInUse({ *block, *block + 1 });
+        found.indexBlocks.push_back(*block);
         if (level == 0) {
             found.leaves.push_back({ *block, oid });
             continue;

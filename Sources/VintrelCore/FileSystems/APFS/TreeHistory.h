@@ -26,7 +26,8 @@ public:
     /// The leaves of the live tree, by their place on the disk.
     struct LiveLeaves {
         std::vector<Leaf> leaves;
-        bool isDamaged = false; ///< nodes could not be read in their newest version
+        std::vector<std::uint64_t> indexBlocks; ///< of the nodes that lead to them
+        bool isDamaged = false;                 ///< nodes could not be read in their newest version
         /// Numbers of leaves that the index names and of which no newest version can be read.
         std::unordered_set<std::uint64_t> lost;
     };
@@ -43,7 +44,7 @@ public:
         std::uint64_t volumeOID);
 
     /// The leaves that the index leads to from the root. Of a damaged tree also those that the
-    /// object map alone still knows. Tells which blocks the tree's index uses.
+    /// object map alone still knows.
     LiveLeaves findLiveLeaves(std::uint64_t rootOID);
     /// The keys of leaves that are lost, by the index as far as it can be read. `lost`: their
     /// numbers.

@@ -104,6 +104,7 @@ std::unique_ptr<Volume> APFSVolumeReader::read(std::shared_ptr<APFSContainerStat
         volume->notes.emplace_back("Volumen har snapshots. De vises ikke for sig.");
     std::unique_ptr<APFSVolumeReader> reader(
         new APFSVolumeReader(std::move(state), stored, superblock.oid, *volume->root));
+    reader->status_ = superblock.isDeleted ? EntryStatus::deleted : EntryStatus::existing;
     reader->readTrees(*volume, stored, progress);
     volume->deepContext = std::move(reader);
     return volume;
@@ -124,7 +125,7 @@ void APFSVolumeReader::readTrees(
     APFSTreeHistory history(*state_, superblock, identity_.volumeOID);
     noteUnreadable("volumens objektkort", " Filer kan mangle.");
     auto live = readLive(history, superblock.rootTreeOID, progress);
-    tree_->addExisting(live.records);
+    tree_->addTree(live.records, status_);
     if (live.records.inodes().empty() && !isCancelled(progress))
         volume.notes.emplace_back("Filtræet kunne ikke læses.");
     else if (live.isDamaged)
@@ -144,6 +145,9 @@ APFSVolumeReader::LiveRecords APFSVolumeReader::readLive(
     APFSTreeHistory& history, std::uint64_t rootOID, WorkProgress* progress)
 {
     auto found = history.findLiveLeaves(rootOID);
+    if (status_ == EntryStatus::existing)
+        for (const auto block : found.indexBlocks)
+            state_->chances().addInUse({ block, block + 1 });
     LiveRecords live { .records = {}, .isDamaged = found.isDamaged };
     CancelCheck check(progress);
     Bytes node;
@@ -157,7 +161,8 @@ APFSVolumeReader::LiveRecords APFSVolumeReader::readLive(
             found.lost.insert(leaf.oid);
             continue;
         }
-        state_->chances().addInUse({ leaf.block, leaf.block + 1 });
+        if (status_ == EntryStatus::existing)
+            state_->chances().addInUse({ leaf.block, leaf.block + 1 });
         if (isLeaf(node))
             addLeaf(live.records, leaf.block, node, false, Objects::all);
     }
@@ -280,7 +285,7 @@ void APFSVolumeReader::readGroup(
     APFSFileRecords live;
     tree.fill(all, live);
     live.sort();
-    tree_->addExisting(live);
+    tree_->addTree(live, status_);
     APFSFileRecords old;
     forEachLoose(leafOffsets, progress, [&](std::uint64_t block, ByteView node) {
         addLeaf(old, block, node, false, Objects::unknown);
@@ -317,7 +322,7 @@ void APFSVolumeReader::fillFromLoose(
     volume.root->removeAllChildren();
     identity_.objects = {};
     tree_.emplace(*state_, identity_.objects, *volume.root);
-    tree_->addExisting(damaged_->live);
+    tree_->addTree(damaged_->live, status_);
     tree_->addDeleted(damaged_->old, damaged_->live);
     volume.root->sortChildren();
 }

@@ -118,9 +118,10 @@ private:
     void addLeaf(APFSFileRecords& records, std::uint64_t block, ByteView node,
         bool isHeldBySnapshot, Objects objects);
 
-    APFSLeafLedger::Identity& identity_; // the ledger's, which is part of the state
-    std::optional<APFSFileTree> tree_;   // never none
-    bool hasAllLeaves_ = false;          // it was given its leaves; no others are sought
-    APFSKeyRanges lostKeys_;             // of the live tree: in no leaf that was found
-    std::optional<DamagedTree> damaged_; // none: no keys are lost
+    APFSLeafLedger::Identity& identity_;         // the ledger's, which is part of the state
+    std::optional<APFSFileTree> tree_;           // never none
+    EntryStatus status_ = EntryStatus::existing; // of what the newest state of the tree has
+    bool hasAllLeaves_ = false;                  // it was given its leaves; no others are sought
+    APFSKeyRanges lostKeys_;                     // of the live tree: in no leaf that was found
+    std::optional<DamagedTree> damaged_;         // none: no keys are lost
 };

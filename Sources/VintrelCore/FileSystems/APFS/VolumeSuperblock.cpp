@@ -29,13 +29,26 @@ std::optional<APFSVolumeSuperblock> APFSVolumeSuperblock::find(
     if (mapped == map.end() || !blocks.read(mapped->second, block))
         block.clear();
     if (isSound(block))
-        return APFSVolumeSuperblock { decode(block), oid };
+        return APFSVolumeSuperblock { .stored = decode(block), .oid = oid };
     if (const auto older = checkpoints.olderSuperblocks(oid); !older.empty())
-        return APFSVolumeSuperblock { decode(older.front()), oid, Trust::sound,
-            "Volumens nyeste superblok er beskadiget. En ældre er brugt i stedet." };
+        return APFSVolumeSuperblock { .stored = decode(older.front()),
+            .oid = oid,
+            .note = "Volumens nyeste superblok er beskadiget. En ældre er brugt i stedet." };
     if (isVolumeSuperblock(decode(block)))
-        return APFSVolumeSuperblock { decode(block), oid, Trust::damaged,
-            "Volumens superblok har forkert kontrolsum." };
-    return APFSVolumeSuperblock { {}, oid, Trust::lost,
-        "Volumens superblok er tabt. Volumens filer kan ikke læses uden den." };
+        return APFSVolumeSuperblock { .stored = decode(block),
+            .oid = oid,
+            .trust = Trust::damaged,
+            .note = "Volumens superblok har forkert kontrolsum." };
+    return APFSVolumeSuperblock { .oid = oid,
+        .trust = Trust::lost,
+        .note = "Volumens superblok er tabt. Volumens filer kan ikke læses uden den." };
+}
+
+std::vector<APFSVolumeSuperblock> APFSVolumeSuperblock::findDeleted(APFSCheckpoints& checkpoints)
+{
+    std::vector<APFSVolumeSuperblock> found;
+    for (const auto oid : checkpoints.deletedVolumes())
+        if (const auto versions = checkpoints.olderSuperblocks(oid); !versions.empty())
+            found.push_back({ .stored = decode(versions.front()), .oid = oid, .isDeleted = true });
+    return found;
 }

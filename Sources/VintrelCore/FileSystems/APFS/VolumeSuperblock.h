@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 /// A volume's superblock: the one of its versions by which the volume is read.
 struct APFSVolumeSuperblock {
@@ -18,6 +19,7 @@ struct APFSVolumeSuperblock {
 
     APFSFormat::VolumeSuperblock stored {};
     std::uint64_t oid = 0;
+    bool isDeleted = false; ///< the container has the volume no more
     Trust trust = Trust::sound;
     std::string_view note {}; ///< what the user should know of the choice, in Danish; or empty
 
@@ -28,4 +30,6 @@ struct APFSVolumeSuperblock {
     /// it. None where no volume can be told of: for oid 0, and when no object map can be read.
     static std::optional<APFSVolumeSuperblock> find(
         APFSBlockReader& blocks, APFSCheckpoints& checkpoints, std::uint64_t oid);
+    /// The newest sound superblocks of volumes that only older checkpoints have.
+    static std::vector<APFSVolumeSuperblock> findDeleted(APFSCheckpoints& checkpoints);
 };

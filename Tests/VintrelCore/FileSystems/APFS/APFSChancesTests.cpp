@@ -105,6 +105,33 @@ TEST(APFSChances, AFileThatWasReplacedByOneOfItsNameIsListedBesideIt)
     EXPECT_EQ(chance(*files[1]), "God");
 }
 
+TEST(APFSChances, ADeletedVolumeIsListedByAnOlderCheckpoint)
+{
+    APFSImage image({ .volumes = 2 });
+    const auto content = patternBytes(blockSize);
+    const auto whole = image.store(content);
+    const auto reused = image.store(content);
+    image.commit({ image.file({ .id = 20, .parent = 2, .name = "bliver" }) });
+    image.commit(
+        { image.folder(16, 2, "mappe")
+            + image.file({ .id = 21, .parent = 16, .name = "hel", .size = blockSize }, whole)
+            + image.file({ .id = 22, .parent = 16, .name = "væk", .size = blockSize }, reused) },
+        1);
+    image.setFree(whole);
+    image.deleteLastVolume();
+    auto source = image.source();
+    auto volumes = APFSParser::parse(*source, 0, "prøve", nullptr);
+    ASSERT_EQ(volumes.size(), 2u);
+    EXPECT_EQ(volumes[0]->origin, "prøve");
+    EXPECT_EQ(volumes[1]->origin, "prøve, slettet APFS-volumen");
+    const Parsed deleted { std::move(source), std::move(volumes[1]) };
+    EXPECT_EQ(deleted.names(), " /mappe /mappe/hel /mappe/væk");
+    EXPECT_EQ(deleted.volume->root->totals().deleted, 2u);
+    EXPECT_EQ(deleted.content("/mappe/hel"), content);
+    EXPECT_EQ(chance(deleted["/mappe/hel"]), "God");
+    EXPECT_EQ(chance(deleted["/mappe/væk"]), "Ringe: Blokkene er genbrugt af andre filer");
+}
+
 TEST(APFSChances, OfDeletedFilesInTheSameBlocksTheLastOneHasThem)
 {
     const std::string first = "Ringe: Begyndelsen er genbrugt af en anden slettet fil";
