@@ -299,10 +299,25 @@ void APFSImage::commit(std::vector<Leaf> leaves, std::size_t volume)
         index = above;
     }
     const auto root = rootOID + volume * oidsPerVolume;
+    if (nodes.contains(root) && options_.snapshots != 0)
+        heldNodes.emplace(root, nodes.at(root));
     nodes[root] = { allocate(), xid_, {} };
     writeNode(nodes[root].block, root, 0, { .level = level, .isRoot = true }, index);
     writeVolume(volume);
     writeCheckpoint();
+}
+
+void APFSImage::takeSnapshot(const std::string& name)
+{
+    const auto kept = allocate();
+    const auto superblock
+        = ByteView(bytes_).sub(static_cast<std::int64_t>(offsetOf(volumes_[0].superblock)),
+            static_cast<std::int64_t>(options_.blockBytes));
+    write(offsetOf(kept), Bytes(superblock.span().begin(), superblock.span().end()));
+    put(kept, { { 128, 0, 8 } }); // the volume's own object map counts
+    sign(kept);
+    snapshots_.push_back(
+        { key(xid_, 1).bytes, Fields().add(0, 8).add(kept, 8).zeros(32).name(name).bytes });
 }
 
 void APFSImage::deleteLastVolume()
@@ -328,12 +343,18 @@ void APFSImage::writeVolume(std::size_t volume)
     const auto map = writeObjectMap(objects);
     const auto block = state.superblock = allocate();
     state.xid = xid_;
+    std::uint64_t snapshotTree = 0;
+    if (!snapshots_.empty()) {
+        snapshotTree = allocate();
+        writeNode(
+            snapshotTree, snapshotTree, physical, { .subtype = 16, .isRoot = true }, snapshots_);
+    }
     header(block, oidOf(volume), 13);
     write(offsetOf(block) + 32, bytesOf("APSB"));
     put(block,
         { { 56, options_.isHashed ? 1u : 0u, 8 }, { 116, 2, 4 }, { 128, map, 8 },
-            { 136, rootOID + volume * oidsPerVolume, 8 }, { 176, 5000, 8 },
-            { 216, options_.snapshots, 8 }, { 240, 77 + options_.generation, 8 },
+            { 136, rootOID + volume * oidsPerVolume, 8 }, { 152, snapshotTree, 8 },
+            { 176, 5000, 8 }, { 216, options_.snapshots, 8 }, { 240, 77 + options_.generation, 8 },
             { 264, options_.flags, 8 } });
     write(offsetOf(block) + 704, bytesOf(options_.name));
     put(block, { { 964, options_.role, 2 } });

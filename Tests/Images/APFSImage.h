@@ -67,6 +67,9 @@ public:
     /// block. Records are sorted within each leaf; the root folder's come by themselves. The other
     /// volumes stay as they are.
     void commit(std::vector<Leaf> leaves, std::size_t volume = 0);
+    /// Makes a snapshot of the first volume as it is now. The next commit lists it; the volume
+    /// keeps all versions of its nodes when the options say that it has snapshots.
+    void takeSnapshot(const std::string& name);
     /// Deletes the last volume in a new transaction, which only older checkpoints have then.
     void deleteLastVolume();
     /// Lets the first volume's tree name a node, and its object map say that versions of it lie in
@@ -146,6 +149,7 @@ private:
     Options options_;
     std::uint64_t xid_ = 0;
     std::uint64_t nextFree_;
+    Leaf snapshots_; // records of the tree that lists them
     std::uint64_t superblock_ = 0, containerMap_ = 0;
     std::vector<bool> allocated_;
     std::vector<VolumeState> volumes_;

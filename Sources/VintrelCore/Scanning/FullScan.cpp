@@ -31,7 +31,13 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, finds, progress))
         volume->root->add(std::move(folder));
     const std::span all(volumes);
-    Overlay::judge(source, all.first(knownCount), all.subspan(knownCount));
+    const auto known = all.first(knownCount);
+    Overlay::judge(source, known, all.subspan(knownCount));
+    auto snapshots = DeepScanner::snapshots(source, known, progress);
+    auto ofLost = DeepScanner::snapshots(source, all.subspan(knownCount), progress);
+    Overlay::judge(source, known, ofLost);
+    for (auto* more : { &snapshots, &ofLost })
+        std::ranges::move(*more, std::back_inserter(volumes));
     if (!finds.carved.empty())
         volumes.push_back(DeepScanner::carvedVolume(source, finds.carved));
     return volumes;

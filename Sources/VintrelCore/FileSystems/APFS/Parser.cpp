@@ -84,6 +84,13 @@ std::unique_ptr<FileNode> lostFiles(DiskSource& source, Volume& volume,
         : nullptr;
 }
 
+VolumeList snapshots(DiskSource& source, Volume& volume, WorkProgress* progress)
+{
+    auto* reader = dynamic_cast<APFSVolumeReader*>(volume.deepContext.get());
+    return reader != nullptr && reader->isOn(source) ? reader->snapshots(volume, progress)
+                                                     : VolumeList {};
+}
+
 bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)
 {
     const auto* context = dynamic_cast<const APFSVolumeContext*>(volume.deepContext.get());

@@ -70,5 +70,6 @@ const FileSystemReader apfsReader {
     .findVolumes = findVolumes,
     .rebuildVolumes = APFSRebuild::rebuildVolumes,
     .findLostFolders = findLostFolders,
+    .findSnapshots = APFSParser::snapshots,
     .addUsedRanges = APFSParser::addUsedRanges,
 };

@@ -218,7 +218,8 @@ struct VolumeSuperblock {
     std::array<std::uint8_t, 64> counts;     //   64
     LE64 objectMapOID;                       //  128
     LE64 rootTreeOID;                        //  136  virtual
-    std::array<std::uint8_t, 32> trees;      //  144
+    LE64 extentTreeOID, snapshotTreeOID;     //  144, 152  physical
+    LE64 revertXID, revertSuperblock;        //  160, 168
     LE64 nextObjectID;                       //  176
     std::array<std::uint8_t, 32> fileCounts; //  184
     LE64 snapshotCount;                      //  216
@@ -263,6 +264,7 @@ constexpr std::uint64_t objectIDMask = 0x0FFF'FFFF'FFFF'FFFF;
 constexpr int recordKindShift = 60;
 
 namespace RecordKind {
+constexpr std::uint64_t snapshot = 1; ///< in the tree of snapshots
 constexpr std::uint64_t inode = 3;
 constexpr std::uint64_t attribute = 4;
 constexpr std::uint64_t siblingLink = 5;
@@ -386,6 +388,17 @@ struct AttributeValue {
     LE16 flags, length; // 0, 2  the content, or where it is, follows
 };
 static_assert(sizeof(AttributeValue) == 4);
+
+/// The value of a snapshot's record, j_snap_metadata_val_t; the name follows. The number in the
+/// record's key is the transaction.
+struct SnapshotValue {
+    LE64 extentTree, superblock; //  0, 8  blocks
+    LE64 created, changed;       // 16, 24
+    LE64 inode;                  // 32
+    LE32 extentTreeType, flags;  // 40, 44
+    LE16 nameLength;             // 48
+};
+static_assert(sizeof(SnapshotValue) == 50);
 
 constexpr std::uint16_t embeddedFlag = 2; ///< of an attribute: the content follows
 

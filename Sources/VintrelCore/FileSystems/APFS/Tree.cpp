@@ -9,8 +9,24 @@
 
 #include <algorithm>
 #include <tuple>
+#include <unordered_set>
 
 using namespace APFSFormat;
+
+APFSSameFiles::APFSSameFiles(const FileNode& root)
+{
+    root.forEachDescendant([&](const FileNode& node, std::size_t) {
+        if (!node.isDirectory() && node.status == EntryStatus::existing)
+            files_.emplace(node.fsID, &node);
+    });
+}
+
+bool APFSSameFiles::contains(const FileNode& file) const
+{
+    const auto same = files_.find(file.fsID);
+    return same != files_.end() && same->second->size == file.size
+        && same->second->data == file.data;
+}
 
 std::string APFSFileTree::displayed(std::string_view stored)
 {
@@ -87,14 +103,16 @@ std::vector<APFSFileRecords::Link> APFSFileTree::namesOf(
     return names;
 }
 
-void APFSFileTree::addTree(const APFSFileRecords& live, EntryStatus status)
+/// The nodes of all objects, which have no folders yet.
+std::vector<APFSFileTree::NewNode> APFSFileTree::makeTree(
+    const APFSFileRecords& records, EntryStatus status)
 {
     std::vector<NewNode> added;
     std::vector<APFSKnownObjects::Object> found;
-    forEachObject(live, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
+    forEachObject(records, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
         found.push_back({ id, inode != nullptr ? inode->created : 0 });
-        for (const auto& link : namesOf(live, inode, links, States::one)) {
-            added.push_back({ id, link.parent, makeNode(live, nullptr, inode, link, status) });
+        for (const auto& link : namesOf(records, inode, links, States::one)) {
+            added.push_back({ id, link.parent, makeNode(records, nullptr, inode, link, status) });
             if (added.back().node->isDirectory()) { // has one name
                 addFolder(id, *added.back().node);
                 break;
@@ -102,6 +120,12 @@ void APFSFileTree::addTree(const APFSFileRecords& live, EntryStatus status)
         }
     });
     known_.add(found);
+    return added;
+}
+
+void APFSFileTree::addTree(const APFSFileRecords& live, EntryStatus status)
+{
+    auto added = makeTree(live, status);
     if (status == EntryStatus::existing)
         addInUse(live);
     hang(std::move(added));
@@ -109,6 +133,31 @@ void APFSFileTree::addTree(const APFSFileRecords& live, EntryStatus status)
         root_.created = TimeConversion::fromAPFS(inode->created);
         root_.modified = TimeConversion::fromAPFS(inode->modified);
     }
+}
+
+void APFSFileTree::addDifferent(const APFSFileRecords& records, const APFSSameFiles& living)
+{
+    auto added = makeTree(records, EntryStatus::existing);
+    std::unordered_map<std::uint64_t, std::uint64_t> parents; // of folders
+    for (const auto& file : added)
+        if (file.node->isDirectory())
+            parents.emplace(file.id, file.parent);
+    std::unordered_set<std::uint64_t> wanted; // folders
+    for (const auto& file : added) {
+        if (file.node->isDirectory() || living.contains(*file.node))
+            continue;
+        auto folder = file.parent;
+        while (wanted.insert(folder).second && parents.contains(folder))
+            folder = parents.at(folder);
+    }
+    std::erase_if(added, [&](const NewNode& file) {
+        const bool isWanted
+            = file.node->isDirectory() ? wanted.contains(file.id) : !living.contains(*file.node);
+        if (!isWanted && file.node->isDirectory())
+            folders_.erase(file.id);
+        return !isWanted;
+    });
+    hang(std::move(added));
 }
 
 void APFSFileTree::addInUse(const APFSFileRecords& live)

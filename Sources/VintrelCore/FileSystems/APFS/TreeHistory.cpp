@@ -32,10 +32,11 @@ bool precedes(const APFSObjectVersion& one, const APFSObjectVersion& other)
 
 } // namespace
 
-APFSTreeHistory::APFSTreeHistory(
-    APFSContainerState& state, const VolumeSuperblock& superblock, std::uint64_t volumeOID)
+APFSTreeHistory::APFSTreeHistory(APFSContainerState& state, const VolumeSuperblock& superblock,
+    std::uint64_t volumeOID, std::uint64_t xid)
     : state_(state)
     , volumeOID_(volumeOID)
+    , xid_(xid)
     , hasSnapshots_(superblock.snapshotCount != 0)
 {
     isLiveMapWhole_ = state_.volumeMaps().forEachVersion(superblock.objectMapOID,
@@ -59,7 +60,7 @@ void APFSTreeHistory::loadOlderMaps()
 /// The version of a node that the live tree has; none when it has none, or it is deleted.
 const APFSObjectVersion* APFSTreeHistory::liveVersion(std::uint64_t oid) const
 {
-    const Version newest { oid, state_.checkpoints().xid(), ~std::uint64_t { 0 } };
+    const Version newest { oid, xid_, ~std::uint64_t { 0 } };
     const auto behind = std::ranges::upper_bound(live_, newest, precedes);
     if (behind == live_.begin() || std::prev(behind)->oid != oid || std::prev(behind)->isDeleted)
         return nullptr;
@@ -74,7 +75,7 @@ bool APFSTreeHistory::readNode(std::uint64_t block, std::uint64_t oid, Bytes& no
     const auto type = typeOf(header.object);
     return (type == ObjectType::rootNode || type == ObjectType::node)
         && header.object.subtype == ObjectType::fileSystemTree && header.object.oid == oid
-        && header.object.xid <= state_.checkpoints().xid() && APFSParser::checksumOK(node);
+        && header.object.xid <= xid_ && APFSParser::checksumOK(node);
 }
 
 std::optional<std::uint64_t> APFSTreeHistory::readLiveVersion(std::uint64_t oid, Bytes& node)

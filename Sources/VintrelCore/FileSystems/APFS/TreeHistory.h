@@ -39,9 +39,10 @@ public:
         bool isIndexLost = false;
     };
 
-    /// Reads the newest object map of the volume with this superblock and oid.
+    /// Reads the newest object map of the volume with this superblock and oid. The live tree is
+    /// that of transaction `xid`, or of the one before it that changed it last.
     APFSTreeHistory(APFSContainerState& state, const APFSFormat::VolumeSuperblock& superblock,
-        std::uint64_t volumeOID);
+        std::uint64_t volumeOID, std::uint64_t xid);
 
     /// The leaves that the index leads to from the root. Of a damaged tree also those that the
     /// object map alone still knows.
@@ -78,6 +79,7 @@ private:
 
     APFSContainerState& state_;
     const std::uint64_t volumeOID_;
+    const std::uint64_t xid_;
     const bool hasSnapshots_;
     std::vector<Version> live_;  // of the newest object map, by oid and transaction
     std::vector<Version> older_; // of the maps before it

@@ -41,6 +41,8 @@ bool hasHashes(const VolumeSuperblock& superblock)
     return (superblock.incompatibleFeatures & ignoring) != 0;
 }
 
+constexpr const char* snapshotsNote = "Volumen har snapshots. De vises ikke for sig.";
+
 bool isLeaf(ByteView node) { return node.load<NodeHeader>(0)->level == 0; }
 
 std::uint64_t xidOf(ByteView node) { return node.load<ObjectHeader>(0)->xid; }
@@ -101,9 +103,10 @@ std::unique_ptr<Volume> APFSVolumeReader::read(std::shared_ptr<APFSContainerStat
         volume->notes.emplace_back("Volumen er forseglet (macOS' egne filer). Det, som kun "
                                    "forseglingen sikrer, læses ikke.");
     if (stored.snapshotCount != 0)
-        volume->notes.emplace_back("Volumen har snapshots. De vises ikke for sig.");
+        volume->notes.emplace_back(snapshotsNote);
     std::unique_ptr<APFSVolumeReader> reader(
         new APFSVolumeReader(std::move(state), stored, superblock.oid, *volume->root));
+    reader->stored_ = stored;
     reader->status_ = superblock.isDeleted ? EntryStatus::deleted : EntryStatus::existing;
     reader->readTrees(*volume, stored, progress);
     volume->deepContext = std::move(reader);
@@ -122,7 +125,7 @@ void APFSVolumeReader::readTrees(
                 + std::string(effect));
     };
     state_->blocks().takeUnreadable();
-    APFSTreeHistory history(*state_, superblock, identity_.volumeOID);
+    APFSTreeHistory history(*state_, superblock, identity_.volumeOID, state_->checkpoints().xid());
     noteUnreadable("volumens objektkort", " Filer kan mangle.");
     auto live = readLive(history, superblock.rootTreeOID, progress);
     tree_->addTree(live.records, status_);
@@ -270,6 +273,46 @@ std::unique_ptr<Volume> APFSVolumeReader::fromLeaves(std::shared_ptr<APFSContain
     reader->readGroup(*volume, leafOffsets, progress);
     volume->deepContext = std::move(reader);
     return volume->root->children().empty() ? nullptr : std::move(volume);
+}
+
+VolumeList APFSVolumeReader::snapshots(Volume& volume, WorkProgress* progress)
+{
+    VolumeList found;
+    if (stored_.snapshotCount == 0)
+        return found;
+    const APFSSameFiles living(*volume.root);
+    for (const auto& snapshot : APFSSnapshot::listOf(state_->blocks(), stored_)) {
+        if (isCancelled(progress))
+            break;
+        found.push_back(readSnapshot(volume, snapshot, living, progress));
+    }
+    if (!found.empty())
+        std::erase(volume.notes, snapshotsNote);
+    return found;
+}
+
+/// With a state of its own: the living volume has read most of the snapshot's nodes.
+std::unique_ptr<Volume> APFSVolumeReader::readSnapshot(const Volume& volume,
+    const APFSSnapshot& snapshot, const APFSSameFiles& living, WorkProgress* progress) const
+{
+    const auto& blocks = state_->blocks();
+    const auto state = std::make_shared<APFSContainerState>(
+        blocks.source(), blocks.base(), blocks.blockSize(), std::vector<APFSObjectVersion> {});
+    auto listed = describe(
+        *state, { .stored = snapshot.superblock, .oid = identity_.volumeOID }, "Snapshot");
+    listed->label = volume.label + ", " + APFSFileTree::displayed(snapshot.name);
+    listed->size = volume.size;
+    APFSVolumeReader reader(state, snapshot.superblock, identity_.volumeOID, *listed->root);
+    APFSTreeHistory history(*state, snapshot.superblock, identity_.volumeOID, snapshot.xid);
+    const auto records = reader.readLive(history, snapshot.superblock.rootTreeOID, progress);
+    reader.tree_->addDifferent(records.records, living);
+    if (records.isDamaged)
+        listed->notes.emplace_back(
+            "Dele af filtræet er beskadiget. Filer kan mangle eller stå i en ældre udgave.");
+    listed->root->sortChildren();
+    listed->deepContext
+        = std::make_unique<APFSVolumeContext>(state, identity_.volumeOID, snapshot.superblock.uuid);
+    return listed;
 }
 
 /// Takes the newest of the leaves for the tree, and what only others have for deleted.

@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/APFS/ContainerState.h"
 #include "VintrelCore/FileSystems/APFS/LeafLedger.h"
 #include "VintrelCore/FileSystems/APFS/Records.h"
+#include "VintrelCore/FileSystems/APFS/Snapshots.h"
 #include "VintrelCore/FileSystems/APFS/StandIns.h"
 #include "VintrelCore/FileSystems/APFS/Tree.h"
 #include "VintrelCore/FileSystems/APFS/TreeHistory.h"
@@ -80,6 +81,9 @@ public:
     std::unique_ptr<FileNode> lostFiles(
         Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
 
+    /// See APFSParser::snapshots.
+    VolumeList snapshots(Volume& volume, WorkProgress* progress);
+
 private:
     /// The records of the live tree.
     struct LiveRecords {
@@ -109,6 +113,8 @@ private:
     template <class Visit>
     void forEachLoose(
         std::span<const std::uint64_t> leafOffsets, WorkProgress* progress, Visit visit);
+    std::unique_ptr<Volume> readSnapshot(const Volume& volume, const APFSSnapshot& snapshot,
+        const APFSSameFiles& living, WorkProgress* progress) const;
     bool isOwnLeaf(ByteView leaf) const;
     void readGroup(
         Volume& volume, std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
@@ -120,6 +126,7 @@ private:
 
     APFSLeafLedger::Identity& identity_;         // the ledger's, which is part of the state
     std::optional<APFSFileTree> tree_;           // never none
+    APFSFormat::VolumeSuperblock stored_ {};     // zeros where it is not known
     EntryStatus status_ = EntryStatus::existing; // of what the newest state of the tree has
     bool hasAllLeaves_ = false;                  // it was given its leaves; no others are sought
     APFSKeyRanges lostKeys_;                     // of the live tree: in no leaf that was found

@@ -10,6 +10,7 @@
 namespace {
 
 constexpr std::uint64_t blockSize = APFSImage::blockSize;
+using Notes = std::vector<std::string>;
 const std::string older = "Filens nyeste poster er beskadiget; en ældre udgave af dem er brugt";
 
 /// A volume of which the first leaf has a folder's names and some inodes, and the others the rest.
@@ -202,4 +203,45 @@ TEST(APFSDamage, AnEarlierContainerBelowANewOneIsRebuilt)
         EXPECT_EQ(
             file->recoverability, file->name == "hel" ? Recoverability::good : Recoverability::poor)
             << chance(*file);
+}
+
+TEST(APFSDamage, ADeepScanListsSnapshotsWithTheFilesThatAreOthersNow)
+{
+    APFSImage image({ .snapshots = 2, .name = "DISK" });
+    const auto first = patternBytes(blockSize, 1);
+    const auto second = patternBytes(blockSize, 2);
+    const auto oldBlock = image.store(first);
+    const auto newBlock = image.store(second);
+    const auto file = [&](std::uint64_t id, const char* name, std::uint64_t block) {
+        return image.file({ .id = id, .parent = 16, .name = name, .size = blockSize }, block);
+    };
+    const auto folders = image.folder(16, 2, "mappe") + image.folder(17, 2, "tom");
+    image.commit({ folders, file(20, "samme", oldBlock) + file(21, "ændret", oldBlock), {} });
+    image.takeSnapshot("mandag");
+    image.commit({ folders, file(20, "samme", oldBlock) + file(21, "ændret", newBlock),
+        file(22, "kort", newBlock) });
+    image.takeSnapshot("tirsdag");
+    image.commit({ folders, file(20, "samme", oldBlock) + file(21, "ændret", newBlock), {} });
+    const Notes told { "Volumen har snapshots. De vises ikke for sig." };
+    EXPECT_EQ(parse(image).volume->notes, told);
+    const Found found(image.bytes());
+    ASSERT_EQ(found.volumes.size(), 3u);
+    EXPECT_TRUE(found.volumes[0]->notes.empty());
+    const struct {
+        const char* title;
+        const char* path;
+        Bytes content;
+    } rows[] = { { "DISK, mandag (APFS)", "/mappe/ændret", first },
+        { "DISK, tirsdag (APFS)", "/mappe/kort", second } };
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+        const auto& volume = *found.volumes[i + 1];
+        EXPECT_EQ(volume.title(), rows[i].title);
+        EXPECT_EQ(volume.origin, "Snapshot");
+        ASSERT_EQ(volume.root->allFiles().size(), 1u);
+        const auto& only = *volume.root->allFiles()[0];
+        EXPECT_EQ(only.path(), rows[i].path);
+        EXPECT_EQ(chance(only), "God");
+        const auto source = image.source();
+        EXPECT_EQ(FileReader::readPrefix(only, *source, blockSize), rows[i].content);
+    }
 }
