@@ -125,6 +125,13 @@ APFSImage::Record APFSImage::attribute(
         Fields().add(2, 2).add(content.size(), 2).add(content).bytes };
 }
 
+APFSImage::Record APFSImage::attributeStream(
+    std::uint64_t id, const std::string& name, std::uint64_t owner, std::uint64_t size)
+{
+    return { key(id, 4).name(name).bytes,
+        Fields().add(1, 2).add(48, 2).add(owner, 8).add(size, 8).zeros(32).bytes };
+}
+
 APFSImage::Leaf APFSImage::file(const Inode& file, std::uint64_t block) const
 {
     Leaf leaf { entry(file.parent, file.name, file.id), inode(file) };

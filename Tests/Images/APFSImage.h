@@ -56,6 +56,9 @@ public:
     static Record sibling(
         std::uint64_t id, std::uint64_t siblingID, std::uint64_t parent, const std::string& name);
     static Record attribute(std::uint64_t id, const std::string& name, std::string_view content);
+    /// An attribute whose content lies in the extents of `owner`.
+    static Record attributeStream(
+        std::uint64_t id, const std::string& name, std::uint64_t owner, std::uint64_t size);
     /// The records of a file in one piece, or of a folder, and of its name.
     Leaf file(const Inode& inode, std::uint64_t block = 0) const;
     Leaf folder(std::uint64_t id, std::uint64_t parent, const std::string& name) const;

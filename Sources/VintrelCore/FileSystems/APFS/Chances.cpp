@@ -75,7 +75,8 @@ bool APFSChances::addUsedRanges(
 
 Doubts APFSChances::doubtsOf(const FileNode& node)
 {
-    const auto use = useOf(std::get<ExtentList>(node.data));
+    const auto* extents = extentsOf(node.data);
+    const auto use = extents != nullptr ? useOf(*extents) : ClusterUse {};
     const auto doubts = ::doubtsOf(use, appleReuse);
     if (!doubts.has(Doubt::unknownAllocation))
         return doubts;

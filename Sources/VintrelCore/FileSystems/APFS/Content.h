@@ -36,8 +36,11 @@ private:
 
     void fillSymlink(
         FileNode& node, const APFSFileRecords& records, const APFSFileRecords::Inode& inode);
-    void fillExtents(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
+    void fillCompressed(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
         const APFSFileRecords::Inode& inode);
+    /// `owner`: of the extents, the file itself or its resource fork.
+    void fillExtents(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
+        const APFSFileRecords::Inode& inode, std::uint64_t owner);
     void claim(FileNode& node, std::span<const APFSFileRecords::Extent> stored,
         const APFSFileRecords::Inode& inode);
     Layout layOut(std::span<const APFSFileRecords::Extent> stored, std::uint64_t size,

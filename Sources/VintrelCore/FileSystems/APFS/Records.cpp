@@ -1,6 +1,7 @@
 #include "VintrelCore/FileSystems/APFS/Records.h"
 
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
+#include "VintrelCore/Foundation/Decmpfs.h"
 
 #include <algorithm>
 #include <tuple>
@@ -59,11 +60,12 @@ bool APFSFileRecords::Inode::isFolder() const { return (mode & modeMask) == fold
 
 bool APFSFileRecords::Inode::isSymlink() const { return (mode & modeMask) == symlinkMode; }
 
-APFSFileRecords::Text APFSFileRecords::keep(ByteView bytes)
+APFSFileRecords::Text APFSFileRecords::keep(ByteView text) { return keepBytes(untilZero(text)); }
+
+APFSFileRecords::Text APFSFileRecords::keepBytes(ByteView bytes)
 {
-    const auto text = untilZero(bytes).span();
-    const Text kept { texts_.size(), static_cast<std::uint16_t>(text.size()) };
-    texts_.append(text.begin(), text.end());
+    const Text kept { texts_.size(), static_cast<std::uint16_t>(bytes.size()) };
+    texts_.append(bytes.span().begin(), bytes.span().end());
     return kept;
 }
 
@@ -195,16 +197,21 @@ void APFSFileRecords::addAttribute(std::uint64_t id, ByteView key, ByteView valu
         return name.size() == text.size() + 1 && name.matches(text, 0);
     };
     Attribute attribute { id, leaf, {}, 0, {} };
+    const auto stream = (head->flags & streamFlag) != 0
+        ? value.load<AttributeStream>(sizeof(AttributeValue)).value_or(AttributeStream {})
+        : AttributeStream {};
+    attribute.streamID = stream.owner;
     if (is("com.apple.fs.symlink")) {
         attribute.kind = Attribute::Kind::symlink;
-        attribute.target = keep(content);
+        attribute.content = keep(content);
     } else if (is("com.apple.decmpfs")) {
         attribute.kind = Attribute::Kind::compression;
-        const auto header = content.load<CompressionHeader>(0);
-        if (header && header->magic == compressionMagic)
-            attribute.size = header->uncompressedSize;
+        attribute.size = Decmpfs::sizeIn(content).value_or(0);
+        attribute.content = keepBytes(content);
     } else if (is("com.apple.ResourceFork")) {
         attribute.kind = Attribute::Kind::resourceFork;
+        attribute.size = attribute.streamID != 0 ? std::uint64_t { stream.size } : content.size();
+        attribute.content = keepBytes(content);
     } else {
         return;
     }
@@ -229,8 +236,8 @@ void APFSFileRecords::sort()
             < std::tuple(other.owner, other.logical, one.leaf.xid, other.block);
     });
     std::ranges::sort(attributes_, [](const Attribute& one, const Attribute& other) {
-        return std::tuple(one.id, one.kind, other.leaf.xid, one.target.at)
-            < std::tuple(other.id, other.kind, one.leaf.xid, other.target.at);
+        return std::tuple(one.id, one.kind, other.leaf.xid, one.content.at)
+            < std::tuple(other.id, other.kind, one.leaf.xid, other.content.at);
     });
     const auto sameAttribute = [](const Attribute& one, const Attribute& other) {
         return one.id == other.id && one.kind == other.kind;

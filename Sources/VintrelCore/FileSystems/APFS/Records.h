@@ -77,8 +77,9 @@ public:
         std::uint64_t id = 0;
         LeafVersion leaf;
         Kind kind {};
-        std::uint64_t size = 0; ///< of the file, without compression
-        Text target;            ///< of the link
+        std::uint64_t size = 0;     ///< of the file without compression, or of the fork
+        Text content;               ///< the link's target, or as it is stored in the record
+        std::uint64_t streamID = 0; ///< the owner of the extents that have it; 0: the record has it
     };
 
     /// Adds the records of a leaf that are wanted, all of them without `isWanted`.
@@ -106,7 +107,8 @@ public:
     }
 
 private:
-    Text keep(ByteView bytes);
+    Text keep(ByteView text);
+    Text keepBytes(ByteView bytes);
     void addRecord(ByteView key, ByteView value, bool isHashed, LeafVersion leaf);
     void addInode(std::uint64_t id, ByteView value, LeafVersion leaf);
     void addExtendedFields(Inode& inode, ByteView value);

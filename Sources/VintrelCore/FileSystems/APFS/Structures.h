@@ -402,13 +402,12 @@ static_assert(sizeof(SnapshotValue) == 50);
 
 constexpr std::uint16_t embeddedFlag = 2; ///< of an attribute: the content follows
 
-/// The head of the attribute of a compressed file. The reference leaves it out: it is the
-/// decmpfs_disk_header of macOS.
-struct CompressionHeader {
-    LE32 magic, type;      // 0, 4
-    LE64 uncompressedSize; // 8
+constexpr std::uint16_t streamFlag = 1; ///< of an attribute: an `AttributeStream` follows
+
+/// j_xattr_dstream_t, as far as it is used.
+struct AttributeStream {
+    LE64 owner, size; // 0, 8  the extents' owner, and bytes
 };
-static_assert(sizeof(CompressionHeader) == 16);
-constexpr std::uint32_t compressionMagic = 0x636D7066;
+static_assert(sizeof(AttributeStream) == 16);
 
 } // namespace APFSFormat
