@@ -149,11 +149,19 @@ std::vector<APFSLooseGroups::Group> APFSLooseGroups::take()
     for (auto& part : joinedParts()) {
         Part* best = nullptr;
         auto bestAgreement = conflict;
-        for (auto& group : groups)
-            if (const auto found = agreement(group, part); found > bestAgreement) {
+        bool isTied = false;
+        for (auto& group : groups) {
+            const auto found = agreement(group, part);
+            isTied = found == bestAgreement ? isTied || best != nullptr
+                                            : isTied && found < bestAgreement;
+            if (found > bestAgreement) {
                 best = &group;
                 bestAgreement = found;
             }
+        }
+        // What can be of several volumes would give one of them the content of another.
+        if (isTied && part.created.empty())
+            continue;
         if (best != nullptr)
             merge(*best, std::move(part));
         else if (groups.size() < maxGroups)

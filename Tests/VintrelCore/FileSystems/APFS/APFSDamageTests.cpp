@@ -177,6 +177,29 @@ TEST(APFSDamage, AContainerWithoutSuperblocksIsRebuilt)
     }
 }
 
+TEST(APFSDamage, ALeafThatCanBeOfTwoVolumesGivesNeitherItsContent)
+{
+    APFSImage image({ .volumes = 2 });
+    for (std::uint64_t volume = 0; volume < 2; ++volume) {
+        const auto content = patternBytes(blockSize, static_cast<std::uint32_t>(volume));
+        const auto file = image.file(
+            { .id = 20, .parent = 2, .name = "fil", .size = blockSize, .created = 5 + volume });
+        image.commit(
+            { file, { APFSImage::extent(20, 0, blockSize, image.store(content)) } }, volume);
+    }
+    for (std::uint64_t block = 0; block < 300; ++block) // nothing is left but leaves
+        if (!APFSParser::looksLikeFSTreeLeaf(
+                ByteView(image.bytes())
+                    .sub(static_cast<std::int64_t>(image.offsetOf(block)), blockSize)))
+            breakChecksum(image, block);
+    erase(image.bytes(), 0, blockSize);
+    const Found found(image.bytes());
+    ASSERT_EQ(found.volumes.size(), 2u);
+    for (const auto& volume : found.volumes)
+        EXPECT_EQ(chance(*volume->root->allFiles().at(0)).substr(0, 32),
+            "Ringe: Filens blokke kendes ikke");
+}
+
 TEST(APFSDamage, AnEarlierContainerBelowANewOneIsRebuilt)
 {
     APFSImage before({ .blocks = 300, .name = "FØR" });
