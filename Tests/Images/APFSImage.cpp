@@ -394,7 +394,9 @@ void APFSImage::writeCheckpoint()
             byte = static_cast<std::uint8_t>(byte ^ 1 << block % 8);
     header(chunkInfoBlock, chunkInfoBlock, physical | 7);
     put(chunkInfoBlock,
-        { { 36, 1, 4 }, { 40, xid_, 8 }, { 56, options_.blocks, 4 }, { 64, bitmapBlock, 8 } });
+        { { 36, 1, 4 }, { 40, xid_, 8 }, { 56, options_.blocks, 4 },
+            { 60, static_cast<std::uint64_t>(std::ranges::count(allocated_, false)), 4 },
+            { 64, bitmapBlock, 8 } });
     sign(chunkInfoBlock);
 
     const auto addressBlock = options_.blocks - 1;

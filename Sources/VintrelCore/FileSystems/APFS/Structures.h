@@ -27,6 +27,7 @@ constexpr std::uint16_t node = 3;
 constexpr std::uint16_t spaceManager = 5;
 constexpr std::uint16_t chunkAddresses = 6;
 constexpr std::uint16_t chunkInfo = 7;
+constexpr std::uint16_t freeQueue = 9; ///< only as a subtype
 constexpr std::uint16_t objectMap = 11;
 constexpr std::uint16_t checkpointMap = 12;
 constexpr std::uint16_t volumeSuperblock = 13;

@@ -283,6 +283,42 @@ TEST(APFSChances, TheSpaceManagerFindsChunksByThemselvesAndByAddressBlocks)
     }
 }
 
+TEST(APFSChances, NothingIsCalledFreeByWhatIsDamagedOrOfAnotherCheckpoint)
+{
+    APFSImage image({});
+    const auto freed = image.store(patternBytes(blockSize));
+    image.commit({ image.file({ .id = 20, .parent = 2, .name = "fil", .size = 4096 }, freed) });
+    image.freeQueue = { { freed, 1 } };
+    image.commit({ {} });
+    ASSERT_EQ(chance(parse(image)["/fil"]), "God");
+    const auto area = 1 + APFSImage::descriptorBlocks + 2; // of the newest checkpoint's objects
+    const std::string unknown = "Ukendt: Det vides ikke, om pladsen er genbrugt";
+    const std::string reused = "Ringe: Blokkene er genbrugt af andre filer";
+    const struct {
+        const char* what;
+        std::uint64_t block, at, value;
+        std::string chance;
+    } rows[] = {
+        { "an older space manager", area, 16, 1, unknown },
+        { "an older queue", area + 1, 16, 1, reused },
+        { "another tree", area + 1, 28, 14, reused },
+    };
+    for (const auto& [what, block, at, value, expected] : rows) {
+        auto damaged = image;
+        putLE(damaged.bytes(), image.offsetOf(block) + at, value, 4);
+        damaged.sign(block);
+        EXPECT_EQ(chance(parse(damaged)["/fil"]), expected) << what;
+    }
+    image.freeQueue.clear();
+    image.setFree(freed);
+    image.commit({ {} });
+    ASSERT_EQ(chance(parse(image)["/fil"]), "God");
+    const auto bitmap = image.bytes().begin()
+        + static_cast<std::ptrdiff_t>(image.offsetOf(APFSImage::bitmapBlock));
+    std::fill_n(bitmap, blockSize, std::uint8_t { 0 });
+    EXPECT_EQ(chance(parse(image)["/fil"]), unknown) << "an emptied bitmap";
+}
+
 TEST(APFSChances, ASnapshotKeepsDeletedFilesWhole)
 {
     APFSImage image({ .snapshots = 1 });
