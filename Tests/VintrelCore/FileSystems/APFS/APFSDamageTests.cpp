@@ -68,6 +68,21 @@ TEST(APFSDamage, OlderLeavesGiveWhatTheLiveTreeLacks)
     }
 }
 
+TEST(APFSDamage, WhatTheNewestOlderLeafHasNoMoreDoesNotExist)
+{
+    Spread disk;
+    auto& image = disk.image;
+    const auto kept = disk.files(20, 2);
+    image.commit({ kept, disk.files(30, 3) });
+    image.commit({ kept, disk.files(30, 1) + disk.files(32, 1) });
+    image.commit({ kept, disk.files(30, 1) + disk.files(32, 2) });
+    breakChecksum(image, image.leafBlock(1));
+    const auto found = parse(image);
+    EXPECT_EQ(found["/fil 30"].status, EntryStatus::existing);
+    EXPECT_EQ(found["/fil 31"].status, EntryStatus::deleted);
+    EXPECT_EQ(found["/fil 32"].status, EntryStatus::existing);
+}
+
 TEST(APFSDamage, AnOlderRecordIsDoubtedWhereItsBlocksAreFreeOrAnothers)
 {
     for (const bool isFree : { true, false }) {
