@@ -43,13 +43,16 @@ struct Fields {
 
 Fields key(std::uint64_t id, std::uint64_t kind) { return Fields().add(id | kind << 60, 8); }
 
-/// Sorts by object, then by kind, then by the rest of the key.
+/// Sorts by object, then by kind, then by number or hash, then by name.
 void sort(APFSImage::Leaf& records)
 {
     std::ranges::stable_sort(records, {}, [](const APFSImage::Record& record) {
-        const auto number = ByteView(record.key).u64le(0);
-        return std::pair(
-            number << 4 | number >> 60, Bytes(record.key.rbegin(), record.key.rend() - 8));
+        const ByteView key(record.key);
+        const auto number = key.u64le(0);
+        const bool isName = number >> 60 == 4 || number >> 60 == 9;
+        return std::tuple(number << 4 >> 4, number >> 60, isName ? key.u16le(8) : key.u64le(8),
+            Bytes(record.key.begin() + static_cast<std::ptrdiff_t>(isName ? 10 : 8),
+                record.key.end()));
     });
 }
 
@@ -120,6 +123,13 @@ APFSImage::Record APFSImage::attribute(
 {
     return { key(id, 4).name(name).bytes,
         Fields().add(2, 2).add(content.size(), 2).add(content).bytes };
+}
+
+APFSImage::Record APFSImage::attributeStream(
+    std::uint64_t id, const std::string& name, std::uint64_t owner, std::uint64_t size)
+{
+    return { key(id, 4).name(name).bytes,
+        Fields().add(1, 2).add(48, 2).add(owner, 8).add(size, 8).zeros(32).bytes };
 }
 
 APFSImage::Leaf APFSImage::file(const Inode& file, std::uint64_t block) const
@@ -296,9 +306,32 @@ void APFSImage::commit(std::vector<Leaf> leaves, std::size_t volume)
         index = above;
     }
     const auto root = rootOID + volume * oidsPerVolume;
+    if (nodes.contains(root) && options_.snapshots != 0)
+        heldNodes.emplace(root, nodes.at(root));
     nodes[root] = { allocate(), xid_, {} };
     writeNode(nodes[root].block, root, 0, { .level = level, .isRoot = true }, index);
     writeVolume(volume);
+    writeCheckpoint();
+}
+
+void APFSImage::takeSnapshot(const std::string& name)
+{
+    const auto kept = allocate();
+    const auto superblock
+        = ByteView(bytes_).sub(static_cast<std::int64_t>(offsetOf(volumes_[0].superblock)),
+            static_cast<std::int64_t>(options_.blockBytes));
+    write(offsetOf(kept), Bytes(superblock.span().begin(), superblock.span().end()));
+    put(kept, { { 128, 0, 8 } }); // the volume's own object map counts
+    sign(kept);
+    snapshots_.push_back(
+        { key(xid_, 1).bytes, Fields().add(0, 8).add(kept, 8).zeros(32).name(name).bytes });
+}
+
+void APFSImage::deleteLastVolume()
+{
+    ++xid_;
+    volumes_.pop_back();
+    writeVolume(0);
     writeCheckpoint();
 }
 
@@ -317,12 +350,19 @@ void APFSImage::writeVolume(std::size_t volume)
     const auto map = writeObjectMap(objects);
     const auto block = state.superblock = allocate();
     state.xid = xid_;
+    std::uint64_t snapshotTree = 0;
+    if (!snapshots_.empty()) {
+        snapshotTree = allocate();
+        writeNode(
+            snapshotTree, snapshotTree, physical, { .subtype = 16, .isRoot = true }, snapshots_);
+    }
     header(block, oidOf(volume), 13);
     write(offsetOf(block) + 32, bytesOf("APSB"));
     put(block,
         { { 56, options_.isHashed ? 1u : 0u, 8 }, { 116, 2, 4 }, { 128, map, 8 },
-            { 136, rootOID + volume * oidsPerVolume, 8 }, { 176, 5000, 8 },
-            { 216, options_.snapshots, 8 }, { 240, 77, 8 }, { 264, options_.flags, 8 } });
+            { 136, rootOID + volume * oidsPerVolume, 8 }, { 152, snapshotTree, 8 },
+            { 176, 5000, 8 }, { 216, options_.snapshots, 8 }, { 240, 77 + options_.generation, 8 },
+            { 264, options_.flags, 8 } });
     write(offsetOf(block) + 704, bytesOf(options_.name));
     put(block, { { 964, options_.role, 2 } });
     sign(block);
@@ -354,7 +394,9 @@ void APFSImage::writeCheckpoint()
             byte = static_cast<std::uint8_t>(byte ^ 1 << block % 8);
     header(chunkInfoBlock, chunkInfoBlock, physical | 7);
     put(chunkInfoBlock,
-        { { 36, 1, 4 }, { 40, xid_, 8 }, { 56, options_.blocks, 4 }, { 64, bitmapBlock, 8 } });
+        { { 36, 1, 4 }, { 40, xid_, 8 }, { 56, options_.blocks, 4 },
+            { 60, static_cast<std::uint64_t>(std::ranges::count(allocated_, false)), 4 },
+            { 64, bitmapBlock, 8 } });
     sign(chunkInfoBlock);
 
     const auto addressBlock = options_.blocks - 1;
@@ -388,12 +430,12 @@ void APFSImage::writeCheckpoint()
         write(offsetOf(block) + 32, bytesOf("NXSB"));
         put(block,
             { { 36, options_.blockBytes, 4 }, { 40, options_.blocks, 8 }, { 64, 2, 8 },
-                { 72, 42, 8 }, { 88, 2000, 8 }, { 96, xid_ + 1, 8 }, { 104, descriptorBlocks, 4 },
-                { 108, dataBlocks, 4 }, { 112, descriptorBase, 8 }, { 120, dataBase, 8 },
-                { 128, (index + 2) % descriptorBlocks, 4 }, { 132, (index + 2) % dataBlocks, 4 },
-                { 136, index, 4 }, { 140, 2, 4 }, { 144, index, 4 }, { 148, 2, 4 },
-                { 152, spaceManagerOID, 8 }, { 160, containerMap_, 8 }, { 168, reaperOID, 8 },
-                { 180, options_.volumes, 4 } });
+                { 72, 42 + options_.generation, 8 }, { 88, 2000, 8 }, { 96, xid_ + 1, 8 },
+                { 104, descriptorBlocks, 4 }, { 108, dataBlocks, 4 }, { 112, descriptorBase, 8 },
+                { 120, dataBase, 8 }, { 128, (index + 2) % descriptorBlocks, 4 },
+                { 132, (index + 2) % dataBlocks, 4 }, { 136, index, 4 }, { 140, 2, 4 },
+                { 144, index, 4 }, { 148, 2, 4 }, { 152, spaceManagerOID, 8 },
+                { 160, containerMap_, 8 }, { 168, reaperOID, 8 }, { 180, options_.volumes, 4 } });
         for (std::size_t i = 0; i < volumes_.size(); ++i)
             put(block, { { 184 + 8 * i, oidOf(i), 8 } });
         sign(block);

@@ -22,6 +22,7 @@ public:
         std::string name = "DISK";
         std::size_t volumes = 1;
         std::uint64_t blockBytes = 4096;
+        std::uint64_t generation = 0; ///< another one has another UUID
         bool hasAddressBlock = false; ///< as large containers have between space manager and chunks
     };
 
@@ -55,6 +56,9 @@ public:
     static Record sibling(
         std::uint64_t id, std::uint64_t siblingID, std::uint64_t parent, const std::string& name);
     static Record attribute(std::uint64_t id, const std::string& name, std::string_view content);
+    /// An attribute whose content lies in the extents of `owner`.
+    static Record attributeStream(
+        std::uint64_t id, const std::string& name, std::uint64_t owner, std::uint64_t size);
     /// The records of a file in one piece, or of a folder, and of its name.
     Leaf file(const Inode& inode, std::uint64_t block = 0) const;
     Leaf folder(std::uint64_t id, std::uint64_t parent, const std::string& name) const;
@@ -66,6 +70,11 @@ public:
     /// block. Records are sorted within each leaf; the root folder's come by themselves. The other
     /// volumes stay as they are.
     void commit(std::vector<Leaf> leaves, std::size_t volume = 0);
+    /// Makes a snapshot of the first volume as it is now. The next commit lists it; the volume
+    /// keeps all versions of its nodes when the options say that it has snapshots.
+    void takeSnapshot(const std::string& name);
+    /// Deletes the last volume in a new transaction, which only older checkpoints have then.
+    void deleteLastVolume();
     /// Lets the first volume's tree name a node, and its object map say that versions of it lie in
     /// these blocks, whatever is there.
     void addNode(std::uint64_t oid, const std::vector<std::uint64_t>& blocks);
@@ -143,6 +152,7 @@ private:
     Options options_;
     std::uint64_t xid_ = 0;
     std::uint64_t nextFree_;
+    Leaf snapshots_; // records of the tree that lists them
     std::uint64_t superblock_ = 0, containerMap_ = 0;
     std::vector<bool> allocated_;
     std::vector<VolumeState> volumes_;

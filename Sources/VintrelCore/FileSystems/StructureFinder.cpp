@@ -17,6 +17,10 @@ constexpr std::uint64_t apfsBlockSize = 4096;
 constexpr std::uint64_t hfsHeaderOffset = 1024; // from the start of the volume
 constexpr std::uint8_t apfsTreeSubtype = 14;
 constexpr std::uint8_t apfsContainerType = 1;
+constexpr std::uint8_t apfsVolumeType = 13;
+constexpr std::uint8_t apfsObjectMapType = 11;
+constexpr std::int64_t apfsMagicOffset = 32;
+constexpr std::uint8_t apfsPhysical = 0x40; // how it is stored
 
 // The first looks, which nearly every sector fails. They touch a few bytes of a whole sector.
 
@@ -45,6 +49,14 @@ bool mayBeHFSHeader(const std::uint8_t* sector)
 }
 
 bool mayBeAPFSSuperblock(const std::uint8_t* sector) { return sector[24] == apfsContainerType; }
+
+bool mayBeAPFSVolume(const std::uint8_t* sector) { return sector[24] == apfsVolumeType; }
+
+bool mayBeAPFSObjectMap(const std::uint8_t* sector)
+{
+    return sector[24] == apfsObjectMapType && sector[25] == 0 && sector[26] == 0
+        && sector[27] == apfsPhysical;
+}
 
 /// Every type that an entry can have, deleted or not, leaves at most 5 in the low bits. Both are
 /// looked at in one step, since a branch that random data takes now and then costs more.
@@ -76,6 +88,8 @@ struct StructureRows {
         { mayBeBootSector, &StructureFinder::findBootSector },
         { mayBeHFSHeader, &StructureFinder::findHFSHeader },
         { mayBeAPFSSuperblock, &StructureFinder::findAPFSSuperblock },
+        { mayBeAPFSVolume, &StructureFinder::findAPFSVolume },
+        { mayBeAPFSObjectMap, &StructureFinder::findAPFSObjectMap },
         // costs the most, and its sectors pass for nothing above
         { mayBeExFATDirectory, &StructureFinder::findExFATDirectory },
     };
@@ -152,6 +166,21 @@ bool StructureFinder::findAPFSSuperblock(const SweptSector& swept)
         return false;
     result_.nxsb.push_back(swept.offset);
     apfsAlignments_.insert(swept.offset % apfsBlockSize);
+    return true;
+}
+
+bool StructureFinder::findAPFSVolume(const SweptSector& swept)
+{
+    if (!swept.sector().matches("APSB", apfsMagicOffset))
+        return false;
+    result_.apfsVolumeSuperblocks.push_back(swept.offset);
+    apfsAlignments_.insert(swept.offset % apfsBlockSize);
+    return true;
+}
+
+bool StructureFinder::findAPFSObjectMap(const SweptSector& swept)
+{
+    result_.apfsObjectMaps.push_back(swept.offset);
     return true;
 }
 

@@ -45,6 +45,8 @@ private:
     bool findBootSector(const SweptSector& swept);
     bool findHFSHeader(const SweptSector& swept);
     bool findAPFSSuperblock(const SweptSector& swept);
+    bool findAPFSVolume(const SweptSector& swept);
+    bool findAPFSObjectMap(const SweptSector& swept);
     bool findExFATDirectory(const SweptSector& swept);
 
     DiskSource& source_;

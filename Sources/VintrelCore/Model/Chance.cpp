@@ -16,6 +16,8 @@ using enum Recoverability;
 
 constexpr DoubtRow rows[] = {
     { Doubt::damagedDirectoryEntry, partial, "Mappeposten er beskadiget" },
+    { Doubt::olderRecord, good,
+        "Filens nyeste poster er beskadiget; en ældre udgave af dem er brugt" },
     { Doubt::missingInode, poor, "Filens inode blev ikke fundet" },
     { Doubt::missingDataAttribute, poor, "Dataattributten mangler" },
     { Doubt::missingRuns, partial, "Dele af filens placering mangler" },

@@ -11,6 +11,7 @@
 enum class Doubt : std::uint8_t {
     // of the entry or record that describes the file
     damagedDirectoryEntry,
+    olderRecord, ///< the newest one cannot be read, and an older one steps in
     missingInode,
     missingDataAttribute,
     missingRuns,    ///< the place of some of it is not known, or not on the source

@@ -22,14 +22,16 @@ struct DeepScanResult {
 
     std::vector<CarvedFile> carved;
     std::vector<FoundBoot> boots;
-    Offsets hfsHeaders;         ///< where the volumes begin: 1024 bytes before their headers
-    Offsets nxsb;               ///< APFS container superblocks
-    Offsets mftRecords;         ///< sectors that begin an NTFS file record
-    Offsets fatDirSectors;      ///< sectors that look like part of a FAT directory
-    Offsets apfsLeafNodes;      ///< leaves of APFS file-system trees
-    Offsets exfatDirSectors;    ///< sectors in which entry sets of exFAT directories begin
-    bool carvingRanOut = false; ///< whether places had to be given up that cost too much
-    bool completed = false;     ///< whether the end of the source was reached
+    Offsets hfsHeaders;            ///< where the volumes begin: 1024 bytes before their headers
+    Offsets nxsb;                  ///< APFS container superblocks
+    Offsets mftRecords;            ///< sectors that begin an NTFS file record
+    Offsets fatDirSectors;         ///< sectors that look like part of a FAT directory
+    Offsets apfsLeafNodes;         ///< leaves of APFS file-system trees
+    Offsets apfsVolumeSuperblocks; ///< blocks that have the magic of one
+    Offsets apfsObjectMaps;        ///< blocks that have the type of one
+    Offsets exfatDirSectors;       ///< sectors in which entry sets of exFAT directories begin
+    bool carvingRanOut = false;    ///< whether places had to be given up that cost too much
+    bool completed = false;        ///< whether the end of the source was reached
     std::uint64_t scannedUpTo = 0;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Foundation/Decmpfs.h"
 
 #include <cstdint>
 #include <optional>
@@ -38,10 +39,28 @@ struct CompressedRuns {
     bool operator==(const CompressedRuns&) const = default;
 };
 
+/// Content that macOS compressed, see Decmpfs.h.
+struct DecmpfsContent {
+    Decmpfs::Header header;
+    Bytes bytes;                ///< the packed content or, where that has no extents, the fork
+    ExtentList fork {};         ///< of the resource fork
+    std::uint64_t forkSize = 0; ///< in bytes
+
+    bool operator==(const DecmpfsContent&) const = default;
+};
+
 struct NoData {
     bool operator==(const NoData&) const = default;
 };
 
 /// Where a file's content lies: nowhere that is known, in these very bytes (content kept inside
-/// metadata), in extents in file order, or in compressed runs.
-using FileData = std::variant<NoData, Bytes, ExtentList, CompressedRuns>;
+/// metadata), in extents in file order, in compressed runs, or as macOS compressed it.
+using FileData = std::variant<NoData, Bytes, ExtentList, CompressedRuns, DecmpfsContent>;
+
+/// The extents that hold a file's content, packed or not; none where it has no list of them.
+inline const ExtentList* extentsOf(const FileData& data)
+{
+    if (const auto* packed = std::get_if<DecmpfsContent>(&data))
+        return &packed->fork;
+    return std::get_if<ExtentList>(&data);
+}

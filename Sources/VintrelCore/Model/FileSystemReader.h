@@ -74,6 +74,11 @@ struct FileSystemReader {
     std::vector<ExtraFolder> (*findLostFolders)(DiskSource& source, const VolumeList& volumes,
         const DeepScanResult& finds, WorkProgress* progress);
 
+    /// Earlier states of a volume that it keeps itself, as volumes. Their files share places with
+    /// its own.
+    VolumeList (*findSnapshots)(DiskSource& source, Volume& volume, WorkProgress* progress)
+        = nullptr;
+
     // What the volumes that the tables name say of the disk.
 
     /// Adds the ranges of the source that a volume has in use, its own structures among them, in

@@ -14,7 +14,7 @@ bool isBeyond(std::uint64_t offset, std::uint64_t length, std::uint64_t sourceSi
 
 bool reachesBeyond(const FileData& data, std::uint64_t sourceSize)
 {
-    if (const auto* extents = std::get_if<ExtentList>(&data))
+    if (const auto* extents = extentsOf(data))
         return std::ranges::any_of(*extents, [&](const Extent& extent) {
             return extent.offset && isBeyond(*extent.offset, extent.length, sourceSize);
         });

@@ -194,6 +194,74 @@ void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& 
     delivery.deliverHole(delivery.remaining());
 }
 
+/// Bytes of a resource fork; fewer where it ends, zeros where it cannot be read.
+Bytes readFork(
+    const DecmpfsContent& data, DiskSource& source, std::uint64_t at, std::uint64_t count)
+{
+    if (data.fork.empty()) {
+        const auto part
+            = ByteView(data.bytes)
+                  .sub(static_cast<std::int64_t>(std::min<std::uint64_t>(at, data.bytes.size())),
+                      static_cast<std::int64_t>(count))
+                  .span();
+        return { part.begin(), part.end() };
+    }
+    Bytes bytes;
+    std::uint64_t start = 0; // of the extent in the fork
+    for (const auto& extent : data.fork) {
+        const std::uint64_t end = start + extent.length;
+        const std::uint64_t from = std::max(at, start);
+        const std::uint64_t to = std::min({ end, at + count, data.forkSize });
+        if (from < to) {
+            const auto old = bytes.size();
+            bytes.resize(old + static_cast<std::size_t>(to - from));
+            if (extent.offset)
+                source.readReporting(*extent.offset + (from - start), std::span(bytes).subspan(old),
+                    ReadMode::thorough);
+        }
+        start = end;
+    }
+    return bytes;
+}
+
+/// Hands on what was unpacked. What could not be is zeros, and counts as unreadable.
+void deliverUnpacked(std::optional<Bytes> content, std::uint64_t size, Delivery& delivery)
+{
+    if (content) {
+        delivery.deliver(*content);
+        return;
+    }
+    delivery.countBad(std::min(size, delivery.remaining()));
+    delivery.deliverHole(size);
+}
+
+void streamDecmpfs(const DecmpfsContent& data, DiskSource& source, Delivery& delivery)
+{
+    const auto& header = data.header;
+    if (!header.isInFork) {
+        // The attribute is a part of a node, and was never made for more than this.
+        if (header.size <= Decmpfs::blockSize)
+            deliverUnpacked(
+                Decmpfs::unpack(header.method, data.bytes, header.size), header.size, delivery);
+    } else {
+        const auto read = [&](std::uint64_t at, std::uint64_t count) {
+            return readFork(data, source, at, std::min(count, data.forkSize));
+        };
+        std::uint64_t left = header.size;
+        for (const auto& [offset, length] : Decmpfs::blocksOf(header, data.forkSize, read)) {
+            if (delivery.isDone())
+                break;
+            const auto size = std::min(left, Decmpfs::blockSize);
+            const bool isPossible = length <= 2 * Decmpfs::blockSize;
+            deliverUnpacked(isPossible ? Decmpfs::unpack(header.method, read(offset, length), size)
+                                       : std::nullopt,
+                size, delivery);
+            left -= size;
+        }
+    }
+    deliverUnpacked(std::nullopt, delivery.remaining(), delivery);
+}
+
 } // namespace
 
 std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunkSize,
@@ -209,6 +277,8 @@ std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunk
         delivery.deliverHole(delivery.remaining());
     } else if (const auto* compressed = std::get_if<CompressedRuns>(&node.data)) {
         streamCompressed(*compressed, source, delivery);
+    } else if (const auto* packed = std::get_if<DecmpfsContent>(&node.data)) {
+        streamDecmpfs(*packed, source, delivery);
     }
     return delivery.badBytes();
 }

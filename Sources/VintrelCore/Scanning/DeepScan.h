@@ -64,6 +64,10 @@ public:
     static std::vector<ExtraFolder> extraFolders(DiskSource& source, const VolumeList& volumes,
         const DeepScanResult& result, WorkProgress* progress);
 
+    /// The snapshots of these volumes, as volumes.
+    static VolumeList snapshots(DiskSource& source,
+        std::span<const std::unique_ptr<Volume>> volumes, WorkProgress* progress);
+
     /// The files found by content, as a volume with a folder for each kind.
     static std::unique_ptr<Volume> carvedVolume(
         DiskSource& source, std::span<const CarvedFile> files);

@@ -8,6 +8,19 @@
 #include <iterator>
 #include <span>
 
+namespace {
+
+std::unique_ptr<Volume> carvedFiles(DiskSource& source, const DeepScanResult& finds)
+{
+    auto volume = DeepScanner::carvedVolume(source, finds.carved);
+    if (finds.carvingRanOut)
+        volume->notes.emplace_back("Søgningen blev afkortet, fordi der var for mange filer uden "
+                                   "slutning: filer kan mangle.");
+    return volume;
+}
+
+} // namespace
+
 VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions>& deep,
     WorkProgress* progress, const Listener& listener)
 {
@@ -33,11 +46,14 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     for (auto& [volume, folder] : DeepScanner::extraFolders(source, volumes, finds, progress))
         volume->root->add(std::move(folder));
     const std::span all(volumes);
-    Overlay::judge(source, all.first(knownCount), all.subspan(knownCount));
+    const auto known = all.first(knownCount);
+    Overlay::judge(source, known, all.subspan(knownCount));
+    auto snapshots = DeepScanner::snapshots(source, known, progress);
+    auto ofLost = DeepScanner::snapshots(source, all.subspan(knownCount), progress);
+    Overlay::judge(source, known, ofLost);
+    for (auto* more : { &snapshots, &ofLost })
+        std::ranges::move(*more, std::back_inserter(volumes));
     if (!finds.carved.empty())
-        volumes.push_back(DeepScanner::carvedVolume(source, finds.carved));
-    if (!finds.carved.empty() && finds.carvingRanOut)
-        volumes.back()->notes.emplace_back("Søgningen blev afkortet, fordi der var for mange filer "
-                                           "uden slutning: filer kan mangle.");
+        volumes.push_back(carvedFiles(source, finds));
     return volumes;
 }

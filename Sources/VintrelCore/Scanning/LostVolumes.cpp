@@ -99,3 +99,16 @@ std::vector<ExtraFolder> DeepScanner::extraFolders(DiskSource& source, const Vol
                 std::back_inserter(folders));
     return folders;
 }
+
+VolumeList DeepScanner::snapshots(
+    DiskSource& source, std::span<const std::unique_ptr<Volume>> volumes, WorkProgress* progress)
+{
+    VolumeList snapshots;
+    for (const auto& volume : volumes) {
+        const auto* const reader = readerFor(volume->type);
+        if (reader != nullptr && reader->findSnapshots != nullptr && !isCancelled(progress))
+            std::ranges::move(
+                reader->findSnapshots(source, *volume, progress), std::back_inserter(snapshots));
+    }
+    return snapshots;
+}

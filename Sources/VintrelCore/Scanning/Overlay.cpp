@@ -32,7 +32,7 @@ Layout layoutOf(const FileData& data)
             layout.first = start;
         layout.ranges.push_back({ start, start + length });
     };
-    if (const auto* extents = std::get_if<ExtentList>(&data)) {
+    if (const auto* extents = extentsOf(data)) {
         for (const auto& extent : *extents)
             if (extent.offset && extent.length > 0)
                 add(*extent.offset, extent.length);

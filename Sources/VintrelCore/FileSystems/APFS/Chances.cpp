@@ -15,7 +15,7 @@ void APFSChances::loadSpaceManager(const APFSFormat::ContainerSuperblock& superb
 std::optional<std::string> APFSChances::judgeWaiting(
     const APFSFormat::ContainerSuperblock& superblock)
 {
-    if (waiting_.empty()) {
+    if (waiting_.empty() && standIns_.empty()) {
         claims_.forgetFiles();
         return std::nullopt;
     }
@@ -23,6 +23,7 @@ std::optional<std::string> APFSChances::judgeWaiting(
     inUse_.merge();
     for (auto* node : std::exchange(waiting_, {}))
         judge(*node, doubtsOf(*node));
+    judgeStandIns();
     judgeByClaims();
     if (!spaceManager_)
         return "Oversigten over ledig plads kunne ikke læses.";
@@ -30,6 +31,17 @@ std::optional<std::string> APFSChances::judgeWaiting(
         return "Dele af oversigten over ledig plads kunne ikke læses ("
             + std::to_string(lost * blocks_.blockSize()) + " bytes).";
     return std::nullopt;
+}
+
+/// What has been in use since the older record was written is in use now, and by no other file.
+void APFSChances::judgeStandIns()
+{
+    for (const auto& [file, blocks] : std::exchange(standIns_, {})) {
+        const auto use = spaceManager_ ? spaceManager_->useOf(blocks) : APFSSpaceManager::Use {};
+        const bool isFree = spaceManager_ && !use.isAllocated && !use.isUnknown;
+        if (isFree || inUse_.intersects(blocks))
+            judgeFurther(*file, Doubt::partlyReused);
+    }
 }
 
 /// Files that are judged later are held against those of now too, whose nodes may be gone then.
@@ -63,7 +75,8 @@ bool APFSChances::addUsedRanges(
 
 Doubts APFSChances::doubtsOf(const FileNode& node)
 {
-    const auto use = useOf(std::get<ExtentList>(node.data));
+    const auto* extents = extentsOf(node.data);
+    const auto use = extents != nullptr ? useOf(*extents) : ClusterUse {};
     const auto doubts = ::doubtsOf(use, appleReuse);
     if (!doubts.has(Doubt::unknownAllocation))
         return doubts;

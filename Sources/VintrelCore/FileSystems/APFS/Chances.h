@@ -29,6 +29,12 @@ public:
     void addInUse(APFSBlocks blocks) { inUse_.add(blocks); }
     /// Puts off a deleted file, which has extents. The node stays where it is until it is judged.
     void judgeLater(FileNode& node) { waiting_.push_back(&node); }
+    /// Puts off what an older record says of a file that exists: that it has these blocks. The node
+    /// was judged by all else, and stays where it is until then.
+    void judgeStandInLater(FileNode& node, APFSBlocks blocks)
+    {
+        standIns_.push_back({ &node, blocks });
+    }
     /// Tells of a piece of a deleted file, by the transaction that has it. The node stays where it
     /// is until the files that wait are judged.
     void addClaim(const DeletedClaims::Claim& claim) { claims_.add(claim); }
@@ -43,7 +49,14 @@ public:
         const APFSFormat::ContainerSuperblock& superblock, std::vector<ByteRange>& ranges);
 
 private:
+    /// A piece of a file that exists, by an older record.
+    struct StandIn {
+        FileNode* file; // not owning: it is in a volume's tree
+        APFSBlocks blocks;
+    };
+
     void judgeByClaims();
+    void judgeStandIns();
     void loadSpaceManager(const APFSFormat::ContainerSuperblock& superblock);
     Doubts doubtsOf(const FileNode& node);
     ClusterUse useOf(const ExtentList& extents);
@@ -51,7 +64,8 @@ private:
 
     APFSBlockReader& blocks_;
     APFSBlockRanges inUse_;
-    std::vector<FileNode*> waiting_;                 // not owning: they are in the volumes' trees
+    std::vector<FileNode*> waiting_; // not owning: they are in the volumes' trees
+    std::vector<StandIn> standIns_;
     std::unique_ptr<APFSSpaceManager> spaceManager_; // none: not read, or cannot be
     bool hasAskedSpaceManager_ = false;
     DeletedClaims claims_ { DeletedClaims::SameTime::theyShareThem }; // of one state: clones

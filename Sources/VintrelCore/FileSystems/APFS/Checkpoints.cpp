@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <functional>
 #include <limits>
+#include <set>
 
 using namespace APFSFormat;
 
@@ -41,23 +42,21 @@ APFSCheckpoints::APFSCheckpoints(APFSBlockReader& blocks, ByteView first, std::u
             + std::to_string(lost * blocks_.blockSize()) + " bytes). Volumener kan mangle.");
 }
 
+APFSCheckpoints::APFSCheckpoints(APFSBlockReader& blocks, std::vector<APFSObjectVersion> volumes)
+    : blocks_(blocks)
+    , xid_(noLimit)
+    , volumeVersions_(std::move(volumes))
+{
+    std::ranges::stable_sort(*volumeVersions_, std::ranges::greater {}, &APFSObjectVersion::xid);
+}
+
 /// Finds the sound superblocks of the checkpoint descriptor area. Of those with the same
 /// transaction the first counts.
 void APFSCheckpoints::findInDescriptorArea()
 {
-    const std::uint32_t count = superblock_.descriptorBlocks;
-    const std::uint64_t start = superblock_.descriptorBase;
-    if ((count & nonContiguous) != 0 || count > maxDescriptorBlocks || start > noLimit - count)
-        return;
-    for (std::uint64_t i = 0; i < count; ++i) {
-        const auto offset = blocks_.offsetOf(start + i);
-        if (!offset)
-            break;
-        const auto block = read({ .offset = *offset });
-        const std::uint64_t xid = APFSSuperblock::decode(block).object.xid;
-        if (APFSSuperblock::isSound(block) && xid != 0)
-            checkpoints_.push_back({ xid, *offset });
-    }
+    const auto found = APFSSuperblock::findInArea(
+        blocks_.source(), blocks_.base(), superblock_, blocks_.blockSize());
+    checkpoints_.insert(checkpoints_.end(), found.begin(), found.end());
     std::ranges::stable_sort(checkpoints_, std::ranges::greater {}, &Checkpoint::xid);
     const auto isSame
         = [](const Checkpoint& one, const Checkpoint& other) { return one.xid == other.xid; };
@@ -112,20 +111,41 @@ std::vector<Bytes> APFSCheckpoints::olderSuperblocks(std::uint64_t volumeOID)
     return found;
 }
 
-/// Where the volumes' superblocks lie that any checkpoint knows, newest first.
-std::vector<APFSObjectVersion> APFSCheckpoints::versionsOfVolumes()
+std::vector<ContainerSuperblock> APFSCheckpoints::states() const
 {
-    std::vector<APFSObjectVersion> versions;
-    APFSObjectMaps maps(blocks_);
+    std::vector<ContainerSuperblock> found;
     std::size_t count = 0;
     for (const auto& checkpoint : checkpoints_) {
         if (checkpoint.xid > xid_ || count++ > maxOlderCheckpoints)
             continue;
         const auto older = APFSSuperblock::decode(read(checkpoint));
         if (older.uuid == superblock_.uuid) // else it is of an earlier container in the same place
-            maps.forEachVersion(older.objectMapOID, checkpoint.xid,
-                [&](const APFSObjectVersion& version) { versions.push_back(version); });
+            found.push_back(older);
     }
+    return found;
+}
+
+std::vector<std::uint64_t> APFSCheckpoints::deletedVolumes() const
+{
+    std::vector<std::uint64_t> deleted;
+    std::set<std::uint64_t> known(
+        superblock_.fileSystemOIDs.begin(), superblock_.fileSystemOIDs.end());
+    known.insert(0); // an empty slot
+    for (const auto& older : states())
+        for (const std::uint64_t oid : older.fileSystemOIDs)
+            if (deleted.size() < maxVolumeSlots && known.insert(oid).second)
+                deleted.push_back(oid);
+    return deleted;
+}
+
+/// Where the volumes' superblocks lie that any checkpoint knows, newest first.
+std::vector<APFSObjectVersion> APFSCheckpoints::versionsOfVolumes()
+{
+    std::vector<APFSObjectVersion> versions;
+    APFSObjectMaps maps(blocks_);
+    for (const auto& older : states())
+        maps.forEachVersion(older.objectMapOID, older.object.xid,
+            [&](const APFSObjectVersion& version) { versions.push_back(version); });
     std::ranges::stable_sort(versions, std::ranges::greater {}, &APFSObjectVersion::xid);
     return versions;
 }

@@ -4,6 +4,7 @@
 #include "VintrelCore/FileSystems/APFS/Structures.h"
 #include "VintrelCore/FileSystems/APFS/Superblock.h"
 #include "VintrelCore/FileSystems/APFS/VolumeReader.h"
+#include "VintrelCore/FileSystems/APFS/VolumeSuperblock.h"
 
 #include <algorithm>
 
@@ -36,23 +37,23 @@ VolumeList APFSContainer::volumes(const std::string& origin, WorkProgress* progr
         if (auto found = volume(superblock.fileSystemOIDs[slot], origin, progress))
             volumes.push_back(std::move(found));
     }
+    for (const auto& deleted : APFSVolumeSuperblock::findDeleted(state_->checkpoints()))
+        if (!isCancelled(progress))
+            volumes.push_back(APFSVolumeReader::read(
+                state_, deleted, origin + ", slettet APFS-volumen", progress));
     if (const auto note = state_->chances().judgeWaiting(superblock))
         for (const auto& volume : volumes)
             volume->notes.push_back(*note);
     return volumes;
 }
 
-/// The volume with this oid; none when the object map leads to none.
+/// The volume with this oid; none when nothing tells of one.
 std::unique_ptr<Volume> APFSContainer::volume(
     std::uint64_t oid, const std::string& origin, WorkProgress* progress)
 {
-    const auto& map = state_->checkpoints().objectMap();
-    const auto mapped = map.find(oid);
-    Bytes block;
-    if (oid == 0 || mapped == map.end() || !state_->blocks().read(mapped->second, block)
-        || !isVolumeSuperblock(*ByteView(block).load<VolumeSuperblock>(0)))
-        return nullptr;
-    return APFSVolumeReader::read(state_, block, oid, origin, progress);
+    const auto superblock
+        = APFSVolumeSuperblock::find(state_->blocks(), state_->checkpoints(), oid);
+    return superblock ? APFSVolumeReader::read(state_, *superblock, origin, progress) : nullptr;
 }
 
 APFSObjectMaps::BlockByOID APFSContainer::loadOMap(std::uint64_t oid, std::uint64_t maxXID)

@@ -40,7 +40,8 @@ public:
     /// The transaction up to which objects are accepted; the largest number there is for no limit.
     std::uint64_t xid() const { return state_->checkpoints().xid(); }
 
-    /// The volumes, in the order of their slots. When cancelled, those that were read so far. To be
+    /// The volumes, in the order of their slots, and then those that only older checkpoints have,
+    /// with all of their files as deleted. When cancelled, those that were read so far. To be
     /// called once: what was read is not read again. `progress` may be none.
     VolumeList volumes(const std::string& origin, WorkProgress* progress);
 

@@ -8,6 +8,7 @@
 #include "VintrelCore/FileSystems/APFS/ObjectMaps.h"
 
 #include <cstdint>
+#include <vector>
 
 class DiskSource;
 
@@ -19,6 +20,10 @@ public:
     /// begins at byte `base`. It has a possible block size.
     APFSContainerState(
         DiskSource& source, std::uint64_t base, ByteView first, std::uint64_t firstOffset);
+    /// A container of which no superblock is left. `volumes`: where superblocks of its volumes were
+    /// found.
+    APFSContainerState(DiskSource& source, std::uint64_t base, std::uint64_t blockSize,
+        std::vector<APFSObjectVersion> volumes);
     APFSContainerState(const APFSContainerState&) = delete;
     APFSContainerState& operator=(const APFSContainerState&) = delete;
 

@@ -83,7 +83,10 @@ void APFSContent::fill(FileNode& node, const APFSFileRecords& records, const APF
     if (inode.isCompressed || (compression != nullptr && inode.size == 0)) {
         if (compression != nullptr)
             node.size = compression->size;
-        judge(node, inode.isDataless ? Doubt::onlyInCloud : Doubt::compressedByAPFS);
+        if (inode.isDataless)
+            judge(node, Doubt::onlyInCloud);
+        else
+            fillCompressed(node, records, live, inode);
         return;
     }
     if (inode.isDataless) {
@@ -96,14 +99,48 @@ void APFSContent::fill(FileNode& node, const APFSFileRecords& records, const APF
     }
     if (node.size == 0 && records.attribute(inode.id, Kind::resourceFork) != nullptr)
         node.addNote("Filen har kun en ressourcegren, som ikke gendannes");
-    fillExtents(node, records, live, inode);
+    fillExtents(node, records, live, inode, inode.privateID);
+}
+
+void APFSContent::fillCompressed(FileNode& node, const APFSFileRecords& records,
+    const APFSFileRecords* live, const APFSFileRecords::Inode& inode)
+{
+    using Kind = APFSFileRecords::Attribute::Kind;
+    const auto bytesOf = [&](const APFSFileRecords::Attribute& attribute) {
+        const auto text = records.text(attribute.content);
+        return Bytes(text.begin(), text.end());
+    };
+    const auto* compression = records.attribute(inode.id, Kind::compression);
+    auto bytes = compression != nullptr ? bytesOf(*compression) : Bytes {};
+    const auto header = Decmpfs::decode(bytes);
+    const auto* fork = records.attribute(inode.id, Kind::resourceFork);
+    if (!header || !Decmpfs::canUnpack(header->method) || (header->isInFork && fork == nullptr)
+        || !state_.extentBudget().take(1 + bytes.size() / sizeof(Extent))) {
+        judge(node, Doubt::compressedByAPFS);
+        return;
+    }
+    bytes.erase(bytes.begin(), bytes.begin() + Decmpfs::headerSize);
+    DecmpfsContent content { *header, std::move(bytes) };
+    if (!header->isInFork || fork->streamID == 0) {
+        if (header->isInFork)
+            content.bytes = bytesOf(*fork);
+        content.forkSize = content.bytes.size();
+        judge(node, {});
+    } else {
+        // Judged as if the fork were the file.
+        node.size = content.forkSize = fork->size;
+        fillExtents(node, records, live, inode, fork->streamID);
+        content.fork = std::get<ExtentList>(std::move(node.data));
+        node.size = header->size;
+    }
+    node.data = std::move(content);
 }
 
 void APFSContent::fillSymlink(
     FileNode& node, const APFSFileRecords& records, const APFSFileRecords::Inode& inode)
 {
     const auto* link = records.attribute(inode.id, APFSFileRecords::Attribute::Kind::symlink);
-    auto target = link != nullptr ? records.text(link->target) : std::string_view();
+    auto target = link != nullptr ? records.text(link->content) : std::string_view();
     // A link may have many names, and each is a node with the target in it.
     if (!state_.extentBudget().take(1 + target.size() / sizeof(Extent)))
         target = {};
@@ -113,13 +150,12 @@ void APFSContent::fillSymlink(
 }
 
 void APFSContent::fillExtents(FileNode& node, const APFSFileRecords& records,
-    const APFSFileRecords* live, const APFSFileRecords::Inode& inode)
+    const APFSFileRecords* live, const APFSFileRecords::Inode& inode, std::uint64_t owner)
 {
-    auto stored = records.extentsOf(inode.privateID);
-    const bool isShared
-        = stored.empty() && live != nullptr && !live->extentsOf(inode.privateID).empty();
+    auto stored = records.extentsOf(owner);
+    const bool isShared = stored.empty() && live != nullptr && !live->extentsOf(owner).empty();
     if (isShared) // a clone that still exists has them
-        stored = live->extentsOf(inode.privateID);
+        stored = live->extentsOf(owner);
     if (!state_.extentBudget().take(stored.size())) {
         node.data = ExtentList {};
         judge(node, Doubt::overclaimedBlocks);
@@ -130,6 +166,11 @@ void APFSContent::fillExtents(FileNode& node, const APFSFileRecords& records,
     const bool exists = node.status == EntryStatus::existing;
     if (!exists && !isShared && !layout.isHeldBySnapshot)
         claim(node, stored, inode);
+    if (exists && !layout.older.empty())
+        noteDoubts(node, Doubt::olderRecord);
+    for (const auto& blocks : layout.older)
+        if (exists && !inode.isCloned) // a clone shares them with others
+            state_.chances().judgeStandInLater(node, blocks);
     if (!layout.isComplete) {
         const auto partly = exists ? Doubt::partlyUnknownBlocks : Doubt::lostBlocks;
         judge(node, stored.empty() ? Doubt::unknownBlocks : partly);
@@ -177,6 +218,8 @@ APFSContent::Layout APFSContent::layOut(std::span<const APFSFileRecords::Extent>
         const bool isOnSource = offset && part.length <= blocks.source().size() - *offset;
         layout.isComplete = layout.isComplete && (isHole || isOnSource);
         layout.isHeldBySnapshot = layout.isHeldBySnapshot && part.leaf.isHeldBySnapshot;
+        if (offset && part.leaf.isStandIn)
+            layout.older.push_back(blocks.blocksAt(*offset, part.length));
         at = part.logical + part.length;
     }
     if (at < size)

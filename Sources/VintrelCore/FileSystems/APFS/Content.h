@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/FileSystems/APFS/BlockReader.h"
 #include "VintrelCore/FileSystems/APFS/ContainerState.h"
 #include "VintrelCore/FileSystems/APFS/Records.h"
 #include "VintrelCore/Model/FileData.h"
@@ -7,6 +8,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 /// Gives files their size, their content and their chance. Used by one thread at a time; the state
 /// must outlive it.
@@ -29,12 +31,16 @@ private:
         ExtentList extents;
         bool isComplete = true; ///< nothing is missing but the holes of a sparse file
         bool isHeldBySnapshot = true;
+        std::vector<APFSBlocks> older {}; ///< what was taken from older records
     };
 
     void fillSymlink(
         FileNode& node, const APFSFileRecords& records, const APFSFileRecords::Inode& inode);
-    void fillExtents(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
+    void fillCompressed(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
         const APFSFileRecords::Inode& inode);
+    /// `owner`: of the extents, the file itself or its resource fork.
+    void fillExtents(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
+        const APFSFileRecords::Inode& inode, std::uint64_t owner);
     void claim(FileNode& node, std::span<const APFSFileRecords::Extent> stored,
         const APFSFileRecords::Inode& inode);
     Layout layOut(std::span<const APFSFileRecords::Extent> stored, std::uint64_t size,

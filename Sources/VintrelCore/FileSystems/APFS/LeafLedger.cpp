@@ -47,12 +47,23 @@ std::optional<std::int64_t> APFSLeafLedger::agreement(const Identity& volume, By
 {
     APFSFileRecords records;
     records.addLeaf(leaf, blockSize_, volume.isHashed, {});
+    const auto isTooHigh
+        = [&](std::uint64_t id) { return volume.nextObjectID != 0 && id >= volume.nextObjectID; };
     std::int64_t sum = 0;
+    bool isOlderThanVolume = false;
     for (const auto& inode : records.inodes()) {
-        if (volume.nextObjectID != 0 && inode.id >= volume.nextObjectID)
+        if (isTooHigh(inode.id))
             return std::nullopt;
         if (const auto created = volume.objects.createdOf(inode.id).value_or(0); created != 0)
             sum += created == inode.created ? 1 : -1;
+        isOlderThanVolume = isOlderThanVolume || inode.changed < volume.formatted;
     }
-    return sum >= 0 ? std::optional(sum) : std::nullopt;
+    for (const auto& link : records.links())
+        if (isTooHigh(link.id))
+            return std::nullopt;
+    for (const auto& extent : records.extents())
+        if (isTooHigh(extent.owner))
+            return std::nullopt;
+    // A volume that was copied block by block may hold what is older than itself.
+    return sum > 0 || (sum == 0 && !isOlderThanVolume) ? std::optional(sum) : std::nullopt;
 }

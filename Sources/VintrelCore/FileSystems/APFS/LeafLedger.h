@@ -39,6 +39,7 @@ public:
         std::uint64_t volumeOID = 0;
         bool isHashed = false;          ///< directory records have the hash of their name
         std::uint64_t nextObjectID = 0; ///< every object has a lower number; 0: not known
+        std::uint64_t formatted = 0;    ///< when the volume was made, as stored; 0: not known
         APFSKnownObjects objects {};
     };
 

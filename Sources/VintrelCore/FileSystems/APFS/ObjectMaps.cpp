@@ -32,21 +32,25 @@ APFSObjectVersion versionOf(ByteView key, ByteView value)
 
 } // namespace
 
-void APFSObjectMaps::forEachVersion(std::uint64_t oid, std::uint64_t maxXID,
+bool APFSObjectMaps::forEachVersion(std::uint64_t oid, std::uint64_t maxXID,
     const std::function<void(const APFSObjectVersion&)>& visit)
 {
     Bytes bytes;
     if (!blocks_.read(oid, bytes) || !APFSParser::checksumOK(bytes))
-        return;
+        return false;
+    bool isWhole = true;
     std::vector<WaitingNode> waiting { { ByteView(bytes).load<ObjectMap>(0)->treeOID, 0 } };
     while (!waiting.empty()) {
         const auto [block, depth] = waiting.back();
         waiting.pop_back();
-        if (depth > maxDepth || visited_.contains(block) || !blocks_.read(block, bytes))
+        if (visited_.contains(block))
             continue;
-        const auto header = *ByteView(bytes).load<NodeHeader>(0);
-        if (header.object.xid > maxXID)
+        const bool isRead = depth <= maxDepth && blocks_.read(block, bytes);
+        const auto header = isRead ? *ByteView(bytes).load<NodeHeader>(0) : NodeHeader {};
+        if (!isRead || header.object.xid > maxXID) {
+            isWhole = false;
             continue;
+        }
         std::uint64_t room = blocks_.blockSize() / minEntrySize; // entries do not share bytes
         const auto level = APFSNodes::forEachRecord(bytes, blocks_.blockSize(),
             { sizeof(ObjectMapKey), sizeof(ObjectMapValue) },
@@ -61,7 +65,10 @@ void APFSObjectMaps::forEachVersion(std::uint64_t oid, std::uint64_t maxXID,
             });
         if (level)
             visited_.insert(block);
+        else
+            isWhole = false;
     }
+    return isWhole;
 }
 
 APFSObjectMaps::BlockByOID APFSObjectMaps::newestIn(

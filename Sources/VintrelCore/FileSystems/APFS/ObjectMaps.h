@@ -28,8 +28,8 @@ public:
     }
 
     /// Hands every version in the map at block `oid` to `visit`, from nodes that were not read
-    /// before and that are not newer than `maxXID`.
-    void forEachVersion(std::uint64_t oid, std::uint64_t maxXID,
+    /// before and that are not newer than `maxXID`. False when some of the map cannot be read.
+    bool forEachVersion(std::uint64_t oid, std::uint64_t maxXID,
         const std::function<void(const APFSObjectVersion&)>& visit);
 
     /// The block of every virtual object in the map at block `oid`, by its newest version that is

@@ -1,6 +1,5 @@
 #include "VintrelCore/FileSystems/APFS/Parser.h"
 
-#include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/BlockReader.h"
 #include "VintrelCore/FileSystems/APFS/Structures.h"
 #include "VintrelCore/FileSystems/APFS/Superblock.h"
@@ -11,19 +10,6 @@ using namespace APFSFormat;
 namespace APFSParser {
 
 namespace {
-
-/// Whether a container can begin at byte `start` whose object map lies at this block. A physical
-/// object knows the number of its own block, so that only the true start has it in the right place.
-bool hasObjectMap(
-    DiskSource& source, std::uint64_t start, std::uint64_t block, std::uint64_t blockSize)
-{
-    if (start >= source.size() || block > (source.size() - start) / blockSize)
-        return false;
-    const auto map = APFSBlockReader::readAvailable(source, start + block * blockSize, blockSize);
-    const auto header = ByteView(map).load<ObjectHeader>(0);
-    return header && typeOf(*header) == ObjectType::objectMap && header->oid == block
-        && checksumOK(map);
-}
 
 /// Where the container begins if this superblock is a checkpoint's, of which it is the last block
 /// in the descriptor area; none when that would be before the source.
@@ -64,7 +50,9 @@ std::optional<std::uint64_t> containerStart(DiskSource& source, std::uint64_t su
     const auto superblock = APFSSuperblock::decode(*block);
     for (const auto start :
         { startByCheckpoint(superblock, superblockOffset), std::optional(superblockOffset) })
-        if (start && hasObjectMap(source, *start, superblock.objectMapOID, superblock.blockSize))
+        if (start
+            && APFSSuperblock::hasObjectMap(
+                source, *start, superblock.objectMapOID, superblock.blockSize))
             return start;
     return std::nullopt;
 }
@@ -94,6 +82,13 @@ std::unique_ptr<FileNode> lostFiles(DiskSource& source, Volume& volume,
     return reader != nullptr && reader->isOn(source)
         ? reader->lostFiles(volume, leafOffsets, progress)
         : nullptr;
+}
+
+VolumeList snapshots(DiskSource& source, Volume& volume, WorkProgress* progress)
+{
+    auto* reader = dynamic_cast<APFSVolumeReader*>(volume.deepContext.get());
+    return reader != nullptr && reader->isOn(source) ? reader->snapshots(volume, progress)
+                                                     : VolumeList {};
 }
 
 bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges)

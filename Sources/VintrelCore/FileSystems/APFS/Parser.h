@@ -53,6 +53,10 @@ VolumeList parseFromSuperblock(DiskSource& source, std::uint64_t superblockOffse
 std::unique_ptr<FileNode> lostFiles(DiskSource& source, Volume& volume,
     std::span<const std::uint64_t> leafOffsets, WorkProgress* progress);
 
+/// The snapshots of a volume, oldest first, as volumes of their own: the files that the volume does
+/// not list as they were then. The volume loses its note that it does not show them.
+VolumeList snapshots(DiskSource& source, Volume& volume, WorkProgress* progress);
+
 /// Adds the ranges of the source that the volume's container has in use, as its space manager says.
 /// False, and nothing added, when any of that cannot be read.
 bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges);

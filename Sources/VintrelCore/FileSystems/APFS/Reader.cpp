@@ -1,6 +1,7 @@
 #include "VintrelCore/FileSystems/APFS/Reader.h"
 
 #include "VintrelCore/FileSystems/APFS/Parser.h"
+#include "VintrelCore/FileSystems/APFS/Rebuild.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/LostVolumeSearch.h"
 #include "VintrelCore/Model/WorkProgress.h"
@@ -67,7 +68,8 @@ const FileSystemReader apfsReader {
     .isConfirmed = nullptr,
     .confirmsBackups = false,
     .findVolumes = findVolumes,
-    .rebuildVolumes = nullptr,
+    .rebuildVolumes = APFSRebuild::rebuildVolumes,
     .findLostFolders = findLostFolders,
+    .findSnapshots = APFSParser::snapshots,
     .addUsedRanges = APFSParser::addUsedRanges,
 };

@@ -1,6 +1,7 @@
 #include "VintrelCore/FileSystems/APFS/Records.h"
 
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
+#include "VintrelCore/Foundation/Decmpfs.h"
 
 #include <algorithm>
 #include <tuple>
@@ -59,16 +60,17 @@ bool APFSFileRecords::Inode::isFolder() const { return (mode & modeMask) == fold
 
 bool APFSFileRecords::Inode::isSymlink() const { return (mode & modeMask) == symlinkMode; }
 
-APFSFileRecords::Text APFSFileRecords::keep(ByteView bytes)
+APFSFileRecords::Text APFSFileRecords::keep(ByteView text) { return keepBytes(untilZero(text)); }
+
+APFSFileRecords::Text APFSFileRecords::keepBytes(ByteView bytes)
 {
-    const auto text = untilZero(bytes).span();
-    const Text kept { texts_.size(), static_cast<std::uint16_t>(text.size()) };
-    texts_.append(text.begin(), text.end());
+    const Text kept { texts_.size(), static_cast<std::uint16_t>(bytes.size()) };
+    texts_.append(bytes.span().begin(), bytes.span().end());
     return kept;
 }
 
 void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed,
-    LeafVersion leaf, const std::function<bool(std::uint64_t id)>& isWanted)
+    LeafVersion leaf, const IsWanted& isWanted)
 {
     // Records do not share bytes. Where they seem to, a small node could ask for any amount of
     // memory.
@@ -80,7 +82,7 @@ void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHas
         if (key.size() < sizeof(RecordKey) || bytesLeft == 0)
             return;
         bytesLeft -= key.size() + value.size();
-        if (!isWanted || isWanted(subjectOf(key, value)))
+        if (!isWanted || isWanted(subjectOf(key, value), key))
             addRecord(key, value, isHashed, leaf);
     });
 }
@@ -149,6 +151,7 @@ void APFSFileRecords::addInode(std::uint64_t id, ByteView value, LeafVersion lea
         .size = 0,
         .created = stored->created,
         .modified = stored->modified,
+        .changed = stored->changed,
         .name = {},
         .mode = stored->mode,
         .isSparse = (stored->internalFlags & sparseFlag) != 0,
@@ -194,16 +197,21 @@ void APFSFileRecords::addAttribute(std::uint64_t id, ByteView key, ByteView valu
         return name.size() == text.size() + 1 && name.matches(text, 0);
     };
     Attribute attribute { id, leaf, {}, 0, {} };
+    const auto stream = (head->flags & streamFlag) != 0
+        ? value.load<AttributeStream>(sizeof(AttributeValue)).value_or(AttributeStream {})
+        : AttributeStream {};
+    attribute.streamID = stream.owner;
     if (is("com.apple.fs.symlink")) {
         attribute.kind = Attribute::Kind::symlink;
-        attribute.target = keep(content);
+        attribute.content = keep(content);
     } else if (is("com.apple.decmpfs")) {
         attribute.kind = Attribute::Kind::compression;
-        const auto header = content.load<CompressionHeader>(0);
-        if (header && header->magic == compressionMagic)
-            attribute.size = header->uncompressedSize;
+        attribute.size = Decmpfs::sizeIn(content).value_or(0);
+        attribute.content = keepBytes(content);
     } else if (is("com.apple.ResourceFork")) {
         attribute.kind = Attribute::Kind::resourceFork;
+        attribute.size = attribute.streamID != 0 ? std::uint64_t { stream.size } : content.size();
+        attribute.content = keepBytes(content);
     } else {
         return;
     }
@@ -228,8 +236,8 @@ void APFSFileRecords::sort()
             < std::tuple(other.owner, other.logical, one.leaf.xid, other.block);
     });
     std::ranges::sort(attributes_, [](const Attribute& one, const Attribute& other) {
-        return std::tuple(one.id, one.kind, other.leaf.xid, one.target.at)
-            < std::tuple(other.id, other.kind, one.leaf.xid, other.target.at);
+        return std::tuple(one.id, one.kind, other.leaf.xid, one.content.at)
+            < std::tuple(other.id, other.kind, one.leaf.xid, other.content.at);
     });
     const auto sameAttribute = [](const Attribute& one, const Attribute& other) {
         return one.id == other.id && one.kind == other.kind;

@@ -25,7 +25,12 @@ public:
         std::uint64_t xid = 0; ///< the transaction that wrote it
         /// Nothing that it names is given up as long as the snapshot is there.
         bool isHeldBySnapshot = false;
+        /// It steps in for a newer one that cannot be read.
+        bool isStandIn = false;
     };
+
+    /// Says by the object that a record is about and by its key whether it is kept.
+    using IsWanted = std::function<bool(std::uint64_t id, ByteView key)>;
 
     struct Inode {
         std::uint64_t id = 0;
@@ -35,6 +40,7 @@ public:
         std::uint64_t size = 0;
         std::uint64_t created = 0; ///< as stored
         std::uint64_t modified = 0;
+        std::uint64_t changed = 0;
         Text name; ///< the one that it was given last; a hard link has others
         std::uint16_t mode = 0;
         bool isSparse = false;
@@ -71,14 +77,15 @@ public:
         std::uint64_t id = 0;
         LeafVersion leaf;
         Kind kind {};
-        std::uint64_t size = 0; ///< of the file, without compression
-        Text target;            ///< of the link
+        std::uint64_t size = 0;     ///< of the file without compression, or of the fork
+        Text content;               ///< the link's target, or as it is stored in the record
+        std::uint64_t streamID = 0; ///< the owner of the extents that have it; 0: the record has it
     };
 
-    /// Adds what a leaf holds of the objects that are wanted, all of them without `isWanted`.
+    /// Adds the records of a leaf that are wanted, all of them without `isWanted`.
     /// `isHashed`: its directory records have the hash of the name beside the name's length.
     void addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed, LeafVersion leaf,
-        const std::function<bool(std::uint64_t id)>& isWanted = {});
+        const IsWanted& isWanted = {});
 
     /// Makes the records ready for being looked up: by what they belong to, the newest version
     /// first, and of inodes and attributes the newest alone.
@@ -100,7 +107,8 @@ public:
     }
 
 private:
-    Text keep(ByteView bytes);
+    Text keep(ByteView text);
+    Text keepBytes(ByteView bytes);
     void addRecord(ByteView key, ByteView value, bool isHashed, LeafVersion leaf);
     void addInode(std::uint64_t id, ByteView value, LeafVersion leaf);
     void addExtendedFields(Inode& inode, ByteView value);

@@ -44,7 +44,7 @@ std::unique_ptr<APFSSpaceManager> APFSSpaceManager::load(
     APFSBlockReader& blocks, const ContainerSuperblock& superblock)
 {
     const auto mappings = readCheckpointMaps(blocks, superblock);
-    std::unique_ptr<APFSSpaceManager> manager(new APFSSpaceManager(blocks));
+    std::unique_ptr<APFSSpaceManager> manager(new APFSSpaceManager(blocks, superblock.object.xid));
     const auto object = manager->readObject(mappings, superblock.spaceManagerOID);
     const auto stored = ByteView(object).load<SpaceManager>(0);
     if (!stored || !manager->loadChunks(object, stored->devices[mainDevice]))
@@ -95,10 +95,18 @@ Bytes APFSSpaceManager::readObject(const MappingByOID& mappings, std::uint64_t o
     }
     const auto manager = ByteView(object).load<SpaceManager>(0);
     if (!manager || !APFSParser::checksumOK(object)
-        || typeOf(manager->object) != ObjectType::spaceManager || manager->object.oid != oid
+        || typeOf(manager->object) != ObjectType::spaceManager
+        || !isOfCheckpoint(manager->object, oid)
         || manager->blocksPerChunk != blocks_.blockSize() * 8)
         return {};
     return object;
+}
+
+/// Every checkpoint writes all ephemeral objects anew. An older one in the same place would call
+/// free what is in use by now.
+bool APFSSpaceManager::isOfCheckpoint(const ObjectHeader& object, std::uint64_t oid) const
+{
+    return object.oid == oid && object.xid == xid_;
 }
 
 /// Small containers have the addresses of the chunk-info blocks in the space manager itself.
@@ -121,7 +129,7 @@ bool APFSSpaceManager::loadChunkAddresses(std::uint64_t number)
     if (!blocks_.read(number, block) || !APFSParser::checksumOK(block))
         return false;
     const auto head = *ByteView(block).load<ChunkBlock>(0);
-    if (typeOf(head.object) != ObjectType::chunkAddresses)
+    if (typeOf(head.object) != ObjectType::chunkAddresses || head.object.oid != number)
         return false;
     for (std::uint32_t entry = 0; entry < head.count; ++entry) {
         const auto info = entryOf<LE64>(block, sizeof(ChunkBlock), entry);
@@ -137,13 +145,16 @@ bool APFSSpaceManager::loadChunkInfo(std::uint64_t number)
     if (!blocks_.read(number, block) || !APFSParser::checksumOK(block))
         return false;
     const auto head = *ByteView(block).load<ChunkBlock>(0);
-    if (typeOf(head.object) != ObjectType::chunkInfo)
+    if (typeOf(head.object) != ObjectType::chunkInfo || head.object.oid != number)
         return false;
     for (std::uint32_t entry = 0; entry < head.count; ++entry) {
         const auto chunk = entryOf<ChunkInfo>(block, sizeof(ChunkBlock), entry);
         if (!chunk)
             return false;
-        chunks_[chunk->firstBlock / blocksPerChunk_].bitmapBlock = chunk->bitmapBlock;
+        auto& kept = chunks_[chunk->firstBlock / blocksPerChunk_];
+        kept.bitmapBlock = chunk->bitmapBlock;
+        kept.blockCount = chunk->blockCount;
+        kept.freeCount = chunk->freeCount;
     }
     return true;
 }
@@ -161,7 +172,10 @@ void APFSSpaceManager::loadFreeQueue(const MappingByOID& mappings, std::uint64_t
         if (mapping == mappings.end() || !visited.insert(oid).second
             || !blocks_.read(mapping->second.block, block))
             continue;
-        const bool isLeaf = ByteView(block).load<NodeHeader>(0)->level == 0;
+        const auto header = *ByteView(block).load<NodeHeader>(0);
+        if (!isOfCheckpoint(header.object, oid) || header.object.subtype != ObjectType::freeQueue)
+            continue;
+        const bool isLeaf = header.level == 0;
         std::uint64_t room = blocks_.blockSize() / minEntrySize;
         APFSNodes::forEachRecord(block, blocks_.blockSize(),
             { sizeof(FreeQueueKey), sizeof(FreeQueueValue) },
@@ -186,7 +200,18 @@ void APFSSpaceManager::addFreed(ByteView key, std::optional<ByteView> value)
         freed_.add({ first, first + count });
 }
 
-/// Not counted against what may be read: each bitmap is read once. It has no checksum.
+/// A bitmap has no checksum, but its chunk says how many of its blocks are free.
+bool APFSSpaceManager::agreesWithCount(const Chunk& chunk)
+{
+    if (chunk.blockCount > chunk.bitmap.size() * 8)
+        return false;
+    std::uint64_t used = 0;
+    for (std::uint32_t block = 0; block < chunk.blockCount; ++block)
+        used += chunk.bitmap[block / 8] >> block % 8 & 1;
+    return chunk.blockCount - used == chunk.freeCount;
+}
+
+/// Not counted against what may be read: each bitmap is read once.
 void APFSSpaceManager::readBitmap(Chunk& chunk)
 {
     if (std::exchange(chunk.isRead, true) || chunk.bitmapBlock == 0)
@@ -194,7 +219,8 @@ void APFSSpaceManager::readBitmap(Chunk& chunk)
     const auto offset = blocks_.offsetOf(chunk.bitmapBlock);
     chunk.bitmap.resize(static_cast<std::size_t>(blocks_.blockSize()));
     chunk.isLost = !offset
-        || blocks_.source().readReporting(*offset, std::span(chunk.bitmap), ReadMode::thorough) > 0;
+        || blocks_.source().readReporting(*offset, std::span(chunk.bitmap), ReadMode::thorough) > 0
+        || !agreesWithCount(chunk);
     if (!chunk.isLost)
         return;
     ++lostBitmaps_;
@@ -255,8 +281,10 @@ bool APFSSpaceManager::addAllocated(std::vector<APFSBlocks>& allocated)
         if (!isComplete)
             break;
         addAllocatedIn(*chunk, number, allocated);
-        if (!wasRead) // all bitmaps together are large
-            kept->second = { kept->second.bitmapBlock, false, false, {} };
+        if (!wasRead) { // all bitmaps together are large
+            kept->second.isRead = false;
+            kept->second.bitmap = {};
+        }
     }
     if (!isComplete)
         allocated.resize(before);

@@ -38,16 +38,18 @@ public:
 private:
     struct Chunk {
         std::uint64_t bitmapBlock = 0;
+        std::uint32_t blockCount = 0, freeCount = 0;
         bool isRead = false;
-        bool isLost = false; ///< the bitmap cannot be read
+        bool isLost = false; ///< the bitmap cannot be read, or has another number of free blocks
         Bytes bitmap;        ///< empty: all blocks are free, or not known
     };
 
     /// Of ephemeral objects, by oid.
     using MappingByOID = std::unordered_map<std::uint64_t, APFSFormat::CheckpointMapping>;
 
-    explicit APFSSpaceManager(APFSBlockReader& blocks)
+    APFSSpaceManager(APFSBlockReader& blocks, std::uint64_t xid)
         : blocks_(blocks)
+        , xid_(xid)
     {
     }
 
@@ -60,6 +62,8 @@ private:
     bool loadChunkInfo(std::uint64_t number);
     void loadFreeQueue(const MappingByOID& mappings, std::uint64_t rootOID);
     void addFreed(ByteView key, std::optional<ByteView> value);
+    bool isOfCheckpoint(const APFSFormat::ObjectHeader& object, std::uint64_t oid) const;
+    static bool agreesWithCount(const Chunk& chunk);
     void readBitmap(Chunk& chunk);
     /// The chunk with this number, its bitmap read; null when nothing says what it uses.
     const Chunk* readableChunk(std::uint64_t number);
@@ -68,6 +72,7 @@ private:
     void addUnlessFreed(APFSBlocks blocks, std::vector<APFSBlocks>& allocated) const;
 
     APFSBlockReader& blocks_;
+    const std::uint64_t xid_; // of the checkpoint
     std::uint64_t blocksPerChunk_ = 0;
     std::unordered_map<std::uint64_t, Chunk> chunks_; // by their number
     APFSBlockRanges freed_;

@@ -27,6 +27,7 @@ constexpr std::uint16_t node = 3;
 constexpr std::uint16_t spaceManager = 5;
 constexpr std::uint16_t chunkAddresses = 6;
 constexpr std::uint16_t chunkInfo = 7;
+constexpr std::uint16_t freeQueue = 9; ///< only as a subtype
 constexpr std::uint16_t objectMap = 11;
 constexpr std::uint16_t checkpointMap = 12;
 constexpr std::uint16_t volumeSuperblock = 13;
@@ -218,21 +219,26 @@ struct VolumeSuperblock {
     std::array<std::uint8_t, 64> counts;     //   64
     LE64 objectMapOID;                       //  128
     LE64 rootTreeOID;                        //  136  virtual
-    std::array<std::uint8_t, 32> trees;      //  144
+    LE64 extentTreeOID, snapshotTreeOID;     //  144, 152  physical
+    LE64 revertXID, revertSuperblock;        //  160, 168
     LE64 nextObjectID;                       //  176
     std::array<std::uint8_t, 32> fileCounts; //  184
     LE64 snapshotCount;                      //  216
-    std::array<std::uint8_t, 32> more;       //  224
+    LE64 allocatedBlocks, freedBlocks;       //  224, 232
+    std::array<std::uint8_t, 16> uuid;       //  240
     LE64 lastModified;                       //  256
     LE64 flags;                              //  264
-    std::array<std::uint8_t, 432> makers;    //  272
+    std::array<std::uint8_t, 32> maker;      //  272  the program that formatted it
+    LE64 formatted, formattedXID;            //  304, 312  when
+    std::array<std::uint8_t, 384> changers;  //  320  programs that changed it
     std::array<char, 256> name;              //  704
     LE32 nextDocumentID;                     //  960
     LE16 role;                               //  964
     LE16 reserved;                           //  966
 };
 static_assert(sizeof(VolumeSuperblock) == 968 && offsetof(VolumeSuperblock, nextObjectID) == 176
-    && offsetof(VolumeSuperblock, flags) == 264 && offsetof(VolumeSuperblock, name) == 704);
+    && offsetof(VolumeSuperblock, flags) == 264 && offsetof(VolumeSuperblock, formatted) == 304
+    && offsetof(VolumeSuperblock, name) == 704);
 
 /// Whether the magic of a volume's superblock is right.
 inline bool isVolumeSuperblock(const VolumeSuperblock& superblock)
@@ -240,7 +246,7 @@ inline bool isVolumeSuperblock(const VolumeSuperblock& superblock)
     return superblock.magic == std::array { 'A', 'P', 'S', 'B' };
 }
 
-constexpr std::uint64_t unencryptedFlag = 1;
+constexpr std::uint64_t unencryptedFlag = 1; ///< of flags
 
 namespace IncompatibleFeature {
 constexpr std::uint64_t caseInsensitive = 0x01;
@@ -259,6 +265,7 @@ constexpr std::uint64_t objectIDMask = 0x0FFF'FFFF'FFFF'FFFF;
 constexpr int recordKindShift = 60;
 
 namespace RecordKind {
+constexpr std::uint64_t snapshot = 1; ///< in the tree of snapshots
 constexpr std::uint64_t inode = 3;
 constexpr std::uint64_t attribute = 4;
 constexpr std::uint64_t siblingLink = 5;
@@ -383,15 +390,25 @@ struct AttributeValue {
 };
 static_assert(sizeof(AttributeValue) == 4);
 
+/// The value of a snapshot's record, j_snap_metadata_val_t; the name follows. The number in the
+/// record's key is the transaction.
+struct SnapshotValue {
+    LE64 extentTree, superblock; //  0, 8  blocks
+    LE64 created, changed;       // 16, 24
+    LE64 inode;                  // 32
+    LE32 extentTreeType, flags;  // 40, 44
+    LE16 nameLength;             // 48
+};
+static_assert(sizeof(SnapshotValue) == 50);
+
 constexpr std::uint16_t embeddedFlag = 2; ///< of an attribute: the content follows
 
-/// The head of the attribute of a compressed file. The reference leaves it out: it is the
-/// decmpfs_disk_header of macOS.
-struct CompressionHeader {
-    LE32 magic, type;      // 0, 4
-    LE64 uncompressedSize; // 8
+constexpr std::uint16_t streamFlag = 1; ///< of an attribute: an `AttributeStream` follows
+
+/// j_xattr_dstream_t, as far as it is used.
+struct AttributeStream {
+    LE64 owner, size; // 0, 8  the extents' owner, and bytes
 };
-static_assert(sizeof(CompressionHeader) == 16);
-constexpr std::uint32_t compressionMagic = 0x636D7066;
+static_assert(sizeof(AttributeStream) == 16);
 
 } // namespace APFSFormat

@@ -9,8 +9,24 @@
 
 #include <algorithm>
 #include <tuple>
+#include <unordered_set>
 
 using namespace APFSFormat;
+
+APFSSameFiles::APFSSameFiles(const FileNode& root)
+{
+    root.forEachDescendant([&](const FileNode& node, std::size_t) {
+        if (!node.isDirectory() && node.status == EntryStatus::existing)
+            files_.emplace(node.fsID, &node);
+    });
+}
+
+bool APFSSameFiles::contains(const FileNode& file) const
+{
+    const auto same = files_.find(file.fsID);
+    return same != files_.end() && same->second->size == file.size
+        && same->second->data == file.data;
+}
 
 std::string APFSFileTree::displayed(std::string_view stored)
 {
@@ -87,15 +103,16 @@ std::vector<APFSFileRecords::Link> APFSFileTree::namesOf(
     return names;
 }
 
-void APFSFileTree::addExisting(const APFSFileRecords& live)
+/// The nodes of all objects, which have no folders yet.
+std::vector<APFSFileTree::NewNode> APFSFileTree::makeTree(
+    const APFSFileRecords& records, EntryStatus status)
 {
     std::vector<NewNode> added;
     std::vector<APFSKnownObjects::Object> found;
-    forEachObject(live, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
+    forEachObject(records, [&](std::uint64_t id, const Inode* inode, std::span<const Link> links) {
         found.push_back({ id, inode != nullptr ? inode->created : 0 });
-        for (const auto& link : namesOf(live, inode, links, States::one)) {
-            added.push_back(
-                { id, link.parent, makeNode(live, nullptr, inode, link, EntryStatus::existing) });
+        for (const auto& link : namesOf(records, inode, links, States::one)) {
+            added.push_back({ id, link.parent, makeNode(records, nullptr, inode, link, status) });
             if (added.back().node->isDirectory()) { // has one name
                 addFolder(id, *added.back().node);
                 break;
@@ -103,7 +120,14 @@ void APFSFileTree::addExisting(const APFSFileRecords& live)
         }
     });
     known_.add(found);
-    addInUse(live);
+    return added;
+}
+
+void APFSFileTree::addTree(const APFSFileRecords& live, EntryStatus status)
+{
+    auto added = makeTree(live, status);
+    if (status == EntryStatus::existing)
+        addInUse(live);
     hang(std::move(added));
     if (const auto* inode = live.inode(rootFolderID)) {
         root_.created = TimeConversion::fromAPFS(inode->created);
@@ -111,13 +135,58 @@ void APFSFileTree::addExisting(const APFSFileRecords& live)
     }
 }
 
+void APFSFileTree::addDifferent(const APFSFileRecords& records, const APFSSameFiles& living)
+{
+    auto added = makeTree(records, EntryStatus::existing);
+    std::unordered_map<std::uint64_t, std::uint64_t> parents; // of folders
+    for (const auto& file : added)
+        if (file.node->isDirectory())
+            parents.emplace(file.id, file.parent);
+    std::unordered_set<std::uint64_t> wanted; // folders
+    for (const auto& file : added) {
+        if (file.node->isDirectory() || living.contains(*file.node))
+            continue;
+        auto folder = file.parent;
+        while (wanted.insert(folder).second && parents.contains(folder))
+            folder = parents.at(folder);
+    }
+    std::erase_if(added, [&](const NewNode& file) {
+        const bool isWanted
+            = file.node->isDirectory() ? wanted.contains(file.id) : !living.contains(*file.node);
+        if (!isWanted && file.node->isDirectory())
+            folders_.erase(file.id);
+        return !isWanted;
+    });
+    hang(std::move(added));
+}
+
 void APFSFileTree::addInUse(const APFSFileRecords& live)
 {
     const auto& blocks = state_.blocks();
     for (const auto& extent : live.extents())
-        if (blocks.isValid(extent.block) && extent.length > 0)
+        if (blocks.isValid(extent.block) && extent.length > 0 && !extent.leaf.isStandIn)
             state_.chances().addInUse(
                 { extent.block, extent.block + unitsFor(extent.length, blocks.blockSize()) });
+}
+
+/// Whether a deleted file lay in other blocks than the one that has its name now: programs that
+/// save write a new file and give it the name of the old one.
+bool APFSFileTree::hasOtherBlocks(const APFSFileRecords& old, const Inode& inode,
+    const APFSFileRecords& live, std::uint64_t liveID)
+{
+    const auto* replacement = live.inode(liveID);
+    if (inode.isFolder() || (replacement != nullptr && replacement->isFolder()))
+        return false;
+    const auto now = replacement != nullptr ? live.extentsOf(replacement->privateID)
+                                            : std::span<const APFSFileRecords::Extent>();
+    const auto isShared = [&](const APFSFileRecords::Extent& extent) {
+        const auto same
+            = std::ranges::lower_bound(now, extent.logical, {}, &APFSFileRecords::Extent::logical);
+        return extent.block == 0
+            || (same != now.end() && same->logical == extent.logical
+                && same->block == extent.block);
+    };
+    return !std::ranges::all_of(old.extentsOf(inode.privateID), isShared);
 }
 
 void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords& live)
@@ -144,7 +213,8 @@ void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords&
             // What was in a folder that was made anew hangs there.
             if (const auto folder = folders_.find((*same)->id); folder != folders_.end())
                 addFolder(id, *folder->second);
-            return;
+            if (inode == nullptr || !hasOtherBlocks(old, *inode, live, (*same)->id))
+                return;
         }
         added.push_back(
             { id, name.parent, makeNode(old, &live, inode, name, EntryStatus::deleted) });
@@ -293,5 +363,7 @@ std::unique_ptr<FileNode> APFSFileTree::makeNode(const APFSFileRecords& records,
     node->modified = TimeConversion::fromAPFS(inode->modified);
     if (!isFolder)
         content_.fill(*node, records, live, *inode);
+    if (link.leaf.isStandIn || inode->leaf.isStandIn)
+        noteDoubts(*node, Doubt::olderRecord);
     return node;
 }

@@ -15,6 +15,19 @@
 #include <unordered_map>
 #include <vector>
 
+/// The files that a volume lists as existing, by their numbers: what a snapshot has in common with
+/// them is not listed again. The volume must outlive it.
+class APFSSameFiles {
+public:
+    explicit APFSSameFiles(const FileNode& root);
+
+    /// Whether one of them has the number, size and content of this one.
+    bool contains(const FileNode& file) const;
+
+private:
+    std::unordered_map<std::uint64_t, const FileNode*> files_;
+};
+
 /// Hangs files and folders on the tree of a volume: first those that exist, then deleted ones, each
 /// object once. Used by one thread at a time.
 class APFSFileTree {
@@ -22,10 +35,13 @@ public:
     /// `known`: takes the objects that are listed. None of the three may die before the tree.
     APFSFileTree(APFSContainerState& state, APFSKnownObjects& known, FileNode& root);
 
-    /// Adds what exists. To be called once, and first.
-    void addExisting(const APFSFileRecords& live);
-    /// Adds what older states of the tree list, and what exists lacks: its number, and a thing of
-    /// its name in its folder.
+    /// Adds the newest state of the tree: what exists or, of a deleted volume, what existed last.
+    /// To be called once, and first.
+    void addTree(const APFSFileRecords& live, EntryStatus status);
+    /// Adds the files of a snapshot that are others than the living ones, with their folders.
+    void addDifferent(const APFSFileRecords& records, const APFSSameFiles& living);
+    /// Adds what older states of the tree list, and what exists lacks: its number, and in its
+    /// folder a thing of its name or, of a file, of its name and blocks.
     void addDeleted(const APFSFileRecords& old, const APFSFileRecords& live);
     /// Adds files and folders that are not known yet to `orphans`, below copies of their folders
     /// where these are known.
@@ -58,6 +74,9 @@ private:
         std::span<const Link> links, States states);
     std::unique_ptr<FileNode> makeNode(const APFSFileRecords& records, const APFSFileRecords* live,
         const Inode* inode, const Link& link, EntryStatus status);
+    std::vector<NewNode> makeTree(const APFSFileRecords& records, EntryStatus status);
+    static bool hasOtherBlocks(const APFSFileRecords& old, const Inode& inode,
+        const APFSFileRecords& live, std::uint64_t liveID);
     void addInUse(const APFSFileRecords& live);
     void addFolder(std::uint64_t id, FileNode& node) { folders_.emplace(id, &node); }
     ParentLinks linksBetween(const std::vector<NewNode>& added) const;

@@ -19,6 +19,7 @@ constexpr std::ptrdiff_t maxVersionsTried
 struct WaitingNode {
     std::uint64_t oid;
     int depth;
+    bool isAboveLeaf = true; ///< as its parent says
 };
 
 /// The shortest key and value that an index entry can have.
@@ -31,14 +32,15 @@ bool precedes(const APFSObjectVersion& one, const APFSObjectVersion& other)
 
 } // namespace
 
-APFSTreeHistory::APFSTreeHistory(
-    APFSContainerState& state, const VolumeSuperblock& superblock, std::uint64_t volumeOID)
+APFSTreeHistory::APFSTreeHistory(APFSContainerState& state, const VolumeSuperblock& superblock,
+    std::uint64_t volumeOID, std::uint64_t xid)
     : state_(state)
     , volumeOID_(volumeOID)
+    , xid_(xid)
     , hasSnapshots_(superblock.snapshotCount != 0)
 {
-    state_.volumeMaps().forEachVersion(superblock.objectMapOID, state_.checkpoints().xid(),
-        [&](const Version& version) { live_.push_back(version); });
+    isLiveMapWhole_ = state_.volumeMaps().forEachVersion(superblock.objectMapOID,
+        state_.checkpoints().xid(), [&](const Version& version) { live_.push_back(version); });
     std::ranges::sort(live_, precedes);
 }
 
@@ -58,7 +60,7 @@ void APFSTreeHistory::loadOlderMaps()
 /// The version of a node that the live tree has; none when it has none, or it is deleted.
 const APFSObjectVersion* APFSTreeHistory::liveVersion(std::uint64_t oid) const
 {
-    const Version newest { oid, state_.checkpoints().xid(), ~std::uint64_t { 0 } };
+    const Version newest { oid, xid_, ~std::uint64_t { 0 } };
     const auto behind = std::ranges::upper_bound(live_, newest, precedes);
     if (behind == live_.begin() || std::prev(behind)->oid != oid || std::prev(behind)->isDeleted)
         return nullptr;
@@ -73,7 +75,7 @@ bool APFSTreeHistory::readNode(std::uint64_t block, std::uint64_t oid, Bytes& no
     const auto type = typeOf(header.object);
     return (type == ObjectType::rootNode || type == ObjectType::node)
         && header.object.subtype == ObjectType::fileSystemTree && header.object.oid == oid
-        && header.object.xid <= state_.checkpoints().xid() && APFSParser::checksumOK(node);
+        && header.object.xid <= xid_ && APFSParser::checksumOK(node);
 }
 
 std::optional<std::uint64_t> APFSTreeHistory::readLiveVersion(std::uint64_t oid, Bytes& node)
@@ -108,21 +110,24 @@ APFSTreeHistory::LiveLeaves APFSTreeHistory::findLiveLeaves(std::uint64_t rootOI
     bool isCut = false;
     Bytes node;
     while (!waiting.empty()) {
-        const auto [oid, depth] = waiting.back();
+        const auto [oid, depth, isAboveLeaf] = waiting.back();
         waiting.pop_back();
         if (depth > maxDepth || !visited.insert(oid).second)
             continue;
         auto block = readLiveVersion(oid, node);
-        if (!block) {
+        const bool isLive = block.has_value();
+        if (!isLive) {
             found.isDamaged = true;
             block = readOlderVersion(oid, node);
         }
-        if (!block) {
-            isCut = true;
+        const auto level = block ? ByteView(node).load<NodeHeader>(0)->level : LE16 {};
+        if (!isLive && level == 0 && (block || !isAboveLeaf))
+            found.lost.insert(oid);
+        // What is newer than an older index is not in it.
+        isCut = isCut || !isLive;
+        if (!block || (!isLive && level == 0))
             continue;
-        }
-        state_.chances().addInUse({ *block, *block + 1 });
-        const auto level = ByteView(node).load<NodeHeader>(0)->level;
+        found.indexBlocks.push_back(*block);
         if (level == 0) {
             found.leaves.push_back({ *block, oid });
             continue;
@@ -140,7 +145,7 @@ APFSTreeHistory::LiveLeaves APFSTreeHistory::findLiveLeaves(std::uint64_t rootOI
                 if (level == 1 && version != nullptr && visited.insert(child).second)
                     found.leaves.push_back({ version->block, child });
                 else
-                    waiting.push_back({ child, depth + 1 });
+                    waiting.push_back({ child, depth + 1, level > 1 });
             });
     }
     if (isCut)
@@ -149,6 +154,67 @@ APFSTreeHistory::LiveLeaves APFSTreeHistory::findLiveLeaves(std::uint64_t rootOI
                 found.leaves.push_back({ version.block, version.oid });
     std::ranges::sort(found.leaves, {}, &Leaf::block);
     return found;
+}
+
+APFSTreeHistory::LostKeys APFSTreeHistory::findLostKeys(
+    std::uint64_t rootOID, const std::unordered_set<std::uint64_t>& lost, bool isHashed)
+{
+    struct WaitingRange {
+        std::uint64_t oid;
+        int depth;
+        APFSKeyRange keys;
+    };
+    LostKeys found;
+    std::vector<APFSKeyRange> cut; // where the index is not the newest one, or none
+    std::unordered_set<std::uint64_t> visited;
+    std::vector<WaitingRange> waiting { { rootOID, 0, {} } };
+    Bytes node;
+    while (!waiting.empty()) {
+        const auto [oid, depth, keys] = std::move(waiting.back());
+        waiting.pop_back();
+        if (depth > maxDepth || !visited.insert(oid).second)
+            continue;
+        if (lost.contains(oid)) {
+            found.keys.add(keys);
+            continue;
+        }
+        const bool isLive = readLiveVersion(oid, node).has_value();
+        if (!isLive)
+            cut.push_back(keys);
+        if (!isLive && !readOlderVersion(oid, node))
+            continue;
+        if (ByteView(node).load<NodeHeader>(0)->level != 0)
+            for (auto& child : childrenOf(node, keys, isHashed))
+                waiting.push_back({ child.oid, depth + 1, std::move(child.keys) });
+    }
+    const auto isPlaced = [&](std::uint64_t oid) { return visited.contains(oid); };
+    found.isIndexLost = !cut.empty() && (!isLiveMapWhole_ || !std::ranges::all_of(lost, isPlaced));
+    if (found.isIndexLost)
+        for (const auto& keys : cut)
+            found.keys.add(keys);
+    return found;
+}
+
+/// The nodes that one of the index leads to, with the keys of each.
+std::vector<APFSTreeHistory::Child> APFSTreeHistory::childrenOf(
+    ByteView node, const APFSKeyRange& keys, bool isHashed) const
+{
+    std::vector<Child> children;
+    std::uint64_t room = state_.blocks().blockSize() / minEntrySize;
+    APFSNodes::forEachRecord(
+        node, state_.blocks().blockSize(), {}, [&](ByteView key, std::optional<ByteView> value) {
+            if (!value || room == 0)
+                return;
+            --room;
+            auto first = APFSTreeKey::decode(key, isHashed);
+            if (!children.empty())
+                children.back().keys.end = first;
+            children.push_back(
+                { value->u64le(offsetof(IndexValue, child)), { std::move(first), keys.end } });
+        });
+    if (!children.empty())
+        children.front().keys.first = keys.first;
+    return children;
 }
 
 std::vector<APFSTreeHistory::Leaf> APFSTreeHistory::unreadNodes()

@@ -34,7 +34,7 @@ TEST(APFSChances, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
             + file(31, 16, "delvis", blocks[2]) + file(32, 16, "genbrugt", blocks[3])
             + file(33, 16, "i kø", blocks[4]) + image.folder(17, 2, "væk")
             + file(34, 17, "inde", blocks[5]) + file(35, 16, "ukendt", 0)
-            + file(36, 999, "løs", blocks[5]) + file(37, 2, "igen", blocks[5])
+            + file(36, 999, "løs", blocks[5]) + file(37, 2, "igen", blocks[0])
             + file(38, 16, "i brug", blocks[0]) });
     for (const auto i : { 1u, 2u, 3u, 5u, 6u })
         for (const auto block : { blocks[i], blocks[i] + 1 })
@@ -42,7 +42,7 @@ TEST(APFSChances, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
     image.setAllocated(blocks[2] + 1);
     image.setAllocated(blocks[3]);
     image.freeQueue = { { blocks[4], 1 }, { blocks[4] + 1, 1 } };
-    image.commit({ kept + file(21, 2, "ny", 0) + file(50, 2, "igen", 0), {} });
+    image.commit({ kept + file(21, 2, "ny", 0) + file(50, 2, "igen", blocks[0]), {} });
 
     const std::pair<const char*, const char*> expected[] = { { "/mappe/hel", "God" },
         { "/mappe/delvis", "Delvis: Dele af filen kan være overskrevet" },
@@ -60,7 +60,7 @@ TEST(APFSChances, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
     EXPECT_EQ(disk["/mappe/hel"].data, // of the newest state, and what only an older one knows
         FileData(ExtentList { { image.offsetOf(blocks[1]), blockSize },
             { image.offsetOf(blocks[6] + 1), blockSize } }));
-    // What was renamed, and what has its name again, is not listed a second time.
+    // What was renamed, and what has its name and blocks again, is not listed a second time.
     EXPECT_EQ(disk["/igen"].status, EntryStatus::existing);
     EXPECT_EQ(disk.volume->root->totals().files, 11u) << disk.names();
     EXPECT_TRUE(disk.volume->notes.empty());
@@ -81,6 +81,55 @@ TEST(APFSChances, JudgesDeletedFilesByWhatTheirBlocksAreUsedForNow)
     EXPECT_EQ(chance(partly["/mappe/i kø"]), "God") << "the queue alone says that it is free";
     EXPECT_EQ(partly.volume->notes,
         Notes { "Dele af oversigten over ledig plads kunne ikke læses (4096 bytes)." });
+}
+
+TEST(APFSChances, AFileThatWasReplacedByOneOfItsNameIsListedBesideIt)
+{
+    APFSImage image({});
+    const auto before = patternBytes(blockSize, 1);
+    const auto after = patternBytes(blockSize, 2);
+    const auto old = image.store(before);
+    const auto kept = image.file({ .id = 22, .parent = 2, .name = "tom" });
+    image.commit(
+        { kept + image.file({ .id = 20, .parent = 2, .name = "brev", .size = blockSize }, old) });
+    image.setFree(old);
+    const auto now = image.store(after);
+    image.commit({ image.file({ .id = 23, .parent = 2, .name = "tom" })
+        + image.file({ .id = 21, .parent = 2, .name = "brev", .size = blockSize }, now) });
+    const auto disk = parse(image);
+    EXPECT_EQ(disk.names(), " /brev /brev /tom");
+    const auto files = disk.volume->root->files();
+    EXPECT_EQ(FileReader::readPrefix(*files[0], *disk.source, blockSize), after);
+    EXPECT_EQ(FileReader::readPrefix(*files[1], *disk.source, blockSize), before);
+    EXPECT_EQ(files[1]->status, EntryStatus::deleted);
+    EXPECT_EQ(chance(*files[1]), "God");
+}
+
+TEST(APFSChances, ADeletedVolumeIsListedByAnOlderCheckpoint)
+{
+    APFSImage image({ .volumes = 2 });
+    const auto content = patternBytes(blockSize);
+    const auto whole = image.store(content);
+    const auto reused = image.store(content);
+    image.commit({ image.file({ .id = 20, .parent = 2, .name = "bliver" }) });
+    image.commit(
+        { image.folder(16, 2, "mappe")
+            + image.file({ .id = 21, .parent = 16, .name = "hel", .size = blockSize }, whole)
+            + image.file({ .id = 22, .parent = 16, .name = "væk", .size = blockSize }, reused) },
+        1);
+    image.setFree(whole);
+    image.deleteLastVolume();
+    auto source = image.source();
+    auto volumes = APFSParser::parse(*source, 0, "prøve", nullptr);
+    ASSERT_EQ(volumes.size(), 2u);
+    EXPECT_EQ(volumes[0]->origin, "prøve");
+    EXPECT_EQ(volumes[1]->origin, "prøve, slettet APFS-volumen");
+    const Parsed deleted { std::move(source), std::move(volumes[1]) };
+    EXPECT_EQ(deleted.names(), " /mappe /mappe/hel /mappe/væk");
+    EXPECT_EQ(deleted.volume->root->totals().deleted, 2u);
+    EXPECT_EQ(deleted.content("/mappe/hel"), content);
+    EXPECT_EQ(chance(deleted["/mappe/hel"]), "God");
+    EXPECT_EQ(chance(deleted["/mappe/væk"]), "Ringe: Blokkene er genbrugt af andre filer");
 }
 
 TEST(APFSChances, OfDeletedFilesInTheSameBlocksTheLastOneHasThem)
@@ -232,6 +281,42 @@ TEST(APFSChances, TheSpaceManagerFindsChunksByThemselvesAndByAddressBlocks)
         EXPECT_EQ(chance(disk["/hel"]), "God");
         EXPECT_EQ(chance(disk["/genbrugt"]), "Ringe: Blokkene er genbrugt af andre filer");
     }
+}
+
+TEST(APFSChances, NothingIsCalledFreeByWhatIsDamagedOrOfAnotherCheckpoint)
+{
+    APFSImage image({});
+    const auto freed = image.store(patternBytes(blockSize));
+    image.commit({ image.file({ .id = 20, .parent = 2, .name = "fil", .size = 4096 }, freed) });
+    image.freeQueue = { { freed, 1 } };
+    image.commit({ {} });
+    ASSERT_EQ(chance(parse(image)["/fil"]), "God");
+    const auto area = 1 + APFSImage::descriptorBlocks + 2; // of the newest checkpoint's objects
+    const std::string unknown = "Ukendt: Det vides ikke, om pladsen er genbrugt";
+    const std::string reused = "Ringe: Blokkene er genbrugt af andre filer";
+    const struct {
+        const char* what;
+        std::uint64_t block, at, value;
+        std::string chance;
+    } rows[] = {
+        { "an older space manager", area, 16, 1, unknown },
+        { "an older queue", area + 1, 16, 1, reused },
+        { "another tree", area + 1, 28, 14, reused },
+    };
+    for (const auto& [what, block, at, value, expected] : rows) {
+        auto damaged = image;
+        putLE(damaged.bytes(), image.offsetOf(block) + at, value, 4);
+        damaged.sign(block);
+        EXPECT_EQ(chance(parse(damaged)["/fil"]), expected) << what;
+    }
+    image.freeQueue.clear();
+    image.setFree(freed);
+    image.commit({ {} });
+    ASSERT_EQ(chance(parse(image)["/fil"]), "God");
+    const auto bitmap = image.bytes().begin()
+        + static_cast<std::ptrdiff_t>(image.offsetOf(APFSImage::bitmapBlock));
+    std::fill_n(bitmap, blockSize, std::uint8_t { 0 });
+    EXPECT_EQ(chance(parse(image)["/fil"]), unknown) << "an emptied bitmap";
 }
 
 TEST(APFSChances, ASnapshotKeepsDeletedFilesWhole)

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <random>
 
 namespace {
@@ -110,6 +111,36 @@ TEST(APFS, TheNewestUsableCheckpointCounts)
     image.sign(first);
     breakChecksum(image, 0);
     EXPECT_EQ(parse(image).names(), " /før");
+}
+
+TEST(APFS, TheNewestSoundSuperblockSaysHowLargeBlocksAndContainerAre)
+{
+    const struct {
+        const char* what;
+        std::uint64_t at, value; // of the first block
+        bool isSigned;
+    } rows[] = {
+        { "grown since the first block was written", 40, 30, true },
+        { "a damaged count", 40, 30, false },
+        { "a damaged block size", 36, 8192, false },
+    };
+    for (const auto& [what, at, value, isSigned] : rows) {
+        SCOPED_TRACE(what);
+        APFSImage image({});
+        image.commit({ { image.file({ .id = 20, .parent = 2, .name = "fil" }) } });
+        putLE(image.bytes(), 16, 0, 8);
+        putLE(image.bytes(), at, value, 4);
+        if (isSigned) {
+            putLE(image.bytes(), 16, 1, 8); // as old as any
+            putLE(image.bytes(), image.offsetOf(image.superblock()) + 16, 2, 8);
+            image.sign(image.superblock());
+            image.sign(0);
+        }
+        const auto disk = parse(image);
+        ASSERT_TRUE(disk.volume);
+        EXPECT_EQ(disk.names(), " /fil");
+        EXPECT_EQ(disk.volume->size, 300 * blockSize);
+    }
 }
 
 TEST(APFS, CheckpointsOfAnEarlierContainerListNothing)
@@ -246,6 +277,40 @@ TEST(APFS, SaysWhatCannotBeRead)
     EXPECT_EQ(parse(encrypted).volume->notes,
         Notes { "Volumen er krypteret (FileVault). Filerne kan ikke læses uden at låse disken op i "
                 "macOS." });
+}
+
+TEST(APFS, TheNewestSoundSuperblockOfAVolumeCounts)
+{
+    APFSImage one({});
+    one.commit({ { one.file({ .id = 20, .parent = 2, .name = "en" }) } });
+    auto two = one;
+    two.commit({ { two.file({ .id = 20, .parent = 2, .name = "ny" }) } });
+    const auto flags = [](APFSImage& image) {
+        image.bytes()[image.offsetOf(image.volumeSuperblock()) + 264] = 0; // "encrypted"
+    };
+    const auto magic = [](APFSImage& image) {
+        image.bytes()[image.offsetOf(image.volumeSuperblock()) + 32] = 0;
+    };
+    const struct {
+        const APFSImage& image;
+        std::function<void(APFSImage&)> damage;
+        std::string names, note;
+    } rows[] = {
+        { two, flags, " /en",
+            "Volumens nyeste superblok er beskadiget. En ældre er brugt i stedet." },
+        { two, magic, " /en",
+            "Volumens nyeste superblok er beskadiget. En ældre er brugt i stedet." },
+        { one, flags, " /en", "Volumens superblok har forkert kontrolsum." },
+        { one, magic, "", "Volumens superblok er tabt. Volumens filer kan ikke læses uden den." },
+    };
+    for (const auto& [image, damage, names, note] : rows) {
+        auto damaged = image;
+        damage(damaged);
+        const auto disk = parse(damaged);
+        ASSERT_TRUE(disk.volume) << note;
+        EXPECT_EQ(disk.names(), names);
+        EXPECT_EQ(disk.volume->notes, Notes { note });
+    }
 }
 
 TEST(APFS, OlderVersionsStepInForDamagedNodes)
