@@ -35,6 +35,8 @@ constexpr Signature signatures[] = {
     { { 'I', 'I', 0x55, 0 }, all, image, Formats::tiff }, // 55: Panasonic
     { { 'I', 'I', 0x55, 0x4F }, all, image, Formats::tiff },
     { { 'M', 'M', 0, 0x2A }, all, image, Formats::tiff },
+    { { 'I', 'I', 0x2B, 0 }, all, image, Formats::bigTIFF },
+    { { 'M', 'M', 0, 0x2B }, all, image, Formats::bigTIFF },
     { { 'F', 'U', 'J', 'I' }, all, image, Formats::raf },
     { { 'R', 'a', 'r', '!' }, all, archive, Formats::rar },
     { { 'R', 'I', 'F', 'F' }, all, std::nullopt, Formats::riff },

@@ -57,7 +57,7 @@ TEST(Carver, LetsNoDeadBeginningHideWhatLiesThereNow)
     } cases[] = {
         { "an archive, and the end of another one", { zipHead, jpegFile(), jpegFile(), otherTail },
             "" },
-        { "a film", reused(filmHead), "avi@0~1894!" },
+        { "a film", reused(filmHead), "avi@0+5008!" },
         { "sound", reused(wave(900, 800)), "wav@0+908!" },
         { "sound without a length", reused(wave(0xFFFF'FFFF, 0xFFFF'FFFF)), "wav@0~512!" },
         { "sound without any", reused(wave(0, 0)), "wav@0~512!" },
@@ -106,6 +106,15 @@ TEST(Carver, FindsFilesWithoutTheUsualBeginning)
     auto elsewhere = quickTime;
     putBE(elsewhere, elsewhere.size() - 4, 2'000, 4);
     EXPECT_EQ(carve(elsewhere), "-") << "whose samples lie elsewhere";
+
+    const auto bigTIFF = [](std::uint64_t place) {
+        Content file;
+        file.text("II").le(43, 2).le(8, 2).zeros(2).le(1'016, 8).upTo(1'016, 7).le(2, 8);
+        file.le(0x0111, 2).le(16, 2).le(1, 8).le(place, 8);
+        return file.le(0x0117, 2).le(4, 2).le(1, 8).le(1'000, 8).zeros(8);
+    };
+    EXPECT_EQ(carve(bigTIFF(16)), "tif " + std::to_string(bigTIFF(16).size()));
+    EXPECT_EQ(carve(bigTIFF(16'000'000)), "-");
 
     const Bytes sound = Content()
                             .add(chunk("fmt ", Bytes(16)))

@@ -64,6 +64,7 @@ Found png(const Candidate& candidate);
 Found gif(const Candidate& candidate);
 Found bmp(const Candidate& candidate);
 Found tiff(const Candidate& candidate);
+Found bigTIFF(const Candidate& candidate);
 Found raf(const Candidate& candidate);
 Found riff(const Candidate& candidate);
 Found wideRIFF(const Candidate& candidate);

@@ -20,7 +20,7 @@ TEST(PDF, BelievesTheLengthThatALinearisedFileStates)
     const std::string head = "%PDF-1.4\n1 0 obj <</Linearized 1/L 300/H[ 1 2]>>\nendobj\n";
     auto linearised = head + std::string(300 - head.size() - 6, ' ') + "%%EOF\n";
     EXPECT_EQ(carve(bytesOf(linearised + "x xref %%EOF")), "pdf 300");
-    const std::string update = "9 0 obj\nendobj\nxref\n0 1\nstartxref\n316\n%%EOF";
+    const std::string update = "9 0 obj\nendobj\nxref\n0 1\nstartxref\n315\n%%EOF";
     EXPECT_EQ(carve(bytesOf(linearised + update)), "pdf ~" + std::to_string(300 + update.size()));
     linearised.replace(294, 5, "     ");
     EXPECT_EQ(carve(bytesOf(linearised)), "pdf ~300")
