@@ -81,6 +81,7 @@ private:
                 ++votes[offset - header->oid * blockSize];
         }
         std::vector<std::pair<std::size_t, std::uint64_t>> byVotes;
+        byVotes.reserve(votes.size());
         for (const auto& [start, count] : votes)
             byVotes.emplace_back(count, start);
         std::ranges::stable_sort(

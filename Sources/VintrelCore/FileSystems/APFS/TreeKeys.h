@@ -16,7 +16,8 @@ struct APFSTreeKey {
     std::uint64_t number = 0; ///< of an extent its logical address, of a name its hash and length
     std::string name {};
 
-    auto operator<=>(const APFSTreeKey&) const = default;
+    auto operator<=>(
+        const APFSTreeKey&) const = default; // NOLINT(modernize-use-nullptr): what = default makes
 
     /// `isHashed`: directory records have the hash of their name before it.
     static APFSTreeKey decode(ByteView key, bool isHashed);
