@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/Disk/RawSource.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/FileDescriptor.h"
@@ -9,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <memory>
 #include <optional>
 #include <set>
 #include <span>
@@ -18,8 +18,6 @@
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
-
-class AlignedBuffer;
 
 /// What a read does after an error: `thorough` goes on sector by sector and finds every readable
 /// one; `fast` gives up the whole 64 KiB block and does not ask the disk for it again.
@@ -79,8 +77,9 @@ public:
     /// whole sectors.
     std::uint64_t readInto(std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode);
 
-    /// Where the next byte at or behind `offset` lies that may be anything but a readable zero: image
-    /// files have holes that need not be read. The size when there is none. Only image files say.
+    /// Where the next byte at or behind `offset` lies that may be anything but a readable zero:
+    /// image files have holes that need not be read. The size when there is none. Only image files
+    /// say.
     std::uint64_t nextData(std::uint64_t offset) const;
 
     /// One exact read without any recovery. True when every byte was delivered; those past the end
@@ -137,10 +136,6 @@ private:
         REQUIRES(lock_);
     std::uint64_t recoverSectors(std::uint64_t offset, std::span<std::uint8_t> into)
         REQUIRES(lock_);
-    std::size_t attempt(std::uint64_t offset, std::span<std::uint8_t> into) REQUIRES(lock_);
-    ssize_t readAligned(std::uint64_t offset, std::span<std::uint8_t> into) REQUIRES(lock_);
-    bool readExact(std::uint64_t offset, std::span<std::uint8_t> into) REQUIRES(lock_);
-    bool isSimulatedBad(std::uint64_t start, std::uint64_t end) const REQUIRES(lock_);
     std::uint64_t badBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
     std::uint64_t suspectBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
     bool hasBadSector(std::uint64_t first, std::uint64_t end) const REQUIRES(lock_);
@@ -151,22 +146,17 @@ private:
     const std::uint32_t sectorSize_;
     const bool isDevice_;
     const std::optional<std::string> bsdName_;
-    const bool needsAlignment_;
 
     mutable CVintrel::Mutex lock_;
-    FileDescriptor descriptor_ GUARDED_BY(lock_);
+    RawSource raw_ GUARDED_BY(lock_);
     bool closed_ GUARDED_BY(lock_) = false;
     std::function<void()> cleanup_ GUARDED_BY(lock_);
     std::list<Chunk> chunks_ GUARDED_BY(lock_); // least recently used first
     std::unordered_map<std::uint64_t, std::list<Chunk>::iterator> chunkByIndex_ GUARDED_BY(lock_);
     Chunk uncached_ GUARDED_BY(lock_) {}; // the last chunk that was not worth keeping
     Bytes aligned_ GUARDED_BY(lock_); // room for whole sectors around a large read that wants less
-    /// For reads whose own buffer is not aligned.
-    std::unique_ptr<AlignedBuffer> detour_ GUARDED_BY(lock_);
     std::set<std::uint64_t> badSectors_ GUARDED_BY(lock_);
     /// By the number of the block's first sector.
     std::unordered_set<std::uint64_t> suspectBlocks_ GUARDED_BY(lock_);
     std::int64_t readErrors_ GUARDED_BY(lock_) = 0;
-    std::uint64_t bytesRead_ GUARDED_BY(lock_) = 0;
-    std::vector<ByteRange> simulatedBadRanges_ GUARDED_BY(lock_);
 };
