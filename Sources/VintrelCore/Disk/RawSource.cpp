@@ -83,6 +83,8 @@ std::size_t RawSource::attempt(std::uint64_t offset, std::span<std::uint8_t> int
             continue;
         if (count < 0)
             return done;
+        if (count == 0 && isDevice_) // removed: its capacity is 0 now
+            return done;
         if (count == 0) { // the file has become shorter
             fillZero(rest);
             break;

@@ -31,7 +31,8 @@ public:
     ~RawSource();
 
     /// One read attempt. Returns how many bytes were delivered before it failed, all of them when
-    /// it did not. What lies past the end of the source is delivered as zeros.
+    /// it did not. What lies past the end of the source is delivered as zeros, and so is what an
+    /// image file has lost since it was opened. A device that gives no bytes has failed.
     std::size_t attempt(std::uint64_t offset, std::span<std::uint8_t> into);
     /// The same. True when every byte was delivered.
     bool readExact(std::uint64_t offset, std::span<std::uint8_t> into);
