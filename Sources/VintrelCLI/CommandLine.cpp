@@ -265,10 +265,14 @@ constexpr Command commands[] = {
 int statusOf(const Command& command, const Session& session)
 {
     const auto signal = SignalCancellation::received();
-    if (!signal || command.tellsThatItWasStopped)
+    const bool hasSourceLeft = session.source && session.source->hasLeft();
+    if (hasSourceLeft)
+        session.complain("Advarsel: " + Unicode::escaped(session.source->displayName())
+            + " svarer ikke længere, og læsningen blev stoppet.");
+    if ((!signal && !hasSourceLeft) || command.tellsThatItWasStopped)
         return exitDone;
     session.complain("Stoppet: resultatet er ufuldstændigt. " + session.reached);
-    return exitBySignal + *signal;
+    return signal ? exitBySignal + *signal : exitNoSource;
 }
 
 } // namespace
@@ -293,8 +297,10 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
         session.complain("Fejl: " + std::string(error.what()));
         return exitNoSource;
     }
-    if (command->readsSource)
+    if (command->readsSource) {
+        session.source->whenLeaving([&session] { session.progress.cancel(); });
         markHolesOfImage(session);
+    }
     command->perform(session);
     return statusOf(*command, session);
 }

@@ -64,40 +64,37 @@ std::uint64_t DiskSource::readReporting(
     if (into.empty())
         return 0;
     const CVintrel::MutexLock guard(lock_);
-    if (closed_) {
-        fillZero(into);
-        return into.size();
-    }
-    return into.size() <= largestCachedRead ? readThroughCache(offset, into, mode)
-                                            : readLarge(offset, into, mode);
+    std::uint64_t badBytes = 0;
+    if (!isOutOfReach())
+        badBytes = into.size() <= largestCachedRead ? readThroughCache(offset, into, mode)
+                                                    : readLarge(offset, into, mode);
+    return isOutOfReach() ? giveUp(into) : badBytes;
 }
 
 std::uint64_t DiskSource::readInto(
     std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode)
 {
     const CVintrel::MutexLock guard(lock_);
-    if (closed_) {
-        fillZero(buffer);
-        return buffer.size();
-    }
-    return rawRead(offset, buffer, mode);
+    const std::uint64_t badBytes = isOutOfReach() ? 0 : rawRead(offset, buffer, mode);
+    return isOutOfReach() ? giveUp(buffer) : badBytes;
 }
 
 bool DiskSource::tryRead(std::uint64_t offset, std::span<std::uint8_t> buffer)
 {
     const CVintrel::MutexLock guard(lock_);
-    if (closed_)
+    if (isOutOfReach())
         return false;
     if (raw_.readExact(offset, buffer))
         return true;
     ++readErrors_;
+    noticeLeaving();
     return false;
 }
 
 void DiskSource::markBad(std::uint64_t sector)
 {
     const CVintrel::MutexLock guard(lock_);
-    badSectors_.insert(sector);
+    addBadSector(sector);
 }
 
 bool DiskSource::isKnownBad(std::uint64_t sector) const
@@ -158,6 +155,24 @@ bool DiskSource::isFile(const struct ::stat& status) const
 {
     const CVintrel::MutexLock guard(lock_);
     return raw_.isFile(status);
+}
+
+bool DiskSource::hasLeft() const
+{
+    const CVintrel::MutexLock guard(lock_);
+    return raw_.hasLeft();
+}
+
+std::uint64_t DiskSource::answers() const
+{
+    const CVintrel::MutexLock guard(lock_);
+    return raw_.answers();
+}
+
+void DiskSource::whenLeaving(std::function<void()> action)
+{
+    const CVintrel::MutexLock guard(lock_);
+    leavingAction_ = std::move(action);
 }
 
 bool DiskSource::isClosed() const
@@ -289,8 +304,8 @@ std::uint64_t DiskSource::recoverSectors(std::uint64_t offset, std::span<std::ui
         const std::uint64_t sector = offset / sectorSize_;
         const bool wasKnown = badSectors_.contains(sector);
         if (wasKnown || !raw_.readExact(offset, piece)) {
-            if (!wasKnown) {
-                badSectors_.insert(sector);
+            if (!wasKnown && !raw_.hasLeft()) {
+                addBadSector(sector);
                 ++readErrors_;
             }
             fillZero(piece);
@@ -300,6 +315,35 @@ std::uint64_t DiskSource::recoverSectors(std::uint64_t offset, std::span<std::ui
         into = into.subspan(piece.size());
     }
     return badBytes;
+}
+
+void DiskSource::addBadSector(std::uint64_t sector)
+{
+    if (std::exchange(answersBeforeDoubt_, raw_.answers()) != raw_.answers())
+        doubtfulSectors_ = {};
+    doubtfulSectors_.add(sector, sector + 1);
+    badSectors_.insert(sector);
+}
+
+/// What is read from a source that is closed or has left.
+std::uint64_t DiskSource::giveUp(std::span<std::uint8_t> into)
+{
+    noticeLeaving();
+    fillZero(into);
+    return into.size();
+}
+
+/// A device that leaves says nothing of the sectors that it failed to read on its way.
+void DiskSource::noticeLeaving()
+{
+    if (!raw_.hasLeft())
+        return;
+    if (answersBeforeDoubt_ == raw_.answers())
+        for (const auto& [first, end] : doubtfulSectors_.ranges())
+            badSectors_.erase(badSectors_.lower_bound(first), badSectors_.lower_bound(end));
+    doubtfulSectors_ = {};
+    if (const auto action = std::exchange(leavingAction_, nullptr))
+        action();
 }
 
 bool DiskSource::hasBadSector(std::uint64_t first, std::uint64_t end) const

@@ -4,6 +4,7 @@
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/FileDescriptor.h"
+#include "VintrelCore/Foundation/RangeSet.h"
 
 #include <CVintrel/Mutex.h>
 
@@ -106,6 +107,16 @@ public:
     /// Whether a file is the very one that is read here, whatever name or link led to it.
     bool isFile(const struct ::stat& status) const;
 
+    /// Whether it is a device that answers no more. Every byte is unreadable then, and what failed
+    /// since it last answered is not held against its sectors.
+    bool hasLeft() const;
+    /// Grows whenever the source has shown that it answers: reads that failed while this stayed the
+    /// same may have failed because the device was about to leave.
+    std::uint64_t answers() const;
+    /// `action` is done once when the device is found to have left, by the thread whose read found
+    /// it. It must not use the source.
+    void whenLeaving(std::function<void()> action);
+
     bool isClosed() const;
     /// Closes the descriptor and runs the cleanup; afterwards every byte is unreadable. A second
     /// call does nothing.
@@ -138,6 +149,10 @@ private:
         REQUIRES(lock_);
     std::uint64_t badBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
     std::uint64_t suspectBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
+    void addBadSector(std::uint64_t sector) REQUIRES(lock_);
+    bool isOutOfReach() const REQUIRES(lock_) { return closed_ || raw_.hasLeft(); }
+    std::uint64_t giveUp(std::span<std::uint8_t> into) REQUIRES(lock_);
+    void noticeLeaving() REQUIRES(lock_);
     bool hasBadSector(std::uint64_t first, std::uint64_t end) const REQUIRES(lock_);
 
     const std::string path_;
@@ -156,7 +171,11 @@ private:
     Chunk uncached_ GUARDED_BY(lock_) {}; // the last chunk that was not worth keeping
     Bytes aligned_ GUARDED_BY(lock_); // room for whole sectors around a large read that wants less
     std::set<std::uint64_t> badSectors_ GUARDED_BY(lock_);
+    /// Those of the bad sectors that failed when `answers` was the last sign of the source.
+    RangeSet doubtfulSectors_ GUARDED_BY(lock_);
+    std::uint64_t answersBeforeDoubt_ GUARDED_BY(lock_) = 0;
     /// By the number of the block's first sector.
     std::unordered_set<std::uint64_t> suspectBlocks_ GUARDED_BY(lock_);
+    std::function<void()> leavingAction_ GUARDED_BY(lock_);
     std::int64_t readErrors_ GUARDED_BY(lock_) = 0;
 };

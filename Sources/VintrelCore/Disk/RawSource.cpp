@@ -22,6 +22,9 @@ constexpr std::size_t largestSystemRead = std::size_t { 1 } << 30;
 /// should be.
 constexpr std::size_t detourSize = std::size_t { 1 } << 20;
 
+/// Of one read by signals.
+constexpr int maxInterruptions = 100;
+
 void fillZero(std::span<std::uint8_t> bytes) { std::ranges::fill(bytes, std::uint8_t { 0 }); }
 
 } // namespace
@@ -32,6 +35,7 @@ RawSource::RawSource(Opened opened)
     , isDevice_(opened.isDevice)
     , needsAlignment_(opened.needsAlignment)
     , descriptor_(std::move(opened.descriptor))
+    , watch_(opened.size)
 {
 }
 
@@ -64,6 +68,8 @@ bool RawSource::readExact(std::uint64_t offset, std::span<std::uint8_t> into)
 std::size_t RawSource::attempt(std::uint64_t offset, std::span<std::uint8_t> into)
 {
     std::size_t done = 0;
+    if (watch_.hasLeft())
+        return 0;
     if (!into.empty() && offset < size_
         && isSimulatedBad(offset, offset + std::min<std::uint64_t>(into.size(), size_ - offset)))
         return 0;
@@ -74,25 +80,50 @@ std::size_t RawSource::attempt(std::uint64_t offset, std::span<std::uint8_t> int
             fillZero(rest);
             break;
         }
-        const auto count = needsAlignment_
-            ? readAligned(position, rest)
-            : ::pread(descriptor_.get(), rest.data(), std::min(rest.size(), largestSystemRead),
-                static_cast<off_t>(
-                    std::min<std::uint64_t>(position, std::numeric_limits<off_t>::max())));
+        const auto count = readOnce(position, rest);
         if (count < 0 && errno == EINTR)
             continue;
-        if (count < 0)
+        if (count < 0 || (count == 0 && isDevice_)) { // removed: its capacity is 0 now
+            noteFailure(count < 0 ? errno : 0);
             return done;
-        if (count == 0 && isDevice_) // removed: its capacity is 0 now
-            return done;
+        }
         if (count == 0) { // the file has become shorter
             fillZero(rest);
             break;
         }
+        watch_.noteSuccess(roundDown(position, sectorSize_));
         bytesRead_ += static_cast<std::uint64_t>(count);
         done += static_cast<std::size_t>(count);
     }
     return into.size();
+}
+
+/// As pread().
+ssize_t RawSource::readOnce(std::uint64_t offset, std::span<std::uint8_t> into)
+{
+    return needsAlignment_
+        ? readAligned(offset, into)
+        : ::pread(descriptor_.get(), into.data(), std::min(into.size(), largestSystemRead),
+            static_cast<off_t>(std::min<std::uint64_t>(offset, std::numeric_limits<off_t>::max())));
+}
+
+/// Image files stay where they are.
+void RawSource::noteFailure(int error)
+{
+    if (isDevice_)
+        watch_.noteFailure(
+            error, descriptor_.get(), [this](std::uint64_t sector) { return readsAgain(sector); });
+}
+
+bool RawSource::readsAgain(std::uint64_t sector)
+{
+    std::vector<std::uint8_t> bytes(sectorSize_);
+    for (int interruption = 0; interruption < maxInterruptions; ++interruption) {
+        const auto count = readOnce(sector, bytes);
+        if (count >= 0 || errno != EINTR)
+            return count > 0;
+    }
+    return true; // signals are no sign of the device
 }
 
 /// As pread(), whatever the alignment.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/Disk/DeviceWatch.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/FileDescriptor.h"
 
@@ -36,6 +37,10 @@ public:
     std::size_t attempt(std::uint64_t offset, std::span<std::uint8_t> into);
     /// The same. True when every byte was delivered.
     bool readExact(std::uint64_t offset, std::span<std::uint8_t> into);
+    /// Whether it is a device that answers no more. Every attempt fails then without asking it.
+    bool hasLeft() const { return watch_.hasLeft(); }
+    /// Grows whenever the source has shown that it answers.
+    std::uint64_t answers() const { return watch_.answers(); }
     /// Bytes that the operating system delivered.
     std::uint64_t bytesRead() const { return bytesRead_; }
 
@@ -48,14 +53,18 @@ public:
     void close() { descriptor_.close(); }
 
 private:
+    ssize_t readOnce(std::uint64_t offset, std::span<std::uint8_t> into);
     ssize_t readAligned(std::uint64_t offset, std::span<std::uint8_t> into);
     bool isSimulatedBad(std::uint64_t start, std::uint64_t end) const;
+    void noteFailure(int error);
+    bool readsAgain(std::uint64_t sector);
 
     const std::uint64_t size_;
     const std::uint32_t sectorSize_;
     const bool isDevice_;
     const bool needsAlignment_;
     FileDescriptor descriptor_;
+    DeviceWatch watch_;
     std::unique_ptr<AlignedBuffer> detour_; ///< for reads whose own buffer is not aligned
     std::uint64_t bytesRead_ = 0;
     std::vector<ByteRange> simulatedBadRanges_; ///< sorted, disjoint

@@ -5,6 +5,7 @@
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Imaging/CopyRates.h"
+#include "VintrelCore/Imaging/FailureMarker.h"
 #include "VintrelCore/Imaging/ImageFile.h"
 
 #include <algorithm>
@@ -46,6 +47,7 @@ public:
         , memory_(readSize_)
         , buffer_(memory_.bytes())
         , rates_(start_, map_.total(Status::finished))
+        , failures_(map_, source_)
     {
     }
 
@@ -103,7 +105,8 @@ private:
             if (copy({ stretch->position, end })) {
                 skip = std::min<std::uint64_t>(readSize_, maxSkip);
             } else {
-                map_.set(stretch->position, end - stretch->position, Status::nonTrimmed);
+                markFailed({ stretch->position, end - stretch->position, stretch->status },
+                    Status::nonTrimmed);
                 if (damage == Damage::leapAway) {
                     position += std::min(skip, source_.size() - position);
                     skip = skip > maxSkip / 2 ? maxSkip : 2 * skip;
@@ -131,10 +134,7 @@ private:
             position = std::max(stretch->position, run.end);
             if (run.endsAtBadSector) {
                 const std::uint64_t end = unitEnd(position, sectorSize_, stretch->end());
-                if (stretch->status != Status::bad) {
-                    map_.set(position, end - position, Status::bad);
-                    source_.markBad(position / sectorSize_);
-                }
+                markFailed({ position, end - position, stretch->status }, Status::bad);
                 position = end;
             }
             refresh();
@@ -147,7 +147,7 @@ private:
     void finish()
     {
         save();
-        const bool isStopped = imager_.isCancelled_;
+        const bool isStopped = imager_.isCancelled_ || hasSourceLeft_;
         {
             const CVintrel::MutexLock guard(imager_.lock_);
             auto& stats = imager_.stats_;
@@ -181,7 +181,7 @@ private:
         return !mustEnd();
     }
 
-    bool mustEnd() const { return imager_.isCancelled_ || hasWriteFailed_; }
+    bool mustEnd() const { return imager_.isCancelled_ || hasWriteFailed_ || hasSourceLeft_; }
 
     std::optional<RangeMap::Block> firstOf(
         std::span<const Status> statuses, std::uint64_t from) const
@@ -211,6 +211,12 @@ private:
             return false;
         store(piece);
         return true;
+    }
+
+    void markFailed(const RangeMap::Block& range, Status status)
+    {
+        failures_.mark(range, status);
+        hasSourceLeft_ = source_.hasLeft();
     }
 
     struct SectorRun {
@@ -317,7 +323,9 @@ private:
     Clock::time_point lastRefresh_ = start_;
     Clock::time_point lastSave_ = start_;
     CopyRates rates_;
+    FailureMarker failures_;
     bool hasWriteFailed_ = false;
+    bool hasSourceLeft_ = false;
 };
 
 DiskImager::DiskImager(DiskSource& source, std::string imagePath, ImagingOptions options)
