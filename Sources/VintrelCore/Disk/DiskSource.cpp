@@ -106,19 +106,20 @@ bool DiskSource::isKnownBad(std::uint64_t sector) const
 bool DiskSource::hasBadSectors(std::uint64_t offset, std::uint64_t count) const
 {
     const CVintrel::MutexLock guard(lock_);
-    return count > 0 && hasBadSector(offset / sectorSize_, (offset + count - 1) / sectorSize_ + 1);
+    return count > 0
+        && badSectors_.intersects(offset / sectorSize_, (offset + count - 1) / sectorSize_ + 1);
 }
 
-std::vector<std::uint64_t> DiskSource::badSectors() const
+RangeSet DiskSource::badSectors() const
 {
     const CVintrel::MutexLock guard(lock_);
-    return { badSectors_.begin(), badSectors_.end() };
+    return badSectors_;
 }
 
-std::size_t DiskSource::badSectorCount() const
+std::uint64_t DiskSource::badSectorCount() const
 {
     const CVintrel::MutexLock guard(lock_);
-    return badSectors_.size();
+    return badSectors_.total();
 }
 
 std::int64_t DiskSource::readErrorCount() const
@@ -205,7 +206,7 @@ DiskSource::CachedChunk DiskSource::cachedChunk(std::uint64_t index, ReadMode mo
         chunks_.splice(chunks_.end(), chunks_, known->second);
         const std::uint64_t firstSector = offset / sectorSize_;
         return { known->second->bytes,
-            hasBadSector(firstSector, firstSector + chunkSize / sectorSize_), false };
+            badSectors_.intersects(firstSector, firstSector + chunkSize / sectorSize_), false };
     }
 
     // A new chunk takes over the memory of the one that it displaces.
@@ -279,10 +280,10 @@ std::uint64_t DiskSource::recoverRead(
     while (!into.empty()) {
         const auto block = into.first(static_cast<std::size_t>(
             std::min<std::uint64_t>(into.size(), unitEnd(offset, blockSize) - offset)));
-        const std::uint64_t key = roundDown(offset, blockSize) / sectorSize_;
-        if (suspectBlocks_.contains(key) || !raw_.readExact(offset, block)) {
+        const std::uint64_t number = offset / blockSize;
+        if (suspectBlocks_.contains(number) || !raw_.readExact(offset, block)) {
             if (mode == ReadMode::fast) {
-                suspectBlocks_.insert(key);
+                suspectBlocks_.add(number, number + 1);
                 fillZero(block);
                 badBytes += block.size();
             } else {
@@ -322,7 +323,7 @@ void DiskSource::addBadSector(std::uint64_t sector)
     if (std::exchange(answersBeforeDoubt_, raw_.answers()) != raw_.answers())
         doubtfulSectors_ = {};
     doubtfulSectors_.add(sector, sector + 1);
-    badSectors_.insert(sector);
+    badSectors_.add(sector, sector + 1);
 }
 
 /// What is read from a source that is closed or has left.
@@ -340,24 +341,21 @@ void DiskSource::noticeLeaving()
         return;
     if (answersBeforeDoubt_ == raw_.answers())
         for (const auto& [first, end] : doubtfulSectors_.ranges())
-            badSectors_.erase(badSectors_.lower_bound(first), badSectors_.lower_bound(end));
+            badSectors_.remove(first, end);
     doubtfulSectors_ = {};
     if (const auto action = std::exchange(leavingAction_, nullptr))
         action();
 }
 
-bool DiskSource::hasBadSector(std::uint64_t first, std::uint64_t end) const
-{
-    const auto sector = badSectors_.lower_bound(first);
-    return sector != badSectors_.end() && *sector < end;
-}
-
 std::uint64_t DiskSource::badBytesIn(std::uint64_t offset, std::uint64_t count) const
 {
-    const auto first = badSectors_.lower_bound(offset / sectorSize_);
-    const auto end = badSectors_.upper_bound((offset + count - 1) / sectorSize_);
-    return std::min<std::uint64_t>(
-        static_cast<std::uint64_t>(std::distance(first, end)) * sectorSize_, count);
+    const std::uint64_t first = offset / sectorSize_;
+    const std::uint64_t end = (offset + count - 1) / sectorSize_ + 1;
+    std::uint64_t sectors = 0;
+    for (auto bad = badSectors_.firstEndingBehind(first); bad && bad->start < end;
+         bad = badSectors_.firstEndingBehind(bad->end))
+        sectors += std::min(bad->end, end) - std::max(bad->start, first);
+    return std::min(sectors * sectorSize_, count);
 }
 
 std::uint64_t DiskSource::suspectBytesIn(std::uint64_t offset, std::uint64_t count) const
@@ -365,7 +363,7 @@ std::uint64_t DiskSource::suspectBytesIn(std::uint64_t offset, std::uint64_t cou
     std::uint64_t badBytes = 0;
     for (const std::uint64_t end = offset + count; offset < end;) {
         const std::uint64_t next = std::min(unitEnd(offset, blockSize), end);
-        if (suspectBlocks_.contains(roundDown(offset, blockSize) / sectorSize_))
+        if (suspectBlocks_.contains(offset / blockSize))
             badBytes += next - offset;
         offset = next;
     }

@@ -12,12 +12,10 @@
 #include <functional>
 #include <list>
 #include <optional>
-#include <set>
 #include <span>
 #include <string>
 #include <sys/stat.h>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 /// What a read does after an error: `thorough` goes on sector by sector and finds every readable
@@ -91,9 +89,9 @@ public:
     bool isKnownBad(std::uint64_t sector) const;
     /// Whether a range touches a sector that is known to be unreadable.
     bool hasBadSectors(std::uint64_t offset, std::uint64_t count) const;
-    /// The numbers of the sectors that are known to be unreadable, ascending.
-    std::vector<std::uint64_t> badSectors() const;
-    std::size_t badSectorCount() const;
+    /// The numbers of the sectors that are known to be unreadable.
+    RangeSet badSectors() const;
+    std::uint64_t badSectorCount() const;
     /// Failed reads, and sectors newly found bad.
     std::int64_t readErrorCount() const;
     /// Bytes that the operating system delivered.
@@ -153,7 +151,6 @@ private:
     bool isOutOfReach() const REQUIRES(lock_) { return closed_ || raw_.hasLeft(); }
     std::uint64_t giveUp(std::span<std::uint8_t> into) REQUIRES(lock_);
     void noticeLeaving() REQUIRES(lock_);
-    bool hasBadSector(std::uint64_t first, std::uint64_t end) const REQUIRES(lock_);
 
     const std::string path_;
     const std::string displayName_;
@@ -170,12 +167,12 @@ private:
     std::unordered_map<std::uint64_t, std::list<Chunk>::iterator> chunkByIndex_ GUARDED_BY(lock_);
     Chunk uncached_ GUARDED_BY(lock_) {}; // the last chunk that was not worth keeping
     Bytes aligned_ GUARDED_BY(lock_); // room for whole sectors around a large read that wants less
-    std::set<std::uint64_t> badSectors_ GUARDED_BY(lock_);
+    /// By number. Ranges, as dead areas have millions of them.
+    RangeSet badSectors_ GUARDED_BY(lock_);
     /// Those of the bad sectors that failed when `answers` was the last sign of the source.
     RangeSet doubtfulSectors_ GUARDED_BY(lock_);
     std::uint64_t answersBeforeDoubt_ GUARDED_BY(lock_) = 0;
-    /// By the number of the block's first sector.
-    std::unordered_set<std::uint64_t> suspectBlocks_ GUARDED_BY(lock_);
+    RangeSet suspectBlocks_ GUARDED_BY(lock_); ///< by number
     std::function<void()> leavingAction_ GUARDED_BY(lock_);
     std::int64_t readErrors_ GUARDED_BY(lock_) = 0;
 };
