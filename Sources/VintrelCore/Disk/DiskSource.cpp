@@ -209,6 +209,10 @@ DiskSource::CachedChunk DiskSource::cachedChunk(std::uint64_t index, ReadMode mo
             badSectors_.intersects(firstSector, firstSector + chunkSize / sectorSize_), false };
     }
 
+    const bool isLastUncached = uncached_.index == index && !uncached_.bytes.empty();
+    if (isLastUncached && mode == ReadMode::fast)
+        return { uncached_.bytes, true, true };
+
     // A new chunk takes over the memory of the one that it displaces.
     Chunk chunk = std::exchange(uncached_, {});
     if (chunks_.size() >= maxCacheChunks) {
@@ -262,6 +266,8 @@ std::uint64_t DiskSource::readLarge(
 
 std::uint64_t DiskSource::rawRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
 {
+    if (isKnownToFail(offset, into.size(), mode))
+        return recoverRead(offset, into, mode);
     const std::size_t done = raw_.attempt(offset, into);
     if (done == into.size())
         return 0;
@@ -281,7 +287,9 @@ std::uint64_t DiskSource::recoverRead(
         const auto block = into.first(static_cast<std::size_t>(
             std::min<std::uint64_t>(into.size(), unitEnd(offset, blockSize) - offset)));
         const std::uint64_t number = offset / blockSize;
-        if (suspectBlocks_.contains(number) || !raw_.readExact(offset, block)) {
+        const bool isSuspect = suspectBlocks_.contains(number)
+            || isKnownToFail(offset, block.size(), ReadMode::thorough);
+        if (isSuspect || !raw_.readExact(offset, block)) {
             if (mode == ReadMode::fast) {
                 suspectBlocks_.add(number, number + 1);
                 fillZero(block);
@@ -345,6 +353,18 @@ void DiskSource::noticeLeaving()
     doubtfulSectors_ = {};
     if (const auto action = std::exchange(leavingAction_, nullptr))
         action();
+}
+
+/// Whether an attempt would ask the disk for what it has failed to read before, which costs a dying
+/// one seconds and maybe its last.
+bool DiskSource::isKnownToFail(std::uint64_t offset, std::uint64_t count, ReadMode mode) const
+{
+    if (count == 0)
+        return false;
+    const std::uint64_t last = offset + count - 1;
+    return badSectors_.intersects(offset / sectorSize_, last / sectorSize_ + 1)
+        || (mode == ReadMode::fast
+            && suspectBlocks_.intersects(offset / blockSize, last / blockSize + 1));
 }
 
 std::uint64_t DiskSource::badBytesIn(std::uint64_t offset, std::uint64_t count) const

@@ -145,6 +145,8 @@ private:
         REQUIRES(lock_);
     std::uint64_t recoverSectors(std::uint64_t offset, std::span<std::uint8_t> into)
         REQUIRES(lock_);
+    bool isKnownToFail(std::uint64_t offset, std::uint64_t count, ReadMode mode) const
+        REQUIRES(lock_);
     std::uint64_t badBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
     std::uint64_t suspectBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
     void addBadSector(std::uint64_t sector) REQUIRES(lock_);
