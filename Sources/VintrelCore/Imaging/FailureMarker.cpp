@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 
+#include <ranges>
 #include <utility>
 
 void FailureMarker::mark(const RangeMap::Block& range, RangeMap::Status status)
@@ -23,7 +24,8 @@ void FailureMarker::mark(const RangeMap::Block& range, RangeMap::Status status)
 
 void FailureMarker::takeBack()
 {
-    for (const auto& range : doubtful_)
+    // Backwards: what failed in two passes had its first status before.
+    for (const auto& range : std::views::reverse(doubtful_))
         map_.set(range.position, range.size, range.status);
     doubtful_.clear();
 }
