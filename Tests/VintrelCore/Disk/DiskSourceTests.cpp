@@ -25,8 +25,8 @@ Sectors badSectorsOf(const DiskSource& source)
 {
     Sectors sectors;
     const auto bad = source.badSectors();
-    for (auto [sector, end] : bad.ranges())
-        for (; sector < end; ++sector)
+    for (const auto& [first, end] : bad.ranges())
+        for (auto sector = first; sector < end; ++sector)
             sectors.push_back(sector);
     return sectors;
 }
@@ -152,6 +152,21 @@ TEST(DiskSource, FastReadsDoNotAskASuspectBlockAgain)
     const auto bytesRead = disk.source->bytesRead();
     EXPECT_EQ(disk.source->readInto(1024, buffer, fast), 2 * blockSize - 1024);
     EXPECT_EQ(disk.source->bytesRead(), bytesRead + blockSize);
+}
+
+TEST(DiskSource, DoesNotAskAgainForWhatItKnowsToFail)
+{
+    // Small reads beside one bad sector, through the cache and past it, and one large read.
+    for (const auto& [mode, errors] : { std::pair(fast, 1), { thorough, 2 } }) {
+        const Disk disk(1_MiB);
+        const ByteRange badSector { 3 * blockSize + 1024, 3 * blockSize + 1536 };
+        disk.source->addSimulatedBadRange(badSector);
+        const Ranges lost { mode == fast ? ByteRange { 3 * blockSize, 4 * blockSize } : badSector };
+        for (std::uint64_t number = 0; number < 20; ++number)
+            disk.expectRead(2 * blockSize + number * 4'096, 20'000, mode, lost);
+        disk.expectRead(100, 700'000, mode, lost);
+        EXPECT_EQ(disk.source->readErrorCount(), errors);
+    }
 }
 
 TEST(DiskSource, AnErrorWithinASectorLosesThatSectorOnly)
