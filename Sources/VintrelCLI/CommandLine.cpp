@@ -229,7 +229,7 @@ void image(Session& session)
     warnOfDestination(session);
     DiskImager imager(*session.source, session.arguments[2]);
     std::optional<Clock::time_point> lastLine;
-    imager.run([&](const ImagingStats& stats) {
+    const auto print = [&](const ImagingStats& stats) {
         if (session.progress.isCancelled())
             imager.cancel();
         const auto now = Clock::now();
@@ -238,6 +238,9 @@ void image(Session& session)
         lastLine = now;
         session.print(stats.phase + ": " + formatBytes(stats.rescued) + " reddet, "
             + formatBytes(stats.bad) + " dårlige, " + formatBytes(stats.pending) + " tilbage");
+    };
+    imager.run(print, [&](const std::string& warning) {
+        session.complain("Advarsel: " + Unicode::escaped(warning) + ".");
     });
     if (const auto message = imager.currentStats().message)
         session.print(Unicode::escaped(*message));

@@ -7,6 +7,7 @@
 #include "VintrelCore/Imaging/CopyRates.h"
 #include "VintrelCore/Imaging/FailureMarker.h"
 #include "VintrelCore/Imaging/ImageFile.h"
+#include "VintrelCore/Imaging/MapfileSaver.h"
 
 #include <algorithm>
 #include <chrono>
@@ -24,7 +25,6 @@ using Status = RangeMap::Status;
 
 constexpr std::chrono::milliseconds refreshInterval { 250 };
 constexpr std::chrono::milliseconds pauseInterval { 200 };
-constexpr std::chrono::seconds saveInterval { 5 };
 
 /// What the sector pass and its repetitions read.
 constexpr Status failedPieces[] = { Status::nonTrimmed, Status::nonScraped };
@@ -35,12 +35,13 @@ constexpr Status badSectors[] = { Status::bad };
 /// One call of run(), once its image is open.
 class DiskImager::Session {
 public:
-    Session(DiskImager& imager, ImageFile image, const Update& onUpdate)
+    Session(DiskImager& imager, ImageFile image, const Update& onUpdate, const Warning& warn)
         : imager_(imager)
         , source_(imager.source_)
         , map_(*imager.map_)
         , image_(std::move(image))
         , onUpdate_(onUpdate)
+        , warn_(warn)
         , sectorSize_(imager.source_.sectorSize())
         , readSize_(static_cast<std::size_t>(roundDown(
               std::max<std::uint64_t>(sectorSize_, imager.options_.chunkSize), sectorSize_)))
@@ -48,6 +49,7 @@ public:
         , buffer_(memory_.bytes())
         , rates_(start_, map_.total(Status::finished))
         , failures_(map_, source_)
+        , saver_(map_, image_, imager.mapPath_, warn_, start_)
     {
     }
 
@@ -81,10 +83,7 @@ private:
         imager_.distrustBeyond(image_.sizeAtOpening());
         // The longer image makes every claim of a mapfile credible, so a wrong one must be gone
         // before.
-        struct stat status { };
-        const bool isMapfileWrong
-            = imager_.isMapfileStale_ && ::lstat(imager_.mapPath_.c_str(), &status) == 0;
-        const bool isReady = (!isMapfileWrong || save()) && image_.growTo(source_.size());
+        const bool isReady = (!imager_.isMapfileWrong() || save()) && image_.growTo(source_.size());
         hasWriteFailed_ = hasWriteFailed_ || !isReady;
         return !hasWriteFailed_;
     }
@@ -146,8 +145,11 @@ private:
 
     void finish()
     {
-        save();
+        const bool isInPlace = image_.isAt(imager_.imagePath_);
+        const bool canGoOn = save() && isInPlace;
         const bool isStopped = imager_.isCancelled_ || hasSourceLeft_;
+        if (!isInPlace && warn_)
+            warn_(imager_.imagePath_ + " er ikke længere den fil, der blev skrevet til");
         {
             const CVintrel::MutexLock guard(imager_.lock_);
             auto& stats = imager_.stats_;
@@ -156,8 +158,11 @@ private:
             if (hasWriteFailed_)
                 stats.message = "Skrivning til billedfilen mislykkedes (er destinationen fuld?).";
             else if (isStopped)
-                stats.message = "Stoppet. Du kan fortsætte senere – fremskridtet er gemt i "
-                    + std::filesystem::path(imager_.mapPath_).filename().string() + ".";
+                stats.message = "Stoppet. Du kan fortsætte senere"
+                    + (canGoOn ? " – fremskridtet er gemt i "
+                                + std::filesystem::path(imager_.mapPath_).filename().string()
+                               : std::string())
+                    + ".";
         }
         update(Clock::now());
     }
@@ -258,18 +263,11 @@ private:
     /// Saves the mapfile, behind the data that it speaks of. Whether it is saved.
     bool save()
     {
-        lastSave_ = Clock::now();
-        if (!image_.flush()) {
-            hasWriteFailed_ = true;
-            for (const auto& range : image_.unflushed())
-                map_.set(range.start, range.end - range.start, Status::nonTried);
-        }
-        image_.clearUnflushed();
-        const auto stats = imager_.currentStats();
-        const bool isSaved = !map_.write(imager_.mapPath_, stats.position, stats.pass);
-        if (isSaved)
+        saver_.save(imager_.currentStats());
+        hasWriteFailed_ = hasWriteFailed_ || saver_.hasFlushFailed();
+        if (saver_.isSaved())
             imager_.isMapfileStale_ = false;
-        return isSaved;
+        return saver_.isSaved();
     }
 
     bool isRefreshDue(Clock::time_point now) const { return now - lastRefresh_ >= refreshInterval; }
@@ -280,7 +278,7 @@ private:
         if (!isRefreshDue(now))
             return;
         update(now);
-        if (Clock::now() - lastSave_ > saveInterval)
+        if (saver_.isDue(Clock::now()))
             save();
     }
 
@@ -314,6 +312,7 @@ private:
     RangeMap& map_;
     ImageFile image_;
     const Update& onUpdate_;
+    const Warning& warn_;
     const std::uint32_t sectorSize_;
     const std::size_t readSize_; // whole sectors
     const AlignedBuffer memory_;
@@ -321,9 +320,9 @@ private:
     const Clock::time_point start_ = Clock::now();
     Clock::time_point lastSuccess_ = start_;
     Clock::time_point lastRefresh_ = start_;
-    Clock::time_point lastSave_ = start_;
     CopyRates rates_;
     FailureMarker failures_;
+    MapfileSaver saver_;
     bool hasWriteFailed_ = false;
     bool hasSourceLeft_ = false;
 };
@@ -347,7 +346,7 @@ DiskImager::DiskImager(DiskSource& source, std::string imagePath, ImagingOptions
 
 bool DiskImager::isResuming() const { return map_->total(Status::nonTried) < source_.size(); }
 
-void DiskImager::run(const Update& onUpdate)
+void DiskImager::run(const Update& onUpdate, const Warning& warn)
 {
     isCancelled_ = false;
     {
@@ -357,7 +356,7 @@ void DiskImager::run(const Update& onUpdate)
     }
     auto image = ImageFile::open(imagePath_, mapPath_, source_);
     if (image) {
-        Session(*this, std::move(*image), onUpdate).perform();
+        Session(*this, std::move(*image), onUpdate, warn).perform();
         return;
     }
     {
@@ -372,6 +371,14 @@ ImagingStats DiskImager::currentStats() const
 {
     const CVintrel::MutexLock guard(lock_);
     return stats_;
+}
+
+/// Whether a later run would believe a mapfile that is not this run's. Whatever else has its name,
+/// a folder too, does no harm.
+bool DiskImager::isMapfileWrong() const
+{
+    const auto believed = isMapfileStale_ ? RangeMap::read(mapPath_, source_.size()) : nullptr;
+    return believed && believed->total(Status::nonTried) < source_.size();
 }
 
 /// An image that is shorter than its mapfile says has lost what lay there.
