@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Devices/HelperProgram.h"
 #include "VintrelCore/Devices/PropertyList/PropertyList.h"
+#include "VintrelCore/Devices/SmartStatus.h"
 #include "VintrelCore/Foundation/Text.h"
 
 #include <CVintrel/Devices.h>
@@ -22,8 +23,6 @@ constexpr HelperProgram::Limits limits { .time = 20s };
 /// Disks that are asked about one by one.
 constexpr std::size_t maxDisks = 256;
 
-constexpr std::string_view verified = "Verified";
-constexpr std::string_view failing = "Failing";
 constexpr std::string_view notSupported = "Not Supported";
 
 std::optional<PropertyList> propertyListFrom(const std::vector<std::string>& words)
@@ -93,24 +92,6 @@ PartitionRecord partitionFrom(Pairs& device)
         .content = orElse(device["FSTYPE"], device["PARTTYPENAME"]),
         .volumeName = device["LABEL"],
         .mountPoint = device["MOUNTPOINT"] };
-}
-
-std::string_view smartStatus(const std::string& smartctl, const std::string& disk)
-{
-    constexpr int failingBit
-        = 1 << 3; // of the exit status; other bits tell of errors in the disk's past
-    if (smartctl.empty())
-        return notSupported;
-    const auto outcome = HelperProgram::run({ smartctl, "-H", disk }, limits);
-    if (outcome.error || outcome.status < 0)
-        return notSupported;
-    if ((outcome.status & failingBit) != 0)
-        return failing;
-    for (const std::string_view healthy :
-        { "overall-health self-assessment test result: PASSED", "SMART Health Status: OK" })
-        if (outcome.output.find(healthy) != std::string::npos)
-            return verified;
-    return notSupported;
 }
 
 } // namespace
@@ -198,7 +179,8 @@ std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& s
         disk.mediaName = device["MODEL"];
         disk.size = record.size;
         disk.busProtocol = orElse(device["TRAN"], type == "disk" ? "" : type);
-        disk.smartStatus = type == "disk" ? smartStatus(smartctl, disk.bsdName) : notSupported;
+        disk.smartStatus
+            = type == "disk" ? SmartStatus::ask(smartctl, disk.bsdName) : std::string(notSupported);
         if (!record.content.empty() || !record.mountPoint.empty())
             disk.partitions.push_back(std::move(record));
     }
