@@ -103,7 +103,7 @@ std::vector<DiskRecord> load()
     const auto programs = CVintrel::helperPrograms();
     if (!programs.diskutil.empty())
         return fromDiskutil(programs.diskutil);
-    return programs.lsblk.empty() ? std::vector<DiskRecord>()
+    return programs.lsblk.empty() ? fromSysfs("/sys/block", programs.smartctl)
                                   : fromLsblk(programs.lsblk, programs.smartctl);
 }
 
@@ -144,9 +144,9 @@ std::vector<DiskRecord> fromDiskutil(const std::string& diskutil)
 std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& smartctl)
 {
     constexpr auto columns
-        = "KNAME,PKNAME,PATH,TYPE,SIZE,MODEL,TRAN,FSTYPE,PARTTYPENAME,LABEL,MOUNTPOINT";
+        = "KNAME,PKNAME,PATH,TYPE,RM,SIZE,MODEL,TRAN,FSTYPE,PARTTYPENAME,LABEL,MOUNTPOINT";
     const auto outcome
-        = HelperProgram::run({ lsblk, "--pairs", "--bytes", "--output", columns }, limits);
+        = HelperProgram::run({ lsblk, "--all", "--pairs", "--bytes", "--output", columns }, limits);
     std::vector<DiskRecord> disks;
     if (!outcome.succeeded())
         return disks;
@@ -156,9 +156,8 @@ std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& s
         auto device = pairsOf(Text::takeLine(text));
         auto record = partitionFrom(device);
         const auto& kernelName = device["KNAME"];
-        // Drives without a medium, and memory that plays disk, are nothing to recover from.
-        if (record.bsdName.empty() || record.size == 0 || kernelName.starts_with("zram")
-            || kernelName.starts_with("ram"))
+        if (record.bsdName.empty() || !Text::number(device["SIZE"])
+            || isNoDisk(kernelName, device["RM"] == "1", record.size))
             continue;
 
         // A disk comes before what is on it; what lies on several disks comes with one of them.
