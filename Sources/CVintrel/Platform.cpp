@@ -41,6 +41,14 @@ std::string findDecimalSeparator()
 
 } // namespace
 
+void openStandardDescriptors()
+{
+    // Ascending: open() takes the lowest that is free, and the lower ones are open by then.
+    for (const int descriptor : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO })
+        if (::fcntl(descriptor, F_GETFD) == -1 && errno == EBADF)
+            ::open("/dev/null", descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+}
+
 const std::string& decimalSeparator()
 {
     static const std::string separator = findDecimalSeparator();

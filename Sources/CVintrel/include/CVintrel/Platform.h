@@ -13,6 +13,10 @@ namespace CVintrel {
 /// is asked once.
 const std::string& decimalSeparator();
 
+/// Opens those of the standard input, output and error on /dev/null that are closed. Otherwise the
+/// next file that is opened takes their place, and gets what is printed.
+void openStandardDescriptors();
+
 /// Sets the creation date of an open file. False where the system or the file system keeps none
 /// that can be set.
 bool setCreationDate(int descriptor, const std::timespec& date);
