@@ -75,10 +75,19 @@ std::unique_ptr<DiskSource> open(const std::string& name)
     const bool isDeviceName = name.starts_with("disk") && !std::filesystem::exists(name, error);
     auto source
         = isDeviceName ? SourceOpener::openDevice(name, name) : SourceOpener::openImage(name);
-    if (const char* ranges = std::getenv("VINTREL_SIMULATE_BAD"))
-        for (const auto& range : parseByteRanges(ranges))
-            source->addSimulatedBadRange(range);
     return source;
+}
+
+/// A variable that was left over from an experiment would make a healthy disk look damaged.
+void simulateDamage(const Session& session)
+{
+    const char* const text = std::getenv("VINTREL_SIMULATE_BAD");
+    const auto ranges = parseByteRanges(text != nullptr ? text : "");
+    for (const auto& range : ranges)
+        session.source->addSimulatedBadRange(range);
+    if (!ranges.empty())
+        session.complain("Advarsel: VINTREL_SIMULATE_BAD er sat. Det, den nævner, regnes som "
+                         "ulæseligt.");
 }
 
 /// An image of a failing disk holds zeros where nothing was rescued. Where its mapfile lies beside
@@ -302,6 +311,7 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
     }
     if (command->readsSource) {
         session.source->whenLeaving([&session] { session.progress.cancel(); });
+        simulateDamage(session);
         markHolesOfImage(session);
     }
     command->perform(session);
