@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <clocale>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <langinfo.h>
@@ -40,6 +41,15 @@ std::string findDecimalSeparator()
 }
 
 } // namespace
+
+std::vector<int> stateSignals()
+{
+#ifdef SIGINFO
+    return { SIGUSR1, SIGINFO }; // Ctrl-T
+#else
+    return { SIGUSR1 };
+#endif
+}
 
 void openStandardDescriptors()
 {
