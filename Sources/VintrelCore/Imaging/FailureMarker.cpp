@@ -2,7 +2,6 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 
-#include <ranges>
 #include <utility>
 
 void FailureMarker::mark(const RangeMap::Block& range, RangeMap::Status status)
@@ -25,9 +24,10 @@ void FailureMarker::mark(const RangeMap::Block& range, RangeMap::Status status)
 void FailureMarker::takeBack()
 {
     // Backwards: what failed in two passes had its first status before.
-    for (const auto& range : std::views::reverse(doubtful_))
+    for (; !doubtful_.empty(); doubtful_.pop_back()) {
+        const auto& range = doubtful_.back();
         map_.set(range.position, range.size, range.status);
-    doubtful_.clear();
+    }
 }
 
 void FailureMarker::remember(const RangeMap::Block& range)
