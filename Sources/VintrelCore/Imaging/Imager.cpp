@@ -146,10 +146,10 @@ private:
     void finish()
     {
         const bool isInPlace = image_.isAt(imager_.imagePath_);
+        if (!isInPlace)
+            disownImage();
         const bool canGoOn = save() && isInPlace;
         const bool isStopped = imager_.isCancelled_ || hasSourceLeft_;
-        if (!isInPlace && warn_)
-            warn_(imager_.imagePath_ + " er ikke længere den fil, der blev skrevet til");
         {
             const CVintrel::MutexLock guard(imager_.lock_);
             auto& stats = imager_.stats_;
@@ -165,6 +165,17 @@ private:
                     + ".";
         }
         update(Clock::now());
+    }
+
+    /// The image was moved or replaced. Of another file in its place nothing is finished: a later
+    /// run would believe the mapfile.
+    void disownImage()
+    {
+        struct stat status { };
+        if (::stat(imager_.imagePath_.c_str(), &status) == 0)
+            map_.set(0, source_.size(), Status::nonTried);
+        if (warn_)
+            warn_(imager_.imagePath_ + " er ikke længere den fil, der blev skrevet til");
     }
 
     void begin(const Pass& pass)

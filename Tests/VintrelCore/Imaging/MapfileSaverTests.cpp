@@ -28,6 +28,7 @@ TEST(MapfileSaver, SaysThatProgressIsSavedOnlyWhenItIs)
         { folderForMapfile, false, "",
             { "fremskridtet kunne ikke gemmes i " + mapfile + ": "
                 + SystemError(EISDIR).message() } },
+        { otherImage, false, "", { image + " er ikke længere den fil, der blev skrevet til" } },
         { otherImage, true, "Stoppet. Du kan fortsætte senere.",
             { image + " er ikke længere den fil, der blev skrevet til" } },
     };
@@ -38,19 +39,22 @@ TEST(MapfileSaver, SaysThatProgressIsSavedOnlyWhenItIs)
         if (obstacle == folderForMapfile)
             std::filesystem::create_directory(mapfile);
         DiskImager imager(*source, image);
-        imager.setPaused(isCancelled);
+        imager.setPaused(isCancelled || obstacle == otherImage);
         std::vector<std::string> warnings;
         imager.run(
             [&, what = obstacle, cancels = isCancelled](const ImagingStats& stats) {
-                if (cancels && !stats.finished && what == otherImage)
+                if (!stats.finished && what == otherImage)
                     replaceImage();
+                imager.setPaused(false);
                 if (cancels)
                     imager.cancel();
             },
             [&](const std::string& warning) { warnings.push_back(warning); });
         EXPECT_EQ(imager.currentStats().message.value_or(""), message);
         EXPECT_EQ(warnings, expected);
-        if (!isCancelled) {
+        if (!isCancelled && obstacle == otherImage) {
+            EXPECT_EQ(RangeMap::read(mapfile, disk.size())->total(RangeMap::Status::finished), 0u);
+        } else if (!isCancelled) {
             EXPECT_EQ(readFile(image), disk);
         }
     }
