@@ -29,6 +29,15 @@ constexpr std::uint32_t smallestBlock = 512;
 
 } // namespace
 
+bool meansNoDevice(int error)
+{
+#ifdef ENOMEDIUM
+    if (error == ENOMEDIUM)
+        return true;
+#endif
+    return error == ENXIO || error == ENODEV;
+}
+
 #ifdef __APPLE__
 
 namespace {

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <clocale>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <langinfo.h>
@@ -40,6 +41,23 @@ std::string findDecimalSeparator()
 }
 
 } // namespace
+
+std::vector<int> stateSignals()
+{
+#ifdef SIGINFO
+    return { SIGUSR1, SIGINFO }; // Ctrl-T
+#else
+    return { SIGUSR1 };
+#endif
+}
+
+void openStandardDescriptors()
+{
+    // Ascending: open() takes the lowest that is free, and the lower ones are open by then.
+    for (const int descriptor : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO })
+        if (::fcntl(descriptor, F_GETFD) == -1 && errno == EBADF)
+            ::open("/dev/null", descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+}
 
 const std::string& decimalSeparator()
 {

@@ -3,6 +3,7 @@
 #include "VintrelCLI/ByteCount.h"
 #include "VintrelCLI/DiskListing.h"
 #include "VintrelCLI/Signals.h"
+#include "VintrelCLI/StateLine.h"
 #include "VintrelCLI/TreeListing.h"
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Devices/SourceOpener.h"
@@ -23,6 +24,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <ostream>
+#include <unistd.h>
 
 namespace {
 
@@ -49,7 +51,8 @@ struct Session {
     Arguments arguments; ///< the command word first
     std::ostream& out;
     std::ostream& err;
-    WorkProgress progress; ///< of every operation; shown nowhere
+    StateLine& state;
+    WorkProgress progress; ///< of every operation; shown by `state` alone
     std::unique_ptr<DiskSource> source;
     std::string reached {}; ///< Danish: how far the command has come, for when it is stopped
 
@@ -60,8 +63,9 @@ struct Session {
     void complain(std::string line) const { write(err, std::move(line)); }
 
 private:
-    static void write(std::ostream& stream, std::string line)
+    void write(std::ostream& stream, std::string line) const
     {
+        state.clear();
         line += '\n';
         stream.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
     }
@@ -75,10 +79,19 @@ std::unique_ptr<DiskSource> open(const std::string& name)
     const bool isDeviceName = name.starts_with("disk") && !std::filesystem::exists(name, error);
     auto source
         = isDeviceName ? SourceOpener::openDevice(name, name) : SourceOpener::openImage(name);
-    if (const char* ranges = std::getenv("VINTREL_SIMULATE_BAD"))
-        for (const auto& range : parseByteRanges(ranges))
-            source->addSimulatedBadRange(range);
     return source;
+}
+
+/// A variable that was left over from an experiment would make a healthy disk look damaged.
+void simulateDamage(const Session& session)
+{
+    const char* const text = std::getenv("VINTREL_SIMULATE_BAD");
+    const auto ranges = parseByteRanges(text != nullptr ? text : "");
+    for (const auto& range : ranges)
+        session.source->addSimulatedBadRange(range);
+    if (!ranges.empty())
+        session.complain("Advarsel: VINTREL_SIMULATE_BAD er sat. Det, den nævner, regnes som "
+                         "ulæseligt.");
 }
 
 /// An image of a failing disk holds zeros where nothing was rescued. Where its mapfile lies beside
@@ -127,6 +140,9 @@ VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& de
     listener.quickScanDone = [&](const std::vector<std::string>& notes) {
         for (const auto& note : notes)
             session.print("! " + Unicode::escaped(note));
+    };
+    listener.sweeping = [&](const DeepScanStats& stats) {
+        session.state.show([&] { return StateLine::describe(stats); });
     };
     listener.sweepDone = [&](const DeepScanResult& finds) {
         session.print(describe(finds));
@@ -210,8 +226,12 @@ void recover(Session& session)
             for (const auto& child : volume->root->children())
                 nodes.push_back(child.get());
         }
+        const auto reporter = [&, start = StateLine::Clock::now()](const RecoveryProgress& done) {
+            session.state.show(
+                [&] { return StateLine::describe(done, StateLine::Clock::now() - start); });
+        };
         const auto result = RecoveryEngine::recover(nodes, volume->title(), *session.source,
-            session.arguments[2], {}, nullptr, session.progress);
+            session.arguments[2], {}, reporter, session.progress);
         copied += result.recovered + result.withErrors;
         session.reached = "Gendannelsen nåede " + std::to_string(copied) + " filer.";
         session.print(Unicode::escaped(volume->title()) + ": " + std::to_string(result.recovered)
@@ -229,15 +249,23 @@ void image(Session& session)
     warnOfDestination(session);
     DiskImager imager(*session.source, session.arguments[2]);
     std::optional<Clock::time_point> lastLine;
-    imager.run([&](const ImagingStats& stats) {
+    const auto print = [&](const ImagingStats& stats) {
         if (session.progress.isCancelled())
             imager.cancel();
+        const auto line = [&] {
+            return stats.phase + ": " + formatBytes(stats.rescued) + " reddet, "
+                + formatBytes(stats.bad) + " dårlige, " + formatBytes(stats.pending) + " tilbage";
+        };
+        if (!stats.finished)
+            session.state.show(line);
         const auto now = Clock::now();
         if (lastLine && now - *lastLine <= imagingLineInterval && !stats.finished)
             return;
         lastLine = now;
-        session.print(stats.phase + ": " + formatBytes(stats.rescued) + " reddet, "
-            + formatBytes(stats.bad) + " dårlige, " + formatBytes(stats.pending) + " tilbage");
+        session.print(line());
+    };
+    imager.run(print, [&](const std::string& warning) {
+        session.complain("Advarsel: " + Unicode::escaped(warning) + ".");
     });
     if (const auto message = imager.currentStats().message)
         session.print(Unicode::escaped(*message));
@@ -265,10 +293,14 @@ constexpr Command commands[] = {
 int statusOf(const Command& command, const Session& session)
 {
     const auto signal = SignalCancellation::received();
-    if (!signal || command.tellsThatItWasStopped)
+    const bool hasSourceLeft = session.source && session.source->hasLeft();
+    if (hasSourceLeft)
+        session.complain("Advarsel: " + Unicode::escaped(session.source->displayName())
+            + " svarer ikke længere, og læsningen blev stoppet.");
+    if ((!signal && !hasSourceLeft) || command.tellsThatItWasStopped)
         return exitDone;
     session.complain("Stoppet: resultatet er ufuldstændigt. " + session.reached);
-    return exitBySignal + *signal;
+    return signal ? exitBySignal + *signal : exitNoSource;
 }
 
 } // namespace
@@ -282,9 +314,18 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
         out << usage << std::flush;
         return exitUsage;
     }
-    Session session {
-        .arguments = arguments, .out = out, .err = err, .progress = {}, .source = nullptr
+    StateLine state(
+        err, std::ranges::count(arguments, "--progress") != 0 && ::isatty(STDERR_FILENO));
+    const auto show = [&state](double fraction, const std::string& message) {
+        state.show([&] { return StateLine::describe(fraction, message); });
     };
+    Session session { .arguments = arguments,
+        .out = out,
+        .err = err,
+        .state = state,
+        .progress = WorkProgress(show),
+        .source = nullptr };
+    const StateRequests requests;
     const SignalCancellation cancellation(session.progress);
     try {
         if (command->readsSource)
@@ -293,8 +334,11 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
         session.complain("Fejl: " + std::string(error.what()));
         return exitNoSource;
     }
-    if (command->readsSource)
+    if (command->readsSource) {
+        session.source->whenLeaving([&session] { session.progress.cancel(); });
+        simulateDamage(session);
         markHolesOfImage(session);
+    }
     command->perform(session);
     return statusOf(*command, session);
 }

@@ -10,7 +10,7 @@
 #include <vector>
 
 /// The exit statuses of the program. A command that a signal stopped ends with `exitBySignal` and
-/// the signal's number, as shells have it.
+/// the signal's number, as shells have it; one whose source stopped answering, with `exitNoSource`.
 enum ExitStatus { exitDone = 0, exitUsage = 1, exitNoSource = 2, exitBySignal = 128 };
 
 /// Runs one command. `arguments` is the command line without the program's path; results go to

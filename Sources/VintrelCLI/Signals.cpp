@@ -1,5 +1,7 @@
 #include "VintrelCLI/Signals.h"
 
+#include <CVintrel/Platform.h>
+
 #include <atomic>
 
 namespace {
@@ -7,6 +9,8 @@ namespace {
 std::atomic<WorkProgress*> workToCancel = nullptr;
 static_assert(std::atomic<WorkProgress*>::is_always_lock_free, "a signal handler loads it");
 volatile std::sig_atomic_t receivedSignal = 0; // 0: none
+std::atomic<bool> isStateAsked = false;
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 
 void setDefault(int signal)
 {
@@ -65,3 +69,25 @@ std::optional<int> SignalCancellation::received()
     const int signal = receivedSignal;
     return signal != 0 ? std::optional(signal) : std::nullopt;
 }
+
+StateRequests::StateRequests()
+{
+    isStateAsked = false;
+    for (const int signal : CVintrel::stateSignals()) {
+        struct sigaction action { };
+        action.sa_handler = [](int) { isStateAsked = true; };
+        action.sa_flags = SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        struct sigaction previous { };
+        ::sigaction(signal, &action, &previous);
+        previous_.emplace_back(signal, previous);
+    }
+}
+
+StateRequests::~StateRequests()
+{
+    for (const auto& [signal, action] : previous_)
+        ::sigaction(signal, &action, nullptr);
+}
+
+bool StateRequests::take() { return isStateAsked.exchange(false); }

@@ -4,6 +4,8 @@
 
 #include <csignal>
 #include <optional>
+#include <utility>
+#include <vector>
 
 /// While it lives, the first SIGINT or SIGTERM cancels the work instead of ending the program, so
 /// that what is finished stays and is reported. The next one ends the program at once. A signal
@@ -22,4 +24,20 @@ public:
 private:
     struct sigaction previousInterrupt_ { };
     struct sigaction previousTerminate_ { };
+};
+
+/// While it lives, the signals with which a user asks how far the work has come do not end the
+/// program. There is at most one of these at a time.
+class StateRequests {
+public:
+    StateRequests();
+    StateRequests(const StateRequests&) = delete;
+    StateRequests& operator=(const StateRequests&) = delete;
+    ~StateRequests();
+
+    /// Whether the user has asked since the last call.
+    static bool take();
+
+private:
+    std::vector<std::pair<int, struct sigaction>> previous_;
 };

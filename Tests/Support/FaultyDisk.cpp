@@ -5,6 +5,10 @@
 //   FAULTS         kind:start-end,… in bytes, the end not included. eio: cannot be read; what lies
 //                  before it in a read is delivered, as a kernel does. short: reads end early, at
 //                  odd places. eintr: every other read is interrupted.
+//   FAULTY_DEVICE  the file says that it is a disk, with sectors of 512 bytes
+//   LEAVES         kind:reads. After so many reads the disk leaves. eio: all others fail. empty:
+//   they
+//                  give nothing, and the disk's size is 0.
 //   READ_DELAY     microseconds that each MiB of the file takes longer to read
 //   READ_LOG       a file that gets a line "offset count" for each read of the file, as it was
 //                  asked for
@@ -18,6 +22,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +30,8 @@
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -53,10 +60,16 @@ struct Plan {
     /// By the MiB that they touch. A benchmark must not measure the search for them.
     std::vector<std::vector<Fault>> faults;
     std::int64_t readDelay = numberIn("READ_DELAY", 0);
+    long long mostReads = -1; ///< before the disk leaves; -1: it stays
+    bool leavesEmpty = false;
     int log = -1;
 
     Plan()
     {
+        char leaving[16] {};
+        if (const char* const leaves = std::getenv("LEAVES"))
+            std::sscanf(leaves, "%15[a-z]:%lld", leaving, &mostReads);
+        leavesEmpty = std::strcmp(leaving, "empty") == 0;
         if (const char* const path = std::getenv("READ_LOG"))
             log = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
         const char* text = std::getenv("FAULTS");
@@ -94,16 +107,22 @@ class NamedFile {
 public:
     explicit NamedFile(const char* variable)
     {
+        static const auto system = next<int(const char*, struct stat*)>("stat");
         const char* const path = std::getenv(variable);
-        isThere_ = path != nullptr && ::stat(path, &status_) == 0;
+        isThere_ = path != nullptr && system(path, &status_) == 0;
     }
 
     bool is(int descriptor) const
     {
+        static const auto system = next<int(int, struct stat*)>("fstat");
         struct stat own { };
-        return isThere_ && ::fstat(descriptor, &own) == 0 && own.st_dev == status_.st_dev
-            && own.st_ino == status_.st_ino;
+        return system(descriptor, &own) == 0 && is(own);
     }
+    bool is(const struct stat& status) const
+    {
+        return isThere_ && status.st_dev == status_.st_dev && status.st_ino == status_.st_ino;
+    }
+    std::uint64_t size() const { return static_cast<std::uint64_t>(status_.st_size); }
 
 private:
     bool isThere_ = false;
@@ -112,18 +131,36 @@ private:
 
 int knownDisk = -1; ///< a descriptor of the file that plays the disk, while it is open
 
-bool isDisk(int descriptor)
+const NamedFile& disk()
 {
     static const NamedFile disk("FAULTY_FILE");
-    if (descriptor != knownDisk && disk.is(descriptor))
+    return disk;
+}
+
+bool isDisk(int descriptor)
+{
+    if (descriptor != knownDisk && disk().is(descriptor))
         knownDisk = descriptor;
     return descriptor == knownDisk;
 }
 
+/// What stat() and its like say of the file.
+void callDevice(int result, struct stat* status)
+{
+    static const bool isDevice = std::getenv("FAULTY_DEVICE") != nullptr;
+    if (!isDevice || result != 0 || !disk().is(*status))
+        return;
+    status->st_mode = (status->st_mode & ~static_cast<mode_t>(S_IFMT)) | S_IFBLK;
+    status->st_rdev = 1; // no disk has this number
+}
+
+unsigned reads = 0;
+
+bool hasLeft() { return plan().mostReads >= 0 && reads > plan().mostReads; }
+
 /// How many bytes a read may deliver, or -1 with errno set.
 ssize_t allowed(int descriptor, std::size_t count, std::int64_t position)
 {
-    static unsigned reads = 0;
     if (count == 0 || !isDisk(descriptor))
         return static_cast<ssize_t>(count);
     if (plan().log >= 0)
@@ -132,6 +169,10 @@ ssize_t allowed(int descriptor, std::size_t count, std::int64_t position)
         delay > 0)
         ::usleep(static_cast<useconds_t>(delay));
     ++reads;
+    if (hasLeft()) {
+        errno = EIO;
+        return plan().leavesEmpty ? 0 : -1;
+    }
     const auto& faults = plan().faults;
     const auto first = static_cast<std::size_t>(position) / bucketSize;
     const auto last = (static_cast<std::size_t>(position) + count - 1) / bucketSize;
@@ -178,6 +219,50 @@ ssize_t read(int descriptor, void* buffer, std::size_t count)
     static const auto system = next<ssize_t(int, void*, std::size_t)>("read");
     const ssize_t limit = allowed(descriptor, count, ::lseek(descriptor, 0, SEEK_CUR));
     return limit < 0 ? limit : system(descriptor, buffer, static_cast<std::size_t>(limit));
+}
+
+// On the systems that this is for, both kinds of struct stat are laid out alike.
+int stat64(const char* path, struct stat64* status) noexcept
+{
+    static const auto system = next<int(const char*, struct stat64*)>("stat64");
+    const int result = system(path, status);
+    callDevice(result, reinterpret_cast<struct stat*>(status));
+    return result;
+}
+
+int stat(const char* path, struct stat* status) noexcept
+{
+    return stat64(path, reinterpret_cast<struct stat64*>(status));
+}
+
+int fstat64(int descriptor, struct stat64* status) noexcept
+{
+    static const auto system = next<int(int, struct stat64*)>("fstat64");
+    const int result = system(descriptor, status);
+    callDevice(result, reinterpret_cast<struct stat*>(status));
+    return result;
+}
+
+int fstat(int descriptor, struct stat* status) noexcept
+{
+    return fstat64(descriptor, reinterpret_cast<struct stat64*>(status));
+}
+
+int ioctl(int descriptor, unsigned long request, ...) noexcept
+{
+    static const auto system = next<int(int, unsigned long, void*)>("ioctl");
+    std::va_list rest;
+    va_start(rest, request);
+    void* const argument = va_arg(rest, void*);
+    va_end(rest);
+    if (!isDisk(descriptor) || (request != BLKGETSIZE64 && request != BLKSSZGET))
+        return system(descriptor, request, argument);
+    if (request == BLKSSZGET)
+        *static_cast<int*>(argument) = 512;
+    else
+        *static_cast<std::uint64_t*>(argument)
+            = hasLeft() && plan().leavesEmpty ? 0 : disk().size();
+    return 0;
 }
 
 int close(int descriptor)

@@ -154,6 +154,8 @@ TEST_F(Card, IsImagedWithAMapfileBesideTheCopy)
     setenv("VINTREL_SIMULATE_BAD", "1000000-1000001", 1);
     const auto result = runWith({ "image", path, folder / "kopi.img" });
     EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err,
+        "Advarsel: VINTREL_SIMULATE_BAD er sat. Det, den nævner, regnes som ulæseligt.\n");
     EXPECT_TRUE(result.out.ends_with("Færdig: 2.1 MB reddet, 512 bytes dårlige, 0 bytes tilbage\n"))
         << result.out;
     EXPECT_TRUE(std::filesystem::exists(folder / "kopi.img.map"));
@@ -162,6 +164,13 @@ TEST_F(Card, IsImagedWithAMapfileBesideTheCopy)
         ": 0 bytes reddet, 0 bytes dårlige, 0 bytes tilbage\n"
         "Kunne ikke oprette billedfilen: "
             + std::generic_category().message(EBUSY) + "\n");
+}
+
+TEST_F(Card, IsImagedWithoutTheLinesThatAreForAClosedOutput)
+{
+    // Otherwise the source becomes the standard input, and the image the output.
+    runProgram("<&- >&- 2>&-", "image " + path + " " + (folder / "kopi.img"));
+    EXPECT_TRUE(readFile(folder / "kopi.img") == readFile(path));
 }
 
 TEST_F(Card, RecoverGoesOnAfterFailuresAndPrintsTenOfThem)

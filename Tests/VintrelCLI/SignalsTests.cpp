@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <thread>
 
 namespace {
 
@@ -66,6 +68,24 @@ TEST_F(Signals, InterruptedRecoveryKeepsAndReportsWhatIsFinished)
         std::string::npos)
         << program->printed();
     EXPECT_EQ(std::ranges::count(readFile(recovered + "/Gendannelsesrapport.csv"), '\n'), 1 + kept);
+}
+
+TEST_F(Signals, AskForTheStateWithoutEndingAnything)
+{
+    const std::pair<std::vector<std::string>, const char*> rows[] = {
+        { { "recover", disk, folder / "target" }, " af 20 filer\n" },
+        { { "deep", disk }, " % af 8.4 MB, " },
+        { { "image", disk, folder / "image" }, " tilbage\nKopierer (hurtig gennemgang): " },
+    };
+    for (const auto& [arguments, text] : rows) {
+        std::filesystem::remove(log);
+        auto program = start(arguments, 150'000);
+        ASSERT_TRUE(program->runsUntil([&] { return !readFile(log).empty(); }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        program->signal(SIGUSR1);
+        EXPECT_EQ(program->wait(), 0);
+        EXPECT_NE(program->printed().find(text), std::string::npos) << program->printed();
+    }
 }
 
 TEST_F(Signals, InterruptedScanEndsInOrderAndASecondSignalEndsAtOnce)

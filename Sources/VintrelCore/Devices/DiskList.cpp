@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Devices/HelperProgram.h"
 #include "VintrelCore/Devices/PropertyList/PropertyList.h"
+#include "VintrelCore/Devices/SmartStatus.h"
 #include "VintrelCore/Foundation/Text.h"
 
 #include <CVintrel/Devices.h>
@@ -22,8 +23,6 @@ constexpr HelperProgram::Limits limits { .time = 20s };
 /// Disks that are asked about one by one.
 constexpr std::size_t maxDisks = 256;
 
-constexpr std::string_view verified = "Verified";
-constexpr std::string_view failing = "Failing";
 constexpr std::string_view notSupported = "Not Supported";
 
 std::optional<PropertyList> propertyListFrom(const std::vector<std::string>& words)
@@ -95,24 +94,6 @@ PartitionRecord partitionFrom(Pairs& device)
         .mountPoint = device["MOUNTPOINT"] };
 }
 
-std::string_view smartStatus(const std::string& smartctl, const std::string& disk)
-{
-    constexpr int failingBit
-        = 1 << 3; // of the exit status; other bits tell of errors in the disk's past
-    if (smartctl.empty())
-        return notSupported;
-    const auto outcome = HelperProgram::run({ smartctl, "-H", disk }, limits);
-    if (outcome.error || outcome.status < 0)
-        return notSupported;
-    if ((outcome.status & failingBit) != 0)
-        return failing;
-    for (const std::string_view healthy :
-        { "overall-health self-assessment test result: PASSED", "SMART Health Status: OK" })
-        if (outcome.output.find(healthy) != std::string::npos)
-            return verified;
-    return notSupported;
-}
-
 } // namespace
 
 namespace DiskList {
@@ -122,7 +103,7 @@ std::vector<DiskRecord> load()
     const auto programs = CVintrel::helperPrograms();
     if (!programs.diskutil.empty())
         return fromDiskutil(programs.diskutil);
-    return programs.lsblk.empty() ? std::vector<DiskRecord>()
+    return programs.lsblk.empty() ? fromSysfs("/sys/block", programs.smartctl)
                                   : fromLsblk(programs.lsblk, programs.smartctl);
 }
 
@@ -163,9 +144,9 @@ std::vector<DiskRecord> fromDiskutil(const std::string& diskutil)
 std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& smartctl)
 {
     constexpr auto columns
-        = "KNAME,PKNAME,PATH,TYPE,SIZE,MODEL,TRAN,FSTYPE,PARTTYPENAME,LABEL,MOUNTPOINT";
+        = "KNAME,PKNAME,PATH,TYPE,RM,SIZE,MODEL,TRAN,FSTYPE,PARTTYPENAME,LABEL,MOUNTPOINT";
     const auto outcome
-        = HelperProgram::run({ lsblk, "--pairs", "--bytes", "--output", columns }, limits);
+        = HelperProgram::run({ lsblk, "--all", "--pairs", "--bytes", "--output", columns }, limits);
     std::vector<DiskRecord> disks;
     if (!outcome.succeeded())
         return disks;
@@ -175,9 +156,8 @@ std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& s
         auto device = pairsOf(Text::takeLine(text));
         auto record = partitionFrom(device);
         const auto& kernelName = device["KNAME"];
-        // Drives without a medium, and memory that plays disk, are nothing to recover from.
-        if (record.bsdName.empty() || record.size == 0 || kernelName.starts_with("zram")
-            || kernelName.starts_with("ram"))
+        if (record.bsdName.empty() || !Text::number(device["SIZE"])
+            || isNoDisk(kernelName, device["RM"] == "1", record.size))
             continue;
 
         // A disk comes before what is on it; what lies on several disks comes with one of them.
@@ -198,7 +178,8 @@ std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& s
         disk.mediaName = device["MODEL"];
         disk.size = record.size;
         disk.busProtocol = orElse(device["TRAN"], type == "disk" ? "" : type);
-        disk.smartStatus = type == "disk" ? smartStatus(smartctl, disk.bsdName) : notSupported;
+        disk.smartStatus
+            = type == "disk" ? SmartStatus::ask(smartctl, disk.bsdName) : std::string(notSupported);
         if (!record.content.empty() || !record.mountPoint.empty())
             disk.partitions.push_back(std::move(record));
     }

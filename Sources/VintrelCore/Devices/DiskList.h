@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// A partition, or what else has a file system on a disk: a volume of an APFS container, an
@@ -33,7 +34,16 @@ std::vector<DiskRecord> load();
 /// From Apple's diskutil, by its path.
 std::vector<DiskRecord> fromDiskutil(const std::string& diskutil);
 
+/// Whether a block device of Linux by the kernel's name is nothing to recover from: memory that
+/// plays disk, and a drive or a loop without a medium. A disk of size 0 that cannot be removed has
+/// died: it is what the user looks for.
+bool isNoDisk(std::string_view kernelName, bool isRemovable, std::uint64_t size);
+
 /// From lsblk of util-linux and, when there is one, smartctl of smartmontools, by their paths.
 std::vector<DiskRecord> fromLsblk(const std::string& lsblk, const std::string& smartctl);
+
+/// From the folder in which Linux has its block devices (/sys/block), where there is no lsblk. What
+/// file systems and mounts there are it does not tell.
+std::vector<DiskRecord> fromSysfs(const std::string& folder, const std::string& smartctl);
 
 } // namespace DiskList

@@ -1,17 +1,9 @@
 #include "VintrelCore/Disk/DiskSource.h"
 
-#include "VintrelCore/Foundation/AlignedBuffer.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
-#include <CVintrel/Platform.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <limits>
-#include <memory>
-#include <sys/types.h>
-#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -24,13 +16,6 @@ constexpr std::uint64_t largestCachedRead = 262'144;
 /// about a damaged area.
 constexpr std::uint64_t blockSize = 65'536;
 
-/// macOS refuses to read more than 2^31 - 1 bytes in one call.
-constexpr std::size_t largestSystemRead = std::size_t { 1 } << 30;
-
-/// What a read past the system's cache takes at once when its own buffer is not aligned as it
-/// should be.
-constexpr std::size_t detourSize = std::size_t { 1 } << 20;
-
 void fillZero(std::span<std::uint8_t> bytes) { std::ranges::fill(bytes, std::uint8_t { 0 }); }
 
 } // namespace
@@ -42,8 +27,11 @@ DiskSource::DiskSource(Opened opened)
     , sectorSize_(std::max<std::uint32_t>(opened.sectorSize, 512))
     , isDevice_(opened.isDevice)
     , bsdName_(std::move(opened.bsdName))
-    , needsAlignment_(opened.needsAlignment)
-    , descriptor_(std::move(opened.descriptor))
+    , raw_({ .descriptor = std::move(opened.descriptor),
+          .size = size_,
+          .sectorSize = sectorSize_,
+          .isDevice = isDevice_,
+          .needsAlignment = opened.needsAlignment })
     , cleanup_(std::move(opened.cleanup))
 {
 }
@@ -76,40 +64,37 @@ std::uint64_t DiskSource::readReporting(
     if (into.empty())
         return 0;
     const CVintrel::MutexLock guard(lock_);
-    if (closed_) {
-        fillZero(into);
-        return into.size();
-    }
-    return into.size() <= largestCachedRead ? readThroughCache(offset, into, mode)
-                                            : readLarge(offset, into, mode);
+    std::uint64_t badBytes = 0;
+    if (!isOutOfReach())
+        badBytes = into.size() <= largestCachedRead ? readThroughCache(offset, into, mode)
+                                                    : readLarge(offset, into, mode);
+    return isOutOfReach() ? giveUp(into) : badBytes;
 }
 
 std::uint64_t DiskSource::readInto(
     std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode)
 {
     const CVintrel::MutexLock guard(lock_);
-    if (closed_) {
-        fillZero(buffer);
-        return buffer.size();
-    }
-    return rawRead(offset, buffer, mode);
+    const std::uint64_t badBytes = isOutOfReach() ? 0 : rawRead(offset, buffer, mode);
+    return isOutOfReach() ? giveUp(buffer) : badBytes;
 }
 
 bool DiskSource::tryRead(std::uint64_t offset, std::span<std::uint8_t> buffer)
 {
     const CVintrel::MutexLock guard(lock_);
-    if (closed_)
+    if (isOutOfReach())
         return false;
-    if (readExact(offset, buffer))
+    if (raw_.readExact(offset, buffer))
         return true;
     ++readErrors_;
+    noticeLeaving();
     return false;
 }
 
 void DiskSource::markBad(std::uint64_t sector)
 {
     const CVintrel::MutexLock guard(lock_);
-    badSectors_.insert(sector);
+    addBadSector(sector);
 }
 
 bool DiskSource::isKnownBad(std::uint64_t sector) const
@@ -121,19 +106,20 @@ bool DiskSource::isKnownBad(std::uint64_t sector) const
 bool DiskSource::hasBadSectors(std::uint64_t offset, std::uint64_t count) const
 {
     const CVintrel::MutexLock guard(lock_);
-    return count > 0 && hasBadSector(offset / sectorSize_, (offset + count - 1) / sectorSize_ + 1);
+    return count > 0
+        && badSectors_.intersects(offset / sectorSize_, (offset + count - 1) / sectorSize_ + 1);
 }
 
-std::vector<std::uint64_t> DiskSource::badSectors() const
+RangeSet DiskSource::badSectors() const
 {
     const CVintrel::MutexLock guard(lock_);
-    return { badSectors_.begin(), badSectors_.end() };
+    return badSectors_;
 }
 
-std::size_t DiskSource::badSectorCount() const
+std::uint64_t DiskSource::badSectorCount() const
 {
     const CVintrel::MutexLock guard(lock_);
-    return badSectors_.size();
+    return badSectors_.total();
 }
 
 std::int64_t DiskSource::readErrorCount() const
@@ -145,48 +131,49 @@ std::int64_t DiskSource::readErrorCount() const
 std::uint64_t DiskSource::bytesRead() const
 {
     const CVintrel::MutexLock guard(lock_);
-    return bytesRead_;
+    return raw_.bytesRead();
 }
 
 std::vector<ByteRange> DiskSource::simulatedBadRanges() const
 {
     const CVintrel::MutexLock guard(lock_);
-    return simulatedBadRanges_;
+    return raw_.simulatedBadRanges();
 }
 
 void DiskSource::addSimulatedBadRange(ByteRange range)
 {
-    range.end = std::min(range.end, size_);
-    if (range.start >= range.end)
-        return;
     const CVintrel::MutexLock guard(lock_);
-    auto& ranges = simulatedBadRanges_;
-    const auto first = std::ranges::lower_bound(ranges, range.start, {}, &ByteRange::end);
-    const auto last = std::ranges::upper_bound(ranges, range.end, {}, &ByteRange::start);
-    if (first != last) {
-        range.start = std::min(range.start, first->start);
-        range.end = std::max(range.end, std::prev(last)->end);
-    }
-    ranges.insert(ranges.erase(first, last), range);
+    raw_.addSimulatedBadRange(range);
 }
 
 std::uint64_t DiskSource::nextData(std::uint64_t offset) const
 {
     const CVintrel::MutexLock guard(lock_);
-    if (isDevice_ || closed_ || offset >= size_)
-        return std::min(offset, size_);
-    const auto stored = CVintrel::nextStored(descriptor_.get(), offset, size_);
-    const auto bad = std::ranges::upper_bound(simulatedBadRanges_, offset, {}, &ByteRange::end);
-    return bad == simulatedBadRanges_.end() ? stored
-                                            : std::min(stored, std::max(offset, bad->start));
+    return raw_.nextData(offset);
 }
 
 bool DiskSource::isFile(const struct ::stat& status) const
 {
     const CVintrel::MutexLock guard(lock_);
-    struct ::stat own { };
-    return !closed_ && ::fstat(descriptor_.get(), &own) == 0 && own.st_dev == status.st_dev
-        && own.st_ino == status.st_ino;
+    return raw_.isFile(status);
+}
+
+bool DiskSource::hasLeft() const
+{
+    const CVintrel::MutexLock guard(lock_);
+    return raw_.hasLeft();
+}
+
+std::uint64_t DiskSource::answers() const
+{
+    const CVintrel::MutexLock guard(lock_);
+    return raw_.answers();
+}
+
+void DiskSource::whenLeaving(std::function<void()> action)
+{
+    const CVintrel::MutexLock guard(lock_);
+    leavingAction_ = std::move(action);
 }
 
 bool DiskSource::isClosed() const
@@ -203,7 +190,7 @@ void DiskSource::close()
         if (closed_)
             return;
         closed_ = true;
-        descriptor_.close();
+        raw_.close();
         chunkByIndex_.clear();
         chunks_.clear();
         cleanup = std::exchange(cleanup_, nullptr);
@@ -219,8 +206,12 @@ DiskSource::CachedChunk DiskSource::cachedChunk(std::uint64_t index, ReadMode mo
         chunks_.splice(chunks_.end(), chunks_, known->second);
         const std::uint64_t firstSector = offset / sectorSize_;
         return { known->second->bytes,
-            hasBadSector(firstSector, firstSector + chunkSize / sectorSize_), false };
+            badSectors_.intersects(firstSector, firstSector + chunkSize / sectorSize_), false };
     }
+
+    const bool isLastUncached = uncached_.index == index && !uncached_.bytes.empty();
+    if (isLastUncached && mode == ReadMode::fast)
+        return { uncached_.bytes, true, true };
 
     // A new chunk takes over the memory of the one that it displaces.
     Chunk chunk = std::exchange(uncached_, {});
@@ -275,7 +266,9 @@ std::uint64_t DiskSource::readLarge(
 
 std::uint64_t DiskSource::rawRead(std::uint64_t offset, std::span<std::uint8_t> into, ReadMode mode)
 {
-    const std::size_t done = attempt(offset, into);
+    if (isKnownToFail(offset, into.size(), mode))
+        return recoverRead(offset, into, mode);
+    const std::size_t done = raw_.attempt(offset, into);
     if (done == into.size())
         return 0;
     ++readErrors_;
@@ -293,10 +286,12 @@ std::uint64_t DiskSource::recoverRead(
     while (!into.empty()) {
         const auto block = into.first(static_cast<std::size_t>(
             std::min<std::uint64_t>(into.size(), unitEnd(offset, blockSize) - offset)));
-        const std::uint64_t key = roundDown(offset, blockSize) / sectorSize_;
-        if (suspectBlocks_.contains(key) || !readExact(offset, block)) {
+        const std::uint64_t number = offset / blockSize;
+        const bool isSuspect = suspectBlocks_.contains(number)
+            || isKnownToFail(offset, block.size(), ReadMode::thorough);
+        if (isSuspect || !raw_.readExact(offset, block)) {
             if (mode == ReadMode::fast) {
-                suspectBlocks_.insert(key);
+                suspectBlocks_.add(number, number + 1);
                 fillZero(block);
                 badBytes += block.size();
             } else {
@@ -317,9 +312,9 @@ std::uint64_t DiskSource::recoverSectors(std::uint64_t offset, std::span<std::ui
             std::min<std::uint64_t>(into.size(), unitEnd(offset, sectorSize_) - offset)));
         const std::uint64_t sector = offset / sectorSize_;
         const bool wasKnown = badSectors_.contains(sector);
-        if (wasKnown || !readExact(offset, piece)) {
-            if (!wasKnown) {
-                badSectors_.insert(sector);
+        if (wasKnown || !raw_.readExact(offset, piece)) {
+            if (!wasKnown && !raw_.hasLeft()) {
+                addBadSector(sector);
                 ++readErrors_;
             }
             fillZero(piece);
@@ -331,89 +326,56 @@ std::uint64_t DiskSource::recoverSectors(std::uint64_t offset, std::span<std::ui
     return badBytes;
 }
 
-bool DiskSource::readExact(std::uint64_t offset, std::span<std::uint8_t> into)
+void DiskSource::addBadSector(std::uint64_t sector)
 {
-    return attempt(offset, into) == into.size();
+    if (std::exchange(answersBeforeDoubt_, raw_.answers()) != raw_.answers())
+        doubtfulSectors_ = {};
+    doubtfulSectors_.add(sector, sector + 1);
+    badSectors_.add(sector, sector + 1);
 }
 
-/// One read attempt. Returns how many bytes were delivered before it failed, all of them when it
-/// did not. What lies past the end of the source is delivered as zeros.
-std::size_t DiskSource::attempt(std::uint64_t offset, std::span<std::uint8_t> into)
+/// What is read from a source that is closed or has left.
+std::uint64_t DiskSource::giveUp(std::span<std::uint8_t> into)
 {
-    std::size_t done = 0;
-    if (!into.empty() && offset < size_
-        && isSimulatedBad(offset, offset + std::min<std::uint64_t>(into.size(), size_ - offset)))
-        return 0;
-    while (done < into.size()) {
-        const auto rest = into.subspan(done);
-        const std::uint64_t position = offset + done;
-        if (position < offset || position >= size_) {
-            fillZero(rest);
-            break;
-        }
-        const auto count = needsAlignment_
-            ? readAligned(position, rest)
-            : ::pread(descriptor_.get(), rest.data(), std::min(rest.size(), largestSystemRead),
-                static_cast<off_t>(
-                    std::min<std::uint64_t>(position, std::numeric_limits<off_t>::max())));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return done;
-        if (count == 0) { // the file has become shorter
-            fillZero(rest);
-            break;
-        }
-        bytesRead_ += static_cast<std::uint64_t>(count);
-        done += static_cast<std::size_t>(count);
-    }
+    noticeLeaving();
+    fillZero(into);
     return into.size();
 }
 
-/// As pread(), whatever the alignment.
-ssize_t DiskSource::readAligned(std::uint64_t offset, std::span<std::uint8_t> into)
+/// A device that leaves says nothing of the sectors that it failed to read on its way.
+void DiskSource::noticeLeaving()
 {
-    into = into.first(
-        std::min(into.size(), static_cast<std::size_t>(roundDown(largestSystemRead, sectorSize_))));
-    const bool suits = reinterpret_cast<std::uintptr_t>(into.data()) % AlignedBuffer::alignment == 0
-        && offset % sectorSize_ == 0 && into.size() % sectorSize_ == 0;
-    if (suits)
-        return ::pread(descriptor_.get(), into.data(), into.size(), static_cast<off_t>(offset));
-
-    const auto room = std::max<std::size_t>(detourSize, sectorSize_);
-    if (!detour_)
-        detour_ = std::make_unique<AlignedBuffer>(room);
-    auto* const sectors = detour_->bytes().data();
-    const auto head = static_cast<std::size_t>(offset % sectorSize_);
-    const auto wanted
-        = std::min(room, static_cast<std::size_t>(unitEnd(head + into.size() - 1, sectorSize_)));
-    const auto count
-        = ::pread(descriptor_.get(), sectors, wanted, static_cast<off_t>(offset - head));
-    if (count <= static_cast<ssize_t>(head))
-        return std::min<ssize_t>(count, 0); // failed, or at the end
-    const auto delivered = std::min(static_cast<std::size_t>(count) - head, into.size());
-    std::memcpy(into.data(), sectors + head, delivered);
-    return static_cast<ssize_t>(delivered);
+    if (!raw_.hasLeft())
+        return;
+    if (answersBeforeDoubt_ == raw_.answers())
+        for (const auto& [first, end] : doubtfulSectors_.ranges())
+            badSectors_.remove(first, end);
+    doubtfulSectors_ = {};
+    if (const auto action = std::exchange(leavingAction_, nullptr))
+        action();
 }
 
-bool DiskSource::isSimulatedBad(std::uint64_t start, std::uint64_t end) const
+/// Whether an attempt would ask the disk for what it has failed to read before, which costs a dying
+/// one seconds and maybe its last.
+bool DiskSource::isKnownToFail(std::uint64_t offset, std::uint64_t count, ReadMode mode) const
 {
-    const auto range = std::ranges::upper_bound(simulatedBadRanges_, start, {}, &ByteRange::end);
-    return range != simulatedBadRanges_.end() && range->start < end;
-}
-
-bool DiskSource::hasBadSector(std::uint64_t first, std::uint64_t end) const
-{
-    const auto sector = badSectors_.lower_bound(first);
-    return sector != badSectors_.end() && *sector < end;
+    if (count == 0)
+        return false;
+    const std::uint64_t last = offset + count - 1;
+    return badSectors_.intersects(offset / sectorSize_, last / sectorSize_ + 1)
+        || (mode == ReadMode::fast
+            && suspectBlocks_.intersects(offset / blockSize, last / blockSize + 1));
 }
 
 std::uint64_t DiskSource::badBytesIn(std::uint64_t offset, std::uint64_t count) const
 {
-    const auto first = badSectors_.lower_bound(offset / sectorSize_);
-    const auto end = badSectors_.upper_bound((offset + count - 1) / sectorSize_);
-    return std::min<std::uint64_t>(
-        static_cast<std::uint64_t>(std::distance(first, end)) * sectorSize_, count);
+    const std::uint64_t first = offset / sectorSize_;
+    const std::uint64_t end = (offset + count - 1) / sectorSize_ + 1;
+    std::uint64_t sectors = 0;
+    for (auto bad = badSectors_.firstEndingBehind(first); bad && bad->start < end;
+         bad = badSectors_.firstEndingBehind(bad->end))
+        sectors += std::min(bad->end, end) - std::max(bad->start, first);
+    return std::min(sectors * sectorSize_, count);
 }
 
 std::uint64_t DiskSource::suspectBytesIn(std::uint64_t offset, std::uint64_t count) const
@@ -421,7 +383,7 @@ std::uint64_t DiskSource::suspectBytesIn(std::uint64_t offset, std::uint64_t cou
     std::uint64_t badBytes = 0;
     for (const std::uint64_t end = offset + count; offset < end;) {
         const std::uint64_t next = std::min(unitEnd(offset, blockSize), end);
-        if (suspectBlocks_.contains(roundDown(offset, blockSize) / sectorSize_))
+        if (suspectBlocks_.contains(offset / blockSize))
             badBytes += next - offset;
         offset = next;
     }

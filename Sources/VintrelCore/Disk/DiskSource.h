@@ -1,25 +1,22 @@
 #pragma once
 
+#include "VintrelCore/Disk/RawSource.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/FileDescriptor.h"
+#include "VintrelCore/Foundation/RangeSet.h"
 
 #include <CVintrel/Mutex.h>
 
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <memory>
 #include <optional>
-#include <set>
 #include <span>
 #include <string>
 #include <sys/stat.h>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
-
-class AlignedBuffer;
 
 /// What a read does after an error: `thorough` goes on sector by sector and finds every readable
 /// one; `fast` gives up the whole 64 KiB block and does not ask the disk for it again.
@@ -79,8 +76,9 @@ public:
     /// whole sectors.
     std::uint64_t readInto(std::uint64_t offset, std::span<std::uint8_t> buffer, ReadMode mode);
 
-    /// Where the next byte at or behind `offset` lies that may be anything but a readable zero: image
-    /// files have holes that need not be read. The size when there is none. Only image files say.
+    /// Where the next byte at or behind `offset` lies that may be anything but a readable zero:
+    /// image files have holes that need not be read. The size when there is none. Only image files
+    /// say.
     std::uint64_t nextData(std::uint64_t offset) const;
 
     /// One exact read without any recovery. True when every byte was delivered; those past the end
@@ -91,9 +89,9 @@ public:
     bool isKnownBad(std::uint64_t sector) const;
     /// Whether a range touches a sector that is known to be unreadable.
     bool hasBadSectors(std::uint64_t offset, std::uint64_t count) const;
-    /// The numbers of the sectors that are known to be unreadable, ascending.
-    std::vector<std::uint64_t> badSectors() const;
-    std::size_t badSectorCount() const;
+    /// The numbers of the sectors that are known to be unreadable.
+    RangeSet badSectors() const;
+    std::uint64_t badSectorCount() const;
     /// Failed reads, and sectors newly found bad.
     std::int64_t readErrorCount() const;
     /// Bytes that the operating system delivered.
@@ -106,6 +104,16 @@ public:
 
     /// Whether a file is the very one that is read here, whatever name or link led to it.
     bool isFile(const struct ::stat& status) const;
+
+    /// Whether it is a device that answers no more. Every byte is unreadable then, and what failed
+    /// since it last answered is not held against its sectors.
+    bool hasLeft() const;
+    /// Grows whenever the source has shown that it answers: reads that failed while this stayed the
+    /// same may have failed because the device was about to leave.
+    std::uint64_t answers() const;
+    /// `action` is done once when the device is found to have left, by the thread whose read found
+    /// it. It must not use the source.
+    void whenLeaving(std::function<void()> action);
 
     bool isClosed() const;
     /// Closes the descriptor and runs the cleanup; afterwards every byte is unreadable. A second
@@ -137,13 +145,14 @@ private:
         REQUIRES(lock_);
     std::uint64_t recoverSectors(std::uint64_t offset, std::span<std::uint8_t> into)
         REQUIRES(lock_);
-    std::size_t attempt(std::uint64_t offset, std::span<std::uint8_t> into) REQUIRES(lock_);
-    ssize_t readAligned(std::uint64_t offset, std::span<std::uint8_t> into) REQUIRES(lock_);
-    bool readExact(std::uint64_t offset, std::span<std::uint8_t> into) REQUIRES(lock_);
-    bool isSimulatedBad(std::uint64_t start, std::uint64_t end) const REQUIRES(lock_);
+    bool isKnownToFail(std::uint64_t offset, std::uint64_t count, ReadMode mode) const
+        REQUIRES(lock_);
     std::uint64_t badBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
     std::uint64_t suspectBytesIn(std::uint64_t offset, std::uint64_t count) const REQUIRES(lock_);
-    bool hasBadSector(std::uint64_t first, std::uint64_t end) const REQUIRES(lock_);
+    void addBadSector(std::uint64_t sector) REQUIRES(lock_);
+    bool isOutOfReach() const REQUIRES(lock_) { return closed_ || raw_.hasLeft(); }
+    std::uint64_t giveUp(std::span<std::uint8_t> into) REQUIRES(lock_);
+    void noticeLeaving() REQUIRES(lock_);
 
     const std::string path_;
     const std::string displayName_;
@@ -151,22 +160,21 @@ private:
     const std::uint32_t sectorSize_;
     const bool isDevice_;
     const std::optional<std::string> bsdName_;
-    const bool needsAlignment_;
 
     mutable CVintrel::Mutex lock_;
-    FileDescriptor descriptor_ GUARDED_BY(lock_);
+    RawSource raw_ GUARDED_BY(lock_);
     bool closed_ GUARDED_BY(lock_) = false;
     std::function<void()> cleanup_ GUARDED_BY(lock_);
     std::list<Chunk> chunks_ GUARDED_BY(lock_); // least recently used first
     std::unordered_map<std::uint64_t, std::list<Chunk>::iterator> chunkByIndex_ GUARDED_BY(lock_);
     Chunk uncached_ GUARDED_BY(lock_) {}; // the last chunk that was not worth keeping
     Bytes aligned_ GUARDED_BY(lock_); // room for whole sectors around a large read that wants less
-    /// For reads whose own buffer is not aligned.
-    std::unique_ptr<AlignedBuffer> detour_ GUARDED_BY(lock_);
-    std::set<std::uint64_t> badSectors_ GUARDED_BY(lock_);
-    /// By the number of the block's first sector.
-    std::unordered_set<std::uint64_t> suspectBlocks_ GUARDED_BY(lock_);
+    /// By number. Ranges, as dead areas have millions of them.
+    RangeSet badSectors_ GUARDED_BY(lock_);
+    /// Those of the bad sectors that failed when `answers` was the last sign of the source.
+    RangeSet doubtfulSectors_ GUARDED_BY(lock_);
+    std::uint64_t answersBeforeDoubt_ GUARDED_BY(lock_) = 0;
+    RangeSet suspectBlocks_ GUARDED_BY(lock_); ///< by number
+    std::function<void()> leavingAction_ GUARDED_BY(lock_);
     std::int64_t readErrors_ GUARDED_BY(lock_) = 0;
-    std::uint64_t bytesRead_ GUARDED_BY(lock_) = 0;
-    std::vector<ByteRange> simulatedBadRanges_ GUARDED_BY(lock_);
 };

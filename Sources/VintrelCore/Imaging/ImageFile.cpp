@@ -64,4 +64,12 @@ std::size_t ImageFile::write(std::uint64_t offset, std::span<const std::uint8_t>
     return count;
 }
 
-bool ImageFile::flush() { return CVintrel::flush(descriptor_.get()) == 0; }
+SystemError ImageFile::flush() { return SystemError(CVintrel::flush(descriptor_.get())); }
+
+bool ImageFile::isAt(const std::string& path) const
+{
+    struct stat named {
+    }, open {};
+    return ::stat(path.c_str(), &named) == 0 && ::fstat(descriptor_.get(), &open) == 0
+        && named.st_dev == open.st_dev && named.st_ino == open.st_ino;
+}

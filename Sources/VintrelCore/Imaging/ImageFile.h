@@ -35,10 +35,13 @@ public:
 
     /// Waits until everything is safe on the disk. When that fails, none of `unflushed()` counts:
     /// the system may drop what it could not write and call the next attempt a success.
-    bool flush();
+    SystemError flush();
     const std::vector<ByteRange>& unflushed() const { return unflushed_; }
     /// Forgets what was written so far.
     void clearUnflushed() { unflushed_.clear(); }
+
+    /// Whether this path leads to the very file that is open.
+    bool isAt(const std::string& path) const;
 
 private:
     FileDescriptor descriptor_;

@@ -5,7 +5,9 @@
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Imaging/CopyRates.h"
+#include "VintrelCore/Imaging/FailureMarker.h"
 #include "VintrelCore/Imaging/ImageFile.h"
+#include "VintrelCore/Imaging/MapfileSaver.h"
 
 #include <algorithm>
 #include <chrono>
@@ -23,7 +25,6 @@ using Status = RangeMap::Status;
 
 constexpr std::chrono::milliseconds refreshInterval { 250 };
 constexpr std::chrono::milliseconds pauseInterval { 200 };
-constexpr std::chrono::seconds saveInterval { 5 };
 
 /// What the sector pass and its repetitions read.
 constexpr Status failedPieces[] = { Status::nonTrimmed, Status::nonScraped };
@@ -34,18 +35,21 @@ constexpr Status badSectors[] = { Status::bad };
 /// One call of run(), once its image is open.
 class DiskImager::Session {
 public:
-    Session(DiskImager& imager, ImageFile image, const Update& onUpdate)
+    Session(DiskImager& imager, ImageFile image, const Update& onUpdate, const Warning& warn)
         : imager_(imager)
         , source_(imager.source_)
         , map_(*imager.map_)
         , image_(std::move(image))
         , onUpdate_(onUpdate)
+        , warn_(warn)
         , sectorSize_(imager.source_.sectorSize())
         , readSize_(static_cast<std::size_t>(roundDown(
               std::max<std::uint64_t>(sectorSize_, imager.options_.chunkSize), sectorSize_)))
         , memory_(readSize_)
         , buffer_(memory_.bytes())
         , rates_(start_, map_.total(Status::finished))
+        , failures_(map_, source_)
+        , saver_(map_, image_, imager.mapPath_, warn_, start_)
     {
     }
 
@@ -79,10 +83,7 @@ private:
         imager_.distrustBeyond(image_.sizeAtOpening());
         // The longer image makes every claim of a mapfile credible, so a wrong one must be gone
         // before.
-        struct stat status { };
-        const bool isMapfileWrong
-            = imager_.isMapfileStale_ && ::lstat(imager_.mapPath_.c_str(), &status) == 0;
-        const bool isReady = (!isMapfileWrong || save()) && image_.growTo(source_.size());
+        const bool isReady = (!imager_.isMapfileWrong() || save()) && image_.growTo(source_.size());
         hasWriteFailed_ = hasWriteFailed_ || !isReady;
         return !hasWriteFailed_;
     }
@@ -103,7 +104,8 @@ private:
             if (copy({ stretch->position, end })) {
                 skip = std::min<std::uint64_t>(readSize_, maxSkip);
             } else {
-                map_.set(stretch->position, end - stretch->position, Status::nonTrimmed);
+                markFailed({ stretch->position, end - stretch->position, stretch->status },
+                    Status::nonTrimmed);
                 if (damage == Damage::leapAway) {
                     position += std::min(skip, source_.size() - position);
                     skip = skip > maxSkip / 2 ? maxSkip : 2 * skip;
@@ -131,10 +133,7 @@ private:
             position = std::max(stretch->position, run.end);
             if (run.endsAtBadSector) {
                 const std::uint64_t end = unitEnd(position, sectorSize_, stretch->end());
-                if (stretch->status != Status::bad) {
-                    map_.set(position, end - position, Status::bad);
-                    source_.markBad(position / sectorSize_);
-                }
+                markFailed({ position, end - position, stretch->status }, Status::bad);
                 position = end;
             }
             refresh();
@@ -146,8 +145,11 @@ private:
 
     void finish()
     {
-        save();
-        const bool isStopped = imager_.isCancelled_;
+        const bool isInPlace = image_.isAt(imager_.imagePath_);
+        if (!isInPlace)
+            disownImage();
+        const bool canGoOn = save() && isInPlace;
+        const bool isStopped = imager_.isCancelled_ || hasSourceLeft_;
         {
             const CVintrel::MutexLock guard(imager_.lock_);
             auto& stats = imager_.stats_;
@@ -156,10 +158,24 @@ private:
             if (hasWriteFailed_)
                 stats.message = "Skrivning til billedfilen mislykkedes (er destinationen fuld?).";
             else if (isStopped)
-                stats.message = "Stoppet. Du kan fortsætte senere – fremskridtet er gemt i "
-                    + std::filesystem::path(imager_.mapPath_).filename().string() + ".";
+                stats.message = "Stoppet. Du kan fortsætte senere"
+                    + (canGoOn ? " – fremskridtet er gemt i "
+                                + std::filesystem::path(imager_.mapPath_).filename().string()
+                               : std::string())
+                    + ".";
         }
         update(Clock::now());
+    }
+
+    /// The image was moved or replaced. Of another file in its place nothing is finished: a later
+    /// run would believe the mapfile.
+    void disownImage()
+    {
+        struct stat status { };
+        if (::stat(imager_.imagePath_.c_str(), &status) == 0)
+            map_.set(0, source_.size(), Status::nonTried);
+        if (warn_)
+            warn_(imager_.imagePath_ + " er ikke længere den fil, der blev skrevet til");
     }
 
     void begin(const Pass& pass)
@@ -181,7 +197,7 @@ private:
         return !mustEnd();
     }
 
-    bool mustEnd() const { return imager_.isCancelled_ || hasWriteFailed_; }
+    bool mustEnd() const { return imager_.isCancelled_ || hasWriteFailed_ || hasSourceLeft_; }
 
     std::optional<RangeMap::Block> firstOf(
         std::span<const Status> statuses, std::uint64_t from) const
@@ -211,6 +227,12 @@ private:
             return false;
         store(piece);
         return true;
+    }
+
+    void markFailed(const RangeMap::Block& range, Status status)
+    {
+        failures_.mark(range, status);
+        hasSourceLeft_ = source_.hasLeft();
     }
 
     struct SectorRun {
@@ -252,18 +274,11 @@ private:
     /// Saves the mapfile, behind the data that it speaks of. Whether it is saved.
     bool save()
     {
-        lastSave_ = Clock::now();
-        if (!image_.flush()) {
-            hasWriteFailed_ = true;
-            for (const auto& range : image_.unflushed())
-                map_.set(range.start, range.end - range.start, Status::nonTried);
-        }
-        image_.clearUnflushed();
-        const auto stats = imager_.currentStats();
-        const bool isSaved = !map_.write(imager_.mapPath_, stats.position, stats.pass);
-        if (isSaved)
+        saver_.save(imager_.currentStats());
+        hasWriteFailed_ = hasWriteFailed_ || saver_.hasFlushFailed();
+        if (saver_.isSaved())
             imager_.isMapfileStale_ = false;
-        return isSaved;
+        return saver_.isSaved();
     }
 
     bool isRefreshDue(Clock::time_point now) const { return now - lastRefresh_ >= refreshInterval; }
@@ -274,7 +289,7 @@ private:
         if (!isRefreshDue(now))
             return;
         update(now);
-        if (Clock::now() - lastSave_ > saveInterval)
+        if (saver_.isDue(Clock::now()))
             save();
     }
 
@@ -308,6 +323,7 @@ private:
     RangeMap& map_;
     ImageFile image_;
     const Update& onUpdate_;
+    const Warning& warn_;
     const std::uint32_t sectorSize_;
     const std::size_t readSize_; // whole sectors
     const AlignedBuffer memory_;
@@ -315,9 +331,11 @@ private:
     const Clock::time_point start_ = Clock::now();
     Clock::time_point lastSuccess_ = start_;
     Clock::time_point lastRefresh_ = start_;
-    Clock::time_point lastSave_ = start_;
     CopyRates rates_;
+    FailureMarker failures_;
+    MapfileSaver saver_;
     bool hasWriteFailed_ = false;
+    bool hasSourceLeft_ = false;
 };
 
 DiskImager::DiskImager(DiskSource& source, std::string imagePath, ImagingOptions options)
@@ -339,7 +357,7 @@ DiskImager::DiskImager(DiskSource& source, std::string imagePath, ImagingOptions
 
 bool DiskImager::isResuming() const { return map_->total(Status::nonTried) < source_.size(); }
 
-void DiskImager::run(const Update& onUpdate)
+void DiskImager::run(const Update& onUpdate, const Warning& warn)
 {
     isCancelled_ = false;
     {
@@ -349,7 +367,7 @@ void DiskImager::run(const Update& onUpdate)
     }
     auto image = ImageFile::open(imagePath_, mapPath_, source_);
     if (image) {
-        Session(*this, std::move(*image), onUpdate).perform();
+        Session(*this, std::move(*image), onUpdate, warn).perform();
         return;
     }
     {
@@ -364,6 +382,14 @@ ImagingStats DiskImager::currentStats() const
 {
     const CVintrel::MutexLock guard(lock_);
     return stats_;
+}
+
+/// Whether a later run would believe a mapfile that is not this run's. Whatever else has its name,
+/// a folder too, does no harm.
+bool DiskImager::isMapfileWrong() const
+{
+    const auto believed = isMapfileStale_ ? RangeMap::read(mapPath_, source_.size()) : nullptr;
+    return believed && believed->total(Status::nonTried) < source_.size();
 }
 
 /// An image that is shorter than its mapfile says has lost what lay there.

@@ -49,6 +49,8 @@ struct ImagingStats {
 class DiskImager {
 public:
     using Update = std::function<void(const ImagingStats&)>;
+    /// Gets a Danish sentence of what went wrong while the run goes on.
+    using Warning = std::function<void(const std::string&)>;
 
     /// Goes on from the mapfile when both it and the image are there. The source must outlive the
     /// imager.
@@ -61,7 +63,7 @@ public:
 
     /// Does the whole job on the calling thread. `onUpdate` is called at most four times a second,
     /// and once at the end with `finished` set. Can be called again after a stop.
-    void run(const Update& onUpdate);
+    void run(const Update& onUpdate, const Warning& warn = nullptr);
 
     /// These three may be called by any thread, also during a run.
     void setPaused(bool isPaused) { isPaused_ = isPaused; }
@@ -72,6 +74,7 @@ public:
 private:
     class Session;
 
+    bool isMapfileWrong() const;
     void distrustBeyond(std::uint64_t imageSize);
 
     DiskSource& source_;

@@ -8,10 +8,9 @@
 #include <CVintrel/Platform.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
-#include <cinttypes>
 #include <cmath>
-#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <span>
@@ -75,6 +74,17 @@ std::optional<std::uint64_t> parseNumber(std::string_view text)
         text.remove_prefix(1);
     }
     return Text::number(text, base);
+}
+
+/// In the mapfile's own form: hexadecimal, of eight digits or more. A map can have millions of
+/// them.
+void appendNumber(std::string& text, std::uint64_t value)
+{
+    char number[18] { '0', 'x' };
+    const int digits = std::max(8, (static_cast<int>(std::bit_width(value)) + 3) / 4);
+    for (int at = digits + 1; at > 1; --at, value >>= 4)
+        number[at] = "0123456789ABCDEF"[value & 0xF];
+    text.append(number, static_cast<std::size_t>(digits) + 2);
 }
 
 std::optional<RangeMap::Block> parseBlock(std::string_view line)
@@ -210,13 +220,17 @@ std::uint64_t RangeMap::total(Status status) const
 std::vector<RangeMap::Block> RangeMap::snapshot() const
 {
     std::vector<Block> blocks;
-    {
-        const CVintrel::MutexLock guard(lock_);
-        for (const auto status : allStatuses)
-            for (const auto& [start, end] : with(status).ranges())
-                blocks.push_back({ start, end - start, status });
+    const CVintrel::MutexLock guard(lock_);
+    std::size_t count = 0;
+    for (const auto& set : sets_)
+        count += set.ranges().size();
+    blocks.reserve(count);
+    for (const auto status : allStatuses) {
+        const auto sorted = static_cast<std::ptrdiff_t>(blocks.size());
+        for (const auto& [start, end] : with(status).ranges())
+            blocks.push_back({ start, end - start, status });
+        std::ranges::inplace_merge(blocks, blocks.begin() + sorted, {}, &Block::position);
     }
-    std::ranges::sort(blocks, {}, &Block::position);
     return blocks;
 }
 
@@ -244,22 +258,22 @@ std::vector<RangeMap::Status> RangeMap::cells(std::size_t count) const
 std::string RangeMap::mapfile(std::uint64_t position, int pass) const
 {
     const auto blocks = snapshot();
-    char line[80];
     std::string text = "# Mapfile. Created by Vintrel (GNU ddrescue compatible)\n"
                        "# Command line: vintrel\n"
                        "# current_pos  current_status  current_pass\n";
     text.reserve(text.size() + 32 * (blocks.size() + 3));
-    const auto append = [&](int length) {
-        text.append(line, static_cast<std::size_t>(std::clamp<int>(length, 0, sizeof line - 1)));
-    };
     // The status is always the one of copying: other tools resume from the blocks, and this one
     // never reads it.
-    append(std::snprintf(
-        line, sizeof line, "0x%08" PRIX64 "     ?               %d\n", position, pass));
-    text += "#      pos        size  status\n";
-    for (const auto& block : blocks)
-        append(std::snprintf(line, sizeof line, "0x%08" PRIX64 "  0x%08" PRIX64 "  %c\n",
-            block.position, block.size, rowOf(block.status).code));
+    appendNumber(text, position);
+    text += "     ?               " + std::to_string(pass) + "\n#      pos        size  status\n";
+    for (const auto& block : blocks) {
+        appendNumber(text, block.position);
+        text += "  ";
+        appendNumber(text, block.size);
+        text += "  ";
+        text += rowOf(block.status).code;
+        text += '\n';
+    }
     return text;
 }
 

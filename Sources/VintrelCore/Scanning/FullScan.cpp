@@ -32,7 +32,7 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
         return volumes;
 
     VolumeLoader::readAgain(source, volumes, progress);
-    const auto finds = DeepScanner(source, *deep).run(progress);
+    const auto finds = DeepScanner(source, *deep).run(progress, listener.sweeping);
     if (listener.sweepDone)
         listener.sweepDone(finds);
     const auto knownCount = volumes.size();

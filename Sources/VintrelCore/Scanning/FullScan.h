@@ -15,9 +15,10 @@ class WorkProgress;
 /// Everything that can be found on a source, in the order in which it is found.
 namespace FullScan {
 
-/// Hears of what the user is told on the way. Either may be empty.
+/// Hears of what the user is told on the way. Each may be empty.
 struct Listener {
     std::function<void(const std::vector<std::string>& notes)> quickScanDone;
+    std::function<void(const DeepScanStats& stats)> sweeping {}; ///< a few times a second
     std::function<void(const DeepScanResult& finds)> sweepDone;
 };
 

@@ -6,6 +6,7 @@
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Imaging/Imager.h"
 #include "VintrelCore/Model/FileTypes.h"
 
 #include <gtest/gtest.h>
@@ -101,6 +102,28 @@ TEST(Devices, AreReadSectorBySector)
             printed({ "recover", disk.path, folder / "ud" })
                 .first.starts_with("KAMERA (FAT16): 0 gendannet, 1 med fejl, 0 mislykkedes → "));
     }
+}
+
+TEST(Devices, ThatArePulledOutStopTheImagingAndAreNotCalledBad)
+{
+    if (::geteuid() != 0 || !hasProgram("losetup"))
+        GTEST_SKIP() << "only root gets loop devices";
+    const TemporaryFolder folder;
+    writeFile(folder / "disk", Bytes(8_MiB, 0xA5));
+    const LoopDevice disk(folder / "disk", "512");
+    if (disk.path.empty())
+        GTEST_SKIP() << "this system has no loop devices to spare";
+    const auto source = SourceOpener::openImage(disk.path);
+    Bytes buffer(1_MiB);
+    EXPECT_TRUE(source->tryRead(0, buffer));
+    std::filesystem::resize_file(folder / "disk", 0);
+    ASSERT_EQ(runCommand("losetup --set-capacity " + disk.path), 0);
+    DiskImager imager(*source, folder / "kopi");
+    imager.run([](const ImagingStats&) {});
+    EXPECT_TRUE(source->hasLeft());
+    EXPECT_EQ(imager.currentStats().phase, "Stoppet");
+    EXPECT_EQ(imager.currentStats().readErrors, 1);
+    EXPECT_EQ(imager.map().total(RangeMap::Status::nonTried), 8_MiB);
 }
 
 TEST(Devices, WarnWhenTheDestinationIsOnThem)

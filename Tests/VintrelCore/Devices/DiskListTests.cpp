@@ -39,7 +39,9 @@ KNAME="sda2" PKNAME="sda" PATH="/dev/sda2" TYPE="part" SIZE="499569942528" MODEL
 KNAME="dm-0" PKNAME="sda2" PATH="/dev/mapper/luks-1" TYPE="crypt" SIZE="499553165312" MODEL="" TRAN="" FSTYPE="ext4" PARTTYPENAME="" LABEL="" MOUNTPOINT="/"
 KNAME="sdb" PKNAME="" PATH="/dev/sdb" TYPE="disk" SIZE="31914983424" MODEL="Ultra \x22Fit\x22" TRAN="usb" FSTYPE="" PARTTYPENAME="" LABEL="" MOUNTPOINT=""
 KNAME="sdb1" PKNAME="sdb" PATH="/dev/sdb1" TYPE="part" SIZE="31913934848" MODEL="" TRAN="" FSTYPE="" PARTTYPENAME="HPFS/NTFS/exFAT" LABEL="\x1b[2J S\xc3\xb8" MOUNTPOINT="/media/mit kort"
-KNAME="sdc" PKNAME="" PATH="/dev/sdc" TYPE="disk" SIZE="0" MODEL="Card Reader" TRAN="usb" FSTYPE="" PARTTYPENAME="" LABEL="" MOUNTPOINT=""
+KNAME="sdc" PKNAME="" PATH="/dev/sdc" TYPE="disk" RM="1" SIZE="0" MODEL="Card Reader" TRAN="usb" FSTYPE="" PARTTYPENAME="" LABEL="" MOUNTPOINT=""
+KNAME="sde" PKNAME="" PATH="/dev/sde" TYPE="disk" RM="0" SIZE="0" MODEL="Dead Disk" TRAN="sata" FSTYPE="" PARTTYPENAME="" LABEL="" MOUNTPOINT=""
+KNAME="loop1" PKNAME="" PATH="/dev/loop1" TYPE="loop" RM="0" SIZE="0" MODEL="" TRAN="" FSTYPE="" PARTTYPENAME="" LABEL="" MOUNTPOINT=""
 KNAME="zram0" PKNAME="" PATH="/dev/zram0" TYPE="disk" SIZE="8589934592" MODEL="" TRAN="" FSTYPE="" PARTTYPENAME="" LABEL="" MOUNTPOINT="[SWAP]"
 KNAME="sdd" PATH="/dev/sdd" SIZE="afbrudt \x2)";
 
@@ -64,11 +66,43 @@ TEST(DiskList, ReadsLsblkAndSmartctl)
         "   /dev/sda2\t499.57 GB\tcrypto_LUKS\t\t\n"
         "   /dev/mapper/luks-1\t499.55 GB\text4\t\t/\n"
         "/dev/sdb\t31.91 GB\tUltra \"Fit\"\tusb\tSMART: Failing\n"
-        "   /dev/sdb1\t31.91 GB\tHPFS/NTFS/exFAT\t\\x1B[2J Sø\t/media/mit kort\n");
+        "   /dev/sdb1\t31.91 GB\tHPFS/NTFS/exFAT\t\\x1B[2J Sø\t/media/mit kort\n"
+        "/dev/sde\t0 bytes\tDead Disk\tsata\tSMART: Not Supported\n");
     EXPECT_EQ(DiskList::fromLsblk(lsblk, "").at(1).smartStatus, "Not Supported");
     EXPECT_TRUE(DiskList::fromLsblk(folder / "mangler", smartctl).empty());
     EXPECT_TRUE(
         DiskList::fromLsblk(printing(folder / "lsblk", recordedLsblk, "exit 1"), smartctl).empty());
+}
+
+TEST(DiskList, ReadsWhatLinuxTellsWithoutLsblk)
+{
+    const TemporaryFolder folder;
+    const std::filesystem::path devices = folder / "devices", block = folder / "block";
+    std::filesystem::create_directories(block);
+    for (const auto& [place, size, more, text] :
+        { std::tuple("pci/usb1/sdb", "62333952", "device/model", "Ultra Fit  \n"),
+            { "pci/usb1/sdb/sdb1", "62331904", "partition", "1" },
+            { "pci/usb1/sdc", "0", "removable", "1\n" }, // a reader without a card
+            { "pci/ata1/sdd", "0", "removable", "0\n" }, { "virtual/block/loop0", "0", "dev", "" },
+            { "virtual/block/loop1", "2048", "dev", "" }, { "virtual/block/ram0", "8", "dev", "" },
+            { "virtual/block/dm-0", "62331000", "dm/name", "luks-1" },
+            { "virtual/block/dm-0/slaves/sdb1", "", "dev", "" } }) {
+        std::filesystem::create_directories((devices / place / more).parent_path());
+        writeFile(devices / place / "size", bytesOf(size + std::string("\n")));
+        writeFile(devices / place / more, bytesOf(text));
+    }
+    for (const char* place :
+        { "pci/usb1/sdb", "pci/usb1/sdc", "pci/ata1/sdd", "virtual/block/loop0",
+            "virtual/block/loop1", "virtual/block/ram0", "virtual/block/dm-0" })
+        std::filesystem::create_symlink(
+            devices / place, block / std::filesystem::path(place).filename());
+    EXPECT_EQ(shown(DiskList::fromSysfs(block, "")),
+        "/dev/loop1\t1 MB\t/dev/loop1\tloop\tSMART: Not Supported\n"
+        "/dev/sdb\t31.91 GB\tUltra Fit\tusb\tSMART: Not Supported\n"
+        "   /dev/sdb1\t31.91 GB\t\t\t\n"
+        "   /dev/mapper/luks-1\t31.91 GB\t\t\t\n"
+        "/dev/sdd\t0 bytes\t/dev/sdd\tsata\tSMART: Not Supported\n");
+    EXPECT_TRUE(DiskList::fromSysfs(folder / "mangler", "").empty());
 }
 
 TEST(DiskList, ReadsDiskutil)

@@ -34,6 +34,9 @@ struct DeviceGeometry {
 /// how large it is.
 std::optional<DeviceGeometry> deviceGeometry(int descriptor);
 
+/// Whether a read that failed with this error number says that there is no device any more.
+bool meansNoDevice(int error);
+
 /// Reads of an open device go past the system's cache from now on. Whether their buffers, offsets
 /// and counts have to be aligned for that.
 bool turnOffCache(int descriptor);

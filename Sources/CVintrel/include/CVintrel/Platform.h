@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <ctime>
 #include <string>
+#include <vector>
 
 /// What only one system has, or each has in its own way. Everything that asks which system this is
 /// stands behind this.
@@ -12,6 +13,13 @@ namespace CVintrel {
 /// LC_NUMERIC, LANG); "." when the environment names none or one that is not known. The environment
 /// is asked once.
 const std::string& decimalSeparator();
+
+/// Opens those of the standard input, output and error on /dev/null that are closed. Otherwise the
+/// next file that is opened takes their place, and gets what is printed.
+void openStandardDescriptors();
+
+/// The signals with which a user asks a program how far it has come.
+std::vector<int> stateSignals();
 
 /// Sets the creation date of an open file. False where the system or the file system keeps none
 /// that can be set.

@@ -141,12 +141,12 @@ RangeSet HFSPlusForks::lostParts(const HFSPlusExtents& extents, std::uint64_t le
         const std::uint64_t onSource = start ? std::min(end - at, source_.size() - *start) : 0;
         lost.add(at + onSource, end);
         if (onSource > 0) {
-            const auto first = std::ranges::lower_bound(badSectors, *start / sectorSize);
-            for (auto sector = first; sector != badSectors.end(); ++sector) {
-                if (*sector * sectorSize >= *start + onSource)
-                    break;
-                const auto lostStart = std::max(*sector * sectorSize, *start);
-                const auto lostEnd = std::min((*sector + 1) * sectorSize, *start + onSource);
+            const std::uint64_t endOnSource = *start + onSource;
+            for (auto bad = badSectors.firstEndingBehind(*start / sectorSize);
+                 bad && bad->start * sectorSize < endOnSource;
+                 bad = badSectors.firstEndingBehind(bad->end)) {
+                const auto lostStart = std::max(bad->start * sectorSize, *start);
+                const auto lostEnd = std::min(bad->end * sectorSize, endOnSource);
                 lost.add(at + (lostStart - *start), at + (lostEnd - *start));
             }
         }

@@ -8,7 +8,7 @@ bool hasZlib() { return true; }
 
 std::optional<std::size_t> unpackZlib(From from, To to)
 {
-    uLongf length = static_cast<uLongf>(to.size());
+    auto length = static_cast<uLongf>(to.size());
     if (uncompress(to.data(), &length, from.data(), static_cast<uLong>(from.size())) != Z_OK)
         return std::nullopt;
     return static_cast<std::size_t>(length);
