@@ -149,6 +149,27 @@ void HFSPlusImage::chain(const std::vector<std::uint8_t>& nodes)
     writeNode(nodeOffset(1), 0x00, index);
 }
 
+void HFSPlusImage::stateLeaves(const std::vector<std::uint8_t>& nodes)
+{
+    constexpr std::uint64_t mapOffset = 248; // behind the header record and a reserved one
+    std::uint64_t records = 0;
+    std::uint64_t used = 0xC000; // the header and the index
+    for (const auto node : nodes) {
+        records += ByteView(bytes_).u16be(static_cast<std::int64_t>(nodeOffset(node) + 10));
+        used |= 0x8000u >> node;
+    }
+    const auto at = nodeOffset(0);
+    putBE(bytes_, at + 20, records, 4);
+    putBE(bytes_, at + 28, nodes.back(), 4);
+    putBE(bytes_, at + mapOffset, used, 2);
+    auto slot = at + nodeSize - 2;
+    for (const std::uint64_t offset :
+        { std::uint64_t { 14 }, std::uint64_t { 120 }, mapOffset, nodeSize - 8 }) {
+        putBE(bytes_, slot, offset, 2);
+        slot -= 2;
+    }
+}
+
 void HFSPlusImage::addOverflow(
     std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Extent>& extents)
 {

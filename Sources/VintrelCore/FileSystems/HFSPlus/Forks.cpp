@@ -5,6 +5,7 @@
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
+#include <limits>
 
 using namespace HFSPlusFormat;
 
@@ -16,6 +17,14 @@ constexpr std::uint64_t maxAllocationFile = 536'870'912;
 
 /// Blocks of a deleted file that are looked up in the allocation file.
 constexpr std::uint64_t maxBlockChecks = 1'048'576;
+
+std::size_t overflowRecordLength(ByteView bytes)
+{
+    constexpr std::size_t length
+        = sizeof(OverflowKey) + extentsPerRecord * sizeof(ExtentDescriptor);
+    const auto key = bytes.load<OverflowKey>(0);
+    return key && key->key.length == overflowKeyLength && bytes.size() >= length ? length : 0;
+}
 
 void addUsed(HFSPlusExtents& extents, const ExtentDescriptor& stored)
 {
@@ -37,30 +46,29 @@ HFSPlusForks::HFSPlusForks(DiskSource& source, std::uint64_t base, const VolumeH
 
 void HFSPlusForks::loadOverflow(const ForkData& extentsFile)
 {
-    auto content = readFork(extentsFile, extentsFileID, maxExtentsFile);
-    const auto lost = lostParts(inlineExtents(extentsFile), content.size());
-    lostOverflowBytes_ = lost.total();
-    const auto tree = HFSPlusBTree::open(std::move(content));
-    if (!tree)
+    auto file = open(extentsFile, extentsFileID, maxExtentsFile);
+    auto tree = HFSPlusBTree::open(file, { .recordLength = overflowRecordLength });
+    if (!tree) {
+        overflowHealth_ = { .isUnusable = file.size() != 0, .lostBytes = file.lostParts().total() };
         return;
+    }
     tree->forEachLeafRecord(
-        [&](std::uint64_t offset, std::uint64_t length) {
-            return lost.intersects(offset, offset + length);
-        },
-        [this](ByteView record, bool isLive) {
-            if (isLive)
-                addOverflow(record);
+        [this](ByteView record, std::uint32_t node) { addOverflow(record, node); });
+    overflowHealth_ = tree->health(file);
+    for (auto& [id, records] : overflow_) {
+        std::erase_if(records, [&](const OverflowExtents& found) {
+            return tree->useOf(found.node) == HFSPlusBTree::Use::givenUp;
         });
-    for (auto& [id, records] : overflow_)
         std::ranges::stable_sort(records, {}, &OverflowExtents::start);
+    }
 }
 
-void HFSPlusForks::addOverflow(ByteView record)
+void HFSPlusForks::addOverflow(ByteView record, std::uint32_t node)
 {
     const auto key = record.load<OverflowKey>(0);
     if (!key || key->key.length != overflowKeyLength || key->forkType != dataForkType)
         return;
-    OverflowExtents found { .start = key->startBlock, .extents = {} };
+    OverflowExtents found { .start = key->startBlock, .node = node, .extents = {} };
     std::int64_t at = sizeof(OverflowKey);
     for (std::size_t i = 0; i < extentsPerRecord; ++i, at += sizeof(ExtentDescriptor))
         if (const auto stored = record.load<ExtentDescriptor>(at))
@@ -70,10 +78,17 @@ void HFSPlusForks::addOverflow(ByteView record)
 
 void HFSPlusForks::loadAllocation(const ForkData& allocationFile)
 {
-    allocation_ = readFork(allocationFile, allocationFileID, maxAllocationFile);
-    lostAllocation_ = lostParts(allExtents(allocationFile, allocationFileID), allocation_.size());
+    auto file = open(allocationFile, allocationFileID, maxAllocationFile);
+    allocation_.resize(static_cast<std::size_t>(file.size()));
+    file.read(0, allocation_);
+    lostAllocation_ = file.lostParts();
     if (lostAllocation_.total() == allocation_.size())
         allocation_.clear(); // nothing of it was readable
+}
+
+bool HFSPlusForks::isAllocationShort() const
+{
+    return allocation_.size() < unitsFor(totalBlocks_, 8);
 }
 
 HFSPlusExtents HFSPlusForks::inlineExtents(const ForkData& fork)
@@ -103,56 +118,21 @@ HFSPlusExtents HFSPlusForks::allExtents(const ForkData& fork, std::uint32_t file
     return extents;
 }
 
-Bytes HFSPlusForks::readFork(const ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const
+HFSPlusForkReader HFSPlusForks::open(
+    const ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const
 {
     // The claimed size is held to what the extents have room for, and that to what the source
     // holds, before memory is asked for.
-    const auto extents = allExtents(fork, fileID);
     std::uint64_t room = 0;
-    for (const auto& extent : extents) {
+    ExtentList pieces;
+    for (const auto& extent : allExtents(fork, fileID)) {
         if (room >= cap)
             break;
-        room += extent.blockCount * blockSize_;
+        pieces.push_back(pieceOf(extent, std::numeric_limits<std::uint64_t>::max()));
+        room += pieces.back().length;
     }
-    Bytes bytes(static_cast<std::size_t>(
-        std::min<std::uint64_t>({ cap, fork.logicalSize, room, source_.size() })));
-    std::span<std::uint8_t> rest(bytes);
-    for (const auto& extent : extents) {
-        const auto piece = rest.first(static_cast<std::size_t>(
-            std::min<std::uint64_t>(rest.size(), extent.blockCount * blockSize_)));
-        if (const auto offset = offsetOf(extent.startBlock))
-            source_.readReporting(*offset, piece, ReadMode::thorough);
-        rest = rest.subspan(piece.size());
-    }
-    return bytes;
-}
-
-RangeSet HFSPlusForks::lostParts(const HFSPlusExtents& extents, std::uint64_t length) const
-{
-    const auto badSectors = source_.badSectors();
-    const std::uint64_t sectorSize = source_.sectorSize();
-    RangeSet lost;
-    std::uint64_t at = 0; // in the file
-    for (const auto& extent : extents) {
-        if (at == length)
-            break;
-        const std::uint64_t end = at + std::min(length - at, extent.blockCount * blockSize_);
-        const auto start = offsetOf(extent.startBlock);
-        const std::uint64_t onSource = start ? std::min(end - at, source_.size() - *start) : 0;
-        lost.add(at + onSource, end);
-        if (onSource > 0) {
-            const auto first = std::ranges::lower_bound(badSectors, *start / sectorSize);
-            for (auto sector = first; sector != badSectors.end(); ++sector) {
-                if (*sector * sectorSize >= *start + onSource)
-                    break;
-                const auto lostStart = std::max(*sector * sectorSize, *start);
-                const auto lostEnd = std::min((*sector + 1) * sectorSize, *start + onSource);
-                lost.add(at + (lostStart - *start), at + (lostEnd - *start));
-            }
-        }
-        at = end;
-    }
-    return lost;
+    return HFSPlusForkReader(
+        source_, pieces, std::min<std::uint64_t>({ cap, fork.logicalSize, room, source_.size() }));
 }
 
 Extent HFSPlusForks::pieceOf(const HFSPlusExtent& extent, std::uint64_t length) const
@@ -207,7 +187,7 @@ bool HFSPlusForks::isLost(std::uint64_t firstBlock, std::uint64_t count) const
 
 bool HFSPlusForks::addUsedRanges(std::vector<ByteRange>& ranges) const
 {
-    if (!lostAllocation_.empty() || allocation_.size() < unitsFor(totalBlocks_, 8))
+    if (!lostAllocation_.empty() || isAllocationShort())
         return false;
     std::uint64_t block = 0;
     while (block < totalBlocks_) {

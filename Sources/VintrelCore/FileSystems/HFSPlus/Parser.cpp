@@ -1,9 +1,9 @@
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/HFSPlus/BTree.h"
 #include "VintrelCore/FileSystems/HFSPlus/Context.h"
 #include "VintrelCore/FileSystems/HFSPlus/Forks.h"
+#include "VintrelCore/FileSystems/HFSPlus/Node.h"
 #include "VintrelCore/FileSystems/HFSPlus/VolumeHeader.h"
 
 using namespace HFSPlusFormat;
@@ -39,7 +39,7 @@ bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header)
         return false;
     auto node = source.read(offset + catalog, minNodeSize, ReadMode::thorough);
     return ByteView(node).u8(offsetof(NodeDescriptor, kind)) == headerKind
-        && HFSPlusBTree::open(std::move(node));
+        && HFSPlusNode::isSize(ByteView(node).u16be(offsetof(HeaderNode, nodeSize)));
 }
 
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,

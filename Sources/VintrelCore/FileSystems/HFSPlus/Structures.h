@@ -68,6 +68,7 @@ static_assert(sizeof(NodeDescriptor) == 14);
 constexpr std::uint8_t leafKind = 0xFF;
 constexpr std::uint8_t indexKind = 0x00;
 constexpr std::uint8_t headerKind = 0x01;
+constexpr std::uint8_t mapKind = 0x02;
 
 constexpr std::uint32_t minNodeSize = 512;
 constexpr std::uint32_t maxNodeSize = 32'768;
@@ -81,8 +82,10 @@ struct HeaderNode {
     BE32 firstLeafNode;        // 24
     BE32 lastLeafNode;         // 28
     BE16 nodeSize;             // 32  in bytes
+    BE16 maxKeyLength;         // 34
+    BE32 totalNodes;           // 36
 };
-static_assert(sizeof(HeaderNode) == 34 && offsetof(HeaderNode, firstLeafNode) == 24);
+static_assert(sizeof(HeaderNode) == 40 && offsetof(HeaderNode, firstLeafNode) == 24);
 
 /// What every record of an index or leaf node begins with. TN1150: BTreeKey.
 struct RecordKey {
@@ -148,6 +151,9 @@ static_assert(sizeof(CatalogFile) == 248 && offsetof(CatalogFile, dataFork) == 8
 
 constexpr std::uint16_t folderType = 1;
 constexpr std::uint16_t fileType = 2;
+constexpr std::uint16_t folderThreadType = 3;
+constexpr std::uint16_t fileThreadType = 4;
+constexpr std::size_t folderRecordSize = 88; ///< TN1150: HFSPlusCatalogFolder
 /// Of the owner flags. TN1150 is older than compressed files and does not know it: it is
 /// UF_COMPRESSED of macOS' stat().
 constexpr std::uint8_t compressedFlag = 0x20;

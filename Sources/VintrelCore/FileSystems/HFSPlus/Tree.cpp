@@ -46,7 +46,7 @@ void HFSPlusFileTree::indexHardLinks()
         if (entry.isFolder || parent == nullptr || !isPrivate(catalog_.nameOf(*parent)))
             continue;
         if (const auto number = inodeNumber(catalog_.nameOf(entry)))
-            if (auto& known = linkedFiles_[*number]; known == nullptr || entry.isLive)
+            if (auto& known = linkedFiles_[*number]; known == nullptr || entry.isLive())
                 known = &entry;
     }
 }
@@ -99,7 +99,7 @@ void HFSPlusFileTree::noteContested(const std::vector<std::unique_ptr<FileNode>>
     DeletedClaims claims(DeletedClaims::SameTime::undecided);
     for (std::size_t i = 0; i < nodes.size(); ++i) {
         const auto& entry = catalog_.entries()[i];
-        if (!nodes[i] || entry.isLive || isHardLink(catalog_.fileOf(entry)))
+        if (!nodes[i] || entry.isLive() || isHardLink(catalog_.fileOf(entry)))
             continue;
         const auto* extents = std::get_if<ExtentList>(&nodes[i]->data);
         bool isStart = true;
@@ -141,7 +141,7 @@ std::unique_ptr<FileNode> HFSPlusFileTree::makeNode(const Entry& entry) const
     auto name = catalog_.nameOf(entry);
     if (name.empty())
         name = "unavngivet-" + std::to_string(entry.id);
-    const auto status = entry.isLive ? EntryStatus::existing : EntryStatus::deleted;
+    const auto status = entry.isLive() ? EntryStatus::existing : EntryStatus::deleted;
     auto node = entry.isFolder ? FileNode::makeFolder(std::move(name), status)
                                : FileNode::makeFile(std::move(name), 0, status);
     const auto item = catalog_.itemOf(entry);
@@ -156,7 +156,7 @@ std::unique_ptr<FileNode> HFSPlusFileTree::makeNode(const Entry& entry) const
 void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
 {
     auto id = entry.id;
-    bool isLive = entry.isLive;
+    bool isLive = entry.isLive();
     auto file = catalog_.fileOf(entry);
     if (isHardLink(file)) {
         const auto linked = linkedFiles_.find(file.item.special);
@@ -165,7 +165,7 @@ void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
             return;
         }
         id = linked->second->id;
-        isLive = isLive || linked->second->isLive; // the content outlives a link that was deleted
+        isLive = isLive || linked->second->isLive(); // the content outlives a link that was deleted
         file = catalog_.fileOf(*linked->second);
     }
     node.size = file.dataFork.logicalSize;

@@ -229,7 +229,9 @@ TEST(HFSPlus, TellsOfMetadataThatCannotBeRead)
             { "Dele af allokeringsfilen kunne ikke læses (488 bytes). Om slettede filers blokke er "
               "genbrugt, vides kun for nogle af dem." } },
         { "a node of the catalog", { HFSPlusImage::nodeOffset(3), HFSPlusImage::nodeOffset(4) },
-            { "Dele af kataloget kunne ikke læses (1024 bytes). Filer kan mangle." } },
+            { "Dele af kataloget kunne ikke læses (1024 bytes). Filer kan mangle.",
+                "Katalogets kæde af blade er afbrudt. Hvilke filer der eksisterer, er afgjort af "
+                "dets indeks." } },
         { "the extents file", { HFSPlusImage::offsetOf(8), HFSPlusImage::offsetOf(8) + 1 },
             { "Dele af extents-filen kunne ikke læses (512 bytes). De sidste dele af fragmenterede "
               "filer kan mangle." } },
