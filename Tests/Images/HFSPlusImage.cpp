@@ -110,6 +110,7 @@ HFSPlusImage::HFSPlusImage(bool isHFSX, std::uint32_t blocks)
 void HFSPlusImage::writeNode(std::uint64_t at, std::uint8_t kind, const std::vector<Bytes>& records)
 {
     putBE(bytes_, at + 8, kind, 1);
+    putBE(bytes_, at + 9, kind == 0xFF ? 1 : 2, 1); // the height: the index lies above the leaves
     putBE(bytes_, at + 10, records.size(), 2);
     std::uint64_t offset = 14;
     auto slot = at + nodeSize

@@ -56,7 +56,7 @@ void HFSPlusBTree::forEachLeafRecord(const Body& body)
     readNodes(body);
     const auto lost = file_.lostParts();
     followChain(lost);
-    isCut_ = isCut_ || kind_.isCapped || liveRecords() < header_.leafRecords;
+    isCut_ = isCut_ || kind_.isCapped || !hasHeader() || liveRecords() < header_.leafRecords;
     if (!isCut_)
         return;
     authority_ = findAuthority(lost);
@@ -91,6 +91,9 @@ void HFSPlusBTree::readNodes(const Body& body)
             });
     }
 }
+
+/// What is all zeros stands for a header node that is lost.
+bool HFSPlusBTree::hasHeader() const { return header_.nodeSize != 0; }
 
 /// Marks the leaves of the chain, and finds out whether it breaks off.
 void HFSPlusBTree::followChain(const RangeSet& lost)

@@ -80,6 +80,7 @@ private:
     static std::uint32_t guessNodeSize(HFSPlusForkReader& file);
     ByteView bytesOf(std::uint32_t number);
     void readNodes(const Body& body);
+    bool hasHeader() const;
     void followChain(const RangeSet& lost);
     bool isLost(const RangeSet& lost, std::uint32_t number) const;
     Authority findAuthority(const RangeSet& lost);

@@ -13,8 +13,25 @@ namespace {
 constexpr std::int64_t threadParent = 4; ///< in a thread record
 constexpr std::int64_t threadName = 8;   ///< in a thread record: the name's length, then the name
 
-/// See HFSPlusNode::RecordLength.
-std::size_t recordLength(ByteView bytes)
+/// A structure whose end a short record cuts off; the missing bytes are zeros.
+template <class T> T loadCut(ByteView bytes)
+{
+    T value {};
+    if (const auto count = std::min(bytes.size(), sizeof(T)); count > 0)
+        std::memcpy(&value, bytes.data(), count);
+    return value;
+}
+
+/// Whether one of two records of the same ID says what became of the file later. Of equal ones the
+/// one that was found first stays.
+bool isNewer(const HFSPlusCatalog::Entry& found, const HFSPlusCatalog::Entry& known)
+{
+    return found.use != known.use ? found.use > known.use : found.modified > known.modified;
+}
+
+} // namespace
+
+std::size_t HFSPlusCatalog::recordLength(ByteView bytes)
 {
     const auto key = bytes.load<CatalogKey>(0);
     if (!key || key->key.length != 2u * key->nameLength + minCatalogKeyLength
@@ -39,24 +56,6 @@ std::size_t recordLength(ByteView bytes)
     }
     return length <= data.size() ? keyEnd + length : 0;
 }
-
-/// A structure whose end a short record cuts off; the missing bytes are zeros.
-template <class T> T loadCut(ByteView bytes)
-{
-    T value {};
-    if (const auto count = std::min(bytes.size(), sizeof(T)); count > 0)
-        std::memcpy(&value, bytes.data(), count);
-    return value;
-}
-
-/// Whether one of two records of the same ID says what became of the file later. Of equal ones the
-/// one that was found first stays.
-bool isNewer(const HFSPlusCatalog::Entry& found, const HFSPlusCatalog::Entry& known)
-{
-    return found.use != known.use ? found.use > known.use : found.modified > known.modified;
-}
-
-} // namespace
 
 std::optional<HFSPlusCatalog> HFSPlusCatalog::load(
     const HFSPlusForks& forks, const VolumeHeader& header, const Options& options)

@@ -43,6 +43,10 @@ public:
     static std::optional<HFSPlusCatalog> load(const HFSPlusForks& forks,
         const HFSPlusFormat::VolumeHeader& header, const Options& options);
 
+    /// How long the catalog record is that begins with these bytes; 0 when none does, or only its
+    /// beginning is there.
+    static std::size_t recordLength(ByteView bytes);
+
     const HFSPlusTreeHealth& health() const { return health_; }
     /// Whether the catalog file is longer than what was to be read of it.
     bool isCapped() const { return isCapped_; }

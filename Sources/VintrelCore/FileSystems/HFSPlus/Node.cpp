@@ -101,13 +101,22 @@ ByteView dataOf(ByteView record)
     return record.sub(keyEnd + keyEnd % 2, static_cast<std::int64_t>(record.size()));
 }
 
+bool looksLikeHeader(ByteView node)
+{
+    const auto header = node.load<HeaderNode>(0);
+    return header && header->descriptor.kind == headerKind && isSize(header->nodeSize);
+}
+
 bool looksLikeLeaf(ByteView node, std::uint32_t nodeSize)
 {
     const auto descriptor = node.load<NodeDescriptor>(0);
-    return descriptor && node.size() >= nodeSize && descriptor->kind == leafKind
-        && descriptor->height == 1 && descriptor->recordCount > 0
-        && descriptor->recordCount < nodeSize / bytesPerRecord && descriptor->reserved == 0
-        && recordOffset(node.sub(0, nodeSize), 0) == firstRecord;
+    if (!descriptor || node.size() < nodeSize || descriptor->kind != leafKind
+        || descriptor->height != 1 || descriptor->recordCount == 0 || descriptor->reserved != 0)
+        return false;
+    const auto bytes = node.sub(0, nodeSize);
+    std::uint32_t count = 0;
+    forEachRecord(bytes, [&](ByteView) { ++count; });
+    return count == descriptor->recordCount && recordOffset(bytes, 0) == firstRecord;
 }
 
 } // namespace HFSPlusNode

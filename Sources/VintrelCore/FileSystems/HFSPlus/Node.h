@@ -27,8 +27,11 @@ void forEachRemainingRecord(ByteView node, RecordLength lengthOf, const Visit& v
 /// The data of a record: it begins behind the key, at an even offset.
 ByteView dataOf(ByteView record);
 
+/// Whether the header node of a tree may begin with these bytes.
+bool looksLikeHeader(ByteView node);
+
 /// Whether a leaf of a tree with nodes of this size may lie here: what its descriptor and the
-/// offset of its first record say.
+/// offsets of its records say.
 bool looksLikeLeaf(ByteView node, std::uint32_t nodeSize);
 
 } // namespace HFSPlusNode

@@ -111,6 +111,7 @@ struct OverflowKey {
 static_assert(sizeof(OverflowKey) == 12);
 
 constexpr std::uint16_t overflowKeyLength = 10;
+constexpr std::uint16_t maxCatalogKeyLength = 516; ///< TN1150: kHFSPlusCatalogKeyMaximumLength
 constexpr std::uint8_t dataForkType = 0;
 
 /// The start of a catalog record's key; `nameLength` UTF-16 units follow. TN1150:
