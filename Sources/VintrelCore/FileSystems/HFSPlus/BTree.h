@@ -59,6 +59,7 @@ public:
     void forEachLeafRecord(const Body& body);
 
     Use useOf(std::uint32_t node) const { return uses_[node]; }
+    std::uint32_t nodeSize() const { return nodeSize_; } ///< in bytes
     /// Of the tree as `file` gave it.
     HFSPlusTreeHealth health(const HFSPlusForkReader& file) const;
 

@@ -72,6 +72,7 @@ std::optional<HFSPlusCatalog> HFSPlusCatalog::load(
         return std::nullopt;
     tree->forEachLeafRecord(
         [&](ByteView record, std::uint32_t node) { catalog.add(record, node); });
+    catalog.nodeSize_ = tree->nodeSize();
     catalog.health_ = tree->health(file);
     for (auto* list : { &catalog.entries_, &catalog.threads_ })
         for (auto& entry : *list)
@@ -85,24 +86,55 @@ std::optional<HFSPlusCatalog> HFSPlusCatalog::load(
 
 void HFSPlusCatalog::add(ByteView record, std::uint32_t node)
 {
+    if (HFSPlusNode::dataOf(record).u16be(0) == folderThreadType)
+        addThread(record, node);
+    if (auto entry = decoded(record)) {
+        entry->node = node;
+        entries_.push_back(kept(*entry, record));
+    }
+}
+
+/// What a file or folder record says; none for all others.
+std::optional<HFSPlusCatalog::Entry> HFSPlusCatalog::decoded(ByteView record) const
+{
     const auto key = record.load<CatalogKey>(0);
     if (!key || key->key.length < minCatalogKeyLength || key->nameLength > maxNameLength
         || key->key.length < 2u * key->nameLength + minCatalogKeyLength)
-        return;
+        return std::nullopt;
     const auto data = HFSPlusNode::dataOf(record);
     const auto item = loadCut<CatalogItem>(data);
-    if (item.type == folderThreadType)
-        addThread(record, node);
     const bool isFolder = item.type == folderType;
     const bool isFile = item.type == fileType && data.size() >= sizeof(CatalogFile);
     if ((!isFolder && !isFile) || item.id < rootFolderID)
+        return std::nullopt;
+    return Entry {
+        .id = item.id, .parent = key->parentID, .modified = item.modified, .isFolder = isFolder
+    };
+}
+
+void HFSPlusCatalog::addLooseLeaf(ByteView node)
+{
+    HFSPlusNode::forEachRecord(node, [&](ByteView record) {
+        if (recordLength(record) != 0)
+            addLoose(record);
+    });
+}
+
+void HFSPlusCatalog::addLoose(ByteView record)
+{
+    auto entry = decoded(record);
+    const auto* known = entry ? find(entry->id) : nullptr;
+    if (!entry || (known != nullptr && known->isLive()))
         return;
-    entries_.push_back(kept({ .id = item.id,
-                                .parent = key->parentID,
-                                .modified = item.modified,
-                                .node = node,
-                                .isFolder = isFolder },
-        record));
+    *entry = kept(*entry, record);
+    const auto name = nameOf(*entry);
+    if (known != nullptr && nameOf(*known) == name)
+        return;
+    const auto [place, isNew] = looseIndex_.try_emplace({ entry->id, name }, loose_.size());
+    if (isNew)
+        loose_.push_back(*entry);
+    else if (isNewer(*entry, loose_[place->second]))
+        loose_[place->second] = *entry;
 }
 
 /// A folder's thread record lies apart from the record of the folder, with the folder's content.

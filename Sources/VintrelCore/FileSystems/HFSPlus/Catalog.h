@@ -6,8 +6,10 @@
 #include "VintrelCore/Foundation/Binary.h"
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// The files and folders that the catalog of a volume has records of, also in nodes that it gave
@@ -47,6 +49,15 @@ public:
     /// beginning is there.
     static std::size_t recordLength(ByteView bytes);
 
+    /// Adds what a leaf says that lies outside the catalog: an older state of it, of which the
+    /// records count whose IDs no live record has. Each ID and name counts once, with its latest
+    /// date.
+    void addLooseLeaf(ByteView node);
+    /// The records of such leaves.
+    const std::vector<Entry>& looseEntries() const { return loose_; }
+    /// In bytes; of the catalog's nodes.
+    std::uint32_t nodeSize() const { return nodeSize_; }
+
     const HFSPlusTreeHealth& health() const { return health_; }
     /// Whether the catalog file is longer than what was to be read of it.
     bool isCapped() const { return isCapped_; }
@@ -66,6 +77,8 @@ private:
     HFSPlusCatalog() = default;
 
     void add(ByteView record, std::uint32_t node);
+    std::optional<Entry> decoded(ByteView record) const;
+    void addLoose(ByteView record);
     void addThread(ByteView record, std::uint32_t node);
     Entry kept(Entry entry, ByteView record);
     void addLostFolders();
@@ -77,5 +90,8 @@ private:
     bool isCapped_ = false;
     Bytes records_;
     std::vector<Entry> entries_;
+    std::vector<Entry> loose_;
+    std::map<std::pair<std::uint32_t, std::string>, std::size_t> looseIndex_; // by ID and name
+    std::uint32_t nodeSize_ = 0;
     std::vector<Entry> threads_; // of folders; not kept beyond loading
 };

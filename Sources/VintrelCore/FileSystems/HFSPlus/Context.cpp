@@ -111,7 +111,11 @@ std::unique_ptr<Volume> HFSContext::build(
     if (header_.start.signature == signatureHFSX)
         volume->notes.emplace_back("HFSX (versalfølsom)");
     noteLostMetadata(*volume, forks, *catalog);
-    HFSPlusFileTree(forks, *catalog).build(*volume->root);
+    HFSPlusFileTree tree(forks, *catalog);
+    tree.build(*volume->root);
+    if (const auto count = tree.folderLinkCount(); count > 0)
+        volume->notes.push_back(std::to_string(count)
+            + " hårde links til mapper; hver mappe vises ved det første af sine links.");
     volume->root->sortChildren();
     volume->deepContext = std::make_unique<HFSPlusVolumeContext>(header_, catalog->isCapped());
     return volume;

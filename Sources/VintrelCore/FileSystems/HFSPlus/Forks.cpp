@@ -5,6 +5,7 @@
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
+#include <bit>
 #include <limits>
 
 using namespace HFSPlusFormat;
@@ -17,6 +18,9 @@ constexpr std::uint64_t maxAllocationFile = 536'870'912;
 
 /// Blocks of a deleted file that are looked up in the allocation file.
 constexpr std::uint64_t maxBlockChecks = 1'048'576;
+
+/// Bytes of the allocation file whose bits are counted together.
+constexpr std::size_t countedGroup = 64;
 
 std::size_t overflowRecordLength(ByteView bytes)
 {
@@ -84,6 +88,33 @@ void HFSPlusForks::loadAllocation(const ForkData& allocationFile)
     lostAllocation_ = file.lostParts();
     if (lostAllocation_.total() == allocation_.size())
         allocation_.clear(); // nothing of it was readable
+    countAllocated();
+}
+
+/// Counts the blocks in use group by group, so that a file of any length is looked up at once.
+void HFSPlusForks::countAllocated()
+{
+    std::uint32_t count = 0;
+    for (std::size_t at = 0; at < allocation_.size(); ++at) {
+        if (at % countedGroup == 0)
+            allocatedBefore_.push_back(count);
+        count += static_cast<std::uint32_t>(std::popcount(allocation_[at]));
+    }
+}
+
+/// How many blocks below this one are in use, as far as the allocation file goes.
+std::uint64_t HFSPlusForks::allocatedBefore(std::uint64_t block) const
+{
+    block = std::min<std::uint64_t>(block, allocation_.size() * 8);
+    if (block == 0)
+        return 0;
+    const auto last = static_cast<std::size_t>((block - 1) / 8); // byte
+    auto at = last - last % countedGroup;
+    std::uint64_t count = allocatedBefore_[at / countedGroup];
+    for (; at < last; ++at)
+        count += static_cast<std::uint64_t>(std::popcount(allocation_[at]));
+    const unsigned bits = allocation_[last] >> (7 - (block - 1) % 8);
+    return count + static_cast<std::uint64_t>(std::popcount(bits));
 }
 
 bool HFSPlusForks::isAllocationShort() const
@@ -153,12 +184,11 @@ ClusterUse HFSPlusForks::useOf(const HFSPlusExtents& extents, std::uint64_t size
         const std::uint64_t count
             = std::min<std::uint64_t>(needed - use.checked, extent.blockCount);
         use.isUnknown = use.isUnknown || isLost(extent.startBlock, count);
-        for (std::uint64_t i = 0; i < count; ++i, ++use.checked) {
-            if (!isAllocated(extent.startBlock + i))
-                continue;
-            ++use.foreign;
-            use.isFirstForeign = use.isFirstForeign || use.checked == 0;
-        }
+        use.foreign
+            += allocatedBefore(extent.startBlock + count) - allocatedBefore(extent.startBlock);
+        use.isFirstForeign = use.isFirstForeign
+            || (use.checked == 0 && count > 0 && isAllocated(extent.startBlock));
+        use.checked += count;
     }
     return use;
 }

@@ -72,6 +72,8 @@ private:
     void addOverflow(ByteView record, std::uint32_t node);
     void loadAllocation(const HFSPlusFormat::ForkData& allocationFile);
     bool isAllocated(std::uint64_t block) const;
+    void countAllocated();
+    std::uint64_t allocatedBefore(std::uint64_t block) const;
     bool isLost(std::uint64_t firstBlock, std::uint64_t count) const;
     std::optional<std::uint64_t> offsetOf(std::uint64_t block) const;
 
@@ -82,6 +84,7 @@ private:
     std::unordered_map<std::uint32_t, std::vector<OverflowExtents>>
         overflow_; // by file ID, ascending once loaded
     HFSPlusTreeHealth overflowHealth_;
-    Bytes allocation_;        // empty: could not be read
-    RangeSet lostAllocation_; // bytes of it that are not known
+    std::vector<std::uint32_t> allocatedBefore_; // by groups of bytes of the allocation file
+    Bytes allocation_;                           // empty: could not be read
+    RangeSet lostAllocation_;                    // bytes of it that are not known
 };

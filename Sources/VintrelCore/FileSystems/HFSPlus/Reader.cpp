@@ -1,5 +1,6 @@
 #include "VintrelCore/FileSystems/HFSPlus/Reader.h"
 
+#include "VintrelCore/FileSystems/HFSPlus/LooseLeaves.h"
 #include "VintrelCore/FileSystems/HFSPlus/LostVolumes.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
 
@@ -25,6 +26,6 @@ const FileSystemReader hfsPlusReader {
     .confirmsBackups = false,
     .findVolumes = HFSPlusLostVolumes::find,
     .rebuildVolumes = nullptr,
-    .findLostFolders = nullptr,
+    .findLostFolders = HFSPlusLooseLeaves::findLostFolders,
     .addUsedRanges = HFSPlusParser::addUsedRanges,
 };

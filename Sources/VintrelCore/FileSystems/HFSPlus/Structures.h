@@ -161,6 +161,11 @@ constexpr std::uint8_t compressedFlag = 0x20;
 constexpr std::uint32_t hardLinkType = 0x686C6E6B;    // "hlnk"
 constexpr std::uint32_t hardLinkCreator = 0x6866732B; // "hfs+"
 
+/// Of a hard link to a folder. TN1150 is older than these: they are an alias file's type and
+/// creator, and Time Machine makes them.
+constexpr std::uint32_t folderLinkType = 0x66647270;    // "fdrp"
+constexpr std::uint32_t folderLinkCreator = 0x4D414353; // "MACS"
+
 constexpr std::uint32_t rootFolderID = 2;
 constexpr std::uint32_t extentsFileID = 3;
 constexpr std::uint32_t catalogFileID = 4;
