@@ -57,7 +57,7 @@ Bytes encoded(const HFSPlusImage::Record& record)
         return bytes;
     if (record.linkTo != 0) {
         putBE(bytes, at + 44, record.linkTo, 4);
-        putBE(bytes, at + 48, 0x686C6E6B6866732B, 8);
+        putBE(bytes, at + 48, record.isFolderLink ? 0x666472704D414353 : 0x686C6E6B6866732B, 8);
     }
     putFork(bytes, at + 88, record.size, record.runs);
     putFork(bytes, at + 168, record.resourceSize, {});

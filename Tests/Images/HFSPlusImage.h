@@ -23,7 +23,8 @@ public:
         std::vector<Extent> runs = {};
         std::uint64_t resourceSize = 0;
         std::uint8_t ownerFlags = 0;
-        std::uint32_t linkTo = 0; ///< not 0: a hard link to this iNode file
+        std::uint32_t linkTo = 0; ///< not 0: a hard link to this iNode file, or to this folder
+        bool isFolderLink = false;
     };
 
     /// At most 16,384 blocks, of which the metadata files lie in the first 96.

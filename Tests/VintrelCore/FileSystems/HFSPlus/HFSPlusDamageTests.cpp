@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/HFSPlus/Catalog.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
 #include "VintrelCore/FileSystems/HFSPlus/VolumeHeader.h"
+#include "VintrelCore/Foundation/TimeConversion.h"
 
 #include <gtest/gtest.h>
 
@@ -155,4 +156,62 @@ TEST(HFSPlusDamage, NothingIsCalledDeletedWhereTheCatalogIsNotReadToItsEnd)
     EXPECT_TRUE(part->isCapped());
     EXPECT_TRUE(part->find(24)->isLive());
     EXPECT_EQ(part->find(23)->use, HFSPlusBTree::Use::live);
+}
+
+TEST(HFSPlusLinks, HangFoldersAtTheirFirstLinkAndTakeDatesFromFiles)
+{
+    HFSPlusImage image;
+    const std::u16string privateName(u"\0\0\0\0HFS+ Private Data", 21);
+    image.setLeaf(2,
+        { rootRecord,
+            { .parent = 2, .name = u".HFS+ Private Directory Data\r", .id = 16, .isFolder = true },
+            { .parent = 16, .name = u"dir_50", .id = 50, .isFolder = true },
+            { .parent = 50, .name = u"fil", .id = 51 } });
+    image.setLeaf(3,
+        { { .parent = 2, .name = u"første", .id = 60, .linkTo = 50, .isFolderLink = true },
+            { .parent = 2, .name = u"anden", .id = 61, .linkTo = 50, .isFolderLink = true } });
+    image.setLeaf(4,
+        { { .parent = 2, .name = privateName, .id = 17, .isFolder = true },
+            { .parent = 17, .name = u"iNode7", .id = 70, .modified = 0xE1000000 },
+            { .parent = 2, .name = u"link", .id = 71, .modified = 0, .linkTo = 7 } });
+    image.setLeaf(5, { { .parent = 2, .name = u"løst", .id = 73, .linkTo = 8 } });
+    image.chain({ 2, 3, 4, 5 });
+    image.setLeaf(6, // what the tree has given up, but not the link to it
+        { { .parent = 17, .name = u"iNode8", .id = 72, .size = 512, .runs = { { 150, 1 } } } });
+    image.setAllocated(150);
+    const auto disk = parse(image);
+    EXPECT_EQ(disk.volume->notes,
+        std::vector<std::string> {
+            "2 hårde links til mapper; hver mappe vises ved det første af sine links." });
+    EXPECT_EQ(disk["/første"].fsID, 50u);
+    EXPECT_EQ(disk["/første/fil"].fsID, 51u);
+    EXPECT_EQ(chance(disk["/anden"]),
+        "God: Hårdt link til en mappe, som vises ved det første af sine links");
+    EXPECT_EQ(disk["/link"].modified, TimeConversion::fromHFS(0xE1000000));
+    EXPECT_EQ(chance(disk["/$Forældreløse filer/iNode7"]), "God: Hårdt link til filen: /link");
+    EXPECT_EQ(chance(disk["/løst"]), "Ringe: Blokkene er genbrugt af andre filer");
+}
+
+TEST(HFSPlusAllocation, CountsTheBlocksOfADeletedFileThatAreInUse)
+{
+    const struct {
+        std::uint32_t start, count, used;
+        const char* expected;
+    } rows[] = { { 1000, 50, 999, "God" }, { 1000, 50, 1000, "Ringe" },
+        { 1000, 50, 1049, "Delvis" }, { 1000, 50, 1050, "God" }, { 505, 1200, 1024, "Delvis" },
+        { 512, 512, 511, "God" }, { 512, 512, 1023, "Delvis" }, { 512, 512, 1024, "God" },
+        { 7000, 1000, 7999, "Delvis" } };
+    for (const auto& [start, count, used, expected] : rows) {
+        HFSPlusImage image(false, 8000);
+        image.setLeaf(2, { rootRecord });
+        image.setLeaf(3,
+            { { .parent = 2,
+                .name = u"x",
+                .id = 50,
+                .size = count * sector,
+                .runs = { { start, count } } } });
+        image.chain({ 2 });
+        image.setAllocated(used);
+        EXPECT_EQ(label(parse(image)["/x"].recoverability), expected) << start << " " << used;
+    }
 }

@@ -120,3 +120,51 @@ TEST(HFSPlusLostVolumes, ACatalogIsReadOnceWhateverHeadersLeadToIt)
     const auto text = found(disk);
     EXPECT_EQ(std::ranges::count(text, ';'), 1) << text;
 }
+
+TEST(HFSPlusLostVolumes, AddsDeletedFilesThatOnlyLeavesInTheJournalName)
+{
+    using Record = HFSPlusImage::Record;
+    HFSPlusImage image(false, blocks);
+    image.setLeaf(2,
+        { { .parent = 1, .name = u"DISK", .id = 2, .isFolder = true },
+            { .parent = 2, .name = u"mappe", .id = 30, .isFolder = true },
+            { .parent = 30, .name = u"lever", .id = 31 } });
+    image.chain({ 2 });
+    // Leaves as a journal keeps them: made in the catalog, and moved.
+    const auto keep = [&](std::uint32_t block, const std::vector<Record>& records) {
+        image.setLeaf(6, records);
+        const auto node = image.bytes().begin() + HFSPlusImage::nodeOffset(6);
+        std::copy_n(node, HFSPlusImage::nodeSize,
+            image.bytes().begin() + static_cast<std::ptrdiff_t>(HFSPlusImage::offsetOf(block)));
+        std::fill_n(node, HFSPlusImage::nodeSize, std::uint8_t { 0 });
+    };
+    const auto deleted = [](std::uint32_t date, std::uint32_t block) {
+        return Record { .parent = 30,
+            .name = u"slettet",
+            .id = 40,
+            .modified = date,
+            .size = 512,
+            .runs = { { block, 1 } } };
+    };
+    keep(1801,
+        { deleted(5, 1000), { .parent = 30, .name = u"lever før", .id = 31 },
+            { .parent = 2, .name = u"gammel", .id = 41, .isFolder = true } });
+    keep(1809,
+        { deleted(6, 1001), { .parent = 41, .name = u"i den", .id = 42 },
+            { .parent = 99, .name = u"uden", .id = 43 } });
+    image.setAllocated(1001);
+    const auto source = image.source();
+    const auto known = QuickScanner::run(*source, nullptr).volumes;
+    auto folders
+        = DeepScanner::extraFolders(*source, known, DeepScanner(*source).run(nullptr), nullptr);
+    ASSERT_EQ(folders.size(), 1u);
+    known[0]->root->add(std::move(folders[0].folder));
+    std::string text;
+    known[0]->root->forEachDescendant([&](const FileNode& node, std::size_t) {
+        text += (node.status == EntryStatus::deleted ? " -" : " ") + node.path()
+            + (node.size > 0 ? " (" + chance(node) + ")" : "");
+    });
+    EXPECT_EQ(text,
+        " -/gammel -/gammel/i den /mappe /mappe/lever -/mappe/slettet (Ringe: Blokkene er genbrugt "
+        "af andre filer) /$Tabte katalogposter -/$Tabte katalogposter/uden");
+}
