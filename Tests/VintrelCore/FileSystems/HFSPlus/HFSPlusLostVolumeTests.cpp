@@ -108,14 +108,15 @@ TEST(HFSPlusLostVolumes, AreFoundByWhateverIsLeftOfHeadersAndCatalog)
 TEST(HFSPlusLostVolumes, ACatalogIsReadOnceWhateverHeadersLeadToIt)
 {
     auto disk = diskWithPictures();
-    // Alternate headers of volumes that begin before this one, with its catalog.
-    for (std::uint64_t sector = 1; sector <= 40; ++sector) {
-        const auto at = partition + (1600 + sector) * 512;
+    // Headers of volumes that begin before this one, with its catalog: primary and alternate ones.
+    for (std::uint64_t sector = 4; sector <= 40; ++sector) {
         const auto start = partition - sector * 512;
-        std::copy_n(
-            disk.begin() + partition + 1024, 512, disk.begin() + static_cast<std::ptrdiff_t>(at));
-        putBE(disk, at + 44, (at + 1024 - start) / 512, 4);
-        putBE(disk, at + 272 + 16, HFSPlusImage::nodeOffset(0) / 512 + sector, 4);
+        for (const auto at : { start + 1024, partition + (1600 + sector) * 512 }) {
+            std::copy_n(disk.begin() + partition + 1024, 512,
+                disk.begin() + static_cast<std::ptrdiff_t>(at));
+            putBE(disk, at + 44, (partition + (1600 + sector) * 512 + 1024 - start) / 512, 4);
+            putBE(disk, at + 272 + 16, HFSPlusImage::nodeOffset(0) / 512 + sector, 4);
+        }
     }
     const auto text = found(disk);
     EXPECT_EQ(std::ranges::count(text, ';'), 1) << text;
