@@ -57,7 +57,7 @@ Bytes encoded(const HFSPlusImage::Record& record)
         return bytes;
     if (record.linkTo != 0) {
         putBE(bytes, at + 44, record.linkTo, 4);
-        putBE(bytes, at + 48, 0x686C6E6B6866732B, 8);
+        putBE(bytes, at + 48, record.isFolderLink ? 0x666472704D414353 : 0x686C6E6B6866732B, 8);
     }
     putFork(bytes, at + 88, record.size, record.runs);
     putFork(bytes, at + 168, record.resourceSize, {});
@@ -110,6 +110,7 @@ HFSPlusImage::HFSPlusImage(bool isHFSX, std::uint32_t blocks)
 void HFSPlusImage::writeNode(std::uint64_t at, std::uint8_t kind, const std::vector<Bytes>& records)
 {
     putBE(bytes_, at + 8, kind, 1);
+    putBE(bytes_, at + 9, kind == 0xFF ? 1 : 2, 1); // the height: the index lies above the leaves
     putBE(bytes_, at + 10, records.size(), 2);
     std::uint64_t offset = 14;
     auto slot = at + nodeSize
@@ -147,6 +148,27 @@ void HFSPlusImage::chain(const std::vector<std::uint8_t>& nodes)
     }
     putBE(bytes_, link, 0, 4);
     writeNode(nodeOffset(1), 0x00, index);
+}
+
+void HFSPlusImage::stateLeaves(const std::vector<std::uint8_t>& nodes)
+{
+    constexpr std::uint64_t mapOffset = 248; // behind the header record and a reserved one
+    std::uint64_t records = 0;
+    std::uint64_t used = 0xC000; // the header and the index
+    for (const auto node : nodes) {
+        records += ByteView(bytes_).u16be(static_cast<std::int64_t>(nodeOffset(node) + 10));
+        used |= 0x8000u >> node;
+    }
+    const auto at = nodeOffset(0);
+    putBE(bytes_, at + 20, records, 4);
+    putBE(bytes_, at + 28, nodes.back(), 4);
+    putBE(bytes_, at + mapOffset, used, 2);
+    auto slot = at + nodeSize - 2;
+    for (const std::uint64_t offset :
+        { std::uint64_t { 14 }, std::uint64_t { 120 }, mapOffset, nodeSize - 8 }) {
+        putBE(bytes_, slot, offset, 2);
+        slot -= 2;
+    }
 }
 
 void HFSPlusImage::addOverflow(

@@ -23,7 +23,8 @@ public:
         std::vector<Extent> runs = {};
         std::uint64_t resourceSize = 0;
         std::uint8_t ownerFlags = 0;
-        std::uint32_t linkTo = 0; ///< not 0: a hard link to this iNode file
+        std::uint32_t linkTo = 0; ///< not 0: a hard link to this iNode file, or to this folder
+        bool isFolderLink = false;
     };
 
     /// At most 16,384 blocks, of which the metadata files lie in the first 96.
@@ -35,6 +36,9 @@ public:
         const std::vector<Record>& threads = {});
     /// Chains the leaves that are part of the tree, and lists them in the index node, number 1.
     void chain(const std::vector<std::uint8_t>& nodes);
+    /// Says in the header node what sound trees say: which leaf is the last one, how many records
+    /// the leaves hold, and in its map record that these, the index and itself are in use.
+    void stateLeaves(const std::vector<std::uint8_t>& nodes);
     void addOverflow(
         std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Extent>& extents);
     /// Blocks are free until they are said to be in use.

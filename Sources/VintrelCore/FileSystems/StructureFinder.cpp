@@ -48,6 +48,13 @@ bool mayBeHFSHeader(const std::uint8_t* sector)
     return sector[0] == 'H' && (sector[1] == '+' || sector[1] == 'X') && sector[2] == 0;
 }
 
+/// The kind and height of a B-tree's leaf, or of its header node, and a field that is always zero.
+bool mayBeHFSNode(const std::uint8_t* sector)
+{
+    const auto kindAndHeight = static_cast<unsigned>(sector[8] << 8 | sector[9]);
+    return (kindAndHeight == 0xFF01 || kindAndHeight == 0x0100) && (sector[12] | sector[13]) == 0;
+}
+
 bool mayBeAPFSSuperblock(const std::uint8_t* sector) { return sector[24] == apfsContainerType; }
 
 bool mayBeAPFSVolume(const std::uint8_t* sector) { return sector[24] == apfsVolumeType; }
@@ -87,6 +94,7 @@ struct StructureRows {
         // takes every sector with a boot sector's signature or name
         { mayBeBootSector, &StructureFinder::findBootSector },
         { mayBeHFSHeader, &StructureFinder::findHFSHeader },
+        { mayBeHFSNode, &StructureFinder::findHFSNode },
         { mayBeAPFSSuperblock, &StructureFinder::findAPFSSuperblock },
         { mayBeAPFSVolume, &StructureFinder::findAPFSVolume },
         { mayBeAPFSObjectMap, &StructureFinder::findAPFSObjectMap },
@@ -158,6 +166,17 @@ bool StructureFinder::findHFSHeader(const SweptSector& swept)
         return false;
     result_.hfsHeaders.push_back(swept.offset - hfsHeaderOffset);
     return true;
+}
+
+bool StructureFinder::findHFSNode(const SweptSector& swept)
+{
+    const bool isTree = HFSPlusParser::looksLikeTreeHeader(swept.sector());
+    if (isTree)
+        result_.hfsTrees.push_back(swept.offset);
+    const bool isLeaf = !isTree && HFSPlusParser::looksLikeCatalogLeaf(swept.sector());
+    if (isLeaf)
+        result_.hfsLeaves.push_back(swept.offset);
+    return isTree || isLeaf;
 }
 
 bool StructureFinder::findAPFSSuperblock(const SweptSector& swept)

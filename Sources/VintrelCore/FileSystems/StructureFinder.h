@@ -44,6 +44,7 @@ private:
     bool findMFTRecord(const SweptSector& swept);
     bool findBootSector(const SweptSector& swept);
     bool findHFSHeader(const SweptSector& swept);
+    bool findHFSNode(const SweptSector& swept);
     bool findAPFSSuperblock(const SweptSector& swept);
     bool findAPFSVolume(const SweptSector& swept);
     bool findAPFSObjectMap(const SweptSector& swept);

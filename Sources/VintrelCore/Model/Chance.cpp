@@ -35,6 +35,7 @@ constexpr DoubtRow rows[] = {
     { Doubt::lostBlocks, poor, "Kun dele af filens blokke kendes" },
     { Doubt::overclaimedBlocks, poor, "For mange filer deler de samme blokke" },
     { Doubt::missingLinkedFile, poor, "Filen, som linket peger på, blev ikke fundet" },
+    { Doubt::sharedContent, poor, "Indholdet er kun taget med ved andre hårde links til filen" },
     { Doubt::missingLinkTarget, poor, "Linkets mål blev ikke fundet" },
     { Doubt::reusedFirstCluster, poor, "Startklyngen er genbrugt af en anden fil" },
     { Doubt::reusedBlocks, poor, "Blokkene er genbrugt af andre filer" },

@@ -29,6 +29,7 @@ enum class Doubt : std::uint8_t {
     lostBlocks,        ///< as `partlyUnknownBlocks`, of a file that is deleted
     overclaimedBlocks, ///< more files claim the same blocks than a sound volume has room for
     missingLinkedFile, ///< what a hard link stands for
+    sharedContent,     ///< of a hard link that is one of too many to a file in too many pieces
     missingLinkTarget, ///< the text of a symbolic link
     // of who owns the clusters by now
     reusedFirstCluster,

@@ -23,6 +23,8 @@ struct DeepScanResult {
     std::vector<CarvedFile> carved;
     std::vector<FoundBoot> boots;
     Offsets hfsHeaders;            ///< where the volumes begin: 1024 bytes before their headers
+    Offsets hfsTrees;              ///< header nodes of HFS+ catalogs and extents overflow files
+    Offsets hfsLeaves;             ///< leaf nodes of HFS+ catalogs
     Offsets nxsb;                  ///< APFS container superblocks
     Offsets mftRecords;            ///< sectors that begin an NTFS file record
     Offsets fatDirSectors;         ///< sectors that look like part of a FAT directory

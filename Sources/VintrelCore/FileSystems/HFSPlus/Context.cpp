@@ -12,22 +12,76 @@ using namespace HFSPlusFormat;
 
 namespace {
 
+using Authority = HFSPlusTreeHealth::Authority;
+
+void noteLostBytes(
+    Volume& volume, std::string_view file, std::uint64_t lost, std::string_view effect)
+{
+    if (lost > 0)
+        volume.notes.push_back("Dele af " + std::string(file) + " kunne ikke læses ("
+            + std::to_string(lost) + " bytes). " + std::string(effect));
+}
+
+/// How the files were told apart that exist and those that do not, where the chain of leaves
+/// breaks off.
+std::string_view wordsFor(Authority authority)
+{
+    switch (authority) {
+    case Authority::index:
+    case Authority::chain:
+        return "Hvilke filer der eksisterer, er afgjort af dets indeks.";
+    case Authority::map:
+        return "Hvilke filer der eksisterer, er afgjort af dets kort over brugte knuder.";
+    case Authority::none:
+        break;
+    }
+    return "Slettede filer kan ikke skelnes fra eksisterende.";
+}
+
+void noteCatalog(Volume& volume, const HFSPlusCatalog& catalog)
+{
+    const auto& health = catalog.health();
+    noteLostBytes(volume, "kataloget", health.lostBytes, "Filer kan mangle.");
+    if (catalog.isCapped()) {
+        volume.notes.emplace_back("Kataloget er større end 1 GiB, og resten af det er ikke læst. "
+                                  "Filer kan mangle. Prøv dyb scanning.");
+        return;
+    }
+    if (health.isCut)
+        volume.notes.push_back(
+            "Katalogets kæde af blade er afbrudt. " + std::string(wordsFor(health.authority)));
+    if (health.missingRecords > 0)
+        volume.notes.push_back("Kataloget mangler " + std::to_string(health.missingRecords)
+            + " af sine poster. Filer kan mangle.");
+}
+
+void noteOverflow(Volume& volume, const HFSPlusTreeHealth& health)
+{
+    constexpr std::string_view effect = "De sidste dele af fragmenterede filer kan mangle.";
+    noteLostBytes(volume, "extents-filen", health.lostBytes, effect);
+    if (health.isUnusable && health.lostBytes == 0)
+        volume.notes.push_back("Extents-filen kunne ikke læses. " + std::string(effect));
+    else if (health.missingRecords > 0)
+        volume.notes.push_back("Extents-filen mangler " + std::to_string(health.missingRecords)
+            + " af sine poster. " + std::string(effect));
+    else if (health.isCut && health.lostBytes == 0)
+        volume.notes.push_back("Extents-filens kæde af blade er afbrudt. " + std::string(effect));
+}
+
 /// Tells of metadata files that could not be read wholly.
 void noteLostMetadata(Volume& volume, const HFSPlusForks& forks, const HFSPlusCatalog& catalog)
 {
-    const auto note = [&](std::string_view file, std::uint64_t lost, std::string_view effect) {
-        if (lost > 0)
-            volume.notes.push_back("Dele af " + std::string(file) + " kunne ikke læses ("
-                + std::to_string(lost) + " bytes). " + std::string(effect));
-    };
-    note("kataloget", catalog.lostBytes(), "Filer kan mangle.");
-    note("extents-filen", forks.lostOverflowBytes(),
-        "De sidste dele af fragmenterede filer kan mangle.");
-    if (forks.hasAllocation())
-        note("allokeringsfilen", forks.lostAllocationBytes(),
-            "Om slettede filers blokke er genbrugt, vides kun for nogle af dem.");
-    else
+    constexpr std::string_view effect
+        = "Om slettede filers blokke er genbrugt, vides kun for nogle af dem.";
+    noteCatalog(volume, catalog);
+    noteOverflow(volume, forks.overflowHealth());
+    if (!forks.hasAllocation())
         volume.notes.emplace_back("Allokeringsfilen kunne ikke læses.");
+    else if (forks.isAllocationShort())
+        volume.notes.push_back(
+            "Allokeringsfilen er kortere end filsystemet. " + std::string(effect));
+    noteLostBytes(volume, "allokeringsfilen",
+        forks.hasAllocation() ? forks.lostAllocationBytes() : 0, effect);
 }
 
 } // namespace
@@ -39,11 +93,12 @@ HFSContext::HFSContext(DiskSource& source, std::uint64_t base, const VolumeHeade
 {
 }
 
-std::unique_ptr<Volume> HFSContext::build(const std::string& origin, WorkProgress* progress) const
+std::unique_ptr<Volume> HFSContext::build(
+    const std::string& origin, WorkProgress* progress, const HFSPlusCatalog::Options& options) const
 {
     report(progress, 0, "Læser HFS+-katalog …");
     const HFSPlusForks forks(source_, base_, header_);
-    const auto catalog = HFSPlusCatalog::load(forks, header_);
+    const auto catalog = HFSPlusCatalog::load(forks, header_, options);
     if (!catalog || catalog->entries().empty())
         return nullptr;
 
@@ -56,8 +111,12 @@ std::unique_ptr<Volume> HFSContext::build(const std::string& origin, WorkProgres
     if (header_.start.signature == signatureHFSX)
         volume->notes.emplace_back("HFSX (versalfølsom)");
     noteLostMetadata(*volume, forks, *catalog);
-    HFSPlusFileTree(forks, *catalog).build(*volume->root);
+    HFSPlusFileTree tree(forks, *catalog);
+    tree.build(*volume->root);
+    if (const auto count = tree.folderLinkCount(); count > 0)
+        volume->notes.push_back(std::to_string(count)
+            + " hårde links til mapper; hver mappe vises ved det første af sine links.");
     volume->root->sortChildren();
-    volume->deepContext = std::make_unique<HFSPlusVolumeContext>(header_);
+    volume->deepContext = std::make_unique<HFSPlusVolumeContext>(header_, catalog->isCapped());
     return volume;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/FileSystems/HFSPlus/Catalog.h"
 #include "VintrelCore/FileSystems/HFSPlus/Structures.h"
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Model/WorkProgress.h"
@@ -12,12 +13,14 @@ class DiskSource;
 
 /// What is kept of a volume for the question which of its blocks are in use.
 struct HFSPlusVolumeContext : DeepContext {
-    explicit HFSPlusVolumeContext(const HFSPlusFormat::VolumeHeader& found)
+    HFSPlusVolumeContext(const HFSPlusFormat::VolumeHeader& found, bool isCapped)
         : header(found)
+        , isCatalogCapped(isCapped)
     {
     }
 
     const HFSPlusFormat::VolumeHeader header;
+    const bool isCatalogCapped; ///< the catalog goes on behind what was read of it
 };
 
 /// Reads one HFS+ volume. Used by one thread at a time.
@@ -27,7 +30,8 @@ public:
     HFSContext(DiskSource& source, std::uint64_t base, const HFSPlusFormat::VolumeHeader& header);
 
     /// None when there is no usable catalog, or nothing in it. `progress` may be none.
-    std::unique_ptr<Volume> build(const std::string& origin, WorkProgress* progress) const;
+    std::unique_ptr<Volume> build(const std::string& origin, WorkProgress* progress,
+        const HFSPlusCatalog::Options& options = {}) const;
 
 private:
     DiskSource& source_;

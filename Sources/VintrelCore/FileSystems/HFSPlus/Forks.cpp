@@ -5,6 +5,8 @@
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
+#include <bit>
+#include <limits>
 
 using namespace HFSPlusFormat;
 
@@ -16,6 +18,17 @@ constexpr std::uint64_t maxAllocationFile = 536'870'912;
 
 /// Blocks of a deleted file that are looked up in the allocation file.
 constexpr std::uint64_t maxBlockChecks = 1'048'576;
+
+/// Bytes of the allocation file whose bits are counted together.
+constexpr std::size_t countedGroup = 64;
+
+std::size_t overflowRecordLength(ByteView bytes)
+{
+    constexpr std::size_t length
+        = sizeof(OverflowKey) + extentsPerRecord * sizeof(ExtentDescriptor);
+    const auto key = bytes.load<OverflowKey>(0);
+    return key && key->key.length == overflowKeyLength && bytes.size() >= length ? length : 0;
+}
 
 void addUsed(HFSPlusExtents& extents, const ExtentDescriptor& stored)
 {
@@ -37,30 +50,29 @@ HFSPlusForks::HFSPlusForks(DiskSource& source, std::uint64_t base, const VolumeH
 
 void HFSPlusForks::loadOverflow(const ForkData& extentsFile)
 {
-    auto content = readFork(extentsFile, extentsFileID, maxExtentsFile);
-    const auto lost = lostParts(inlineExtents(extentsFile), content.size());
-    lostOverflowBytes_ = lost.total();
-    const auto tree = HFSPlusBTree::open(std::move(content));
-    if (!tree)
+    auto file = open(extentsFile, extentsFileID, maxExtentsFile);
+    auto tree = HFSPlusBTree::open(file, { .recordLength = overflowRecordLength });
+    if (!tree) {
+        overflowHealth_ = { .isUnusable = file.size() != 0, .lostBytes = file.lostParts().total() };
         return;
+    }
     tree->forEachLeafRecord(
-        [&](std::uint64_t offset, std::uint64_t length) {
-            return lost.intersects(offset, offset + length);
-        },
-        [this](ByteView record, bool isLive) {
-            if (isLive)
-                addOverflow(record);
+        [this](ByteView record, std::uint32_t node) { addOverflow(record, node); });
+    overflowHealth_ = tree->health(file);
+    for (auto& [id, records] : overflow_) {
+        std::erase_if(records, [&](const OverflowExtents& found) {
+            return tree->useOf(found.node) == HFSPlusBTree::Use::givenUp;
         });
-    for (auto& [id, records] : overflow_)
         std::ranges::stable_sort(records, {}, &OverflowExtents::start);
+    }
 }
 
-void HFSPlusForks::addOverflow(ByteView record)
+void HFSPlusForks::addOverflow(ByteView record, std::uint32_t node)
 {
     const auto key = record.load<OverflowKey>(0);
     if (!key || key->key.length != overflowKeyLength || key->forkType != dataForkType)
         return;
-    OverflowExtents found { .start = key->startBlock, .extents = {} };
+    OverflowExtents found { .start = key->startBlock, .node = node, .extents = {} };
     std::int64_t at = sizeof(OverflowKey);
     for (std::size_t i = 0; i < extentsPerRecord; ++i, at += sizeof(ExtentDescriptor))
         if (const auto stored = record.load<ExtentDescriptor>(at))
@@ -70,10 +82,44 @@ void HFSPlusForks::addOverflow(ByteView record)
 
 void HFSPlusForks::loadAllocation(const ForkData& allocationFile)
 {
-    allocation_ = readFork(allocationFile, allocationFileID, maxAllocationFile);
-    lostAllocation_ = lostParts(allExtents(allocationFile, allocationFileID), allocation_.size());
+    auto file = open(allocationFile, allocationFileID, maxAllocationFile);
+    allocation_.resize(static_cast<std::size_t>(file.size()));
+    file.read(0, allocation_);
+    lostAllocation_ = file.lostParts();
     if (lostAllocation_.total() == allocation_.size())
         allocation_.clear(); // nothing of it was readable
+    countAllocated();
+}
+
+/// Counts the blocks in use group by group, so that a file of any length is looked up at once.
+void HFSPlusForks::countAllocated()
+{
+    std::uint32_t count = 0;
+    for (std::size_t at = 0; at < allocation_.size(); ++at) {
+        if (at % countedGroup == 0)
+            allocatedBefore_.push_back(count);
+        count += static_cast<std::uint32_t>(std::popcount(allocation_[at]));
+    }
+}
+
+/// How many blocks below this one are in use, as far as the allocation file goes.
+std::uint64_t HFSPlusForks::allocatedBefore(std::uint64_t block) const
+{
+    block = std::min<std::uint64_t>(block, allocation_.size() * 8);
+    if (block == 0)
+        return 0;
+    const auto last = static_cast<std::size_t>((block - 1) / 8); // byte
+    auto at = last - last % countedGroup;
+    std::uint64_t count = allocatedBefore_[at / countedGroup];
+    for (; at < last; ++at)
+        count += static_cast<std::uint64_t>(std::popcount(allocation_[at]));
+    const unsigned bits = allocation_[last] >> (7 - (block - 1) % 8);
+    return count + static_cast<std::uint64_t>(std::popcount(bits));
+}
+
+bool HFSPlusForks::isAllocationShort() const
+{
+    return allocation_.size() < unitsFor(totalBlocks_, 8);
 }
 
 HFSPlusExtents HFSPlusForks::inlineExtents(const ForkData& fork)
@@ -103,56 +149,21 @@ HFSPlusExtents HFSPlusForks::allExtents(const ForkData& fork, std::uint32_t file
     return extents;
 }
 
-Bytes HFSPlusForks::readFork(const ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const
+HFSPlusForkReader HFSPlusForks::open(
+    const ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const
 {
     // The claimed size is held to what the extents have room for, and that to what the source
     // holds, before memory is asked for.
-    const auto extents = allExtents(fork, fileID);
     std::uint64_t room = 0;
-    for (const auto& extent : extents) {
+    ExtentList pieces;
+    for (const auto& extent : allExtents(fork, fileID)) {
         if (room >= cap)
             break;
-        room += extent.blockCount * blockSize_;
+        pieces.push_back(pieceOf(extent, std::numeric_limits<std::uint64_t>::max()));
+        room += pieces.back().length;
     }
-    Bytes bytes(static_cast<std::size_t>(
-        std::min<std::uint64_t>({ cap, fork.logicalSize, room, source_.size() })));
-    std::span<std::uint8_t> rest(bytes);
-    for (const auto& extent : extents) {
-        const auto piece = rest.first(static_cast<std::size_t>(
-            std::min<std::uint64_t>(rest.size(), extent.blockCount * blockSize_)));
-        if (const auto offset = offsetOf(extent.startBlock))
-            source_.readReporting(*offset, piece, ReadMode::thorough);
-        rest = rest.subspan(piece.size());
-    }
-    return bytes;
-}
-
-RangeSet HFSPlusForks::lostParts(const HFSPlusExtents& extents, std::uint64_t length) const
-{
-    const auto badSectors = source_.badSectors();
-    const std::uint64_t sectorSize = source_.sectorSize();
-    RangeSet lost;
-    std::uint64_t at = 0; // in the file
-    for (const auto& extent : extents) {
-        if (at == length)
-            break;
-        const std::uint64_t end = at + std::min(length - at, extent.blockCount * blockSize_);
-        const auto start = offsetOf(extent.startBlock);
-        const std::uint64_t onSource = start ? std::min(end - at, source_.size() - *start) : 0;
-        lost.add(at + onSource, end);
-        if (onSource > 0) {
-            const std::uint64_t endOnSource = *start + onSource;
-            for (auto bad = badSectors.firstEndingBehind(*start / sectorSize);
-                 bad && bad->start * sectorSize < endOnSource;
-                 bad = badSectors.firstEndingBehind(bad->end)) {
-                const auto lostStart = std::max(bad->start * sectorSize, *start);
-                const auto lostEnd = std::min(bad->end * sectorSize, endOnSource);
-                lost.add(at + (lostStart - *start), at + (lostEnd - *start));
-            }
-        }
-        at = end;
-    }
-    return lost;
+    return HFSPlusForkReader(
+        source_, pieces, std::min<std::uint64_t>({ cap, fork.logicalSize, room, source_.size() }));
 }
 
 Extent HFSPlusForks::pieceOf(const HFSPlusExtent& extent, std::uint64_t length) const
@@ -173,12 +184,11 @@ ClusterUse HFSPlusForks::useOf(const HFSPlusExtents& extents, std::uint64_t size
         const std::uint64_t count
             = std::min<std::uint64_t>(needed - use.checked, extent.blockCount);
         use.isUnknown = use.isUnknown || isLost(extent.startBlock, count);
-        for (std::uint64_t i = 0; i < count; ++i, ++use.checked) {
-            if (!isAllocated(extent.startBlock + i))
-                continue;
-            ++use.foreign;
-            use.isFirstForeign = use.isFirstForeign || use.checked == 0;
-        }
+        use.foreign
+            += allocatedBefore(extent.startBlock + count) - allocatedBefore(extent.startBlock);
+        use.isFirstForeign = use.isFirstForeign
+            || (use.checked == 0 && count > 0 && isAllocated(extent.startBlock));
+        use.checked += count;
     }
     return use;
 }
@@ -207,7 +217,7 @@ bool HFSPlusForks::isLost(std::uint64_t firstBlock, std::uint64_t count) const
 
 bool HFSPlusForks::addUsedRanges(std::vector<ByteRange>& ranges) const
 {
-    if (!lostAllocation_.empty() || allocation_.size() < unitsFor(totalBlocks_, 8))
+    if (!lostAllocation_.empty() || isAllocationShort())
         return false;
     std::uint64_t block = 0;
     while (block < totalBlocks_) {

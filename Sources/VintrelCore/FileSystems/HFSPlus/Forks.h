@@ -1,5 +1,7 @@
 #pragma once
 
+#include "VintrelCore/FileSystems/HFSPlus/BTree.h"
+#include "VintrelCore/FileSystems/HFSPlus/ForkReader.h"
 #include "VintrelCore/FileSystems/HFSPlus/Structures.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
@@ -31,8 +33,11 @@ public:
 
     std::uint64_t blockSize() const { return blockSize_; } ///< in bytes
     bool hasAllocation() const { return !allocation_.empty(); }
-    /// How many bytes of the two files could not be read.
-    std::uint64_t lostOverflowBytes() const { return lostOverflowBytes_; }
+    /// What is known of the tree of the extents overflow file.
+    const HFSPlusTreeHealth& overflowHealth() const { return overflowHealth_; }
+    /// Whether the allocation file ends before the volume does.
+    bool isAllocationShort() const;
+    /// How many bytes of the allocation file could not be read.
     std::uint64_t lostAllocationBytes() const { return lostAllocation_.total(); }
 
     /// The extents that the fork's own record names.
@@ -40,13 +45,9 @@ public:
     /// These, and those of a data fork that follow on in the extents overflow file.
     HFSPlusExtents allExtents(const HFSPlusFormat::ForkData& fork, std::uint32_t fileID) const;
 
-    /// The content of a metadata file, at most `cap` bytes of it, and no more than the source has.
-    /// Zeros where it cannot be read.
-    Bytes readFork(
+    /// A reader of a metadata file, of at most `cap` bytes of it, and no more than the source has.
+    HFSPlusForkReader open(
         const HFSPlusFormat::ForkData& fork, std::uint32_t fileID, std::uint64_t cap) const;
-    /// Which of the first `length` bytes of a file could not be read: unreadable sectors, and what
-    /// lies beyond the source's end. Only what was read can be known.
-    RangeSet lostParts(const HFSPlusExtents& extents, std::uint64_t length) const;
 
     /// The first `length` bytes of an extent, on the source; without offset when they begin beyond
     /// the source's end.
@@ -63,13 +64,16 @@ private:
     /// A record of the extents overflow file.
     struct OverflowExtents {
         std::uint32_t start = 0; ///< block of the file at which they begin
+        std::uint32_t node = 0;  ///< in which the record lies
         HFSPlusExtents extents;
     };
 
     void loadOverflow(const HFSPlusFormat::ForkData& extentsFile);
-    void addOverflow(ByteView record);
+    void addOverflow(ByteView record, std::uint32_t node);
     void loadAllocation(const HFSPlusFormat::ForkData& allocationFile);
     bool isAllocated(std::uint64_t block) const;
+    void countAllocated();
+    std::uint64_t allocatedBefore(std::uint64_t block) const;
     bool isLost(std::uint64_t firstBlock, std::uint64_t count) const;
     std::optional<std::uint64_t> offsetOf(std::uint64_t block) const;
 
@@ -79,7 +83,8 @@ private:
     const std::uint64_t totalBlocks_;
     std::unordered_map<std::uint32_t, std::vector<OverflowExtents>>
         overflow_; // by file ID, ascending once loaded
-    std::uint64_t lostOverflowBytes_ = 0;
-    Bytes allocation_;        // empty: could not be read
-    RangeSet lostAllocation_; // bytes of it that are not known
+    HFSPlusTreeHealth overflowHealth_;
+    std::vector<std::uint32_t> allocatedBefore_; // by groups of bytes of the allocation file
+    Bytes allocation_;                           // empty: could not be read
+    RangeSet lostAllocation_;                    // bytes of it that are not known
 };

@@ -1,9 +1,10 @@
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/FileSystems/HFSPlus/BTree.h"
+#include "VintrelCore/FileSystems/HFSPlus/Catalog.h"
 #include "VintrelCore/FileSystems/HFSPlus/Context.h"
 #include "VintrelCore/FileSystems/HFSPlus/Forks.h"
+#include "VintrelCore/FileSystems/HFSPlus/Node.h"
 #include "VintrelCore/FileSystems/HFSPlus/VolumeHeader.h"
 
 using namespace HFSPlusFormat;
@@ -22,24 +23,24 @@ bool isVolumeHeader(ByteView header)
     return HFSPlusVolumeHeader::decodeStart(header).has_value();
 }
 
-std::vector<std::uint64_t> startsByAlternate(ByteView header, std::uint64_t offset)
+bool looksLikeTreeHeader(ByteView sector)
 {
-    return HFSPlusVolumeHeader::startsByAlternate(header, offset);
+    constexpr std::uint16_t recordCount = 3; // TN1150: header, user data and map
+    const auto header = sector.load<HeaderNode>(0);
+    return header && HFSPlusNode::looksLikeHeader(sector)
+        && header->descriptor.recordCount == recordCount
+        && (header->maxKeyLength == maxCatalogKeyLength
+            || header->maxKeyLength == overflowKeyLength);
 }
 
-bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header)
+bool looksLikeCatalogLeaf(ByteView sector)
 {
-    const auto stored = HFSPlusVolumeHeader::decode(header);
-    if (!stored)
-        return false;
-    const auto& first = stored->catalogFile.extents.front();
-    const std::uint64_t catalog
-        = std::uint64_t { first.startBlock } * stored->start.blockSize; // below 2^52
-    if (first.blockCount == 0 || offset >= source.size() || catalog >= source.size() - offset)
-        return false;
-    auto node = source.read(offset + catalog, minNodeSize, ReadMode::thorough);
-    return ByteView(node).u8(offsetof(NodeDescriptor, kind)) == headerKind
-        && HFSPlusBTree::open(std::move(node));
+    const auto descriptor = sector.load<NodeDescriptor>(0);
+    return descriptor && descriptor->kind == leafKind && descriptor->height == 1
+        && descriptor->recordCount != 0 && descriptor->recordCount < maxNodeSize / 8
+        && HFSPlusCatalog::recordLength(
+               sector.sub(sizeof(NodeDescriptor), static_cast<std::int64_t>(sector.size())))
+        != 0;
 }
 
 std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,

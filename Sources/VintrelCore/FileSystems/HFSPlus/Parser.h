@@ -25,15 +25,12 @@ std::optional<FileSystemType> probe(ByteView head);
 /// Whether a volume header with possible fields begins here. Needs its first 48 bytes.
 bool isVolumeHeader(ByteView header);
 
-/// Where the volume may begin, in bytes on the source, whose alternate header lies at byte
-/// `offset`. The likeliest place comes first: a volume may be up to a block longer than its blocks,
-/// in sectors. Empty for bytes that are no volume header.
-std::vector<std::uint64_t> startsByAlternate(ByteView header, std::uint64_t offset);
+/// Whether the header node of a catalog or an extents overflow file begins with this sector.
+bool looksLikeTreeHeader(ByteView sector);
 
-/// Whether the catalog begins where a volume header says, if the volume begins at byte `offset`.
-/// Copies of headers lie in many places, in the journal above all, and a catalog is long: this
-/// reads one sector of it.
-bool isConfirmed(DiskSource& source, std::uint64_t offset, ByteView header);
+/// Whether a leaf node of a catalog begins with this sector: its descriptor and its first record
+/// are possible.
+bool looksLikeCatalogLeaf(ByteView sector);
 
 /// The volume that begins at byte `offset`; none when there is no volume header, no usable catalog
 /// or nothing in it. `progress` may be none. `found`: a volume header that was found elsewhere, the

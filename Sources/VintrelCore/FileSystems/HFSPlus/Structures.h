@@ -68,6 +68,7 @@ static_assert(sizeof(NodeDescriptor) == 14);
 constexpr std::uint8_t leafKind = 0xFF;
 constexpr std::uint8_t indexKind = 0x00;
 constexpr std::uint8_t headerKind = 0x01;
+constexpr std::uint8_t mapKind = 0x02;
 
 constexpr std::uint32_t minNodeSize = 512;
 constexpr std::uint32_t maxNodeSize = 32'768;
@@ -81,8 +82,10 @@ struct HeaderNode {
     BE32 firstLeafNode;        // 24
     BE32 lastLeafNode;         // 28
     BE16 nodeSize;             // 32  in bytes
+    BE16 maxKeyLength;         // 34
+    BE32 totalNodes;           // 36
 };
-static_assert(sizeof(HeaderNode) == 34 && offsetof(HeaderNode, firstLeafNode) == 24);
+static_assert(sizeof(HeaderNode) == 40 && offsetof(HeaderNode, firstLeafNode) == 24);
 
 /// What every record of an index or leaf node begins with. TN1150: BTreeKey.
 struct RecordKey {
@@ -108,6 +111,7 @@ struct OverflowKey {
 static_assert(sizeof(OverflowKey) == 12);
 
 constexpr std::uint16_t overflowKeyLength = 10;
+constexpr std::uint16_t maxCatalogKeyLength = 516; ///< TN1150: kHFSPlusCatalogKeyMaximumLength
 constexpr std::uint8_t dataForkType = 0;
 
 /// The start of a catalog record's key; `nameLength` UTF-16 units follow. TN1150:
@@ -148,11 +152,19 @@ static_assert(sizeof(CatalogFile) == 248 && offsetof(CatalogFile, dataFork) == 8
 
 constexpr std::uint16_t folderType = 1;
 constexpr std::uint16_t fileType = 2;
+constexpr std::uint16_t folderThreadType = 3;
+constexpr std::uint16_t fileThreadType = 4;
+constexpr std::size_t folderRecordSize = 88; ///< TN1150: HFSPlusCatalogFolder
 /// Of the owner flags. TN1150 is older than compressed files and does not know it: it is
 /// UF_COMPRESSED of macOS' stat().
 constexpr std::uint8_t compressedFlag = 0x20;
 constexpr std::uint32_t hardLinkType = 0x686C6E6B;    // "hlnk"
 constexpr std::uint32_t hardLinkCreator = 0x6866732B; // "hfs+"
+
+/// Of a hard link to a folder. TN1150 is older than these: they are an alias file's type and
+/// creator, and Time Machine makes them.
+constexpr std::uint32_t folderLinkType = 0x66647270;    // "fdrp"
+constexpr std::uint32_t folderLinkCreator = 0x4D414353; // "MACS"
 
 constexpr std::uint32_t rootFolderID = 2;
 constexpr std::uint32_t extentsFileID = 3;

@@ -2,11 +2,13 @@
 
 #include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
+#include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/DeletedClaims.h"
 #include "VintrelCore/Model/FileData.h"
 
 #include <optional>
+#include <set>
 #include <string>
 
 using namespace HFSPlusFormat;
@@ -16,12 +18,24 @@ namespace {
 /// Folders whose name begins so are the file system's own and not the user's.
 bool isPrivate(std::string_view name) { return name.starts_with('\0'); }
 
-/// The number in the name of a file that hard links stand for: "iNode17".
-std::optional<std::uint32_t> inodeNumber(std::string_view name)
+/// The number in the name of what hard links stand for: "iNode17" for a file, "dir_17" for a
+/// folder.
+std::optional<std::uint32_t> numberIn(std::string_view name, std::string_view prefix)
 {
-    constexpr std::string_view prefix = "iNode";
     return name.starts_with(prefix) ? Text::number<std::uint32_t>(name.substr(prefix.size()))
                                     : std::nullopt;
+}
+
+/// Where the folders lie that hard links stand for; a user sees its name nowhere.
+constexpr std::string_view linkedFoldersFolder = ".HFS+ Private Directory Data\r";
+
+/// What hard links to files may have of extents, all together. A file in many pieces costs them
+/// once for each of its links.
+constexpr std::size_t maxSharedExtents = 8'388'608;
+
+bool isFolderLink(const CatalogFile& file)
+{
+    return file.fileType == folderLinkType && file.fileCreator == folderLinkCreator;
 }
 
 bool isHardLink(const CatalogFile& file)
@@ -37,6 +51,7 @@ HFSPlusFileTree::HFSPlusFileTree(const HFSPlusForks& forks, const HFSPlusCatalog
     , catalog_(catalog)
 {
     indexHardLinks();
+    indexFolderLinks();
 }
 
 void HFSPlusFileTree::indexHardLinks()
@@ -45,21 +60,57 @@ void HFSPlusFileTree::indexHardLinks()
         const auto* parent = catalog_.find(entry.parent);
         if (entry.isFolder || parent == nullptr || !isPrivate(catalog_.nameOf(*parent)))
             continue;
-        if (const auto number = inodeNumber(catalog_.nameOf(entry)))
-            if (auto& known = linkedFiles_[*number]; known == nullptr || entry.isLive)
+        if (const auto number = numberIn(catalog_.nameOf(entry), "iNode"))
+            if (auto& known = linkedFiles_[*number]; known == nullptr || entry.isLive())
                 known = &entry;
     }
 }
 
-void HFSPlusFileTree::build(FileNode& root) const
+/// Finds for every folder that hard links stand for the first link that exists.
+void HFSPlusFileTree::indexFolderLinks()
+{
+    std::unordered_map<std::uint32_t, std::uint32_t> folders; // IDs by the number in their names
+    for (const auto& entry : catalog_.entries()) {
+        const auto* parent = entry.isFolder ? catalog_.find(entry.parent) : nullptr;
+        if (parent != nullptr && catalog_.nameOf(*parent) == linkedFoldersFolder)
+            if (const auto number = numberIn(catalog_.nameOf(entry), "dir_"))
+                folders.emplace(*number, entry.id);
+    }
+    for (const auto& entry : catalog_.entries()) {
+        const auto file = catalog_.fileOf(entry);
+        if (entry.isFolder || !entry.isLive() || !isFolderLink(file))
+            continue;
+        ++folderLinkCount_;
+        if (const auto folder = folders.find(file.item.special); folder != folders.end())
+            firstLinks_.emplace(folder->second, &entry);
+    }
+}
+
+/// What a hard link to a file stands for; none when it is not there.
+const HFSPlusCatalog::Entry* HFSPlusFileTree::linkedFile(const Entry& entry) const
+{
+    const auto linked = linkedFiles_.find(catalog_.itemOf(entry).special);
+    return linked != linkedFiles_.end() ? linked->second : nullptr;
+}
+
+/// The folder in which an entry is listed.
+std::uint32_t HFSPlusFileTree::parentOf(const Entry& entry) const
+{
+    const auto link = firstLinks_.find(entry.id);
+    return link != firstLinks_.end() ? link->second->parent : entry.parent;
+}
+
+void HFSPlusFileTree::build(FileNode& root)
 {
     auto nodes = makeNodes();
     if (forks_.hasAllocation())
         noteContested(nodes);
-    std::vector<FileNode*> folders; // by entry; none for what cannot hold others
-    folders.reserve(nodes.size());
-    for (const auto& node : nodes)
+    std::vector<FileNode*> all;     // by entry
+    std::vector<FileNode*> folders; // the same; none for what cannot hold others
+    for (const auto& node : nodes) {
+        all.push_back(node.get());
         folders.push_back(node && node->isDirectory() ? node.get() : nullptr);
+    }
     const auto links = linksBetween(folders);
     std::unique_ptr<FileNode> orphans;
     for (std::size_t i = 0; i < nodes.size(); ++i) {
@@ -76,15 +127,74 @@ void HFSPlusFileTree::build(FileNode& root) const
     }
     if (orphans)
         root.add(std::move(orphans));
+    noteLinksOf(all);
+}
+
+/// Notes on the files that hard links stand for, which have no folder of their own.
+void HFSPlusFileTree::noteLinksOf(const std::vector<FileNode*>& nodes) const
+{
+    const auto& entries = catalog_.entries();
+    std::vector<bool> isNoted(entries.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (nodes[i] == nullptr || entries[i].isFolder || !isHardLink(catalog_.fileOf(entries[i])))
+            continue;
+        const auto* linked = linkedFile(entries[i]);
+        if (linked == nullptr)
+            continue;
+        const auto index = static_cast<std::size_t>(linked - entries.data());
+        if (nodes[index] != nullptr && !isNoted[index])
+            nodes[index]->addNote("Hårdt link til filen: " + Unicode::escaped(nodes[i]->path()));
+        isNoted[index] = true;
+    }
+}
+
+/// Folders come before the entries in them as far as they hang together.
+void HFSPlusFileTree::addLoose(FileNode& root, FileNode& orphans)
+{
+    std::unordered_map<std::uint64_t, FileNode*> known { { rootFolderID, &root } };
+    root.forEachDescendant([&](FileNode& node, std::size_t) {
+        if (node.isDirectory() && node.fsID != 0)
+            known.emplace(node.fsID, &node);
+    });
+    const auto& entries = catalog_.looseEntries();
+    std::unordered_map<std::uint32_t, ParentLinks::Index> folders;
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        if (entries[i].isFolder)
+            folders.emplace(entries[i].id, i);
+    std::vector<ParentLinks::Index> parents;
+    for (const auto& entry : entries) {
+        const auto folder = folders.find(entry.parent);
+        parents.push_back(known.contains(entry.parent) ? ParentLinks::root
+                : folder != folders.end()              ? folder->second
+                                                       : ParentLinks::none);
+    }
+    const ParentLinks links(std::move(parents));
+    Nodes nodes;
+    std::vector<FileNode*> places;
+    for (const auto& entry : entries) {
+        nodes.push_back(makeNode(entry));
+        places.push_back(nodes.back().get());
+    }
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        const auto parent = links.parentOf(i);
+        FileNode& folder = parent == ParentLinks::root ? *known.at(entries[i].parent)
+            : parent == ParentLinks::none              ? orphans
+                                                       : *places[parent];
+        folder.add(std::move(nodes[i]));
+    }
 }
 
 /// The nodes of all entries; none for the root, which has one already, and for what is not listed.
-std::vector<std::unique_ptr<FileNode>> HFSPlusFileTree::makeNodes() const
+HFSPlusFileTree::Nodes HFSPlusFileTree::makeNodes()
 {
-    std::vector<std::unique_ptr<FileNode>> nodes;
+    std::set<const Entry*> replaced; // links at whose place the folder itself is listed
+    for (const auto& [folder, link] : firstLinks_)
+        replaced.insert(link);
+    Nodes nodes;
     nodes.reserve(catalog_.entries().size());
     for (const auto& entry : catalog_.entries()) {
-        auto node = entry.id != rootFolderID ? makeNode(entry) : nullptr;
+        const bool isListed = entry.id != rootFolderID && !replaced.contains(&entry);
+        auto node = isListed ? makeNode(entry) : nullptr;
         if (node && isPrivate(node->name))
             node.reset();
         nodes.push_back(std::move(node));
@@ -99,7 +209,7 @@ void HFSPlusFileTree::noteContested(const std::vector<std::unique_ptr<FileNode>>
     DeletedClaims claims(DeletedClaims::SameTime::undecided);
     for (std::size_t i = 0; i < nodes.size(); ++i) {
         const auto& entry = catalog_.entries()[i];
-        if (!nodes[i] || entry.isLive || isHardLink(catalog_.fileOf(entry)))
+        if (!nodes[i] || entry.isLive() || isHardLink(catalog_.fileOf(entry)))
             continue;
         const auto* extents = std::get_if<ExtentList>(&nodes[i]->data);
         bool isStart = true;
@@ -120,10 +230,11 @@ void HFSPlusFileTree::noteContested(const std::vector<std::unique_ptr<FileNode>>
 ParentLinks HFSPlusFileTree::linksBetween(const std::vector<FileNode*>& folders) const
 {
     const auto& entries = catalog_.entries();
-    const auto parentOf = [&](const Entry& entry) {
-        if (entry.parent == rootFolderID)
+    const auto indexOfParent = [&](const Entry& entry) {
+        const auto id = parentOf(entry);
+        if (id == rootFolderID)
             return ParentLinks::root;
-        const auto* parent = catalog_.find(entry.parent);
+        const auto* parent = catalog_.find(id);
         if (parent == nullptr)
             return ParentLinks::none;
         const auto index = static_cast<ParentLinks::Index>(parent - entries.data());
@@ -132,16 +243,17 @@ ParentLinks HFSPlusFileTree::linksBetween(const std::vector<FileNode*>& folders)
     std::vector<ParentLinks::Index> parents;
     parents.reserve(entries.size());
     for (const auto& entry : entries)
-        parents.push_back(parentOf(entry));
+        parents.push_back(indexOfParent(entry));
     return ParentLinks(std::move(parents));
 }
 
-std::unique_ptr<FileNode> HFSPlusFileTree::makeNode(const Entry& entry) const
+std::unique_ptr<FileNode> HFSPlusFileTree::makeNode(const Entry& entry)
 {
-    auto name = catalog_.nameOf(entry);
+    const auto link = firstLinks_.find(entry.id);
+    auto name = catalog_.nameOf(link != firstLinks_.end() ? *link->second : entry);
     if (name.empty())
         name = "unavngivet-" + std::to_string(entry.id);
-    const auto status = entry.isLive ? EntryStatus::existing : EntryStatus::deleted;
+    const auto status = entry.isLive() ? EntryStatus::existing : EntryStatus::deleted;
     auto node = entry.isFolder ? FileNode::makeFolder(std::move(name), status)
                                : FileNode::makeFile(std::move(name), 0, status);
     const auto item = catalog_.itemOf(entry);
@@ -153,21 +265,26 @@ std::unique_ptr<FileNode> HFSPlusFileTree::makeNode(const Entry& entry) const
     return node;
 }
 
-void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
+void HFSPlusFileTree::fill(FileNode& node, const Entry& entry)
 {
     auto id = entry.id;
-    bool isLive = entry.isLive;
+    bool isLive = entry.isLive();
     auto file = catalog_.fileOf(entry);
-    if (isHardLink(file)) {
-        const auto linked = linkedFiles_.find(file.item.special);
-        if (linked == linkedFiles_.end()) {
+    const bool isLink = isHardLink(file);
+    if (isLink) {
+        const auto* linked = linkedFile(entry);
+        if (linked == nullptr) {
             judge(node, Doubt::missingLinkedFile);
             return;
         }
-        id = linked->second->id;
-        isLive = isLive || linked->second->isLive; // the content outlives a link that was deleted
-        file = catalog_.fileOf(*linked->second);
+        id = linked->id;
+        isLive = linked->isLive(); // the content outlives a link that was deleted
+        file = catalog_.fileOf(*linked);
+        node.created = TimeConversion::fromHFS(file.item.created);
+        node.modified = TimeConversion::fromHFS(file.item.modified);
     }
+    if (isFolderLink(file))
+        node.addNote("Hårdt link til en mappe, som vises ved det første af sine links");
     node.size = file.dataFork.logicalSize;
     if ((file.item.ownerFlags & compressedFlag) != 0) {
         node.data = ExtentList {};
@@ -177,6 +294,17 @@ void HFSPlusFileTree::fill(FileNode& node, const Entry& entry) const
     if (node.size == 0 && file.resourceFork.logicalSize != 0)
         node.addNote("Filen har kun en ressourcegren, som ikke gendannes");
     fillExtents(node, file.dataFork, id, isLive);
+    if (isLink && isTooMuchShared(node)) {
+        node.data = NoData {};
+        judgeFurther(node, Doubt::sharedContent);
+    }
+}
+
+bool HFSPlusFileTree::isTooMuchShared(const FileNode& node)
+{
+    const auto* extents = std::get_if<ExtentList>(&node.data);
+    sharedExtents_ += extents != nullptr ? extents->size() : 0;
+    return sharedExtents_ > maxSharedExtents;
 }
 
 /// `isLive`: whether the content belongs to a file that exists. The extents overflow file describes

@@ -18,23 +18,40 @@ public:
 
     /// Hangs every file and folder of the catalog below `root`. Those that the root does not reach
     /// come side by side into a folder of their own.
-    void build(FileNode& root) const;
+    void build(FileNode& root);
+    /// Hangs the loose entries of the catalog below folders that `root` has already; those whose
+    /// folders are not there go into `orphans`.
+    void addLoose(FileNode& root, FileNode& orphans);
+
+    /// How many hard links to folders there are.
+    std::size_t folderLinkCount() const { return folderLinkCount_; }
 
 private:
     using Entry = HFSPlusCatalog::Entry;
 
+    using Nodes = std::vector<std::unique_ptr<FileNode>>;
+
     void indexHardLinks();
-    std::vector<std::unique_ptr<FileNode>> makeNodes() const;
+    void indexFolderLinks();
+    const Entry* linkedFile(const Entry& entry) const;
+    std::uint32_t parentOf(const Entry& entry) const;
+    Nodes makeNodes();
+    void noteLinksOf(const std::vector<FileNode*>& nodes) const;
     void noteContested(const std::vector<std::unique_ptr<FileNode>>& nodes) const;
     ParentLinks linksBetween(const std::vector<FileNode*>& folders) const;
-    std::unique_ptr<FileNode> makeNode(const Entry& entry) const;
-    void fill(FileNode& node, const Entry& entry) const;
+    std::unique_ptr<FileNode> makeNode(const Entry& entry);
+    void fill(FileNode& node, const Entry& entry);
     void fillExtents(
         FileNode& node, const HFSPlusFormat::ForkData& fork, std::uint32_t id, bool isLive) const;
+    bool isTooMuchShared(const FileNode& node);
     void judgeDeleted(FileNode& node, const HFSPlusExtents& stored) const;
 
     const HFSPlusForks& forks_;
     const HFSPlusCatalog& catalog_;
     std::unordered_map<std::uint32_t, const Entry*>
         linkedFiles_; // what hard links stand for, by the number in its name
+    std::unordered_map<std::uint32_t, const Entry*>
+        firstLinks_; // by the ID of a folder: the first hard link to it, where it is listed
+    std::size_t folderLinkCount_ = 0;
+    std::size_t sharedExtents_ = 0; // of the hard links so far
 };

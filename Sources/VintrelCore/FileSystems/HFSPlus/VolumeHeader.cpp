@@ -1,5 +1,8 @@
 #include "VintrelCore/FileSystems/HFSPlus/VolumeHeader.h"
 
+#include "VintrelCore/Foundation/Rounding.h"
+
+#include <algorithm>
 #include <bit>
 #include <limits>
 
@@ -38,18 +41,16 @@ std::optional<VolumeHeader> decode(ByteView header)
     return decodeStart(header) ? header.load<VolumeHeader>(0) : std::nullopt;
 }
 
-std::vector<std::uint64_t> startsByAlternate(ByteView header, std::uint64_t offset)
+std::optional<Starts> startsByAlternate(const VolumeHeader& header, std::uint64_t offset)
 {
-    const auto start = decodeStart(header);
-    if (!start || offset > std::numeric_limits<std::uint64_t>::max() - alternateHeaderFromEnd)
-        return {};
-    const std::uint64_t blockSize = start->blockSize;
-    const std::uint64_t size = blockSize * start->totalBlocks; // below 2^52
-    const std::uint64_t end = offset + alternateHeaderFromEnd;
-    std::vector<std::uint64_t> starts; // at most maxBlockSize / sectorSize
-    for (std::uint64_t rest = 0; rest < blockSize && size + rest <= end; rest += sectorSize)
-        starts.push_back(end - size - rest);
-    return starts;
+    const std::uint64_t blockSize = header.start.blockSize;
+    const std::uint64_t size = blockSize * header.start.totalBlocks; // below 2^52
+    if (offset > std::numeric_limits<std::uint64_t>::max() - alternateHeaderFromEnd
+        || size > offset + alternateHeaderFromEnd)
+        return std::nullopt;
+    const auto highest = offset + alternateHeaderFromEnd - size;
+    return Starts { highest - roundDown(std::min(blockSize - sectorSize, highest), sectorSize),
+        highest };
 }
 
 } // namespace HFSPlusVolumeHeader

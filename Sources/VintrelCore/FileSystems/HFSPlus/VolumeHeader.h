@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 /// The one place where volume headers are decoded. Pure: any thread may ask.
 namespace HFSPlusVolumeHeader {
@@ -17,7 +16,15 @@ std::optional<HFSPlusFormat::VolumeHeaderStart> decodeStart(ByteView header);
 /// The whole header; none when its start is impossible, or when there are fewer than 512 bytes.
 std::optional<HFSPlusFormat::VolumeHeader> decode(ByteView header);
 
-/// See HFSPlusParser::startsByAlternate.
-std::vector<std::uint64_t> startsByAlternate(ByteView header, std::uint64_t offset);
+/// Places 512 bytes apart.
+struct Starts {
+    std::uint64_t lowest, highest; ///< both among them
+};
+
+/// Where the volume may begin, in bytes on the source, whose alternate header lies at byte
+/// `offset`. The highest place is the likeliest: a volume may be up to a block longer than its
+/// blocks, in sectors. None when all places lie before the source.
+std::optional<Starts> startsByAlternate(
+    const HFSPlusFormat::VolumeHeader& header, std::uint64_t offset);
 
 } // namespace HFSPlusVolumeHeader

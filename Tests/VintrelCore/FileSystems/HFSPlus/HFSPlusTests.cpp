@@ -1,6 +1,7 @@
 #include "Tests/Images/HFSPlusImage.h"
 #include "Tests/Support/ParsedVolume.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
+#include "VintrelCore/FileSystems/HFSPlus/VolumeHeader.h"
 
 #include <gtest/gtest.h>
 
@@ -103,17 +104,18 @@ TEST(HFSPlus, TheAlternateHeaderLeavesTheVolumeABlockToBeLongerThanItsBlocks)
     auto& bytes = image.bytes();
     putBE(bytes, 1024 + 40, 2048, 4);
     putBE(bytes, 1024 + 44, 100, 4);
-    const auto startsAt = [&](std::uint64_t offset) {
-        return HFSPlusParser::startsByAlternate(ByteView(bytes).sub(1024, 512), offset);
+    const auto startsAt = [&](std::uint64_t offset) -> std::string {
+        const auto header = HFSPlusVolumeHeader::decode(ByteView(bytes).sub(1024, 512));
+        const auto starts = HFSPlusVolumeHeader::startsByAlternate(*header, offset);
+        return starts ? std::to_string(starts->lowest) + "-" + std::to_string(starts->highest) : "";
     };
-    using Starts = std::vector<std::uint64_t>;
     constexpr std::uint64_t size = 204'800;
-    EXPECT_EQ(startsAt(8192 + size - 1024), (Starts { 8192, 7680, 7168, 6656 }));
-    EXPECT_EQ(startsAt(512 + size - 1024), (Starts { 512, 0 })) << "none before the source";
-    EXPECT_EQ(startsAt(size - 1025), Starts {});
-    EXPECT_EQ(startsAt(~std::uint64_t { 0 }), Starts {});
+    EXPECT_EQ(startsAt(8192 + size - 1024), "6656-8192");
+    EXPECT_EQ(startsAt(512 + size - 1024), "0-512") << "none before the source";
+    EXPECT_EQ(startsAt(size - 1025), "");
+    EXPECT_EQ(startsAt(~std::uint64_t { 0 }), "");
     putBE(bytes, 1024, 0, 1);
-    EXPECT_EQ(startsAt(8192 + size - 1024), Starts {}) << "no header";
+    EXPECT_FALSE(HFSPlusVolumeHeader::decode(ByteView(bytes).sub(1024, 512))) << "no header";
 }
 
 TEST(HFSPlus, JudgesFilesByTheirExtentsAndTheAllocationFile)
@@ -229,7 +231,9 @@ TEST(HFSPlus, TellsOfMetadataThatCannotBeRead)
             { "Dele af allokeringsfilen kunne ikke læses (488 bytes). Om slettede filers blokke er "
               "genbrugt, vides kun for nogle af dem." } },
         { "a node of the catalog", { HFSPlusImage::nodeOffset(3), HFSPlusImage::nodeOffset(4) },
-            { "Dele af kataloget kunne ikke læses (1024 bytes). Filer kan mangle." } },
+            { "Dele af kataloget kunne ikke læses (1024 bytes). Filer kan mangle.",
+                "Katalogets kæde af blade er afbrudt. Hvilke filer der eksisterer, er afgjort af "
+                "dets indeks." } },
         { "the extents file", { HFSPlusImage::offsetOf(8), HFSPlusImage::offsetOf(8) + 1 },
             { "Dele af extents-filen kunne ikke læses (512 bytes). De sidste dele af fragmenterede "
               "filer kan mangle." } },
