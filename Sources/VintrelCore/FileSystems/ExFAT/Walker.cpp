@@ -324,12 +324,23 @@ void ExFATWalker::addRootEntry(const RawEntry& entry)
     }
 }
 
+/// Whether content, of which the entry that says what it is is lost, is that of a directory.
+bool ExFATWalker::hasDirectory(const StreamEntry& stream)
+{
+    if (stream.size == 0 || stream.size % heap_.clusterSize != 0
+        || !heap_.contains(stream.firstCluster))
+        return false;
+    const auto start
+        = source_.read(heap_.offsetOf(stream.firstCluster), soundSetsSize, ReadMode::thorough);
+    return beginsDirectory(start) && !soundSets(start, 0).empty();
+}
+
 void ExFATWalker::addSet(Scan& scan, const EntrySet& set)
 {
     if (!set.isSound && !isPlausible(set))
         return;
     const auto state = set.isDeleted ? DirectoryState::deleted : scan.directory.state;
-    const bool isFolder = set.file && set.file->isDirectory();
+    const bool isFolder = set.file ? set.file->isDirectory() : hasDirectory(set.stream);
     const auto status = statusIn(state);
     auto& node = scan.directory.folder->add(isFolder
             ? FileNode::makeFolder(set.name, status)

@@ -51,6 +51,7 @@ private:
     ExtentList fragmentExtents(const QueuedDirectory& directory);
     void claim(const ExtentList& extents, ClusterBits& clusters);
     void addRootEntry(const ExFATEntries::RawEntry& entry);
+    bool hasDirectory(const ExFATEntries::StreamEntry& stream);
     void addSet(Scan& scan, const ExFATEntries::EntrySet& set);
     Placed placeFile(FileNode& node, const ExFATEntries::StreamEntry& stream, bool isLost);
     ExtentList chainedExtents(std::uint32_t start, std::uint64_t size, bool isLive);
