@@ -290,7 +290,7 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
         if (command->readsSource)
             session.source = open(arguments[1]);
     } catch (const SourceError& error) {
-        session.complain("Fejl: " + std::string(error.what()));
+        session.complain("Fejl: " + Unicode::escaped(error.what()));
         return exitNoSource;
     }
     if (command->readsSource)

@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
-#include <system_error>
 
 namespace {
 
@@ -161,7 +160,7 @@ TEST_F(Card, IsImagedWithAMapfileBesideTheCopy)
     EXPECT_EQ(runWith({ "image", path, path }).out,
         ": 0 bytes reddet, 0 bytes dårlige, 0 bytes tilbage\n"
         "Kunne ikke oprette billedfilen: "
-            + std::generic_category().message(EBUSY) + "\n");
+            + SystemError(EBUSY).message() + "\n");
 }
 
 TEST_F(Card, RecoverGoesOnAfterFailuresAndPrintsTenOfThem)
@@ -176,7 +175,7 @@ TEST_F(Card, RecoverGoesOnAfterFailuresAndPrintsTenOfThem)
     EXPECT_EQ(runWith({ "recover", path, folder / "optaget" }).out,
         "Uden navn (FAT16): 0 gendannet, 0 med fejl, 26 mislykkedes → -\n   Kunne ikke oprette "
         "mappen "
-            + (folder / "optaget/Uden navn (FAT16)") + ": Not a directory\n");
+            + (folder / "optaget/Uden navn (FAT16)") + ": Det er ikke en mappe\n");
 
     // Files may grow to a kilobyte or less. What cannot be written whole is removed again.
     const auto out
@@ -185,7 +184,7 @@ TEST_F(Card, RecoverGoesOnAfterFailuresAndPrintsTenOfThem)
     EXPECT_TRUE(out.starts_with("Uden navn (FAT16): 1 gendannet, 0 med fejl, 25 mislykkedes → "))
         << out;
     EXPECT_NE(
-        out.find("\n   F10.TXT: kunne ikke skrive filen: File too large\n"), std::string::npos);
+        out.find("\n   F10.TXT: kunne ikke skrive filen: Filen er for stor\n"), std::string::npos);
     EXPECT_EQ(readFile(folder / "ud/Uden navn (FAT16)/LILLE.TXT"), bytesOf("x"));
     EXPECT_FALSE(std::filesystem::exists(folder / "ud/Uden navn (FAT16)/F10.TXT"));
 }
@@ -248,8 +247,8 @@ TEST_F(Card, DoesNotCallRecoveredWhatDidNotReachTheDisk)
     const auto recovered = folder / "ud/KAMERA (FAT16)";
     EXPECT_EQ(program.printed(),
         "KAMERA (FAT16): 0 gendannet, 0 med fejl, 5 mislykkedes → " + recovered + "\n   "
-            + recovered
-            + ": kunne ikke skrive alt til disken: " + std::generic_category().message(EIO) + "\n");
+            + recovered + ": kunne ikke skrive alt til disken: " + SystemError(EIO).message()
+            + "\n");
 }
 
 TEST(CommandLine, RefusesWhatItCannotUnderstandOrOpen)
@@ -265,7 +264,7 @@ TEST(CommandLine, RefusesWhatItCannotUnderstandOrOpen)
     }
     const std::pair<std::vector<std::string>, std::string> refused[] = {
         { { "scan", "mangler.img" }, "Fejl: Filen findes ikke: mangler.img\n" },
-        { { "tree", "/" }, "Fejl: Kunne ikke åbne /: Is a directory\n" },
+        { { "tree", "/" }, "Fejl: Kunne ikke åbne /: Det er en mappe\n" },
         { { "scan", "disk99" },
             "Fejl: Filen findes ikke: " + CVintrel::rawDevicePath("disk99") + "\n" },
     };

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
 #include <sys/stat.h>
 
 namespace {
@@ -24,7 +23,7 @@ std::string answerTo(const std::string& name, bool isDevice = false)
 
 std::string refused(const std::string& path, int systemError)
 {
-    return "Kunne ikke åbne " + path + ": " + std::strerror(systemError);
+    return "Kunne ikke åbne " + path + ": " + SystemError(systemError).message();
 }
 
 std::string missing(const std::string& path) { return "Filen findes ikke: " + path; }
