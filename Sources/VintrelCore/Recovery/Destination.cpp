@@ -5,6 +5,8 @@
 
 #include <CVintrel/Platform.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -19,6 +21,38 @@ constexpr int createNew = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 /// So many folders stay open. A system that allows a process few files allows 256.
 constexpr std::size_t maxOpenFolders = 32;
 
+/// Whether it can be the name that the file system does not take. Some that find no entry by such a
+/// name say so, also when one is to be made.
+bool isNameRefused(SystemError error)
+{
+    constexpr int numbers[] = { EILSEQ, EINVAL, ENAMETOOLONG, ENOENT };
+    return std::ranges::count(numbers, error.number()) != 0;
+}
+
+/// How long the name may be that is tried after this refusal.
+std::size_t maxBytesAfter(SystemError refusal)
+{
+    return refusal.number() == ENAMETOOLONG ? RecoveryEngine::maxShortNameBytes
+                                            : RecoveryEngine::maxNameBytes;
+}
+
+/// Makes and opens a folder at `path`, or where that is taken at the same path with a number, which
+/// `path` then becomes.
+SystemResult<FileDescriptor> makeFolder(std::string& path, std::size_t maxNameBytes)
+{
+    const std::string wanted = path;
+    do {
+        path = RecoveryEngine::uniquePath(wanted, true, maxNameBytes);
+        if (::mkdir(path.c_str(), 0777) == 0) {
+            FileDescriptor root(::open(path.c_str(), openFolder));
+            if (!root)
+                return SystemError::last();
+            return root;
+        }
+    } while (errno == EEXIST); // somebody was faster
+    return SystemError::last();
+}
+
 } // namespace
 
 Destination::Destination(FileDescriptor root)
@@ -29,21 +63,20 @@ Destination::Destination(FileDescriptor root)
 
 SystemResult<FileDescriptor> Destination::makeRoot(std::string& path)
 {
-    const std::string wanted = path;
+    const std::filesystem::path wanted(path);
     std::error_code error;
-    std::filesystem::create_directories(std::filesystem::path(wanted).parent_path(), error);
+    std::filesystem::create_directories(wanted.parent_path(), error);
     if (error)
         return SystemError(error.value());
-    do {
-        path = RecoveryEngine::uniquePath(wanted, true);
-        if (::mkdir(path.c_str(), 0777) == 0) {
-            FileDescriptor root(::open(path.c_str(), openFolder));
-            if (!root)
-                return SystemError::last();
-            return root;
-        }
-    } while (errno == EEXIST); // somebody was faster
-    return SystemError::last();
+    auto root = makeFolder(path, RecoveryEngine::maxNameBytes);
+    if (root || !isNameRefused(root.error()))
+        return root;
+    path = (wanted.parent_path() / RecoveryEngine::portableName(wanted.filename().string()))
+               .string();
+    auto portable = makeFolder(path, maxBytesAfter(root.error()));
+    if (!portable)
+        path = wanted.string();
+    return portable;
 }
 
 Destination::Folder& Destination::folderFor(const FileNode* node)
@@ -66,7 +99,7 @@ Destination::Folder& Destination::folderFor(const FileNode* node)
 
 SystemResult<FileDescriptor> Destination::createFile(Folder& folder, std::string& name)
 {
-    return createNumbered(folder, name, false, [](int parent, const char* candidate) {
+    return createNamed(folder, name, false, [](int parent, const char* candidate) {
         return FileDescriptor(::openat(parent, candidate, createNew, 0666));
     });
 }
@@ -103,24 +136,41 @@ Destination::Folder& Destination::subfolder(Folder& parent, const std::string& w
     folder.name = wanted;
     parent.folders.emplace(wanted, &folder);
     folder.error
-        = createNumbered(parent, folder.name, true, [](int descriptor, const char* candidate) {
+        = createNamed(parent, folder.name, true, [](int descriptor, const char* candidate) {
               return ::mkdirat(descriptor, candidate, 0777) == 0;
           }).error();
     return folder;
 }
 
-/// Tries `create` with the wanted name and then with numbered ones, until it does not find the name
-/// taken.
+/// Makes something new by the wanted name, or where the file system refuses that, by one that it
+/// may take.
 template <class Create>
-auto Destination::createNumbered(Folder& folder, std::string& name, bool isDirectory, Create create)
+auto Destination::createNamed(Folder& folder, std::string& name, bool isDirectory, Create create)
     -> SystemResult<decltype(create(0, ""))>
 {
     if (const auto error = open(folder))
         return error;
+    const std::string wanted = name;
+    auto made = createNumbered(folder, name, isDirectory, RecoveryEngine::maxNameBytes, create);
+    if (made || !isNameRefused(made.error()))
+        return made;
+    name = RecoveryEngine::portableName(wanted);
+    auto portable = createNumbered(folder, name, isDirectory, maxBytesAfter(made.error()), create);
+    if (!portable)
+        name = wanted;
+    return portable;
+}
+
+/// Tries `create` with the wanted name and then with numbered ones, until it does not find the name
+/// taken.
+template <class Create>
+auto Destination::createNumbered(Folder& folder, std::string& name, bool isDirectory,
+    std::size_t maxBytes, Create create) -> SystemResult<decltype(create(0, ""))>
+{
     int& number = folder.lastNumber[name];
     const std::string wanted = name;
     while (true) {
-        name = RecoveryEngine::numberedName(wanted, ++number, isDirectory);
+        name = RecoveryEngine::numberedName(wanted, ++number, isDirectory, maxBytes);
         if (auto made = create(descriptor(), name.c_str()))
             return made;
         if (errno != EEXIST)

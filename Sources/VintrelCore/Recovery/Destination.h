@@ -31,7 +31,8 @@ public:
     explicit Destination(FileDescriptor root);
 
     /// Makes the folder at `path`, or where that is taken at the same path with a number, and what
-    /// is missing above it. `path` becomes the one that it got.
+    /// is missing above it. A name that the file system refuses is made portable first. `path`
+    /// becomes the one that it got.
     static SystemResult<FileDescriptor> makeRoot(std::string& path);
 
     Folder& root() { return folders_.front(); }
@@ -40,7 +41,7 @@ public:
     Folder& folderFor(const FileNode* node);
 
     /// Makes a new file in a folder. `name` is the one that is wanted, and afterwards the one that
-    /// it got.
+    /// it got: numbered where it was taken, and portable where the file system refused it.
     SystemResult<FileDescriptor> createFile(Folder& folder, std::string& name);
 
     void remove(Folder& folder, const std::string& name);
@@ -54,8 +55,11 @@ public:
 private:
     Folder& subfolder(Folder& parent, const std::string& wanted);
     template <class Create>
-    auto createNumbered(Folder& folder, std::string& name, bool isDirectory, Create create)
+    auto createNamed(Folder& folder, std::string& name, bool isDirectory, Create create)
         -> SystemResult<decltype(create(0, ""))>;
+    template <class Create>
+    auto createNumbered(Folder& folder, std::string& name, bool isDirectory, std::size_t maxBytes,
+        Create create) -> SystemResult<decltype(create(0, ""))>;
     int descriptor() const;
     SystemError open(Folder& folder);
 

@@ -28,12 +28,13 @@ protected:
         return folder.add(FileNode::makeFolder(name, status));
     }
 
-    RecoveryResult recover(const RecoveryEngine::Reporter& reporter = nullptr)
+    RecoveryResult recover(
+        const RecoveryEngine::Reporter& reporter = nullptr, const std::string& name = "r")
     {
         std::vector<FileNode*> nodes;
         for (const auto& child : root->children())
             nodes.push_back(child.get());
-        return RecoveryEngine::recover(nodes, "r", *source, target.path(), {}, reporter, progress);
+        return RecoveryEngine::recover(nodes, name, *source, target.path(), {}, reporter, progress);
     }
 
     /// Paths of the files below a folder, sorted, without the report.
@@ -79,6 +80,27 @@ TEST(RecoveryNames, AreMadeSafeForAnyFileSystem)
     };
     for (const auto& [name, expected] : cases)
         EXPECT_EQ(RecoveryEngine::sanitize(name), expected);
+}
+
+TEST(RecoveryNames, ArePortableWhereTheyHaveToBe)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        { "<a>:\"b|c?*\\\t\x7F", "_a___b_c_____" },
+        { "slut. . ", "slut" },
+        { "...", "unavngivet" },
+        { "con", "con_" },
+        { "Com1.tar.gz", "Com1_.tar.gz" },
+        { "NUL .txt", "NUL _.txt" },
+        { "COM0", "COM0" },
+        { "CONTO.txt", "CONTO.txt" },
+        { "så.jpg", "så.jpg" },
+    };
+    for (const auto& [name, expected] : cases)
+        EXPECT_EQ(RecoveryEngine::portableName(name), expected);
+    const std::string name = std::string(200, 'n') + ".jpg";
+    EXPECT_EQ(RecoveryEngine::numberedName(name, 1, false, 143), std::string(139, 'n') + ".jpg");
+    EXPECT_EQ(
+        RecoveryEngine::numberedName(name, 2, false, 143), std::string(135, 'n') + " (2).jpg");
 }
 
 TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
@@ -245,4 +267,70 @@ TEST_F(Recovery, EndsWhenTheDestinationIsFull)
         std::vector<std::string> { "Destinationen er fuld – gendannelsen blev stoppet." });
     EXPECT_EQ(files, std::vector<std::string> { "1 lille.txt" });
     EXPECT_NE(report.find("1 lille.txt;1;OK"), std::string::npos);
+}
+
+namespace {
+
+/// A file system of this kind on a small disk, mounted over a folder for the length of a test.
+class Mount {
+public:
+    Mount(const std::string& kind, std::string folder)
+        : folder_(std::move(folder))
+    {
+        const std::string exfat = "mkfs.exfat '" + disk_ + "'; loop=$(losetup -f --show '" + disk_
+            + "'); mount.exfat-fuse $loop '" + folder_ + "'; losetup -d $loop";
+        const std::string ntfs = "mkfs.ntfs -q -F '" + disk_ + "'; ntfs-3g -o windows_names '"
+            + disk_ + "' '" + folder_ + "'";
+        stands_ = runCommand("set -e; truncate -s 64M '" + disk_ + "'; "
+                      + (kind == "exfat" ? exfat : ntfs))
+            == 0;
+    }
+    Mount(const Mount&) = delete;
+    Mount& operator=(const Mount&) = delete;
+    ~Mount()
+    {
+        if (stands_)
+            runCommand("umount '" + folder_ + "'");
+    }
+    explicit operator bool() const { return stands_; }
+
+private:
+    const TemporaryFolder scratch_;
+    const std::string disk_ = scratch_ / "disk";
+    const std::string folder_;
+    bool stands_ = false;
+};
+
+/// Recoveries to the disks that people have.
+class RecoveryTo : public Recovery, public ::testing::WithParamInterface<const char*> {
+protected:
+    void SetUp() override
+    {
+        if (!mount)
+            GTEST_SKIP() << "needs to make and mount " << GetParam();
+    }
+
+    const Mount mount { GetParam(), target.path() };
+};
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Disks, RecoveryTo, ::testing::Values("exfat", "ntfs"));
+
+TEST_P(RecoveryTo, RenamesWhatTheDestinationRefuses)
+{
+    for (const char* name : { "a/b.txt", "a<b.txt", "a_b.txt", "nul.txt", "slut." })
+        addFile(*root, name);
+    addFile(addFolder(addFolder(*root, "hvad?"), "ja|nej"), "side\n1");
+    const auto result = recover(nullptr, "Foto: 2024?");
+    EXPECT_EQ(result.recovered, 6);
+    EXPECT_EQ(result.failures, std::vector<std::string> {});
+    ASSERT_EQ(result.folder, target / "Foto_ 2024_");
+    const bool isStrict = std::string_view(GetParam()) == "ntfs";
+    EXPECT_EQ(filesIn(*result.folder),
+        (std::vector<std::string> { "a_b (2).txt", "a_b (3).txt", "a_b.txt", "hvad_/ja_nej/side_1",
+            isStrict ? "nul_.txt" : "nul.txt", isStrict ? "slut" : "slut." }));
+    EXPECT_NE(text(*result.folder + "/Gendannelsesrapport.csv").find("\nhvad_/ja_nej/side_1;1;OK"),
+        std::string::npos);
+    EXPECT_EQ(*recover(nullptr, "Foto: 2024?").folder, target / "Foto_ 2024_ (2)");
 }
