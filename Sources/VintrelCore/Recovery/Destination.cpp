@@ -1,5 +1,6 @@
 #include "VintrelCore/Recovery/Destination.h"
 
+#include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Recovery/SafeName.h"
 
@@ -10,6 +11,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <vector>
 
@@ -113,6 +115,16 @@ void Destination::remove(Folder& folder, const std::string& name)
 SystemError Destination::flush() const
 {
     return SystemError(CVintrel::flushFileSystem(root_.get()));
+}
+
+std::optional<std::uint64_t> Destination::freeBytes() const
+{
+    struct statvfs status { };
+    if (::fstatvfs(root_.get(), &status) != 0 || status.f_blocks == 0)
+        return std::nullopt;
+    // What is kept back for the administrator is there for the administrator.
+    const std::uint64_t blocks = ::geteuid() == 0 ? status.f_bfree : status.f_bavail;
+    return saturatingMultiply(blocks, status.f_frsize);
 }
 
 std::string Destination::path(const Folder& folder, const std::string& name)

@@ -4,7 +4,9 @@
 #include "VintrelCore/Foundation/SystemResult.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -48,6 +50,9 @@ public:
 
     /// Waits until everything on the destination's file system is safe on its disk.
     SystemError flush() const;
+
+    /// The bytes that can still be written; none where the file system does not tell.
+    std::optional<std::uint64_t> freeBytes() const;
 
     /// Where a file in a folder lies below the recovery folder.
     static std::string path(const Folder& folder, const std::string& name);
