@@ -253,20 +253,41 @@ TEST_F(Recovery, LeavesHolesSparse)
 
 TEST_F(Recovery, EndsWhenTheDestinationIsFull)
 {
-    if (runCommand("mount -t tmpfs -o size=1m,nr_inodes=50 none " + target.path()) != 0)
+    if (runCommand("mount -t tmpfs -o size=2m,nr_inodes=50 none " + target.path()) != 0)
         GTEST_SKIP() << "needs to mount a small file system";
-    addFile(*root, "1 lille.txt");
+    addFile(*root, "1 tom.txt", NoData {});
     addFile(*root, "2 stor.bin", ExtentList { { 0, 5_MiB } }, 5_MiB);
-    addFile(*root, "3 lille.txt");
-    const auto result = recover();
+    addFile(*root, "3.bin", ExtentList { { 0, 1'500_KiB } }, 1'500_KiB);
+    addFile(*root, "4 lille.txt");
+    const std::string foreign = target / "andres";
+    const auto result = recover([&](const RecoveryProgress&) { // its room is taken on the way
+        writeFile(foreign, Bytes(700_KiB));
+    });
     const auto report = text(target / "r/Gendannelsesrapport.csv");
     const auto files = filesIn(target / "r");
     ASSERT_EQ(runCommand("umount " + target.path()), 0);
 
-    EXPECT_EQ(result.failures,
-        std::vector<std::string> { "Destinationen er fuld – gendannelsen blev stoppet." });
-    EXPECT_EQ(files, std::vector<std::string> { "1 lille.txt" });
-    EXPECT_NE(report.find("1 lille.txt;1;OK"), std::string::npos);
+    ASSERT_EQ(result.failures.size(), 2u);
+    EXPECT_TRUE(result.failures[0].starts_with(
+        "2 stor.bin: filen fylder 5242880 bytes, og på destinationen er der kun plads til "));
+    EXPECT_EQ(result.failures[1], "Destinationen er fuld – gendannelsen blev stoppet.");
+    EXPECT_EQ(files, std::vector<std::string> { "1 tom.txt" });
+    EXPECT_NE(report.find("1 tom.txt;1;OK"), std::string::npos);
+}
+
+TEST_F(Recovery, ReportsOnADiskThatOthersFill)
+{
+    if (runCommand("mount -t tmpfs -o size=1m none " + target.path()) != 0)
+        GTEST_SKIP() << "needs to mount a small file system";
+    addFile(*root, "1.txt");
+    for (int i = 0; i < 100; ++i) // takes no room on this file system, but in the report
+        addFile(*root, std::string(200, 'n'), ExtentList {}, 0);
+    const std::string foreign = target / "andres";
+    const auto result = recover([&](const RecoveryProgress&) { writeFile(foreign, Bytes(1_MiB)); });
+    const auto report = readFile(target / "r/Gendannelsesrapport.csv");
+    ASSERT_EQ(runCommand("umount " + target.path()), 0);
+    EXPECT_EQ(result.recovered, 101);
+    EXPECT_EQ(std::ranges::count(report, '\n'), 102);
 }
 
 namespace {
@@ -333,4 +354,17 @@ TEST_P(RecoveryTo, RenamesWhatTheDestinationRefuses)
     EXPECT_NE(text(*result.folder + "/Gendannelsesrapport.csv").find("\nhvad_/ja_nej/side_1;1;OK"),
         std::string::npos);
     EXPECT_EQ(*recover(nullptr, "Foto: 2024?").folder, target / "Foto_ 2024_ (2)");
+}
+
+TEST_P(RecoveryTo, LetsOnlyTheFileFailThatIsTooLarge)
+{
+    const std::uint64_t huge = std::uint64_t { 1 } << 40;
+    addFile(*root, "1.bin", ExtentList { { 0, 4'096 }, { std::nullopt, huge } }, huge);
+    addFile(*root, "2.txt");
+    const auto result = recover();
+    const bool keepsHoles = std::string_view(GetParam()) == "ntfs";
+    EXPECT_EQ(result.recovered, keepsHoles ? 2 : 1);
+    EXPECT_EQ(result.failed, keepsHoles ? 0 : 1);
+    EXPECT_EQ(text(target / "r/2.txt"), "x");
+    EXPECT_EQ(fs::exists(target / "r/1.bin"), keepsHoles);
 }
