@@ -103,7 +103,13 @@ private:
         }
 
         const std::string path = Destination::path(folder, name);
-        const auto copied = copyContent(node, std::move(writer), path);
+        Copied copied;
+        try {
+            copied = copyContent(node, std::move(writer), path);
+        } catch (...) { // memory ran out
+            destination_.remove(folder, name);
+            throw;
+        }
         if (copied.error || result_.cancelled)
             destination_.remove(folder, name);
         if (isLarger && isOutOfSpace(copied.error))

@@ -26,7 +26,7 @@ constexpr std::string_view emptiedNote
 
 std::string csv(const std::string& field)
 {
-    if (field.find_first_of(";\"\n") == std::string::npos)
+    if (field.find_first_of(";\"\n\r") == std::string::npos)
         return field;
     std::string quoted = "\"";
     for (const char character : field) {
