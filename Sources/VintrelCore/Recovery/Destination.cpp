@@ -1,6 +1,8 @@
 #include "VintrelCore/Recovery/Destination.h"
 
+#include "VintrelCore/Foundation/CallingUser.h"
 #include "VintrelCore/Foundation/Rounding.h"
+#include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Recovery/SafeName.h"
 
@@ -18,6 +20,8 @@
 namespace {
 
 constexpr int openFolder = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+/// What is recovered holds mail and keys.
+constexpr mode_t privateFolder = 0700;
 constexpr int createNew = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 
 /// So many folders stay open. A system that allows a process few files allows 256.
@@ -31,11 +35,41 @@ bool isNameRefused(SystemError error)
     return std::ranges::count(numbers, error.number()) != 0;
 }
 
+/// A name as a file system sees it that does not tell cases apart.
+std::string folded(const std::string& name)
+{
+    const auto composed = Unicode::composed(name);
+    std::string text;
+    for (std::string_view rest = composed; !rest.empty();)
+        Unicode::append(text, Unicode::foldedCase(Unicode::takeFirst(rest)));
+    return text;
+}
+
 /// How long the name may be that is tried after this refusal.
 std::size_t maxBytesAfter(SystemError refusal)
 {
     return refusal.number() == ENAMETOOLONG ? RecoveryEngine::maxShortNameBytes
                                             : RecoveryEngine::maxNameBytes;
+}
+
+/// Makes what is missing of a path of folders.
+SystemError makeParents(const std::filesystem::path& path)
+{
+    std::error_code error;
+    std::filesystem::path made;
+    for (const auto& part : path) {
+        made /= part;
+        const auto status = std::filesystem::status(made, error);
+        if (std::filesystem::is_directory(status))
+            continue;
+        if (std::filesystem::exists(status))
+            return SystemError(ENOTDIR);
+        if (std::filesystem::create_directory(made, error))
+            CallingUser::own(FileDescriptor(::open(made.c_str(), openFolder)).get());
+        if (error)
+            return SystemError(error.value());
+    }
+    return {};
 }
 
 /// Makes and opens a folder at `path`, or where that is taken at the same path with a number, which
@@ -45,10 +79,11 @@ SystemResult<FileDescriptor> makeFolder(std::string& path, std::size_t maxNameBy
     const std::string wanted = path;
     do {
         path = RecoveryEngine::uniquePath(wanted, true, maxNameBytes);
-        if (::mkdir(path.c_str(), 0777) == 0) {
+        if (::mkdir(path.c_str(), privateFolder) == 0) {
             FileDescriptor root(::open(path.c_str(), openFolder));
             if (!root)
                 return SystemError::last();
+            CallingUser::own(root.get());
             return root;
         }
     } while (errno == EEXIST); // somebody was faster
@@ -66,10 +101,8 @@ Destination::Destination(FileDescriptor root)
 SystemResult<FileDescriptor> Destination::makeRoot(std::string& path)
 {
     const std::filesystem::path wanted(path);
-    std::error_code error;
-    std::filesystem::create_directories(wanted.parent_path(), error);
-    if (error)
-        return SystemError(error.value());
+    if (const auto error = makeParents(wanted.parent_path()))
+        return error;
     auto root = makeFolder(path, RecoveryEngine::maxNameBytes);
     if (root || !isNameRefused(root.error()))
         return root;
@@ -102,7 +135,10 @@ Destination::Folder& Destination::folderFor(const FileNode* node)
 SystemResult<FileDescriptor> Destination::createFile(Folder& folder, std::string& name)
 {
     return createNamed(folder, name, false, [](int parent, const char* candidate) {
-        return FileDescriptor(::openat(parent, candidate, createNew, 0666));
+        FileDescriptor file(::openat(parent, candidate, createNew, 0666));
+        if (file)
+            CallingUser::own(file.get());
+        return file;
     });
 }
 
@@ -149,7 +185,10 @@ Destination::Folder& Destination::subfolder(Folder& parent, const std::string& w
     parent.folders.emplace(wanted, &folder);
     folder.error
         = createNamed(parent, folder.name, true, [](int descriptor, const char* candidate) {
-              return ::mkdirat(descriptor, candidate, 0777) == 0;
+              if (::mkdirat(descriptor, candidate, 0777) != 0)
+                  return false;
+              CallingUser::own(FileDescriptor(::openat(descriptor, candidate, openFolder)).get());
+              return true;
           }).error();
     return folder;
 }
@@ -179,14 +218,20 @@ template <class Create>
 auto Destination::createNumbered(Folder& folder, std::string& name, bool isDirectory,
     std::size_t maxBytes, Create create) -> SystemResult<decltype(create(0, ""))>
 {
-    int& number = folder.lastNumber[name];
+    auto& [number, isSharing] = folder.lastNumber[name];
+    int& foldedNumber = folder.lastFoldedNumber[folded(name)];
     const std::string wanted = name;
     while (true) {
-        name = RecoveryEngine::numberedName(wanted, ++number, isDirectory, maxBytes);
-        if (auto made = create(descriptor(), name.c_str()))
+        number = 1 + (isSharing ? std::max(number, foldedNumber) : number);
+        name = RecoveryEngine::numberedName(wanted, number, isDirectory, maxBytes);
+        if (auto made = create(descriptor(), name.c_str())) {
+            foldedNumber = std::max(foldedNumber, number);
             return made;
+        }
         if (errno != EEXIST)
             return SystemError::last();
+        // A name that was not wanted before, and is taken: by one of another case, it seems.
+        isSharing = isSharing || number == 1;
     }
 }
 

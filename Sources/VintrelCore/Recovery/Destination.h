@@ -25,8 +25,14 @@ public:
         std::string name;         ///< as written
         SystemError error;        ///< why it could not be made; nothing can be put into it then
         std::unordered_map<std::string, Folder*> folders; ///< by the name that was wanted
-        /// The number given last for a wanted name, so that equal names stay linear.
-        std::unordered_map<std::string, int> lastNumber;
+        /// The numbering of a wanted name, so that equal names stay linear.
+        struct Numbering {
+            int last = 0;
+            bool isSharing = false; ///< with names that differ in case only
+        };
+        std::unordered_map<std::string, Numbering> lastNumber;
+        /// The number given last for any of the names that differ in case only.
+        std::unordered_map<std::string, int> lastFoldedNumber;
     };
 
     /// `root`: the recovery folder, open.
@@ -34,7 +40,7 @@ public:
 
     /// Makes the folder at `path`, or where that is taken at the same path with a number, and what
     /// is missing above it. A name that the file system refuses is made portable first. `path`
-    /// becomes the one that it got.
+    /// becomes the one that it got. Nobody else may read it.
     static SystemResult<FileDescriptor> makeRoot(std::string& path);
 
     Folder& root() { return folders_.front(); }

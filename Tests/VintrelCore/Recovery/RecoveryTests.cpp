@@ -1,11 +1,15 @@
 #include "Tests/Support/TestSource.h"
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Recovery/Recovery.h"
 #include "VintrelCore/Recovery/SafeName.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <fstream>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -112,6 +116,7 @@ TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
         *root, "skadet;fil.bin", ExtentList { { 5'500'000, 2000 } }, 2000, EntryStatus::deleted);
     damaged.recoverability = Recoverability::partial;
     damaged.note = "Dele \"mangler\"";
+    addFile(*root, "vogn\rretur", NoData {});
     addFile(*root, "tom.txt", ExtentList {}, 0);
     addFile(*root, "ukendt.bin", NoData {}, 77);
     addFolder(*root, "tom mappe");
@@ -119,20 +124,21 @@ TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
 
     RecoveryProgress last;
     const auto result = recover([&](const RecoveryProgress& state) { last = state; });
-    EXPECT_EQ(result.recovered, 3);
+    EXPECT_EQ(result.recovered, 4);
     EXPECT_EQ(result.withErrors, 1);
     EXPECT_EQ(result.failed, 0);
-    EXPECT_EQ(result.bytes, 5'002'077u);
+    EXPECT_EQ(result.bytes, 5'002'078u);
     EXPECT_EQ(last.filesDone, last.filesTotal);
     ASSERT_EQ(result.folder, target / "r");
     EXPECT_EQ(filesIn(target / "r"),
         (std::vector<std::string> {
-            "DCIM/100KAM/IMG_1.JPG", "skadet;fil.bin", "tom.txt", "ukendt.bin" }));
+            "DCIM/100KAM/IMG_1.JPG", "skadet;fil.bin", "tom.txt", "ukendt.bin", "vogn\rretur" }));
     EXPECT_TRUE(readFile(target / "r/DCIM/100KAM/IMG_1.JPG")
         == Bytes(disk.begin() + 4096, disk.begin() + 5'004'096));
     EXPECT_EQ(text(target / "r/Gendannelsesrapport.csv"),
         "Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n"
         "DCIM/100KAM/IMG_1.JPG;5000000;OK;God;0;\n"
+        "\"vogn\rretur\";1;OK;God;0;\n"
         "tom.txt;0;OK;God;0;\n"
         "ukendt.bin;77;OK;God;0;\n"
         "\"skadet;fil.bin\";2000;Ulæselige sektorer;Delvis;512;\"Dele \"\"mangler\"\"\"\n");
@@ -208,6 +214,37 @@ TEST_F(Recovery, KeepsNamesThatMeetOrAreHostileApartAndInside)
     EXPECT_EQ(text(target / "r/IMG.JPG"), "e") << "the existing one keeps its name";
     EXPECT_NE(text(target / "r/Gendannelsesrapport.csv").find("\nDCIM (2)/1.txt;1;OK"),
         std::string::npos);
+}
+
+TEST_F(Recovery, BelongsToWhoeverCalledAndIsPrivate)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs to be root";
+    addFile(addFolder(*root, "mappe"), "1.txt");
+    setenv("SUDO_UID", "4321", 1);
+    setenv("SUDO_GID", "1234", 1);
+    const std::vector<FileNode*> nodes { root->children()[0].get() };
+    RecoveryEngine::recover(nodes, "r", *source, target / "ny/dyb", {}, nullptr, progress);
+    unsetenv("SUDO_UID");
+    unsetenv("SUDO_GID");
+    struct stat status { };
+    for (const char* name : { "ny", "ny/dyb", "ny/dyb/r", "ny/dyb/r/mappe", "ny/dyb/r/mappe/1.txt",
+             "ny/dyb/r/Gendannelsesrapport.csv" }) {
+        ASSERT_EQ(::stat((target / name).c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, 4321u) << name;
+        EXPECT_EQ(status.st_gid, 1234u) << name;
+    }
+    ASSERT_EQ(::stat((target / "ny/dyb/r").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0700u);
+}
+
+TEST_F(Recovery, LeavesNoCutFileWhenMemoryRunsOut)
+{
+    addFile(*root, "1.txt", NoData {});
+    addFile(*root, "2.bin", ExtentList { { 0, 5_MiB } }, 5_MiB);
+    EXPECT_THROW(recover([](const RecoveryProgress&) { throw std::bad_alloc(); }), std::bad_alloc);
+    EXPECT_EQ(filesIn(target / "r"), std::vector<std::string> { "1.txt" });
+    EXPECT_TRUE(text(target / "r/Gendannelsesrapport.csv").ends_with("\n1.txt;1;OK;God;0;\n"));
 }
 
 TEST_F(Recovery, FollowsNoPlantedLink)
@@ -354,6 +391,24 @@ TEST_P(RecoveryTo, RenamesWhatTheDestinationRefuses)
     EXPECT_NE(text(*result.folder + "/Gendannelsesrapport.csv").find("\nhvad_/ja_nej/side_1;1;OK"),
         std::string::npos);
     EXPECT_EQ(*recover(nullptr, "Foto: 2024?").folder, target / "Foto_ 2024_ (2)");
+}
+
+TEST_P(RecoveryTo, NumbersNamesThatDifferInCaseOnly)
+{
+    for (int i = 0; i < 1'024; ++i) {
+        std::string name = "abcdefghij.txt";
+        for (std::size_t bit = 0; bit < 10; ++bit)
+            if ((i >> bit & 1) != 0)
+                name[bit] = Text::upperCase(name.substr(bit, 1))[0];
+        addFile(*root, name, NoData {});
+    }
+    addFile(*root, "ABCDEFGHIJ.txt", NoData {});
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(recover().recovered, 1'025);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    const bool knowsCase = std::string_view(GetParam()) == "ntfs"; // as this driver mounts it
+    EXPECT_TRUE(
+        fs::exists(target / (knowsCase ? "r/ABCDEFGHIJ (2).txt" : "r/ABCDEFGHIJ (1025).txt")));
 }
 
 TEST_P(RecoveryTo, LetsOnlyTheFileFailThatIsTooLarge)
