@@ -4,6 +4,7 @@
 #include "VintrelCLI/DiskListing.h"
 #include "VintrelCLI/Signals.h"
 #include "VintrelCLI/TreeListing.h"
+#include "VintrelCLI/WriteSignals.h"
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/Foundation/ByteRange.h"
@@ -19,9 +20,11 @@
 #include "VintrelCore/Scanning/QuickScan.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <ostream>
 
 namespace {
@@ -51,12 +54,23 @@ struct Session {
     std::ostream& err;
     WorkProgress progress; ///< of every operation; shown nowhere
     std::unique_ptr<DiskSource> source;
-    std::string reached {}; ///< Danish: how far the command has come, for when it is stopped
+    std::string reached {};     ///< Danish: how far the command has come, for when it is stopped
+    SystemError outputError {}; ///< why the first line that could not be printed was lost
 
     bool has(std::string_view option) const { return std::ranges::count(arguments, option) != 0; }
 
     /// Each line leaves in one write, so that it is seen at once and whole.
-    void print(std::string line) const { write(out, std::move(line)); }
+    void print(std::string line)
+    {
+        write(out, std::move(line));
+        noteOutput();
+    }
+    /// To be called at once after something was written to `out`.
+    void noteOutput()
+    {
+        if (!out && !outputError)
+            outputError = SystemError::last();
+    }
     void complain(std::string line) const { write(err, std::move(line)); }
 
 private:
@@ -140,7 +154,11 @@ VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& de
     return volumes;
 }
 
-void list(Session& session) { printDisks(DiskList::load(), session.out); }
+void list(Session& session)
+{
+    printDisks(DiskList::load(), session.out);
+    session.noteOutput();
+}
 
 /// What is written to the disk that is read may take the place of what is to be recovered.
 void warnOfDestination(const Session& session)
@@ -178,8 +196,10 @@ void scan(Session& session)
 
 void tree(Session& session)
 {
-    for (const auto& volume : allVolumes(session, deepScanByOption(session)))
+    for (const auto& volume : allVolumes(session, deepScanByOption(session))) {
         printTree(*volume, session.out);
+        session.noteOutput();
+    }
 }
 
 void deep(Session& session)
@@ -220,6 +240,8 @@ void recover(Session& session)
             + Unicode::escaped(result.folder.value_or("-")));
         for (std::size_t i = 0; i < std::min(result.failures.size(), maxFailureLines); ++i)
             session.print("   " + Unicode::escaped(result.failures[i]));
+        if (result.isDestinationFull)
+            break;
     }
 }
 
@@ -249,6 +271,8 @@ struct Command {
     void (*perform)(Session&);
     bool readsSource;
     bool tellsThatItWasStopped; ///< in words of its own, or does not last
+    /// What a command copies is worth more than what it prints.
+    WriteSignals::BrokenPipe brokenPipe = WriteSignals::BrokenPipe::endsProgram;
 };
 
 constexpr Command commands[] = {
@@ -256,8 +280,8 @@ constexpr Command commands[] = {
     { "scan", 2, scan, true, false },
     { "tree", 2, tree, true, false },
     { "deep", 2, deep, true, false },
-    { "recover", 3, recover, true, false },
-    { "image", 3, image, true, true },
+    { "recover", 3, recover, true, false, WriteSignals::BrokenPipe::failsWrite },
+    { "image", 3, image, true, true, WriteSignals::BrokenPipe::failsWrite },
 };
 
 /// The exit status of a command that has ended. What a signal ended must not pass for the whole
@@ -269,6 +293,26 @@ int statusOf(const Command& command, const Session& session)
         return exitDone;
     session.complain("Stoppet: resultatet er ufuldstændigt. " + session.reached);
     return exitBySignal + *signal;
+}
+
+/// Opens the source that the command wants and performs it. Returns the exit status.
+int perform(const Command& command, Session& session)
+{
+    try {
+        if (command.readsSource) {
+            session.source = open(session.arguments[1]);
+            markHolesOfImage(session);
+        }
+        command.perform(session);
+    } catch (const SourceError& error) {
+        session.complain("Fejl: " + Unicode::escaped(error.what()));
+        return exitNoSource;
+    } catch (const std::bad_alloc&) {
+        session.complain("Fejl: " + SystemError(ENOMEM).message()
+            + ". Resultatet er ufuldstændigt. " + session.reached);
+        return exitOutOfMemory;
+    }
+    return statusOf(command, session);
 }
 
 } // namespace
@@ -286,17 +330,11 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
         .arguments = arguments, .out = out, .err = err, .progress = {}, .source = nullptr
     };
     const SignalCancellation cancellation(session.progress);
-    try {
-        if (command->readsSource)
-            session.source = open(arguments[1]);
-    } catch (const SourceError& error) {
-        session.complain("Fejl: " + Unicode::escaped(error.what()));
-        return exitNoSource;
-    }
-    if (command->readsSource)
-        markHolesOfImage(session);
-    command->perform(session);
-    return statusOf(*command, session);
+    const WriteSignals writeSignals(command->brokenPipe);
+    const int status = perform(*command, session);
+    if (session.outputError)
+        session.complain("Advarsel: ikke alt kunne skrives ud: " + session.outputError.message());
+    return status;
 }
 
 std::vector<ByteRange> parseByteRanges(std::string_view text)

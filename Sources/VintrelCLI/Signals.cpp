@@ -20,6 +20,7 @@ void cancelWork(int signal)
     receivedSignal = signal;
     setDefault(SIGINT);
     setDefault(SIGTERM);
+    setDefault(SIGHUP);
     if (auto* const work = workToCancel.load())
         work->cancel();
 }
@@ -39,6 +40,7 @@ struct sigaction handle(int signal)
     sigemptyset(&action.sa_mask);
     sigaddset(&action.sa_mask, SIGINT);
     sigaddset(&action.sa_mask, SIGTERM);
+    sigaddset(&action.sa_mask, SIGHUP);
     ::sigaction(signal, &action, nullptr);
     return previous;
 }
@@ -51,12 +53,14 @@ SignalCancellation::SignalCancellation(WorkProgress& work)
     receivedSignal = 0;
     previousInterrupt_ = handle(SIGINT);
     previousTerminate_ = handle(SIGTERM);
+    previousHangUp_ = handle(SIGHUP);
 }
 
 SignalCancellation::~SignalCancellation()
 {
     ::sigaction(SIGINT, &previousInterrupt_, nullptr);
     ::sigaction(SIGTERM, &previousTerminate_, nullptr);
+    ::sigaction(SIGHUP, &previousHangUp_, nullptr);
     workToCancel = nullptr;
 }
 

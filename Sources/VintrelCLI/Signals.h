@@ -5,10 +5,10 @@
 #include <csignal>
 #include <optional>
 
-/// While it lives, the first SIGINT or SIGTERM cancels the work instead of ending the program, so
-/// that what is finished stays and is reported. The next one ends the program at once. A signal
-/// that is ignored stays so: whoever started the program in the background wants it that way. There
-/// is at most one of these at a time.
+/// While it lives, the first SIGINT, SIGTERM or SIGHUP cancels the work instead of ending the
+/// program, so that what is finished stays and is reported. The next one ends the program at once.
+/// A signal that is ignored stays so: whoever started the program in the background wants it that
+/// way. There is at most one of these at a time.
 class SignalCancellation {
 public:
     explicit SignalCancellation(WorkProgress& work);
@@ -22,4 +22,5 @@ public:
 private:
     struct sigaction previousInterrupt_ { };
     struct sigaction previousTerminate_ { };
+    struct sigaction previousHangUp_ { };
 };
