@@ -1,12 +1,9 @@
-#include "Tests/Support/TestSource.h"
-#include "VintrelCore/Foundation/Text.h"
-#include "VintrelCore/Recovery/Recovery.h"
+#include "Tests/VintrelCore/Recovery/RecoveryFixture.h"
 #include "VintrelCore/Recovery/SafeName.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <new>
@@ -14,57 +11,6 @@
 #include <unistd.h>
 
 namespace fs = std::filesystem;
-
-namespace {
-
-/// A tree to recover, a disk under it and a place to put it.
-class Recovery : public ::testing::Test {
-protected:
-    FileNode& addFile(FileNode& folder, const std::string& name, FileData data = bytesOf("x"),
-        std::uint64_t size = 1, EntryStatus status = EntryStatus::existing)
-    {
-        return folder.add(
-            FileNode::makeFile(name, size, status, Recoverability::good, std::move(data)));
-    }
-    FileNode& addFolder(
-        FileNode& folder, const std::string& name, EntryStatus status = EntryStatus::existing)
-    {
-        return folder.add(FileNode::makeFolder(name, status));
-    }
-
-    RecoveryResult recover(
-        const RecoveryEngine::Reporter& reporter = nullptr, const std::string& name = "r")
-    {
-        std::vector<FileNode*> nodes;
-        for (const auto& child : root->children())
-            nodes.push_back(child.get());
-        return RecoveryEngine::recover(nodes, name, *source, target.path(), {}, reporter, progress);
-    }
-
-    /// Paths of the files below a folder, sorted, without the report.
-    static std::vector<std::string> filesIn(const std::string& folder)
-    {
-        std::vector<std::string> files;
-        for (const auto& entry : fs::recursive_directory_iterator(folder))
-            if (!entry.is_directory() && entry.path().filename() != "Gendannelsesrapport.csv")
-                files.push_back(fs::relative(entry.path(), folder).string());
-        std::ranges::sort(files);
-        return files;
-    }
-    static std::string text(const std::string& path)
-    {
-        const auto bytes = readFile(path);
-        return { bytes.begin(), bytes.end() };
-    }
-
-    TemporaryFolder target;
-    std::unique_ptr<FileNode> root = FileNode::makeFolder("", EntryStatus::existing);
-    Bytes disk = patternBytes(6_MiB);
-    std::unique_ptr<DiskSource> source = makeSource(disk);
-    WorkProgress progress;
-};
-
-} // namespace
 
 TEST(RecoveryNames, AreMadeSafeForAnyFileSystem)
 {
@@ -325,101 +271,4 @@ TEST_F(Recovery, ReportsOnADiskThatOthersFill)
     ASSERT_EQ(runCommand("umount " + target.path()), 0);
     EXPECT_EQ(result.recovered, 101);
     EXPECT_EQ(std::ranges::count(report, '\n'), 102);
-}
-
-namespace {
-
-/// A file system of this kind on a small disk, mounted over a folder for the length of a test.
-class Mount {
-public:
-    Mount(const std::string& kind, std::string folder)
-        : folder_(std::move(folder))
-    {
-        const std::string exfat = "mkfs.exfat '" + disk_ + "'; loop=$(losetup -f --show '" + disk_
-            + "'); mount.exfat-fuse $loop '" + folder_ + "'; losetup -d $loop";
-        const std::string ntfs = "mkfs.ntfs -q -F '" + disk_ + "'; ntfs-3g -o windows_names '"
-            + disk_ + "' '" + folder_ + "'";
-        stands_ = runCommand("set -e; truncate -s 64M '" + disk_ + "'; "
-                      + (kind == "exfat" ? exfat : ntfs))
-            == 0;
-    }
-    Mount(const Mount&) = delete;
-    Mount& operator=(const Mount&) = delete;
-    ~Mount()
-    {
-        if (stands_)
-            runCommand("umount '" + folder_ + "'");
-    }
-    explicit operator bool() const { return stands_; }
-
-private:
-    const TemporaryFolder scratch_;
-    const std::string disk_ = scratch_ / "disk";
-    const std::string folder_;
-    bool stands_ = false;
-};
-
-/// Recoveries to the disks that people have.
-class RecoveryTo : public Recovery, public ::testing::WithParamInterface<const char*> {
-protected:
-    void SetUp() override
-    {
-        if (!mount)
-            GTEST_SKIP() << "needs to make and mount " << GetParam();
-    }
-
-    const Mount mount { GetParam(), target.path() };
-};
-
-} // namespace
-
-INSTANTIATE_TEST_SUITE_P(Disks, RecoveryTo, ::testing::Values("exfat", "ntfs"));
-
-TEST_P(RecoveryTo, RenamesWhatTheDestinationRefuses)
-{
-    for (const char* name : { "a/b.txt", "a<b.txt", "a_b.txt", "nul.txt", "slut." })
-        addFile(*root, name);
-    addFile(addFolder(addFolder(*root, "hvad?"), "ja|nej"), "side\n1");
-    const auto result = recover(nullptr, "Foto: 2024?");
-    EXPECT_EQ(result.recovered, 6);
-    EXPECT_EQ(result.failures, std::vector<std::string> {});
-    ASSERT_EQ(result.folder, target / "Foto_ 2024_");
-    const bool isStrict = std::string_view(GetParam()) == "ntfs";
-    EXPECT_EQ(filesIn(*result.folder),
-        (std::vector<std::string> { "a_b (2).txt", "a_b (3).txt", "a_b.txt", "hvad_/ja_nej/side_1",
-            isStrict ? "nul_.txt" : "nul.txt", isStrict ? "slut" : "slut." }));
-    EXPECT_NE(text(*result.folder + "/Gendannelsesrapport.csv").find("\nhvad_/ja_nej/side_1;1;OK"),
-        std::string::npos);
-    EXPECT_EQ(*recover(nullptr, "Foto: 2024?").folder, target / "Foto_ 2024_ (2)");
-}
-
-TEST_P(RecoveryTo, NumbersNamesThatDifferInCaseOnly)
-{
-    for (int i = 0; i < 1'024; ++i) {
-        std::string name = "abcdefghij.txt";
-        for (std::size_t bit = 0; bit < 10; ++bit)
-            if ((i >> bit & 1) != 0)
-                name[bit] = Text::upperCase(name.substr(bit, 1))[0];
-        addFile(*root, name, NoData {});
-    }
-    addFile(*root, "ABCDEFGHIJ.txt", NoData {});
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(recover().recovered, 1'025);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
-    const bool knowsCase = std::string_view(GetParam()) == "ntfs"; // as this driver mounts it
-    EXPECT_TRUE(
-        fs::exists(target / (knowsCase ? "r/ABCDEFGHIJ (2).txt" : "r/ABCDEFGHIJ (1025).txt")));
-}
-
-TEST_P(RecoveryTo, LetsOnlyTheFileFailThatIsTooLarge)
-{
-    const std::uint64_t huge = std::uint64_t { 1 } << 40;
-    addFile(*root, "1.bin", ExtentList { { 0, 4'096 }, { std::nullopt, huge } }, huge);
-    addFile(*root, "2.txt");
-    const auto result = recover();
-    const bool keepsHoles = std::string_view(GetParam()) == "ntfs";
-    EXPECT_EQ(result.recovered, keepsHoles ? 2 : 1);
-    EXPECT_EQ(result.failed, keepsHoles ? 0 : 1);
-    EXPECT_EQ(text(target / "r/2.txt"), "x");
-    EXPECT_EQ(fs::exists(target / "r/1.bin"), keepsHoles);
 }
