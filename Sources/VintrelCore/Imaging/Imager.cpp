@@ -64,6 +64,9 @@ public:
         finish();
     }
 
+    /// Keeps what was copied by a run that cannot go on.
+    void abandon() { save(); }
+
 private:
     struct Pass {
         int number;
@@ -349,7 +352,13 @@ void DiskImager::run(const Update& onUpdate)
     }
     auto image = ImageFile::open(imagePath_, mapPath_, source_);
     if (image) {
-        Session(*this, std::move(*image), onUpdate).perform();
+        Session session(*this, std::move(*image), onUpdate);
+        try {
+            session.perform();
+        } catch (const std::bad_alloc&) {
+            session.abandon();
+            throw;
+        }
         return;
     }
     {
