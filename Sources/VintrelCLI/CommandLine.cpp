@@ -26,6 +26,7 @@
 #include <filesystem>
 #include <new>
 #include <ostream>
+#include <stdexcept>
 
 namespace {
 
@@ -295,6 +296,13 @@ int statusOf(const Command& command, const Session& session)
     return exitBySignal + *signal;
 }
 
+int endWithoutMemory(const Session& session)
+{
+    session.complain("Fejl: " + SystemError(ENOMEM).message() + ". Resultatet er ufuldstændigt. "
+        + session.reached);
+    return exitOutOfMemory;
+}
+
 /// Opens the source that the command wants and performs it. Returns the exit status.
 int perform(const Command& command, Session& session)
 {
@@ -308,9 +316,9 @@ int perform(const Command& command, Session& session)
         session.complain("Fejl: " + Unicode::escaped(error.what()));
         return exitNoSource;
     } catch (const std::bad_alloc&) {
-        session.complain("Fejl: " + SystemError(ENOMEM).message()
-            + ". Resultatet er ufuldstændigt. " + session.reached);
-        return exitOutOfMemory;
+        return endWithoutMemory(session);
+    } catch (const std::length_error&) { // more than any memory holds was asked for
+        return endWithoutMemory(session);
     }
     return statusOf(command, session);
 }
