@@ -214,6 +214,22 @@ TEST_F(Card, GoesOnCopyingWhenNobodyReadsWhatItPrints)
     }
 }
 
+TEST_F(Card, BeginsNoFurtherVolumeOnAFullDestination)
+{
+    auto bytes = readFile(path);
+    const auto png = pngFile();
+    std::copy(png.begin(), png.end(), bytes.end() - 1'024); // a volume of what was carved
+    writeFile(path, bytes);
+    std::filesystem::create_directory(folder / "ud");
+    if (runCommand("mount -t tmpfs -o nr_inodes=6 none " + (folder / "ud")) != 0)
+        GTEST_SKIP() << "needs to mount a small file system";
+    const auto result = runWith({ "recover", path, folder / "ud", "--deep" });
+    EXPECT_EQ(runCommand("umount " + (folder / "ud")), 0);
+    EXPECT_TRUE(result.out.ends_with("\n   Destinationen er fuld – gendannelsen blev stoppet.\n"))
+        << result.out;
+    EXPECT_EQ(result.out.find("Signaturer"), std::string::npos) << result.out;
+}
+
 TEST_F(Card, TellsThatMemoryRanOut)
 {
     struct NoMemory : std::streambuf {
