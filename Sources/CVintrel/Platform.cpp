@@ -75,16 +75,6 @@ int flush(int descriptor) { return ::fsync(descriptor) == 0 ? 0 : errno; }
 
 #endif
 
-#ifdef ENOMEDIUM
-
-int noMediumError() { return ENOMEDIUM; }
-
-#else
-
-int noMediumError() { return -1; }
-
-#endif
-
 std::uint64_t nextStored(int descriptor, std::uint64_t offset, std::uint64_t size)
 {
     const off_t next = ::lseek(descriptor, static_cast<off_t>(offset), SEEK_DATA);

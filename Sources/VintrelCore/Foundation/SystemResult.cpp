@@ -2,8 +2,6 @@
 
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 
-#include <CVintrel/Platform.h>
-
 #include <algorithm>
 #include <iterator>
 #include <string_view>
@@ -50,13 +48,16 @@ constexpr Reason reasons[] = {
     { ETXTBSY, "Programfilen er i brug" },
 };
 
+/// Linux has a number of its own for this, by a name that other systems lack. Its words are known.
+constexpr std::string_view noMedium = "No medium found";
+
 } // namespace
 
 std::string SystemError::message() const
 {
-    if (number_ == CVintrel::noMediumError())
-        return "Der er intet medie i drevet";
     const auto* const reason = std::ranges::find(reasons, number_, &Reason::number);
-    return reason != std::end(reasons) ? std::string(reason->words)
-                                       : Unicode::escaped(std::generic_category().message(number_));
+    if (reason != std::end(reasons))
+        return std::string(reason->words);
+    const auto words = std::generic_category().message(number_);
+    return words == noMedium ? "Der er intet medie i drevet" : Unicode::escaped(words);
 }

@@ -17,9 +17,6 @@ const std::string& decimalSeparator();
 /// that can be set.
 bool setCreationDate(int descriptor, const std::timespec& date);
 
-/// The error number of a drive without a medium; -1 where the system has none of its own.
-int noMediumError();
-
 /// Waits until what was written to an open file is safe on the disk, from a loss of power too as
 /// far as the system can tell. The system's error number; 0 when all went well.
 int flush(int descriptor);
