@@ -12,7 +12,7 @@ class FileWriter {
 public:
     explicit FileWriter(FileDescriptor descriptor);
 
-    /// Whether the file system keeps no room for holes. Asked of a file that is still empty.
+    /// Whether holes take no room on the file system. Asked of a file that is still empty.
     bool keepsHoles() const;
 
     SystemError write(const FileReader::Piece& piece);

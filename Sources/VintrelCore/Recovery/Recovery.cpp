@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <exception>
 #include <filesystem>
 #include <unordered_set>
 
@@ -102,27 +103,14 @@ private:
             return failForSize(node, folder, name, *room);
         }
 
-        const std::string path = Destination::path(folder, name);
-        Copied copied;
-        try {
-            copied = copyContent(node, std::move(writer), path);
-        } catch (...) { // memory ran out
-            destination_.remove(folder, name);
-            throw;
-        }
-        if (copied.error || result_.cancelled)
-            destination_.remove(folder, name);
+        const auto copied = copyOrRemove(node, std::move(writer), folder, name);
         if (isLarger && isOutOfSpace(copied.error))
             return failForSize(node, folder, name, *room);
         if (copied.error)
             return fail(folder, name, ": kunne ikke skrive filen: ", copied.error);
         if (result_.cancelled)
             return false;
-        ++(copied.badBytes == 0 ? result_.recovered : result_.withErrors);
-        result_.bytes += node.size;
-        const bool isEmptied = copied.isAllZero && node.status != EntryStatus::existing
-            && node.size >= source_.sectorSize();
-        report_.add(path, node, copied.badBytes, isEmptied);
+        count(node, Destination::path(folder, name), copied);
         return true;
     }
 
@@ -131,6 +119,31 @@ private:
         bool isAllZero = true;
         SystemError error; ///< why writing ended early
     };
+
+    void count(const FileNode& node, const std::string& path, const Copied& copied)
+    {
+        ++(copied.badBytes == 0 ? result_.recovered : result_.withErrors);
+        result_.bytes += node.size;
+        const bool isEmptied = copied.isAllZero && node.status != EntryStatus::existing
+            && node.size >= source_.sectorSize();
+        report_.add(path, node, copied.badBytes, isEmptied);
+    }
+
+    /// Copies into a file that was just made. Only a whole one stays, also when memory runs out.
+    Copied copyOrRemove(const FileNode& node, FileWriter writer, Destination::Folder& folder,
+        const std::string& name)
+    {
+        try {
+            const auto copied
+                = copyContent(node, std::move(writer), Destination::path(folder, name));
+            if (copied.error || result_.cancelled)
+                destination_.remove(folder, name);
+            return copied;
+        } catch (const std::exception&) {
+            destination_.remove(folder, name);
+            throw;
+        }
+    }
 
     Copied copyContent(const FileNode& node, FileWriter writer, const std::string& path)
     {
