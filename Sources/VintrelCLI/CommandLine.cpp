@@ -5,6 +5,7 @@
 #include "VintrelCLI/Signals.h"
 #include "VintrelCLI/StateLine.h"
 #include "VintrelCLI/TreeListing.h"
+#include "VintrelCLI/WriteSignals.h"
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/Foundation/ByteRange.h"
@@ -20,10 +21,13 @@
 #include "VintrelCore/Scanning/QuickScan.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <ostream>
+#include <stdexcept>
 #include <unistd.h>
 
 namespace {
@@ -54,12 +58,23 @@ struct Session {
     StateLine& state;
     WorkProgress progress; ///< of every operation; shown by `state` alone
     std::unique_ptr<DiskSource> source;
-    std::string reached {}; ///< Danish: how far the command has come, for when it is stopped
+    std::string reached {};     ///< Danish: how far the command has come, for when it is stopped
+    SystemError outputError {}; ///< why the first line that could not be printed was lost
 
     bool has(std::string_view option) const { return std::ranges::count(arguments, option) != 0; }
 
     /// Each line leaves in one write, so that it is seen at once and whole.
-    void print(std::string line) const { write(out, std::move(line)); }
+    void print(std::string line)
+    {
+        write(out, std::move(line));
+        noteOutput();
+    }
+    /// To be called at once after something was written to `out`.
+    void noteOutput()
+    {
+        if (!out && !outputError)
+            outputError = SystemError::last();
+    }
     void complain(std::string line) const { write(err, std::move(line)); }
 
 private:
@@ -156,7 +171,11 @@ VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& de
     return volumes;
 }
 
-void list(Session& session) { printDisks(DiskList::load(), session.out); }
+void list(Session& session)
+{
+    printDisks(DiskList::load(), session.out);
+    session.noteOutput();
+}
 
 /// What is written to the disk that is read may take the place of what is to be recovered.
 void warnOfDestination(const Session& session)
@@ -194,8 +213,10 @@ void scan(Session& session)
 
 void tree(Session& session)
 {
-    for (const auto& volume : allVolumes(session, deepScanByOption(session)))
+    for (const auto& volume : allVolumes(session, deepScanByOption(session))) {
         printTree(*volume, session.out);
+        session.noteOutput();
+    }
 }
 
 void deep(Session& session)
@@ -240,6 +261,8 @@ void recover(Session& session)
             + Unicode::escaped(result.folder.value_or("-")));
         for (std::size_t i = 0; i < std::min(result.failures.size(), maxFailureLines); ++i)
             session.print("   " + Unicode::escaped(result.failures[i]));
+        if (result.isDestinationFull)
+            break;
     }
 }
 
@@ -277,6 +300,8 @@ struct Command {
     void (*perform)(Session&);
     bool readsSource;
     bool tellsThatItWasStopped; ///< in words of its own, or does not last
+    /// What a command copies is worth more than what it prints.
+    WriteSignals::BrokenPipe brokenPipe = WriteSignals::BrokenPipe::endsProgram;
 };
 
 constexpr Command commands[] = {
@@ -284,8 +309,8 @@ constexpr Command commands[] = {
     { "scan", 2, scan, true, false },
     { "tree", 2, tree, true, false },
     { "deep", 2, deep, true, false },
-    { "recover", 3, recover, true, false },
-    { "image", 3, image, true, true },
+    { "recover", 3, recover, true, false, WriteSignals::BrokenPipe::failsWrite },
+    { "image", 3, image, true, true, WriteSignals::BrokenPipe::failsWrite },
 };
 
 /// The exit status of a command that has ended. What a signal ended must not pass for the whole
@@ -301,6 +326,35 @@ int statusOf(const Command& command, const Session& session)
         return exitDone;
     session.complain("Stoppet: resultatet er ufuldstændigt. " + session.reached);
     return signal ? exitBySignal + *signal : exitNoSource;
+}
+
+int endWithoutMemory(const Session& session)
+{
+    session.complain("Fejl: " + SystemError(ENOMEM).message() + ". Resultatet er ufuldstændigt. "
+        + session.reached);
+    return exitOutOfMemory;
+}
+
+/// Opens the source that the command wants and performs it. Returns the exit status.
+int perform(const Command& command, Session& session)
+{
+    try {
+        if (command.readsSource) {
+            session.source = open(session.arguments[1]);
+            session.source->whenLeaving([&session] { session.progress.cancel(); });
+            simulateDamage(session);
+            markHolesOfImage(session);
+        }
+        command.perform(session);
+    } catch (const SourceError& error) {
+        session.complain("Fejl: " + Unicode::escaped(error.what()));
+        return exitNoSource;
+    } catch (const std::bad_alloc&) {
+        return endWithoutMemory(session);
+    } catch (const std::length_error&) { // more than any memory holds was asked for
+        return endWithoutMemory(session);
+    }
+    return statusOf(command, session);
 }
 
 } // namespace
@@ -327,20 +381,11 @@ int run(std::span<const std::string> arguments, std::ostream& out, std::ostream&
         .source = nullptr };
     const StateRequests requests;
     const SignalCancellation cancellation(session.progress);
-    try {
-        if (command->readsSource)
-            session.source = open(arguments[1]);
-    } catch (const SourceError& error) {
-        session.complain("Fejl: " + std::string(error.what()));
-        return exitNoSource;
-    }
-    if (command->readsSource) {
-        session.source->whenLeaving([&session] { session.progress.cancel(); });
-        simulateDamage(session);
-        markHolesOfImage(session);
-    }
-    command->perform(session);
-    return statusOf(*command, session);
+    const WriteSignals writeSignals(command->brokenPipe);
+    const int status = perform(*command, session);
+    if (session.outputError)
+        session.complain("Advarsel: ikke alt kunne skrives ud: " + session.outputError.message());
+    return status;
 }
 
 std::vector<ByteRange> parseByteRanges(std::string_view text)

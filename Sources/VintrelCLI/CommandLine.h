@@ -11,7 +11,13 @@
 
 /// The exit statuses of the program. A command that a signal stopped ends with `exitBySignal` and
 /// the signal's number, as shells have it; one whose source stopped answering, with `exitNoSource`.
-enum ExitStatus { exitDone = 0, exitUsage = 1, exitNoSource = 2, exitBySignal = 128 };
+enum ExitStatus {
+    exitDone = 0,
+    exitUsage = 1,
+    exitNoSource = 2,
+    exitOutOfMemory = 3,
+    exitBySignal = 128
+};
 
 /// Runs one command. `arguments` is the command line without the program's path; results go to
 /// `out`, a line or a block of lines in each write, and the reason why a source could not be opened

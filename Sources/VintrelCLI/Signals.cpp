@@ -24,6 +24,7 @@ void cancelWork(int signal)
     receivedSignal = signal;
     setDefault(SIGINT);
     setDefault(SIGTERM);
+    setDefault(SIGHUP);
     if (auto* const work = workToCancel.load())
         work->cancel();
 }
@@ -43,6 +44,7 @@ struct sigaction handle(int signal)
     sigemptyset(&action.sa_mask);
     sigaddset(&action.sa_mask, SIGINT);
     sigaddset(&action.sa_mask, SIGTERM);
+    sigaddset(&action.sa_mask, SIGHUP);
     ::sigaction(signal, &action, nullptr);
     return previous;
 }
@@ -55,12 +57,14 @@ SignalCancellation::SignalCancellation(WorkProgress& work)
     receivedSignal = 0;
     previousInterrupt_ = handle(SIGINT);
     previousTerminate_ = handle(SIGTERM);
+    previousHangUp_ = handle(SIGHUP);
 }
 
 SignalCancellation::~SignalCancellation()
 {
     ::sigaction(SIGINT, &previousInterrupt_, nullptr);
     ::sigaction(SIGTERM, &previousTerminate_, nullptr);
+    ::sigaction(SIGHUP, &previousHangUp_, nullptr);
     workToCancel = nullptr;
 }
 

@@ -7,10 +7,10 @@
 #include <utility>
 #include <vector>
 
-/// While it lives, the first SIGINT or SIGTERM cancels the work instead of ending the program, so
-/// that what is finished stays and is reported. The next one ends the program at once. A signal
-/// that is ignored stays so: whoever started the program in the background wants it that way. There
-/// is at most one of these at a time.
+/// While it lives, the first SIGINT, SIGTERM or SIGHUP cancels the work instead of ending the
+/// program, so that what is finished stays and is reported. The next one ends the program at once.
+/// A signal that is ignored stays so: whoever started the program in the background wants it that
+/// way. There is at most one of these at a time.
 class SignalCancellation {
 public:
     explicit SignalCancellation(WorkProgress& work);
@@ -24,6 +24,7 @@ public:
 private:
     struct sigaction previousInterrupt_ { };
     struct sigaction previousTerminate_ { };
+    struct sigaction previousHangUp_ { };
 };
 
 /// While it lives, the signals with which a user asks how far the work has come do not end the

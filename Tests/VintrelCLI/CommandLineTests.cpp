@@ -9,11 +9,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <sstream>
-#include <system_error>
+#include <streambuf>
 
 namespace {
 
@@ -163,7 +165,7 @@ TEST_F(Card, IsImagedWithAMapfileBesideTheCopy)
     EXPECT_EQ(runWith({ "image", path, path }).out,
         ": 0 bytes reddet, 0 bytes dårlige, 0 bytes tilbage\n"
         "Kunne ikke oprette billedfilen: "
-            + std::generic_category().message(EBUSY) + "\n");
+            + SystemError(EBUSY).message() + "\n");
 }
 
 TEST_F(Card, IsImagedWithoutTheLinesThatAreForAClosedOutput)
@@ -178,25 +180,82 @@ TEST_F(Card, RecoverGoesOnAfterFailuresAndPrintsTenOfThem)
     FATImage image({ .type = FileSystemType::fat16 });
     for (int i = 10; i < 35; ++i)
         image.addFile(
-            FATImage::root, { .name = "F" + std::to_string(i) + "     TXT" }, patternBytes(3'000));
+            FATImage::root, { .name = "F" + std::to_string(i) + "     TXT" }, patternBytes(9'000));
     image.addFile(FATImage::root, { .name = "LILLE   TXT" }, bytesOf("x"));
     writeFile(path, image.bytes());
     writeFile(folder / "optaget", {});
     EXPECT_EQ(runWith({ "recover", path, folder / "optaget" }).out,
         "Uden navn (FAT16): 0 gendannet, 0 med fejl, 26 mislykkedes → -\n   Kunne ikke oprette "
         "mappen "
-            + (folder / "optaget/Uden navn (FAT16)") + ": Not a directory\n");
+            + (folder / "optaget/Uden navn (FAT16)") + ": Det er ikke en mappe\n");
 
-    // Files may grow to a kilobyte or less. What cannot be written whole is removed again.
-    const auto out
-        = runProgram("trap '' XFSZ; ulimit -f 1;", "recover " + path + " " + (folder / "ud"));
+    // Files may grow to 8 KiB or less. What cannot be written whole is removed again.
+    const auto out = runProgram("ulimit -f 8;", "recover " + path + " " + (folder / "ud"));
     EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 11) << out;
     EXPECT_TRUE(out.starts_with("Uden navn (FAT16): 1 gendannet, 0 med fejl, 25 mislykkedes → "))
         << out;
     EXPECT_NE(
-        out.find("\n   F10.TXT: kunne ikke skrive filen: File too large\n"), std::string::npos);
+        out.find("\n   F10.TXT: kunne ikke skrive filen: Filen er for stor\n"), std::string::npos);
     EXPECT_EQ(readFile(folder / "ud/Uden navn (FAT16)/LILLE.TXT"), bytesOf("x"));
     EXPECT_FALSE(std::filesystem::exists(folder / "ud/Uden navn (FAT16)/F10.TXT"));
+    const auto list = readFile(folder / "ud/Uden navn (FAT16)/Fejl.txt");
+    EXPECT_EQ(std::ranges::count(list, '\n'), 25);
+    EXPECT_TRUE(std::string(list.begin(), list.end())
+                    .ends_with("F34.TXT: kunne ikke skrive filen: Filen er for stor\n"));
+}
+
+TEST_F(Card, GoesOnCopyingWhenNobodyReadsWhatItPrints)
+{
+    const std::string lost = "Advarsel: ikke alt kunne skrives ud: ";
+    const auto runIntoClosedPipe = [&](const std::string& arguments) {
+        return runProgram("{ sleep 0.2;", arguments + "; echo \"=$?\" >&2; } | :");
+    };
+    EXPECT_EQ(runIntoClosedPipe("scan " + path), "=141\n") << "ended by SIGPIPE";
+    EXPECT_EQ(runIntoClosedPipe("recover " + path + " " + (folder / "ud")),
+        lost + SystemError(EPIPE).message() + "\n=0\n");
+    EXPECT_EQ(readFile(folder / "ud/KAMERA (FAT16)/DCIM/IMG_0002.JPG"), photo);
+    EXPECT_EQ(runIntoClosedPipe("image " + path + " " + (folder / "kopi.img")),
+        lost + SystemError(EPIPE).message() + "\n=0\n");
+    EXPECT_EQ(readFile(folder / "kopi.img"), readFile(path));
+    if (std::filesystem::exists("/dev/full")) {
+        EXPECT_EQ(runProgram("", "tree " + path + " >/dev/full"),
+            lost + SystemError(ENOSPC).message() + "\n");
+    }
+}
+
+TEST_F(Card, BeginsNoFurtherVolumeOnAFullDestination)
+{
+    auto bytes = readFile(path);
+    const auto png = pngFile();
+    std::copy(png.begin(), png.end(), bytes.end() - 1'024); // a volume of what was carved
+    writeFile(path, bytes);
+    std::filesystem::create_directory(folder / "ud");
+    if (runCommand("mount -t tmpfs -o nr_inodes=6 none " + (folder / "ud")) != 0)
+        GTEST_SKIP() << "needs to mount a small file system";
+    const auto result = runWith({ "recover", path, folder / "ud", "--deep" });
+    EXPECT_EQ(runCommand("umount " + (folder / "ud")), 0);
+    EXPECT_TRUE(result.out.ends_with("\n   Destinationen er fuld – gendannelsen blev stoppet.\n"))
+        << result.out;
+    EXPECT_EQ(result.out.find("Signaturer"), std::string::npos) << result.out;
+}
+
+TEST_F(Card, TellsThatMemoryRanOut)
+{
+    struct NoMemory : std::streambuf {
+        std::streamsize xsputn(const char* /*text*/, std::streamsize /*count*/) override
+        {
+            throw std::bad_alloc();
+        }
+    } buffer;
+    std::ostream out(&buffer);
+    out.exceptions(std::ios::badbit);
+    std::ostringstream err;
+    const std::string arguments[] = { "recover", path, folder / "ud" };
+    EXPECT_EQ(run(arguments, out, err), 3);
+    EXPECT_EQ(err.str(),
+        "Fejl: Der er ikke hukommelse nok. Resultatet er ufuldstændigt. Gendannelsen nåede 5 "
+        "filer.\n");
+    EXPECT_EQ(readFile(folder / "ud/KAMERA (FAT16)/DCIM/IMG_0002.JPG"), photo);
 }
 
 TEST_F(Card, DamagedSourcesAreToldAsNotes)
@@ -257,8 +316,8 @@ TEST_F(Card, DoesNotCallRecoveredWhatDidNotReachTheDisk)
     const auto recovered = folder / "ud/KAMERA (FAT16)";
     EXPECT_EQ(program.printed(),
         "KAMERA (FAT16): 0 gendannet, 0 med fejl, 5 mislykkedes → " + recovered + "\n   "
-            + recovered
-            + ": kunne ikke skrive alt til disken: " + std::generic_category().message(EIO) + "\n");
+            + recovered + ": kunne ikke skrive alt til disken: " + SystemError(EIO).message()
+            + "\n");
 }
 
 TEST(CommandLine, RefusesWhatItCannotUnderstandOrOpen)
@@ -274,9 +333,9 @@ TEST(CommandLine, RefusesWhatItCannotUnderstandOrOpen)
     }
     const std::pair<std::vector<std::string>, std::string> refused[] = {
         { { "scan", "mangler.img" }, "Fejl: Filen findes ikke: mangler.img\n" },
-        { { "tree", "/" }, "Fejl: Kunne ikke åbne /: Is a directory\n" },
-        { { "scan", "disk99" },
-            "Fejl: Filen findes ikke: " + CVintrel::rawDevicePath("disk99") + "\n" },
+        { { "tree", "/" }, "Fejl: Kunne ikke åbne /: Det er en mappe\n" },
+        { { "scan", "disk99" }, "Fejl: Filen findes ikke: disk99\n" },
+        { { "scan", "\x1B]0;x\a.img" }, "Fejl: Filen findes ikke: \\x1B]0;x\\x07.img\n" },
     };
     for (const auto& [arguments, message] : refused) {
         const auto result = runWith(arguments);

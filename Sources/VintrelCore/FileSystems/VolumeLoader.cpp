@@ -18,8 +18,10 @@ VolumeList load(DiskSource& source, FileSystemType type, std::uint64_t offset,
         return {};
     auto loaded = reader->load(
         { source, offset, origin, progress, boot, partitionSize, std::move(volumes) });
-    for (const auto& volume : loaded)
+    for (const auto& volume : loaded) {
         noteSourceEnd(*volume, source.size());
+        limitSizes(*volume, source.size());
+    }
     return loaded;
 }
 
@@ -33,6 +35,7 @@ void readAgain(DiskSource& source, VolumeList& volumes, WorkProgress* progress)
         if (!better)
             continue;
         noteSourceEnd(*better, source.size());
+        limitSizes(*better, source.size());
         volume = std::move(better);
     }
 }

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <string>
-#include <system_error>
 #include <utility>
 
 /// Why the system refused something: its error number, or 0 when it did not.
@@ -18,8 +17,8 @@ public:
 
     explicit operator bool() const { return number_ != 0; }
     int number() const { return number_; }
-    /// The system's own words for it.
-    std::string message() const { return std::generic_category().message(number_); }
+    /// Danish words for it; of a rare one the system's own, escaped.
+    std::string message() const;
 
 private:
     int number_ = 0;

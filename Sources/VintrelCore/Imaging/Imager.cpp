@@ -68,6 +68,9 @@ public:
         finish();
     }
 
+    /// Keeps what was copied by a run that cannot go on.
+    void abandon() { save(); }
+
 private:
     struct Pass {
         int number;
@@ -367,7 +370,13 @@ void DiskImager::run(const Update& onUpdate, const Warning& warn)
     }
     auto image = ImageFile::open(imagePath_, mapPath_, source_);
     if (image) {
-        Session(*this, std::move(*image), onUpdate, warn).perform();
+        Session session(*this, std::move(*image), onUpdate, warn);
+        try {
+            session.perform();
+        } catch (const std::bad_alloc&) {
+            session.abandon();
+            throw;
+        }
         return;
     }
     {

@@ -69,6 +69,7 @@ bool LostVolumeSearch::keep(std::unique_ptr<Volume> volume)
     if (!volume)
         return false;
     noteSourceEnd(*volume, sourceSize_);
+    limitSizes(*volume, sourceSize_);
     if (volume->offset < sourceSize_)
         bytesCovered_ += std::min(volume->size, sourceSize_ - volume->offset);
     add(*volume);

@@ -1,11 +1,18 @@
 #include "VintrelCore/Model/SourceEnd.h"
 
+#include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/Volume.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace {
+
+constexpr auto maxLength = std::numeric_limits<std::uint64_t>::max();
+
+/// Content that macOS packs lies in blocks of 64 KiB, each of which takes 8 bytes or more.
+constexpr std::uint64_t maxPackingRatio = Decmpfs::blockSize / 8;
 
 bool isBeyond(std::uint64_t offset, std::uint64_t length, std::uint64_t sourceSize)
 {
@@ -29,7 +36,46 @@ bool reachesBeyond(const FileData& data, std::uint64_t sourceSize)
     return false;
 }
 
+/// The most that the place of a file's content lets it be long, whatever its size says.
+std::uint64_t lengthOfRuns(const FileData& data, std::uint64_t sourceSize, bool knowsHoles)
+{
+    std::uint64_t length = 0;
+    if (const auto* packed = std::get_if<DecmpfsContent>(&data))
+        length = saturatingMultiply(
+            std::max<std::uint64_t>(packed->forkSize, packed->bytes.size()), maxPackingRatio);
+    else if (const auto* bytes = std::get_if<Bytes>(&data))
+        length = bytes->size();
+    else if (const auto* extents = std::get_if<ExtentList>(&data))
+        for (const auto& extent : *extents)
+            if (knowsHoles && (!extent.offset || *extent.offset < sourceSize))
+                length += std::min(extent.length, maxLength - length);
+    return length;
+}
+
+/// The levels that the program gives itself fall; where they are fixed a file gets the note alone.
+void doubt(FileNode& node, FileSystemType type, Doubt doubt)
+{
+    if (isFAT(type) || type == FileSystemType::hfsplus)
+        noteDoubts(node, doubt);
+    else
+        judgeFurther(node, doubt);
+}
+
 } // namespace
+
+void limitSizes(Volume& volume, std::uint64_t sourceSize)
+{
+    if (volume.type == FileSystemType::ntfs) // its reader knows the volume's size and compression
+        return;
+    const bool knowsHoles = volume.type == FileSystemType::apfs;
+    volume.root->forEachDescendant([&](FileNode& node, std::size_t) {
+        if (std::holds_alternative<NoData>(node.data) || node.size <= sourceSize
+            || node.size <= lengthOfRuns(node.data, sourceSize, knowsHoles))
+            return;
+        node.size = sourceSize;
+        doubt(node, volume.type, Doubt::missingRuns);
+    });
+}
 
 void noteSourceEnd(Volume& volume, std::uint64_t sourceSize)
 {
@@ -38,13 +84,8 @@ void noteSourceEnd(Volume& volume, std::uint64_t sourceSize)
     const auto missing = volume.size - (sourceSize - volume.offset);
     volume.notes.push_back("Kilden slutter før filsystemet: de sidste " + std::to_string(missing)
         + " bytes af det mangler.");
-    const bool isLevelFixed = isFAT(volume.type) || volume.type == FileSystemType::hfsplus;
     volume.root->forEachDescendant([&](FileNode& node, std::size_t) {
-        if (!reachesBeyond(node.data, sourceSize))
-            return;
-        if (isLevelFixed)
-            noteDoubts(node, Doubt::beyondSource);
-        else
-            judgeFurther(node, Doubt::beyondSource);
+        if (reachesBeyond(node.data, sourceSize))
+            doubt(node, volume.type, Doubt::beyondSource);
     });
 }

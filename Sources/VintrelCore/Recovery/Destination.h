@@ -4,7 +4,9 @@
 #include "VintrelCore/Foundation/SystemResult.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -23,15 +25,22 @@ public:
         std::string name;         ///< as written
         SystemError error;        ///< why it could not be made; nothing can be put into it then
         std::unordered_map<std::string, Folder*> folders; ///< by the name that was wanted
-        /// The number given last for a wanted name, so that equal names stay linear.
-        std::unordered_map<std::string, int> lastNumber;
+        /// The numbering of a wanted name, so that equal names stay linear.
+        struct Numbering {
+            int last = 0;
+            bool isSharing = false; ///< with names that differ in case only
+        };
+        std::unordered_map<std::string, Numbering> lastNumber;
+        /// The number given last for any of the names that differ in case only.
+        std::unordered_map<std::string, int> lastFoldedNumber;
     };
 
     /// `root`: the recovery folder, open.
     explicit Destination(FileDescriptor root);
 
     /// Makes the folder at `path`, or where that is taken at the same path with a number, and what
-    /// is missing above it. `path` becomes the one that it got.
+    /// is missing above it. A name that the file system refuses is made portable first. `path`
+    /// becomes the one that it got. Nobody else may read it.
     static SystemResult<FileDescriptor> makeRoot(std::string& path);
 
     Folder& root() { return folders_.front(); }
@@ -40,7 +49,7 @@ public:
     Folder& folderFor(const FileNode* node);
 
     /// Makes a new file in a folder. `name` is the one that is wanted, and afterwards the one that
-    /// it got.
+    /// it got: numbered where it was taken, and portable where the file system refused it.
     SystemResult<FileDescriptor> createFile(Folder& folder, std::string& name);
 
     void remove(Folder& folder, const std::string& name);
@@ -48,14 +57,20 @@ public:
     /// Waits until everything on the destination's file system is safe on its disk.
     SystemError flush() const;
 
+    /// The bytes that can still be written; none where the file system does not tell.
+    std::optional<std::uint64_t> freeBytes() const;
+
     /// Where a file in a folder lies below the recovery folder.
     static std::string path(const Folder& folder, const std::string& name);
 
 private:
     Folder& subfolder(Folder& parent, const std::string& wanted);
     template <class Create>
-    auto createNumbered(Folder& folder, std::string& name, bool isDirectory, Create create)
+    auto createNamed(Folder& folder, std::string& name, bool isDirectory, Create create)
         -> SystemResult<decltype(create(0, ""))>;
+    template <class Create>
+    auto createNumbered(Folder& folder, std::string& name, bool isDirectory, std::size_t maxBytes,
+        Create create) -> SystemResult<decltype(create(0, ""))>;
     int descriptor() const;
     SystemError open(Folder& folder);
 

@@ -20,6 +20,13 @@ constexpr std::size_t prefixPiece = 4'194'304;
 /// memory.
 constexpr std::uint64_t maxUnitBytes = 67'108'864;
 
+std::uint64_t lengthOnSource(const Extent& extent, const DiskSource& source)
+{
+    return extent.offset && *extent.offset < source.size()
+        ? std::min(extent.length, source.size() - *extent.offset)
+        : 0;
+}
+
 /// Delivers the pieces of one file: keeps count of what is still wanted, of what could not be read
 /// and of whether the receiver wants more, and owns the one buffer that they pass through.
 class Delivery {
@@ -53,9 +60,7 @@ public:
     void deliverExtent(const Extent& extent)
     {
         // What lies past the end of the source is a hole like any other.
-        const std::uint64_t onSource = extent.offset && *extent.offset < source_.size()
-            ? std::min(extent.length, source_.size() - *extent.offset)
-            : 0;
+        const std::uint64_t onSource = lengthOnSource(extent, source_);
         for (std::uint64_t done = 0; done < onSource && !isDone();) {
             buffer_.resize(static_cast<std::size_t>(
                 std::min<std::uint64_t>({ onSource - done, chunkSize_, remaining_ })));
@@ -281,6 +286,32 @@ std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunk
         streamDecmpfs(*packed, source, delivery);
     }
     return delivery.badBytes();
+}
+
+std::uint64_t streamedLength(const FileNode& node)
+{
+    if (std::holds_alternative<NoData>(node.data))
+        return 0;
+    const auto* const bytes = std::get_if<Bytes>(&node.data);
+    return bytes != nullptr ? std::min<std::uint64_t>(bytes->size(), node.size) : node.size;
+}
+
+std::uint64_t storedLength(const FileNode& node, const DiskSource& source)
+{
+    const std::uint64_t length = streamedLength(node);
+    std::uint64_t stored = 0;
+    if (const auto* extents = std::get_if<ExtentList>(&node.data)) {
+        for (const auto& extent : *extents)
+            stored += std::min(lengthOnSource(extent, source), length - stored);
+    } else if (const auto* compressed = std::get_if<CompressedRuns>(&node.data)) {
+        for (const auto& run : compressed->runs)
+            if (run.lcn) // unpacked it is more
+                stored += std::min(
+                    saturatingMultiply(run.clusters, compressed->clusterSize), length - stored);
+    } else {
+        stored = length;
+    }
+    return stored;
 }
 
 Bytes readPrefix(const FileNode& node, DiskSource& source, std::size_t max)

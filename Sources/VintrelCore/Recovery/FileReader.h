@@ -34,6 +34,12 @@ using Body = std::function<bool(const Piece&)>;
 std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunkSize,
     std::optional<std::uint64_t> limit, const Body& body);
 
+/// How many bytes stream() hands on when it gets everything right, holes among them.
+std::uint64_t streamedLength(const FileNode& node);
+
+/// How many of these lie on the source for certain, so that no destination can leave them out.
+std::uint64_t storedLength(const FileNode& node, const DiskSource& source);
+
 /// The first min(`max`, size) bytes of the file.
 Bytes readPrefix(const FileNode& node, DiskSource& source, std::size_t max);
 

@@ -14,6 +14,10 @@ namespace {
 /// Bytes from which on a file is flushed by itself.
 constexpr std::uint64_t flushedSize = 67'108'864;
 
+/// A hole of so many bytes shows whether it takes room. Larger than what file systems keep beside
+/// their blocks, and smaller than what any destination has left.
+constexpr off_t holeProbe = 65'536;
+
 std::timespec timespecFrom(Date date)
 {
     const auto whole = std::chrono::floor<std::chrono::seconds>(date);
@@ -41,6 +45,14 @@ void setDates(int descriptor, const FileNode& node)
 FileWriter::FileWriter(FileDescriptor descriptor)
     : descriptor_(std::move(descriptor))
 {
+}
+
+bool FileWriter::keepsHoles() const
+{
+    struct stat status { };
+    const bool keepsHoles = ::ftruncate(descriptor_.get(), holeProbe) == 0
+        && ::fstat(descriptor_.get(), &status) == 0 && status.st_blocks == 0;
+    return ::ftruncate(descriptor_.get(), 0) == 0 && keepsHoles;
 }
 
 SystemError FileWriter::write(const FileReader::Piece& piece)

@@ -12,6 +12,9 @@ class FileWriter {
 public:
     explicit FileWriter(FileDescriptor descriptor);
 
+    /// Whether holes take no room on the file system. Asked of a file that is still empty.
+    bool keepsHoles() const;
+
     SystemError write(const FileReader::Piece& piece);
 
     /// Gives the file its length and, if wanted, the node's dates, and closes it.

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <exception>
 #include <filesystem>
 #include <unordered_set>
 
@@ -23,6 +24,9 @@ namespace {
 /// cache when it is written.
 constexpr std::size_t copyPiece = 1'048'576;
 constexpr std::chrono::milliseconds reportInterval { 150 };
+
+/// Beyond so many failures they are listed in a file.
+constexpr std::size_t shownFailures = 10;
 
 bool isOutOfSpace(SystemError error)
 {
@@ -40,6 +44,7 @@ public:
         , progress_(progress)
         , result_(result)
         , destination_(std::move(root))
+        , failureList_(destination_, options.writeReport, shownFailures)
         , report_(destination_, options.writeReport)
     {
     }
@@ -67,8 +72,10 @@ private:
         const auto error = destination_.flush();
         if (!error)
             return;
-        result_.failures.insert(result_.failures.begin(),
-            *result_.folder + ": kunne ikke skrive alt til disken: " + error.message());
+        const auto line
+            = *result_.folder + ": kunne ikke skrive alt til disken: " + error.message();
+        failureList_.add(line);
+        result_.failures.insert(result_.failures.begin(), line);
         result_.failed += result_.recovered + result_.withErrors;
         result_.recovered = 0;
         result_.withErrors = 0;
@@ -82,21 +89,28 @@ private:
         std::string name = sanitize(node.name);
         if (folder.error)
             return fail(folder, name, ": kunne ikke oprette mappen: ", folder.error);
+        // A file that is larger than the destination has room for says nothing about the next one.
+        const auto room = destination_.freeBytes();
+        const bool isLarger = room && FileReader::streamedLength(node) > *room;
+        if (isLarger && FileReader::storedLength(node, source_) > *room)
+            return failForSize(node, folder, name, *room);
         auto created = destination_.createFile(folder, name);
         if (!created)
             return fail(folder, name, ": kunne ikke oprette filen: ", created.error());
-
-        const std::string path = Destination::path(folder, name);
-        const auto copied = copyContent(node, FileWriter(std::move(*created)), path);
-        if (copied.error || result_.cancelled) {
+        FileWriter writer(std::move(*created));
+        if (isLarger && !writer.keepsHoles()) {
             destination_.remove(folder, name);
-            return copied.error && fail(folder, name, ": kunne ikke skrive filen: ", copied.error);
+            return failForSize(node, folder, name, *room);
         }
-        ++(copied.badBytes == 0 ? result_.recovered : result_.withErrors);
-        result_.bytes += node.size;
-        const bool isEmptied = copied.isAllZero && node.status != EntryStatus::existing
-            && node.size >= source_.sectorSize();
-        report_.add(path, node, copied.badBytes, isEmptied);
+
+        const auto copied = copyOrRemove(node, std::move(writer), folder, name);
+        if (isLarger && isOutOfSpace(copied.error))
+            return failForSize(node, folder, name, *room);
+        if (copied.error)
+            return fail(folder, name, ": kunne ikke skrive filen: ", copied.error);
+        if (result_.cancelled)
+            return false;
+        count(node, Destination::path(folder, name), copied);
         return true;
     }
 
@@ -105,6 +119,31 @@ private:
         bool isAllZero = true;
         SystemError error; ///< why writing ended early
     };
+
+    void count(const FileNode& node, const std::string& path, const Copied& copied)
+    {
+        ++(copied.badBytes == 0 ? result_.recovered : result_.withErrors);
+        result_.bytes += node.size;
+        const bool isEmptied = copied.isAllZero && node.status != EntryStatus::existing
+            && node.size >= source_.sectorSize();
+        report_.add(path, node, copied.badBytes, isEmptied);
+    }
+
+    /// Copies into a file that was just made. Only a whole one stays, also when memory runs out.
+    Copied copyOrRemove(const FileNode& node, FileWriter writer, Destination::Folder& folder,
+        const std::string& name)
+    {
+        try {
+            const auto copied
+                = copyContent(node, std::move(writer), Destination::path(folder, name));
+            if (copied.error || result_.cancelled)
+                destination_.remove(folder, name);
+            return copied;
+        } catch (const std::exception&) {
+            destination_.remove(folder, name);
+            throw;
+        }
+    }
 
     Copied copyContent(const FileNode& node, FileWriter writer, const std::string& path)
     {
@@ -129,12 +168,29 @@ private:
         SystemError error)
     {
         if (isOutOfSpace(error)) {
-            result_.failures.emplace_back("Destinationen er fuld – gendannelsen blev stoppet.");
+            result_.isDestinationFull = true;
+            addFailure("Destinationen er fuld – gendannelsen blev stoppet.");
             return false;
         }
         ++result_.failed;
-        result_.failures.push_back(Destination::path(folder, name) + what + error.message());
+        addFailure(Destination::path(folder, name) + what + error.message());
         return true;
+    }
+
+    /// Notes that a file alone is larger than the destination has room for. The job goes on.
+    bool failForSize(const FileNode& node, const Destination::Folder& folder,
+        const std::string& name, std::uint64_t room)
+    {
+        ++result_.failed;
+        addFailure(Destination::path(folder, name) + ": filen fylder " + std::to_string(node.size)
+            + " bytes, og på destinationen er der kun plads til " + std::to_string(room));
+        return true;
+    }
+
+    void addFailure(std::string line)
+    {
+        failureList_.add(line);
+        result_.failures.push_back(std::move(line));
     }
 
     void reportProgress(const std::string& path)
@@ -155,6 +211,7 @@ private:
     const WorkProgress& progress_;
     RecoveryResult& result_;
     Destination destination_;
+    FailureList failureList_; // its last lines are written when the report has freed its room
     RecoveryReport report_;
     RecoveryProgress state_;
     std::chrono::steady_clock::time_point lastReport_ {};

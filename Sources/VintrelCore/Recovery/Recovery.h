@@ -33,6 +33,7 @@ struct RecoveryResult {
     std::int64_t failed = 0;     ///< files that could not be created or written
     std::uint64_t bytes = 0;     ///< sum of the sizes of the files copied
     bool cancelled = false;
+    bool isDestinationFull = false;    ///< which ended the run
     std::optional<std::string> folder; ///< the recovery folder; none when it could not be made
     std::vector<std::string> failures; ///< a Danish line each, which begins with the file's path
 };

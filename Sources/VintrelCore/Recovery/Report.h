@@ -2,15 +2,18 @@
 
 #include "VintrelCore/Foundation/FileDescriptor.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 class Destination;
 class FileNode;
 
-/// The report "Gendannelsesrapport.csv", written row by row, so that it is there also when the run
-/// is killed. Its file is made before all others, which keeps its name free for it. What cannot be
-/// written, on a full disk, is tried once more at the end.
+/// The report "Gendannelsesrapport.csv". A row is written when its file is done, so that it is
+/// there also when the run is killed. Its file is made before all others, which keeps its name free
+/// for it, and room is reserved for rows that a full disk would not take. What cannot be written is
+/// tried again with the next row and at the end.
 class RecoveryReport {
 public:
     /// Without `isWanted` nothing is made and nothing written.
@@ -24,8 +27,32 @@ public:
     void add(const std::string& path, const FileNode& node, std::uint64_t badBytes, bool isEmptied);
 
 private:
+    void reserveRoom(Destination& destination);
     void flush();
 
     FileDescriptor descriptor_;
-    std::string rows_; // not written yet
+    FileDescriptor reserve_; // holds the room until the disk is full
+    std::string rows_;       // not written yet
+};
+
+/// The list "Fejl.txt" of all that failed, a line each, where that is more than a screen shows. Its
+/// file is made with the first line too many.
+class FailureList {
+public:
+    /// Without `isWanted` nothing is made and nothing written. `shown`: how many lines the user
+    /// sees in any case. The destination must outlive the list.
+    FailureList(Destination& destination, bool isWanted, std::size_t shown);
+    FailureList(const FailureList&) = delete;
+    FailureList& operator=(const FailureList&) = delete;
+    ~FailureList();
+
+    void add(std::string_view line);
+
+private:
+    Destination& destination_;
+    const bool isWanted_;
+    const std::size_t shown_;
+    std::size_t count_ = 0;
+    FileDescriptor descriptor_;
+    std::string lines_; // not written yet
 };

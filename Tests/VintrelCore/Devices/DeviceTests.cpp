@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
 #include <sstream>
 #include <unistd.h>
 
@@ -237,8 +236,8 @@ TEST(Devices, AreAttachedFromAppleImages)
     };
     for (const auto& [script, answer] : cases)
         EXPECT_EQ(attach(writeScript(hdiutil, script)), answer) << script;
-    EXPECT_EQ(
-        attach(folder / "mangler"), failed + folder / "mangler" + ": " + std::strerror(ENOENT));
+    EXPECT_EQ(attach(folder / "mangler"),
+        failed + folder / "mangler" + ": " + SystemError(ENOENT).message());
 
     if (!VINTREL_READS_PROPERTY_LISTS)
         return;

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
 #include <sys/stat.h>
 
 namespace {
@@ -24,7 +23,7 @@ std::string answerTo(const std::string& name, bool isDevice = false)
 
 std::string refused(const std::string& path, int systemError)
 {
-    return "Kunne ikke åbne " + path + ": " + std::strerror(systemError);
+    return "Kunne ikke åbne " + path + ": " + SystemError(systemError).message();
 }
 
 std::string missing(const std::string& path) { return "Filen findes ikke: " + path; }
@@ -64,9 +63,9 @@ TEST(SourceOpener, RefusesEverythingElseWithoutWaiting)
     };
     for (const auto& [path, answer] : cases)
         EXPECT_EQ(answerTo(path), answer);
-    EXPECT_EQ(answerTo("disk987", true), missing(CVintrel::rawDevicePath("disk987")));
+    EXPECT_EQ(answerTo("disk987", true), missing("disk987"));
     if (CVintrel::rawDevicePath("null") == "/dev/null") {
-        EXPECT_EQ(answerTo("null", true), refused("/dev/null", ENOTSUP));
+        EXPECT_EQ(answerTo("null", true), refused("null", ENOTSUP));
     }
 }
 
@@ -77,6 +76,29 @@ TEST(SourceOpener, KnowsAppleImagesByTheirNames)
         std::filesystem::create_directory(folder / name);
         EXPECT_TRUE(answerTo(folder / name).starts_with("Kunne ikke tilknytte diskbilledet: "));
     }
+    EXPECT_TRUE(
+        answerTo(folder / "a.sparsebundle/").starts_with("Kunne ikke tilknytte diskbilledet: "));
+    if (!CVintrel::helperPrograms().hdiutil.empty())
+        GTEST_SKIP() << "hdiutil opens raw images too";
+    const auto withMark = [](std::size_t at, std::string_view mark) {
+        Bytes bytes(4'096);
+        std::ranges::copy(mark, bytes.begin() + static_cast<std::ptrdiff_t>(at));
+        return bytes;
+    };
+    for (const auto& content : { withMark(4'096 - 512, "koly"), withMark(0, "encrcdsa"),
+             withMark(4'088, "cdsaencr"), withMark(0, "sprs") }) {
+        writeFile(folder / "disk.dmg", content);
+        EXPECT_TRUE(
+            answerTo(folder / "disk.dmg").starts_with("Kunne ikke tilknytte diskbilledet: "));
+    }
+    for (const auto& content : { withMark(0, "koly"), Bytes(), Bytes(3) }) {
+        writeFile(folder / "disk.dmg", content);
+        EXPECT_EQ(answerTo(folder / "disk.dmg"), "disk.dmg");
+    }
+}
+
+TEST(SourceOpener, TellsWhyADeviceIsClosed)
+{
     EXPECT_STREQ(SourceError::authorizationFailed("disk4").what(),
         "Adgang til disk4 blev afvist eller annulleret. Der kræves en administratoradgangskode for "
         "at læse fysiske "

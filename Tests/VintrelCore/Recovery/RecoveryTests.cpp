@@ -1,65 +1,16 @@
-#include "Tests/Support/TestSource.h"
-#include "VintrelCore/Recovery/Recovery.h"
+#include "Tests/VintrelCore/Recovery/RecoveryFixture.h"
 #include "VintrelCore/Recovery/SafeName.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
-
-namespace {
-
-/// A tree to recover, a disk under it and a place to put it.
-class Recovery : public ::testing::Test {
-protected:
-    FileNode& addFile(FileNode& folder, const std::string& name, FileData data = bytesOf("x"),
-        std::uint64_t size = 1, EntryStatus status = EntryStatus::existing)
-    {
-        return folder.add(
-            FileNode::makeFile(name, size, status, Recoverability::good, std::move(data)));
-    }
-    FileNode& addFolder(
-        FileNode& folder, const std::string& name, EntryStatus status = EntryStatus::existing)
-    {
-        return folder.add(FileNode::makeFolder(name, status));
-    }
-
-    RecoveryResult recover(const RecoveryEngine::Reporter& reporter = nullptr)
-    {
-        std::vector<FileNode*> nodes;
-        for (const auto& child : root->children())
-            nodes.push_back(child.get());
-        return RecoveryEngine::recover(nodes, "r", *source, target.path(), {}, reporter, progress);
-    }
-
-    /// Paths of the files below a folder, sorted, without the report.
-    static std::vector<std::string> filesIn(const std::string& folder)
-    {
-        std::vector<std::string> files;
-        for (const auto& entry : fs::recursive_directory_iterator(folder))
-            if (!entry.is_directory() && entry.path().filename() != "Gendannelsesrapport.csv")
-                files.push_back(fs::relative(entry.path(), folder).string());
-        std::ranges::sort(files);
-        return files;
-    }
-    static std::string text(const std::string& path)
-    {
-        const auto bytes = readFile(path);
-        return { bytes.begin(), bytes.end() };
-    }
-
-    TemporaryFolder target;
-    std::unique_ptr<FileNode> root = FileNode::makeFolder("", EntryStatus::existing);
-    Bytes disk = patternBytes(6_MiB);
-    std::unique_ptr<DiskSource> source = makeSource(disk);
-    WorkProgress progress;
-};
-
-} // namespace
 
 TEST(RecoveryNames, AreMadeSafeForAnyFileSystem)
 {
@@ -81,6 +32,27 @@ TEST(RecoveryNames, AreMadeSafeForAnyFileSystem)
         EXPECT_EQ(RecoveryEngine::sanitize(name), expected);
 }
 
+TEST(RecoveryNames, ArePortableWhereTheyHaveToBe)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        { "<a>:\"b|c?*\\\t\x7F", "_a___b_c_____" },
+        { "slut. . ", "slut" },
+        { "...", "unavngivet" },
+        { "con", "con_" },
+        { "Com1.tar.gz", "Com1_.tar.gz" },
+        { "NUL .txt", "NUL _.txt" },
+        { "COM0", "COM0" },
+        { "CONTO.txt", "CONTO.txt" },
+        { "så.jpg", "så.jpg" },
+    };
+    for (const auto& [name, expected] : cases)
+        EXPECT_EQ(RecoveryEngine::portableName(name), expected);
+    const std::string name = std::string(200, 'n') + ".jpg";
+    EXPECT_EQ(RecoveryEngine::numberedName(name, 1, false, 143), std::string(139, 'n') + ".jpg");
+    EXPECT_EQ(
+        RecoveryEngine::numberedName(name, 2, false, 143), std::string(135, 'n') + " (2).jpg");
+}
+
 TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
 {
     auto& photo = addFile(addFolder(addFolder(*root, "DCIM"), "100KAM"), "IMG_1.JPG",
@@ -90,6 +62,7 @@ TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
         *root, "skadet;fil.bin", ExtentList { { 5'500'000, 2000 } }, 2000, EntryStatus::deleted);
     damaged.recoverability = Recoverability::partial;
     damaged.note = "Dele \"mangler\"";
+    addFile(*root, "vogn\rretur", NoData {});
     addFile(*root, "tom.txt", ExtentList {}, 0);
     addFile(*root, "ukendt.bin", NoData {}, 77);
     addFolder(*root, "tom mappe");
@@ -97,20 +70,21 @@ TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
 
     RecoveryProgress last;
     const auto result = recover([&](const RecoveryProgress& state) { last = state; });
-    EXPECT_EQ(result.recovered, 3);
+    EXPECT_EQ(result.recovered, 4);
     EXPECT_EQ(result.withErrors, 1);
     EXPECT_EQ(result.failed, 0);
-    EXPECT_EQ(result.bytes, 5'002'077u);
+    EXPECT_EQ(result.bytes, 5'002'078u);
     EXPECT_EQ(last.filesDone, last.filesTotal);
     ASSERT_EQ(result.folder, target / "r");
     EXPECT_EQ(filesIn(target / "r"),
         (std::vector<std::string> {
-            "DCIM/100KAM/IMG_1.JPG", "skadet;fil.bin", "tom.txt", "ukendt.bin" }));
+            "DCIM/100KAM/IMG_1.JPG", "skadet;fil.bin", "tom.txt", "ukendt.bin", "vogn\rretur" }));
     EXPECT_TRUE(readFile(target / "r/DCIM/100KAM/IMG_1.JPG")
         == Bytes(disk.begin() + 4096, disk.begin() + 5'004'096));
     EXPECT_EQ(text(target / "r/Gendannelsesrapport.csv"),
         "Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n"
         "DCIM/100KAM/IMG_1.JPG;5000000;OK;God;0;\n"
+        "\"vogn\rretur\";1;OK;God;0;\n"
         "tom.txt;0;OK;God;0;\n"
         "ukendt.bin;77;OK;God;0;\n"
         "\"skadet;fil.bin\";2000;Ulæselige sektorer;Delvis;512;\"Dele \"\"mangler\"\"\"\n");
@@ -188,6 +162,37 @@ TEST_F(Recovery, KeepsNamesThatMeetOrAreHostileApartAndInside)
         std::string::npos);
 }
 
+TEST_F(Recovery, BelongsToWhoeverCalledAndIsPrivate)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs to be root";
+    addFile(addFolder(*root, "mappe"), "1.txt");
+    setenv("SUDO_UID", "4321", 1);
+    setenv("SUDO_GID", "1234", 1);
+    const std::vector<FileNode*> nodes { root->children()[0].get() };
+    RecoveryEngine::recover(nodes, "r", *source, target / "ny/dyb", {}, nullptr, progress);
+    unsetenv("SUDO_UID");
+    unsetenv("SUDO_GID");
+    struct stat status { };
+    for (const char* name : { "ny", "ny/dyb", "ny/dyb/r", "ny/dyb/r/mappe", "ny/dyb/r/mappe/1.txt",
+             "ny/dyb/r/Gendannelsesrapport.csv" }) {
+        ASSERT_EQ(::stat((target / name).c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, 4321u) << name;
+        EXPECT_EQ(status.st_gid, 1234u) << name;
+    }
+    ASSERT_EQ(::stat((target / "ny/dyb/r").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0700u);
+}
+
+TEST_F(Recovery, LeavesNoCutFileWhenMemoryRunsOut)
+{
+    addFile(*root, "1.txt", NoData {});
+    addFile(*root, "2.bin", ExtentList { { 0, 5_MiB } }, 5_MiB);
+    EXPECT_THROW(recover([](const RecoveryProgress&) { throw std::bad_alloc(); }), std::bad_alloc);
+    EXPECT_EQ(filesIn(target / "r"), std::vector<std::string> { "1.txt" });
+    EXPECT_TRUE(text(target / "r/Gendannelsesrapport.csv").ends_with("\n1.txt;1;OK;God;0;\n"));
+}
+
 TEST_F(Recovery, FollowsNoPlantedLink)
 {
     const TemporaryFolder elsewhere;
@@ -231,18 +236,39 @@ TEST_F(Recovery, LeavesHolesSparse)
 
 TEST_F(Recovery, EndsWhenTheDestinationIsFull)
 {
-    if (runCommand("mount -t tmpfs -o size=1m,nr_inodes=50 none " + target.path()) != 0)
+    if (runCommand("mount -t tmpfs -o size=2m,nr_inodes=50 none " + target.path()) != 0)
         GTEST_SKIP() << "needs to mount a small file system";
-    addFile(*root, "1 lille.txt");
+    addFile(*root, "1 tom.txt", NoData {});
     addFile(*root, "2 stor.bin", ExtentList { { 0, 5_MiB } }, 5_MiB);
-    addFile(*root, "3 lille.txt");
-    const auto result = recover();
+    addFile(*root, "3.bin", ExtentList { { 0, 1'500_KiB } }, 1'500_KiB);
+    addFile(*root, "4 lille.txt");
+    const std::string foreign = target / "andres";
+    const auto result = recover([&](const RecoveryProgress&) { // its room is taken on the way
+        writeFile(foreign, Bytes(700_KiB));
+    });
     const auto report = text(target / "r/Gendannelsesrapport.csv");
     const auto files = filesIn(target / "r");
     ASSERT_EQ(runCommand("umount " + target.path()), 0);
 
-    EXPECT_EQ(result.failures,
-        std::vector<std::string> { "Destinationen er fuld – gendannelsen blev stoppet." });
-    EXPECT_EQ(files, std::vector<std::string> { "1 lille.txt" });
-    EXPECT_NE(report.find("1 lille.txt;1;OK"), std::string::npos);
+    ASSERT_EQ(result.failures.size(), 2u);
+    EXPECT_TRUE(result.failures[0].starts_with(
+        "2 stor.bin: filen fylder 5242880 bytes, og på destinationen er der kun plads til "));
+    EXPECT_EQ(result.failures[1], "Destinationen er fuld – gendannelsen blev stoppet.");
+    EXPECT_EQ(files, std::vector<std::string> { "1 tom.txt" });
+    EXPECT_NE(report.find("1 tom.txt;1;OK"), std::string::npos);
+}
+
+TEST_F(Recovery, ReportsOnADiskThatOthersFill)
+{
+    if (runCommand("mount -t tmpfs -o size=1m none " + target.path()) != 0)
+        GTEST_SKIP() << "needs to mount a small file system";
+    addFile(*root, "1.txt");
+    for (int i = 0; i < 100; ++i) // takes no room on this file system, but in the report
+        addFile(*root, std::string(200, 'n'), ExtentList {}, 0);
+    const std::string foreign = target / "andres";
+    const auto result = recover([&](const RecoveryProgress&) { writeFile(foreign, Bytes(1_MiB)); });
+    const auto report = readFile(target / "r/Gendannelsesrapport.csv");
+    ASSERT_EQ(runCommand("umount " + target.path()), 0);
+    EXPECT_EQ(result.recovered, 101);
+    EXPECT_EQ(std::ranges::count(report, '\n'), 102);
 }

@@ -80,3 +80,31 @@ TEST(SourceEnd, IsToldOnTheVolumeAndOnEachFileBehindIt)
     noteSourceEnd(*whole, 10'000);
     EXPECT_TRUE(whole->notes.empty());
 }
+
+TEST(SourceEnd, LimitsSizesThatNothingCanHold)
+{
+    const ExtentList stored { { 0, 5'000 } }, sparse { { 0, 1'000 }, { std::nullopt, 8'000 } };
+    const struct {
+        FileSystemType type;
+        FileData data;
+        std::uint64_t size, expected;
+    } rows[] = {
+        { FileSystemType::apfs, stored, 5'000, 5'000 },
+        { FileSystemType::apfs, sparse, 9'000, 9'000 },
+        { FileSystemType::apfs, sparse, 9'001, 5'000 },
+        { FileSystemType::exfat, sparse, 9'000, 5'000 },
+        { FileSystemType::fat32, NoData {}, 5'001, 5'001 },
+        { FileSystemType::hfsplus, DecmpfsContent { .header = {}, .bytes = Bytes(1) }, 8'192,
+            8'192 },
+        { FileSystemType::hfsplus, DecmpfsContent { .header = {}, .bytes = Bytes(1) }, 8'193,
+            5'000 },
+    };
+    for (const auto& row : rows) {
+        const auto volume = volumeWith(row.type, { { "fil", row.data } });
+        auto& file = *volume->root->children()[0];
+        file.size = row.size;
+        limitSizes(*volume, 5'000);
+        EXPECT_EQ(file.size, row.expected) << row.size;
+        EXPECT_EQ(file.note.has_value(), row.size != row.expected);
+    }
+}
