@@ -121,6 +121,7 @@ std::vector<std::uint64_t> Search::candidates(std::uint64_t blockSize) const
                     += file.exact && file.size == witness.size ? 2 : 1;
     }
     std::vector<std::pair<std::size_t, std::uint64_t>> order;
+    order.reserve(votes.size());
     for (const auto& [base, count] : votes)
         order.emplace_back(std::numeric_limits<std::size_t>::max() - count, base);
     std::ranges::sort(order);
