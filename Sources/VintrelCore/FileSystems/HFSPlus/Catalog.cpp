@@ -49,7 +49,7 @@ std::size_t HFSPlusCatalog::recordLength(ByteView bytes)
         break;
     case folderThreadType:
     case fileThreadType:
-        length = threadName + 2 + std::int64_t { 2 } * data.u16be(threadName);
+        length = threadName + 2 + std::size_t { 2 } * data.u16be(threadName);
         break;
     default:
         return 0;
