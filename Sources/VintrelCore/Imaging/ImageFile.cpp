@@ -1,6 +1,7 @@
 #include "VintrelCore/Imaging/ImageFile.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/CallingUser.h"
 #include "VintrelCore/Foundation/FileIO.h"
 #include "VintrelCore/Imaging/RangeMap.h"
 
@@ -32,7 +33,8 @@ SystemResult<ImageFile> ImageFile::open(
     for (const auto& path : { mapPath, RangeMap::temporaryPath(mapPath) })
         if (::stat(path.c_str(), &status) == 0 && source.isFile(status))
             return SystemError(EBUSY);
-    if (::stat(imagePath.c_str(), &status) == 0)
+    const bool isNew = ::stat(imagePath.c_str(), &status) != 0;
+    if (!isNew)
         if (const auto refusal = refusalOf(status, source))
             return refusal;
 
@@ -44,6 +46,8 @@ SystemResult<ImageFile> ImageFile::open(
     // And once more of what was opened, which may be something else by now.
     if (const auto refusal = refusalOf(status, source))
         return refusal;
+    if (isNew)
+        CallingUser::own(image.descriptor_.get());
     image.sizeAtOpening_ = static_cast<std::uint64_t>(status.st_size);
     return image;
 }

@@ -1,5 +1,6 @@
 #include "VintrelCore/Imaging/RangeMap.h"
 
+#include "VintrelCore/Foundation/CallingUser.h"
 #include "VintrelCore/Foundation/FileDescriptor.h"
 #include "VintrelCore/Foundation/FileIO.h"
 #include "VintrelCore/Foundation/Text.h"
@@ -163,6 +164,7 @@ SystemError writeNewFile(const std::string& path, std::string_view text)
         ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file)
         return SystemError::last();
+    CallingUser::own(file.get());
     if (const auto written = FileIO::write(file.get(), text); written.error)
         return written.error;
     if (const SystemError error(CVintrel::flush(file.get())); error)

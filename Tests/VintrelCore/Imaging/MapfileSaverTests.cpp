@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <sys/stat.h>
 #include <tuple>
+#include <unistd.h>
 
 TEST(MapfileSaver, SaysThatProgressIsSavedOnlyWhenItIs)
 {
@@ -57,5 +60,25 @@ TEST(MapfileSaver, SaysThatProgressIsSavedOnlyWhenItIs)
         } else if (!isCancelled) {
             EXPECT_EQ(readFile(image), disk);
         }
+    }
+}
+
+TEST(DiskImager, LeavesItsFilesToWhoeverCalledThroughSudo)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs to be root";
+    const TemporaryFolder folder;
+    const auto image = folder / "disk.img";
+    const auto source = makeSource(patternBytes(4_KiB));
+    setenv("SUDO_UID", "4321", 1);
+    setenv("SUDO_GID", "1234", 1);
+    DiskImager(*source, image).run([](const ImagingStats&) {});
+    unsetenv("SUDO_UID");
+    unsetenv("SUDO_GID");
+    for (const auto& path : { image, image + ".map" }) {
+        struct stat status { };
+        ASSERT_EQ(::stat(path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, 4321u) << path;
+        EXPECT_EQ(status.st_gid, 1234u) << path;
     }
 }
