@@ -43,6 +43,7 @@ TEST(Carver, LetsNoDeadBeginningHideWhatLiesThereNow)
     };
     const Bytes pdf = bytesOf("%PDF-1.4\n1 0 obj\n");
     const Bytes otherPDF = bytesOf("7 0 obj\nstartxref\n500\n%%EOF\n");
+    const Bytes longerPDF = bytesOf("startxref\n99999\n%%EOF\n");
     const Content filmHead = Content()
                                  .text("RIFF")
                                  .le(5'000, 4)
@@ -63,6 +64,8 @@ TEST(Carver, LetsNoDeadBeginningHideWhatLiesThereNow)
         { "sound without any", reused(wave(0, 0)), "wav@0~512!" },
         { "sound of another recorder", reused(wave(0x7FFF'FFFF, 0x7FFF'F000)), "wav@0~512!" },
         { "a document, and the end of another one", { pdf, jpegFile(), jpegFile(), otherPDF },
+            "pdf@0~512!" },
+        { "a document, and the end of a longer one", { pdf, jpegFile(), jpegFile(), longerPDF },
             "pdf@0~512!" },
     };
     const auto photograph = "+" + std::to_string(jpegFile().size());

@@ -194,6 +194,15 @@ TEST(ExFAT, ListsDamagedSetsAsFarAsTheyCanBeTrusted)
     }
 }
 
+TEST(ExFAT, FoldersAreKnownByTheirContentWhereTheirFirstEntryIsLost)
+{
+    ExFATImage image;
+    const auto folder = image.addFolder(image.root(), { .name = u"Mappe" });
+    image.addFile(folder, { .name = u"fil.txt" }, bytesOf("x"));
+    image.bytes()[image.entryOffset(image.root(), 2)] = 0xFF;
+    EXPECT_EQ(chance(parse(image)["/Mappe/fil.txt"]), "God");
+}
+
 TEST(ExFAT, DeletedFoldersAreWalkedWhileTheirClustersHold)
 {
     ExFATImage image({ .clusters = 400 });
