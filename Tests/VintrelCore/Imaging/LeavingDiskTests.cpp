@@ -99,7 +99,7 @@ TEST_F(LeavingDisk, IsNotMistakenForADiskThatIsDamagedOrNeverReadWell)
     // Image files stay, whatever fails.
     std::filesystem::remove(image);
     auto environment = faultyDisk(disk, "");
-    environment.push_back("LEAVES=empty:1");
+    environment.emplace_back("LEAVES=empty:1");
     ChildProgram program({ "image", disk, image }, environment, folder / "output");
     EXPECT_EQ(program.wait(), 0);
     EXPECT_EQ(total(finished, bytes), 2_MiB);

@@ -72,13 +72,14 @@ Volume exfatVolume()
 Volume ntfsVolume()
 {
     NTFSImage image({ .clusters = 800, .records = 128 });
-    for (int i = 0; i < folderCount; ++i)
-        image.putFolder(static_cast<std::uint64_t>(24 + i), NTFSImage::root,
-            wide("Mappe " + std::to_string(i)));
+    constexpr std::uint64_t firstFolder = 24, firstFile = 30; // their records
+    for (std::uint64_t i = 0; i < folderCount; ++i)
+        image.putFolder(firstFolder + i, NTFSImage::root, wide("Mappe " + std::to_string(i)));
     for (int i = 0; i < fileCount; ++i) {
-        const FileReference folder { static_cast<std::uint64_t>(24 + i % folderCount), 1 };
+        const auto number = static_cast<std::uint64_t>(i);
+        const FileReference folder { firstFolder + number % folderCount, 1 };
         const auto content = contentOf(i);
-        image.put(static_cast<std::uint64_t>(30 + i),
+        image.put(firstFile + number,
             { .attributes
                 = { NTFSImage::standardInformation(), NTFSImage::fileName(folder, wide(nameOf(i))),
                     NTFSImage::data({ .runs = image.store(content), .size = content.size() }) } });

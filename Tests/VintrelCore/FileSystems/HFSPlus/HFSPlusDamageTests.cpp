@@ -67,10 +67,10 @@ TEST(HFSPlusDamage, ACutChainOfLeavesCostsOnlyWhatLayInTheLostSector)
         return "; Kataloget mangler " + std::to_string(count)
             + " af sine poster. Filer kan mangle.";
     };
-    const auto put = [](std::uint64_t at, Bytes bytes) {
+    const auto put = [](std::uint64_t at, const Bytes& bytes) {
         return [=](HFSPlusImage& image) { image.write(at, bytes); };
     };
-    const auto erase = [](std::vector<std::uint64_t> sectors) {
+    const auto erase = [](const std::vector<std::uint64_t>& sectors) {
         return [=](HFSPlusImage& image) {
             for (const auto at : sectors)
                 image.write(at, Bytes(sector));
