@@ -159,8 +159,10 @@ std::optional<CarvedFile> Carver::tryFormat(FormatReader read, std::uint64_t off
     reader_.limitWork(std::max(allowed - std::min(allowed, work_), minWork));
     auto found = read({ reader_, categories_, *searches_ });
     hasRunOut_ |= reader_.isExhausted();
-    if (found && (reader_.isExhausted() || found->size == 0))
+    if (found && (searches_->wasExhausted || found->size == 0))
         found.reset();
+    if (found && reader_.isExhausted())
+        found->isProved = false;
     if (found && found->size > reader_.size()) { // whatever the format says
         found->size = reader_.size();
         found->exact = false;

@@ -168,6 +168,18 @@ TEST(Carver, SpendsBoundedWorkOnBeginningsWithoutAnEnd)
     }
     for (std::uint64_t at = 1_MiB; at < size; at += hop)
         putChunk(at, "IDAT", at + hop);
+    constexpr std::uint64_t place = 256_KiB; // of a picture with a row's end to look at in each row
+    const Bytes bitmap = Content()
+                             .text("BM")
+                             .le(420'054, 4)
+                             .zeros(4)
+                             .le(54, 4)
+                             .le(40, 4)
+                             .le(9, 4)
+                             .le(15'000, 4)
+                             .le(1, 2)
+                             .le(24, 2);
+    std::ranges::copy(bitmap, bytes.begin() + static_cast<std::ptrdiff_t>(place));
     const auto source = makeSource(bytes);
     Carver carver(*source, carvedCategories());
     for (std::uint64_t at = 0; at < beginnings * 512; at += 512)
@@ -175,4 +187,9 @@ TEST(Carver, SpendsBoundedWorkOnBeginningsWithoutAnEnd)
             carver.check(ByteView(bytes).sub(static_cast<std::int64_t>(at), 64), at), std::nullopt);
     EXPECT_GT(source->bytesRead(), 100_MiB) << "beginnings are followed";
     EXPECT_LT(source->bytesRead(), 3 * 1024_MiB) << "but not all of them to the end of the disk";
+    EXPECT_TRUE(carver.hasRunOut());
+    const auto picture = carver.check(ByteView(bytes).sub(place, 64), place);
+    ASSERT_TRUE(picture) << "what tells its length is found, though nothing is left to prove it";
+    EXPECT_EQ(picture->size, 420'054u);
+    EXPECT_FALSE(picture->isProved);
 }

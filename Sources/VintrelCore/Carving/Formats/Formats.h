@@ -19,6 +19,9 @@ struct CarverSearches {
     RememberedSearch pdfStarts;
     RememberedSearch pdfEnds;
     RememberedSearch zipEnds;
+    /// Whether the last find was made of zeros, as reads answer that are not allowed any more. What
+    /// is read later only proves a find.
+    bool wasExhausted = false;
 };
 
 /// A place where a file may begin: what the format readers work with. Positions and sizes are in
@@ -31,6 +34,7 @@ struct Candidate {
     /// The file of this size that begins here.
     CarvedFile found(std::uint64_t size, std::string ext) const
     {
+        searches.wasExhausted = file.isExhausted();
         return { .offset = file.start(), .size = size, .ext = std::move(ext) };
     }
     /// The same of a file whose body was followed to its end.
