@@ -1,0 +1,11 @@
+#pragma once
+
+#include "VintrelCore/Content/Content.h"
+
+#include <memory>
+
+/// One checker for each format, made before the file's first byte was read. Each format's source
+/// names the document that it follows.
+namespace Content::Formats {
+
+} // namespace Content::Formats
