@@ -3,9 +3,7 @@
 #include "VintrelCLI/ByteCount.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 
-#include <ostream>
-
-void printDisks(const std::vector<DiskRecord>& disks, std::ostream& out)
+std::string describeDisks(const std::vector<DiskRecord>& disks)
 {
     using Unicode::escaped;
     std::string text;
@@ -18,5 +16,5 @@ void printDisks(const std::vector<DiskRecord>& disks, std::ostream& out)
                 + escaped(partition.content) + "\t" + escaped(partition.volumeName) + "\t"
                 + escaped(partition.mountPoint) + "\n";
     }
-    out.write(text.data(), static_cast<std::streamsize>(text.size())).flush();
+    return text;
 }

@@ -2,8 +2,8 @@
 
 #include "VintrelCore/Devices/DiskList.h"
 
-#include <iosfwd>
+#include <string>
 #include <vector>
 
-/// Prints disks, a line each, and below it a line for each partition; tabs separate the columns.
-void printDisks(const std::vector<DiskRecord>& disks, std::ostream& out);
+/// Disks, a line each, and below it a line for each partition; tabs separate the columns.
+std::string describeDisks(const std::vector<DiskRecord>& disks);

@@ -7,7 +7,6 @@
 #include "VintrelCore/Model/Volume.h"
 
 #include <algorithm>
-#include <ostream>
 
 namespace {
 
@@ -39,14 +38,14 @@ void appendNode(std::string& text, const FileNode& node, std::size_t depth)
 
 } // namespace
 
-void printTree(const Volume& volume, std::ostream& out)
+void listTree(const Volume& volume, const std::function<void(std::string_view)>& write)
 {
     std::string text = Unicode::escaped(volume.title()) + " [" + Unicode::escaped(volume.origin)
         + "] @ " + std::to_string(volume.offset) + "\n";
     for (const auto& note : volume.notes)
         text.append("     note: ").append(Unicode::escaped(note)).append("\n");
     const auto flush = [&] {
-        out.write(text.data(), static_cast<std::streamsize>(text.size())).flush();
+        write(text);
         text.clear();
     };
     volume.root->forEachDescendant([&](const FileNode& node, std::size_t depth) {

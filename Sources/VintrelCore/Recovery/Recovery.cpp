@@ -126,7 +126,10 @@ private:
         result_.bytes += node.size;
         const bool isEmptied = copied.isAllZero && node.status != EntryStatus::existing
             && node.size >= source_.sectorSize();
-        report_.add(path, node, copied.badBytes, isEmptied);
+        const RecoveredFile file { node, path, copied.badBytes, isEmptied };
+        report_.add(file);
+        if (options_.fileDone)
+            options_.fileDone(file);
     }
 
     /// Copies into a file that was just made. Only a whole one stays, also when memory runs out.

@@ -13,10 +13,25 @@
 
 class DiskSource;
 
+/// A file that was copied, as it is told of.
+struct RecoveredFile {
+    const FileNode& node;
+    std::string path;           ///< below the recovery folder
+    std::uint64_t badBytes = 0; ///< unreadable ones, which are zeros now
+    /// A file that does not exist any more, and of which nothing but zeros came out.
+    bool isEmptied = false;
+
+    /// The chance and the remark by what came out.
+    Recoverability chance() const;
+    std::string note() const;
+};
+
 struct RecoveryOptions {
     bool keepFolderStructure = true; ///< false: every file goes directly into the recovery folder
     bool restoreDates = true;
     bool writeReport = true; ///< "Gendannelsesrapport.csv" in the recovery folder
+    /// Hears of every file that was copied; may be empty.
+    std::function<void(const RecoveredFile&)> fileDone {};
 };
 
 struct RecoveryProgress {
@@ -41,6 +56,7 @@ struct RecoveryResult {
 /// Copies found files out of a source.
 namespace RecoveryEngine {
 
+using FileListener = decltype(RecoveryOptions::fileDone);
 using Reporter = std::function<void(const RecoveryProgress&)>;
 
 /// Makes a new folder named `rootName` below `destination` and copies the nodes into it, each once

@@ -4,6 +4,7 @@
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Recovery/Destination.h"
+#include "VintrelCore/Recovery/Recovery.h"
 
 #include <string_view>
 
@@ -65,19 +66,27 @@ void RecoveryReport::reserveRoom(Destination& destination)
 
 RecoveryReport::~RecoveryReport() { flush(); }
 
-void RecoveryReport::add(
-    const std::string& path, const FileNode& node, std::uint64_t badBytes, bool isEmptied)
+Recoverability RecoveredFile::chance() const
+{
+    return isEmptied ? Recoverability::poor : node.recoverability;
+}
+
+std::string RecoveredFile::note() const
+{
+    auto text = node.note.value_or(std::string());
+    if (isEmptied)
+        text.append(text.empty() ? "" : "; ").append(emptiedNote);
+    return text;
+}
+
+void RecoveryReport::add(const RecoveredFile& file)
 {
     if (!descriptor_)
         return;
-    auto note = node.note.value_or(std::string());
-    if (isEmptied)
-        note.append(note.empty() ? "" : "; ").append(emptiedNote);
-    const auto chance = isEmptied ? Recoverability::poor : node.recoverability;
-    rows_.append(csv(path)).append(";").append(std::to_string(node.size)).append(";");
-    rows_.append(badBytes == 0 ? "OK" : "Ulæselige sektorer").append(";");
-    rows_.append(label(chance)).append(";").append(std::to_string(badBytes)).append(";");
-    rows_.append(csv(note)).append("\n");
+    rows_.append(csv(file.path)).append(";").append(std::to_string(file.node.size)).append(";");
+    rows_.append(file.badBytes == 0 ? "OK" : "Ulæselige sektorer").append(";");
+    rows_.append(label(file.chance())).append(";").append(std::to_string(file.badBytes));
+    rows_.append(";").append(csv(file.note())).append("\n");
     flush();
 }
 

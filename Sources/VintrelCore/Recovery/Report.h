@@ -3,12 +3,11 @@
 #include "VintrelCore/Foundation/FileDescriptor.h"
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 #include <string_view>
 
 class Destination;
-class FileNode;
+struct RecoveredFile;
 
 /// The report "Gendannelsesrapport.csv". A row is written when its file is done, so that it is
 /// there also when the run is killed. Its file is made before all others, which keeps its name free
@@ -22,9 +21,8 @@ public:
     RecoveryReport& operator=(const RecoveryReport&) = delete;
     ~RecoveryReport();
 
-    /// Adds the row of a file that was copied. `path`: below the recovery folder. `isEmptied`: a
-    /// file that does not exist any more, and of which nothing but zeros came out.
-    void add(const std::string& path, const FileNode& node, std::uint64_t badBytes, bool isEmptied);
+    /// Adds the row of a file that was copied.
+    void add(const RecoveredFile& file);
 
 private:
     void reserveRoom(Destination& destination);

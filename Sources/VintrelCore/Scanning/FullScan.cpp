@@ -2,7 +2,6 @@
 
 #include "VintrelCore/FileSystems/VolumeLoader.h"
 #include "VintrelCore/Scanning/Overlay.h"
-#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <algorithm>
 #include <iterator>
@@ -26,7 +25,7 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
 {
     auto quick = QuickScanner::run(source, progress);
     if (listener.quickScanDone)
-        listener.quickScanDone(quick.notes);
+        listener.quickScanDone(quick);
     auto volumes = std::move(quick.volumes);
     if (!deep)
         return volumes;

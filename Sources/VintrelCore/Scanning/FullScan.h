@@ -3,11 +3,10 @@
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Scanning/DeepScan.h"
+#include "VintrelCore/Scanning/QuickScan.h"
 
 #include <functional>
 #include <optional>
-#include <string>
-#include <vector>
 
 class DiskSource;
 class WorkProgress;
@@ -17,7 +16,7 @@ namespace FullScan {
 
 /// Hears of what the user is told on the way. Each may be empty.
 struct Listener {
-    std::function<void(const std::vector<std::string>& notes)> quickScanDone;
+    std::function<void(const QuickScanner::ScanResult& result)> quickScanDone;
     std::function<void(const DeepScanStats& stats)> sweeping {}; ///< a few times a second
     std::function<void(const DeepScanResult& finds)> sweepDone;
 };

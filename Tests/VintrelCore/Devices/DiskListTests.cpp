@@ -6,16 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <sstream>
 
 namespace {
 
 std::string shown(const std::vector<DiskRecord>& disks)
 {
     setenv("LC_ALL", "C", 1);
-    std::ostringstream out;
-    printDisks(disks, out);
-    return out.str();
+    return describeDisks(disks);
 }
 
 /// A script that prints this text.

@@ -1,0 +1,33 @@
+#include "VintrelCLI/Commands.h"
+#include "VintrelCLI/Session.h"
+#include "VintrelCLI/VolumeSearch.h"
+#include "VintrelCore/Devices/DiskList.h"
+#include "VintrelCore/Scanning/QuickScan.h"
+
+void Commands::list(Session& session) { session.output.disks(DiskList::load()); }
+
+void Commands::scan(Session& session)
+{
+    session.output.source(*session.source);
+    session.reached = "Den hurtige scanning blev ikke færdig.";
+    const auto result = QuickScanner::run(*session.source, &session.progress);
+    session.output.layout(result.layout);
+    for (const auto& note : result.notes)
+        session.output.note(note);
+    for (const auto& volume : result.volumes)
+        session.output.volume(*volume);
+}
+
+void Commands::tree(Session& session)
+{
+    for (const auto& volume : allVolumes(session, deepScanByOption(session)))
+        session.output.tree(*volume);
+}
+
+void Commands::deep(Session& session)
+{
+    DeepScanOptions options;
+    options.carve = !session.has("--no-carve");
+    for (const auto& volume : allVolumes(session, options))
+        session.output.summary(*volume);
+}

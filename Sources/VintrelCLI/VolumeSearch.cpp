@@ -1,0 +1,35 @@
+#include "VintrelCLI/VolumeSearch.h"
+
+#include "VintrelCLI/ByteCount.h"
+#include "VintrelCLI/Session.h"
+#include "VintrelCore/Scanning/FullScan.h"
+
+std::optional<DeepScanOptions> deepScanByOption(const Session& session)
+{
+    return session.has("--deep") ? std::optional(DeepScanOptions()) : std::nullopt;
+}
+
+VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& deep)
+{
+    session.reached = "Den hurtige scanning blev ikke færdig.";
+    FullScan::Listener listener;
+    listener.quickScanDone = [&](const QuickScanner::ScanResult& result) {
+        session.output.context(*session.source, result.layout);
+        for (const auto& note : result.notes)
+            session.output.note(note);
+    };
+    listener.sweeping = [&](const DeepScanStats& stats) {
+        session.console.state().show([&] { return StateLine::describe(stats); });
+    };
+    listener.sweepDone = [&](const DeepScanResult& finds) {
+        session.output.sweep(finds);
+        session.reached = "Den dybe scanning nåede " + formatBytes(finds.scannedUpTo) + " af "
+            + formatBytes(session.source->size()) + ".";
+    };
+    auto volumes = FullScan::run(*session.source, deep, &session.progress, listener);
+    if (volumes.empty() && !deep && !session.progress.isCancelled())
+        session.console.complain(
+            "Der blev ikke fundet noget filsystem, der kan læses. En dyb scanning "
+            "(--deep) kan finde mere.");
+    return volumes;
+}
