@@ -1,5 +1,6 @@
 #include "VintrelCLI/CommandLine.h"
 
+#include "VintrelCLI/Advice.h"
 #include "VintrelCLI/Commands.h"
 #include "VintrelCLI/Session.h"
 #include "VintrelCLI/Signals.h"
@@ -30,6 +31,26 @@ constexpr std::string_view usage = R"(vintrel-cli – datagendannelse fra komman
 <kilde> er en billedfil eller et disknavn som disk4.
 )";
 
+/// What --help adds to the usage.
+constexpr std::string_view optionHelp = R"(
+Til alle:
+  --progress         Vis hele tiden, hvor langt kommandoen er nået
+  --json             Skriv resultatet som JSON, et objekt på hver linje (ikke image)
+Til tree og recover:
+  --deep             Led også efter tabte volumener og efter filer ud fra deres indhold
+Til deep:
+  --no-carve         Led ikke efter filer ud fra deres indhold
+Til recover:
+  --deleted          Kun det, der ikke længere findes (slettet, forældreløst, fundet via signatur)
+  --only MØNSTER     Kun stier, der passer: --only '*.jpg' --only 'DCIM/**' (kan gentages)
+  --type LISTE       Kun disse typer: --type jpg,pdf eller --type billeder
+  --chance LISTE     Kun med disse chancer: god, delvis, ringe, ukendt
+  --volume N         Kun det N'te volumen, som scan og tree viser (kan gentages)
+  --list-only        Skriv kun rapporten, og kopier intet
+
+»man vintrel-cli« fortæller mere.
+)";
+
 struct Command {
     std::string_view word;
     std::size_t needed; ///< arguments, the word among them
@@ -58,6 +79,7 @@ int statusOf(const Command& command, Session& session)
     if (hasSourceLeft)
         session.console.complain("Advarsel: " + Unicode::escaped(session.source->displayName())
             + " svarer ikke længere, og læsningen blev stoppet.");
+    session.output.end(!signal && !hasSourceLeft);
     if ((!signal && !hasSourceLeft) || command.tellsThatItWasStopped)
         return exitDone;
     session.console.complain("Stoppet: resultatet er ufuldstændigt. " + session.reached);
@@ -80,6 +102,7 @@ int perform(const Command& command, Session& session)
         command.perform(session);
     } catch (const SourceError& error) {
         session.console.complain("Fejl: " + Unicode::escaped(error.what()));
+        session.console.complain(std::string(Advice::after(error)));
         return exitNoSource;
     } catch (const std::bad_alloc&) {
         return endWithoutMemory(session);
@@ -93,21 +116,38 @@ int perform(const Command& command, Session& session)
 
 int run(std::span<const std::string> arguments, std::ostream& out, std::ostream& err)
 {
-    const auto* const command = arguments.empty()
-        ? std::end(commands)
-        : std::ranges::find(commands, arguments[0], &Command::word);
+    const std::string_view word = arguments.empty() ? std::string_view() : arguments[0];
+    if (word == "--version" || word == "--help") {
+        if (word == "--version")
+            out << "vintrel-cli " VINTREL_VERSION "\n" << std::flush;
+        else
+            out << usage << optionHelp << std::flush;
+        return exitDone;
+    }
+    const auto* const command = std::ranges::find(commands, word, &Command::word);
     if (command == std::end(commands) || arguments.size() < command->needed) {
         out << usage << std::flush;
         return exitUsage;
     }
-    StateLine state(
-        err, std::ranges::count(arguments, "--progress") != 0 && ::isatty(STDERR_FILENO));
+    const Options options(arguments);
+    StateLine state(err, options.has("--progress") && ::isatty(STDERR_FILENO));
     const auto show = [&state](double fraction, const std::string& message) {
         state.show([&] { return StateLine::describe(fraction, message); });
     };
     Console console(out, err, state);
-    const auto output = makeTextOutput(console);
+    std::optional<std::string> problem;
+    const Selection selection(arguments, problem);
+    const auto output = options.has("--json") ? makeJSONOutput(console) : makeTextOutput(console);
+    if (!output)
+        problem = "Dette program er bygget uden JSON. Brug det uden --json, eller byg det på en "
+                  "maskine, der har nlohmann/json.";
+    if (problem) {
+        console.complain("Fejl: " + *problem);
+        return exitUsage;
+    }
     Session session { .arguments = arguments,
+        .options = options,
+        .selection = selection,
         .console = console,
         .output = *output,
         .progress = WorkProgress(show),

@@ -1,3 +1,4 @@
+#include "VintrelCLI/Advice.h"
 #include "VintrelCLI/ByteCount.h"
 #include "VintrelCLI/Commands.h"
 #include "VintrelCLI/Session.h"
@@ -5,7 +6,6 @@
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Imaging/Imager.h"
-#include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Recovery/Recovery.h"
 
 #include <chrono>
@@ -25,45 +25,43 @@ void warnOfDestination(const Session& session)
             + "). Det, der skrives, kan overskrive det, der skal gendannes.");
 }
 
-/// What of a volume the options ask for.
-std::vector<FileNode*> chosenNodes(const Session& session, const Volume& volume)
-{
-    if (session.has("--deleted")) {
-        auto nodes = volume.root->allFiles();
-        std::erase_if(
-            nodes, [](const FileNode* node) { return node->status == EntryStatus::existing; });
-        return nodes;
-    }
-    std::vector<FileNode*> nodes;
-    for (const auto& child : volume.root->children())
-        nodes.push_back(child.get());
-    return nodes;
-}
-
 } // namespace
 
 void Commands::recover(Session& session)
 {
     warnOfDestination(session);
-    std::int64_t copied = 0; // files
+    std::int64_t copied = 0;  // files
+    std::uint64_t number = 0; // of the volume
+    bool hasChosen = false;
     for (const auto& volume : allVolumes(session, deepScanByOption(session))) {
         if (session.progress.isCancelled())
             break;
-        const auto nodes = chosenNodes(session, *volume);
+        if (!session.selection.takesVolume(++number))
+            continue;
+        const auto nodes = session.selection.nodes(*volume);
+        if (nodes.empty() && session.selection.isNarrowed())
+            continue;
+        hasChosen = true;
         const auto reporter = [&, start = StateLine::Clock::now()](const RecoveryProgress& done) {
             session.console.state().show(
                 [&] { return StateLine::describe(done, StateLine::Clock::now() - start); });
         };
         RecoveryOptions options;
-        options.fileDone = session.output.fileListener();
+        options.onlyReport = session.options.has("--list-only");
+        options.fileDone = session.output.recovering(*volume);
         const auto result = RecoveryEngine::recover(nodes, volume->title(), *session.source,
             session.arguments[2], options, reporter, session.progress);
         copied += result.recovered + result.withErrors;
         session.reached = "Gendannelsen nåede " + std::to_string(copied) + " filer.";
         session.output.recovered(*volume, result);
+        if (const auto advice = Advice::after(result); !advice.empty())
+            session.console.complain(std::string(advice));
         if (result.isDestinationFull)
             break;
     }
+    if (!hasChosen && session.selection.isNarrowed())
+        session.console.complain("Ingen fil passer til det, der er valgt. »vintrel-cli tree« viser "
+                                 "volumener, stier og chancer.");
 }
 
 void Commands::image(Session& session)

@@ -16,6 +16,9 @@ void Commands::scan(Session& session)
         session.output.note(note);
     for (const auto& volume : result.volumes)
         session.output.volume(*volume);
+    if (result.volumes.empty() && !session.progress.isCancelled())
+        session.console.complain("Der blev ikke fundet noget filsystem, der kan læses. "
+                                 "»vintrel-cli deep« leder videre på hele kilden.");
 }
 
 void Commands::tree(Session& session)
@@ -27,7 +30,7 @@ void Commands::tree(Session& session)
 void Commands::deep(Session& session)
 {
     DeepScanOptions options;
-    options.carve = !session.has("--no-carve");
+    options.carve = !session.options.has("--no-carve");
     for (const auto& volume : allVolumes(session, options))
         session.output.summary(*volume);
 }

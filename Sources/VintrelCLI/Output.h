@@ -36,9 +36,12 @@ public:
     virtual void tree(const Volume& volume) = 0;
     /// A volume in one line, as `deep` shows it.
     virtual void summary(const Volume& volume) = 0;
-    /// What `recover` is to be told of each file; empty where the form has nothing for it.
-    virtual RecoveryEngine::FileListener fileListener() = 0;
+    /// Told before a volume's files are copied. Returns what is to hear of each of them; empty
+    /// where the form has nothing for it.
+    virtual RecoveryEngine::FileListener recovering(const Volume& volume) = 0;
     virtual void recovered(const Volume& volume, const RecoveryResult& result) = 0;
+    /// The last words. `isComplete`: whether nothing stopped the command before its end.
+    virtual void end(bool isComplete) = 0;
 };
 
 /// The lines that a person reads.

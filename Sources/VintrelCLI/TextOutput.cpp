@@ -82,10 +82,16 @@ public:
             + number(totals.deleted) + " slettede/fundne");
     }
 
-    RecoveryEngine::FileListener fileListener() override { return {}; }
+    RecoveryEngine::FileListener recovering(const Volume&) override { return {}; }
 
     void recovered(const Volume& volume, const RecoveryResult& result) override
     {
+        if (result.listed > 0) {
+            console_.print(escaped(volume.title()) + ": " + std::to_string(result.listed)
+                + " filer valgt, " + formatBytes(result.bytes) + ", intet kopieret → "
+                + escaped(result.folder.value_or("-")));
+            return;
+        }
         console_.print(escaped(volume.title()) + ": " + std::to_string(result.recovered)
             + " gendannet, " + std::to_string(result.withErrors) + " med fejl, "
             + std::to_string(result.failed) + " mislykkedes → "
@@ -93,6 +99,8 @@ public:
         for (std::size_t i = 0; i < std::min(result.failures.size(), maxFailureLines); ++i)
             console_.print("   " + escaped(result.failures[i]));
     }
+
+    void end(bool) override { }
 
 private:
     Console& console_;

@@ -6,7 +6,7 @@
 
 std::optional<DeepScanOptions> deepScanByOption(const Session& session)
 {
-    return session.has("--deep") ? std::optional(DeepScanOptions()) : std::nullopt;
+    return session.options.has("--deep") ? std::optional(DeepScanOptions()) : std::nullopt;
 }
 
 VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& deep)

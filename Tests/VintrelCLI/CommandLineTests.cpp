@@ -2,6 +2,7 @@
 #include "Tests/Images/FATImage.h"
 #include "Tests/Support/ChildProgram.h"
 #include "Tests/Support/TestSource.h"
+#include "Tests/VintrelCLI/Card.h"
 #include "VintrelCLI/CommandLine.h"
 #include "VintrelCore/Imaging/RangeMap.h"
 
@@ -19,19 +20,6 @@
 
 namespace {
 
-/// What a command printed.
-struct Outcome {
-    int status = -1;
-    std::string out, err;
-};
-
-Outcome runWith(std::vector<std::string> arguments)
-{
-    std::ostringstream out, err;
-    const int status = run(arguments, out, err);
-    return { status, out.str(), err.str() };
-}
-
 /// What the real program prints, for what only a process of its own shows.
 std::string runProgram(
     const std::string& preparation, const std::string& arguments, int expectedStatus = 0)
@@ -42,38 +30,6 @@ std::string runProgram(
         << out;
     return out;
 }
-
-/// A memory card with a deleted photo, a damaged file and a name that would play with the terminal.
-class Card : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        setenv("TZ", "UTC", 1);
-        setenv("LC_ALL", "C", 1);
-        FATImage image({ .type = FileSystemType::fat16, .label = "KAMERA     " });
-        const auto folder = image.addFolder(FATImage::root, { .name = "DCIM       " });
-        image.addFile(folder, { .name = "IMG_0010JPG" }, patternBytes(2'000));
-        image.addFile(folder, { .name = "IMG_0002JPG" }, photo);
-        image.addFile(folder, { .name = "IMG_00~1JPG", .longName = u"Sommer ved søen.jpg" }, photo);
-        image.remove(folder, "IMG_00~1JPG");
-        image.addEntry(FATImage::root, { .name = "KNAEKKETTXT", .cluster = 1, .size = 9 });
-        image.addFile(FATImage::root,
-            { .name = "ESC     TXT", .longName = u"\u001B[2J\u202Egpj.exe" }, bytesOf("!"));
-        photoOffset = image.offsetOf(folder + 1 + 4);
-        writeFile(path, image.bytes());
-    }
-    void TearDown() override
-    {
-        unsetenv("TZ");
-        unsetenv("LC_ALL");
-        unsetenv("VINTREL_SIMULATE_BAD");
-    }
-
-    TemporaryFolder folder;
-    std::string path = folder / "kort.img";
-    Bytes photo = patternBytes(3'000, 7);
-    std::uint64_t photoOffset = 0; ///< of IMG_0002.JPG
-};
 
 } // namespace
 
@@ -191,7 +147,7 @@ TEST_F(Card, RecoverGoesOnAfterFailuresAndPrintsTenOfThem)
 
     // Files may grow to 8 KiB or less. What cannot be written whole is removed again.
     const auto out = runProgram("ulimit -f 8;", "recover " + path + " " + (folder / "ud"));
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 11) << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 12) << out; // the last one is advice
     EXPECT_TRUE(out.starts_with("Uden navn (FAT16): 1 gendannet, 0 med fejl, 25 mislykkedes → "))
         << out;
     EXPECT_NE(
@@ -301,7 +257,8 @@ TEST_F(Card, PointsToTheDeepScanWhereNothingCanBeRead)
           "kan finde mere.\n";
     EXPECT_EQ(runWith({ "tree", path }).err, hint);
     EXPECT_EQ(runWith({ "recover", path, folder / "ud" }).err, hint);
-    EXPECT_EQ(runWith({ "scan", path }).err, "");
+    EXPECT_TRUE(runWith({ "scan", path })
+                    .err.ends_with(" »vintrel-cli deep« leder videre på hele kilden.\n"));
     EXPECT_EQ(runWith({ "tree", path, "--deep" }).err, "");
 }
 
@@ -317,13 +274,25 @@ TEST_F(Card, DoesNotCallRecoveredWhatDidNotReachTheDisk)
     EXPECT_EQ(program.printed(),
         "KAMERA (FAT16): 0 gendannet, 0 med fejl, 5 mislykkedes → " + recovered + "\n   "
             + recovered + ": kunne ikke skrive alt til disken: " + SystemError(EIO).message()
-            + "\n");
+            + "\nPrøv det, der mislykkedes, igen med en mappe på en anden disk.\n");
+}
+
+TEST(CommandLine, TellsItsVersionAndItsOptions)
+{
+    const auto version = runWith({ "--version" });
+    EXPECT_EQ(version.status, 0);
+    EXPECT_TRUE(version.out.starts_with("vintrel-cli ") && version.out.ends_with("\n"));
+    const auto help = runWith({ "--help" });
+    EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(help.out.starts_with(runWith({}).out));
+    for (const char* option : { "--deep", "--no-carve", "--deleted", "--only", "--json" })
+        EXPECT_NE(help.out.find(std::string("\n  ") + option), std::string::npos) << option;
 }
 
 TEST(CommandLine, RefusesWhatItCannotUnderstandOrOpen)
 {
     for (const auto& arguments : std::vector<std::vector<std::string>> { {}, { "" }, { "scan" },
-             { "Scan", "x" }, { "recover", "x" }, { "image", "x" }, { "--help" } }) {
+             { "Scan", "x" }, { "recover", "x" }, { "image", "x" }, { "-h" } }) {
         const auto result = runWith(arguments);
         EXPECT_EQ(result.status, 1);
         EXPECT_EQ(result.out.size(), 628u);
@@ -331,11 +300,16 @@ TEST(CommandLine, RefusesWhatItCannotUnderstandOrOpen)
             "vintrel-cli – datagendannelse fra kommandolinjen\n\n  vintrel-cli list   "));
         EXPECT_EQ(result.err, "");
     }
+    const std::string checkName
+        = "Se efter, om navnet er skrevet rigtigt. »vintrel-cli list« viser diskene.\n";
     const std::pair<std::vector<std::string>, std::string> refused[] = {
-        { { "scan", "mangler.img" }, "Fejl: Filen findes ikke: mangler.img\n" },
-        { { "tree", "/" }, "Fejl: Kunne ikke åbne /: Det er en mappe\n" },
-        { { "scan", "disk99" }, "Fejl: Filen findes ikke: disk99\n" },
-        { { "scan", "\x1B]0;x\a.img" }, "Fejl: Filen findes ikke: \\x1B]0;x\\x07.img\n" },
+        { { "scan", "mangler.img" }, "Fejl: Filen findes ikke: mangler.img\n" + checkName },
+        { { "tree", "/" },
+            "Fejl: Kunne ikke åbne /: Det er en mappe\nGiv en billedfil eller en disk som kilde. "
+            "»vintrel-cli list« viser diskene.\n" },
+        { { "scan", "disk99" }, "Fejl: Filen findes ikke: disk99\n" + checkName },
+        { { "scan", "\x1B]0;x\a.img" },
+            "Fejl: Filen findes ikke: \\x1B]0;x\\x07.img\n" + checkName },
     };
     for (const auto& [arguments, message] : refused) {
         const auto result = runWith(arguments);

@@ -2,7 +2,7 @@
 
 SourceError SourceError::openFailed(const std::string& path, SystemError error)
 {
-    return { Kind::openFailed, "Kunne ikke åbne " + path + ": " + error.message() };
+    return { Kind::openFailed, "Kunne ikke åbne " + path + ": " + error.message(), error };
 }
 
 SourceError SourceError::authorizationFailed(const std::string& deviceName)

@@ -17,13 +17,17 @@ public:
     static SourceError attachFailed(const std::string& message);
 
     Kind kind() const { return kind_; }
+    /// What the system said; no error where it was not asked.
+    SystemError systemError() const { return systemError_; }
 
 private:
-    SourceError(Kind kind, const std::string& description)
+    SourceError(Kind kind, const std::string& description, SystemError error = {})
         : std::runtime_error(description)
         , kind_(kind)
+        , systemError_(error)
     {
     }
 
     Kind kind_;
+    SystemError systemError_;
 };

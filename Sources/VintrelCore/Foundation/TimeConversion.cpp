@@ -1,6 +1,7 @@
 #include "VintrelCore/Foundation/TimeConversion.h"
 
 #include <array>
+#include <cstdio>
 #include <ctime>
 
 namespace TimeConversion {
@@ -136,6 +137,25 @@ std::string localText(Date date, const char* pattern)
     if (::localtime_r(&seconds, &local) == nullptr)
         return {};
     return { text.data(), std::strftime(text.data(), text.size(), pattern, &local) };
+}
+
+std::string isoText(Date date)
+{
+    const auto day = floor<std::chrono::days>(date);
+    const std::chrono::year_month_day calendar(day);
+    const std::chrono::hh_mm_ss time(date - day);
+    std::array<char, 64> text {};
+    std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02d",
+        static_cast<int>(calendar.year()), static_cast<unsigned>(calendar.month()),
+        static_cast<unsigned>(calendar.day()), static_cast<int>(time.hours().count()),
+        static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
+    std::string result = text.data();
+    if (time.subseconds().count() != 0) {
+        std::snprintf(
+            text.data(), text.size(), ".%09lld", static_cast<long long>(time.subseconds().count()));
+        result += text.data();
+    }
+    return result + "Z";
 }
 
 } // namespace TimeConversion

@@ -37,4 +37,8 @@ std::optional<Date> fromAPFS(std::uint64_t value);
 /// second is cut off. Empty when the calendar does not reach so far.
 std::string localText(Date date, const char* pattern);
 
+/// A date in UTC as ISO 8601 has it: "2026-11-21T04:35:47Z", with nine digits of a second when it
+/// is not a whole one.
+std::string isoText(Date date);
+
 } // namespace TimeConversion

@@ -2,8 +2,9 @@
 
 std::vector<FindCount> findCounts(const DeepScanResult& result)
 {
-    return { { "signaturfund", result.carved.size() }, { "bootsektorer", result.boots.size() },
-        { "MFT-poster", result.mftRecords.size() },
-        { "FAT-mappesektorer", result.fatDirSectors.size() },
-        { "APFS-knuder", result.apfsLeafNodes.size() } };
+    return { { "signaturfund", "files", result.carved.size() },
+        { "bootsektorer", "bootSectors", result.boots.size() },
+        { "MFT-poster", "mftRecords", result.mftRecords.size() },
+        { "FAT-mappesektorer", "fatDirectorySectors", result.fatDirSectors.size() },
+        { "APFS-knuder", "apfsNodes", result.apfsLeafNodes.size() } };
 }

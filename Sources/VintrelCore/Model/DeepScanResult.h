@@ -40,6 +40,7 @@ struct DeepScanResult {
 /// A kind of find that the user is told the number of.
 struct FindCount {
     std::string_view words; ///< Danish, behind the number
+    std::string_view key;   ///< for programs
     std::size_t count;
 };
 

@@ -56,7 +56,11 @@ public:
             state_.bytesTotal += file->size;
         for (const auto* file : files) {
             result_.cancelled = progress_.isCancelled();
-            if (result_.cancelled || !copyFile(*file))
+            if (result_.cancelled)
+                break;
+            if (options_.onlyReport)
+                list(*file);
+            else if (!copyFile(*file))
                 break;
             ++state_.filesDone;
         }
@@ -126,7 +130,22 @@ private:
         result_.bytes += node.size;
         const bool isEmptied = copied.isAllZero && node.status != EntryStatus::existing
             && node.size >= source_.sectorSize();
-        const RecoveredFile file { node, path, copied.badBytes, isEmptied };
+        tell({ node, true, path, copied.badBytes, isEmptied });
+    }
+
+    void list(const FileNode& node)
+    {
+        ++result_.listed;
+        result_.bytes += node.size;
+        std::string path = sanitize(node.name);
+        const auto* folder = options_.keepFolderStructure ? node.parent() : nullptr;
+        for (; folder != nullptr && folder->parent() != nullptr; folder = folder->parent())
+            path.insert(0, sanitize(folder->name) + "/");
+        tell({ .node = node, .isCopied = false, .path = std::move(path) });
+    }
+
+    void tell(const RecoveredFile& file)
+    {
         report_.add(file);
         if (options_.fileDone)
             options_.fileDone(file);

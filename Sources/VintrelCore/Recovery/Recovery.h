@@ -13,9 +13,10 @@
 
 class DiskSource;
 
-/// A file that was copied, as it is told of.
+/// A file that was copied or listed, as it is told of.
 struct RecoveredFile {
     const FileNode& node;
+    bool isCopied = true;       ///< false: nothing was read of it
     std::string path;           ///< below the recovery folder
     std::uint64_t badBytes = 0; ///< unreadable ones, which are zeros now
     /// A file that does not exist any more, and of which nothing but zeros came out.
@@ -29,8 +30,9 @@ struct RecoveredFile {
 struct RecoveryOptions {
     bool keepFolderStructure = true; ///< false: every file goes directly into the recovery folder
     bool restoreDates = true;
+    bool onlyReport = false; ///< write the report of what would be copied, and copy nothing
     bool writeReport = true; ///< "Gendannelsesrapport.csv" in the recovery folder
-    /// Hears of every file that was copied; may be empty.
+    /// Hears of every file that was copied or listed; may be empty.
     std::function<void(const RecoveredFile&)> fileDone {};
 };
 
@@ -45,8 +47,9 @@ struct RecoveryProgress {
 struct RecoveryResult {
     std::int64_t recovered = 0;  ///< files copied without any unreadable byte
     std::int64_t withErrors = 0; ///< files copied with zeros for at least one
+    std::int64_t listed = 0;     ///< files that only the report tells of
     std::int64_t failed = 0;     ///< files that could not be created or written
-    std::uint64_t bytes = 0;     ///< sum of the sizes of the files copied
+    std::uint64_t bytes = 0;     ///< sum of the sizes of the files copied or listed
     bool cancelled = false;
     bool isDestinationFull = false;    ///< which ended the run
     std::optional<std::string> folder; ///< the recovery folder; none when it could not be made

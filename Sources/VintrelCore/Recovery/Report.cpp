@@ -25,6 +25,13 @@ bool flushTo(const FileDescriptor& descriptor, std::string& text)
 constexpr std::string_view emptiedNote
     = "Alt indhold er nul – disken har sandsynligvis selv tømt pladsen";
 
+std::string_view statusOf(const RecoveredFile& file)
+{
+    if (!file.isCopied)
+        return "Ikke kopieret";
+    return file.badBytes == 0 ? "OK" : "Ulæselige sektorer";
+}
+
 std::string csv(const std::string& field)
 {
     if (field.find_first_of(";\"\n\r") == std::string::npos)
@@ -84,7 +91,7 @@ void RecoveryReport::add(const RecoveredFile& file)
     if (!descriptor_)
         return;
     rows_.append(csv(file.path)).append(";").append(std::to_string(file.node.size)).append(";");
-    rows_.append(file.badBytes == 0 ? "OK" : "Ulæselige sektorer").append(";");
+    rows_.append(statusOf(file)).append(";");
     rows_.append(label(file.chance())).append(";").append(std::to_string(file.badBytes));
     rows_.append(";").append(csv(file.note())).append("\n");
     flush();

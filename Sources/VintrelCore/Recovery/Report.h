@@ -21,7 +21,7 @@ public:
     RecoveryReport& operator=(const RecoveryReport&) = delete;
     ~RecoveryReport();
 
-    /// Adds the row of a file that was copied.
+    /// Adds the row of a file that was copied or listed.
     void add(const RecoveredFile& file);
 
 private:

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string_view>
+
+class SourceError;
+struct RecoveryResult;
+
+/// Danish sentences that say what a user can do next when something went wrong.
+namespace Advice {
+
+std::string_view after(const SourceError& error);
+/// Empty when nothing kept files from being copied.
+std::string_view after(const RecoveryResult& result);
+
+} // namespace Advice

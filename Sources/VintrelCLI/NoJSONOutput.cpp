@@ -1,0 +1,3 @@
+#include "VintrelCLI/Output.h"
+
+std::unique_ptr<Output> makeJSONOutput(Console&) { return nullptr; }

@@ -1,0 +1,70 @@
+#include "Tests/VintrelCLI/Card.h"
+#include "VintrelCLI/Console.h"
+#include "VintrelCLI/Output.h"
+
+#include <algorithm>
+#include <iostream>
+
+namespace {
+
+bool hasJSON()
+{
+    StateLine state(std::cerr, false);
+    Console console(std::cout, std::cerr, state);
+    return makeJSONOutput(console) != nullptr;
+}
+
+/// Whether every byte may be shown as it is.
+bool isPlain(const std::string& text)
+{
+    return std::ranges::all_of(
+        text, [](char byte) { return byte == '\n' || (byte >= ' ' && byte <= '~'); });
+}
+
+} // namespace
+
+TEST_F(Card, IsToldToProgramsLineByLine)
+{
+    if (!hasJSON()) {
+        EXPECT_EQ(runWith({ "scan", path, "--json" }).status, 1);
+        GTEST_SKIP() << "built without a library that writes JSON";
+    }
+    const std::string source
+        = R"({"type":"source","name":"kort.img","size":2140672,"sectorSize":512})"
+          "\n";
+    const std::string partition
+        = R"({"type":"partition","index":1,"scheme":"Ingen","typeName":"Hele disken","name":"",)"
+          R"("offset":0,"size":2140672,"fileSystem":"FAT16"})"
+          "\n";
+    const std::string end = R"({"type":"end","complete":true})"
+                            "\n";
+    const std::string volume = R"~({"type":"volume","volume":1,"title":"KAMERA (FAT16)",)~";
+    const auto scan = runWith({ "scan", path, "--json" }).out;
+    EXPECT_TRUE(scan.starts_with(source + partition + volume)) << scan;
+    EXPECT_TRUE(scan.ends_with(R"("files":5,"folders":1,"deleted":1,"bytes":8010,"notes":[]})"
+                               "\n"
+        + end))
+        << scan;
+
+    const auto tree = runWith({ "tree", path, "--json" }).out;
+    EXPECT_TRUE(isPlain(tree));
+    EXPECT_EQ(std::count(tree.begin(), tree.end(), '\n'), 3 + 6 + 1);
+    for (const std::string part :
+        { R"("path":"/DCIM","directory":true,"size":0,)",
+            R"("path":"/DCIM/Sommer ved s\u00f8en.jpg","directory":false,"size":3000,"created":null,)"
+            R"("modified":"2025-10-03T12:00:00Z","status":"deleted","chance":"good","note":"",)",
+            R"("path":"/\u001b[2J\u202egpj.exe",)", R"("note":"Ugyldig startklynge",)",
+            R"("stored":"plain","extents":[{"offset":)" })
+        EXPECT_NE(tree.find(part), std::string::npos) << part << "\n" << tree;
+
+    setenv("VINTREL_SIMULATE_BAD",
+        (std::to_string(photoOffset) + "-" + std::to_string(photoOffset + 1)).c_str(), 1);
+    const auto recovered = runWith({ "recover", path, folder / "ud", "--json" }).out;
+    EXPECT_NE(recovered.find(R"("copied":true,"unreadable":512})"), std::string::npos) << recovered;
+    EXPECT_NE(recovered.find(R"("recovered":4,"withErrors":1,"failed":0,)"), std::string::npos);
+    EXPECT_TRUE(recovered.ends_with(end));
+    const auto deep = runWith({ "deep", path, "--json" }).out;
+    EXPECT_NE(
+        deep.find(R"("completed":true,"finds":{"files":0,"bootSectors":1,)"), std::string::npos)
+        << deep;
+}
