@@ -130,6 +130,13 @@ FileNode& FileNode::add(std::unique_ptr<FileNode> child)
     return *children_.emplace_back(std::move(child));
 }
 
+void FileNode::attach(Attachment attachment)
+{
+    if (!attachments)
+        attachments = std::make_unique<Attachments>();
+    attachments->push_back(std::move(attachment));
+}
+
 void FileNode::addNote(std::string_view text)
 {
     if (note)
