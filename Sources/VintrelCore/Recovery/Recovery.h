@@ -17,6 +17,9 @@ struct RecoveryOptions {
     bool keepFolderStructure = true; ///< false: every file goes directly into the recovery folder
     bool restoreDates = true;
     bool writeReport = true; ///< "Gendannelsesrapport.csv" in the recovery folder
+    /// Whether resource forks and extended attributes are recovered, each file's and folder's in an
+    /// AppleDouble file "._name" beside it. Those count as files of their own everywhere.
+    bool streams = false;
 };
 
 struct RecoveryProgress {
