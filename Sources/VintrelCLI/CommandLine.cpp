@@ -234,6 +234,8 @@ void deep(Session& session)
 void recover(Session& session)
 {
     warnOfDestination(session);
+    RecoveryOptions options;
+    options.streams = session.has("--streams");
     std::int64_t copied = 0; // files
     for (const auto& volume : allVolumes(session, deepScanByOption(session))) {
         if (session.progress.isCancelled())
@@ -252,7 +254,7 @@ void recover(Session& session)
                 [&] { return StateLine::describe(done, StateLine::Clock::now() - start); });
         };
         const auto result = RecoveryEngine::recover(nodes, volume->title(), *session.source,
-            session.arguments[2], {}, reporter, session.progress);
+            session.arguments[2], options, reporter, session.progress);
         copied += result.recovered + result.withErrors;
         session.reached = "Gendannelsen nåede " + std::to_string(copied) + " filer.";
         session.print(Unicode::escaped(volume->title()) + ": " + std::to_string(result.recovered)
