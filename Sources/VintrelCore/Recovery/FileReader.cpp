@@ -216,7 +216,7 @@ Bytes readFork(
     for (const auto& extent : data.fork) {
         const std::uint64_t end = start + extent.length;
         const std::uint64_t from = std::max(at, start);
-        const std::uint64_t to = std::min({ end, at + count, data.forkSize });
+        const std::uint64_t to = std::min(end, at + count);
         if (from < to) {
             const auto old = bytes.size();
             bytes.resize(old + static_cast<std::size_t>(to - from));
@@ -249,11 +249,12 @@ void streamDecmpfs(const DecmpfsContent& data, DiskSource& source, Delivery& del
             deliverUnpacked(
                 Decmpfs::unpack(header.method, data.bytes, header.size), header.size, delivery);
     } else {
+        const auto forkSize = data.packedSize();
         const auto read = [&](std::uint64_t at, std::uint64_t count) {
-            return readFork(data, source, at, std::min(count, data.forkSize));
+            return readFork(data, source, at, std::min(count, forkSize));
         };
         std::uint64_t left = header.size;
-        for (const auto& [offset, length] : Decmpfs::blocksOf(header, data.forkSize, read)) {
+        for (const auto& [offset, length] : Decmpfs::blocksOf(header, forkSize, read)) {
             if (delivery.isDone())
                 break;
             const auto size = std::min(left, Decmpfs::blockSize);

@@ -124,11 +124,10 @@ void APFSContent::fillCompressed(FileNode& node, const APFSFileRecords& records,
     if (!header->isInFork || fork->streamID == 0) {
         if (header->isInFork)
             content.bytes = bytesOf(*fork);
-        content.forkSize = content.bytes.size();
         judge(node, {});
     } else {
         // Judged as if the fork were the file.
-        node.size = content.forkSize = fork->size;
+        node.size = fork->size;
         fillExtents(node, records, live, inode, fork->streamID);
         content.fork = std::get<ExtentList>(std::move(node.data));
         node.size = header->size;
