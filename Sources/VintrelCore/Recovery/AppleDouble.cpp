@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/Rounding.h"
+#include "VintrelCore/Model/AppleAttributes.h"
 
 #include <algorithm>
 #include <array>
@@ -72,7 +73,7 @@ BE32 stored(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
 bool isFinderInfo(const Attachment& attachment)
 {
     const auto* bytes = std::get_if<Bytes>(&attachment.data);
-    return attachment.name == "com.apple.FinderInfo" && bytes != nullptr
+    return attachment.name == AppleAttributes::finderInfo && bytes != nullptr
         && bytes->size() == sizeof(FileStart::information);
 }
 
