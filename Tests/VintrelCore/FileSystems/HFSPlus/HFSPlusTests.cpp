@@ -151,7 +151,7 @@ TEST(HFSPlus, JudgesFilesByTheirExtentsAndTheAllocationFile)
         { "/komprimeret",
             "Ringe: HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke "
             "gendannes direkte" },
-        { "/ressource", "God: Filen har kun en ressourcegren, som ikke gendannes" },
+        { "/ressource", "God: Filen har kun en ressourcegren på 99 bytes" },
     };
     const auto disk = parse(image);
     for (const auto& [path, text] : expected)
