@@ -1,4 +1,4 @@
-// Files that macOS compressed.
+// Files that macOS compressed, and what it keeps beside the content of others.
 
 #include "Tests/Images/PackedContent.h"
 #include "Tests/Support/ParsedAPFS.h"
@@ -126,4 +126,31 @@ TEST(APFSCompression, ADeletedFileIsJudgedByTheBlocksOfItsFork)
             isReused ? "Ringe: Blokkene er genbrugt af andre filer" : "God");
         EXPECT_EQ(disk.content("/pakket"), content);
     }
+}
+
+TEST(APFSAttributes, BelongToTheirFilesAndFolders)
+{
+    APFSImage image({});
+    const auto stream = image.store(bytesOf("stor"));
+    const auto fork = image.store(bytesOf("gren"));
+    const std::string ring = "com.apple.ResourceFork";
+    image.commit({ image.file({ .id = 20, .parent = 2, .name = "fil" })
+        + Leaf { image.attribute(20, "com.apple.system.Security", "acl"),
+            image.attribute(20, "bemærkning", "abc"),
+            image.attributeStream(20, "lang", 90, blockSize),
+            image.extent(90, 0, blockSize, stream), image.attributeStream(20, ring, 91, blockSize),
+            image.extent(91, 0, blockSize, fork) }
+        + image.folder(21, 2, "mappe") + Leaf { image.attribute(21, "farve", "rød") }
+        + image.file({ .id = 22, .parent = 2, .name = "pakket", .bsdFlags = 0x20 })
+        + Leaf { image.attribute(22, "com.apple.decmpfs", header(14, 9)),
+            image.attribute(22, ring, "x") }
+        + image.file({ .id = 23, .parent = 2, .name = "tom" })
+        + Leaf { image.attribute(23, ring, "") } });
+    const auto disk = parse(image);
+    EXPECT_EQ(attachments(disk, "/fil"), "gren=gren;bemærkning=abc;lang=stor;");
+    EXPECT_EQ(chance(disk["/fil"]), "God: Filen har kun en ressourcegren på 4096 bytes");
+    EXPECT_EQ(attachments(disk, "/mappe"), "farve=r__d;");
+    EXPECT_EQ(attachments(disk, "/tom"), "");
+    EXPECT_EQ(attachments(disk, "/pakket"), "com.apple.decmpfs=fpmc_;gren=x;");
+    EXPECT_EQ(chance(disk["/pakket"]), notUnpacked) << "such a fork is no more than the content";
 }
