@@ -70,7 +70,7 @@ TEST_F(Recovery, WritesForkAndAttributesBesideTheirFile)
 TEST_F(Recovery, NamesAttachmentsAfterTheNamesThatTheirOwnersGot)
 {
     const auto give = [](FileNode& node) { node.attach(attribute("a", bytesOf("b"), 1)); };
-    give(addFile(*root, "to.txt"));
+    addFile(*root, "to.txt");
     give(addFile(*root, "to.txt"));
     addFile(*root, "uden.txt");
     auto& folder = addFolder(*root, "ma/ppe");
@@ -78,14 +78,14 @@ TEST_F(Recovery, NamesAttachmentsAfterTheNamesThatTheirOwnersGot)
     give(addFile(folder, "inde"));
     RecoveryProgress last;
     const auto result = recover(withStreams, [&](const RecoveryProgress& state) { last = state; });
-    EXPECT_EQ(result.recovered, 8);
-    EXPECT_EQ(last.filesDone, 8);
-    EXPECT_EQ(last.filesTotal, 8);
+    EXPECT_EQ(result.recovered, 7);
+    EXPECT_EQ(last.filesDone, 7);
+    EXPECT_EQ(last.filesTotal, 7);
     EXPECT_EQ(last.bytesDone, last.bytesTotal);
     EXPECT_EQ(filesIn(target / "r"),
-        (std::vector<std::string> { "._ma:ppe", "._to (2).txt", "._to.txt", "ma:ppe/._inde",
-            "ma:ppe/inde", "to (2).txt", "to.txt", "uden.txt" }));
-    EXPECT_EQ(recover({ .keepFolderStructure = false, .streams = true }).recovered, 7)
+        (std::vector<std::string> { "._ma:ppe", "._to (2).txt", "ma:ppe/._inde", "ma:ppe/inde",
+            "to (2).txt", "to.txt", "uden.txt" }));
+    EXPECT_EQ(recover({ .keepFolderStructure = false, .streams = true }).recovered, 6)
         << "a folder that is not made";
     EXPECT_EQ(recover().recovered, 4) << "without the option";
 }
