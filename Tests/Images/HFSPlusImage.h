@@ -60,7 +60,7 @@ public:
 
     static constexpr std::uint64_t blockSize = 512;
     static constexpr std::uint64_t nodeSize = 1024;
-    static constexpr std::uint32_t allocationBlock = 4;
+    static constexpr std::uint32_t allocationBlock = 3; ///< right behind the header
     static constexpr std::uint64_t offsetOf(std::uint32_t block) { return block * blockSize; }
     static constexpr std::uint64_t attributesOffset(std::uint32_t node)
     {
