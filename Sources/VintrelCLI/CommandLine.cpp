@@ -47,6 +47,7 @@ Til recover:
   --chance LISTE     Kun med disse chancer: god, delvis, ringe, ukendt
   --volume N         Kun det N'te volumen, som scan og tree viser (kan gentages)
   --list-only        Skriv kun rapporten, og kopier intet
+  --streams          Gendan også ressourcegrene, attributter og det, som macOS har pakket på HFS+
 
 »man vintrel-cli« fortæller mere.
 )";

@@ -47,6 +47,7 @@ void Commands::recover(Session& session)
                 [&] { return StateLine::describe(done, StateLine::Clock::now() - start); });
         };
         RecoveryOptions options;
+        options.streams = session.options.has("--streams");
         options.onlyReport = session.options.has("--list-only");
         options.fileDone = session.output.recovering(*volume);
         const auto result = RecoveryEngine::recover(nodes, volume->title(), *session.source,

@@ -7,6 +7,7 @@ namespace {
 
 constexpr std::uint32_t catalogNodes = 16;
 constexpr std::uint32_t extentsNodes = 4;
+constexpr std::uint32_t attributesNodes = 8;
 
 void append(Bytes& bytes, std::uint64_t value, int width)
 {
@@ -53,6 +54,7 @@ Bytes encoded(const HFSPlusImage::Record& record)
     putBE(bytes, at + 8, record.id, 4);
     putBE(bytes, at + 16, record.modified, 4);
     putBE(bytes, at + 41, record.ownerFlags, 1);
+    std::ranges::copy(record.finderInfo, bytes.begin() + static_cast<std::ptrdiff_t>(at) + 48);
     if (record.isFolder)
         return bytes;
     if (record.linkTo != 0) {
@@ -60,7 +62,7 @@ Bytes encoded(const HFSPlusImage::Record& record)
         putBE(bytes, at + 48, record.isFolderLink ? 0x666472704D414353 : 0x686C6E6B6866732B, 8);
     }
     putFork(bytes, at + 88, record.size, record.runs);
-    putFork(bytes, at + 168, record.resourceSize, {});
+    putFork(bytes, at + 168, record.resourceSize, record.resourceRuns);
     return bytes;
 }
 
@@ -74,6 +76,32 @@ Bytes encodedThread(const HFSPlusImage::Record& record)
     append(bytes, record.isFolder ? 3 : 4, 2);
     append(bytes, record.parent, 6);
     appendName(bytes, record.name);
+    return bytes;
+}
+
+Bytes encodedAttribute(const HFSPlusImage::Attribute& attribute)
+{
+    Bytes bytes;
+    append(bytes, 12 + 2 * attribute.name.size(), 2);
+    append(bytes, attribute.fileID, 6);
+    append(bytes, attribute.startBlock, 4);
+    appendName(bytes, attribute.name);
+    const auto at = bytes.size();
+    if (attribute.size == 0 && attribute.startBlock == 0) {
+        append(bytes, 0x10, 4);
+        append(bytes, 0, 8);
+        append(bytes, attribute.content.size(), 4);
+        bytes.insert(bytes.end(), attribute.content.begin(), attribute.content.end());
+        bytes.resize(bytes.size() + bytes.size() % 2);
+        return bytes;
+    }
+    const bool isFirst = attribute.startBlock == 0;
+    bytes.resize(at + (isFirst ? 88 : 72));
+    putBE(bytes, at, isFirst ? 0x20 : 0x30, 4);
+    if (isFirst)
+        putFork(bytes, at + 8, attribute.size, attribute.runs);
+    else
+        putExtents(bytes, at + 8, attribute.runs);
     return bytes;
 }
 
@@ -171,18 +199,40 @@ void HFSPlusImage::stateLeaves(const std::vector<std::uint8_t>& nodes)
     }
 }
 
-void HFSPlusImage::addOverflow(
-    std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Extent>& extents)
+void HFSPlusImage::addOverflow(std::uint32_t fileID, std::uint32_t startBlock,
+    const std::vector<Extent>& extents, bool isResourceFork)
 {
     Bytes record;
     append(record, 10, 2);
-    append(record, fileID, 6);
+    append(record, isResourceFork ? 0xFF00 : 0, 2);
+    append(record, fileID, 4);
     append(record, startBlock, 4);
     record.resize(12 + 64);
     putExtents(record, 12, extents);
     overflow_.push_back(record);
     putBE(bytes_, offsetOf(extentsBlock) + 16, 1, 4);
     writeNode(offsetOf(extentsBlock) + nodeSize, 0xFF, overflow_);
+}
+
+void HFSPlusImage::setAttributes(const std::vector<Attribute>& attributes, std::uint32_t node)
+{
+    putFork(bytes_, 1024 + 352, attributesNodes * nodeSize,
+        { { attributesBlock, 2 * attributesNodes } });
+    const auto at = attributesOffset(0);
+    putBE(bytes_, at + 8, 1, 1);
+    putBE(bytes_, at + 10, 3, 2);
+    for (const auto field : { 16, 24, 28 }) // root, first and last leaf
+        putBE(bytes_, at + static_cast<std::uint64_t>(field), 1, 4);
+    putBE(bytes_, at + 14, 1, 2); // depth
+    putBE(bytes_, at + 32, nodeSize, 2);
+    putBE(bytes_, at + 34, 266, 2);
+    putBE(bytes_, at + 36, attributesNodes, 4);
+    std::vector<Bytes> records;
+    for (const auto& attribute : attributes)
+        records.push_back(encodedAttribute(attribute));
+    if (node == 1)
+        putBE(bytes_, at + 20, records.size(), 4);
+    writeNode(attributesOffset(node), 0xFF, records);
 }
 
 void HFSPlusImage::setAllocated(std::uint32_t block)

@@ -22,6 +22,8 @@ public:
         std::uint64_t size = 0;
         std::vector<Extent> runs = {};
         std::uint64_t resourceSize = 0;
+        std::vector<Extent> resourceRuns = {};
+        std::string finderInfo = {};
         std::uint8_t ownerFlags = 0;
         std::uint32_t linkTo = 0; ///< not 0: a hard link to this iNode file, or to this folder
         bool isFolderLink = false;
@@ -39,15 +41,31 @@ public:
     /// Says in the header node what sound trees say: which leaf is the last one, how many records
     /// the leaves hold, and in its map record that these, the index and itself are in use.
     void stateLeaves(const std::vector<std::uint8_t>& nodes);
-    void addOverflow(
-        std::uint32_t fileID, std::uint32_t startBlock, const std::vector<Extent>& extents);
+    void addOverflow(std::uint32_t fileID, std::uint32_t startBlock,
+        const std::vector<Extent>& extents, bool isResourceFork = false);
+    struct Attribute {
+        std::uint32_t fileID;
+        std::u16string name;
+        Bytes content = {};
+        std::uint64_t size = 0; ///< not 0: the content lies in extents
+        std::vector<Extent> runs = {};
+        std::uint32_t startBlock = 0; ///< not 0: these are further extents
+    };
+    /// Makes these the records of a leaf node of the attributes file, of which number 1 alone is
+    /// part of the tree.
+    void setAttributes(const std::vector<Attribute>& attributes, std::uint32_t node = 1);
+
     /// Blocks are free until they are said to be in use.
     void setAllocated(std::uint32_t block);
 
     static constexpr std::uint64_t blockSize = 512;
     static constexpr std::uint64_t nodeSize = 1024;
-    static constexpr std::uint32_t allocationBlock = 4;
+    static constexpr std::uint32_t allocationBlock = 3; ///< right behind the header
     static constexpr std::uint64_t offsetOf(std::uint32_t block) { return block * blockSize; }
+    static constexpr std::uint64_t attributesOffset(std::uint32_t node)
+    {
+        return offsetOf(attributesBlock) + node * nodeSize;
+    }
     static constexpr std::uint64_t nodeOffset(std::uint32_t node)
     {
         return offsetOf(catalogBlock) + node * nodeSize;
@@ -56,6 +74,7 @@ public:
 private:
     static constexpr std::uint32_t extentsBlock = 8;
     static constexpr std::uint32_t catalogBlock = 16;
+    static constexpr std::uint32_t attributesBlock = 48;
 
     void writeNode(std::uint64_t at, std::uint8_t kind, const std::vector<Bytes>& records);
 

@@ -7,6 +7,7 @@
 #include "VintrelCore/Recovery/FileReader.h"
 
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -47,4 +48,23 @@ struct Parsed {
 inline std::string chance(const FileNode& node)
 {
     return std::string(label(node.recoverability)) + (node.note ? ": " + *node.note : "");
+}
+
+/// What is attached to a node: names, and what is text of each piece of the contents.
+inline std::string attachments(const Parsed& disk, std::string_view path)
+{
+    std::string text;
+    const auto& node = disk[path];
+    for (const auto& attachment : node.attachments ? *node.attachments : Attachments()) {
+        text += attachment.kind == Attachment::Kind::resourceFork ? "gren" : attachment.name;
+        text += "=";
+        const auto add = [&](const FileReader::Piece& piece) {
+            text += ByteView(piece.bytes).ascii(0, 20) + std::string(piece.holeLength, '0');
+            return true;
+        };
+        FileReader::stream(
+            { attachment.data, attachment.size }, *disk.source, 4096, std::nullopt, add);
+        text += ";";
+    }
+    return text;
 }

@@ -42,9 +42,17 @@ struct CompressedRuns {
 /// Content that macOS compressed, see Decmpfs.h.
 struct DecmpfsContent {
     Decmpfs::Header header;
-    Bytes bytes;                ///< the packed content or, where that has no extents, the fork
-    ExtentList fork {};         ///< of the resource fork
-    std::uint64_t forkSize = 0; ///< in bytes
+    Bytes bytes;        ///< the packed content or, where that has no extents, the fork
+    ExtentList fork {}; ///< the resource fork, up to its size
+
+    /// Of what is packed, in bytes.
+    std::uint64_t packedSize() const
+    {
+        std::uint64_t size = fork.empty() ? bytes.size() : 0;
+        for (const auto& extent : fork)
+            size += extent.length;
+        return size;
+    }
 
     bool operator==(const DecmpfsContent&) const = default;
 };

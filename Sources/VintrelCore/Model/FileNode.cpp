@@ -130,6 +130,22 @@ FileNode& FileNode::add(std::unique_ptr<FileNode> child)
     return *children_.emplace_back(std::move(child));
 }
 
+const Attachment* packedContentOf(const FileNode& node)
+{
+    if (!node.attachments)
+        return nullptr;
+    const auto found
+        = std::ranges::find(*node.attachments, Attachment::Kind::packedContent, &Attachment::kind);
+    return found == node.attachments->end() ? nullptr : &*found;
+}
+
+void FileNode::attach(Attachment attachment)
+{
+    if (!attachments)
+        attachments = std::make_unique<Attachments>();
+    attachments->push_back(std::move(attachment));
+}
+
 void FileNode::addNote(std::string_view text)
 {
     if (note)

@@ -22,6 +22,26 @@ enum class Recoverability { unknown, poor, partial, good };
 
 std::string_view label(Recoverability recoverability);
 
+/// What a file or folder has beside its content.
+struct Attachment {
+    enum class Kind : std::uint8_t {
+        resourceFork,
+        attribute,     ///< an extended attribute of macOS
+        packedContent, ///< the file's own, where the file itself is listed without it
+    };
+
+    Kind kind {};
+    Recoverability recoverability = Recoverability::good;
+    std::string name; ///< of an attribute
+    FileData data;
+    std::uint64_t size = 0; ///< in bytes
+};
+using Attachments = std::vector<Attachment>;
+
+class FileNode;
+/// The content of a file that is listed without it; none for all others.
+const Attachment* packedContentOf(const FileNode& node);
+
 /// What a subtree holds, its top not counted.
 struct Totals {
     std::uint64_t files = 0;
@@ -57,6 +77,7 @@ public:
     std::optional<std::string> note; ///< a Danish remark for the user
     std::uint64_t fsID
         = 0; ///< the file system's own number (cluster, record, object); 0 when it has none
+    std::unique_ptr<Attachments> attachments; ///< none when there are none, as nearly always
 
     /// Unique in the process, counted from 1 in the order of creation.
     std::int64_t id() const { return id_; }
@@ -68,6 +89,7 @@ public:
     /// Appends a child. Nothing is sorted, and names may repeat.
     FileNode& add(std::unique_ptr<FileNode> child);
     void removeAllChildren() { children_.clear(); }
+    void attach(Attachment attachment);
     /// Adds a remark; remarks that meet are joined with "; ".
     void addNote(std::string_view text);
     /// Sorts the whole subtree: folders first, then by name without regard to case and with numbers

@@ -41,8 +41,7 @@ std::uint64_t lengthOfRuns(const FileData& data, std::uint64_t sourceSize, bool 
 {
     std::uint64_t length = 0;
     if (const auto* packed = std::get_if<DecmpfsContent>(&data))
-        length = saturatingMultiply(
-            std::max<std::uint64_t>(packed->forkSize, packed->bytes.size()), maxPackingRatio);
+        length = saturatingMultiply(packed->packedSize(), maxPackingRatio);
     else if (const auto* bytes = std::get_if<Bytes>(&data))
         length = bytes->size();
     else if (const auto* extents = std::get_if<ExtentList>(&data))

@@ -216,7 +216,7 @@ Bytes readFork(
     for (const auto& extent : data.fork) {
         const std::uint64_t end = start + extent.length;
         const std::uint64_t from = std::max(at, start);
-        const std::uint64_t to = std::min({ end, at + count, data.forkSize });
+        const std::uint64_t to = std::min(end, at + count);
         if (from < to) {
             const auto old = bytes.size();
             bytes.resize(old + static_cast<std::size_t>(to - from));
@@ -249,11 +249,12 @@ void streamDecmpfs(const DecmpfsContent& data, DiskSource& source, Delivery& del
             deliverUnpacked(
                 Decmpfs::unpack(header.method, data.bytes, header.size), header.size, delivery);
     } else {
+        const auto forkSize = data.packedSize();
         const auto read = [&](std::uint64_t at, std::uint64_t count) {
-            return readFork(data, source, at, std::min(count, data.forkSize));
+            return readFork(data, source, at, std::min(count, forkSize));
         };
         std::uint64_t left = header.size;
-        for (const auto& [offset, length] : Decmpfs::blocksOf(header, data.forkSize, read)) {
+        for (const auto& [offset, length] : Decmpfs::blocksOf(header, forkSize, read)) {
             if (delivery.isDone())
                 break;
             const auto size = std::min(left, Decmpfs::blockSize);
@@ -269,41 +270,41 @@ void streamDecmpfs(const DecmpfsContent& data, DiskSource& source, Delivery& del
 
 } // namespace
 
-std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunkSize,
+std::uint64_t stream(const Content& content, DiskSource& source, std::size_t chunkSize,
     std::optional<std::uint64_t> limit, const Body& body)
 {
-    const std::uint64_t total = std::min(limit.value_or(node.size), node.size);
+    const std::uint64_t total = std::min(limit.value_or(content.size), content.size);
     Delivery delivery(source, chunkSize, total, body);
-    if (const auto* bytes = std::get_if<Bytes>(&node.data)) {
+    if (const auto* bytes = std::get_if<Bytes>(&content.data)) {
         delivery.deliver(*bytes);
-    } else if (const auto* extents = std::get_if<ExtentList>(&node.data)) {
+    } else if (const auto* extents = std::get_if<ExtentList>(&content.data)) {
         for (const auto& extent : *extents)
             delivery.deliverExtent(extent);
         delivery.deliverHole(delivery.remaining());
-    } else if (const auto* compressed = std::get_if<CompressedRuns>(&node.data)) {
+    } else if (const auto* compressed = std::get_if<CompressedRuns>(&content.data)) {
         streamCompressed(*compressed, source, delivery);
-    } else if (const auto* packed = std::get_if<DecmpfsContent>(&node.data)) {
+    } else if (const auto* packed = std::get_if<DecmpfsContent>(&content.data)) {
         streamDecmpfs(*packed, source, delivery);
     }
     return delivery.badBytes();
 }
 
-std::uint64_t streamedLength(const FileNode& node)
+std::uint64_t streamedLength(const Content& content)
 {
-    if (std::holds_alternative<NoData>(node.data))
+    if (std::holds_alternative<NoData>(content.data))
         return 0;
-    const auto* const bytes = std::get_if<Bytes>(&node.data);
-    return bytes != nullptr ? std::min<std::uint64_t>(bytes->size(), node.size) : node.size;
+    const auto* const bytes = std::get_if<Bytes>(&content.data);
+    return bytes != nullptr ? std::min<std::uint64_t>(bytes->size(), content.size) : content.size;
 }
 
-std::uint64_t storedLength(const FileNode& node, const DiskSource& source)
+std::uint64_t storedLength(const Content& content, const DiskSource& source)
 {
-    const std::uint64_t length = streamedLength(node);
+    const std::uint64_t length = streamedLength(content);
     std::uint64_t stored = 0;
-    if (const auto* extents = std::get_if<ExtentList>(&node.data)) {
+    if (const auto* extents = std::get_if<ExtentList>(&content.data)) {
         for (const auto& extent : *extents)
             stored += std::min(lengthOnSource(extent, source), length - stored);
-    } else if (const auto* compressed = std::get_if<CompressedRuns>(&node.data)) {
+    } else if (const auto* compressed = std::get_if<CompressedRuns>(&content.data)) {
         for (const auto& run : compressed->runs)
             if (run.lcn) // unpacked it is more
                 stored += std::min(

@@ -14,6 +14,14 @@ class DiskSource;
 /// unreadable bytes are zeros and are counted, and what is missing at the end is zeros too.
 namespace FileReader {
 
+/// Content that is kept somewhere: of a file, or of what belongs to one.
+struct Content {
+    const FileData& data;
+    std::uint64_t size = 0; ///< in bytes
+};
+
+inline Content contentOf(const FileNode& node) { return { node.data, node.size }; }
+
 /// A piece of a file, in file order: bytes, or a hole.
 struct Piece {
     std::span<const std::uint8_t> bytes; ///< valid during the call only; empty for a hole
@@ -28,17 +36,22 @@ struct Piece {
 /// Takes a piece; false ends the stream.
 using Body = std::function<bool(const Piece&)>;
 
-/// Hands the first min(`limit`, size) bytes of the file to `body`, in pieces of at most `chunkSize`
-/// bytes (compressed files: one compression unit). Resident data is not padded to the size, and a
-/// file without known data gives no piece. Returns the unreadable bytes.
-std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunkSize,
+/// Hands the first min(`limit`, size) bytes of the content to `body`, in pieces of at most
+/// `chunkSize` bytes (compressed files: one compression unit). Resident data is not padded to the
+/// size, and a file without known data gives no piece. Returns the unreadable bytes.
+std::uint64_t stream(const Content& content, DiskSource& source, std::size_t chunkSize,
     std::optional<std::uint64_t> limit, const Body& body);
+inline std::uint64_t stream(const FileNode& node, DiskSource& source, std::size_t chunkSize,
+    std::optional<std::uint64_t> limit, const Body& body)
+{
+    return stream(contentOf(node), source, chunkSize, limit, body);
+}
 
 /// How many bytes stream() hands on when it gets everything right, holes among them.
-std::uint64_t streamedLength(const FileNode& node);
+std::uint64_t streamedLength(const Content& content);
 
 /// How many of these lie on the source for certain, so that no destination can leave them out.
-std::uint64_t storedLength(const FileNode& node, const DiskSource& source);
+std::uint64_t storedLength(const Content& content, const DiskSource& source);
 
 /// The first min(`max`, size) bytes of the file.
 Bytes readPrefix(const FileNode& node, DiskSource& source, std::size_t max);

@@ -3,6 +3,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/WorkProgress.h"
+#include "VintrelCore/Recovery/AppleDouble.h"
 #include "VintrelCore/Recovery/Destination.h"
 #include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Recovery/FileWriter.h"
@@ -49,20 +50,23 @@ public:
     {
     }
 
-    void copy(const std::vector<FileNode*>& files)
+    /// `nodes`: files and, for what is attached to them, folders.
+    void copy(const std::vector<FileNode*>& nodes)
     {
-        state_.filesTotal = static_cast<std::int64_t>(files.size());
-        for (const auto* file : files)
-            state_.bytesTotal += file->size;
-        for (const auto* file : files) {
+        for (const auto* node : nodes) {
+            state_.filesTotal += filesFor(*node);
+            state_.bytesTotal
+                += node->size + (hasCompanion(*node) ? AppleDouble(*node->attachments).size() : 0);
+        }
+        for (const auto* node : nodes) {
             result_.cancelled = progress_.isCancelled();
             if (result_.cancelled)
                 break;
             if (options_.onlyReport)
-                list(*file);
-            else if (!copyFile(*file))
+                list(*node);
+            else if (!(node->isDirectory() ? copyFolder(*node) : copyFile(*node)))
                 break;
-            ++state_.filesDone;
+            state_.filesDone += filesFor(*node);
         }
         flushDestination();
         if (reporter_)
@@ -85,37 +89,120 @@ private:
         result_.withErrors = 0;
     }
 
+    /// A file to be made.
+    struct Output {
+        const FileNode& node; ///< whose size, dates and chance it has
+        std::vector<FileReader::Content> parts;
+    };
+
+    enum class Step { copied, failed, ended };
+
+    /// Whether a file is made of what is attached to a node.
+    bool hasCompanion(const FileNode& node) const
+    {
+        return options_.streams && node.attachments && AppleDouble::isFor(*node.attachments)
+            && (options_.keepFolderStructure || !node.isDirectory());
+    }
+
+    std::int64_t filesFor(const FileNode& node) const
+    {
+        return (node.isDirectory() ? 0 : 1) + (hasCompanion(node) ? 1 : 0);
+    }
+
     /// False when the job has to end.
     bool copyFile(const FileNode& node)
     {
         auto& folder
             = destination_.folderFor(options_.keepFolderStructure ? node.parent() : nullptr);
         std::string name = sanitize(node.name);
+        const auto* packed = options_.streams ? packedContentOf(node) : nullptr;
+        const auto step = packed != nullptr
+            ? copyPacked(node, *packed, folder, name)
+            : copyInto(folder, name, { node, { FileReader::contentOf(node) } });
+        if (step == Step::copied && hasCompanion(node))
+            return copyCompanion(node, folder, name);
+        return step != Step::ended;
+    }
+
+    /// Copies a file whose content is attached to it.
+    Step copyPacked(const FileNode& node, const Attachment& packed, Destination::Folder& folder,
+        std::string& name)
+    {
+        const auto file
+            = FileNode::makeFile(node.name, packed.size, node.status, packed.recoverability);
+        file->created = node.created;
+        file->modified = node.modified;
+        file->note = "Var pakket af HFS+ og er pakket ud";
+        return copyInto(folder, name, { *file, { { packed.data, packed.size } } });
+    }
+
+    /// Copies what is attached to a folder, which is made even where it stays empty. False when the
+    /// job has to end.
+    bool copyFolder(const FileNode& node)
+    {
+        if (!hasCompanion(node))
+            return true;
+        const auto& made = destination_.folderFor(&node);
+        return made.parent == nullptr || copyCompanion(node, *made.parent, made.name);
+    }
+
+    /// `name`: the one that the node got in the folder. False when the job has to end.
+    bool copyCompanion(const FileNode& node, Destination::Folder& folder, const std::string& name)
+    {
+        const AppleDouble file(*node.attachments);
+        std::string companionName = "._" + name;
+        const auto companion
+            = FileNode::makeFile(companionName, file.size(), node.status, file.recoverability());
+        companion->created = node.created;
+        companion->modified = node.modified;
+        companion->note = "Ressourcegren og udvidede attributter (AppleDouble)";
+        return copyInto(folder, companionName, { *companion, file.parts() }) != Step::ended;
+    }
+
+    /// `name`: the one that is wanted, and afterwards the one that the file got.
+    Step copyInto(Destination::Folder& folder, std::string& name, const Output& output)
+    {
         if (folder.error)
             return fail(folder, name, ": kunne ikke oprette mappen: ", folder.error);
         // A file that is larger than the destination has room for says nothing about the next one.
         const auto room = destination_.freeBytes();
-        const bool isLarger = room && FileReader::streamedLength(node) > *room;
-        if (isLarger && FileReader::storedLength(node, source_) > *room)
-            return failForSize(node, folder, name, *room);
+        const bool isLarger = room && streamedLength(output) > *room;
+        if (isLarger && storedLength(output) > *room)
+            return failForSize(output.node, folder, name, *room);
         auto created = destination_.createFile(folder, name);
         if (!created)
             return fail(folder, name, ": kunne ikke oprette filen: ", created.error());
         FileWriter writer(std::move(*created));
         if (isLarger && !writer.keepsHoles()) {
             destination_.remove(folder, name);
-            return failForSize(node, folder, name, *room);
+            return failForSize(output.node, folder, name, *room);
         }
 
-        const auto copied = copyOrRemove(node, std::move(writer), folder, name);
+        const auto copied = copyOrRemove(output, std::move(writer), folder, name);
         if (isLarger && isOutOfSpace(copied.error))
-            return failForSize(node, folder, name, *room);
+            return failForSize(output.node, folder, name, *room);
         if (copied.error)
             return fail(folder, name, ": kunne ikke skrive filen: ", copied.error);
         if (result_.cancelled)
-            return false;
-        count(node, Destination::path(folder, name), copied);
-        return true;
+            return Step::ended;
+        count(output.node, Destination::path(folder, name), copied);
+        return Step::copied;
+    }
+
+    static std::uint64_t streamedLength(const Output& output)
+    {
+        std::uint64_t length = 0;
+        for (const auto& part : output.parts)
+            length += FileReader::streamedLength(part);
+        return length;
+    }
+
+    std::uint64_t storedLength(const Output& output) const
+    {
+        std::uint64_t length = 0;
+        for (const auto& part : output.parts)
+            length += FileReader::storedLength(part, source_);
+        return length;
     }
 
     struct Copied {
@@ -135,6 +222,8 @@ private:
 
     void list(const FileNode& node)
     {
+        if (node.isDirectory())
+            return;
         ++result_.listed;
         result_.bytes += node.size;
         std::string path = sanitize(node.name);
@@ -152,12 +241,12 @@ private:
     }
 
     /// Copies into a file that was just made. Only a whole one stays, also when memory runs out.
-    Copied copyOrRemove(const FileNode& node, FileWriter writer, Destination::Folder& folder,
+    Copied copyOrRemove(const Output& output, FileWriter writer, Destination::Folder& folder,
         const std::string& name)
     {
         try {
             const auto copied
-                = copyContent(node, std::move(writer), Destination::path(folder, name));
+                = copyContent(output, std::move(writer), Destination::path(folder, name));
             if (copied.error || result_.cancelled)
                 destination_.remove(folder, name);
             return copied;
@@ -167,7 +256,7 @@ private:
         }
     }
 
-    Copied copyContent(const FileNode& node, FileWriter writer, const std::string& path)
+    Copied copyContent(const Output& output, FileWriter writer, const std::string& path)
     {
         Copied copied;
         const auto write = [&](const FileReader::Piece& piece) {
@@ -178,35 +267,39 @@ private:
             result_.cancelled = progress_.isCancelled();
             return !copied.error && !result_.cancelled;
         };
-        copied.badBytes = FileReader::stream(node, source_, copyPiece, std::nullopt, write);
-        const auto closed = writer.finish(node, options_.restoreDates);
+        for (const auto& part : output.parts) {
+            copied.badBytes += FileReader::stream(part, source_, copyPiece, std::nullopt, write);
+            if (copied.error || result_.cancelled)
+                break;
+        }
+        const auto closed = writer.finish(output.node, options_.restoreDates);
         if (!copied.error)
             copied.error = closed;
         return copied;
     }
 
-    /// Notes why a file could not be copied. False when the job has to end.
-    bool fail(const Destination::Folder& folder, const std::string& name, const char* what,
+    /// Notes why a file could not be copied. A full destination ends the job.
+    Step fail(const Destination::Folder& folder, const std::string& name, const char* what,
         SystemError error)
     {
         if (isOutOfSpace(error)) {
             result_.isDestinationFull = true;
             addFailure("Destinationen er fuld – gendannelsen blev stoppet.");
-            return false;
+            return Step::ended;
         }
         ++result_.failed;
         addFailure(Destination::path(folder, name) + what + error.message());
-        return true;
+        return Step::failed;
     }
 
     /// Notes that a file alone is larger than the destination has room for. The job goes on.
-    bool failForSize(const FileNode& node, const Destination::Folder& folder,
+    Step failForSize(const FileNode& node, const Destination::Folder& folder,
         const std::string& name, std::uint64_t room)
     {
         ++result_.failed;
         addFailure(Destination::path(folder, name) + ": filen fylder " + std::to_string(node.size)
             + " bytes, og på destinationen er der kun plads til " + std::to_string(room));
-        return true;
+        return Step::failed;
     }
 
     void addFailure(std::string line)
@@ -239,24 +332,23 @@ private:
     std::chrono::steady_clock::time_point lastReport_ {};
 };
 
-/// The files among the nodes and below them, each once, those that exist first.
-std::vector<FileNode*> filesToCopy(std::span<FileNode* const> nodes)
+/// The files among the nodes and below them, and the folders that something is attached to, each
+/// once, those that exist first.
+std::vector<FileNode*> nodesToCopy(std::span<FileNode* const> nodes)
 {
-    std::vector<FileNode*> files;
+    std::vector<FileNode*> wanted;
     std::unordered_set<const FileNode*> handled;
-    const auto take = [&](FileNode* node) {
-        if (handled.insert(node).second)
-            files.push_back(node);
+    const auto take = [&](FileNode& node, std::size_t) {
+        if ((!node.isDirectory() || node.attachments) && handled.insert(&node).second)
+            wanted.push_back(&node);
     };
     for (auto* node : nodes) {
-        if (node->isDirectory())
-            std::ranges::for_each(node->allFiles(), take);
-        else
-            take(node);
+        take(*node, 0);
+        node->forEachDescendant(take);
     }
-    std::stable_partition(files.begin(), files.end(),
+    std::stable_partition(wanted.begin(), wanted.end(),
         [](const FileNode* node) { return node->status == EntryStatus::existing; });
-    return files;
+    return wanted;
 }
 
 } // namespace
@@ -276,7 +368,7 @@ RecoveryResult recover(std::span<FileNode* const> nodes, const std::string& root
         return result;
     }
     result.folder = folder;
-    CopyJob(source, std::move(*root), options, reporter, progress, result).copy(filesToCopy(nodes));
+    CopyJob(source, std::move(*root), options, reporter, progress, result).copy(nodesToCopy(nodes));
     return result;
 }
 

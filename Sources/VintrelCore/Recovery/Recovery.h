@@ -34,6 +34,9 @@ struct RecoveryOptions {
     bool writeReport = true; ///< "Gendannelsesrapport.csv" in the recovery folder
     /// Hears of every file that was copied or listed; may be empty.
     std::function<void(const RecoveredFile&)> fileDone {};
+    /// Whether resource forks and extended attributes are recovered, each file's and folder's in an
+    /// AppleDouble file "._name" beside it. Those count as files of their own everywhere.
+    bool streams = false;
 };
 
 struct RecoveryProgress {

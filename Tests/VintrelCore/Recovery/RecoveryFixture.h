@@ -29,10 +29,16 @@ protected:
     RecoveryResult recover(
         const RecoveryEngine::Reporter& reporter = nullptr, const std::string& name = "r")
     {
+        return recover({}, reporter, name);
+    }
+    RecoveryResult recover(const RecoveryOptions& options,
+        const RecoveryEngine::Reporter& reporter = nullptr, const std::string& name = "r")
+    {
         std::vector<FileNode*> nodes;
         for (const auto& child : root->children())
             nodes.push_back(child.get());
-        return RecoveryEngine::recover(nodes, name, *source, target.path(), {}, reporter, progress);
+        return RecoveryEngine::recover(
+            nodes, name, *source, target.path(), options, reporter, progress);
     }
 
     /// Paths of the files below a folder, sorted, without the report.

@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Foundation/Binary.h"
+#include "VintrelCore/Model/AppleAttributes.h"
 #include "VintrelCore/Model/Chance.h"
 
 #include <algorithm>
@@ -97,9 +98,59 @@ void APFSContent::fill(FileNode& node, const APFSFileRecords& records, const APF
         fillSymlink(node, records, inode);
         return;
     }
-    if (node.size == 0 && records.attribute(inode.id, Kind::resourceFork) != nullptr)
-        node.addNote("Filen har kun en ressourcegren, som ikke gendannes");
     fillExtents(node, records, live, inode, inode.privateID);
+}
+
+void APFSContent::attach(
+    FileNode& node, const APFSFileRecords& records, const APFSFileRecords::Inode& inode)
+{
+    using Kind = APFSFileRecords::Attribute::Kind;
+    const bool isUnpacked = std::holds_alternative<DecmpfsContent>(node.data);
+    for (const auto& attribute : records.attributesOf(inode.id)) {
+        const bool isOther = attribute.kind == Kind::other;
+        const bool isContent = attribute.kind == Kind::symlink || (isUnpacked && !isOther);
+        if (isContent || (isOther && AppleAttributes::isHidden(records.text(attribute.name))))
+            continue;
+        const auto count = records.extentsOf(attribute.streamID).size()
+            + attribute.content.length / sizeof(Extent);
+        if ((attribute.kind == Kind::resourceFork && attribute.size == 0)
+            || !state_.extentBudget().take(1 + count))
+            continue;
+        if (attribute.kind == Kind::resourceFork && !inode.isCompressed)
+            AppleAttributes::noteResourceFork(node, attribute.size);
+        auto attachment = attachmentFor(records, attribute, inode);
+        // What became of a deleted file's blocks is known of its content alone.
+        if (node.status != EntryStatus::existing && attribute.streamID != 0
+            && !inode.leaf.isHeldBySnapshot)
+            attachment.recoverability
+                = std::min(attachment.recoverability, Recoverability::unknown);
+        node.attach(std::move(attachment));
+    }
+}
+
+Attachment APFSContent::attachmentFor(const APFSFileRecords& records,
+    const APFSFileRecords::Attribute& attribute, const APFSFileRecords::Inode& inode)
+{
+    using Kind = APFSFileRecords::Attribute::Kind;
+    const bool isFork = attribute.kind == Kind::resourceFork;
+    const auto name = attribute.kind == Kind::compression ? AppleAttributes::compression
+                                                          : records.text(attribute.name);
+    Attachment attachment { .kind
+        = isFork ? Attachment::Kind::resourceFork : Attachment::Kind::attribute,
+        .name = std::string(name),
+        .data = {} };
+    if (attribute.streamID == 0) {
+        const auto content = records.text(attribute.content);
+        attachment.data = Bytes(content.begin(), content.end());
+        attachment.size = content.size();
+        return attachment;
+    }
+    auto layout = layOut(records.extentsOf(attribute.streamID), attribute.size, inode);
+    if (!layout.isComplete)
+        attachment.recoverability = Recoverability::partial;
+    attachment.data = std::move(layout.extents);
+    attachment.size = attribute.size;
+    return attachment;
 }
 
 void APFSContent::fillCompressed(FileNode& node, const APFSFileRecords& records,
@@ -124,11 +175,10 @@ void APFSContent::fillCompressed(FileNode& node, const APFSFileRecords& records,
     if (!header->isInFork || fork->streamID == 0) {
         if (header->isInFork)
             content.bytes = bytesOf(*fork);
-        content.forkSize = content.bytes.size();
         judge(node, {});
     } else {
         // Judged as if the fork were the file.
-        node.size = content.forkSize = fork->size;
+        node.size = fork->size;
         fillExtents(node, records, live, inode, fork->streamID);
         content.fork = std::get<ExtentList>(std::move(node.data));
         node.size = header->size;

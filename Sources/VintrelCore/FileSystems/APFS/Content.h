@@ -25,6 +25,11 @@ public:
     void fill(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
         const APFSFileRecords::Inode& inode);
 
+    /// Attaches extended attributes and the resource fork to a file that was filled in, or to a
+    /// folder.
+    void attach(
+        FileNode& node, const APFSFileRecords& records, const APFSFileRecords::Inode& inode);
+
 private:
     /// A file's extents, up to its size, and what is known of them.
     struct Layout {
@@ -38,6 +43,8 @@ private:
         FileNode& node, const APFSFileRecords& records, const APFSFileRecords::Inode& inode);
     void fillCompressed(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
         const APFSFileRecords::Inode& inode);
+    Attachment attachmentFor(const APFSFileRecords& records,
+        const APFSFileRecords::Attribute& attribute, const APFSFileRecords::Inode& inode);
     /// `owner`: of the extents, the file itself or its resource fork.
     void fillExtents(FileNode& node, const APFSFileRecords& records, const APFSFileRecords* live,
         const APFSFileRecords::Inode& inode, std::uint64_t owner);

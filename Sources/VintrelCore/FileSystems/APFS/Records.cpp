@@ -208,12 +208,13 @@ void APFSFileRecords::addAttribute(std::uint64_t id, ByteView key, ByteView valu
         attribute.kind = Attribute::Kind::compression;
         attribute.size = Decmpfs::sizeIn(content).value_or(0);
         attribute.content = keepBytes(content);
-    } else if (is("com.apple.ResourceFork")) {
-        attribute.kind = Attribute::Kind::resourceFork;
+    } else {
+        attribute.kind
+            = is("com.apple.ResourceFork") ? Attribute::Kind::resourceFork : Attribute::Kind::other;
         attribute.size = attribute.streamID != 0 ? std::uint64_t { stream.size } : content.size();
         attribute.content = keepBytes(content);
-    } else {
-        return;
+        if (attribute.kind == Attribute::Kind::other)
+            attribute.name = keep(name);
     }
     attributes_.push_back(attribute);
 }
@@ -235,12 +236,12 @@ void APFSFileRecords::sort()
         return std::tuple(one.owner, one.logical, other.leaf.xid, one.block)
             < std::tuple(other.owner, other.logical, one.leaf.xid, other.block);
     });
-    std::ranges::sort(attributes_, [](const Attribute& one, const Attribute& other) {
-        return std::tuple(one.id, one.kind, other.leaf.xid, one.content.at)
-            < std::tuple(other.id, other.kind, one.leaf.xid, other.content.at);
+    std::ranges::sort(attributes_, [this](const Attribute& one, const Attribute& other) {
+        return std::tuple(one.id, one.kind, text(one.name), other.leaf.xid, one.content.at)
+            < std::tuple(other.id, other.kind, text(other.name), one.leaf.xid, other.content.at);
     });
-    const auto sameAttribute = [](const Attribute& one, const Attribute& other) {
-        return one.id == other.id && one.kind == other.kind;
+    const auto sameAttribute = [this](const Attribute& one, const Attribute& other) {
+        return one.id == other.id && one.kind == other.kind && text(one.name) == text(other.name);
     };
     attributes_.erase(
         std::unique(attributes_.begin(), attributes_.end(), sameAttribute), attributes_.end());
@@ -259,6 +260,11 @@ const APFSFileRecords::Attribute* APFSFileRecords::attribute(
         if (attribute.kind == kind)
             return &attribute;
     return nullptr;
+}
+
+std::span<const APFSFileRecords::Attribute> APFSFileRecords::attributesOf(std::uint64_t id) const
+{
+    return equalRange(attributes_, id, &Attribute::id);
 }
 
 std::span<const APFSFileRecords::Link> APFSFileRecords::linksOf(std::uint64_t id) const

@@ -70,16 +70,17 @@ public:
         std::uint64_t block = 0;   ///< 0: hole
     };
 
-    /// What an extended attribute tells of a file's content.
+    /// An extended attribute. Some tell of a file's content.
     struct Attribute {
-        enum class Kind { symlink, compression, resourceFork };
+        enum class Kind { symlink, compression, resourceFork, other };
 
         std::uint64_t id = 0;
         LeafVersion leaf;
         Kind kind {};
-        std::uint64_t size = 0;     ///< of the file without compression, or of the fork
+        std::uint64_t size = 0;     ///< of the file without compression; else of the content
         Text content;               ///< the link's target, or as it is stored in the record
         std::uint64_t streamID = 0; ///< the owner of the extents that have it; 0: the record has it
+        Text name {};               ///< of `other`
     };
 
     /// Adds the records of a leaf that are wanted, all of them without `isWanted`.
@@ -98,6 +99,7 @@ public:
     /// None when the number is not known.
     const Inode* inode(std::uint64_t id) const;
     const Attribute* attribute(std::uint64_t id, Attribute::Kind kind) const;
+    std::span<const Attribute> attributesOf(std::uint64_t id) const;
     std::span<const Link> linksOf(std::uint64_t id) const;
     /// By logical address.
     std::span<const Extent> extentsOf(std::uint64_t owner) const;

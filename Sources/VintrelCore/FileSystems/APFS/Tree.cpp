@@ -363,6 +363,7 @@ std::unique_ptr<FileNode> APFSFileTree::makeNode(const APFSFileRecords& records,
     node->modified = TimeConversion::fromAPFS(inode->modified);
     if (!isFolder)
         content_.fill(*node, records, live, *inode);
+    content_.attach(*node, records, *inode);
     if (link.leaf.isStandIn || inode->leaf.isStandIn)
         noteDoubts(*node, Doubt::olderRecord);
     return node;

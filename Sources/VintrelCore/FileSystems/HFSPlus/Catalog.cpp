@@ -215,6 +215,11 @@ CatalogFile HFSPlusCatalog::fileOf(const Entry& entry) const
     return dataOf(entry).load<CatalogFile>(0).value_or(CatalogFile {});
 }
 
+ByteView HFSPlusCatalog::finderInfoOf(const Entry& entry) const
+{
+    return entry.isThread ? ByteView() : dataOf(entry).sub(finderInfoOffset, finderInfoSize);
+}
+
 ByteView HFSPlusCatalog::recordOf(const Entry& entry) const
 {
     return ByteView(records_).sub(static_cast<std::int64_t>(entry.at), entry.length);

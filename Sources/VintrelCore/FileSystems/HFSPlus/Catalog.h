@@ -72,6 +72,8 @@ public:
     HFSPlusFormat::CatalogItem itemOf(const Entry& entry) const;
     /// The record of a file, which is there whole; all zeros for a folder.
     HFSPlusFormat::CatalogFile fileOf(const Entry& entry) const;
+    /// The Finder's information; empty when the record ends before it.
+    ByteView finderInfoOf(const Entry& entry) const;
 
 private:
     HFSPlusCatalog() = default;

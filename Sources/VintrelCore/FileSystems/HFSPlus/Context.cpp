@@ -55,26 +55,41 @@ void noteCatalog(Volume& volume, const HFSPlusCatalog& catalog)
             + " af sine poster. Filer kan mangle.");
 }
 
-void noteOverflow(Volume& volume, const HFSPlusTreeHealth& health)
+/// `file` and `fileFirst`: its name, and the same at the beginning of a sentence.
+void noteTree(Volume& volume, const HFSPlusTreeHealth& health, std::string_view file,
+    const std::string& fileFirst, std::string_view effect)
 {
-    constexpr std::string_view effect = "De sidste dele af fragmenterede filer kan mangle.";
-    noteLostBytes(volume, "extents-filen", health.lostBytes, effect);
+    noteLostBytes(volume, file, health.lostBytes, effect);
     if (health.isUnusable && health.lostBytes == 0)
-        volume.notes.push_back("Extents-filen kunne ikke læses. " + std::string(effect));
+        volume.notes.push_back(fileFirst + " kunne ikke læses. " + std::string(effect));
     else if (health.missingRecords > 0)
-        volume.notes.push_back("Extents-filen mangler " + std::to_string(health.missingRecords)
+        volume.notes.push_back(fileFirst + " mangler " + std::to_string(health.missingRecords)
             + " af sine poster. " + std::string(effect));
     else if (health.isCut && health.lostBytes == 0)
-        volume.notes.push_back("Extents-filens kæde af blade er afbrudt. " + std::string(effect));
+        volume.notes.push_back(fileFirst + "s kæde af blade er afbrudt. " + std::string(effect));
+}
+
+void noteAttributes(Volume& volume, const HFSPlusAttributes& attributes)
+{
+    constexpr std::string_view effect
+        = "Komprimerede filers indhold og udvidede attributter kan mangle.";
+    if (attributes.isCapped())
+        volume.notes.push_back(
+            "Attributfilen er for stor til at blive læst helt. " + std::string(effect));
+    else
+        noteTree(volume, attributes.health(), "attributfilen", "Attributfilen", effect);
 }
 
 /// Tells of metadata files that could not be read wholly.
-void noteLostMetadata(Volume& volume, const HFSPlusForks& forks, const HFSPlusCatalog& catalog)
+void noteLostMetadata(Volume& volume, const HFSPlusForks& forks, const HFSPlusCatalog& catalog,
+    const HFSPlusAttributes& attributes)
 {
     constexpr std::string_view effect
         = "Om slettede filers blokke er genbrugt, vides kun for nogle af dem.";
     noteCatalog(volume, catalog);
-    noteOverflow(volume, forks.overflowHealth());
+    noteTree(volume, forks.overflowHealth(), "extents-filen", "Extents-filen",
+        "De sidste dele af fragmenterede filer kan mangle.");
+    noteAttributes(volume, attributes);
     if (!forks.hasAllocation())
         volume.notes.emplace_back("Allokeringsfilen kunne ikke læses.");
     else if (forks.isAllocationShort())
@@ -110,12 +125,16 @@ std::unique_ptr<Volume> HFSContext::build(
     volume->root->fsID = rootFolderID;
     if (header_.start.signature == signatureHFSX)
         volume->notes.emplace_back("HFSX (versalfølsom)");
-    noteLostMetadata(*volume, forks, *catalog);
-    HFSPlusFileTree tree(forks, *catalog);
+    const HFSPlusAttributes attributes(forks, header_);
+    noteLostMetadata(*volume, forks, *catalog, attributes);
+    HFSPlusFileTree tree(forks, *catalog, attributes);
     tree.build(*volume->root);
     if (const auto count = tree.folderLinkCount(); count > 0)
         volume->notes.push_back(std::to_string(count)
             + " hårde links til mapper; hver mappe vises ved det første af sine links.");
+    if (tree.lacksAttributes())
+        volume->notes.emplace_back(
+            "Filsystemet har for mange udvidede attributter; nogle af dem er udeladt.");
     volume->root->sortChildren();
     volume->deepContext = std::make_unique<HFSPlusVolumeContext>(header_, catalog->isCapped());
     return volume;

@@ -30,6 +30,12 @@ std::size_t overflowRecordLength(ByteView bytes)
     return key && key->key.length == overflowKeyLength && bytes.size() >= length ? length : 0;
 }
 
+/// A fork of a file, as one number.
+std::uint64_t forkKey(std::uint32_t fileID, std::uint8_t forkType)
+{
+    return std::uint64_t { forkType } << 32 | fileID;
+}
+
 void addUsed(HFSPlusExtents& extents, const ExtentDescriptor& stored)
 {
     if (stored.blockCount != 0)
@@ -59,7 +65,7 @@ void HFSPlusForks::loadOverflow(const ForkData& extentsFile)
     tree->forEachLeafRecord(
         [this](ByteView record, std::uint32_t node) { addOverflow(record, node); });
     overflowHealth_ = tree->health(file);
-    for (auto& [id, records] : overflow_) {
+    for (auto& [fork, records] : overflow_) {
         std::erase_if(records, [&](const OverflowExtents& found) {
             return tree->useOf(found.node) == HFSPlusBTree::Use::givenUp;
         });
@@ -70,14 +76,14 @@ void HFSPlusForks::loadOverflow(const ForkData& extentsFile)
 void HFSPlusForks::addOverflow(ByteView record, std::uint32_t node)
 {
     const auto key = record.load<OverflowKey>(0);
-    if (!key || key->key.length != overflowKeyLength || key->forkType != dataForkType)
+    if (!key || key->key.length != overflowKeyLength)
         return;
     OverflowExtents found { .start = key->startBlock, .node = node, .extents = {} };
     std::int64_t at = sizeof(OverflowKey);
     for (std::size_t i = 0; i < extentsPerRecord; ++i, at += sizeof(ExtentDescriptor))
         if (const auto stored = record.load<ExtentDescriptor>(at))
             addUsed(found.extents, *stored);
-    overflow_[key->fileID].push_back(std::move(found));
+    overflow_[forkKey(key->fileID, key->forkType)].push_back(std::move(found));
 }
 
 void HFSPlusForks::loadAllocation(const ForkData& allocationFile)
@@ -130,10 +136,10 @@ HFSPlusExtents HFSPlusForks::inlineExtents(const ForkData& fork)
     return extents;
 }
 
-HFSPlusExtents HFSPlusForks::allExtents(const ForkData& fork, std::uint32_t fileID) const
+HFSPlusExtents HFSPlusForks::allExtents(const ForkData& fork, std::uint32_t fileID, Fork kind) const
 {
     auto extents = inlineExtents(fork);
-    const auto records = overflow_.find(fileID);
+    const auto records = overflow_.find(forkKey(fileID, static_cast<std::uint8_t>(kind)));
     if (records == overflow_.end())
         return extents;
     std::uint64_t covered = 0;

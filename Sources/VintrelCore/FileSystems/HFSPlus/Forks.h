@@ -42,8 +42,9 @@ public:
 
     /// The extents that the fork's own record names.
     static HFSPlusExtents inlineExtents(const HFSPlusFormat::ForkData& fork);
-    /// These, and those of a data fork that follow on in the extents overflow file.
-    HFSPlusExtents allExtents(const HFSPlusFormat::ForkData& fork, std::uint32_t fileID) const;
+    /// These, and those that follow on in the extents overflow file.
+    HFSPlusExtents allExtents(const HFSPlusFormat::ForkData& fork, std::uint32_t fileID,
+        HFSPlusFormat::Fork kind = HFSPlusFormat::Fork::data) const;
 
     /// A reader of a metadata file, of at most `cap` bytes of it, and no more than the source has.
     HFSPlusForkReader open(
@@ -81,8 +82,8 @@ private:
     const std::uint64_t base_;
     const std::uint64_t blockSize_;
     const std::uint64_t totalBlocks_;
-    std::unordered_map<std::uint32_t, std::vector<OverflowExtents>>
-        overflow_; // by file ID, ascending once loaded
+    std::unordered_map<std::uint64_t, std::vector<OverflowExtents>>
+        overflow_; // by file and fork, ascending once loaded
     HFSPlusTreeHealth overflowHealth_;
     std::vector<std::uint32_t> allocatedBefore_; // by groups of bytes of the allocation file
     Bytes allocation_;                           // empty: could not be read

@@ -14,6 +14,7 @@
 #include <array>
 #include <limits>
 #include <optional>
+#include <string>
 
 using namespace HFSPlusFormat;
 
@@ -47,7 +48,7 @@ public:
 private:
     void tryTree(const FoundTree& tree);
     bool tryHeaderCopies(const FoundTree& tree);
-    void placeByContent(const FoundTree& tree);
+    void place(const FoundTree& tree);
     std::optional<HeaderNode> headerNodeAt(std::uint64_t offset) const;
     ForkData overflowTree(const HFSPlusPlace::Geometry& geometry) const;
 
@@ -82,7 +83,7 @@ void Finder::tryTree(const FoundTree& tree)
         return;
     ++tried_;
     if (!tryHeaderCopies(tree))
-        placeByContent(tree);
+        place(tree);
 }
 
 /// Copies of the header say how far the catalog lies from the volume's start, and where other
@@ -108,13 +109,13 @@ bool Finder::tryHeaderCopies(const FoundTree& tree)
     return false;
 }
 
-void Finder::placeByContent(const FoundTree& tree)
+void Finder::place(const FoundTree& tree)
 {
     search_.reportFound(FileSystemType::hfsplus, "-filsystem");
-    const auto place = HFSPlusPlace::find(search_, placeOf(tree));
-    if (!place)
+    const auto found = HFSPlusPlace::find(search_, placeOf(tree));
+    if (!found)
         return;
-    const auto& [geometry, isCertain] = *place;
+    const auto& [geometry, isCertain, isByMap] = *found;
     VolumeHeader header {};
     header.start.signature = signatureHFSPlus;
     header.start.version = versionHFSPlus;
@@ -129,8 +130,8 @@ void Finder::placeByContent(const FoundTree& tree)
                           search_.progress(), { .mayLackHeader = true });
     if (!volume)
         return;
-    volume->notes.emplace_back(
-        "Volumeheaderen er tabt; filsystemets placering er fundet ud fra filernes indhold.");
+    volume->notes.push_back("Volumeheaderen er tabt; filsystemets placering er fundet ud fra "
+        + std::string(isByMap ? "dets kort over brugte blokke." : "filernes indhold."));
     if (!isCertain)
         for (auto* file : volume->root->allFiles())
             judgeFurther(*file, Doubt::uncertainPlace);

@@ -16,7 +16,8 @@ std::uint32_t nodeSizeAt(DiskSource& source, std::uint64_t offset);
 
 /// Finds the volumes of catalogs that lie outside all others. Where a volume begins follows from a
 /// copy of its header that lies anywhere, as in its journal; or else from files that were found by
-/// their content, when the catalog names files of the same kind and size.
+/// their content, when the catalog names files of the same kind and size, or from the allocation
+/// file.
 void findVolumes(LostVolumeSearch& search);
 
 } // namespace HFSPlusLooseCatalog

@@ -65,7 +65,8 @@ std::unique_ptr<FileNode> addLooseLeaves(
     if (catalog->looseEntries().empty())
         return nullptr;
     auto orphans = FileNode::makeFolder("$Tabte katalogposter", EntryStatus::orphaned);
-    HFSPlusFileTree(forks, *catalog).addLoose(*volume.root, *orphans);
+    const HFSPlusAttributes attributes(forks, context.header);
+    HFSPlusFileTree(forks, *catalog, attributes).addLoose(*volume.root, *orphans);
     volume.root->sortChildren();
     orphans->sortChildren();
     return orphans->children().empty() ? nullptr : std::move(orphans);

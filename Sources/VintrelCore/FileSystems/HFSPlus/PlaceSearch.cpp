@@ -27,6 +27,12 @@ constexpr std::size_t maxPairs = 1'000; // finds that a witness may be
 constexpr std::size_t minSupport = 2;   // one find can lie anywhere by chance
 constexpr std::int64_t headSize = 64;   // of a file; it tells the kind
 
+/// Files whose blocks are looked up in a map, and how many blocks of each extent.
+constexpr std::size_t maxForks = 400;
+constexpr std::uint64_t maxBlockChecks = 4'096;
+/// Of a map, in bytes, that is searched for blocks that are free.
+constexpr std::uint64_t searchedMap = 1'048'576;
+
 /// The usual ones first: of places that are equally well supported the first one counts.
 constexpr std::array<std::uint64_t, 8> blockSizes { 4096, 8192, 16'384, 32'768, 65'536, 2048, 1024,
     512 };
@@ -36,6 +42,13 @@ struct Witness {
     std::uint64_t block = 0; ///< its first one
     std::string ext;         ///< as carved files are called
     std::uint64_t size = 0;  ///< in bytes
+};
+
+/// Where the content of a file lies that exists.
+struct LiveFork {
+    HFSPlusExtents extents;
+    std::uint64_t blocks = 0; ///< in all of its extents
+    std::uint64_t size = 0;   ///< in bytes
 };
 
 std::string carvedExtension(std::string_view name)
@@ -68,19 +81,23 @@ public:
                 best = { .geometry = { base, blockSize },
                     .isCertain = 2 * support >= witnesses_.size() };
             }
-        return best;
+        return best ? best : bestByMap();
     }
 
 private:
     void gatherWitnesses();
     std::vector<std::uint64_t> candidates(std::uint64_t blockSize) const;
     std::size_t supportOf(const Geometry& geometry);
+    std::optional<Placement> bestByMap() const;
+    bool isMapped(const Geometry& geometry) const;
+    bool isUsed(std::uint64_t map, std::uint64_t block, std::uint64_t count) const;
 
     LostVolumeSearch& search_;
     DiskSource& source_;
     const CatalogPlace catalog_;
     Carver recogniser_;
     std::vector<Witness> witnesses_;
+    std::vector<LiveFork> forks_;
 };
 
 /// Reads the catalog as that of a volume which begins with it: what it says of files does not
@@ -96,11 +113,14 @@ void Search::gatherWitnesses()
     if (!catalog)
         return;
     for (const auto& entry : catalog->entries()) {
-        if (entry.isFolder || !entry.isLive() || witnesses_.size() >= maxWitnesses)
-            continue;
         const auto fork = catalog->fileOf(entry).dataFork;
+        if (entry.isFolder || !entry.isLive() || fork.extents.front().blockCount == 0)
+            continue;
+        if (forks_.size() < maxForks)
+            forks_.push_back(
+                { HFSPlusForks::inlineExtents(fork), fork.totalBlocks, fork.logicalSize });
         const auto name = catalog->nameOf(entry);
-        if (fork.extents.front().blockCount != 0 && categoryOf(name) != FileCategory::other)
+        if (witnesses_.size() < maxWitnesses && categoryOf(name) != FileCategory::other)
             witnesses_.push_back(
                 { fork.extents.front().startBlock, carvedExtension(name), fork.logicalSize });
     }
@@ -146,6 +166,56 @@ std::size_t Search::supportOf(const Geometry& geometry)
             = recogniser_.check(source_.read(offset, headSize, ReadMode::thorough), offset);
         return found && found->ext == witness.ext;
     }));
+}
+
+std::optional<Placement> Search::bestByMap() const
+{
+    for (const auto blockSize : blockSizes)
+        for (const auto base : search_.likelyStarts())
+            if (base < catalog_.offset && (catalog_.offset - base) % blockSize == 0
+                && isMapped({ base, blockSize }))
+                return Placement { .geometry = { base, blockSize }, .isByMap = true };
+    return std::nullopt;
+}
+
+/// Whether a map of used blocks lies where systems put it when they make a volume, right behind the
+/// header, and knows the catalog and nearly all of its files. A few may have changed before the
+/// disk was hurt.
+bool Search::isMapped(const Geometry& geometry) const
+{
+    const auto& [base, blockSize] = geometry;
+    const auto map
+        = base + unitsFor(volumeHeaderOffset + sizeof(VolumeHeader), blockSize) * blockSize;
+    if (!isUsed(map, 0, 1)
+        || !isUsed(map, (catalog_.offset - base) / blockSize, unitsFor(catalog_.size, blockSize)))
+        return false;
+    std::size_t known = 0;
+    std::size_t exact = 0; // as many blocks as the size needs, and no more
+    for (const auto& fork : forks_) {
+        const bool isMarked = std::ranges::all_of(fork.extents, [&](const HFSPlusExtent& extent) {
+            return isUsed(map, extent.startBlock, extent.blockCount);
+        });
+        known += isMarked && fork.blocks * blockSize >= fork.size ? 1 : 0;
+        exact += fork.blocks == unitsFor(fork.size, blockSize) ? 1 : 0;
+    }
+    if (known < minSupport || 16 * known < 15 * forks_.size() || 2 * exact < forks_.size())
+        return false;
+    // What is filled with ones is no map.
+    const auto length = std::min((source_.size() - base) / blockSize / 8, searchedMap);
+    const auto bytes = source_.read(map, static_cast<std::int64_t>(length), ReadMode::thorough);
+    return std::ranges::any_of(bytes, [](std::uint8_t byte) { return byte != 0xFF; });
+}
+
+/// Whether the map that begins at byte `map` calls the first ones of these blocks used.
+bool Search::isUsed(std::uint64_t map, std::uint64_t block, std::uint64_t count) const
+{
+    count = std::min(count, maxBlockChecks);
+    const auto bytes = source_.read(map + block / 8,
+        static_cast<std::int64_t>((block % 8 + count + 7) / 8), ReadMode::thorough);
+    for (std::uint64_t bit = block % 8; bit < block % 8 + count; ++bit)
+        if ((ByteView(bytes).u8(static_cast<std::int64_t>(bit / 8)) & 0x80 >> bit % 8) == 0)
+            return false;
+    return true;
 }
 
 } // namespace

@@ -21,6 +21,7 @@ struct Geometry {
 struct Placement {
     Geometry geometry;
     bool isCertain = false; ///< most files that can speak for a place speak for this one
+    bool isByMap = false;   ///< no content speaks for it, but the map of blocks in use does
 };
 
 /// A catalog file in one piece, in bytes on the source.
@@ -28,8 +29,9 @@ struct CatalogPlace {
     std::uint64_t offset, size;
 };
 
-/// The place at which most of the catalog's files have contents of their kind; none when too few
-/// have.
+/// The place at which most of the catalog's files have contents of their kind. Where too few have,
+/// a likely one at which the allocation file calls all blocks of the catalog and of its files used;
+/// none when there is no such one either.
 std::optional<Placement> find(LostVolumeSearch& search, const CatalogPlace& catalog);
 
 } // namespace HFSPlusPlace

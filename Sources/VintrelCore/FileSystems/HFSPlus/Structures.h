@@ -112,7 +112,8 @@ static_assert(sizeof(OverflowKey) == 12);
 
 constexpr std::uint16_t overflowKeyLength = 10;
 constexpr std::uint16_t maxCatalogKeyLength = 516; ///< TN1150: kHFSPlusCatalogKeyMaximumLength
-constexpr std::uint8_t dataForkType = 0;
+/// Of a key's fork type.
+enum class Fork : std::uint8_t { data = 0, resource = 0xFF };
 
 /// The start of a catalog record's key; `nameLength` UTF-16 units follow. TN1150:
 /// HFSPlusCatalogKey.
@@ -143,12 +144,15 @@ static_assert(sizeof(CatalogItem) == 48 && offsetof(CatalogItem, ownerFlags) == 
 /// TN1150: HFSPlusCatalogFile.
 struct CatalogFile {
     CatalogItem item;                  //   0
-    BE32 fileType, fileCreator;        //  48, 52
+    BE32 fileType, fileCreator;        //  48, 52  here the Finder's information begins
     std::array<std::uint8_t, 32> more; //  56
     ForkData dataFork;                 //  88
     ForkData resourceFork;             // 168
 };
 static_assert(sizeof(CatalogFile) == 248 && offsetof(CatalogFile, dataFork) == 88);
+
+constexpr std::size_t finderInfoOffset = 48; ///< in the records of files and folders
+constexpr std::size_t finderInfoSize = 32;
 
 constexpr std::uint16_t folderType = 1;
 constexpr std::uint16_t fileType = 2;
@@ -166,9 +170,50 @@ constexpr std::uint32_t hardLinkCreator = 0x6866732B; // "hfs+"
 constexpr std::uint32_t folderLinkType = 0x66647270;    // "fdrp"
 constexpr std::uint32_t folderLinkCreator = 0x4D414353; // "MACS"
 
+/// The key of a record of the attributes file; the name's UTF-16 units follow. TN1150 has the file
+/// and its records, and not yet this key: it is that of HFSPlusAttrKey in macOS' hfs_format.h.
+struct AttributeKey {
+    RecordKey key;   //  0
+    BE16 pad;        //  2
+    BE32 fileID;     //  4
+    BE32 startBlock; //  8  of an attribute in extents, where these begin
+    BE16 nameLength; // 12
+};
+static_assert(sizeof(AttributeKey) == 14);
+
+constexpr std::uint32_t minAttributeKeyLength = 12; ///< with an empty name
+constexpr std::uint32_t maxAttributeNameLength = 127;
+
+/// An attribute whose content follows. HFSPlusAttrData of hfs_format.h.
+struct AttributeData {
+    BE32 type;                            //  0
+    std::array<std::uint8_t, 8> reserved; //  4
+    BE32 size;                            // 12  in bytes
+};
+static_assert(sizeof(AttributeData) == 16);
+
+/// An attribute that has extents of its own. TN1150: HFSPlusAttrForkData.
+struct AttributeFork {
+    BE32 type, reserved; // 0, 4
+    ForkData fork;       // 8
+};
+static_assert(sizeof(AttributeFork) == 88);
+
+/// Further extents of one. TN1150: HFSPlusAttrExtents.
+struct AttributeExtents {
+    BE32 type, reserved;                                    // 0, 4
+    std::array<ExtentDescriptor, extentsPerRecord> extents; // 8
+};
+static_assert(sizeof(AttributeExtents) == 72);
+
+constexpr std::uint32_t attributeDataType = 0x10;
+constexpr std::uint32_t attributeForkType = 0x20;
+constexpr std::uint32_t attributeExtentsType = 0x30;
+
 constexpr std::uint32_t rootFolderID = 2;
 constexpr std::uint32_t extentsFileID = 3;
 constexpr std::uint32_t catalogFileID = 4;
 constexpr std::uint32_t allocationFileID = 6;
+constexpr std::uint32_t attributesFileID = 8;
 
 } // namespace HFSPlusFormat

@@ -46,9 +46,11 @@ bool isHardLink(const CatalogFile& file)
 
 } // namespace
 
-HFSPlusFileTree::HFSPlusFileTree(const HFSPlusForks& forks, const HFSPlusCatalog& catalog)
+HFSPlusFileTree::HFSPlusFileTree(
+    const HFSPlusForks& forks, const HFSPlusCatalog& catalog, const HFSPlusAttributes& attributes)
     : forks_(forks)
     , catalog_(catalog)
+    , content_(forks, attributes)
 {
     indexHardLinks();
     indexFolderLinks();
@@ -211,7 +213,7 @@ void HFSPlusFileTree::noteContested(const std::vector<std::unique_ptr<FileNode>>
         const auto& entry = catalog_.entries()[i];
         if (!nodes[i] || entry.isLive() || isHardLink(catalog_.fileOf(entry)))
             continue;
-        const auto* extents = std::get_if<ExtentList>(&nodes[i]->data);
+        const auto* extents = extentsOf(nodes[i]->data);
         bool isStart = true;
         for (const auto& extent : extents != nullptr ? *extents : ExtentList {}) {
             if (extent.offset)
@@ -260,85 +262,45 @@ std::unique_ptr<FileNode> HFSPlusFileTree::makeNode(const Entry& entry)
     node->created = TimeConversion::fromHFS(item.created);
     node->modified = TimeConversion::fromHFS(item.modified);
     node->fsID = entry.id;
-    if (!entry.isFolder)
+    if (entry.isFolder)
+        content_.attachAttributes(
+            *node, catalog_.finderInfoOf(entry), { entry.id, entry.isLive() });
+    else
         fill(*node, entry);
     return node;
 }
 
 void HFSPlusFileTree::fill(FileNode& node, const Entry& entry)
 {
-    auto id = entry.id;
-    bool isLive = entry.isLive();
-    auto file = catalog_.fileOf(entry);
-    const bool isLink = isHardLink(file);
+    const bool isLink = isHardLink(catalog_.fileOf(entry));
+    const auto* listed = isLink ? linkedFile(entry) : &entry;
+    if (listed == nullptr) {
+        judge(node, Doubt::missingLinkedFile);
+        return;
+    }
+    const auto file = catalog_.fileOf(*listed);
     if (isLink) {
-        const auto* linked = linkedFile(entry);
-        if (linked == nullptr) {
-            judge(node, Doubt::missingLinkedFile);
-            return;
-        }
-        id = linked->id;
-        isLive = linked->isLive(); // the content outlives a link that was deleted
-        file = catalog_.fileOf(*linked);
         node.created = TimeConversion::fromHFS(file.item.created);
         node.modified = TimeConversion::fromHFS(file.item.modified);
     }
-    if (isFolderLink(file))
+    // The content outlives a link that was deleted.
+    const HFSPlusContent::Owner owner { listed->id, listed->isLive() };
+    content_.fill(node, file, owner);
+    if (isFolderLink(file)) {
         node.addNote("Hårdt link til en mappe, som vises ved det første af sine links");
-    node.size = file.dataFork.logicalSize;
-    if ((file.item.ownerFlags & compressedFlag) != 0) {
-        node.data = ExtentList {};
-        judge(node, Doubt::compressedByHFS);
         return;
     }
-    if (node.size == 0 && file.resourceFork.logicalSize != 0)
-        node.addNote("Filen har kun en ressourcegren, som ikke gendannes");
-    fillExtents(node, file.dataFork, id, isLive);
     if (isLink && isTooMuchShared(node)) {
         node.data = NoData {};
         judgeFurther(node, Doubt::sharedContent);
     }
+    content_.attachFork(node, file, owner);
+    content_.attachAttributes(node, catalog_.finderInfoOf(*listed), owner);
 }
 
 bool HFSPlusFileTree::isTooMuchShared(const FileNode& node)
 {
-    const auto* extents = std::get_if<ExtentList>(&node.data);
+    const auto* extents = extentsOf(node.data);
     sharedExtents_ += extents != nullptr ? extents->size() : 0;
     return sharedExtents_ > maxSharedExtents;
-}
-
-/// `isLive`: whether the content belongs to a file that exists. The extents overflow file describes
-/// a deleted file's later pieces no longer.
-void HFSPlusFileTree::fillExtents(
-    FileNode& node, const ForkData& fork, std::uint32_t id, bool isLive) const
-{
-    const auto stored = isLive ? forks_.allExtents(fork, id) : HFSPlusForks::inlineExtents(fork);
-    ExtentList extents;
-    bool isOnSource = true;
-    std::uint64_t remaining = node.size;
-    for (const auto& extent : stored) {
-        if (remaining == 0)
-            break;
-        extents.push_back(forks_.pieceOf(extent, remaining));
-        remaining -= extents.back().length;
-        isOnSource = isOnSource && forks_.isOnSource(extents.back());
-    }
-    if (remaining > 0)
-        extents.push_back({ std::nullopt, remaining });
-    node.data = std::move(extents);
-    if (isLive)
-        judge(node, remaining > 0 || !isOnSource ? Doubts(Doubt::missingExtents) : Doubts());
-    else if (remaining > 0)
-        judge(node, Doubt::missingLaterExtents);
-    else
-        judgeDeleted(node, stored);
-}
-
-/// Without any of the allocation file the volume's note says why nothing is known.
-void HFSPlusFileTree::judgeDeleted(FileNode& node, const HFSPlusExtents& stored) const
-{
-    auto doubts = doubtsOf(forks_.useOf(stored, node.size), appleReuse);
-    if (doubts.has(Doubt::unknownAllocation) && forks_.hasAllocation())
-        doubts.add(Doubt::unknownReuse);
-    judge(node, doubts);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/FileSystems/HFSPlus/Catalog.h"
+#include "VintrelCore/FileSystems/HFSPlus/Content.h"
 #include "VintrelCore/FileSystems/HFSPlus/Forks.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/ParentLinks.h"
@@ -10,11 +11,12 @@
 #include <unordered_map>
 #include <vector>
 
-/// Makes the tree of files from a catalog, with the chance of each. Neither the forks nor the
-/// catalog may die before it. Used by one thread at a time.
+/// Makes the tree of files from a catalog, with the chance of each. None of the three that it is
+/// made of may die before it. Used by one thread at a time.
 class HFSPlusFileTree {
 public:
-    HFSPlusFileTree(const HFSPlusForks& forks, const HFSPlusCatalog& catalog);
+    HFSPlusFileTree(const HFSPlusForks& forks, const HFSPlusCatalog& catalog,
+        const HFSPlusAttributes& attributes);
 
     /// Hangs every file and folder of the catalog below `root`. Those that the root does not reach
     /// come side by side into a folder of their own.
@@ -25,6 +27,8 @@ public:
 
     /// How many hard links to folders there are.
     std::size_t folderLinkCount() const { return folderLinkCount_; }
+    /// Whether extended attributes were left out because there were too many.
+    bool lacksAttributes() const { return content_.isFull(); }
 
 private:
     using Entry = HFSPlusCatalog::Entry;
@@ -41,13 +45,11 @@ private:
     ParentLinks linksBetween(const std::vector<FileNode*>& folders) const;
     std::unique_ptr<FileNode> makeNode(const Entry& entry);
     void fill(FileNode& node, const Entry& entry);
-    void fillExtents(
-        FileNode& node, const HFSPlusFormat::ForkData& fork, std::uint32_t id, bool isLive) const;
     bool isTooMuchShared(const FileNode& node);
-    void judgeDeleted(FileNode& node, const HFSPlusExtents& stored) const;
 
     const HFSPlusForks& forks_;
     const HFSPlusCatalog& catalog_;
+    HFSPlusContent content_;
     std::unordered_map<std::uint32_t, const Entry*>
         linkedFiles_; // what hard links stand for, by the number in its name
     std::unordered_map<std::uint32_t, const Entry*>

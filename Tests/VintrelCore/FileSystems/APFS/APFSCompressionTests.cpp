@@ -1,9 +1,12 @@
-// Files that macOS compressed.
+// Files that macOS compressed, and what it keeps beside the content of others.
 
+#include "Tests/Images/PackedContent.h"
 #include "Tests/Support/ParsedAPFS.h"
 #include "VintrelCore/Foundation/Compression/Compression.h"
 
 #include <gtest/gtest.h>
+
+using namespace PackedContent;
 
 namespace {
 
@@ -11,14 +14,6 @@ constexpr std::uint64_t blockSize = APFSImage::blockSize;
 constexpr std::uint64_t packedBlock = 65'536; // bytes of the content in each block of a fork
 const std::string notUnpacked = "Ringe: APFS-komprimeret fil – indholdet ligger i en skjult "
                                 "attribut og kan ikke gendannes direkte";
-
-void addLE(Bytes& bytes, std::uint64_t value, int width)
-{
-    bytes.resize(bytes.size() + static_cast<std::size_t>(width));
-    putLE(bytes, bytes.size() - static_cast<std::size_t>(width), value, width);
-}
-
-void add(Bytes& bytes, const Bytes& more) { bytes.insert(bytes.end(), more.begin(), more.end()); }
 
 /// A zlib stream (RFC 1950) of one block that is not compressed (RFC 1951, 3.2.4).
 Bytes zlibStream(const Bytes& content)
@@ -37,20 +32,6 @@ Bytes zlibStream(const Bytes& content)
     return stream;
 }
 
-Bytes marked(std::uint8_t marker, const Bytes& content)
-{
-    return joined({ Bytes { marker }, content });
-}
-
-std::string header(std::uint32_t type, std::uint64_t size, const Bytes& packed = {})
-{
-    Bytes bytes = bytesOf("fpmc");
-    addLE(bytes, type, 4);
-    addLE(bytes, size, 8);
-    add(bytes, packed);
-    return { bytes.begin(), bytes.end() };
-}
-
 /// The data of a classic resource fork with one resource: a table and blocks.
 Bytes zlibFork(const std::vector<Bytes>& blocks)
 {
@@ -63,18 +44,6 @@ Bytes zlibFork(const std::vector<Bytes>& blocks)
         addLE(fork, block.size(), 4);
         at += block.size();
     }
-    for (const auto& block : blocks)
-        add(fork, block);
-    return fork;
-}
-
-Bytes plainFork(const std::vector<Bytes>& blocks)
-{
-    Bytes fork;
-    std::uint64_t at = 4 * (blocks.size() + 1);
-    addLE(fork, at, 4);
-    for (const auto& block : blocks)
-        addLE(fork, at += block.size(), 4);
     for (const auto& block : blocks)
         add(fork, block);
     return fork;
@@ -157,4 +126,31 @@ TEST(APFSCompression, ADeletedFileIsJudgedByTheBlocksOfItsFork)
             isReused ? "Ringe: Blokkene er genbrugt af andre filer" : "God");
         EXPECT_EQ(disk.content("/pakket"), content);
     }
+}
+
+TEST(APFSAttributes, BelongToTheirFilesAndFolders)
+{
+    APFSImage image({});
+    const auto stream = image.store(bytesOf("stor"));
+    const auto fork = image.store(bytesOf("gren"));
+    const std::string ring = "com.apple.ResourceFork";
+    image.commit({ image.file({ .id = 20, .parent = 2, .name = "fil" })
+        + Leaf { image.attribute(20, "com.apple.system.Security", "acl"),
+            image.attribute(20, "bemærkning", "abc"),
+            image.attributeStream(20, "lang", 90, blockSize),
+            image.extent(90, 0, blockSize, stream), image.attributeStream(20, ring, 91, blockSize),
+            image.extent(91, 0, blockSize, fork) }
+        + image.folder(21, 2, "mappe") + Leaf { image.attribute(21, "farve", "rød") }
+        + image.file({ .id = 22, .parent = 2, .name = "pakket", .bsdFlags = 0x20 })
+        + Leaf { image.attribute(22, "com.apple.decmpfs", header(14, 9)),
+            image.attribute(22, ring, "x") }
+        + image.file({ .id = 23, .parent = 2, .name = "tom" })
+        + Leaf { image.attribute(23, ring, "") } });
+    const auto disk = parse(image);
+    EXPECT_EQ(attachments(disk, "/fil"), "gren=gren;bemærkning=abc;lang=stor;");
+    EXPECT_EQ(chance(disk["/fil"]), "God: Filen har kun en ressourcegren på 4096 bytes");
+    EXPECT_EQ(attachments(disk, "/mappe"), "farve=r__d;");
+    EXPECT_EQ(attachments(disk, "/tom"), "");
+    EXPECT_EQ(attachments(disk, "/pakket"), "com.apple.decmpfs=fpmc_;gren=x;");
+    EXPECT_EQ(chance(disk["/pakket"]), notUnpacked) << "such a fork is no more than the content";
 }

@@ -244,7 +244,7 @@ TEST(APFS, ReadsFilesOfEveryKindByHashedAndPlainNames)
                 "Ringe: APFS-komprimeret fil – indholdet ligger i en skjult attribut og kan "
                 "ikke gendannes direkte" },
             { "/i skyen", "Ringe: Filens indhold ligger kun i skyen og kan ikke gendannes herfra" },
-            { "/ressource", "God: Filen har kun en ressourcegren, som ikke gendannes" },
+            { "/ressource", "God: Filen har kun en ressourcegren på 13 bytes" },
             { "/afkortet", "Delvis: Kun dele af filens blokke kendes" },
             { "/udenfor", "Delvis: Kun dele af filens blokke kendes" },
             { "/uden inode", "Ringe: Filens inode blev ikke fundet" } };

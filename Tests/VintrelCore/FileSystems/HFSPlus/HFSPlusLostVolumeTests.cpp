@@ -19,12 +19,15 @@ Bytes gifFile()
         0, 0, 0, 1, 0, 1, 0, 0, 2, 2, 0x44, 1, 0, 0x3B };
 }
 
-/// A disk with a volume of three pictures, one of them deleted, and both headers.
-Bytes diskWithPictures()
+/// A disk with a volume of three files, one of them deleted, and both headers. `isKnown`: the files
+/// are pictures, and can be told by their content.
+Bytes diskWithFiles(bool isKnown = true)
 {
     HFSPlusImage image(false, blocks);
     const auto picture = [&](const char16_t* name, std::uint32_t id, std::uint32_t block) {
-        image.write(HFSPlusImage::offsetOf(block), gifFile());
+        if (isKnown)
+            image.write(HFSPlusImage::offsetOf(block), gifFile());
+        image.setAllocated(block);
         return HFSPlusImage::Record {
             .parent = 2, .name = name, .id = id, .size = gifFile().size(), .runs = { { block, 1 } }
         };
@@ -46,7 +49,7 @@ Bytes diskWithPictures()
 
 /// What a deep scan finds: the volume's place and origin, and its files that exist and have
 /// their content.
-std::string found(const Bytes& disk)
+std::string found(const Bytes& disk, const Bytes& content = gifFile())
 {
     const auto source = makeSource(disk);
     const auto known = QuickScanner::run(*source, nullptr).volumes;
@@ -56,7 +59,7 @@ std::string found(const Bytes& disk)
         text += std::to_string(volume->offset) + " " + volume->origin + ":";
         for (const auto* file : volume->root->allFiles())
             text += (file->status == EntryStatus::existing ? " " : " -") + file->name
-                + (FileReader::readPrefix(*file, *source, 1000) == gifFile() ? "" : "?");
+                + (FileReader::readPrefix(*file, *source, 1000) == content ? "" : "?");
         text += "; ";
     }
     return text;
@@ -93,7 +96,7 @@ TEST(HFSPlusLostVolumes, AreFoundByWhateverIsLeftOfHeadersAndCatalog)
             place + "katalog ved " + std::to_string(catalog + 1024) + all },
     };
     for (const auto& [what, lost, copy, expected] : rows) {
-        auto disk = diskWithPictures();
+        auto disk = diskWithFiles();
         const auto at = [&](std::uint64_t offset) {
             return disk.begin() + static_cast<std::ptrdiff_t>(offset);
         };
@@ -105,9 +108,36 @@ TEST(HFSPlusLostVolumes, AreFoundByWhateverIsLeftOfHeadersAndCatalog)
     }
 }
 
+TEST(HFSPlusLostVolumes, TakeTheirPlaceFromTheMapOfBlocksWhereNoContentSpeaksForOne)
+{
+    const auto map = partition + HFSPlusImage::offsetOf(HFSPlusImage::allocationBlock);
+    const auto place = std::to_string(partition) + " Dyb scanning, katalog ved "
+        + std::to_string(partition + HFSPlusImage::nodeOffset(0))
+        + ": en.gif -slettet.gif to.gif; ";
+    const struct {
+        const char* what;
+        std::uint64_t at, length; // bytes that are changed
+        std::uint8_t value;
+        std::string expected;
+    } rows[] = {
+        { "nothing", 0, 0, 0, place },
+        { "the map calls a file's block free", map + 1207 / 8, 1, 0, "" },
+        { "it calls the catalog free", map + 20 / 8, 1, 0, "" },
+        { "it calls everything used", map, 512, 0xFF, "" },
+    };
+    for (const auto& [what, at, length, value, expected] : rows) {
+        auto disk = diskWithFiles(false);
+        for (const auto lost : { std::uint64_t { 1024 }, blocks * HFSPlusImage::blockSize - 1024 })
+            std::fill_n(disk.begin() + static_cast<std::ptrdiff_t>(partition + lost), 512,
+                std::uint8_t { 0 });
+        std::fill_n(disk.begin() + static_cast<std::ptrdiff_t>(at), length, value);
+        EXPECT_EQ(found(disk, Bytes(gifFile().size())), expected) << what;
+    }
+}
+
 TEST(HFSPlusLostVolumes, ACatalogIsReadOnceWhateverHeadersLeadToIt)
 {
-    auto disk = diskWithPictures();
+    auto disk = diskWithFiles();
     // Headers of volumes that begin before this one, with its catalog: primary and alternate ones.
     for (std::uint64_t sector = 4; sector <= 40; ++sector) {
         const auto start = partition - sector * 512;

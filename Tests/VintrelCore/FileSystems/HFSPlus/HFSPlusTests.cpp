@@ -151,7 +151,7 @@ TEST(HFSPlus, JudgesFilesByTheirExtentsAndTheAllocationFile)
         { "/komprimeret",
             "Ringe: HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke "
             "gendannes direkte" },
-        { "/ressource", "God: Filen har kun en ressourcegren, som ikke gendannes" },
+        { "/ressource", "God: Filen har kun en ressourcegren på 99 bytes" },
     };
     const auto disk = parse(image);
     for (const auto& [path, text] : expected)
@@ -272,7 +272,7 @@ TEST(HFSPlus, TheAllocationFileSaysWhatIsInUse)
         { "all", block(8000), {},
             Ranges { start[0], { block(150), block(152) }, { block(399), block(400) } } },
         { "a cut source", block(151), {}, Ranges { start[0], { block(150), block(151) } } },
-        { "an unreadable part of the allocation file", block(8000), { block(5), block(5) + 1 },
+        { "an unreadable part of the allocation file", block(8000), { block(4), block(4) + 1 },
             {} },
     };
     for (const auto& [what, sourceEnd, unreadable, used] : rows) {
