@@ -68,3 +68,17 @@ inline std::string attachments(const Parsed& disk, std::string_view path)
     }
     return text;
 }
+
+/// What a file that is listed without its content unpacks to; empty for all others.
+inline Bytes unpackedContent(const Parsed& disk, std::string_view path)
+{
+    Bytes content;
+    if (const auto* packed = packedContentOf(disk[path]))
+        FileReader::stream({ packed->data, packed->size }, *disk.source, 4096, std::nullopt,
+            [&](const FileReader::Piece& piece) {
+                content.insert(content.end(), piece.bytes.begin(), piece.bytes.end());
+                content.resize(content.size() + piece.holeLength);
+                return true;
+            });
+    return content;
+}

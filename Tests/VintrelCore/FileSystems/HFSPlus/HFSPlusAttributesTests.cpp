@@ -104,7 +104,7 @@ TEST(HFSPlusAttributes, NotesWhatIsLostOfThem)
     }
 }
 
-TEST(HFSPlusAttributes, CompressedFilesAreUnpacked)
+TEST(HFSPlusAttributes, CompressedFilesCanBeUnpacked)
 {
     using namespace PackedContent;
     const auto small = patternBytes(300);
