@@ -103,3 +103,24 @@ TEST_F(Recovery, LeavesOutWhatAppleDoubleCannotHold)
     EXPECT_NE(text(target / "r/Gendannelsesrapport.csv").find("._stor;138;OK;Delvis;0;"),
         std::string::npos);
 }
+
+TEST_F(Recovery, UnpacksAttachedContentOnlyWhereItIsAskedFor)
+{
+    auto& file
+        = addFile(*root, "fil", ExtentList {}, 0); // listed as the disk has it: without content
+    file.recoverability = Recoverability::poor;
+    Decmpfs::Header header;
+    header.size = 5;
+    file.attach({ .kind = Attachment::Kind::packedContent,
+        .name = {},
+        .data = DecmpfsContent { header, joined({ Bytes { 0xCC }, bytesOf("indre") }) },
+        .size = 5 });
+    recover();
+    EXPECT_EQ(text(target / "r/fil"), "");
+    EXPECT_EQ(recover(withStreams).recovered, 1);
+    EXPECT_EQ(text(target / "r (2)/fil"), "indre");
+    EXPECT_EQ(text(target / "r (2)/Gendannelsesrapport.csv"),
+        "Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n"
+        "fil;5;OK;God;0;Var pakket af HFS+ og er pakket ud\n");
+    EXPECT_EQ(filesIn(target / "r (2)"), std::vector<std::string> { "fil" });
+}
