@@ -1,5 +1,8 @@
 #include "VintrelCore/Content/Content.h"
 
+#include "VintrelCore/Content/Formats.h"
+#include "VintrelCore/Foundation/Compression/Compression.h"
+
 #include <algorithm>
 #include <iterator>
 
@@ -11,16 +14,29 @@ namespace {
 struct Kind {
     std::string_view extension;
     std::unique_ptr<Checker> (*make)();
+    bool needsZlib = false;
 };
 
-constexpr std::initializer_list<Kind> kinds {};
+constexpr Kind kinds[] = {
+    { "png", Formats::png },
+    { "zip", Formats::zip, true },
+    { "docx", Formats::zip, true },
+    { "xlsx", Formats::zip, true },
+    { "pptx", Formats::zip, true },
+    { "odt", Formats::zip, true },
+    { "ods", Formats::zip, true },
+    { "odp", Formats::zip, true },
+    { "epub", Formats::zip, true },
+    { "jar", Formats::zip, true },
+};
 
 } // namespace
 
 std::unique_ptr<Checker> checkerFor(std::string_view extension)
 {
     const auto* const kind = std::ranges::find(kinds, extension, &Kind::extension);
-    return kind == std::end(kinds) ? nullptr : kind->make();
+    const bool isKnown = kind != std::end(kinds) && (!kind->needsZlib || Compression::hasZlib());
+    return isKnown ? kind->make() : nullptr;
 }
 
 } // namespace Content

@@ -8,4 +8,7 @@
 /// names the document that it follows.
 namespace Content::Formats {
 
+std::unique_ptr<Checker> png();
+std::unique_ptr<Checker> zip(); ///< needs zlib
+
 } // namespace Content::Formats
