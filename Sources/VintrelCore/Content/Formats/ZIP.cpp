@@ -28,22 +28,23 @@ constexpr std::uint16_t maxNameLength = 4096; // longer ones no system can unpac
 constexpr std::uint64_t maxZip64End = 1'048'576;
 
 struct LocalHeader {
-    LE32 signature;                     //  0
-    LE16 version;                       //  4
-    LE16 flags;                         //  6
-    LE16 method;                        //  8
-    std::array<std::uint8_t, 4> unused; // 10  date and time
-    LE32 checksum;                      // 14
-    LE32 packedSize;                    // 18
-    LE32 size;                          // 22
-    LE16 nameLength;                    // 26
-    LE16 extraLength;                   // 28
+    LE32 signature;   //  0
+    LE16 version;     //  4
+    LE16 flags;       //  6
+    LE16 method;      //  8
+    LE32 time;        // 10  and date
+    LE32 checksum;    // 14
+    LE32 packedSize;  // 18
+    LE32 size;        // 22
+    LE16 nameLength;  // 26
+    LE16 extraLength; // 28
 };
 static_assert(sizeof(LocalHeader) == 30 && offsetof(LocalHeader, nameLength) == 26);
 
 struct CentralHeader {
     LE32 signature;                      //  0
-    std::array<std::uint8_t, 12> unused; //  4
+    std::array<std::uint8_t, 8> unused;  //  4
+    LE32 time;                           // 12  and date
     LE32 checksum;                       // 16
     LE32 packedSize;                     // 20
     LE32 size;                           // 24
@@ -224,6 +225,7 @@ private:
         entry_
             = { position(), header->checksum, header->packedSize, header->size, checksumOf(name) };
         widen(extra, { &entry_.size, &entry_.packedSize });
+        times_ += header->time;
         method_ = header->method;
         hasDescriptor_ = (header->flags & hasDescriptor) != 0;
         isChecked_ = (header->flags & isEncrypted) == 0
@@ -386,6 +388,7 @@ private:
         coverage_.verify(position(), nameStart + header->nameLength);
         ++named_;
         namedDigests_ += entry.digest();
+        times_ -= header->time;
         vouchUpTo(position());
         moveTo(end);
         return true;
@@ -430,7 +433,8 @@ private:
         moveTo(length);
         vouchUpTo(recordEnd);
         endAt(length,
-            isAllChecked_ && coverage_.isCompleteAt(length) ? Proof::checksum : Proof::chain);
+            isAllChecked_ && times_ == 0 && coverage_.isCompleteAt(length) ? Proof::checksum
+                                                                           : Proof::chain);
         return true;
     }
 
@@ -451,8 +455,9 @@ private:
 
     std::uint64_t entries_ = 0, digests_ = 0;    ///< of the local headers
     std::uint64_t named_ = 0, namedDigests_ = 0; ///< of the central directory
-    std::uint64_t directoryStart_ = 0;           ///< 0 before it was met
-    std::uint64_t directoryEnd_ = 0;             ///< 0 unless a wide end record was met
+    std::uint64_t times_ = 0; ///< of the local headers, less those of the central directory
+    std::uint64_t directoryStart_ = 0; ///< 0 before it was met
+    std::uint64_t directoryEnd_ = 0;   ///< 0 unless a wide end record was met
     bool isAllChecked_ = true;
     Coverage coverage_;
 };
