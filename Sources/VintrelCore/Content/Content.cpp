@@ -18,6 +18,14 @@ struct Kind {
 };
 
 constexpr Kind kinds[] = {
+    { "mp4", Formats::isoBMFF },
+    { "mov", Formats::isoBMFF },
+    { "m4a", Formats::isoBMFF },
+    { "m4v", Formats::isoBMFF },
+    { "3gp", Formats::isoBMFF },
+    { "heic", Formats::isoBMFF },
+    { "avif", Formats::isoBMFF },
+    { "cr3", Formats::isoBMFF },
     { "png", Formats::png },
     { "zip", Formats::zip, true },
     { "docx", Formats::zip, true },

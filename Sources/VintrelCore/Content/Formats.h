@@ -8,6 +8,7 @@
 /// names the document that it follows.
 namespace Content::Formats {
 
+std::unique_ptr<Checker> isoBMFF();
 std::unique_ptr<Checker> png();
 std::unique_ptr<Checker> zip(); ///< needs zlib
 
