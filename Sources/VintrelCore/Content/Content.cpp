@@ -36,6 +36,7 @@ constexpr Kind kinds[] = {
     { "odp", Formats::zip, true },
     { "epub", Formats::zip, true },
     { "jar", Formats::zip, true },
+    { "pdf", Formats::pdf, true },
 };
 
 } // namespace

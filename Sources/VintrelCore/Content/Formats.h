@@ -9,6 +9,7 @@
 namespace Content::Formats {
 
 std::unique_ptr<Checker> isoBMFF();
+std::unique_ptr<Checker> pdf(); ///< needs zlib
 std::unique_ptr<Checker> png();
 std::unique_ptr<Checker> zip(); ///< needs zlib
 

@@ -119,7 +119,8 @@ std::vector<Stranger> strangers(const Sample& sample)
     text.resize(length);
     std::vector<Stranger> all { { Bytes(length) }, { std::move(text) }, { patternBytes(length) } };
     for (const auto& other : samples()) {
-        if (other.extension() == sample.extension() && other.bytes != sample.bytes) {
+        if (other.extension() == sample.extension()
+            && part(other.bytes, 0, 512) != part(sample.bytes, 0, 512)) {
             all.push_back({ part(other.bytes, 512, length), true });
             all.back().bytes.resize(length);
         }
@@ -133,8 +134,8 @@ Finding expectUnproved(const Sample& sample, const Bytes& bytes, std::size_t cut
 {
     const auto finding = follow(sample.extension(), bytes, 4'096);
     const auto first = std::ranges::mismatch(bytes, sample.bytes).in2 - sample.bytes.begin();
-    if (static_cast<std::size_t>(first) == sample.bytes.size())
-        return {}; // the same content all the same
+    if (static_cast<std::uint64_t>(first) >= finding.length.value_or(sample.bytes.size()))
+        return {}; // the foreign bytes lie behind the file, or are the same
     const auto what = sample.name + " cut at " + std::to_string(cut) + ": " + describe(finding);
     EXPECT_LE(finding.proof, Proof::chain) << what;
     if (finding.isBroken()) {
@@ -159,6 +160,8 @@ TEST(Content, FollowsWholeFilesToTheirEnd)
     std::map<std::string, Proof> exceptions;
     for (const auto* extension : { "mp4", "mov", "m4a", "m4v", "3gp", "heic", "avif", "cr3" })
         exceptions[extension] = Proof::chain;
+    for (const auto* extension : { "pdf" })
+        exceptions[extension] = Proof::decoded;
     ASSERT_GT(samples().size(), 10u);
     for (const auto& sample : samples()) {
         const auto exception = exceptions.find(sample.extension());
@@ -168,7 +171,7 @@ TEST(Content, FollowsWholeFilesToTheirEnd)
         for (const std::size_t slice : { 512, 4'096, 65'536 })
             EXPECT_EQ(describe(follow(sample.extension(), sample.bytes, slice)), describe(expected))
                 << sample.name << " in slices of " << slice;
-        const auto cut = part(sample.bytes, 0, sample.bytes.size() - 1);
+        const auto cut = part(sample.bytes, 0, sample.bytes.size() - 8);
         EXPECT_FALSE(follow(sample.extension(), cut, 512).isComplete()) << sample.name;
         const auto longer = joined({ sample.bytes, Bytes(3'000) });
         EXPECT_EQ(describe(follow(sample.extension(), longer, 512)), describe(expected))
