@@ -37,6 +37,10 @@ constexpr Kind kinds[] = {
     { "epub", Formats::zip, true },
     { "jar", Formats::zip, true },
     { "pdf", Formats::pdf, true },
+    { "avi", Formats::riff },
+    { "wav", Formats::riff },
+    { "webp", Formats::riff },
+    { "mp3", Formats::mp3 },
 };
 
 } // namespace

@@ -9,8 +9,10 @@
 namespace Content::Formats {
 
 std::unique_ptr<Checker> isoBMFF();
+std::unique_ptr<Checker> mp3();
 std::unique_ptr<Checker> pdf(); ///< needs zlib
 std::unique_ptr<Checker> png();
+std::unique_ptr<Checker> riff();
 std::unique_ptr<Checker> zip(); ///< needs zlib
 
 } // namespace Content::Formats
