@@ -41,6 +41,10 @@ constexpr Kind kinds[] = {
     { "wav", Formats::riff },
     { "webp", Formats::riff },
     { "mp3", Formats::mp3 },
+    { "doc", Formats::ole },
+    { "xls", Formats::ole },
+    { "ppt", Formats::ole },
+    { "msg", Formats::ole },
 };
 
 } // namespace
