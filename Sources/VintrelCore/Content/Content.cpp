@@ -45,6 +45,15 @@ constexpr Kind kinds[] = {
     { "xls", Formats::ole },
     { "ppt", Formats::ole },
     { "msg", Formats::ole },
+    { "tif", Formats::tiff },
+    { "tiff", Formats::tiff },
+    { "dng", Formats::tiff },
+    { "nef", Formats::tiff },
+    { "cr2", Formats::tiff },
+    { "arw", Formats::tiff },
+    { "pef", Formats::tiff },
+    { "orf", Formats::tiff },
+    { "rw2", Formats::tiff },
 };
 
 } // namespace

@@ -49,7 +49,11 @@ protected:
         finding_.length = length;
         finding_.proof = proof;
     }
-    void setRoughness(double roughness) { finding_.roughness = roughness; }
+    void setRoughness(double roughness, double usual)
+    {
+        finding_.roughness = roughness;
+        finding_.usualRoughness = usual;
+    }
 
 private:
     Finding finding_;
