@@ -54,6 +54,13 @@ constexpr Kind kinds[] = {
     { "pef", Formats::tiff },
     { "orf", Formats::tiff },
     { "rw2", Formats::tiff },
+    { "mkv", Formats::matroska },
+    { "webm", Formats::matroska },
+    { "gif", Formats::gif },
+    { "ogg", Formats::ogg },
+    { "oga", Formats::ogg },
+    { "ogv", Formats::ogg },
+    { "opus", Formats::ogg },
 };
 
 } // namespace

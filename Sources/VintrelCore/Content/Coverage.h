@@ -9,7 +9,9 @@ namespace Content {
 /// file shows that all of it is its own when every sector has enough bytes that were verified.
 class Coverage {
 public:
-    /// To be told of each verified range, in rising order. In bytes from the file's start.
+    /// To be told of each range that another file would not fit into: one with a checksum, or with
+    /// values that depend on what lies elsewhere. In rising order, in bytes from
+    /// the file's start.
     void verify(std::uint64_t start, std::uint64_t end)
     {
         if (start > end_)

@@ -66,7 +66,6 @@ private:
         }
         lexer_.take('%');
         moveTo(header.size());
-        coverage_.verify(0, header.size());
         return true;
     }
 
@@ -112,7 +111,10 @@ private:
             return takeWordInside(word);
         if (word == "obj" && numbers_ >= 2) {
             places_.addMet(olderNumber_, number_, olderPlace_);
-            coverage_.verify(olderPlace_, place);
+            // Before anything of its own the first objects of every document of a program lie
+            // alike.
+            if (hasVerified_)
+                coverage_.verify(olderPlace_, place);
             objectStart_ = olderPlace_;
             return enter(Part::object);
         }
@@ -184,8 +186,10 @@ private:
             breakAt(stream_->position());
         if (result != PDFStream::Result::whole)
             return result == PDFStream::Result::wrong;
-        if (stream_->verifiedEnd() > stream_->start())
+        if (stream_->verifiedEnd() > stream_->start()) {
             coverage_.verify(stream_->start(), stream_->verifiedEnd());
+            hasVerified_ = true;
+        }
         vouchUpTo(stream_->position());
         if (holdsPlaces_)
             places_.addTold(dictionary_, stream_->places());
@@ -351,6 +355,7 @@ private:
     std::optional<std::uint64_t> firstWrongPlace_;
     PDFPlaces places_;
     Coverage coverage_;
+    bool hasVerified_ = false; ///< whether a checksum was right by now
 };
 
 } // namespace
