@@ -61,6 +61,8 @@ constexpr Kind kinds[] = {
     { "oga", Formats::ogg },
     { "ogv", Formats::ogg },
     { "opus", Formats::ogg },
+    { "sqlite", Formats::sqlite },
+    { "sqlite3", Formats::sqlite },
 };
 
 } // namespace

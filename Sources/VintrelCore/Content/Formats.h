@@ -17,6 +17,7 @@ std::unique_ptr<Checker> ole();
 std::unique_ptr<Checker> pdf(); ///< needs zlib
 std::unique_ptr<Checker> png();
 std::unique_ptr<Checker> riff();
+std::unique_ptr<Checker> sqlite();
 std::unique_ptr<Checker> tiff();
 std::unique_ptr<Checker> zip(); ///< needs zlib
 
