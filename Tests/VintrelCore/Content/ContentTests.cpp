@@ -193,11 +193,14 @@ TEST(Content, FollowsWholeFilesToTheirEnd)
 
 TEST(Content, ProvesNoFileWithForeignBytes)
 {
-    constexpr std::size_t sector = 512;
     for (const auto& sample : samples()) {
         const auto& own = sample.bytes;
+        // Checksums leave out nothing that is longer than a few bytes.
+        const bool isSummed = follow(sample.extension(), own, 4'096).proof == Proof::checksum;
+        const std::size_t sector = isSummed ? 64 : 512;
+        const auto end = own.size() - (isSummed ? 24 : 0); // the comment of an archive
         const auto step = std::max(sector, own.size() / 40 / sector * sector);
-        for (std::size_t cut = sector; cut < own.size(); cut += step) {
+        for (std::size_t cut = sector; cut < end; cut += step) {
             for (const auto& [foreign, isRelated] : strangers(sample)) {
                 const auto head = part(own, 0, cut);
                 const auto gap = part(foreign, 0, sector);
