@@ -2,6 +2,7 @@
 
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Content/Content.h"
+#include "VintrelCore/Foundation/MPEGFrame.h"
 
 #include <gtest/gtest.h>
 
@@ -10,6 +11,8 @@
 #include <map>
 #include <string>
 #include <vector>
+
+using namespace std::string_view_literals;
 
 namespace {
 
@@ -216,4 +219,51 @@ TEST(Content, ProvesNoFileWithForeignBytes)
             }
         }
     }
+}
+
+// Lengths alone would let these pass.
+TEST(Content, ComparesWhatAFileSaysTwice)
+{
+    const struct {
+        const char* what;
+        const char* file;
+        std::string_view last; ///< the last place of this text is changed
+        std::string_view into;
+        const char* expected; ///< how the description begins
+    } rows[] = {
+        { "a directory that names another entry", "zip-plain.zip", "a.txt", "b.txt", "broken" },
+        { "a table that leaves out an object", "pdf-plain.pdf", " 00000 n", " 00000 f", "chain" },
+        { "a picture with more rows than its codes", "gif-still.gif", "\x10\0\x10\0"sv,
+            "\x10\0\x11\0"sv, "broken" },
+        { "an index that names another stream", "avi-mjpeg.avi", "00dc", "01dc", "broken" },
+    };
+    for (const auto& [what, file, last, into, expected] : rows) {
+        const auto sample = std::ranges::find(samples(), file, &Sample::name);
+        if (sample == samples().end())
+            continue; // its checker needs zlib
+        auto bytes = sample->bytes;
+        const auto place = std::ranges::find_end(bytes, last).begin();
+        ASSERT_NE(place, bytes.end()) << what;
+        std::ranges::copy(into, place);
+        const auto finding = follow(sample->extension(), bytes, 4'096);
+        EXPECT_TRUE(describe(finding).starts_with(expected)) << what << ": " << describe(finding);
+    }
+}
+
+TEST(Content, MissesAFrameOfSoundByTheDataOfTheNext)
+{
+    const auto bytes = readFile(VINTREL_SAMPLES "/mp3-id3v23.mp3");
+    const ByteView view(bytes);
+    auto frame = static_cast<std::int64_t>(view.u8(9)) + 10 + (view.u8(8) << 7);
+    const auto next = [&](std::int64_t place) {
+        const auto found = MPEGFrame::from(view.u32be(place));
+        return found ? place + std::int64_t { found->length } : place;
+    };
+    for (int count = 0; count < 6; ++count)
+        frame = next(frame);
+    const auto behind = next(frame);
+    ASSERT_GT(behind, frame);
+    const auto shorter = joined({ part(bytes, 0, static_cast<std::size_t>(frame)),
+        part(bytes, static_cast<std::size_t>(behind), bytes.size()) });
+    EXPECT_TRUE(follow("mp3", shorter, 4'096).isBroken());
 }
