@@ -242,7 +242,7 @@ TEST(Content, ComparesWhatAFileSaysTwice)
         if (sample == samples().end())
             continue; // its checker needs zlib
         auto bytes = sample->bytes;
-        const auto place = std::ranges::find_end(bytes, last).begin();
+        const auto place = std::find_end(bytes.begin(), bytes.end(), last.begin(), last.end());
         ASSERT_NE(place, bytes.end()) << what;
         std::ranges::copy(into, place);
         const auto finding = follow(sample->extension(), bytes, 4'096);

@@ -70,7 +70,8 @@ struct Element {
         const auto mask = (std::uint64_t { 1 } << 7 * sizeLength) - 1;
         element.size &= mask;
         element.isSized = element.size != mask;
-        element.headerSize = static_cast<std::uint64_t>(idLength + sizeLength);
+        element.headerSize
+            = static_cast<std::uint64_t>(idLength) + static_cast<std::uint64_t>(sizeLength);
         return element;
     }
 

@@ -174,7 +174,8 @@ private:
         const std::uint64_t content
             = header.contentStart == 0 ? largestPage : std::uint64_t { header.contentStart };
         const std::int64_t cells = start + (header.isLeaf() ? 8 : 12);
-        const auto cellsEnd = static_cast<std::uint64_t>(cells) + 2u * header.cells;
+        const auto cellsEnd
+            = static_cast<std::uint64_t>(cells) + std::uint64_t { 2 } * header.cells;
         if (!header.isTree() || content > usable_ || cellsEnd > content)
             return false;
         for (std::int64_t i = 0; i < header.cells; ++i) {
