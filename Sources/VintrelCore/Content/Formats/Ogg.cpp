@@ -1,0 +1,145 @@
+#include "VintrelCore/Content/Formats.h"
+#include "VintrelCore/Content/Reading.h"
+#include "VintrelCore/Content/Walker.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <vector>
+
+// RFC 3533, The Ogg page format: every page has a checksum over all of it, and a number that rises
+// by one through its stream.
+
+namespace Content::Formats {
+
+namespace {
+
+constexpr std::size_t maxStreams = 64;
+constexpr std::uint8_t beginsStream = 0x02, endsStream = 0x04;
+
+struct PageHeader {
+    std::array<std::uint8_t, 4> magic;    //  0
+    std::uint8_t version;                 //  4
+    std::uint8_t flags;                   //  5
+    std::array<std::uint8_t, 8> position; //  6
+    LE32 stream;                          // 14  which of the logical streams the page belongs to
+    LE32 sequence;                        // 18
+    LE32 checksum;                        // 22
+    std::uint8_t segments;                // 26  as many lengths follow, then the segments
+};
+static_assert(sizeof(PageHeader) == 27 && offsetof(PageHeader, checksum) == 22);
+
+/// What each value of the byte that leaves the register adds to it. Unlike the usual checksum its
+/// bits are not reflected.
+constexpr auto table = [] {
+    constexpr std::uint32_t polynomial = 0x04C1'1DB7, top = 0x8000'0000;
+    std::array<std::uint32_t, 256> entries {};
+    for (std::uint32_t byte = 0; byte < entries.size(); ++byte) {
+        std::uint32_t remainder = byte << 24;
+        for (int bit = 0; bit < 8; ++bit)
+            remainder = (remainder & top) != 0 ? remainder << 1 ^ polynomial : remainder << 1;
+        entries[byte] = remainder;
+    }
+    return entries;
+}();
+
+/// Of a page; its own field counts as zero.
+std::uint32_t checksumOf(ByteView page)
+{
+    constexpr std::size_t field = offsetof(PageHeader, checksum);
+    std::uint32_t sum = 0;
+    for (std::size_t i = 0; i < page.size(); ++i) {
+        const bool isOwn = i >= field && i < field + sizeof(LE32);
+        sum = sum << 8 ^ table[(sum >> 24 ^ (isOwn ? 0 : page.data()[i])) & 0xFF];
+    }
+    return sum;
+}
+
+class OggChecker final : public Walker<OggChecker> {
+public:
+    bool step(FileBytes& file)
+    {
+        const bool mayEnd = position() > 0 && streams_.empty();
+        const auto header = load<PageHeader>(file, position());
+        if (!header)
+            return file.isWhole() && endWithFile(file, mayEnd);
+        if (mayEnd && !isChained(*header)) {
+            endAt(position(), Proof::checksum);
+            return true;
+        }
+        if (!ByteView(header->magic).matches("OggS", 0) || header->version != 0
+            || !isExpected(*header)) {
+            breakAt(position() + sizeof(PageHeader) - 1);
+            return true;
+        }
+        return readPage(file, *header);
+    }
+
+private:
+    struct Stream {
+        std::uint32_t number;
+        std::uint32_t nextSequence;
+    };
+
+    /// Whether another stream begins behind the end of all. One that begins with a sector is
+    /// another file's.
+    bool isChained(const PageHeader& header) const
+    {
+        constexpr std::uint64_t sectorSize = 512;
+        return position() % sectorSize != 0 && ByteView(header.magic).matches("OggS", 0)
+            && (header.flags & beginsStream) != 0;
+    }
+
+    bool isExpected(const PageHeader& header) const
+    {
+        const auto stream
+            = std::ranges::find(streams_, std::uint32_t { header.stream }, &Stream::number);
+        if ((header.flags & beginsStream) != 0)
+            return stream == streams_.end() && streams_.size() < maxStreams;
+        return stream != streams_.end() && stream->nextSequence == header.sequence;
+    }
+
+    bool readPage(FileBytes& file, const PageHeader& header)
+    {
+        const auto lengths = bytesAt(file, position() + sizeof(PageHeader), header.segments);
+        std::size_t size = sizeof(PageHeader) + header.segments;
+        for (const auto length : lengths)
+            size += length;
+        const auto page = bytesAt(file, position(), size);
+        if (lengths.size() < header.segments || page.size() < size)
+            return false;
+        if (checksumOf(page) != header.checksum) {
+            breakAt(position() + size - 1);
+            return true;
+        }
+        moveTo(position() + size);
+        vouchUpTo(position());
+        count(header);
+        return true;
+    }
+
+    void count(const PageHeader& header)
+    {
+        std::erase_if(
+            streams_, [&](const Stream& stream) { return stream.number == header.stream; });
+        if ((header.flags & endsStream) == 0)
+            streams_.push_back({ header.stream, header.sequence + 1 });
+    }
+
+    /// Where no end was marked the last page merely is the last.
+    bool endWithFile(FileBytes& file, bool isEndMarked)
+    {
+        if (position() == 0 || (!isEndMarked && position() != file.size()))
+            return false;
+        endAt(position(), isEndMarked ? Proof::checksum : Proof::none);
+        return true;
+    }
+
+    std::vector<Stream> streams_; ///< that have not ended
+};
+
+} // namespace
+
+std::unique_ptr<Checker> ogg() { return std::make_unique<OggChecker>(); }
+
+} // namespace Content::Formats
