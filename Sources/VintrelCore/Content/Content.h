@@ -52,6 +52,8 @@ struct Finding {
     /// format can tell (the step between rows of a picture). Only compared between two copies of
     /// one checker that read equally far.
     double roughness = 0;
+    /// The same over all that was decoded, to judge a roughness by. 0 where the format cannot tell.
+    double usualRoughness = 0;
 
     bool isBroken() const { return brokenAt.has_value(); }
     bool isComplete() const { return length.has_value() && !brokenAt; }
