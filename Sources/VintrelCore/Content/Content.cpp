@@ -1,5 +1,7 @@
 #include "VintrelCore/Content/Content.h"
 
+#include "VintrelCore/Content/Formats.h"
+
 #include <algorithm>
 #include <iterator>
 
@@ -13,7 +15,9 @@ struct Kind {
     std::unique_ptr<Checker> (*make)();
 };
 
-constexpr std::initializer_list<Kind> kinds {};
+constexpr Kind kinds[] = {
+    { "jpg", Formats::jpeg },
+};
 
 } // namespace
 

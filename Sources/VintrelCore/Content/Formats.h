@@ -8,4 +8,6 @@
 /// names the document that it follows.
 namespace Content::Formats {
 
+std::unique_ptr<Checker> jpeg();
+
 } // namespace Content::Formats
