@@ -24,13 +24,29 @@ std::string nameOf(const CarvedFile& file)
 
 Recoverability chanceOf(const CarvedFile& file)
 {
-    if (!file.exact)
+    if (!file.exact || file.joins == Joins::uncertain)
         return Recoverability::unknown;
-    return file.isInterrupted ? Recoverability::partial : Recoverability::good;
+    return file.isInterrupted || file.joins == Joins::chained ? Recoverability::partial
+                                                              : Recoverability::good;
+}
+
+ExtentList extentsOf(const CarvedFile& file)
+{
+    if (file.pieces.empty())
+        return { { .offset = file.offset, .length = file.size } };
+    ExtentList extents;
+    extents.reserve(file.pieces.size());
+    for (const auto& [start, end] : file.pieces)
+        extents.push_back({ .offset = start, .length = end - start });
+    return extents;
 }
 
 void addNotes(FileNode& node, const CarvedFile& file)
 {
+    if (file.pieces.size() > 1) {
+        const auto pieces = "Samlet af " + std::to_string(file.pieces.size()) + " stykker";
+        node.addNote(file.joins == Joins::uncertain ? pieces + "; overgangen er usikker" : pieces);
+    }
     if (!file.exact)
         node.addNote("Størrelsen er anslået");
     if (file.captured)
@@ -55,8 +71,8 @@ std::unique_ptr<Volume> DeepScanner::carvedVolume(
             auto name = Text::upperCase(file.ext);
             folder = &root->add(FileNode::makeFolder(std::move(name), EntryStatus::carved));
         }
-        auto node = FileNode::makeFile(nameOf(file), file.size, EntryStatus::carved, chanceOf(file),
-            ExtentList { { .offset = file.offset, .length = file.size } });
+        auto node = FileNode::makeFile(
+            nameOf(file), file.size, EntryStatus::carved, chanceOf(file), extentsOf(file));
         node->modified = file.date;
         addNotes(*node, file);
         folder->add(std::move(node));

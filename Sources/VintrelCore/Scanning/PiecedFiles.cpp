@@ -1,0 +1,81 @@
+#include "VintrelCore/Scanning/PiecedFiles.h"
+
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Fragments/SecondLook.h"
+#include "VintrelCore/Model/FileData.h"
+
+#include <algorithm>
+#include <map>
+#include <numeric>
+
+namespace {
+
+/// Where the clusters of a volume begin, by where its files do; none where nothing says.
+std::optional<Fragments::Grid> gridOf(const Volume& volume, std::span<FileNode* const> files)
+{
+    if (volume.clusterSize < 512 || volume.type == FileSystemType::carved)
+        return std::nullopt;
+    std::map<std::uint64_t, std::uint64_t> phases; // how many pieces begin so far into a cluster
+    for (const auto* file : files)
+        if (const auto* extents = extentsOf(file->data))
+            for (const auto& extent : *extents)
+                if (extent.offset)
+                    ++phases[(*extent.offset - std::min(*extent.offset, volume.offset))
+                        % volume.clusterSize];
+    const auto usual
+        = std::ranges::max_element(phases, {}, [](const auto& row) { return row.second; });
+    const auto phase = usual == phases.end() ? 0 : usual->first;
+    return Fragments::Grid { { volume.offset + phase, volume.offset + volume.size },
+        volume.clusterSize };
+}
+
+/// What the places of whole finds have in common where no volume tells the unit.
+Fragments::Grid gridOf(const DiskSource& source, std::span<const CarvedFile> finds)
+{
+    constexpr std::size_t enough = 8; // so that chance hardly leads them all to the same unit
+    constexpr std::uint64_t mostUnit = 65'536;
+    constexpr std::uint64_t sector = 512;
+    std::uint64_t common = 0;
+    std::size_t count = 0;
+    const CarvedFile* first = nullptr;
+    for (const auto& find : finds) {
+        if (!find.isProved)
+            continue;
+        if (first == nullptr)
+            first = &find;
+        common = std::gcd(common, find.offset - first->offset);
+        ++count;
+    }
+    if (count < enough)
+        return { { 0, source.size() }, sector };
+    const auto unit = std::max(sector, std::gcd(common, mostUnit));
+    return { { first->offset % unit, source.size() }, unit };
+}
+
+bool isAlive(const FileNode& file)
+{
+    return file.status == EntryStatus::existing && file.recoverability == Recoverability::good;
+}
+
+} // namespace
+
+void PiecedFiles::putTogether(DiskSource& source, std::span<const std::unique_ptr<Volume>> volumes,
+    DeepScanResult& finds, const WorkProgress* progress)
+{
+    std::vector<Fragments::Grid> grids;
+    std::vector<ByteRange> living;
+    for (const auto& volume : volumes) {
+        const auto files = volume->root->allFiles();
+        if (const auto grid = gridOf(*volume, files))
+            grids.push_back(*grid);
+        for (const auto* file : files)
+            if (const auto* extents = isAlive(*file) ? extentsOf(file->data) : nullptr)
+                for (const auto& extent : *extents)
+                    if (extent.offset)
+                        living.push_back({ *extent.offset, *extent.offset + extent.length });
+    }
+    Fragments::Space space(std::move(grids), gridOf(source, finds.carved));
+    for (const auto& range : living)
+        space.hold(range);
+    Fragments::SecondLook(source, std::move(space), progress).run(finds.carved, finds.brokenHeads);
+}
