@@ -6,18 +6,19 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace Fragments {
 
 namespace {
 
-constexpr std::size_t mostCuts = 256;
+constexpr std::size_t mostCuts = 96;
 constexpr std::size_t mostUnitsAhead = 6144;
 constexpr std::uint64_t mostBytesAhead = 67'108'864;
 constexpr std::uint64_t shareBehind = 3; ///< a third as many behind
 constexpr std::size_t mostSurvivors = 4096;
 constexpr std::size_t mostRoughSurvivors = 512; ///< of kinds that can tell the smoothest
-constexpr std::size_t mostUnfinished = 4;
+constexpr std::size_t mostUnfinished = 6;
 constexpr std::uint64_t firstUnits = 2;
 constexpr std::uint64_t moreUnits = 24;
 constexpr std::uint64_t sampleStep = 512;
@@ -50,6 +51,7 @@ GapSearch::GapSearch(BlockCache& cache, const Space& space,
     , progress_(progress)
     , isContainer_(holdsOthers(extension))
     , isCompressed_(isCompressed(extension))
+    , hasChecksums_(hasChecksums(extension))
 {
 }
 
@@ -69,26 +71,32 @@ Content::Finding GapSearch::follow(const std::vector<ByteRange>& pieces) const
 
 GapSearch::Result GapSearch::search(const Assembly& assembly, Budget& budget) const
 {
+    constexpr std::size_t cutsInBatch = 16;
     Result result;
     const auto cuts = cutsOf(assembly);
     if (cuts.empty())
         return result;
     const auto units = unitsAround(assembly, cuts.front().position);
-    std::vector<Survivor> survivors;
+    Batch batch { &assembly, {}, cuts.back().position };
+    std::size_t count = 0;
     // A contradiction shows soon: the last cuts are the likeliest.
-    for (auto cut = cuts.rbegin(); cut != cuts.rend(); ++cut)
+    for (auto cut = cuts.rbegin(); cut != cuts.rend() && !result.wasCutShort; ++cut) {
         for (const auto unit : units) {
-            if (budget.isSpent() || isCancelled(progress_) || survivors.size() >= mostSurvivors) {
-                result.wasCutShort = true;
-                followSurvivors(assembly, std::move(survivors), budget, result);
-                return result;
-            }
-            if (auto survivor = tryUnit(assembly, *cut, unit, budget)) {
-                survivor->lastCut = cuts.back().position;
-                survivors.push_back(*survivor);
-            }
+            if (isBlind(*cut))
+                break; // it would take any bytes for the next ones
+            result.wasCutShort = budget.isSpent() || isCancelled(progress_)
+                || batch.survivors.size() >= mostSurvivors;
+            if (result.wasCutShort)
+                break;
+            if (const auto survivor = tryUnit(assembly, *cut, unit, budget))
+                batch.survivors.push_back(*survivor);
         }
-    followSurvivors(assembly, std::move(survivors), budget, result);
+        if (hasChecksums_ && ++count % cutsInBatch == 0
+            && followSurvivors(
+                std::exchange(batch, { &assembly, {}, batch.lastCut }), budget, result))
+            return result;
+    }
+    followSurvivors(std::move(batch), budget, result);
     return result;
 }
 
@@ -96,18 +104,34 @@ GapSearch::Result GapSearch::searchMapped(
     const Assembly& assembly, std::uint64_t shift, Budget& budget) const
 {
     Result result;
-    const auto cuts = cutsOf(assembly);
-    std::vector<Survivor> survivors;
-    for (auto cut = cuts.rbegin(); cut != cuts.rend(); ++cut) {
-        const auto unit = cut->position + shift;
-        const auto& grid = space_.gridAt(assembly.pieces.front().start);
-        const bool isUnit = unit >= grid.range.start && unit < grid.range.end
-            && (unit - grid.range.start) % grid.unit == 0;
-        if (isUnit && !space_.isHeld(unit, isContainer_))
-            survivors.push_back(
-                { .cut = &*cut, .unit = unit, .strain = 0, .lastCut = cuts.back().position });
-    }
-    followSurvivors(assembly, std::move(survivors), budget, result);
+    const auto& grid = space_.gridAt(assembly.pieces.front().start);
+    const auto isUnit = [&](std::uint64_t offset) {
+        return offset >= grid.range.start && offset < grid.range.end
+            && (offset - grid.range.start) % grid.unit == 0 && !space_.isHeld(offset, isContainer_);
+    };
+    const auto& last = assembly.pieces.back();
+    const auto before = sizeOf(assembly.pieces) - (last.end - last.start);
+    // The latest cut that is possible, to learn where the first wrong byte may be.
+    const auto phase = (last.start - grid.range.start) % grid.unit;
+    auto latest = before + roundDown(last.end - last.start + phase, grid.unit) - phase;
+    while (latest > before && !isUnit(latest + shift))
+        latest -= std::min(grid.unit, latest - before);
+    if (latest <= before)
+        return result;
+    auto pieces = cutTo(assembly.pieces, latest);
+    pieces.push_back(pieceFrom(latest + shift));
+    const auto finding = follow(pieces);
+    budget.take(finding.checked);
+    const auto highest = std::min(latest, breakOf(finding, latest));
+    const auto lowest = std::max(finding.firm, before + 1);
+    const auto cuts = cutsBetween(assembly, lowest, highest);
+    if (cuts.empty())
+        return result;
+    Batch batch { &assembly, {}, cuts.back().position };
+    for (auto cut = cuts.rbegin(); cut != cuts.rend(); ++cut)
+        if (isUnit(cut->position + shift))
+            batch.survivors.push_back({ .cut = &*cut, .unit = cut->position + shift });
+    followSurvivors(std::move(batch), budget, result);
     return result;
 }
 
@@ -115,25 +139,34 @@ GapSearch::Result GapSearch::searchMapped(
 std::vector<GapSearch::Cut> GapSearch::cutsOf(const Assembly& assembly) const
 {
     const auto found = follow(assembly.pieces);
+    if (found.isComplete())
+        return {};
+    return cutsBetween(assembly, found.firm, breakOf(found, sizeOf(assembly.pieces)));
+}
+
+std::vector<GapSearch::Cut> GapSearch::cutsBetween(
+    const Assembly& assembly, std::uint64_t lowest, std::uint64_t highest) const
+{
     const auto& last = assembly.pieces.back();
     const auto& grid = space_.gridAt(last.start);
     const auto before = sizeOf(assembly.pieces) - (last.end - last.start);
-    const auto brokenAt = breakOf(found, sizeOf(assembly.pieces));
-    std::vector<Cut> cuts;
-    if (found.isComplete() || brokenAt < before + 1)
-        return cuts;
-    // The first cut behind the piece's start and not in front of what is firm.
-    const auto firstFirm = std::max(found.firm, before + 1);
     const auto phase = (last.start - grid.range.start) % grid.unit;
-    auto position = before + unitsFor(firstFirm - before + phase, grid.unit) * grid.unit - phase;
-    if (position > brokenAt)
+    lowest = std::max(lowest, before + 1);
+    auto position = before + unitsFor(lowest - before + phase, grid.unit) * grid.unit - phase;
+    std::vector<Cut> cuts;
+    if (position > highest)
         return cuts;
-    const auto count = (brokenAt - position) / grid.unit + 1;
+    // What does not look like the file's own is none of it.
+    if (isCompressed_)
+        for (auto at = position; at < highest; at += grid.unit)
+            if (!looksCompressed(cache_.from(last.start + (at - before))))
+                highest = at;
+    const auto count = (highest - position) / grid.unit + 1;
     if (count > mostCuts)
         position += (count - mostCuts) * grid.unit;
     PiecedBytes file(cache_, assembly.pieces);
     auto checker = Content::checkerFor(extension_);
-    for (; position <= brokenAt; position += grid.unit) {
+    for (; position <= highest; position += grid.unit) {
         file.growTo(position);
         checker->advance(file);
         if (checker->finding().isBroken())
@@ -190,6 +223,14 @@ std::vector<ByteRange> GapSearch::joined(
     return pieces;
 }
 
+/// Whether the checker passes over what lies here, or waits for something far behind.
+bool GapSearch::isBlind(const Cut& cut)
+{
+    constexpr std::uint64_t farBehind = 131'072;
+    const auto checked = cut.checker->finding().checked;
+    return checked > cut.position || checked + farBehind < cut.position;
+}
+
 std::optional<GapSearch::Survivor> GapSearch::tryUnit(
     const Assembly& assembly, const Cut& cut, std::uint64_t unit, Budget& budget) const
 {
@@ -201,7 +242,7 @@ std::optional<GapSearch::Survivor> GapSearch::tryUnit(
     const auto checker = cut.checker->copy();
     const auto before = cut.checker->finding();
     budget.take(costOfTrial);
-    Survivor survivor { .cut = &cut, .unit = unit, .strain = 0, .lastCut = 0 };
+    Survivor survivor { .cut = &cut, .unit = unit };
     // First a little of it, since nearly all break at once; then enough to tell a rough join.
     for (const auto most : { firstUnits * size, moreUnits * size }) {
         const auto step = most == firstUnits * size ? most : std::max(sampleStep, most / 32);
@@ -211,8 +252,10 @@ std::optional<GapSearch::Survivor> GapSearch::tryUnit(
             checker->advance(file);
             const auto& finding = checker->finding();
             budget.take(breakOf(finding, finding.checked) - std::min(from, finding.checked));
-            if (finding.isBroken())
-                return std::nullopt;
+            survivor.firm = finding.firm;
+            survivor.brokenAt = finding.brokenAt;
+            if (finding.isBroken()) // a short piece may end here
+                return most == firstUnits * size ? std::nullopt : std::optional(survivor);
             survivor.strain = std::max(survivor.strain, strainOf(finding, before));
             if (finding.isComplete())
                 return survivor;
@@ -222,39 +265,70 @@ std::optional<GapSearch::Survivor> GapSearch::tryUnit(
 }
 
 /// Follows those that are left to their ends, the smoothest first. What is rougher than a right
-/// join may be is left out without a doubt.
-void GapSearch::followSurvivors(
-    const Assembly& assembly, std::vector<Survivor> survivors, Budget& budget, Result& result) const
+/// join may be is left out without a doubt. Whether one of them is certain.
+bool GapSearch::followSurvivors(Batch batch, Budget& budget, Result& result) const
 {
     const auto likeness
         = [](const Survivor& survivor) { return survivor.strain == 0 ? 1 : survivor.strain; };
+    auto& survivors = batch.survivors;
+    for (const auto& survivor : survivors)
+        if (survivor.brokenAt)
+            result.unfinished.push_back(unfinished(batch, survivor));
+    std::erase_if(
+        survivors, [](const Survivor& survivor) { return survivor.brokenAt.has_value(); });
     std::ranges::stable_sort(survivors, {}, likeness);
     if (survivors.size() > mostRoughSurvivors && survivors.back().strain > 0) {
         result.wasCutShort |= likeness(survivors[mostRoughSurvivors]) <= mostStrain;
         survivors.resize(mostRoughSurvivors);
     }
+    bool isCertain = false;
     for (const auto& survivor : survivors) {
-        if (budget.isSpent() || isCancelled(progress_)) {
-            result.wasCutShort = true;
+        result.wasCutShort |= budget.isSpent() || isCancelled(progress_);
+        if (isCertain || budget.isSpent() || isCancelled(progress_))
             break;
-        }
-        if (followToEnd(assembly, survivor, budget, result))
-            return;
+        isCertain = followToEnd(batch, survivor, budget, result);
     }
-    std::ranges::stable_sort(result.unfinished, std::ranges::greater {}, &Assembly::promise);
-    if (result.unfinished.size() > mostUnfinished) {
-        result.unfinished.resize(mostUnfinished);
-        for (auto& next : result.unfinished)
+    auto& open = result.unfinished;
+    std::erase_if(open, [](const Assembly& next) { return next.pieces.empty(); });
+    std::ranges::stable_sort(open, std::ranges::greater {}, &Assembly::promise);
+    const bool isConfirmed = hasChecksums_ && !open.empty() && open.front().isConfirmed;
+    if (isConfirmed)
+        open.resize(1);
+    if (open.size() > mostUnfinished) {
+        open.resize(mostUnfinished);
+        for (auto& next : open)
             next.isDoubtful = true;
     }
+    return isCertain || isConfirmed;
+}
+
+/// A file that goes on with a unit and breaks again.
+Assembly GapSearch::unfinished(const Batch& batch, const Survivor& survivor) const
+{
+    constexpr double closeUnits = 8; // in front of a contradiction: cuts as likely as the last
+    constexpr double unknownStrain = 1.5;
+    constexpr double certain = 1e6;
+    const auto position = survivor.cut->position;
+    const auto unit = static_cast<double>(space_.gridAt(survivor.unit).unit);
+    const auto reached = survivor.brokenAt.value_or(position);
+    const auto gained = static_cast<double>(reached - std::min(reached, position)) / unit;
+    const auto before = static_cast<double>(batch.lastCut - position) / unit / closeUnits;
+    const auto strain = std::max(batch.assembly->strain, survivor.strain);
+    const auto weight = strain == 0 ? unknownStrain : std::max(strain, 1.0);
+    const bool isConfirmed = survivor.firm > position;
+    return { .pieces = joined(*batch.assembly, *survivor.cut, survivor.unit),
+        .strain = strain,
+        .isDoubtful = batch.assembly->isDoubtful,
+        .promise
+        = std::sqrt(gained) / (weight * weight) / (1 + before) + (isConfirmed ? certain : 0),
+        .isConfirmed = isConfirmed };
 }
 
 /// Whether checksums prove the file that comes of it, so that nothing else needs to be tried.
 bool GapSearch::followToEnd(
-    const Assembly& assembly, const Survivor& survivor, Budget& budget, Result& result) const
+    const Batch& batch, const Survivor& survivor, Budget& budget, Result& result) const
 {
-    constexpr double closeUnits = 8; // in front of a contradiction: cuts as likely as the last
-    auto pieces = joined(assembly, *survivor.cut, survivor.unit);
+    auto pieces = joined(*batch.assembly, *survivor.cut, survivor.unit);
     if (pieces.empty())
         return false;
     PiecedBytes file(cache_, pieces);
@@ -262,26 +336,20 @@ bool GapSearch::followToEnd(
     const auto checker = survivor.cut->checker->copy();
     checker->advance(file);
     const auto& finding = checker->finding();
-    const auto reached = breakOf(finding, finding.checked);
-    const auto gained = reached - std::min(reached, survivor.cut->position);
-    budget.take(costOfTrial + gained);
-    const auto strain = std::max(assembly.strain, survivor.strain);
+    const auto reached = breakOf(finding, std::min(finding.checked, file.size()));
+    budget.take(costOfTrial + reached - std::min(reached, survivor.cut->position));
     if (!finding.isComplete()) {
-        const auto unit = static_cast<double>(space_.gridAt(survivor.unit).unit);
-        const auto before
-            = static_cast<double>(survivor.lastCut - survivor.cut->position) / unit / closeUnits;
-        const auto promise = static_cast<double>(gained) / std::max(strain, 1.0) / (1 + before);
-        result.unfinished.push_back({ .pieces = std::move(pieces),
-            .strain = strain,
-            .isDoubtful = assembly.isDoubtful,
-            .promise = promise });
+        auto broken = survivor;
+        broken.brokenAt = reached;
+        broken.firm = finding.firm;
+        result.unfinished.push_back(unfinished(batch, broken));
         return false;
     }
     result.solutions.push_back({ .pieces = cutTo(std::move(pieces), *finding.length),
         .proof = finding.proof,
-        .strain = strain,
+        .strain = std::max(batch.assembly->strain, survivor.strain),
         .isStrainKnown = finding.usualRoughness > 0,
-        .isDoubtful = assembly.isDoubtful });
+        .isDoubtful = batch.assembly->isDoubtful });
     return finding.proof == Content::Proof::checksum;
 }
 

@@ -23,8 +23,9 @@ struct Assembly {
     std::vector<ByteRange> pieces; ///< on the source, in the order of the file
     /// Of the worst join so far: how much rougher it is than the file is elsewhere. 0: unknown.
     double strain = 0;
-    bool isDoubtful = false; ///< whether a piece was chosen where others would have done as well
-    double promise = 0;      ///< larger: likelier to be right
+    bool isDoubtful = false;  ///< whether a piece was chosen where others would have done as well
+    double promise = 0;       ///< larger: likelier to be right
+    bool isConfirmed = false; ///< whether what was read later vouches for the last join
 };
 
 /// Pieces that a checker followed up to the file's own end.
@@ -82,19 +83,30 @@ private:
     struct Survivor {
         const Cut* cut;
         std::uint64_t unit;
-        double strain;
-        std::uint64_t lastCut; ///< of all that were tried
+        double strain = 0;
+        std::optional<std::uint64_t> brokenAt = {}; ///< none: not yet
+        std::uint64_t firm = 0;                     ///< as far as it was followed
+    };
+
+    /// Some cuts at a time: where the likeliest give a file that is certain, the rest need no look.
+    struct Batch {
+        const Assembly* assembly;
+        std::vector<Survivor> survivors;
+        std::uint64_t lastCut; ///< of all that are tried
     };
 
     std::vector<Cut> cutsOf(const Assembly& assembly) const;
+    std::vector<Cut> cutsBetween(
+        const Assembly& assembly, std::uint64_t lowest, std::uint64_t highest) const;
     std::vector<std::uint64_t> unitsAround(const Assembly& assembly, std::uint64_t firstCut) const;
     bool mayGoOnAt(std::uint64_t unit) const;
+    static bool isBlind(const Cut& cut);
     std::optional<Survivor> tryUnit(
         const Assembly& assembly, const Cut& cut, std::uint64_t unit, Budget& budget) const;
-    void followSurvivors(const Assembly& assembly, std::vector<Survivor> survivors, Budget& budget,
-        Result& result) const;
+    bool followSurvivors(Batch batch, Budget& budget, Result& result) const;
     bool followToEnd(
-        const Assembly& assembly, const Survivor& survivor, Budget& budget, Result& result) const;
+        const Batch& batch, const Survivor& survivor, Budget& budget, Result& result) const;
+    Assembly unfinished(const Batch& batch, const Survivor& survivor) const;
     std::vector<ByteRange> joined(
         const Assembly& assembly, const Cut& cut, std::uint64_t unit) const;
 
@@ -105,6 +117,7 @@ private:
     const WorkProgress* progress_;
     bool isContainer_;
     bool isCompressed_;
+    bool hasChecksums_;
 };
 
 } // namespace Fragments

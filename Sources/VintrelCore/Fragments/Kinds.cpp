@@ -19,6 +19,13 @@ bool isCompressed(std::string_view extension)
     return std::ranges::find(compressed, extension) != std::end(compressed);
 }
 
+bool hasChecksums(std::string_view extension)
+{
+    constexpr std::string_view checked[]
+        = { "png", "zip", "docx", "xlsx", "pptx", "odt", "ods", "odp", "epub", "jar" };
+    return std::ranges::find(checked, extension) != std::end(checked);
+}
+
 bool looksCompressed(ByteView unit)
 {
     constexpr std::size_t looked = 512;

@@ -13,6 +13,10 @@ bool holdsOthers(std::string_view extension);
 /// Whether nearly all of such a file is compressed, so that text or zeros in it are another's.
 bool isCompressed(std::string_view extension);
 
+/// Whether checksums follow soon behind all that they cover, so that a piece is certain as soon as
+/// one of them behind its beginning is right.
+bool hasChecksums(std::string_view extension);
+
 /// Whether the first bytes of a unit are neither text nor zeros.
 bool looksCompressed(ByteView unit);
 

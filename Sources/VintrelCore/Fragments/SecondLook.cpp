@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::uint64_t budgetOfTwo = 268'435'456;   ///< a head's, in bytes looked at
 constexpr std::uint64_t leastBudget = 1'073'741'824; ///< of all heads, or a quarter of the source
-constexpr std::size_t mostPieces = 4;
+constexpr std::uint64_t firstShare = 16;
 constexpr std::size_t mostAssemblies = 4;
 
 } // namespace
@@ -36,8 +36,14 @@ void SecondLook::run(std::vector<CarvedFile>& finds, std::span<const BrokenHead>
         checkFind(find);
     for (const auto& head : heads)
         checkHead(head);
-    for (std::size_t pieces = 2; pieces <= mostPieces; ++pieces)
-        searchAll(pieces);
+    findAnchors();
+    // First with a small share of the work each, so that none that hardly contradicts itself takes
+    // it from all others.
+    for (const bool isLast : { false, true })
+        for (std::size_t pieces = 2; pieces <= mostPieces; ++pieces) {
+            const auto whole = pieces == 2 ? budgetOfTwo : 2 * budgetOfTwo;
+            searchAll(pieces, isLast ? whole : whole / firstShare, isLast);
+        }
     settleDoubtful();
 
     // What a proved file holds inside itself is no file of its own.
@@ -68,10 +74,11 @@ void SecondLook::checkFind(CarvedFile& find)
         return;
     }
     const auto search = gapSearch(job);
-    const std::vector pieces { search.pieceFrom(find.offset) };
-    const auto finding = search.follow(pieces);
+    Assembly assembly;
+    assembly.pieces = { search.pieceFrom(find.offset) };
+    const auto finding = search.follow(assembly.pieces);
     if (!finding.isComplete()) {
-        job.assemblies.push_back({ .pieces = pieces });
+        job.levels[1].assemblies.push_back(std::move(assembly));
         jobs_.push_back(std::move(job));
         return;
     }
@@ -92,28 +99,40 @@ void SecondLook::checkHead(const BrokenHead& head)
         || space_.isHeld(head.offset, holdsOthers(job.extension)))
         return;
     const auto search = gapSearch(job);
-    const std::vector pieces { search.pieceFrom(head.offset) };
-    const auto finding = search.follow(pieces);
+    Assembly assembly;
+    assembly.pieces = { search.pieceFrom(head.offset) };
+    const auto finding = search.follow(assembly.pieces);
     if (finding.checked < leastFirm || finding.isComplete())
         return;
-    job.assemblies.push_back({ .pieces = pieces });
+    job.levels[1].assemblies.push_back(std::move(assembly));
     jobs_.push_back(std::move(job));
 }
 
+/// Looks for what tells where the ends of files lie, if one that is broken may have it.
+void SecondLook::findAnchors()
+{
+    std::vector<std::string_view> extensions;
+    for (const auto& job : jobs_)
+        extensions.push_back(job.extension);
+    std::ranges::sort(extensions);
+    extensions.erase(std::unique(extensions.begin(), extensions.end()), extensions.end());
+    anchors_ = Fragments::findAnchors(cache_, space_, extensions, progress_);
+}
+
 /// Each file with so many pieces.
-void SecondLook::searchAll(std::size_t pieces)
+void SecondLook::searchAll(std::size_t pieces, std::uint64_t share, bool isLast)
 {
     std::size_t count = 0;
     for (auto& job : jobs_) {
         ++count;
-        if (job.isSolved)
+        if (job.isSolved || job.levels[pieces].isDone)
             continue;
         if (all_.isSpent() || isCancelled(progress_))
             return;
         report(progress_, static_cast<double>(count) / static_cast<double>(jobs_.size()),
             "Samler filer i stykker … (" + std::to_string(count) + " af "
                 + std::to_string(jobs_.size()) + ")");
-        search(job, pieces);
+        search(job, pieces, share, isLast);
         settleIfProved(job);
     }
     // What one of them has is not in question for the others any more.
@@ -124,21 +143,45 @@ void SecondLook::searchAll(std::size_t pieces)
     }
 }
 
-void SecondLook::search(Job& job, std::size_t pieces)
+/// Whether an anchor gave pieces that the content does not contradict.
+bool SecondLook::searchMapped(Job& job)
+{
+    const auto search = gapSearch(job);
+    for (const auto& assembly : job.levels[1].assemblies)
+        for (const auto shift : shiftsFor(job.extension, assembly.pieces, anchors_, cache_)) {
+            const auto share = std::min(all_.left, budgetOfTwo);
+            Budget budget { share };
+            auto result = search.searchMapped(assembly, shift, budget);
+            all_.take(share - budget.left);
+            std::ranges::move(result.solutions, std::back_inserter(job.levels[2].solutions));
+        }
+    return !job.levels[2].solutions.empty();
+}
+
+void SecondLook::search(Job& job, std::size_t pieces, std::uint64_t share, bool isLast)
 {
     if (space_.isHeld(job.offset, holdsOthers(job.extension))) {
         job.isSolved = true; // it lies inside another
         return;
     }
-    const auto share = std::min(all_.left, pieces == 2 ? budgetOfTwo : 2 * budgetOfTwo);
+    auto& level = job.levels[pieces];
+    if (pieces == 2 && !isLast && searchMapped(job)) {
+        level.isDone = true;
+        return;
+    }
+    level = {};
+    share = std::min(all_.left, share);
     Budget budget { share };
-    std::vector<Assembly> next;
+    auto& next = level.assemblies;
     const auto search = gapSearch(job);
-    for (auto& assembly : job.assemblies) {
+    for (auto& assembly : job.levels[pieces - 1].assemblies) {
         // Others may have been found since to own what the last piece ran into.
         auto& last = assembly.pieces.back();
         last.end = std::min(last.end, search.pieceFrom(last.start).end);
-        take(job, search.search(assembly, budget), next);
+        auto result = search.search(assembly, budget);
+        level.wasCutShort |= result.wasCutShort;
+        std::ranges::move(result.solutions, std::back_inserter(level.solutions));
+        std::ranges::move(result.unfinished, std::back_inserter(next));
     }
     all_.take(share - budget.left);
     std::ranges::stable_sort(next, std::ranges::greater {}, &Assembly::promise);
@@ -147,46 +190,54 @@ void SecondLook::search(Job& job, std::size_t pieces)
         for (auto& assembly : next)
             assembly.isDoubtful = true;
     }
-    job.assemblies = std::move(next);
+    level.isDone = isLast || !level.wasCutShort;
+    if (isLast && pieces < mostPieces)
+        job.levels[pieces + 1].isDone = false;
 }
 
 /// Whether the file's pieces are certain by now.
 bool SecondLook::settleIfProved(Job& job)
 {
     const bool isContainer = holdsOthers(job.extension);
-    std::erase_if(job.solutions, [&](const Solution& solution) {
-        return std::ranges::any_of(solution.pieces, [&](const ByteRange& piece) {
-            return space_.isHeld(piece.start, isContainer)
-                || space_.endOfRun(piece.start, space_.gridAt(piece.start), isContainer)
-                < piece.end;
+    const auto isTaken = [&](const ByteRange& piece) {
+        return space_.isHeld(piece.start, isContainer)
+            || space_.endOfRun(piece.start, space_.gridAt(piece.start), isContainer) < piece.end;
+    };
+    for (auto& level : job.levels)
+        std::erase_if(level.solutions, [&](const Solution& solution) {
+            return std::ranges::any_of(solution.pieces, isTaken);
         });
-    });
     const auto* const proved = provedOf(job);
     if (proved == nullptr)
         return false;
-    settle(job, *proved, Joins::proved);
+    settle(job, Solution(*proved), Joins::proved);
     return true;
 }
 
-void SecondLook::take(Job& job, GapSearch::Result result, std::vector<Assembly>& next) const
+std::vector<const Solution*> SecondLook::solutionsOf(const Job& job)
 {
-    job.wasCutShort |= result.wasCutShort;
-    std::ranges::move(result.solutions, std::back_inserter(job.solutions));
-    std::ranges::move(result.unfinished, std::back_inserter(next));
+    std::vector<const Solution*> solutions;
+    for (const auto& level : job.levels)
+        for (const auto& solution : level.solutions)
+            if (std::ranges::none_of(solutions,
+                    [&](const Solution* other) { return other->pieces == solution.pieces; }))
+                solutions.push_back(&solution);
+    return solutions;
 }
 
 /// The solution that no other one can be put beside.
-const Solution* SecondLook::provedOf(const Job& job) const
+const Solution* SecondLook::provedOf(const Job& job)
 {
-    const auto checked
-        = std::ranges::find(job.solutions, Content::Proof::checksum, &Solution::proof);
-    if (checked != job.solutions.end())
-        return &*checked;
-    if (job.solutions.size() != 1 || job.wasCutShort)
+    const auto solutions = solutionsOf(job);
+    const auto checked = std::ranges::find(solutions, Content::Proof::checksum, &Solution::proof);
+    if (checked != solutions.end())
+        return *checked;
+    const bool wasCutShort = std::ranges::any_of(job.levels, &Level::wasCutShort);
+    if (solutions.size() != 1 || wasCutShort)
         return nullptr;
-    const auto& only = job.solutions.front();
-    const bool isProved
-        = only.proof == Content::Proof::decoded && only.strain <= mostStrain && !only.isDoubtful;
+    const auto& only = *solutions.front();
+    const bool isSmooth = !only.isStrainKnown || (only.strain > 0 && only.strain <= mostStrain);
+    const bool isProved = only.proof == Content::Proof::decoded && isSmooth && !only.isDoubtful;
     return isProved ? &only : nullptr;
 }
 
@@ -219,17 +270,19 @@ void SecondLook::settle(Job& job, const Solution& solution, Joins joins)
 void SecondLook::settleDoubtful()
 {
     for (auto& job : jobs_) {
-        if (job.isSolved || job.find != nullptr || job.solutions.empty())
+        const auto solutions = solutionsOf(job);
+        if (job.isSolved || job.find != nullptr || solutions.empty())
             continue;
         // Where nothing tells how smooth the joins are, the longest file leaves the least out.
-        const auto best = std::ranges::min_element(
-            job.solutions, [](const Solution& left, const Solution& right) {
-                return left.strain != right.strain ? left.strain < right.strain
-                                                   : sizeOf(left.pieces) > sizeOf(right.pieces);
+        const auto* const best = *std::ranges::min_element(
+            solutions, [](const Solution* left, const Solution* right) {
+                return left->strain != right->strain ? left->strain < right->strain
+                                                     : sizeOf(left->pieces) > sizeOf(right->pieces);
             });
-        const bool isChained = best->proof == Content::Proof::chain && job.solutions.size() == 1
-            && !best->isDoubtful && !job.wasCutShort;
-        settle(job, *best, isChained ? Joins::chained : Joins::uncertain);
+        const bool wasCutShort = std::ranges::any_of(job.levels, &Level::wasCutShort);
+        const bool isChained = best->proof == Content::Proof::chain && solutions.size() == 1
+            && !best->isDoubtful && !wasCutShort;
+        settle(job, Solution(*best), isChained ? Joins::chained : Joins::uncertain);
     }
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "VintrelCore/Fragments/Anchors.h"
 #include "VintrelCore/Fragments/GapSearch.h"
 #include "VintrelCore/Fragments/PiecedBytes.h"
 #include "VintrelCore/Fragments/Space.h"
 #include "VintrelCore/Model/CarvedFile.h"
 
+#include <array>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -29,26 +31,36 @@ public:
     void run(std::vector<CarvedFile>& finds, std::span<const BrokenHead> heads);
 
 private:
+    static constexpr std::size_t mostPieces = 4;
+
+    /// What was found of a file with a number of pieces.
+    struct Level {
+        std::vector<Assembly> assemblies; ///< that break in the last of so many pieces
+        std::vector<Solution> solutions;  ///< of so many pieces, none of them proved
+        bool isDone = false;              ///< whether it was searched as far as it may be
+        bool wasCutShort = false;
+    };
+
     /// A file that could not be followed in one piece.
     struct Job {
         std::uint64_t offset = 0;
         std::string extension;
-        CarvedFile* find = nullptr; ///< with the same head; none where there is none
-        std::vector<Assembly> assemblies;
-        std::vector<Solution> solutions; ///< none of them proved
-        bool wasCutShort = false;
+        CarvedFile* find = nullptr;               ///< with the same head; none where there is none
+        std::array<Level, mostPieces + 1> levels; ///< by the number of pieces, from 1 on
         bool isSolved = false;
     };
 
     void checkFind(CarvedFile& find);
     void checkHead(const BrokenHead& head);
-    void searchAll(std::size_t pieces);
-    void search(Job& job, std::size_t pieces);
+    void searchAll(std::size_t pieces, std::uint64_t share, bool isLast);
+    void findAnchors();
+    bool searchMapped(Job& job);
+    void search(Job& job, std::size_t pieces, std::uint64_t share, bool isLast);
     bool settleIfProved(Job& job);
     void settle(Job& job, const Solution& solution, Joins joins);
     void settleDoubtful();
-    void take(Job& job, GapSearch::Result result, std::vector<Assembly>& next) const;
-    const Solution* provedOf(const Job& job) const;
+    static const Solution* provedOf(const Job& job);
+    static std::vector<const Solution*> solutionsOf(const Job& job);
     GapSearch gapSearch(const Job& job)
     {
         return { cache_, space_, beginnings_, job.extension, progress_ };
@@ -60,6 +72,7 @@ private:
     BlockCache cache_;
     Budget all_;
     std::unordered_set<std::uint64_t> beginnings_;
+    std::vector<Anchor> anchors_;
     std::vector<Job> jobs_;
     std::vector<CarvedFile> solved_;
 };

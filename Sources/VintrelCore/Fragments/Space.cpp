@@ -26,6 +26,12 @@ bool Space::isHeld(std::uint64_t offset, bool isContainer) const
     return held_.contains(offset) || (!isContainer && softlyHeld_.contains(offset));
 }
 
+bool Space::isAllHeld(const ByteRange& range) const
+{
+    const auto holder = held_.firstEndingBehind(range.start);
+    return holder && holder->start <= range.start && holder->end >= range.end;
+}
+
 const Grid& Space::gridAt(std::uint64_t offset) const
 {
     const auto found = std::ranges::find_if(grids_,

@@ -27,6 +27,8 @@ public:
     void holdSoftly(const ByteRange& range) { softlyHeld_.add(range.start, range.end); }
     bool isHeld(std::uint64_t offset, bool isContainer) const;
 
+    bool isAllHeld(const ByteRange& range) const;
+
     const Grid& gridAt(std::uint64_t offset) const;
     /// Where the free space ends that holds `offset`: at the next held byte, or at the grid's end.
     std::uint64_t endOfRun(std::uint64_t offset, const Grid& grid, bool isContainer) const;
