@@ -43,7 +43,7 @@ sub gap {
     if ($kind eq 'text') { append(text_of($count)) }
     elsif ($kind eq 'random') { append(random_of($count)) }
     elsif ($kind eq 'zero') { append("\0" x $count) }
-    elsif ($kind eq 'document') { whole_gap(qw(rtf sqlite xls)) }
+    elsif ($kind eq 'document') { whole_gap(qw(sqlite ods odp)) }
     else { whole_gap(qw(gif jpg png)) }
     align();
 }

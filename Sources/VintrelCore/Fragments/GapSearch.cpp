@@ -16,7 +16,7 @@ constexpr std::size_t mostCuts = 96;
 constexpr std::size_t mostUnitsAhead = 6144;
 constexpr std::uint64_t mostBytesAhead = 67'108'864;
 constexpr std::uint64_t shareBehind = 3; ///< a third as many behind
-constexpr std::size_t mostSurvivors = 4096;
+constexpr std::size_t mostSurvivors = 2048;
 constexpr std::size_t mostRoughSurvivors = 512; ///< of kinds that can tell the smoothest
 constexpr std::size_t mostUnfinished = 6;
 constexpr std::uint64_t firstUnits = 2;
@@ -77,23 +77,26 @@ GapSearch::Result GapSearch::search(const Assembly& assembly, Budget& budget) co
     if (cuts.empty())
         return result;
     const auto units = unitsAround(assembly, cuts.front().position);
-    Batch batch { &assembly, {}, cuts.back().position };
+    const Batch emptied { &assembly, {}, cuts.back().position };
+    auto batch = emptied;
     std::size_t count = 0;
     // A contradiction shows soon: the last cuts are the likeliest.
     for (auto cut = cuts.rbegin(); cut != cuts.rend() && !result.wasCutShort; ++cut) {
         for (const auto unit : units) {
             if (isBlind(*cut))
                 break; // it would take any bytes for the next ones
-            result.wasCutShort = budget.isSpent() || isCancelled(progress_)
-                || batch.survivors.size() >= mostSurvivors;
+            const bool isFull = batch.survivors.size() >= mostSurvivors;
+            result.wasCutShort |= budget.isSpent() || isCancelled(progress_);
+            result.wasCutShort |= isFull && !hasChecksums_;
             if (result.wasCutShort)
                 break;
+            if (isFull && followSurvivors(std::exchange(batch, emptied), budget, result))
+                return result;
             if (const auto survivor = tryUnit(assembly, *cut, unit, budget))
                 batch.survivors.push_back(*survivor);
         }
         if (hasChecksums_ && ++count % cutsInBatch == 0
-            && followSurvivors(
-                std::exchange(batch, { &assembly, {}, batch.lastCut }), budget, result))
+            && followSurvivors(std::exchange(batch, emptied), budget, result))
             return result;
     }
     followSurvivors(std::move(batch), budget, result);

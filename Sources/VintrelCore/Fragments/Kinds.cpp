@@ -13,9 +13,9 @@ bool holdsOthers(std::string_view extension)
 
 bool isCompressed(std::string_view extension)
 {
-    constexpr std::string_view compressed[]
-        = { "jpg", "png", "gif", "mp3", "mp4", "mov", "m4a", "m4v", "3gp", "mkv", "webm", "ogg",
-              "docx", "xlsx", "pptx", "odt", "ods", "odp", "epub", "jar", "7z", "heic", "avif" };
+    constexpr std::string_view compressed[] = { "jpg", "png", "gif", "mp3", "mp4", "mov", "m4a",
+        "m4v", "3gp", "mkv", "webm", "ogg", "avi", "docx", "xlsx", "pptx", "odt", "ods", "odp",
+        "epub", "jar", "7z", "heic", "avif" };
     return std::ranges::find(compressed, extension) != std::end(compressed);
 }
 

@@ -11,7 +11,7 @@ namespace Fragments {
 namespace {
 
 constexpr std::uint64_t budgetOfTwo = 268'435'456;   ///< a head's, in bytes looked at
-constexpr std::uint64_t leastBudget = 1'073'741'824; ///< of all heads, or a quarter of the source
+constexpr std::uint64_t leastBudget = 4'294'967'296; ///< of all heads, or a quarter of the source
 constexpr std::uint64_t firstShare = 16;
 constexpr std::size_t mostAssemblies = 4;
 
@@ -40,7 +40,7 @@ void SecondLook::run(std::vector<CarvedFile>& finds, std::span<const BrokenHead>
     // First with a small share of the work each, so that none that hardly contradicts itself takes
     // it from all others.
     for (const bool isLast : { false, true })
-        for (std::size_t pieces = 2; pieces <= mostPieces; ++pieces) {
+        for (std::size_t pieces = 2; pieces <= (isLast ? mostPieces : mostPieces - 1); ++pieces) {
             const auto whole = pieces == 2 ? budgetOfTwo : 2 * budgetOfTwo;
             searchAll(pieces, isLast ? whole : whole / firstShare, isLast);
         }
@@ -78,6 +78,7 @@ void SecondLook::checkFind(CarvedFile& find)
     assembly.pieces = { search.pieceFrom(find.offset) };
     const auto finding = search.follow(assembly.pieces);
     if (!finding.isComplete()) {
+        find.isContradicted = find.exact && finding.isBroken();
         job.levels[1].assemblies.push_back(std::move(assembly));
         jobs_.push_back(std::move(job));
         return;
@@ -144,18 +145,19 @@ void SecondLook::searchAll(std::size_t pieces, std::uint64_t share, bool isLast)
 }
 
 /// Whether an anchor gave pieces that the content does not contradict.
-bool SecondLook::searchMapped(Job& job)
+bool SecondLook::searchMapped(Job& job, std::size_t pieces)
 {
     const auto search = gapSearch(job);
-    for (const auto& assembly : job.levels[1].assemblies)
+    auto& found = job.levels[pieces].solutions;
+    for (const auto& assembly : job.levels[pieces - 1].assemblies)
         for (const auto shift : shiftsFor(job.extension, assembly.pieces, anchors_, cache_)) {
             const auto share = std::min(all_.left, budgetOfTwo);
             Budget budget { share };
             auto result = search.searchMapped(assembly, shift, budget);
             all_.take(share - budget.left);
-            std::ranges::move(result.solutions, std::back_inserter(job.levels[2].solutions));
+            std::ranges::move(result.solutions, std::back_inserter(found));
         }
-    return !job.levels[2].solutions.empty();
+    return !found.empty();
 }
 
 void SecondLook::search(Job& job, std::size_t pieces, std::uint64_t share, bool isLast)
@@ -165,11 +167,11 @@ void SecondLook::search(Job& job, std::size_t pieces, std::uint64_t share, bool 
         return;
     }
     auto& level = job.levels[pieces];
-    if (pieces == 2 && !isLast && searchMapped(job)) {
+    level = {};
+    if (searchMapped(job, pieces)) {
         level.isDone = true;
         return;
     }
-    level = {};
     share = std::min(all_.left, share);
     Budget budget { share };
     auto& next = level.assemblies;
@@ -255,12 +257,14 @@ void SecondLook::settle(Job& job, const Solution& solution, Joins joins)
     file.isCut = false;
     file.isInterrupted = false;
     file.isOpenEnded = false;
+    file.isContradicted = false;
     file.pieces = solution.pieces;
     file.joins = joins;
     if (joins == Joins::proved)
         for (const auto& piece : solution.pieces)
             space_.hold(piece);
-    if (job.find != nullptr)
+    // What is not proved stands beside the find that it may correct.
+    if (job.find != nullptr && joins == Joins::proved)
         *job.find = std::move(file);
     else
         solved_.push_back(std::move(file));
@@ -271,7 +275,7 @@ void SecondLook::settleDoubtful()
 {
     for (auto& job : jobs_) {
         const auto solutions = solutionsOf(job);
-        if (job.isSolved || job.find != nullptr || solutions.empty())
+        if (job.isSolved || solutions.empty())
             continue;
         // Where nothing tells how smooth the joins are, the longest file leaves the least out.
         const auto* const best = *std::ranges::min_element(

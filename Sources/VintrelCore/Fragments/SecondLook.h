@@ -54,7 +54,7 @@ private:
     void checkHead(const BrokenHead& head);
     void searchAll(std::size_t pieces, std::uint64_t share, bool isLast);
     void findAnchors();
-    bool searchMapped(Job& job);
+    bool searchMapped(Job& job, std::size_t pieces);
     void search(Job& job, std::size_t pieces, std::uint64_t share, bool isLast);
     bool settleIfProved(Job& job);
     void settle(Job& job, const Solution& solution, Joins joins);

@@ -27,9 +27,10 @@ struct CarvedFile {
     /// Whether its body was followed to its end, so that no other file lies inside. A head whose
     /// body is lost states its length just as well.
     bool isProved = false;
-    bool isOpenEnded = false;   ///< whether nothing but the next find tells where it ends
-    bool isCut = false;         ///< whether the source ends before the file does
-    bool isInterrupted = false; ///< whether another find begins inside
+    bool isOpenEnded = false;    ///< whether nothing but the next find tells where it ends
+    bool isCut = false;          ///< whether the source ends before the file does
+    bool isInterrupted = false;  ///< whether another find begins inside
+    bool isContradicted = false; ///< whether its content shows that some of it is another's
     /// On the source, in the order of the file; empty for a file in one piece.
     std::vector<ByteRange> pieces = {};
     Joins joins = Joins::proved; ///< between the pieces

@@ -26,8 +26,9 @@ Recoverability chanceOf(const CarvedFile& file)
 {
     if (!file.exact || file.joins == Joins::uncertain)
         return Recoverability::unknown;
-    return file.isInterrupted || file.joins == Joins::chained ? Recoverability::partial
-                                                              : Recoverability::good;
+    const bool isPartlyWrong = file.isInterrupted || file.isContradicted;
+    return isPartlyWrong || file.joins == Joins::chained ? Recoverability::partial
+                                                         : Recoverability::good;
 }
 
 ExtentList extentsOf(const CarvedFile& file)
@@ -53,6 +54,8 @@ void addNotes(FileNode& node, const CarvedFile& file)
         node.addNote("Optaget " + TimeConversion::localText(*file.captured, "%Y-%m-%d %H:%M:%S"));
     if (file.isCut)
         node.addNote("Filen fortsætter ud over kildens ende");
+    if (file.isContradicted)
+        node.addNote("Indholdet modsiger sig selv inde i filen");
     if (file.isInterrupted)
         node.addNote(file.isOpenEnded ? "Filen er afkortet, hvor en anden fil begynder"
                                       : "En anden fil begynder inde i filen");
