@@ -9,5 +9,13 @@
 namespace Content::Formats {
 
 std::unique_ptr<Checker> jpeg();
+std::unique_ptr<Checker> isoBMFF();
+std::unique_ptr<Checker> mp3();
+std::unique_ptr<Checker> ole();
+std::unique_ptr<Checker> pdf(); ///< needs zlib
+std::unique_ptr<Checker> png();
+std::unique_ptr<Checker> riff();
+std::unique_ptr<Checker> tiff();
+std::unique_ptr<Checker> zip(); ///< needs zlib
 
 } // namespace Content::Formats

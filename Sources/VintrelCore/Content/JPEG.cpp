@@ -80,7 +80,8 @@ void JPEGChecker::advance(FileBytes& file)
         const auto reached = scan_ == nullptr ? position_ : coding_.bits.position();
         finding_.checked = std::max(finding_.checked, std::min(reached, file.size()));
         if (step == Step::contradiction)
-            finding_.brokenAt = std::max(finding_.firm, std::min(reached, file.size()));
+            finding_.brokenAt
+                = std::max(finding_.firm, std::min(std::max(reached, bytes.end()), file.size()));
         if (step != Step::waits)
             continue;
         if (file.isWhole())

@@ -23,6 +23,7 @@ public:
     {
         if (position - start_ >= near_.size() && !moveTo(position))
             return std::nullopt;
+        end_ = std::max(end_, position + 1);
         return near_.data()[position - start_];
     }
     /// As many of `count` bytes as there are. A segment has less than 64 KiB.
@@ -34,8 +35,11 @@ public:
             const auto part = near_.span().first(std::min(near_.size(), count - bytes.size()));
             bytes.insert(bytes.end(), part.begin(), part.end());
         }
+        end_ = std::max(end_, position + bytes.size());
         return bytes;
     }
+    /// Of all bytes that were looked at.
+    std::uint64_t end() const { return end_; }
 
 private:
     bool moveTo(std::uint64_t position)
@@ -49,6 +53,7 @@ private:
     FileBytes& file_;
     ByteView near_;
     std::uint64_t start_ = 0;
+    std::uint64_t end_ = 0;
 };
 
 enum class BitState : std::uint8_t {

@@ -1,5 +1,8 @@
 #include "VintrelCore/Foundation/Compression/Compression.h"
+#include "VintrelCore/Foundation/Compression/Inflater.h"
 
+#include <algorithm>
+#include <limits>
 #include <zlib.h>
 
 namespace Compression {
@@ -12,6 +15,57 @@ std::optional<std::size_t> unpackZlib(From from, To to)
     if (uncompress(to.data(), &length, from.data(), static_cast<uLong>(from.size())) != Z_OK)
         return std::nullopt;
     return static_cast<std::size_t>(length);
+}
+
+struct Inflater::Stream {
+    z_stream zlib {};
+    bool isUsable = false; ///< false where memory ran out
+
+    Stream() = default;
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
+    ~Stream()
+    {
+        if (isUsable)
+            inflateEnd(&zlib);
+    }
+};
+
+Inflater::Inflater(Wrapping wrapping)
+    : stream_(std::make_unique<Stream>())
+{
+    stream_->isUsable
+        = inflateInit2(&stream_->zlib, wrapping == Wrapping::raw ? -MAX_WBITS : MAX_WBITS) == Z_OK;
+}
+
+Inflater::Inflater(const Inflater& other)
+    : stream_(std::make_unique<Stream>())
+{
+    stream_->isUsable
+        = other.stream_->isUsable && inflateCopy(&stream_->zlib, &other.stream_->zlib) == Z_OK;
+}
+
+Inflater::~Inflater() = default;
+
+Inflater::Progress Inflater::unpack(From from, To to)
+{
+    auto& zlib = stream_->zlib;
+    if (!stream_->isUsable)
+        return { 0, 0, State::damaged };
+    constexpr std::size_t maxAtOnce = std::numeric_limits<uInt>::max();
+    const auto available = static_cast<uInt>(std::min(from.size(), maxAtOnce));
+    const auto room = static_cast<uInt>(std::min(to.size(), maxAtOnce));
+    zlib.next_in = const_cast<Bytef*>(from.data()); // which older versions only read, too
+    zlib.avail_in = available;
+    zlib.next_out = to.data();
+    zlib.avail_out = room;
+    const int result = inflate(&zlib, Z_NO_FLUSH);
+    auto state = State::damaged;
+    if (result == Z_STREAM_END)
+        state = State::ended;
+    else if (result == Z_OK || result == Z_BUF_ERROR)
+        state = State::open;
+    return { available - zlib.avail_in, room - zlib.avail_out, state };
 }
 
 } // namespace Compression

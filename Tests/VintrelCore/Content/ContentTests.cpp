@@ -1,0 +1,214 @@
+// Real files of every kind that has a checker, whole and with foreign bytes inside.
+
+#include "Tests/Support/TestSource.h"
+#include "VintrelCore/Content/Content.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Content::Finding;
+using Content::Proof;
+
+/// Bytes of which more and more can be read, some of them at once.
+class GrowingFile final : public Content::FileBytes {
+public:
+    explicit GrowingFile(const Bytes& bytes)
+        : bytes_(bytes)
+    {
+    }
+    void grow(std::size_t count) { size_ = std::min(size_ + count, bytes_.size()); }
+    void end() { isWhole_ = true; }
+    std::uint64_t size() const override { return size_; }
+    bool isWhole() const override { return isWhole_; }
+    ByteView stretch(std::uint64_t position, std::size_t count) override
+    {
+        constexpr std::uint64_t grain = 1000; // a stretch ends here, as at the end of a buffer
+        if (position >= size_)
+            return {};
+        const auto end = std::min<std::uint64_t>((position / grain + 1) * grain, size_);
+        return ByteView(bytes_).sub(static_cast<std::int64_t>(position),
+            static_cast<std::int64_t>(std::min<std::uint64_t>(count, end - position)));
+    }
+
+private:
+    const Bytes& bytes_;
+    std::size_t size_ = 0;
+    bool isWhole_ = false;
+};
+
+struct Sample {
+    std::string name;
+    Bytes bytes;
+
+    std::string extension() const { return name.substr(name.rfind('.') + 1); }
+};
+
+/// Those that something can follow.
+const std::vector<Sample>& samples()
+{
+    static const auto all = [] {
+        std::vector<Sample> files;
+        for (const auto& entry : std::filesystem::directory_iterator(VINTREL_SAMPLES)) {
+            Sample sample { entry.path().filename().string(), readFile(entry.path().string()) };
+            if (Content::checkerFor(sample.extension()))
+                files.push_back(std::move(sample));
+        }
+        std::ranges::sort(files, {}, &Sample::name);
+        return files;
+    }();
+    return all;
+}
+
+/// What a checker says that was given the file in slices, and replaced by its copy after each.
+Finding follow(const std::string& extension, const Bytes& bytes, std::size_t slice)
+{
+    GrowingFile file(bytes);
+    auto checker = Content::checkerFor(extension);
+    for (std::size_t read = 0; read < bytes.size(); read += slice) {
+        file.grow(slice);
+        const auto before = checker->finding();
+        checker->advance(file);
+        checker = checker->copy();
+        const auto after = checker->finding();
+        EXPECT_GE(after.firm, before.firm);
+        EXPECT_LE(after.firm, after.checked);
+    }
+    file.end();
+    checker->advance(file);
+    return checker->finding();
+}
+
+std::string describe(const Finding& finding)
+{
+    constexpr std::array names { "none", "chain", "decoded", "checksum" };
+    if (finding.brokenAt)
+        return "broken at " + std::to_string(*finding.brokenAt) + ", firm to "
+            + std::to_string(finding.firm);
+    if (!finding.length)
+        return "open at " + std::to_string(finding.checked);
+    return std::string(names.at(static_cast<std::size_t>(finding.proof))) + " of "
+        + std::to_string(*finding.length);
+}
+
+Bytes part(const Bytes& bytes, std::size_t from, std::size_t count)
+{
+    const auto view
+        = ByteView(bytes).sub(static_cast<std::int64_t>(from), static_cast<std::int64_t>(count));
+    return Bytes(view.span().begin(), view.span().end());
+}
+
+/// Foreign bytes: a stretch of each kind that disks are full of.
+struct Stranger {
+    Bytes bytes;
+    bool isRelated = false; ///< of a file of the same kind, which may well fit at first
+};
+
+std::vector<Stranger> strangers(const Sample& sample)
+{
+    const auto length = sample.bytes.size();
+    Bytes text = bytesOf("En dag i juli stod solen stille over fjorden, og ingen havde travlt. ");
+    while (text.size() < length)
+        text.insert(text.end(), text.begin(), text.end() - 1);
+    text.resize(length);
+    std::vector<Stranger> all { { Bytes(length) }, { std::move(text) }, { patternBytes(length) } };
+    for (const auto& other : samples()) {
+        if (other.extension() == sample.extension()
+            && part(other.bytes, 0, 512) != part(sample.bytes, 0, 512)) {
+            all.push_back({ part(other.bytes, 512, length), true });
+            all.back().bytes.resize(length);
+        }
+    }
+    return all;
+}
+
+/// What a checker says of this file, which has foreign bytes inside. It is never proved by more
+/// than its lengths, and the first foreign byte does not lie behind the contradiction.
+Finding expectUnproved(const Sample& sample, const Bytes& bytes, std::size_t cut)
+{
+    const auto finding = follow(sample.extension(), bytes, 4'096);
+    const auto first = std::ranges::mismatch(bytes, sample.bytes).in2 - sample.bytes.begin();
+    if (static_cast<std::uint64_t>(first) >= finding.length.value_or(sample.bytes.size()))
+        return {}; // the foreign bytes lie behind the file, or are the same
+    const auto what = sample.name + " cut at " + std::to_string(cut) + ": " + describe(finding);
+    EXPECT_LE(finding.proof, Proof::chain) << what;
+    if (finding.isBroken()) {
+        EXPECT_GE(*finding.brokenAt, static_cast<std::uint64_t>(first)) << what;
+    }
+    return finding;
+}
+
+/// The same, and the foreign bytes do not begin before what the checker vouches for.
+void expectFound(const Sample& sample, const Bytes& bytes, std::size_t cut)
+{
+    const auto finding = expectUnproved(sample, bytes, cut);
+    const auto first = std::ranges::mismatch(bytes, sample.bytes).in2 - sample.bytes.begin();
+    EXPECT_LE(finding.firm, static_cast<std::uint64_t>(first))
+        << sample.name << " cut at " << cut << ": " << describe(finding);
+}
+
+} // namespace
+
+TEST(Content, FollowsWholeFilesToTheirEnd)
+{
+    std::map<std::string, Proof> exceptions;
+    for (const auto* extension : { "mp4", "mov", "m4a", "m4v", "3gp", "heic", "avif", "cr3" })
+        exceptions[extension] = Proof::chain;
+    for (const auto* extension : { "pdf" })
+        exceptions[extension] = Proof::decoded;
+    for (const auto* extension : { "avi", "wav", "webp" })
+        exceptions[extension] = Proof::chain;
+    for (const auto* extension : { "mp3" })
+        exceptions[extension] = Proof::chain;
+    for (const auto* extension : { "doc", "xls", "ppt", "msg" })
+        exceptions[extension] = Proof::chain;
+    for (const auto* extension : { "tif", "tiff", "dng", "nef", "cr2", "arw", "pef", "orf", "rw2" })
+        exceptions[extension] = Proof::chain;
+    ASSERT_GT(samples().size(), 10u);
+    for (const auto& sample : samples()) {
+        const bool isProgressive = sample.name == "jpeg-progressive.jpg";
+        exceptions["jpg"] = isProgressive ? Proof::chain : Proof::decoded;
+        const auto exception = exceptions.find(sample.extension());
+        Finding expected;
+        expected.length = sample.bytes.size();
+        expected.proof = exception == exceptions.end() ? Proof::checksum : exception->second;
+        for (const std::size_t slice : { 512, 4'096, 65'536 })
+            EXPECT_EQ(describe(follow(sample.extension(), sample.bytes, slice)), describe(expected))
+                << sample.name << " in slices of " << slice;
+        const auto cut = part(sample.bytes, 0, sample.bytes.size() - 8);
+        EXPECT_FALSE(follow(sample.extension(), cut, 512).isComplete()) << sample.name;
+        const auto longer = joined({ sample.bytes, Bytes(3'000) });
+        EXPECT_EQ(describe(follow(sample.extension(), longer, 512)), describe(expected))
+            << sample.name << " in front of zeros";
+    }
+}
+
+TEST(Content, ProvesNoFileWithForeignBytes)
+{
+    constexpr std::size_t sector = 512;
+    for (const auto& sample : samples()) {
+        const auto& own = sample.bytes;
+        const auto step = std::max(sector, own.size() / 40 / sector * sector);
+        for (std::size_t cut = sector; cut < own.size(); cut += step) {
+            for (const auto& [foreign, isRelated] : strangers(sample)) {
+                const auto head = part(own, 0, cut);
+                const auto gap = part(foreign, 0, sector);
+                const auto tail = part(own, cut, own.size());
+                const auto others = { joined({ head, foreign }), joined({ head, gap, tail }) };
+                for (const auto& other : others) {
+                    if (isRelated)
+                        expectUnproved(sample, other, cut);
+                    else
+                        expectFound(sample, other, cut);
+                }
+                expectUnproved(sample, joined({ head, gap, part(tail, sector, own.size()) }), cut);
+            }
+        }
+    }
+}
