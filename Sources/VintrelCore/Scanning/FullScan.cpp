@@ -29,8 +29,11 @@ VolumeList FullScan::run(
     if (listener.quickScanDone)
         listener.quickScanDone(quick.notes);
     auto volumes = std::move(quick.volumes);
-    if (!options.deep)
+    if (!options.deep) {
+        if (options.fragments)
+            PiecedFiles::settleDeleted(source, volumes, progress);
         return volumes;
+    }
     auto deep = *options.deep;
     deep.noteBrokenHeads = options.fragments;
 
@@ -56,8 +59,10 @@ VolumeList FullScan::run(
     Overlay::judge(source, known, ofLost);
     for (auto* more : { &snapshots, &ofLost })
         std::ranges::move(*more, std::back_inserter(volumes));
-    if (options.fragments)
+    if (options.fragments) {
+        PiecedFiles::settleDeleted(source, volumes, progress);
         PiecedFiles::putTogether(source, volumes, finds, progress);
+    }
     if (!finds.carved.empty())
         volumes.push_back(carvedFiles(source, finds));
     return volumes;

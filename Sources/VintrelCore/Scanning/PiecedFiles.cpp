@@ -1,8 +1,11 @@
 #include "VintrelCore/Scanning/PiecedFiles.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/FileSystems.h"
+#include "VintrelCore/Fragments/DeletedFiles.h"
 #include "VintrelCore/Fragments/SecondLook.h"
 #include "VintrelCore/Model/FileData.h"
+#include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <map>
@@ -57,7 +60,54 @@ bool isAlive(const FileNode& file)
     return file.status == EntryStatus::existing && file.recoverability == Recoverability::good;
 }
 
+/// What a volume has in use: by its tables, and by its living files.
+std::vector<ByteRange> usedRanges(
+    DiskSource& source, const Volume& volume, std::span<FileNode* const> files)
+{
+    std::vector<ByteRange> ranges;
+    const auto* const reader = readerFor(volume.type);
+    if (reader != nullptr && reader->addUsedRanges != nullptr)
+        reader->addUsedRanges(source, volume, ranges);
+    for (const auto* file : files)
+        if (const auto* extents = isAlive(*file) ? extentsOf(file->data) : nullptr)
+            for (const auto& extent : *extents)
+                if (extent.offset)
+                    ranges.push_back({ *extent.offset, *extent.offset + extent.length });
+    return ranges;
+}
+
+bool hasClusterChains(const Volume& volume)
+{
+    switch (volume.type) {
+    case FileSystemType::fat12:
+    case FileSystemType::fat16:
+    case FileSystemType::fat32:
+    case FileSystemType::exfat:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
+
+void PiecedFiles::settleDeleted(DiskSource& source,
+    std::span<const std::unique_ptr<Volume>> volumes, const WorkProgress* progress)
+{
+    Fragments::BlockCache cache(source);
+    for (const auto& volume : volumes) {
+        if (!hasClusterChains(*volume) || isCancelled(progress))
+            continue;
+        const auto files = volume->root->allFiles();
+        const auto grid = gridOf(*volume, files);
+        if (!grid)
+            continue;
+        Fragments::Space space({ *grid }, { { 0, source.size() }, 512 });
+        for (const auto& range : usedRanges(source, *volume, files))
+            space.hold(range);
+        Fragments::DeletedFiles(cache, space, *grid, progress).settle(files);
+    }
+}
 
 void PiecedFiles::putTogether(DiskSource& source, std::span<const std::unique_ptr<Volume>> volumes,
     DeepScanResult& finds, const WorkProgress* progress)
@@ -68,11 +118,7 @@ void PiecedFiles::putTogether(DiskSource& source, std::span<const std::unique_pt
         const auto files = volume->root->allFiles();
         if (const auto grid = gridOf(*volume, files))
             grids.push_back(*grid);
-        for (const auto* file : files)
-            if (const auto* extents = isAlive(*file) ? extentsOf(file->data) : nullptr)
-                for (const auto& extent : *extents)
-                    if (extent.offset)
-                        living.push_back({ *extent.offset, *extent.offset + extent.length });
+        std::ranges::move(usedRanges(source, *volume, files), std::back_inserter(living));
     }
     Fragments::Space space(std::move(grids), gridOf(source, finds.carved));
     for (const auto& range : living)
