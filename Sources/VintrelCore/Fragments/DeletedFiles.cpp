@@ -61,9 +61,12 @@ void DeletedFiles::settle(std::span<FileNode* const> files)
     for (auto& guess : guesses)
         if (!isCancelled(progress_) && !isHeadForeign(guess))
             settleIfProved(guess, contiguous(guess));
+    // Files that were deleted later lay around those that were deleted before, as living ones did.
+    const auto others = withOthers(guesses);
     for (auto& guess : guesses)
-        if (!isCancelled(progress_) && !guess.isSettled && guess.isBroken)
-            settleIfProved(guess, freeFrom(guess));
+        if (!isCancelled(progress_) && !guess.isSettled && guess.isBroken
+            && !settleIfProved(guess, freeFrom(guess, space_)))
+            settleIfProved(guess, freeFrom(guess, others));
     std::size_t count = 0;
     for (auto& guess : guesses) {
         report(progress_, static_cast<double>(count) / static_cast<double>(guesses.size()),
@@ -177,7 +180,7 @@ void DeletedFiles::settleLeft(Guess& guess)
     auto& node = *guess.node;
     if (space_.isHeld(guess.start, true))
         return judgeFurther(node, Doubt::reusedFirstByDeleted);
-    const auto pieces = freeFrom(guess);
+    const auto pieces = freeFrom(guess, space_);
     if (pieces.size() < 2 || sizeOf(pieces) != node.size) {
         if (guess.isBroken && node.recoverability == Recoverability::good) {
             node.recoverability = Recoverability::partial;
@@ -194,9 +197,20 @@ void DeletedFiles::settleLeft(Guess& guess)
     node.note = "Filen lå i flere stykker; de er gættet";
 }
 
+/// The space in which the other deleted files, too, have what they are thought to have.
+Space DeletedFiles::withOthers(std::span<const Guess> guesses) const
+{
+    auto space = space_;
+    for (const auto& guess : guesses)
+        if (!guess.isBroken)
+            for (const auto& piece : contiguous(guess))
+                space.hold(piece);
+    return space;
+}
+
 /// The free clusters from the first one on, round the end of the volume: as a driver gives them
 /// out.
-std::vector<ByteRange> DeletedFiles::freeFrom(const Guess& guess) const
+std::vector<ByteRange> DeletedFiles::freeFrom(const Guess& guess, const Space& space) const
 {
     constexpr std::size_t mostPieces = 65'536;
     std::vector<ByteRange> pieces;
@@ -204,14 +218,14 @@ std::vector<ByteRange> DeletedFiles::freeFrom(const Guess& guess) const
     auto at = guess.start;
     bool hasWrapped = false;
     while (left > 0 && pieces.size() < mostPieces) {
-        auto unit = space_.freeUnitFrom(at, grid_, true);
+        auto unit = space.freeUnitFrom(at, grid_, true);
         if (!unit && !hasWrapped) {
             hasWrapped = true;
-            unit = space_.freeUnitFrom(0, grid_, true);
+            unit = space.freeUnitFrom(0, grid_, true);
         }
         if (!unit || (hasWrapped && *unit >= guess.start))
             break;
-        const auto end = space_.endOfRun(*unit, grid_, true);
+        const auto end = space.endOfRun(*unit, grid_, true);
         auto room = end - *unit;
         if (room < left)
             room -= room % grid_.unit;

@@ -42,7 +42,8 @@ private:
     bool settleIfProved(Guess& guess, const std::vector<ByteRange>& pieces);
     void search(Guess& guess);
     void settleLeft(Guess& guess);
-    std::vector<ByteRange> freeFrom(const Guess& guess) const;
+    std::vector<ByteRange> freeFrom(const Guess& guess, const Space& space) const;
+    Space withOthers(std::span<const Guess> guesses) const;
     std::vector<ByteRange> contiguous(const Guess& guess) const;
     void place(
         Guess& guess, const std::vector<ByteRange>& pieces, Recoverability chance, bool isCertain);
