@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <map>
 #include <numeric>
+#include <unordered_map>
 
 namespace {
 
@@ -76,6 +77,40 @@ std::vector<ByteRange> usedRanges(
     return ranges;
 }
 
+/// Whether this is just what a listed file holds that is as good as it is.
+bool isHeldBy(const CarvedFile& find, const FileNode& file)
+{
+    const auto* const extents = extentsOf(file.data);
+    if (extents == nullptr || file.size != find.size)
+        return false;
+    const std::vector whole { ByteRange { find.offset, find.offset + find.size } };
+    const auto& pieces = find.pieces.empty() ? whole : find.pieces;
+    std::vector<ByteRange> own;
+    own.reserve(extents->size());
+    for (const auto& [offset, length] : *extents)
+        own.push_back({ offset.value_or(0), offset.value_or(0) + length });
+    return Fragments::cutTo(std::move(own), file.size) == pieces;
+}
+
+/// Leaves out the finds that listed files hold, so that nothing is copied twice.
+void leaveOutListed(
+    std::vector<CarvedFile>& finds, std::span<const std::unique_ptr<Volume>> volumes)
+{
+    std::unordered_multimap<std::uint64_t, const FileNode*> byStart;
+    for (const auto& volume : volumes)
+        for (const auto* file : volume->root->allFiles()) {
+            const auto* const extents = extentsOf(file->data);
+            const bool isSound = file->recoverability == Recoverability::good;
+            if (isSound && extents != nullptr && !extents->empty() && extents->front().offset)
+                byStart.emplace(*extents->front().offset, file);
+        }
+    std::erase_if(finds, [&](const CarvedFile& find) {
+        const auto [first, last] = byStart.equal_range(find.offset);
+        return std::any_of(
+            first, last, [&](const auto& row) { return isHeldBy(find, *row.second); });
+    });
+}
+
 bool hasClusterChains(const Volume& volume)
 {
     switch (volume.type) {
@@ -124,4 +159,5 @@ void PiecedFiles::putTogether(DiskSource& source, std::span<const std::unique_pt
     for (const auto& range : living)
         space.hold(range);
     Fragments::SecondLook(source, std::move(space), progress).run(finds.carved, finds.brokenHeads);
+    leaveOutListed(finds.carved, volumes);
 }

@@ -94,3 +94,18 @@ TEST(JPEGContent, HoldsWhatARestartMarkerVouchesForFirm)
     EXPECT_TRUE(finding.brokenAt);
     EXPECT_GT(finding.firm, bytes.size() / 2);
 }
+
+TEST(JPEGContent, MissesARestartThatWasLeftOut)
+{
+    auto bytes = sample("jpeg-large-restart.jpg");
+    const auto restart = [&](std::uint8_t marker) {
+        const Bytes mark { 0xFF, marker };
+        return std::search(bytes.begin(), bytes.end(), mark.begin(), mark.end());
+    };
+    const auto cut = static_cast<std::uint64_t>(restart(0xD1) - bytes.begin());
+    bytes.erase(restart(0xD1), restart(0xD2));
+    const auto finding = follow(bytes, 512);
+    ASSERT_TRUE(finding.brokenAt);
+    EXPECT_LE(finding.firm, cut);
+    EXPECT_LE(*finding.brokenAt, cut + 16);
+}

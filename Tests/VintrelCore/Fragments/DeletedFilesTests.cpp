@@ -77,3 +77,23 @@ TEST(DeletedFragments, AreNotThereWhereTheirHeadIsAnother)
         chance(scanned(image, true)["/_HOTO.JPG"]), "Ringe: Indholdet passer ikke til filtypen");
     EXPECT_EQ(chance(scanned(image, false)["/_HOTO.JPG"]), "God");
 }
+
+TEST(DeletedFragments, AreNotFoundASecondTimeByTheirContent)
+{
+    const auto photo = readFile(VINTREL_SAMPLES "/jpeg-large.jpg");
+    const auto source = volumeWith("PHOTO   JPG", photo).source();
+    for (const bool fragments : { false, true }) {
+        const FullScan::Options options { .deep = DeepScanOptions(), .fragments = fragments };
+        int carved = 0;
+        for (const auto& volume : FullScan::run(*source, options, nullptr))
+            carved += volume->type == FileSystemType::carved ? 1 : 0;
+        EXPECT_EQ(carved, 0) << fragments;
+    }
+    FATImage whole({});
+    whole.addFile(FATImage::root, { .name = "PHOTO   JPG" }, photo);
+    const auto wholeSource = whole.source();
+    for (const bool fragments : { false, true }) {
+        const FullScan::Options options { .deep = DeepScanOptions(), .fragments = fragments };
+        EXPECT_EQ(FullScan::run(*wholeSource, options, nullptr).size(), fragments ? 1 : 2);
+    }
+}
