@@ -5,6 +5,7 @@
 #include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
+#include <array>
 #include <optional>
 
 // PKWARE "APPNOTE.TXT - .ZIP File Format Specification" 6.3; ISO 32000-1, file structure;
@@ -91,11 +92,10 @@ std::optional<std::uint64_t> shiftByPDFEnd(BlockCache& cache, std::uint64_t mark
         return std::nullopt;
     const auto from = mark - std::min(mark, mostBefore);
     const auto region = bytesAt(cache, from, static_cast<std::size_t>(mark - from));
-    const std::string_view text(reinterpret_cast<const char*>(region.data()), region.size());
-    for (auto at = text.rfind("xref"); at != std::string_view::npos && at > 0;
-         at = text.rfind("xref", at - 1))
-        if (text[at - 1] == '\n' || text[at - 1] == '\r')
-            return from + at - *position;
+    const ByteView text(region);
+    for (auto at = static_cast<std::int64_t>(region.size()); --at > 0;)
+        if (text.matches("xref", at) && (text.u8(at - 1) == '\n' || text.u8(at - 1) == '\r'))
+            return from + static_cast<std::uint64_t>(at) - *position;
     return std::nullopt;
 }
 
@@ -120,16 +120,20 @@ std::optional<std::uint64_t> shiftByMovie(
     return std::nullopt;
 }
 
+constexpr std::array<std::uint8_t, 4> zipMark { 'P', 'K', 5, 6 };
+constexpr std::array<std::uint8_t, 9> pdfMark { 's', 't', 'a', 'r', 't', 'x', 'r', 'e', 'f' };
+constexpr std::array<std::uint8_t, 4> movieMark { 'm', 'o', 'o', 'v' };
+
 struct Mark {
     Anchor::Kind kind;
-    std::string_view bytes;
+    ByteView bytes;
     std::uint64_t before; ///< how far in front of the mark its structure begins
 };
 
 constexpr Mark marks[] = {
-    { Anchor::Kind::zipEnd, "PK\x05\x06", 0 },
-    { Anchor::Kind::pdfEnd, "startxref", 0 },
-    { Anchor::Kind::moov, "moov", 4 },
+    { Anchor::Kind::zipEnd, zipMark, 0 },
+    { Anchor::Kind::pdfEnd, pdfMark, 0 },
+    { Anchor::Kind::moov, movieMark, 4 },
 };
 
 bool isWanted(Anchor::Kind kind, std::string_view extension)
@@ -169,13 +173,14 @@ std::vector<Anchor> findAnchors(BlockCache& cache, const Space& space,
             continue;
         const auto bytes = bytesAt(cache, position, BlockCache::blockSize + overlap);
         read += bytes.size();
-        const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
         for (const auto& mark : wanted)
-            for (auto at = text.find(mark.bytes);
-                 at < BlockCache::blockSize && at != std::string_view::npos;
-                 at = text.find(mark.bytes, at + 1))
-                if (position + at >= mark.before && !space.isHeld(position + at, true))
-                    anchors.push_back({ mark.kind, position + at - mark.before });
+            for (auto at = ByteView(bytes).firstIndex(mark.bytes, 0);
+                 at && static_cast<std::uint64_t>(*at) < BlockCache::blockSize;
+                 at = ByteView(bytes).firstIndex(mark.bytes, *at + 1)) {
+                const auto place = position + static_cast<std::uint64_t>(*at);
+                if (place >= mark.before && !space.isHeld(place, true))
+                    anchors.push_back({ mark.kind, place - mark.before });
+            }
     }
     return anchors;
 }

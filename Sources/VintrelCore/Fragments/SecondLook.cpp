@@ -5,6 +5,7 @@
 #include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Fragments {
 
@@ -48,10 +49,11 @@ void SecondLook::run(std::vector<CarvedFile>& finds, std::span<const BrokenHead>
 
     // What a proved file holds inside itself is no file of its own.
     RangeSet held;
-    for (const auto& file : solved_)
-        if (file.joins == Joins::proved && holdsOthers(file.ext))
-            for (const auto& [start, end] : file.pieces)
-                held.add(start, end);
+    for (const auto* list : { &std::as_const(solved_), &std::as_const(finds) })
+        for (const auto& file : *list)
+            if (file.joins == Joins::proved && holdsOthers(file.ext))
+                for (const auto& [start, end] : file.pieces)
+                    held.add(start, end);
     std::erase_if(finds, [&](const CarvedFile& find) {
         return find.pieces.empty() && !holdsOthers(find.ext) && held.contains(find.offset);
     });

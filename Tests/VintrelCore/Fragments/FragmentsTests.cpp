@@ -122,6 +122,28 @@ TEST(Fragments, PutPicturesTogetherWhereverTheirPiecesLie)
     }
 }
 
+TEST(Fragments, GoOnWhereAStructureNearTheirEndTellsItsPlace)
+{
+    const struct {
+        std::string name;
+        std::size_t cut;
+        Recoverability atLeast;
+    } rows[] = {
+        { "docx-plain.docx", 1, Recoverability::good },
+        { "pdf-streams.pdf", 1, Recoverability::unknown },
+        { "mp4-moov-last.mp4", 1, Recoverability::unknown },
+    };
+    for (const auto& [name, cut, atLeast] : rows) {
+        const std::vector<Bytes> files { sample(name) };
+        const auto list
+            = carvedOf(imageOf({ { first, 0, cut }, noise, { first, cut } }, files), true);
+        const auto found = find(list, files[0]);
+        ASSERT_TRUE(found) << name;
+        EXPECT_GE(found->chance, atLeast) << name;
+        EXPECT_TRUE(found->note.starts_with("Samlet af 2 stykker")) << name << found->note;
+    }
+}
+
 TEST(Fragments, LeaveWhatIsWholeAsItIs)
 {
     const std::vector files { sample("jpeg-large.jpg"), sample("png-palette.png") };
