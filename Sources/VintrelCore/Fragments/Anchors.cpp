@@ -73,6 +73,36 @@ std::optional<std::uint64_t> shiftByZIPEnd(BlockCache& cache, std::uint64_t end,
     return std::nullopt;
 }
 
+bool isDigit(std::uint8_t byte) { return byte >= '0' && byte <= '9'; }
+
+/// Where the object begins inside of which a place lies: at the number in front of "obj".
+std::optional<std::uint64_t> startOfObject(ByteView text, std::int64_t at)
+{
+    while (at > 0 && !text.matches(" obj", at))
+        --at;
+    const auto skip = [&](auto isSkipped) {
+        while (at > 0 && isSkipped(text.u8(at - 1)))
+            --at;
+    };
+    skip(isDigit); // the generation
+    skip([](std::uint8_t byte) { return byte == ' '; });
+    skip(isDigit);
+    return at > 0 ? std::optional(static_cast<std::uint64_t>(at)) : std::nullopt;
+}
+
+/// The last cross-reference table or stream in these bytes.
+std::optional<std::uint64_t> startOfReferences(ByteView text)
+{
+    for (auto at = static_cast<std::int64_t>(text.size()); --at > 0;) {
+        const auto before = text.u8(at - 1);
+        if (text.matches("xref", at) && (before == '\n' || before == '\r'))
+            return static_cast<std::uint64_t>(at);
+        if (text.matches("/XRef", at))
+            return startOfObject(text, at);
+    }
+    return std::nullopt;
+}
+
 /// By "startxref": the number behind it is the place of the cross-reference table, which lies not
 /// far before it.
 std::optional<std::uint64_t> shiftByPDFEnd(BlockCache& cache, std::uint64_t mark)
@@ -92,11 +122,8 @@ std::optional<std::uint64_t> shiftByPDFEnd(BlockCache& cache, std::uint64_t mark
         return std::nullopt;
     const auto from = mark - std::min(mark, mostBefore);
     const auto region = bytesAt(cache, from, static_cast<std::size_t>(mark - from));
-    const ByteView text(region);
-    for (auto at = static_cast<std::int64_t>(region.size()); --at > 0;)
-        if (text.matches("xref", at) && (text.u8(at - 1) == '\n' || text.u8(at - 1) == '\r'))
-            return from + static_cast<std::uint64_t>(at) - *position;
-    return std::nullopt;
+    const auto table = startOfReferences(region);
+    return table ? std::optional(from + *table - *position) : std::nullopt;
 }
 
 /// By the box behind the media data, whose length its head tells.
