@@ -26,7 +26,9 @@ VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& de
         session.reached = "Den dybe scanning nåede " + formatBytes(finds.scannedUpTo) + " af "
             + formatBytes(session.source->size()) + ".";
     };
-    auto volumes = FullScan::run(*session.source, deep, &session.progress, listener);
+    const FullScan::Options options { .deep = deep,
+        .fragments = session.options.has("--fragments") };
+    auto volumes = FullScan::run(*session.source, options, &session.progress, listener);
     if (volumes.empty() && !deep && !session.progress.isCancelled())
         session.console.complain(
             "Der blev ikke fundet noget filsystem, der kan læses. En dyb scanning "

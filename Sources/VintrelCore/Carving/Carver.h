@@ -12,6 +12,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 class DiskSource;
 struct Candidate;
@@ -47,6 +48,10 @@ public:
     /// wanted kind. `head`: the bytes that lie there; with fewer than 32 there is no find.
     std::optional<CarvedFile> check(ByteView head, std::uint64_t offset);
 
+    /// From now on `heads` gets the places at which a file begins but could not be followed to its
+    /// end. It must outlive this.
+    void noteBrokenHeads(std::vector<BrokenHead>& heads) { brokenHeads_ = &heads; }
+
     /// Whether files with this extension belong to the categories.
     bool wants(std::string_view extension) const;
 
@@ -60,10 +65,12 @@ private:
     using FormatReader = std::optional<CarvedFile> (*)(const Candidate&);
 
     std::optional<CarvedFile> tryFormat(FormatReader read, std::uint64_t offset);
+    void noteBrokenHead(ByteView head, std::uint64_t offset);
 
     std::set<FileCategory> categories_;
     RandomReader reader_;
     std::unique_ptr<CarverSearches> searches_;
+    std::vector<BrokenHead>* brokenHeads_ = nullptr; ///< none: not wanted
     bool hasRunOut_ = false;
     std::uint64_t work_ = 0; ///< of the candidates that were no files, as RandomReader counts it
 };

@@ -18,6 +18,7 @@ struct Kind {
 };
 
 constexpr Kind kinds[] = {
+    { "jpg", Formats::jpeg },
     { "mp4", Formats::isoBMFF },
     { "mov", Formats::isoBMFF },
     { "m4a", Formats::isoBMFF },

@@ -9,6 +9,7 @@
 namespace Content::Formats {
 
 std::unique_ptr<Checker> gif();
+std::unique_ptr<Checker> jpeg();
 std::unique_ptr<Checker> isoBMFF();
 std::unique_ptr<Checker> matroska();
 std::unique_ptr<Checker> mp3();

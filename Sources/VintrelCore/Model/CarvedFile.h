@@ -1,10 +1,19 @@
 #pragma once
 
+#include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
+
+/// What is known of the joins between the pieces of a file.
+enum class Joins : std::uint8_t {
+    proved,    ///< the content proves every byte
+    chained,   ///< lengths lead over them, which wrong bytes elsewhere would not disturb
+    uncertain, ///< others would have done as well
+};
 
 /// A file that was found by its content alone.
 struct CarvedFile {
@@ -18,9 +27,22 @@ struct CarvedFile {
     /// Whether its body was followed to its end, so that no other file lies inside. A head whose
     /// body is lost states its length just as well.
     bool isProved = false;
-    bool isOpenEnded = false;   ///< whether nothing but the next find tells where it ends
-    bool isCut = false;         ///< whether the source ends before the file does
-    bool isInterrupted = false; ///< whether another find begins inside
+    bool isOpenEnded = false;    ///< whether nothing but the next find tells where it ends
+    bool isCut = false;          ///< whether the source ends before the file does
+    bool isInterrupted = false;  ///< whether another find begins inside
+    bool isContradicted = false; ///< whether its content shows that some of it is another's
+    /// On the source, in the order of the file; empty for a file in one piece.
+    std::vector<ByteRange> pieces = {};
+    Joins joins = Joins::proved; ///< between the pieces
 
     bool operator==(const CarvedFile&) const = default;
+};
+
+/// A place where a file of a known kind seems to begin, whose structure was not found to hold
+/// together from there.
+struct BrokenHead {
+    std::uint64_t offset = 0;        ///< in bytes on the source
+    const char* extension = nullptr; ///< of the kind, or of one of a family of kinds; a literal
+
+    bool operator==(const BrokenHead&) const = default;
 };

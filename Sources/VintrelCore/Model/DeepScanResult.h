@@ -21,6 +21,7 @@ struct DeepScanResult {
     using Offsets = std::vector<std::uint64_t>;
 
     std::vector<CarvedFile> carved;
+    std::vector<BrokenHead> brokenHeads; ///< only where files in pieces are wanted
     std::vector<FoundBoot> boots;
     Offsets hfsHeaders;            ///< where the volumes begin: 1024 bytes before their headers
     Offsets hfsTrees;              ///< header nodes of HFS+ catalogs and extents overflow files

@@ -24,19 +24,38 @@ std::string nameOf(const CarvedFile& file)
 
 Recoverability chanceOf(const CarvedFile& file)
 {
-    if (!file.exact)
+    if (!file.exact || file.joins == Joins::uncertain)
         return Recoverability::unknown;
-    return file.isInterrupted ? Recoverability::partial : Recoverability::good;
+    const bool isPartlyWrong = file.isInterrupted || file.isContradicted;
+    return isPartlyWrong || file.joins == Joins::chained ? Recoverability::partial
+                                                         : Recoverability::good;
+}
+
+ExtentList extentsOf(const CarvedFile& file)
+{
+    if (file.pieces.empty())
+        return { { .offset = file.offset, .length = file.size } };
+    ExtentList extents;
+    extents.reserve(file.pieces.size());
+    for (const auto& [start, end] : file.pieces)
+        extents.push_back({ .offset = start, .length = end - start });
+    return extents;
 }
 
 void addNotes(FileNode& node, const CarvedFile& file)
 {
+    if (file.pieces.size() > 1) {
+        const auto pieces = "Samlet af " + std::to_string(file.pieces.size()) + " stykker";
+        node.addNote(file.joins == Joins::uncertain ? pieces + "; overgangen er usikker" : pieces);
+    }
     if (!file.exact)
         node.addNote("Størrelsen er anslået");
     if (file.captured)
         node.addNote("Optaget " + TimeConversion::localText(*file.captured, "%Y-%m-%d %H:%M:%S"));
     if (file.isCut)
         node.addNote("Filen fortsætter ud over kildens ende");
+    if (file.isContradicted)
+        node.addNote("Indholdet modsiger sig selv inde i filen");
     if (file.isInterrupted)
         node.addNote(file.isOpenEnded ? "Filen er afkortet, hvor en anden fil begynder"
                                       : "En anden fil begynder inde i filen");
@@ -55,8 +74,8 @@ std::unique_ptr<Volume> DeepScanner::carvedVolume(
             auto name = Text::upperCase(file.ext);
             folder = &root->add(FileNode::makeFolder(std::move(name), EntryStatus::carved));
         }
-        auto node = FileNode::makeFile(nameOf(file), file.size, EntryStatus::carved, chanceOf(file),
-            ExtentList { { .offset = file.offset, .length = file.size } });
+        auto node = FileNode::makeFile(
+            nameOf(file), file.size, EntryStatus::carved, chanceOf(file), extentsOf(file));
         node->modified = file.date;
         addNotes(*node, file);
         folder->add(std::move(node));

@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/VolumeLoader.h"
 #include "VintrelCore/Scanning/Overlay.h"
+#include "VintrelCore/Scanning/PiecedFiles.h"
 
 #include <algorithm>
 #include <iterator>
@@ -20,18 +21,23 @@ std::unique_ptr<Volume> carvedFiles(DiskSource& source, const DeepScanResult& fi
 
 } // namespace
 
-VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions>& deep,
-    WorkProgress* progress, const Listener& listener)
+VolumeList FullScan::run(
+    DiskSource& source, const Options& options, WorkProgress* progress, const Listener& listener)
 {
     auto quick = QuickScanner::run(source, progress);
     if (listener.quickScanDone)
         listener.quickScanDone(quick);
     auto volumes = std::move(quick.volumes);
-    if (!deep)
+    if (!options.deep) {
+        if (options.fragments)
+            PiecedFiles::settleDeleted(source, volumes, progress);
         return volumes;
+    }
+    auto deep = *options.deep;
+    deep.noteBrokenHeads = options.fragments;
 
     VolumeLoader::readAgain(source, volumes, progress);
-    const auto finds = DeepScanner(source, *deep).run(progress, listener.sweeping);
+    auto finds = DeepScanner(source, deep).run(progress, listener.sweeping);
     if (listener.sweepDone)
         listener.sweepDone(finds);
     const auto knownCount = volumes.size();
@@ -52,6 +58,10 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     Overlay::judge(source, known, ofLost);
     for (auto* more : { &snapshots, &ofLost })
         std::ranges::move(*more, std::back_inserter(volumes));
+    if (options.fragments) {
+        PiecedFiles::settleDeleted(source, volumes, progress);
+        PiecedFiles::putTogether(source, volumes, finds, progress);
+    }
     if (!finds.carved.empty())
         volumes.push_back(carvedFiles(source, finds));
     return volumes;

@@ -21,10 +21,21 @@ struct Listener {
     std::function<void(const DeepScanResult& finds)> sweepDone;
 };
 
+/// What a scan looks for.
+struct Options {
+    std::optional<DeepScanOptions> deep = {}; ///< none: no deep scan
+    bool fragments = false; ///< whether files in pieces are put together by their content
+};
+
 /// The volumes that the tables of the source name and, with options for a deep scan, the lost ones,
 /// lost files of all of them, and last the files found by content. When cancelled, what was found
 /// so far. `progress` may be none. Runs on the calling thread.
-VolumeList run(DiskSource& source, const std::optional<DeepScanOptions>& deep,
-    WorkProgress* progress, const Listener& listener = {});
+VolumeList run(DiskSource& source, const Options& options, WorkProgress* progress,
+    const Listener& listener = {});
+inline VolumeList run(DiskSource& source, const std::optional<DeepScanOptions>& deep,
+    WorkProgress* progress, const Listener& listener = {})
+{
+    return run(source, Options { .deep = deep }, progress, listener);
+}
 
 } // namespace FullScan

@@ -1,0 +1,238 @@
+#include "VintrelCore/Fragments/Anchors.h"
+
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Text.h"
+#include "VintrelCore/Model/WorkProgress.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+
+// PKWARE "APPNOTE.TXT - .ZIP File Format Specification" 6.3; ISO 32000-1, file structure;
+// ISO/IEC 14496-12, boxes.
+
+namespace Fragments {
+
+namespace {
+
+constexpr std::uint64_t mostRead = 1'073'741'824; ///< of the source, or a quarter of it
+constexpr std::size_t mostAnchors = 65'536;
+constexpr std::size_t mostShifts = 64; ///< of one file
+
+Bytes bytesAt(BlockCache& cache, std::uint64_t offset, std::size_t count)
+{
+    Bytes bytes;
+    bytes.reserve(count);
+    while (bytes.size() < count) {
+        const auto part = cache.from(offset + bytes.size());
+        if (part.empty())
+            break;
+        const auto taken = part.span().first(std::min(part.size(), count - bytes.size()));
+        bytes.insert(bytes.end(), taken.begin(), taken.end());
+    }
+    return bytes;
+}
+
+bool isZIP(std::string_view extension)
+{
+    constexpr std::string_view kinds[]
+        = { "zip", "docx", "xlsx", "pptx", "odt", "ods", "odp", "epub", "jar" };
+    return std::ranges::find(kinds, extension) != std::end(kinds);
+}
+
+bool isISOMedia(std::string_view extension)
+{
+    constexpr std::string_view kinds[] = { "mp4", "mov", "m4a", "m4v", "3gp" };
+    return std::ranges::find(kinds, extension) != std::end(kinds);
+}
+
+/// By the end record: the archive's first entry bears the name that its head has.
+std::optional<std::uint64_t> shiftByZIPEnd(BlockCache& cache, std::uint64_t end, ByteView head)
+{
+    constexpr std::uint32_t mostDirectory = 4'194'304;
+    constexpr std::uint32_t centralSignature = 0x0201'4B50;
+    constexpr int mostEntries = 65'536;
+    const auto record = bytesAt(cache, end, 22);
+    const std::uint32_t size = ByteView(record).u32le(12);
+    const std::uint32_t start = ByteView(record).u32le(16);
+    if (size > mostDirectory || size > end || size < 46)
+        return std::nullopt;
+    const auto bytes = bytesAt(cache, end - size, size);
+    const ByteView directory(bytes);
+    std::int64_t at = 0;
+    for (int count = 0; count < mostEntries && directory.u32le(at) == centralSignature; ++count) {
+        const auto nameLength = directory.u16le(at + 28);
+        if (directory.u32le(at + 42) == 0) {
+            const bool isSame = nameLength == head.u16le(26)
+                && head.matches(directory.sub(at + 46, nameLength), 30)
+                && directory.u32le(at + 12) == head.u32le(10); // the time
+            return isSame ? std::optional(end - size - start) : std::nullopt;
+        }
+        at += 46 + nameLength + directory.u16le(at + 30) + directory.u16le(at + 32);
+    }
+    return std::nullopt;
+}
+
+bool isDigit(std::uint8_t byte) { return byte >= '0' && byte <= '9'; }
+
+/// Where the object begins inside of which a place lies: at the number in front of "obj".
+std::optional<std::uint64_t> startOfObject(ByteView text, std::int64_t at)
+{
+    while (at > 0 && !text.matches(" obj", at))
+        --at;
+    const auto skip = [&](auto isSkipped) {
+        while (at > 0 && isSkipped(text.u8(at - 1)))
+            --at;
+    };
+    skip(isDigit); // the generation
+    skip([](std::uint8_t byte) { return byte == ' '; });
+    skip(isDigit);
+    return at > 0 ? std::optional(static_cast<std::uint64_t>(at)) : std::nullopt;
+}
+
+/// The last cross-reference table or stream in these bytes.
+std::optional<std::uint64_t> startOfReferences(ByteView text)
+{
+    for (auto at = static_cast<std::int64_t>(text.size()); --at > 0;) {
+        const auto before = text.u8(at - 1);
+        if (text.matches("xref", at) && (before == '\n' || before == '\r'))
+            return static_cast<std::uint64_t>(at);
+        if (text.matches("/XRef", at))
+            return startOfObject(text, at);
+    }
+    return std::nullopt;
+}
+
+/// By "startxref": the number behind it is the place of the cross-reference table, which lies not
+/// far before it.
+std::optional<std::uint64_t> shiftByPDFEnd(BlockCache& cache, std::uint64_t mark)
+{
+    constexpr std::uint64_t mostBefore = 1'048'576;
+    constexpr std::string_view word = "startxref";
+    const auto bytes = bytesAt(cache, mark + word.size(), 32);
+    std::string digits;
+    for (const auto byte : bytes) {
+        if (byte >= '0' && byte <= '9')
+            digits += static_cast<char>(byte);
+        else if (!digits.empty() || byte > ' ')
+            break;
+    }
+    const auto position = Text::number(digits);
+    if (!position)
+        return std::nullopt;
+    const auto from = mark - std::min(mark, mostBefore);
+    const auto region = bytesAt(cache, from, static_cast<std::size_t>(mark - from));
+    const auto table = startOfReferences(region);
+    return table ? std::optional(from + *table - *position) : std::nullopt;
+}
+
+/// By the box behind the media data, whose length its head tells.
+std::optional<std::uint64_t> shiftByMovie(
+    const std::vector<ByteRange>& pieces, std::uint64_t box, BlockCache& cache)
+{
+    constexpr int mostBoxes = 16;
+    PiecedBytes file(cache, pieces);
+    file.growToEnd();
+    std::uint64_t position = 0;
+    for (int count = 0; count < mostBoxes && position + 16 <= file.size(); ++count) {
+        const auto bytes = bytesAt(cache, pieces.front().start + position, 16);
+        const ByteView header(bytes);
+        const std::uint64_t length = header.u32be(0) == 1 ? header.u64be(8) : header.u32be(0);
+        if (length < 8 || length > UINT64_MAX / 4)
+            return std::nullopt;
+        position += length;
+        if (header.matches("mdat", 4))
+            return box - position;
+    }
+    return std::nullopt;
+}
+
+constexpr std::array<std::uint8_t, 4> zipMark { 'P', 'K', 5, 6 };
+constexpr std::array<std::uint8_t, 9> pdfMark { 's', 't', 'a', 'r', 't', 'x', 'r', 'e', 'f' };
+constexpr std::array<std::uint8_t, 4> movieMark { 'm', 'o', 'o', 'v' };
+
+struct Mark {
+    Anchor::Kind kind;
+    ByteView bytes;
+    std::uint64_t before; ///< how far in front of the mark its structure begins
+};
+
+constexpr Mark marks[] = {
+    { Anchor::Kind::zipEnd, zipMark, 0 },
+    { Anchor::Kind::pdfEnd, pdfMark, 0 },
+    { Anchor::Kind::moov, movieMark, 4 },
+};
+
+bool isWanted(Anchor::Kind kind, std::string_view extension)
+{
+    switch (kind) {
+    case Anchor::Kind::zipEnd:
+        return isZIP(extension);
+    case Anchor::Kind::pdfEnd:
+        return extension == "pdf";
+    case Anchor::Kind::moov:
+        return isISOMedia(extension);
+    }
+    return false;
+}
+
+} // namespace
+
+std::vector<Anchor> findAnchors(BlockCache& cache, const Space& space,
+    std::span<const std::string_view> extensions, const WorkProgress* progress)
+{
+    constexpr std::size_t overlap = 16;
+    std::vector<Anchor> anchors;
+    std::vector<Mark> wanted;
+    std::ranges::copy_if(marks, std::back_inserter(wanted), [&](const Mark& mark) {
+        return std::ranges::any_of(
+            extensions, [&](std::string_view extension) { return isWanted(mark.kind, extension); });
+    });
+    const auto size = cache.source().size();
+    const auto most = std::max(mostRead, size / 4);
+    std::uint64_t read = 0;
+    for (std::uint64_t position = 0; position < size && !wanted.empty() && read < most
+         && anchors.size() < mostAnchors && !isCancelled(progress);
+         position += BlockCache::blockSize) {
+        position = std::max(position,
+            cache.source().nextData(position) / BlockCache::blockSize * BlockCache::blockSize);
+        if (space.isAllHeld({ position, position + BlockCache::blockSize }))
+            continue;
+        const auto bytes = bytesAt(cache, position, BlockCache::blockSize + overlap);
+        read += bytes.size();
+        for (const auto& mark : wanted)
+            for (auto at = ByteView(bytes).firstIndex(mark.bytes, 0);
+                 at && static_cast<std::uint64_t>(*at) < BlockCache::blockSize;
+                 at = ByteView(bytes).firstIndex(mark.bytes, *at + 1)) {
+                const auto place = position + static_cast<std::uint64_t>(*at);
+                if (place >= mark.before && !space.isHeld(place, true))
+                    anchors.push_back({ mark.kind, place - mark.before });
+            }
+    }
+    return anchors;
+}
+
+std::vector<std::uint64_t> shiftsFor(std::string_view extension,
+    const std::vector<ByteRange>& pieces, std::span<const Anchor> anchors, BlockCache& cache)
+{
+    const auto head = bytesAt(cache, pieces.front().start, 1024);
+    std::vector<std::uint64_t> shifts;
+    for (const auto& anchor : anchors) {
+        if (!isWanted(anchor.kind, extension) || shifts.size() >= mostShifts)
+            continue;
+        const auto shift = anchor.kind == Anchor::Kind::zipEnd
+            ? shiftByZIPEnd(cache, anchor.offset, head)
+            : anchor.kind == Anchor::Kind::pdfEnd ? shiftByPDFEnd(cache, anchor.offset)
+                                                  : shiftByMovie(pieces, anchor.offset, cache);
+        if (shift && *shift != pieces.front().start)
+            shifts.push_back(*shift);
+    }
+    std::ranges::sort(shifts, {}, [&](std::uint64_t shift) {
+        const auto start = pieces.front().start;
+        return shift > start ? shift - start : start - shift;
+    });
+    shifts.erase(std::unique(shifts.begin(), shifts.end()), shifts.end());
+    return shifts;
+}
+
+} // namespace Fragments

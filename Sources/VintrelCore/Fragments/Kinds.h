@@ -1,0 +1,23 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <string_view>
+
+namespace Fragments {
+
+/// Whether files of this kind hold files of other kinds inside themselves, as a document does
+/// pictures.
+bool holdsOthers(std::string_view extension);
+
+/// Whether nearly all of such a file is compressed, so that text or zeros in it are another's.
+bool isCompressed(std::string_view extension);
+
+/// Whether checksums follow soon behind all that they cover, so that a piece is certain as soon as
+/// one of them behind its beginning is right.
+bool hasChecksums(std::string_view extension);
+
+/// Whether the first bytes of a unit are neither text nor zeros.
+bool looksCompressed(ByteView unit);
+
+} // namespace Fragments

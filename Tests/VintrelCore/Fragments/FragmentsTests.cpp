@@ -1,0 +1,186 @@
+// Real files cut into pieces, on images without a file system.
+
+#include "Tests/Support/TestSource.h"
+#include "VintrelCore/Fragments/Anchors.h"
+#include "VintrelCore/Fragments/Space.h"
+#include "VintrelCore/Recovery/FileReader.h"
+#include "VintrelCore/Scanning/FullScan.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t sector = 512;
+
+/// A stretch of an image: some sectors of a sample, or of what lies between files.
+struct Stretch {
+    enum Kind { first, second, text, random, zeros };
+
+    Kind kind;
+    std::size_t from = 0; ///< in sectors, of a sample
+    std::size_t to = 1000;
+};
+constexpr auto first = Stretch::first;
+constexpr auto second = Stretch::second;
+constexpr Stretch text { Stretch::text, 0, 9 };
+constexpr Stretch noise { Stretch::random, 0, 14 };
+constexpr Stretch zeros { Stretch::zeros, 0, 5 };
+
+Bytes sample(const std::string& name) { return readFile(VINTREL_SAMPLES "/" + name); }
+
+Bytes bytesOf(const Stretch& stretch, const std::vector<Bytes>& files)
+{
+    const auto count = (stretch.to - stretch.from) * sector;
+    switch (stretch.kind) {
+    case Stretch::text:
+        return Bytes(count, 'e');
+    case Stretch::random:
+        return patternBytes(count);
+    case Stretch::zeros:
+        return Bytes(count);
+    default:
+        break;
+    }
+    const auto& file = files.at(stretch.kind);
+    const auto from = std::min(stretch.from * sector, file.size());
+    const auto to = std::min(stretch.to * sector, file.size());
+    auto bytes
+        = ByteView(file).sub(static_cast<std::int64_t>(from), static_cast<std::int64_t>(to - from));
+    Bytes piece(bytes.span().begin(), bytes.span().end());
+    piece.resize((piece.size() + sector - 1) / sector * sector);
+    return piece;
+}
+
+Bytes imageOf(const std::vector<Stretch>& stretches, const std::vector<Bytes>& files)
+{
+    Bytes image = patternBytes(3 * sector, 9);
+    for (const auto& stretch : stretches)
+        image = joined({ image, bytesOf(stretch, files) });
+    return joined({ image, patternBytes(7 * sector, 8) });
+}
+
+struct Listed {
+    Recoverability chance {};
+    Bytes content {};
+    std::string note {};
+};
+
+/// What a deep scan finds by content.
+std::vector<Listed> carvedOf(const Bytes& image, bool fragments)
+{
+    const auto source = makeSource(image);
+    FullScan::Options options { .deep = DeepScanOptions(), .fragments = fragments };
+    std::vector<Listed> list;
+    for (const auto& volume : FullScan::run(*source, options, nullptr))
+        for (const auto* file : volume->root->allFiles())
+            list.push_back({ file->recoverability, FileReader::readPrefix(*file, *source, 1_MiB),
+                file->note.value_or("") });
+    return list;
+}
+
+/// The best chance that is given to this content; none where it was not found.
+std::optional<Listed> find(const std::vector<Listed>& list, const Bytes& content)
+{
+    const auto found = std::ranges::find(list, content, &Listed::content);
+    return found == list.end() ? std::nullopt : std::optional(*found);
+}
+
+} // namespace
+
+TEST(Fragments, PutPicturesTogetherWhereverTheirPiecesLie)
+{
+    const struct {
+        std::string what;
+        std::vector<Stretch> stretches;
+        std::string note; ///< empty: the picture does not come back
+    } rows[] = {
+        { "text between", { { first, 0, 31 }, text, { first, 31 } }, "Samlet af 2 stykker" },
+        { "out of order", { { first, 17 }, noise, { first, 0, 17 } }, "Samlet af 2 stykker" },
+        { "three pieces", { { first, 0, 14 }, noise, { first, 14, 33 }, zeros, { first, 33 } },
+            "Samlet af 3 stykker; overgangen er usikker" },
+        { "both in pieces",
+            { { first, 0, 24 }, { second, 0, 22 }, noise, { first, 24 }, { second, 22 } },
+            "Samlet af 2 stykker" },
+        { "a piece missing", { { first, 0, 14 }, noise, { first, 33 } }, "" },
+    };
+    const std::vector files { sample("jpeg-large.jpg"), sample("jpeg-large-restart.jpg") };
+    for (const auto& [what, stretches, note] : rows) {
+        const auto list = carvedOf(imageOf(stretches, files), true);
+        const auto found = find(list, files[0]);
+        ASSERT_EQ(found.has_value(), !note.empty()) << what;
+        if (found) {
+            EXPECT_EQ(found->note, note) << what;
+            EXPECT_EQ(found->chance == Recoverability::good, note.size() == 19) << what;
+        }
+        for (const auto& other : list)
+            EXPECT_TRUE(other.chance != Recoverability::good || other.content == files[0]
+                || other.content == files[1])
+                << what << ": " << other.note;
+    }
+}
+
+TEST(Fragments, KnowTheirPlaceByAStructureNearTheirEnd)
+{
+    for (const std::string name : { "docx-plain.docx", "pdf-updated.pdf", "mp4-moov-last.mp4" }) {
+        const std::vector<Bytes> files { sample(name) };
+        const auto image = imageOf({ { first, 0, 1 }, noise, { first, 1 } }, files);
+        const auto found = find(carvedOf(image, true), files[0]);
+        ASSERT_TRUE(found) << name;
+        EXPECT_TRUE(found->note.starts_with("Samlet af 2 stykker")) << name << found->note;
+
+        const auto source = makeSource(image);
+        Fragments::BlockCache cache(*source);
+        const Fragments::Space space({}, { { 0, source->size() }, sector });
+        const auto extension = name.substr(name.rfind('.') + 1);
+        const std::vector<std::string_view> kinds { extension };
+        const auto anchors = Fragments::findAnchors(cache, space, kinds, nullptr);
+        const auto head = 3 * sector;
+        const auto shifts
+            = Fragments::shiftsFor(extension, { { head, source->size() } }, anchors, cache);
+        EXPECT_TRUE(std::ranges::count(shifts, head + 14 * sector)) << name;
+    }
+}
+
+TEST(Fragments, LeaveWhatIsWholeAsItIs)
+{
+    const std::vector files { sample("jpeg-large.jpg"), sample("png-palette.png") };
+    const auto image = imageOf({ { first }, text, { second }, noise, { first, 0, 9 } }, files);
+    const auto without = carvedOf(image, false);
+    const auto with = carvedOf(image, true);
+    ASSERT_EQ(with.size(), without.size());
+    for (std::size_t i = 0; i < with.size(); ++i) {
+        EXPECT_EQ(with[i].content, without[i].content);
+        EXPECT_EQ(with[i].note, without[i].note);
+        EXPECT_EQ(with[i].chance, without[i].chance);
+    }
+}
+
+TEST(Fragments, AreOnlyPutTogetherWhenAskedFor)
+{
+    const std::vector<Bytes> files { sample("jpeg-large.jpg") };
+    const auto image = imageOf({ { first, 0, 31 }, noise, { first, 31 } }, files);
+    EXPECT_FALSE(find(carvedOf(image, false), files[0]));
+}
+
+TEST(Fragments, TellFreeUnitsFromThoseThatFilesHold)
+{
+    constexpr Fragments::Grid grid { { 1024, 20'480 }, 4096 };
+    Fragments::Space space({ grid }, { { 0, 32'768 }, 512 });
+    space.hold({ 5120, 5121 });
+    space.holdSoftly({ 13'312, 17'408 });
+    EXPECT_EQ(space.freeUnitFrom(0, grid, false), 1024);
+    EXPECT_EQ(space.freeUnitFrom(1025, grid, false), 9216);
+    EXPECT_EQ(space.freeUnitFrom(9217, grid, false), 17'408);
+    EXPECT_EQ(space.freeUnitFrom(9217, grid, true), 13'312);
+    EXPECT_EQ(space.freeUnitFrom(17'409, grid, false), std::nullopt);
+    EXPECT_EQ(space.freeUnitBefore(17'408, grid, false), 9216);
+    EXPECT_EQ(space.freeUnitBefore(9216, grid, false), 1024);
+    EXPECT_EQ(space.freeUnitBefore(1024, grid, false), std::nullopt);
+    EXPECT_EQ(space.endOfRun(9216, grid, false), 13'312);
+    EXPECT_EQ(space.endOfRun(9216, grid, true), 20'480);
+    EXPECT_EQ(space.gridAt(20'480).unit, 512);
+}
