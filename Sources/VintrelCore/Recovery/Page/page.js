@@ -82,6 +82,7 @@
         element.value = value;
         element.textContent = words + ' (' + numbers.format(count) + ')';
         select.append(element);
+        return element;
     }
 
     function counted(key) {
@@ -199,8 +200,12 @@
     function readAddress() {
         const address = new URLSearchParams(location.hash.slice(1));
         for (const [name, id] of Object.entries(names)) {
-            const value = address.get(name) ?? '';
-            byID(id).value = id === 'search' || id === 'folder' ? value : value.toLowerCase();
+            const given = address.get(name) ?? '';
+            const value = id === 'search' || id === 'folder' ? given : given.toLowerCase();
+            byID(id).value = value;
+            // What no file has can still be asked for, and leaves none.
+            if (byID(id).value !== value && id !== 'search')
+                option(byID(id), value, value, 0).selected = true;
         }
         const sorted = (address.get('sorter') ?? '').toLowerCase();
         const header = headers().find(cell => cell.textContent.toLowerCase() === sorted.replace(/^-/, ''));
