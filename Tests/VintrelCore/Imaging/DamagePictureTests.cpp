@@ -35,8 +35,7 @@ TEST(DamagePicture, DrawsEveryStateAtItsPlaceAndGivesItsFigures)
         R"(<rect class="untrimmed" x="750.0" width="100.0")",
         "Ulæselig</th><td>1 byte</td><td>under 0,1 %</td><td>1 område</td>",
         "Ikke prøvet endnu</th><td>400 KB</td><td>39,9 %</td><td>2 områder</td>",
-        R"(<tr><td class="number">500000</td><td class="number">500001</td><td class="number">1</td>)"
-        "<td>Ulæselig</td></tr>",
+        R"(<td class="number">500001</td><td class="number">1</td><td>Ulæselig</td></tr>)",
     };
     for (const auto* part : parts)
         EXPECT_EQ(countOf(part, section), 1U) << part << "\n" << section;

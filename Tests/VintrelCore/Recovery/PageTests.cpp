@@ -57,6 +57,17 @@ TEST(HTML, CallsOnlyTheWholeHundredPercent)
         EXPECT_EQ(HTML::percent(row.part, row.whole), row.text);
 }
 
+TEST(HTML, ShowsTheSmallestPieceOfAStripWithinIt)
+{
+    const HTML::StripPiece pieces[]
+        = { { "whole", "", 999'999 }, { "damaged", "", 0 }, { "doubtful", "<", 1 } };
+    const auto strip = HTML::strip(pieces, "\"");
+    EXPECT_TRUE(holds(strip, R"(aria-label="&quot;"><rect class="whole" x="0.0" width="999.0")"));
+    EXPECT_TRUE(holds(strip, R"(<rect class="doubtful" x="999.0" width="0.9" height="40">)"))
+        << strip;
+    EXPECT_FALSE(holds(strip, "damaged"));
+}
+
 TEST_F(Page, HasARowForEveryFileAndTheSumOfAll)
 {
     auto& folder = addFolder(*root, "Ferie 2024");

@@ -113,18 +113,25 @@ std::string strip(std::span<const StripPiece> pieces, std::string_view descripti
     double whole = 0;
     for (const auto& piece : pieces)
         whole += static_cast<double>(piece.length);
-    std::string drawing
-        = "<svg class=\"strip\" viewBox=\"0 0 1000 40\" preserveAspectRatio=\"none\" "
-          "role=\"img\" aria-label=\""
-        + escaped(description) + "\">";
+    const auto widthOf = [whole](const StripPiece& piece) {
+        const double width = static_cast<double>(piece.length) / whole * stripWidth;
+        return piece.length == 0 ? 0 : std::max(width, leastPieceWidth);
+    };
+    double total = 0;
+    for (const auto& piece : pieces)
+        total += widthOf(piece);
+    std::string drawing = R"(<svg class="strip" viewBox="0 0 1000 40" preserveAspectRatio="none" )"
+                          R"(role="img" aria-label=")";
+    drawing.append(escaped(description)).append("\">");
     double start = 0;
     for (const auto& piece : pieces) {
         if (piece.length == 0)
             continue;
-        const double width = static_cast<double>(piece.length) / whole * stripWidth;
-        drawing.append("<rect class=\"").append(piece.kind).append("\" x=\"").append(tenths(start));
-        drawing.append("\" width=\"").append(tenths(std::max(width, leastPieceWidth)));
-        drawing.append("\" height=\"40\"><title>").append(escaped(piece.words));
+        const double width = widthOf(piece) / total * stripWidth;
+        drawing.append(R"(<rect class=")").append(piece.kind);
+        drawing.append(R"(" x=")").append(tenths(start));
+        drawing.append(R"(" width=")").append(tenths(width));
+        drawing.append(R"(" height="40"><title>)").append(escaped(piece.words));
         drawing.append("</title></rect>");
         start += width;
     }
@@ -134,9 +141,9 @@ std::string strip(std::span<const StripPiece> pieces, std::string_view descripti
 std::string legendRow(
     std::string_view kind, std::string_view words, std::span<const std::string> cells)
 {
-    std::string row = "<tr><th scope=\"row\"><svg class=\"sign\" viewBox=\"0 0 10 10\" "
-                      "aria-hidden=\"true\"><rect class=\"";
-    row.append(kind).append("\" width=\"10\" height=\"10\"/></svg> ").append(escaped(words));
+    std::string row = R"(<tr><th scope="row"><svg class="sign" viewBox="0 0 10 10" )"
+                      R"(aria-hidden="true"><rect class=")";
+    row.append(kind).append(R"(" width="10" height="10"/></svg> )").append(escaped(words));
     row += "</th>";
     for (const auto& cell : cells)
         row.append("<td>").append(escaped(cell)).append("</td>");
