@@ -57,7 +57,7 @@ std::string cell(std::string_view text) { return "<td>" + HTML::escaped(text) + 
 
 std::string byteCell(std::uint64_t count)
 {
-    return "<td class=\"number\" data-value=\"" + std::to_string(count) + "\">"
+    return R"(<td class="number" data-value=")" + std::to_string(count) + "\">"
         + (count == 0 ? "0" : formatBytes(count, decimalSeparator)) + "</td>";
 }
 

@@ -30,7 +30,7 @@ TEST(HTML, LetsNothingFromADiskBecomeMarkupOrAnotherAddress)
         { "\"'&amp;", "&quot;&#39;&amp;amp;", "./%22%27%26amp%3B" },
         { "javascript:a", "javascript:a", "./javascript%3Aa" },
         { "50%#?\\", "50%#?\\", "./50%25%23%3F%5C" },
-        { "a\n\x1B\u202Egpj.exe", "a\\n\\x1B\\u202Egpj.exe", "./a%0A%1B%E2%80%AEgpj.exe" },
+        { "a\n\x1B\u202Eexe\u202C", R"(a\n\x1B\u202Eexe\u202C)", "./a%0A%1B%E2%80%AEexe%E2%80%AC" },
         { "\xC3<b>", "\uFFFD&lt;b&gt;", "./%C3%3Cb%3E" },
     };
     for (const auto& row : rows) {
