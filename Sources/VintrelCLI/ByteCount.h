@@ -1,10 +1,6 @@
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <string_view>
+#include "VintrelCore/Foundation/ByteCount.h"
 
-/// A byte count in decimal units: "1 byte", "999 bytes", "12 KB", "3.4 MB", "1.25 GB". Counts above
-/// the largest signed 64-bit value are shown as that. The decimal separator is the environment's.
+/// The same with the environment's decimal separator.
 std::string formatBytes(std::uint64_t count);
-std::string formatBytes(std::uint64_t count, std::string_view decimalSeparator);

@@ -50,6 +50,9 @@ Til recover:
   --volume N         Kun det N'te volumen, som scan og tree viser (kan gentages)
   --list-only        Skriv kun rapporten, og kopier intet
   --streams          Gendan også ressourcegrene, attributter og det, som macOS har pakket på HFS+
+  --page             Lav også Gendannet.html, en side, hvor filerne kan ses i en browser
+Til image:
+  --page             Lav også en side ved siden af billedet, som viser, hvor skaderne er
 
 »man vintrel-cli« fortæller mere.
 )";

@@ -5,10 +5,12 @@
 #include "VintrelCLI/VolumeSearch.h"
 #include "VintrelCore/Devices/DeviceStack.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
+#include "VintrelCore/Imaging/DamagePicture.h"
 #include "VintrelCore/Imaging/Imager.h"
 #include "VintrelCore/Recovery/Recovery.h"
 
 #include <chrono>
+#include <filesystem>
 #include <vector>
 
 namespace {
@@ -23,6 +25,21 @@ void warnOfDestination(const Session& session)
         session.console.complain("Advarsel: " + Unicode::escaped(destination)
             + " ligger på den disk, der læses (" + Unicode::escaped(session.source->displayName())
             + "). Det, der skrives, kan overskrive det, der skal gendannes.");
+}
+
+/// Draws what an imaging run did, however it ended.
+void writeImagePage(const Session& session, const DiskImager& imager)
+{
+    const auto& image = session.arguments[2];
+    if (imager.currentStats().total == 0) // no image could be made
+        return;
+    const auto page = DamagePicture::pathFor(image);
+    const auto name = std::filesystem::path(image).filename().string();
+    if (const auto error = DamagePicture::writePage(page, name, imager.map()))
+        session.console.complain(
+            "Advarsel: kunne ikke skrive siden " + Unicode::escaped(page) + ": " + error.message());
+    else
+        session.console.print("Side: " + Unicode::escaped(page));
 }
 
 } // namespace
@@ -49,12 +66,17 @@ void Commands::recover(Session& session)
         RecoveryOptions options;
         options.streams = session.options.has("--streams");
         options.onlyReport = session.options.has("--list-only");
+        options.writePage = session.options.has("--page");
+        if (options.writePage && session.sourceMap)
+            options.pageDamage = DamagePicture::section(*session.sourceMap);
         options.fileDone = session.output.recovering(*volume);
         const auto result = RecoveryEngine::recover(nodes, volume->title(), *session.source,
             session.arguments[2], options, reporter, session.progress);
         copied += result.recovered + result.withErrors;
         session.reached = "Gendannelsen nåede " + std::to_string(copied) + " filer.";
         session.output.recovered(*volume, result);
+        if (options.writePage && !result.page)
+            session.console.complain("Advarsel: siden Gendannet.html kunne ikke laves.");
         if (const auto advice = Advice::after(result); !advice.empty())
             session.console.complain(std::string(advice));
         if (result.isDestinationFull)
@@ -91,4 +113,6 @@ void Commands::image(Session& session)
     });
     if (const auto message = imager.currentStats().message)
         session.console.print(Unicode::escaped(*message));
+    if (session.options.has("--page"))
+        writeImagePage(session, imager);
 }

@@ -201,6 +201,7 @@ public:
             { "bytes", result.bytes }, { "cancelled", result.cancelled },
             { "destinationFull", result.isDestinationFull },
             { "folder", result.folder ? Object(*result.folder) : Object() },
+            { "page", result.page ? Object(*result.page) : Object() },
             { "failures", result.failures } });
     }
 

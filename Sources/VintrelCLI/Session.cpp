@@ -36,12 +36,12 @@ void simulateDamage(const Session& session)
 
 /// An image of a failing disk holds zeros where nothing was rescued. Where its mapfile lies beside
 /// it they count as what they are: unreadable.
-void markHolesOfImage(const Session& session)
+void markHolesOfImage(Session& session)
 {
     auto& source = *session.source;
-    const auto map = source.isDevice()
-        ? nullptr
-        : RangeMap::readWhole(RangeMap::pathFor(source.path()), source.size());
+    if (!source.isDevice())
+        session.sourceMap = RangeMap::readWhole(RangeMap::pathFor(source.path()), source.size());
+    const auto& map = session.sourceMap;
     const auto finished = map ? map->total(RangeMap::Status::finished) : source.size();
     if (finished == source.size())
         return;

@@ -5,6 +5,7 @@
 #include "VintrelCLI/Output.h"
 #include "VintrelCLI/Selection.h"
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Imaging/RangeMap.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
 #include <memory>
@@ -20,6 +21,7 @@ struct Session {
     Output& output;
     WorkProgress progress; ///< of every operation; shown by the state line alone
     std::unique_ptr<DiskSource> source;
+    std::unique_ptr<RangeMap> sourceMap {}; ///< of an image that has a mapfile; none otherwise
     std::string reached {}; ///< Danish: how far the command has come, for when it is stopped
 };
 

@@ -90,6 +90,7 @@ public:
             console_.print(escaped(volume.title()) + ": " + std::to_string(result.listed)
                 + " filer valgt, " + formatBytes(result.bytes) + ", intet kopieret → "
                 + escaped(result.folder.value_or("-")));
+            printPage(result);
             return;
         }
         console_.print(escaped(volume.title()) + ": " + std::to_string(result.recovered)
@@ -98,11 +99,18 @@ public:
             + escaped(result.folder.value_or("-")));
         for (std::size_t i = 0; i < std::min(result.failures.size(), maxFailureLines); ++i)
             console_.print("   " + escaped(result.failures[i]));
+        printPage(result);
     }
 
     void end(bool) override { }
 
 private:
+    void printPage(const RecoveryResult& result)
+    {
+        if (result.page)
+            console_.print("   Side: " + escaped(*result.page));
+    }
+
     Console& console_;
 };
 

@@ -249,6 +249,28 @@ TEST_F(Card, HolesOfAnImageCountAsUnreadable)
     EXPECT_EQ(runWith({ "scan", path }).err, "");
 }
 
+TEST_F(Card, IsShownOnPagesThatAreAskedFor)
+{
+    const auto damage = std::to_string(photoOffset) + "-" + std::to_string(photoOffset + 1);
+    setenv("VINTREL_SIMULATE_BAD", damage.c_str(), 1);
+    const auto image = folder / "kopi.img";
+    const auto imaged = runWith({ "image", path, image, "--page" });
+    EXPECT_TRUE(imaged.out.ends_with("tilbage\nSide: " + image + ".html\n")) << imaged.out;
+    unsetenv("VINTREL_SIMULATE_BAD");
+    const auto recovered = runWith({ "recover", image, folder / "ud", "--page" });
+    const auto pagePath = folder / "ud/KAMERA (FAT16)/Gendannet.html";
+    EXPECT_TRUE(recovered.out.ends_with("\n   Side: " + pagePath + "\n")) << recovered.out;
+    for (const auto& file : { image + ".html", pagePath }) {
+        const auto bytes = readFile(file);
+        EXPECT_NE(std::string(bytes.begin(), bytes.end()).find("Ulæselig</th><td>512 bytes</td>"),
+            std::string::npos)
+            << file;
+    }
+    // Where no image could be made there is nothing to show.
+    EXPECT_FALSE(runWith({ "image", path, path, "--page" }).out.ends_with(".html\n"));
+    EXPECT_FALSE(std::filesystem::exists(path + ".html"));
+}
+
 TEST_F(Card, PointsToTheDeepScanWhereNothingCanBeRead)
 {
     writeFile(path, Bytes(1_MiB));

@@ -1,19 +1,15 @@
 #include "VintrelCore/Imaging/RangeMap.h"
 
-#include "VintrelCore/Foundation/CallingUser.h"
 #include "VintrelCore/Foundation/FileDescriptor.h"
-#include "VintrelCore/Foundation/FileIO.h"
 #include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
-
-#include <CVintrel/Platform.h>
+#include "VintrelCore/Imaging/NewFile.h"
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cmath>
 #include <fcntl.h>
-#include <filesystem>
 #include <span>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -155,34 +151,6 @@ std::optional<std::string> readText(const std::string& path)
     return text;
 }
 
-/// Makes a new file with this content that is safe on the disk.
-SystemError writeNewFile(const std::string& path, std::string_view text)
-{
-    // Not emptied but made anew: what has this name may be a link to anything.
-    ::unlink(path.c_str());
-    FileDescriptor file(
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!file)
-        return SystemError::last();
-    CallingUser::own(file.get());
-    if (const auto written = FileIO::write(file.get(), text); written.error)
-        return written.error;
-    if (const SystemError error(CVintrel::flush(file.get())); error)
-        return error;
-    return file.close();
-}
-
-/// Makes the names in the folder of `path` safe on the disk. Not every file system can; a name that
-/// gets lost with the power leads back to the mapfile before.
-void flushFolderOf(const std::string& path)
-{
-    const auto folder = std::filesystem::path(path).parent_path();
-    const FileDescriptor descriptor(
-        ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (descriptor)
-        ::fsync(descriptor.get());
-}
-
 } // namespace
 
 RangeMap::RangeMap(std::uint64_t size)
@@ -293,16 +261,7 @@ std::unique_ptr<RangeMap> RangeMap::parse(std::string_view text, std::uint64_t s
 
 SystemError RangeMap::write(const std::string& path, std::uint64_t position, int pass) const
 {
-    const auto temporary = temporaryPath(path);
-    if (const auto error = writeNewFile(temporary, mapfile(position, pass))) {
-        ::unlink(
-            temporary.c_str()); // half a mapfile is of no use, and on a full disk it takes up room
-        return error;
-    }
-    if (::rename(temporary.c_str(), path.c_str()) != 0)
-        return SystemError::last();
-    flushFolderOf(path);
-    return {};
+    return replaceFile(path, temporaryPath(path), mapfile(position, pass));
 }
 
 std::unique_ptr<RangeMap> RangeMap::read(const std::string& path, std::uint64_t size)

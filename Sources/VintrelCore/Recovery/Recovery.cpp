@@ -7,6 +7,7 @@
 #include "VintrelCore/Recovery/Destination.h"
 #include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Recovery/FileWriter.h"
+#include "VintrelCore/Recovery/Page.h"
 #include "VintrelCore/Recovery/Report.h"
 #include "VintrelCore/Recovery/SafeName.h"
 
@@ -50,6 +51,13 @@ public:
     {
     }
 
+    /// Makes the page. To be called before anything is copied, so that no file takes its name.
+    void openPage(std::string_view title)
+    {
+        if (page_.open(destination_, title, options_.pageDamage))
+            result_.page = *result_.folder + "/Gendannet.html";
+    }
+
     /// `nodes`: files and, for what is attached to them, folders.
     void copy(const std::vector<FileNode*>& nodes)
     {
@@ -68,6 +76,7 @@ public:
                 break;
             state_.filesDone += filesFor(*node);
         }
+        page_.close(result_.cancelled || result_.isDestinationFull);
         flushDestination();
         if (reporter_)
             reporter_(state_);
@@ -236,6 +245,7 @@ private:
     void tell(const RecoveredFile& file)
     {
         report_.add(file);
+        page_.add(file);
         if (options_.fileDone)
             options_.fileDone(file);
     }
@@ -328,6 +338,7 @@ private:
     Destination destination_;
     FailureList failureList_; // its last lines are written when the report has freed its room
     RecoveryReport report_;
+    RecoveryPage page_;
     RecoveryProgress state_;
     std::chrono::steady_clock::time_point lastReport_ {};
 };
@@ -368,7 +379,10 @@ RecoveryResult recover(std::span<FileNode* const> nodes, const std::string& root
         return result;
     }
     result.folder = folder;
-    CopyJob(source, std::move(*root), options, reporter, progress, result).copy(nodesToCopy(nodes));
+    CopyJob job(source, std::move(*root), options, reporter, progress, result);
+    if (options.writePage)
+        job.openPage(rootName);
+    job.copy(nodesToCopy(nodes));
     return result;
 }
 

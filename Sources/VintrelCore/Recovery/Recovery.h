@@ -30,8 +30,10 @@ struct RecoveredFile {
 struct RecoveryOptions {
     bool keepFolderStructure = true; ///< false: every file goes directly into the recovery folder
     bool restoreDates = true;
-    bool onlyReport = false; ///< write the report of what would be copied, and copy nothing
-    bool writeReport = true; ///< "Gendannelsesrapport.csv" in the recovery folder
+    bool onlyReport = false;   ///< write the report of what would be copied, and copy nothing
+    bool writeReport = true;   ///< "Gendannelsesrapport.csv" in the recovery folder
+    bool writePage = false;    ///< "Gendannet.html" in the recovery folder, a page to look at
+    std::string pageDamage {}; ///< HTML: what the page tells of the source's damage; may be empty
     /// Hears of every file that was copied or listed; may be empty.
     std::function<void(const RecoveredFile&)> fileDone {};
     /// Whether resource forks and extended attributes are recovered, each file's and folder's in an
@@ -56,6 +58,7 @@ struct RecoveryResult {
     bool cancelled = false;
     bool isDestinationFull = false;    ///< which ended the run
     std::optional<std::string> folder; ///< the recovery folder; none when it could not be made
+    std::optional<std::string> page;   ///< where the page lies; none when there is none
     std::vector<std::string> failures; ///< a Danish line each, which begins with the file's path
 };
 

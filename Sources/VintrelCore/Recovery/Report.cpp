@@ -10,9 +10,6 @@
 
 namespace {
 
-/// Enough for the rows of hundreds of files.
-constexpr std::size_t reservedBytes = 65'536;
-
 /// Writes what is not written yet, and keeps what cannot be. False when that is something.
 bool flushTo(const FileDescriptor& descriptor, std::string& text)
 {
@@ -51,27 +48,9 @@ RecoveryReport::RecoveryReport(Destination& destination, bool isWanted)
 {
     if (!isWanted)
         return;
-    std::string name = "Gendannelsesrapport.csv";
-    auto created = destination.createFile(destination.root(), name);
-    descriptor_ = std::move(*created);
-    reserveRoom(destination);
-    rows_ = "Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n";
-    flush();
+    file_.create(destination, "Gendannelsesrapport", ".csv");
+    file_.add("Sti;Størrelse;Status;Chance;Ulæselige bytes;Bemærkning\n");
 }
-
-/// A file without a name keeps the room. It is free again when that is closed or the run killed.
-void RecoveryReport::reserveRoom(Destination& destination)
-{
-    std::string name = "Gendannelsesrapport.plads";
-    auto created = destination.createFile(destination.root(), name);
-    if (!created)
-        return;
-    destination.remove(destination.root(), name);
-    reserve_ = std::move(*created);
-    static_cast<void>(FileIO::write(reserve_.get(), std::string(reservedBytes, '\n')));
-}
-
-RecoveryReport::~RecoveryReport() { flush(); }
 
 Recoverability RecoveredFile::chance() const
 {
@@ -88,21 +67,13 @@ std::string RecoveredFile::note() const
 
 void RecoveryReport::add(const RecoveredFile& file)
 {
-    if (!descriptor_)
+    if (!file_)
         return;
-    rows_.append(csv(file.path)).append(";").append(std::to_string(file.node.size)).append(";");
-    rows_.append(statusOf(file)).append(";");
-    rows_.append(label(file.chance())).append(";").append(std::to_string(file.badBytes));
-    rows_.append(";").append(csv(file.note())).append("\n");
-    flush();
-}
-
-void RecoveryReport::flush()
-{
-    if (flushTo(descriptor_, rows_) || !reserve_)
-        return;
-    reserve_.close();
-    flushTo(descriptor_, rows_);
+    std::string row = csv(file.path);
+    row.append(";").append(std::to_string(file.node.size)).append(";").append(statusOf(file));
+    row.append(";").append(label(file.chance())).append(";");
+    row.append(std::to_string(file.badBytes)).append(";").append(csv(file.note())).append("\n");
+    file_.add(row);
 }
 
 FailureList::FailureList(Destination& destination, bool isWanted, std::size_t shown)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VintrelCore/Foundation/FileDescriptor.h"
+#include "VintrelCore/Recovery/ReservedFile.h"
 
 #include <cstddef>
 #include <string>
@@ -9,28 +10,17 @@
 class Destination;
 struct RecoveredFile;
 
-/// The report "Gendannelsesrapport.csv". A row is written when its file is done, so that it is
-/// there also when the run is killed. Its file is made before all others, which keeps its name free
-/// for it, and room is reserved for rows that a full disk would not take. What cannot be written is
-/// tried again with the next row and at the end.
+/// The report "Gendannelsesrapport.csv". A row is written when its file is done.
 class RecoveryReport {
 public:
     /// Without `isWanted` nothing is made and nothing written.
     RecoveryReport(Destination& destination, bool isWanted);
-    RecoveryReport(const RecoveryReport&) = delete;
-    RecoveryReport& operator=(const RecoveryReport&) = delete;
-    ~RecoveryReport();
 
     /// Adds the row of a file that was copied or listed.
     void add(const RecoveredFile& file);
 
 private:
-    void reserveRoom(Destination& destination);
-    void flush();
-
-    FileDescriptor descriptor_;
-    FileDescriptor reserve_; // holds the room until the disk is full
-    std::string rows_;       // not written yet
+    ReservedFile file_;
 };
 
 /// The list "Fejl.txt" of all that failed, a line each, where that is more than a screen shows. Its

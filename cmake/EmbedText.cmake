@@ -1,0 +1,28 @@
+# Text files that become part of the program. vintrel_embed(TARGET NAME FILE HEADER) defines the EmbeddedText NAME, which
+# HEADER declares, with the content of FILE and the hash by which a page allows exactly this content.
+function(vintrel_embed target name file header)
+    set(path "${CMAKE_CURRENT_SOURCE_DIR}/${file}")
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${path}")
+    file(READ "${path}" text)
+    file(SHA256 "${path}" digits)
+    vintrel_base64("${digits}" hash)
+    set(generated "${CMAKE_CURRENT_BINARY_DIR}/Embedded/${name}.cpp")
+    configure_file("${PROJECT_SOURCE_DIR}/cmake/EmbeddedText.cpp.in" "${generated}" @ONLY)
+    target_sources(${target} PRIVATE "${generated}")
+endfunction()
+
+# The base 64 of the 32 bytes that 64 hexadecimal digits stand for.
+function(vintrel_base64 digits result)
+    set(alphabet ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/)
+    string(REGEX MATCHALL "..." groups "${digits}00")
+    set(text)
+    foreach(group IN LISTS groups)
+        math(EXPR high "0x${group} / 64")
+        math(EXPR low "0x${group} % 64")
+        string(SUBSTRING ${alphabet} ${high} 1 first)
+        string(SUBSTRING ${alphabet} ${low} 1 second)
+        string(APPEND text ${first}${second})
+    endforeach()
+    string(SUBSTRING "${text}" 0 43 text)
+    set(${result} "${text}=" PARENT_SCOPE)
+endfunction()
