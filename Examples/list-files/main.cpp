@@ -4,7 +4,6 @@
 #include <VintrelCore/Disk/DiskSource.h>
 #include <VintrelCore/Foundation/Unicode/Unicode.h>
 #include <VintrelCore/Scanning/QuickScan.h>
-
 #include <iostream>
 
 int main(int count, char** words)
