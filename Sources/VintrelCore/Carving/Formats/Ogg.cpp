@@ -1,4 +1,5 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Foundation/OggPage.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -9,22 +10,10 @@ namespace Formats {
 
 namespace {
 
+using namespace OggPage;
+
 constexpr int maxPages = 10'000'000;
 constexpr std::size_t maxStreams = 16;
-constexpr std::uint8_t beginsStream = 0x02;
-constexpr std::uint8_t endsStream = 0x04;
-
-struct PageHeader {
-    std::array<std::uint8_t, 4> magic;    //  0
-    std::uint8_t version;                 //  4
-    std::uint8_t flags;                   //  5
-    std::array<std::uint8_t, 8> position; //  6
-    LE32 stream;                          // 14  which of the logical streams the page belongs to
-    LE32 sequence;                        // 18
-    LE32 checksum;                        // 22
-    std::uint8_t segments;                // 26  as many lengths follow, then the segments
-};
-static_assert(sizeof(PageHeader) == 27 && offsetof(PageHeader, stream) == 14);
 
 std::uint64_t segmentsSize(RandomReader& file, std::uint64_t lengths, std::uint8_t count)
 {
@@ -38,7 +27,7 @@ std::uint64_t segmentsSize(RandomReader& file, std::uint64_t lengths, std::uint8
 
 const char* extension(RandomReader& file)
 {
-    const std::uint64_t firstPacket = sizeof(PageHeader) + file.load<PageHeader>(0).segments;
+    const std::uint64_t firstPacket = sizeof(Header) + file.load<Header>(0).segments;
     if (file.matches(firstPacket, "OpusHead"))
         return "opus";
     if (file.matches(firstPacket, "\x80theora"))
@@ -53,8 +42,8 @@ Found ogg(const Candidate& candidate)
     auto& file = candidate.file;
     std::vector<std::uint32_t> open; // logical streams that began and have not ended
     std::uint64_t position = 0;
-    for (int page = 0; page < maxPages && candidate.fits(position + sizeof(PageHeader)); ++page) {
-        const auto header = file.load<PageHeader>(position);
+    for (int page = 0; page < maxPages && candidate.fits(position + sizeof(Header)); ++page) {
+        const auto header = file.load<Header>(position);
         if (!ByteView(header.magic).matches("OggS", 0) || header.version != 0)
             return std::nullopt;
         const std::uint32_t stream = header.stream;
@@ -63,7 +52,7 @@ Found ogg(const Candidate& candidate)
         if (open.empty()
             || open.size() > maxStreams) // empty: the first page does not begin a stream
             return std::nullopt;
-        position += sizeof(PageHeader) + header.segments;
+        position += sizeof(Header) + header.segments;
         position += segmentsSize(file, position - header.segments, header.segments);
         if ((header.flags & endsStream) != 0)
             std::erase(open, stream);

@@ -1,4 +1,5 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Foundation/ZIPLayout.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -10,79 +11,12 @@ namespace Formats {
 
 namespace {
 
+using namespace ZIPLayout;
+
 constexpr std::uint64_t maxSize = 8'589'934'592;
 constexpr std::uint64_t maxSearch = 1'073'741'824;
 constexpr int maxRecords = 999'999;
-constexpr std::uint64_t maxZip64End = 1'048'576;
 constexpr std::size_t namesRegion = 65'536; // at each end of the file; enough to tell the kind
-
-constexpr std::uint32_t localSignature = 0x0403'4B50;
-constexpr std::uint32_t centralSignature = 0x0201'4B50;
-constexpr std::uint32_t endSignature = 0x0605'4B50;
-constexpr std::uint32_t zip64EndSignature = 0x0606'4B50;
-constexpr std::uint32_t zip64LocatorSignature = 0x0706'4B50;
-
-struct LocalHeader {
-    LE32 signature;                      //  0
-    LE16 version;                        //  4
-    LE16 flags;                          //  6
-    std::array<std::uint8_t, 10> unused; //  8
-    LE32 compressedSize;                 // 18
-    LE32 size;                           // 22
-    LE16 nameLength;                     // 26
-    LE16 extraLength;                    // 28
-
-    std::uint64_t dataOffset() const { return sizeof(LocalHeader) + nameLength + extraLength; }
-};
-static_assert(sizeof(LocalHeader) == 30 && offsetof(LocalHeader, nameLength) == 26);
-
-struct CentralHeader {
-    LE32 signature;                       //  0
-    std::array<std::uint8_t, 24> unused1; //  4
-    LE16 nameLength;                      // 28
-    LE16 extraLength;                     // 30
-    LE16 commentLength;                   // 32
-    std::array<std::uint8_t, 8> unused2;  // 34
-    LE32 localOffset;                     // 42  from the start of the archive
-
-    std::uint64_t length() const
-    {
-        return sizeof(CentralHeader) + nameLength + extraLength + commentLength;
-    }
-};
-static_assert(sizeof(CentralHeader) == 46 && offsetof(CentralHeader, commentLength) == 32);
-
-struct EndRecord {
-    LE32 signature;                     //  0
-    std::array<std::uint8_t, 8> unused; //  4
-    LE32 directorySize;                 // 12
-    LE32 directoryOffset;               // 16  from the start of the archive
-    LE16 commentLength;                 // 20
-};
-static_assert(sizeof(EndRecord) == 22 && offsetof(EndRecord, commentLength) == 20);
-
-/// Archives beyond 4 GB have a second end record with wider fields, and so have those whose writer
-/// did not know how large they would become. It lies in front of its locator, and that in front of
-/// the end record.
-struct Zip64EndRecord {
-    LE32 signature;                      //  0
-    LE64 size;                           //  4  of what follows this field
-    std::array<std::uint8_t, 36> unused; // 12
-    LE64 directoryOffset;                // 48  from the start of the archive
-};
-static_assert(sizeof(Zip64EndRecord) == 56 && offsetof(Zip64EndRecord, directoryOffset) == 48);
-
-struct Zip64Locator {
-    LE32 signature;    //  0
-    LE32 disk;         //  4
-    LE64 recordOffset; //  8  from the start of the archive
-    LE32 disks;        // 16
-};
-static_assert(sizeof(Zip64Locator) == 20 && offsetof(Zip64Locator, recordOffset) == 8);
-
-constexpr std::uint16_t hasDescriptor
-    = 8; // the sizes stand behind the data: its end cannot be told from here
-constexpr std::uint32_t inZip64 = 0xFFFF'FFFF;
 
 /// Where a walk from record to record stopped, and whether that was behind the end record.
 struct RecordWalk {
@@ -100,19 +34,19 @@ RecordWalk walkRecords(RandomReader& file)
         switch (file.u32le(position)) {
         case localSignature: {
             const auto header = file.load<LocalHeader>(position);
-            if ((header.flags & hasDescriptor) != 0 || header.compressedSize == inZip64)
+            if ((header.flags & hasDescriptor) != 0 || header.packedSize == inZip64)
                 return walk;
-            position += header.dataOffset() + header.compressedSize;
+            position += header.dataOffset() + header.packedSize;
             break;
         }
         case centralSignature: {
             if (walk.directory == 0)
                 walk.directory = position;
-            position += file.load<CentralHeader>(position).length();
+            position += file.load<CentralHeader>(position).fullLength();
             break;
         }
         case zip64EndSignature: {
-            const std::uint64_t size = file.load<Zip64EndRecord>(position).size;
+            const std::uint64_t size = file.load<Zip64EndRecord>(position).length;
             if (size >= maxZip64End)
                 return walk;
             position += offsetof(Zip64EndRecord, unused) + size;
@@ -196,7 +130,7 @@ bool forEachEntry(RandomReader& file, std::uint64_t position, std::uint64_t end,
             break;
         if (!visit(header, position + sizeof header))
             return false;
-        position += header.length();
+        position += header.fullLength();
     }
     return count > 0;
 }

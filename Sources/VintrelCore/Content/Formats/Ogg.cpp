@@ -1,6 +1,7 @@
 #include "VintrelCore/Content/Formats.h"
 #include "VintrelCore/Content/Reading.h"
 #include "VintrelCore/Content/Walker.h"
+#include "VintrelCore/Foundation/OggPage.h"
 
 #include <algorithm>
 #include <array>
@@ -14,20 +15,9 @@ namespace Content::Formats {
 
 namespace {
 
-constexpr std::size_t maxStreams = 64;
-constexpr std::uint8_t beginsStream = 0x02, endsStream = 0x04;
+using namespace OggPage;
 
-struct PageHeader {
-    std::array<std::uint8_t, 4> magic;    //  0
-    std::uint8_t version;                 //  4
-    std::uint8_t flags;                   //  5
-    std::array<std::uint8_t, 8> position; //  6
-    LE32 stream;                          // 14  which of the logical streams the page belongs to
-    LE32 sequence;                        // 18
-    LE32 checksum;                        // 22
-    std::uint8_t segments;                // 26  as many lengths follow, then the segments
-};
-static_assert(sizeof(PageHeader) == 27 && offsetof(PageHeader, checksum) == 22);
+constexpr std::size_t maxStreams = 64;
 
 /// What each value of the byte that leaves the register adds to it. Unlike the usual checksum its
 /// bits are not reflected.
@@ -46,7 +36,7 @@ constexpr auto table = [] {
 /// Of a page; its own field counts as zero.
 std::uint32_t checksumOf(ByteView page)
 {
-    constexpr std::size_t field = offsetof(PageHeader, checksum);
+    constexpr std::size_t field = offsetof(Header, checksum);
     std::uint32_t sum = 0;
     for (std::size_t i = 0; i < page.size(); ++i) {
         const bool isOwn = i >= field && i < field + sizeof(LE32);
@@ -60,7 +50,7 @@ public:
     bool step(FileBytes& file)
     {
         const bool mayEnd = position() > 0 && streams_.empty();
-        const auto header = load<PageHeader>(file, position());
+        const auto header = load<Header>(file, position());
         if (!header)
             return file.isWhole() && endWithFile(file, mayEnd);
         if (mayEnd && !isChained(*header)) {
@@ -69,7 +59,7 @@ public:
         }
         if (!ByteView(header->magic).matches("OggS", 0) || header->version != 0
             || !isExpected(*header)) {
-            breakAt(position() + sizeof(PageHeader) - 1);
+            breakAt(position() + sizeof(Header) - 1);
             return true;
         }
         return readPage(file, *header);
@@ -83,14 +73,14 @@ private:
 
     /// Whether another stream begins behind the end of all. One that begins with a sector is
     /// another file's.
-    bool isChained(const PageHeader& header) const
+    bool isChained(const Header& header) const
     {
         constexpr std::uint64_t sectorSize = 512;
         return position() % sectorSize != 0 && ByteView(header.magic).matches("OggS", 0)
             && (header.flags & beginsStream) != 0;
     }
 
-    bool isExpected(const PageHeader& header) const
+    bool isExpected(const Header& header) const
     {
         const auto stream
             = std::ranges::find(streams_, std::uint32_t { header.stream }, &Stream::number);
@@ -99,10 +89,10 @@ private:
         return stream != streams_.end() && stream->nextSequence == header.sequence;
     }
 
-    bool readPage(FileBytes& file, const PageHeader& header)
+    bool readPage(FileBytes& file, const Header& header)
     {
-        const auto lengths = bytesAt(file, position() + sizeof(PageHeader), header.segments);
-        std::size_t size = sizeof(PageHeader) + header.segments;
+        const auto lengths = bytesAt(file, position() + sizeof(Header), header.segments);
+        std::size_t size = sizeof(Header) + header.segments;
         for (const auto length : lengths)
             size += length;
         const auto page = bytesAt(file, position(), size);
@@ -118,7 +108,7 @@ private:
         return true;
     }
 
-    void count(const PageHeader& header)
+    void count(const Header& header)
     {
         std::erase_if(
             streams_, [&](const Stream& stream) { return stream.number == header.stream; });

@@ -50,8 +50,8 @@ private:
         case zip64EndSignature:
             return readZip64End(file);
         case zip64LocatorSignature:
-            coverage_.verify(position(), position() + zip64LocatorSize);
-            moveTo(position() + zip64LocatorSize);
+            coverage_.verify(position(), position() + sizeof(Zip64Locator));
+            moveTo(position() + sizeof(Zip64Locator));
             return true;
         case endSignature:
             return readEnd(file);
