@@ -1,6 +1,7 @@
 #include "VintrelCLI/Advice.h"
 
 #include "VintrelCore/Devices/SourceError.h"
+#include "VintrelCore/Imaging/Imager.h"
 #include "VintrelCore/Recovery/Recovery.h"
 
 #include <cerrno>
@@ -55,4 +56,14 @@ std::string_view Advice::after(const RecoveryResult& result)
     if (result.failed > 0)
         return "Prøv det, der mislykkedes, igen med en mappe på en anden disk.";
     return {};
+}
+
+std::string_view Advice::after(const ImagingStats& stats, bool wasStopped)
+{
+    if (!stats.message)
+        return {};
+    if (wasStopped)
+        return "Den samme kommando fortsætter, hvor den slap.";
+    return "Billedet skal ligge i en mappe, som du må skrive i, på en anden disk med plads til "
+           "hele kilden. Den samme kommando fortsætter, hvor den slap.";
 }

@@ -113,6 +113,9 @@ void Commands::image(Session& session)
     });
     if (const auto message = imager.currentStats().message)
         session.console.print(Unicode::escaped(*message));
+    const auto advice = Advice::after(imager.currentStats(), session.progress.isCancelled());
+    if (!advice.empty())
+        session.console.complain(std::string(advice));
     if (session.options.has("--page"))
         writeImagePage(session, imager);
 }

@@ -118,6 +118,8 @@ TEST_F(Card, IsImagedWithAMapfileBesideTheCopy)
         << result.out;
     EXPECT_TRUE(std::filesystem::exists(folder / "kopi.img.map"));
 
+    EXPECT_NE(runWith({ "image", path, path }).err.find("\nBilledet skal ligge i en mappe"),
+        std::string::npos);
     EXPECT_EQ(runWith({ "image", path, path }).out,
         ": 0 bytes reddet, 0 bytes dårlige, 0 bytes tilbage\n"
         "Kunne ikke oprette billedfilen: "
