@@ -4,6 +4,7 @@
 #include "VintrelCore/FileSystems/NTFS/AttributeList.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
 #include "VintrelCore/FileSystems/NTFS/StandIn.h"
+#include "VintrelCore/FileSystems/NTFS/Streams.h"
 
 #include <algorithm>
 
@@ -76,6 +77,7 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
     entry.node->created = created;
     entry.node->modified = modified;
     entry.node->fsID = entry.number;
+    NTFSStreams::attach(context_, record, *entry.node);
 }
 
 void MFTRecords::finish()

@@ -4,6 +4,8 @@
 #include "VintrelCore/FileSystems/NTFS/Content.h"
 #include "VintrelCore/FileSystems/NTFS/DeepInfo.h"
 #include "VintrelCore/FileSystems/NTFS/DeletedClaims.h"
+#include "VintrelCore/FileSystems/NTFS/Streams.h"
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/ParentLinks.h"
@@ -73,8 +75,10 @@ void judgeAll(const NTFSContext& context, const AllocationMap& map, const MFTRec
             node.note = chanceOf(doubts).note;
             continue;
         }
-        if (!entry.inUse)
+        if (!entry.inUse) {
             doubts.add(doubtsOf(map.useOf(node.data, context.geometry()), ntfsReuse));
+            NTFSStreams::judgeDeleted(node, map, context.geometry());
+        }
         judge(node, doubts);
     }
     judgeSharing(context, records);
@@ -213,18 +217,14 @@ void noteOtherNames(MFTRecords& records, const Nodes& nodes)
         const auto* const names = node ? records.otherNames(entry.number) : nullptr;
         if (names == nullptr || node->isDirectory())
             continue;
-        std::string told;
-        std::size_t count = 0;
+        Text::ShortList told(maxToldNames);
         for (const auto& name : *names) {
             const bool isShown = name.parent == entry.parent && name.name == node->name;
-            if (name.isDOS() || name.name.empty() || isShown || ++count > maxToldNames)
-                continue;
-            told.append(told.empty() ? "" : ", ").append(placeOf(records, nodes, entry, name));
+            if (!name.isDOS() && !name.name.empty() && !isShown)
+                told.add(told.isFull() ? name.name : placeOf(records, nodes, entry, name));
         }
-        if (count > maxToldNames)
-            told.append(" og ").append(std::to_string(count - maxToldNames)).append(" mere");
-        if (count > 0)
-            node->addNote("Har også navnet " + told);
+        if (told.count() > 0)
+            node->addNote("Har også navnet " + told.text());
     }
 }
 
@@ -250,6 +250,9 @@ std::unique_ptr<Volume> buildVolume(
         records.entries(), nodes.begin(), [](const Entry& entry) { return entry.node.get(); });
     hangAll(records, nodes, linkAll(records, nodes), *volume->root);
     noteOtherNames(records, nodes);
+    for (auto* const node : nodes)
+        if (node != nullptr)
+            NTFSStreams::note(*node);
     volume->root->sortChildren();
     volume->deepContext
         = std::make_unique<NTFSDeepInfo>(geometry, std::move(mft), std::move(bitmap));
