@@ -38,6 +38,7 @@ Til alle:
   --json             Skriv resultatet som JSON, et objekt på hver linje (ikke image)
 Til tree og recover:
   --deep             Led også efter tabte volumener og efter filer ud fra deres indhold
+  --streams          Tag også navngivne datastrømme med (NTFS)
 Til deep:
   --no-carve         Led ikke efter filer ud fra deres indhold
 Til recover:
