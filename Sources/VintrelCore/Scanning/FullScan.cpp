@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/VolumeLoader.h"
 #include "VintrelCore/Scanning/Overlay.h"
+#include "VintrelCore/Scanning/RecycleBin.h"
 
 #include <algorithm>
 #include <iterator>
@@ -27,8 +28,10 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     if (listener.quickScanDone)
         listener.quickScanDone(quick);
     auto volumes = std::move(quick.volumes);
-    if (!deep)
+    if (!deep) {
+        RecycleBin::noteOriginalPaths(source, volumes, progress);
         return volumes;
+    }
 
     VolumeLoader::readAgain(source, volumes, progress);
     const auto finds = DeepScanner(source, *deep).run(progress, listener.sweeping);
@@ -52,6 +55,7 @@ VolumeList FullScan::run(DiskSource& source, const std::optional<DeepScanOptions
     Overlay::judge(source, known, ofLost);
     for (auto* more : { &snapshots, &ofLost })
         std::ranges::move(*more, std::back_inserter(volumes));
+    RecycleBin::noteOriginalPaths(source, volumes, progress);
     if (!finds.carved.empty())
         volumes.push_back(carvedFiles(source, finds));
     return volumes;
