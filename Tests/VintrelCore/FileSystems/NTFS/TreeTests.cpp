@@ -189,7 +189,7 @@ TEST(NTFSTree, TellsTheFurtherNamesOfAFile)
         std::string path, note; ///< the note may be empty
     } cases[] = {
         { { name(here, u"a"), name(here, u"A~1", 2) }, "/her/a", "" },
-        { { name(here, u"a"), name(here, u"b") }, "/her/a", "/her/b" },
+        { { name(here, u"a"), name(here, u"A~1", 2), name(here, u"b") }, "/her/a", "/her/b" },
         { { name(here, u"a"), name(there, u"a", 0), name(root, u"c") }, "/her/a",
             "/her/der/a, /c" },
         { { name(lost, u"a"), name(here, u"b"), name(lost, u"c") }, "/her/b", "a, c" },
