@@ -38,6 +38,7 @@ Til alle:
   --json             Skriv resultatet som JSON, et objekt på hver linje (ikke image)
 Til tree og recover:
   --deep             Led også efter tabte volumener og efter filer ud fra deres indhold
+  --streams          Tag også navngivne datastrømme med (NTFS)
 Til tree, deep og recover:
   --fragments        Saml filer, der ligger i stykker, efter hvad indholdet viser
 Til deep:

@@ -164,16 +164,19 @@ public:
             { "notes", volume.notes } });
     }
 
-    void tree(const Volume& listed) override
+    void tree(const Volume& listed, ListedStreams streams) override
     {
         volume(listed);
         Paths paths;
         listed.root->forEachDescendant([&](const FileNode& node, std::size_t depth) {
-            auto object = begun("node", node, paths.enter(node, depth));
+            const auto& path = paths.enter(node, depth);
+            auto object = begun("node", node, path);
             object["fsID"] = node.fsID;
             if (!node.isDirectory())
                 addContent(object, node.data);
             add(object);
+            if (streams == ListedStreams::yes)
+                addStreams(node, path);
         });
         flush();
     }
@@ -219,6 +222,20 @@ private:
             { "created", dateOf(node.created) }, { "modified", dateOf(node.modified) },
             { "status", word(node.status) }, { "chance", word(node.recoverability) },
             { "note", node.note.value_or(std::string()) } };
+    }
+
+    void addStreams(const FileNode& node, const std::string& path)
+    {
+        if (!node.attachments)
+            return;
+        for (const auto& stream : *node.attachments) {
+            if (stream.kind != Attachment::Kind::stream)
+                continue;
+            auto object = begun(
+                "stream", *makeStreamFile(node, stream, stream.name), path + ":" + stream.name);
+            addContent(object, stream.data);
+            add(object);
+        }
     }
 
     /// Everything beyond ASCII is spelled out, so that a line is sound whatever a name holds, and

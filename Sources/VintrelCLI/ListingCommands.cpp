@@ -23,8 +23,9 @@ void Commands::scan(Session& session)
 
 void Commands::tree(Session& session)
 {
+    const auto streams = session.options.has("--streams") ? ListedStreams::yes : ListedStreams::no;
     for (const auto& volume : allVolumes(session, deepScanByOption(session)))
-        session.output.tree(*volume);
+        session.output.tree(*volume, streams);
 }
 
 void Commands::deep(Session& session)

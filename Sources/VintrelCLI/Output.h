@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCLI/TreeListing.h"
 #include "VintrelCore/Devices/DiskList.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/Volume.h"
@@ -33,7 +34,7 @@ public:
     /// A volume with its figures and notes, as `scan` shows it.
     virtual void volume(const Volume& volume) = 0;
     /// A volume with all of its files.
-    virtual void tree(const Volume& volume) = 0;
+    virtual void tree(const Volume& volume, ListedStreams streams) = 0;
     /// A volume in one line, as `deep` shows it.
     virtual void summary(const Volume& volume) = 0;
     /// Told before a volume's files are copied. Returns what is to hear of each of them; empty

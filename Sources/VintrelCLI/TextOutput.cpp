@@ -2,7 +2,6 @@
 #include "VintrelCLI/Console.h"
 #include "VintrelCLI/DiskListing.h"
 #include "VintrelCLI/Output.h"
-#include "VintrelCLI/TreeListing.h"
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Model/FileNode.h"
@@ -69,9 +68,10 @@ public:
             console_.print("     note: " + escaped(note));
     }
 
-    void tree(const Volume& volume) override
+    void tree(const Volume& volume, ListedStreams streams) override
     {
-        listTree(volume, [&](std::string_view lines) { console_.printBlock(lines); });
+        listTree(
+            volume, [&](std::string_view lines) { console_.printBlock(lines); }, streams);
     }
 
     void summary(const Volume& volume) override

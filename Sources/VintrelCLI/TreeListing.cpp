@@ -36,9 +36,20 @@ void appendNode(std::string& text, const FileNode& node, std::size_t depth)
     text += '\n';
 }
 
+void appendStreams(std::string& text, const FileNode& node, std::size_t depth)
+{
+    if (!node.attachments)
+        return;
+    for (const auto& attachment : *node.attachments)
+        if (attachment.kind == Attachment::Kind::stream)
+            appendNode(text, *makeStreamFile(node, attachment, node.name + ":" + attachment.name),
+                depth + 1);
+}
+
 } // namespace
 
-void listTree(const Volume& volume, const std::function<void(std::string_view)>& write)
+void listTree(
+    const Volume& volume, const std::function<void(std::string_view)>& write, ListedStreams streams)
 {
     std::string text = Unicode::escaped(volume.title()) + " [" + Unicode::escaped(volume.origin)
         + "] @ " + std::to_string(volume.offset) + "\n";
@@ -50,6 +61,8 @@ void listTree(const Volume& volume, const std::function<void(std::string_view)>&
     };
     volume.root->forEachDescendant([&](const FileNode& node, std::size_t depth) {
         appendNode(text, node, depth);
+        if (streams == ListedStreams::yes)
+            appendStreams(text, node, depth);
         if (text.size() >= blockSize)
             flush();
     });

@@ -162,6 +162,17 @@ Bytes NTFSImage::nonResident(std::uint32_t type, const Data& data)
     return bytes;
 }
 
+Bytes NTFSImage::withName(Bytes attribute, std::u16string_view name)
+{
+    const auto nameOffset = attribute.size();
+    attribute.resize(aligned(nameOffset + 2 * name.size()));
+    putLE(attribute, 4, attribute.size(), 4);
+    putLE(attribute, 9, name.size(), 1);
+    putLE(attribute, 10, nameOffset, 2);
+    putUTF16(attribute, nameOffset, name);
+    return attribute;
+}
+
 Bytes NTFSImage::listContent(const std::vector<ListEntry>& entries)
 {
     Bytes list(entries.size() * 32);

@@ -69,6 +69,8 @@ public:
     static Bytes data(const Bytes& resident) { return attribute(0x80, resident); }
     static Bytes data(const Data& data) { return nonResident(0x80, data); }
     static Bytes nonResident(std::uint32_t type, const Data& data);
+    /// The same attribute with a name.
+    static Bytes withName(Bytes attribute, std::u16string_view name);
     static Bytes listContent(const std::vector<ListEntry>& entries);
     static Bytes encode(const Runs& runs);
     /// A block of the index of a folder, with one file in it.

@@ -21,6 +21,20 @@ TEST(TreeListing, LosesNoLineOfAListingOfManyBlocks)
     EXPECT_EQ(out, expected);
 }
 
+TEST(TreeListing, ShowsStreamsBelowTheirFileWhereTheyAreAskedFor)
+{
+    Volume volume(
+        FileSystemType::ntfs, "", 512, 0, FileNode::makeFolder("", EntryStatus::existing), "her");
+    auto& file = volume.root->add(FileNode::makeFile("fil", 1, EntryStatus::deleted));
+    file.attach({ .kind = Attachment::Kind::attribute, .name = "skjult", .data = {}, .size = 1 });
+    file.attach({ .kind = Attachment::Kind::stream, .name = "a\nb", .data = {}, .size = 1 });
+    std::string plain, withStreams;
+    listTree(volume, [&](std::string_view lines) { plain += lines; });
+    listTree(
+        volume, [&](std::string_view lines) { withStreams += lines; }, ListedStreams::yes);
+    EXPECT_EQ(withStreams, plain + "    fil:a\\nb  1 byte  [Slettet, God]\n");
+}
+
 TEST(TreeListing, IndentsNoDeeperThanAScreenIsWide)
 {
     Volume volume(

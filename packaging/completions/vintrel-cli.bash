@@ -24,7 +24,7 @@ _vintrel_cli() {
     esac
     options='--progress --json'
     case "$command" in
-        tree) options+=' --deep --fragments' ;;
+        tree) options+=' --deep --fragments --streams' ;;
         deep) options+=' --no-carve --fragments' ;;
         recover) options+=' --deep --deleted --fragments --streams --only --type --chance --volume --list-only --page' ;;
         image) options='--progress --page' ;;

@@ -32,7 +32,7 @@ complete -c vintrel-cli -n '__vintrel_cli_in tree recover' -l deep -d 'dyb scann
 complete -c vintrel-cli -n '__vintrel_cli_in tree deep recover' -l fragments -d 'saml filer i stykker'
 complete -c vintrel-cli -n '__vintrel_cli_in deep' -l no-carve -d 'uden filer efter indhold'
 complete -c vintrel-cli -n '__vintrel_cli_in recover' -l deleted -d 'kun det, der ikke længere findes'
-complete -c vintrel-cli -n '__vintrel_cli_in recover' -l streams -d 'ressourcegrene og navngivne strømme'
+complete -c vintrel-cli -n '__vintrel_cli_in tree recover' -l streams -d 'ressourcegrene og navngivne strømme'
 complete -c vintrel-cli -x -n '__vintrel_cli_in recover' -l only -d 'kun disse stier'
 complete -c vintrel-cli -x -n '__vintrel_cli_in recover' -l type -a 'billeder video lyd dokumenter arkiver andet jpg pdf mp4' -d 'kun disse typer'
 complete -c vintrel-cli -x -n '__vintrel_cli_in recover' -l chance -a 'god delvis ringe ukendt' -d 'kun med disse chancer'

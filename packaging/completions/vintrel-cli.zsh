@@ -34,6 +34,7 @@ _vintrel_cli() {
         list) _arguments $common ;;
         scan) _arguments $common '1:kilde:_vintrel_cli_source' ;;
         tree) _arguments $common '--deep[dyb scanning]' '--fragments[saml filer i stykker]' \
+            '--streams[navngivne strømme]' \
             '1:kilde:_vintrel_cli_source' ;;
         deep) _arguments $common '--no-carve[uden filer efter indhold]' '--fragments[saml filer i stykker]' \
             '1:kilde:_vintrel_cli_source' ;;

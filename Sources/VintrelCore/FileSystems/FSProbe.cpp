@@ -13,6 +13,13 @@ namespace {
 /// What a probe looks at, from the volume's first byte on.
 constexpr std::uint64_t headSize = 4096;
 
+Bytes readHead(DiskSource& source, std::uint64_t offset)
+{
+    const std::uint64_t available = source.size() > offset ? source.size() - offset : 0;
+    return source.read(
+        offset, static_cast<std::int64_t>(std::min(available, headSize)), ReadMode::thorough);
+}
+
 } // namespace
 
 std::optional<FileSystemType> detectBootSector(ByteView bytes, std::int64_t at)
@@ -32,13 +39,21 @@ bool isHFSPlusHeader(ByteView bytes, std::int64_t at)
 
 std::optional<FileSystemType> detect(DiskSource& source, std::uint64_t offset)
 {
-    const std::uint64_t available = source.size() > offset ? source.size() - offset : 0;
-    const auto head = source.read(
-        offset, static_cast<std::int64_t>(std::min(available, headSize)), ReadMode::thorough);
+    const auto head = readHead(source, offset);
     for (const auto* reader : fileSystems())
         if (const auto type = reader->probe(head))
             return type;
     return std::nullopt;
+}
+
+std::string_view encryptionAt(DiskSource& source, std::uint64_t offset)
+{
+    const auto head = readHead(source, offset);
+    for (const auto* reader : fileSystems())
+        if (reader->probe(head))
+            return reader->encryptionOf != nullptr ? reader->encryptionOf(head)
+                                                   : std::string_view();
+    return {};
 }
 
 } // namespace FSProbe

@@ -1,6 +1,7 @@
 #include "VintrelCore/FileSystems/FileSystems.h"
 
 #include "VintrelCore/FileSystems/APFS/Reader.h"
+#include "VintrelCore/FileSystems/Encrypted/Reader.h"
 #include "VintrelCore/FileSystems/ExFAT/Reader.h"
 #include "VintrelCore/FileSystems/Ext/Reader.h"
 #include "VintrelCore/FileSystems/FAT/Reader.h"
@@ -18,6 +19,7 @@ constexpr const FileSystemReader* rows[] = {
     &hfsPlusReader, // keeps its first kilobyte free, where a boot sector may stand that counts more
     &apfsReader,    // has four bytes to go by
     &extReader,     // has two
+    &encryptedReader, // has no content to read, so that anything else counts more
 };
 
 } // namespace

@@ -36,4 +36,17 @@ std::string_view takeLine(std::string_view& text)
     return line;
 }
 
+void ShortList::add(std::string_view entry)
+{
+    if (!isFull())
+        shown_.append(count_ == 0 ? "" : ", ").append(entry);
+    ++count_;
+}
+
+std::string ShortList::text() const
+{
+    return count_ > maxShown_ ? shown_ + " og " + std::to_string(count_ - maxShown_) + " mere"
+                              : shown_;
+}
+
 } // namespace Text

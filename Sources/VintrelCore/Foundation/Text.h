@@ -35,6 +35,27 @@ std::optional<T> number(std::string_view text, int base = 10)
 /// The lowest `digits` hexadecimal digits of a value, in upper case.
 std::string hex(std::uint64_t value, int digits);
 
+/// A list for the user that names its first entries and counts the others: "a, b og 3 mere".
+class ShortList {
+public:
+    /// `maxShown`: how many entries it names, at least 1.
+    explicit ShortList(std::size_t maxShown)
+        : maxShown_(maxShown)
+    {
+    }
+
+    void add(std::string_view entry);
+    std::size_t count() const { return count_; }
+    /// Whether further entries are only counted.
+    bool isFull() const { return count_ >= maxShown_; }
+    std::string text() const;
+
+private:
+    std::size_t maxShown_;
+    std::size_t count_ = 0;
+    std::string shown_;
+};
+
 /// Takes the first line off the front, without its line feed, which the last one may lack.
 std::string_view takeLine(std::string_view& text);
 

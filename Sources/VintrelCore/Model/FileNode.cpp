@@ -139,6 +139,16 @@ const Attachment* packedContentOf(const FileNode& node)
     return found == node.attachments->end() ? nullptr : &*found;
 }
 
+std::unique_ptr<FileNode> makeStreamFile(
+    const FileNode& owner, const Attachment& stream, std::string name)
+{
+    auto file
+        = FileNode::makeFile(std::move(name), stream.size, owner.status, stream.recoverability);
+    file->created = owner.created;
+    file->modified = owner.modified;
+    return file;
+}
+
 void FileNode::attach(Attachment attachment)
 {
     if (!attachments)

@@ -28,11 +28,12 @@ struct Attachment {
         resourceFork,
         attribute,     ///< an extended attribute of macOS
         packedContent, ///< the file's own, where the file itself is listed without it
+        stream,        ///< a named content of its own (NTFS)
     };
 
     Kind kind {};
     Recoverability recoverability = Recoverability::good;
-    std::string name; ///< of an attribute
+    std::string name; ///< of an attribute or a stream
     FileData data;
     std::uint64_t size = 0; ///< in bytes
 };
@@ -41,6 +42,11 @@ using Attachments = std::vector<Attachment>;
 class FileNode;
 /// The content of a file that is listed without it; none for all others.
 const Attachment* packedContentOf(const FileNode& node);
+
+/// A file for a stream of another file, with the dates and the status of that. It has no content;
+/// that stays with the stream.
+std::unique_ptr<FileNode> makeStreamFile(
+    const FileNode& owner, const Attachment& stream, std::string name);
 
 /// What a subtree holds, its top not counted.
 struct Totals {

@@ -48,6 +48,10 @@ struct FileSystemReader {
         DiskSource& source, const Volume& volume, WorkProgress* progress)
         = nullptr;
 
+    /// What a volume that begins with these bytes is encrypted with, as a name for the user; empty
+    /// when it is not. Null: never.
+    std::string_view (*encryptionOf)(ByteView head) = nullptr;
+
     /// What the quick scan says instead of loading; empty when it loads.
     std::string_view quickScanNote;
 

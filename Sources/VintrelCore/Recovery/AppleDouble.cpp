@@ -77,6 +77,12 @@ bool isFinderInfo(const Attachment& attachment)
         && bytes->size() == sizeof(FileStart::information);
 }
 
+bool isForAppleDouble(const Attachment& attachment)
+{
+    return attachment.kind == Attachment::Kind::resourceFork
+        || attachment.kind == Attachment::Kind::attribute;
+}
+
 } // namespace
 
 AppleDouble::AppleDouble(const Attachments& attachments)
@@ -87,10 +93,7 @@ AppleDouble::AppleDouble(const Attachments& attachments)
 
 bool AppleDouble::isFor(const Attachments& attachments)
 {
-    return std::ranges::any_of(attachments, [](const Attachment& attachment) {
-        return attachment.kind == Attachment::Kind::resourceFork
-            || attachment.kind == Attachment::Kind::attribute;
-    });
+    return std::ranges::any_of(attachments, isForAppleDouble);
 }
 
 /// Sorts out what goes where, and counts what the file will have of bytes.
@@ -100,7 +103,7 @@ void AppleDouble::choose(const Attachments& attachments)
     const auto doubt
         = [&](Recoverability level) { recoverability_ = std::min(recoverability_, level); };
     for (const auto& attachment : attachments) {
-        if (attachment.kind == Attachment::Kind::packedContent)
+        if (!isForAppleDouble(attachment))
             continue;
         doubt(attachment.recoverability);
         if (attachment.kind == Attachment::Kind::resourceFork) {

@@ -65,6 +65,8 @@ public:
             state_.filesTotal += filesFor(*node);
             state_.bytesTotal
                 += node->size + (hasCompanion(*node) ? AppleDouble(*node->attachments).size() : 0);
+            for (const auto* stream : streamsOf(*node))
+                state_.bytesTotal += stream->size;
         }
         for (const auto* node : nodes) {
             result_.cancelled = progress_.isCancelled();
@@ -113,9 +115,22 @@ private:
             && (options_.keepFolderStructure || !node.isDirectory());
     }
 
+    /// The named streams of a file, each of which becomes a file.
+    std::vector<const Attachment*> streamsOf(const FileNode& node) const
+    {
+        std::vector<const Attachment*> streams;
+        if (!options_.streams || !node.attachments || node.isDirectory())
+            return streams;
+        for (const auto& attachment : *node.attachments)
+            if (attachment.kind == Attachment::Kind::stream)
+                streams.push_back(&attachment);
+        return streams;
+    }
+
     std::int64_t filesFor(const FileNode& node) const
     {
-        return (node.isDirectory() ? 0 : 1) + (hasCompanion(node) ? 1 : 0);
+        return (node.isDirectory() ? 0 : 1) + (hasCompanion(node) ? 1 : 0)
+            + static_cast<std::int64_t>(streamsOf(node).size());
     }
 
     /// False when the job has to end.
@@ -128,9 +143,10 @@ private:
         const auto step = packed != nullptr
             ? copyPacked(node, *packed, folder, name)
             : copyInto(folder, name, { node, { FileReader::contentOf(node) } });
-        if (step == Step::copied && hasCompanion(node))
-            return copyCompanion(node, folder, name);
-        return step != Step::ended;
+        if (step != Step::copied)
+            return step != Step::ended;
+        return (!hasCompanion(node) || copyCompanion(node, folder, name))
+            && copyStreams(node, folder, name);
     }
 
     /// Copies a file whose content is attached to it.
@@ -166,6 +182,18 @@ private:
         companion->modified = node.modified;
         companion->note = "Ressourcegren og udvidede attributter (AppleDouble)";
         return copyInto(folder, companionName, { *companion, file.parts() }) != Step::ended;
+    }
+
+    /// `name`: the one that the node got in the folder. False when the job has to end.
+    bool copyStreams(const FileNode& node, Destination::Folder& folder, const std::string& name)
+    {
+        return std::ranges::all_of(streamsOf(node), [&](const Attachment* stream) {
+            auto streamName = sanitize(name + "." + stream->name);
+            const auto file = makeStreamFile(node, *stream, streamName);
+            file->note = "Navngiven datastrøm";
+            return copyInto(folder, streamName, { *file, { { stream->data, stream->size } } })
+                != Step::ended;
+        });
     }
 
     /// `name`: the one that is wanted, and afterwards the one that the file got.

@@ -37,7 +37,8 @@ struct RecoveryOptions {
     /// Hears of every file that was copied or listed; may be empty.
     std::function<void(const RecoveredFile&)> fileDone {};
     /// Whether resource forks and extended attributes are recovered, each file's and folder's in an
-    /// AppleDouble file "._name" beside it. Those count as files of their own everywhere.
+    /// AppleDouble file "._name" beside it, and named streams, each in a file "name.stream". Those
+    /// count as files of their own everywhere.
     bool streams = false;
 };
 

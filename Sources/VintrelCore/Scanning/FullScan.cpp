@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/VolumeLoader.h"
 #include "VintrelCore/Scanning/Overlay.h"
 #include "VintrelCore/Scanning/PiecedFiles.h"
+#include "VintrelCore/Scanning/RecycleBin.h"
 
 #include <algorithm>
 #include <iterator>
@@ -31,6 +32,7 @@ VolumeList FullScan::run(
     if (!options.deep) {
         if (options.fragments)
             PiecedFiles::settleDeleted(source, volumes, progress);
+        RecycleBin::noteOriginalPaths(source, volumes, progress);
         return volumes;
     }
     auto deep = *options.deep;
@@ -58,6 +60,7 @@ VolumeList FullScan::run(
     Overlay::judge(source, known, ofLost);
     for (auto* more : { &snapshots, &ofLost })
         std::ranges::move(*more, std::back_inserter(volumes));
+    RecycleBin::noteOriginalPaths(source, volumes, progress);
     if (options.fragments) {
         PiecedFiles::settleDeleted(source, volumes, progress);
         PiecedFiles::putTogether(source, volumes, finds, progress);

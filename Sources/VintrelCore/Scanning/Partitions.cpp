@@ -151,13 +151,14 @@ Entries readMBR(DiskSource& source, std::vector<std::string>& notes)
 }
 
 /// The kinds of file systems that an MBR leads to, each once, in a list for the user. Empty when
-/// there are none besides one that begins with the MBR's own sector.
+/// there are none besides one that begins with the MBR's own sector, and encrypted volumes, which
+/// no scan reads.
 std::string fileSystemsByMBR(DiskSource& source)
 {
     std::vector<std::string> unused;
     std::string list;
     for (const auto& entry : readMBR(source, unused)) {
-        if (!entry.detected || entry.offset == 0)
+        if (!entry.detected || entry.detected == FileSystemType::unknown || entry.offset == 0)
             continue;
         const auto name = displayName(*entry.detected);
         if (list.find(name) == std::string::npos)
@@ -177,7 +178,8 @@ PartitionLayout read(DiskSource& source)
         scheme = "GPT";
         // Of a table that was formatted over, the backup at the end of the disk is left.
         if (!notes.empty() || std::ranges::none_of(entries, isRecognised))
-            if (const auto type = FSProbe::detect(source, 0))
+            if (const auto type = FSProbe::detect(source, 0);
+                type && type != FileSystemType::unknown)
                 notes.push_back("Disken begynder også med et " + std::string(displayName(*type))
                     + "-filsystem; det vises kun ved dyb scanning.");
         return layout;

@@ -1,6 +1,7 @@
 #include "VintrelCore/Scanning/QuickScan.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/FileSystems.h"
 #include "VintrelCore/FileSystems/VolumeLoader.h"
 #include "VintrelCore/Model/ListingBudget.h"
@@ -39,6 +40,12 @@ ScanResult run(DiskSource& source, WorkProgress* progress)
         }
         const std::string label
             = entry.name.empty() ? "partition " + std::to_string(entry.index) : entry.name;
+        if (const auto encryption = FSProbe::encryptionAt(source, entry.offset);
+            !encryption.empty()) {
+            result.notes.push_back(label + " er krypteret med " + std::string(encryption)
+                + ". Indholdet kan kun læses med nøglen.");
+            continue;
+        }
         report(progress, static_cast<double>(entry.index - 1) / static_cast<double>(entries.size()),
             "Læser " + std::string(displayName(type)) + "-filsystemet på " + label + " …");
         const std::string origin

@@ -14,6 +14,7 @@
 #include "VintrelCore/Recovery/LZNT1.h"
 #include "VintrelCore/Scanning/DeepScan.h"
 #include "VintrelCore/Scanning/QuickScan.h"
+#include "VintrelCore/Scanning/RecycleBin.h"
 
 #include <gtest/gtest.h>
 
@@ -52,6 +53,7 @@ void exercise(const Bytes& bytes)
 {
     const auto source = makeSource(bytes);
     const auto result = QuickScanner::run(*source, nullptr);
+    RecycleBin::noteOriginalPaths(*source, result.volumes, nullptr);
     for (const auto& volume : result.volumes) {
         const auto totals = volume->root->totals();
         ASSERT_LT(totals.files + totals.folders, bytes.size()) << "more entries than bytes";
@@ -63,6 +65,10 @@ void exercise(const Bytes& bytes)
                     delivered += piece.size();
                     return true;
                 });
+            for (const auto& [kind, chance, name, data, size] :
+                file->attachments ? *file->attachments : Attachments())
+                FileReader::stream({ data, size }, *source, 64_KiB, 256_KiB,
+                    [](const FileReader::Piece&) { return true; });
             const auto wanted = std::holds_alternative<NoData>(file->data) ? 0 : file->size;
             ASSERT_EQ(delivered, std::min<std::uint64_t>(wanted, 256_KiB)) << file->path();
         }
@@ -172,8 +178,10 @@ NTFSImage smallNTFSVolume()
           };
     file(24, u"i stykker",
         { NTFSImage::data(
-            { .runs = { { lcn + 6, 3 }, { std::nullopt, 2 }, { lcn, 4 }, { lcn + 5, 1 } },
-                .size = 5000 }) });
+              { .runs = { { lcn + 6, 3 }, { std::nullopt, 2 }, { lcn, 4 }, { lcn + 5, 1 } },
+                  .size = 5000 }),
+            NTFSImage::withName(
+                NTFSImage::data({ .runs = { { lcn, 4 } }, .size = 2048 }), u"strøm") });
     file(25, u"pakket",
         { NTFSImage::data(
             { .runs = { { lcn, 4 }, { lcn + 4, 2 }, { std::nullopt, 2 }, { std::nullopt, 4 } },
@@ -202,6 +210,20 @@ NTFSImage smallNTFSVolume()
     for (std::uint64_t number = 28; number < 41; ++number)
         image.putFile(number, { number % 3 == 0 ? 20u : number - 1, 1 }, u"fil",
             patternBytes(number * 20), number % 2 == 0);
+    Bytes index(60);
+    store<std::uint64_t>(index, 0, 2);
+    store<std::uint64_t>(index, 16, NTFSImage::modification);
+    store<std::uint64_t>(index, 28, 0x005C'003A'0043); // "C:\"
+    store<std::uint64_t>(index, 34, 0x0074'002E'0061); // "a.t"
+    image.putFile(44, { 20, 1 }, u"$IABC123.t", index);
+    image.putFile(45, { 20, 1 }, u"$RABC123.t", bytesOf("x"));
+    Bytes bin(820);
+    store<std::uint32_t>(bin, 12, 800);
+    store<std::uint64_t>(bin, 20 + 268, NTFSImage::modification);
+    store<std::uint64_t>(bin, 20 + 280, 0x005C'003A'0043);
+    store<std::uint64_t>(bin, 20 + 286, 0x0061);
+    image.putFile(46, { 20, 1 }, u"INFO2", bin);
+    image.putFile(47, { 20, 1 }, u"Da0", bytesOf("x"));
     return image;
 }
 
@@ -295,6 +317,9 @@ TEST(Mutation, IsOutlivedByTheReaderOfNTFS)
         SCOPED_TRACE("round " + std::to_string(round));
         auto image = sound;
         damageRecords(image, random);
+        if (round % 4 == 1) // a byte of what the Recycle Bin says of its files
+            image.bytes()[image.recordOffset(44 + random() % 3, random() % 512)]
+                = static_cast<std::uint8_t>(random());
         if (round % 2 == 0) // that the copy of the damaged record is damaged too
             for (std::uint64_t at = 0; at < 1024; ++at)
                 image.bytes()[image.offsetOf(image.mirrorLCN()) + at]

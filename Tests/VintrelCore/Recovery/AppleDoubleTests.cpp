@@ -90,6 +90,34 @@ TEST_F(Recovery, NamesAttachmentsAfterTheNamesThatTheirOwnersGot)
     EXPECT_EQ(recover().recovered, 4) << "without the option";
 }
 
+TEST_F(Recovery, WritesNamedStreamsBesideTheirFile)
+{
+    const auto stream = [](const std::string& name) {
+        return Attachment { .kind = Attachment::Kind::stream,
+            .recoverability = Recoverability::partial,
+            .name = name,
+            .data = ExtentList { { 4096, 2000 } },
+            .size = 2000 };
+    };
+    auto& file = addFile(*root, "fil");
+    file.attach(stream("foto.jpg"));
+    file.attach(stream("../ud"));
+    addFile(*root, "fil.foto.jpg");
+    RecoveryProgress last;
+    const auto result = recover(withStreams, [&](const RecoveryProgress& state) { last = state; });
+    EXPECT_EQ(result.recovered, 4);
+    EXPECT_EQ(last.filesDone, last.filesTotal);
+    EXPECT_EQ(last.bytesDone, last.bytesTotal);
+    EXPECT_EQ(filesIn(target / "r"),
+        (std::vector<std::string> { "fil", "fil...:ud", "fil.foto (2).jpg", "fil.foto.jpg" }));
+    EXPECT_EQ(
+        readFile(target / "r/fil...:ud"), Bytes(disk.begin() + 4096, disk.begin() + 4096 + 2000));
+    EXPECT_NE(text(target / "r/Gendannelsesrapport.csv")
+                  .find("fil...:ud;2000;OK;Delvis;0;Navngiven datastrøm"),
+        std::string::npos);
+    EXPECT_EQ(recover().recovered, 2) << "without the option";
+}
+
 TEST_F(Recovery, LeavesOutWhatAppleDoubleCannotHold)
 {
     auto& file = addFile(*root, "stor");

@@ -49,6 +49,45 @@ TEST(QuickScanner, ReportsWhatItCannotReadAndGoesOn)
         << "a place that is named twice is loaded once";
 }
 
+TEST(QuickScanner, NamesEncryptedVolumes)
+{
+    const auto head = [](std::size_t at, std::string_view text) {
+        Bytes bytes(512);
+        std::ranges::copy(text, bytes.begin() + static_cast<std::ptrdiff_t>(at));
+        return bytes;
+    };
+    auto coreStorage = head(88, "CS");
+    coreStorage[8] = 1;
+    coreStorage[10] = 0x10;
+    const struct {
+        Bytes bytes;
+        std::string_view name; ///< empty: not encrypted
+    } cases[] = {
+        { head(3, "-FVE-FS-"), "BitLocker" },
+        { head(0, std::string_view("LUKS\xBA\xBE\0\1", 8)), "LUKS" },
+        { head(0, std::string_view("LUKS\xBA\xBE\0\2", 8)), "LUKS" },
+        { head(0, std::string_view("LUKS\xBA\xBE\0\3", 8)), "" },
+        { coreStorage, "FileVault (CoreStorage)" },
+        { head(88, "CS"), "" },
+    };
+    for (const auto& [bytes, name] : cases) {
+        const Texts notes = name.empty() ? Texts {}
+                                         : Texts { "kort er krypteret med " + std::string(name)
+                                               + ". Indholdet kan kun læses med nøglen." };
+        const auto disk = PartitionImage(64_KiB)
+                              .gpt({ { basicDataGUID, 40, 90, u"kort" } })
+                              .put(40, bytes)
+                              .source();
+        const auto result = QuickScanner::run(*disk, nullptr);
+        EXPECT_EQ(result.notes, notes) << name;
+        EXPECT_EQ(result.layout.entries.at(0).detected,
+            name.empty() ? std::nullopt : std::optional(unknown));
+        const auto bare = PartitionImage(64_KiB).put(0, bytes).source();
+        EXPECT_EQ(QuickScanner::run(*bare, nullptr).layout.entries.size(), name.empty() ? 0u : 1u)
+            << "a volume without a table";
+    }
+}
+
 TEST(QuickScanner, EndsWhenPartitionsListMoreThanASourceHasRoomFor)
 {
     // Three boot sectors side by side that share one root directory, the longest there is.

@@ -23,7 +23,7 @@ struct ListEntry {
     bool isWanted() const
     {
         return type == NTFSLayout::fileName || type == NTFSLayout::reparsePoint
-            || (type == NTFSLayout::data && nameLength == 0);
+            || type == NTFSLayout::data;
     }
 };
 static_assert(sizeof(ListEntry) == 26);
@@ -67,6 +67,7 @@ void mergeExtension(MFTRecord& record, MFTRecord& extension)
     record.fixupOK = record.fixupOK && extension.fixupOK;
     std::ranges::move(extension.names, std::back_inserter(record.names));
     std::ranges::move(extension.data, std::back_inserter(record.data));
+    std::ranges::move(extension.streams, std::back_inserter(record.streams));
     if (extension.reparseTag != 0)
         record.reparseTag = extension.reparseTag;
     if (extension.reparseLCN)

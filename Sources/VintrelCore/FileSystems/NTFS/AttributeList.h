@@ -19,7 +19,7 @@ inline constexpr std::uint64_t maxAttributeList = 262'144;
 /// read.
 Bytes loadAttributeList(const NTFSContext& context, const MFTRecord& record);
 
-/// The extension records that an attribute list names for file names, unnamed data and reparse
+/// The extension records that an attribute list names for file names, data and reparse
 /// points, each once and in the list's order. `self`, the number of the record that has the list,
 /// is not among them.
 std::vector<FileReference> extensionsIn(ByteView attributeList, std::uint64_t self);

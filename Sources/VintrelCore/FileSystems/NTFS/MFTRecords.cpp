@@ -4,6 +4,7 @@
 #include "VintrelCore/FileSystems/NTFS/AttributeList.h"
 #include "VintrelCore/FileSystems/NTFS/Content.h"
 #include "VintrelCore/FileSystems/NTFS/StandIn.h"
+#include "VintrelCore/FileSystems/NTFS/Streams.h"
 
 #include <algorithm>
 
@@ -62,10 +63,10 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
         entry.parent = best->parent;
         created = created ? created : best->created;
         modified = modified ? modified : best->modified;
-        // Names that belong to the same folder, as the short name beside the long one does, give no
-        // second chance.
-        if (std::ranges::any_of(
-                record.names, [&](const FNInfo& other) { return other.parent != best->parent; }))
+        const auto isOther = [&](const FNInfo& other) {
+            return other.parent != best->parent || (!other.isDOS() && &other != best);
+        };
+        if (std::ranges::any_of(record.names, isOther))
             otherNames_.try_emplace(entry.number, record.names);
         name = std::move(best->name);
     }
@@ -76,6 +77,7 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
     entry.node->created = created;
     entry.node->modified = modified;
     entry.node->fsID = entry.number;
+    NTFSStreams::attach(context_, record, *entry.node);
 }
 
 void MFTRecords::finish()

@@ -50,7 +50,8 @@ public:
     const std::vector<Entry>& entries() const { return entries_; }
     /// The index of the entry with this number; none when there is none.
     std::optional<std::size_t> find(std::uint64_t number) const;
-    /// All names of an entry that folders besides its own list too; none for all others.
+    /// All names of an entry that has another one than the one it is shown under and its short
+    /// form; none for all others.
     std::vector<FNInfo>* otherNames(std::uint64_t number);
     /// The record of a system file; none when it was not taken in. Its extension records are not
     /// merged yet.

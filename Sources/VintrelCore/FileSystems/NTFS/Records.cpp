@@ -151,10 +151,9 @@ void readFileName(ByteView attribute, MFTRecord& record)
         .realSize = stored->realSize });
 }
 
-void readData(ByteView attribute, const AttributeHeader& common, MFTRecord& record)
+/// None for an attribute that ends before its header does.
+std::optional<DataFragment> dataFragment(ByteView attribute, const AttributeHeader& common)
 {
-    if (common.nameLength != 0)
-        return;
     DataFragment fragment;
     fragment.isCompressed = (common.flags & compressedFlag) != 0;
     fragment.isEncrypted = (common.flags & encryptedFlag) != 0;
@@ -168,7 +167,7 @@ void readData(ByteView attribute, const AttributeHeader& common, MFTRecord& reco
     } else {
         const auto header = attribute.load<NonResidentHeader>(0);
         if (!header)
-            return;
+            return std::nullopt;
         fragment.startVCN = header->startVCN;
         fragment.runs = runsOf(attribute, *header);
         fragment.compressionUnit = header->compressionUnit;
@@ -176,7 +175,19 @@ void readData(ByteView attribute, const AttributeHeader& common, MFTRecord& reco
         fragment.dataSize = header->dataSize;
         fragment.initSize = header->initSize;
     }
-    record.data.push_back(std::move(fragment));
+    return fragment;
+}
+
+void readData(ByteView attribute, const AttributeHeader& common, MFTRecord& record)
+{
+    auto fragment = dataFragment(attribute, common);
+    if (!fragment)
+        return;
+    if (common.nameLength == 0)
+        record.data.push_back(std::move(*fragment));
+    else
+        record.streams.push_back(
+            { attribute.utf16le(common.nameOffset, common.nameLength), std::move(*fragment) });
 }
 
 void readIndexAllocation(ByteView attribute, MFTRecord& record)

@@ -57,6 +57,12 @@ struct DataFragment {
     bool isSparse = false;
 };
 
+/// A $DATA attribute with a name: a stream beside the file's content, or a part of one.
+struct StreamFragment {
+    std::string name;
+    DataFragment data;
+};
+
 /// What an MFT record says of its file.
 struct MFTRecord {
     std::optional<std::uint64_t> number;
@@ -72,6 +78,7 @@ struct MFTRecord {
     std::optional<Date> created;
     std::optional<Date> modified;
     std::vector<DataFragment> data;      ///< in the order of the attributes
+    std::vector<StreamFragment> streams; ///< in the order of the attributes
     Bytes attributeList;                 ///< a resident one
     RunList attributeListRuns;           ///< of a non-resident one
     std::uint64_t attributeListSize = 0; ///< of a non-resident one, in bytes, as claimed

@@ -4,12 +4,15 @@
 #include "VintrelCore/FileSystems/NTFS/Content.h"
 #include "VintrelCore/FileSystems/NTFS/DeepInfo.h"
 #include "VintrelCore/FileSystems/NTFS/DeletedClaims.h"
+#include "VintrelCore/FileSystems/NTFS/Streams.h"
+#include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/FileNode.h"
 #include "VintrelCore/Model/ParentLinks.h"
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 namespace NTFSParser {
 
@@ -17,6 +20,7 @@ namespace {
 
 using Entry = MFTRecords::Entry;
 using Index = ParentLinks::Index;
+using Nodes = std::vector<FileNode*>; // of the entries, also when these have handed theirs over
 
 constexpr std::uint64_t volumeRecord = 3;
 constexpr std::uint64_t extendRecord = 11; // $Extend, the folder of younger system files
@@ -26,6 +30,11 @@ constexpr std::string_view systemNames[]
     = { "$ObjId", "$Quota", "$Reparse", "$UsnJrnl", "$RmMetadata" };
 /// The folder in $Extend that files are moved to which are deleted while a program has them open.
 constexpr std::string_view openDeletedFolder = "$Deleted";
+
+/// Of further names of a file so many are told.
+constexpr std::size_t maxToldNames = 3;
+/// Of the folder of such a name so many bytes are told.
+constexpr std::size_t maxToldFolder = 200;
 
 /// Where $Bitmap lies; nowhere when its record is lost.
 FileData locateBitmap(const NTFSContext& context, MFTRecords& records)
@@ -66,8 +75,10 @@ void judgeAll(const NTFSContext& context, const AllocationMap& map, const MFTRec
             node.note = chanceOf(doubts).note;
             continue;
         }
-        if (!entry.inUse)
+        if (!entry.inUse) {
             doubts.add(doubtsOf(map.useOf(node.data, context.geometry()), ntfsReuse));
+            NTFSStreams::judgeDeleted(node, map, context.geometry());
+        }
         judge(node, doubts);
     }
     judgeSharing(context, records);
@@ -87,24 +98,26 @@ std::vector<std::string> notesOf(const MFTRecords& records, const AllocationMap&
     return notes;
 }
 
-bool isOpenDeletedFolder(const Entry& entry)
+bool isOpenDeletedFolder(const Entry& entry, const FileNode& node)
 {
-    return entry.parent.number == extendRecord && entry.node->isDirectory()
-        && entry.node->name == openDeletedFolder;
+    return entry.parent.number == extendRecord && node.isDirectory()
+        && node.name == openDeletedFolder;
 }
 
 /// What an entry of $Extend hangs under: what is not the system's own is a user's, and has lost its
 /// folder.
 Index parentInExtend(const Entry& entry)
 {
-    return isOpenDeletedFolder(entry) || std::ranges::count(systemNames, entry.node->name) > 0
+    return isOpenDeletedFolder(entry, *entry.node)
+            || std::ranges::count(systemNames, entry.node->name) > 0
         ? ParentLinks::system
         : ParentLinks::none;
 }
 
 /// What the record `number` hangs under when this is its parent; `none` when that folder is not its
 /// folder any more.
-Index validParent(MFTRecords& records, std::uint64_t number, FileReference parent)
+Index validParent(
+    const MFTRecords& records, const Nodes& nodes, std::uint64_t number, FileReference parent)
 {
     if (parent.number == number)
         return ParentLinks::none;
@@ -114,19 +127,20 @@ Index validParent(MFTRecords& records, std::uint64_t number, FileReference paren
     if (!index)
         return ParentLinks::none;
     const auto& folder = records.entries()[*index];
+    const auto* const node = nodes[*index];
     // A slot that was used again belongs to another folder.
-    const bool isSame = folder.node && folder.node->isDirectory()
+    const bool isSame = node != nullptr && node->isDirectory()
         && sequenceMatches(parent.sequence, folder.sequence, folder.inUse);
-    return isSame && !isOpenDeletedFolder(folder) ? *index : ParentLinks::none;
+    return isSame && !isOpenDeletedFolder(folder, *node) ? *index : ParentLinks::none;
 }
 
 /// The folder of the name that the entry is shown under; when that one is lost, of another of its
 /// names, which it then gets.
-Index chooseParent(MFTRecords& records, Entry& entry)
+Index chooseParent(MFTRecords& records, const Nodes& nodes, Entry& entry)
 {
     if (entry.parent.number == extendRecord)
         return parentInExtend(entry);
-    const auto parent = validParent(records, entry.number, entry.parent);
+    const auto parent = validParent(records, nodes, entry.number, entry.parent);
     auto* const others = records.otherNames(entry.number);
     if (parent != ParentLinks::none || others == nullptr)
         return parent;
@@ -134,34 +148,31 @@ Index chooseParent(MFTRecords& records, Entry& entry)
         for (auto& name : *others) {
             if (name.isDOS() != isDOS || name.parent == entry.parent)
                 continue;
-            const auto other = validParent(records, entry.number, name.parent);
+            const auto other = validParent(records, nodes, entry.number, name.parent);
             if (other == ParentLinks::none)
                 continue;
-            entry.node->name = std::move(name.name);
+            entry.node->name = std::exchange(name.name, {}); // no further one any more
             return other;
         }
     }
     return ParentLinks::none;
 }
 
-ParentLinks linkAll(MFTRecords& records)
+ParentLinks linkAll(MFTRecords& records, const Nodes& nodes)
 {
     std::vector<Index> parents(records.entries().size(), ParentLinks::none);
     for (Index index = 0; auto& entry : records.entries()) {
         if (entry.node)
-            parents[index] = chooseParent(records, entry);
+            parents[index] = chooseParent(records, nodes, entry);
         ++index;
     }
     return ParentLinks(std::move(parents));
 }
 
 /// Hangs every node under its folder, and those whose folder is lost under a folder of their own.
-void hangAll(MFTRecords& records, const ParentLinks& links, FileNode& root)
+void hangAll(MFTRecords& records, const Nodes& nodes, const ParentLinks& links, FileNode& root)
 {
     auto& entries = records.entries();
-    std::vector<FileNode*> nodes(entries.size()); // entries hand theirs over
-    std::ranges::transform(
-        entries, nodes.begin(), [](const Entry& entry) { return entry.node.get(); });
     auto orphans = FileNode::makeFolder("$Forældreløse filer", EntryStatus::orphaned);
     for (Index index = 0; index < entries.size(); ++index) {
         if (!entries[index].node || links.placeOf(index) == ParentLinks::Place::system)
@@ -176,6 +187,45 @@ void hangAll(MFTRecords& records, const ParentLinks& links, FileNode& root)
     }
     if (!orphans->children().empty())
         root.add(std::move(orphans));
+}
+
+/// Where a further name of the entry lies: its path, with "…" for what is too long, or the name
+/// alone where its folder is lost.
+std::string placeOf(
+    const MFTRecords& records, const Nodes& nodes, const Entry& entry, const FNInfo& name)
+{
+    std::string place = name.name;
+    const auto parent = validParent(records, nodes, entry.number, name.parent);
+    if (parent == ParentLinks::none)
+        return place;
+    const auto* folder = parent == ParentLinks::root ? nullptr : nodes[parent];
+    std::size_t length = 0;
+    for (; folder != nullptr && folder->parent() != nullptr; folder = folder->parent()) {
+        length += folder->name.size() + 1;
+        if (length > maxToldFolder)
+            return "…/" + place;
+        place.insert(0, folder->name + "/");
+    }
+    return "/" + place;
+}
+
+/// Adds the further names of a file, which is listed once, to its note.
+void noteOtherNames(MFTRecords& records, const Nodes& nodes)
+{
+    for (std::size_t index = 0; const auto& entry : records.entries()) {
+        auto* const node = nodes[index++];
+        const auto* const names = node ? records.otherNames(entry.number) : nullptr;
+        if (names == nullptr || node->isDirectory())
+            continue;
+        Text::ShortList told(maxToldNames);
+        for (const auto& name : *names) {
+            const bool isShown = name.parent == entry.parent && name.name == node->name;
+            if (!name.isDOS() && !name.name.empty() && !isShown)
+                told.add(told.isFull() ? name.name : placeOf(records, nodes, entry, name));
+        }
+        if (told.count() > 0)
+            node->addNote("Har også navnet " + told.text());
+    }
 }
 
 } // namespace
@@ -195,7 +245,14 @@ std::unique_ptr<Volume> buildVolume(
     const auto map = AllocationMap::load(context, bitmap);
     judgeAll(context, map, records);
     volume->notes = notesOf(records, map);
-    hangAll(records, linkAll(records), *volume->root);
+    Nodes nodes(records.entries().size());
+    std::ranges::transform(
+        records.entries(), nodes.begin(), [](const Entry& entry) { return entry.node.get(); });
+    hangAll(records, nodes, linkAll(records, nodes), *volume->root);
+    noteOtherNames(records, nodes);
+    for (auto* const node : nodes)
+        if (node != nullptr)
+            NTFSStreams::note(*node);
     volume->root->sortChildren();
     volume->deepContext
         = std::make_unique<NTFSDeepInfo>(geometry, std::move(mft), std::move(bitmap));

@@ -134,7 +134,7 @@ TEST_P(ToolMadeVolume, EveryFileComesBackAlsoTheDeletedOnes)
         const bool isDeleted = name.starts_with("slettet");
         EXPECT_EQ(node->status, isDeleted ? EntryStatus::deleted : EntryStatus::existing) << name;
         EXPECT_EQ(node->recoverability, Recoverability::good) << name;
-        EXPECT_FALSE(node->note) << name;
+        EXPECT_EQ(node->note.has_value(), node->attachments != nullptr) << name;
         Bytes theirs;
         if (isDeleted) {
             const auto record = std::to_string(name == "slettet.jpg" ? deleted : deletedSmall);
@@ -151,6 +151,16 @@ TEST_P(ToolMadeVolume, EveryFileComesBackAlsoTheDeletedOnes)
         EXPECT_EQ(FileReader::readPrefix(*found[name], *source, 2_MiB),
             patternBytes(size, static_cast<std::uint32_t>(size)))
             << name;
+    const auto& streams = found["mange strømme.bin"]->attachments;
+    ASSERT_TRUE(streams);
+    EXPECT_EQ(streams->size(), 20u);
+    Bytes hidden;
+    FileReader::stream({ streams->back().data, streams->back().size }, *source, 1_MiB, std::nullopt,
+        [&](const FileReader::Piece& piece) {
+            hidden.insert(hidden.end(), piece.bytes.begin(), piece.bytes.end());
+            return true;
+        });
+    EXPECT_EQ(hidden, patternBytes(50'000, 50'000));
     EXPECT_EQ(FileReader::readPrefix(*found["slettet.jpg"], *source, 1_MiB),
         patternBytes(250'000, 250'000));
 }

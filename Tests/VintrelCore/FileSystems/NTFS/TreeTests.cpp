@@ -178,6 +178,38 @@ TEST(NTFSTree, TakesAnotherNameWhereTheFolderOfTheBestOneIsLost)
     }
 }
 
+TEST(NTFSTree, TellsTheFurtherNamesOfAFile)
+{
+    const FileReference lost { 50, 9 }, here { 20, 1 }, there { 21, 1 };
+    const auto name = [](FileReference parent, std::u16string_view text, std::uint8_t space = 1) {
+        return Image::fileName(parent, text, space);
+    };
+    const struct {
+        std::vector<Bytes> names;
+        std::string path, note; ///< the note may be empty
+    } cases[] = {
+        { { name(here, u"a"), name(here, u"A~1", 2) }, "/her/a", "" },
+        { { name(here, u"a"), name(here, u"A~1", 2), name(here, u"b") }, "/her/a", "/her/b" },
+        { { name(here, u"a"), name(there, u"a", 0), name(root, u"c") }, "/her/a",
+            "/her/der/a, /c" },
+        { { name(lost, u"a"), name(here, u"b"), name(lost, u"c") }, "/her/b", "a, c" },
+        { { name(root, u"a"), name(root, u"b"), name(root, u"c"), name(root, u"d"),
+              name(root, u"e"), name(root, u"f") },
+            "/a", "/b, /c, /d og 2 mere" },
+    };
+    for (const auto& [names, path, note] : cases) {
+        Image image;
+        image.putFolder(20, root, u"her");
+        image.putFolder(21, here, u"der");
+        auto attributes = names;
+        attributes.push_back(Image::data(bytesOf("x")));
+        image.put(28, { .attributes = attributes });
+        const auto disk = parse(image);
+        EXPECT_EQ(disk[path].note.value_or(""), note.empty() ? "" : "Har også navnet " + note);
+        EXPECT_EQ(disk.volume->root->totals().files, 1u);
+    }
+}
+
 TEST(NTFSTree, IsAsDeepAsTheMFTIsLong)
 {
     Image deep({ .clusters = 20'100, .records = 20'000 });
