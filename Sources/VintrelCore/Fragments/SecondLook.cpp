@@ -19,8 +19,7 @@ constexpr std::size_t mostAssemblies = 4;
 } // namespace
 
 SecondLook::SecondLook(DiskSource& source, Space space, const WorkProgress* progress)
-    : source_(source)
-    , space_(std::move(space))
+    : space_(std::move(space))
     , progress_(progress)
     , cache_(source)
     , all_ { std::max(leastBudget, source.size() / 4) }

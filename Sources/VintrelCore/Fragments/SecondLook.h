@@ -66,7 +66,6 @@ private:
         return { cache_, space_, beginnings_, job.extension, progress_ };
     }
 
-    DiskSource& source_;
     Space space_;
     const WorkProgress* progress_;
     BlockCache cache_;
