@@ -88,6 +88,9 @@ void SecondLook::checkFind(CarvedFile& find)
         jobs_.push_back(std::move(job));
         return;
     }
+    // Sound that refers to what came before it, and whose length nothing confirms, is the rest of a
+    // file whose first part lies elsewhere.
+    find.isContradicted = finding.lacksBeginning && finding.proof == Content::Proof::none;
     const ByteRange whole { find.offset, find.offset + std::max(find.size, *finding.length) };
     if (holdsOthers(find.ext))
         space_.hold(whole);
