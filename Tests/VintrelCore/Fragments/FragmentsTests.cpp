@@ -125,9 +125,14 @@ TEST(Fragments, PutPicturesTogetherWhereverTheirPiecesLie)
 
 TEST(Fragments, KnowTheirPlaceByAStructureNearTheirEnd)
 {
-    for (const std::string name : { "docx-plain.docx", "pdf-updated.pdf", "mp4-moov-last.mp4" }) {
+    const struct {
+        std::string name;
+        std::size_t cut; ///< in sectors: behind all that is needed of the head
+    } rows[] = { { "docx-plain.docx", 1 }, { "pdf-updated.pdf", 1 }, { "mp4-moov-last.mp4", 1 },
+        { "avi-mjpeg.avi", 12 }, { "mkv-plain.mkv", 4 } };
+    for (const auto& [name, cut] : rows) {
         const std::vector<Bytes> files { sample(name) };
-        const auto image = imageOf({ { first, 0, 1 }, noise, { first, 1 } }, files);
+        const auto image = imageOf({ { first, 0, cut }, noise, { first, cut } }, files);
         const auto found = find(carvedOf(image, true), files[0]);
         ASSERT_TRUE(found) << name;
         EXPECT_TRUE(found->note.starts_with("Samlet af 2 stykker")) << name << found->note;
