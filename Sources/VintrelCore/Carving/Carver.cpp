@@ -89,6 +89,7 @@ constexpr HeadKind headKinds[] = {
     { 0, "RIFF", "AVI ", "avi" },
     { 0, "RIFF", "WAVE", "wav" },
     { 0, "\x1A\x45\xDF\xA3", "", "mkv" },
+    { 0, "OggS", "", "ogg" },
     { 0, "%PDF-", "", "pdf" },
     { 0, "SQLite f", "", "sqlite" },
     { 0, "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1", "", "doc" },

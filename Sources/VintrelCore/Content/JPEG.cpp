@@ -1,6 +1,7 @@
 #include "VintrelCore/Content/Formats.h"
 #include "VintrelCore/Content/JPEGBits.h"
 #include "VintrelCore/Content/JPEGFrame.h"
+#include "VintrelCore/Content/JPEGRefinement.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,7 +18,8 @@ constexpr std::uint32_t mostComponents = 4;
 
 /// Follows the segments of a picture, and every code of its scans. Of the values only those of the
 /// means of blocks (DC) are kept, for one row of the picture: wrong ones leave the range that eight
-/// bits a sample allow, or show as a step between rows.
+/// bits a sample allow, or show as a step between rows. Of a progressive picture it is also kept
+/// which coefficients are not zero.
 class JPEGChecker final : public Checker {
 public:
     JPEGChecker() = default;
@@ -47,6 +49,7 @@ private:
     BitState decodeBlock(ByteReader& bytes, const ScanComponent& component);
     BitState decodeDC(ByteReader& bytes, const ScanComponent& component);
     BitState decodeAC(ByteReader& bytes, const ScanComponent& component);
+    BitState decodeMoreAC(ByteReader& bytes, const ScanComponent& component);
     void compareWithRowAbove();
 
     /// What decoding a unit changes, to go back to where the bytes run out inside it.
@@ -70,6 +73,7 @@ private:
     std::vector<std::int16_t> rowAbove_;
     std::array<std::int16_t, mostComponents> lowestMeans_ {}; ///< of the unit's lowest blocks
     std::array<std::int16_t, mostComponents> topMeans_ {};
+    std::array<CoefficientMap, mostComponents> coefficients_; ///< of a progressive picture
 };
 
 void JPEGChecker::advance(FileBytes& file)
@@ -161,7 +165,10 @@ JPEGChecker::Step JPEGChecker::beginScan(ByteView segment)
         scanned_ |= bit;
     }
     finding_.firm = position_;
-    scan_ = std::make_shared<const Scan>(*scan);
+    auto known = std::make_shared<Scan>(*scan);
+    if (scan->kind == ScanKind::moreAC && scan->units > CoefficientMap::mostBlocks)
+        known->kind = ScanKind::skipped;
+    scan_ = std::move(known);
     coding_ = {};
     coding_.bits.moveTo(position_);
     unit_ = 0;
@@ -194,7 +201,7 @@ JPEGChecker::Step JPEGChecker::readScan(ByteReader& bytes)
     return endScan(bytes);
 }
 
-/// What a scan corrects in others is not decoded: it ends at the next marker.
+/// A scan of which too much would have to be remembered ends at the next marker.
 JPEGChecker::Step JPEGChecker::skipScan(ByteReader& bytes)
 {
     auto& bits = coding_.bits;
@@ -276,6 +283,8 @@ BitState JPEGChecker::decodeBlock(ByteReader& bytes, const ScanComponent& compon
 {
     if (scan_->kind == ScanKind::moreDC)
         return coding_.bits.take(bytes, 1).state;
+    if (scan_->kind == ScanKind::moreAC)
+        return decodeMoreAC(bytes, component);
     if (scan_->firstCoefficient == 0)
         if (const auto state = decodeDC(bytes, component); state != BitState::good)
             return state;
@@ -311,6 +320,8 @@ BitState JPEGChecker::decodeAC(ByteReader& bytes, const ScanComponent& component
         return BitState::good;
     }
     const bool hasRunsOfBlocks = scan_->kind == ScanKind::firstAC;
+    const bool isRemembered = hasRunsOfBlocks && unit_ < CoefficientMap::mostBlocks;
+    auto& map = coefficients_[component.index];
     for (int at = std::max<int>(scan_->firstCoefficient, 1); at <= scan_->lastCoefficient; ++at) {
         const auto symbol = coding_.bits.symbol(bytes, *component.ac);
         if (symbol.state != BitState::good)
@@ -329,8 +340,23 @@ BitState JPEGChecker::decodeAC(ByteReader& bytes, const ScanComponent& component
             return BitState::wrong;
         if (const auto value = coding_.bits.take(bytes, size); value.state != BitState::good)
             return value.state;
+        if (isRemembered && size != 0)
+            map.set(unit_, map.at(unit_) | std::uint64_t { 1 } << at);
     }
     return BitState::good;
+}
+
+BitState JPEGChecker::decodeMoreAC(ByteReader& bytes, const ScanComponent& component)
+{
+    auto& map = coefficients_[component.index];
+    auto block = map.at(unit_);
+    Refinement refinement(coding_.bits, bytes, block);
+    const auto state = refinement.decode(
+        *component.ac, scan_->firstCoefficient, scan_->lastCoefficient, coding_.blocksToSkip);
+    // A block that is read again when more bytes are there begins with what was known before it.
+    if (state == BitState::good)
+        map.set(unit_, block);
+    return state;
 }
 
 /// A step between a block and the one above it is small in most of a picture. Where a wrong piece

@@ -164,14 +164,14 @@ std::optional<ScanKind> kindOf(const Scan& scan, std::uint8_t earlierShift, cons
                                          : std::optional(ScanKind::moreDC);
     if (scan.components.size() != 1)
         return std::nullopt;
-    return earlierShift == 0 ? ScanKind::firstAC : ScanKind::skipped;
+    return earlierShift == 0 ? ScanKind::firstAC : ScanKind::moreAC;
 }
 
 bool hasTables(const Scan& scan)
 {
     return std::ranges::all_of(scan.components, [&](const ScanComponent& component) {
         const bool needsDC = scan.kind == ScanKind::wholeBlocks || scan.kind == ScanKind::firstDC;
-        const bool needsAC = scan.kind == ScanKind::wholeBlocks || scan.kind == ScanKind::firstAC;
+        const bool needsAC = scan.kind != ScanKind::firstDC && scan.kind != ScanKind::moreDC;
         return (!needsDC || component.dc) && (!needsAC || component.ac);
     });
 }

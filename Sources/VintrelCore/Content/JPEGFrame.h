@@ -105,7 +105,8 @@ enum class ScanKind : std::uint8_t {
     firstDC,
     moreDC,
     firstAC,
-    skipped, ///< corrects what earlier scans gave, and cannot be followed without all of that
+    moreAC,  ///< a bit for each coefficient that is not zero, so that those have to be known
+    skipped, ///< corrects more than is remembered
 };
 
 struct ScanComponent {

@@ -49,6 +49,7 @@ protected:
         finding_.length = length;
         finding_.proof = proof;
     }
+    void missBeginning() { finding_.lacksBeginning = true; }
     void setRoughness(double roughness, double usual)
     {
         finding_.roughness = roughness;

@@ -1,15 +1,17 @@
 #include "VintrelCore/Fragments/Anchors.h"
 
+#include "VintrelCore/Content/Reading.h"
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <optional>
 
 // PKWARE "APPNOTE.TXT - .ZIP File Format Specification" 6.3; ISO 32000-1, file structure;
-// ISO/IEC 14496-12, boxes.
+// ISO/IEC 14496-12, boxes; Microsoft "AVI RIFF File Reference"; RFC 9559, Matroska: SeekHead.
 
 namespace Fragments {
 
@@ -135,7 +137,7 @@ std::optional<std::uint64_t> shiftByMovie(
     file.growToEnd();
     std::uint64_t position = 0;
     for (int count = 0; count < mostBoxes && position + 16 <= file.size(); ++count) {
-        const auto bytes = bytesAt(cache, pieces.front().start + position, 16);
+        const auto bytes = Content::bytesAt(file, position, 16);
         const ByteView header(bytes);
         const std::uint64_t length = header.u32be(0) == 1 ? header.u64be(8) : header.u32be(0);
         if (length < 8 || length > UINT64_MAX / 4)
@@ -147,9 +149,52 @@ std::optional<std::uint64_t> shiftByMovie(
     return std::nullopt;
 }
 
+/// By the index behind the list of pictures and sound, whose length its head tells.
+std::optional<std::uint64_t> shiftByFilmIndex(
+    const std::vector<ByteRange>& pieces, std::uint64_t index, BlockCache& cache)
+{
+    constexpr int mostChunks = 64;
+    constexpr std::uint64_t headerSize = 8, riffHeaderSize = 12;
+    PiecedBytes file(cache, pieces);
+    file.growToEnd();
+    std::uint64_t position = riffHeaderSize;
+    for (int count = 0; count < mostChunks; ++count) {
+        const auto size = Content::load<LE32>(file, position + 4);
+        if (!size)
+            break;
+        const auto next = position + headerSize + *size + (*size & 1);
+        if (Content::isAt(file, position, "LIST") && Content::isAt(file, position + 8, "movi"))
+            return index - next;
+        position = next;
+    }
+    return std::nullopt;
+}
+
+/// By the list of places in the head of a Matroska file, which names that of the cues.
+std::optional<std::uint64_t> shiftByCues(std::uint64_t cues, ByteView head)
+{
+    constexpr std::array<std::uint8_t, 4> segment { 0x18, 0x53, 0x80, 0x67 };
+    constexpr std::array<std::uint8_t, 9> seekCues { 0x53, 0xAB, 0x84, 0x1C, 0x53, 0xBB, 0x6B, 0x53,
+        0xAC }; // the identifier of the cues, and that of a position
+    const auto begin = head.firstIndex(segment, 0);
+    const auto seek = head.firstIndex(seekCues, 0);
+    if (!begin || !seek)
+        return std::nullopt;
+    const auto sizeAt = *begin + static_cast<std::int64_t>(segment.size());
+    const auto start = sizeAt + std::countl_zero(head.u8(sizeAt)) + 1;
+    const auto lengthAt = *seek + static_cast<std::int64_t>(seekCues.size());
+    const int length = head.u8(lengthAt) & 0x7F;
+    if (length == 0 || length > 8)
+        return std::nullopt;
+    const auto position = head.u64be(lengthAt + 1) >> (64 - 8 * length);
+    return cues - position - static_cast<std::uint64_t>(start);
+}
+
 constexpr std::array<std::uint8_t, 4> zipMark { 'P', 'K', 5, 6 };
 constexpr std::array<std::uint8_t, 9> pdfMark { 's', 't', 'a', 'r', 't', 'x', 'r', 'e', 'f' };
 constexpr std::array<std::uint8_t, 4> movieMark { 'm', 'o', 'o', 'v' };
+constexpr std::array<std::uint8_t, 4> indexMark { 'i', 'd', 'x', '1' };
+constexpr std::array<std::uint8_t, 4> cuesMark { 0x1C, 0x53, 0xBB, 0x6B };
 
 struct Mark {
     Anchor::Kind kind;
@@ -161,6 +206,8 @@ constexpr Mark marks[] = {
     { Anchor::Kind::zipEnd, zipMark, 0 },
     { Anchor::Kind::pdfEnd, pdfMark, 0 },
     { Anchor::Kind::moov, movieMark, 4 },
+    { Anchor::Kind::filmIndex, indexMark, 0 },
+    { Anchor::Kind::cues, cuesMark, 0 },
 };
 
 bool isWanted(Anchor::Kind kind, std::string_view extension)
@@ -172,8 +219,30 @@ bool isWanted(Anchor::Kind kind, std::string_view extension)
         return extension == "pdf";
     case Anchor::Kind::moov:
         return isISOMedia(extension);
+    case Anchor::Kind::filmIndex:
+        return extension == "avi";
+    case Anchor::Kind::cues:
+        return extension == "mkv" || extension == "webm";
     }
     return false;
+}
+
+std::optional<std::uint64_t> shiftBy(
+    const Anchor& anchor, const std::vector<ByteRange>& pieces, ByteView head, BlockCache& cache)
+{
+    switch (anchor.kind) {
+    case Anchor::Kind::zipEnd:
+        return shiftByZIPEnd(cache, anchor.offset, head);
+    case Anchor::Kind::pdfEnd:
+        return shiftByPDFEnd(cache, anchor.offset);
+    case Anchor::Kind::moov:
+        return shiftByMovie(pieces, anchor.offset, cache);
+    case Anchor::Kind::filmIndex:
+        return shiftByFilmIndex(pieces, anchor.offset, cache);
+    case Anchor::Kind::cues:
+        return shiftByCues(anchor.offset, head);
+    }
+    return std::nullopt;
 }
 
 } // namespace
@@ -220,10 +289,7 @@ std::vector<std::uint64_t> shiftsFor(std::string_view extension,
     for (const auto& anchor : anchors) {
         if (!isWanted(anchor.kind, extension) || shifts.size() >= mostShifts)
             continue;
-        const auto shift = anchor.kind == Anchor::Kind::zipEnd
-            ? shiftByZIPEnd(cache, anchor.offset, head)
-            : anchor.kind == Anchor::Kind::pdfEnd ? shiftByPDFEnd(cache, anchor.offset)
-                                                  : shiftByMovie(pieces, anchor.offset, cache);
+        const auto shift = shiftBy(anchor, pieces, head, cache);
         if (shift && *shift != pieces.front().start)
             shifts.push_back(*shift);
     }

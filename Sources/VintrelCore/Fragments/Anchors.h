@@ -15,7 +15,7 @@ namespace Fragments {
 
 /// A structure near the end of a file that says where in its file it lies.
 struct Anchor {
-    enum class Kind : std::uint8_t { zipEnd, pdfEnd, moov };
+    enum class Kind : std::uint8_t { zipEnd, pdfEnd, moov, filmIndex, cues };
 
     Kind kind {};
     std::uint64_t offset = 0; ///< of its mark, in bytes on the source

@@ -2,9 +2,11 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Fragments/Kinds.h"
+#include "VintrelCore/Fragments/Remnants.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 namespace Fragments {
@@ -45,6 +47,7 @@ void SecondLook::run(std::vector<CarvedFile>& finds, std::span<const BrokenHead>
             searchAll(pieces, isLast ? whole : whole / firstShare, isLast);
         }
     settleDoubtful();
+    addRemnants(finds);
 
     // What a proved file holds inside itself is no file of its own.
     RangeSet held;
@@ -84,6 +87,9 @@ void SecondLook::checkFind(CarvedFile& find)
         jobs_.push_back(std::move(job));
         return;
     }
+    // Sound that refers to what came before it, and whose length nothing confirms, is the rest of a
+    // file whose first part lies elsewhere.
+    find.isContradicted = finding.lacksBeginning && finding.proof == Content::Proof::none;
     const ByteRange whole { find.offset, find.offset + std::max(find.size, *finding.length) };
     if (holdsOthers(find.ext))
         space_.hold(whole);
@@ -104,7 +110,8 @@ void SecondLook::checkHead(const BrokenHead& head)
     Assembly assembly;
     assembly.pieces = { search.pieceFrom(head.offset) };
     const auto finding = search.follow(assembly.pieces);
-    if (finding.checked < leastFirm || finding.isComplete())
+    const bool isWhole = finding.isComplete() && finding.proof != Content::Proof::none;
+    if (finding.checked < leastFirm || isWhole)
         return;
     job.levels[1].assemblies.push_back(std::move(assembly));
     jobs_.push_back(std::move(job));
@@ -288,6 +295,30 @@ void SecondLook::settleDoubtful()
         const bool isChained = best->proof == Content::Proof::chain && solutions.size() == 1
             && !best->isDoubtful && !wasCutShort;
         settle(job, Solution(*best), isChained ? Joins::chained : Joins::uncertain);
+    }
+}
+
+/// Shows of what is lost as much as there is, where no find has the same head.
+void SecondLook::addRemnants(std::span<const CarvedFile> finds)
+{
+    std::set<std::uint64_t> beginnings;
+    for (const auto& find : finds)
+        beginnings.insert(find.offset);
+    for (const auto& job : jobs_)
+        beginnings.insert(job.offset);
+    for (const auto& job : jobs_) {
+        if (job.isSolved || isCancelled(progress_) || all_.isSpent()
+            || space_.isHeld(job.offset, holdsOthers(job.extension)))
+            continue;
+        auto piece = gapSearch(job).pieceFrom(job.offset);
+        if (const auto next = beginnings.upper_bound(job.offset); next != beginnings.end())
+            piece.end = std::min(piece.end, *next);
+        all_.take(piece.end - piece.start);
+        if (job.find == nullptr)
+            std::ranges::move(
+                remnantsOf(job.extension, piece, cache_), std::back_inserter(solved_));
+        if (job.extension == "jpg")
+            std::ranges::move(thumbnailsOf(piece, cache_), std::back_inserter(solved_));
     }
 }
 

@@ -59,6 +59,7 @@ private:
     bool settleIfProved(Job& job);
     void settle(Job& job, const Solution& solution, Joins joins);
     void settleDoubtful();
+    void addRemnants(std::span<const CarvedFile> finds);
     static const Solution* provedOf(const Job& job);
     static std::vector<const Solution*> solutionsOf(const Job& job);
     GapSearch gapSearch(const Job& job)

@@ -15,6 +15,14 @@ enum class Joins : std::uint8_t {
     uncertain, ///< others would have done as well
 };
 
+/// Why a find is less than a whole file.
+enum class Remnant : std::uint8_t {
+    none,
+    brokenOff, ///< the content goes on elsewhere, and nobody knows where
+    unclosed,  ///< a recording without what is written when it stops
+    thumbnail, ///< the small picture in the head of a lost photo
+};
+
 /// A file that was found by its content alone.
 struct CarvedFile {
     std::uint64_t offset = 0; ///< of its first byte, in bytes on the source
@@ -34,6 +42,7 @@ struct CarvedFile {
     /// On the source, in the order of the file; empty for a file in one piece.
     std::vector<ByteRange> pieces = {};
     Joins joins = Joins::proved; ///< between the pieces
+    Remnant remnant = Remnant::none;
 
     bool operator==(const CarvedFile&) const = default;
 };

@@ -24,11 +24,26 @@ std::string nameOf(const CarvedFile& file)
 
 Recoverability chanceOf(const CarvedFile& file)
 {
-    if (!file.exact || file.joins == Joins::uncertain)
+    if (!file.exact || file.joins == Joins::uncertain || file.remnant != Remnant::none)
         return Recoverability::unknown;
     const bool isPartlyWrong = file.isInterrupted || file.isContradicted;
     return isPartlyWrong || file.joins == Joins::chained ? Recoverability::partial
                                                          : Recoverability::good;
+}
+
+const char* noteOn(Remnant remnant)
+{
+    switch (remnant) {
+    case Remnant::none:
+        break;
+    case Remnant::brokenOff:
+        return "Kun begyndelsen er fundet; resten af filen mangler";
+    case Remnant::unclosed:
+        return "Optagelsen blev ikke afsluttet, eller dens slutning mangler";
+    case Remnant::thumbnail:
+        return "Miniaturebillede fra et foto, der er gået tabt";
+    }
+    return nullptr;
 }
 
 ExtentList extentsOf(const CarvedFile& file)
@@ -48,6 +63,8 @@ void addNotes(FileNode& node, const CarvedFile& file)
         const auto pieces = "Samlet af " + std::to_string(file.pieces.size()) + " stykker";
         node.addNote(file.joins == Joins::uncertain ? pieces + "; overgangen er usikker" : pieces);
     }
+    if (const auto* const note = noteOn(file.remnant))
+        node.addNote(note);
     if (!file.exact)
         node.addNote("Størrelsen er anslået");
     if (file.captured)

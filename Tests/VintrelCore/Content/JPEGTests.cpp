@@ -109,3 +109,18 @@ TEST(JPEGContent, MissesARestartThatWasLeftOut)
     EXPECT_LE(finding.firm, cut);
     EXPECT_LE(*finding.brokenAt, cut + 16);
 }
+
+TEST(JPEGContent, FollowsTheScansThatRefineAProgressivePicture)
+{
+    constexpr std::ptrdiff_t firstData = 610; // of the last scan
+    constexpr std::size_t tries = 40;
+    std::size_t broken = 0;
+    for (std::uint32_t seed = 1; seed <= tries; ++seed) {
+        auto bytes = sample("jpeg-progressive.jpg");
+        auto foreign = patternBytes(bytes.size() - firstData - 2, seed);
+        std::ranges::replace(foreign, std::uint8_t { 0xFF }, std::uint8_t { 0 });
+        std::ranges::copy(foreign, bytes.begin() + firstData);
+        broken += follow(bytes, 512).isBroken() ? 1 : 0;
+    }
+    EXPECT_GT(broken, tries * 9 / 10);
+}

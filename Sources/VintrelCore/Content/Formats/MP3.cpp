@@ -148,6 +148,8 @@ private:
         const auto room = frame.length - std::min(frame.length, front + side.length);
         const auto available = side.begin + room;
         // What was cut out of a longer recording begins with a reference to what is missing.
+        if (!kind_ && side.begin > 0)
+            missBeginning();
         const bool isSound = side.isSound && (side.begin <= reservoir_ || !kind_)
             && (side.used <= available || !kind_);
         reservoir_ = side.used <= available ? available - side.used : 0;
