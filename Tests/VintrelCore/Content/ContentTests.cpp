@@ -185,7 +185,7 @@ TEST(Content, FollowsWholeFilesToTheirEnd)
         Finding expected;
         expected.length = sample.bytes.size();
         expected.proof = exception == exceptions.end() ? Proof::checksum : exception->second;
-        for (const std::size_t slice : { 512, 4'096, 65'536 })
+        for (const std::size_t slice : { 512u, 4'096u, 65'536u })
             EXPECT_EQ(describe(follow(sample.extension(), sample.bytes, slice)), describe(expected))
                 << sample.name << " in slices of " << slice;
         const auto cut = part(sample.bytes, 0, sample.bytes.size() - 8);
