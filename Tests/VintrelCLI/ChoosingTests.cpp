@@ -1,4 +1,5 @@
 #include "Tests/VintrelCLI/Card.h"
+#include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Foundation/Wildcard.h"
 
 #include <filesystem>
@@ -57,17 +58,19 @@ TEST(Wildcard, MatchesNamesPathsAndWhatLiesBelowFolders)
 TEST_F(Card, GivesOnlyWhatIsChosen)
 {
     using Names = std::set<std::string>;
-    const std::string summer = "Sommer ved søen.jpg", report = "Gendannelsesrapport.csv",
-                      escape = "_[2J_gpj.exe";
+    const std::string summer = "Sommer ved søen.jpg", report = "Gendannelsesrapport.csv";
+    std::string hostile = "\x1B[2J"; // of the card; it turns the writing direction
+    Unicode::append(hostile, 0x202E);
+    hostile += "gpj.exe";
     const struct {
         std::vector<std::string> options;
         Names names;
     } rows[] = {
         { { "--only", "*.JPG" }, { "IMG_0002.JPG", "IMG_0010.JPG", summer } },
         { { "--only", "/dcim/img*", "--only", "*.exe" },
-            { "IMG_0002.JPG", "IMG_0010.JPG", "\x1B[2J\u202Egpj.exe" } },
+            { "IMG_0002.JPG", "IMG_0010.JPG", hostile } },
         { { "--only", "*.jpg", "--deleted" }, { summer } },
-        { { "--type", "TXT, .exe" }, { "KNAEKKET.TXT", "\x1B[2J\u202Egpj.exe" } },
+        { { "--type", "TXT, .exe" }, { "KNAEKKET.TXT", hostile } },
         { { "--type", "billeder", "--chance", "GOD", "--only", "*2.jpg" }, { "IMG_0002.JPG" } },
         { { "--chance", "ringe,ukendt" }, { "KNAEKKET.TXT" } },
         { { "--volume", "1", "--only", "*10*" }, { "IMG_0010.JPG" } },
