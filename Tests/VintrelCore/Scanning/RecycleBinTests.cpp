@@ -72,7 +72,7 @@ TEST(RecycleBin, TellsWhereAFileLayBefore)
             "C:\\Billeder\\Sø.jpg" },
         { u"$IABC123.jpg", index(2, u"C:\\Billeder\\Sø.JPG"), u"$RABC123.jpg",
             "C:\\Billeder\\Sø.JPG" },
-        { u"_IABC123.JPG", index(2, uR"(\\server\a.jpg)"), u"_RABC123.JPG", "\\\\server\\a.jpg" },
+        { u"_IABC123.JPG", index(2, u"\\\\server\\a.jpg"), u"_RABC123.JPG", R"(\\server\a.jpg)" },
         { u"$IABC123", index(2, u"D:\\v1.2\\fil"), u"$RABC123", "D:\\v1.2\\fil" },
         { u"$IABC123.jpg", index(3, u"C:\\a.jpg"), u"$RABC123.jpg", "" },
         { u"$IABC123.jpg", index(2, u"C:\\a.jpg", 0), u"$RABC123.jpg", "" },
