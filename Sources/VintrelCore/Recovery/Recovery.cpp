@@ -263,10 +263,14 @@ private:
             return;
         ++result_.listed;
         result_.bytes += node.size;
-        std::string path = sanitize(node.name);
+        std::vector<const FileNode*> folders; // the innermost first
         const auto* folder = options_.keepFolderStructure ? node.parent() : nullptr;
         for (; folder != nullptr && folder->parent() != nullptr; folder = folder->parent())
-            path.insert(0, sanitize(folder->name) + "/");
+            folders.push_back(folder);
+        std::string path;
+        for (auto above = folders.rbegin(); above != folders.rend(); ++above)
+            path.append(sanitize((*above)->name)).append("/");
+        path += sanitize(node.name);
         tell({ .node = node, .isCopied = false, .path = std::move(path) });
     }
 
