@@ -3,12 +3,15 @@
 #include "VintrelCore/Content/Reading.h"
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/Foundation/Text.h"
+#include "VintrelCore/Fragments/Kinds.h"
+#include "VintrelCore/Fragments/TableAnchors.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <optional>
+#include <set>
 
 // PKWARE "APPNOTE.TXT - .ZIP File Format Specification" 6.3; ISO 32000-1, file structure;
 // ISO/IEC 14496-12, boxes; Microsoft "AVI RIFF File Reference"; RFC 9559, Matroska: SeekHead.
@@ -33,19 +36,6 @@ Bytes bytesAt(BlockCache& cache, std::uint64_t offset, std::size_t count)
         bytes.insert(bytes.end(), taken.begin(), taken.end());
     }
     return bytes;
-}
-
-bool isZIP(std::string_view extension)
-{
-    constexpr std::string_view kinds[]
-        = { "zip", "docx", "xlsx", "pptx", "odt", "ods", "odp", "epub", "jar" };
-    return std::ranges::find(kinds, extension) != std::end(kinds);
-}
-
-bool isISOMedia(std::string_view extension)
-{
-    constexpr std::string_view kinds[] = { "mp4", "mov", "m4a", "m4v", "3gp" };
-    return std::ranges::find(kinds, extension) != std::end(kinds);
 }
 
 /// By the end record: the archive's first entry bears the name that its head has.
@@ -195,6 +185,15 @@ constexpr std::array<std::uint8_t, 9> pdfMark { 's', 't', 'a', 'r', 't', 'x', 'r
 constexpr std::array<std::uint8_t, 4> movieMark { 'm', 'o', 'o', 'v' };
 constexpr std::array<std::uint8_t, 4> indexMark { 'i', 'd', 'x', '1' };
 constexpr std::array<std::uint8_t, 4> cuesMark { 0x1C, 0x53, 0xBB, 0x6B };
+constexpr std::array<std::uint8_t, 20> rootMark { 'R', 0, 'o', 0, 'o', 0, 't', 0, ' ', 0, 'E', 0,
+    'n', 0, 't', 0, 'r', 0, 'y', 0 };
+// The first entry of a TIFF directory is the picture's width, or the kind of picture in front of it.
+constexpr std::array<std::uint8_t, 8> kindMark { 0xFE, 0, 4, 0, 1, 0, 0, 0 };
+constexpr std::array<std::uint8_t, 8> shortWidthMark { 0, 1, 3, 0, 1, 0, 0, 0 };
+constexpr std::array<std::uint8_t, 8> longWidthMark { 0, 1, 4, 0, 1, 0, 0, 0 };
+constexpr std::array<std::uint8_t, 8> bigKindMark { 0, 0xFE, 0, 4, 0, 0, 0, 1 };
+constexpr std::array<std::uint8_t, 8> bigShortWidthMark { 1, 0, 0, 3, 0, 0, 0, 1 };
+constexpr std::array<std::uint8_t, 8> bigLongWidthMark { 1, 0, 0, 4, 0, 0, 0, 1 };
 
 struct Mark {
     Anchor::Kind kind;
@@ -208,23 +207,36 @@ constexpr Mark marks[] = {
     { Anchor::Kind::moov, movieMark, 4 },
     { Anchor::Kind::filmIndex, indexMark, 0 },
     { Anchor::Kind::cues, cuesMark, 0 },
+    { Anchor::Kind::rootEntry, rootMark, 0 },
+    { Anchor::Kind::directory, kindMark, 2 },
+    { Anchor::Kind::directory, shortWidthMark, 2 },
+    { Anchor::Kind::directory, longWidthMark, 2 },
+    { Anchor::Kind::directory, bigKindMark, 2 },
+    { Anchor::Kind::directory, bigShortWidthMark, 2 },
+    { Anchor::Kind::directory, bigLongWidthMark, 2 },
 };
 
-bool isWanted(Anchor::Kind kind, std::string_view extension)
+/// The files that have such a structure.
+Family familyWith(Anchor::Kind kind)
 {
     switch (kind) {
     case Anchor::Kind::zipEnd:
-        return isZIP(extension);
+        return Family::zip;
     case Anchor::Kind::pdfEnd:
-        return extension == "pdf";
+        return Family::pdf;
     case Anchor::Kind::moov:
-        return isISOMedia(extension);
+        return Family::isoMedia;
     case Anchor::Kind::filmIndex:
-        return extension == "avi";
+        return Family::avi;
     case Anchor::Kind::cues:
-        return extension == "mkv" || extension == "webm";
+        return Family::matroska;
+    case Anchor::Kind::sectorTable:
+    case Anchor::Kind::rootEntry:
+        return Family::compound;
+    case Anchor::Kind::directory:
+        return Family::tiff;
     }
-    return false;
+    return Family::other;
 }
 
 std::optional<std::uint64_t> shiftBy(
@@ -241,6 +253,12 @@ std::optional<std::uint64_t> shiftBy(
         return shiftByFilmIndex(pieces, anchor.offset, cache);
     case Anchor::Kind::cues:
         return shiftByCues(anchor.offset, head);
+    case Anchor::Kind::sectorTable:
+        return shiftBySectorTable(cache, anchor.offset, head);
+    case Anchor::Kind::rootEntry:
+        return shiftByRootEntry(anchor.offset, head);
+    case Anchor::Kind::directory:
+        return shiftByDirectory(cache, anchor.offset, head);
     }
     return std::nullopt;
 }
@@ -250,33 +268,43 @@ std::optional<std::uint64_t> shiftBy(
 std::vector<Anchor> findAnchors(BlockCache& cache, const Space& space,
     std::span<const std::string_view> extensions, const WorkProgress* progress)
 {
-    constexpr std::size_t overlap = 16;
+    constexpr std::size_t overlap = 32;
+    constexpr std::int64_t sectorSize = 512;
     std::vector<Anchor> anchors;
+    std::set<Family> families;
+    for (const auto extension : extensions)
+        families.insert(familyOf(extension));
     std::vector<Mark> wanted;
-    std::ranges::copy_if(marks, std::back_inserter(wanted), [&](const Mark& mark) {
-        return std::ranges::any_of(
-            extensions, [&](std::string_view extension) { return isWanted(mark.kind, extension); });
-    });
+    std::ranges::copy_if(marks, std::back_inserter(wanted),
+        [&](const Mark& mark) { return families.contains(familyWith(mark.kind)); });
+    const bool areTablesWanted = families.contains(Family::compound);
+    const auto add = [&](Anchor::Kind kind, std::uint64_t place) {
+        if (!space.isHeld(place, true))
+            anchors.push_back({ kind, place });
+    };
     const auto size = cache.source().size();
     const auto most = std::max(mostRead, size / 4);
     std::uint64_t read = 0;
-    for (std::uint64_t position = 0; position < size && !wanted.empty() && read < most
-         && anchors.size() < mostAnchors && !isCancelled(progress);
+    for (std::uint64_t position = 0; position < size && (!wanted.empty() || areTablesWanted)
+         && read < most && anchors.size() < mostAnchors && !isCancelled(progress);
          position += BlockCache::blockSize) {
         position = std::max(position,
             cache.source().nextData(position) / BlockCache::blockSize * BlockCache::blockSize);
         if (space.isAllHeld({ position, position + BlockCache::blockSize }))
             continue;
         const auto bytes = bytesAt(cache, position, BlockCache::blockSize + overlap);
+        const ByteView block(bytes);
         read += bytes.size();
         for (const auto& mark : wanted)
-            for (auto at = ByteView(bytes).firstIndex(mark.bytes, 0);
+            for (auto at = block.firstIndex(mark.bytes, 0);
                  at && static_cast<std::uint64_t>(*at) < BlockCache::blockSize;
-                 at = ByteView(bytes).firstIndex(mark.bytes, *at + 1)) {
-                const auto place = position + static_cast<std::uint64_t>(*at);
-                if (place >= mark.before && !space.isHeld(place, true))
-                    anchors.push_back({ mark.kind, place - mark.before });
-            }
+                 at = block.firstIndex(mark.bytes, *at + 1))
+                if (const auto place = position + static_cast<std::uint64_t>(*at);
+                    place >= mark.before)
+                    add(mark.kind, place - mark.before);
+        for (std::int64_t at = 0; areTablesWanted && at < std::ssize(bytes); at += sectorSize)
+            if (mayBeSectorTable(block.sub(at, sectorSize)))
+                add(Anchor::Kind::sectorTable, position + static_cast<std::uint64_t>(at));
     }
     return anchors;
 }
@@ -285,9 +313,10 @@ std::vector<std::uint64_t> shiftsFor(std::string_view extension,
     const std::vector<ByteRange>& pieces, std::span<const Anchor> anchors, BlockCache& cache)
 {
     const auto head = bytesAt(cache, pieces.front().start, 1024);
+    const auto family = familyOf(extension);
     std::vector<std::uint64_t> shifts;
     for (const auto& anchor : anchors) {
-        if (!isWanted(anchor.kind, extension) || shifts.size() >= mostShifts)
+        if (familyWith(anchor.kind) != family || shifts.size() >= mostShifts)
             continue;
         const auto shift = shiftBy(anchor, pieces, head, cache);
         if (shift && *shift != pieces.front().start)

@@ -15,13 +15,22 @@ namespace Fragments {
 
 /// A structure near the end of a file that says where in its file it lies.
 struct Anchor {
-    enum class Kind : std::uint8_t { zipEnd, pdfEnd, moov, filmIndex, cues };
+    enum class Kind : std::uint8_t {
+        zipEnd,
+        pdfEnd,
+        moov,
+        filmIndex,
+        cues,
+        sectorTable, ///< of a compound file
+        rootEntry,   ///< the first one of a compound file's directory
+        directory,   ///< of a TIFF file
+    };
 
     Kind kind {};
     std::uint64_t offset = 0; ///< of its mark, in bytes on the source
 };
 
-/// The anchors in free space that files with these extensions may have, in ascending order. Stops
+/// The anchors in free space that files with these extensions may have. Stops
 /// early, with those found so far, when it was cancelled or has read as much as it may.
 std::vector<Anchor> findAnchors(BlockCache& cache, const Space& space,
     std::span<const std::string_view> extensions, const WorkProgress* progress);

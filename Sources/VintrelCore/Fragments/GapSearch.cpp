@@ -159,11 +159,16 @@ std::vector<GapSearch::Cut> GapSearch::cutsBetween(
     std::vector<Cut> cuts;
     if (position > highest)
         return cuts;
-    // What does not look like the file's own is none of it.
-    if (isCompressed_)
+    // What does not look like the file's own is none of it. One unit of zeros may be: an encoder
+    // writes them where nothing moves.
+    if (isCompressed_) {
+        const auto isForeign = [&](std::uint64_t at) {
+            return !looksCompressed(cache_.from(last.start + (at - before)));
+        };
         for (auto at = position; at < highest; at += grid.unit)
-            if (!looksCompressed(cache_.from(last.start + (at - before))))
+            if (isForeign(at) && isForeign(at + grid.unit))
                 highest = at;
+    }
     const auto count = (highest - position) / grid.unit + 1;
     if (count > mostCuts)
         position += (count - mostCuts) * grid.unit;

@@ -5,6 +5,52 @@
 
 namespace Fragments {
 
+namespace {
+
+struct FamilyRow {
+    std::string_view extension;
+    Family family;
+};
+constexpr FamilyRow families[] = {
+    { "zip", Family::zip },
+    { "docx", Family::zip },
+    { "xlsx", Family::zip },
+    { "pptx", Family::zip },
+    { "odt", Family::zip },
+    { "ods", Family::zip },
+    { "odp", Family::zip },
+    { "epub", Family::zip },
+    { "jar", Family::zip },
+    { "pdf", Family::pdf },
+    { "mp4", Family::isoMedia },
+    { "mov", Family::isoMedia },
+    { "m4a", Family::isoMedia },
+    { "m4v", Family::isoMedia },
+    { "3gp", Family::isoMedia },
+    { "avi", Family::avi },
+    { "mkv", Family::matroska },
+    { "webm", Family::matroska },
+    { "doc", Family::compound },
+    { "xls", Family::compound },
+    { "ppt", Family::compound },
+    { "msg", Family::compound },
+    { "tif", Family::tiff },
+    { "tiff", Family::tiff },
+    { "dng", Family::tiff },
+    { "nef", Family::tiff },
+    { "cr2", Family::tiff },
+    { "arw", Family::tiff },
+    { "pef", Family::tiff },
+};
+
+} // namespace
+
+Family familyOf(std::string_view extension)
+{
+    const auto* const row = std::ranges::find(families, extension, &FamilyRow::extension);
+    return row != std::end(families) ? row->family : Family::other;
+}
+
 bool holdsOthers(std::string_view extension)
 {
     constexpr std::string_view plain[] = { "jpg", "png", "gif", "bmp", "mp3" };
@@ -13,17 +59,17 @@ bool holdsOthers(std::string_view extension)
 
 bool isCompressed(std::string_view extension)
 {
-    constexpr std::string_view compressed[] = { "jpg", "png", "gif", "mp3", "mp4", "mov", "m4a",
-        "m4v", "3gp", "mkv", "webm", "ogg", "avi", "docx", "xlsx", "pptx", "odt", "ods", "odp",
-        "epub", "jar", "7z", "heic", "avif" };
-    return std::ranges::find(compressed, extension) != std::end(compressed);
+    constexpr std::string_view compressed[]
+        = { "jpg", "png", "gif", "mp3", "ogg", "7z", "heic", "avif" };
+    const auto family = familyOf(extension);
+    return (family == Family::zip && extension != "zip") || family == Family::isoMedia
+        || family == Family::matroska || family == Family::avi
+        || std::ranges::find(compressed, extension) != std::end(compressed);
 }
 
 bool hasChecksums(std::string_view extension)
 {
-    constexpr std::string_view checked[]
-        = { "png", "zip", "docx", "xlsx", "pptx", "odt", "ods", "odp", "epub", "jar" };
-    return std::ranges::find(checked, extension) != std::end(checked);
+    return extension == "png" || familyOf(extension) == Family::zip;
 }
 
 bool looksCompressed(ByteView unit)

@@ -2,9 +2,15 @@
 
 #include "VintrelCore/Foundation/Binary.h"
 
+#include <cstdint>
 #include <string_view>
 
 namespace Fragments {
+
+/// Kinds of file that are built alike.
+enum class Family : std::uint8_t { other, zip, pdf, isoMedia, avi, matroska, compound, tiff };
+
+Family familyOf(std::string_view extension);
 
 /// Whether files of this kind hold files of other kinds inside themselves, as a document does
 /// pictures.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <set>
+#include <tuple>
 #include <utility>
 
 namespace Fragments {
@@ -278,24 +279,51 @@ void SecondLook::settle(Job& job, const Solution& solution, Joins joins)
         solved_.push_back(std::move(file));
 }
 
-/// What is left over: the smoothest of the solutions, where no find has the same head.
+/// What is left over: the smoothest of the solutions, or the one whose joins are the likeliest.
 void SecondLook::settleDoubtful()
 {
-    for (auto& job : jobs_) {
-        const auto solutions = solutionsOf(job);
-        if (job.isSolved || solutions.empty())
-            continue;
-        // Where nothing tells how smooth the joins are, the longest file leaves the least out.
-        const auto* const best = *std::ranges::min_element(
-            solutions, [](const Solution* left, const Solution* right) {
-                return left->strain != right->strain ? left->strain < right->strain
-                                                     : sizeOf(left->pieces) > sizeOf(right->pieces);
-            });
-        const bool wasCutShort = std::ranges::any_of(job.levels, &Level::wasCutShort);
-        const bool isChained = best->proof == Content::Proof::chain && solutions.size() == 1
-            && !best->isDoubtful && !wasCutShort;
-        settle(job, Solution(*best), isChained ? Joins::chained : Joins::uncertain);
-    }
+    Seams seams(cache_, space_, beginnings_);
+    // The clearest first: what they have is not in question for the others.
+    for (const double lead : { 2.0, 1.0, 0.25, 0.0 })
+        for (auto& job : jobs_)
+            if (!job.isSolved)
+                settleLikeliest(job, seams, lead);
+}
+
+/// Where one solution is so much likelier than all others.
+void SecondLook::settleLikeliest(Job& job, Seams& seams, double lead)
+{
+    struct Rated {
+        const Solution* solution;
+        bool isTaken;
+        double likelihood;
+    };
+    const auto solutions = solutionsOf(job);
+    std::vector<Rated> rated;
+    rated.reserve(solutions.size());
+    for (const auto* solution : solutions)
+        rated.push_back({ solution, seams.isTaken(solution->pieces),
+            seams.likelihood(solution->pieces) });
+    // Where nothing tells how smooth the joins are, the longest file leaves the least out.
+    const auto rank = [](const Rated& one) {
+        return std::tuple(one.isTaken, one.solution->strain, ~sizeOf(one.solution->pieces));
+    };
+    std::ranges::stable_sort(rated, [&](const Rated& left, const Rated& right) {
+        return rank(left) != rank(right) ? rank(left) < rank(right)
+                                         : left.likelihood > right.likelihood;
+    });
+    if (rated.empty())
+        return;
+    const bool isClear = rated.size() == 1 || rank(rated[0]) != rank(rated[1])
+        || rated[0].likelihood - rated[1].likelihood >= lead;
+    if (!isClear)
+        return;
+    const auto best = *rated.front().solution;
+    const bool wasCutShort = std::ranges::any_of(job.levels, &Level::wasCutShort);
+    const bool isChained = best.proof == Content::Proof::chain && solutions.size() == 1
+        && !best.isDoubtful && !wasCutShort;
+    seams.take(best.pieces);
+    settle(job, best, isChained ? Joins::chained : Joins::uncertain);
 }
 
 /// Shows of what is lost as much as there is, where no find has the same head.

@@ -3,6 +3,7 @@
 #include "VintrelCore/Fragments/Anchors.h"
 #include "VintrelCore/Fragments/GapSearch.h"
 #include "VintrelCore/Fragments/PiecedBytes.h"
+#include "VintrelCore/Fragments/Seams.h"
 #include "VintrelCore/Fragments/Space.h"
 #include "VintrelCore/Model/CarvedFile.h"
 
@@ -59,6 +60,7 @@ private:
     bool settleIfProved(Job& job);
     void settle(Job& job, const Solution& solution, Joins joins);
     void settleDoubtful();
+    void settleLikeliest(Job& job, Seams& seams, double lead);
     void addRemnants(std::span<const CarvedFile> finds);
     static const Solution* provedOf(const Job& job);
     static std::vector<const Solution*> solutionsOf(const Job& job);
