@@ -50,6 +50,7 @@ protected:
         finding_.proof = proof;
     }
     void missBeginning() { finding_.lacksBeginning = true; }
+    void setPacked(bool isPacked) { finding_.isPacked = isPacked; }
     void setRoughness(double roughness, double usual)
     {
         finding_.roughness = roughness;

@@ -159,14 +159,14 @@ std::vector<GapSearch::Cut> GapSearch::cutsBetween(
     std::vector<Cut> cuts;
     if (position > highest)
         return cuts;
+    const auto looksForeign = [&](std::uint64_t at) {
+        return !looksCompressed(cache_.from(last.start + (at - before)));
+    };
     // What does not look like the file's own is none of it. One unit of zeros may be: an encoder
     // writes them where nothing moves.
     if (isCompressed_) {
-        const auto isForeign = [&](std::uint64_t at) {
-            return !looksCompressed(cache_.from(last.start + (at - before)));
-        };
         for (auto at = position; at < highest; at += grid.unit)
-            if (isForeign(at) && isForeign(at + grid.unit))
+            if (looksForeign(at) && looksForeign(at + grid.unit))
                 highest = at;
     }
     const auto count = (highest - position) / grid.unit + 1;
@@ -180,6 +180,9 @@ std::vector<GapSearch::Cut> GapSearch::cutsBetween(
         if (checker->finding().isBroken())
             break;
         cuts.push_back({ position, checker->copy() });
+        if (checker->finding().isPacked && looksForeign(position)
+            && looksForeign(position + grid.unit))
+            break;
     }
     return cuts;
 }
@@ -243,7 +246,8 @@ std::optional<GapSearch::Survivor> GapSearch::tryUnit(
     const Assembly& assembly, const Cut& cut, std::uint64_t unit, Budget& budget) const
 {
     auto pieces = joined(assembly, cut, unit);
-    if (pieces.empty() || pieces[pieces.size() - 2].end == unit)
+    if (pieces.empty() || pieces[pieces.size() - 2].end == unit
+        || (cut.checker->finding().isPacked && !looksCompressed(cache_.from(unit))))
         return std::nullopt;
     const auto size = space_.gridAt(unit).unit;
     PiecedBytes file(cache_, std::move(pieces));

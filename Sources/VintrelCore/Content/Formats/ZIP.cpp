@@ -103,6 +103,7 @@ private:
         inflater_.reset();
         if (isChecked_ && method_ == deflated)
             inflater_.emplace(Inflater::Wrapping::raw);
+        setPacked(inflater_.has_value());
         part_ = Part::data;
     }
 
@@ -154,7 +155,8 @@ private:
         const auto bytes = position() < end ? dataAt(file, end) : ByteView();
         std::array<std::uint8_t, readSize> unpacked;
         const auto progress = inflater_->unpack(bytes.span(), unpacked);
-        crc_.add(ByteView(std::span(unpacked).first(progress.produced)));
+        const ByteView content { std::span(unpacked).first(progress.produced) };
+        crc_.add(content);
         produced_ += progress.produced;
         moveTo(position() + progress.consumed);
         const bool isTooLong = !hasDescriptor_ && produced_ > entry_.size;
@@ -209,6 +211,7 @@ private:
     void finishEntry()
     {
         inflater_.reset();
+        setPacked(false);
         if (isChecked_) {
             coverage_.verify(dataStart_, position());
             ++entries_;
