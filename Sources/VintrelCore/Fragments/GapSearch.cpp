@@ -138,6 +138,38 @@ GapSearch::Result GapSearch::searchMapped(
     return result;
 }
 
+std::vector<Solution> GapSearch::slid(const Solution& solution, Budget& budget) const
+{
+    constexpr int mostSteps = 64;
+    std::vector<Solution> others;
+    for (std::size_t join = 1; join < solution.pieces.size(); ++join)
+        for (const bool isBack : { true, false }) {
+            auto pieces = solution.pieces;
+            for (int step = 0; step < mostSteps && !budget.isSpent(); ++step) {
+                auto& left = pieces[join - 1];
+                auto& right = pieces[join];
+                const auto unit = space_.gridAt(right.start).unit;
+                const auto& shrinking = isBack ? left : right;
+                const auto added = isBack ? right.start - std::min(right.start, unit) : left.end;
+                if (shrinking.end - shrinking.start <= unit || right.start < unit
+                    || space_.isHeld(added, isContainer_))
+                    break;
+                left.end = isBack ? left.end - unit : left.end + unit;
+                right.start = isBack ? right.start - unit : right.start + unit;
+                auto open = pieces;
+                open.back() = pieceFrom(open.back().start);
+                const auto finding = follow(open);
+                budget.take(finding.checked);
+                if (!finding.isComplete())
+                    break;
+                others.push_back(solution);
+                others.back().pieces = cutTo(std::move(open), *finding.length);
+                others.back().proof = finding.proof;
+            }
+        }
+    return others;
+}
+
 /// The places in the last piece between what is firm and the contradiction, in rising order.
 std::vector<GapSearch::Cut> GapSearch::cutsOf(const Assembly& assembly) const
 {

@@ -70,6 +70,9 @@ public:
     /// Tries one continuation for each cut: the byte `position` of the file lies at
     /// `position + shift` of the source, modulo 2^64.
     Result searchMapped(const Assembly& assembly, std::uint64_t shift, Budget& budget) const;
+    /// The same file with one of its joins moved by units, as far as the content does not
+    /// contradict it: what a search for the next piece did not see of the joins before it.
+    std::vector<Solution> slid(const Solution& solution, Budget& budget) const;
     /// A piece that begins at a unit and goes on as far as free space does.
     ByteRange pieceFrom(std::uint64_t offset) const;
 

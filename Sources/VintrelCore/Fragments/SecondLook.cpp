@@ -195,6 +195,7 @@ void SecondLook::search(Job& job, std::size_t pieces, std::uint64_t share, bool 
         std::ranges::move(result.unfinished, std::back_inserter(next));
     }
     all_.take(share - budget.left);
+    addSlid(job, level);
     std::ranges::stable_sort(next, std::ranges::greater {}, &Assembly::promise);
     if (next.size() > mostAssemblies) {
         next.resize(mostAssemblies);
@@ -204,6 +205,24 @@ void SecondLook::search(Job& job, std::size_t pieces, std::uint64_t share, bool 
     level.isDone = isLast || !level.wasCutShort;
     if (isLast && pieces < mostPieces)
         job.levels[pieces + 1].isDone = false;
+}
+
+/// Adds what differs from a solution only in where the pieces meet.
+void SecondLook::addSlid(const Job& job, Level& level)
+{
+    constexpr std::size_t mostSolutions = 8; // more are far from certain anyhow
+    if (level.solutions.size() > mostSolutions)
+        return;
+    std::vector<Solution> others;
+    for (const auto& solution : level.solutions) {
+        if (solution.proof == Content::Proof::checksum || solution.pieces.size() < 3)
+            continue;
+        const auto share = std::min(all_.left, budgetOfTwo);
+        Budget budget { share };
+        std::ranges::move(gapSearch(job).slid(solution, budget), std::back_inserter(others));
+        all_.take(share - budget.left);
+    }
+    std::ranges::move(others, std::back_inserter(level.solutions));
 }
 
 /// Whether the file's pieces are certain by now.
@@ -284,14 +303,19 @@ void SecondLook::settleDoubtful()
 {
     Seams seams(cache_, space_, beginnings_);
     // The clearest first: what they have is not in question for the others.
-    for (const double lead : { 2.0, 1.0, 0.25, 0.0 })
-        for (auto& job : jobs_)
-            if (!job.isSolved)
-                settleLikeliest(job, seams, lead);
+    constexpr int mostRounds = 8;
+    for (const double lead : { 2.0, 1.0, 0.25, 0.0 }) {
+        bool isProgress = true;
+        for (int round = 0; isProgress && round < mostRounds; ++round) {
+            isProgress = false;
+            for (auto& job : jobs_)
+                isProgress |= !job.isSolved && settleLikeliest(job, seams, lead);
+        }
+    }
 }
 
-/// Where one solution is so much likelier than all others.
-void SecondLook::settleLikeliest(Job& job, Seams& seams, double lead)
+/// Settles a file of which one solution is so much likelier than all others; false for another.
+bool SecondLook::settleLikeliest(Job& job, Seams& seams, double lead)
 {
     struct Rated {
         const Solution* solution;
@@ -313,17 +337,18 @@ void SecondLook::settleLikeliest(Job& job, Seams& seams, double lead)
                                          : left.likelihood > right.likelihood;
     });
     if (rated.empty())
-        return;
+        return false;
     const bool isClear = rated.size() == 1 || rank(rated[0]) != rank(rated[1])
         || rated[0].likelihood - rated[1].likelihood >= lead;
     if (!isClear)
-        return;
+        return false;
     const auto best = *rated.front().solution;
     const bool wasCutShort = std::ranges::any_of(job.levels, &Level::wasCutShort);
     const bool isChained = best.proof == Content::Proof::chain && solutions.size() == 1
         && !best.isDoubtful && !wasCutShort;
     seams.take(best.pieces);
     settle(job, best, isChained ? Joins::chained : Joins::uncertain);
+    return true;
 }
 
 /// Shows of what is lost as much as there is, where no find has the same head.

@@ -57,10 +57,11 @@ private:
     void findAnchors();
     bool searchMapped(Job& job, std::size_t pieces);
     void search(Job& job, std::size_t pieces, std::uint64_t share, bool isLast);
+    void addSlid(const Job& job, Level& level);
     bool settleIfProved(Job& job);
     void settle(Job& job, const Solution& solution, Joins joins);
     void settleDoubtful();
-    void settleLikeliest(Job& job, Seams& seams, double lead);
+    bool settleLikeliest(Job& job, Seams& seams, double lead);
     void addRemnants(std::span<const CarvedFile> finds);
     static const Solution* provedOf(const Job& job);
     static std::vector<const Solution*> solutionsOf(const Job& job);

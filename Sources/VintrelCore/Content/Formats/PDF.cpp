@@ -168,6 +168,7 @@ private:
         const auto start = place + (ByteView(lineEnd).matches("\r\n", 0) ? 2 : 1);
         stream_.emplace(opaqueSafe(file, setup, start), start);
         moveTo(start);
+        setPacked(setup.coding == PDFStreamSetup::Coding::flate);
         part_ = Part::stream;
         return true;
     }
@@ -194,6 +195,7 @@ private:
         if (holdsPlaces_)
             places_.addTold(dictionary_, stream_->places());
         stream_.reset();
+        setPacked(false);
         dictionary_.clear();
         part_ = Part::object;
         return true;
