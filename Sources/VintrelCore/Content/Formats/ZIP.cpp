@@ -1,6 +1,7 @@
 #include "VintrelCore/Content/Coverage.h"
 #include "VintrelCore/Content/Formats.h"
 #include "VintrelCore/Content/Formats/ZIPRecords.h"
+#include "VintrelCore/Content/Novelty.h"
 #include "VintrelCore/Content/Reading.h"
 #include "VintrelCore/Content/Walker.h"
 #include "VintrelCore/Foundation/Compression/Inflater.h"
@@ -103,6 +104,7 @@ private:
         inflater_.reset();
         if (isChecked_ && method_ == deflated)
             inflater_.emplace(Inflater::Wrapping::raw);
+        novelty_.begin();
         setPacked(inflater_.has_value());
         part_ = Part::data;
     }
@@ -157,6 +159,8 @@ private:
         const auto progress = inflater_->unpack(bytes.span(), unpacked);
         const ByteView content { std::span(unpacked).first(progress.produced) };
         crc_.add(content);
+        novelty_.add(content);
+        setRoughness(novelty_.recent(), novelty_.usual());
         produced_ += progress.produced;
         moveTo(position() + progress.consumed);
         const bool isTooLong = !hasDescriptor_ && produced_ > entry_.size;
@@ -310,6 +314,7 @@ private:
     std::uint64_t produced_ = 0;
     CRC32 crc_;
     std::optional<Inflater> inflater_;
+    Novelty novelty_; ///< of what was inflated
 
     std::uint64_t entries_ = 0, digests_ = 0;    ///< of the local headers
     std::uint64_t named_ = 0, namedDigests_ = 0; ///< of the central directory
