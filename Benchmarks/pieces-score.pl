@@ -1,6 +1,7 @@
 #!/usr/bin/perl
 # What came back of the files of a manifest: exact, near (same length, at most one sector in twenty differs), and what was
-# called God and is none of them.
+# called God and is none of them. Files of the manifest that are expected as "other" are right when they come back, and count
+# nowhere.
 #
 #   pieces-score.pl <tool> <manifest> <folder of files> <folder of what was recovered>
 use strict;
@@ -43,7 +44,7 @@ for my $path (sort @paths) {
     my $level = $chance{$path} // '-';
     my $found = $by_hash{ hash_of($path) };
     if ($found) {
-        $_->{exact} = 1, $levels{"exact $level"}++ for $found->[0];
+        $levels{"exact $level"}++ if $found->[0]{expect} ne 'other';
         $_->{exact} = 1 for @$found;
         next;
     }
@@ -52,6 +53,7 @@ for my $path (sort @paths) {
     if ($level eq 'God') { push @false, $path }
     $levels{"other $level"}++ unless $near;
 }
+@files = grep { $_->{expect} ne 'other' } @files;
 my @whole = grep { $_->{expect} eq 'whole' } @files;
 my $exact = grep { $_->{exact} } @files;
 my $near = grep { $_->{near} && !$_->{exact} } @files;
