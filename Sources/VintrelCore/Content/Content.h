@@ -27,6 +27,9 @@ public:
     /// At most `count` bytes from `position` on, at least one of them unless `position` lies at or
     /// past the end. Valid until the next call.
     virtual ByteView stretch(std::uint64_t position, std::size_t count) = 0;
+    /// The same file with an end that was found before anything led to it; what lies between cannot
+    /// be read there. Null where no end is known. Lives as long as this.
+    virtual FileBytes* withEnd() { return nullptr; }
 };
 
 /// By what a file shows that all of its bytes are its own, the weakest first.

@@ -330,4 +330,37 @@ std::vector<std::uint64_t> shiftsFor(std::string_view extension,
     return shifts;
 }
 
+std::optional<KnownEnd> endFor(std::string_view extension, const std::vector<ByteRange>& pieces,
+    std::span<const Anchor> anchors, BlockCache& cache)
+{
+    constexpr int mostTried = 64;
+    const auto firmWith = [&](const std::optional<KnownEnd>& end) {
+        PiecedBytes file(cache, pieces, end);
+        file.growToEnd();
+        const auto checker = Content::checkerFor(extension);
+        checker->advance(file);
+        return checker->finding().firm;
+    };
+    if (familyOf(extension) != Family::isoMedia)
+        return std::nullopt;
+    std::optional<KnownEnd> best;
+    std::uint64_t mostFirm = 0;
+    int tried = 0;
+    for (const auto& anchor : anchors) {
+        if (anchor.kind != Anchor::Kind::moov || ++tried > mostTried)
+            continue;
+        const auto shift = shiftByMovie(pieces, anchor.offset, cache);
+        if (!shift)
+            continue;
+        if (!best)
+            mostFirm = std::max(mostFirm, firmWith(std::nullopt));
+        const KnownEnd end { anchor.offset - *shift, anchor.offset };
+        if (const auto firm = firmWith(end); firm > mostFirm) {
+            mostFirm = firm;
+            best = end;
+        }
+    }
+    return best;
+}
+
 } // namespace Fragments

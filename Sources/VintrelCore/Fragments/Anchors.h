@@ -5,6 +5,7 @@
 #include "VintrelCore/Fragments/Space.h"
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -39,5 +40,10 @@ std::vector<Anchor> findAnchors(BlockCache& cache, const Space& space,
 /// that may belong to the file that begins with `pieces`; modulo 2^64.
 std::vector<std::uint64_t> shiftsFor(std::string_view extension,
     const std::vector<ByteRange>& pieces, std::span<const Anchor> anchors, BlockCache& cache);
+
+/// The end of the film that begins with `pieces` and does not say before its end where its
+/// samples lie; none for other files, and where no anchor fits what can be seen of its samples.
+std::optional<KnownEnd> endFor(std::string_view extension, const std::vector<ByteRange>& pieces,
+    std::span<const Anchor> anchors, BlockCache& cache);
 
 } // namespace Fragments

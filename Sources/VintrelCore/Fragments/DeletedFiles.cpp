@@ -135,7 +135,7 @@ void DeletedFiles::search(Guess& guess)
 {
     if (space_.isHeld(guess.start, true) || all_.isSpent())
         return;
-    const GapSearch gaps(cache_, space_, beginnings_, guess.extension, progress_);
+    const GapSearch gaps(cache_, space_, beginnings_, guess.extension, std::nullopt, progress_);
     Assembly assembly;
     assembly.pieces = { gaps.pieceFrom(guess.start) };
     std::vector<Assembly> open { assembly };

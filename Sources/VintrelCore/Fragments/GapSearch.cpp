@@ -43,11 +43,12 @@ std::uint64_t breakOf(const Content::Finding& finding, std::uint64_t size)
 
 GapSearch::GapSearch(BlockCache& cache, const Space& space,
     const std::unordered_set<std::uint64_t>& beginnings, std::string_view extension,
-    const WorkProgress* progress)
+    const std::optional<KnownEnd>& end, const WorkProgress* progress)
     : cache_(cache)
     , space_(space)
     , beginnings_(beginnings)
     , extension_(extension)
+    , end_(end)
     , progress_(progress)
     , isContainer_(holdsOthers(extension))
     , isCompressed_(isCompressed(extension))
@@ -62,7 +63,7 @@ ByteRange GapSearch::pieceFrom(std::uint64_t offset) const
 
 Content::Finding GapSearch::follow(const std::vector<ByteRange>& pieces) const
 {
-    PiecedBytes file(cache_, pieces);
+    PiecedBytes file(cache_, pieces, end_);
     file.growToEnd();
     const auto checker = Content::checkerFor(extension_);
     checker->advance(file);
@@ -204,7 +205,7 @@ std::vector<GapSearch::Cut> GapSearch::cutsBetween(
     const auto count = (highest - position) / grid.unit + 1;
     if (count > mostCuts)
         position += (count - mostCuts) * grid.unit;
-    PiecedBytes file(cache_, assembly.pieces);
+    PiecedBytes file(cache_, assembly.pieces, end_);
     auto checker = Content::checkerFor(extension_);
     for (; position <= highest; position += grid.unit) {
         file.growTo(position);
@@ -282,7 +283,7 @@ std::optional<GapSearch::Survivor> GapSearch::tryUnit(
         || (cut.checker->finding().isPacked && !looksCompressed(cache_.from(unit))))
         return std::nullopt;
     const auto size = space_.gridAt(unit).unit;
-    PiecedBytes file(cache_, std::move(pieces));
+    PiecedBytes file(cache_, std::move(pieces), end_);
     const auto checker = cut.checker->copy();
     const auto before = cut.checker->finding();
     budget.take(costOfTrial);
@@ -375,7 +376,7 @@ bool GapSearch::followToEnd(
     auto pieces = joined(*batch.assembly, *survivor.cut, survivor.unit);
     if (pieces.empty())
         return false;
-    PiecedBytes file(cache_, pieces);
+    PiecedBytes file(cache_, pieces, end_);
     file.growToEnd();
     const auto checker = survivor.cut->checker->copy();
     checker->advance(file);

@@ -58,10 +58,11 @@ public:
         bool wasCutShort = false;         ///< whether places were left out that might have done
     };
 
-    /// `beginnings`: where other files begin, and none goes on. `progress` may be none.
+    /// `beginnings`: where other files begin, and none goes on. `end`: of this file, where it is
+    /// known. `progress` may be none.
     GapSearch(BlockCache& cache, const Space& space,
         const std::unordered_set<std::uint64_t>& beginnings, std::string_view extension,
-        const WorkProgress* progress);
+        const std::optional<KnownEnd>& end, const WorkProgress* progress);
 
     /// What the content says when the pieces are read one after another.
     Content::Finding follow(const std::vector<ByteRange>& pieces) const;
@@ -117,6 +118,7 @@ private:
     const Space& space_;
     const std::unordered_set<std::uint64_t>& beginnings_;
     std::string_view extension_;
+    const std::optional<KnownEnd> end_;
     const WorkProgress* progress_;
     bool isContainer_;
     bool isCompressed_;

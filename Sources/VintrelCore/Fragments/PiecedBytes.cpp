@@ -30,9 +30,11 @@ ByteView BlockCache::from(std::uint64_t offset)
     return bytes.sub(static_cast<std::int64_t>(offset % blockSize), blockSize);
 }
 
-PiecedBytes::PiecedBytes(BlockCache& cache, std::vector<ByteRange> pieces)
+PiecedBytes::PiecedBytes(
+    BlockCache& cache, std::vector<ByteRange> pieces, const std::optional<KnownEnd>& end)
     : cache_(cache)
     , pieces_(std::move(pieces))
+    , end_(end)
     , sizeOfAll_(sizeOf(pieces_))
 {
 }
@@ -50,6 +52,23 @@ ByteView PiecedBytes::stretch(std::uint64_t position, std::size_t count)
         position -= end - start;
     }
     return {};
+}
+
+std::uint64_t PiecedBytes::WithEnd::size() const
+{
+    const auto& end = *file_.end_;
+    return end.position + file_.cache_.source().size()
+        - std::min(end.offset, file_.cache_.source().size());
+}
+
+ByteView PiecedBytes::WithEnd::stretch(std::uint64_t position, std::size_t count)
+{
+    const auto& end = *file_.end_;
+    if (position < end.position)
+        return file_.stretch(
+            position, static_cast<std::size_t>(std::min<std::uint64_t>(count, end.position - position)));
+    return file_.cache_.from(end.offset + (position - end.position))
+        .sub(0, static_cast<std::int64_t>(count));
 }
 
 void PiecedBytes::growTo(std::uint64_t size)

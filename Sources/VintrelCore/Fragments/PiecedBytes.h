@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <list>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -43,12 +44,19 @@ private:
     std::uint64_t bytesRead_ = 0;
 };
 
+/// A structure near a file's end that was found before anything led to it.
+struct KnownEnd {
+    std::uint64_t position = 0; ///< in the file
+    std::uint64_t offset = 0;   ///< on the source
+};
+
 /// A file in pieces, as far as they are put together. The last piece is used from its start on, up
 /// to the size that was set.
 class PiecedBytes final : public Content::FileBytes {
 public:
     /// `pieces`: on the source, in the order of the file.
-    PiecedBytes(BlockCache& cache, std::vector<ByteRange> pieces);
+    PiecedBytes(BlockCache& cache, std::vector<ByteRange> pieces,
+        const std::optional<KnownEnd>& end = std::nullopt);
     PiecedBytes(const PiecedBytes&) = delete;
     PiecedBytes& operator=(const PiecedBytes&) = delete;
     ~PiecedBytes() override = default;
@@ -56,6 +64,7 @@ public:
     std::uint64_t size() const override { return size_; }
     bool isWhole() const override { return isWhole_; }
     ByteView stretch(std::uint64_t position, std::size_t count) override;
+    FileBytes* withEnd() override { return end_ ? &withEnd_ : nullptr; }
 
     /// Lets so many bytes be read, at most those of all pieces.
     void growTo(std::uint64_t size);
@@ -65,8 +74,24 @@ public:
     std::uint64_t sizeOfAll() const { return sizeOfAll_; }
 
 private:
+    class WithEnd final : public Content::FileBytes {
+    public:
+        explicit WithEnd(PiecedBytes& file)
+            : file_(file)
+        {
+        }
+        std::uint64_t size() const override;
+        bool isWhole() const override { return false; }
+        ByteView stretch(std::uint64_t position, std::size_t count) override;
+
+    private:
+        PiecedBytes& file_;
+    };
+
     BlockCache& cache_;
     const std::vector<ByteRange> pieces_;
+    const std::optional<KnownEnd> end_;
+    WithEnd withEnd_ { *this };
     std::uint64_t sizeOfAll_ = 0;
     std::uint64_t size_ = 0;
     bool isWhole_ = false;

@@ -127,6 +127,8 @@ void SecondLook::findAnchors()
     std::ranges::sort(extensions);
     extensions.erase(std::unique(extensions.begin(), extensions.end()), extensions.end());
     anchors_ = Fragments::findAnchors(cache_, space_, extensions, progress_);
+    for (auto& job : jobs_)
+        job.end = endFor(job.extension, job.levels[1].assemblies.front().pieces, anchors_, cache_);
 }
 
 /// Each file with so many pieces.

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <unordered_set>
@@ -46,6 +47,7 @@ private:
     struct Job {
         std::uint64_t offset = 0;
         std::string extension;
+        std::optional<KnownEnd> end = {};
         CarvedFile* find = nullptr;               ///< with the same head; none where there is none
         std::array<Level, mostPieces + 1> levels; ///< by the number of pieces, from 1 on
         bool isSolved = false;
@@ -67,7 +69,7 @@ private:
     static std::vector<const Solution*> solutionsOf(const Job& job);
     GapSearch gapSearch(const Job& job)
     {
-        return { cache_, space_, beginnings_, job.extension, progress_ };
+        return { cache_, space_, beginnings_, job.extension, job.end, progress_ };
     }
 
     Space space_;

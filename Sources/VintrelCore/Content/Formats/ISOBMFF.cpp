@@ -75,6 +75,7 @@ private:
         auto* const track = nextTrack();
         if (!track || !isInData(track->samples.sample()))
             return false;
+        auto& tables = isMovieAhead_ && file.withEnd() ? *file.withEnd() : file;
         const auto result = track->check.advance(file);
         if (result == SampleCheck::Result::wrong) {
             breakAt(track->check.position());
@@ -84,7 +85,7 @@ private:
         vouchUpTo(track->check.firm());
         if (result == SampleCheck::Result::waits)
             return false;
-        if (!track->samples.next(file))
+        if (!track->samples.next(tables))
             breakAt(position());
         else
             track->check.begin(track->samples.format(), track->samples.sample());
@@ -100,15 +101,15 @@ private:
         const bool isFirst = place_ == 0;
         const bool isNext = box
             && (isFirst ? box->is("ftyp") || mayStandOutside(*box)
-                        : mayStandOutside(*box) && !(hasMovie_ && box->is("moov")));
+                        : mayStandOutside(*box) && !(hasMetMovie_ && box->is("moov")));
         if (isNext)
-            return beginBox(*box);
+            return beginBox(file, *box);
         if (available < ISOBox::maxHeaderSize && !file.isWhole())
             return false;
         return endFile();
     }
 
-    bool beginBox(const ISOBox& box)
+    bool beginBox(FileBytes& file, const ISOBox& box)
     {
         box_ = box;
         moveTo(std::max(position(), box.inside().start));
@@ -118,7 +119,19 @@ private:
         hasData_ = true;
         if (data_.size() < maxData)
             data_.push_back(box.inside());
+        readMovieAhead(file);
         return true;
+    }
+
+    /// What is known of the file's end may be what stands behind these data.
+    void readMovieAhead(FileBytes& file)
+    {
+        auto* const end = hasMovie_ ? nullptr : file.withEnd();
+        const auto movie = end ? ISOBox::at(*end, box_.end()) : std::nullopt;
+        if (!movie || !movie->is("moov"))
+            return;
+        readMovie(*end, *movie);
+        isMovieAhead_ = true;
     }
 
     /// Goes on behind a box that is there in full.
@@ -130,18 +143,27 @@ private:
         moveTo(std::max(position(), place_));
         hasFragments_ |= box_.is("moof");
         if (box_.is("moov"))
-            readMovie(file);
+            meetMovie(file);
         else if (box_.is("meta"))
             readMeta(file);
         return true;
     }
 
-    void readMovie(FileBytes& file)
+    void meetMovie(FileBytes& file)
+    {
+        hasMetMovie_ = true;
+        if (!isMovieAhead_)
+            readMovie(file, box_);
+        else if (!areBoxesSound(file, box_))
+            isMovieAhead_ = false;
+    }
+
+    void readMovie(FileBytes& file, const ISOBox& movie)
     {
         hasMovie_ = true;
-        if (box_.size > maxMovie || !areBoxesSound(file))
+        if (movie.size > maxMovie || !areBoxesSound(file, movie))
             return;
-        auto range = box_.inside();
+        auto range = movie.inside();
         for (std::size_t count = 0; count < maxTracks; ++count) {
             const auto track = findBox(file, range, "trak");
             if (!track)
@@ -161,13 +183,13 @@ private:
 
     /// Whether the boxes in "moov" fill one another exactly; the first that does not is told. None
     /// vouches for those before it: films of one camera have the same boxes at the same places.
-    bool areBoxesSound(FileBytes& file)
+    bool areBoxesSound(FileBytes& file, const ISOBox& movie)
     {
         constexpr int maxBoxes = 100'000;
         constexpr std::size_t maxDepth = 16;
-        std::vector<std::uint64_t> ends { box_.end() };
-        auto place = box_.inside().start;
-        for (int count = 0; count < maxBoxes && place < box_.end(); ++count) {
+        std::vector<std::uint64_t> ends { movie.end() };
+        auto place = movie.inside().start;
+        for (int count = 0; count < maxBoxes && place < movie.end(); ++count) {
             const auto box = ISOBox::at(file, place);
             if (!box || box->end() > ends.back()) {
                 breakAt(place + sizeof(ISOBoxHeader) - 1);
@@ -200,7 +222,9 @@ private:
     std::vector<ByteRange> data_;
     std::vector<CheckedTrack> tracks_;
     bool hasData_ = false, hasMeta_ = false, hasFragments_ = false;
-    bool hasMovie_ = false; ///< whether "moov" was met
+    bool hasMovie_ = false;     ///< whether "moov" was read
+    bool hasMetMovie_ = false;  ///< whether it was met where it stands
+    bool isMovieAhead_ = false; ///< whether it was read before it was met
 };
 
 } // namespace
