@@ -54,13 +54,15 @@ void DeletedFiles::settle(std::span<FileNode* const> files)
                 { .node = file, .extension = checkedExtension(*file), .start = start });
         }
     std::ranges::stable_sort(guesses, {}, &Guess::start); // in the order of the disk
-    for (const auto& guess : guesses)
-        beginnings_.insert(guess.start);
 
     // First those that are whole where they are thought to be: the rest has less to choose from.
     for (auto& guess : guesses)
-        if (!isCancelled(progress_) && !isHeadForeign(guess))
+        if (!isCancelled(progress_) && !isHeadForeign(guess)) {
+            // Of others nobody knows whether anything of theirs is left at their beginnings.
+            if (Content::checkerFor(guess.extension))
+                beginnings_.insert(guess.start);
             settleIfProved(guess, contiguous(guess));
+        }
     // Files that were deleted later lay around those that were deleted before, as living ones did.
     const auto others = withOthers(guesses);
     for (auto& guess : guesses)
