@@ -1,6 +1,7 @@
 #include "VintrelCore/Fragments/DeletedFiles.h"
 
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Model/Chance.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
@@ -69,6 +70,7 @@ void DeletedFiles::settle(std::span<FileNode* const> files)
         if (!isCancelled(progress_) && !guess.isSettled && guess.isBroken
             && !settleIfProved(guess, freeFrom(guess, space_)))
             settleIfProved(guess, freeFrom(guess, others));
+    prepareSearch(guesses);
     std::size_t count = 0;
     for (auto& guess : guesses) {
         report(progress_, static_cast<double>(count) / static_cast<double>(guesses.size()),
@@ -81,6 +83,24 @@ void DeletedFiles::settle(std::span<FileNode* const> files)
     for (auto& guess : guesses)
         if (!guess.isSettled)
             settleLeft(guess);
+}
+
+/// Where the files that are still broken may go on and end.
+void DeletedFiles::prepareSearch(std::span<const Guess> guesses)
+{
+    std::vector<std::string_view> extensions;
+    for (const auto& guess : guesses) {
+        const auto end = guess.start + guess.node->size;
+        edges_.push_back(guess.start);
+        edges_.push_back(
+            grid_.range.start + unitsFor(end - grid_.range.start, grid_.unit) * grid_.unit);
+        if (!guess.isSettled && guess.isBroken)
+            extensions.push_back(guess.extension);
+    }
+    std::ranges::sort(edges_);
+    edges_.erase(std::unique(edges_.begin(), edges_.end()), edges_.end());
+    if (!extensions.empty())
+        anchors_ = findAnchors(cache_, space_, extensions, progress_);
 }
 
 /// A first cluster that is another file's by now, or never was this one's.
@@ -137,43 +157,78 @@ void DeletedFiles::search(Guess& guess)
 {
     if (space_.isHeld(guess.start, true) || all_.isSpent())
         return;
-    const GapSearch gaps(cache_, space_, beginnings_, guess.extension, std::nullopt, progress_);
+    const auto piece = ByteRange { guess.start, space_.endOfRun(guess.start, grid_, true) };
+    const GapSearch gaps(cache_, space_, beginnings_, guess.extension,
+        endFor(guess.extension, { piece }, anchors_, cache_), progress_);
+    const auto guided = find(guess, gaps, edgesBehind(guess.start));
+    if (guided && guided->solution.proof == Content::Proof::checksum)
+        return place(guess, guided->solution.pieces, Recoverability::good, true);
+    const auto found = find(guess, gaps, {});
+    if (!found && !guided)
+        return;
+    const auto& [solution, isOnly] = found ? *found : *guided;
+    const bool isProved = solution.proof == Content::Proof::checksum
+        || (isOnly && solution.proof == Content::Proof::decoded
+            && (!solution.isStrainKnown || solution.strain > 0));
+    // Of what is not certain, that is likelier which begins where others did.
+    if (!isProved && guided)
+        return place(guess, guided->solution.pieces, Recoverability::unknown, false);
+    const auto chance = isProved ? Recoverability::good
+        : isOnly                 ? Recoverability::partial
+                                 : Recoverability::unknown;
+    place(guess, solution.pieces, chance, isProved || isOnly);
+}
+
+/// The best that is as long as the file, and with how few pieces it goes; at these units alone,
+/// unless there are none.
+std::optional<DeletedFiles::Found> DeletedFiles::find(
+    const Guess& guess, const GapSearch& gaps, const std::vector<std::uint64_t>& units)
+{
+    constexpr std::size_t mostAssemblies = 4;
+    const std::size_t mostPieces = units.empty() ? 4 : 12;
     Assembly assembly;
     assembly.pieces = { gaps.pieceFrom(guess.start) };
     std::vector<Assembly> open { assembly };
-    for (int level = 0; level < 3; ++level) {
+    for (std::size_t pieces = 2; pieces <= mostPieces && !open.empty(); ++pieces) {
         const auto share = std::min(all_.left, budgetOfFile);
         Budget budget { share };
-        std::vector<Assembly> next;
-        std::vector<Solution> solutions;
-        bool wasCutShort = false;
+        GapSearch::Result all;
         for (const auto& one : open) {
-            auto result = gaps.search(one, budget);
-            wasCutShort |= result.wasCutShort;
-            std::ranges::move(result.solutions, std::back_inserter(solutions));
-            std::ranges::move(result.unfinished, std::back_inserter(next));
+            for (const auto shift : shiftsFor(guess.extension, one.pieces, anchors_, cache_))
+                all.add(gaps.searchMapped(one, shift, budget));
+            all.add(units.empty() ? gaps.search(one, budget) : gaps.searchAt(units, one, budget));
         }
         all_.take(share - budget.left);
-        std::erase_if(solutions,
+        std::erase_if(all.solutions,
             [&](const Solution& solution) { return sizeOf(solution.pieces) != guess.node->size; });
-        std::ranges::stable_sort(solutions, {}, &Solution::strain);
-        const auto best = std::ranges::max_element(solutions, {}, &Solution::proof);
-        if (best != solutions.end()) {
-            const bool isOnly = solutions.size() == 1 && !wasCutShort && !best->isDoubtful
-                && best->strain <= mostStrain;
-            const bool isProved = best->proof == Content::Proof::checksum
-                || (isOnly && best->proof == Content::Proof::decoded
-                    && (!best->isStrainKnown || best->strain > 0));
-            const auto chance = isProved ? Recoverability::good
-                : isOnly                 ? Recoverability::partial
-                                         : Recoverability::unknown;
-            return place(guess, best->pieces, chance, isProved || isOnly);
-        }
-        std::ranges::stable_sort(next, std::ranges::greater {}, &Assembly::promise);
-        if (next.size() > 4)
-            next.resize(4);
-        open = std::move(next);
+        std::ranges::stable_sort(all.solutions, {}, &Solution::strain);
+        const auto best = std::ranges::max_element(all.solutions, {}, &Solution::proof);
+        if (best != all.solutions.end())
+            return Found { *best,
+                units.empty() && all.solutions.size() == 1 && !all.wasCutShort && !best->isDoubtful
+                    && best->strain <= mostStrain };
+        std::ranges::stable_sort(all.unfinished, std::ranges::greater {}, &Assembly::promise);
+        if (all.unfinished.size() > mostAssemblies)
+            all.unfinished.resize(mostAssemblies);
+        open = std::move(all.unfinished);
     }
+    return std::nullopt;
+}
+
+/// The free clusters at which other deleted files begin, or behind which they end: a file that was
+/// written into the holes that they had left goes on there. Those ahead first.
+std::vector<std::uint64_t> DeletedFiles::edgesBehind(std::uint64_t start) const
+{
+    constexpr std::size_t mostEdges = 4096;
+    std::vector<std::uint64_t> edges;
+    const auto add = [&](std::uint64_t edge) {
+        if (edges.size() < mostEdges && !space_.isHeld(edge, true))
+            edges.push_back(edge);
+    };
+    const auto middle = std::ranges::upper_bound(edges_, start);
+    std::for_each(middle, edges_.end(), add);
+    std::for_each(edges_.begin(), middle, add);
+    return edges;
 }
 
 /// What no content decided goes by which clusters are free.

@@ -1,11 +1,13 @@
 #pragma once
 
+#include "VintrelCore/Fragments/Anchors.h"
 #include "VintrelCore/Fragments/GapSearch.h"
 #include "VintrelCore/Fragments/PiecedBytes.h"
 #include "VintrelCore/Fragments/Space.h"
 #include "VintrelCore/Model/FileNode.h"
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <unordered_set>
@@ -37,10 +39,19 @@ private:
         bool isBroken = false; ///< the content contradicts itself in every place that was tried
     };
 
+    struct Found {
+        Solution solution;
+        bool isOnly; ///< whether every place was tried, and no other one would do
+    };
+
     static bool isGuess(const FileNode& file);
     bool isHeadForeign(Guess& guess);
     bool settleIfProved(Guess& guess, const std::vector<ByteRange>& pieces);
+    void prepareSearch(std::span<const Guess> guesses);
     void search(Guess& guess);
+    std::optional<Found> find(
+        const Guess& guess, const GapSearch& gaps, const std::vector<std::uint64_t>& units);
+    std::vector<std::uint64_t> edgesBehind(std::uint64_t start) const;
     void settleLeft(Guess& guess);
     std::vector<ByteRange> freeFrom(const Guess& guess, const Space& space) const;
     Space withOthers(std::span<const Guess> guesses) const;
@@ -54,6 +65,8 @@ private:
     const WorkProgress* progress_;
     Budget all_;
     std::unordered_set<std::uint64_t> beginnings_;
+    std::vector<std::uint64_t> edges_; ///< where deleted files begin and end, in rising order
+    std::vector<Anchor> anchors_;
 };
 
 } // namespace Fragments

@@ -70,14 +70,42 @@ Content::Finding GapSearch::follow(const std::vector<ByteRange>& pieces) const
     return checker->finding();
 }
 
+void GapSearch::Result::add(Result&& other)
+{
+    std::ranges::move(other.solutions, std::back_inserter(solutions));
+    std::ranges::move(other.unfinished, std::back_inserter(unfinished));
+    wasCutShort |= other.wasCutShort;
+}
+
 GapSearch::Result GapSearch::search(const Assembly& assembly, Budget& budget) const
+{
+    const auto cuts = cutsOf(assembly);
+    if (cuts.empty())
+        return {};
+    return searchFrom(cuts, unitsAround(assembly, cuts.front().position), assembly, budget);
+}
+
+GapSearch::Result GapSearch::searchAt(
+    const std::vector<std::uint64_t>& units, const Assembly& assembly, Budget& budget) const
+{
+    auto cuts = cutsOf(assembly);
+    const auto& last = assembly.pieces.back();
+    const auto before = sizeOf(assembly.pieces) - (last.end - last.start);
+    std::erase_if(cuts, [&](const Cut& cut) {
+        const auto end = last.start + (cut.position - before);
+        return end != last.end && std::ranges::find(units, end) == units.end();
+    });
+    return searchFrom(cuts, units, assembly, budget);
+}
+
+/// Goes on from each cut at each unit.
+GapSearch::Result GapSearch::searchFrom(const std::vector<Cut>& cuts,
+    const std::vector<std::uint64_t>& units, const Assembly& assembly, Budget& budget) const
 {
     constexpr std::size_t cutsInBatch = 16;
     Result result;
-    const auto cuts = cutsOf(assembly);
     if (cuts.empty())
         return result;
-    const auto units = unitsAround(assembly, cuts.front().position);
     const Batch emptied { &assembly, {}, cuts.back().position };
     auto batch = emptied;
     std::size_t count = 0;

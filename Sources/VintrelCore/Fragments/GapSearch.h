@@ -56,6 +56,8 @@ public:
         std::vector<Solution> solutions;
         std::vector<Assembly> unfinished; ///< the best that break again, with one piece more
         bool wasCutShort = false;         ///< whether places were left out that might have done
+
+        void add(Result&& other);
     };
 
     /// `beginnings`: where other files begin, and none goes on. `end`: of this file, where it is
@@ -66,8 +68,11 @@ public:
 
     /// What the content says when the pieces are read one after another.
     Content::Finding follow(const std::vector<ByteRange>& pieces) const;
-    /// Tries free units, nearest first. The budget is used up.
+    /// Tries all free units, nearest first. The budget is used up.
     Result search(const Assembly& assembly, Budget& budget) const;
+    /// Tries only to go from one of these units to another, in their order.
+    Result searchAt(const std::vector<std::uint64_t>& units, const Assembly& assembly,
+        Budget& budget) const;
     /// Tries one continuation for each cut: the byte `position` of the file lies at
     /// `position + shift` of the source, modulo 2^64.
     Result searchMapped(const Assembly& assembly, std::uint64_t shift, Budget& budget) const;
@@ -99,6 +104,8 @@ private:
         std::uint64_t lastCut; ///< of all that are tried
     };
 
+    Result searchFrom(const std::vector<Cut>& cuts, const std::vector<std::uint64_t>& units,
+        const Assembly& assembly, Budget& budget) const;
     std::vector<Cut> cutsOf(const Assembly& assembly) const;
     std::vector<Cut> cutsBetween(
         const Assembly& assembly, std::uint64_t lowest, std::uint64_t highest) const;
