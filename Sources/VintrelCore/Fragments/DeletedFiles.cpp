@@ -237,6 +237,12 @@ void DeletedFiles::settleLeft(Guess& guess)
     auto& node = *guess.node;
     if (space_.isHeld(guess.start, true))
         return judgeFurther(node, Doubt::reusedFirstByDeleted);
+    // It may just as well be the one that was overwritten.
+    const bool isContested = std::ranges::any_of(contiguous(guess), [&](const ByteRange& piece) {
+        return claimed_.intersects(piece.start, piece.end);
+    });
+    if (isContested)
+        judgeFurther(node, Doubt::contestedByDeleted);
     const auto pieces = freeFrom(guess, space_);
     if (pieces.size() < 2 || sizeOf(pieces) != node.size) {
         if (guess.isBroken && node.recoverability == Recoverability::good) {
@@ -318,9 +324,12 @@ void DeletedFiles::place(
     }
     if (isMoved || chance == Recoverability::good)
         node.recoverability = chance;
-    if (isCertain)
-        for (const auto& piece : pieces)
+    for (const auto& piece : pieces) {
+        if (isCertain)
             space_.hold(piece);
+        else
+            claimed_.add(piece.start, piece.end);
+    }
 }
 
 } // namespace Fragments

@@ -64,6 +64,7 @@ private:
     const Grid grid_;
     const WorkProgress* progress_;
     Budget all_;
+    RangeSet claimed_; ///< by files of which it is not certain that they have it
     std::unordered_set<std::uint64_t> beginnings_;
     std::vector<std::uint64_t> edges_; ///< where deleted files begin and end, in rising order
     std::vector<Anchor> anchors_;
