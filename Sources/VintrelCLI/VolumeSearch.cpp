@@ -27,7 +27,10 @@ VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& de
             + formatBytes(session.source->size()) + ".";
     };
     const FullScan::Options options { .deep = deep,
-        .fragments = session.options.has("--fragments") };
+        .fragments = session.options.has("--fragments"),
+        // What is copied is read anyhow; a listing shall come soon.
+        .look
+        = session.arguments[0] == "tree" ? Fragments::Look::heads : Fragments::Look::contents };
     auto volumes = FullScan::run(*session.source, options, &session.progress, listener);
     if (volumes.empty() && !deep && !session.progress.isCancelled())
         session.console.complain(

@@ -45,7 +45,7 @@ bool DeletedFiles::isGuess(const FileNode& file)
             || (file.note && file.note->find(guessedWords) != std::string::npos));
 }
 
-void DeletedFiles::settle(std::span<FileNode* const> files)
+void DeletedFiles::settle(std::span<FileNode* const> files, Look look)
 {
     std::vector<Guess> guesses;
     for (auto* file : files)
@@ -55,15 +55,24 @@ void DeletedFiles::settle(std::span<FileNode* const> files)
                 { .node = file, .extension = checkedExtension(*file), .start = start });
         }
     std::ranges::stable_sort(guesses, {}, &Guess::start); // in the order of the disk
+    for (auto& guess : guesses)
+        // Of others nobody knows whether anything of theirs is left at their beginnings.
+        if (!isCancelled(progress_) && !isHeadForeign(guess)
+            && Content::checkerFor(guess.extension))
+            beginnings_.insert(guess.start);
+    if (look == Look::contents)
+        settleByContent(guesses);
+    for (auto& guess : guesses)
+        if (!guess.isSettled)
+            settleLeft(guess);
+}
 
+void DeletedFiles::settleByContent(std::span<Guess> guesses)
+{
     // First those that are whole where they are thought to be: the rest has less to choose from.
     for (auto& guess : guesses)
-        if (!isCancelled(progress_) && !isHeadForeign(guess)) {
-            // Of others nobody knows whether anything of theirs is left at their beginnings.
-            if (Content::checkerFor(guess.extension))
-                beginnings_.insert(guess.start);
+        if (!isCancelled(progress_) && !guess.isSettled)
             settleIfProved(guess, contiguous(guess));
-        }
     // Files that were deleted later lay around those that were deleted before, as living ones did.
     const auto others = withOthers(guesses);
     for (auto& guess : guesses)
@@ -80,9 +89,6 @@ void DeletedFiles::settle(std::span<FileNode* const> files)
         if (!isCancelled(progress_) && !guess.isSettled && guess.isBroken)
             search(guess);
     }
-    for (auto& guess : guesses)
-        if (!guess.isSettled)
-            settleLeft(guess);
 }
 
 /// Where the files that are still broken may go on and end.
@@ -238,9 +244,8 @@ void DeletedFiles::settleLeft(Guess& guess)
     if (space_.isHeld(guess.start, true))
         return judgeFurther(node, Doubt::reusedFirstByDeleted);
     // It may just as well be the one that was overwritten.
-    const bool isContested = std::ranges::any_of(contiguous(guess), [&](const ByteRange& piece) {
-        return claimed_.intersects(piece.start, piece.end);
-    });
+    const bool isContested = std::ranges::any_of(contiguous(guess),
+        [&](const ByteRange& piece) { return claimed_.intersects(piece.start, piece.end); });
     if (isContested)
         judgeFurther(node, Doubt::contestedByDeleted);
     const auto pieces = freeFrom(guess, space_);

@@ -17,6 +17,12 @@ class WorkProgress;
 
 namespace Fragments {
 
+/// How much of the deleted files is looked at.
+enum class Look : std::uint8_t {
+    heads, ///< only whether they begin as their names say
+    contents,
+};
+
 /// Deleted files of a volume of which only the first cluster and the size are known. Their places
 /// are guesses: the content decides where it can, and clusters that are in use belong to none of
 /// them. Used once, by one thread.
@@ -28,7 +34,7 @@ public:
     /// Gives the files other places where they lie in other places, and judges their chances anew.
     /// What is proved of them owns its space from then on. Files that are not guesses stay as they
     /// are.
-    void settle(std::span<FileNode* const> files);
+    void settle(std::span<FileNode* const> files, Look look);
 
 private:
     struct Guess {
@@ -44,6 +50,7 @@ private:
         bool isOnly; ///< whether every place was tried, and no other one would do
     };
 
+    void settleByContent(std::span<Guess> guesses);
     static bool isGuess(const FileNode& file);
     bool isHeadForeign(Guess& guess);
     bool settleIfProved(Guess& guess, const std::vector<ByteRange>& pieces);

@@ -31,7 +31,7 @@ VolumeList FullScan::run(
     auto volumes = std::move(quick.volumes);
     if (!options.deep) {
         if (options.fragments)
-            PiecedFiles::settleDeleted(source, volumes, progress);
+            PiecedFiles::settleDeleted(source, volumes, options.look, progress);
         RecycleBin::noteOriginalPaths(source, volumes, progress);
         return volumes;
     }
@@ -62,7 +62,7 @@ VolumeList FullScan::run(
         std::ranges::move(*more, std::back_inserter(volumes));
     RecycleBin::noteOriginalPaths(source, volumes, progress);
     if (options.fragments) {
-        PiecedFiles::settleDeleted(source, volumes, progress);
+        PiecedFiles::settleDeleted(source, volumes, Fragments::Look::contents, progress);
         PiecedFiles::putTogether(source, volumes, finds, progress);
     }
     if (!finds.carved.empty())

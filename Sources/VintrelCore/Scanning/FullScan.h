@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/Fragments/DeletedFiles.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Scanning/DeepScan.h"
@@ -25,6 +26,8 @@ struct Listener {
 struct Options {
     std::optional<DeepScanOptions> deep = {}; ///< none: no deep scan
     bool fragments = false; ///< whether files in pieces are put together by their content
+    /// Of those, how much of the deleted ones is looked at without a deep scan.
+    Fragments::Look look = Fragments::Look::contents;
 };
 
 /// The volumes that the tables of the source name and, with options for a deep scan, the lost ones,

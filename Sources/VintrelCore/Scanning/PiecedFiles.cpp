@@ -1,5 +1,6 @@
 #include "VintrelCore/Scanning/PiecedFiles.h"
 
+#include "VintrelCore/Carving/Carver.h"
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/FileSystems.h"
 #include "VintrelCore/Fragments/DeletedFiles.h"
@@ -111,6 +112,47 @@ void leaveOutListed(
     });
 }
 
+/// Reads a file in pieces from its beginning on.
+bool readPieces(DiskSource& source, std::span<const ByteRange> pieces, std::uint64_t offset,
+    std::span<std::uint8_t> into)
+{
+    std::uint64_t missing = 0;
+    for (const auto& [start, end] : pieces) {
+        if (into.empty())
+            break;
+        const auto length = end - start;
+        if (offset < length) {
+            const auto count
+                = static_cast<std::size_t>(std::min<std::uint64_t>(length - offset, into.size()));
+            missing += source.readReporting(start + offset, into.first(count), ReadMode::fast);
+            into = into.subspan(count);
+            offset = 0;
+        } else {
+            offset -= length;
+        }
+    }
+    return missing == 0 && into.empty();
+}
+
+/// What kind of file it is, and when it was taken, shows only in the whole file.
+void describe(DiskSource& source, CarvedFile& find)
+{
+    constexpr std::int64_t headSize = 4096;
+    DiskSource::Opened opened;
+    opened.size = find.size;
+    opened.read = [&](std::uint64_t offset, std::span<std::uint8_t> into) {
+        return readPieces(source, find.pieces, offset, into);
+    };
+    DiskSource file(std::move(opened));
+    const auto known
+        = Carver(file, carvedCategories()).check(file.read(0, headSize, ReadMode::fast), 0);
+    if (!known || known->size != find.size)
+        return;
+    find.ext = known->ext;
+    find.date = known->date;
+    find.captured = known->captured;
+}
+
 bool hasClusterChains(const Volume& volume)
 {
     switch (volume.type) {
@@ -127,7 +169,8 @@ bool hasClusterChains(const Volume& volume)
 } // namespace
 
 void PiecedFiles::settleDeleted(DiskSource& source,
-    std::span<const std::unique_ptr<Volume>> volumes, const WorkProgress* progress)
+    std::span<const std::unique_ptr<Volume>> volumes, Fragments::Look look,
+    const WorkProgress* progress)
 {
     Fragments::BlockCache cache(source);
     for (const auto& volume : volumes) {
@@ -140,7 +183,7 @@ void PiecedFiles::settleDeleted(DiskSource& source,
         Fragments::Space space({ *grid }, { { 0, source.size() }, 512 });
         for (const auto& range : usedRanges(source, *volume, files))
             space.hold(range);
-        Fragments::DeletedFiles(cache, space, *grid, progress).settle(files);
+        Fragments::DeletedFiles(cache, space, *grid, progress).settle(files, look);
     }
 }
 
@@ -159,5 +202,8 @@ void PiecedFiles::putTogether(DiskSource& source, std::span<const std::unique_pt
     for (const auto& range : living)
         space.hold(range);
     Fragments::SecondLook(source, std::move(space), progress).run(finds.carved, finds.brokenHeads);
+    for (auto& find : finds.carved)
+        if (!find.pieces.empty())
+            describe(source, find);
     leaveOutListed(finds.carved, volumes);
 }

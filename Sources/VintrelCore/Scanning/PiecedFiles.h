@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/Fragments/DeletedFiles.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/Volume.h"
 
@@ -14,7 +15,7 @@ namespace PiecedFiles {
 /// Settles where the deleted files of FAT and exFAT volumes lie of which no chain is left.
 /// `progress` may be none.
 void settleDeleted(DiskSource& source, std::span<const std::unique_ptr<Volume>> volumes,
-    const WorkProgress* progress);
+    Fragments::Look look, const WorkProgress* progress);
 
 /// Adds to the carved files of a sweep those whose pieces were found, and puts them in the place of
 /// finds with the same head that they disprove. `volumes`: all that are known, whose living files
