@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Fragments/Anchors.h"
 #include "VintrelCore/Fragments/GapSearch.h"
+#include "VintrelCore/Fragments/Look.h"
 #include "VintrelCore/Fragments/PiecedBytes.h"
 #include "VintrelCore/Fragments/Space.h"
 #include "VintrelCore/Model/FileNode.h"
@@ -16,12 +17,6 @@
 class WorkProgress;
 
 namespace Fragments {
-
-/// How much of the deleted files is looked at.
-enum class Look : std::uint8_t {
-    heads, ///< only whether they begin as their names say
-    contents,
-};
 
 /// Deleted files of a volume of which only the first cluster and the size are known. Their places
 /// are guesses: the content decides where it can, and clusters that are in use belong to none of

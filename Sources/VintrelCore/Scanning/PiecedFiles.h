@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VintrelCore/Fragments/DeletedFiles.h"
+#include "VintrelCore/Fragments/Look.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/Volume.h"
 

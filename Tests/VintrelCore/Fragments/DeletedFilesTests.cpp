@@ -17,10 +17,11 @@ Bytes part(const Bytes& bytes, std::size_t from, std::size_t to)
     return Bytes(view.span().begin(), view.span().end());
 }
 
-Parsed scanned(const FATImage& image, bool fragments)
+Parsed scanned(
+    const FATImage& image, bool fragments, Fragments::Look look = Fragments::Look::contents)
 {
     auto source = image.source();
-    const FullScan::Options options { .deep = {}, .fragments = fragments };
+    const FullScan::Options options { .deep = {}, .fragments = fragments, .look = look };
     auto volumes = FullScan::run(*source, options, nullptr);
     return { std::move(source), std::move(volumes.at(0)) };
 }
@@ -66,6 +67,46 @@ TEST(DeletedFragments, LieRoundWhatIsInUse)
         const auto without = scanned(image, false);
         EXPECT_NE(without.content(path), content) << name;
     }
+}
+
+TEST(DeletedFragments, GoOnInTheHolesThatOtherDeletedFilesLeft)
+{
+    const auto photo = readFile(VINTREL_SAMPLES "/jpeg-large.jpg");
+    constexpr std::size_t pieces = 6;
+    const auto step = photo.size() / cluster / pieces * cluster;
+    FATImage image({});
+    for (std::size_t i = 0; i < pieces; ++i) {
+        const auto end = i + 1 < pieces ? (i + 1) * step : photo.size();
+        const auto number = std::to_string(i);
+        image.addFile(FATImage::root,
+            { .name = i == 0 ? "PHOTO   JPG" : "HOLE" + number + "   BIN" },
+            part(photo, i * step, end));
+        image.addFile(FATImage::root, { .name = "FULL" + number + "   BIN" },
+            patternBytes(5 * cluster, static_cast<unsigned>(i)));
+    }
+    putLE(image.bytes(), image.entryOffset(FATImage::root, 0) + 28, photo.size(), 4);
+    for (std::size_t i = 0; i < pieces; ++i) {
+        const auto number = std::to_string(i);
+        image.remove(FATImage::root, i == 0 ? "PHOTO   JPG" : "HOLE" + number + "   BIN");
+        image.remove(FATImage::root, "FULL" + number + "   BIN");
+    }
+    const auto parsed = scanned(image, true);
+    EXPECT_EQ(parsed.content("/_HOTO.JPG"), photo);
+    EXPECT_EQ(chance(parsed["/_HOTO.JPG"]), "Ukendt: Samlet af 6 stykker; overgangen er usikker");
+    // It is not certain whose content lies there.
+    EXPECT_TRUE(chance(parsed["/_OLE3.BIN"]).starts_with("Delvis")) << chance(parsed["/_OLE3.BIN"]);
+    EXPECT_EQ(chance(parsed["/_ULL3.BIN"]).substr(0, 3), "God");
+}
+
+TEST(DeletedFragments, AreOnlyJudgedByTheirHeadsWhereNoMoreIsLookedAt)
+{
+    const auto photo = readFile(VINTREL_SAMPLES "/jpeg-large.jpg");
+    auto image = volumeWith("PHOTO   JPG", photo);
+    image.addFile(FATImage::root, { .name = "OTHER   JPG" }, patternBytes(9 * cluster, 5));
+    image.remove(FATImage::root, "OTHER   JPG");
+    const auto parsed = scanned(image, true, Fragments::Look::heads);
+    EXPECT_EQ(chance(parsed["/_THER.JPG"]), "Ringe: Indholdet passer ikke til filtypen");
+    EXPECT_EQ(chance(parsed["/_HOTO.JPG"]), "Delvis: Filen lå i flere stykker; de er gættet");
 }
 
 TEST(DeletedFragments, AreNotThereWhereTheirHeadIsAnother)

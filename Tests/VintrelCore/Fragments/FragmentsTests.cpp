@@ -2,6 +2,7 @@
 
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Fragments/Anchors.h"
+#include "VintrelCore/Fragments/Seams.h"
 #include "VintrelCore/Fragments/Space.h"
 #include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Scanning/FullScan.h"
@@ -10,6 +11,7 @@
 
 #include <algorithm>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -64,6 +66,7 @@ Bytes imageOf(const std::vector<Stretch>& stretches, const std::vector<Bytes>& f
 }
 
 struct Listed {
+    std::string name {};
     Recoverability chance {};
     Bytes content {};
     std::string note {};
@@ -77,8 +80,8 @@ std::vector<Listed> carvedOf(const Bytes& image, bool fragments)
     std::vector<Listed> list;
     for (const auto& volume : FullScan::run(*source, options, nullptr))
         for (const auto* file : volume->root->allFiles())
-            list.push_back({ file->recoverability, FileReader::readPrefix(*file, *source, 1_MiB),
-                file->note.value_or("") });
+            list.push_back({ file->name, file->recoverability,
+                FileReader::readPrefix(*file, *source, 1_MiB), file->note.value_or("") });
     return list;
 }
 
@@ -129,13 +132,15 @@ TEST(Fragments, KnowTheirPlaceByAStructureNearTheirEnd)
         std::string name;
         std::size_t cut; ///< in sectors: behind all that is needed of the head
     } rows[] = { { "docx-plain.docx", 1 }, { "pdf-updated.pdf", 1 }, { "mp4-moov-last.mp4", 1 },
-        { "avi-mjpeg.avi", 12 }, { "mkv-plain.mkv", 4 } };
+        { "avi-mjpeg.avi", 12 }, { "mkv-plain.mkv", 4 }, { "ole-letter.doc", 3 },
+        { "ole-word.doc", 4 } };
     for (const auto& [name, cut] : rows) {
         const std::vector<Bytes> files { sample(name) };
         const auto image = imageOf({ { first, 0, cut }, noise, { first, cut } }, files);
         const auto found = find(carvedOf(image, true), files[0]);
         ASSERT_TRUE(found) << name;
         EXPECT_TRUE(found->note.starts_with("Samlet af 2 stykker")) << name << found->note;
+        EXPECT_TRUE(found->name.ends_with(name.substr(name.rfind('.')))) << found->name;
 
         const auto source = makeSource(image);
         Fragments::BlockCache cache(*source);
@@ -148,6 +153,38 @@ TEST(Fragments, KnowTheirPlaceByAStructureNearTheirEnd)
             = Fragments::shiftsFor(extension, { { head, source->size() } }, anchors, cache);
         EXPECT_TRUE(std::ranges::count(shifts, head + noise.to * sector)) << name;
     }
+}
+
+TEST(Fragments, FollowAFilmByTheTableThatStandsBehindIt)
+{
+    const std::vector<Bytes> files { sample("mp4-moov-last.mp4") };
+    const auto image
+        = imageOf({ { first, 0, 3 }, noise, { first, 3, 5 }, text, { first, 5 } }, files);
+    const auto found = find(carvedOf(image, true), files[0]);
+    ASSERT_TRUE(found);
+    EXPECT_TRUE(found->note.starts_with("Samlet af 3 stykker")) << found->note;
+}
+
+TEST(Fragments, PreferJoinsWhereOthersBeginAndEnd)
+{
+    // Two films, as far as anyone can see: their middles are noise.
+    const auto source = makeSource(patternBytes(40 * sector, 3));
+    Fragments::BlockCache cache(*source);
+    Fragments::Space space({}, { { 0, source->size() }, sector });
+    space.hold({ 10 * sector, 12 * sector });
+    const std::unordered_set<std::uint64_t> beginnings { 20 * sector };
+    Fragments::Seams seams(cache, space, beginnings);
+    const auto likelihood = [&](std::size_t end, std::size_t start) {
+        return seams.likelihood({ { 4 * sector, end * sector }, { start * sector, 39 * sector } });
+    };
+    EXPECT_GT(likelihood(10, 14), likelihood(9, 13));  // another's content behind the piece
+    EXPECT_GT(likelihood(8, 12), likelihood(9, 13));   // and in front of the next one
+    EXPECT_GT(likelihood(20, 24), likelihood(21, 25)); // another's beginning
+    EXPECT_LT(likelihood(30, 34), likelihood(20, 24));
+    seams.take({ { 30 * sector, 32 * sector } });
+    EXPECT_GT(likelihood(30, 34), likelihood(29, 33));
+    EXPECT_TRUE(seams.isTaken({ { 31 * sector, 33 * sector } }));
+    EXPECT_FALSE(seams.isTaken({ { 32 * sector, 33 * sector } }));
 }
 
 TEST(Fragments, LeaveWhatIsWholeAsItIs)
