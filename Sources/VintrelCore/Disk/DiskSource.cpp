@@ -31,7 +31,8 @@ DiskSource::DiskSource(Opened opened)
           .size = size_,
           .sectorSize = sectorSize_,
           .isDevice = isDevice_,
-          .needsAlignment = opened.needsAlignment })
+          .needsAlignment = opened.needsAlignment,
+          .read = std::move(opened.read) })
     , cleanup_(std::move(opened.cleanup))
 {
 }

@@ -39,7 +39,7 @@ public:
 
     /// What an opener knows about the source that it opened.
     struct Opened {
-        FileDescriptor descriptor; ///< read-only
+        FileDescriptor descriptor; ///< read-only; none where `read` stands in for it
         std::string path;          ///< as it was opened
         std::string displayName;   ///< the file's last path component, or the device name
         std::uint64_t size = 0;
@@ -49,6 +49,7 @@ public:
         std::function<void()>
             cleanup; ///< run once at close, for example to detach a disk image; may be empty
         bool needsAlignment = false; ///< reads fail unless buffer, offset and count are aligned
+        ReadFunction read {};        ///< instead of the descriptor; may be empty
     };
 
     explicit DiskSource(Opened opened);

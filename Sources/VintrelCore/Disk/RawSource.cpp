@@ -35,6 +35,7 @@ RawSource::RawSource(Opened opened)
     , isDevice_(opened.isDevice)
     , needsAlignment_(opened.needsAlignment)
     , descriptor_(std::move(opened.descriptor))
+    , read_(std::move(opened.read))
     , watch_(opened.size)
 {
 }
@@ -101,10 +102,23 @@ std::size_t RawSource::attempt(std::uint64_t offset, std::span<std::uint8_t> int
 /// As pread().
 ssize_t RawSource::readOnce(std::uint64_t offset, std::span<std::uint8_t> into)
 {
+    if (read_)
+        return readElsewhere(offset, into);
     return needsAlignment_
         ? readAligned(offset, into)
         : ::pread(descriptor_.get(), into.data(), std::min(into.size(), largestSystemRead),
             static_cast<off_t>(std::min<std::uint64_t>(offset, std::numeric_limits<off_t>::max())));
+}
+
+/// As pread(). The other source has recovered what it could: what is missing now stays missing.
+ssize_t RawSource::readElsewhere(std::uint64_t offset, std::span<std::uint8_t> into)
+{
+    const auto count
+        = static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), size_ - offset));
+    if (read_(offset, into.first(count)))
+        return static_cast<ssize_t>(count);
+    errno = EIO;
+    return -1;
 }
 
 /// Image files stay where they are.

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <sys/stat.h>
@@ -14,16 +15,21 @@
 
 class AlignedBuffer;
 
+/// Fills a buffer from byte `offset` on, for a source whose bytes lie in another one. False when
+/// some of them could not be read. Never asked for bytes beyond the size.
+using ReadFunction = std::function<bool(std::uint64_t offset, std::span<std::uint8_t> into)>;
+
 /// The open file or device below a DiskSource: single reads, which can fail, without cache and
 /// without recovery. Offsets, counts and sizes are in bytes. Used by one thread at a time.
 class RawSource {
 public:
     struct Opened {
-        FileDescriptor descriptor; ///< read-only
+        FileDescriptor descriptor; ///< read-only; none where `read` stands in for it
         std::uint64_t size = 0;
         std::uint32_t sectorSize = 512;
         bool isDevice = false;
         bool needsAlignment = false; ///< reads fail unless buffer, offset and count are aligned
+        ReadFunction read {};        ///< instead of the descriptor; may be empty
     };
 
     explicit RawSource(Opened opened);
@@ -54,6 +60,7 @@ public:
 
 private:
     ssize_t readOnce(std::uint64_t offset, std::span<std::uint8_t> into);
+    ssize_t readElsewhere(std::uint64_t offset, std::span<std::uint8_t> into);
     ssize_t readAligned(std::uint64_t offset, std::span<std::uint8_t> into);
     bool isSimulatedBad(std::uint64_t start, std::uint64_t end) const;
     void noteFailure(int error);
@@ -64,6 +71,7 @@ private:
     const bool isDevice_;
     const bool needsAlignment_;
     FileDescriptor descriptor_;
+    const ReadFunction read_;
     DeviceWatch watch_;
     std::unique_ptr<AlignedBuffer> detour_; ///< for reads whose own buffer is not aligned
     std::uint64_t bytesRead_ = 0;
