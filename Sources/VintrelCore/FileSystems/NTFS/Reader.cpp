@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/NTFS/AllocationMap.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/FileSystems/NTFS/Shadow/Snapshots.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/LostVolumeSearch.h"
 #include "VintrelCore/Model/WorkProgress.h"
@@ -104,5 +105,6 @@ const FileSystemReader ntfsReader {
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
     .findLostFolders = nullptr,
+    .findSnapshots = NTFSShadow::snapshots,
     .addUsedRanges = addUsedRanges,
 };
