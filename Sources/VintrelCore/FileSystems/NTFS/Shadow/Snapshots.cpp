@@ -116,7 +116,8 @@ VolumeList snapshots(DiskSource& source, Volume& volume, WorkProgress* progress)
 {
     VolumeList found;
     const auto* const info = dynamic_cast<const NTFSDeepInfo*>(volume.deepContext.get());
-    if (info == nullptr || !info->geometry.hasPlace)
+    // What was put together from loose records lies where another volume keeps its copies.
+    if (info == nullptr || !info->geometry.hasPlace || info->mft.extents().empty())
         return found;
     const auto stores = readCatalog(source, volume.offset);
     if (stores.empty())
