@@ -87,9 +87,13 @@ struct MFTRecord {
     std::uint32_t reparseTag = 0;
     /// Where the tag lies, when it is not in the record.
     std::optional<std::uint64_t> reparseLCN;
-    /// Of a folder whose index does not fit in the record: where it begins.
-    std::optional<std::uint64_t> indexLCN;
+    RunList indexRuns; ///< of a folder whose index does not fit in the record
 
+    /// Where the index of a folder begins, when it does not fit in the record.
+    std::optional<std::uint64_t> indexLCN() const
+    {
+        return indexRuns.empty() ? std::nullopt : indexRuns.front().lcn;
+    }
     bool isExtension() const { return base != FileReference {}; }
     bool hasAttributeList() const { return !attributeList.empty() || !attributeListRuns.empty(); }
     /// Empties the record, and keeps the room that its lists have for the next one.
@@ -106,6 +110,10 @@ struct MFTRecord {
 bool sequenceMatches(std::uint16_t referred, std::uint16_t sequence, bool inUse);
 
 namespace NTFSParser {
+
+/// The name that the value of a $FILE_NAME attribute holds; none when it ends before the name does.
+/// The value may be followed by anything.
+std::optional<FNInfo> fileNameIn(ByteView value);
 
 /// How much of a record tells whether it is one.
 inline constexpr std::size_t recordHeaderSize = 48;
