@@ -57,6 +57,7 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
     auto created = record.created;
     auto modified = record.modified;
     std::string name;
+    entry.isUnnamed = best == nullptr;
     if (best == nullptr) {
         name = "unavngivet-" + std::to_string(entry.number);
     } else {
@@ -78,6 +79,8 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
     entry.node->modified = modified;
     entry.node->fsID = entry.number;
     NTFSStreams::attach(context_, record, *entry.node);
+    if (record.isDirectory && !record.indexRuns.empty())
+        indices_.push_back(std::move(record.indexRuns));
 }
 
 void MFTRecords::finish()
