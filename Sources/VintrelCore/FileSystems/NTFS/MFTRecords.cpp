@@ -44,6 +44,7 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
     auto* const best = record.bestName();
     auto content = record.isDirectory ? NTFSContent::Content {}
                                       : NTFSContent::assemble(context_, record.data);
+    NTFSContent::unpackStandIn(context_, record, content);
     NTFSContent::judgeStandIn(content, NTFSContent::reparseTagOf(context_, record));
     const bool isWorthAName = !record.inUse && content.size > 0;
     if (best == nullptr && !isWorthAName)

@@ -195,6 +195,7 @@ void readReparsePoint(ByteView attribute, MFTRecord& record)
     const auto header = attribute.load<NonResidentHeader>(0);
     if (!header || header->common.nonResident == 0) {
         record.reparseTag = residentValue(attribute).u32le(0);
+        record.packing = WOF::methodIn(residentValue(attribute));
         return;
     }
     const auto runs = runsOf(attribute, *header);

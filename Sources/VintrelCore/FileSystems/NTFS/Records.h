@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/NTFS/Runs.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
+#include "VintrelCore/Foundation/WOF.h"
 
 #include <cstdint>
 #include <optional>
@@ -85,6 +86,8 @@ struct MFTRecord {
     std::string volumeName;              ///< of $Volume alone
     /// What kind of file it stands in for ([MS-FSCC], Reparse Tags); 0 when it is no reparse point.
     std::uint32_t reparseTag = 0;
+    /// How Windows packed its content; none when it did not, or the tag is not in the record.
+    std::optional<WOF::Method> packing;
     /// Where the tag lies, when it is not in the record.
     std::optional<std::uint64_t> reparseLCN;
     RunList indexRuns; ///< of a folder whose index does not fit in the record

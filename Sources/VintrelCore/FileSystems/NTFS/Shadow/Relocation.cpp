@@ -80,7 +80,7 @@ bool isMoved(const Mapping& mapping, const CompressedRuns& data)
 std::vector<Mapping::Piece> locate(const Mapping& mapping, const FileData& data)
 {
     std::vector<Mapping::Piece> pieces;
-    if (const auto* extents = std::get_if<ExtentList>(&data)) {
+    if (const auto* extents = extentsOf(data)) {
         for (const auto& extent : *extents)
             if (extent.offset)
                 std::ranges::move(
@@ -97,6 +97,8 @@ FileData relocated(const Mapping& mapping, FileData data)
 {
     if (const auto* extents = std::get_if<ExtentList>(&data))
         return relocated(mapping, *extents);
+    if (auto* const packed = std::get_if<WOFContent>(&data))
+        packed->extents = relocated(mapping, packed->extents);
     const auto* const compressed = std::get_if<CompressedRuns>(&data);
     if (compressed != nullptr && compressed->clusterSize % sectorSize == 0
         && isMoved(mapping, *compressed))

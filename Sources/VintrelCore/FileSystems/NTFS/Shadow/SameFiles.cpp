@@ -23,7 +23,7 @@ constexpr std::string_view storeSuffix = "{3808876b-c176-4e48-b7ae-04046e6cc752}
 /// Where a content lies, in pieces. In-memory content has none.
 ExtentList placesOf(const FileData& data)
 {
-    if (const auto* extents = std::get_if<ExtentList>(&data))
+    if (const auto* extents = extentsOf(data))
         return *extents;
     ExtentList places;
     if (const auto* compressed = std::get_if<CompressedRuns>(&data))
@@ -80,8 +80,8 @@ private:
     {
         if (one == other)
             return true;
-        return one.index() == other.index() && !std::holds_alternative<Bytes>(one)
-            && isSame(placesOf(one), placesOf(other));
+        const auto places = placesOf(one);
+        return one.index() == other.index() && !places.empty() && isSame(places, placesOf(other));
     }
 
     bool isSame(const ExtentList& ones, const ExtentList& others)
