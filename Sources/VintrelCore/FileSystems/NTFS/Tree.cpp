@@ -51,20 +51,35 @@ FileData locateBitmap(const NTFSContext& context, MFTRecords& records)
     return NTFSContent::assemble(context, bitmap->data).data;
 }
 
-/// Lowers the chances of deleted files whose clusters another deleted file had after them.
+/// Lowers the chances of deleted files, and of their streams, whose clusters another deleted file
+/// had after them.
 void judgeSharing(const NTFSContext& context, const MFTRecords& records)
 {
     NTFSDeletedClaims claims;
+    std::vector<Attachment*> streams; // numbered behind the files
     const auto& entries = records.entries();
-    for (std::size_t index = 0; index < entries.size(); ++index)
-        if (entries[index].node && !entries[index].inUse)
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        const auto& entry = entries[index];
+        if (!entry.node || entry.inUse)
+            continue;
+        claims.add(index, entry.node->data, context.geometry(), entry.lastWrite);
+        if (!entry.node->attachments)
+            continue;
+        for (auto& stream : *entry.node->attachments) {
             claims.add(
-                index, entries[index].node->data, context.geometry(), entries[index].lastWrite);
+                entries.size() + streams.size(), stream.data, context.geometry(), entry.lastWrite);
+            streams.push_back(&stream);
+        }
+    }
     std::size_t index = 0;
     for (const auto doubts : claims.judge()) {
-        const auto& node = entries[index++].node;
-        if (!doubts.empty() && node->recoverability != Recoverability::poor) // its note says why
-            judgeFurther(*node, doubts);
+        const auto number = index++;
+        if (doubts.empty())
+            continue;
+        if (number >= entries.size())
+            judgeFurther(*streams[number - entries.size()], doubts);
+        else if (auto& node = *entries[number].node; node.recoverability != Recoverability::poor)
+            judgeFurther(node, doubts); // else its note says why
     }
 }
 

@@ -73,3 +73,30 @@ TEST(NTFSDeletedClaims, TellNothingWhereTooManyFilesShareACluster)
     for (const auto& node : disk.volume->root->children())
         EXPECT_NE(node->recoverability, Recoverability::good) << node->fsID;
 }
+
+TEST(NTFSDeletedClaims, TakeStreamsToo)
+{
+    Image image;
+    const auto put = [&](std::uint64_t number, std::u16string_view name, const Image::Data& own,
+                         const Image::Data& stream) {
+        image.put(number,
+            { .inUse = false,
+                .attributes = { Image::fileName(root, name), Image::data(own),
+                    Image::withName(Image::data(stream), u"strøm") },
+                .logSequence = number });
+    };
+    put(20, u"A", { .runs = { { 200, 4 } }, .size = 4096 },
+        { .runs = { { 300, 4 } }, .size = 4096 });
+    put(21, u"B", { .runs = { { 400, 4 } }, .size = 4096 },
+        { .runs = { { 200, 4 } }, .size = 4096 });
+    put(22, u"C", { .runs = { { 300, 4 } }, .size = 4096 },
+        { .runs = { { 500, 4 } }, .size = 4096 });
+    const auto disk = parse(image);
+    const auto levels = [&](const char* path) {
+        return std::string(label(disk[path].recoverability)) + " "
+            + std::string(label(disk[path].attachments->front().recoverability));
+    };
+    EXPECT_EQ(levels("/A"), "Ringe Ringe");
+    EXPECT_EQ(levels("/B"), "God God");
+    EXPECT_EQ(levels("/C"), "God God");
+}
