@@ -43,7 +43,7 @@ struct Match {
 Match matchAt(const Bytes& content, std::size_t at, std::size_t end, std::size_t most)
 {
     Match best;
-    for (const std::size_t distance : { 1, 2, 3, 26, 300, 2000 }) {
+    for (const std::size_t distance : { 1u, 2u, 3u, 26u, 300u, 2000u }) {
         std::size_t length = 0;
         while (distance <= at && at + length < end && length < most
             && content[at + length] == content[at + length - distance])

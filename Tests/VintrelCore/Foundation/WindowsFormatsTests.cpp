@@ -15,7 +15,8 @@ namespace {
 using Unpack = std::optional<Bytes> (*)(ByteView packed, std::size_t size);
 
 /// Lengths of codes for pairs of symbols, by their place in the table, and the bits behind it.
-Bytes xpressExample(std::initializer_list<std::pair<std::size_t, std::uint8_t>> lengths, Bytes bits)
+Bytes xpressExample(
+    std::initializer_list<std::pair<std::size_t, std::uint8_t>> lengths, const Bytes& bits)
 {
     Bytes table(256);
     for (const auto& [at, pair] : lengths)

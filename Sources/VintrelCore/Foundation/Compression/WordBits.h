@@ -49,7 +49,11 @@ public:
     }
 
     /// Where the words go on behind the one that the next bit lies in, in bytes.
-    std::int64_t nextWord() const { return position_ - (available_ - 1) / 16 * 2; }
+    std::int64_t nextWord() const
+    {
+        const std::int64_t wordsLeft = (available_ - 1) / 16;
+        return position_ - 2 * wordsLeft;
+    }
     /// Whether more was read than there is.
     bool isOver() const
     {

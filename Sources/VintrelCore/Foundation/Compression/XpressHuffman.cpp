@@ -9,6 +9,7 @@ constexpr std::size_t tableSize = 256; ///< two code lengths in each byte
 constexpr std::size_t maxSize = 65'536;
 constexpr std::uint16_t literals = 256;
 constexpr std::size_t leastMatch = 3;
+constexpr int lengthBits = 4;               ///< of a match
 constexpr std::uint32_t longLength = 15;    ///< goes on in a byte
 constexpr std::uint32_t longerLength = 255; ///< and in a word
 
@@ -26,7 +27,7 @@ std::optional<HuffmanCode> readCode(ByteView packed)
 /// The length of a match less the least one; none for one that is too short for its form.
 std::optional<std::size_t> takeLength(WordBits& bits, std::uint16_t match)
 {
-    std::uint32_t length = match % (longLength + 1);
+    std::uint32_t length = match & ((1U << lengthBits) - 1);
     if (length < longLength)
         return length;
     length = bits.takeByte();
@@ -40,7 +41,7 @@ std::optional<std::size_t> takeLength(WordBits& bits, std::uint16_t match)
 bool appendMatch(Bytes& content, WordBits& bits, std::uint16_t match, std::size_t size)
 {
     const auto length = takeLength(bits, match);
-    const int offsetBits = match / (longLength + 1);
+    const int offsetBits = match >> lengthBits;
     const std::size_t distance = (std::size_t { 1 } << offsetBits) + bits.take(offsetBits);
     if (!length || distance > content.size() || *length + leastMatch > size - content.size())
         return false;
