@@ -40,7 +40,6 @@ public:
 
     /// Where the first list of copy `index` lies.
     std::uint64_t listOffset(std::size_t index) const { return stores_.at(index).list; }
-    std::uint64_t end() const { return next_; }
 
 private:
     struct Store {

@@ -73,11 +73,11 @@ public:
     }
 
 private:
+    /// Of an offset above 1.
     static std::size_t slotOf(std::size_t offset)
     {
-        return offset < 2
-            ? offset
-            : static_cast<std::size_t>(2 * widthOf(offset)) + (offset >> (widthOf(offset) - 1) & 1);
+        const auto width = static_cast<std::size_t>(widthOf(offset));
+        return 2 * width + (offset >> (width - 1) & 1);
     }
 
     void putHeader(std::size_t type, std::size_t size)
@@ -93,7 +93,6 @@ private:
         symbol < 12 ? bits_.put(symbol, 4) : bits_.put(symbol + 12, 5);
     }
 
-    /// `short`: how many of the first codes are a bit shorter than the others.
     void putLengths(std::vector<std::size_t>& previous, std::size_t first, std::size_t count,
         const std::function<std::size_t(std::size_t)>& lengthOf)
     {
@@ -164,7 +163,7 @@ private:
                 putMatch(match, type == 2);
             else
                 putMain(content_[at_]);
-            at_ += std::max<std::size_t>(match.length > 2 ? match.length : 1, 1);
+            at_ += match.length > 2 ? match.length : 1;
         }
     }
 

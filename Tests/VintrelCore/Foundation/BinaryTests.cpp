@@ -134,12 +134,8 @@ TEST_F(LocalTime, DatesFarFromNowAreTold)
         std::string local, iso;
     } rows[] = {
         { TimeConversion::fromHFS(1), "1904-01-01 01:00:01", "1904-01-01T00:00:01Z" },
-        { TimeConversion::fromHFS(2'082'844'799), "1970-01-01 00:59:59", "1969-12-31T23:59:59Z" },
         { TimeConversion::fromDOS(dosDate(2107, 12, 31), dosTime(23, 59, 58)),
             "2107-12-31 23:59:58", "2107-12-31T22:59:58Z" },
-        { TimeConversion::fromExFAT(
-              std::uint32_t { dosDate(2107, 12, 31) } << 16 | dosTime(12, 0, 0), 0x80),
-            "2107-12-31 13:00:00", "2107-12-31T12:00:00Z" },
     };
     for (const auto& [date, local, iso] : rows) {
         ASSERT_TRUE(date) << iso;

@@ -106,22 +106,15 @@ TEST_F(Recovery, KeepsDatesFarFromNowWhereTheDestinationDoes)
     for (const auto& [name, date] : dates)
         addFile(*root, name).modified = date;
     recover();
+    const auto own = target / "til sammenligning";
+    writeFile(own, {});
     for (const auto& [name, date] : dates) {
-        const auto seconds = floor<std::chrono::seconds>(date);
-        const std::timespec wanted { .tv_sec = seconds.time_since_epoch().count(),
-            .tv_nsec = (date - seconds).count() };
+        const auto second = floor<std::chrono::seconds>(date);
+        const std::timespec wanted { second.time_since_epoch().count(), (date - second).count() };
         const std::timespec times[] = { wanted, wanted };
-        const auto own = target / "til sammenligning";
-        writeFile(own, {});
         ASSERT_EQ(::utimensat(AT_FDCWD, own.c_str(), times, 0), 0);
-        struct stat expected {
-        }, status {};
-        ASSERT_EQ(::stat(own.c_str(), &expected), 0);
-        ASSERT_EQ(::stat((target / ("r/" + std::string(name))).c_str(), &status), 0);
         EXPECT_EQ(
-            fs::last_write_time(target / ("r/" + std::string(name))), fs::last_write_time(own))
-            << name;
-        EXPECT_EQ(status.st_mtime, expected.st_mtime) << name;
+            fs::last_write_time(target / ("r/" + std::string(name))), fs::last_write_time(own));
     }
 }
 

@@ -120,8 +120,8 @@ TEST(RecycleBin, IsKnownOnCardsToo)
     const auto bin = exfat.addFolder(exfat.root(), { .name = u"bin" });
     exfat.addFile(bin, { .name = u"$IABC123.jpg" }, record);
     exfat.addFile(bin, { .name = u"$RABC123.jpg" }, bytesOf("x"));
-    for (const auto* image :
-        { static_cast<const DiskImage*>(&fat), static_cast<const DiskImage*>(&exfat) }) {
+    const DiskImage* const images[] = { &fat, &exfat };
+    for (const auto* image : images) {
         const auto source = image->source();
         const auto volumes = FullScan::run(*source, std::nullopt, nullptr);
         EXPECT_EQ(volumes.at(0)->root->allFiles().back()->note,

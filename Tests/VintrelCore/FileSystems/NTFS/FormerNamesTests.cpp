@@ -55,92 +55,56 @@ void putIndex(Image& image, const Bytes& block)
 TEST(NTFSFormerNames, OfOrphansAreTakenFromWhatStillKnowsThem)
 {
     const auto entry = Image::journalEntry;
+    using Entries = std::vector<Image::IndexEntry>;
     const FileReference photo { 21, 7 };
-    const std::string unknown = std::string(" ") + std::string(orphans) + " " + std::string(orphans)
-        + "/brev.txt " + std::string(orphans) + "/unavngivet-21 /mappe";
-    const std::string folder = std::string(orphans) + "/Papirer";
-    const std::string known = " " + std::string(orphans) + " " + folder + " " + folder
-        + "/brev.txt " + folder + "/foto.jpg /mappe";
-    const Image::IndexEntry folderEntry { lostFolder, root, u"Papirer" },
-        photoEntry { photo, lostFolder, u"foto.jpg" };
+    const std::string place(orphans), folder = place + "/Papirer";
+    const std::string unknown
+        = " " + place + " " + place + "/brev.txt " + place + "/unavngivet-21 /mappe";
+    const std::string known
+        = " " + place + " " + folder + " " + folder + "/brev.txt " + folder + "/foto.jpg /mappe";
+    const auto oldName = entry(2, lostFolder, root, u"Ny mappe"),
+               name = entry(2, lostFolder, root, u"Papirer"),
+               photoName = entry(2, photo, lostFolder, u"foto.jpg");
+    const Image::IndexEntry inIndex { lostFolder, root, u"Papirer" },
+        photoInIndex { photo, lostFolder, u"foto.jpg" },
+        shortName { lostFolder, root, u"PAPIR~1", 2 }, other { { 40, 1 }, root, u"bliver" },
+        olderName { lostFolder, root, u"Gammelt navn" };
     const struct {
         const char* what;
-        std::function<void(Image&)> put;
+        std::vector<Bytes> journal;
+        Entries index;
+        std::size_t removed;
         std::string expected;
     } rows[] = {
-        { "nothing", [](Image&) {}, unknown },
-        { "the journal, by its newest entry",
-            [&](Image& image) {
-                putJournal(image, 2,
-                    { entry(2, lostFolder, root, u"Ny mappe"),
-                        entry(2, photo, lostFolder, u"foto.jpg"),
-                        entry(2, lostFolder, root, u"Papirer") });
-            },
+        { "nothing", {}, {}, 0, unknown },
+        { "the newest entries of the journal", { oldName, photoName, name }, {}, 0, known },
+        { "wide references",
+            { entry(3, lostFolder, root, u"Papirer"), entry(3, photo, lostFolder, u"foto.jpg") },
+            {}, 0, known },
+        { "other records of these numbers, and an unknown version",
+            { entry(2, { 30, 5 }, root, u"Andet"), entry(2, { 21, 8 }, lostFolder, u"andet"),
+                entry(4, lostFolder, root, u"ukendt") },
+            {}, 0, unknown },
+        { "what was removed from it", {}, { other, inIndex, photoInIndex }, 2, known },
+        { "long names before short ones", {}, { shortName, inIndex, shortName, photoInIndex }, 0,
             known },
-        { "a journal with wide references",
-            [&](Image& image) {
-                putJournal(image, 1,
-                    { entry(3, lostFolder, root, u"Papirer"),
-                        entry(3, photo, lostFolder, u"foto.jpg") });
-            },
-            known },
-        { "a journal of other records of these numbers",
-            [&](Image& image) {
-                putJournal(image, 1,
-                    { entry(2, { 30, 5 }, root, u"Andet"),
-                        entry(2, { 21, 8 }, lostFolder, u"andet"),
-                        entry(4, lostFolder, root, u"ukendt udgave") });
-            },
-            unknown },
-        { "the index of a folder",
-            [&](Image& image) {
-                putIndex(image, Image::indexBlock({ folderEntry, photoEntry }));
-            },
-            known },
-        { "entries that were removed from it",
-            [&](Image& image) {
-                putIndex(image,
-                    Image::indexBlock(
-                        { { { 40, 1 }, root, u"bliver" }, folderEntry, photoEntry }, 2));
-            },
-            known },
-        { "its long names before its short ones",
-            [&](Image& image) {
-                putIndex(image,
-                    Image::indexBlock({ { lostFolder, root, u"PAPIR~1", 2 }, folderEntry,
-                        { lostFolder, root, u"PAPIR~1", 2 }, photoEntry }));
-            },
-            known },
-        { "the journal before the index",
-            [&](Image& image) {
-                putJournal(image, 1,
-                    { entry(2, lostFolder, root, u"Papirer"),
-                        entry(2, photo, lostFolder, u"foto.jpg") });
-                putIndex(image, Image::indexBlock({ { lostFolder, root, u"Gammelt navn" } }));
-            },
-            known },
-        { "a damaged index",
-            [&](Image& image) {
-                auto block = Image::indexBlock({ folderEntry, photoEntry });
-                block[1022] ^= 1;
-                putIndex(image, block);
-            },
-            unknown },
+        { "a folder that is left", { entry(2, photo, { 22, 1 }, u"foto.jpg") }, {}, 0,
+            " " + place + " " + place + "/brev.txt /mappe /mappe/foto.jpg" },
+        { "the journal before an index", { name, photoName }, { olderName }, 0, known },
     };
-    for (const auto& [what, put, expected] : rows) {
+    for (const auto& [what, journal, index, removed, expected] : rows) {
         auto image = volumeWithOrphans();
-        put(image);
+        if (!journal.empty())
+            putJournal(image, 2, journal);
+        if (!index.empty())
+            putIndex(image, Image::indexBlock(index, removed));
         EXPECT_EQ(parse(image).names(), expected) << what;
     }
-}
-
-TEST(NTFSFormerNames, OfAFileInAKnownFolderPutItThere)
-{
+    auto damaged = Image::indexBlock({ inIndex, photoInIndex });
+    damaged[1022] ^= 1;
     auto image = volumeWithOrphans();
-    putJournal(image, 1, { Image::journalEntry(2, { 21, 7 }, { 22, 1 }, u"foto.jpg") });
-    const auto disk = parse(image);
-    EXPECT_EQ(disk.content("/mappe/foto.jpg"), bytesOf("foto"));
-    EXPECT_EQ(disk["/mappe/foto.jpg"].status, EntryStatus::deleted);
+    putIndex(image, damaged);
+    EXPECT_EQ(parse(image).names(), unknown);
 }
 
 TEST(NTFSFormerNames, AreReadOnlyForOrphans)

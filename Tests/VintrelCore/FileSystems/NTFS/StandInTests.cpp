@@ -109,20 +109,15 @@ TEST(NTFSStandIn, IsUnpackedWhereWindowsKeptTheContentInAStream)
                         u"WofCompressedData"),
                     Image::attribute(0xC0, WindowsPacking::reparsePoint(algorithm)) }));
     }
-    const auto unpacked = [](const Parsed& disk, const std::string& path) {
-        std::uint64_t same = 0;
-        const auto bad = FileReader::stream(
-            disk[path], *disk.source, 4096, std::nullopt, [&](const FileReader::Piece& piece) {
-                same += piece.size();
-                return true;
-            });
-        return std::to_string(same - bad) + " of " + std::to_string(same);
+    const auto badBytes = [](const Parsed& disk, const std::string& path) {
+        return FileReader::stream(disk[path], *disk.source, 4096, std::nullopt,
+            [](const FileReader::Piece&) { return true; });
     };
     const auto disk = parse(image);
     for (const std::string path : { "/fil 0", "/fil 1", "/fil 2", "/fil 3" }) {
         EXPECT_EQ(fate(disk[path]), "Eksisterende, God") << path;
         EXPECT_EQ(disk.content(path), content) << path;
-        EXPECT_EQ(unpacked(disk, path), "99000 of 99000") << path;
+        EXPECT_EQ(badBytes(disk, path), 0u) << path;
     }
     // A chunk that is stored as it is, which nothing else can tell to be wrong.
     const auto& bytes = image.bytes();
@@ -131,14 +126,14 @@ TEST(NTFSStandIn, IsUnpackedWhereWindowsKeptTheContentInAStream)
         - bytes.begin());
     auto source = image.source();
     source->addSimulatedBadRange({ at + 1024, at + 1025 });
-    EXPECT_EQ(unpacked(parse(std::move(source)), "/fil 0"), "94904 of 99000");
+    EXPECT_EQ(badBytes(parse(std::move(source)), "/fil 0"), 4096u);
     // The table of the one, and the first chunk of the next one behind its table.
     image.bytes()[image.offsetOf(*places[0][0].lcn)] = 0xFF;
     image.bytes()[image.offsetOf(*places[2][0].lcn) + 48] = 0xFF;
     const auto damaged = parse(image);
-    EXPECT_EQ(unpacked(damaged, "/fil 2"), "90808 of 99000");
+    EXPECT_EQ(badBytes(damaged, "/fil 2"), 8192u);
     EXPECT_EQ(damaged.content("/fil 2"),
         joined({ Bytes(8192), Bytes(content.begin() + 8192, content.end()) }));
-    EXPECT_NE(unpacked(damaged, "/fil 0"), "99000 of 99000");
-    EXPECT_EQ(unpacked(damaged, "/fil 1"), "99000 of 99000");
+    EXPECT_GT(badBytes(damaged, "/fil 0"), 0u);
+    EXPECT_EQ(badBytes(damaged, "/fil 1"), 0u);
 }
