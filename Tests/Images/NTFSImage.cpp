@@ -40,6 +40,13 @@ int widthOf(std::int64_t value, bool isSigned)
     return width;
 }
 
+/// The value of a resident attribute.
+Bytes attributeValue(const Bytes& attribute)
+{
+    const auto value = ByteView(attribute).sub(24, ByteView(attribute).u32le(16)).span();
+    return { value.begin(), value.end() };
+}
+
 /// Writes an update sequence to byte `offset` and to the ends of the sectors.
 void protect(Bytes& bytes, std::uint64_t offset)
 {
@@ -210,21 +217,49 @@ Bytes NTFSImage::encode(const Runs& runs)
     return bytes;
 }
 
-Bytes NTFSImage::indexBlock(FileReference folder)
+Bytes NTFSImage::indexBlock(const std::vector<IndexEntry>& entries, std::size_t removed)
 {
-    constexpr std::uint64_t first = 64, length = 16 + 72; // an entry with a name of three letters
+    constexpr std::uint64_t first = 64;
     Bytes bytes(4096);
     putText(bytes, 0, "INDX");
     putLE(bytes, 4, 40, 2);
     putLE(bytes, 6, bytes.size() / 512 + 1, 2);
     putLE(bytes, 24, first - 24, 4);
-    putLE(bytes, 28, first - 24 + length + 16, 4);
-    putLE(bytes, first + 8, length, 2);
-    putLE(bytes, first + 10, 72, 2);
-    putReference(bytes, first + 16, folder);
-    putLE(bytes, first + length + 8, 16, 2);
-    putLE(bytes, first + length + 12, 2, 2); // the last entry
+    std::uint64_t at = first;
+    for (std::size_t i = 0; i <= entries.size(); ++i) {
+        if (i + removed == entries.size()) {
+            putLE(bytes, at + 8, 16, 2);
+            putLE(bytes, at + 12, 2, 2); // the last entry
+            at += 16;
+            putLE(bytes, 28, at - 24, 4);
+        }
+        if (i == entries.size())
+            break;
+        const auto& entry = entries[i];
+        const auto name = attributeValue(fileName(entry.folder, entry.name, entry.nameSpace));
+        putReference(bytes, at, entry.file);
+        putLE(bytes, at + 8, aligned(16 + name.size()), 2);
+        putLE(bytes, at + 10, name.size(), 2);
+        std::ranges::copy(name, bytes.begin() + static_cast<std::ptrdiff_t>(at + 16));
+        at += aligned(16 + name.size());
+    }
     protect(bytes, 40);
+    return bytes;
+}
+
+Bytes NTFSImage::journalEntry(
+    std::uint16_t version, FileReference file, FileReference parent, std::u16string_view name)
+{
+    const std::uint64_t wide = version == 3 ? 8 : 0; // what each reference takes more
+    const std::uint64_t nameAt = 60 + 2 * wide;
+    Bytes bytes(aligned(nameAt + 2 * name.size()));
+    putLE(bytes, 0, bytes.size(), 4);
+    putLE(bytes, 4, version, 2);
+    putReference(bytes, 8, file);
+    putReference(bytes, 16 + wide, parent);
+    putLE(bytes, nameAt - 4, 2 * name.size(), 2);
+    putLE(bytes, nameAt - 2, nameAt, 2);
+    putUTF16(bytes, nameAt, name);
     return bytes;
 }
 

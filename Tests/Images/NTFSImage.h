@@ -73,8 +73,20 @@ public:
     static Bytes withName(Bytes attribute, std::u16string_view name);
     static Bytes listContent(const std::vector<ListEntry>& entries);
     static Bytes encode(const Runs& runs);
-    /// A block of the index of a folder, with one file in it.
-    static Bytes indexBlock(FileReference folder);
+    /// An entry of the index of a folder.
+    struct IndexEntry {
+        FileReference file;
+        FileReference folder;
+        std::u16string name;
+        std::uint8_t nameSpace = 1;
+    };
+    /// A block of the index of a folder. Of its entries the last `removed` are not in use any more.
+    static Bytes indexBlock(const std::vector<IndexEntry>& entries, std::size_t removed = 0);
+    /// The same with one file in it.
+    static Bytes indexBlock(FileReference folder) { return indexBlock({ { {}, folder, u"fil" } }); }
+    /// An entry of the change journal, of version 2 or 3.
+    static Bytes journalEntry(
+        std::uint16_t version, FileReference file, FileReference parent, std::u16string_view name);
 
     /// Writes a record, wherever the MFT has it.
     void put(std::uint64_t number, const Record& record);

@@ -1,3 +1,4 @@
+#include "Tests/Images/NTFSImage.h"
 #include "Tests/VintrelCLI/Card.h"
 #include "VintrelCLI/Console.h"
 #include "VintrelCLI/Output.h"
@@ -67,4 +68,23 @@ TEST_F(Card, IsToldToProgramsLineByLine)
     EXPECT_NE(
         deep.find(R"("completed":true,"finds":{"files":0,"bootSectors":1,)"), std::string::npos)
         << deep;
+}
+
+TEST_F(Card, TellsStreamsToProgramsBehindTheirFile)
+{
+    if (!hasJSON())
+        GTEST_SKIP() << "built without a library that writes JSON";
+    NTFSImage image;
+    const auto runs = image.store(Bytes(2'000, 'x'));
+    image.put(20,
+        { .attributes = { NTFSImage::fileName(NTFSImage::root, u"fil"),
+              NTFSImage::data(bytesOf("a")),
+              NTFSImage::withName(NTFSImage::data({ .runs = runs, .size = 2'000 }), u"skjult") } });
+    writeFile(path, image.bytes());
+    const std::string stream = R"({"type":"stream","volume":1,"path":"/fil:skjult",)"
+                               R"("directory":false,"size":2000,)";
+    const auto told = runWith({ "tree", path, "--json", "--streams" }).out;
+    EXPECT_NE(told.find(stream), std::string::npos) << told;
+    EXPECT_EQ(
+        runWith({ "tree", path, "--json" }).out.find(R"("type":"stream")"), std::string::npos);
 }

@@ -13,9 +13,10 @@
 namespace {
 
 constexpr const FileSystemReader* rows[] = {
-    &ntfsReader,    // says its name, which is more than FAT does
-    &exfatReader,   // says it too
-    &fatReader,     // after both: only its numbers tell it, and theirs could pass for it
+    &ntfsReader,          // says its name, which is more than FAT does
+    &exfatReader,         // says it too
+    &encryptedToGoReader, // has a boot sector of FAT, and more
+    &fatReader,           // after both: only its numbers tell it, and theirs could pass for it
     &hfsPlusReader, // keeps its first kilobyte free, where a boot sector may stand that counts more
     &apfsReader,    // has four bytes to go by
     &extReader,     // has two

@@ -6,6 +6,7 @@
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
+#include "VintrelCore/FileSystems/NTFS/IndexBlock.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
 
 #include <algorithm>
@@ -31,6 +32,11 @@ bool mayBeFATDirectory(const std::uint8_t* /*sector*/) { return true; } // its f
 bool mayBeMFTRecord(const std::uint8_t* sector)
 {
     return sector[0] == 'F' && sector[1] == 'I' && sector[2] == 'L' && sector[3] == 'E';
+}
+
+bool mayBeNTFSIndexBlock(const std::uint8_t* sector)
+{
+    return sector[0] == 'I' && sector[1] == 'N' && sector[2] == 'D' && sector[3] == 'X';
 }
 
 bool mayBeBootSector(const std::uint8_t* sector)
@@ -91,6 +97,8 @@ struct StructureRows {
         { mayBeFATDirectory, &StructureFinder::findFATDirectory },
         // takes every sector that says "FILE": records end like boot sectors now and then
         { mayBeMFTRecord, &StructureFinder::findMFTRecord },
+        // takes every sector that says "INDX", for the same reason
+        { mayBeNTFSIndexBlock, &StructureFinder::findNTFSIndexBlock },
         // takes every sector with a boot sector's signature or name
         { mayBeBootSector, &StructureFinder::findBootSector },
         { mayBeHFSHeader, &StructureFinder::findHFSHeader },
@@ -148,6 +156,13 @@ bool StructureFinder::findMFTRecord(const SweptSector& swept)
 {
     if (NTFSParser::looksLikeRecord(swept.sector().sub(0, 48)))
         result_.mftRecords.push_back(swept.offset);
+    return true;
+}
+
+bool StructureFinder::findNTFSIndexBlock(const SweptSector& swept)
+{
+    if (NTFSParser::sizeOfIndexBlock(swept.sector()))
+        result_.ntfsIndexBlocks.push_back(swept.offset);
     return true;
 }
 

@@ -42,6 +42,7 @@ private:
     bool findAPFSLeaf(const SweptSector& swept);
     bool findFATDirectory(const SweptSector& swept);
     bool findMFTRecord(const SweptSector& swept);
+    bool findNTFSIndexBlock(const SweptSector& swept);
     bool findBootSector(const SweptSector& swept);
     bool findHFSHeader(const SweptSector& swept);
     bool findHFSNode(const SweptSector& swept);

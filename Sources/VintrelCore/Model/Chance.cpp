@@ -71,6 +71,17 @@ constexpr DoubtRow rows[] = {
 static_assert(std::size(rows) == static_cast<std::size_t>(Doubt::count));
 static_assert(std::ranges::is_sorted(rows, {}, &DoubtRow::doubt));
 
+/// Nothing is known of the one and something bad of the other: the bad is certain.
+void lower(Recoverability& chance, Doubts doubts)
+{
+    const auto severity = [](Recoverability level) {
+        return level == poor ? 3 : level == unknown ? 2 : level == partial ? 1 : 0;
+    };
+    const auto level = chanceOf(doubts).level;
+    if (severity(level) > severity(chance))
+        chance = level;
+}
+
 } // namespace
 
 Doubts doubtsOf(const ClusterUse& use, const ReuseRule& rule)
@@ -116,14 +127,13 @@ void judge(FileNode& node, Doubts doubts)
 
 void judgeFurther(FileNode& node, Doubts doubts)
 {
-    const auto level = chanceOf(doubts).level;
-    // Nothing is known of the one and something bad of the other: the bad is certain.
-    const auto severity = [](Recoverability chance) {
-        return chance == poor ? 3 : chance == unknown ? 2 : chance == partial ? 1 : 0;
-    };
-    if (severity(level) > severity(node.recoverability))
-        node.recoverability = level;
+    lower(node.recoverability, doubts);
     noteDoubts(node, doubts);
+}
+
+void judgeFurther(Attachment& attachment, Doubts doubts)
+{
+    lower(attachment.recoverability, doubts);
 }
 
 void noteDoubts(FileNode& node, Doubts doubts)

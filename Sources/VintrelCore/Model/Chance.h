@@ -113,5 +113,8 @@ void judge(FileNode& node, Doubts doubts);
 /// their words that its note lacks. A chance is never raised.
 void judgeFurther(FileNode& node, Doubts doubts);
 
+/// The same of what belongs to a file, which has no note of its own.
+void judgeFurther(Attachment& attachment, Doubts doubts);
+
 /// Adds the words of these doubts that a file's note lacks, and leaves its chance as it is.
 void noteDoubts(FileNode& node, Doubts doubts);

@@ -28,6 +28,7 @@ struct DeepScanResult {
     Offsets hfsLeaves;             ///< leaf nodes of HFS+ catalogs
     Offsets nxsb;                  ///< APFS container superblocks
     Offsets mftRecords;            ///< sectors that begin an NTFS file record
+    Offsets ntfsIndexBlocks;       ///< sectors that begin a block of an NTFS folder's index
     Offsets fatDirSectors;         ///< sectors that look like part of a FAT directory
     Offsets apfsLeafNodes;         ///< leaves of APFS file-system trees
     Offsets apfsVolumeSuperblocks; ///< blocks that have the magic of one

@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/Decmpfs.h"
+#include "VintrelCore/Foundation/WOF.h"
 
 #include <cstdint>
 #include <optional>
@@ -18,6 +19,15 @@ struct Extent {
 };
 
 using ExtentList = std::vector<Extent>;
+
+/// The size of what lies in extents or, where there are none, is these bytes.
+inline std::uint64_t bytesIn(const Bytes& bytes, const ExtentList& extents)
+{
+    std::uint64_t size = extents.empty() ? bytes.size() : 0;
+    for (const auto& extent : extents)
+        size += extent.length;
+    return size;
+}
 
 /// Where the clusters of an NTFS-compressed stream lie. A compression unit with fewer physical
 /// clusters than it has virtual ones is compressed.
@@ -46,15 +56,22 @@ struct DecmpfsContent {
     ExtentList fork {}; ///< the resource fork, up to its size
 
     /// Of what is packed, in bytes.
-    std::uint64_t packedSize() const
-    {
-        std::uint64_t size = fork.empty() ? bytes.size() : 0;
-        for (const auto& extent : fork)
-            size += extent.length;
-        return size;
-    }
+    std::uint64_t packedSize() const { return bytesIn(bytes, fork); }
 
     bool operator==(const DecmpfsContent&) const = default;
+};
+
+/// Content that Windows compressed file by file, see WOF.h.
+struct WOFContent {
+    WOF::Method method {};
+    Bytes bytes;            ///< the packed stream, where that has no extents
+    ExtentList extents {};  ///< the packed stream, up to its size
+    std::uint64_t size = 0; ///< of what is unpacked, in bytes
+
+    /// Of what is packed, in bytes.
+    std::uint64_t packedSize() const { return bytesIn(bytes, extents); }
+
+    bool operator==(const WOFContent&) const = default;
 };
 
 struct NoData {
@@ -62,13 +79,16 @@ struct NoData {
 };
 
 /// Where a file's content lies: nowhere that is known, in these very bytes (content kept inside
-/// metadata), in extents in file order, in compressed runs, or as macOS compressed it.
-using FileData = std::variant<NoData, Bytes, ExtentList, CompressedRuns, DecmpfsContent>;
+/// metadata), in extents in file order, in compressed runs, or as macOS or Windows compressed it.
+using FileData
+    = std::variant<NoData, Bytes, ExtentList, CompressedRuns, DecmpfsContent, WOFContent>;
 
 /// The extents that hold a file's content, packed or not; none where it has no list of them.
 inline const ExtentList* extentsOf(const FileData& data)
 {
     if (const auto* packed = std::get_if<DecmpfsContent>(&data))
         return &packed->fork;
+    if (const auto* packed = std::get_if<WOFContent>(&data))
+        return &packed->extents;
     return std::get_if<ExtentList>(&data);
 }

@@ -95,6 +95,11 @@ public:
     /// Appends a child. Nothing is sorted, and names may repeat.
     FileNode& add(std::unique_ptr<FileNode> child);
     void removeAllChildren() { children_.clear(); }
+    /// Removes the direct children that `isUnwanted`, with all that they hold.
+    template <class Predicate> void removeChildren(Predicate isUnwanted)
+    {
+        std::erase_if(children_, [&](const auto& child) { return isUnwanted(*child); });
+    }
     void attach(Attachment attachment);
     /// Adds a remark; remarks that meet are joined with "; ".
     void addNote(std::string_view text);

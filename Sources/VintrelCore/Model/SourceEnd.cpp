@@ -42,6 +42,9 @@ std::uint64_t lengthOfRuns(const FileData& data, std::uint64_t sourceSize, bool 
     std::uint64_t length = 0;
     if (const auto* packed = std::get_if<DecmpfsContent>(&data))
         length = saturatingMultiply(packed->packedSize(), maxPackingRatio);
+    else if (const auto* packedByWindows = std::get_if<WOFContent>(&data))
+        length = saturatingMultiply(
+            packedByWindows->packedSize(), WOF::chunkSize(packedByWindows->method));
     else if (const auto* bytes = std::get_if<Bytes>(&data))
         length = bytes->size();
     else if (const auto* extents = std::get_if<ExtentList>(&data))

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <vector>
 
 namespace FileReader {
 
@@ -199,35 +200,58 @@ void streamCompressed(const CompressedRuns& data, DiskSource& source, Delivery& 
     delivery.deliverHole(delivery.remaining());
 }
 
-/// Bytes of a resource fork; fewer where it ends, zeros where it cannot be read.
-Bytes readFork(
-    const DecmpfsContent& data, DiskSource& source, std::uint64_t at, std::uint64_t count)
-{
-    if (data.fork.empty()) {
-        const auto part
-            = ByteView(data.bytes)
-                  .sub(static_cast<std::int64_t>(std::min<std::uint64_t>(at, data.bytes.size())),
-                      static_cast<std::int64_t>(count))
-                  .span();
-        return { part.begin(), part.end() };
+/// Reads bytes of a packed content, which lies in extents or, where there are none, is kept.
+class PackedReader {
+public:
+    PackedReader(const Bytes& bytes, const ExtentList& extents, DiskSource& source)
+        : bytes_(bytes)
+        , extents_(extents)
+        , source_(source)
+    {
+        std::uint64_t end = 0;
+        ends_.reserve(extents.size());
+        for (const auto& extent : extents)
+            ends_.push_back(end += extent.length);
     }
-    Bytes bytes;
-    std::uint64_t start = 0; // of the extent in the fork
-    for (const auto& extent : data.fork) {
-        const std::uint64_t end = start + extent.length;
-        const std::uint64_t from = std::max(at, start);
-        const std::uint64_t to = std::min(end, at + count);
-        if (from < to) {
-            const auto old = bytes.size();
-            bytes.resize(old + static_cast<std::size_t>(to - from));
-            if (extent.offset)
-                source.readReporting(*extent.offset + (from - start), std::span(bytes).subspan(old),
-                    ReadMode::thorough);
+
+    std::uint64_t size() const { return ends_.empty() ? bytes_.size() : ends_.back(); }
+
+    /// Fewer bytes where the content ends, zeros where it cannot be read.
+    ReadReport read(std::uint64_t at, std::uint64_t count) const
+    {
+        ReadReport report;
+        if (at >= size())
+            return report;
+        count = std::min(count, size() - at);
+        if (extents_.empty()) {
+            const auto part = std::span(bytes_).subspan(
+                static_cast<std::size_t>(at), static_cast<std::size_t>(count));
+            report.data.assign(part.begin(), part.end());
+            return report;
         }
-        start = end;
+        report.data.resize(static_cast<std::size_t>(count));
+        std::span<std::uint8_t> into(report.data);
+        auto index = static_cast<std::size_t>(std::ranges::upper_bound(ends_, at) - ends_.begin());
+        for (; !into.empty(); ++index) {
+            const auto& extent = extents_[index];
+            const std::uint64_t within = extent.length - (ends_[index] - at);
+            const auto part = into.first(static_cast<std::size_t>(
+                std::min<std::uint64_t>(extent.length - within, into.size())));
+            if (extent.offset)
+                report.badBytes
+                    += source_.readReporting(*extent.offset + within, part, ReadMode::thorough);
+            at += part.size();
+            into = into.subspan(part.size());
+        }
+        return report;
     }
-    return bytes;
-}
+
+private:
+    const Bytes& bytes_;
+    const ExtentList& extents_;
+    DiskSource& source_;
+    std::vector<std::uint64_t> ends_; ///< of the extents, in bytes of the content
+};
 
 /// Hands on what was unpacked. What could not be is zeros, and counts as unreadable.
 void deliverUnpacked(std::optional<Bytes> content, std::uint64_t size, Delivery& delivery)
@@ -249,12 +273,11 @@ void streamDecmpfs(const DecmpfsContent& data, DiskSource& source, Delivery& del
             deliverUnpacked(
                 Decmpfs::unpack(header.method, data.bytes, header.size), header.size, delivery);
     } else {
-        const auto forkSize = data.packedSize();
-        const auto read = [&](std::uint64_t at, std::uint64_t count) {
-            return readFork(data, source, at, std::min(count, forkSize));
-        };
+        const PackedReader fork(data.bytes, data.fork, source);
+        const auto read
+            = [&](std::uint64_t at, std::uint64_t count) { return fork.read(at, count).data; };
         std::uint64_t left = header.size;
-        for (const auto& [offset, length] : Decmpfs::blocksOf(header, forkSize, read)) {
+        for (const auto& [offset, length] : Decmpfs::blocksOf(header, fork.size(), read)) {
             if (delivery.isDone())
                 break;
             const auto size = std::min(left, Decmpfs::blockSize);
@@ -264,6 +287,26 @@ void streamDecmpfs(const DecmpfsContent& data, DiskSource& source, Delivery& del
                 size, delivery);
             left -= size;
         }
+    }
+    deliverUnpacked(std::nullopt, delivery.remaining(), delivery);
+}
+
+/// A chunk of which some cannot be read is wrong as a whole.
+void streamWOF(const WOFContent& data, DiskSource& source, Delivery& delivery)
+{
+    const PackedReader stream(data.bytes, data.extents, source);
+    const auto chunks = WOF::chunksOf(data.method, data.size, stream.size(),
+        [&](std::uint64_t at, std::uint64_t count) { return stream.read(at, count).data; });
+    std::uint64_t left = data.size;
+    for (const auto& [offset, length] : chunks) {
+        if (delivery.isDone())
+            break;
+        const auto size = std::min(left, WOF::chunkSize(data.method));
+        const auto packed = stream.read(offset, length);
+        const bool isWhole = packed.badBytes == 0 && packed.data.size() == length && length > 0;
+        deliverUnpacked(
+            isWhole ? WOF::unpack(data.method, packed.data, size) : std::nullopt, size, delivery);
+        left -= size;
     }
     deliverUnpacked(std::nullopt, delivery.remaining(), delivery);
 }
@@ -285,6 +328,8 @@ std::uint64_t stream(const Content& content, DiskSource& source, std::size_t chu
         streamCompressed(*compressed, source, delivery);
     } else if (const auto* packed = std::get_if<DecmpfsContent>(&content.data)) {
         streamDecmpfs(*packed, source, delivery);
+    } else if (const auto* packedByWindows = std::get_if<WOFContent>(&content.data)) {
+        streamWOF(*packedByWindows, source, delivery);
     }
     return delivery.badBytes();
 }

@@ -87,6 +87,19 @@ bool isHit(const Ranges& used, const ByteRange& range)
     return next != used.end() && next->start < range.end;
 }
 
+/// What speaks against a content that lies where others have something.
+Doubts doubtsOf(const Ranges& used, const FileData& data)
+{
+    const auto layout = layoutOf(data);
+    if (!layout.first)
+        return {};
+    if (isHit(used, { *layout.first, *layout.first + 1 }))
+        return Doubt::reusedBlocks;
+    const bool isPartlyHit = std::ranges::any_of(
+        layout.ranges, [&](const ByteRange& range) { return isHit(used, range); });
+    return isPartlyHit ? Doubts(Doubt::partlyReused) : Doubts();
+}
+
 } // namespace
 
 void judge(DiskSource& source, std::span<const std::unique_ptr<Volume>> trusted,
@@ -97,14 +110,10 @@ void judge(DiskSource& source, std::span<const std::unique_ptr<Volume>> trusted,
     const auto used = usedRanges(source, trusted);
     for (const auto& volume : found) {
         volume->root->forEachDescendant([&](FileNode& node, std::size_t) {
-            const auto layout = layoutOf(node.data);
-            if (!layout.first)
-                return;
-            if (isHit(used, { *layout.first, *layout.first + 1 }))
-                judgeFurther(node, Doubt::reusedBlocks);
-            else if (std::ranges::any_of(
-                         layout.ranges, [&](const ByteRange& range) { return isHit(used, range); }))
-                judgeFurther(node, Doubt::partlyReused);
+            judgeFurther(node, doubtsOf(used, node.data));
+            if (node.attachments)
+                for (auto& attachment : *node.attachments)
+                    judgeFurther(attachment, doubtsOf(used, attachment.data));
         });
     }
 }

@@ -126,3 +126,22 @@ TEST(TimeConversion, LeavesOutStampsThatMeanNoDate)
     EXPECT_EQ(TimeConversion::fromAPFS(1'500'000'001), Date {} + 1500000001ns);
     EXPECT_EQ(TimeConversion::fromAPFS(4'102'444'800'000'000'000), std::nullopt);
 }
+
+TEST_F(LocalTime, DatesFarFromNowAreTold)
+{
+    const struct {
+        std::optional<Date> date;
+        std::string local, iso;
+    } rows[] = {
+        { TimeConversion::fromHFS(1), "1904-01-01 01:00:01", "1904-01-01T00:00:01Z" },
+        { TimeConversion::fromDOS(dosDate(2107, 12, 31), dosTime(23, 59, 58)),
+            "2107-12-31 23:59:58", "2107-12-31T22:59:58Z" },
+    };
+    for (const auto& [date, local, iso] : rows) {
+        ASSERT_TRUE(date) << iso;
+        EXPECT_EQ(TimeConversion::localText(*date, "%Y-%m-%d %H:%M:%S"), local);
+        EXPECT_EQ(TimeConversion::isoText(*date), iso);
+    }
+    EXPECT_EQ(TimeConversion::isoText(Date {} - std::chrono::milliseconds { 500 }),
+        "1969-12-31T23:59:59.500000000Z");
+}

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <new>
 #include <sys/stat.h>
@@ -92,6 +93,29 @@ TEST_F(Recovery, CopiesTheTreeWithDatesAndReport)
     ASSERT_EQ(::stat((target / "r/DCIM/100KAM/IMG_1.JPG").c_str(), &status), 0);
     EXPECT_EQ(status.st_mtime, 1'000'000'000);
     EXPECT_EQ(*recover().folder, target / "r (2)");
+}
+
+TEST_F(Recovery, KeepsDatesFarFromNowWhereTheDestinationDoes)
+{
+    using namespace std::chrono;
+    const std::pair<const char*, Date> dates[] = {
+        { "1904", sys_days { 1904y / 1 / 1 } + 1s },
+        { "1969", sys_days { 1969y / 12 / 31 } + 23h + 500ms },
+        { "2107", sys_days { 2107y / 12 / 31 } + 23h },
+    };
+    for (const auto& [name, date] : dates)
+        addFile(*root, name).modified = date;
+    recover();
+    const auto own = target / "til sammenligning";
+    writeFile(own, {});
+    for (const auto& [name, date] : dates) {
+        const auto second = floor<std::chrono::seconds>(date);
+        const std::timespec wanted { second.time_since_epoch().count(), (date - second).count() };
+        const std::timespec times[] = { wanted, wanted };
+        ASSERT_EQ(::utimensat(AT_FDCWD, own.c_str(), times, 0), 0);
+        EXPECT_EQ(
+            fs::last_write_time(target / ("r/" + std::string(name))), fs::last_write_time(own));
+    }
 }
 
 TEST_F(Recovery, NumbersThousandsOfEqualNamesInOneFolder)

@@ -16,11 +16,20 @@ std::unique_ptr<Volume> volumeWith(
     return std::make_unique<Volume>(type, "", 0, 10'000, std::move(root), "");
 }
 
+/// The chance of each stream.
+std::string streams(const FileNode& file)
+{
+    std::string text;
+    for (const auto& stream : file.attachments ? *file.attachments : Attachments())
+        text += ", " + stream.name + " " + std::string(label(stream.recoverability));
+    return text;
+}
+
 std::string chances(const Volume& volume)
 {
     std::string text;
     for (const auto* file : volume.root->allFiles())
-        text += file->name + " " + chance(*file) + "\n";
+        text += file->name + " " + chance(*file) + streams(*file) + "\n";
     return text;
 }
 
@@ -48,6 +57,12 @@ TEST(Overlay, LowersWhatLiesInWhatTrustedVolumesUse)
             { "slutning", ExtentList { { 5'000, 1 }, { 1'999, 2 } } }, { "pakket", compressed(2) },
             { "pakket fri", compressed(9) }, { "umulig", compressed(~std::uint64_t { 0 }) },
             { "over slettet", ExtentList { { 9'000, 500 } } }, { "i posten", bytesOf("x") } }));
+    auto& owner = *volumes.back()->root->children().back();
+    for (const std::uint64_t start : { 2'999u, 3'000u })
+        owner.attach({ .kind = Attachment::Kind::stream,
+            .name = std::to_string(start),
+            .data = ExtentList { { start, 100 } },
+            .size = 100 });
     const std::span all(volumes);
     Overlay::judge(*source, all.first(1), all.subspan(1));
     EXPECT_EQ(chances(*volumes[0]), "a God\nb God\nslettet God\n");
@@ -56,7 +71,7 @@ TEST(Overlay, LowersWhatLiesInWhatTrustedVolumesUse)
         "start Ringe: Blokkene er genbrugt af andre filer\n"
         "slutning Delvis: Dele af filen kan være overskrevet\n"
         "pakket Ringe: Blokkene er genbrugt af andre filer\n"
-        "pakket fri God\numulig God\nover slettet God\ni posten God\n");
+        "pakket fri God\numulig God\nover slettet God\ni posten God, 2999 Ringe, 3000 God\n");
 }
 
 TEST(SourceEnd, IsToldOnTheVolumeAndOnEachFileBehindIt)

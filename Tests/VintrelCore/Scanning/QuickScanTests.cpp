@@ -59,10 +59,16 @@ TEST(QuickScanner, NamesEncryptedVolumes)
     auto coreStorage = head(88, "CS");
     coreStorage[8] = 1;
     coreStorage[10] = 0x10;
+    const FATImage card({ .type = fat32, .clusters = 120 });
+    Bytes toGo(card.bytes().begin(), card.bytes().begin() + 512);
+    std::ranges::copy(bytesOf("MSWIN4.1"), toGo.begin() + 3);
+    putLE(toGo, 424, 0x4AD8'2E29'4967'D63B, 8);
+    putLE(toGo, 432, 0x01D0'E339'A3F6'9983, 8);
     const struct {
         Bytes bytes;
         std::string_view name; ///< empty: not encrypted
     } cases[] = {
+        { toGo, "BitLocker" },
         { head(3, "-FVE-FS-"), "BitLocker" },
         { head(0, std::string_view("LUKS\xBA\xBE\0\1", 8)), "LUKS" },
         { head(0, std::string_view("LUKS\xBA\xBE\0\2", 8)), "LUKS" },

@@ -1,3 +1,5 @@
+#include "Tests/Images/ExFATImage.h"
+#include "Tests/Images/FATImage.h"
 #include "Tests/Images/NTFSImage.h"
 #include "Tests/Images/PartitionImage.h"
 #include "Tests/Support/ParsedVolume.h"
@@ -104,4 +106,25 @@ TEST(RecycleBin, TellsNothingOfFilesThatShareAName)
     EXPECT_FALSE(disk["/bin/$RABC123.txt"].note);
     EXPECT_FALSE(disk["/bin/$rabc123.TXT"].note);
     EXPECT_TRUE(disk["/bin/$RABC124.txt"].note);
+}
+
+TEST(RecycleBin, IsKnownOnCardsToo)
+{
+    setenv("TZ", "UTC", 1);
+    const auto record = index(2, u"E:\\DCIM\\a.jpg");
+    FATImage fat({ .type = FileSystemType::fat16 });
+    const auto fatBin = fat.addFolder(FATImage::root, { .name = "BIN        " });
+    fat.addFile(fatBin, { .name = "$IABC123JPG" }, record);
+    fat.addFile(fatBin, { .name = "$RABC123JPG" }, bytesOf("x"));
+    ExFATImage exfat;
+    const auto bin = exfat.addFolder(exfat.root(), { .name = u"bin" });
+    exfat.addFile(bin, { .name = u"$IABC123.jpg" }, record);
+    exfat.addFile(bin, { .name = u"$RABC123.jpg" }, bytesOf("x"));
+    const DiskImage* const images[] = { &fat, &exfat };
+    for (const auto* image : images) {
+        const auto source = image->source();
+        const auto volumes = FullScan::run(*source, std::nullopt, nullptr);
+        EXPECT_EQ(volumes.at(0)->root->allFiles().back()->note,
+            "Oprindelig sti: E:\\DCIM\\a.jpg" + std::string(told));
+    }
 }

@@ -127,7 +127,7 @@ std::uint64_t AllocationMap::countUsedBefore(std::uint64_t cluster) const
 ClusterUse AllocationMap::useOf(const FileData& data, const NTFSGeometry& geometry) const
 {
     ClusterUse use;
-    if (const auto* extents = std::get_if<ExtentList>(&data)) {
+    if (const auto* extents = extentsOf(data)) {
         for (const auto& extent : *extents)
             if (extent.offset && *extent.offset >= geometry.base)
                 addUse(use, (*extent.offset - geometry.base) / geometry.clusterSize,

@@ -68,8 +68,10 @@ void mergeExtension(MFTRecord& record, MFTRecord& extension)
     std::ranges::move(extension.names, std::back_inserter(record.names));
     std::ranges::move(extension.data, std::back_inserter(record.data));
     std::ranges::move(extension.streams, std::back_inserter(record.streams));
-    if (extension.reparseTag != 0)
+    if (extension.reparseTag != 0) {
         record.reparseTag = extension.reparseTag;
+        record.packing = extension.packing;
+    }
     if (extension.reparseLCN)
         record.reparseLCN = extension.reparseLCN;
     extension.clear();

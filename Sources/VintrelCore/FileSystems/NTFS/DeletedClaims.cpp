@@ -34,7 +34,7 @@ std::partial_ordering compareWrites(LastWrite one, LastWrite other)
 void NTFSDeletedClaims::add(
     File file, const FileData& data, const NTFSGeometry& geometry, LastWrite lastWrite)
 {
-    if (const auto* extents = std::get_if<ExtentList>(&data)) {
+    if (const auto* extents = extentsOf(data)) {
         for (const auto& extent : *extents)
             if (extent.offset && *extent.offset >= geometry.base)
                 add(file, lastWrite, (*extent.offset - geometry.base) / geometry.clusterSize,

@@ -34,6 +34,23 @@ static_assert(sizeof(IndexEntry) == 24);
 constexpr std::uint16_t lastEntry = 0x0002; // it has no key
 constexpr std::uint16_t minKey = 66;        // a $FILE_NAME without its name
 
+constexpr std::int64_t entryAlignment = 8;
+constexpr std::uint8_t lastNameSpace = 3;
+
+/// The name in an entry of a folder, when its lengths fit each other.
+std::optional<FNInfo> nameIn(ByteView bytes, const IndexEntry& entry)
+{
+    const auto key = bytes.sub(offsetof(IndexEntry, folder), entry.keyLength);
+    auto name = entry.keyLength > minKey && entry.length % entryAlignment == 0
+            && entry.length >= offsetof(IndexEntry, folder) + entry.keyLength
+            && entry.length <= bytes.size()
+        ? fileNameIn(key)
+        : std::nullopt;
+    constexpr std::int64_t lengthOffset = minKey - 2;
+    const bool isWhole = name && minKey + 2 * key.u8(lengthOffset) == entry.keyLength;
+    return isWhole && name->nameSpace <= lastNameSpace ? std::move(name) : std::nullopt;
+}
+
 } // namespace
 
 std::optional<std::size_t> sizeOfIndexBlock(ByteView header)
@@ -64,6 +81,26 @@ std::optional<FileReference> folderOfIndexBlock(std::span<std::uint8_t> bytes)
             return std::nullopt;
         folder = named;
         at += entry->length;
+    }
+}
+
+void forEachIndexEntry(std::span<std::uint8_t> bytes,
+    const std::function<void(FileReference file, FNInfo& name)>& visit)
+{
+    const ByteView block(bytes);
+    const auto header = block.load<IndexHeader>(0);
+    if (!header || !block.matches(signature, 0)
+        || !applyUpdateSequence(bytes, header->updateOffset, header->updateCount))
+        return;
+    const auto entries = block.sub(entriesBase, static_cast<std::int64_t>(bytes.size()));
+    for (std::int64_t at = header->entriesOffset;;) {
+        const auto entry = entries.load<IndexEntry>(at);
+        if (!entry)
+            return;
+        auto name = nameIn(entries.sub(at, static_cast<std::int64_t>(entries.size())), *entry);
+        if (name)
+            visit(entry->file, *name);
+        at += name ? std::int64_t { entry->length } : entryAlignment;
     }
 }
 

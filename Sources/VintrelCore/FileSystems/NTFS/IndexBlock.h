@@ -4,6 +4,7 @@
 #include "VintrelCore/Foundation/Binary.h"
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <span>
 
@@ -22,5 +23,11 @@ std::optional<std::size_t> sizeOfIndexBlock(ByteView header);
 /// damaged or has no entries, and when they do not agree. `bytes` are changed: the ends of their
 /// sectors get back what the update sequence keeps of them.
 std::optional<FileReference> folderOfIndexBlock(std::span<std::uint8_t> bytes);
+
+/// Calls `visit` with the file of every entry of a whole index block and the name that it has
+/// there. Entries that were removed are among them as far as the ones behind them, which move up,
+/// have left something. Nothing for a damaged block. `bytes` are changed as above.
+void forEachIndexEntry(std::span<std::uint8_t> bytes,
+    const std::function<void(FileReference file, FNInfo& name)>& visit);
 
 } // namespace NTFSParser

@@ -44,6 +44,7 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
     auto* const best = record.bestName();
     auto content = record.isDirectory ? NTFSContent::Content {}
                                       : NTFSContent::assemble(context_, record.data);
+    NTFSContent::unpackStandIn(context_, record, content);
     NTFSContent::judgeStandIn(content, NTFSContent::reparseTagOf(context_, record));
     const bool isWorthAName = !record.inUse && content.size > 0;
     if (best == nullptr && !isWorthAName)
@@ -57,6 +58,7 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
     auto created = record.created;
     auto modified = record.modified;
     std::string name;
+    entry.isUnnamed = best == nullptr;
     if (best == nullptr) {
         name = "unavngivet-" + std::to_string(entry.number);
     } else {
@@ -78,6 +80,8 @@ void MFTRecords::describe(Entry& entry, MFTRecord& record)
     entry.node->modified = modified;
     entry.node->fsID = entry.number;
     NTFSStreams::attach(context_, record, *entry.node);
+    if (record.isDirectory && !record.indexRuns.empty())
+        indices_.push_back(std::move(record.indexRuns));
 }
 
 void MFTRecords::finish()

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <unordered_map>
 #include <vector>
 
@@ -24,6 +25,7 @@ public:
         std::uint16_t sequence = 0;
         bool inUse = false;
         bool isIncomplete = false;      ///< until its extension records are merged
+        bool isUnnamed = false;         ///< no name of it is left
         std::unique_ptr<FileNode> node; ///< none when it is not listed
     };
 
@@ -53,6 +55,12 @@ public:
     /// All names of an entry that has another one than the one it is shown under and its short
     /// form; none for all others.
     std::vector<FNInfo>* otherNames(std::uint64_t number);
+    /// Where the indices of folders lie that do not fit in their records.
+    const std::vector<RunList>& indices() const { return indices_; }
+    /// Where blocks of further indices lie, in bytes on the source, which are known only by
+    /// themselves. They must outlive this.
+    void setLooseIndices(std::span<const std::uint64_t> offsets) { looseIndices_ = offsets; }
+    std::span<const std::uint64_t> looseIndices() const { return looseIndices_; }
     /// The record of a system file; none when it was not taken in. Its extension records are not
     /// merged yet.
     MFTRecord* systemRecord(std::uint64_t number);
@@ -76,6 +84,8 @@ private:
     std::unordered_map<std::uint64_t, MFTRecord> whole_;
     std::unordered_multimap<std::uint64_t, FileReference> extensionsByBase_; ///< once it is needed
     std::unordered_map<std::uint64_t, std::vector<FNInfo>> otherNames_;
+    std::vector<RunList> indices_;
+    std::span<const std::uint64_t> looseIndices_;
 };
 
 namespace NTFSParser {

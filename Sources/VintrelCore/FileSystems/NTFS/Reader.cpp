@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/NTFS/AllocationMap.h"
 #include "VintrelCore/FileSystems/NTFS/Parser.h"
+#include "VintrelCore/FileSystems/NTFS/Shadow/Snapshots.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/LostVolumeSearch.h"
 #include "VintrelCore/Model/WorkProgress.h"
@@ -69,6 +70,11 @@ NTFSParser::RebuildHints hintsFor(const LostVolumeSearch& search)
         if (const auto* info = infoOf(*volume))
             hints.used.push_back({ info->geometry,
                 AllocationMap::load({ search.source(), info->geometry }, info->bitmap) });
+    for (const auto offset : search.finds().ntfsIndexBlocks)
+        if (std::ranges::none_of(hints.used, [&](const NTFSParser::KnownUse& use) {
+                return use.map.useOf(ExtentList { { offset, 1 } }, use.geometry).foreign > 0;
+            }))
+            hints.indexBlocks.push_back(offset);
     for (const auto& boot : search.finds().boots) {
         if (boot.type != FileSystemType::ntfs)
             continue;
@@ -104,5 +110,6 @@ const FileSystemReader ntfsReader {
     .findVolumes = nullptr,
     .rebuildVolumes = rebuildVolumes,
     .findLostFolders = nullptr,
+    .findSnapshots = NTFSShadow::snapshots,
     .addUsedRanges = addUsedRanges,
 };

@@ -32,7 +32,7 @@ void doubtPlace(Volume& volume, const Placement& place)
 
 /// None when cancelled before the place of the volume was known, and when nothing is listed.
 std::unique_ptr<Volume> buildGroup(RecordReader& reader, PlaceSearch& search, RecordGroup group,
-    ListedGroups& listed, std::span<const KnownUse> used, const WorkProgress* progress)
+    ListedGroups& listed, const RebuildHints& hints, const WorkProgress* progress)
 {
     const auto evidence = search.gather(reader, group, progress);
     if (!evidence)
@@ -45,7 +45,7 @@ std::unique_ptr<Volume> buildGroup(RecordReader& reader, PlaceSearch& search, Re
     for (const auto& loose : group)
         if (!isCancelled(progress) && reader.read(loose, record))
             records.add(record);
-    auto volume = buildFromRecords(context, std::move(records), group.size(), {}, used);
+    auto volume = buildFromRecords(context, std::move(records), group.size(), {}, hints);
     if (volume)
         listed.add(group, place.geometry.hasPlace);
     if (volume && place.geometry.hasPlace && !place.isCertain())
@@ -79,14 +79,13 @@ VolumeList rebuild(DiskSource& source, std::span<const std::uint64_t> records,
 {
     RecordReader reader(source);
     auto loose = survey(reader, records, hints.volumes, progress);
-    auto volumes = buildSelfDescribed(reader, loose, hints.used, progress);
+    auto volumes = buildSelfDescribed(reader, loose, hints, progress);
     for (const auto& listed : hints.volumes)
         joinVolume(reader, listed, loose, progress);
     ListedGroups listed;
     PlaceSearch search(source, hints);
     for (auto& group : groupByNumber(loose))
-        if (auto volume
-            = buildGroup(reader, search, std::move(group), listed, hints.used, progress))
+        if (auto volume = buildGroup(reader, search, std::move(group), listed, hints, progress))
             volumes.push_back(std::move(volume));
     return volumes;
 }

@@ -34,6 +34,8 @@ struct RebuildHints {
     std::vector<std::uint64_t> starts;     ///< where volumes of any kind begin, or are likely to
     const std::vector<CarvedFile>& carved; ///< files found by content, ascending by offset
     std::vector<KnownUse> used {};         ///< what known volumes have in use
+    /// Where blocks of folders' indices lie that no known volume has in use, ascending.
+    std::vector<std::uint64_t> indexBlocks {};
 };
 
 /// Gives MFT records (absolute offsets, ascending) that no volume has back to the listed volumes

@@ -134,21 +134,13 @@ void readAttributeList(ByteView attribute, MFTRecord& record)
 void readFileName(ByteView attribute, MFTRecord& record)
 {
     const auto value = residentValue(attribute);
-    const auto stored = value.load<FileNameValue>(0);
-    if (!stored || stored->nameLength == 0)
+    if (value.size() < sizeof(FileNameValue))
         return;
     // A value length that is too short is no reason to lose a name that the attribute holds.
-    const auto name
-        = attribute.sub(value.data() - attribute.data() + std::int64_t { sizeof(FileNameValue) },
-            2 * std::int64_t { stored->nameLength });
-    if (name.size() < std::size_t { 2 } * stored->nameLength)
-        return;
-    record.names.push_back({ .parent = stored->parent,
-        .name = name.utf16le(0, stored->nameLength),
-        .nameSpace = stored->nameSpace,
-        .created = TimeConversion::fromFiletime(stored->created),
-        .modified = TimeConversion::fromFiletime(stored->modified),
-        .realSize = stored->realSize });
+    const auto whole = attribute.sub(
+        value.data() - attribute.data(), static_cast<std::int64_t>(attribute.size()));
+    if (auto name = NTFSParser::fileNameIn(whole))
+        record.names.push_back(std::move(*name));
 }
 
 /// None for an attribute that ends before its header does.
@@ -195,9 +187,7 @@ void readIndexAllocation(ByteView attribute, MFTRecord& record)
     const auto header = attribute.load<NonResidentHeader>(0);
     if (!header || header->common.nonResident == 0 || header->startVCN != 0)
         return;
-    const auto runs = runsOf(attribute, *header);
-    if (!runs.empty())
-        record.indexLCN = runs.front().lcn;
+    record.indexRuns = runsOf(attribute, *header);
 }
 
 void readReparsePoint(ByteView attribute, MFTRecord& record)
@@ -205,6 +195,7 @@ void readReparsePoint(ByteView attribute, MFTRecord& record)
     const auto header = attribute.load<NonResidentHeader>(0);
     if (!header || header->common.nonResident == 0) {
         record.reparseTag = residentValue(attribute).u32le(0);
+        record.packing = WOF::methodIn(residentValue(attribute));
         return;
     }
     const auto runs = runsOf(attribute, *header);
@@ -292,6 +283,22 @@ bool sequenceMatches(std::uint16_t referred, std::uint16_t sequence, bool inUse)
 }
 
 namespace NTFSParser {
+
+std::optional<FNInfo> fileNameIn(ByteView value)
+{
+    const auto stored = value.load<FileNameValue>(0);
+    if (!stored || stored->nameLength == 0)
+        return std::nullopt;
+    const auto name = value.sub(sizeof(FileNameValue), 2 * std::int64_t { stored->nameLength });
+    if (name.size() < std::size_t { 2 } * stored->nameLength)
+        return std::nullopt;
+    return FNInfo { .parent = stored->parent,
+        .name = name.utf16le(0, stored->nameLength),
+        .nameSpace = stored->nameSpace,
+        .created = TimeConversion::fromFiletime(stored->created),
+        .modified = TimeConversion::fromFiletime(stored->modified),
+        .realSize = stored->realSize };
+}
 
 bool looksLikeRecord(ByteView bytes, std::int64_t at)
 {

@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/NTFS/Runs.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
+#include "VintrelCore/Foundation/WOF.h"
 
 #include <cstdint>
 #include <optional>
@@ -85,11 +86,17 @@ struct MFTRecord {
     std::string volumeName;              ///< of $Volume alone
     /// What kind of file it stands in for ([MS-FSCC], Reparse Tags); 0 when it is no reparse point.
     std::uint32_t reparseTag = 0;
+    /// How Windows packed its content; none when it did not, or the tag is not in the record.
+    std::optional<WOF::Method> packing;
     /// Where the tag lies, when it is not in the record.
     std::optional<std::uint64_t> reparseLCN;
-    /// Of a folder whose index does not fit in the record: where it begins.
-    std::optional<std::uint64_t> indexLCN;
+    RunList indexRuns; ///< of a folder whose index does not fit in the record
 
+    /// Where the index of a folder begins, when it does not fit in the record.
+    std::optional<std::uint64_t> indexLCN() const
+    {
+        return indexRuns.empty() ? std::nullopt : indexRuns.front().lcn;
+    }
     bool isExtension() const { return base != FileReference {}; }
     bool hasAttributeList() const { return !attributeList.empty() || !attributeListRuns.empty(); }
     /// Empties the record, and keeps the room that its lists have for the next one.
@@ -106,6 +113,10 @@ struct MFTRecord {
 bool sequenceMatches(std::uint16_t referred, std::uint16_t sequence, bool inUse);
 
 namespace NTFSParser {
+
+/// The name that the value of a $FILE_NAME attribute holds; none when it ends before the name does.
+/// The value may be followed by anything.
+std::optional<FNInfo> fileNameIn(ByteView value);
 
 /// How much of a record tells whether it is one.
 inline constexpr std::size_t recordHeaderSize = 48;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <vector>
 
 namespace NTFSContent {
 
@@ -60,6 +61,31 @@ std::uint32_t reparseTagOf(const NTFSContext& context, const MFTRecord& record)
     if (record.reparseTag != 0 || !offset)
         return record.reparseTag;
     return ByteView(context.source().read(*offset, tagSize, ReadMode::thorough)).u32le(0);
+}
+
+void unpackStandIn(const NTFSContext& context, MFTRecord& record, Content& content)
+{
+    const auto coverage = coverageOf(content.data);
+    if (!record.packing || content.size == 0 || !coverage.hasHoles || coverage.hasClusters)
+        return;
+    std::vector<DataFragment> fragments;
+    for (auto& stream : record.streams)
+        if (stream.name == WOF::streamName)
+            fragments.push_back(std::move(stream.data));
+    if (fragments.empty())
+        return;
+    std::erase_if(record.streams,
+        [](const StreamFragment& stream) { return stream.name == WOF::streamName; });
+    auto packed = assemble(context, fragments);
+    WOFContent unpacked {
+        .method = *record.packing, .bytes = {}, .extents = {}, .size = content.size
+    };
+    if (auto* const bytes = std::get_if<Bytes>(&packed.data))
+        unpacked.bytes = std::move(*bytes);
+    else if (auto* const extents = std::get_if<ExtentList>(&packed.data))
+        unpacked.extents = std::move(*extents);
+    content.doubts.add(packed.doubts);
+    content.data = std::move(unpacked);
 }
 
 void judgeStandIn(Content& content, std::uint32_t reparseTag)

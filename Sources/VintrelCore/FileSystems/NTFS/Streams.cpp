@@ -44,10 +44,8 @@ void judgeDeleted(FileNode& node, const AllocationMap& map, const NTFSGeometry& 
 {
     if (!node.attachments)
         return;
-    for (auto& attachment : *node.attachments) {
-        const auto doubts = doubtsOf(map.useOf(attachment.data, geometry), ntfsReuse);
-        attachment.recoverability = std::min(attachment.recoverability, chanceOf(doubts).level);
-    }
+    for (auto& attachment : *node.attachments)
+        judgeFurther(attachment, doubtsOf(map.useOf(attachment.data, geometry), ntfsReuse));
 }
 
 void note(FileNode& node)

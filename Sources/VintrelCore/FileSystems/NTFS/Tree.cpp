@@ -4,6 +4,7 @@
 #include "VintrelCore/FileSystems/NTFS/Content.h"
 #include "VintrelCore/FileSystems/NTFS/DeepInfo.h"
 #include "VintrelCore/FileSystems/NTFS/DeletedClaims.h"
+#include "VintrelCore/FileSystems/NTFS/FormerNames.h"
 #include "VintrelCore/FileSystems/NTFS/Streams.h"
 #include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Model/Chance.h"
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 namespace NTFSParser {
@@ -31,6 +33,9 @@ constexpr std::string_view systemNames[]
 /// The folder in $Extend that files are moved to which are deleted while a program has them open.
 constexpr std::string_view openDeletedFolder = "$Deleted";
 
+constexpr std::string_view journalName = "$UsnJrnl";
+constexpr std::string_view journalStream = "$J";
+
 /// Of further names of a file so many are told.
 constexpr std::size_t maxToldNames = 3;
 /// Of the folder of such a name so many bytes are told.
@@ -46,20 +51,35 @@ FileData locateBitmap(const NTFSContext& context, MFTRecords& records)
     return NTFSContent::assemble(context, bitmap->data).data;
 }
 
-/// Lowers the chances of deleted files whose clusters another deleted file had after them.
+/// Lowers the chances of deleted files, and of their streams, whose clusters another deleted file
+/// had after them.
 void judgeSharing(const NTFSContext& context, const MFTRecords& records)
 {
     NTFSDeletedClaims claims;
+    std::vector<Attachment*> streams; // numbered behind the files
     const auto& entries = records.entries();
-    for (std::size_t index = 0; index < entries.size(); ++index)
-        if (entries[index].node && !entries[index].inUse)
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        const auto& entry = entries[index];
+        if (!entry.node || entry.inUse)
+            continue;
+        claims.add(index, entry.node->data, context.geometry(), entry.lastWrite);
+        if (!entry.node->attachments)
+            continue;
+        for (auto& stream : *entry.node->attachments) {
             claims.add(
-                index, entries[index].node->data, context.geometry(), entries[index].lastWrite);
+                entries.size() + streams.size(), stream.data, context.geometry(), entry.lastWrite);
+            streams.push_back(&stream);
+        }
+    }
     std::size_t index = 0;
     for (const auto doubts : claims.judge()) {
-        const auto& node = entries[index++].node;
-        if (!doubts.empty() && node->recoverability != Recoverability::poor) // its note says why
-            judgeFurther(*node, doubts);
+        const auto number = index++;
+        if (doubts.empty())
+            continue;
+        if (number >= entries.size())
+            judgeFurther(*streams[number - entries.size()], doubts);
+        else if (auto& node = *entries[number].node; node.recoverability != Recoverability::poor)
+            judgeFurther(node, doubts); // else its note says why
     }
 }
 
@@ -158,7 +178,8 @@ Index chooseParent(MFTRecords& records, const Nodes& nodes, Entry& entry)
     return ParentLinks::none;
 }
 
-ParentLinks linkAll(MFTRecords& records, const Nodes& nodes)
+/// What each entry hangs under.
+std::vector<Index> chooseParents(MFTRecords& records, const Nodes& nodes)
 {
     std::vector<Index> parents(records.entries().size(), ParentLinks::none);
     for (Index index = 0; auto& entry : records.entries()) {
@@ -166,21 +187,107 @@ ParentLinks linkAll(MFTRecords& records, const Nodes& nodes)
             parents[index] = chooseParent(records, nodes, entry);
         ++index;
     }
-    return ParentLinks(std::move(parents));
+    return parents;
 }
 
+/// The change journal of the volume; none when there is none, or it is too short to tell anything.
+const ExtentList* journalOf(const MFTRecords& records)
+{
+    const auto& entries = records.entries();
+    const auto journal = std::ranges::find_if(entries, [](const Entry& entry) {
+        return entry.parent.number == extendRecord && entry.node && entry.node->name == journalName
+            && entry.node->attachments;
+    });
+    if (journal == entries.end())
+        return nullptr;
+    const auto& streams = *journal->node->attachments;
+    const auto stream = std::ranges::find(streams, journalStream, &Attachment::name);
+    return stream != streams.end() ? std::get_if<ExtentList>(&stream->data) : nullptr;
+}
+
+/// The number and sequence number under which a file was known; deletion has counted that up.
+FileReference referenceTo(const Entry& entry)
+{
+    return { entry.number,
+        static_cast<std::uint16_t>(entry.inUse ? entry.sequence : entry.sequence - 1) };
+}
+
+/// Gives files without a name the one that the volume still knows, and returns the names of lost
+/// folders.
+NTFSFormerNames recallNames(const NTFSContext& context, MFTRecords& records, const Nodes& nodes,
+    std::vector<Index>& parents)
+{
+    // The folders of files whose names become known in the first round are asked for in the second.
+    constexpr int rounds = 2;
+    NTFSFormerNames names;
+    for (int round = 0; round < rounds; ++round) {
+        for (Index index = 0; const auto& entry : records.entries())
+            if (parents[index++] == ParentLinks::none && entry.node
+                && (entry.isUnnamed || entry.parent.number >= firstUserRecord))
+                names.want(entry.isUnnamed ? referenceTo(entry) : entry.parent);
+        if (!names.isWanting())
+            break;
+        if (const auto* journal = journalOf(records))
+            names.readJournal(context.source(), *journal);
+        if (names.isWanting())
+            names.readIndices(context, records.indices());
+        if (names.isWanting())
+            names.readLooseIndices(context.source(), records.looseIndices());
+        for (Index index = 0; auto& entry : records.entries()) {
+            const auto* const name = entry.isUnnamed ? names.find(referenceTo(entry)) : nullptr;
+            if (name != nullptr) {
+                entry.isUnnamed = false;
+                entry.node->name = name->name;
+                entry.parent = name->parent;
+                parents[index] = validParent(records, nodes, entry.number, name->parent);
+            }
+            ++index;
+        }
+    }
+    return names;
+}
+
+/// The folders below that of the orphans, one for each lost folder whose name is known.
+class NamedOrphanFolders {
+public:
+    NamedOrphanFolders(const NTFSFormerNames& names, FileNode& orphans)
+        : names_(names)
+        , orphans_(orphans)
+    {
+    }
+
+    /// Where an entry hangs whose folder is lost.
+    FileNode& folderFor(FileReference lost)
+    {
+        const auto* const name = names_.find(lost);
+        if (name == nullptr)
+            return orphans_;
+        auto& folder = folders_[name];
+        if (folder == nullptr)
+            folder = &orphans_.add(FileNode::makeFolder(name->name, EntryStatus::deleted));
+        return *folder;
+    }
+
+private:
+    const NTFSFormerNames& names_;
+    FileNode& orphans_;
+    std::unordered_map<const NTFSFormerNames::Name*, FileNode*> folders_;
+};
+
 /// Hangs every node under its folder, and those whose folder is lost under a folder of their own.
-void hangAll(MFTRecords& records, const Nodes& nodes, const ParentLinks& links, FileNode& root)
+void hangAll(MFTRecords& records, const Nodes& nodes, const ParentLinks& links,
+    const NTFSFormerNames& names, FileNode& root)
 {
     auto& entries = records.entries();
     auto orphans = FileNode::makeFolder("$Forældreløse filer", EntryStatus::orphaned);
+    NamedOrphanFolders named(names, *orphans);
     for (Index index = 0; index < entries.size(); ++index) {
         if (!entries[index].node || links.placeOf(index) == ParentLinks::Place::system)
             continue;
         const auto parent = links.parentOf(index);
         auto* folder = &root;
         if (parent == ParentLinks::none)
-            folder = orphans.get();
+            folder = &named.folderFor(entries[index].parent);
         else if (parent != ParentLinks::root)
             folder = nodes[parent];
         folder->add(std::move(entries[index].node));
@@ -248,7 +355,9 @@ std::unique_ptr<Volume> buildVolume(
     Nodes nodes(records.entries().size());
     std::ranges::transform(
         records.entries(), nodes.begin(), [](const Entry& entry) { return entry.node.get(); });
-    hangAll(records, nodes, linkAll(records, nodes), *volume->root);
+    auto parents = chooseParents(records, nodes);
+    const auto names = recallNames(context, records, nodes, parents);
+    hangAll(records, nodes, ParentLinks(std::move(parents)), names, *volume->root);
     noteOtherNames(records, nodes);
     for (auto* const node : nodes)
         if (node != nullptr)

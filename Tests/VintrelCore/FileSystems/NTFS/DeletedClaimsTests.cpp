@@ -73,3 +73,27 @@ TEST(NTFSDeletedClaims, TellNothingWhereTooManyFilesShareACluster)
     for (const auto& node : disk.volume->root->children())
         EXPECT_NE(node->recoverability, Recoverability::good) << node->fsID;
 }
+
+TEST(NTFSDeletedClaims, TakeStreamsToo)
+{
+    Image image;
+    const auto put = [&](std::uint64_t number, std::uint64_t own, std::uint64_t stream) {
+        const auto data = [](std::uint64_t lcn) {
+            return Image::data(Image::Data { .runs = { { lcn, 4 } }, .size = 4096 });
+        };
+        image.put(number,
+            { .inUse = false,
+                .attributes = { Image::fileName(root, u"fil"), data(own),
+                    Image::withName(data(stream), u"strøm") },
+                .logSequence = number });
+    };
+    put(20, 200, 300);
+    put(21, 400, 200); // its stream lies over the first file
+    put(22, 300, 500); // lies over the first stream
+    const auto disk = parse(image);
+    std::string levels;
+    for (const auto* file : disk.volume->root->allFiles())
+        levels += std::string(label(file->recoverability)) + "+"
+            + std::string(label(file->attachments->front().recoverability)) + " ";
+    EXPECT_EQ(levels, "Ringe+Ringe God+God God+God ");
+}

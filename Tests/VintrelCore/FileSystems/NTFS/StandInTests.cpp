@@ -1,6 +1,9 @@
+#include "Tests/Images/WindowsPacking.h"
 #include "Tests/VintrelCore/FileSystems/NTFS/NTFSTestVolume.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 using namespace NTFSTestVolume;
 
@@ -82,4 +85,55 @@ TEST(NTFSStandIn, IsKnownByATagOutsideItsRecord)
     const auto disk = parse(image);
     for (const auto* path : { "/i klynger", "/i anden post" })
         EXPECT_EQ(disk[path].recoverability, Recoverability::poor) << path;
+}
+
+TEST(NTFSStandIn, IsUnpackedWhereWindowsKeptTheContentInAStream)
+{
+    const auto content = joined({ Bytes(50'000, 'a'), patternBytes(40'000), Bytes(9'000, 'z') });
+    const Image::Data hole { .runs = { { std::nullopt, 98 } }, .size = 99'000, .flags = 0x8000 };
+    const struct {
+        std::uint32_t algorithm;
+        std::size_t chunk;
+        Bytes (*pack)(const Bytes& content);
+    } methods[] = { { 0, 4096, WindowsPacking::xpress }, { 1, 32'768, WindowsPacking::lzx },
+        { 2, 8192, WindowsPacking::xpress }, { 3, 16'384, WindowsPacking::xpress } };
+    Image image({ .clusters = 2000 });
+    std::vector<Image::Runs> places;
+    for (const auto& [algorithm, chunk, pack] : methods) {
+        const auto stream = WindowsPacking::stream(content, chunk, pack);
+        places.push_back(image.store(stream));
+        image.put(20 + algorithm,
+            named(u"fil " + std::u16string(1, static_cast<char16_t>(u'0' + algorithm)),
+                { Image::data(hole),
+                    Image::withName(Image::data({ .runs = places.back(), .size = stream.size() }),
+                        u"WofCompressedData"),
+                    Image::attribute(0xC0, WindowsPacking::reparsePoint(algorithm)) }));
+    }
+    const auto badBytes = [](const Parsed& disk, const std::string& path) {
+        return FileReader::stream(disk[path], *disk.source, 4096, std::nullopt,
+            [](const FileReader::Piece&) { return true; });
+    };
+    const auto disk = parse(image);
+    for (const std::string path : { "/fil 0", "/fil 1", "/fil 2", "/fil 3" }) {
+        EXPECT_EQ(fate(disk[path]), "Eksisterende, God") << path;
+        EXPECT_EQ(disk.content(path), content) << path;
+        EXPECT_EQ(badBytes(disk, path), 0u) << path;
+    }
+    // A chunk that is stored as it is, which nothing else can tell to be wrong.
+    const auto& bytes = image.bytes();
+    const auto at = static_cast<std::uint64_t>(
+        std::search(bytes.begin(), bytes.end(), content.begin() + 65'536, content.begin() + 66'048)
+        - bytes.begin());
+    auto source = image.source();
+    source->addSimulatedBadRange({ at + 1024, at + 1025 });
+    EXPECT_EQ(badBytes(parse(std::move(source)), "/fil 0"), 4096u);
+    // The table of the one, and the first chunk of the next one behind its table.
+    image.bytes()[image.offsetOf(*places[0][0].lcn)] = 0xFF;
+    image.bytes()[image.offsetOf(*places[2][0].lcn) + 48] = 0xFF;
+    const auto damaged = parse(image);
+    EXPECT_EQ(badBytes(damaged, "/fil 2"), 8192u);
+    EXPECT_EQ(damaged.content("/fil 2"),
+        joined({ Bytes(8192), Bytes(content.begin() + 8192, content.end()) }));
+    EXPECT_GT(badBytes(damaged, "/fil 0"), 0u);
+    EXPECT_EQ(badBytes(damaged, "/fil 1"), 0u);
 }

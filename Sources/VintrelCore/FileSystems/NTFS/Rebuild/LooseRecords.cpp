@@ -136,10 +136,11 @@ std::optional<std::uint64_t> firstLCN(const MFTRecord& record)
 }
 
 std::unique_ptr<Volume> buildFromRecords(const NTFSContext& context, MFTRecords records,
-    std::size_t count, MappedStream mft, std::span<const NTFSParser::KnownUse> used)
+    std::size_t count, MappedStream mft, const NTFSParser::RebuildHints& hints)
 {
-    if (isBitmapOverlaid(context, records, used))
+    if (isBitmapOverlaid(context, records, hints.used))
         records.dropSystemRecord(NTFSParser::bitmapRecord);
+    records.setLooseIndices(hints.indexBlocks);
     auto volume = NTFSParser::buildVolume(
         context, std::move(records), std::move(mft), "Dyb scanning, MFT-poster");
     if (volume->root->children().empty())

@@ -64,9 +64,9 @@ bool describeSameState(const MFTRecord& one, const MFTRecord& other);
 
 /// The volume that these records make, none when they list nothing. What was in use is orphaned.
 /// `count`: of the records, for the user. `mft`: where they lie; empty when they do not lie in one
-/// known MFT. `used`: a $Bitmap that lies there is not asked, because others may have written over
-/// it.
+/// known MFT. A $Bitmap in what known volumes use is not asked, because others may have written
+/// over it.
 std::unique_ptr<Volume> buildFromRecords(const NTFSContext& context, MFTRecords records,
-    std::size_t count, MappedStream mft, std::span<const NTFSParser::KnownUse> used);
+    std::size_t count, MappedStream mft, const NTFSParser::RebuildHints& hints);
 
 } // namespace NTFSRebuild

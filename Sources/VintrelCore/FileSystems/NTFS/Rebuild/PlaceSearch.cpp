@@ -66,8 +66,8 @@ std::optional<Evidence> PlaceSearch::gather(
         auto* const name = record.bestName();
         if (evidence.witnesses.size() >= maxWitnesses || name == nullptr)
             continue;
-        if (record.isDirectory && record.indexLCN)
-            evidence.witnesses.push_back({ .lcn = *record.indexLCN,
+        if (record.isDirectory && record.indexLCN())
+            evidence.witnesses.push_back({ .lcn = *record.indexLCN(),
                 .folder = { loose.number, record.sequence },
                 .isInUse = record.inUse });
         else if (const auto lcn = firstLCN(record); lcn && isRecognisable(name->name))

@@ -157,7 +157,7 @@ void eraseMirror(const NTFSGeometry& geometry, std::vector<LooseRecord>& loose)
 } // namespace
 
 VolumeList buildSelfDescribed(RecordReader& reader, std::vector<LooseRecord>& loose,
-    std::span<const NTFSParser::KnownUse> used, const WorkProgress* progress)
+    const NTFSParser::RebuildHints& hints, const WorkProgress* progress)
 {
     VolumeList volumes;
     for (auto& [geometry, mft, unused] : locateMFTs(reader, loose)) {
@@ -176,7 +176,7 @@ VolumeList buildSelfDescribed(RecordReader& reader, std::vector<LooseRecord>& lo
                 records.add(record);
             loose[index].size = 0;
         }
-        if (auto volume = buildFromRecords(context, std::move(records), matches.size(), mft, used))
+        if (auto volume = buildFromRecords(context, std::move(records), matches.size(), mft, hints))
             volumes.push_back(std::move(volume));
         eraseMirror(geometry, loose);
         std::erase_if(loose, [](const LooseRecord& taken) { return taken.size == 0; });

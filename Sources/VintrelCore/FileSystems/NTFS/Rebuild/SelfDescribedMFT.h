@@ -10,9 +10,9 @@ namespace NTFSRebuild {
 
 /// The volumes whose MFT still has record 0, which describes the MFT itself, or the copy of it:
 /// they are as good as with a boot sector. Takes their records out of `loose`, and those in the
-/// mirrors of their MFTs. `used`: by known volumes. When cancelled, the volumes that were built so
+/// mirrors of their MFTs. When cancelled, the volumes that were built so
 /// far.
 VolumeList buildSelfDescribed(RecordReader& reader, std::vector<LooseRecord>& loose,
-    std::span<const NTFSParser::KnownUse> used, const WorkProgress* progress);
+    const NTFSParser::RebuildHints& hints, const WorkProgress* progress);
 
 } // namespace NTFSRebuild
