@@ -7,16 +7,19 @@
 
 namespace {
 
+using FormatReader = Formats::Found (*)(const Candidate&);
+
 /// A kind of file by its first four bytes. A new format is a row here and a reader in Formats.h.
 struct Signature {
     std::array<std::uint8_t, 4> magic;
     std::array<std::uint8_t, 4> mask; ///< the bits that count
     std::optional<FileCategory>
         gate; ///< none: one signature, several kinds; `wants` sorts them out
-    Formats::Found (*read)(const Candidate&);
+    FormatReader read;
 };
 
 constexpr std::array<std::uint8_t, 4> all { 0xFF, 0xFF, 0xFF, 0xFF };
+constexpr std::array<std::uint8_t, 4> first { 0xFF, 0, 0, 0 };
 constexpr std::array<std::uint8_t, 4> firstTwo { 0xFF, 0xFF, 0, 0 };
 constexpr std::array<std::uint8_t, 4> firstThree { 0xFF, 0xFF, 0xFF, 0 };
 
@@ -51,17 +54,21 @@ constexpr Signature signatures[] = {
     { { 'O', 'g', 'g', 'S' }, all, std::nullopt, Formats::ogg },
     { { 'P', 'K', 3, 4 }, all, std::nullopt, Formats::zip },
     { { 'I', 'D', '3', 0 }, firstThree, audio, Formats::mp3 },
+    { { 0xFF, 0xF0, 0, 0 }, { 0xFF, 0xF6, 0, 0 }, audio, Formats::aac }, // layer 0 is no MPEG sound
     { { 0xFF, 0xE0, 0, 0 }, { 0xFF, 0xE0, 0, 0 }, audio, Formats::mp3WithoutTag },
     { { '{', '\\', 'r', 't' }, all, document, Formats::rtf },
+    { { 'f', 'L', 'a', 'C' }, all, audio, Formats::flac },
+    { { '#', '!', 'A', 'M' }, all, audio, Formats::amr },
+    { { 'c', 'a', 'f', 'f' }, all, audio, Formats::caf },
+    { { '.', 's', 'n', 'd' }, all, audio, Formats::au },
+    { { 'M', 'A', 'C', ' ' }, all, audio, Formats::ape },
+    { { 'w', 'v', 'p', 'k' }, all, audio, Formats::wavPack },
+    { { 'M', 'T', 'h', 'd' }, all, audio, Formats::midi },
+    { { 0, 0, 1, 0xBA }, all, video, Formats::mpegPS },
+    { { 'F', 'L', 'V', 1 }, all, video, Formats::flv },
+    { { 0x30, 0x26, 0xB2, 0x75 }, all, std::nullopt, Formats::asf },
+    { { 'G', 0, 0, 0 }, first, video, Formats::mpegTS },
 };
-
-/// Which first bytes have a row: what nearly every sector is asked, and nothing else.
-constexpr auto startsSignature = [] {
-    std::array<bool, 256> starts {};
-    for (const auto& signature : signatures)
-        starts[signature.magic[0]] = true;
-    return starts;
-}();
 
 bool matches(ByteView head, const Signature& signature)
 {
@@ -69,6 +76,37 @@ bool matches(ByteView head, const Signature& signature)
         if ((head.data()[i] & signature.mask[i]) != signature.magic[i])
             return false;
     return true;
+}
+
+/// The rows in the order of their first bytes, and for each first byte where its rows begin: nearly
+/// every sector is asked for that alone. Rows of one first byte stay in the order of the table.
+struct SignatureIndex {
+    std::array<std::uint8_t, std::size(signatures)> rows {};
+    std::array<std::uint8_t, 257> begins {};
+};
+static_assert(std::size(signatures) < 256);
+
+constexpr auto signatureIndex = [] {
+    SignatureIndex index;
+    std::size_t count = 0;
+    for (std::size_t byte = 0; byte < 256; ++byte) {
+        index.begins[byte] = static_cast<std::uint8_t>(count);
+        for (std::size_t row = 0; row < std::size(signatures); ++row)
+            if (signatures[row].magic[0] == byte)
+                index.rows[count++] = static_cast<std::uint8_t>(row);
+    }
+    index.begins[256] = static_cast<std::uint8_t>(count);
+    return index;
+}();
+
+/// The first row that the bytes match; null when none does.
+const Signature* signatureOf(ByteView head)
+{
+    const std::size_t first = head.data()[0];
+    for (std::size_t i = signatureIndex.begins[first]; i < signatureIndex.begins[first + 1]; ++i)
+        if (const auto& row = signatures[signatureIndex.rows[i]]; matches(head, row))
+            return &row;
+    return nullptr;
 }
 
 /// What a file is called whose beginning is known and nothing else: by a mark of eight bytes at
@@ -116,6 +154,20 @@ bool beginsQuickTime(ByteView head)
     }
 }
 
+/// Who reads the kinds whose sure marks lie further in than the table looks; null when none of them
+/// begins with these bytes. Asked of nearly every sector.
+FormatReader readerByInnerMark(ByteView head)
+{
+    const auto* const bytes = head.data();
+    if (head.matches("ftyp", 4))
+        return Formats::isoBMFF;
+    if (beginsQuickTime(head))
+        return Formats::quickTime;
+    if (bytes[4] == 'G') // behind a time
+        return Formats::mpegTSWithTimes;
+    return nullptr;
+}
+
 constexpr std::size_t minHead = 32;
 
 /// The bytes that all candidates together may read in vain: so many, or as many as the source has,
@@ -157,21 +209,16 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
 {
     if (head.size() < minHead)
         return std::nullopt;
-    const bool isISOMedia = head.matches("ftyp", 4);
-    const bool isQuickTime = !isISOMedia && beginsQuickTime(head);
-    if (!startsSignature[head.data()[0]] && !isISOMedia && !isQuickTime)
+    const auto* const signature = signatureOf(head);
+    const auto readByInnerMark = readerByInnerMark(head);
+    if (signature == nullptr && readByInnerMark == nullptr)
         return std::nullopt;
 
     std::optional<CarvedFile> found;
-    const auto* const signature = std::ranges::find_if(
-        signatures, [&](const Signature& row) { return matches(head, row); });
-    if (signature != std::end(signatures)
-        && (!signature->gate || categories_.contains(*signature->gate)))
+    if (signature != nullptr && (!signature->gate || categories_.contains(*signature->gate)))
         found = tryFormat(signature->read, offset);
-    if (!found && isISOMedia)
-        found = tryFormat(Formats::isoBMFF, offset);
-    if (!found && isQuickTime)
-        found = tryFormat(Formats::quickTime, offset);
+    if (!found && readByInnerMark != nullptr)
+        found = tryFormat(readByInnerMark, offset);
     if (found && !wants(found->ext))
         found.reset();
     if (!found && brokenHeads_ != nullptr)

@@ -86,6 +86,19 @@ Found mp3WithoutTag(const Candidate& candidate);
 Found rtf(const Candidate& candidate);
 Found isoBMFF(const Candidate& candidate);
 Found quickTime(const Candidate& candidate);
+Found flac(const Candidate& candidate);
+Found aac(const Candidate& candidate);
+Found amr(const Candidate& candidate);
+Found caf(const Candidate& candidate);
+Found au(const Candidate& candidate);
+Found ape(const Candidate& candidate);
+Found wavPack(const Candidate& candidate);
+Found midi(const Candidate& candidate);
+Found mpegTS(const Candidate& candidate);
+Found mpegTSWithTimes(const Candidate& candidate);
+Found mpegPS(const Candidate& candidate);
+Found flv(const Candidate& candidate);
+Found asf(const Candidate& candidate);
 
 /// When a picture was taken, or else last changed, by the TIFF structure of its Exif data; the
 /// camera's clock is taken for local time. None when it does not say, or says what no calendar
