@@ -67,6 +67,13 @@ constexpr Signature signatures[] = {
     { { 0, 0, 1, 0xBA }, all, video, Formats::mpegPS },
     { { 'F', 'L', 'V', 1 }, all, video, Formats::flv },
     { { 0x30, 0x26, 0xB2, 0x75 }, all, std::nullopt, Formats::asf },
+    { { '8', 'B', 'P', 'S' }, all, image, Formats::psd },
+    { { 0x1F, 0x8B, 8, 0 }, firstThree, archive, Formats::gzip },
+    { { 'B', 'Z', 'h', 0 }, firstThree, archive, Formats::bzip2 },
+    { { 0xFD, '7', 'z', 'X' }, all, archive, Formats::xz },
+    { { 0x28, 0xB5, 0x2F, 0xFD }, all, archive, Formats::zstandard },
+    { { 'M', 'S', 'C', 'F' }, all, archive, Formats::cabinet },
+    { { '0', '7', '0', '7' }, all, archive, Formats::cpio },
     { { 'G', 0, 0, 0 }, first, video, Formats::mpegTS },
 };
 
@@ -154,6 +161,28 @@ bool beginsQuickTime(ByteView head)
     }
 }
 
+/// Whether it may be a name with zeros behind it, or one that is longer than the head, as at the
+/// beginning of a TAR archive.
+bool mayBePaddedName(ByteView head)
+{
+    constexpr std::uint8_t firstPrintable = 0x20;
+    const auto bytes = head.span();
+    std::size_t end = 0;
+    while (end < bytes.size() && bytes[end] >= firstPrintable)
+        ++end;
+    return end > 0
+        && (end == bytes.size()
+            || (bytes[end] == 0 && head.isAllZero(static_cast<std::int64_t>(end))));
+}
+
+/// Whether a CD's image may begin here: nothing, or one of the programs that start a computer from
+/// it or from a copy on a stick.
+bool mayBeginDisc(ByteView head)
+{
+    const auto start = head.u16be(0);
+    return start == 0 ? head.u64be(0) == 0 : start == 0x33ED || start == 0xEB63 || start == 0x4552;
+}
+
 /// Who reads the kinds whose sure marks lie further in than the table looks; null when none of them
 /// begins with these bytes. Asked of nearly every sector.
 FormatReader readerByInnerMark(ByteView head)
@@ -165,6 +194,10 @@ FormatReader readerByInnerMark(ByteView head)
         return Formats::quickTime;
     if (bytes[4] == 'G') // behind a time
         return Formats::mpegTSWithTimes;
+    if (mayBeginDisc(head))
+        return Formats::iso9660;
+    if (mayBePaddedName(head))
+        return Formats::tar;
     return nullptr;
 }
 

@@ -51,7 +51,9 @@ constexpr ExtensionRow extensionTable[] = {
     { "avif", FileCategory::image },
     { "bmp", FileCategory::image },
     { "bz2", FileCategory::archive },
+    { "cab", FileCategory::archive },
     { "caf", FileCategory::audio },
+    { "cpio", FileCategory::archive },
     { "cr2", FileCategory::image },
     { "cr3", FileCategory::image },
     { "crw", FileCategory::image },
@@ -69,6 +71,7 @@ constexpr ExtensionRow extensionTable[] = {
     { "heif", FileCategory::image },
     { "htm", FileCategory::document },
     { "html", FileCategory::document },
+    { "iso", FileCategory::archive },
     { "jar", FileCategory::archive },
     { "jpe", FileCategory::image },
     { "jpeg", FileCategory::image },
@@ -105,6 +108,7 @@ constexpr ExtensionRow extensionTable[] = {
     { "ppt", FileCategory::document },
     { "pptm", FileCategory::document },
     { "pptx", FileCategory::document },
+    { "psb", FileCategory::image },
     { "psd", FileCategory::image },
     { "raf", FileCategory::image },
     { "rar", FileCategory::archive },
@@ -131,6 +135,7 @@ constexpr ExtensionRow extensionTable[] = {
     { "xml", FileCategory::document },
     { "xz", FileCategory::archive },
     { "zip", FileCategory::archive },
+    { "zst", FileCategory::archive },
 };
 static_assert(std::ranges::is_sorted(extensionTable, {}, &ExtensionRow::extension));
 

@@ -99,6 +99,15 @@ Found mpegTSWithTimes(const Candidate& candidate);
 Found mpegPS(const Candidate& candidate);
 Found flv(const Candidate& candidate);
 Found asf(const Candidate& candidate);
+Found psd(const Candidate& candidate);
+Found gzip(const Candidate& candidate);
+Found bzip2(const Candidate& candidate);
+Found xz(const Candidate& candidate);
+Found zstandard(const Candidate& candidate);
+Found cabinet(const Candidate& candidate);
+Found cpio(const Candidate& candidate);
+Found tar(const Candidate& candidate);
+Found iso9660(const Candidate& candidate);
 
 /// When a picture was taken, or else last changed, by the TIFF structure of its Exif data; the
 /// camera's clock is taken for local time. None when it does not say, or says what no calendar

@@ -26,6 +26,8 @@ struct Packet {
     }
     bool isStuffing() const { return stream() == 0x1FFF; }
     bool beginsTable() const { return stream() == 0 && (header & beginsUnit) != 0; }
+    /// Whether it is of a stream with tables that all players read first.
+    bool isTable() const { return stream() == 0 || stream() == 0x11; }
     std::uint32_t stream() const { return header >> 8 & 0x1FFF; }
     /// Whether it may follow the packet of the same stream that had this counter.
     bool follows(std::uint8_t counter) const
@@ -80,6 +82,8 @@ private:
         if (!packet.isSound() || size_ > file_.size() || position_ > file_.size() - size_)
             return false;
         const auto counter = counters_[packet.stream()];
+        if (beginsAnother(packet, counter))
+            return false;
         if (packet.isStuffing() || (counter != unknown && packet.follows(counter)))
             return true;
         constexpr std::uint64_t vouching = 4;
@@ -87,6 +91,14 @@ private:
             if (!at(position_ + next * size_).isSound())
                 return false;
         return true;
+    }
+
+    /// Whether another file begins: at a sector, with a table that does not follow the last one.
+    bool beginsAnother(const Packet& packet, std::uint8_t counter) const
+    {
+        constexpr std::uint64_t sectorSize = 512;
+        return counter != unknown && position_ % sectorSize == 0 && packet.isTable()
+            && packet.counter() != ((counter + 1U) & 0xF);
     }
 
     RandomReader& file_;
