@@ -74,6 +74,40 @@ constexpr Signature signatures[] = {
     { { 0x28, 0xB5, 0x2F, 0xFD }, all, archive, Formats::zstandard },
     { { 'M', 'S', 'C', 'F' }, all, archive, Formats::cabinet },
     { { '0', '7', '0', '7' }, all, archive, Formats::cpio },
+    { { 'R', 'e', 't', 'u' }, all, document, Formats::mail },
+    { { 'R', 'e', 'c', 'e' }, all, document, Formats::mail },
+    { { 'D', 'e', 'l', 'i' }, all, document, Formats::mail },
+    { { 'F', 'r', 'o', 'm' }, all, document, Formats::mail },
+    { { 'M', 'e', 's', 's' }, all, document, Formats::mail },
+    { { 'M', 'I', 'M', 'E' }, all, document, Formats::mail },
+    { { 'D', 'a', 't', 'e' }, all, document, Formats::mail },
+    { { 'S', 'u', 'b', 'j' }, all, document, Formats::mail },
+    { { 'T', 'o', ':', ' ' }, all, document, Formats::mail },
+    { { 'D', 'K', 'I', 'M' }, all, document, Formats::mail },
+    { { 'C', 'o', 'n', 't' }, all, document, Formats::mail },
+    { { 'A', 'R', 'C', '-' }, all, document, Formats::mail },
+    { { 'A', 'u', 't', 'h' }, all, document, Formats::mail },
+    { { 'X', '-', 0, 0 }, firstTwo, document, Formats::mail },
+    { { 'B', 'E', 'G', 'I' }, all, document, Formats::contacts },
+    { { '-', '-', '-', '-' }, all, document, Formats::armour },
+    { { 'P', 'u', 'T', 'T' }, all, document, Formats::puttyKey },
+    { { '{', '\n', ' ', ' ' }, all, document, Formats::passwordExport },
+    { { '{', '\r', '\n', ' ' }, all, document, Formats::passwordExport },
+    { { '{', '"', 'e', 'n' }, all, document, Formats::passwordExport },
+    { { 3, 0xD9, 0xA2, 0x9A }, all, document, Formats::kdbx },
+    { { '!', 'B', 'D', 'N' }, all, document, Formats::pst },
+    { { '<', '?', 'x', 'm' }, all, image, Formats::svg },
+    { { '<', 's', 'v', 'g' }, all, image, Formats::svg },
+    { { '<', '!', '-', '-' }, all, image, Formats::svg },
+    { { '<', '!', 'D', 'O' }, all, image, Formats::svg },
+    { { 0xEF, 0xBB, 0xBF, '<' }, all, image, Formats::svg }, // with a byte order mark
+    { { 'I', 'S', 'O', '-' }, all, document, Formats::step },
+    { { ' ', ' ', '0', '\n' }, all, document, Formats::dxf },
+    { { ' ', ' ', '0', '\r' }, all, document, Formats::dxf },
+    { { '0', '\n', 'S', 'E' }, all, document, Formats::dxf },
+    { { '0', '\r', '\n', 'S' }, all, document, Formats::dxf },
+    { { '9', '9', '9', '\n' }, all, document, Formats::dxf },
+    { { '9', '9', '9', '\r' }, all, document, Formats::dxf },
     { { 'G', 0, 0, 0 }, first, video, Formats::mpegTS },
 };
 
@@ -110,7 +144,8 @@ constexpr auto signatureIndex = [] {
 const Signature* signatureOf(ByteView head)
 {
     const std::size_t first = head.data()[0];
-    for (std::size_t i = signatureIndex.begins[first]; i < signatureIndex.begins[first + 1]; ++i)
+    const std::size_t end = signatureIndex.begins[first + 1];
+    for (std::size_t i = signatureIndex.begins[first]; i < end; ++i)
         if (const auto& row = signatures[signatureIndex.rows[i]]; matches(head, row))
             return &row;
     return nullptr;
@@ -162,17 +197,29 @@ bool beginsQuickTime(ByteView head)
 }
 
 /// Whether it may be a name with zeros behind it, or one that is longer than the head, as at the
-/// beginning of a TAR archive.
+/// beginning of a TAR archive. What random bytes nearly never have is looked at first.
 bool mayBePaddedName(ByteView head)
 {
+    constexpr std::uint64_t aboveASCII = 0x8080'8080'8080'8080;
+    constexpr std::int64_t lastEight = 56;
     constexpr std::uint8_t firstPrintable = 0x20;
+    if ((head.u64le(lastEight) & aboveASCII) != 0)
+        return false;
     const auto bytes = head.span();
-    std::size_t end = 0;
-    while (end < bytes.size() && bytes[end] >= firstPrintable)
-        ++end;
-    return end > 0
-        && (end == bytes.size()
-            || (bytes[end] == 0 && head.isAllZero(static_cast<std::int64_t>(end))));
+    const auto end
+        = std::ranges::find_if(bytes, [](std::uint8_t byte) { return byte < firstPrintable; });
+    return end != bytes.begin()
+        && std::all_of(end, bytes.end(), [](std::uint8_t byte) { return byte == 0; });
+}
+
+/// Whether the mark of a B-tree, a hash or a queue of Berkeley DB lies behind a page's number,
+/// which is zero.
+bool mayBeginBerkeleyDB(ByteView head)
+{
+    constexpr std::uint32_t marks[] = { 0x0005'3162, 0x0006'1561, 0x0004'2253 };
+    return head.u32le(8) == 0
+        && (std::ranges::count(marks, head.u32le(12)) > 0
+            || std::ranges::count(marks, head.u32be(12)) > 0);
 }
 
 /// Whether a CD's image may begin here: nothing, or one of the programs that start a computer from
@@ -194,6 +241,8 @@ FormatReader readerByInnerMark(ByteView head)
         return Formats::quickTime;
     if (bytes[4] == 'G') // behind a time
         return Formats::mpegTSWithTimes;
+    if (mayBeginBerkeleyDB(head))
+        return Formats::berkeleyDB;
     if (mayBeginDisc(head))
         return Formats::iso9660;
     if (mayBePaddedName(head))
@@ -304,7 +353,7 @@ bool Carver::wants(std::string_view extension) const
         return true;
     // Listed among other files, yet carved as documents.
     constexpr std::string_view others[]
-        = { "sqlite", "msg", "db", "msi", "automaticdestinations-ms" };
+        = { "sqlite", "msg", "db", "msi", "automaticdestinations-ms", "dat", "json" };
     return categories_.contains(document)
         && std::ranges::find(others, extension) != std::end(others);
 }

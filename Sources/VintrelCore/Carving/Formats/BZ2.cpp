@@ -104,8 +104,12 @@ std::optional<std::uint64_t> endOfStream(RandomReader& file, std::uint64_t start
 Found bzip2(const Candidate& candidate)
 {
     std::uint64_t end = 0;
-    while (const auto next = endOfStream(candidate.file, end)) // programs join streams
+    for (std::uint64_t streams = 0; mayJoin(end, streams); ++streams) {
+        const auto next = endOfStream(candidate.file, end);
+        if (!next)
+            break;
         end = *next;
+    }
     return end > 0 && candidate.fits(end) ? Found(candidate.proved(end, "bz2")) : std::nullopt;
 }
 

@@ -108,6 +108,27 @@ Found cabinet(const Candidate& candidate);
 Found cpio(const Candidate& candidate);
 Found tar(const Candidate& candidate);
 Found iso9660(const Candidate& candidate);
+Found mail(const Candidate& candidate);
+Found contacts(const Candidate& candidate);
+Found armour(const Candidate& candidate);
+Found puttyKey(const Candidate& candidate);
+Found passwordExport(const Candidate& candidate);
+Found kdbx(const Candidate& candidate);
+Found pst(const Candidate& candidate);
+Found svg(const Candidate& candidate);
+Found step(const Candidate& candidate);
+Found dxf(const Candidate& candidate);
+Found berkeleyDB(const Candidate& candidate);
+
+/// Whether what begins at `position` may belong to the same file as the `before` streams in front
+/// of it, where programs join streams. At a sector it rather is a file of its own, but for files
+/// that consist of very many streams.
+constexpr bool mayJoin(std::uint64_t position, std::uint64_t before)
+{
+    constexpr std::uint64_t sectorSize = 512;
+    constexpr std::uint64_t many = 8;
+    return position % sectorSize != 0 || before == 0 || before >= many;
+}
 
 /// When a picture was taken, or else last changed, by the TIFF structure of its Exif data; the
 /// camera's clock is taken for local time. None when it does not say, or says what no calendar

@@ -34,7 +34,7 @@ enum Flag : std::uint8_t {
 
 constexpr std::string_view magic { "\x1F\x8B\x08", 3 };
 constexpr std::uint64_t maxText = 65'536;
-constexpr int maxMembers = 10'000'000;
+constexpr std::uint64_t maxMembers = 10'000'000;
 constexpr std::size_t workPerByte = 4; // unpacking is slower than a search
 
 /// Where the packed data of the member at `position` begins; none when its header is malformed.
@@ -94,7 +94,7 @@ Found gzip(const Candidate& candidate)
     auto& file = candidate.file;
     Bytes room(65'536);
     std::uint64_t position = 0;
-    for (int count = 0; count < maxMembers; ++count) {
+    for (std::uint64_t count = 0; count < maxMembers && mayJoin(position, count); ++count) {
         const auto data = behindHeader(file, position);
         const auto unpacked = data ? unpack(file, *data, room) : std::nullopt;
         const auto end = unpacked ? file.load<MemberEnd>(unpacked->end) : MemberEnd {};

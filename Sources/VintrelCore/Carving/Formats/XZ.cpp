@@ -142,8 +142,12 @@ std::optional<std::uint64_t> behindStream(RandomReader& file, std::uint64_t posi
 Found xz(const Candidate& candidate)
 {
     std::uint64_t end = 0;
-    while (const auto next = behindStream(candidate.file, end)) // programs join streams
+    for (std::uint64_t streams = 0; mayJoin(end, streams); ++streams) {
+        const auto next = behindStream(candidate.file, end);
+        if (!next)
+            break;
         end = *next;
+    }
     return end > 0 && candidate.fits(end) ? Found(candidate.proved(end, "xz")) : std::nullopt;
 }
 

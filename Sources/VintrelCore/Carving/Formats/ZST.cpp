@@ -67,7 +67,7 @@ std::optional<std::uint64_t> behindFrame(RandomReader& file, std::uint64_t posit
 Found zstandard(const Candidate& candidate)
 {
     std::uint64_t end = 0;
-    while (end < limit) { // programs join frames
+    for (std::uint64_t frames = 0; end < limit && mayJoin(end, frames); ++frames) {
         const auto next = behindFrame(candidate.file, end);
         if (!next || !candidate.fits(*next))
             break;
