@@ -108,6 +108,19 @@ constexpr Signature signatures[] = {
     { { '0', '\r', '\n', 'S' }, all, document, Formats::dxf },
     { { '9', '9', '9', '\n' }, all, document, Formats::dxf },
     { { '9', '9', '9', '\r' }, all, document, Formats::dxf },
+    { { 0, 0, 0, 12 }, all, image, Formats::jpeg2000 },
+    { { 0xFF, 0x4F, 0xFF, 0x51 }, all, image, Formats::jpeg2000Codestream },
+    { { 'A', 'T', '&', 'T' }, all, document, Formats::djvu },
+    { { 0, 0, 1, 0 }, all, image, Formats::ico },
+    { { 0xD7, 0xCD, 0xC6, 0x9A }, all, image, Formats::wmf },
+    { { 1, 0, 0, 0 }, all, image, Formats::emf },
+    { { 'D', 'D', 'S', ' ' }, all, image, Formats::dds },
+    { { 'B', 'L', 'E', 'N' }, all, document, Formats::blend },
+    { { 0x06, 0x0E, 0x2B, 0x34 }, all, video, Formats::mxf },
+    { { 0x1F, 0x07, 0, 0 }, firstThree, video, Formats::dv },
+    { { 'S', 'D', 'P', 'X' }, all, image, Formats::dpx },
+    { { 'X', 'P', 'D', 'S' }, all, image, Formats::dpx },
+    { { 0, 'M', 'R', 'M' }, all, image, Formats::mrw },
     { { 'G', 0, 0, 0 }, first, video, Formats::mpegTS },
 };
 
@@ -230,6 +243,28 @@ bool mayBeginDisc(ByteView head)
     return start == 0 ? head.u64be(0) == 0 : start == 0x33ED || start == 0xEB63 || start == 0x4552;
 }
 
+/// Whether the numbers of a picture may stand here whose mark is in its footer.
+bool mayBeginTGA(ByteView head)
+{
+    const auto* const bytes = head.data();
+    const auto type = bytes[2] & ~8;
+    return bytes[1] <= 1 && type >= 1 && type <= 3 && bytes[16] >= 8 && bytes[16] <= 32;
+}
+
+// The titles of triangles may be anything that is text, or nothing.
+
+Formats::Found archiveOrTriangles(const Candidate& candidate)
+{
+    auto found = Formats::tar(candidate);
+    return found ? found : Formats::stl(candidate);
+}
+
+Formats::Found discOrTriangles(const Candidate& candidate)
+{
+    auto found = Formats::iso9660(candidate);
+    return found ? found : Formats::stl(candidate);
+}
+
 /// Who reads the kinds whose sure marks lie further in than the table looks; null when none of them
 /// begins with these bytes. Asked of nearly every sector.
 FormatReader readerByInnerMark(ByteView head)
@@ -243,10 +278,12 @@ FormatReader readerByInnerMark(ByteView head)
         return Formats::mpegTSWithTimes;
     if (mayBeginBerkeleyDB(head))
         return Formats::berkeleyDB;
+    if (mayBeginTGA(head))
+        return Formats::tga;
     if (mayBeginDisc(head))
-        return Formats::iso9660;
+        return discOrTriangles;
     if (mayBePaddedName(head))
-        return Formats::tar;
+        return archiveOrTriangles;
     return nullptr;
 }
 

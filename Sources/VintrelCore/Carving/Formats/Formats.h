@@ -119,6 +119,20 @@ Found svg(const Candidate& candidate);
 Found step(const Candidate& candidate);
 Found dxf(const Candidate& candidate);
 Found berkeleyDB(const Candidate& candidate);
+Found jpeg2000(const Candidate& candidate);
+Found jpeg2000Codestream(const Candidate& candidate);
+Found djvu(const Candidate& candidate);
+Found ico(const Candidate& candidate);
+Found wmf(const Candidate& candidate);
+Found emf(const Candidate& candidate);
+Found dds(const Candidate& candidate);
+Found tga(const Candidate& candidate);
+Found blend(const Candidate& candidate);
+Found mxf(const Candidate& candidate);
+Found dv(const Candidate& candidate);
+Found dpx(const Candidate& candidate);
+Found stl(const Candidate& candidate);
+Found mrw(const Candidate& candidate);
 
 /// Whether what begins at `position` may belong to the same file as the `before` streams in front
 /// of it, where programs join streams. At a sector it rather is a file of its own, but for files
