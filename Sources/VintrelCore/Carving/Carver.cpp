@@ -248,7 +248,8 @@ bool mayBeginTGA(ByteView head)
 {
     const auto* const bytes = head.data();
     const auto type = bytes[2] & ~8;
-    return bytes[1] <= 1 && type >= 1 && type <= 3 && bytes[16] >= 8 && bytes[16] <= 32;
+    return bytes[1] <= 1 && type >= 1 && type <= 3 && head.u16le(3) == 0 && bytes[16] >= 8
+        && bytes[16] <= 32;
 }
 
 // The titles of triangles may be anything that is text, or nothing.

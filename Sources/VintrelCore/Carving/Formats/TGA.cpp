@@ -56,13 +56,26 @@ bool isOwnFooter(RandomReader& file, std::uint64_t position, std::uint64_t end)
     return hasMore ? lies(footer.extensions) && lies(footer.developers) : position == end;
 }
 
+/// Whether the colours are none at all, or a table of 256 at most that begins with the first one.
+bool areColoursSane(const Header& header)
+{
+    constexpr std::uint16_t maxColours = 256;
+    if (header.hasColours == 0)
+        return header.firstColour == 0 && header.colourCount == 0 && header.colourBits == 0;
+    return header.hasColours == 1 && header.firstColour == 0 && header.colourCount > 0
+        && header.colourCount <= maxColours && header.colourBits >= 15 && header.colourBits <= 32;
+}
+
 bool isSane(const Header& header)
 {
+    constexpr std::uint8_t reservedFlags = 0xC0;
+    constexpr std::uint16_t maxEdge = 32'767;
     const auto kind = header.type & ~isPacked;
     const bool areBitsKnown = header.bits == 8 || header.bits == 15 || header.bits == 16
         || header.bits == 24 || header.bits == 32;
-    return kind >= 1 && kind <= 3 && header.type <= 11 && header.hasColours <= 1 && areBitsKnown
-        && header.width > 0 && header.height > 0;
+    return kind >= 1 && kind <= 3 && areBitsKnown && areColoursSane(header)
+        && (header.flags & reservedFlags) == 0 && header.width > 0 && header.width <= maxEdge
+        && header.height > 0 && header.height <= maxEdge;
 }
 
 } // namespace
