@@ -72,9 +72,11 @@ std::optional<FLACFrame> frameAt(RandomReader& file, std::uint64_t position)
 std::optional<std::uint64_t> nextFrame(
     RandomReader& file, const FLACFrame& frame, std::uint64_t position, std::uint64_t end)
 {
+    constexpr std::size_t workPerMatch = 256;
     const std::string_view sync = frame.hasMixedBlocks ? "\xFF\xF9" : "\xFF\xF8";
     position += frame.headerSize;
     while (const auto match = file.find(sync, position, end)) {
+        file.addWork(workPerMatch);
         const auto next = frameAt(file, *match);
         if (next && next->number == frame.nextNumber() && next->channels <= 10)
             return match;
@@ -87,7 +89,7 @@ std::optional<std::uint64_t> nextFrame(
 std::optional<std::uint64_t> endOfLast(
     RandomReader& file, const FLACFrame& frame, std::uint64_t position, const StreamInfo& info)
 {
-    constexpr std::size_t workPerByte = 8; // bit by bit
+    constexpr std::size_t workPerByte = 32; // bit by bit
     const auto bound = std::min(info.frameBound(), file.size() - position);
     const auto bytes = file.bytes(position, static_cast<std::size_t>(bound));
     const auto length = frame.length(bytes, info.bits());

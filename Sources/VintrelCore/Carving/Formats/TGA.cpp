@@ -36,8 +36,10 @@ constexpr std::uint8_t isPacked = 8;
 std::uint64_t behindPackets(
     RandomReader& file, std::uint64_t position, std::uint64_t pixels, std::uint64_t pixelSize)
 {
-    while (pixels > 0 && position < file.size()) {
+    constexpr std::size_t workPerPacket = 64;
+    while (pixels > 0 && position < file.size() && !file.isExhausted()) {
         const auto packet = file.u8(position);
+        file.addWork(workPerPacket);
         const std::uint64_t count = std::min<std::uint64_t>((packet & 0x7F) + 1u, pixels);
         position += 1 + pixelSize * (packet >= 0x80 ? 1 : count);
         pixels -= count;

@@ -9,6 +9,7 @@ namespace {
 
 constexpr std::size_t maxLine = 1'048'576; // a picture as one line
 constexpr std::size_t workPerByte = 2;
+constexpr std::size_t workPerLine = 256; // short lines take longer than long ones
 
 constexpr auto textBytes = [] {
     std::array<bool, 256> isText {};
@@ -27,6 +28,7 @@ std::optional<TextLines::Line> TextLines::next()
 {
     const std::uint64_t start = position_;
     text_.clear();
+    file_.addWork(workPerLine);
     while (position_ < limit_ && text_.size() < maxLine) {
         const auto bytes = file_.stretch(position_).span();
         const auto end = std::ranges::find_if(
