@@ -29,14 +29,18 @@ std::uint64_t frameLength(std::uint8_t header, const FrameLengths& lengths)
     return isHeader ? lengths[header >> 3 & 0xF] : 0;
 }
 
-/// Whether more frames follow at `position`: a mode that was not used so far begins with several.
-bool isNewMode(RandomReader& file, std::uint64_t position, const FrameLengths& lengths)
+/// Whether a mode of speech that was not used so far may begin at `position`: with several frames.
+/// Silence may be a single one, also the last of all.
+bool mayBeginMode(RandomReader& file, std::uint64_t position, const FrameLengths& lengths)
 {
     constexpr int minRun = 4;
+    constexpr std::uint8_t longestSilence = 6;
     for (int count = 0; count < minRun; ++count) {
         const auto length = frameLength(file.u8(position), lengths);
         if (length == 0)
             return false;
+        if (length <= longestSilence)
+            return true;
         position += length;
     }
     return true;
@@ -51,7 +55,7 @@ Found withFrames(const Candidate& candidate, std::uint64_t position, const Frame
         const auto header = file.u8(position);
         const auto length = frameLength(header, lengths);
         if (length == 0 || !candidate.fits(position + length)
-            || (!isUsed[header] && !isNewMode(file, position, lengths)))
+            || (!isUsed[header] && !mayBeginMode(file, position, lengths)))
             break;
         isUsed[header] = true;
         position += length;

@@ -112,7 +112,7 @@ constexpr auto letter = "From: a@b\r\nDate: x\r\nSubject: y\r\n\r\nOne.\r\nTwo.\
 TEST(FurtherKinds, AreFollowedToTheirEnd)
 {
     Content wide;
-    wide.text("#!AMR-WB\n").add(repeated(9, Content().be(0x1C, 1).zeros(36)));
+    wide.text("#!AMR-WB\n").add(repeated(9, Content().be(0x1C, 1).zeros(36))).be(0x7C, 1);
     const struct {
         const char* ext;
         Bytes file;
