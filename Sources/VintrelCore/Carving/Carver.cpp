@@ -115,6 +115,7 @@ constexpr Signature signatures[] = {
     { { 0, 0, 1, 0 }, all, image, Formats::ico },
     { { 0xD7, 0xCD, 0xC6, 0x9A }, all, image, Formats::wmf },
     { { 1, 0, 0, 0 }, all, image, Formats::emf },
+    { { 'g', 'i', 'm', 'p' }, all, image, Formats::xcf },
     { { 'D', 'D', 'S', ' ' }, all, image, Formats::dds },
     { { 'B', 'L', 'E', 'N' }, all, document, Formats::blend },
     { { 0x06, 0x0E, 0x2B, 0x34 }, all, video, Formats::mxf },
@@ -243,13 +244,10 @@ Formats::Found discOrTriangles(const Candidate& candidate)
 /// begins with these bytes. Asked of nearly every sector.
 FormatReader readerByInnerMark(ByteView head)
 {
-    const auto* const bytes = head.data();
     if (head.matches("ftyp", 4))
         return Formats::isoBMFF;
     if (beginsQuickTime(head))
         return Formats::quickTime;
-    if (bytes[4] == 'G') // behind a time
-        return Formats::mpegTSWithTimes;
     if (mayBeginBerkeleyDB(head))
         return Formats::berkeleyDB;
     if (mayBeginTGA(head))
@@ -258,6 +256,8 @@ FormatReader readerByInnerMark(ByteView head)
         return discOrTriangles;
     if (mayBePaddedName(head))
         return archiveOrTriangles;
+    if (head.u8(4) == 'G') // behind a time
+        return Formats::mpegTSWithTimes;
     return nullptr;
 }
 

@@ -42,7 +42,8 @@ public:
     /// What is found besides.
     static constexpr std::array<SupportedType, 5> furtherTypes { {
         { FileCategory::image,
-            "PSD, PSB, JP2, J2K, JXL, SVG, ICO, WMF, EMF, DDS, TGA, DPX, KRA, RAW (3FR, ERF, KDC, "
+            "PSD, PSB, XCF, JP2, J2K, JXL, SVG, ICO, WMF, EMF, DDS, TGA, DPX, KRA, RAW (3FR, ERF, "
+            "KDC, "
             "MRW, RWL)" },
         { FileCategory::video, "TS, MTS, MPG, VOB, WMV, FLV, MXF, DV" },
         { FileCategory::audio, "FLAC, AAC, AMR, CAF, AU, APE, WavPack, MIDI, WMA" },

@@ -164,6 +164,7 @@ constexpr ExtensionRow extensionTable[] = {
     { "wmf", FileCategory::image },
     { "wmv", FileCategory::video },
     { "wv", FileCategory::audio },
+    { "xcf", FileCategory::image },
     { "xls", FileCategory::document },
     { "xlsm", FileCategory::document },
     { "xlsx", FileCategory::document },

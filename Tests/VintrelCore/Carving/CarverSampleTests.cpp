@@ -28,12 +28,14 @@ const std::vector<Sample>& samples()
 {
     static const auto all = [] {
         std::vector<Sample> files;
-        for (const auto& entry : std::filesystem::directory_iterator(VINTREL_SAMPLES))
-            // The recipe has no extension; without zlib nothing tells where this kind ends.
-            if (entry.path().has_extension()
-                && (Compression::hasZlib() || entry.path().extension() != ".gz"))
+        for (const auto& entry : std::filesystem::directory_iterator(VINTREL_SAMPLES)) {
+            const auto extension = entry.path().extension();
+            // The recipe has none; without zlib nothing tells where some kinds end.
+            if (!extension.empty()
+                && (Compression::hasZlib() || (extension != ".gz" && extension != ".xcf")))
                 files.push_back(
                     { entry.path().filename().string(), readFile(entry.path().string()) });
+        }
         std::sort(files.begin(), files.end(),
             [](const auto& a, const auto& b) { return a.name < b.name; });
         return files;
