@@ -165,13 +165,59 @@ make_archives() {
         rm -r tree
     done
 }
+make_further() {
+    local n size
+    for n in $(sequence 1 4); do
+        size=$((n * 64))x$((n * 48))
+        sound "$n" $((n * 2)) -c:a flac "flac$n.flac"
+        sound "$n" $((n * 2)) -c:a flac -f flac - | cat >"flac1$n.flac"
+        sound "$n" $((n * 2)) -c:a aac -f adts "aac$n.aac"
+        sound "$n" $((n * 2)) -ac 1 -ar 8000 -f wav - | sox -t wav - -t amr-nb -C $((n + 3)) "amr$n.amr" 2>/dev/null
+        sound "$n" $((n * 2)) -c:a alac "caf$n.caf"
+        sound "$n" $((n * 2)) -c:a pcm_s16be -f au "au$n.au"
+        sound "$n" $((n * 2)) -c:a wavpack "wv$n.wv"
+        sound "$n" $((n * 2)) -c:a wmav2 "wma$n.wma"
+        film "$n" $size "$n" -c:v mpeg2video -r 25 -c:a mp2 -f mpegts "ts$n.ts"
+        film "$n" $size "$n" -c:v libx264 -preset veryfast -c:a ac3 -f mpegts -mpegts_m2ts_mode 1 "mts$n.mts"
+        film "$n" $size "$n" -c:v mpeg1video -r 25 -c:a mp2 -f mpeg "mpg$n.mpg"
+        film "$n" $size "$n" -c:v mpeg2video -r 25 -c:a mp2 -f vob "mpg1$n.mpg"
+        film "$n" $size "$n" -c:v mpeg2video -r 25 -c:a ac3 -f dvd "vob$n.vob"
+        film "$n" $size "$n" -c:v flv -c:a libmp3lame -ar 44100 "flv$n.flv"
+        film "$n" $size "$n" -c:v wmv2 -c:a wmav2 "wmv$n.wmv"
+        film "$n" $size 1 -an -c:v mpeg2video -r 25 -f mxf "mxf$n.mxf"
+        film "$n" 720x576 0.2 -ac 2 -r 25 -c:v dvvideo -f dv "dv$n.dv"
+        for kind in psd jp2 j2k dpx dds; do picture "$n" $size "$kind$n.$kind"; done
+        picture "$n" $size "PSB:psb$n.psb"
+        picture "$n" 48x48 "ico$n.ico"
+        picture "$n" $size "png24:still.png"
+        cjxl --quiet --container=1 still.png "jxl$n.jxl" 2>/dev/null
+        ffmpeg -nostdin -v error -y -i still.png -c:v targa -pix_fmt bgr24 "tga$n.tga"
+        picture "$n" $size still.ppm && c44 still.ppm "djvu$n.djvu"
+        mkdir tree && prose "$n" $((n * n * 9000)) >"tree/tekst $n.txt" && head -c $((n * n * 8000)) <(noise "$n") >tree/data.bin
+        tar -C tree -cf "tar$n.tar" . && tar -C tree --format=posix -cf "tar1$n.tar" .
+        (cd tree && find . | cpio --quiet -o -H newc) >"cpio$n.cpio"
+        gzip -c "tree/tekst $n.txt" >"gz$n.gz" && gzip -c "tar$n.tar" >"gz1$n.gz"
+        bzip2 -c "tar$n.tar" >"bz2$n.bz2"
+        xz -c "tar$n.tar" >"xz$n.xz" && xz -T2 --block-size=32KiB -c "tar$n.tar" >"xz1$n.xz"
+        zstd -q -c "tar$n.tar" >"zst$n.zst"
+        gcab -c -z "cab$n.cab" tree/*
+        genisoimage -quiet -o "iso$n.iso" tree
+        rm -r tree still.*
+        openssl genpkey -quiet -algorithm rsa -out "pem$n.pem"
+        { printf 'From: a@example.dk\nTo: b@example.dk\nDate: Sun, 14 Jul 2019 12:30:00 +0200\nSubject: %s\n' "$n" &&
+            printf 'Content-Type: multipart/mixed; boundary="=%s="\n\n--=%s=\n\n' "$n" "$n" && prose "$n" $((n * 4000)) && printf '\n--=%s=--\n' "$n"; } >"eml$n.eml"
+        for size in 1 2 3; do printf 'From a@example.dk Sun Jul 14 12:30:00 2019\n' && cat "eml$n.eml" && echo; done >"mbox$n.mbox"
+        for size in $(sequence 1 $((n * 30))); do printf 'BEGIN:VCARD\r\nVERSION:3.0\r\nFN:Nummer %s\r\nEND:VCARD\r\n' "$size"; done >"vcf$n.vcf"
+    done
+}
+
 noise() { # seed: random bytes without end
     openssl enc -aes-128-ctr -K "$(printf '%032x' "$1")" -iv 00000000000000000000000000000000 -in /dev/zero 2>/dev/null
 }
 
 if [ ! -e "$files/complete" ]; then
     echo "making the files …" >&2
-    for maker in make_pictures make_films make_documents make_archives; do
+    for maker in make_pictures make_films make_documents make_archives make_further; do
         (mkdir "$scratch/$maker" && cd "$scratch/$maker" && $maker) &
         makers+=($!)
     done

@@ -1,11 +1,14 @@
 #include "VintrelCore/Carving/Carver.h"
 
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/HeadKinds.h"
 #include "VintrelCore/Model/FileTypes.h"
 
 #include <algorithm>
 
 namespace {
+
+using FormatReader = Formats::Found (*)(const Candidate&);
 
 /// A kind of file by its first four bytes. A new format is a row here and a reader in Formats.h.
 struct Signature {
@@ -13,10 +16,11 @@ struct Signature {
     std::array<std::uint8_t, 4> mask; ///< the bits that count
     std::optional<FileCategory>
         gate; ///< none: one signature, several kinds; `wants` sorts them out
-    Formats::Found (*read)(const Candidate&);
+    FormatReader read;
 };
 
 constexpr std::array<std::uint8_t, 4> all { 0xFF, 0xFF, 0xFF, 0xFF };
+constexpr std::array<std::uint8_t, 4> first { 0xFF, 0, 0, 0 };
 constexpr std::array<std::uint8_t, 4> firstTwo { 0xFF, 0xFF, 0, 0 };
 constexpr std::array<std::uint8_t, 4> firstThree { 0xFF, 0xFF, 0xFF, 0 };
 
@@ -51,17 +55,76 @@ constexpr Signature signatures[] = {
     { { 'O', 'g', 'g', 'S' }, all, std::nullopt, Formats::ogg },
     { { 'P', 'K', 3, 4 }, all, std::nullopt, Formats::zip },
     { { 'I', 'D', '3', 0 }, firstThree, audio, Formats::mp3 },
+    { { 0xFF, 0xF0, 0, 0 }, { 0xFF, 0xF6, 0, 0 }, audio, Formats::aac }, // layer 0 is no MPEG sound
     { { 0xFF, 0xE0, 0, 0 }, { 0xFF, 0xE0, 0, 0 }, audio, Formats::mp3WithoutTag },
     { { '{', '\\', 'r', 't' }, all, document, Formats::rtf },
+    { { 'f', 'L', 'a', 'C' }, all, audio, Formats::flac },
+    { { '#', '!', 'A', 'M' }, all, audio, Formats::amr },
+    { { 'c', 'a', 'f', 'f' }, all, audio, Formats::caf },
+    { { '.', 's', 'n', 'd' }, all, audio, Formats::au },
+    { { 'M', 'A', 'C', ' ' }, all, audio, Formats::ape },
+    { { 'w', 'v', 'p', 'k' }, all, audio, Formats::wavPack },
+    { { 'M', 'T', 'h', 'd' }, all, audio, Formats::midi },
+    { { 0, 0, 1, 0xBA }, all, video, Formats::mpegPS },
+    { { 'F', 'L', 'V', 1 }, all, video, Formats::flv },
+    { { 0x30, 0x26, 0xB2, 0x75 }, all, std::nullopt, Formats::asf },
+    { { '8', 'B', 'P', 'S' }, all, image, Formats::psd },
+    { { 0x1F, 0x8B, 8, 0 }, firstThree, archive, Formats::gzip },
+    { { 'B', 'Z', 'h', 0 }, firstThree, archive, Formats::bzip2 },
+    { { 0xFD, '7', 'z', 'X' }, all, archive, Formats::xz },
+    { { 0x28, 0xB5, 0x2F, 0xFD }, all, archive, Formats::zstandard },
+    { { 'M', 'S', 'C', 'F' }, all, archive, Formats::cabinet },
+    { { '0', '7', '0', '7' }, all, archive, Formats::cpio },
+    { { 'R', 'e', 't', 'u' }, all, document, Formats::mail },
+    { { 'R', 'e', 'c', 'e' }, all, document, Formats::mail },
+    { { 'D', 'e', 'l', 'i' }, all, document, Formats::mail },
+    { { 'F', 'r', 'o', 'm' }, all, document, Formats::mail },
+    { { 'M', 'e', 's', 's' }, all, document, Formats::mail },
+    { { 'M', 'I', 'M', 'E' }, all, document, Formats::mail },
+    { { 'D', 'a', 't', 'e' }, all, document, Formats::mail },
+    { { 'S', 'u', 'b', 'j' }, all, document, Formats::mail },
+    { { 'T', 'o', ':', ' ' }, all, document, Formats::mail },
+    { { 'D', 'K', 'I', 'M' }, all, document, Formats::mail },
+    { { 'C', 'o', 'n', 't' }, all, document, Formats::mail },
+    { { 'A', 'R', 'C', '-' }, all, document, Formats::mail },
+    { { 'A', 'u', 't', 'h' }, all, document, Formats::mail },
+    { { 'X', '-', 0, 0 }, firstTwo, document, Formats::mail },
+    { { 'B', 'E', 'G', 'I' }, all, document, Formats::contacts },
+    { { '-', '-', '-', '-' }, all, document, Formats::armour },
+    { { 'P', 'u', 'T', 'T' }, all, document, Formats::puttyKey },
+    { { '{', '\n', ' ', ' ' }, all, document, Formats::passwordExport },
+    { { '{', '\r', '\n', ' ' }, all, document, Formats::passwordExport },
+    { { '{', '"', 'e', 'n' }, all, document, Formats::passwordExport },
+    { { 3, 0xD9, 0xA2, 0x9A }, all, document, Formats::kdbx },
+    { { '!', 'B', 'D', 'N' }, all, document, Formats::pst },
+    { { '<', '?', 'x', 'm' }, all, image, Formats::svg },
+    { { '<', 's', 'v', 'g' }, all, image, Formats::svg },
+    { { '<', '!', '-', '-' }, all, image, Formats::svg },
+    { { '<', '!', 'D', 'O' }, all, image, Formats::svg },
+    { { 0xEF, 0xBB, 0xBF, '<' }, all, image, Formats::svg }, // with a byte order mark
+    { { 'I', 'S', 'O', '-' }, all, document, Formats::step },
+    { { ' ', ' ', '0', '\n' }, all, document, Formats::dxf },
+    { { ' ', ' ', '0', '\r' }, all, document, Formats::dxf },
+    { { '0', '\n', 'S', 'E' }, all, document, Formats::dxf },
+    { { '0', '\r', '\n', 'S' }, all, document, Formats::dxf },
+    { { '9', '9', '9', '\n' }, all, document, Formats::dxf },
+    { { '9', '9', '9', '\r' }, all, document, Formats::dxf },
+    { { 0, 0, 0, 12 }, all, image, Formats::jpeg2000 },
+    { { 0xFF, 0x4F, 0xFF, 0x51 }, all, image, Formats::jpeg2000Codestream },
+    { { 'A', 'T', '&', 'T' }, all, document, Formats::djvu },
+    { { 0, 0, 1, 0 }, all, image, Formats::ico },
+    { { 0xD7, 0xCD, 0xC6, 0x9A }, all, image, Formats::wmf },
+    { { 1, 0, 0, 0 }, all, image, Formats::emf },
+    { { 'g', 'i', 'm', 'p' }, all, image, Formats::xcf },
+    { { 'D', 'D', 'S', ' ' }, all, image, Formats::dds },
+    { { 'B', 'L', 'E', 'N' }, all, document, Formats::blend },
+    { { 0x06, 0x0E, 0x2B, 0x34 }, all, video, Formats::mxf },
+    { { 0x1F, 0x07, 0, 0 }, firstThree, video, Formats::dv },
+    { { 'S', 'D', 'P', 'X' }, all, image, Formats::dpx },
+    { { 'X', 'P', 'D', 'S' }, all, image, Formats::dpx },
+    { { 0, 'M', 'R', 'M' }, all, image, Formats::mrw },
+    { { 'G', 0, 0, 0 }, first, video, Formats::mpegTS },
 };
-
-/// Which first bytes have a row: what nearly every sector is asked, and nothing else.
-constexpr auto startsSignature = [] {
-    std::array<bool, 256> starts {};
-    for (const auto& signature : signatures)
-        starts[signature.magic[0]] = true;
-    return starts;
-}();
 
 bool matches(ByteView head, const Signature& signature)
 {
@@ -71,33 +134,37 @@ bool matches(ByteView head, const Signature& signature)
     return true;
 }
 
-/// What a file is called whose beginning is known and nothing else: by a mark of eight bytes at
-/// most at `at`, and where there is one by a second mark at byte 8.
-struct HeadKind {
-    std::int64_t at;
-    std::string_view mark;
-    std::string_view secondMark;
-    const char* extension;
+/// The rows in the order of their first bytes, and for each first byte where its rows begin: nearly
+/// every sector is asked for that alone. Rows of one first byte stay in the order of the table.
+struct SignatureIndex {
+    std::array<std::uint8_t, std::size(signatures)> rows {};
+    std::array<std::uint8_t, 257> begins {};
 };
+static_assert(std::size(signatures) < 256);
 
-constexpr HeadKind headKinds[] = {
-    { 0, "\xFF\xD8\xFF", "", "jpg" },
-    { 0, "\x89PNG\r\n\x1A\n", "", "png" },
-    { 0, "GIF8", "", "gif" },
-    { 0, { "II*\0", 4 }, "", "tif" },
-    { 0, { "MM\0*", 4 }, "", "tif" },
-    { 0, "RIFF", "AVI ", "avi" },
-    { 0, "RIFF", "WAVE", "wav" },
-    { 0, "\x1A\x45\xDF\xA3", "", "mkv" },
-    { 0, "OggS", "", "ogg" },
-    { 0, "%PDF-", "", "pdf" },
-    { 0, "SQLite f", "", "sqlite" },
-    { 0, "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1", "", "doc" },
-    { 0, "PK\x03\x04", "", "zip" },
-    { 0, "ID3", "", "mp3" },
-    { 4, "ftypqt", "", "mov" },
-    { 4, "ftyp", "", "mp4" },
-};
+constexpr auto signatureIndex = [] {
+    SignatureIndex index;
+    std::size_t count = 0;
+    for (std::size_t byte = 0; byte < 256; ++byte) {
+        index.begins[byte] = static_cast<std::uint8_t>(count);
+        for (std::size_t row = 0; row < std::size(signatures); ++row)
+            if (signatures[row].magic[0] == byte)
+                index.rows[count++] = static_cast<std::uint8_t>(row);
+    }
+    index.begins[256] = static_cast<std::uint8_t>(count);
+    return index;
+}();
+
+/// The first row that the bytes match; null when none does.
+const Signature* signatureOf(ByteView head)
+{
+    const std::size_t first = head.data()[0];
+    const std::size_t end = signatureIndex.begins[first + 1];
+    for (std::size_t i = signatureIndex.begins[first]; i < end; ++i)
+        if (const auto& row = signatures[signatureIndex.rows[i]]; matches(head, row))
+            return &row;
+    return nullptr;
+}
 
 /// Whether a film of the years before "ftyp" may begin here.
 bool beginsQuickTime(ByteView head)
@@ -114,6 +181,84 @@ bool beginsQuickTime(ByteView head)
     default:
         return false;
     }
+}
+
+/// Whether it may be a name with zeros behind it, or one that is longer than the head, as at the
+/// beginning of a TAR archive. What random bytes nearly never have is looked at first.
+bool mayBePaddedName(ByteView head)
+{
+    constexpr std::uint64_t aboveASCII = 0x8080'8080'8080'8080;
+    constexpr std::int64_t lastEight = 56;
+    constexpr std::uint8_t firstPrintable = 0x20;
+    if ((head.u64le(lastEight) & aboveASCII) != 0)
+        return false;
+    const auto bytes = head.span();
+    const auto end
+        = std::ranges::find_if(bytes, [](std::uint8_t byte) { return byte < firstPrintable; });
+    return end != bytes.begin()
+        && std::all_of(end, bytes.end(), [](std::uint8_t byte) { return byte == 0; });
+}
+
+/// Whether the mark of a B-tree, a hash or a queue of Berkeley DB lies behind a page's number,
+/// which is zero.
+bool mayBeginBerkeleyDB(ByteView head)
+{
+    constexpr std::uint32_t marks[] = { 0x0005'3162, 0x0006'1561, 0x0004'2253 };
+    return head.u32le(8) == 0
+        && (std::ranges::count(marks, head.u32le(12)) > 0
+            || std::ranges::count(marks, head.u32be(12)) > 0);
+}
+
+/// Whether a CD's image may begin here: nothing, or one of the programs that start a computer from
+/// it or from a copy on a stick.
+bool mayBeginDisc(ByteView head)
+{
+    const auto start = head.u16be(0);
+    return start == 0 ? head.u64be(0) == 0 : start == 0x33ED || start == 0xEB63 || start == 0x4552;
+}
+
+/// Whether the numbers of a picture may stand here whose mark is in its footer.
+bool mayBeginTGA(ByteView head)
+{
+    const auto* const bytes = head.data();
+    const auto type = bytes[2] & ~8;
+    return bytes[1] <= 1 && type >= 1 && type <= 3 && head.u16le(3) == 0 && bytes[16] >= 8
+        && bytes[16] <= 32;
+}
+
+// The titles of triangles may be anything that is text, or nothing.
+
+Formats::Found archiveOrTriangles(const Candidate& candidate)
+{
+    auto found = Formats::tar(candidate);
+    return found ? found : Formats::stl(candidate);
+}
+
+Formats::Found discOrTriangles(const Candidate& candidate)
+{
+    auto found = Formats::iso9660(candidate);
+    return found ? found : Formats::stl(candidate);
+}
+
+/// Who reads the kinds whose sure marks lie further in than the table looks; null when none of them
+/// begins with these bytes. Asked of nearly every sector.
+FormatReader readerByInnerMark(ByteView head)
+{
+    if (head.matches("ftyp", 4))
+        return Formats::isoBMFF;
+    if (beginsQuickTime(head))
+        return Formats::quickTime;
+    if (mayBeginBerkeleyDB(head))
+        return Formats::berkeleyDB;
+    if (mayBeginTGA(head))
+        return Formats::tga;
+    if (mayBeginDisc(head))
+        return discOrTriangles;
+    if (mayBePaddedName(head))
+        return archiveOrTriangles;
+    if (head.u8(4) == 'G') // behind a time
+        return Formats::mpegTSWithTimes;
+    return nullptr;
 }
 
 constexpr std::size_t minHead = 32;
@@ -157,21 +302,16 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
 {
     if (head.size() < minHead)
         return std::nullopt;
-    const bool isISOMedia = head.matches("ftyp", 4);
-    const bool isQuickTime = !isISOMedia && beginsQuickTime(head);
-    if (!startsSignature[head.data()[0]] && !isISOMedia && !isQuickTime)
+    const auto* const signature = signatureOf(head);
+    const auto readByInnerMark = readerByInnerMark(head);
+    if (signature == nullptr && readByInnerMark == nullptr)
         return std::nullopt;
 
     std::optional<CarvedFile> found;
-    const auto* const signature = std::ranges::find_if(
-        signatures, [&](const Signature& row) { return matches(head, row); });
-    if (signature != std::end(signatures)
-        && (!signature->gate || categories_.contains(*signature->gate)))
+    if (signature != nullptr && (!signature->gate || categories_.contains(*signature->gate)))
         found = tryFormat(signature->read, offset);
-    if (!found && isISOMedia)
-        found = tryFormat(Formats::isoBMFF, offset);
-    if (!found && isQuickTime)
-        found = tryFormat(Formats::quickTime, offset);
+    if (!found && readByInnerMark != nullptr)
+        found = tryFormat(readByInnerMark, offset);
     if (found && !wants(found->ext))
         found.reset();
     if (!found && brokenHeads_ != nullptr)
@@ -182,11 +322,9 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
 void Carver::noteBrokenHead(ByteView head, std::uint64_t offset)
 {
     constexpr std::size_t mostHeads = 1'048'576; // 16 MiB: no disk that files were written to
-    const auto* const kind = std::ranges::find_if(headKinds, [&](const HeadKind& row) {
-        return head.matches(row.mark, row.at) && head.matches(row.secondMark, 8);
-    });
-    if (kind != std::end(headKinds) && wants(kind->extension) && brokenHeads_->size() < mostHeads)
-        brokenHeads_->push_back({ offset, kind->extension });
+    const auto* const extension = extensionByHead(head);
+    if (extension != nullptr && wants(extension) && brokenHeads_->size() < mostHeads)
+        brokenHeads_->push_back({ offset, extension });
 }
 
 /// Lets a format's reader work on the candidate at `offset`, within what all candidates together
@@ -224,7 +362,7 @@ bool Carver::wants(std::string_view extension) const
         return true;
     // Listed among other files, yet carved as documents.
     constexpr std::string_view others[]
-        = { "sqlite", "msg", "db", "msi", "automaticdestinations-ms" };
+        = { "sqlite", "msg", "db", "msi", "automaticdestinations-ms", "dat", "json" };
     return categories_.contains(document)
         && std::ranges::find(others, extension) != std::end(others);
 }

@@ -39,6 +39,19 @@ public:
             "PDF, DOCX, XLSX, PPTX, DOC, XLS, PPT, ODT, ODS, ODP, EPUB, RTF, SQLite, MSG" },
         { FileCategory::archive, "ZIP, 7-Zip, RAR, JAR" },
     } };
+    /// What is found besides.
+    static constexpr std::array<SupportedType, 5> furtherTypes { {
+        { FileCategory::image,
+            "PSD, PSB, XCF, JP2, J2K, JXL, SVG, ICO, WMF, EMF, DDS, TGA, DPX, KRA, RAW (3FR, ERF, "
+            "KDC, "
+            "MRW)" },
+        { FileCategory::video, "TS, MTS, MPG, VOB, WMV, FLV, MXF, DV" },
+        { FileCategory::audio, "FLAC, AAC, AMR, CAF, AU, APE, WavPack, MIDI, WMA" },
+        { FileCategory::document,
+            "EML, MBOX, PST, VCF, ICS, ODG, KEY, DjVu, DXF, STEP, STL, BLEND, 3MF, KDBX, 1PUX, "
+            "JSON, Berkeley DB, PEM, ASC, PPK" },
+        { FileCategory::archive, "GZ, BZ2, XZ, ZST, TAR, CAB, CPIO, ISO, APK" },
+    } };
 
     /// `window`: of the sweep, so that what it holds is not read again; none without a sweep.
     Carver(DiskSource& source, std::set<FileCategory> categories, SweepWindow* window = nullptr);

@@ -3,6 +3,7 @@
 
 #include "Tests/Images/CarvedFile.h"
 #include "Tests/Support/TestSource.h"
+#include "VintrelCore/Foundation/Compression/Compression.h"
 #include "VintrelCore/Scanning/DeepScan.h"
 
 #include <gtest/gtest.h>
@@ -27,10 +28,14 @@ const std::vector<Sample>& samples()
 {
     static const auto all = [] {
         std::vector<Sample> files;
-        for (const auto& entry : std::filesystem::directory_iterator(VINTREL_SAMPLES))
-            if (entry.path().has_extension()) // the recipe has none
+        for (const auto& entry : std::filesystem::directory_iterator(VINTREL_SAMPLES)) {
+            const auto extension = entry.path().extension();
+            // The recipe has none; without zlib nothing tells where some kinds end.
+            if (!extension.empty()
+                && (Compression::hasZlib() || (extension != ".gz" && extension != ".xcf")))
                 files.push_back(
                     { entry.path().filename().string(), readFile(entry.path().string()) });
+        }
         std::sort(files.begin(), files.end(),
             [](const auto& a, const auto& b) { return a.name < b.name; });
         return files;
@@ -119,6 +124,9 @@ TEST(CarverSamples, AreNotHiddenByTheBeginningsOfOthers)
         Disk disk;
         for (std::size_t i = 0; i < samples().size(); ++i) {
             const auto& lost = samples()[i].bytes;
+            // Without a checksum or a length, any brace of another file may close this one.
+            if (samples()[i].extension() == "rtf")
+                continue;
             disk.append(Bytes(
                 lost.begin(), lost.begin() + static_cast<std::ptrdiff_t>(lost.size() * 6 / 10)));
             disk.fill(Disk::text, lost.size()); // a length that the beginning tells is believed

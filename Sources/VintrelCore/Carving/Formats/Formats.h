@@ -86,6 +86,64 @@ Found mp3WithoutTag(const Candidate& candidate);
 Found rtf(const Candidate& candidate);
 Found isoBMFF(const Candidate& candidate);
 Found quickTime(const Candidate& candidate);
+Found flac(const Candidate& candidate);
+Found aac(const Candidate& candidate);
+Found amr(const Candidate& candidate);
+Found caf(const Candidate& candidate);
+Found au(const Candidate& candidate);
+Found ape(const Candidate& candidate);
+Found wavPack(const Candidate& candidate);
+Found midi(const Candidate& candidate);
+Found mpegTS(const Candidate& candidate);
+Found mpegTSWithTimes(const Candidate& candidate);
+Found mpegPS(const Candidate& candidate);
+Found flv(const Candidate& candidate);
+Found asf(const Candidate& candidate);
+Found psd(const Candidate& candidate);
+Found gzip(const Candidate& candidate);
+Found bzip2(const Candidate& candidate);
+Found xz(const Candidate& candidate);
+Found zstandard(const Candidate& candidate);
+Found cabinet(const Candidate& candidate);
+Found cpio(const Candidate& candidate);
+Found tar(const Candidate& candidate);
+Found iso9660(const Candidate& candidate);
+Found mail(const Candidate& candidate);
+Found contacts(const Candidate& candidate);
+Found armour(const Candidate& candidate);
+Found puttyKey(const Candidate& candidate);
+Found passwordExport(const Candidate& candidate);
+Found kdbx(const Candidate& candidate);
+Found pst(const Candidate& candidate);
+Found svg(const Candidate& candidate);
+Found step(const Candidate& candidate);
+Found dxf(const Candidate& candidate);
+Found berkeleyDB(const Candidate& candidate);
+Found jpeg2000(const Candidate& candidate);
+Found jpeg2000Codestream(const Candidate& candidate);
+Found djvu(const Candidate& candidate);
+Found ico(const Candidate& candidate);
+Found wmf(const Candidate& candidate);
+Found emf(const Candidate& candidate);
+Found dds(const Candidate& candidate);
+Found tga(const Candidate& candidate);
+Found blend(const Candidate& candidate);
+Found mxf(const Candidate& candidate);
+Found dv(const Candidate& candidate);
+Found dpx(const Candidate& candidate);
+Found stl(const Candidate& candidate);
+Found mrw(const Candidate& candidate);
+Found xcf(const Candidate& candidate);
+
+/// Whether what begins at `position` may belong to the same file as the `before` streams in front
+/// of it, where programs join streams. At a sector it rather is a file of its own, but for files
+/// that consist of very many streams.
+constexpr bool mayJoin(std::uint64_t position, std::uint64_t before)
+{
+    constexpr std::uint64_t sectorSize = 512;
+    constexpr std::uint64_t many = 8;
+    return position % sectorSize != 0 || before == 0 || before >= many;
+}
 
 /// When a picture was taken, or else last changed, by the TIFF structure of its Exif data; the
 /// camera's clock is taken for local time. None when it does not say, or says what no calendar

@@ -26,6 +26,7 @@ constexpr std::uint64_t fieldsRegion = 65'536; // cameras write what they say of
 enum Tag : std::uint16_t {
     panasonicJPEG = 0x002E,
     maker = 0x010F,
+    photometricInterpretation = 0x0106,
     stripOffsets = 0x0111,
     stripByteCounts = 0x0117,
     panasonicRawOffset = 0x0118,
@@ -40,6 +41,7 @@ enum Tag : std::uint16_t {
     dngVersion = 0xC612,
 };
 
+constexpr std::uint32_t colourFilterArray = 32'803; // of "TIFF/EP", ISO 12234-2
 constexpr std::uint8_t plainMarker = 0x2A;
 constexpr std::uint8_t olympusMarker = 0x52;
 constexpr std::uint8_t panasonicMarker = 0x55;
@@ -163,10 +165,24 @@ public:
         for (const auto& [name, ext] : makers)
             if (maker.starts_with(name))
                 return ext;
-        return "tif";
+        return isMosaic_ ? mosaicExtension(maker) : "tif";
     }
 
 private:
+    /// Of makers whose scanners write TIFF files, too: only what a sensor saw is a raw.
+    static const char* mosaicExtension(std::string_view maker)
+    {
+        constexpr struct {
+            std::string_view name;
+            const char* ext;
+        } makers[] = { { "HASSELBLAD", "3fr" }, { "SEIKO EPSON", "erf" }, { "EPSON", "erf" },
+            { "EASTMAN KODAK", "kdc" }, { "KODAK", "kdc" } };
+        for (const auto& [name, ext] : makers)
+            if (maker.starts_with(name))
+                return ext;
+        return "tif";
+    }
+
     std::uint16_t u16(std::uint64_t position)
     {
         return isLittle_ ? file_.u16le(position) : file_.u16be(position);
@@ -258,6 +274,9 @@ private:
         case dngVersion:
             isDNG_ = true;
             break;
+        case photometricInterpretation:
+            isMosaic_ |= value(entry, 0) == colourFilterArray;
+            break;
         case subDirectories:
         case exifDirectory:
         case gpsDirectory:
@@ -309,6 +328,7 @@ private:
     bool hasFalsePreview_ = false;
     std::string maker_;
     bool isDNG_ = false;
+    bool isMosaic_ = false; ///< whether a picture has one colour in each pixel
 };
 
 } // namespace

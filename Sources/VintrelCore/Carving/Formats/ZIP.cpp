@@ -154,7 +154,8 @@ const char* kindOfMimetype(RandomReader& file, const LocalHeader& first)
     } kinds[] = { { "application/vnd.oasis.opendocument.text", "odt" },
         { "application/vnd.oasis.opendocument.spreadsheet", "ods" },
         { "application/vnd.oasis.opendocument.presentation", "odp" },
-        { "application/epub+zip", "epub" } };
+        { "application/vnd.oasis.opendocument.graphics", "odg" },
+        { "application/epub+zip", "epub" }, { "application/x-krita", "kra" } };
     for (const auto& [content, ext] : kinds)
         if (file.matches(first.dataOffset(), content))
             return ext;
@@ -166,7 +167,8 @@ constexpr struct {
     std::string_view name;
     const char* ext;
 } namedKinds[] = { { "word/", "docx" }, { "xl/", "xlsx" }, { "ppt/", "pptx" },
-    { "META-INF/MANIFEST.MF", "jar" } };
+    { "META-INF/MANIFEST.MF", "jar" }, { "AndroidManifest.xml", "apk" },
+    { "3D/3dmodel.model", "3mf" }, { "Index/Slide", "key" }, { "export.attributes", "1pux" } };
 
 /// The first of `namedKinds` that the records in these bytes name; their number when none does.
 /// Only names of entries count: the same letters in somebody's text say nothing.
@@ -232,11 +234,10 @@ Found zip(const Candidate& candidate)
                                      : searchEnd(candidate, walk.position);
     if (!end || end->size > maxSize)
         return std::nullopt;
-    const std::string_view ext = kindOf(file, *end);
-    const bool isArchive = ext == "zip" || ext == "jar";
-    if (!candidate.categories.contains(isArchive ? FileCategory::archive : FileCategory::document))
+    const std::string ext = kindOf(file, *end);
+    if (!candidate.categories.contains(categoryOf("x." + ext)))
         return std::nullopt;
-    auto found = candidate.found(end->size, std::string(ext));
+    auto found = candidate.found(end->size, ext);
     found.isProved = isProved(file, *end);
     return found;
 }

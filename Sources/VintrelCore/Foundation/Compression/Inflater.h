@@ -12,9 +12,9 @@ namespace Compression {
 /// each with about 40 KiB of its own. Without zlib every stream is damaged. Used by one thread.
 class Inflater {
 public:
-    /// A zlib stream (RFC 1950) has a header, and behind the data a checksum that is checked; a raw
-    /// one (RFC 1951) has neither.
-    enum class Wrapping : std::uint8_t { raw, zlib };
+    /// A zlib stream (RFC 1950) or member of a gzip file (RFC 1952) has a header, and behind the
+    /// data a checksum that is checked; a raw stream (RFC 1951) has neither.
+    enum class Wrapping : std::uint8_t { raw, zlib, gzip };
     enum class State : std::uint8_t {
         open,    ///< wants more input, or more room for output
         ended,   ///< the stream is whole

@@ -31,11 +31,28 @@ struct Inflater::Stream {
     }
 };
 
+namespace {
+
+/// How zlib is told what lies around a stream.
+int windowBits(Inflater::Wrapping wrapping)
+{
+    constexpr int gzipOnly = 16;
+    switch (wrapping) {
+    case Inflater::Wrapping::raw:
+        return -MAX_WBITS;
+    case Inflater::Wrapping::gzip:
+        return MAX_WBITS + gzipOnly;
+    default:
+        return MAX_WBITS;
+    }
+}
+
+} // namespace
+
 Inflater::Inflater(Wrapping wrapping)
     : stream_(std::make_unique<Stream>())
 {
-    stream_->isUsable
-        = inflateInit2(&stream_->zlib, wrapping == Wrapping::raw ? -MAX_WBITS : MAX_WBITS) == Z_OK;
+    stream_->isUsable = inflateInit2(&stream_->zlib, windowBits(wrapping)) == Z_OK;
 }
 
 Inflater::Inflater(const Inflater& other)

@@ -1,0 +1,89 @@
+#include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/Formats/MailHeader.h"
+
+#include <algorithm>
+
+// RFC 5322 (mail), RFC 2046 (mails of several parts) and RFC 4155 (mailboxes). A mail of several
+// parts has an end mark; another one ends where its text does, which is an estimate.
+
+namespace Formats {
+
+namespace {
+
+constexpr std::uint64_t limit = std::uint64_t { 1 } << 36;
+constexpr int maxEmptyLines = 2; // that programs put behind a mail
+
+/// Where a mail or a mailbox ends, and whether an end mark says so.
+struct MailEnd {
+    std::uint64_t position;
+    bool isMarked;
+};
+
+/// Whether a line of a mailbox is one that a mail follows: "From", an address and a date.
+bool isSeparator(std::string_view line)
+{
+    constexpr std::size_t minLength = 24; // that of the date alone
+    constexpr std::string_view days[]
+        = { " Mon ", " Tue ", " Wed ", " Thu ", " Fri ", " Sat ", " Sun " };
+    return line.starts_with("From ") && line.size() > minLength
+        && std::ranges::any_of(
+            days, [&](std::string_view day) { return line.find(day) != std::string_view::npos; });
+}
+
+/// The end of the mail whose body comes next. `isInMailbox`: whether a separator ends it, too.
+MailEnd endOfBody(RandomReader& file, TextLines& lines, const MailHeader& header, bool isInMailbox)
+{
+    const auto endMark = header.boundary.empty() ? std::string() : "--" + header.boundary + "--";
+    MailEnd end { header.end, false };
+    bool wasEmpty = true;
+    while (const auto line = lines.next()) {
+        if (isInMailbox && wasEmpty && isSeparator(line->text)) {
+            lines.moveTo(line->start);
+            return { line->start, true };
+        }
+        end.position = line->end;
+        if (!endMark.empty() && line->text.starts_with(endMark)) {
+            end = { behindEmptyLines(file, line->end, maxEmptyLines), true };
+            lines.moveTo(end.position);
+            break;
+        }
+        wasEmpty = line->text.empty();
+    }
+    return end;
+}
+
+Found withEnd(const Candidate& candidate, MailEnd end, const char* ext)
+{
+    auto found = candidate.found(end.position, ext);
+    found.exact = end.isMarked;
+    found.isProved = end.isMarked;
+    return found;
+}
+
+Found mailbox(const Candidate& candidate)
+{
+    TextLines lines(candidate.file, 0, limit);
+    std::optional<MailEnd> end;
+    while (const auto line = lines.next()) {
+        const auto header = isSeparator(line->text) ? MailHeader::from(lines) : std::nullopt;
+        if (!header)
+            break;
+        end = endOfBody(candidate.file, lines, *header, true);
+    }
+    return end ? withEnd(candidate, *end, "mbox") : std::nullopt;
+}
+
+} // namespace
+
+Found mail(const Candidate& candidate)
+{
+    if (candidate.file.matches(0, "From "))
+        return mailbox(candidate);
+    TextLines lines(candidate.file, 0, limit);
+    const auto header = MailHeader::from(lines);
+    if (!header)
+        return std::nullopt;
+    return withEnd(candidate, endOfBody(candidate.file, lines, *header, false), "eml");
+}
+
+} // namespace Formats

@@ -1,0 +1,77 @@
+#include "VintrelCore/Carving/Formats/MailHeader.h"
+
+#include "VintrelCore/Foundation/Text.h"
+
+#include <algorithm>
+
+namespace Formats {
+
+namespace {
+
+constexpr int maxLines = 4096;
+constexpr std::size_t maxContentType = 4096;
+
+/// The name of a field in lower case; empty when the line is none.
+std::string fieldName(std::string_view line)
+{
+    constexpr std::size_t maxName = 76;
+    const auto colon = line.find(':');
+    if (colon == 0 || colon > maxName)
+        return {};
+    const auto name = line.substr(0, colon);
+    const bool isName = std::ranges::all_of(name, [](char c) { return c > 0x20 && c < 0x7F; });
+    return isName ? Text::lowerCase(name) : std::string();
+}
+
+/// The parameter "boundary" of a Content-Type field; empty without one.
+std::string boundaryOf(std::string_view contentType)
+{
+    constexpr std::string_view name = "boundary=";
+    const auto lower = Text::lowerCase(contentType);
+    const auto at = lower.find(name);
+    if (at == std::string::npos || lower.find("multipart/") == std::string::npos)
+        return {};
+    auto value = contentType.substr(at + name.size());
+    if (value.starts_with('"')) {
+        value.remove_prefix(1);
+        return std::string(value.substr(0, value.find('"')));
+    }
+    return std::string(value.substr(0, value.find_first_of("; \t")));
+}
+
+} // namespace
+
+std::optional<MailHeader> MailHeader::from(TextLines& lines)
+{
+    constexpr std::string_view usual[]
+        = { "date", "to", "subject", "message-id", "received", "return-path", "mime-version" };
+    constexpr int minUsual = 2;
+    bool hasSender = false;
+    int usualFields = 0;
+    std::string contentType;
+    bool isInContentType = false;
+    for (int count = 0; count < maxLines; ++count) {
+        const auto line = lines.next();
+        if (!line || !line->isEnded)
+            break;
+        if (line->text.empty()) {
+            if (!hasSender || usualFields < minUsual)
+                break;
+            return MailHeader { boundaryOf(contentType), line->end };
+        }
+        const bool isContinued = line->text.front() == ' ' || line->text.front() == '\t';
+        if (!isContinued) {
+            const auto name = fieldName(line->text);
+            if (name.empty())
+                break;
+            hasSender |= name == "from";
+            usualFields += std::ranges::count(usual, name) > 0 ? 1 : 0;
+            isInContentType = name == "content-type";
+        }
+        if (isInContentType && contentType.size() < maxContentType)
+            contentType += line->text;
+    }
+    return std::nullopt;
+}
+
+} // namespace Formats

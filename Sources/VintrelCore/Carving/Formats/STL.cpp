@@ -1,0 +1,70 @@
+#include "VintrelCore/Carving/Formats/Formats.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstddef>
+
+// Stereolithography, binary form (3D Systems): a title, the number of triangles, and those. It has
+// no mark of its own, so that the triangles must be ones.
+
+namespace Formats {
+
+namespace {
+
+constexpr std::uint64_t titleSize = 80;
+constexpr std::uint32_t minTriangles = 4; // a body has no fewer
+constexpr std::uint32_t maxTriangles = 100'000'000;
+constexpr std::uint32_t maxChecked = 10'000;
+
+struct Triangle {
+    std::array<LE32, 3> normal;  //  0
+    std::array<LE32, 9> corners; // 12
+    LE16 attributes;             // 48  colours, in some programs
+};
+static_assert(sizeof(Triangle) == 50);
+
+float number(LE32 stored) { return std::bit_cast<float>(std::uint32_t { stored }); }
+
+/// Whether it has a normal of length 1 or 0, and three different corners that are no more than
+/// kilometres away.
+bool isTriangle(const Triangle& triangle)
+{
+    constexpr float maxCoordinate = 1e7F;
+    constexpr float tolerance = 0.01F;
+    const auto x = number(triangle.normal[0]);
+    const auto y = number(triangle.normal[1]);
+    const auto z = number(triangle.normal[2]);
+    const auto length = std::hypot(x, y, z);
+    const bool isNormal = length == 0 || std::abs(length - 1) < tolerance;
+    const bool areClose = std::ranges::all_of(triangle.corners,
+        [](const LE32& corner) { return std::abs(number(corner)) < maxCoordinate; });
+    const auto corner = [&](std::size_t which) {
+        return std::array { number(triangle.corners[which * 3]),
+            number(triangle.corners[which * 3 + 1]), number(triangle.corners[which * 3 + 2]) };
+    };
+    return isNormal && areClose && (corner(0) != corner(1) || corner(1) != corner(2));
+}
+
+} // namespace
+
+Found stl(const Candidate& candidate)
+{
+    auto& file = candidate.file;
+    const auto count = file.u32le(titleSize);
+    const std::uint64_t first = titleSize + sizeof(LE32);
+    const std::uint64_t size = first + std::uint64_t { count } * sizeof(Triangle);
+    if (count < minTriangles || count > maxTriangles || !candidate.fits(size))
+        return std::nullopt;
+    const std::uint32_t checked = std::min(count, maxChecked);
+    for (std::uint32_t i = 0; i < checked; ++i)
+        if (!isTriangle(file.load<Triangle>(first + i * sizeof(Triangle))))
+            return std::nullopt;
+    if (!isTriangle(file.load<Triangle>(size - sizeof(Triangle))))
+        return std::nullopt;
+    auto found = candidate.found(size, "stl");
+    found.isProved = checked == count;
+    return found;
+}
+
+} // namespace Formats

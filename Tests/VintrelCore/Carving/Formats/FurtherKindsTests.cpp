@@ -1,0 +1,238 @@
+// Kinds of which no free tool makes a file, and what sets a file of a kind apart from what only
+// looks like one.
+
+#include "Tests/VintrelCore/Carving/Carve.h"
+
+#include <gtest/gtest.h>
+
+using namespace std::string_view_literals;
+
+namespace {
+
+Content repeated(int count, const Bytes& bytes)
+{
+    Content all;
+    for (int i = 0; i < count; ++i)
+        all.add(bytes);
+    return all;
+}
+
+Bytes ape()
+{
+    Content file;
+    file.text("MAC ").le(3990, 2).zeros(2).le(52, 4).le(24, 4).le(4, 4).le(44, 4).le(500, 4);
+    file.le(0, 4).le(6, 4).zeros(16).le(2000, 2).zeros(2).le(73'728, 4).le(9, 4).le(1, 4);
+    file.le(16, 2).le(2, 2).le(44'100, 4).le(52 + 24 + 4 + 44, 4);
+    return file.upTo(52 + 24 + 4 + 44 + 506, 7);
+}
+
+/// A tag of one item, as it stands behind sound.
+Bytes apeTag()
+{
+    return Content().text("APETAGEX").le(2000, 4).le(40, 4).le(1, 4).upTo(32).upTo(72, 'a');
+}
+
+Bytes outlook(bool isWide, std::uint8_t blockTreeType = 0x80)
+{
+    const int width = isWide ? 8 : 4;
+    Content file;
+    file.text("!BDN").zeros(4).text("SM").le(isWide ? 23 : 14, 2).upTo(isWide ? 180 : 164);
+    file.zeros(4).le(2'048, width).zeros(static_cast<std::size_t>(width) * 3);
+    file.le(1, width).le(1'024, width).le(2, width).le(1'536, width);
+    const std::size_t trailer = isWide ? 496 : 500;
+    file.upTo(1'024 + trailer).le(0x8181, 2);
+    file.upTo(1'536 + trailer).le(blockTreeType, 1).le(0x80, 1);
+    return file.upTo(2'048);
+}
+
+Bytes layered(int version, int compression)
+{
+    Content file;
+    file.text("8BPS").be(static_cast<std::uint64_t>(version), 2).zeros(6).be(3, 2);
+    file.be(10, 4).be(20, 4).be(8, 2).be(3, 2).zeros(8).zeros(version == 2 ? 8 : 4);
+    file.be(static_cast<std::uint64_t>(compression), 2);
+    for (int row = 0; compression == 1 && row < 30; ++row)
+        file.be(5, version == 2 ? 4 : 2);
+    return file.upTo(file.size() + (compression == 1 ? 150 : 600), 9);
+}
+
+Bytes triangles(std::uint32_t count)
+{
+    Content one;
+    for (const auto number :
+        { 0u, 0u, 0x3F80'0000u, 0u, 0u, 0u, 0x4000'0000u, 0u, 0u, 0u, 0x4000'0000u, 0u })
+        one.le(number, 4);
+    const Bytes triangle = one.zeros(2);
+    return Content().text("solid").upTo(80, ' ').le(count, 4).add(
+        repeated(static_cast<int>(count), triangle));
+}
+
+Bytes blend(char order)
+{
+    const auto block = [&](std::string_view code, std::size_t size) {
+        Content content;
+        content.text(code);
+        order == 'v' ? content.le(size, 4) : content.be(size, 4);
+        return content.zeros(16 + size);
+    };
+    return Content()
+        .text("BLENDER-")
+        .text({ &order, 1 })
+        .text("279")
+        .add(block("GLOB", 40))
+        .add(block("DNA1", 300))
+        .add(block("ENDB", 0));
+}
+
+Bytes digitalVideo()
+{
+    Content file;
+    for (std::uint64_t sequence = 0; sequence < 10; ++sequence)
+        file.be(0x1F07'0000 | sequence << 20, 4)
+            .upTo(80 + sequence * 12'000)
+            .be(0x3F07'0000 | sequence << 20, 4)
+            .upTo((sequence + 1) * 12'000);
+    return file;
+}
+
+Bytes minolta()
+{
+    Content file;
+    file.zeros(1).text("MRM").be(100, 4).zeros(1).text("PRD").be(24, 4).text("27730001");
+    file.be(20, 2).be(30, 2).be(16, 2).be(24, 2).be(12, 1).be(12, 1).upTo(108);
+    return file.upTo(108 + 20 * 30 * 12 / 8, 3);
+}
+
+constexpr auto step
+    = "ISO-10303-21;\nHEADER;\nENDSEC;\nDATA;\n#1=POINT('',0.);\nENDSEC;\nEND-ISO-10303-21;\n"sv;
+constexpr auto letter = "From: a@b\r\nDate: x\r\nSubject: y\r\n\r\nOne.\r\nTwo.\r\n"sv;
+
+} // namespace
+
+TEST(FurtherKinds, AreFollowedToTheirEnd)
+{
+    Content wide;
+    wide.text("#!AMR-WB\n").add(repeated(9, Content().be(0x1C, 1).zeros(36))).be(0x7C, 1);
+    const struct {
+        const char* ext;
+        Bytes file;
+    } files[] = {
+        { "ape", ape() },
+        { "ape", Content().add(ape()).add(apeTag()) },
+        { "ape", Content().add(ape()).text("TAG").zeros(125) },
+        { "amr", wide },
+        { "pst", outlook(true) },
+        { "pst", outlook(false) },
+        { "psd", layered(1, 0) },
+        { "psd", layered(1, 1) },
+        { "psb", layered(2, 1) },
+        { "stl", triangles(12) },
+        { "blend", blend('v') },
+        { "blend", blend('V') },
+        { "dv", Content().add(digitalVideo()).add(digitalVideo()) },
+        { "mrw", minolta() },
+        { "stp", bytesOf(std::string(step)) },
+    };
+    for (const auto& [ext, file] : files)
+        EXPECT_EQ(carve(file), std::string(ext) + " " + std::to_string(file.size()));
+}
+
+TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
+{
+    auto elsewhere = ape();
+    putLE(elsewhere, 76, 500, 4);
+    auto loud = triangles(12);
+    putLE(loud, 84, 0x4180'0000, 4);
+    const auto damaged = [](std::string_view sample, std::size_t at) {
+        auto bytes = readFile(VINTREL_SAMPLES "/" + std::string(sample));
+        bytes[at < bytes.size() ? at : bytes.size() - 1] ^= 0x55;
+        return bytes;
+    };
+    const std::pair<std::string, Bytes> files[] = {
+        { "frames that begin elsewhere", elsewhere },
+        { "a root that is no page", outlook(true, 0x81) },
+        { "a picture packed in a way that none is", layered(1, 2) },
+        { "triangles with long normals", loud },
+        { "three triangles", triangles(3) },
+        { "blocks without an end",
+            Content().text("BLENDER-v279DATA").le(40, 4).upTo(72).text("dat1") },
+        { "a drawing without an end", bytesOf(std::string(step.substr(0, 60))) },
+        { "a letter from nobody", bytesOf("To: a\r\nDate: x\r\nSubject: y\r\n\r\nOne.\r\n") },
+        { "text that only begins like a letter", bytesOf("From: a\nDate: x\n\nOne.\n") },
+        { "one damaged frame", damaged("flac-plain.flac", 9'999) },
+        { "a wrong sum of packed bytes", damaged("gz-plain.gz", 82) },
+        { "wrong packed bytes", damaged("gz-plain.gz", 50) },
+        { "a wrong sum of all blocks", damaged("bz2-plain.bz2", 10) },
+        { "a wrong sum of a block's header", damaged("xz-plain.xz", 13) },
+        { "another kind of footer", damaged("xz-plain.xz", 9'999) },
+        { "a member with a wrong sum", damaged("tar-plain.tar", 3) },
+        { "a key with another end", damaged("pem-ssh.pem", 380) },
+        { "a bad back pointer", damaged("flv-plain.flv", 12) },
+        { "a disc of two sizes", damaged("iso-plain.iso", 32'768 + 84) },
+        { "a page that is another one", damaged("db-hash.db", 4'096 + 8) },
+        { "a track without an end", damaged("mid-plain.mid", 9'999) },
+        { "a metafile of another length", damaged("emf-plain.emf", 48) },
+        { "a drawing that ends early", damaged("wmf-plain.wmf", 28) },
+        { "an icon without pictures", damaged("ico-plain.ico", 22) },
+        { "something else in the footer's place", damaged("tga-plain.tga", 9'999) },
+    };
+    for (const auto& [what, file] : files)
+        EXPECT_EQ(carve(file), "-") << what;
+}
+
+// Where the length of one file is known and another begins at the next sector.
+TEST(FurtherKinds, EndWhereAnotherFileBegins)
+{
+    const auto sample
+        = [](std::string_view name) { return readFile(VINTREL_SAMPLES "/" + std::string(name)); };
+    const struct {
+        std::string_view name;
+        const char* ext;
+    } files[]
+        = { { "mpg-first.mpg", "mpg" }, { "vob-plain.vob", "vob" }, { "mts-camera.mts", "mts" } };
+    for (const auto& [name, ext] : files) {
+        const auto file = sample(name);
+        ASSERT_EQ(file.size() % 512, 0u) << name;
+        const auto size = "+" + std::to_string(file.size());
+        EXPECT_EQ(sweep({ file, file }),
+            (Texts {
+                ext + ("@0" + size), ext + ("@" + std::to_string(file.size() / 512)) + size }));
+    }
+    auto packed = sample("gz-plain.gz");
+    packed.insert(packed.begin() + 10, 512 - packed.size() % 512, 'n');
+    packed[3] = 8; // a name
+    packed.at(10 + 511 - sample("gz-plain.gz").size() % 512) = 0;
+    EXPECT_EQ(sweep({ packed, packed }), (Texts { "gz@0+512", "gz@1+512" }));
+    EXPECT_EQ(carve(Content().add(sample("gz-plain.gz")).add(packed)),
+        "gz " + std::to_string(packed.size() + sample("gz-plain.gz").size()))
+        << "members of one file";
+}
+
+TEST(FurtherKinds, EstimateALetterWithoutParts)
+{
+    const auto plain = bytesOf(std::string(letter));
+    EXPECT_EQ(carve(Content().add(plain).zeros(500)), "eml ~" + std::to_string(plain.size()));
+    const Bytes parts
+        = Content()
+              .text("From: a@b\nDate: x\nContent-Type: multipart/mixed;\n boundary=Z\n")
+              .text("To: c\n\n--Z\n\nOne.\n--Z--\n");
+    EXPECT_EQ(carve(Content().add(parts).text("text of somebody else")),
+        "eml " + std::to_string(parts.size()));
+}
+
+TEST(FurtherKinds, ProveNoBodyThatIsOnlyStated)
+{
+    const auto png = pngFile();
+    const Bytes psd = Content()
+                          .text("8BPS\0\1"sv)
+                          .zeros(6)
+                          .be(1, 2)
+                          .be(100, 4)
+                          .be(100, 4)
+                          .be(8, 2)
+                          .zeros(2 + 14)
+                          .upTo(512);
+    const auto size = std::to_string(26 + 12 + 2 + 10'000);
+    EXPECT_EQ(sweep({ psd, png, Bytes(12'000, 7) }),
+        (Texts { "psd@0+" + size + "!", "png@1+" + std::to_string(png.size()) }));
+}
