@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/Ext/Checksums.h"
+#include "VintrelCore/FileSystems/Ext/Inode.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
@@ -13,6 +14,13 @@ namespace {
 /// Copies of a descriptor block that are tried. Every third, fifth or seventh power has one, so
 /// that no volume needs more.
 constexpr std::size_t maxCopies = 8;
+
+constexpr std::uint64_t pieceSize = 1'048'576; ///< of the search for tables
+/// What lies before the tables at the beginning of a group: descriptors, room for more of them, and
+/// bitmaps.
+constexpr std::uint64_t mostBlocksBeforeTables = 2048;
+
+bool lacksTable(const ExtGroup& group) { return group.inodeTable == 0; }
 
 } // namespace
 
@@ -30,9 +38,13 @@ ExtGroups::ExtGroups(const ExtBlocks& blocks)
     const std::uint32_t perBlock = geometry_.blockSize / geometry_.descriptorSize;
     for (std::uint32_t index = 0; std::uint64_t { index } * perBlock < groups_.size(); ++index) {
         const auto places = placesOf(index);
-        for (std::size_t copy = 0; copy < places.size(); ++copy)
-            load(index, places[copy], copy == 0 ? Trust::full : Trust::placesOnly);
+        // A copy whose checksum fits counts before what lies in the first place without one.
+        for (const bool wantsSound : { true, false })
+            for (std::size_t copy = 0; copy < places.size(); ++copy)
+                load(index, places[copy], copy == 0 ? Trust::full : Trust::placesOnly, wantsSound);
     }
+    if (std::ranges::any_of(groups_, lacksTable))
+        findTables();
     for (std::uint32_t group = 0; group < groups_.size(); ++group) {
         if (groups_[group].inodeTable != 0)
             tables_.emplace_back(groups_[group].inodeTable, group);
@@ -62,6 +74,59 @@ std::vector<std::uint64_t> ExtGroups::placesOf(std::uint32_t descriptorBlock) co
     return places;
 }
 
+/// Looks for the tables that no descriptor knows where the making of a volume puts them: at the
+/// beginning of their group, or of several that have theirs in a row ("Flexible Block Groups"). An
+/// inode's checksum has its number in it.
+void ExtGroups::findTables()
+{
+    if (!geometry_.hasChecksums())
+        return;
+    const std::uint32_t together = 1U
+        << std::min<std::uint32_t>(geometry_.superblock.logGroupsPerFlex, 16);
+    for (std::uint64_t group = 0; group < groups_.size(); group += together) {
+        const auto last = std::min<std::uint64_t>(group + together, groups_.size());
+        if (std::none_of(groups_.begin() + static_cast<std::ptrdiff_t>(group),
+                groups_.begin() + static_cast<std::ptrdiff_t>(last), lacksTable))
+            continue;
+        const auto first = geometry_.firstBlockOf(static_cast<std::uint32_t>(group));
+        findTablesIn(first,
+            std::min((last - group) * geometry_.tableBlocks() + mostBlocksBeforeTables,
+                geometry_.blockCount - first));
+    }
+}
+
+void ExtGroups::findTablesIn(std::uint64_t first, std::uint64_t count)
+{
+    const auto piece = pieceSize / geometry_.blockSize;
+    for (std::uint64_t done = 0; done < count; done += piece) {
+        const auto bytes = blocks_.read(first + done, std::min(piece, count - done));
+        for (std::uint64_t at = 0; at < bytes.size(); at += geometry_.blockSize)
+            noteTable(first + done + at / geometry_.blockSize,
+                ByteView(bytes).sub(static_cast<std::int64_t>(at), geometry_.blockSize));
+    }
+}
+
+/// Of other bytes the number is chance, and hardly one that belongs in its place of a block.
+void ExtGroups::noteTable(std::uint64_t block, ByteView bytes)
+{
+    for (std::uint32_t index = 0; index < geometry_.inodesPerBlock(); ++index) {
+        const auto slot
+            = bytes.sub(std::int64_t { index } * geometry_.inodeSize, geometry_.inodeSize);
+        const auto number
+            = slot.u16le(0) != 0 ? ExtInodes::numberOf(geometry_, slot) : std::nullopt;
+        if (!number || *number == 0 || *number > geometry_.inodeCount())
+            continue;
+        const auto group = (*number - 1) / geometry_.inodesPerGroup();
+        const auto inTable = (*number - 1) % geometry_.inodesPerGroup();
+        const auto before = inTable / geometry_.inodesPerBlock();
+        if (inTable % geometry_.inodesPerBlock() != index || group >= groups_.size()
+            || before >= block || !lacksTable(groups_[group]))
+            continue;
+        groups_[group] = { .inodeTable = block - before, .usedInodes = geometry_.inodesPerGroup() };
+        ++healedCount_;
+    }
+}
+
 bool ExtGroups::isSound(std::uint32_t group, ByteView descriptor) const
 {
     constexpr std::int64_t sumOffset = offsetof(GroupDescriptor, checksum);
@@ -85,12 +150,11 @@ bool ExtGroups::isSound(std::uint32_t group, ByteView descriptor) const
     return ExtChecksums::crc16(sum, descriptor.sub(behind, size)) == stored;
 }
 
-void ExtGroups::load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trust)
+void ExtGroups::load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trust, bool wantsSound)
 {
     const std::uint32_t perBlock = geometry_.blockSize / geometry_.descriptorSize;
     const std::uint32_t first = descriptorBlock * perBlock;
     const auto last = std::min<std::uint64_t>(std::uint64_t { first } + perBlock, groups_.size());
-    const auto lacksTable = [](const ExtGroup& group) { return group.inodeTable == 0; };
     if (!geometry_.isBlock(at)
         || std::none_of(groups_.begin() + first,
             groups_.begin() + static_cast<std::ptrdiff_t>(last), lacksTable))
@@ -113,8 +177,11 @@ void ExtGroups::load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trus
             && geometry_.tableBlocks() <= geometry_.blockCount - table;
         if (!isPossible || groups_[group].inodeTable != 0)
             continue;
-        const bool isTrusted = trust == Trust::full && isSound(group, raw);
-        unsoundCount_ += trust == Trust::full && !isTrusted ? 1 : 0;
+        const bool fits = isSound(group, raw);
+        if (wantsSound && !fits)
+            continue;
+        const bool isTrusted = trust == Trust::full && fits;
+        unsoundCount_ += fits ? 0 : 1;
         healedCount_ += trust == Trust::placesOnly ? 1 : 0;
         const bool hasFlags
             = geometry_.hasChecksums() || geometry_.isReadOnly(Feature::groupChecksum);
@@ -123,6 +190,8 @@ void ExtGroups::load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trus
         const std::uint32_t unused
             = isTrusted && hasFlags ? std::uint32_t { descriptor.unusedInodes } : 0;
         groups_[group] = { .blockBitmap = bitmap,
+            .inodeBitmap
+            = wide(descriptor.inodeBitmapLow, isWide ? descriptor.inodeBitmapHigh : LE32 {}),
             .inodeTable = table,
             .usedInodes = (flags & inodesUnused) != 0
                 ? 0

@@ -8,10 +8,11 @@
 
 /// Where the parts of a block group lie.
 struct ExtGroup {
-    std::uint64_t blockBitmap = 0; ///< block
-    std::uint64_t inodeTable = 0;  ///< first block; 0: not known
-    std::uint32_t usedInodes = 0;  ///< at the table's beginning; those behind were never used
-    bool hasBitmap = false;        ///< whether the bitmap was ever written
+    std::uint64_t blockBitmap = 0; ///< block; 0: not known
+    std::uint64_t inodeBitmap = 0;
+    std::uint64_t inodeTable = 0; ///< first block; 0: not known
+    std::uint32_t usedInodes = 0; ///< at the table's beginning; those behind were never used
+    bool hasBitmap = false;       ///< whether the bitmap was ever written
 };
 
 /// The groups of a volume, by its descriptors.
@@ -34,7 +35,10 @@ private:
     /// Whether the flags and counts of a descriptor are those of now, and not of the making.
     enum class Trust { full, placesOnly };
 
-    void load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trust);
+    void load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trust, bool wantsSound);
+    void findTables();
+    void findTablesIn(std::uint64_t first, std::uint64_t count);
+    void noteTable(std::uint64_t block, ByteView bytes);
     std::vector<std::uint64_t> placesOf(std::uint32_t descriptorBlock) const;
     bool isSound(std::uint32_t group, ByteView descriptor) const;
 

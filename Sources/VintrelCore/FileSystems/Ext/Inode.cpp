@@ -55,12 +55,39 @@ bool fitsChecksum(
 {
     if (!geometry.hasChecksums())
         return true;
-    const auto sum = ExtChecksums::crc32c(
-        ExtInodes::seedOf(geometry, number, inode.generation), withoutChecksum(slot));
-    if (!hasHighChecksum(slot))
+    constexpr std::array<std::uint8_t, 2> zeros {};
+    const bool hasHigh = hasHighChecksum(slot);
+    const auto low = static_cast<std::int64_t>(checksumLowOffset);
+    auto sum = ExtInodes::seedOf(geometry, number, inode.generation);
+    sum = ExtChecksums::crc32c(sum, slot.sub(0, low));
+    sum = ExtChecksums::crc32c(sum, zeros);
+    sum = ExtChecksums::crc32c(
+        sum, slot.sub(low + 2, hasHigh ? 4 : static_cast<std::int64_t>(slot.size())));
+    if (hasHigh) {
+        sum = ExtChecksums::crc32c(sum, zeros);
+        sum = ExtChecksums::crc32c(sum, slot.sub(low + 8, static_cast<std::int64_t>(slot.size())));
+    }
+    if (!hasHigh)
         return (sum & 0xFFFF) == inode.checksumLow;
     const auto high = slot.u16le(static_cast<std::int64_t>(checksumHighOffset));
     return sum == (std::uint32_t { high } << 16 | inode.checksumLow);
+}
+
+std::array<std::uint8_t, sizeof(LE32)> bytesOf(LE32 number)
+{
+    return std::bit_cast<std::array<std::uint8_t, sizeof(LE32)>>(number);
+}
+
+/// The state of the inode's checksum when the seed and the number have gone into it.
+std::optional<std::uint32_t> stateBehindNumber(const ExtGeometry& geometry, ByteView slot)
+{
+    const auto inode = slot.load<Inode>(0);
+    if (!inode || geometry.inodeSize <= sizeof(Inode) || !hasHighChecksum(slot))
+        return std::nullopt;
+    const auto high = slot.u16le(static_cast<std::int64_t>(checksumHighOffset));
+    const auto state = ExtChecksums::rewind32c(
+        std::uint32_t { high } << 16 | inode->checksumLow, withoutChecksum(slot));
+    return ExtChecksums::rewind32c(state, bytesOf(inode->generation));
 }
 
 /// "Extended Attributes": struct ext4_xattr_entry.
@@ -159,16 +186,19 @@ std::uint32_t seedOf(const ExtGeometry& geometry, std::uint32_t number, std::uin
 std::optional<std::uint32_t> volumeSeedOf(
     const ExtGeometry& geometry, std::uint32_t number, ByteView slot)
 {
-    const auto inode = slot.load<Inode>(0);
-    if (!inode || geometry.inodeSize <= sizeof(Inode) || !hasHighChecksum(slot))
-        return std::nullopt;
-    const auto high = slot.u16le(static_cast<std::int64_t>(checksumHighOffset));
-    auto state = ExtChecksums::rewind32c(
-        std::uint32_t { high } << 16 | inode->checksumLow, withoutChecksum(slot));
-    for (const LE32 field : { LE32(inode->generation), LE32(number) })
-        state = ExtChecksums::rewind32c(
-            state, std::bit_cast<std::array<std::uint8_t, sizeof(LE32)>>(field));
-    return state;
+    const auto state = stateBehindNumber(geometry, slot);
+    return state ? std::optional(ExtChecksums::rewind32c(*state, bytesOf(LE32(number))))
+                 : std::nullopt;
+}
+
+/// Four bytes take the register to where it came from over the same number of zeros, when they are
+/// added to it.
+std::optional<std::uint32_t> numberOf(const ExtGeometry& geometry, ByteView slot)
+{
+    const auto state = stateBehindNumber(geometry, slot);
+    return state
+        ? std::optional(ExtChecksums::rewind32c(*state, bytesOf(LE32(0))) ^ geometry.checksumSeed)
+        : std::nullopt;
 }
 
 Bytes inlineContent(const ExtInode& inode, ByteView slot)

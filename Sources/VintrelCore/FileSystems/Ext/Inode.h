@@ -54,6 +54,10 @@ std::uint32_t seedOf(const ExtGeometry& geometry, std::uint32_t number, std::uin
 std::optional<std::uint32_t> volumeSeedOf(
     const ExtGeometry& geometry, std::uint32_t number, ByteView slot);
 
+/// The number of the inode, by its checksum, if the volume's seed is that of the geometry. Other
+/// bytes lead to any number. None where the slot has no room for a whole checksum.
+std::optional<std::uint32_t> numberOf(const ExtGeometry& geometry, ByteView slot);
+
 /// The content that the slot of an inode keeps in itself, up to the inode's size.
 Bytes inlineContent(const ExtInode& inode, ByteView slot);
 
