@@ -17,13 +17,37 @@ const Bytes& ExtAllocation::bitmapOf(std::uint32_t group)
     if (found != bitmaps_.end())
         return found->second;
     Bytes bitmap;
-    if (group < groups_.count() && groups_[group].inodeTable != 0) {
+    if (group < groups_.count() && groups_[group].blockBitmap != 0) {
         if (groups_[group].hasBitmap)
             bitmap = blocks_.read(groups_[group].blockBitmap);
         else
-            bitmap.resize(blocks_.geometry().blockSize);
+            bitmap = unwrittenBitmap(group);
     }
     return bitmaps_.emplace(group, std::move(bitmap)).first->second;
+}
+
+/// What a bitmap would say that was never written: only structures of the volume lie in the group.
+Bytes ExtAllocation::unwrittenBitmap(std::uint32_t group) const
+{
+    const auto& geometry = blocks_.geometry();
+    Bytes bitmap(geometry.blockSize);
+    const auto first = geometry.firstBlockOf(group);
+    const auto hold = [&](std::uint64_t block, std::uint64_t count) {
+        const auto end = std::min(block + count, first + geometry.blocksPerGroup());
+        for (auto held = std::max(block, first); held < end; ++held) {
+            const auto bit = bitOf(held);
+            if (bit / 8 < bitmap.size())
+                bitmap[bit / 8] = static_cast<std::uint8_t>(bitmap[bit / 8] | 1U << (bit % 8));
+        }
+    };
+    if (geometry.hasBackup(group))
+        hold(first, 1 + geometry.descriptorBlocks());
+    for (std::uint32_t other = 0; other < groups_.count(); ++other) {
+        hold(groups_[other].blockBitmap, 1);
+        hold(groups_[other].inodeBitmap, 1);
+        hold(groups_[other].inodeTable, geometry.tableBlocks());
+    }
+    return bitmap;
 }
 
 std::uint64_t ExtAllocation::bitOf(std::uint64_t block) const

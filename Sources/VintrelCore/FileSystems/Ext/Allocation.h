@@ -26,6 +26,8 @@ public:
     const Bytes& bitmapOf(std::uint32_t group);
 
 private:
+    Bytes unwrittenBitmap(std::uint32_t group) const;
+
     const ExtBlocks& blocks_;
     const ExtGroups& groups_;
     std::map<std::uint32_t, Bytes> bitmaps_; ///< empty: not known

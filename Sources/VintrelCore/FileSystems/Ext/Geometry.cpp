@@ -129,6 +129,12 @@ std::uint64_t ExtGeometry::tableBlocks() const
     return unitsFor(std::uint64_t { superblock.inodesPerGroup } * inodeSize, blockSize);
 }
 
+std::uint64_t ExtGeometry::descriptorBlocks() const
+{
+    const auto blocks = unitsFor(std::uint64_t { groupCount } * descriptorSize, blockSize);
+    return isIncompatible(Feature::metaGroups) ? 1 : blocks + superblock.reservedDescriptorBlocks;
+}
+
 bool ExtGeometry::hasBackup(std::uint32_t group) const
 {
     if (group == 0)

@@ -37,7 +37,8 @@ struct ExtGeometry {
     std::uint32_t inodesPerGroup() const { return superblock.inodesPerGroup; }
     std::uint64_t inodeCount() const;
     std::uint32_t inodesPerBlock() const { return blockSize / inodeSize; }
-    std::uint64_t tableBlocks() const; ///< of one group's inode table
+    std::uint64_t tableBlocks() const;      ///< of one group's inode table
+    std::uint64_t descriptorBlocks() const; ///< behind a superblock, with those kept for more
     /// Whether a copy of the superblock lies at the group's beginning.
     bool hasBackup(std::uint32_t group) const;
     std::string label() const;
