@@ -48,11 +48,13 @@ std::vector<ByteRange> piecesOf(const ExtBlocks& blocks, const ExtInode& inode)
 
 } // namespace
 
-ExtContext::ExtContext(DiskSource& source, const ExtGeometry& geometry, WorkProgress* progress)
+ExtContext::ExtContext(
+    DiskSource& source, const ExtGeometry& geometry, ExtTrust trust, WorkProgress* progress)
     : blocks_(source, geometry)
+    , trust_(trust)
 {
-    auto pieces = findJournal();
-    const bool hasOne = geometry.isCompatible(Feature::hasJournal);
+    auto pieces = trust != ExtTrust::onlyInodes ? findJournal() : std::vector<ByteRange>();
+    const bool hasOne = trust != ExtTrust::onlyInodes && geometry.isCompatible(Feature::hasJournal);
     if (hasOne && !pieces.empty()) {
         journal_ = std::make_unique<ExtJournal>(source, geometry, std::move(pieces), progress);
         if (!journal_->isValid())
@@ -123,7 +125,7 @@ std::vector<std::string> ExtContext::notes() const
             + " gruppebeskrivelser har en forkert kontrolsum.");
     if (groups_->healedCount() > 0)
         notes.push_back(std::to_string(groups_->healedCount())
-            + " gruppebeskrivelser er læst fra en sikkerhedskopi.");
+            + " gruppers plads er fundet uden om de gældende gruppebeskrivelser.");
     if (groups_->missingCount() > 0)
         notes.push_back(
             std::to_string(groups_->missingCount()) + " gruppers inodetabeller blev ikke fundet.");

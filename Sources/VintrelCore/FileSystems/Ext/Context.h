@@ -13,13 +13,23 @@
 
 class DiskSource;
 
+/// How far the structures of a volume are still its own.
+enum class ExtTrust : std::uint8_t {
+    full,
+    onlySound,  ///< others may have written over them: what has a wrong checksum is not its own
+    onlyInodes, ///< the same, and its superblock, descriptors and journal are another's
+};
+
 /// A volume whose journal has been searched and replayed, and whose groups are known. Used by one
 /// thread at a time.
 class ExtContext : public DeepContext {
 public:
     /// `geometry`: by any superblock of the volume. `progress` may be none. The source must outlive
     /// the context.
-    ExtContext(DiskSource& source, const ExtGeometry& geometry, WorkProgress* progress);
+    ExtContext(
+        DiskSource& source, const ExtGeometry& geometry, ExtTrust trust, WorkProgress* progress);
+
+    ExtTrust trust() const { return trust_; }
 
     const ExtGeometry& geometry() const { return blocks_.geometry(); }
     const ExtBlocks& blocks() const { return blocks_; }
@@ -36,6 +46,7 @@ private:
     std::vector<ByteRange> findJournal() const;
 
     ExtBlocks blocks_;
+    const ExtTrust trust_;
     std::unique_ptr<ExtJournal> journal_;
     std::size_t replayedBlocks_ = 0;
     bool lacksJournal_ = false;

@@ -100,19 +100,33 @@ void ExtNames::readRun(const ExtFolder& folder, const ExtRun& run)
 void ExtNames::readNow(const ExtFolder& folder, std::uint64_t block, ByteView bytes)
 {
     const auto& owner = files_.entries[folder.entry];
+    const auto* const journal = context_.journal();
+    Bytes healed;
+    if (owner.isAlive() && journal != nullptr && bytes.isAllZero())
+        if (const auto copies = journal->copiesOf(block); !copies.empty()) {
+            healed = journal->content(copies.back());
+            bytes = healed;
+        }
     if (!owner.isAlive()) {
-        if (!isOfEnded(owner, bytes, block))
+        if (!isOfEnded(owner, bytes))
             return;
         readEntries(bytes, { folder.entry, owner.died, false, true });
-    } else if (!readEntries(bytes, { folder.entry, ExtLife::now, true, true })) {
+    } else if (!isOfLiving(owner, bytes)
+        || !readEntries(bytes, { folder.entry, ExtLife::now, true, true })) {
         ++damagedCount_;
     }
     if (const auto self = ExtDirectory::selfIn(bytes); self == owner.number)
         noteParent(folder, ExtDirectory::parentIn(bytes));
 }
 
+/// Whether a block is one of a folder that exists, of which another volume may have taken it.
+bool ExtNames::isOfLiving(const ExtEntry& folder, ByteView block) const
+{
+    return context_.trust() == ExtTrust::full || isOfEnded(folder, block);
+}
+
 /// Whether a block still has what it had when it was a block of the folder.
-bool ExtNames::isOfEnded(const ExtEntry& folder, ByteView block, std::uint64_t /*number*/)
+bool ExtNames::isOfEnded(const ExtEntry& folder, ByteView block) const
 {
     const auto& geometry = context_.geometry();
     if (ExtDirectory::fits(geometry, block, folder.number, folder.generation))
@@ -130,7 +144,8 @@ void ExtNames::readOld(const ExtFolder& folder, std::uint64_t block)
     if (journal == nullptr)
         return;
     const auto& owner = files_.entries[folder.entry];
-    for (const auto& copy : journal->copiesOf(block)) {
+    const auto copies = journal->copiesOf(block);
+    for (const auto& copy : copies) {
         if (copy.sequence < owner.born || copy.sequence >= owner.died)
             continue;
         const auto bytes = journal->content(copy);
@@ -162,7 +177,7 @@ void ExtNames::take(const ExtDirectory::Entry& entry, const Place& place)
 
 void ExtNames::nameLiving(ExtEntry& file, const ExtDirectory::Entry& entry, const Place& place)
 {
-    if (!file.isNamed()) {
+    if (file.namedAt != ExtLife::now) {
         file.node->name = entry.name;
         file.parent = place.folder;
         file.namedAt = ExtLife::now;
@@ -178,8 +193,10 @@ void ExtNames::nameLiving(ExtEntry& file, const ExtDirectory::Entry& entry, cons
 void ExtNames::nameEnded(const ExtDirectory::Entry& entry, const Place& place)
 {
     const bool isDated = !place.isAnyTime && !entry.isDeleted;
-    auto* const file = isDated ? files_.findEnded(entry.inode, place.sequence)
-                               : files_.findLastEnded(entry.inode, place.sequence);
+    auto* file = isDated ? files_.findEnded(entry.inode, place.sequence)
+                         : files_.findLastEnded(entry.inode, place.sequence);
+    if (file == nullptr)
+        file = files_.findLiving(entry.inode); // whose name of now may be lost
     if (file == nullptr || !fitsKind(entry.type, file->kind))
         return;
     const auto at = isDated ? place.sequence : 0;
@@ -199,6 +216,8 @@ void ExtNames::noteParent(const ExtFolder& folder, std::uint32_t parent)
     auto* above = files_.findLiving(parent);
     if (above == nullptr && !owner.isAlive())
         above = files_.findLastEnded(parent, ExtLife::now);
+    if (above == nullptr && parent == rootInode)
+        owner.parent = ParentLinks::root;
     if (above != nullptr && above->kind == directoryMode)
         owner.parent = static_cast<ExtEntry::Index>(above - files_.entries.data());
 }

@@ -52,7 +52,8 @@ private:
     void nameLiving(ExtEntry& file, const ExtDirectory::Entry& entry, const Place& place);
     void nameEnded(const ExtDirectory::Entry& entry, const Place& place);
     void noteParent(const ExtFolder& folder, std::uint32_t parent);
-    bool isOfEnded(const ExtEntry& folder, ByteView block, std::uint64_t number);
+    bool isOfLiving(const ExtEntry& folder, ByteView block) const;
+    bool isOfEnded(const ExtEntry& folder, ByteView block) const;
 
     const ExtContext& context_;
     ExtFiles& files_;

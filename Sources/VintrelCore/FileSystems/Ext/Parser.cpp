@@ -43,16 +43,20 @@ bool looksLikeSuperblock(ByteView sector)
     return ExtSuperblock::decode(whole).has_value();
 }
 
-std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> found)
+std::unique_ptr<Volume> parse(
+    DiskSource& source, std::uint64_t offset, const std::string& origin, WorkProgress* progress)
 {
     const auto own = source.read(offset + superblockOffset,
         static_cast<std::int64_t>(sizeof(Superblock)), ReadMode::thorough);
-    const auto superblock = ExtSuperblock::decode(found.value_or(ByteView(own)));
+    const auto superblock = ExtSuperblock::decode(own);
     const auto geometry = superblock ? ExtGeometry::from(*superblock, offset) : std::nullopt;
-    if (!geometry)
-        return nullptr;
-    auto context = std::make_unique<ExtContext>(source, *geometry, progress);
+    return geometry ? build(source, *geometry, ExtTrust::full, origin, progress) : nullptr;
+}
+
+std::unique_ptr<Volume> build(DiskSource& source, const ExtGeometry& geometry, ExtTrust trust,
+    const std::string& origin, WorkProgress* progress)
+{
+    auto context = std::make_unique<ExtContext>(source, geometry, trust, progress);
     ExtContent content(*context);
     auto files = ExtTables::read(*context, content, progress);
     if (files.entries.empty())
@@ -60,8 +64,9 @@ std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const st
     ExtNames names(*context, files);
     names.read(progress);
 
-    auto volume = std::make_unique<Volume>(FileSystemType::ext, context->geometry().label(), offset,
-        context->geometry().volumeSize(), FileNode::makeFolder("", EntryStatus::existing), origin);
+    auto volume = std::make_unique<Volume>(FileSystemType::ext, context->geometry().label(),
+        geometry.base, context->geometry().volumeSize(),
+        FileNode::makeFolder("", EntryStatus::existing), origin);
     volume->clusterSize
         = std::uint64_t { context->geometry().blockSize } * context->geometry().clusterBlocks;
     volume->root->fsID = rootInode;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/FileSystems/Ext/Context.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -27,10 +28,13 @@ std::optional<FileSystemType> probe(ByteView head);
 bool looksLikeSuperblock(ByteView sector);
 
 /// The volume that begins at byte `offset`; none when there is no superblock there that can be
-/// used, or nothing behind it. `progress` may be none. `found`: a superblock that was found
-/// elsewhere, to be used instead of the one in the volume's second kilobyte.
-std::unique_ptr<Volume> parse(DiskSource& source, std::uint64_t offset, const std::string& origin,
-    WorkProgress* progress, std::optional<ByteView> found = {});
+/// used, or nothing behind it. `progress` may be none.
+std::unique_ptr<Volume> parse(
+    DiskSource& source, std::uint64_t offset, const std::string& origin, WorkProgress* progress);
+
+/// The same by a superblock from anywhere.
+std::unique_ptr<Volume> build(DiskSource& source, const ExtGeometry& geometry, ExtTrust trust,
+    const std::string& origin, WorkProgress* progress);
 
 /// Adds the ranges of the source that a volume of `parse` has in use, as its bitmaps say. False,
 /// and nothing added, when no bitmap can be read.

@@ -1,5 +1,6 @@
 #include "VintrelCore/FileSystems/Ext/Reader.h"
 
+#include "VintrelCore/FileSystems/Ext/LostVolumes.h"
 #include "VintrelCore/FileSystems/Ext/Parser.h"
 
 namespace {
@@ -22,7 +23,7 @@ const FileSystemReader extReader {
     .startByBackup = nullptr,
     .isConfirmed = nullptr,
     .confirmsBackups = false,
-    .findVolumes = nullptr,
+    .findVolumes = ExtLostVolumes::find,
     .rebuildVolumes = nullptr,
     .findLostFolders = nullptr,
     .addUsedRanges = ExtParser::addUsedRanges,

@@ -14,6 +14,10 @@ constexpr std::uint64_t pieceSize = 1'048'576; ///< of the reading of tables
 /// the journal of a disk has room for.
 constexpr std::size_t maxStates = 4096;
 
+/// Of an inode without a checksum that may be other bytes.
+constexpr std::uint16_t maxBelievedLinks = 4096;
+constexpr std::uint64_t maxBelievedSize = std::uint64_t { 1 } << 44;
+
 class Reader {
 public:
     Reader(const ExtContext& context, ExtContent& content)
@@ -34,6 +38,7 @@ private:
     void add(const ExtInode& inode, ByteView slot, ExtContent::Made made, ExtEntry entry);
     ExtSequence endOf(const ExtLife& life, std::uint64_t seconds) const;
     bool isListed(std::uint32_t number) const;
+    bool isOurs(const ExtInode& inode) const;
 
     const ExtContext& context_;
     const ExtGeometry& geometry_;
@@ -50,13 +55,27 @@ bool Reader::isListed(std::uint32_t number) const
     return number == rootInode || number >= first;
 }
 
+/// Whether an inode is this volume's, and not what another one or a file has left in its place.
+bool Reader::isOurs(const ExtInode& inode) const
+{
+    if (context_.trust() == ExtTrust::full)
+        return true;
+    if (geometry_.hasChecksums())
+        return inode.isSound && inode.mode != 0;
+    const bool hasMap = !inode.hasExtents() || ByteView(inode.map).u16le(0) == extentMagic;
+    return inode.hasKind() && hasMap && inode.links < maxBelievedLinks && inode.changed != 0
+        && inode.size < maxBelievedSize && inode.sectors * 512 <= geometry_.volumeSize();
+}
+
 void Reader::readGroup(std::uint32_t group)
 {
     const auto& place = context_.groups()[group];
     if (place.inodeTable == 0)
         return;
     const auto perBlock = geometry_.inodesPerBlock();
-    const auto usedBlocks = unitsFor(place.usedInodes, perBlock);
+    const auto usedBlocks = context_.trust() == ExtTrust::full
+        ? unitsFor(place.usedInodes, perBlock)
+        : geometry_.tableBlocks();
     const auto piece = pieceSize / geometry_.blockSize;
     const auto firstNumber = group * geometry_.inodesPerGroup() + 1;
     for (std::uint64_t at = 0; at < geometry_.tableBlocks(); at += piece) {
@@ -111,12 +130,15 @@ void Reader::readSlot(std::uint32_t number, std::span<const ExtSlotState> states
     if (states.size() == 1 && now.u16le(0) == 0) // its mode: never used
         return;
     const auto inode = ExtInode::decode(geometry_, number, now);
-    if (inode.isAlive())
+    if (!isOurs(inode) && states.size() == 1)
+        return;
+    if (inode.isAlive() && isOurs(inode))
         addLiving(inode, now);
     if (states.size() == 1 && inode.isAlive())
         return;
     for (const auto& life : ExtLives::ended(geometry_, number, states))
-        addEnded(life);
+        if (!inode.isAlive() || !ExtLives::isSameFile(inode, life.inode)) // it is back
+            addEnded(life);
 }
 
 void Reader::addLiving(const ExtInode& inode, ByteView slot)
