@@ -1,6 +1,6 @@
 #!/usr/bin/env perl
 # Compares what a tool brought back with the files of Benchmarks/ext: how many deleted and living ones came back byte for
-# byte, how many of them below their own path, and how many that our report calls God are none of the files.
+# byte, how many of them by their own name, and how many that our report calls God are none of the files.
 #
 #   ext-score.pl tool manifest folder [only]       manifest: "deleted|living|other hash path"; only: a pattern for paths
 use strict;
@@ -17,10 +17,12 @@ while (<$list>) {
     $wanted{$state}{$path} = $hash;
     $known{$hash} = 1;
 }
-if (open(my $report, '<', "$folder/out/Gendannelsesrapport.csv")) {
-    while (<$report>) { $good{"/$1"} = 1 if /^"?([^;]*?)"?;[^;]*;[^;]*;God;/; }
+for my $table (glob("'$folder/out/*/Gendannelsesrapport.csv'")) {
+    my ($volume) = $table =~ m{^(.*)/};
+    open(my $report, '<', $table) or die;
+    while (<$report>) { $good{"$volume/$1"} = 1 if /^"?([^;]*?)"?;[^;]*;[^;]*;God;/; }
 }
-my ($wrong, $total, @wrong) = (0, 0);
+my ($wrong, $total, $pessimistic, @wrong) = (0, 0, 0);
 find({ no_chdir => 1, wanted => sub {
     return if -l || !-f || /Gendannelsesrapport/ || ($only && $_ !~ /$only/);
     open(my $file, '<:raw', $_) or return;
@@ -29,23 +31,24 @@ find({ no_chdir => 1, wanted => sub {
     $total++;
     $back{$hash} = 1;
     push @{ $named{$hash} }, $path;
-    my ($rest) = $path =~ m{^/out(/.*)};
-    if (!$known{$hash} && -s $_ && defined $rest && grep { index($rest, $_) == 0 && length($rest) == length } ($good{$rest} ? $rest : ())) {
+    $pessimistic++ if $known{$hash} && %good && !$good{$_};
+    if (!$known{$hash} && -s $_ && $good{$_}) {
         $wrong++;
-        push @wrong, $rest;
+        push @wrong, $path;
     }
 } }, $folder);
 my @parts;
 for my $state ('deleted', 'living') {
     my ($whole, $right, $all) = (0, 0, scalar keys %{ $wanted{$state} // {} });
     for my $path (keys %{ $wanted{$state} // {} }) {
+        my ($name) = $path =~ m{(/[^/]*)$};
         my $hash = $wanted{$state}{$path};
         if ($back{$hash}) { $whole++; } elsif ($ENV{EXT_LOST}) { print "    lost $state $path\n"; }
-        my $isNamed = grep { substr($_, -length("/$path")) eq "/$path" } @{ $named{$hash} // [] };
+        my $isNamed = grep { substr($_, -length($name)) eq $name } @{ $named{$hash} // [] };
         $right++ if $isNamed;
         print "    unnamed $path: @{ $named{$hash} }\n" if $ENV{EXT_LOST} && $back{$hash} && !$isNamed;
     }
     push @parts, "$state $all: $whole/$right" if $all;
 }
-printf "  %-12s %-50s of %d files, wrong God %d\n", $tool, join(', ', @parts), $total, $wrong;
+printf "  %-12s %-50s of %d files, wrong God %d, right and not God %d\n", $tool, join(', ', @parts), $total, $wrong, $pessimistic;
 if ($ENV{EXT_LOST}) { print "    wrong God $_\n" for @wrong; }
