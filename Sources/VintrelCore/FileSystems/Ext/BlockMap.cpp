@@ -107,18 +107,37 @@ ExtMapping ExtBlockMaps::read(const ExtInode& inode, const Lookup& lookup)
     return mapping;
 }
 
-ExtMapping ExtBlockMaps::readNode(
-    const ExtInode& inode, std::uint64_t block, std::uint16_t depth, const Lookup& lookup)
+ExtMapping ExtBlockMaps::readDeadTree(const ExtInode& inode, const Lookup& lookup)
 {
     ExtMapping mapping;
-    const auto node = lookup(block, [&](ByteView bytes) { return judgeNode(inode, bytes, depth); });
-    if (node.empty()) {
-        mapping.isWhole = false;
-        return mapping;
+    const ByteView root(inode.map);
+    for (std::int64_t at = headerSize; at + entrySize <= static_cast<std::int64_t>(root.size());
+         at += entrySize) {
+        // An extent that was taken out has zeros where an index has its node.
+        const auto index = root.load<ExtentIndex>(at).value_or(ExtentIndex {});
+        if (index.nodeLow != 0 && geometry_.isBlock(nodeOf(index))
+            && !readNode(inode, nodeOf(index), lookup, mapping))
+            mapping.isWhole = false;
     }
-    mapping.innerBlocks.push_back(block);
-    readExtents(inode, node, depth, lookup, mapping);
     return mapping;
+}
+
+/// A node of a height that nothing says any more.
+bool ExtBlockMaps::readNode(
+    const ExtInode& inode, std::uint64_t block, const Lookup& lookup, ExtMapping& mapping)
+{
+    for (std::uint16_t depth = 0; depth < maxExtentDepth && take(nodesLeft_); ++depth) {
+        const auto node
+            = lookup(block, [&](ByteView bytes) { return judgeNode(inode, bytes, depth); });
+        const bool isNode = !node.empty()
+            && (!geometry_.hasChecksums() || judgeNode(inode, node, depth) == ExtFit::proved);
+        if (!isNode)
+            continue;
+        mapping.innerBlocks.push_back(block);
+        readExtents(inode, node, depth, lookup, mapping);
+        return true;
+    }
+    return false;
 }
 
 /// Goes through a tree with the nodes that are still to be read on a stack, the next one on top.

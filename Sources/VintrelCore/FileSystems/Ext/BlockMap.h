@@ -46,9 +46,9 @@ public:
 
     /// The runs of a file up to its size. `inode` has neither inline content nor a fast link.
     ExtMapping read(const ExtInode& inode, const Lookup& lookup);
-    /// The runs below one node of an extent tree, which is a block of its own.
-    ExtMapping readNode(
-        const ExtInode& inode, std::uint64_t block, std::uint16_t depth, const Lookup& lookup);
+    /// The runs that nodes of its tree still say of a deleted file. The system empties the root,
+    /// and leaves the places of the nodes below in it.
+    ExtMapping readDeadTree(const ExtInode& inode, const Lookup& lookup);
 
     /// How well a block does as a node of the inode's extent tree, `depth` levels above the leaves.
     ExtFit judgeNode(const ExtInode& inode, ByteView block, std::uint16_t depth) const;
@@ -66,6 +66,8 @@ private:
         std::uint16_t depth = 0; ///< 0: its entries are extents, or blocks of the file
     };
 
+    bool readNode(
+        const ExtInode& inode, std::uint64_t block, const Lookup& lookup, ExtMapping& mapping);
     void readExtents(const ExtInode& inode, ByteView node, std::uint16_t depth,
         const Lookup& lookup, ExtMapping& mapping);
     void readLists(const ExtInode& inode, const Lookup& lookup, ExtMapping& mapping);

@@ -1,7 +1,8 @@
 #include "VintrelCore/FileSystems/Ext/Content.h"
 
+#include "VintrelCore/Foundation/Rounding.h"
+
 #include <algorithm>
-#include <ranges>
 
 using namespace ExtFormat;
 
@@ -24,10 +25,45 @@ ExtContent::Made ExtContent::makeLiving(const ExtInode& inode, ByteView slot)
 
 ExtContent::Made ExtContent::makeDead(const ExtLife& life)
 {
-    return make(life.inode, life.slot, EntryStatus::deleted,
+    auto made = make(life.inode, life.slot, EntryStatus::deleted,
         [&](std::uint64_t block, const ExtBlockMaps::Judge& judge) {
             return lookUpOld(block, life, judge);
         });
+    if (made.node && life.isStateDead && life.inode.hasExtents() && life.inode.size == 0)
+        takeTraces(made, life);
+    return made;
+}
+
+/// What the nodes of the tree say where the inode says nothing.
+void ExtContent::takeTraces(Made& made, const ExtLife& life)
+{
+    auto mapping = maps_.readDeadTree(
+        life.inode, [&](std::uint64_t block, const ExtBlockMaps::Judge& judge) {
+            return lookUpOld(block, life, judge);
+        });
+    if (mapping.runs.empty())
+        return;
+    if (made.node->isDirectory()) {
+        made.runs = std::move(mapping.runs);
+        return;
+    }
+    takeRuns(*made.node, mapping);
+    made.doubts.add(Doubt::unknownSize);
+    if (!mapping.isWhole)
+        made.doubts.add(Doubt::lostBlocks);
+}
+
+/// Systems fill the last block of a file with zeros.
+void ExtContent::takeRuns(FileNode& node, const ExtMapping& mapping) const
+{
+    const auto& geometry = context_.geometry();
+    const auto& last = mapping.runs.back();
+    const auto block = context_.blocks().read(last.physical + last.count - 1);
+    const auto end
+        = std::find_if(block.rbegin(), block.rend(), [](std::uint8_t byte) { return byte != 0; });
+    node.size = saturatingMultiply(last.end(), geometry.blockSize)
+        - static_cast<std::uint64_t>(end - block.rbegin());
+    node.data = maps_.place(mapping, node.size);
 }
 
 /// A block as it was when the file had it: the newest state in the journal from before the file's

@@ -29,12 +29,17 @@ public:
     /// One that is gone; its doubts are about what is known of its place, and it is not judged.
     Made makeDead(const ExtLife& life);
 
+    /// Gives a deleted file the blocks that it is said to have had, and the size that those lead
+    /// to.
+    void takeRuns(FileNode& node, const ExtMapping& mapping) const;
+
     /// Files and folders whose inode or map has a wrong checksum.
     std::size_t unsoundCount() const { return unsoundCount_; }
 
 private:
     Made make(const ExtInode& inode, ByteView slot, EntryStatus status,
         const ExtBlockMaps::Lookup& lookup);
+    void takeTraces(Made& made, const ExtLife& life);
     Bytes lookUpOld(
         std::uint64_t block, const ExtLife& life, const ExtBlockMaps::Judge& judge) const;
 

@@ -18,10 +18,13 @@ struct ExtEntry {
     std::uint32_t number = 0;
     std::uint32_t generation = 0;
     std::uint16_t kind = 0;
+    std::uint32_t deleted = 0; ///< seconds since 1970; 0: not known
     std::uint16_t links = 0;
     ExtSequence born = 0;
     ExtSequence died = ExtLife::now; ///< as ExtLife has it, or earlier
     ExtSequence diedAtLatest = ExtLife::now;
+    /// The first transaction whose state of it is dead, where only such states are left of it.
+    ExtSequence firstDead = 0;
     ExtSequence namedAt = 0; ///< when it had its name
     Index parent = ParentLinks::none;
     Doubts doubts = {}; ///< of what has ended

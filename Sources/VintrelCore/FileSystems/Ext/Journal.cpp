@@ -223,6 +223,11 @@ std::optional<ExtSequence> ExtJournal::firstSince(std::uint64_t seconds) const
     return std::nullopt;
 }
 
+bool ExtJournal::reachesBackTo(std::uint64_t seconds) const
+{
+    return !commitSeconds_.empty() && commitSeconds_.begin()->second <= seconds;
+}
+
 bool ExtJournal::isIntact(const Claim& claim) const
 {
     return claim.position < blockCount_ && claim.copy.offset != 0 && !content(claim.copy).empty();

@@ -50,6 +50,8 @@ public:
 
     /// The last transaction that was found whole; 0 when there is none.
     ExtSequence newest() const { return newest_; }
+    /// Whether the log keeps all that was written since this second.
+    bool reachesBackTo(std::uint64_t seconds) const;
     /// The earliest transaction of those that were committed at this second or later; none when
     /// all were earlier.
     std::optional<ExtSequence> firstSince(std::uint64_t seconds) const;

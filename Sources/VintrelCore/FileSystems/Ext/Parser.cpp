@@ -5,6 +5,7 @@
 #include "VintrelCore/FileSystems/Ext/Content.h"
 #include "VintrelCore/FileSystems/Ext/Context.h"
 #include "VintrelCore/FileSystems/Ext/Files.h"
+#include "VintrelCore/FileSystems/Ext/FreedBlocks.h"
 #include "VintrelCore/FileSystems/Ext/Names.h"
 #include "VintrelCore/FileSystems/Ext/Tree.h"
 
@@ -61,6 +62,7 @@ std::unique_ptr<Volume> build(DiskSource& source, const ExtGeometry& geometry, E
     auto files = ExtTables::read(*context, content, progress);
     if (files.entries.empty())
         return nullptr;
+    ExtFreedBlocks::assign(*context, content, files);
     ExtNames names(*context, files);
     names.read(progress);
 

@@ -166,7 +166,8 @@ void Reader::addEnded(const ExtLife& life)
         add(life.inode, life.slot, std::move(made),
             { .born = life.born,
                 .died = endOf(life, life.inode.deleted),
-                .diedAtLatest = endOf(life, std::uint64_t { life.inode.deleted } + 1) });
+                .diedAtLatest = endOf(life, std::uint64_t { life.inode.deleted } + 1),
+                .firstDead = life.isStateDead ? life.died : 0 });
 }
 
 void Reader::add(const ExtInode& inode, ByteView slot, ExtContent::Made made, ExtEntry entry)
@@ -178,6 +179,7 @@ void Reader::add(const ExtInode& inode, ByteView slot, ExtContent::Made made, Ex
     }
     entry.number = inode.number;
     entry.generation = inode.generation;
+    entry.deleted = inode.deleted;
     entry.kind = inode.kind();
     entry.links = inode.links;
     entry.doubts = made.doubts;
