@@ -95,7 +95,8 @@ struct ReuseRule {
 };
 inline constexpr ReuseRule fatReuse { Doubt::reusedFirstCluster, Doubt::partlyReused, false };
 inline constexpr ReuseRule appleReuse { Doubt::reusedBlocks, Doubt::partlyReused, false };
-inline constexpr ReuseRule extReuse { Doubt::reusedBlocks, Doubt::partlyReused, false };
+inline constexpr ReuseRule extReuse { Doubt::reusedBlocks, Doubt::partlyReused, false,
+    Doubt::unknownReuse };
 inline constexpr ReuseRule ntfsReuse { Doubt::reusedClusters, Doubt::fewReusedClusters, true,
     Doubt::unknownReuse };
 

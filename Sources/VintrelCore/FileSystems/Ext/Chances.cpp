@@ -116,7 +116,8 @@ void Judge::judgeGroup(std::span<const Piece> pieces)
         }
         auto& use = uses_[piece.file - files_.livingCount];
         use.checked += piece.count;
-        use.isUnknown = use.isUnknown || used.empty();
+        use.isUnknown = use.isUnknown || used.empty()
+            || (journal != nullptr && !journal->isCompleteSince(piece.died));
         for (std::uint64_t index = 0; index < piece.count; ++index) {
             const auto block = piece.first + index;
             const auto bit = allocation.bitOf(block);

@@ -45,6 +45,7 @@ ExtJournal::ExtJournal(DiskSource& source, const ExtGeometry& geometry,
         return;
     search(progress);
     keepNewestClaims();
+    findGap();
 }
 
 void ExtJournal::findSuperblock()
@@ -196,8 +197,9 @@ void ExtJournal::keepNewestClaims()
 
 std::span<const ExtJournalCopy> ExtJournal::copiesOf(std::uint64_t block) const
 {
-    const auto found = std::ranges::equal_range(copies_, block, {}, &ExtJournalCopy::block);
-    return { found.begin(), found.end() };
+    const auto first = std::ranges::lower_bound(copies_, block, {}, &ExtJournalCopy::block);
+    const auto last = std::ranges::upper_bound(copies_, block, {}, &ExtJournalCopy::block);
+    return { first, last };
 }
 
 Bytes ExtJournal::content(const ExtJournalCopy& copy) const
@@ -221,6 +223,19 @@ std::optional<ExtSequence> ExtJournal::firstSince(std::uint64_t seconds) const
         if (time >= seconds)
             return sequence;
     return std::nullopt;
+}
+
+/// Unmounting, and replaying a journal, each skip a number.
+void ExtJournal::findGap()
+{
+    constexpr ExtSequence mostSkipped = 3;
+    completeSince_ = newest_;
+    for (auto commit = commitSeconds_.rbegin(); commit != commitSeconds_.rend(); ++commit) {
+        if (completeSince_ - commit->first > mostSkipped)
+            return;
+        completeSince_ = commit->first;
+    }
+    completeSince_ = 0; // what came before is not missed
 }
 
 bool ExtJournal::reachesBackTo(std::uint64_t seconds) const

@@ -50,7 +50,10 @@ public:
 
     /// The last transaction that was found whole; 0 when there is none.
     ExtSequence newest() const { return newest_; }
-    /// Whether the log keeps all that was written since this second.
+    /// Whether the log keeps all transactions behind this one. Where it has gone round, the next
+    /// mount begins at its start again, and writes over what was newest.
+    bool isCompleteSince(ExtSequence sequence) const { return sequence >= completeSince_; }
+    /// Whether the log reaches back to this second.
     bool reachesBackTo(std::uint64_t seconds) const;
     /// The earliest transaction of those that were committed at this second or later; none when
     /// all were earlier.
@@ -82,6 +85,7 @@ private:
     void readTags(std::uint32_t position, ByteView block, Control& control);
     void readRevoked(ByteView block, Control& control);
     void keepNewestClaims();
+    void findGap();
     bool isIntact(const Claim& claim) const;
 
     DiskSource& source_;
@@ -97,4 +101,5 @@ private:
     std::vector<ExtJournalCopy> copies_;
     std::map<ExtSequence, std::uint64_t> commitSeconds_;
     ExtSequence newest_ = 0;
+    ExtSequence completeSince_ = 0;
 };
