@@ -17,7 +17,8 @@ protected:
         if (!hasProgram("mke2fs") || !hasProgram("debugfs"))
             GTEST_SKIP() << "needs e2fsprogs";
         std::filesystem::create_directories(folder / "kilde/mappe/dybere");
-        for (const std::size_t size : { 0, 1, 59, 61, 150, 1024, 5000, 300'000, 5'000'000 })
+        for (const std::size_t size :
+            { 0U, 1U, 59U, 61U, 150U, 1024U, 5000U, 300'000U, 5'000'000U })
             put("kilde/mappe/fil" + std::to_string(size), patternBytes(size, 3));
         for (int index = 0; index < 300; ++index)
             put("kilde/mappe/dybere/et ganske langt navn nummer " + std::to_string(index),
@@ -100,7 +101,7 @@ TEST_F(ExtTools, LostBeginningsAreMadeUpForByCopies)
     erase(disk, 0, 8192);
     erase(
         disk, 8_MiB + 2048, 8_MiB + 4096); // of every copy too: inodes tell where their tables lie
-    for (const std::size_t group : { 3, 5, 7 })
+    for (const std::size_t group : { 3U, 5U, 7U })
         erase(disk, group * 8_MiB + 2048, group * 8_MiB + 4096);
     EXPECT_EQ(found(disk), std::pair(files.size(), std::size_t { 0 }));
 }
