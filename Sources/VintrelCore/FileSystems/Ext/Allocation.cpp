@@ -42,7 +42,10 @@ Bytes ExtAllocation::unwrittenBitmap(std::uint32_t group) const
     };
     if (geometry.hasBackup(group))
         hold(first, 1 + geometry.descriptorBlocks());
-    for (std::uint32_t other = 0; other < groups_.count(); ++other) {
+    const auto together = geometry.groupsTogether();
+    const auto start = group - group % together;
+    const auto end = std::min<std::uint64_t>(std::uint64_t { start } + together, groups_.count());
+    for (std::uint32_t other = start; other < end; ++other) {
         hold(groups_[other].blockBitmap, 1);
         hold(groups_[other].inodeBitmap, 1);
         hold(groups_[other].inodeTable, geometry.tableBlocks());

@@ -17,12 +17,17 @@ struct Piece {
     bool isStart = false;
 };
 
+/// Deleted files that had a block one after another, as far as they are judged. More are made up.
+constexpr std::uint64_t claimsOfBlock = 64;
+constexpr std::uint64_t leastBlocks = 1'048'576;
+
 class Judge {
 public:
     Judge(ExtContext& context, ExtFiles& files)
         : context_(context)
         , files_(files)
         , uses_(files.entries.size() - files.livingCount)
+        , blocksLeft_(context.geometry().blockCount * claimsOfBlock + leastBlocks)
     {
     }
 
@@ -38,6 +43,7 @@ private:
     ExtFiles& files_;
     std::vector<ClusterUse> uses_;
     std::vector<Piece> pieces_;
+    std::uint64_t blocksLeft_;
 };
 
 void Judge::run()
@@ -118,6 +124,11 @@ void Judge::judgeGroup(std::span<const Piece> pieces)
         use.checked += piece.count;
         use.isUnknown = use.isUnknown || used.empty()
             || (journal != nullptr && !journal->isCompleteSince(piece.died));
+        if (piece.count > blocksLeft_) {
+            use.isUnknown = true;
+            continue;
+        }
+        blocksLeft_ -= piece.count;
         for (std::uint64_t index = 0; index < piece.count; ++index) {
             const auto block = piece.first + index;
             const auto bit = allocation.bitOf(block);

@@ -6,6 +6,13 @@
 
 using namespace ExtFormat;
 
+namespace {
+
+/// States of a block that are tried, the newest ones. More are only made up.
+constexpr std::size_t maxTried = 64;
+
+} // namespace
+
 ExtContent::Made ExtContent::makeLiving(const ExtInode& inode, ByteView slot)
 {
     const auto& blocks = context_.blocks();
@@ -80,8 +87,9 @@ Bytes ExtContent::lookUpOld(
         return fit == ExtFit::proved;
     };
     const auto* const journal = context_.journal();
-    const auto copies
+    const auto all
         = journal != nullptr ? journal->copiesOf(block) : std::span<const ExtJournalCopy>();
+    const auto copies = all.last(std::min(all.size(), maxTried));
     for (auto copy = copies.rbegin(); copy != copies.rend(); ++copy)
         if (copy->sequence >= life.born && copy->sequence < life.died
             && isProved(journal->content(*copy)))

@@ -135,6 +135,12 @@ std::uint64_t ExtGeometry::descriptorBlocks() const
     return isIncompatible(Feature::metaGroups) ? 1 : blocks + superblock.reservedDescriptorBlocks;
 }
 
+std::uint32_t ExtGeometry::groupsTogether() const
+{
+    constexpr std::uint32_t maxLogGroups = 16;
+    return 1U << std::min<std::uint32_t>(superblock.logGroupsPerFlex, maxLogGroups);
+}
+
 bool ExtGeometry::hasBackup(std::uint32_t group) const
 {
     if (group == 0)

@@ -39,6 +39,8 @@ struct ExtGeometry {
     std::uint32_t inodesPerBlock() const { return blockSize / inodeSize; }
     std::uint64_t tableBlocks() const;      ///< of one group's inode table
     std::uint64_t descriptorBlocks() const; ///< behind a superblock, with those kept for more
+    /// How many groups have their tables and bitmaps in a row; a power of two.
+    std::uint32_t groupsTogether() const;
     /// Whether a copy of the superblock lies at the group's beginning.
     bool hasBackup(std::uint32_t group) const;
     std::string label() const;

@@ -81,8 +81,7 @@ void ExtGroups::findTables()
 {
     if (!geometry_.hasChecksums())
         return;
-    const std::uint32_t together = 1U
-        << std::min<std::uint32_t>(geometry_.superblock.logGroupsPerFlex, 16);
+    const auto together = geometry_.groupsTogether();
     for (std::uint64_t group = 0; group < groups_.size(); group += together) {
         const auto last = std::min<std::uint64_t>(group + together, groups_.size());
         if (std::none_of(groups_.begin() + static_cast<std::ptrdiff_t>(group),
