@@ -106,6 +106,48 @@ TEST(Ext, GivesADeletedFileBackByWhatTheJournalRemembers)
     EXPECT_EQ(disk["/mappe"].status, EntryStatus::existing);
 }
 
+TEST(Ext, FindsADeletedFileByTheNodeThatItsEmptiedTreeStillNames)
+{
+    ExtImage image;
+    const auto content = patternBytes(2 * ExtImage::blockSize + 5);
+    image.write(ExtImage::offsetOf(150), content);
+    image.putInode(13, { .size = 2053, .extents = { { 0, 150, 3 } }, .node = 130 });
+    image.removeInode(13);
+    constexpr std::uint64_t firstIndex = 40 + 12; // in the inode
+    putLE(image.bytes(), ExtImage::offsetOf(ExtImage::tableBlockOf(13)) + firstIndex + 4, 130, 4);
+    image.renewChecksums();
+    const auto disk = parse(image.bytes());
+    EXPECT_EQ(disk.content("/$Forældreløse filer/inode-13"), content);
+    EXPECT_EQ(
+        chance(disk["/$Forældreløse filer/inode-13"]), "Ukendt: Filens størrelse kendes ikke");
+}
+
+TEST(Ext, TakesWhatBecameFreeForADeletedFileOnlyWhereNothingElseDid)
+{
+    for (const bool isAlone : { true, false }) {
+        ExtImage image;
+        image.putFile(13, fileBlock, "kære du");
+        image.putFolder(12, ExtImage::root, folderBlock, { { 13, "brev" } });
+        if (!isAlone)
+            image.putFile(14, 150, "en anden");
+        image.putFolder(ExtImage::root, ExtImage::root, ExtImage::rootBlock, { { 12, "mappe" } });
+        image.commit({ folderBlock, ExtImage::bitmapBlock }); // and no state of the inodes
+        image.removeInode(13);
+        image.setUsed(fileBlock, 1, false);
+        if (!isAlone) {
+            image.removeInode(14);
+            image.setUsed(150, 1, false);
+        }
+        image.commit({ ExtImage::tableBlockOf(13), ExtImage::bitmapBlock });
+        const auto disk = parse(image.bytes());
+        EXPECT_EQ(text(disk, "/mappe/brev"), isAlone ? "kære du" : "");
+        if (isAlone)
+            EXPECT_EQ(chance(disk["/mappe/brev"]),
+                "Ukendt: Filens blokke er sluttet af, hvad der blev frit, da den blev slettet; "
+                "Filens størrelse kendes ikke");
+    }
+}
+
 TEST(Ext, TellsFilesThatHadOneInodeApart)
 {
     auto image = withDeletedFile();
