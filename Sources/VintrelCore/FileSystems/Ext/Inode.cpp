@@ -118,7 +118,8 @@ ByteView inlineRest(ByteView slot)
         if (entry->nameIndex == systemAttribute && entry->nameLength == 4
             && entries.matches("data", at + static_cast<std::int64_t>(sizeof(AttributeEntry))))
             return entries.sub(entry->valueOffset, entry->valueSize);
-        at += static_cast<std::int64_t>(sizeof(AttributeEntry)) + (entry->nameLength + 3) / 4 * 4;
+        at += static_cast<std::int64_t>(sizeof(AttributeEntry))
+            + std::int64_t { (entry->nameLength + 3) / 4 } * 4;
     }
     return {};
 }
