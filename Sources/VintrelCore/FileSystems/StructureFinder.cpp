@@ -3,6 +3,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
+#include "VintrelCore/FileSystems/Ext/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
@@ -71,6 +72,11 @@ bool mayBeAPFSObjectMap(const std::uint8_t* sector)
         && sector[27] == apfsPhysical;
 }
 
+bool mayBeExtSuperblock(const std::uint8_t* sector)
+{
+    return sector[56] == 0x53 && sector[57] == 0xEF;
+}
+
 /// Every type that an entry can have, deleted or not, leaves at most 5 in the low bits. Both are
 /// looked at in one step, since a branch that random data takes now and then costs more.
 bool mayBeExFATDirectory(const std::uint8_t* sector)
@@ -101,6 +107,7 @@ struct StructureRows {
         { mayBeNTFSIndexBlock, &StructureFinder::findNTFSIndexBlock },
         // takes every sector with a boot sector's signature or name
         { mayBeBootSector, &StructureFinder::findBootSector },
+        { mayBeExtSuperblock, &StructureFinder::findExtSuperblock },
         { mayBeHFSHeader, &StructureFinder::findHFSHeader },
         { mayBeHFSNode, &StructureFinder::findHFSNode },
         { mayBeAPFSSuperblock, &StructureFinder::findAPFSSuperblock },
@@ -192,6 +199,14 @@ bool StructureFinder::findHFSNode(const SweptSector& swept)
     if (isLeaf)
         result_.hfsLeaves.push_back(swept.offset);
     return isTree || isLeaf;
+}
+
+bool StructureFinder::findExtSuperblock(const SweptSector& swept)
+{
+    if (!ExtParser::looksLikeSuperblock(swept.sector()))
+        return false;
+    result_.extSuperblocks.push_back(swept.offset);
+    return true;
 }
 
 bool StructureFinder::findAPFSSuperblock(const SweptSector& swept)

@@ -50,6 +50,7 @@ private:
     bool findAPFSVolume(const SweptSector& swept);
     bool findAPFSObjectMap(const SweptSector& swept);
     bool findExFATDirectory(const SweptSector& swept);
+    bool findExtSuperblock(const SweptSector& swept);
 
     DiskSource& source_;
     DeepScanResult& result_;

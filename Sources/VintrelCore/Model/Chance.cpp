@@ -33,6 +33,9 @@ constexpr DoubtRow rows[] = {
     { Doubt::unknownBlocks, poor, "Filens blokke kendes ikke" },
     { Doubt::partlyUnknownBlocks, partial, "Kun dele af filens blokke kendes" },
     { Doubt::lostBlocks, poor, "Kun dele af filens blokke kendes" },
+    { Doubt::guessedBlocks, partial,
+        "Filens blokke er sluttet af, hvad der blev frit, da den blev slettet" },
+    { Doubt::unknownSize, unknown, "Filens størrelse kendes ikke" },
     { Doubt::overclaimedBlocks, poor, "For mange filer deler de samme blokke" },
     { Doubt::missingLinkedFile, poor, "Filen, som linket peger på, blev ikke fundet" },
     { Doubt::sharedContent, poor, "Indholdet er kun taget med ved andre hårde links til filen" },
@@ -52,6 +55,7 @@ constexpr DoubtRow rows[] = {
         "der ligger" },
     { Doubt::beyondSource, partial, "Filen rækker ud over kildens slutning" },
     { Doubt::encrypted, poor, "EFS-krypteret – kan ikke dekrypteres" },
+    { Doubt::encryptedByExt, poor, "Krypteret af filsystemet – kan ikke dekrypteres" },
     { Doubt::compressedByHFS, poor,
         "HFS-komprimeret fil – indholdet ligger i en skjult ressource og kan ikke gendannes "
         "direkte" },

@@ -27,6 +27,8 @@ enum class Doubt : std::uint8_t {
     unknownBlocks,
     partlyUnknownBlocks,
     lostBlocks,        ///< as `partlyUnknownBlocks`, of a file that is deleted
+    guessedBlocks,     ///< only what became free when it was deleted says where it lay
+    unknownSize,       ///< nothing but its blocks says how long it was
     overclaimedBlocks, ///< more files claim the same blocks than a sound volume has room for
     missingLinkedFile, ///< what a hard link stands for
     sharedContent,     ///< of a hard link that is one of too many to a file in too many pieces
@@ -46,6 +48,7 @@ enum class Doubt : std::uint8_t {
     beyondSource, ///< some of it lies behind the source's end
     // of the content
     encrypted,
+    encryptedByExt,
     compressedByHFS,
     compressedByAPFS,
     compressedByWindows,
@@ -92,6 +95,8 @@ struct ReuseRule {
 };
 inline constexpr ReuseRule fatReuse { Doubt::reusedFirstCluster, Doubt::partlyReused, false };
 inline constexpr ReuseRule appleReuse { Doubt::reusedBlocks, Doubt::partlyReused, false };
+inline constexpr ReuseRule extReuse { Doubt::reusedBlocks, Doubt::partlyReused, false,
+    Doubt::unknownReuse };
 inline constexpr ReuseRule ntfsReuse { Doubt::reusedClusters, Doubt::fewReusedClusters, true,
     Doubt::unknownReuse };
 

@@ -34,6 +34,7 @@ struct DeepScanResult {
     Offsets apfsVolumeSuperblocks; ///< blocks that have the magic of one
     Offsets apfsObjectMaps;        ///< blocks that have the type of one
     Offsets exfatDirSectors;       ///< sectors in which entry sets of exFAT directories begin
+    Offsets extSuperblocks;        ///< superblocks of ext2, ext3 and ext4, copies among them
     bool carvingRanOut = false;    ///< whether places had to be given up that cost too much
     bool completed = false;        ///< whether the end of the source was reached
     std::uint64_t scannedUpTo = 0;

@@ -69,7 +69,8 @@ void limitSizes(Volume& volume, std::uint64_t sourceSize)
 {
     if (volume.type == FileSystemType::ntfs) // its reader knows the volume's size and compression
         return;
-    const bool knowsHoles = volume.type == FileSystemType::apfs;
+    const bool knowsHoles
+        = volume.type == FileSystemType::apfs || volume.type == FileSystemType::ext;
     volume.root->forEachDescendant([&](FileNode& node, std::size_t) {
         if (std::holds_alternative<NoData>(node.data) || node.size <= sourceSize
             || node.size <= lengthOfRuns(node.data, sourceSize, knowsHoles))

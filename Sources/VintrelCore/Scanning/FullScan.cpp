@@ -28,6 +28,8 @@ VolumeList FullScan::run(
     auto quick = QuickScanner::run(source, progress);
     if (listener.quickScanDone)
         listener.quickScanDone(quick);
+    if (options.deep)
+        QuickScanner::readDeepOnly(source, quick, progress);
     auto volumes = std::move(quick.volumes);
     if (!options.deep) {
         if (options.fragments)

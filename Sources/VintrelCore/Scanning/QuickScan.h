@@ -21,4 +21,7 @@ struct ScanResult {
 /// When cancelled, what was found so far. `progress` may be none. Runs on the calling thread.
 ScanResult run(DiskSource& source, WorkProgress* progress);
 
+/// Adds the volumes that the tables name and that only a deep scan reads.
+void readDeepOnly(DiskSource& source, ScanResult& result, WorkProgress* progress);
+
 } // namespace QuickScanner

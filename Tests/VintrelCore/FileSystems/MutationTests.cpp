@@ -3,6 +3,7 @@
 
 #include "Tests/Images/APFSImage.h"
 #include "Tests/Images/ExFATImage.h"
+#include "Tests/Images/ExtImage.h"
 #include "Tests/Images/FATImage.h"
 #include "Tests/Images/HFSPlusImage.h"
 #include "Tests/Images/NTFSImage.h"
@@ -52,7 +53,8 @@ void damage(Bytes& bytes, std::size_t hot, std::mt19937& random)
 void exercise(const Bytes& bytes)
 {
     const auto source = makeSource(bytes);
-    const auto result = QuickScanner::run(*source, nullptr);
+    auto result = QuickScanner::run(*source, nullptr);
+    QuickScanner::readDeepOnly(*source, result, nullptr);
     RecycleBin::noteOriginalPaths(*source, result.volumes, nullptr);
     for (const auto& volume : result.volumes) {
         const auto totals = volume->root->totals();
@@ -286,6 +288,27 @@ TEST(Mutation, IsOutlivedByTheReaderOfExFAT)
     sound.addFile(deleted, { .name = u"inde.txt", .isContiguous = false }, patternBytes(600));
     sound.remove(u"slettet");
     exerciseDamaged(sound, sound.offsetOf(50), 2000, 77);
+}
+
+TEST(Mutation, IsOutlivedByTheReaderOfExt)
+{
+    ExtImage sound;
+    for (std::uint32_t number = 13; number < 20; ++number)
+        sound.putFile(number, 100 + number, "indhold");
+    sound.putInode(20, { .size = 9000, .extents = { { 0, 200, 2 }, { 4, 300, 5 } }, .node = 131 });
+    sound.putInode(21,
+        { .size = 20'000,
+            .extents = { { 0, 210, 1 }, { 3, 220, 1 }, { 12, 230, 1 }, { 13, 230, 1 } },
+            .hasLists = true });
+    sound.putFolder(12, ExtImage::root, 130, { { 13, "en" }, { 14, "to" }, { 20, "knude" } });
+    sound.putFolder(
+        ExtImage::root, ExtImage::root, ExtImage::rootBlock, { { 12, "mappe" }, { 21, "liste" } });
+    sound.commit({ ExtImage::tableBlockOf(13), 130, ExtImage::bitmapBlock });
+    sound.putFolder(12, ExtImage::root, 130, { { 14, "to" } });
+    sound.removeInode(13);
+    sound.commit({ ExtImage::tableBlockOf(13), 130, ExtImage::bitmapBlock }, { 150 });
+    sound.demandReplay();
+    exerciseDamaged(sound, ExtImage::offsetOf(48), 2000, 91);
 }
 
 TEST(Mutation, IsOutlivedByTheReaderOfHFSPlus)

@@ -2,5 +2,5 @@
 
 #include "VintrelCore/Model/FileSystemReader.h"
 
-/// The row of ext2, ext3 and ext4 in the table of file systems. They are recognised and not read.
+/// The row of ext2, ext3 and ext4 in the table of file systems. The deep scan reads them.
 extern const FileSystemReader extReader;

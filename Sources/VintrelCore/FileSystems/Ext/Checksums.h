@@ -1,0 +1,24 @@
+#pragma once
+
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <cstdint>
+
+/// The checksums of ext4 ("Checksums" in its documentation), which are kept as the register stands:
+/// it is not turned over at the end.
+namespace ExtChecksums {
+
+constexpr std::uint32_t start = 0xFFFF'FFFF;
+
+/// CRC-32C over further bytes.
+std::uint32_t crc32c(std::uint32_t state, ByteView bytes);
+/// The same over a number as it lies on disk.
+std::uint32_t crc32c(std::uint32_t state, LE32 number);
+/// The state before these bytes that leads to `state` behind them.
+std::uint32_t rewind32c(std::uint32_t state, ByteView bytes);
+
+/// CRC-16 with the polynomial of IBM, as group descriptors of ext4 without metadata checksums have
+/// it.
+std::uint16_t crc16(std::uint16_t state, ByteView bytes);
+
+} // namespace ExtChecksums

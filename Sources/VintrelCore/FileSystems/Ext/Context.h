@@ -1,0 +1,55 @@
+#pragma once
+
+#include "VintrelCore/FileSystems/Ext/Allocation.h"
+#include "VintrelCore/FileSystems/Ext/Blocks.h"
+#include "VintrelCore/FileSystems/Ext/Groups.h"
+#include "VintrelCore/FileSystems/Ext/Journal.h"
+#include "VintrelCore/Model/Volume.h"
+#include "VintrelCore/Model/WorkProgress.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+class DiskSource;
+
+/// How far the structures of a volume are still its own.
+enum class ExtTrust : std::uint8_t {
+    full,
+    onlySound,  ///< others may have written over them: what has a wrong checksum is not its own
+    onlyInodes, ///< the same, and its superblock, descriptors and journal are another's
+};
+
+/// A volume whose journal has been searched and replayed, and whose groups are known. Used by one
+/// thread at a time.
+class ExtContext : public DeepContext {
+public:
+    /// `geometry`: by any superblock of the volume. `progress` may be none. The source must outlive
+    /// the context.
+    ExtContext(
+        DiskSource& source, const ExtGeometry& geometry, ExtTrust trust, WorkProgress* progress);
+
+    ExtTrust trust() const { return trust_; }
+
+    const ExtGeometry& geometry() const { return blocks_.geometry(); }
+    const ExtBlocks& blocks() const { return blocks_; }
+    const ExtGroups& groups() const { return *groups_; }
+    ExtAllocation& allocation() { return *allocation_; }
+    /// None when the volume has none, or it cannot be read.
+    const ExtJournal* journal() const { return journal_.get(); }
+    /// What there is to say of all this, for the user.
+    std::vector<std::string> notes() const;
+    /// Lets go of what only the reading of files needs.
+    void forgetJournal() { journal_.reset(); }
+
+private:
+    std::vector<ByteRange> findJournal() const;
+
+    ExtBlocks blocks_;
+    const ExtTrust trust_;
+    std::unique_ptr<ExtJournal> journal_;
+    std::size_t replayedBlocks_ = 0;
+    bool lacksJournal_ = false;
+    std::unique_ptr<ExtGroups> groups_;
+    std::unique_ptr<ExtAllocation> allocation_;
+};
