@@ -53,7 +53,7 @@ struct Finding {
     Proof proof = Proof::none;           ///< of the whole file; none before its end
     /// Whether the bytes around `checked` are packed, so that text or zeros there are another's.
     bool isPacked = false;
-    bool lacksBeginning = false;         ///< whether it refers to bytes in front of its first one
+    bool lacksBeginning = false; ///< whether it refers to bytes in front of its first one
     /// Smaller is smoother: how little what was decoded last fits to what came before it, where a
     /// format can tell (the step between rows of a picture). Only compared between two copies of
     /// one checker that read equally far.

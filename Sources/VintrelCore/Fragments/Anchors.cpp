@@ -187,7 +187,8 @@ constexpr std::array<std::uint8_t, 4> indexMark { 'i', 'd', 'x', '1' };
 constexpr std::array<std::uint8_t, 4> cuesMark { 0x1C, 0x53, 0xBB, 0x6B };
 constexpr std::array<std::uint8_t, 20> rootMark { 'R', 0, 'o', 0, 'o', 0, 't', 0, ' ', 0, 'E', 0,
     'n', 0, 't', 0, 'r', 0, 'y', 0 };
-// The first entry of a TIFF directory is the picture's width, or the kind of picture in front of it.
+// The first entry of a TIFF directory is the picture's width, or the kind of picture in front of
+// it.
 constexpr std::array<std::uint8_t, 8> kindMark { 0xFE, 0, 4, 0, 1, 0, 0, 0 };
 constexpr std::array<std::uint8_t, 8> shortWidthMark { 0, 1, 3, 0, 1, 0, 0, 0 };
 constexpr std::array<std::uint8_t, 8> longWidthMark { 0, 1, 4, 0, 1, 0, 0, 0 };

@@ -71,8 +71,8 @@ public:
     /// Tries all free units, nearest first. The budget is used up.
     Result search(const Assembly& assembly, Budget& budget) const;
     /// Tries only to go from one of these units to another, in their order.
-    Result searchAt(const std::vector<std::uint64_t>& units, const Assembly& assembly,
-        Budget& budget) const;
+    Result searchAt(
+        const std::vector<std::uint64_t>& units, const Assembly& assembly, Budget& budget) const;
     /// Tries one continuation for each cut: the byte `position` of the file lies at
     /// `position + shift` of the source, modulo 2^64.
     Result searchMapped(const Assembly& assembly, std::uint64_t shift, Budget& budget) const;

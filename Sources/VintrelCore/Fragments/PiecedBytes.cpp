@@ -65,8 +65,8 @@ ByteView PiecedBytes::WithEnd::stretch(std::uint64_t position, std::size_t count
 {
     const auto& end = *file_.end_;
     if (position < end.position)
-        return file_.stretch(
-            position, static_cast<std::size_t>(std::min<std::uint64_t>(count, end.position - position)));
+        return file_.stretch(position,
+            static_cast<std::size_t>(std::min<std::uint64_t>(count, end.position - position)));
     return file_.cache_.from(end.offset + (position - end.position))
         .sub(0, static_cast<std::int64_t>(count));
 }

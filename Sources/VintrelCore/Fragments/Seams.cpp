@@ -32,8 +32,8 @@ void Seams::take(const std::vector<ByteRange>& pieces)
 
 bool Seams::isTaken(const std::vector<ByteRange>& pieces) const
 {
-    return std::ranges::any_of(pieces,
-        [&](const ByteRange& piece) { return taken_.intersects(piece.start, piece.end); });
+    return std::ranges::any_of(
+        pieces, [&](const ByteRange& piece) { return taken_.intersects(piece.start, piece.end); });
 }
 
 bool Seams::isOthers(std::uint64_t offset) const

@@ -17,8 +17,8 @@ namespace Fragments {
 class Seams {
 public:
     /// `beginnings`: where files begin.
-    Seams(BlockCache& cache, const Space& space,
-        const std::unordered_set<std::uint64_t>& beginnings)
+    Seams(
+        BlockCache& cache, const Space& space, const std::unordered_set<std::uint64_t>& beginnings)
         : cache_(cache)
         , space_(space)
         , beginnings_(beginnings)

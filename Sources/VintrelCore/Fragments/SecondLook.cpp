@@ -328,8 +328,8 @@ bool SecondLook::settleLikeliest(Job& job, Seams& seams, double lead)
     std::vector<Rated> rated;
     rated.reserve(solutions.size());
     for (const auto* solution : solutions)
-        rated.push_back({ solution, seams.isTaken(solution->pieces),
-            seams.likelihood(solution->pieces) });
+        rated.push_back(
+            { solution, seams.isTaken(solution->pieces), seams.likelihood(solution->pieces) });
     // Where nothing tells how smooth the joins are, the longest file leaves the least out.
     const auto rank = [](const Rated& one) {
         return std::tuple(one.isTaken, one.solution->strain, ~sizeOf(one.solution->pieces));

@@ -86,9 +86,8 @@ std::optional<std::uint64_t> shiftByDirectory(
     if (!isBigEndian && !head.matches("II", 0))
         return std::nullopt;
     const auto directory = cache.from(offset);
-    const auto u16 = [&](std::int64_t at) {
-        return isBigEndian ? directory.u16be(at) : directory.u16le(at);
-    };
+    const auto u16
+        = [&](std::int64_t at) { return isBigEndian ? directory.u16be(at) : directory.u16le(at); };
     const auto count = u16(0);
     const auto size = 2 + count * entrySize;
     if (count < 3 || size > static_cast<std::int64_t>(directory.size()))
