@@ -1,9 +1,11 @@
 // Real files cut into pieces, on images without a file system.
 
+#include "Tests/Images/DiskImage.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Fragments/Anchors.h"
 #include "VintrelCore/Fragments/Seams.h"
 #include "VintrelCore/Fragments/Space.h"
+#include "VintrelCore/Fragments/TableAnchors.h"
 #include "VintrelCore/Recovery/FileReader.h"
 #include "VintrelCore/Scanning/FullScan.h"
 
@@ -133,7 +135,7 @@ TEST(Fragments, KnowTheirPlaceByAStructureNearTheirEnd)
         std::size_t cut; ///< in sectors: behind all that is needed of the head
     } rows[] = { { "docx-plain.docx", 1 }, { "pdf-updated.pdf", 1 }, { "mp4-moov-last.mp4", 1 },
         { "avi-mjpeg.avi", 12 }, { "mkv-plain.mkv", 4 }, { "ole-letter.doc", 3 },
-        { "ole-word.doc", 4 } };
+        { "ole-word.doc", 2 } };
     for (const auto& [name, cut] : rows) {
         const std::vector<Bytes> files { sample(name) };
         const auto image = imageOf({ { first, 0, cut }, noise, { first, cut } }, files);
@@ -155,11 +157,37 @@ TEST(Fragments, KnowTheirPlaceByAStructureNearTheirEnd)
     }
 }
 
+TEST(Fragments, KnowATableOfSectorsByItsNumbers)
+{
+    constexpr std::size_t entries = sector / 4;
+    constexpr std::uint32_t own = 30; // the table's own sector, in the head's list
+    Bytes head(sector);
+    putLE(head, 30, 9, 2);
+    putLE(head, 44, 1, 4);
+    putLE(head, 76, own, 4);
+    Bytes table(sector, 0xFF);
+    for (std::size_t i = 0; i < 40; ++i)
+        putLE(table, 4 * i, i + 1, 4);
+    putLE(table, 4 * 20, 0xFFFF'FFFE, 4);
+    putLE(table, std::size_t { 4 } * own, 0xFFFF'FFFD, 4);
+    EXPECT_TRUE(Fragments::mayBeSectorTable(table));
+    const auto source = makeSource(joined({ patternBytes(5 * sector), table }));
+    Fragments::BlockCache cache(*source);
+    EXPECT_EQ(
+        Fragments::shiftBySectorTable(cache, 5 * sector, head), 5 * sector - (own + 1) * sector);
+    putLE(head, 76, own + 1, 4); // another file's
+    EXPECT_EQ(Fragments::shiftBySectorTable(cache, 5 * sector, head), std::nullopt);
+    for (const auto& other : { patternBytes(sector), Bytes(sector), Bytes(sector, 0xFF) })
+        EXPECT_FALSE(Fragments::mayBeSectorTable(other));
+    putLE(table, 4 * (entries - 1), 0x0200'0000, 4);
+    EXPECT_FALSE(Fragments::mayBeSectorTable(table)); // no file has so many sectors
+}
+
 TEST(Fragments, FollowAFilmByTheTableThatStandsBehindIt)
 {
-    const std::vector<Bytes> files { sample("mp4-moov-last.mp4") };
+    const std::vector<Bytes> files { sample("mp4-long.mp4") };
     const auto image
-        = imageOf({ { first, 0, 3 }, noise, { first, 3, 5 }, text, { first, 5 } }, files);
+        = imageOf({ { first, 0, 5 }, noise, { first, 5, 10 }, text, { first, 10 } }, files);
     const auto found = find(carvedOf(image, true), files[0]);
     ASSERT_TRUE(found);
     EXPECT_TRUE(found->note.starts_with("Samlet af 3 stykker")) << found->note;

@@ -141,10 +141,11 @@ TEST(Ext, TakesWhatBecameFreeForADeletedFileOnlyWhereNothingElseDid)
         image.commit({ ExtImage::tableBlockOf(13), ExtImage::bitmapBlock });
         const auto disk = parse(image.bytes());
         EXPECT_EQ(text(disk, "/mappe/brev"), isAlone ? "kære du" : "");
-        if (isAlone)
+        if (isAlone) {
             EXPECT_EQ(chance(disk["/mappe/brev"]),
                 "Ukendt: Filens blokke er sluttet af, hvad der blev frit, da den blev slettet; "
                 "Filens størrelse kendes ikke");
+        }
     }
 }
 
