@@ -25,7 +25,7 @@ static_assert(sizeof(ChunkHeader) == 12 && offsetof(ChunkHeader, size) == 4);
 
 constexpr int maxChunks = 10'000;
 
-/// The chunks of the specification. What else lies behind the last one is another file's.
+/// The chunks that the document names. What else lies behind the last one is another file's.
 bool isKnown(const ChunkHeader& chunk)
 {
     constexpr std::string_view names[] = { "desc", "data", "pakt", "chan", "kuki", "strg", "mark",

@@ -28,7 +28,6 @@ struct Footer {
 static_assert(sizeof(Footer) == 26 && offsetof(Footer, mark) == 8);
 
 constexpr std::string_view footerMark { "TRUEVISION-XFILE.\0", 18 };
-constexpr std::uint64_t footerMarkOffset = 8;   // from the footer's beginning
 constexpr std::uint64_t maxExtensions = 65'536; // between the picture and the footer
 constexpr std::uint8_t isPacked = 8;
 
