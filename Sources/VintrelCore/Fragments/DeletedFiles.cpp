@@ -96,10 +96,9 @@ void DeletedFiles::prepareSearch(std::span<const Guess> guesses)
 {
     std::vector<std::string_view> extensions;
     for (const auto& guess : guesses) {
-        const auto end = guess.start + guess.node->size;
-        edges_.push_back(guess.start);
-        edges_.push_back(
-            grid_.range.start + unitsFor(end - grid_.range.start, grid_.unit) * grid_.unit);
+        const auto [start, end] = contiguous(guess).front(); // whatever size the entry claims
+        edges_.push_back(start);
+        edges_.push_back(start + unitsFor(end - start, grid_.unit) * grid_.unit);
         if (!guess.isSettled && guess.isBroken)
             extensions.push_back(guess.extension);
     }
@@ -166,7 +165,8 @@ void DeletedFiles::search(Guess& guess)
     const auto piece = ByteRange { guess.start, space_.endOfRun(guess.start, grid_, true) };
     const GapSearch gaps(cache_, space_, beginnings_, guess.extension,
         endFor(guess.extension, { piece }, anchors_, cache_), progress_);
-    const auto guided = find(guess, gaps, edgesBehind(guess.start));
+    const auto edges = edgesBehind(guess.start);
+    const auto guided = edges.empty() ? std::nullopt : find(guess, gaps, edges);
     if (guided && guided->solution.proof == Content::Proof::checksum)
         return place(guess, guided->solution.pieces, Recoverability::good, true);
     const auto found = find(guess, gaps, {});

@@ -180,7 +180,10 @@ std::vector<Solution> GapSearch::slid(const Solution& solution, Budget& budget) 
                 const auto unit = space_.gridAt(right.start).unit;
                 const auto& shrinking = isBack ? left : right;
                 const auto added = isBack ? right.start - std::min(right.start, unit) : left.end;
-                if (shrinking.end - shrinking.start <= unit || right.start < unit
+                const bool isOwn = std::ranges::any_of(pieces, [&](const ByteRange& piece) {
+                    return piece.start <= added && added < piece.end;
+                });
+                if (shrinking.end - shrinking.start <= unit || right.start < unit || isOwn
                     || space_.isHeld(added, isContainer_))
                     break;
                 left.end = isBack ? left.end - unit : left.end + unit;

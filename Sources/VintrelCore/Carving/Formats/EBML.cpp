@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <bit>
 
-// RFC 8794 (EBML) and the Matroska specification: a header element, then one segment.
+// RFC 8794 (EBML) and RFC 9559 (Matroska): a header element, then one segment.
 
 namespace Formats {
 
