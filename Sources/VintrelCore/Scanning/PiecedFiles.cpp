@@ -2,6 +2,7 @@
 
 #include "VintrelCore/Carving/Carver.h"
 #include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Disk/PieceSource.h"
 #include "VintrelCore/FileSystems/FileSystems.h"
 #include "VintrelCore/Fragments/DeletedFiles.h"
 #include "VintrelCore/Fragments/SecondLook.h"
@@ -112,40 +113,13 @@ void leaveOutListed(
     });
 }
 
-/// Reads a file in pieces from its beginning on.
-bool readPieces(DiskSource& source, std::span<const ByteRange> pieces, std::uint64_t offset,
-    std::span<std::uint8_t> into)
-{
-    std::uint64_t missing = 0;
-    for (const auto& [start, end] : pieces) {
-        if (into.empty())
-            break;
-        const auto length = end - start;
-        if (offset < length) {
-            const auto count
-                = static_cast<std::size_t>(std::min<std::uint64_t>(length - offset, into.size()));
-            missing += source.readReporting(start + offset, into.first(count), ReadMode::fast);
-            into = into.subspan(count);
-            offset = 0;
-        } else {
-            offset -= length;
-        }
-    }
-    return missing == 0 && into.empty();
-}
-
 /// What kind of file it is, and when it was taken, shows only in the whole file.
 void describe(DiskSource& source, CarvedFile& find)
 {
     constexpr std::int64_t headSize = 4096;
-    DiskSource::Opened opened;
-    opened.size = find.size;
-    opened.read = [&](std::uint64_t offset, std::span<std::uint8_t> into) {
-        return readPieces(source, find.pieces, offset, into);
-    };
-    DiskSource file(std::move(opened));
+    const auto file = sourceOfPieces(source, find.pieces);
     const auto known
-        = Carver(file, carvedCategories()).check(file.read(0, headSize, ReadMode::fast), 0);
+        = Carver(*file, carvedCategories()).check(file->read(0, headSize, ReadMode::fast), 0);
     if (!known || known->size != find.size)
         return;
     find.ext = known->ext;
