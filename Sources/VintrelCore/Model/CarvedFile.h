@@ -39,6 +39,7 @@ struct CarvedFile {
     bool isCut = false;          ///< whether the source ends before the file does
     bool isInterrupted = false;  ///< whether another find begins inside
     bool isContradicted = false; ///< whether its content shows that some of it is another's
+    bool isOverruled = false;    ///< whether a volume has the file, and has the rest elsewhere
     /// On the source, in the order of the file; empty for a file in one piece.
     std::vector<ByteRange> pieces = {};
     Joins joins = Joins::proved; ///< between the pieces

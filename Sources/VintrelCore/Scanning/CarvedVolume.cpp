@@ -26,7 +26,7 @@ Recoverability chanceOf(const CarvedFile& file)
 {
     if (!file.exact || file.joins == Joins::uncertain || file.remnant != Remnant::none)
         return Recoverability::unknown;
-    const bool isPartlyWrong = file.isInterrupted || file.isContradicted;
+    const bool isPartlyWrong = file.isInterrupted || file.isContradicted || file.isOverruled;
     return isPartlyWrong || file.joins == Joins::chained ? Recoverability::partial
                                                          : Recoverability::good;
 }
@@ -73,6 +73,8 @@ void addNotes(FileNode& node, const CarvedFile& file)
         node.addNote("Filen fortsætter ud over kildens ende");
     if (file.isContradicted)
         node.addNote("Indholdet modsiger sig selv inde i filen");
+    if (file.isOverruled)
+        node.addNote("Et filsystem har filen, og har resten af den et andet sted");
     if (file.isInterrupted)
         node.addNote(file.isOpenEnded ? "Filen er afkortet, hvor en anden fil begynder"
                                       : "En anden fil begynder inde i filen");

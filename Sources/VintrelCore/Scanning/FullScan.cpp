@@ -67,6 +67,7 @@ VolumeList FullScan::run(
         PiecedFiles::settleDeleted(source, volumes, Fragments::Look::contents, progress);
         PiecedFiles::putTogether(source, volumes, finds, progress);
     }
+    Overlay::overrule(finds.carved, volumes);
     if (!finds.carved.empty())
         volumes.push_back(carvedFiles(source, finds));
     return volumes;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <unordered_map>
 
 namespace Overlay {
 
@@ -116,6 +117,26 @@ void judge(DiskSource& source, std::span<const std::unique_ptr<Volume>> trusted,
                     judgeFurther(attachment, doubtsOf(used, attachment.data));
         });
     }
+}
+
+void overrule(std::span<CarvedFile> finds, std::span<const std::unique_ptr<Volume>> volumes)
+{
+    std::unordered_map<std::uint64_t, CarvedFile*> byOffset;
+    for (auto& find : finds)
+        if (find.exact && !find.isProved && find.pieces.empty())
+            byOffset.emplace(find.offset, &find);
+    if (byOffset.empty())
+        return;
+    for (const auto& volume : volumes)
+        volume->root->forEachDescendant([&](const FileNode& node, std::size_t) {
+            const auto* const extents = extentsOf(node.data);
+            if (node.recoverability != Recoverability::good || extents == nullptr
+                || extents->size() < 2 || !extents->front().offset)
+                return;
+            const auto found = byOffset.find(*extents->front().offset);
+            if (found != byOffset.end() && found->second->size == node.size)
+                found->second->isOverruled = true;
+        });
 }
 
 } // namespace Overlay

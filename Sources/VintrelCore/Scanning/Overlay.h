@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/Model/CarvedFile.h"
 #include "VintrelCore/Model/Volume.h"
 
 #include <span>
@@ -14,5 +15,9 @@ namespace Overlay {
 /// does, to `partial` otherwise. The time is that of sorting both.
 void judge(DiskSource& source, std::span<const std::unique_ptr<Volume>> trusted,
     std::span<const std::unique_ptr<Volume>> found);
+
+/// Marks the finds of which only the head says how long they are, and which are taken for one
+/// piece, where a volume has a file that begins there, is as long and lies in pieces.
+void overrule(std::span<CarvedFile> finds, std::span<const std::unique_ptr<Volume>> volumes);
 
 } // namespace Overlay
