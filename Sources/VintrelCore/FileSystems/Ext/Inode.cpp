@@ -124,6 +124,14 @@ ByteView inlineRest(ByteView slot)
     return {};
 }
 
+/// When the file was deleted. One that was still open then, as its system went down, has the number
+/// of the next such inode there ("Index Nodes", i_dtime).
+std::uint32_t deletionOf(const ExtGeometry& geometry, const Inode& inode)
+{
+    const bool isNumber = inode.links == 0 && inode.deleted <= geometry.inodeCount();
+    return isNumber ? 0 : std::uint32_t { inode.deleted };
+}
+
 } // namespace
 
 ExtInode ExtInode::decode(const ExtGeometry& geometry, std::uint32_t number, ByteView slot)
@@ -135,7 +143,7 @@ ExtInode ExtInode::decode(const ExtGeometry& geometry, std::uint32_t number, Byt
     ExtInode inode { .number = number,
         .generation = raw.generation,
         .flags = raw.flags,
-        .deleted = raw.deleted,
+        .deleted = deletionOf(geometry, raw),
         .mode = raw.mode,
         .links = raw.links,
         .isSound = raw.mode == 0 || fitsChecksum(geometry, number, raw, slot),

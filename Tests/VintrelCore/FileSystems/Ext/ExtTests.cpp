@@ -162,6 +162,21 @@ TEST(Ext, TellsFilesThatHadOneInodeApart)
     EXPECT_EQ(disk["/mappe/nyt brev"].status, EntryStatus::existing);
 }
 
+TEST(Ext, TakesNoNumberOfAnotherOrphanForATime)
+{
+    ExtImage image;
+    image.commit({ fileBlock }); // had by a folder once, long before the file
+    image.putFile(13, fileBlock, "kære du");
+    image.putInode(
+        13, { .size = 8, .links = 0, .deleted = 14, .extents = { { 0, fileBlock, 1 } } });
+    image.setUsed(fileBlock, 1, false);
+    image.commit({ ExtImage::tableBlockOf(13) });
+    const auto disk = parse(image.bytes());
+    const auto* file = disk.volume->root->allFiles().front();
+    EXPECT_EQ(file->name, "inode-13");
+    EXPECT_EQ(file->recoverability, Recoverability::good) << file->note.value_or("");
+}
+
 TEST(Ext, LowersTheChanceOfWhatOthersHadSince)
 {
     const struct {
