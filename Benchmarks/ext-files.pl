@@ -19,7 +19,7 @@ sub noise {
 }
 
 sub wave {
-    my $data = noise($_[0] > 44 ? $_[0] - 44 : 0);
+    my $data = noise($_[0] > 44 ? ($_[0] - 44) & ~1 : 0); # chunks have an even length
     return 'RIFF' . pack('V', 36 + length $data) . 'WAVEfmt ' . pack('VvvVVvv', 16, 1, 1, 44100, 88200, 2, 16) . 'data' . pack('V', length $data) . $data;
 }
 

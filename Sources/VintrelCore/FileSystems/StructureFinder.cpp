@@ -3,6 +3,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
+#include "VintrelCore/FileSystems/Ext/LooseLists.h"
 #include "VintrelCore/FileSystems/Ext/Parser.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
@@ -77,6 +78,15 @@ bool mayBeExtSuperblock(const std::uint8_t* sector)
     return sector[56] == 0x53 && sector[57] == 0xEF;
 }
 
+/// The first two numbers of a list are those of neighbours, or the first one is alone.
+bool mayBeExtBlockList(const std::uint8_t* sector)
+{
+    const auto* const second = sector + 4;
+    const bool isAlone = (second[0] | second[1] | second[2] | second[3]) == 0;
+    return second[0] == static_cast<std::uint8_t>(sector[0] + 1)
+        || (isAlone && (sector[0] | sector[1] | sector[2] | sector[3]) != 0);
+}
+
 /// Every type that an entry can have, deleted or not, leaves at most 5 in the low bits. Both are
 /// looked at in one step, since a branch that random data takes now and then costs more.
 bool mayBeExFATDirectory(const std::uint8_t* sector)
@@ -115,6 +125,8 @@ struct StructureRows {
         { mayBeAPFSObjectMap, &StructureFinder::findAPFSObjectMap },
         // costs the most, and its sectors pass for nothing above
         { mayBeExFATDirectory, &StructureFinder::findExFATDirectory },
+        // is nothing but numbers, which tables of other file systems are too
+        { mayBeExtBlockList, &StructureFinder::findExtBlockList },
     };
 
     /// Asks row after row, written out by the compiler: a sweep asks millions of sectors.
@@ -206,6 +218,14 @@ bool StructureFinder::findExtSuperblock(const SweptSector& swept)
     if (!ExtParser::looksLikeSuperblock(swept.sector()))
         return false;
     result_.extSuperblocks.push_back(swept.offset);
+    return true;
+}
+
+bool StructureFinder::findExtBlockList(const SweptSector& swept)
+{
+    if (!ExtLooseLists::looksLikeList(swept.sector()))
+        return false;
+    result_.extBlockLists.push_back(swept.offset);
     return true;
 }
 

@@ -51,6 +51,7 @@ private:
     bool findAPFSObjectMap(const SweptSector& swept);
     bool findExFATDirectory(const SweptSector& swept);
     bool findExtSuperblock(const SweptSector& swept);
+    bool findExtBlockList(const SweptSector& swept);
 
     DiskSource& source_;
     DeepScanResult& result_;

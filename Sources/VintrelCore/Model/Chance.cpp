@@ -35,6 +35,7 @@ constexpr DoubtRow rows[] = {
     { Doubt::lostBlocks, poor, "Kun dele af filens blokke kendes" },
     { Doubt::guessedBlocks, partial,
         "Filens blokke er sluttet af, hvad der blev frit, da den blev slettet" },
+    { Doubt::guessedBeginning, partial, "Hvor filens første blokke lå, er gættet" },
     { Doubt::unknownSize, unknown, "Filens størrelse kendes ikke" },
     { Doubt::overclaimedBlocks, poor, "For mange filer deler de samme blokke" },
     { Doubt::missingLinkedFile, poor, "Filen, som linket peger på, blev ikke fundet" },

@@ -28,6 +28,7 @@ enum class Doubt : std::uint8_t {
     partlyUnknownBlocks,
     lostBlocks,        ///< as `partlyUnknownBlocks`, of a file that is deleted
     guessedBlocks,     ///< only what became free when it was deleted says where it lay
+    guessedBeginning,  ///< only its later blocks are named: the first ones lie before them
     unknownSize,       ///< nothing but its blocks says how long it was
     overclaimedBlocks, ///< more files claim the same blocks than a sound volume has room for
     missingLinkedFile, ///< what a hard link stands for

@@ -35,6 +35,7 @@ struct DeepScanResult {
     Offsets apfsObjectMaps;        ///< blocks that have the type of one
     Offsets exfatDirSectors;       ///< sectors in which entry sets of exFAT directories begin
     Offsets extSuperblocks;        ///< superblocks of ext2, ext3 and ext4, copies among them
+    Offsets extBlockLists;         ///< sectors that may begin a list of a file's blocks
     bool carvingRanOut = false;    ///< whether places had to be given up that cost too much
     bool completed = false;        ///< whether the end of the source was reached
     std::uint64_t scannedUpTo = 0;

@@ -59,6 +59,13 @@ std::uint64_t ExtAllocation::bitOf(std::uint64_t block) const
     return (block - geometry.firstBlockOf(geometry.groupOf(block))) / geometry.clusterBlocks;
 }
 
+bool ExtAllocation::isInUse(std::uint64_t block)
+{
+    const auto& bitmap = bitmapOf(blocks_.geometry().groupOf(block));
+    const auto bit = bitOf(block);
+    return bit / 8 < bitmap.size() && (bitmap[bit / 8] >> (bit % 8) & 1) != 0;
+}
+
 bool ExtAllocation::addUsedRanges(std::vector<ByteRange>& ranges)
 {
     const auto& geometry = blocks_.geometry();

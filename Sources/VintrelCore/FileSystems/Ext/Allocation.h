@@ -19,6 +19,8 @@ public:
 
     /// Where in the bitmap of its group the bit of a block lies.
     std::uint64_t bitOf(std::uint64_t block) const;
+    /// Whether a bitmap says that the block is in use.
+    bool isInUse(std::uint64_t block);
     /// Adds the ranges of the source that are in use, ascending. False when nothing is known.
     bool addUsedRanges(std::vector<ByteRange>& ranges);
 

@@ -1,5 +1,6 @@
 #include "VintrelCore/FileSystems/Ext/Reader.h"
 
+#include "VintrelCore/FileSystems/Ext/LooseLists.h"
 #include "VintrelCore/FileSystems/Ext/LostVolumes.h"
 #include "VintrelCore/FileSystems/Ext/Parser.h"
 
@@ -25,6 +26,6 @@ const FileSystemReader extReader {
     .confirmsBackups = false,
     .findVolumes = ExtLostVolumes::find,
     .rebuildVolumes = nullptr,
-    .findLostFolders = nullptr,
+    .findLostFolders = ExtLooseLists::findLostFolders,
     .addUsedRanges = ExtParser::addUsedRanges,
 };

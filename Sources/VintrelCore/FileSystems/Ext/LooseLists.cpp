@@ -1,0 +1,355 @@
+#include "VintrelCore/FileSystems/Ext/LooseLists.h"
+
+#include "VintrelCore/Carving/Carver.h"
+#include "VintrelCore/Disk/DiskSource.h"
+#include "VintrelCore/Disk/PieceSource.h"
+#include "VintrelCore/FileSystems/Ext/Chances.h"
+#include "VintrelCore/FileSystems/Ext/Content.h"
+#include "VintrelCore/Foundation/RangeSet.h"
+#include "VintrelCore/Model/DeepScanResult.h"
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <set>
+
+using namespace ExtFormat;
+
+namespace {
+
+constexpr std::uint64_t directBlocks = 12;
+constexpr int topLevel = 2; ///< lists of lists of lists
+
+/// A list that belongs to nothing that exists.
+struct LooseList {
+    std::vector<ExtRun> runs; ///< of what it names, counted from its own first entry
+    int level = 0;            ///< 0: names blocks of a file; otherwise lists of the level below
+    bool isNamed = false;     ///< by another list
+
+    std::uint64_t count() const { return runs.back().end(); }
+    std::uint64_t first() const { return runs.front().physical; }
+};
+
+/// Where the byte `position` of a file lies; none in a hole or behind its end.
+std::optional<std::uint64_t> placeOf(const ExtentList& extents, std::uint64_t position)
+{
+    for (const auto& [offset, length] : extents) {
+        if (position < length)
+            return offset ? std::optional(*offset + position) : std::nullopt;
+        position -= length;
+    }
+    return std::nullopt;
+}
+
+/// What the volumes list already.
+struct Listed {
+    /// Where the thirteenth blocks of the files lie, in bytes on the source.
+    std::set<std::uint64_t> places;
+    RangeSet deleted; ///< where deleted files lie that are believed, likewise
+
+    void add(const Volume& volume, std::uint64_t blockSize);
+};
+
+void Listed::add(const Volume& volume, std::uint64_t blockSize)
+{
+    for (const auto* file : volume.root->allFiles()) {
+        const auto* const extents = extentsOf(file->data);
+        if (extents == nullptr)
+            continue;
+        if (const auto place = placeOf(*extents, directBlocks * blockSize))
+            places.insert(*place);
+        if (file->status == EntryStatus::existing || file->recoverability != Recoverability::good)
+            continue;
+        for (const auto& [offset, length] : *extents)
+            if (offset)
+                deleted.add(*offset, *offset + length);
+    }
+}
+
+/// Puts the files of one volume together.
+class Search {
+public:
+    Search(DiskSource& source, const Listed& listed, ExtContext& context);
+
+    void add(std::uint64_t offset);
+    std::unique_ptr<FileNode> findFiles();
+
+private:
+    using Lists = std::map<std::uint64_t, LooseList>; // by their blocks
+
+    std::optional<LooseList> decode(ByteView block) const;
+    bool namesLists(const LooseList& list, int level) const;
+    void findLevels();
+    std::uint64_t firstDataBlockOf(const LooseList& list) const;
+    void findFollowers();
+    LooseList* nextList(int level, std::uint64_t block);
+    void append(ExtMapping& mapping, const LooseList& list) const;
+    ExtMapping mappingOf(std::uint64_t block, const LooseList& list);
+    std::optional<CarvedFile> recognise(const FileNode& node, const ExtMapping& mapping) const;
+    ExtEntry entryOf(std::uint64_t block, const ExtMapping& mapping) const;
+
+    DiskSource& source_;
+    ExtContext& context_;
+    const ExtGeometry& geometry_;
+    const ExtContent content_;
+    const ExtBlockMaps maps_;
+    Lists lists_;
+    std::multimap<std::pair<int, std::uint64_t>, std::uint64_t> followers_;
+    const Listed& listed_;
+};
+
+Search::Search(DiskSource& source, const Listed& listed, ExtContext& context)
+    : source_(source)
+    , context_(context)
+    , geometry_(context.geometry())
+    , content_(context)
+    , maps_(context.geometry())
+    , listed_(listed)
+{
+}
+
+/// Files have no holes, as far as they are found here: nothing follows the first zero.
+std::optional<LooseList> Search::decode(ByteView block) const
+{
+    LooseList list;
+    RangeSet named;
+    const auto capacity = block.size() / sizeof(LE32);
+    for (std::uint64_t index = 0; index < capacity; ++index) {
+        const std::uint64_t number = block.u32le(static_cast<std::int64_t>(index * sizeof(LE32)));
+        if (number == 0) {
+            const auto rest = block.sub(static_cast<std::int64_t>(index * sizeof(LE32)),
+                static_cast<std::int64_t>((capacity - index) * sizeof(LE32)));
+            return index > 0 && rest.isAllZero() ? std::optional(list) : std::nullopt;
+        }
+        if (!geometry_.isBlock(number) || named.contains(number))
+            return std::nullopt;
+        named.add(number, number + 1);
+        if (index > 0 && number == list.runs.back().physical + list.runs.back().count)
+            ++list.runs.back().count;
+        else
+            list.runs.push_back({ index, number, 1, true });
+    }
+    return list;
+}
+
+void Search::add(std::uint64_t offset)
+{
+    const auto inVolume = offset - geometry_.base;
+    const auto block = inVolume / geometry_.blockSize;
+    if (inVolume % geometry_.blockSize != 0 || !geometry_.isBlock(block)
+        || context_.allocation().isInUse(block))
+        return;
+    if (auto list = decode(context_.blocks().read(block)))
+        lists_.emplace(block, std::move(*list));
+}
+
+/// Whether all that a list names are lists of a level, or of one above.
+bool Search::namesLists(const LooseList& list, int level) const
+{
+    return std::ranges::all_of(list.runs, [&](const ExtRun& run) {
+        for (std::uint64_t index = 0; index < run.count; ++index) {
+            const auto found = lists_.find(run.physical + index);
+            if (found == lists_.end() || found->second.level < level)
+                return false;
+        }
+        return true;
+    });
+}
+
+void Search::findLevels()
+{
+    for (int level = 1; level <= topLevel; ++level)
+        for (auto& [block, list] : lists_)
+            if (namesLists(list, level - 1)) {
+                list.level = level;
+                for (const auto& run : list.runs)
+                    for (std::uint64_t index = 0; index < run.count; ++index)
+                        lists_.at(run.physical + index).isNamed = true;
+            }
+}
+
+std::uint64_t Search::firstDataBlockOf(const LooseList& list) const
+{
+    const auto* below = &list;
+    for (int level = list.level; level > 0; --level)
+        below = &lists_.at(below->first());
+    return below->first();
+}
+
+/// The lists of each level by the block that may come before them in a file: the one before their
+/// first data block, or before themselves.
+void Search::findFollowers()
+{
+    for (const auto& [block, list] : lists_)
+        if (list.level > 0 && !list.isNamed) {
+            followers_.emplace(std::pair(list.level, firstDataBlockOf(list) - 1), block);
+            if (firstDataBlockOf(list) != block)
+                followers_.emplace(std::pair(list.level, block - 1), block);
+        }
+}
+
+/// The one list of a level with which a file can go on whose last block this is; none where there
+/// are several.
+LooseList* Search::nextList(int level, std::uint64_t block)
+{
+    const auto [first, last] = followers_.equal_range({ level, block });
+    if (first == last || std::next(first) != last)
+        return nullptr;
+    auto& list = lists_.at(first->second);
+    return list.isNamed ? nullptr : &list;
+}
+
+/// Adds what a list and those below it name to the end of a file.
+void Search::append(ExtMapping& mapping, const LooseList& list) const
+{
+    std::vector<const LooseList*> open { &list };
+    while (!open.empty()) {
+        const auto& next = *open.back();
+        open.pop_back();
+        for (const auto& run : next.runs) {
+            if (next.level > 0)
+                continue;
+            const auto logical = mapping.runs.back().end();
+            mapping.runs.push_back({ logical, run.physical, run.count, true });
+        }
+        for (auto run = next.runs.rbegin(); next.level > 0 && run != next.runs.rend(); ++run)
+            for (auto index = run->count; index > 0; --index)
+                open.push_back(&lists_.at(run->physical + index - 1));
+    }
+}
+
+/// The file whose first list this is. Systems that take a block at a time put the list between the
+/// twelfth and the thirteenth block; others put those side by side, and the list elsewhere.
+ExtMapping Search::mappingOf(std::uint64_t block, const LooseList& list)
+{
+    ExtMapping mapping;
+    const auto behindDirect = list.first() == block + 1 ? block : list.first();
+    if (behindDirect <= directBlocks)
+        return mapping;
+    mapping.runs.push_back({ 0, behindDirect - directBlocks, directBlocks, true });
+    append(mapping, list);
+    const auto capacity = geometry_.blockSize / sizeof(LE32);
+    bool isFull = list.count() == capacity;
+    for (int level = 1; isFull && level <= topLevel; ++level) {
+        const auto& last = mapping.runs.back();
+        auto* const next = nextList(level, last.physical + last.count - 1);
+        mapping.isWhole = next != nullptr;
+        if (next == nullptr)
+            break;
+        next->isNamed = true;
+        append(mapping, *next);
+        isFull = next->count() == capacity;
+    }
+    return mapping;
+}
+
+/// The file as its content tells it, where that ends in the last block that the lists name.
+std::optional<CarvedFile> Search::recognise(const FileNode& node, const ExtMapping& mapping) const
+{
+    constexpr std::int64_t headSize = 4096;
+    std::vector<ByteRange> pieces;
+    pieces.reserve(mapping.runs.size());
+    for (const auto& run : mapping.runs)
+        pieces.push_back(
+            { geometry_.offsetOf(run.physical), geometry_.offsetOf(run.physical + run.count) });
+    const auto file = sourceOfPieces(source_, std::move(pieces));
+    auto known
+        = Carver(*file, carvedCategories()).check(file->read(0, headSize, ReadMode::fast), 0);
+    const bool fits = known && known->exact && !known->isCut && known->size >= node.size
+        && file->size() - known->size < geometry_.blockSize;
+    return fits ? known : std::nullopt;
+}
+
+ExtEntry Search::entryOf(std::uint64_t block, const ExtMapping& mapping) const
+{
+    ExtEntry entry { .kind = fileMode, .died = ExtLife::now - 1, .diedAtLatest = ExtLife::now - 1 };
+    entry.node = FileNode::makeFile(
+        "blok-" + std::to_string(block), 0, EntryStatus::deleted, Recoverability::good);
+    auto& node = *entry.node;
+    content_.takeRuns(node, mapping);
+    if (const auto known = recognise(node, mapping); known && mapping.isWhole) {
+        node.name += "." + known->ext;
+        node.size = known->size;
+        node.modified = known->date;
+        node.data = maps_.place(mapping, known->size);
+    } else {
+        entry.doubts.add(Doubt::guessedBeginning);
+        entry.doubts.add(Doubt::unknownSize);
+    }
+    if (!mapping.isWhole)
+        entry.doubts.add(Doubt::lostBlocks);
+    for (const auto& [offset, length] : *extentsOf(node.data))
+        if (offset && listed_.deleted.intersects(*offset, *offset + length))
+            entry.doubts.add(Doubt::contestedByDeleted);
+    return entry;
+}
+
+std::unique_ptr<FileNode> Search::findFiles()
+{
+    findLevels();
+    findFollowers();
+    ExtFiles files;
+    for (auto& [block, list] : lists_) {
+        const bool isFirst = list.level == 0 && !list.isNamed;
+        if (!isFirst || listed_.places.contains(geometry_.offsetOf(list.first())))
+            continue;
+        const auto mapping = mappingOf(block, list);
+        if (!mapping.runs.empty())
+            files.entries.push_back(entryOf(block, mapping));
+    }
+    // A number alone in a block may be anything: only content makes it a list.
+    std::erase_if(files.entries, [&](const ExtEntry& entry) {
+        return entry.doubts.has(Doubt::guessedBeginning)
+            && entry.node->size <= (directBlocks + 1) * geometry_.blockSize;
+    });
+    if (files.entries.empty())
+        return nullptr;
+    ExtChances::judge(context_, files);
+    auto folder = FileNode::makeFolder("$Filer fra bloklister", EntryStatus::orphaned);
+    for (auto& entry : files.entries)
+        folder->add(std::move(entry.node));
+    folder->sortChildren();
+    return folder;
+}
+
+} // namespace
+
+namespace ExtLooseLists {
+
+bool looksLikeList(ByteView sector)
+{
+    const auto first = sector.u32le(0);
+    const auto second = sector.u32le(sizeof(LE32));
+    if (first == 0)
+        return false;
+    return second == first + 1
+        || sector.sub(sizeof(LE32), static_cast<std::int64_t>(sector.size() - sizeof(LE32)))
+               .isAllZero();
+}
+
+std::vector<ExtraFolder> findLostFolders(DiskSource& source, const VolumeList& volumes,
+    const DeepScanResult& finds, WorkProgress* progress)
+{
+    Listed listed;
+    for (const auto& volume : volumes)
+        if (const auto* context = dynamic_cast<const ExtContext*>(volume->deepContext.get()))
+            listed.add(*volume, context->geometry().blockSize);
+    std::vector<ExtraFolder> folders;
+    for (const auto& volume : volumes) {
+        auto* const context = dynamic_cast<ExtContext*>(volume->deepContext.get());
+        if (context == nullptr || isCancelled(progress))
+            continue;
+        report(progress, 0, "Søger efter filer fra løse bloklister …");
+        Search search(source, listed, *context);
+        const auto begin = std::ranges::lower_bound(finds.extBlockLists, volume->offset);
+        for (auto found = begin; found != finds.extBlockLists.end()
+             && *found - volume->offset < context->geometry().volumeSize();
+             ++found)
+            search.add(*found);
+        if (auto folder = search.findFiles())
+            folders.push_back({ volume.get(), std::move(folder) });
+    }
+    return folders;
+}
+
+} // namespace ExtLooseLists
