@@ -5,6 +5,7 @@
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/Ext/LooseLists.h"
 #include "VintrelCore/FileSystems/Ext/Parser.h"
+#include "VintrelCore/FileSystems/Ext/Remains.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
@@ -78,6 +79,18 @@ bool mayBeExtSuperblock(const std::uint8_t* sector)
     return sector[56] == 0x53 && sector[57] == 0xEF;
 }
 
+bool mayBeExtJournal(const std::uint8_t* sector) { return sector[0] == 0xC0 && sector[1] == 0x3B; }
+
+/// The kind of a slot's inode, and a time of deletion that is zero.
+bool mayBeExtFolderInode(const std::uint8_t* sector)
+{
+    const auto isOne
+        = [](const std::uint8_t* slot) { return slot[1] >> 4 == 4 && (slot[20] | slot[23]) == 0; };
+    return isOne(sector) || isOne(sector + ExtRemainders::leastSlot)
+        || isOne(sector + 2 * ExtRemainders::leastSlot)
+        || isOne(sector + 3 * ExtRemainders::leastSlot);
+}
+
 /// The first two numbers of a list are those of neighbours, or the first one is alone.
 bool mayBeExtBlockList(const std::uint8_t* sector)
 {
@@ -125,6 +138,8 @@ struct StructureRows {
         { mayBeAPFSObjectMap, &StructureFinder::findAPFSObjectMap },
         // costs the most, and its sectors pass for nothing above
         { mayBeExFATDirectory, &StructureFinder::findExFATDirectory },
+        { mayBeExtJournal, &StructureFinder::findExtJournal },
+        { mayBeExtFolderInode, &StructureFinder::findExtFolderInodes },
         // is nothing but numbers, which tables of other file systems are too
         { mayBeExtBlockList, &StructureFinder::findExtBlockList },
     };
@@ -219,6 +234,26 @@ bool StructureFinder::findExtSuperblock(const SweptSector& swept)
         return false;
     result_.extSuperblocks.push_back(swept.offset);
     return true;
+}
+
+bool StructureFinder::findExtJournal(const SweptSector& swept)
+{
+    if (!ExtRemainders::looksLikeJournal(swept.sector()))
+        return false;
+    result_.extJournals.push_back(swept.offset);
+    return true;
+}
+
+bool StructureFinder::findExtFolderInodes(const SweptSector& swept)
+{
+    bool isFound = false;
+    constexpr auto size = ExtRemainders::leastSlot;
+    for (std::int64_t at = 0; at < static_cast<std::int64_t>(SweptSector::size); at += size)
+        if (ExtRemainders::looksLikeFolderInode(swept.sector().sub(at, size))) {
+            result_.extFolderInodes.push_back(swept.offset + static_cast<std::uint64_t>(at));
+            isFound = true;
+        }
+    return isFound;
 }
 
 bool StructureFinder::findExtBlockList(const SweptSector& swept)

@@ -35,6 +35,8 @@ struct DeepScanResult {
     Offsets apfsObjectMaps;        ///< blocks that have the type of one
     Offsets exfatDirSectors;       ///< sectors in which entry sets of exFAT directories begin
     Offsets extSuperblocks;        ///< superblocks of ext2, ext3 and ext4, copies among them
+    Offsets extFolderInodes;       ///< slots that may hold the inode of a directory of ext2, ext3
+    Offsets extJournals;           ///< sectors that begin a journal of ext3 or ext4
     Offsets extBlockLists;         ///< sectors that may begin a list of a file's blocks
     bool carvingRanOut = false;    ///< whether places had to be given up that cost too much
     bool completed = false;        ///< whether the end of the source was reached

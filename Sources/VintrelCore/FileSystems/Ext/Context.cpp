@@ -53,12 +53,10 @@ ExtContext::ExtContext(
     : blocks_(source, geometry)
     , trust_(trust)
 {
-    auto pieces = trust != ExtTrust::onlyInodes ? findJournal() : std::vector<ByteRange>();
     const bool hasOne = trust != ExtTrust::onlyInodes && geometry.isCompatible(Feature::hasJournal);
-    if (hasOne && !pieces.empty()) {
-        journal_ = std::make_unique<ExtJournal>(source, geometry, std::move(pieces), progress);
-        if (!journal_->isValid())
-            journal_.reset();
+    if (hasOne) {
+        journalPlace_ = findJournal();
+        readJournal(progress);
     }
     lacksJournal_ = hasOne && !journal_;
     if (journal_) {
@@ -69,6 +67,32 @@ ExtContext::ExtContext(
     }
     groups_ = std::make_unique<ExtGroups>(blocks_);
     allocation_ = std::make_unique<ExtAllocation>(blocks_, *groups_);
+}
+
+ExtContext::ExtContext(DiskSource& source, const ExtRemains& remains, WorkProgress* progress)
+    : blocks_(source, remains.geometry)
+    , trust_(ExtTrust::onlyInodes)
+    , journalPlace_(remains.journal)
+    , groups_(std::make_unique<ExtGroups>(blocks_, remains.tables))
+    , allocation_(std::make_unique<ExtAllocation>(blocks_, *groups_))
+{
+    readJournal(progress);
+}
+
+void ExtContext::readJournal(WorkProgress* progress)
+{
+    if (journalPlace_.empty())
+        return;
+    journal_ = std::make_unique<ExtJournal>(
+        blocks_.source(), blocks_.geometry(), journalPlace_, progress);
+    if (!journal_->isValid())
+        journal_.reset();
+}
+
+bool ExtContext::isInJournal(std::uint64_t offset) const
+{
+    return std::ranges::any_of(journalPlace_,
+        [&](const ByteRange& piece) { return piece.start <= offset && offset < piece.end; });
 }
 
 /// By the journal's inode as it lies on the disk or, where that is damaged, by the copy of its map

@@ -4,6 +4,7 @@
 #include "VintrelCore/FileSystems/Ext/Blocks.h"
 #include "VintrelCore/FileSystems/Ext/Groups.h"
 #include "VintrelCore/FileSystems/Ext/Journal.h"
+#include "VintrelCore/Foundation/ByteRange.h"
 #include "VintrelCore/Model/Volume.h"
 #include "VintrelCore/Model/WorkProgress.h"
 
@@ -20,6 +21,13 @@ enum class ExtTrust : std::uint8_t {
     onlyInodes, ///< the same, and its superblock, descriptors and journal are another's
 };
 
+/// What is left of a volume that another one was made over.
+struct ExtRemains {
+    ExtGeometry geometry;
+    std::vector<std::uint64_t> tables; ///< first blocks of the inode tables, by group; 0: not known
+    std::vector<ByteRange> journal;    ///< on the source, in its order; empty: not known
+};
+
 /// A volume whose journal has been searched and replayed, and whose groups are known. Used by one
 /// thread at a time.
 class ExtContext : public DeepContext {
@@ -29,6 +37,9 @@ public:
     ExtContext(
         DiskSource& source, const ExtGeometry& geometry, ExtTrust trust, WorkProgress* progress);
 
+    /// One that another was made over.
+    ExtContext(DiskSource& source, const ExtRemains& remains, WorkProgress* progress);
+
     ExtTrust trust() const { return trust_; }
 
     const ExtGeometry& geometry() const { return blocks_.geometry(); }
@@ -37,6 +48,8 @@ public:
     ExtAllocation& allocation() { return *allocation_; }
     /// None when the volume has none, or it cannot be read.
     const ExtJournal* journal() const { return journal_.get(); }
+    /// Whether the volume's journal has this byte of the source.
+    bool isInJournal(std::uint64_t offset) const;
     /// What there is to say of all this, for the user.
     std::vector<std::string> notes() const;
     /// Lets go of what only the reading of files needs.
@@ -44,9 +57,11 @@ public:
 
 private:
     std::vector<ByteRange> findJournal() const;
+    void readJournal(WorkProgress* progress);
 
     ExtBlocks blocks_;
     const ExtTrust trust_;
+    std::vector<ByteRange> journalPlace_;
     std::unique_ptr<ExtJournal> journal_;
     std::size_t replayedBlocks_ = 0;
     bool lacksJournal_ = false;

@@ -45,6 +45,21 @@ ExtGroups::ExtGroups(const ExtBlocks& blocks)
     }
     if (std::ranges::any_of(groups_, lacksTable))
         findTables();
+    indexTables();
+}
+
+ExtGroups::ExtGroups(const ExtBlocks& blocks, const std::vector<std::uint64_t>& tables)
+    : blocks_(blocks)
+    , geometry_(blocks.geometry())
+{
+    groups_.reserve(tables.size());
+    for (const auto table : tables)
+        groups_.push_back({ .inodeTable = table, .usedInodes = geometry_.inodesPerGroup() });
+    indexTables();
+}
+
+void ExtGroups::indexTables()
+{
     for (std::uint32_t group = 0; group < groups_.size(); ++group) {
         if (groups_[group].inodeTable != 0)
             tables_.emplace_back(groups_[group].inodeTable, group);

@@ -19,6 +19,8 @@ struct ExtGroup {
 class ExtGroups {
 public:
     explicit ExtGroups(const ExtBlocks& blocks);
+    /// By the first blocks of their inode tables alone, group by group; 0: not known.
+    ExtGroups(const ExtBlocks& blocks, const std::vector<std::uint64_t>& tables);
 
     std::uint32_t count() const { return static_cast<std::uint32_t>(groups_.size()); }
     const ExtGroup& operator[](std::uint32_t group) const { return groups_[group]; }
@@ -36,6 +38,7 @@ private:
     enum class Trust { full, placesOnly };
 
     void load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trust, bool wantsSound);
+    void indexTables();
     void findTables();
     void findTablesIn(std::uint64_t first, std::uint64_t count);
     void noteTable(std::uint64_t block, ByteView bytes);

@@ -6,6 +6,7 @@
 #include "VintrelCore/FileSystems/Ext/Directory.h"
 #include "VintrelCore/FileSystems/Ext/Inode.h"
 #include "VintrelCore/FileSystems/Ext/Parser.h"
+#include "VintrelCore/FileSystems/Ext/Remains.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 #include "VintrelCore/Model/LostVolumeSearch.h"
 
@@ -38,6 +39,7 @@ public:
 
     void findBySuperblocks();
     void findFormerVolumes();
+    void findRemains();
 
 private:
     std::optional<ExtGeometry> geometryAt(std::uint64_t offset) const;
@@ -230,6 +232,22 @@ void Finder::findFormerVolumes()
     }
 }
 
+/// The same of volumes without checksums, whose inodes tell by their directories where they lay.
+void Finder::findRemains()
+{
+    for (const auto* volume : search_.volumes()) {
+        const auto* const context = dynamic_cast<const ExtContext*>(volume->deepContext.get());
+        if (context == nullptr || context->trust() != ExtTrust::full || search_.isCancelled())
+            continue;
+        const auto remains = ExtRemainders::find(*context, search_.finds());
+        if (!remains)
+            continue;
+        search_.reportFound(FileSystemType::ext, "-filsystem");
+        search_.keep(ExtParser::build(source_, *remains,
+            "Dyb scanning, inoder fra et tidligere filsystem", search_.progress()));
+    }
+}
+
 } // namespace
 
 void ExtLostVolumes::find(LostVolumeSearch& search)
@@ -237,4 +255,5 @@ void ExtLostVolumes::find(LostVolumeSearch& search)
     Finder finder(search);
     finder.findBySuperblocks();
     finder.findFormerVolumes();
+    finder.findRemains();
 }

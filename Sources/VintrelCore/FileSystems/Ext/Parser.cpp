@@ -25,6 +25,31 @@ void addNotes(
             std::to_string(names.damagedCount()) + " mappeblokke er beskadiget.");
 }
 
+std::unique_ptr<Volume> volumeOf(
+    std::unique_ptr<ExtContext> context, const std::string& origin, WorkProgress* progress)
+{
+    ExtContent content(*context);
+    auto files = ExtTables::read(*context, content, progress);
+    if (files.entries.empty())
+        return nullptr;
+    ExtFreedBlocks::assign(*context, content, files);
+    ExtNames names(*context, files);
+    names.read(progress);
+
+    auto volume = std::make_unique<Volume>(FileSystemType::ext, context->geometry().label(),
+        context->geometry().base, context->geometry().volumeSize(),
+        FileNode::makeFolder("", EntryStatus::existing), origin);
+    volume->clusterSize
+        = std::uint64_t { context->geometry().blockSize } * context->geometry().clusterBlocks;
+    volume->root->fsID = rootInode;
+    ExtChances::judge(*context, files);
+    addNotes(*volume, *context, content, names);
+    ExtTree::build(std::move(files), names.hardLinks(), *volume->root);
+    context->forgetJournal();
+    volume->deepContext = std::move(context);
+    return volume;
+}
+
 } // namespace
 
 namespace ExtParser {
@@ -57,27 +82,14 @@ std::unique_ptr<Volume> parse(
 std::unique_ptr<Volume> build(DiskSource& source, const ExtGeometry& geometry, ExtTrust trust,
     const std::string& origin, WorkProgress* progress)
 {
-    auto context = std::make_unique<ExtContext>(source, geometry, trust, progress);
-    ExtContent content(*context);
-    auto files = ExtTables::read(*context, content, progress);
-    if (files.entries.empty())
-        return nullptr;
-    ExtFreedBlocks::assign(*context, content, files);
-    ExtNames names(*context, files);
-    names.read(progress);
+    return volumeOf(
+        std::make_unique<ExtContext>(source, geometry, trust, progress), origin, progress);
+}
 
-    auto volume = std::make_unique<Volume>(FileSystemType::ext, context->geometry().label(),
-        geometry.base, context->geometry().volumeSize(),
-        FileNode::makeFolder("", EntryStatus::existing), origin);
-    volume->clusterSize
-        = std::uint64_t { context->geometry().blockSize } * context->geometry().clusterBlocks;
-    volume->root->fsID = rootInode;
-    ExtChances::judge(*context, files);
-    addNotes(*volume, *context, content, names);
-    ExtTree::build(std::move(files), names.hardLinks(), *volume->root);
-    context->forgetJournal();
-    volume->deepContext = std::move(context);
-    return volume;
+std::unique_ptr<Volume> build(DiskSource& source, const ExtRemains& remains,
+    const std::string& origin, WorkProgress* progress)
+{
+    return volumeOf(std::make_unique<ExtContext>(source, remains, progress), origin, progress);
 }
 
 bool addUsedRanges(DiskSource& /*source*/, const Volume& volume, std::vector<ByteRange>& ranges)

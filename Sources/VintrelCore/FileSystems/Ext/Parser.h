@@ -36,6 +36,10 @@ std::unique_ptr<Volume> parse(
 std::unique_ptr<Volume> build(DiskSource& source, const ExtGeometry& geometry, ExtTrust trust,
     const std::string& origin, WorkProgress* progress);
 
+/// The same of a volume of which only this is left, and another was made over.
+std::unique_ptr<Volume> build(DiskSource& source, const ExtRemains& remains,
+    const std::string& origin, WorkProgress* progress);
+
 /// Adds the ranges of the source that a volume of `parse` has in use, as its bitmaps say. False,
 /// and nothing added, when no bitmap can be read.
 bool addUsedRanges(DiskSource& source, const Volume& volume, std::vector<ByteRange>& ranges);

@@ -62,7 +62,9 @@ bool Reader::isOurs(const ExtInode& inode) const
         return true;
     if (geometry_.hasChecksums())
         return inode.isSound && inode.mode != 0;
-    const bool hasMap = !inode.hasExtents() || ByteView(inode.map).u16le(0) == extentMagic;
+    const bool hasMap = inode.hasExtents()
+        ? geometry_.isIncompatible(Feature::extents) && ByteView(inode.map).u16le(0) == extentMagic
+        : true;
     return inode.hasKind() && hasMap && inode.links < maxBelievedLinks && inode.changed != 0
         && inode.size < maxBelievedSize && inode.sectors * 512 <= geometry_.volumeSize();
 }

@@ -117,6 +117,26 @@ TEST_F(ExtTools, FilesOfAVolumeThatWasFormattedAgainAreFound)
     EXPECT_EQ(result.count("/dybere/et ganske langt navn nummer 77", patternBytes(20, 77)), 1);
 }
 
+TEST_F(ExtTools, FilesOfAnExt3VolumeAreFoundBelowAnExt4OneByTheirFolders)
+{
+    for (std::uint32_t index = 0; index < 200; ++index) {
+        const auto name = "kilde/mappe/" + std::to_string(index);
+        std::filesystem::create_directory(folder / name);
+        put(name + "/fil" + std::to_string(index) + ".dat", patternBytes(3000, index));
+    }
+    make("-t ext3 -b 1024 -I 256");
+    ASSERT_EQ(runCommand("mke2fs -q -F -t ext4 -b 1024 -E nodiscard,lazy_itable_init=1 "
+                         "-O ^resize_inode '"
+                  + image + "'"),
+        0);
+    const Found result(readFile(image));
+    int right = 0;
+    for (std::uint32_t index = 0; index < 200; ++index)
+        right += result.count("/fil" + std::to_string(index) + ".dat", patternBytes(3000, index))
+            == 1;
+    EXPECT_GE(right, 150);
+}
+
 TEST_F(ExtTools, DeletedFilesOfExt2AreFoundBesideTheLivingOnes)
 {
     make("-t ext2 -b 1024");
