@@ -23,4 +23,7 @@ static_assert(sizeof(Header) == 27 && offsetof(Header, checksum) == 22);
 
 enum Flag : std::uint8_t { beginsStream = 0x02, endsStream = 0x04 };
 
+/// Of a whole page, whose own field for it counts as zero.
+std::uint32_t checksumOf(ByteView page);
+
 } // namespace OggPage

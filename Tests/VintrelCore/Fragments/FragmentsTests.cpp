@@ -185,7 +185,7 @@ TEST(Fragments, KnowATableOfSectorsByItsNumbers)
 
 TEST(Fragments, FollowAFilmByTheTableThatStandsBehindIt)
 {
-    const std::vector<Bytes> files { sample("mp4-long") };
+    const std::vector<Bytes> files { sample("mp4-long.mp4") };
     const auto image
         = imageOf({ { first, 0, 5 }, noise, { first, 5, 10 }, text, { first, 10 } }, files);
     const auto found = find(carvedOf(image, true), files[0]);

@@ -13,6 +13,11 @@ namespace {
 constexpr std::uint64_t limit = 1'073'741'824;
 constexpr int maxDepth = 16;
 
+/// The objects that files consist of.
+constexpr std::string_view contact = "BEGIN:VCARD";
+constexpr std::string_view calendar = "BEGIN:VCALENDAR";
+constexpr std::string_view beginnings[] = { contact, calendar };
+
 /// Where the object at `position` ends, whose first line is `begin`; none when it does not.
 std::optional<std::uint64_t> behindObject(
     RandomReader& file, std::uint64_t position, std::string_view begin)
@@ -27,8 +32,9 @@ std::optional<std::uint64_t> behindObject(
             ++depth;
         if (line->text.starts_with("END:"))
             --depth;
-        if (depth == 0)
-            return line->end;
+        if (depth == 0) // another file inside: the end of this one is lost
+            return hasAtSector(file, position, line->end, beginnings) ? std::nullopt
+                                                                      : std::optional(line->end);
         if (depth > maxDepth)
             break;
     }
@@ -39,25 +45,21 @@ std::optional<std::uint64_t> behindObject(
 
 Found contacts(const Candidate& candidate)
 {
-    constexpr struct {
-        std::string_view begin;
-        const char* ext;
-    } kinds[] = { { "BEGIN:VCARD", "vcf" }, { "BEGIN:VCALENDAR", "ics" } };
     constexpr int maxEmptyLines = 4;
     auto& file = candidate.file;
-    const auto* const kind
-        = std::ranges::find_if(kinds, [&](const auto& row) { return file.matches(0, row.begin); });
-    if (kind == std::end(kinds))
+    const auto* const begin = std::ranges::find_if(
+        beginnings, [&](std::string_view mark) { return file.matches(0, mark); });
+    if (begin == std::end(beginnings))
         return std::nullopt;
     std::uint64_t end = 0;
     while (end < limit) { // many in one file
-        const auto next = behindObject(
-            file, end == 0 ? 0 : behindEmptyLines(file, end, maxEmptyLines), kind->begin);
+        const auto next
+            = behindObject(file, end == 0 ? 0 : behindEmptyLines(file, end, maxEmptyLines), *begin);
         if (!next)
             break;
         end = *next;
     }
-    return end > 0 ? Found(candidate.proved(end, kind->ext)) : std::nullopt;
+    return end > 0 ? Found(candidate.proved(end, *begin == contact ? "vcf" : "ics")) : std::nullopt;
 }
 
 } // namespace Formats

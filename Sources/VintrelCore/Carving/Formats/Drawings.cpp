@@ -33,7 +33,7 @@ Found step(const Candidate& candidate)
         return std::nullopt;
     while (const auto line = lines.next())
         if (line->text.starts_with("END-ISO-10303-21;"))
-            return candidate.proved(line->end, "stp");
+            return candidate.found(line->end, "stp", !beginsAgain(candidate.file, line->end));
     return std::nullopt;
 }
 
@@ -52,7 +52,7 @@ Found dxf(const Candidate& candidate)
             break;
         isFirst = isFirst && *code == comment;
         if (*code == structure && value->text == "EOF")
-            return candidate.proved(value->end, "dxf");
+            return candidate.found(value->end, "dxf", !beginsAgain(candidate.file, value->end));
     }
     return std::nullopt;
 }

@@ -68,7 +68,25 @@ std::optional<FLACFrame> frameAt(RandomReader& file, std::uint64_t position)
     return FLACFrame::from(ByteView(bytes));
 }
 
-/// Where the frame behind `frame`, which begins at `position`, begins; none before `end`.
+/// The checksum of the bytes in [from, to).
+std::uint16_t checksumOf(RandomReader& file, std::uint64_t from, std::uint64_t to)
+{
+    std::uint16_t value = 0;
+    while (from < to) {
+        const auto bytes = file.stretch(from).span();
+        const auto count
+            = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), to - from));
+        if (count == 0)
+            break;
+        value = FLACFrame::addToChecksum(value, bytes.first(count));
+        file.addWork(count);
+        from += count;
+    }
+    return value;
+}
+
+/// Where the frame behind `frame`, which begins at `position`, begins by its header; none before
+/// `end`.
 std::optional<std::uint64_t> nextFrame(
     RandomReader& file, const FLACFrame& frame, std::uint64_t position, std::uint64_t end)
 {
@@ -108,6 +126,7 @@ Found flac(const Candidate& candidate)
         return std::nullopt;
     auto position = behindMetadata(file);
     std::uint64_t samples = 0;
+    bool isProved = true;
     for (int count = 0; position && count < maxFrames && *position < limit; ++count) {
         const auto frame = frameAt(file, *position);
         if (!frame || frame->blockSize > info.maxBlock)
@@ -117,9 +136,11 @@ Found flac(const Candidate& candidate)
         const auto next = isLast
             ? std::nullopt
             : nextFrame(file, *frame, *position, *position + info.frameBound());
-        if (!next) {
-            const auto end = endOfLast(file, *frame, *position, info);
-            return end ? Found(candidate.proved(*end, "flac")) : std::nullopt;
+        if (!next || checksumOf(file, *position, *next) != 0) {
+            // The frame of another file may have the next number.
+            if (const auto end = endOfLast(file, *frame, *position, info))
+                return candidate.found(*end, "flac", isProved);
+            isProved = false;
         }
         position = next;
     }

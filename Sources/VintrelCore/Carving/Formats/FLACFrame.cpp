@@ -32,14 +32,6 @@ std::uint8_t headerChecksum(std::span<const std::uint8_t> bytes)
     return value;
 }
 
-std::uint16_t frameChecksum(std::span<const std::uint8_t> bytes)
-{
-    std::uint16_t value = 0;
-    for (const auto byte : bytes)
-        value = static_cast<std::uint16_t>(value << 8 ^ frameChecksums[value >> 8 ^ byte]);
-    return value;
-}
-
 /// Bits from the highest of the first byte on. Beyond the end it only remembers that.
 class BitReader {
 public:
@@ -245,9 +237,16 @@ std::optional<std::size_t> FLACFrame::length(ByteView bytes, unsigned streamBits
             return std::nullopt;
     }
     const std::size_t size = (reader.position() + 7) / 8 + checksumSize;
-    if (size > bytes.size() || frameChecksum(bytes.span().first(size)) != 0)
+    if (size > bytes.size() || addToChecksum(0, bytes.span().first(size)) != 0)
         return std::nullopt;
     return size;
+}
+
+std::uint16_t FLACFrame::addToChecksum(std::uint16_t value, ByteView bytes)
+{
+    for (const auto byte : bytes.span())
+        value = static_cast<std::uint16_t>(value << 8 ^ frameChecksums[value >> 8 ^ byte]);
+    return value;
 }
 
 } // namespace Formats

@@ -29,6 +29,10 @@ struct FLACFrame {
     /// The length of the frame that `bytes` begin with, by its contents; none when they do not hold
     /// together or its checksum is wrong. `streamBits`: of a sample.
     std::optional<std::size_t> length(ByteView bytes, unsigned streamBits) const;
+
+    /// Goes on with the checksum `value` of a frame's bytes, which begins with 0. It is 0 again
+    /// behind the whole of a sound frame.
+    static std::uint16_t addToChecksum(std::uint16_t value, ByteView bytes);
 };
 
 } // namespace Formats

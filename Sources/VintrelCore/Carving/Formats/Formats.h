@@ -31,18 +31,18 @@ struct Candidate {
     const std::set<FileCategory>& categories;
     CarverSearches& searches;
 
-    /// The file of this size that begins here.
-    CarvedFile found(std::uint64_t size, std::string ext) const
+    /// The file of this size that begins here. `isProved`: whether its body was followed to its
+    /// end, and nothing in it is another file's.
+    CarvedFile found(std::uint64_t size, std::string ext, bool isProved = false) const
     {
         searches.wasExhausted = file.isExhausted();
-        return { .offset = file.start(), .size = size, .ext = std::move(ext) };
+        return {
+            .offset = file.start(), .size = size, .ext = std::move(ext), .isProved = isProved
+        };
     }
-    /// The same of a file whose body was followed to its end.
     CarvedFile proved(std::uint64_t size, std::string ext) const
     {
-        auto file = found(size, std::move(ext));
-        file.isProved = true;
-        return file;
+        return found(size, std::move(ext), true);
     }
     /// The first match in [from, limit); none when there is none.
     std::optional<std::uint64_t> find(

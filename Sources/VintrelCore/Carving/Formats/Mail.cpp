@@ -54,9 +54,10 @@ MailEnd endOfBody(RandomReader& file, TextLines& lines, const MailHeader& header
 
 Found withEnd(const Candidate& candidate, MailEnd end, const char* ext)
 {
-    auto found = candidate.found(end.position, ext);
+    constexpr std::size_t addressAndTime = 50; // of the first mail in a mailbox
+    auto found = candidate.found(end.position, ext,
+        end.isMarked && !beginsAgain(candidate.file, end.position, addressAndTime));
     found.exact = end.isMarked;
-    found.isProved = end.isMarked;
     return found;
 }
 

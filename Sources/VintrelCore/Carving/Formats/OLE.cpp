@@ -81,22 +81,26 @@ public:
     }
 
     /// To the end of the last sector in use; none when the table holds what no table does: it is
-    /// lost, and something else lies there. Some writers mark sectors that do not exist as parts of
-    /// the table: those count only where the list names them.
+    /// lost, and something else lies there, such as zeros, which would all lead to the first
+    /// sector. Some writers mark sectors that do not exist as parts of the table: those count only
+    /// where the list names them.
     std::optional<std::uint64_t> size()
     {
+        std::uint64_t leadingToFirst = 0;
         const std::uint64_t sectorsOnSource = file_.size() / sectorSize();
         std::uint64_t last = *std::ranges::max_element(tableSectors_);
         for (std::size_t i = 0; i < tableSectors_.size(); ++i) {
             for (std::uint64_t slot = 0; slot < entriesPerSector(); ++slot) {
                 const auto next = file_.u32le(offsetOf(tableSectors_[i]) + slot * entrySize);
-                if (file_.isExhausted() || (next >= sectorsOnSource && next < firstMark))
+                leadingToFirst += next == 0 ? 1 : 0;
+                if (file_.isExhausted() || (next >= sectorsOnSource && next < firstMark)
+                    || leadingToFirst > 1)
                     return std::nullopt;
                 if (next != freeSector && next != tableSector)
                     last = std::max(last, i * entriesPerSector() + slot);
             }
         }
-        return offsetOf(last + 1);
+        return offsetOf(last + (isSpareTable(last + 1) ? 2 : 1));
     }
 
     /// None when there is no directory.
@@ -128,6 +132,16 @@ private:
     bool isOnSource(std::uint32_t sector) const
     {
         return sector <= lastRegularSector && offsetOf(sector) + sectorSize() <= file_.size();
+    }
+
+    /// Whether a sector is filled with the mark of the table's sectors: one that writers leave
+    /// behind the last one in use, and that the list does not name.
+    bool isSpareTable(std::uint64_t sector)
+    {
+        bool isSpare = offsetOf(sector + 1) <= file_.size();
+        for (std::uint64_t at = 0; at < sectorSize() && isSpare; at += entrySize)
+            isSpare = file_.u32le(offsetOf(sector) + at) == tableSector;
+        return isSpare;
     }
 
     bool readTableList()

@@ -25,6 +25,14 @@ std::uint64_t segmentsSize(RandomReader& file, std::uint64_t lengths, std::uint8
     return sum;
 }
 
+/// Whether the page in [from, to) is as it was written.
+bool isSound(RandomReader& file, std::uint64_t from, std::uint64_t to)
+{
+    const auto page = file.bytes(from, static_cast<std::size_t>(to - from)); // 64 KiB at most
+    file.addWork(page.size());
+    return checksumOf(page) == ByteView(page).u32le(offsetof(Header, checksum));
+}
+
 const char* extension(RandomReader& file)
 {
     const std::uint64_t firstPacket = sizeof(Header) + file.load<Header>(0).segments;
@@ -42,6 +50,7 @@ Found ogg(const Candidate& candidate)
     auto& file = candidate.file;
     std::vector<std::uint32_t> open; // logical streams that began and have not ended
     std::uint64_t position = 0;
+    bool isProved = true;
     for (int page = 0; page < maxPages && candidate.fits(position + sizeof(Header)); ++page) {
         const auto header = file.load<Header>(position);
         if (!ByteView(header.magic).matches("OggS", 0) || header.version != 0)
@@ -52,12 +61,15 @@ Found ogg(const Candidate& candidate)
         if (open.empty()
             || open.size() > maxStreams) // empty: the first page does not begin a stream
             return std::nullopt;
-        position += sizeof(Header) + header.segments;
-        position += segmentsSize(file, position - header.segments, header.segments);
+        const std::uint64_t lengths = position + sizeof(Header);
+        const std::uint64_t end
+            = lengths + header.segments + segmentsSize(file, lengths, header.segments);
+        isProved = isProved && isSound(file, position, end);
+        position = end;
         if ((header.flags & endsStream) != 0)
             std::erase(open, stream);
         if (open.empty())
-            return candidate.proved(position, extension(file));
+            return candidate.found(position, extension(file), isProved);
     }
     return std::nullopt;
 }

@@ -51,7 +51,9 @@ Found passwordExport(const Candidate& candidate)
     if (!file.find("\"encrypted\":", 0, maxIndent))
         return std::nullopt;
     const auto end = behindObject(file);
-    return end ? Found(candidate.proved(behindEmptyLines(file, *end, 1), "json")) : std::nullopt;
+    if (!end)
+        return std::nullopt;
+    return candidate.found(behindEmptyLines(file, *end, 1), "json", !beginsAgain(file, *end));
 }
 
 } // namespace Formats

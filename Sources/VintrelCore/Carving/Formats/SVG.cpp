@@ -33,12 +33,18 @@ public:
     bool isAt(std::string_view text) { return file_.matches(position_, text); }
     void skip(std::uint64_t count) { position_ += count; }
 
-    /// Moves behind this text; false when it does not come.
+    /// Moves behind this text; false where a byte comes first that is no text.
     bool skipBehind(std::string_view text)
     {
-        const auto at = file_.find(text, position_, limit);
-        position_ = at ? *at + text.size() : limit;
-        return at.has_value();
+        const auto first = static_cast<std::uint8_t>(text.front());
+        while (skipTo([=](std::uint8_t byte) { return byte == first; })) {
+            if (isAt(text)) {
+                skip(text.size());
+                return true;
+            }
+            skip(1);
+        }
+        return false;
     }
 
     /// Moves behind the tag or declaration at the position; false where it does not end.
@@ -150,7 +156,9 @@ Found svg(const Candidate& candidate)
     Markup markup(candidate.file);
     if (!findRoot(markup) || !skipRoot(markup))
         return std::nullopt;
-    return candidate.proved(behindEmptyLines(candidate.file, markup.position(), 1), "svg");
+    constexpr std::string_view beginnings[] = { "<svg ", "<?xml " };
+    const auto end = behindEmptyLines(candidate.file, markup.position(), 1);
+    return candidate.found(end, "svg", !hasAtSector(candidate.file, 0, end, beginnings));
 }
 
 } // namespace Formats

@@ -139,7 +139,7 @@ public:
     /// lie behind the pictures that they describe. Pixels alone tell nothing.
     bool isProved() const
     {
-        return end() <= file_.size() && !hasFalsePreview_
+        return end() <= file_.size() && !hasFalsePreview_ && !hasUnknownType_
             && (hasPreview_ || lastDirectory_ > firstData_);
     }
 
@@ -249,6 +249,7 @@ private:
         DataEntries data;
         for (unsigned i = 0; i < count; ++i) {
             const auto entry = readEntry(start + tiffCountSize + i * tiffFieldSize);
+            hasUnknownType_ |= valueSize(entry.type) == 0;
             if (!entry.isInline)
                 addStructure(entry.end());
             if (auto* const slot = data.slotFor(entry.tag))
@@ -326,6 +327,7 @@ private:
     std::uint64_t lastDirectory_ = 0;
     bool hasPreview_ = false;
     bool hasFalsePreview_ = false;
+    bool hasUnknownType_ = false; ///< as where a directory's place holds something else
     std::string maker_;
     bool isDNG_ = false;
     bool isMosaic_ = false; ///< whether a picture has one colour in each pixel

@@ -1,5 +1,7 @@
 #include "VintrelCore/Carving/Formats/TextLines.h"
 
+#include "VintrelCore/Foundation/Rounding.h"
+
 #include <algorithm>
 #include <array>
 
@@ -48,6 +50,26 @@ std::optional<TextLines::Line> TextLines::next()
         return Line { text_, start, position_, isEnded };
     }
     return std::nullopt;
+}
+
+bool hasAtSector(RandomReader& file, std::uint64_t from, std::uint64_t end,
+    std::span<const std::string_view> marks)
+{
+    constexpr std::uint64_t sectorSize = 512;
+    for (auto at = roundDown(from, sectorSize) + sectorSize; at < end && !file.isExhausted();
+         at += sectorSize)
+        if (std::ranges::any_of(
+                marks, [&](std::string_view mark) { return file.matches(at, mark); }))
+            return true;
+    return false;
+}
+
+bool beginsAgain(RandomReader& file, std::uint64_t end, std::size_t compared)
+{
+    const auto bytes = file.bytes(0, compared);
+    const std::string own(bytes.begin(), bytes.end());
+    const std::string_view mark = own;
+    return hasAtSector(file, 0, end, { &mark, 1 });
 }
 
 std::uint64_t behindEmptyLines(RandomReader& file, std::uint64_t position, int most)

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -44,6 +45,14 @@ private:
 /// Whether a byte stands in texts of any encoding that has ASCII in it: no control character but
 /// those for blanks, lines, pages and shifts.
 bool isTextByte(std::uint8_t byte);
+
+/// Whether one of the marks stands at a sector behind byte `from` and in front of `end`.
+bool hasAtSector(RandomReader& file, std::uint64_t from, std::uint64_t end,
+    std::span<const std::string_view> marks);
+
+/// The same of the first bytes of this file. In a text whose own end is lost, nothing else tells
+/// where the lines of the next one begin. `compared`: how many bytes tell it from other texts.
+bool beginsAgain(RandomReader& file, std::uint64_t end, std::size_t compared = 32);
 
 /// Where the empty lines that begin at `position` end, of which there may be `most`.
 std::uint64_t behindEmptyLines(RandomReader& file, std::uint64_t position, int most);

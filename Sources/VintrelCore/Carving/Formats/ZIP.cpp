@@ -1,4 +1,5 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/Formats/TextLines.h"
 #include "VintrelCore/Foundation/ZIPLayout.h"
 
 #include <algorithm>
@@ -18,7 +19,7 @@ constexpr std::uint64_t maxSearch = 1'073'741'824;
 constexpr int maxRecords = 999'999;
 constexpr std::size_t namesRegion = 65'536; // at each end of the file; enough to tell the kind
 
-/// Where a walk from record to record stopped, and whether that was behind the end record.
+/// Where a walk from record to record stopped, and whether that was at the end record.
 struct RecordWalk {
     std::uint64_t position = 0;
     std::uint64_t directory = 0; ///< where the central directory begins; 0 when it was not met
@@ -56,7 +57,6 @@ RecordWalk walkRecords(RandomReader& file)
             position += sizeof(Zip64Locator);
             break;
         case endSignature:
-            position += sizeof(EndRecord) + file.load<EndRecord>(position).commentLength;
             walk.isComplete = true;
             return walk;
         default:
@@ -97,7 +97,18 @@ std::optional<EndClaim> claimOf(RandomReader& file, std::uint64_t position)
 struct ArchiveEnd {
     std::uint64_t size;
     std::uint64_t directory;
+    bool isSound; ///< whether the end record is
 };
+
+/// The end by the end record at `position`. The comment behind it is text: where it is none, a part
+/// of the record is lost, and its length may be anything.
+ArchiveEnd endAt(RandomReader& file, std::uint64_t position, std::uint64_t directory)
+{
+    const std::uint64_t end = position + sizeof(EndRecord);
+    const auto comment = file.bytes(end, file.load<EndRecord>(position).commentLength);
+    const bool isSound = std::ranges::all_of(comment, isTextByte);
+    return { end + comment.size(), directory, isSound };
+}
 
 /// The end by the first end record from `position` on that is this archive's by its own claim, or
 /// that claims nothing at all. One that claims another start is another archive's.
@@ -110,9 +121,7 @@ std::optional<ArchiveEnd> searchEnd(const Candidate& candidate, std::uint64_t po
             break;
         const auto claim = claimOf(file, *mark);
         if (!claim || claim->distance == *mark)
-            return ArchiveEnd { *mark + sizeof(EndRecord)
-                    + file.load<EndRecord>(*mark).commentLength,
-                claim ? claim->directory : 0 };
+            return endAt(file, *mark, claim ? claim->directory : 0);
         position = *mark + 1;
     }
     return std::nullopt;
@@ -138,7 +147,7 @@ bool forEachEntry(RandomReader& file, std::uint64_t position, std::uint64_t end,
 /// Whether every entry of the central directory still has its own record.
 bool isProved(RandomReader& file, const ArchiveEnd& end)
 {
-    return end.directory != 0
+    return end.isSound && end.directory != 0
         && forEachEntry(file, end.directory, end.size, [&](const CentralHeader& header, auto) {
                return header.localOffset == inZip64
                    || file.u32le(header.localOffset) == localSignature;
@@ -230,7 +239,7 @@ Found zip(const Candidate& candidate)
 {
     auto& file = candidate.file;
     const auto walk = walkRecords(file);
-    const auto end = walk.isComplete ? std::optional(ArchiveEnd { walk.position, walk.directory })
+    const auto end = walk.isComplete ? std::optional(endAt(file, walk.position, walk.directory))
                                      : searchEnd(candidate, walk.position);
     if (!end || end->size > maxSize)
         return std::nullopt;
