@@ -26,6 +26,9 @@ TemporaryFolder::~TemporaryFolder()
 std::unique_ptr<DiskSource> makeSource(
     std::span<const std::uint8_t> bytes, std::uint32_t sectorSize)
 {
+    static int number = 0;
+    if (const char* folder = std::getenv("VINTREL_KEEP_IMAGES"))
+        writeFile(folder + ("/" + std::to_string(++number)), bytes);
     auto name = (std::filesystem::temp_directory_path() / "vintrel-source-XXXXXX").string();
     FileDescriptor descriptor(::mkstemp(name.data()));
     ::unlink(name.c_str());

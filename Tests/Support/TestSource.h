@@ -26,7 +26,8 @@ private:
     std::filesystem::path path_;
 };
 
-/// A source that holds these bytes, in a file that has no name any more.
+/// A source that holds these bytes, in a file that has no name any more. With VINTREL_KEEP_IMAGES
+/// that folder gets a copy, for the corpora of the fuzz targets.
 std::unique_ptr<DiskSource> makeSource(
     std::span<const std::uint8_t> bytes, std::uint32_t sectorSize = 512);
 

@@ -1,5 +1,6 @@
 // Real files of every kind that has a checker, whole and with foreign bytes inside.
 
+#include "Tests/Support/GrowingFile.h"
 #include "Tests/Support/TestSource.h"
 #include "VintrelCore/Content/Content.h"
 #include "VintrelCore/Foundation/MPEGFrame.h"
@@ -18,33 +19,6 @@ namespace {
 
 using Content::Finding;
 using Content::Proof;
-
-/// Bytes of which more and more can be read, some of them at once.
-class GrowingFile final : public Content::FileBytes {
-public:
-    explicit GrowingFile(const Bytes& bytes)
-        : bytes_(bytes)
-    {
-    }
-    void grow(std::size_t count) { size_ = std::min(size_ + count, bytes_.size()); }
-    void end() { isWhole_ = true; }
-    std::uint64_t size() const override { return size_; }
-    bool isWhole() const override { return isWhole_; }
-    ByteView stretch(std::uint64_t position, std::size_t count) override
-    {
-        constexpr std::uint64_t grain = 1000; // a stretch ends here, as at the end of a buffer
-        if (position >= size_)
-            return {};
-        const auto end = std::min<std::uint64_t>((position / grain + 1) * grain, size_);
-        return ByteView(bytes_).sub(static_cast<std::int64_t>(position),
-            static_cast<std::int64_t>(std::min<std::uint64_t>(count, end - position)));
-    }
-
-private:
-    const Bytes& bytes_;
-    std::size_t size_ = 0;
-    bool isWhole_ = false;
-};
 
 struct Sample {
     std::string name;
@@ -250,6 +224,20 @@ TEST(Content, ComparesWhatAFileSaysTwice)
         const auto finding = follow(sample->extension(), bytes, 4'096);
         EXPECT_TRUE(describe(finding).starts_with(expected)) << what << ": " << describe(finding);
     }
+}
+
+// Found by fuzz-content.
+TEST(Content, EndsNoFileBehindItsLastByte)
+{
+    const struct {
+        const char* what;
+        const char* extension;
+        std::string_view bytes;
+    } rows[] = {
+        { "a form with no room for a chunk", "wav", "RIFF\5\0\0\0WAVE"sv },
+    };
+    for (const auto& [what, extension, bytes] : rows)
+        EXPECT_FALSE(follow(extension, bytesOf(bytes), 4'096).isComplete()) << what;
 }
 
 TEST(Content, MissesAFrameOfSoundByTheDataOfTheNext)

@@ -123,7 +123,8 @@ private:
         const auto header = load<FormHeader>(file, length_);
         if (isFilm_ && !header && !file.isWhole())
             return false;
-        if (!isFilm_ || !header || !header->chunk.is("RIFF") || !header->is("AVIX")) {
+        if (!isFilm_ || !header || !header->chunk.is("RIFF") || !header->is("AVIX")
+            || header->chunk.size < sizeof header->form) {
             endAt(length_, Proof::chain);
             return true;
         }
@@ -156,6 +157,8 @@ private:
         const auto chunk = load<ChunkHeader>(file, position());
         const auto left = ends_.back() - position();
         if (left < sizeof(ChunkHeader)) { // no chunk has room there
+            if (file.size() < ends_.back())
+                return false;
             moveTo(ends_.back());
             return true;
         }

@@ -1,0 +1,3 @@
+#include "Tests/Fuzz/Support/DiskTarget.h"
+
+const DiskTarget target { { Bases::blank, Bases::apfs }, quickScan };
