@@ -71,7 +71,7 @@ void limitSizes(Volume& volume, std::uint64_t sourceSize)
         return;
     const bool knowsHoles
         = volume.type == FileSystemType::apfs || volume.type == FileSystemType::ext;
-    volume.root->forEachDescendant([&](FileNode& node, std::size_t) {
+    volume.root->forEachUnordered([&](FileNode& node) {
         if (std::holds_alternative<NoData>(node.data) || node.size <= sourceSize
             || node.size <= lengthOfRuns(node.data, sourceSize, knowsHoles))
             return;
@@ -87,7 +87,7 @@ void noteSourceEnd(Volume& volume, std::uint64_t sourceSize)
     const auto missing = volume.size - (sourceSize - volume.offset);
     volume.notes.push_back("Kilden slutter før filsystemet: de sidste " + std::to_string(missing)
         + " bytes af det mangler.");
-    volume.root->forEachDescendant([&](FileNode& node, std::size_t) {
+    volume.root->forEachUnordered([&](FileNode& node) {
         if (reachesBeyond(node.data, sourceSize))
             doubt(node, volume.type, Doubt::beyondSource);
     });
