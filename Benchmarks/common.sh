@@ -74,7 +74,7 @@ keep_ratios() { # title, function…
     for other; do
         ratio "$title $other" "$(sort -n -k 2 times | awk -v ours="$ours" -v other="$other" '
             !($1 in fastest) { fastest[$1] = $2 }
-            END { printf "%.3f", fastest[other] > 0 ? fastest[ours] / fastest[other] : 0 }')"
+            END { printf "%.3f", fastest[ours] / (fastest[other] == 0 ? 1 : fastest[other]) }')"
     done
 }
 
@@ -100,4 +100,11 @@ race_user() { # title, function…
 # The most memory that a command takes, in KiB.
 peak_memory() { # command…
     /usr/bin/time -f %M -o peak "$@" >/dev/null && cat peak
+}
+
+# A builder program from the images of the tests and the libraries that the release was built with.
+builder() { # name, image of Tests/Images or none
+    c++ -std=c++20 -O2 -D_FILE_OFFSET_BITS=64 -I"$root" -I"$root/Sources" -I"$root/Sources/CVintrel/include" -o "$1" \
+        "$root/Benchmarks/$1.cpp" ${2:+"$root/Tests/Images/$2.cpp" "$root/Tests/Support/TestSource.cpp"} \
+        "$root"/build/release/Sources/{VintrelCore/libVintrelCore,CVintrel/libCVintrel}.a -lutf8proc -lz
 }
