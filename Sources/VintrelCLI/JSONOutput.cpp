@@ -89,7 +89,7 @@ void addContent(Object& object, const FileData& data)
 {
     if (std::holds_alternative<Bytes>(data)) {
         object["stored"] = "inline";
-    } else if (const auto* runs = std::get_if<CompressedRuns>(&data)) {
+    } else if (const auto* runs = contentAs<CompressedRuns>(data)) {
         object["stored"] = "compressed";
         object["extents"] = placesOf(*runs);
     } else if (const auto* extents = extentsOf(data)) {

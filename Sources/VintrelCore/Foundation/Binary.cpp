@@ -48,7 +48,18 @@ template <class Unit> std::string ByteView::utf16(std::int64_t at, std::int64_t 
     if (chars < 1 || at < 0 || static_cast<std::uint64_t>(at) >= bytes_.size())
         return {};
     const auto available = (static_cast<std::int64_t>(bytes_.size()) - at) / 2;
-    std::u16string units(static_cast<std::size_t>(std::min(chars, available)), u'\0');
+    const auto count = static_cast<std::size_t>(std::min(chars, available));
+    std::string text(count, '\0');
+    std::size_t plain = 0; // nearly all names are ASCII, which needs no second buffer
+    for (; plain < count; ++plain) {
+        const auto unit = *load<Unit>(at + static_cast<std::int64_t>(2 * plain));
+        if (unit >= 0x80)
+            break;
+        text[plain] = static_cast<char>(unit);
+    }
+    if (plain == count)
+        return text;
+    std::u16string units(count, u'\0');
     for (auto& unit : units) {
         unit = load<Unit>(at).value_or(Unit {});
         at += 2;

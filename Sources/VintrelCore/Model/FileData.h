@@ -5,7 +5,9 @@
 #include "VintrelCore/Foundation/WOF.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -78,17 +80,69 @@ struct NoData {
     bool operator==(const NoData&) const = default;
 };
 
+/// A value on the heap that is copied and compared as the value itself: what few files have takes
+/// no room in all of them. One that was moved from holds an empty value.
+template <class T> class Boxed {
+public:
+    Boxed(T value) // what is kept so need not be told where it is given
+        : value_(std::make_unique<T>(std::move(value)))
+    {
+    }
+    Boxed(const Boxed& other)
+        : Boxed(*other)
+    {
+    }
+    Boxed(Boxed&&) noexcept = default;
+    Boxed& operator=(const Boxed& other)
+    {
+        if (this != &other)
+            value_ = std::make_unique<T>(*other);
+        return *this;
+    }
+    Boxed& operator=(Boxed&&) noexcept = default;
+    ~Boxed() = default;
+
+    const T& operator*() const
+    {
+        static const T empty {};
+        return value_ ? *value_ : empty;
+    }
+    T& operator*()
+    {
+        if (!value_)
+            value_ = std::make_unique<T>();
+        return *value_;
+    }
+
+    bool operator==(const Boxed& other) const { return **this == *other; }
+
+private:
+    std::unique_ptr<T> value_;
+};
+
 /// Where a file's content lies: nowhere that is known, in these very bytes (content kept inside
 /// metadata), in extents in file order, in compressed runs, or as macOS or Windows compressed it.
-using FileData
-    = std::variant<NoData, Bytes, ExtentList, CompressedRuns, DecmpfsContent, WOFContent>;
+using FileData = std::variant<NoData, Bytes, ExtentList, Boxed<CompressedRuns>,
+    Boxed<DecmpfsContent>, Boxed<WOFContent>>;
+
+/// The content where it is one of the three that are kept in a box, and this one; else none.
+template <class T> const T* contentAs(const FileData& data)
+{
+    const auto* const boxed = std::get_if<Boxed<T>>(&data);
+    return boxed != nullptr ? &**boxed : nullptr;
+}
+template <class T> T* contentAs(FileData& data)
+{
+    auto* const boxed = std::get_if<Boxed<T>>(&data);
+    return boxed != nullptr ? &**boxed : nullptr;
+}
 
 /// The extents that hold a file's content, packed or not; none where it has no list of them.
 inline const ExtentList* extentsOf(const FileData& data)
 {
-    if (const auto* packed = std::get_if<DecmpfsContent>(&data))
+    if (const auto* packed = contentAs<DecmpfsContent>(data))
         return &packed->fork;
-    if (const auto* packed = std::get_if<WOFContent>(&data))
+    if (const auto* packed = contentAs<WOFContent>(data))
         return &packed->extents;
     return std::get_if<ExtentList>(&data);
 }

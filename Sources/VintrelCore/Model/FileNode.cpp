@@ -1,5 +1,6 @@
 #include "VintrelCore/Model/FileNode.h"
 
+#include "VintrelCore/Foundation/Sorting.h"
 #include "VintrelCore/Foundation/Text.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 
@@ -32,8 +33,24 @@ char32_t takeFolded(std::string_view& text)
     return static_cast<unsigned char>(Text::lowerCase(first));
 }
 
+/// The length of what both names begin with, up to where the order sees a new unit in both: not
+/// inside a number or a character.
+std::size_t commonUnits(std::string_view left, std::string_view right)
+{
+    const auto differing = std::ranges::mismatch(left, right).in1;
+    auto length = static_cast<std::size_t>(differing - left.begin());
+    while (length > 0
+        && (Text::isDigit(left[length - 1])
+            || static_cast<unsigned char>(left[length - 1]) >= 0x80))
+        --length;
+    return length;
+}
+
 std::strong_ordering compareNatural(std::string_view left, std::string_view right)
 {
+    const auto common = commonUnits(left, right);
+    left.remove_prefix(common);
+    right.remove_prefix(common);
     while (!left.empty() && !right.empty()) {
         if (Text::isDigit(left.front()) && Text::isDigit(right.front())) {
             const auto leftNumber = takeNumber(left);
@@ -65,13 +82,17 @@ bool comesBefore(const std::unique_ptr<FileNode>& left, const std::unique_ptr<Fi
     return left->id() < right->id();
 }
 
-std::int64_t nextNodeID()
+constexpr std::uint64_t maxID = (std::uint64_t { 1 } << 46) - 1; // no memory holds so many
+
+std::uint64_t nextNodeID()
 {
-    static std::atomic<std::int64_t> last = 0;
+    static std::atomic<std::uint64_t> last = 0;
     return ++last;
 }
 
 } // namespace
+
+const FileNode::Children FileNode::noChildren;
 
 std::string_view label(EntryStatus status)
 {
@@ -90,11 +111,12 @@ FileNode::FileNode(std::string name, bool isDirectory, std::uint64_t size, Entry
     Recoverability recoverability, FileData data)
     : name(std::move(name))
     , size(size)
+    , data(std::move(data))
     , status(status)
     , recoverability(recoverability)
-    , data(std::move(data))
-    , id_(nextNodeID())
-    , isDirectory_(isDirectory)
+    , id_(nextNodeID() & maxID)
+    , isDirectory_(isDirectory ? 1 : 0)
+    , isUnsorted_(0)
 {
 }
 
@@ -115,19 +137,33 @@ FileNode::~FileNode()
 {
     // Left to themselves the destructors would recurse as deep as the disk says; here each node
     // dies without children.
-    Children dying = std::move(children_);
+    if (!children_)
+        return;
+    Children dying = std::move(*children_);
     while (!dying.empty()) {
         const auto node = std::move(dying.back());
         dying.pop_back();
-        std::ranges::move(node->children_, std::back_inserter(dying));
-        node->children_.clear();
+        if (!node->children_)
+            continue;
+        std::ranges::move(*node->children_, std::back_inserter(dying));
+        node->children_.reset();
     }
 }
 
 FileNode& FileNode::add(std::unique_ptr<FileNode> child)
 {
     child->parent_ = this;
-    return *children_.emplace_back(std::move(child));
+    if (isUnsorted_)
+        sortNow();
+    if (!children_)
+        children_ = std::make_unique<Children>();
+    return *children_->emplace_back(std::move(child));
+}
+
+void FileNode::removeAllChildren()
+{
+    children_.reset();
+    isUnsorted_ = 0;
 }
 
 const Attachment* packedContentOf(const FileNode& node)
@@ -166,9 +202,14 @@ void FileNode::addNote(std::string_view text)
 
 void FileNode::sortChildren()
 {
-    std::ranges::sort(children_, comesBefore);
-    forEachDescendant(
-        [](FileNode& node, std::size_t) { std::ranges::sort(node.children_, comesBefore); });
+    isUnsorted_ = children_ != nullptr;
+    forEachUnordered([](FileNode& node) { node.isUnsorted_ = node.children_ != nullptr; });
+}
+
+void FileNode::sortNow() const
+{
+    isUnsorted_ = 0;
+    sortIfNeeded(*children_, comesBefore);
 }
 
 std::string FileNode::path() const
@@ -187,7 +228,7 @@ std::string FileNode::path() const
 std::vector<FileNode*> FileNode::files() const
 {
     std::vector<FileNode*> files;
-    for (const auto& child : children_)
+    for (const auto& child : children())
         if (!child->isDirectory())
             files.push_back(child.get());
     return files;
@@ -196,7 +237,7 @@ std::vector<FileNode*> FileNode::files() const
 std::vector<FileNode*> FileNode::folders() const
 {
     std::vector<FileNode*> folders;
-    for (const auto& child : children_)
+    for (const auto& child : children())
         if (child->isDirectory())
             folders.push_back(child.get());
     return folders;
@@ -215,7 +256,7 @@ std::vector<FileNode*> FileNode::allFiles() const
 Totals FileNode::totals() const
 {
     Totals totals;
-    forEachDescendant([&](const FileNode& node, std::size_t) {
+    forEachUnordered([&](const FileNode& node) {
         if (node.isDirectory()) {
             ++totals.folders;
             return;

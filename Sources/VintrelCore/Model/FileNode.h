@@ -3,6 +3,7 @@
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Model/FileData.h"
 #include "VintrelCore/Model/FileTypes.h"
+#include "VintrelCore/Model/SmallOptionals.h"
 
 #include <cstdint>
 #include <memory>
@@ -13,12 +14,12 @@
 
 /// What became of a file. `orphaned`: known to its file system, but its folder is not. `carved`:
 /// found by content alone.
-enum class EntryStatus { existing, deleted, orphaned, carved };
+enum class EntryStatus : std::uint8_t { existing, deleted, orphaned, carved };
 
 std::string_view label(EntryStatus status);
 
 /// The chance that a file's bytes are still its own, in rising order.
-enum class Recoverability { unknown, poor, partial, good };
+enum class Recoverability : std::uint8_t { unknown, poor, partial, good };
 
 std::string_view label(Recoverability recoverability);
 
@@ -59,7 +60,8 @@ struct Totals {
 };
 
 /// A file or folder. A node owns its children; their number and depth are the disk's, so nothing
-/// here recurses.
+/// here recurses. A tree may have millions of nodes, so that each of them is kept small. Used by
+/// one thread at a time, also where only const functions are called.
 class FileNode {
 public:
     using Children = std::vector<std::unique_ptr<FileNode>>;
@@ -75,37 +77,44 @@ public:
 
     std::string name;
     std::uint64_t size = 0; ///< logical size in bytes; 0 for folders
-    std::optional<Date> created;
-    std::optional<Date> modified;
-    EntryStatus status;
-    Recoverability recoverability;
+    OptionalDate created;
+    OptionalDate modified;
     FileData data;
-    std::optional<std::string> note; ///< a Danish remark for the user
+    OptionalText note; ///< a Danish remark for the user
     std::uint64_t fsID
         = 0; ///< the file system's own number (cluster, record, object); 0 when it has none
     std::unique_ptr<Attachments> attachments; ///< none when there are none, as nearly always
+    EntryStatus status;
+    Recoverability recoverability;
 
     /// Unique in the process, counted from 1 in the order of creation.
-    std::int64_t id() const { return id_; }
-    bool isDirectory() const { return isDirectory_; }
+    std::int64_t id() const { return static_cast<std::int64_t>(id_); }
+    bool isDirectory() const { return isDirectory_ != 0; }
     /// None for a root.
     FileNode* parent() const { return parent_; }
-    const Children& children() const { return children_; }
+    const Children& children() const
+    {
+        if (isUnsorted_)
+            sortNow();
+        return children_ ? *children_ : noChildren;
+    }
 
     /// Appends a child. Nothing is sorted, and names may repeat.
     FileNode& add(std::unique_ptr<FileNode> child);
-    void removeAllChildren() { children_.clear(); }
+    void removeAllChildren();
     /// Removes the direct children that `isUnwanted`, with all that they hold.
     template <class Predicate> void removeChildren(Predicate isUnwanted)
     {
-        std::erase_if(children_, [&](const auto& child) { return isUnwanted(*child); });
+        if (children_)
+            std::erase_if(*children_, [&](const auto& child) { return isUnwanted(*child); });
     }
     void attach(Attachment attachment);
     /// Adds a remark; remarks that meet are joined with "; ".
     void addNote(std::string_view text);
     /// Sorts the whole subtree: folders first, then by name without regard to case and with numbers
     /// by value (IMG_2 before IMG_10). Equal names: by status, then by the names' bytes, then in
-    /// the order of creation.
+    /// the order of creation. The work is done folder by folder when its children are asked for; a
+    /// name or a status that changes before that counts. What is added later stands behind.
     void sortChildren();
 
     /// "/" and the names from below the root down to this node; "/" for a root.
@@ -124,20 +133,38 @@ public:
     template <class Visit> void forEachDescendant(Visit visit) const
     {
         struct Position {
-            const FileNode* folder;
+            const Children* children;
             std::size_t next;
         };
-        std::vector<Position> open { { this, 0 } };
+        std::vector<Position> open { { &children(), 0 } };
         while (!open.empty()) {
-            auto& [folder, next] = open.back();
-            if (next == folder->children_.size()) {
+            auto& [children, next] = open.back();
+            if (next == children->size()) {
                 open.pop_back();
                 continue;
             }
-            FileNode& node = *folder->children_[next++];
+            FileNode& node = *(*children)[next++];
             visit(node, open.size());
-            if (!node.children_.empty())
-                open.push_back({ &node, 0 });
+            if (node.children_)
+                open.push_back({ &node.children(), 0 });
+        }
+    }
+
+    /// Calls `visit(node)` for every node below this one in any order: folders that nobody has
+    /// asked for stay unsorted. `visit` leaves names, status and the tree as they are.
+    template <class Visit> void forEachUnordered(Visit visit) const
+    {
+        std::vector<const FileNode*> folders { this };
+        while (!folders.empty()) {
+            const auto* const folder = folders.back();
+            folders.pop_back();
+            if (!folder->children_)
+                continue;
+            for (const auto& child : *folder->children_) {
+                visit(*child);
+                if (child->children_)
+                    folders.push_back(child.get());
+            }
         }
     }
 
@@ -145,8 +172,14 @@ private:
     FileNode(std::string name, bool isDirectory, std::uint64_t size, EntryStatus status,
         Recoverability recoverability, FileData data);
 
-    std::int64_t id_;
-    FileNode* parent_ = nullptr; // not owning: a parent outlives its children
-    Children children_;
-    bool isDirectory_;
+    void sortNow() const;
+
+    static const Children noChildren;
+
+    // Together with the two members above these take one word.
+    std::uint64_t id_ : 46;
+    std::uint64_t isDirectory_ : 1;
+    mutable std::uint64_t isUnsorted_ : 1; // its children wait to be sorted
+    FileNode* parent_ = nullptr;           // not owning: a parent outlives its children
+    std::unique_ptr<Children> children_;   // none when there are none, as for every file
 };

@@ -25,7 +25,7 @@ bool reachesBeyond(const FileData& data, std::uint64_t sourceSize)
         return std::ranges::any_of(*extents, [&](const Extent& extent) {
             return extent.offset && isBeyond(*extent.offset, extent.length, sourceSize);
         });
-    if (const auto* compressed = std::get_if<CompressedRuns>(&data)) {
+    if (const auto* compressed = contentAs<CompressedRuns>(data)) {
         if (compressed->clusterSize == 0 || compressed->volumeOffset >= sourceSize)
             return false;
         const auto clusters = (sourceSize - compressed->volumeOffset) / compressed->clusterSize;
@@ -40,9 +40,9 @@ bool reachesBeyond(const FileData& data, std::uint64_t sourceSize)
 std::uint64_t lengthOfRuns(const FileData& data, std::uint64_t sourceSize, bool knowsHoles)
 {
     std::uint64_t length = 0;
-    if (const auto* packed = std::get_if<DecmpfsContent>(&data))
+    if (const auto* packed = contentAs<DecmpfsContent>(data))
         length = saturatingMultiply(packed->packedSize(), maxPackingRatio);
-    else if (const auto* packedByWindows = std::get_if<WOFContent>(&data))
+    else if (const auto* packedByWindows = contentAs<WOFContent>(data))
         length = saturatingMultiply(
             packedByWindows->packedSize(), WOF::chunkSize(packedByWindows->method));
     else if (const auto* bytes = std::get_if<Bytes>(&data))
@@ -71,7 +71,7 @@ void limitSizes(Volume& volume, std::uint64_t sourceSize)
         return;
     const bool knowsHoles
         = volume.type == FileSystemType::apfs || volume.type == FileSystemType::ext;
-    volume.root->forEachDescendant([&](FileNode& node, std::size_t) {
+    volume.root->forEachUnordered([&](FileNode& node) {
         if (std::holds_alternative<NoData>(node.data) || node.size <= sourceSize
             || node.size <= lengthOfRuns(node.data, sourceSize, knowsHoles))
             return;
@@ -87,7 +87,7 @@ void noteSourceEnd(Volume& volume, std::uint64_t sourceSize)
     const auto missing = volume.size - (sourceSize - volume.offset);
     volume.notes.push_back("Kilden slutter før filsystemet: de sidste " + std::to_string(missing)
         + " bytes af det mangler.");
-    volume.root->forEachDescendant([&](FileNode& node, std::size_t) {
+    volume.root->forEachUnordered([&](FileNode& node) {
         if (reachesBeyond(node.data, sourceSize))
             doubt(node, volume.type, Doubt::beyondSource);
     });

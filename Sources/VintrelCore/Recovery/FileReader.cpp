@@ -324,11 +324,11 @@ std::uint64_t stream(const Content& content, DiskSource& source, std::size_t chu
         for (const auto& extent : *extents)
             delivery.deliverExtent(extent);
         delivery.deliverHole(delivery.remaining());
-    } else if (const auto* compressed = std::get_if<CompressedRuns>(&content.data)) {
+    } else if (const auto* compressed = contentAs<CompressedRuns>(content.data)) {
         streamCompressed(*compressed, source, delivery);
-    } else if (const auto* packed = std::get_if<DecmpfsContent>(&content.data)) {
+    } else if (const auto* packed = contentAs<DecmpfsContent>(content.data)) {
         streamDecmpfs(*packed, source, delivery);
-    } else if (const auto* packedByWindows = std::get_if<WOFContent>(&content.data)) {
+    } else if (const auto* packedByWindows = contentAs<WOFContent>(content.data)) {
         streamWOF(*packedByWindows, source, delivery);
     }
     return delivery.badBytes();
@@ -349,7 +349,7 @@ std::uint64_t storedLength(const Content& content, const DiskSource& source)
     if (const auto* extents = std::get_if<ExtentList>(&content.data)) {
         for (const auto& extent : *extents)
             stored += std::min(lengthOnSource(extent, source), length - stored);
-    } else if (const auto* compressed = std::get_if<CompressedRuns>(&content.data)) {
+    } else if (const auto* compressed = contentAs<CompressedRuns>(content.data)) {
         for (const auto& run : compressed->runs)
             if (run.lcn) // unpacked it is more
                 stored += std::min(

@@ -67,13 +67,16 @@ DeepScanResult DeepScanner::run(
     std::uint64_t position = 0;
     std::uint64_t carveFrom = 0; // what lies before is inside a file that was proved
     UnprovedFinds unproved(result.carved);
+    // Zeros are no structure and no beginning of a file.
+    const auto nextChunk = [&](std::uint64_t from) {
+        return std::max(from, roundDown(source_.nextData(from), SweepWindow::chunkSize));
+    };
     while (position < source_.size() && !isCancelled(reporter)) {
-        // Zeros are no structure and no beginning of a file.
-        position
-            = std::max(position, roundDown(source_.nextData(position), SweepWindow::chunkSize));
+        position = nextChunk(position);
         if (position >= source_.size())
             break;
         const auto chunk = window.moveTo(position).span();
+        window.readAhead(nextChunk(position + chunk.size()));
         if (carver)
             carver->windowMoved(position);
         for (std::size_t at = 0; at < chunk.size(); at += sectorSize) {

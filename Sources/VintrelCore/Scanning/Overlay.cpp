@@ -37,7 +37,7 @@ Layout layoutOf(const FileData& data)
         for (const auto& extent : *extents)
             if (extent.offset && extent.length > 0)
                 add(*extent.offset, extent.length);
-    } else if (const auto* compressed = std::get_if<CompressedRuns>(&data)) {
+    } else if (const auto* compressed = contentAs<CompressedRuns>(data)) {
         for (const auto& run : compressed->runs)
             if (run.lcn && *run.lcn < maxCluster && run.clusters < maxCluster)
                 add(compressed->volumeOffset + *run.lcn * compressed->clusterSize,

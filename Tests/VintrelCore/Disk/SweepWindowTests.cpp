@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 TEST(SweepWindow, KeepsTheSweepsOwnChunkWhileOthersReadAhead)
 {
@@ -36,4 +38,43 @@ TEST(SweepWindow, ReachesAFewChunksAheadAndNeverBack)
     EXPECT_FALSE(window.chunkAt(5 * chunk));
     window.moveTo(5 * chunk);
     EXPECT_FALSE(window.chunkAt(6 * chunk));
+}
+
+TEST(SweepWindow, ReadsAheadOneReadAtATimeUntilTheFirstError)
+{
+    constexpr std::size_t chunk = SweepWindow::chunkSize;
+    constexpr std::uint64_t chunks = 6, badChunk = 3;
+    std::atomic<int> reading = 0;
+    std::atomic<std::uint64_t> readUpTo = 0;
+    DiskSource source({ .descriptor = {},
+        .path = {},
+        .displayName = {},
+        .size = chunks * chunk,
+        .bsdName = {},
+        .cleanup = {},
+        .read = [&](std::uint64_t offset, std::span<std::uint8_t> into) {
+            EXPECT_EQ(++reading, 1);
+            std::ranges::fill(into, static_cast<std::uint8_t>(1 + offset / chunk));
+            std::this_thread::yield();
+            --reading;
+            readUpTo = std::max<std::uint64_t>(readUpTo, offset + into.size());
+            const bool isBad
+                = offset + into.size() > badChunk * chunk && offset <= badChunk * chunk;
+            return !isBad;
+        } });
+    SweepWindow window(source);
+    for (std::uint64_t index = 0; index < chunks; ++index) {
+        const auto own = window.moveTo(index * chunk);
+        EXPECT_EQ(own.u8(chunk - 1), index + 1);
+        EXPECT_EQ(own.u8(0), index == badChunk ? 0 : index + 1);
+        const auto before = readUpTo.load();
+        window.readAhead((index + 1) * chunk);
+        if (index == 0) {
+            EXPECT_EQ(window.chunkAt(2 * chunk)->bytes.u8(0), 3) << "while another one is read";
+        } else if (index >= badChunk) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            EXPECT_EQ(readUpTo, before) << "nothing is read ahead on a disk with errors";
+        }
+    }
+    EXPECT_EQ(source.badSectorCount(), 1u);
 }

@@ -89,6 +89,35 @@ TEST(FileNode, EqualNamesKeepADefiniteOrder)
         EXPECT_EQ(root->children()[i]->size, i);
 }
 
+TEST(FileNode, WhatIsAddedAfterSortingStandsBehindIt)
+{
+    const auto root = folder("");
+    for (const auto* name : { "c", "b10", "b9" })
+        root->add(file(name));
+    root->sortChildren();
+    EXPECT_EQ(root->totals().files, 3u); // in no order
+    root->add(file("a"));
+    root->removeChildren([](const FileNode& node) { return node.name == "b10"; });
+    EXPECT_EQ(names(root->children()), (Names { "b9", "c", "a" }));
+    root->removeAllChildren();
+    EXPECT_TRUE(root->children().empty());
+}
+
+TEST(FileNode, DatesAndNotesAreNoneUntilTheyAreSet)
+{
+    auto node = file("a");
+    EXPECT_TRUE(!node->modified && !node->note && node->modified == std::optional<Date>());
+    EXPECT_EQ(std::optional<Date>(node->modified), std::nullopt);
+    node->modified = std::optional(Date());
+    EXPECT_EQ(node->modified, Date());
+    EXPECT_LT(node->created, node->modified);
+    node->note = std::optional<std::string>();
+    EXPECT_FALSE(node->note);
+    node->addNote("en");
+    node->addNote("to");
+    EXPECT_EQ(node->note, "en; to");
+}
+
 TEST(FileNode, TreesAsDeepAndWideAsTheDiskClaims)
 {
     constexpr std::size_t depth

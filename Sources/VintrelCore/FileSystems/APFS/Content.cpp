@@ -105,7 +105,7 @@ void APFSContent::attach(
     FileNode& node, const APFSFileRecords& records, const APFSFileRecords::Inode& inode)
 {
     using Kind = APFSFileRecords::Attribute::Kind;
-    const bool isUnpacked = std::holds_alternative<DecmpfsContent>(node.data);
+    const bool isUnpacked = contentAs<DecmpfsContent>(node.data) != nullptr;
     for (const auto& attribute : records.attributesOf(inode.id)) {
         const bool isOther = attribute.kind == Kind::other;
         const bool isContent = attribute.kind == Kind::symlink || (isUnpacked && !isOther);

@@ -3,6 +3,7 @@
 #include "VintrelCore/FileSystems/APFS/Structures.h"
 
 #include <algorithm>
+#include <array>
 
 using namespace APFSFormat;
 
@@ -26,8 +27,18 @@ std::uint64_t fletcher64(ByteView object)
     auto words = object.span().subspan(std::min(sizeof(ObjectHeader::checksum), object.size()));
     while (words.size() >= 4) {
         const auto round = words.first(std::min(words.size() / 4, wordsPerRound) * 4);
-        for (std::size_t at = 0; at < round.size();
-             at += 4) { // most of a deep scan's time goes here
+        const auto whole = round.size() - round.size() % (4 * sizeof(std::uint32_t));
+        for (std::size_t at = 0; at < whole; at += 4 * sizeof(std::uint32_t)) {
+            // Most of a deep scan's time goes here: four words at once, as neither sum then waits
+            // for the other after every word.
+            std::array<LE32, 4> stored;
+            std::memcpy(stored.data(), round.data() + at, sizeof(stored));
+            const std::uint64_t word0 = stored[0], word1 = stored[1], word2 = stored[2],
+                                word3 = stored[3];
+            sum2 += 4 * (sum1 + word0) + 3 * word1 + 2 * word2 + word3;
+            sum1 += word0 + word1 + word2 + word3;
+        }
+        for (std::size_t at = whole; at < round.size(); at += sizeof(std::uint32_t)) {
             LE32 word;
             std::memcpy(&word, round.data() + at, sizeof(word));
             sum1 += word;

@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
 #include "VintrelCore/Foundation/Decmpfs.h"
+#include "VintrelCore/Foundation/Sorting.h"
 
 #include <algorithm>
 #include <tuple>
@@ -222,21 +223,21 @@ void APFSFileRecords::addAttribute(std::uint64_t id, ByteView key, ByteView valu
 void APFSFileRecords::sort()
 {
     // What differs in nothing else comes in the order of the texts, which is that of the leaves.
-    std::ranges::sort(inodes_, [](const Inode& one, const Inode& other) {
+    sortIfNeeded(inodes_, [](const Inode& one, const Inode& other) {
         return std::tuple(one.id, other.leaf.xid, one.name.at)
             < std::tuple(other.id, one.leaf.xid, other.name.at);
     });
     const auto sameInode = [](const Inode& one, const Inode& other) { return one.id == other.id; };
     inodes_.erase(std::unique(inodes_.begin(), inodes_.end(), sameInode), inodes_.end());
-    std::ranges::sort(links_, [](const Link& one, const Link& other) {
+    sortIfNeeded(links_, [](const Link& one, const Link& other) {
         return std::tuple(one.id, other.leaf.xid, one.isSibling, one.name.at)
             < std::tuple(other.id, one.leaf.xid, other.isSibling, other.name.at);
     });
-    std::ranges::sort(extents_, [](const Extent& one, const Extent& other) {
+    sortIfNeeded(extents_, [](const Extent& one, const Extent& other) {
         return std::tuple(one.owner, one.logical, other.leaf.xid, one.block)
             < std::tuple(other.owner, other.logical, one.leaf.xid, other.block);
     });
-    std::ranges::sort(attributes_, [this](const Attribute& one, const Attribute& other) {
+    sortIfNeeded(attributes_, [this](const Attribute& one, const Attribute& other) {
         return std::tuple(one.id, one.kind, text(one.name), other.leaf.xid, one.content.at)
             < std::tuple(other.id, other.kind, text(other.name), one.leaf.xid, other.content.at);
     });

@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/APFS/Structures.h"
 #include "VintrelCore/Foundation/Rounding.h"
+#include "VintrelCore/Foundation/Sorting.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 #include "VintrelCore/Foundation/Unicode/Unicode.h"
 #include "VintrelCore/Model/Chance.h"
@@ -30,6 +31,8 @@ bool APFSSameFiles::contains(const FileNode& file) const
 
 std::string APFSFileTree::displayed(std::string_view stored)
 {
+    if (Unicode::isASCII(stored))
+        return std::string(stored);
     std::string name;
     while (!stored.empty())
         Unicode::append(name, Unicode::takeFirst(stored));
@@ -191,13 +194,15 @@ bool APFSFileTree::hasOtherBlocks(const APFSFileRecords& old, const Inode& inode
 
 void APFSFileTree::addDeleted(const APFSFileRecords& old, const APFSFileRecords& live)
 {
+    if (old.inodes().empty() && old.links().empty())
+        return;
     std::vector<const Link*> byName;
     for (const auto& link : live.links())
         if (!link.isSibling)
             byName.push_back(&link);
     const auto nameKey
         = [&](const Link* link) { return std::tuple(link->parent, live.text(link->name)); };
-    std::ranges::sort(byName, {}, nameKey);
+    sortIfNeeded(byName, {}, nameKey);
 
     std::vector<NewNode> added;
     std::vector<APFSKnownObjects::Object> found;

@@ -132,7 +132,7 @@ ClusterUse AllocationMap::useOf(const FileData& data, const NTFSGeometry& geomet
             if (extent.offset && *extent.offset >= geometry.base)
                 addUse(use, (*extent.offset - geometry.base) / geometry.clusterSize,
                     unitsFor(extent.length, geometry.clusterSize));
-    } else if (const auto* compressed = std::get_if<CompressedRuns>(&data)) {
+    } else if (const auto* compressed = contentAs<CompressedRuns>(data)) {
         for (const auto& run : compressed->runs)
             if (run.lcn)
                 addUse(use, *run.lcn, run.clusters);

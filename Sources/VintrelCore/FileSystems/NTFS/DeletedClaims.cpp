@@ -39,7 +39,7 @@ void NTFSDeletedClaims::add(
             if (extent.offset && *extent.offset >= geometry.base)
                 add(file, lastWrite, (*extent.offset - geometry.base) / geometry.clusterSize,
                     unitsFor(extent.length, geometry.clusterSize));
-    } else if (const auto* compressed = std::get_if<CompressedRuns>(&data)) {
+    } else if (const auto* compressed = contentAs<CompressedRuns>(data)) {
         for (const auto& run : compressed->runs)
             if (run.lcn && *run.lcn < maxCluster)
                 add(file, lastWrite, *run.lcn, run.clusters);

@@ -25,7 +25,7 @@ void doubtPlace(Volume& volume, const Placement& place)
         + " undersøgte filer og mapper ligger, hvor de skal.");
     volume.root->forEachDescendant([](FileNode& node, std::size_t) {
         if (std::holds_alternative<ExtentList>(node.data)
-            || std::holds_alternative<CompressedRuns>(node.data))
+            || contentAs<CompressedRuns>(node.data) != nullptr)
             judgeFurther(node, Doubt::uncertainPlace);
     });
 }

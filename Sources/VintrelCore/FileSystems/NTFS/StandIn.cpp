@@ -44,7 +44,7 @@ Coverage coverageOf(const FileData& data)
     if (const auto* extents = std::get_if<ExtentList>(&data)) {
         for (const auto& extent : *extents)
             (extent.offset ? coverage.hasClusters : coverage.hasHoles) = true;
-    } else if (const auto* compressed = std::get_if<CompressedRuns>(&data)) {
+    } else if (const auto* compressed = contentAs<CompressedRuns>(data)) {
         coverage.hasClusters = std::ranges::any_of(
             compressed->runs, [](const CompressedRuns::Run& run) { return run.lcn.has_value(); });
         coverage.hasHoles = !coverage.hasClusters;

@@ -32,6 +32,8 @@ char32_t foldedCase(char32_t codePoint)
 
 std::string composed(std::string_view text)
 {
+    if (isASCII(text))
+        return std::string(text);
     UErrorCode status = U_ZERO_ERROR;
     const auto* normalizer = icu::Normalizer2::getNFCInstance(status);
     if (U_FAILURE(status)

@@ -18,6 +18,8 @@ char32_t foldedCase(char32_t codePoint)
 
 std::string composed(std::string_view text)
 {
+    if (isASCII(text))
+        return std::string(text);
     utf8proc_uint8_t* bytes = nullptr;
     const auto length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
         static_cast<utf8proc_ssize_t>(text.size()), &bytes,

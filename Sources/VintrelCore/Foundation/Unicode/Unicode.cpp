@@ -57,6 +57,12 @@ std::size_t lastStart(std::string_view text)
 
 } // namespace
 
+bool isASCII(std::string_view text)
+{
+    return std::ranges::all_of(
+        text, [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
+}
+
 char32_t takeFirst(std::string_view& text)
 {
     const auto lead = static_cast<unsigned char>(text.front());
@@ -173,6 +179,9 @@ std::string_view trimmed(std::string_view text)
 
 std::string escaped(std::string_view text)
 {
+    const auto isPlain = [](char byte) { return byte >= 0x20 && byte < 0x7F; };
+    if (std::ranges::all_of(text, isPlain)) // as nearly always
+        return std::string(text);
     std::string result;
     result.reserve(text.size());
     while (!text.empty()) {

@@ -9,6 +9,9 @@ namespace Unicode {
 
 inline constexpr char32_t replacement = 0xFFFD;
 
+/// Whether every byte is ASCII, as in nearly all names: such text is its own normalisation form.
+bool isASCII(std::string_view text);
+
 /// Takes the first code point off the front of `text`. A broken sequence gives U+FFFD and consumes
 /// one byte; an empty text must not be given.
 char32_t takeFirst(std::string_view& text);

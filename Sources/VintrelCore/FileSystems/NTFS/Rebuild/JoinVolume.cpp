@@ -188,7 +188,7 @@ private:
             for (const auto& extent : *extents)
                 if (extent.offset)
                     visit(*extent.offset, extent.length);
-        } else if (const auto* compressed = std::get_if<CompressedRuns>(&data)) {
+        } else if (const auto* compressed = contentAs<CompressedRuns>(data)) {
             for (const auto& run : compressed->runs)
                 if (const auto offset
                     = run.lcn ? context_.geometry().offsetOf(*run.lcn) : std::nullopt)

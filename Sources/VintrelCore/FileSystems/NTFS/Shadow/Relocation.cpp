@@ -85,7 +85,7 @@ std::vector<Mapping::Piece> locate(const Mapping& mapping, const FileData& data)
             if (extent.offset)
                 std::ranges::move(
                     mapping.locate(*extent.offset, extent.length), std::back_inserter(pieces));
-    } else if (const auto* compressed = std::get_if<CompressedRuns>(&data)) {
+    } else if (const auto* compressed = contentAs<CompressedRuns>(data)) {
         for (const auto& run : compressed->runs)
             if (run.lcn && isPossible(run))
                 std::ranges::move(locate(mapping, *compressed, run), std::back_inserter(pieces));
@@ -97,9 +97,9 @@ FileData relocated(const Mapping& mapping, FileData data)
 {
     if (const auto* extents = std::get_if<ExtentList>(&data))
         return relocated(mapping, *extents);
-    if (auto* const packed = std::get_if<WOFContent>(&data))
+    if (auto* const packed = contentAs<WOFContent>(data))
         packed->extents = relocated(mapping, packed->extents);
-    const auto* const compressed = std::get_if<CompressedRuns>(&data);
+    const auto* const compressed = contentAs<CompressedRuns>(data);
     if (compressed != nullptr && compressed->clusterSize % sectorSize == 0
         && isMoved(mapping, *compressed))
         return relocated(mapping, *compressed);

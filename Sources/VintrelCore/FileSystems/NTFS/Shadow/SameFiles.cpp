@@ -26,7 +26,7 @@ ExtentList placesOf(const FileData& data)
     if (const auto* extents = extentsOf(data))
         return *extents;
     ExtentList places;
-    if (const auto* compressed = std::get_if<CompressedRuns>(&data))
+    if (const auto* compressed = contentAs<CompressedRuns>(data))
         for (const auto& [lcn, clusters] : compressed->runs)
             places.push_back(
                 { lcn ? std::optional(compressed->volumeOffset + *lcn * compressed->clusterSize)
