@@ -1,10 +1,8 @@
 #include "VintrelCore/FileSystems/Ext/LooseLists.h"
 
-#include "VintrelCore/Carving/Carver.h"
-#include "VintrelCore/Disk/DiskSource.h"
-#include "VintrelCore/Disk/PieceSource.h"
 #include "VintrelCore/FileSystems/Ext/Chances.h"
 #include "VintrelCore/FileSystems/Ext/Content.h"
+#include "VintrelCore/FileSystems/Ext/Recognition.h"
 #include "VintrelCore/Foundation/RangeSet.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 
@@ -69,7 +67,7 @@ void Listed::add(const Volume& volume, std::uint64_t blockSize)
 /// Puts the files of one volume together.
 class Search {
 public:
-    Search(DiskSource& source, const Listed& listed, ExtContext& context);
+    Search(const Listed& listed, ExtContext& context);
 
     void add(std::uint64_t offset);
     std::unique_ptr<FileNode> findFiles();
@@ -85,25 +83,20 @@ private:
     LooseList* nextList(int level, std::uint64_t block);
     void append(ExtMapping& mapping, const LooseList& list) const;
     ExtMapping mappingOf(std::uint64_t block, const LooseList& list);
-    std::optional<CarvedFile> recognise(const FileNode& node, const ExtMapping& mapping) const;
     ExtEntry entryOf(std::uint64_t block, const ExtMapping& mapping) const;
 
-    DiskSource& source_;
     ExtContext& context_;
     const ExtGeometry& geometry_;
     const ExtContent content_;
-    const ExtBlockMaps maps_;
     Lists lists_;
     std::multimap<std::pair<int, std::uint64_t>, std::uint64_t> followers_;
     const Listed& listed_;
 };
 
-Search::Search(DiskSource& source, const Listed& listed, ExtContext& context)
-    : source_(source)
-    , context_(context)
+Search::Search(const Listed& listed, ExtContext& context)
+    : context_(context)
     , geometry_(context.geometry())
     , content_(context)
-    , maps_(context.geometry())
     , listed_(listed)
 {
 }
@@ -243,23 +236,6 @@ ExtMapping Search::mappingOf(std::uint64_t block, const LooseList& list)
     return mapping;
 }
 
-/// The file as its content tells it, where that ends in the last block that the lists name.
-std::optional<CarvedFile> Search::recognise(const FileNode& node, const ExtMapping& mapping) const
-{
-    constexpr std::int64_t headSize = 4096;
-    std::vector<ByteRange> pieces;
-    pieces.reserve(mapping.runs.size());
-    for (const auto& run : mapping.runs)
-        pieces.push_back(
-            { geometry_.offsetOf(run.physical), geometry_.offsetOf(run.physical + run.count) });
-    const auto file = sourceOfPieces(source_, std::move(pieces));
-    auto known
-        = Carver(*file, carvedCategories()).check(file->read(0, headSize, ReadMode::fast), 0);
-    const bool fits = known && known->exact && !known->isCut && known->size >= node.size
-        && file->size() - known->size < geometry_.blockSize;
-    return fits ? known : std::nullopt;
-}
-
 ExtEntry Search::entryOf(std::uint64_t block, const ExtMapping& mapping) const
 {
     ExtEntry entry { .kind = fileMode, .died = ExtLife::now - 1, .diedAtLatest = ExtLife::now - 1 };
@@ -267,11 +243,10 @@ ExtEntry Search::entryOf(std::uint64_t block, const ExtMapping& mapping) const
         "blok-" + std::to_string(block), 0, EntryStatus::deleted, Recoverability::good);
     auto& node = *entry.node;
     content_.takeRuns(node, mapping);
-    if (const auto known = recognise(node, mapping); known && mapping.isWhole) {
-        node.name += "." + known->ext;
-        node.size = known->size;
-        node.modified = known->date;
-        node.data = maps_.place(mapping, known->size);
+    const auto extension
+        = mapping.isWhole ? ExtRecognition::recognise(context_, node) : std::string();
+    if (!extension.empty()) {
+        node.name += "." + extension;
     } else {
         entry.doubts.add(Doubt::guessedBeginning);
         entry.doubts.add(Doubt::unknownSize);
@@ -327,7 +302,7 @@ bool looksLikeList(ByteView sector)
                .isAllZero();
 }
 
-std::vector<ExtraFolder> findLostFolders(DiskSource& source, const VolumeList& volumes,
+std::vector<ExtraFolder> findLostFolders(DiskSource& /*source*/, const VolumeList& volumes,
     const DeepScanResult& finds, WorkProgress* progress)
 {
     Listed listed;
@@ -340,7 +315,7 @@ std::vector<ExtraFolder> findLostFolders(DiskSource& source, const VolumeList& v
         if (context == nullptr || isCancelled(progress))
             continue;
         report(progress, 0, "Søger efter filer fra løse bloklister …");
-        Search search(source, listed, *context);
+        Search search(listed, *context);
         const auto begin = std::ranges::lower_bound(finds.extBlockLists, volume->offset);
         for (auto found = begin; found != finds.extBlockLists.end()
              && *found - volume->offset < context->geometry().volumeSize();

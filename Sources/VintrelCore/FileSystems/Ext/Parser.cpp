@@ -7,6 +7,7 @@
 #include "VintrelCore/FileSystems/Ext/Files.h"
 #include "VintrelCore/FileSystems/Ext/FreedBlocks.h"
 #include "VintrelCore/FileSystems/Ext/Names.h"
+#include "VintrelCore/FileSystems/Ext/Recognition.h"
 #include "VintrelCore/FileSystems/Ext/Tree.h"
 
 using namespace ExtFormat;
@@ -33,6 +34,7 @@ std::unique_ptr<Volume> volumeOf(
     if (files.entries.empty())
         return nullptr;
     ExtFreedBlocks::assign(*context, content, files);
+    ExtRecognition::recogniseAll(*context, files);
     ExtNames names(*context, files);
     names.read(progress);
 
