@@ -16,10 +16,10 @@ export PATH="$PATH:/usr/sbin:/sbin:/usr/local/sbin:/opt/homebrew/sbin" MTOOLS_SK
 rounds=${BENCH_ROUNDS:-7}
 
 # Keeps a ratio of ours to another's for Benchmarks/run, in $BENCH_RATIOS: a line "script/title value", with "-" for all that
-# is no letter or digit.
+# is no letter or digit, and without what stands in brackets.
 ratio() { # title, value
     [ -n "${BENCH_RATIOS:-}" ] || return 0
-    echo "$(basename "$0")/$(echo "$1" | tr -cs '[:alnum:]\n' '-' | sed 's/-$//') $2" >>"$BENCH_RATIOS"
+    echo "$(basename "$0")/$(echo "$1" | sed 's/ ([^)]*)//' | tr -cs '[:alnum:]\n' '-' | sed 's/-$//') $2" >>"$BENCH_RATIOS"
 }
 
 # The seconds that a command takes, as the fastest and the middle of some rounds. What it wrote to "out" is removed before each.

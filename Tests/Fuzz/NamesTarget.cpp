@@ -7,6 +7,8 @@
 namespace {
 
 constexpr std::size_t mostNames = 64;
+constexpr Attachment::Kind attachments[] = { Attachment::Kind::attribute, Attachment::Kind::stream,
+    Attachment::Kind::resourceFork, Attachment::Kind::attribute };
 
 /// A byte in front of each name: a file, a folder to go into, the way back, a stream.
 void addNode(FileNode*& folder, std::uint8_t kind, std::string name)
@@ -20,11 +22,10 @@ void addNode(FileNode*& folder, std::uint8_t kind, std::string name)
         folder = folder->parent() != nullptr ? folder->parent() : folder;
         break;
     case 2:
-        folder->attach(
-            { .kind = (kind & 4) != 0 ? Attachment::Kind::stream : Attachment::Kind::attribute,
-                .name = std::move(name),
-                .data = Bytes { 'x' },
-                .size = 1 });
+        folder->attach({ .kind = attachments[kind >> 2 & 3],
+            .name = std::move(name),
+            .data = Bytes(40, 'x'),
+            .size = 40 });
         break;
     default:
         folder->add(

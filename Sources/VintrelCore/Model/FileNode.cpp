@@ -116,7 +116,6 @@ FileNode::FileNode(std::string name, bool isDirectory, std::uint64_t size, Entry
     , recoverability(recoverability)
     , id_(nextNodeID() & maxID)
     , isDirectory_(isDirectory ? 1 : 0)
-    , isUnsorted_(0)
 {
 }
 

@@ -179,7 +179,7 @@ private:
     // Together with the two members above these take one word.
     std::uint64_t id_ : 46;
     std::uint64_t isDirectory_ : 1;
-    mutable std::uint64_t isUnsorted_ : 1; // its children wait to be sorted
-    FileNode* parent_ = nullptr;           // not owning: a parent outlives its children
-    std::unique_ptr<Children> children_;   // none when there are none, as for every file
+    mutable std::uint64_t isUnsorted_ : 1 = 0; // its children wait to be sorted
+    FileNode* parent_ = nullptr;               // not owning: a parent outlives its children
+    std::unique_ptr<Children> children_;       // none when there are none, as for every file
 };

@@ -12,7 +12,8 @@
 #include <utility>
 
 // What std::optional says, in the room of one word: nodes have dates and notes by the million, and
-// most of the notes are none.
+// most of the notes are none. What std::optional has is called as it is there.
+// NOLINTBEGIN(readability-identifier-naming)
 
 /// A date, or none. None comes before all dates.
 class OptionalDate {
@@ -105,3 +106,5 @@ public:
 private:
     std::unique_ptr<std::string> text_;
 };
+
+// NOLINTEND(readability-identifier-naming)
