@@ -99,10 +99,12 @@ std::string readBack(DiskSource& source, const VolumeList& volumes)
 {
     for (const auto& volume : volumes)
         for (const auto* file : volume->root->allFiles()) {
-            const auto wanted = std::holds_alternative<NoData>(file->data) ? 0 : file->size;
-            if (delivered(source, FileReader::contentOf(*file))
-                != std::min<std::uint64_t>(wanted, readBackLimit))
+            const auto content = FileReader::contentOf(*file);
+            const auto promised = FileReader::streamedLength(content);
+            if (delivered(source, content) != std::min(promised, readBackLimit))
                 return "a stream that breaks its promise: " + file->path();
+            if (promised < file->size && file->recoverability == Recoverability::good)
+                return "a file that lacks bytes and is called good: " + file->path();
             for (const auto& attachment : file->attachments ? *file->attachments : Attachments())
                 delivered(source, { attachment.data, attachment.size });
         }

@@ -37,6 +37,7 @@ public:
     constexpr explicit operator bool() const { return has_value(); }
     constexpr Date operator*() const { return date_; }
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 takes the 0 of comparisons for a pointer
     constexpr auto operator<=>(const OptionalDate&) const = default;
     constexpr bool operator==(const OptionalDate&) const = default;
     constexpr bool operator==(const std::optional<Date>& other) const

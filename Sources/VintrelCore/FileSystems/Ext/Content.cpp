@@ -125,8 +125,12 @@ ExtContent::Made ExtContent::make(
         return made;
     }
     if (inode.isInline()) {
-        if (!inode.isDirectory())
-            node.data = ExtInodes::inlineContent(inode, slot);
+        if (inode.isDirectory())
+            return made;
+        auto content = ExtInodes::inlineContent(inode, slot);
+        if (content.size() < inode.size)
+            made.doubts.add(Doubt::partlyUnknownBlocks);
+        node.data = std::move(content);
         return made;
     }
     auto mapping = maps_.read(inode, lookup);

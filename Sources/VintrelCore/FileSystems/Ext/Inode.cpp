@@ -212,11 +212,10 @@ std::optional<std::uint32_t> numberOf(const ExtGeometry& geometry, ByteView slot
 
 Bytes inlineContent(const ExtInode& inode, ByteView slot)
 {
-    const auto wanted = std::min<std::uint64_t>(inode.size, slot.size());
     Bytes content(inode.map.begin(), inode.map.end());
     const auto rest = inlineRest(slot);
     content.insert(content.end(), rest.span().begin(), rest.span().end());
-    content.resize(static_cast<std::size_t>(wanted));
+    content.resize(static_cast<std::size_t>(std::min<std::uint64_t>(inode.size, content.size())));
     return content;
 }
 

@@ -256,6 +256,19 @@ TEST(Ext, TellsWrongChecksumsAndReadsOn)
     EXPECT_EQ(disk.volume->notes, notes);
 }
 
+TEST(Ext, CallsNoFileGoodThatClaimsMoreThanItsInodeHolds)
+{
+    constexpr std::uint32_t inlineFlag = 0x10000000;
+    auto image = withFile();
+    const auto slot = ExtImage::offsetOf(ExtImage::tableBlock) + 12 * ExtImage::inodeSize;
+    putLE(image.bytes(), slot + 4, 5000, 4);
+    putLE(image.bytes(), slot + 32, inlineFlag, 4);
+    image.renewChecksums();
+    const auto disk = parse(image.bytes());
+    EXPECT_EQ(chance(disk["/mappe/brev"]), "Delvis: Kun dele af filens blokke kendes");
+    EXPECT_EQ(disk.content("/mappe/brev").size(), 60u) << "no zeros are invented";
+}
+
 TEST(Ext, KeepsFilesWhoseFolderIsLost)
 {
     auto image = withFile();
