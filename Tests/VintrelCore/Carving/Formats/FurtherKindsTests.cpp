@@ -143,6 +143,8 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
     putLE(elsewhere, 76, 500, 4);
     auto loud = triangles(12);
     putLE(loud, 84, 0x4180'0000, 4);
+    auto whole = triangles(12);
+    putLE(whole, 84 + 12, 700, 4);
     const auto damaged = [](std::string_view sample, std::size_t at) {
         auto bytes = readFile(VINTREL_SAMPLES "/" + std::string(sample));
         bytes[at < bytes.size() ? at : bytes.size() - 1] ^= 0x55;
@@ -153,6 +155,7 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         { "a root that is no page", outlook(true, 0x81) },
         { "a picture packed in a way that none is", layered(1, 2) },
         { "triangles with long normals", loud },
+        { "corners that are whole numbers", whole },
         { "three triangles", triangles(3) },
         { "blocks without an end",
             Content().text("BLENDER-v279DATA").le(40, 4).upTo(72).text("dat1") },
