@@ -49,7 +49,7 @@ public:
         { FileCategory::audio, "FLAC, AAC, AMR, CAF, AU, APE, WavPack, MIDI, WMA" },
         { FileCategory::document,
             "EML, MBOX, PST, VCF, ICS, ODG, KEY, DjVu, DXF, STEP, STL, BLEND, 3MF, KDBX, 1PUX, "
-            "JSON, Berkeley DB, PEM, ASC, PPK" },
+            "JSON, Berkeley DB, PEM, ASC, GPG, PPK" },
         { FileCategory::archive, "GZ, BZ2, XZ, ZST, TAR, CAB, CPIO, ISO, APK" },
     } };
 
