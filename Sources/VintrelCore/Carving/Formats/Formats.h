@@ -135,6 +135,7 @@ Found dpx(const Candidate& candidate);
 Found stl(const Candidate& candidate);
 Found mrw(const Candidate& candidate);
 Found xcf(const Candidate& candidate);
+Found plainText(const Candidate& candidate);
 
 /// Whether what begins at `position` may belong to the same file as the `before` streams in front
 /// of it, where programs join streams. At a sector it rather is a file of its own, but for files
