@@ -41,6 +41,7 @@ Til tree og recover:
   --streams          Tag også navngivne datastrømme med (NTFS)
 Til tree, deep og recover:
   --fragments        Saml filer, der ligger i stykker, efter hvad indholdet viser
+  --text             Led i den dybe scanning også efter tekst, HTML, XML og CSV (anslået størrelse)
 Til deep:
   --no-carve         Led ikke efter filer ud fra deres indhold
 Til recover:

@@ -32,6 +32,7 @@ void Commands::deep(Session& session)
 {
     DeepScanOptions options;
     options.carve = !session.options.has("--no-carve");
+    options.findTexts = session.options.has("--text");
     for (const auto& volume : allVolumes(session, options))
         session.output.summary(*volume);
 }

@@ -6,7 +6,9 @@
 
 std::optional<DeepScanOptions> deepScanByOption(const Session& session)
 {
-    return session.options.has("--deep") ? std::optional(DeepScanOptions()) : std::nullopt;
+    if (!session.options.has("--deep"))
+        return std::nullopt;
+    return DeepScanOptions { .findTexts = session.options.has("--text") };
 }
 
 VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& deep)

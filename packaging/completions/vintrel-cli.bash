@@ -24,9 +24,9 @@ _vintrel_cli() {
     esac
     options='--progress --json'
     case "$command" in
-        tree) options+=' --deep --fragments --streams' ;;
-        deep) options+=' --no-carve --fragments' ;;
-        recover) options+=' --deep --deleted --fragments --streams --only --type --chance --volume --list-only --page' ;;
+        tree) options+=' --deep --fragments --streams --text' ;;
+        deep) options+=' --no-carve --fragments --text' ;;
+        recover) options+=' --deep --deleted --fragments --streams --text --only --type --chance --volume --list-only --page' ;;
         image) options='--progress --page' ;;
     esac
     case "$current" in

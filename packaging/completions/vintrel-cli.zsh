@@ -34,12 +34,14 @@ _vintrel_cli() {
         list) _arguments $common ;;
         scan) _arguments $common '1:kilde:_vintrel_cli_source' ;;
         tree) _arguments $common '--deep[dyb scanning]' '--fragments[saml filer i stykker]' \
-            '--streams[navngivne strømme]' \
+            '--streams[navngivne strømme]' '--text[også tekst efter indhold]' \
             '1:kilde:_vintrel_cli_source' ;;
         deep) _arguments $common '--no-carve[uden filer efter indhold]' '--fragments[saml filer i stykker]' \
+            '--text[også tekst efter indhold]' \
             '1:kilde:_vintrel_cli_source' ;;
         recover) _arguments $common '--deep[dyb scanning]' '--deleted[kun det, der ikke længere findes]' \
             '--fragments[saml filer i stykker]' '--streams[ressourcegrene og navngivne strømme]' \
+            '--text[også tekst efter indhold]' \
             '*--only[kun disse stier]:mønster:' '*--volume[kun dette volumen]:nummer:' \
             '*--type[kun disse typer]:type:(billeder video lyd dokumenter arkiver andet jpg pdf mp4)' \
             '*--chance[kun med disse chancer]:chance:(god delvis ringe ukendt)' \

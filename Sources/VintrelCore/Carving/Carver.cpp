@@ -11,6 +11,13 @@ namespace {
 
 using enum FileCategory;
 
+/// Whether text inside of such a file is a part of it.
+bool consistsOfText(std::string_view extension)
+{
+    const auto category = categoryOf("x." + std::string(extension));
+    return category == document || category == archive || category == other;
+}
+
 constexpr std::size_t minHead = 32;
 
 /// The bytes that all candidates together may read in vain: so many, or as many as the source has,
@@ -54,7 +61,7 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
         return std::nullopt;
     const auto* const signature = signatureOf(head);
     const auto readByInnerMark = readerByInnerMark(head);
-    if (signature == nullptr && readByInnerMark == nullptr)
+    if (signature == nullptr && readByInnerMark == nullptr && !findsTexts_)
         return std::nullopt;
 
     std::optional<CarvedFile> found;
@@ -62,11 +69,27 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
         found = tryFormat(signature->read, offset);
     if (!found && readByInnerMark != nullptr)
         found = tryFormat(readByInnerMark, offset);
+    if (!found && findsTexts_)
+        found = tryText(head, offset);
     if (found && !wants(found->ext))
         found.reset();
+    if (found && findsTexts_ && consistsOfText(found->ext))
+        textsFrom_ = std::max(textsFrom_, found->offset + found->size);
     if (!found && brokenHeads_ != nullptr)
         noteBrokenHead(head, offset);
     return found;
+}
+
+/// The text that begins at `offset`; none within one that has begun before, nor within a document.
+std::optional<CarvedFile> Carver::tryText(ByteView head, std::uint64_t offset)
+{
+    constexpr std::size_t lookedAt = 8;
+    const auto start = head.u16be(0);
+    const bool hasMark = start == 0xFFFE || start == 0xFEFF;
+    const bool mayBegin = hasMark
+        || std::ranges::all_of(head.span().first(lookedAt),
+            [](std::uint8_t byte) { return byte >= '\t' && byte != 0x7F; });
+    return mayBegin && offset >= textsFrom_ ? tryFormat(Formats::plainText, offset) : std::nullopt;
 }
 
 void Carver::noteBrokenHead(ByteView head, std::uint64_t offset)

@@ -49,7 +49,7 @@ public:
         { FileCategory::audio, "FLAC, AAC, AMR, CAF, AU, APE, WavPack, MIDI, WMA" },
         { FileCategory::document,
             "EML, MBOX, PST, VCF, ICS, ODG, KEY, DjVu, DXF, STEP, STL, BLEND, 3MF, KDBX, 1PUX, "
-            "JSON, Berkeley DB, PEM, ASC, PPK" },
+            "JSON, Berkeley DB, PEM, ASC, GPG, PPK" },
         { FileCategory::archive, "GZ, BZ2, XZ, ZST, TAR, CAB, CPIO, ISO, APK" },
     } };
 
@@ -65,6 +65,9 @@ public:
     /// end. It must outlive this.
     void noteBrokenHeads(std::vector<BrokenHead>& heads) { brokenHeads_ = &heads; }
 
+    /// From now on texts that have no mark are found, too. Where they end is an estimate.
+    void findTexts() { findsTexts_ = true; }
+
     /// Whether files with this extension belong to the categories.
     bool wants(std::string_view extension) const;
 
@@ -78,12 +81,15 @@ private:
     using FormatReader = std::optional<CarvedFile> (*)(const Candidate&);
 
     std::optional<CarvedFile> tryFormat(FormatReader read, std::uint64_t offset);
+    std::optional<CarvedFile> tryText(ByteView head, std::uint64_t offset);
     void noteBrokenHead(ByteView head, std::uint64_t offset);
 
     std::set<FileCategory> categories_;
     RandomReader reader_;
     std::unique_ptr<CarverSearches> searches_;
     std::vector<BrokenHead>* brokenHeads_ = nullptr; ///< none: not wanted
+    bool findsTexts_ = false;
+    std::uint64_t textsFrom_ = 0; ///< on the source; what lies before belongs to another find
     bool hasRunOut_ = false;
     std::uint64_t work_ = 0; ///< of the candidates that were no files, as RandomReader counts it
 };

@@ -76,6 +76,13 @@ constexpr Signature signatures[] = {
     { { 'X', '-', 0, 0 }, firstTwo, document, Formats::mail },
     { { 'B', 'E', 'G', 'I' }, all, document, Formats::contacts },
     { { '-', '-', '-', '-' }, all, document, Formats::armour },
+    { { 0x98, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // public keys
+    { { 0x99, 0, 0, 4 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
+    { { 0x94, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // secret ones
+    { { 0x95, 0, 0, 4 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
+    { { 0x84, 0, 3, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // messages
+    { { 0x85, 0, 0, 3 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
+    { { 0x8C, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
     { { 'P', 'u', 'T', 'T' }, all, document, Formats::puttyKey },
     { { '{', '\n', ' ', ' ' }, all, document, Formats::passwordExport },
     { { '{', '\r', '\n', ' ' }, all, document, Formats::passwordExport },

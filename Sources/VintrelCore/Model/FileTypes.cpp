@@ -79,6 +79,7 @@ constexpr ExtensionRow extensionTable[] = {
     { "flac", FileCategory::audio },
     { "flv", FileCategory::video },
     { "gif", FileCategory::image },
+    { "gpg", FileCategory::document },
     { "gz", FileCategory::archive },
     { "heic", FileCategory::image },
     { "heif", FileCategory::image },

@@ -59,6 +59,8 @@ DeepScanResult DeepScanner::run(
     std::optional<Carver> carver;
     if (options_.carve)
         carver.emplace(source_, options_.categories, &window);
+    if (carver && options_.findTexts)
+        carver->findTexts();
     if (carver && options_.noteBrokenHeads)
         carver->noteBrokenHeads(result.brokenHeads);
     using Clock = SweepProgress::Clock;

@@ -22,6 +22,7 @@ struct DeepScanOptions {
     bool carve = true;
     std::set<FileCategory> categories = carvedCategories(); ///< of the files to carve
     bool findVolumes = true;                                ///< look for structures of file systems
+    bool findTexts = false;       ///< texts without a mark, of which every disk is full
     bool noteBrokenHeads = false; ///< of files to carve that may lie in pieces
 };
 

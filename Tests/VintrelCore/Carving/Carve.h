@@ -30,14 +30,15 @@ inline std::string carve(
 
 /// Everything that a sweep finds on a disk of these files, each at the next sector:
 /// "ext@sector+size", with "~" when that is estimated and "!" when another find begins inside.
-inline Texts sweep(const std::vector<Bytes>& files)
+inline Texts sweep(
+    const std::vector<Bytes>& files, const DeepScanOptions& options = { .findVolumes = false })
 {
     Content disk;
     for (const auto& file : files)
         disk.add(file).upTo((disk.size() + 511) / 512 * 512);
     const auto source = disk.add(Bytes(4_KiB, 0x11)).source();
     Texts found;
-    for (const auto& file : DeepScanner(*source, { .findVolumes = false }).run(nullptr).carved)
+    for (const auto& file : DeepScanner(*source, options).run(nullptr).carved)
         found.push_back(file.ext + "@" + std::to_string(file.offset / 512)
             + (file.exact ? "+" : "~") + std::to_string(file.size)
             + (file.isInterrupted ? "!" : ""));

@@ -112,6 +112,7 @@ Found mail(const Candidate& candidate);
 Found contacts(const Candidate& candidate);
 Found armour(const Candidate& candidate);
 Found puttyKey(const Candidate& candidate);
+Found openPGP(const Candidate& candidate);
 Found passwordExport(const Candidate& candidate);
 Found kdbx(const Candidate& candidate);
 Found pst(const Candidate& candidate);
@@ -134,6 +135,7 @@ Found dpx(const Candidate& candidate);
 Found stl(const Candidate& candidate);
 Found mrw(const Candidate& candidate);
 Found xcf(const Candidate& candidate);
+Found plainText(const Candidate& candidate);
 
 /// Whether what begins at `position` may belong to the same file as the `before` streams in front
 /// of it, where programs join streams. At a sector it rather is a file of its own, but for files

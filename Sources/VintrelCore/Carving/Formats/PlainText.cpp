@@ -32,7 +32,8 @@ public:
             return isLatin1(byte);
         return encoding_ == utf8 ? takeUTF8(byte) : takeUTF16(byte);
     }
-    /// How many of the last bytes are the beginning of a character that has not ended.
+    /// How many of the last bytes that were taken are the beginning of a character that has not
+    /// ended.
     std::uint64_t pending() const { return pending_; }
 
 private:
@@ -48,8 +49,9 @@ private:
             wanted_ = static_cast<unsigned>(std::countl_one(byte));
             if (wanted_ == 0)
                 return isASCII(byte);
-            pending_ = 1;
-            return byte >= 0xC2 && byte <= 0xF4;
+            const bool isFirst = byte >= 0xC2 && byte <= 0xF4;
+            pending_ = isFirst ? 1 : 0;
+            return isFirst;
         }
         if ((byte & 0xC0) != 0x80)
             return false;
@@ -59,7 +61,7 @@ private:
 
     bool takeUTF16(std::uint8_t byte)
     {
-        constexpr std::uint32_t lowSurrogate = 0xDC00;
+        constexpr std::uint32_t highSurrogate = 0xD800, lowSurrogate = 0xDC00;
         unit_ = (unit_ << 8 | byte) & 0xFFFF;
         if (++pending_ % 2 != 0)
             return true;
@@ -67,11 +69,13 @@ private:
             = encoding_ == utf16be ? unit_ : (unit_ << 8 | unit_ >> 8) & 0xFFFF;
         const bool isSecond = pending_ == 4;
         const auto surrogate = unit & 0xFC00;
-        if (isSecond != (surrogate == lowSurrogate))
+        const bool isCharacter = isASCII(unit) || (unit >= 0xA0 && unit < 0xFFFE);
+        if (!isCharacter || isSecond != (surrogate == lowSurrogate)) {
+            --pending_; // this byte is not taken
             return false;
-        if (surrogate != 0xD800)
-            pending_ = 0;
-        return unit < 0x80 ? isASCII(unit) : unit >= 0xA0 && unit < 0xFFFE;
+        }
+        pending_ = surrogate == highSurrogate ? pending_ : 0;
+        return true;
     }
 
     Encoding encoding_;
@@ -86,8 +90,8 @@ std::uint64_t behindText(RandomReader& file, Decoder::Encoding encoding, std::ui
     Decoder decoder(encoding);
     while (position < limit) {
         const auto bytes = file.stretch(position).span();
-        const auto end = std::ranges::find_if(
-            bytes, [&](std::uint8_t byte) { return !decoder.take(byte); });
+        const auto end
+            = std::ranges::find_if(bytes, [&](std::uint8_t byte) { return !decoder.take(byte); });
         const auto count = static_cast<std::size_t>(end - bytes.begin());
         file.addWork((count + 1) * workPerByte);
         position += count;

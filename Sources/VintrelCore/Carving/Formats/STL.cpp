@@ -26,19 +26,26 @@ static_assert(sizeof(Triangle) == 50);
 
 float number(LE32 stored) { return std::bit_cast<float>(std::uint32_t { stored }); }
 
-/// Whether it has a normal of length 1 or 0, and three different corners that are no more than
-/// kilometres away.
-bool isTriangle(const Triangle& triangle)
+/// Whether it may be the place of a corner: no more than kilometres away, and not so near to zero
+/// as small whole numbers are when they are read as this.
+bool isCoordinate(float value)
 {
     constexpr float maxCoordinate = 1e7F;
+    const auto kind = std::fpclassify(value);
+    return (kind == FP_NORMAL || kind == FP_ZERO) && std::abs(value) < maxCoordinate;
+}
+
+/// Whether it has a normal of length 1 or 0, and three different corners.
+bool isTriangle(const Triangle& triangle)
+{
     constexpr float tolerance = 0.01F;
     const auto x = number(triangle.normal[0]);
     const auto y = number(triangle.normal[1]);
     const auto z = number(triangle.normal[2]);
     const auto length = std::hypot(x, y, z);
     const bool isNormal = length == 0 || std::abs(length - 1) < tolerance;
-    const bool areClose = std::ranges::all_of(triangle.corners,
-        [](const LE32& corner) { return std::abs(number(corner)) < maxCoordinate; });
+    const bool areClose = std::ranges::all_of(
+        triangle.corners, [](const LE32& corner) { return isCoordinate(number(corner)); });
     const auto corner = [&](std::size_t which) {
         return std::array { number(triangle.corners[which * 3]),
             number(triangle.corners[which * 3 + 1]), number(triangle.corners[which * 3 + 2]) };

@@ -68,6 +68,24 @@ bool isSound(const Header& header)
     return sum == *stated;
 }
 
+/// Where the content of a member begins whose header is at `position`. GNU's own form of a sparse
+/// member goes on with blocks that tell where its pieces lie, each of which says whether another
+/// follows.
+std::uint64_t behindHeader(RandomReader& file, std::uint64_t position, const Header& header)
+{
+    constexpr std::uint8_t sparse = 'S';
+    constexpr std::uint64_t goesOnInHeader = 482;
+    constexpr std::uint64_t goesOnInBlock = 504;
+    constexpr int maxBlocks = 1'000'000;
+    bool goesOn = header.type == sparse && file.u8(position + goesOnInHeader) != 0;
+    position += blockSize;
+    for (int count = 0; goesOn && count < maxBlocks && !file.isExhausted(); ++count) {
+        goesOn = file.u8(position + goesOnInBlock) != 0;
+        position += blockSize;
+    }
+    return position;
+}
+
 bool isZero(RandomReader& file, std::uint64_t position)
 {
     return ByteView(file.load<std::array<std::uint8_t, blockSize>>(position)).isAllZero();
@@ -108,7 +126,8 @@ Found tar(const Candidate& candidate)
         const auto size = sizeOf(header);
         if (!size || *size >= limit - position)
             return std::nullopt;
-        position += blockSize + (hasContent ? unitsFor(*size, blockSize) * blockSize : 0);
+        position = behindHeader(file, position, header)
+            + (hasContent ? unitsFor(*size, blockSize) * blockSize : 0);
     }
     return std::nullopt;
 }

@@ -143,6 +143,8 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
     putLE(elsewhere, 76, 500, 4);
     auto loud = triangles(12);
     putLE(loud, 84, 0x4180'0000, 4);
+    auto whole = triangles(12);
+    putLE(whole, 84 + 12, 700, 4);
     const auto damaged = [](std::string_view sample, std::size_t at) {
         auto bytes = readFile(VINTREL_SAMPLES "/" + std::string(sample));
         bytes[at < bytes.size() ? at : bytes.size() - 1] ^= 0x55;
@@ -153,6 +155,7 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         { "a root that is no page", outlook(true, 0x81) },
         { "a picture packed in a way that none is", layered(1, 2) },
         { "triangles with long normals", loud },
+        { "corners that are whole numbers", whole },
         { "three triangles", triangles(3) },
         { "blocks without an end",
             Content().text("BLENDER-v279DATA").le(40, 4).upTo(72).text("dat1") },
@@ -218,6 +221,44 @@ TEST(FurtherKinds, EstimateALetterWithoutParts)
               .text("To: c\n\n--Z\n\nOne.\n--Z--\n");
     EXPECT_EQ(carve(Content().add(parts).text("text of somebody else")),
         "eml " + std::to_string(parts.size()));
+}
+
+TEST(FurtherKinds, AreTextsOnlyWhereTheyAreAskedFor)
+{
+    const auto filled = [](std::string_view line, std::string_view first = "") {
+        std::string text(first);
+        while (text.size() < 5'000)
+            text += line;
+        return bytesOf(text);
+    };
+    const std::string_view sentence = "Solen stod stille over fjorden.\n";
+    Content wide;
+    wide.be(0xFFFE, 2);
+    for (int i = 0; i < 2'600; ++i)
+        wide.le(
+            static_cast<std::uint64_t>(sentence[static_cast<std::size_t>(i) % sentence.size()]), 2);
+    const struct {
+        const char* found;
+        Bytes file;
+    } files[] = {
+        { "txt", filled(sentence) },
+        { "txt", filled("Bl\xC3\xA6sten kom f\xC3\xB8rst henad aften.\n") },
+        { "txt", filled("Bl\xE6sten kom f\xF8rst henad aften.\n") },
+        { "txt", wide },
+        { "html", filled("<p>Ingen havde travlt.</p>\n", "<!DOCTYPE html>\n<html>\n") },
+        { "xml", filled("<p>Ingen havde travlt.</p>\n", "<?xml version='1.0'?>\n<a>\n") },
+        { "csv", filled("Havn;12,5;\"ja; nej\"\n", "Sted;Pris;Andet\n") },
+        { "", filled("          \n") },
+        { "", patternBytes(8'000) },
+        { "", Content().text("Ingen havde travlt den dag.\n").zeros(5'000) },
+    };
+    for (const auto& [ext, file] : files) {
+        EXPECT_EQ(sweep({ file }), Texts {});
+        const auto expected = ext + ("@0~" + std::to_string(file.size()));
+        EXPECT_EQ(sweep({ file }, { .findVolumes = false, .findTexts = true }),
+            *ext != 0 ? Texts { expected } : Texts {})
+            << ext;
+    }
 }
 
 TEST(FurtherKinds, ProveNoBodyThatIsOnlyStated)
