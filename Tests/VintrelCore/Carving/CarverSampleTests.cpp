@@ -116,12 +116,10 @@ TEST(CarverSamples, ComeBackByteForByteAndNothingElseDoes)
 }
 
 // Files that were overwritten but for their beginnings may give a find of their own, but take
-// nothing from others.
+// nothing from others, nor from another copy of themselves.
 TEST(CarverSamples, AreNotHiddenByTheBeginningsOfOthers)
 {
-    for (std::size_t shift = 1; shift < samples().size();
-         shift += 15) {                               // other neighbours each time
-        const std::size_t tenths = 2 + shift % 4 * 2; // of each file that are left
+    const auto missingBehind = [](std::size_t tenths, auto neighbourOf) {
         Disk disk;
         for (std::size_t i = 0; i < samples().size(); ++i) {
             const auto& lost = samples()[i].bytes;
@@ -131,7 +129,7 @@ TEST(CarverSamples, AreNotHiddenByTheBeginningsOfOthers)
             disk.append(Bytes(lost.begin(),
                 lost.begin() + static_cast<std::ptrdiff_t>(lost.size() * tenths / 10)));
             disk.fill(Disk::text, lost.size()); // a length that the beginning tells is believed
-            disk.place(samples()[(i * 29 + shift) % samples().size()]);
+            disk.place(samples()[neighbourOf(i) % samples().size()]);
             disk.fill(Disk::zeros, 0);
         }
         const auto found = disk.found();
@@ -139,8 +137,14 @@ TEST(CarverSamples, AreNotHiddenByTheBeginningsOfOthers)
         for (const auto& file : disk.expected())
             if (std::find(found.begin(), found.end(), file) == found.end())
                 missing.push_back(file);
-        EXPECT_EQ(missing, std::vector<std::string> {}) << "shift " << shift;
-    }
+        return missing;
+    };
+    const std::vector<std::string> none;
+    for (std::size_t shift = 1; shift < samples().size(); shift += 15)
+        EXPECT_EQ(missingBehind(2 + shift % 4 * 2, [&](auto i) { return i * 29 + shift; }), none)
+            << "shift " << shift;
+    for (const std::size_t tenths : { 2U, 4U, 6U, 8U })
+        EXPECT_EQ(missingBehind(tenths, [](auto i) { return i; }), none) << tenths << " tenths";
 }
 
 // Neither the bytes between two files nor the end of the disk are needed to tell one from the
