@@ -1,6 +1,7 @@
 #include "VintrelCore/Scanning/Overlay.h"
 
 #include "VintrelCore/FileSystems/FileSystems.h"
+#include "VintrelCore/Fragments/Kinds.h"
 #include "VintrelCore/Model/Chance.h"
 
 #include <algorithm>
@@ -122,8 +123,10 @@ void judge(DiskSource& source, std::span<const std::unique_ptr<Volume>> trusted,
 void overrule(std::span<CarvedFile> finds, std::span<const std::unique_ptr<Volume>> volumes)
 {
     std::unordered_map<std::uint64_t, CarvedFile*> byOffset;
+    // Most walks follow lengths, which lead over other bytes as well; checksums do not.
     for (auto& find : finds)
-        if (find.exact && !find.isProved && find.pieces.empty())
+        if (find.exact && find.pieces.empty()
+            && !(find.isProved && Fragments::hasChecksums(find.ext)))
             byOffset.emplace(find.offset, &find);
     if (byOffset.empty())
         return;

@@ -16,8 +16,8 @@ namespace Overlay {
 void judge(DiskSource& source, std::span<const std::unique_ptr<Volume>> trusted,
     std::span<const std::unique_ptr<Volume>> found);
 
-/// Marks the finds of which only the head says how long they are, and which are taken for one
-/// piece, where a volume has a file that begins there, is as long and lies in pieces.
+/// Marks the finds that are taken for one piece, and whose content has no checksums to prove that,
+/// where a volume has a file that begins there, is as long and lies in pieces.
 void overrule(std::span<CarvedFile> finds, std::span<const std::unique_ptr<Volume>> volumes);
 
 } // namespace Overlay
