@@ -18,6 +18,9 @@ namespace {
 constexpr std::uint64_t directBlocks = 12;
 constexpr int topLevel = 2; ///< lists of lists of lists
 
+/// Of all lists of a volume, some 100 MiB of memory. Disks in use have a hundredth of it.
+constexpr std::size_t maxRuns = 4'194'304;
+
 /// A list that belongs to nothing that exists.
 struct LooseList {
     std::vector<ExtRun> runs; ///< of what it names, counted from its own first entry
@@ -76,19 +79,21 @@ private:
     using Lists = std::map<std::uint64_t, LooseList>; // by their blocks
 
     std::optional<LooseList> decode(ByteView block) const;
-    bool namesLists(const LooseList& list, int level) const;
+    template <class Test> bool areAll(const LooseList& list, Test test);
     void findLevels();
     std::uint64_t firstDataBlockOf(const LooseList& list) const;
     void findFollowers();
     LooseList* nextList(int level, std::uint64_t block);
     void append(ExtMapping& mapping, const LooseList& list) const;
     ExtMapping mappingOf(std::uint64_t block, const LooseList& list);
-    ExtEntry entryOf(std::uint64_t block, const ExtMapping& mapping) const;
+    ExtEntry entryOf(std::uint64_t block, const ExtMapping& mapping);
 
     ExtContext& context_;
     const ExtGeometry& geometry_;
     const ExtContent content_;
+    ExtRecognition recognition_;
     Lists lists_;
+    std::size_t runsLeft_ = maxRuns;
     std::multimap<std::pair<int, std::uint64_t>, std::uint64_t> followers_;
     const Listed& listed_;
 };
@@ -97,6 +102,7 @@ Search::Search(const Listed& listed, ExtContext& context)
     : context_(context)
     , geometry_(context.geometry())
     , content_(context)
+    , recognition_(context)
     , listed_(listed)
 {
 }
@@ -132,33 +138,39 @@ void Search::add(std::uint64_t offset)
     if (inVolume % geometry_.blockSize != 0 || !geometry_.isBlock(block)
         || context_.allocation().isInUse(block))
         return;
-    if (auto list = decode(context_.blocks().read(block)))
-        lists_.emplace(block, std::move(*list));
+    auto list = decode(context_.blocks().read(block));
+    if (!list || list->runs.size() > runsLeft_)
+        return;
+    runsLeft_ -= list->runs.size();
+    lists_.emplace(block, std::move(*list));
 }
 
-/// Whether all that a list names are lists of a level, or of one above.
-bool Search::namesLists(const LooseList& list, int level) const
+/// Calls `test(found)` for all that a list names until it is false, with the place among the lists
+/// where each was found or not. Returns whether it never was.
+template <class Test> bool Search::areAll(const LooseList& list, Test test)
 {
-    return std::ranges::all_of(list.runs, [&](const ExtRun& run) {
-        for (std::uint64_t index = 0; index < run.count; ++index) {
-            const auto found = lists_.find(run.physical + index);
-            if (found == lists_.end() || found->second.level < level)
+    for (const auto& run : list.runs)
+        for (std::uint64_t index = 0; index < run.count; ++index)
+            if (!test(lists_.find(run.physical + index)))
                 return false;
-        }
-        return true;
-    });
+    return true;
 }
 
+/// Lists of lists are those that name nothing else, and nothing that another one has named.
 void Search::findLevels()
 {
-    for (int level = 1; level <= topLevel; ++level)
-        for (auto& [block, list] : lists_)
-            if (namesLists(list, level - 1)) {
-                list.level = level;
-                for (const auto& run : list.runs)
-                    for (std::uint64_t index = 0; index < run.count; ++index)
-                        lists_.at(run.physical + index).isNamed = true;
-            }
+    const auto isUnnamed
+        = [&](auto found) { return found != lists_.end() && !found->second.isNamed; };
+    const auto name = [](auto found) { return found->second.isNamed = true; };
+    for (auto& [block, list] : lists_)
+        if (areAll(list, isUnnamed)) {
+            list.level = 1;
+            areAll(list, name);
+        }
+    const auto isOfLists = [](auto found) { return found->second.level > 0; };
+    for (auto& [block, list] : lists_)
+        if (list.level == 1 && areAll(list, isOfLists))
+            list.level = topLevel;
 }
 
 std::uint64_t Search::firstDataBlockOf(const LooseList& list) const
@@ -236,15 +248,14 @@ ExtMapping Search::mappingOf(std::uint64_t block, const LooseList& list)
     return mapping;
 }
 
-ExtEntry Search::entryOf(std::uint64_t block, const ExtMapping& mapping) const
+ExtEntry Search::entryOf(std::uint64_t block, const ExtMapping& mapping)
 {
     ExtEntry entry { .kind = fileMode, .died = ExtLife::now - 1, .diedAtLatest = ExtLife::now - 1 };
     entry.node = FileNode::makeFile(
         "blok-" + std::to_string(block), 0, EntryStatus::deleted, Recoverability::good);
     auto& node = *entry.node;
     content_.takeRuns(node, mapping);
-    const auto extension
-        = mapping.isWhole ? ExtRecognition::recognise(context_, node) : std::string();
+    const auto extension = mapping.isWhole ? recognition_.recognise(node) : std::string();
     if (!extension.empty()) {
         node.name += "." + extension;
     } else {

@@ -34,7 +34,7 @@ std::unique_ptr<Volume> volumeOf(
     if (files.entries.empty())
         return nullptr;
     ExtFreedBlocks::assign(*context, content, files);
-    ExtRecognition::recogniseAll(*context, files);
+    ExtRecognition(*context).recogniseAll(files);
     ExtNames names(*context, files);
     names.read(progress);
 

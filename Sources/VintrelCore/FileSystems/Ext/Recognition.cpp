@@ -7,6 +7,9 @@
 
 namespace {
 
+/// Each block was a part of one file at a time: more claims come from made-up disks.
+constexpr std::uint64_t filesOfBlock = 4;
+
 /// The blocks of a file, the last one whole; empty where it has holes.
 std::vector<ByteRange> blocksOf(const ExtentList& extents, std::uint64_t blockSize)
 {
@@ -22,17 +25,24 @@ std::vector<ByteRange> blocksOf(const ExtentList& extents, std::uint64_t blockSi
 
 } // namespace
 
-namespace ExtRecognition {
+ExtRecognition::ExtRecognition(const ExtContext& context)
+    : context_(context)
+    , bytesLeft_(saturatingMultiply(context.geometry().volumeSize(), filesOfBlock))
+{
+}
 
-std::string recognise(const ExtContext& context, FileNode& node)
+std::string ExtRecognition::recognise(FileNode& node)
 {
     constexpr std::int64_t headSize = 4096;
-    const auto blockSize = context.geometry().blockSize;
+    const auto blockSize = context_.geometry().blockSize;
     auto* const extents = std::get_if<ExtentList>(&node.data);
-    auto pieces = extents != nullptr ? blocksOf(*extents, blockSize) : std::vector<ByteRange>();
+    if (extents == nullptr || node.size > bytesLeft_)
+        return {};
+    auto pieces = blocksOf(*extents, blockSize);
     if (pieces.empty())
         return {};
-    const auto file = sourceOfPieces(context.blocks().source(), std::move(pieces));
+    bytesLeft_ -= node.size;
+    const auto file = sourceOfPieces(context_.blocks().source(), std::move(pieces));
     const auto known
         = Carver(*file, carvedCategories()).check(file->read(0, headSize, ReadMode::fast), 0);
     const bool fits = known && known->exact && !known->isCut && known->size >= node.size
@@ -46,15 +56,13 @@ std::string recognise(const ExtContext& context, FileNode& node)
     return known->ext;
 }
 
-void recogniseAll(const ExtContext& context, ExtFiles& files)
+void ExtRecognition::recogniseAll(ExtFiles& files)
 {
     for (auto index = files.livingCount; index < files.entries.size(); ++index) {
         auto& entry = files.entries[index];
         const bool isWanted = entry.kind == ExtFormat::fileMode && entry.node->size > 0
             && entry.doubts.has(Doubt::unknownSize) && !entry.doubts.has(Doubt::lostBlocks);
-        if (isWanted && !recognise(context, *entry.node).empty())
+        if (isWanted && !recognise(*entry.node).empty())
             entry.doubts = {};
     }
 }
-
-} // namespace ExtRecognition
