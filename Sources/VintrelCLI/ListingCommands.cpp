@@ -1,4 +1,5 @@
 #include "VintrelCLI/Commands.h"
+#include "VintrelCLI/KeptToTheEnd.h"
 #include "VintrelCLI/Session.h"
 #include "VintrelCLI/VolumeSearch.h"
 #include "VintrelCore/Devices/DiskList.h"
@@ -10,7 +11,7 @@ void Commands::scan(Session& session)
 {
     session.output.source(*session.source);
     session.reached = "Den hurtige scanning blev ikke færdig.";
-    const auto result = QuickScanner::run(*session.source, &session.progress);
+    const auto& result = keptToTheEnd(QuickScanner::run(*session.source, &session.progress));
     session.output.layout(result.layout);
     for (const auto& note : result.notes)
         session.output.note(note);

@@ -1,6 +1,7 @@
 #include "VintrelCLI/VolumeSearch.h"
 
 #include "VintrelCLI/ByteCount.h"
+#include "VintrelCLI/KeptToTheEnd.h"
 #include "VintrelCLI/Session.h"
 #include "VintrelCore/Scanning/FullScan.h"
 
@@ -11,7 +12,7 @@ std::optional<DeepScanOptions> deepScanByOption(const Session& session)
     return DeepScanOptions { .findTexts = session.options.has("--text") };
 }
 
-VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& deep)
+const VolumeList& allVolumes(Session& session, const std::optional<DeepScanOptions>& deep)
 {
     session.reached = "Den hurtige scanning blev ikke færdig.";
     FullScan::Listener listener;
@@ -33,7 +34,8 @@ VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& de
         // What is copied is read anyhow; a listing shall come soon.
         .look
         = session.arguments[0] == "tree" ? Fragments::Look::heads : Fragments::Look::contents };
-    auto volumes = FullScan::run(*session.source, options, &session.progress, listener);
+    const auto& volumes
+        = keptToTheEnd(FullScan::run(*session.source, options, &session.progress, listener));
     if (volumes.empty() && !deep && !session.progress.isCancelled())
         session.console.complain(
             "Der blev ikke fundet noget filsystem, der kan læses. En dyb scanning "

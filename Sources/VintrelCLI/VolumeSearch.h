@@ -11,5 +11,5 @@ struct Session;
 std::optional<DeepScanOptions> deepScanByOption(const Session& session);
 
 /// What the tables of the source name, and with a deep scan what is found beyond them. Notes and
-/// counts are printed on the way.
-VolumeList allVolumes(Session& session, const std::optional<DeepScanOptions>& deep);
+/// counts are printed on the way. They live until the process ends.
+const VolumeList& allVolumes(Session& session, const std::optional<DeepScanOptions>& deep);
