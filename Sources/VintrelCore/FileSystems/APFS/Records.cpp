@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/APFS/Nodes.h"
 #include "VintrelCore/Foundation/Decmpfs.h"
+#include "VintrelCore/Foundation/Rounding.h"
 #include "VintrelCore/Foundation/Sorting.h"
 
 #include <algorithm>
@@ -68,6 +69,15 @@ APFSFileRecords::Text APFSFileRecords::keepBytes(ByteView bytes)
     const Text kept { texts_.size(), static_cast<std::uint16_t>(bytes.size()) };
     texts_.append(bytes.span().begin(), bytes.span().end());
     return kept;
+}
+
+void APFSFileRecords::reserve(std::size_t leaves, std::uint64_t blockSize)
+{
+    // A file of one piece takes its inode, a name and an extent: 20 of each in a block of 4 KiB.
+    const auto files = static_cast<std::size_t>(saturatingMultiply(leaves, blockSize / 200));
+    inodes_.reserve(files);
+    links_.reserve(files);
+    extents_.reserve(files);
 }
 
 void APFSFileRecords::addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed,

@@ -83,6 +83,9 @@ public:
         Text name {};               ///< of `other`
     };
 
+    /// Asks for the memory of so many leaves at once. It takes about as much as they do.
+    void reserve(std::size_t leaves, std::uint64_t blockSize);
+
     /// Adds the records of a leaf that are wanted, all of them without `isWanted`.
     /// `isHashed`: its directory records have the hash of the name beside the name's length.
     void addLeaf(ByteView node, std::uint64_t blockSize, bool isHashed, LeafVersion leaf,

@@ -152,6 +152,7 @@ APFSVolumeReader::LiveRecords APFSVolumeReader::readLive(
         for (const auto block : found.indexBlocks)
             state_->chances().addInUse({ block, block + 1 });
     LiveRecords live { .records = {}, .isDamaged = found.isDamaged };
+    live.records.reserve(found.leaves.size(), state_->blocks().blockSize());
     CancelCheck check(progress);
     Bytes node;
     for (const auto& leaf : found.leaves) {
