@@ -2,6 +2,7 @@
 
 #include "Tests/Images/FATImage.h"
 #include "Tests/Support/TestSource.h"
+#include "Tests/Support/TimeZone.h"
 #include "VintrelCLI/CommandLine.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +30,6 @@ class Card : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv("TZ", "UTC", 1);
         setenv("LC_ALL", "C", 1);
         FATImage image({ .type = FileSystemType::fat16, .label = "KAMERA     " });
         const auto folder = image.addFolder(FATImage::root, { .name = "DCIM       " });
@@ -45,11 +45,11 @@ protected:
     }
     void TearDown() override
     {
-        unsetenv("TZ");
         unsetenv("LC_ALL");
         unsetenv("VINTREL_SIMULATE_BAD");
     }
 
+    TimeZone zone { "UTC" };
     TemporaryFolder folder;
     std::string path = folder / "kort.img";
     Bytes photo = patternBytes(3'000, 7);

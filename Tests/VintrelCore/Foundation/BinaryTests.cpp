@@ -1,9 +1,9 @@
+#include "Tests/Support/TimeZone.h"
 #include "VintrelCore/Foundation/Binary.h"
 #include "VintrelCore/Foundation/TimeConversion.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <limits>
 
 using namespace std::chrono;
@@ -14,17 +14,8 @@ constexpr auto far = std::numeric_limits<std::int64_t>::max();
 
 /// Runs a test under a time zone of its own.
 class LocalTime : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-        tzset();
-    }
-    void TearDown() override
-    {
-        unsetenv("TZ");
-        tzset();
-    }
+private:
+    const TimeZone zone_ { "CET-1CEST,M3.5.0,M10.5.0/3" };
 };
 
 constexpr std::uint16_t dosDate(int year, int month, int day)

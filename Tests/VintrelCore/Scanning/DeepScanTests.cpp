@@ -1,6 +1,7 @@
 #include "Tests/Images/CarvedFile.h"
 #include "Tests/Images/FATImage.h"
 #include "Tests/Images/PartitionImage.h"
+#include "Tests/Support/TimeZone.h"
 #include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/Scanning/DeepScan.h"
 
@@ -160,8 +161,7 @@ TEST(DeepScanner, EndsEarlyWhenCancelledAndAtOnceWithoutContent)
 
 TEST(DeepScanner, PresentsCarvedFilesAsAVolume)
 {
-    ::setenv("TZ", "Europe/Copenhagen", 1);
-    ::tzset();
+    const TimeZone zone("Europe/Copenhagen");
     const Date taken { std::chrono::seconds { 1'715'947'402 } };
     const auto source = makeSource(Bytes(1'024));
     const std::vector<CarvedFile> files {
@@ -170,7 +170,6 @@ TEST(DeepScanner, PresentsCarvedFilesAsAVolume)
         { 5'120, 900, "pdf", false, {} },
     };
     const auto volume = DeepScanner::carvedVolume(*source, files);
-    ::unsetenv("TZ");
     EXPECT_EQ(volume->title(), "Filer fundet via signatur (Signaturer)");
     EXPECT_EQ(volume->origin, "Dyb scanning");
     EXPECT_EQ(volume->size, 1'024u);

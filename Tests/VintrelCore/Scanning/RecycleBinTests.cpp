@@ -4,11 +4,11 @@
 #include "Tests/Images/PartitionImage.h"
 #include "Tests/Support/ParsedVolume.h"
 #include "Tests/Support/TestSource.h"
+#include "Tests/Support/TimeZone.h"
 #include "VintrelCore/Scanning/FullScan.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 
 namespace {
 
@@ -49,7 +49,7 @@ Bytes list(std::uint32_t number, std::uint32_t drive, std::u16string_view path)
 /// A volume with these files in one folder, as a scan shows it.
 Parsed scanned(const std::vector<std::pair<std::u16string, Bytes>>& files)
 {
-    setenv("TZ", "UTC", 1);
+    const TimeZone zone("UTC");
     Image image;
     image.putFolder(20, Image::root, u"bin");
     for (std::uint64_t number = 21; const auto& [name, content] : files)

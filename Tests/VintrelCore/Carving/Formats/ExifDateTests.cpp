@@ -1,3 +1,4 @@
+#include "Tests/Support/TimeZone.h"
 #include "Tests/VintrelCore/Carving/Carve.h"
 #include "VintrelCore/Carving/Formats/Formats.h"
 
@@ -5,7 +6,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <ctime>
 
 using namespace std::string_view_literals;
@@ -42,8 +42,7 @@ std::optional<Date> dateOfFile(const Bytes& file)
 
 /// Cameras write the time of the place where they are.
 struct CaptureDate : ::testing::Test {
-    CaptureDate() { ::setenv("TZ", "Europe/Copenhagen", 1); }
-    ~CaptureDate() override { ::unsetenv("TZ"); }
+    const TimeZone zone { "Europe/Copenhagen" };
 };
 
 } // namespace

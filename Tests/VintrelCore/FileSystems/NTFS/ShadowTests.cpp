@@ -1,5 +1,6 @@
 #include "Tests/Images/ShadowArea.h"
 #include "Tests/Support/DeepScan.h"
+#include "Tests/Support/TimeZone.h"
 #include "Tests/VintrelCore/FileSystems/NTFS/NTFSTestVolume.h"
 #include "VintrelCore/Devices/SourceOpener.h"
 #include "VintrelCore/FileSystems/NTFS/Shadow/Catalog.h"
@@ -30,7 +31,7 @@ Image::Record stored(std::u16string_view name, const Image::Runs& runs, const By
 /// The volumes of a deep scan that are shadow copies.
 VolumeList snapshotsOf(DiskSource& source)
 {
-    setenv("TZ", "UTC", 1);
+    const TimeZone zone("UTC");
     auto volumes = FullScan::run(source, DeepScanOptions { .carve = false }, nullptr);
     std::erase_if(volumes, [](const auto& volume) { return volume->origin != "Skyggekopi"; });
     return volumes;
