@@ -51,7 +51,8 @@ Carver::~Carver() = default;
 void Carver::windowMoved(std::uint64_t offset)
 {
     reader_.windowMoved();
-    for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds })
+    for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds,
+             &searches_->x3fDirectories })
         search->windowMoved(offset);
 }
 

@@ -115,6 +115,8 @@ constexpr Signature signatures[] = {
     { { 'S', 'D', 'P', 'X' }, all, image, Formats::dpx },
     { { 'X', 'P', 'D', 'S' }, all, image, Formats::dpx },
     { { 0, 'M', 'R', 'M' }, all, image, Formats::mrw },
+    { { 'I', 'I', 0x1A, 0 }, all, image, Formats::crw },
+    { { 'F', 'O', 'V', 'b' }, all, image, Formats::x3f },
     { { 'G', 0, 0, 0 }, first, video, Formats::mpegTS },
 };
 
@@ -243,6 +245,8 @@ FormatReader readerByInnerMark(ByteView head)
         return Formats::isoBMFF;
     if (beginsQuickTime(head))
         return Formats::quickTime;
+    if (head.matches("RED", 4))
+        return Formats::r3d;
     if (mayBeginBerkeleyDB(head))
         return Formats::berkeleyDB;
     if (mayBeginTGA(head))

@@ -177,6 +177,10 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         { "a metafile of another length", damaged("emf-plain.emf", 48) },
         { "a drawing that ends early", damaged("wmf-plain.wmf", 28) },
         { "an icon without pictures", damaged("ico-plain.ico", 22) },
+        { "a heap whose directory is another one's", damaged("crw-plain.crw", 9'999) },
+        { "a heap with a picture that is none", damaged("crw-plain.crw", 26 + 900) },
+        { "sections that begin elsewhere", damaged("x3f-plain.x3f", 40) },
+        { "a clip without an end", damaged("r3d-plain.r3d", 2'260 - 52) },
         { "something else in the footer's place", damaged("tga-plain.tga", 9'999) },
     };
     for (const auto& [what, file] : files)
