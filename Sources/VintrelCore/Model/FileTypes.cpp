@@ -146,6 +146,7 @@ constexpr ExtensionRow extensionTable[] = {
     { "rar", FileCategory::archive },
     { "rtf", FileCategory::document },
     { "rw2", FileCategory::image },
+    { "sketch", FileCategory::document },
     { "sr2", FileCategory::image },
     { "srw", FileCategory::image },
     { "stl", FileCategory::document },
