@@ -32,17 +32,17 @@ Bytes apeTag()
     return Content().text("APETAGEX").le(2000, 4).le(40, 4).le(1, 4).upTo(32).upTo(72, 'a');
 }
 
-Bytes outlook(bool isWide, std::uint8_t blockTreeType = 0x80)
+Bytes outlook(unsigned version, std::size_t trailer, std::uint8_t blockTreeType = 0x80)
 {
+    const bool isWide = version > 15;
     const int width = isWide ? 8 : 4;
     Content file;
-    file.text("!BDN").zeros(4).text("SM").le(isWide ? 23 : 14, 2).upTo(isWide ? 180 : 164);
-    file.zeros(4).le(2'048, width).zeros(static_cast<std::size_t>(width) * 3);
-    file.le(1, width).le(1'024, width).le(2, width).le(1'536, width);
-    const std::size_t trailer = isWide ? 496 : 500;
-    file.upTo(1'024 + trailer).le(0x8181, 2);
-    file.upTo(1'536 + trailer).le(blockTreeType, 1).le(0x80, 1);
-    return file.upTo(2'048);
+    file.text("!BDN").zeros(4).text("SM").le(version, 2).upTo(isWide ? 180 : 164);
+    file.zeros(4).le(16'384, width).zeros(static_cast<std::size_t>(width) * 3);
+    file.le(1, width).le(4'096, width).le(2, width).le(8'192, width);
+    file.upTo(4'096 + trailer).le(0x8181, 2);
+    file.upTo(8'192 + trailer).le(blockTreeType, 1).le(0x80, 1);
+    return file.upTo(16'384);
 }
 
 Bytes layered(int version, int compression)
@@ -121,8 +121,10 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
         { "ape", Content().add(ape()).add(apeTag()) },
         { "ape", Content().add(ape()).text("TAG").zeros(125) },
         { "amr", wide },
-        { "pst", outlook(true) },
-        { "pst", outlook(false) },
+        { "pst", outlook(23, 496) },
+        { "pst", outlook(14, 500) },
+        { "pst", outlook(36, 4'072) },
+        { "pst", outlook(37, 496) },
         { "psd", layered(1, 0) },
         { "psd", layered(1, 1) },
         { "psb", layered(2, 1) },
@@ -152,7 +154,7 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
     };
     const std::pair<std::string, Bytes> files[] = {
         { "frames that begin elsewhere", elsewhere },
-        { "a root that is no page", outlook(true, 0x81) },
+        { "a root that is no page", outlook(23, 496, 0x81) },
         { "a picture packed in a way that none is", layered(1, 2) },
         { "triangles with long normals", loud },
         { "corners that are whole numbers", whole },
