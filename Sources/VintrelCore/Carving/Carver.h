@@ -61,6 +61,10 @@ public:
     /// wanted kind. `head`: the bytes that lie there; with fewer than 32 there is no find.
     std::optional<CarvedFile> check(ByteView head, std::uint64_t offset);
 
+    /// Whether a program begins at byte `offset` of the source. Programs are no finds, but what
+    /// lies in front of one ends there. `head`: as of `check`.
+    bool beginsProgram(ByteView head, std::uint64_t offset);
+
     /// From now on `heads` gets the places at which a file begins but could not be followed to its
     /// end. It must outlive this.
     void noteBrokenHeads(std::vector<BrokenHead>& heads) { brokenHeads_ = &heads; }
@@ -80,6 +84,8 @@ public:
 private:
     using FormatReader = std::optional<CarvedFile> (*)(const Candidate&);
 
+    std::uint64_t beginCandidate(std::uint64_t offset);
+    void endCandidate(std::uint64_t allowed, std::uint64_t credit);
     std::optional<CarvedFile> tryFormat(FormatReader read, std::uint64_t offset);
     std::optional<CarvedFile> tryText(ByteView head, std::uint64_t offset);
     void noteBrokenHead(ByteView head, std::uint64_t offset);
