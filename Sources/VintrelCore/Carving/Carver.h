@@ -42,14 +42,13 @@ public:
     /// What is found besides.
     static constexpr std::array<SupportedType, 5> furtherTypes { {
         { FileCategory::image,
-            "PSD, PSB, XCF, JP2, J2K, JXL, SVG, ICO, WMF, EMF, DDS, TGA, DPX, KRA, RAW (3FR, ERF, "
-            "KDC, "
-            "MRW)" },
-        { FileCategory::video, "TS, MTS, MPG, VOB, WMV, FLV, MXF, DV" },
+            "PSD, PSB, XCF, JP2, J2K, JXL, SVG, ICO, WMF, EMF, DDS, TGA, DPX, KRA, RAW (3FR, CRW, "
+            "ERF, IIQ, KDC, MRW, SR2, X3F)" },
+        { FileCategory::video, "TS, MTS, MPG, VOB, WMV, FLV, MXF, DV, R3D" },
         { FileCategory::audio, "FLAC, AAC, AMR, CAF, AU, APE, WavPack, MIDI, WMA" },
         { FileCategory::document,
-            "EML, MBOX, PST, VCF, ICS, ODG, KEY, DjVu, DXF, STEP, STL, BLEND, 3MF, KDBX, 1PUX, "
-            "JSON, Berkeley DB, PEM, ASC, GPG, PPK" },
+            "EML, MBOX, PST, VCF, ICS, ODG, KEY, PAGES, NUMBERS, SKETCH, DjVu, DXF, STEP, STL, "
+            "BLEND, 3MF, KDBX, 1PUX, JSON, CSV of passwords, Berkeley DB, PEM, ASC, GPG, PPK" },
         { FileCategory::archive, "GZ, BZ2, XZ, ZST, TAR, CAB, CPIO, ISO, APK" },
     } };
 

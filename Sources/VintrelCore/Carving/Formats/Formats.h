@@ -115,6 +115,7 @@ Found contacts(const Candidate& candidate);
 Found armour(const Candidate& candidate);
 Found puttyKey(const Candidate& candidate);
 Found openPGP(const Candidate& candidate);
+Found passwordTable(const Candidate& candidate);
 Found passwordExport(const Candidate& candidate);
 Found kdbx(const Candidate& candidate);
 Found pst(const Candidate& candidate);

@@ -183,6 +183,7 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         { "a heap with a picture that is none", damaged("crw-plain.crw", 26 + 900) },
         { "sections that begin elsewhere", damaged("x3f-plain.x3f", 40) },
         { "a clip without an end", damaged("r3d-plain.r3d", 2'260 - 52) },
+        { "passwords with one field less", damaged("csv-browser.csv", 39) },
         { "something else in the footer's place", damaged("tga-plain.tga", 9'999) },
     };
     for (const auto& [what, file] : files)
@@ -227,6 +228,26 @@ TEST(FurtherKinds, EstimateALetterWithoutParts)
               .text("To: c\n\n--Z\n\nOne.\n--Z--\n");
     EXPECT_EQ(carve(Content().add(parts).text("text of somebody else")),
         "eml " + std::to_string(parts.size()));
+}
+
+// What is encrypted ends at zeros, or where another file begins.
+TEST(FurtherKinds, EstimateADatabaseOfPasswordsThatIsEncryptedAsAWhole)
+{
+    Content database;
+    database.le(0x9AA2'D903, 4).le(0xB54B'FB67, 4).le(0x0003'0001, 4);
+    for (const int id : { 2, 4, 5, 7, 9, 0 })
+        database.le(static_cast<std::uint64_t>(id), 1).le(16, 2).zeros(16);
+    const auto fields = database.size();
+    database.add(patternBytes(800 - 800 % 16));
+    const auto size = std::to_string(database.size());
+    EXPECT_EQ(carve(Content().add(database).zeros(500)), "kdbx ~" + size);
+    const Bytes whole = Content().add(database).add(patternBytes(1'024 - database.size()));
+    const auto png = pngFile();
+    EXPECT_EQ(
+        sweep({ whole, png }), (Texts { "kdbx@0~1024!", "png@2+" + std::to_string(png.size()) }));
+    Bytes other = database;
+    other[fields - 19] = 6; // no first bytes to know the password by
+    EXPECT_EQ(carve(other), "-");
 }
 
 TEST(FurtherKinds, AreTextsOnlyWhereTheyAreAskedFor)
