@@ -152,6 +152,9 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         bytes[at < bytes.size() ? at : bytes.size() - 1] ^= 0x55;
         return bytes;
     };
+    auto withoutTable = readFile(VINTREL_SAMPLES "/ole-word.doc");
+    const auto table = (ByteView(withoutTable).u32le(76) + 1) * 512;
+    std::fill_n(withoutTable.begin() + table + 8, 100, std::uint8_t { 0 });
     const std::pair<std::string, Bytes> files[] = {
         { "frames that begin elsewhere", elsewhere },
         { "a root that is no page", outlook(23, 496, 0x81) },
@@ -183,6 +186,10 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         { "a heap with a picture that is none", damaged("crw-plain.crw", 26 + 900) },
         { "sections that begin elsewhere", damaged("x3f-plain.x3f", 40) },
         { "a clip without an end", damaged("r3d-plain.r3d", 2'260 - 52) },
+        { "a key without the name of its owner", damaged("gpg-public.gpg", 53) },
+        { "a message that is not encrypted", damaged("gpg-password.gpg", 15) },
+        { "a message of a version that none has", damaged("gpg-password.gpg", 17) },
+        { "a table of sectors that was overwritten", withoutTable },
         { "passwords with one field less", damaged("csv-browser.csv", 39) },
         { "something else in the footer's place", damaged("tga-plain.tga", 9'999) },
     };
@@ -276,6 +283,7 @@ TEST(FurtherKinds, AreTextsOnlyWhereTheyAreAskedFor)
         { "xml", filled("<p>Ingen havde travlt.</p>\n", "<?xml version='1.0'?>\n<a>\n") },
         { "csv", filled("Havn;12,5;\"ja; nej\"\n", "Sted;Pris;Andet\n") },
         { "", filled("          \n") },
+        { "", filled("\xC6\xD8\xC5\xE6\xF8\xE5\xC4\xD6\xDC\xE4\xF6\xFC\xE9 abcdef\n") },
         { "", patternBytes(8'000) },
         { "", Content().text("Ingen havde travlt den dag.\n").zeros(5'000) },
     };
