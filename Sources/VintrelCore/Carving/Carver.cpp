@@ -1,6 +1,7 @@
 #include "VintrelCore/Carving/Carver.h"
 
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/Formats/Programs.h"
 #include "VintrelCore/Carving/HeadKinds.h"
 #include "VintrelCore/Carving/Signatures.h"
 #include "VintrelCore/Model/FileTypes.h"
@@ -51,7 +52,8 @@ Carver::~Carver() = default;
 void Carver::windowMoved(std::uint64_t offset)
 {
     reader_.windowMoved();
-    for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds })
+    for (auto* search : { &searches_->pdfStarts, &searches_->pdfEnds, &searches_->zipEnds,
+             &searches_->x3fDirectories })
         search->windowMoved(offset);
 }
 
@@ -100,14 +102,39 @@ void Carver::noteBrokenHead(ByteView head, std::uint64_t offset)
         brokenHeads_->push_back({ offset, extension });
 }
 
-/// Lets a format's reader work on the candidate at `offset`, within what all candidates together
-/// may still cost.
-std::optional<CarvedFile> Carver::tryFormat(FormatReader read, std::uint64_t offset)
+bool Carver::beginsProgram(ByteView head, std::uint64_t offset)
+{
+    if (!Formats::mayBeProgram(head))
+        return false;
+    const auto allowed = beginCandidate(offset);
+    const auto size = Formats::program({ reader_, categories_, *searches_ }, head);
+    endCandidate(allowed, size ? workOfFind : 0);
+    return size.has_value();
+}
+
+/// Moves the reader to the candidate at `offset`. How much all candidates together may have cost
+/// behind it.
+std::uint64_t Carver::beginCandidate(std::uint64_t offset)
 {
     const std::uint64_t ahead = std::max(leastWorkAhead, reader_.sourceSize());
     const std::uint64_t allowed = ahead + std::min(offset, UINT64_MAX / 16) * workPerByteSwept;
     reader_.moveTo(offset);
     reader_.limitWork(std::max(allowed - std::min(allowed, work_), minWork));
+    return allowed;
+}
+
+/// Adds what the candidate cost beyond its credit to the work of all.
+void Carver::endCandidate(std::uint64_t allowed, std::uint64_t credit)
+{
+    work_ = std::min(
+        work_ + reader_.work() - std::min(reader_.work(), credit), std::max(allowed, work_));
+}
+
+/// Lets a format's reader work on the candidate at `offset`, within what all candidates together
+/// may still cost.
+std::optional<CarvedFile> Carver::tryFormat(FormatReader read, std::uint64_t offset)
+{
+    const auto allowed = beginCandidate(offset);
     auto found = read({ reader_, categories_, *searches_ });
     hasRunOut_ |= reader_.isExhausted();
     if (found && (searches_->wasExhausted || found->size == 0))
@@ -122,10 +149,8 @@ std::optional<CarvedFile> Carver::tryFormat(FormatReader read, std::uint64_t off
     }
     // The sweep passes over a file that was proved; what went beyond the limit is no debt. Small
     // files are no vain work even where their ends are estimates.
-    const std::uint64_t credit = found ? workOfFind : 0;
     if (!found || !found->isProved)
-        work_ = std::min(
-            work_ + reader_.work() - std::min(reader_.work(), credit), std::max(allowed, work_));
+        endCandidate(allowed, found ? workOfFind : 0);
     return found;
 }
 

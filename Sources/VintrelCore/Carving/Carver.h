@@ -42,14 +42,13 @@ public:
     /// What is found besides.
     static constexpr std::array<SupportedType, 5> furtherTypes { {
         { FileCategory::image,
-            "PSD, PSB, XCF, JP2, J2K, JXL, SVG, ICO, WMF, EMF, DDS, TGA, DPX, KRA, RAW (3FR, ERF, "
-            "KDC, "
-            "MRW)" },
-        { FileCategory::video, "TS, MTS, MPG, VOB, WMV, FLV, MXF, DV" },
+            "PSD, PSB, XCF, JP2, J2K, JXL, SVG, ICO, WMF, EMF, DDS, TGA, DPX, KRA, RAW (3FR, CRW, "
+            "ERF, IIQ, KDC, MRW, SR2, X3F)" },
+        { FileCategory::video, "TS, MTS, MPG, VOB, WMV, FLV, MXF, DV, R3D" },
         { FileCategory::audio, "FLAC, AAC, AMR, CAF, AU, APE, WavPack, MIDI, WMA" },
         { FileCategory::document,
-            "EML, MBOX, PST, VCF, ICS, ODG, KEY, DjVu, DXF, STEP, STL, BLEND, 3MF, KDBX, 1PUX, "
-            "JSON, Berkeley DB, PEM, ASC, GPG, PPK" },
+            "EML, MBOX, PST, VCF, ICS, ODG, KEY, PAGES, NUMBERS, SKETCH, DjVu, DXF, STEP, STL, "
+            "BLEND, 3MF, KDBX, 1PUX, JSON, CSV of passwords, Berkeley DB, PEM, ASC, GPG, PPK" },
         { FileCategory::archive, "GZ, BZ2, XZ, ZST, TAR, CAB, CPIO, ISO, APK" },
     } };
 
@@ -60,6 +59,10 @@ public:
     /// The file that begins at byte `offset` of the source; none when none does, or none of a
     /// wanted kind. `head`: the bytes that lie there; with fewer than 32 there is no find.
     std::optional<CarvedFile> check(ByteView head, std::uint64_t offset);
+
+    /// Whether a program begins at byte `offset` of the source. Programs are no finds, but what
+    /// lies in front of one ends there. `head`: as of `check`.
+    bool beginsProgram(ByteView head, std::uint64_t offset);
 
     /// From now on `heads` gets the places at which a file begins but could not be followed to its
     /// end. It must outlive this.
@@ -80,6 +83,8 @@ public:
 private:
     using FormatReader = std::optional<CarvedFile> (*)(const Candidate&);
 
+    std::uint64_t beginCandidate(std::uint64_t offset);
+    void endCandidate(std::uint64_t allowed, std::uint64_t credit);
     std::optional<CarvedFile> tryFormat(FormatReader read, std::uint64_t offset);
     std::optional<CarvedFile> tryText(ByteView head, std::uint64_t offset);
     void noteBrokenHead(ByteView head, std::uint64_t offset);

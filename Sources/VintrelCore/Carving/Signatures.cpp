@@ -87,6 +87,14 @@ constexpr Signature signatures[] = {
     { { '{', '\n', ' ', ' ' }, all, document, Formats::passwordExport },
     { { '{', '\r', '\n', ' ' }, all, document, Formats::passwordExport },
     { { '{', '"', 'e', 'n' }, all, document, Formats::passwordExport },
+    { { 'n', 'a', 'm', 'e' }, all, document, Formats::passwordTable },
+    { { '"', 'u', 'r', 'l' }, all, document, Formats::passwordTable },
+    { { 'T', 'i', 't', 'l' }, all, document, Formats::passwordTable },
+    { { 'f', 'o', 'l', 'd' }, all, document, Formats::passwordTable },
+    { { 'c', 'o', 'l', 'l' }, all, document, Formats::passwordTable },
+    { { 'u', 'r', 'l', ',' }, all, document, Formats::passwordTable },
+    { { '"', 'G', 'r', 'o' }, all, document, Formats::passwordTable },
+    { { '"', 'A', 'c', 'c' }, all, document, Formats::passwordTable },
     { { 3, 0xD9, 0xA2, 0x9A }, all, document, Formats::kdbx },
     { { '!', 'B', 'D', 'N' }, all, document, Formats::pst },
     { { '<', '?', 'x', 'm' }, all, image, Formats::svg },
@@ -115,6 +123,8 @@ constexpr Signature signatures[] = {
     { { 'S', 'D', 'P', 'X' }, all, image, Formats::dpx },
     { { 'X', 'P', 'D', 'S' }, all, image, Formats::dpx },
     { { 0, 'M', 'R', 'M' }, all, image, Formats::mrw },
+    { { 'I', 'I', 0x1A, 0 }, all, image, Formats::crw },
+    { { 'F', 'O', 'V', 'b' }, all, image, Formats::x3f },
     { { 'G', 0, 0, 0 }, first, video, Formats::mpegTS },
 };
 
@@ -243,6 +253,8 @@ FormatReader readerByInnerMark(ByteView head)
         return Formats::isoBMFF;
     if (beginsQuickTime(head))
         return Formats::quickTime;
+    if (head.matches("RED", 4))
+        return Formats::r3d;
     if (mayBeginBerkeleyDB(head))
         return Formats::berkeleyDB;
     if (mayBeginTGA(head))

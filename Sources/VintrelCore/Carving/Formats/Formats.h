@@ -13,12 +13,14 @@ struct CarverSearches {
         : pdfStarts(source, window, "%PDF-")
         , pdfEnds(source, window, "%%EOF")
         , zipEnds(source, window, "PK\x05\x06")
+        , x3fDirectories(source, window, "SECd")
     {
     }
 
     RememberedSearch pdfStarts;
     RememberedSearch pdfEnds;
     RememberedSearch zipEnds;
+    RememberedSearch x3fDirectories;
     /// Whether the last find was made of zeros, as reads answer that are not allowed any more. What
     /// is read later only proves a find.
     bool wasExhausted = false;
@@ -113,6 +115,7 @@ Found contacts(const Candidate& candidate);
 Found armour(const Candidate& candidate);
 Found puttyKey(const Candidate& candidate);
 Found openPGP(const Candidate& candidate);
+Found passwordTable(const Candidate& candidate);
 Found passwordExport(const Candidate& candidate);
 Found kdbx(const Candidate& candidate);
 Found pst(const Candidate& candidate);
@@ -134,6 +137,9 @@ Found dv(const Candidate& candidate);
 Found dpx(const Candidate& candidate);
 Found stl(const Candidate& candidate);
 Found mrw(const Candidate& candidate);
+Found crw(const Candidate& candidate);
+Found x3f(const Candidate& candidate);
+Found r3d(const Candidate& candidate);
 Found xcf(const Candidate& candidate);
 Found plainText(const Candidate& candidate);
 

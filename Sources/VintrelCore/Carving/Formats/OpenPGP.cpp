@@ -1,7 +1,5 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
 
-#include <algorithm>
-
 // RFC 4880, OpenPGP Message Format, packets: keys and messages that are not written as text.
 
 namespace Formats {
@@ -124,19 +122,20 @@ bool isSound(RandomReader& file, const Packet& packet)
 Found openPGP(const Candidate& candidate)
 {
     auto& file = candidate.file;
-    std::array<bool, 64> has {};
+    std::uint64_t tags = 0; // a bit for each
+    const auto has = [&](Tag tag) { return (tags >> tag & 1) != 0; };
     std::uint64_t position = 0;
     for (int count = 0; count < maxPackets && !file.isExhausted(); ++count) {
         const auto packet = packetAt(candidate, position);
         if (!packet || !isSound(file, *packet))
             break;
-        has[packet->tag] = true;
+        tags |= std::uint64_t { 1 } << packet->tag;
         position = packet->end;
         if (packet->tag == encryptedData) // the last one of a message
             break;
     }
-    const bool isKey = (has[secretKey] || has[publicKey]) && has[userID] && has[signature];
-    const bool isMessage = (has[sessionKey] || has[passwordKey]) && has[encryptedData];
+    const bool isKey = (has(secretKey) || has(publicKey)) && has(userID) && has(signature);
+    const bool isMessage = (has(sessionKey) || has(passwordKey)) && has(encryptedData);
     return isKey != isMessage ? Found(candidate.proved(position, "gpg")) : std::nullopt;
 }
 

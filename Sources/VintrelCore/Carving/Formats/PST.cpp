@@ -3,7 +3,9 @@
 #include <cstddef>
 
 // [MS-PST], Outlook Personal Folders: a header with the file's size and the places of two trees'
-// roots, which are pages that say what they are. OST files are the same.
+// roots, which are pages that say what they are. OST files are the same. It does not describe the
+// pages of 4 KiB that Outlook 2013 and later give to OST files: what is known of them is where
+// their types stand.
 
 namespace Formats {
 
@@ -38,7 +40,7 @@ constexpr std::uint64_t narrowRootOffset = 164;
 constexpr std::uint64_t wideRootOffset = 180;
 constexpr std::uint64_t limit = std::uint64_t { 1 } << 40;
 
-/// Whether a page of this type lies at `position`: its type stands twice behind 496 or 500 bytes.
+/// Whether a page of this type lies at `position`: its type stands twice behind `trailer` bytes.
 bool isPage(RandomReader& file, std::uint64_t position, std::uint64_t trailer, std::uint16_t type)
 {
     return position < limit && file.u16le(position + trailer) == type;
@@ -64,6 +66,7 @@ Found pst(const Candidate& candidate)
 {
     constexpr std::uint64_t narrowTrailer = 500;
     constexpr std::uint64_t wideTrailer = 496;
+    constexpr std::uint64_t largeTrailer = 4072;
     constexpr std::uint16_t firstWide = 20;
     constexpr std::uint16_t lastWide = 23;
     const auto header = candidate.file.load<Header>(0);
@@ -71,7 +74,10 @@ Found pst(const Candidate& candidate)
         return withRoot<NarrowRoot>(candidate, narrowRootOffset, narrowTrailer);
     if (header.version >= firstWide && header.version <= lastWide)
         return withRoot<WideRoot>(candidate, wideRootOffset, wideTrailer);
-    return std::nullopt;
+    if (header.version != 36 && header.version != 37)
+        return std::nullopt;
+    const auto found = withRoot<WideRoot>(candidate, wideRootOffset, largeTrailer);
+    return found ? found : withRoot<WideRoot>(candidate, wideRootOffset, wideTrailer);
 }
 
 } // namespace Formats

@@ -1,4 +1,5 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/Formats/PhaseOne.h"
 #include "VintrelCore/Carving/Formats/TIFFLayout.h"
 #include "VintrelCore/Foundation/Text.h"
 
@@ -26,6 +27,7 @@ constexpr std::uint64_t fieldsRegion = 65'536; // cameras write what they say of
 enum Tag : std::uint16_t {
     panasonicJPEG = 0x002E,
     maker = 0x010F,
+    model = 0x0110,
     photometricInterpretation = 0x0106,
     stripOffsets = 0x0111,
     stripByteCounts = 0x0117,
@@ -114,11 +116,11 @@ public:
     {
     }
 
-    /// False when the first directory is no directory.
-    bool follow()
+    /// False when the first directory is no directory, or does not lie in front of `limit`.
+    bool follow(std::uint64_t limit)
     {
         const std::uint64_t first = u32(offsetof(TIFFHeader<std::endian::big>, firstDirectory));
-        if (first < 8 || first >= firstDirectoryLimit)
+        if (first < 8 || first >= limit)
             return false;
         enqueue(first);
         for (std::size_t count = 0; count < maxDirectories && !queue_.empty(); ++count) {
@@ -162,6 +164,8 @@ public:
             return "dng";
         if (file_.matches(8, "CR"))
             return "cr2";
+        if (isMosaic_ && maker.starts_with("SONY") && model_ == "DSC-R1")
+            return "sr2"; // the only camera that writes them
         for (const auto& [name, ext] : makers)
             if (maker.starts_with(name))
                 return ext;
@@ -270,7 +274,10 @@ private:
                 addData(entry.position, entry.count);
             break;
         case maker:
-            readMaker(entry);
+            maker_ = readText(entry);
+            break;
+        case model:
+            model_ = readText(entry);
             break;
         case dngVersion:
             isDNG_ = true;
@@ -305,15 +312,16 @@ private:
             addData(value(*data.rawData, 0), data.stripLengths ? value(*data.stripLengths, 0) : 0);
     }
 
-    void readMaker(const Entry& entry)
+    std::string readText(const Entry& entry)
     {
-        maker_.clear();
+        std::string text;
         for (std::uint64_t i = 0; i < std::min<std::uint64_t>(entry.count, maxMakerLength); ++i) {
             const auto byte = file_.u8(entry.position + i);
             if (byte < 0x20 || byte > 0x7E)
                 break;
-            maker_ += static_cast<char>(byte);
+            text += static_cast<char>(byte);
         }
+        return text;
     }
 
     RandomReader& file_;
@@ -328,7 +336,7 @@ private:
     bool hasPreview_ = false;
     bool hasFalsePreview_ = false;
     bool hasUnknownType_ = false; ///< as where a directory's place holds something else
-    std::string maker_;
+    std::string maker_, model_;
     bool isDNG_ = false;
     bool isMosaic_ = false; ///< whether a picture has one colour in each pixel
 };
@@ -341,10 +349,13 @@ Found tiff(const Candidate& candidate)
     constexpr std::uint64_t markerOffset = offsetof(TIFFHeader<std::endian::big>, magic);
     Directories directories(
         candidate.file, isLittle, isLittle ? candidate.file.u8(markerOffset) : plainMarker);
-    if (!directories.follow() || !directories.hasImage() || directories.dataEnd() < minDataEnd)
+    const auto phaseOne = phaseOneEnd(candidate.file);
+    if (!directories.follow(phaseOne ? endLimit : firstDirectoryLimit) || !directories.hasImage()
+        || directories.dataEnd() < minDataEnd)
         return std::nullopt;
-    auto found = candidate.found(directories.end(), directories.extension());
-    found.isProved = directories.isProved();
+    auto found = candidate.found(std::max(directories.end(), phaseOne.value_or(0)),
+        phaseOne ? "iiq" : directories.extension());
+    found.isProved = directories.isProved() && candidate.fits(found.size);
     found.captured = exifDate(
         candidate.file.bytes(0, static_cast<std::size_t>(std::min(found.size, fieldsRegion))));
     return found;

@@ -1,9 +1,11 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/Formats/IWork.h"
 #include "VintrelCore/Carving/Formats/TextLines.h"
 #include "VintrelCore/Foundation/ZIPLayout.h"
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
 #include <limits>
 
 // PKWARE "APPNOTE.TXT - .ZIP File Format Specification" 6.3.
@@ -171,19 +173,55 @@ const char* kindOfMimetype(RandomReader& file, const LocalHeader& first)
     return "zip";
 }
 
-/// The names that tell a kind, in the order in which they decide.
-constexpr struct {
-    std::string_view name;
+/// A kind, and what the names of its entries begin with: each of these does occur.
+struct NamedKind {
+    std::array<std::string_view, 3> names;
     const char* ext;
-} namedKinds[] = { { "word/", "docx" }, { "xl/", "xlsx" }, { "ppt/", "pptx" },
-    { "META-INF/MANIFEST.MF", "jar" }, { "AndroidManifest.xml", "apk" },
-    { "3D/3dmodel.model", "3mf" }, { "Index/Slide", "key" }, { "export.attributes", "1pux" } };
+};
 
-/// The first of `namedKinds` that the records in these bytes name; their number when none does.
-/// Only names of entries count: the same letters in somebody's text say nothing.
-std::size_t firstNamedKind(ByteView bytes)
+/// In the order in which they decide.
+constexpr NamedKind namedKinds[] = { { { "word/" }, "docx" }, { { "xl/" }, "xlsx" },
+    { { "ppt/" }, "pptx" }, { { "META-INF/MANIFEST.MF" }, "jar" },
+    { { "AndroidManifest.xml" }, "apk" }, { { "3D/3dmodel.model" }, "3mf" },
+    { { "Index/Slide" }, "key" }, { { "export.attributes" }, "1pux" },
+    { { "document.json", "meta.json", "pages/" }, "sketch" } };
+
+/// What the names of entries tell of an archive's kind.
+class NamesSeen {
+public:
+    /// `beginsWith(text)`: whether the name of an entry begins so.
+    template <class BeginsWith> void add(BeginsWith beginsWith)
+    {
+        for (std::size_t kind = 0; kind < first_; ++kind)
+            if (completes(kind, beginsWith))
+                first_ = kind;
+    }
+    void add(const NamesSeen& others) { first_ = std::min(first_, others.first_); }
+
+    const char* extension() const
+    {
+        return first_ < std::size(namedKinds) ? namedKinds[first_].ext : "zip";
+    }
+
+private:
+    /// Whether a name is the last one that was missing of a kind.
+    template <class BeginsWith> bool completes(std::size_t kind, BeginsWith beginsWith)
+    {
+        const auto& names = namedKinds[kind].names;
+        for (std::size_t i = 0; i < names.size(); ++i)
+            isSeen_[kind][i] = isSeen_[kind][i] || names[i].empty() || beginsWith(names[i]);
+        return std::ranges::all_of(isSeen_[kind], std::identity());
+    }
+
+    std::size_t first_ = std::size(namedKinds);
+    std::array<std::array<bool, 3>, std::size(namedKinds)> isSeen_ {};
+};
+
+/// The names that the records in these bytes have. Only names of entries count: the same letters in
+/// somebody's text say nothing.
+NamesSeen namesIn(ByteView bytes)
 {
-    auto first = std::size(namedKinds);
+    NamesSeen names;
     const auto size = static_cast<std::int64_t>(bytes.size());
     for (std::int64_t at = 0; at + 4 <= size; ++at) {
         if (bytes.data()[at] != 'P')
@@ -194,29 +232,30 @@ std::size_t firstNamedKind(ByteView bytes)
         const std::int64_t name = at
             + static_cast<std::int64_t>(
                 signature == localSignature ? sizeof(LocalHeader) : sizeof(CentralHeader));
-        for (std::size_t kind = 0; kind < first; ++kind)
-            if (bytes.matches(namedKinds[kind].name, name))
-                first = kind;
+        names.add([&](std::string_view text) { return bytes.matches(text, name); });
     }
-    return first;
+    return names;
 }
 
 /// The kind by the archive's own directory, which names nothing of the archives that lie inside it;
 /// none when it cannot be read.
 const char* kindByDirectory(RandomReader& file, const ArchiveEnd& end)
 {
-    auto first = std::size(namedKinds);
+    constexpr std::string_view documentOfIWork = "Index/Document.iwa";
+    NamesSeen names;
+    std::optional<std::uint64_t> document;
     const bool isRead = end.directory != 0
         && forEachEntry(
-            file, end.directory, end.size, [&](const CentralHeader&, std::uint64_t name) {
-                for (std::size_t kind = 0; kind < first; ++kind)
-                    if (file.matches(name, namedKinds[kind].name))
-                        first = kind;
+            file, end.directory, end.size, [&](const CentralHeader& header, std::uint64_t name) {
+                if (file.matches(name, documentOfIWork))
+                    document = header.localOffset;
+                names.add([&](std::string_view text) { return file.matches(name, text); });
                 return !file.isExhausted();
             });
     if (!isRead)
         return nullptr;
-    return first < std::size(namedKinds) ? namedKinds[first].ext : "zip";
+    const std::string_view kind = names.extension();
+    return document && kind == "zip" ? iWorkKind(file, *document) : names.extension();
 }
 
 const char* kindOf(RandomReader& file, const ArchiveEnd& end)
@@ -228,9 +267,9 @@ const char* kindOf(RandomReader& file, const ArchiveEnd& end)
     if (const auto* const kind = kindByDirectory(file, end))
         return kind;
     const auto region = static_cast<std::size_t>(std::min<std::uint64_t>(end.size, namesRegion));
-    const auto kind = std::min(firstNamedKind(file.bytes(0, region)),
-        firstNamedKind(file.bytes(end.size - region, region)));
-    return kind < std::size(namedKinds) ? namedKinds[kind].ext : "zip";
+    auto names = namesIn(file.bytes(0, region));
+    names.add(namesIn(file.bytes(end.size - region, region)));
+    return names.extension();
 }
 
 } // namespace

@@ -32,17 +32,17 @@ Bytes apeTag()
     return Content().text("APETAGEX").le(2000, 4).le(40, 4).le(1, 4).upTo(32).upTo(72, 'a');
 }
 
-Bytes outlook(bool isWide, std::uint8_t blockTreeType = 0x80)
+Bytes outlook(unsigned version, std::size_t trailer, std::uint8_t blockTreeType = 0x80)
 {
+    const bool isWide = version > 15;
     const int width = isWide ? 8 : 4;
     Content file;
-    file.text("!BDN").zeros(4).text("SM").le(isWide ? 23 : 14, 2).upTo(isWide ? 180 : 164);
-    file.zeros(4).le(2'048, width).zeros(static_cast<std::size_t>(width) * 3);
-    file.le(1, width).le(1'024, width).le(2, width).le(1'536, width);
-    const std::size_t trailer = isWide ? 496 : 500;
-    file.upTo(1'024 + trailer).le(0x8181, 2);
-    file.upTo(1'536 + trailer).le(blockTreeType, 1).le(0x80, 1);
-    return file.upTo(2'048);
+    file.text("!BDN").zeros(4).text("SM").le(version, 2).upTo(isWide ? 180 : 164);
+    file.zeros(4).le(16'384, width).zeros(static_cast<std::size_t>(width) * 3);
+    file.le(1, width).le(4'096, width).le(2, width).le(8'192, width);
+    file.upTo(4'096 + trailer).le(0x8181, 2);
+    file.upTo(8'192 + trailer).le(blockTreeType, 1).le(0x80, 1);
+    return file.upTo(16'384);
 }
 
 Bytes layered(int version, int compression)
@@ -121,8 +121,10 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
         { "ape", Content().add(ape()).add(apeTag()) },
         { "ape", Content().add(ape()).text("TAG").zeros(125) },
         { "amr", wide },
-        { "pst", outlook(true) },
-        { "pst", outlook(false) },
+        { "pst", outlook(23, 496) },
+        { "pst", outlook(14, 500) },
+        { "pst", outlook(36, 4'072) },
+        { "pst", outlook(37, 496) },
         { "psd", layered(1, 0) },
         { "psd", layered(1, 1) },
         { "psb", layered(2, 1) },
@@ -150,9 +152,12 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         bytes[at < bytes.size() ? at : bytes.size() - 1] ^= 0x55;
         return bytes;
     };
+    auto withoutTable = readFile(VINTREL_SAMPLES "/ole-word.doc");
+    const auto table = (ByteView(withoutTable).u32le(76) + 1) * 512;
+    std::fill_n(withoutTable.begin() + table + 8, 100, std::uint8_t { 0 });
     const std::pair<std::string, Bytes> files[] = {
         { "frames that begin elsewhere", elsewhere },
-        { "a root that is no page", outlook(true, 0x81) },
+        { "a root that is no page", outlook(23, 496, 0x81) },
         { "a picture packed in a way that none is", layered(1, 2) },
         { "triangles with long normals", loud },
         { "corners that are whole numbers", whole },
@@ -177,6 +182,15 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         { "a metafile of another length", damaged("emf-plain.emf", 48) },
         { "a drawing that ends early", damaged("wmf-plain.wmf", 28) },
         { "an icon without pictures", damaged("ico-plain.ico", 22) },
+        { "a heap whose directory is another one's", damaged("crw-plain.crw", 9'999) },
+        { "a heap with a picture that is none", damaged("crw-plain.crw", 26 + 900) },
+        { "sections that begin elsewhere", damaged("x3f-plain.x3f", 40) },
+        { "a clip without an end", damaged("r3d-plain.r3d", 2'260 - 52) },
+        { "a key without the name of its owner", damaged("gpg-public.gpg", 53) },
+        { "a message that is not encrypted", damaged("gpg-password.gpg", 15) },
+        { "a message of a version that none has", damaged("gpg-password.gpg", 17) },
+        { "a table of sectors that was overwritten", withoutTable },
+        { "passwords with one field less", damaged("csv-browser.csv", 39) },
         { "something else in the footer's place", damaged("tga-plain.tga", 9'999) },
     };
     for (const auto& [what, file] : files)
@@ -223,6 +237,26 @@ TEST(FurtherKinds, EstimateALetterWithoutParts)
         "eml " + std::to_string(parts.size()));
 }
 
+// What is encrypted ends at zeros, or where another file begins.
+TEST(FurtherKinds, EstimateADatabaseOfPasswordsThatIsEncryptedAsAWhole)
+{
+    Content database;
+    database.le(0x9AA2'D903, 4).le(0xB54B'FB67, 4).le(0x0003'0001, 4);
+    for (const int id : { 2, 4, 5, 7, 9, 0 })
+        database.le(static_cast<std::uint64_t>(id), 1).le(16, 2).zeros(16);
+    const auto fields = database.size();
+    database.add(patternBytes(800 - 800 % 16));
+    const auto size = std::to_string(database.size());
+    EXPECT_EQ(carve(Content().add(database).zeros(500)), "kdbx ~" + size);
+    const Bytes whole = Content().add(database).add(patternBytes(1'024 - database.size()));
+    const auto png = pngFile();
+    EXPECT_EQ(
+        sweep({ whole, png }), (Texts { "kdbx@0~1024!", "png@2+" + std::to_string(png.size()) }));
+    Bytes other = database;
+    other[fields - 19] = 6; // no first bytes to know the password by
+    EXPECT_EQ(carve(other), "-");
+}
+
 TEST(FurtherKinds, AreTextsOnlyWhereTheyAreAskedFor)
 {
     const auto filled = [](std::string_view line, std::string_view first = "") {
@@ -249,6 +283,7 @@ TEST(FurtherKinds, AreTextsOnlyWhereTheyAreAskedFor)
         { "xml", filled("<p>Ingen havde travlt.</p>\n", "<?xml version='1.0'?>\n<a>\n") },
         { "csv", filled("Havn;12,5;\"ja; nej\"\n", "Sted;Pris;Andet\n") },
         { "", filled("          \n") },
+        { "", filled("\xC6\xD8\xC5\xE6\xF8\xE5\xC4\xD6\xDC\xE4\xF6\xFC\xE9 abcdef\n") },
         { "", patternBytes(8'000) },
         { "", Content().text("Ingen havde travlt den dag.\n").zeros(5'000) },
     };

@@ -25,6 +25,8 @@ TEST(ZIP, TellsItsKindByTheNamesOfItsEntries)
         { { { "mimetype", "application/epub+zip" }, { "word/x" } }, "epub" },
         { { { "mimetype", "application/vnd.oasis.opendocument.textual" } }, "odt" },
         { { { "mimetype", "application/x-else" }, { "word/x" } }, "zip" },
+        { { { "document.json" }, { "meta.json" } }, "zip" }, // of many programs
+        { { { "Index/Document.iwa", "a document of another type" } }, "zip" },
         { { { "bilag.docx", textOf(zipFile({ { "word/document.xml" } })) } }, "zip" },
         { { { "ppt/presentation.xml" },
               { "ppt/embeddings/a.xlsx", textOf(zipFile({ { "xl/workbook.xml" } })) } },

@@ -1,0 +1,76 @@
+#include "VintrelCore/Carving/Formats/IWork.h"
+
+#include "VintrelCore/Disk/RandomReader.h"
+#include "VintrelCore/Foundation/ZIPLayout.h"
+
+// Apple documents nothing of what iWork writes since 2013; what is known of it is that a document
+// is a chain of messages in the encoding of Protocol Buffers, packed with Snappy ("Snappy
+// compressed format description", but for the sums), each behind a header with the number of its
+// type.
+
+namespace Formats {
+
+namespace {
+
+constexpr std::size_t headSize = 64;
+constexpr std::int64_t chunkHeaderSize = 4; // a zero, and the length in three bytes
+
+/// A number of seven bits in each byte, the lowest ones first; moves `at` behind it.
+std::uint64_t varint(ByteView bytes, std::int64_t& at)
+{
+    constexpr unsigned maxBits = 35;
+    std::uint64_t value = 0;
+    for (unsigned shift = 0; shift < maxBits; shift += 7) {
+        const auto byte = bytes.u8(at++);
+        value |= (byte & 0x7FULL) << shift;
+        if ((byte & 0x80) == 0)
+            break;
+    }
+    return value;
+}
+
+/// Where the first bytes that are copied as they are begin in packed ones; 0 when others come
+/// first.
+std::int64_t firstLiteral(ByteView packed)
+{
+    constexpr unsigned lengthsInTag = 60;
+    std::int64_t at = chunkHeaderSize;
+    varint(packed, at); // how long all is without packing
+    const unsigned tag = packed.u8(at++);
+    if (packed.u8(0) != 0 || (tag & 3) != 0)
+        return 0;
+    const auto length = tag >> 2;
+    return length < lengthsInTag ? at : at + length - lengthsInTag + 1;
+}
+
+/// The type of the first message; 0 when it does not say.
+std::uint64_t firstType(ByteView packed)
+{
+    constexpr std::uint64_t number = 0x08, messageType = 0x08, message = 0x12; // field and form
+    std::int64_t at = firstLiteral(packed);
+    if (at == 0)
+        return 0;
+    varint(packed, at); // the header's length
+    if (varint(packed, at) != number)
+        return 0;
+    varint(packed, at);
+    if (varint(packed, at) != message)
+        return 0;
+    varint(packed, at);
+    return varint(packed, at) == messageType ? varint(packed, at) : 0;
+}
+
+} // namespace
+
+const char* iWorkKind(RandomReader& file, std::uint64_t position)
+{
+    constexpr std::uint64_t textDocument = 10'000;
+    constexpr std::uint64_t otherDocument = 1; // of Numbers, and of Keynote
+    const auto header = file.load<ZIPLayout::LocalHeader>(position);
+    const auto type = firstType(file.bytes(position + header.dataOffset(), headSize));
+    if (type == textDocument)
+        return "pages";
+    return type == otherDocument ? "numbers" : "zip";
+}
+
+} // namespace Formats
