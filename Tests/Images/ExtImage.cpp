@@ -106,6 +106,7 @@ void ExtImage::putInode(std::uint32_t number, const Inode& inode)
     putLE(bytes_, slot + 32, inode.hasLists ? 0 : 0x80000, 4);
     putLE(bytes_, slot + 100, inode.generation, 4);
     putLE(bytes_, slot + 128, 32, 2);
+    putLE(bytes_, slot + 144, inode.created, 4);
     const auto map = slot + 40;
     if (inode.hasLists) {
         for (const auto& piece : inode.extents)

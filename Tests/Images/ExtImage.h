@@ -31,6 +31,7 @@ public:
         std::uint64_t size = 0;
         std::uint16_t links = 1;
         std::uint32_t deleted = 0;
+        std::uint32_t created = 0;
         std::uint32_t generation = 7;
         std::vector<Piece> extents {};
         std::uint64_t node = 0; ///< a block of its extent tree that has the extents; 0: the inode

@@ -2,6 +2,7 @@
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
+#include <chrono>
 #include <tuple>
 
 using namespace ExtFormat;
@@ -17,6 +18,13 @@ constexpr std::size_t maxStates = 4096;
 /// Of an inode without a checksum that may be other bytes.
 constexpr std::uint16_t maxBelievedLinks = 4096;
 constexpr std::uint64_t maxBelievedSize = std::uint64_t { 1 } << 44;
+
+/// Since 1970; 0 before.
+std::uint64_t secondsOf(const Date& date)
+{
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(date).time_since_epoch().count();
+    return static_cast<std::uint64_t>(std::max<std::int64_t>(seconds, 0));
+}
 
 class Reader {
 public:
@@ -37,6 +45,7 @@ private:
     void addEnded(const ExtLife& life);
     void add(const ExtInode& inode, ByteView slot, ExtContent::Made made, ExtEntry entry);
     ExtSequence endOf(const ExtLife& life, std::uint64_t seconds) const;
+    ExtSequence birthOf(const ExtLife& life) const;
     bool isListed(std::uint32_t number) const;
     bool isOurs(const ExtInode& inode) const;
 
@@ -161,15 +170,32 @@ ExtSequence Reader::endOf(const ExtLife& life, std::uint64_t seconds) const
         { journal->firstSince(seconds).value_or(ExtLife::now - 1), life.died, ExtLife::now - 1 });
 }
 
+/// The beginning of a file or, where only the dead inode says when that was, the first transaction
+/// that was committed in this second or later: those before are about others with its number.
+ExtSequence Reader::birthOf(const ExtLife& life) const
+{
+    const auto* const journal = context_.journal();
+    if (!life.isStateDead || journal == nullptr || !life.inode.created)
+        return life.born;
+    return std::max(
+        life.born, journal->firstSince(secondsOf(*life.inode.created)).value_or(ExtLife::now - 1));
+}
+
 void Reader::addEnded(const ExtLife& life)
 {
     auto made = content_.makeDead(life);
-    if (made.node)
-        add(life.inode, life.slot, std::move(made),
-            { .born = life.born,
-                .died = endOf(life, life.inode.deleted),
-                .diedAtLatest = endOf(life, std::uint64_t { life.inode.deleted } + 1),
-                .firstDead = life.isStateDead ? life.died : 0 });
+    if (!made.node)
+        return;
+    const auto died = endOf(life, life.inode.deleted);
+    const auto diedAtLatest = endOf(life, std::uint64_t { life.inode.deleted } + 1);
+    // Whatever had the number in the second of the deletion was this file, unless it began then.
+    const bool isOlder = life.inode.created && secondsOf(*life.inode.created) < life.inode.deleted;
+    add(life.inode, life.slot, std::move(made),
+        { .born = birthOf(life),
+            .died = died,
+            .diedAtLatest = diedAtLatest,
+            .namedBefore = isOlder ? diedAtLatest : died,
+            .firstDead = life.isStateDead ? life.died : 0 });
 }
 
 void Reader::add(const ExtInode& inode, ByteView slot, ExtContent::Made made, ExtEntry entry)
@@ -233,7 +259,7 @@ ExtEntry* ExtFiles::findEnded(std::uint32_t number, ExtSequence sequence)
     auto found = std::lower_bound(first, entries.end(), number,
         [](const ExtEntry& entry, std::uint32_t wanted) { return entry.number < wanted; });
     for (; found != entries.end() && found->number == number; ++found)
-        if (found->born <= sequence && sequence < found->died)
+        if (found->born <= sequence && sequence < found->namedBefore)
             return &*found;
     return nullptr;
 }
