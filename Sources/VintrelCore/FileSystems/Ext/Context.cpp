@@ -95,6 +95,18 @@ bool ExtContext::isInJournal(std::uint64_t offset) const
         [&](const ByteRange& piece) { return piece.start <= offset && offset < piece.end; });
 }
 
+void ExtContext::keepFiles(std::vector<SeededFile> files)
+{
+    files_ = std::move(files);
+    std::ranges::sort(files_, {}, &SeededFile::seed);
+}
+
+const FileNode* ExtContext::fileWith(std::uint32_t seed) const
+{
+    const auto found = std::ranges::equal_range(files_, seed, {}, &SeededFile::seed);
+    return found.size() == 1 ? found.front().file : nullptr;
+}
+
 /// By the journal's inode as it lies on the disk or, where that is damaged, by the copy of its map
 /// in the superblock.
 std::vector<ByteRange> ExtContext::findJournal() const

@@ -193,6 +193,18 @@ struct LeafExtent {
 };
 static_assert(sizeof(ExtentHeader) == 12 && sizeof(ExtentIndex) == 12 && sizeof(LeafExtent) == 12);
 
+/// The first block of an extent.
+inline std::uint64_t blockOf(const LeafExtent& extent)
+{
+    return extent.startLow | std::uint64_t { extent.startHigh } << 32;
+}
+
+/// The block of a node that an index names.
+inline std::uint64_t blockOf(const ExtentIndex& index)
+{
+    return index.nodeLow | std::uint64_t { index.nodeHigh } << 32;
+}
+
 constexpr std::uint16_t extentMagic = 0xF30A;
 constexpr std::uint16_t maxExtentDepth = 5;
 constexpr std::uint16_t maxWrittenLength = 32768;
