@@ -147,6 +147,25 @@ void ExtImage::putNode(std::uint64_t block, std::uint32_t number, std::uint32_t 
     putLE(bytes_, at + 12 + nodeRoom * 12, sum(seed, at, 12 + nodeRoom * 12), 4);
 }
 
+void ExtImage::putFirstOrphan(std::uint32_t number)
+{
+    putLE(bytes_, 1024 + 232, number, 4);
+    renewChecksums();
+}
+
+void ExtImage::putOrphanFile(std::uint32_t number, std::uint64_t block, std::uint32_t orphan)
+{
+    putLE(bytes_, 1024 + 92, 0x4 | 0x1000, 4);
+    putLE(bytes_, 1024 + 640, number, 4);
+    putInode(number, { .size = blockSize, .extents = { { 0, block, 1 } } });
+    const auto at = offsetOf(block);
+    putLE(bytes_, at + 8, orphan, 4);
+    putLE(bytes_, at + blockSize - 8, 0x0B10CA04, 4);
+    const auto place = static_cast<std::uint32_t>(block);
+    const auto state = crc32c(crc32c(seedOf(number), place), std::uint32_t { 0 });
+    putLE(bytes_, at + tail, sum(state, at, blockSize - 8), 4);
+}
+
 void ExtImage::putFolder(std::uint32_t number, std::uint32_t parent, std::uint64_t block,
     const std::vector<std::pair<std::uint32_t, std::string>>& entries)
 {

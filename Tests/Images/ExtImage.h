@@ -49,6 +49,10 @@ public:
     /// `depth` is not 0, the pieces are nodes.
     void putNode(std::uint64_t block, std::uint32_t number, std::uint32_t generation,
         const std::vector<Piece>& pieces, std::uint16_t depth = 0);
+    /// The number with which the superblock's list of orphans begins.
+    void putFirstOrphan(std::uint32_t number);
+    /// The orphan file, in one block.
+    void putOrphanFile(std::uint32_t number, std::uint64_t block, std::uint32_t orphan);
     void setUsed(std::uint64_t block, std::uint64_t count, bool isUsed);
 
     /// A transaction with the states that these blocks have now.

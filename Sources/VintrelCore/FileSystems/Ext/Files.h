@@ -29,6 +29,8 @@ struct ExtEntry {
     /// The first transaction whose state of it is dead, where only such states are left of it.
     ExtSequence firstDead = 0;
     ExtSequence namedAt = 0; ///< when it had its name
+    /// Whether its blocks are still its own: it was open, or waited to be taken apart.
+    bool isUnfreed = false;
     Index parent = ParentLinks::none;
     Doubts doubts = {}; ///< of what has ended
     std::unique_ptr<FileNode> node = {};

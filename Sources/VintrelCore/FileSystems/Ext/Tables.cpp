@@ -1,8 +1,10 @@
 #include "VintrelCore/FileSystems/Ext/Files.h"
+#include "VintrelCore/FileSystems/Ext/Orphans.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
 #include <chrono>
+#include <set>
 #include <tuple>
 
 using namespace ExtFormat;
@@ -32,6 +34,7 @@ public:
         : context_(context)
         , geometry_(context.geometry())
         , content_(content)
+        , orphans_(ExtOrphans::numbers(context))
     {
     }
 
@@ -42,7 +45,8 @@ private:
     void readBlock(std::uint64_t block, ByteView now, std::uint32_t firstNumber, bool isUsed);
     void readSlot(std::uint32_t number, std::span<const ExtSlotState> states);
     void addLiving(const ExtInode& inode, ByteView slot);
-    void addEnded(const ExtLife& life);
+    void addEnded(const ExtLife& life, const ExtInode& now);
+    bool isUnfreed(const ExtLife& life, const ExtInode& now) const;
     void add(const ExtInode& inode, ByteView slot, ExtContent::Made made, ExtEntry entry);
     ExtSequence endOf(const ExtLife& life, std::uint64_t seconds) const;
     ExtSequence birthOf(const ExtLife& life) const;
@@ -52,6 +56,7 @@ private:
     const ExtContext& context_;
     const ExtGeometry& geometry_;
     ExtContent& content_;
+    const std::set<std::uint32_t> orphans_;
     ExtFiles files_;
 };
 
@@ -61,7 +66,7 @@ bool Reader::isListed(std::uint32_t number) const
     const std::uint32_t first = geometry_.superblock.revision == 0
         ? 11
         : std::max<std::uint32_t>(geometry_.superblock.firstInode, 1);
-    return number == rootInode || number >= first;
+    return number == rootInode || (number >= first && !ExtOrphans::isOrphanFile(geometry_, number));
 }
 
 /// Whether an inode is this volume's, and not what another one or a file has left in its place.
@@ -149,7 +154,7 @@ void Reader::readSlot(std::uint32_t number, std::span<const ExtSlotState> states
         return;
     for (const auto& life : ExtLives::ended(geometry_, number, states))
         if (!inode.isAlive() || !ExtLives::isSameFile(inode, life.inode)) // it is back
-            addEnded(life);
+            addEnded(life, inode);
 }
 
 void Reader::addLiving(const ExtInode& inode, ByteView slot)
@@ -181,7 +186,15 @@ ExtSequence Reader::birthOf(const ExtLife& life) const
         life.born, journal->firstSince(secondsOf(*life.inode.created)).value_or(ExtLife::now - 1));
 }
 
-void Reader::addEnded(const ExtLife& life)
+/// Whether the inode of a file still has all that it had when it lost its name.
+bool Reader::isUnfreed(const ExtLife& life, const ExtInode& now) const
+{
+    return orphans_.contains(now.number) && now.links == 0 && ExtLives::isSameFile(life.inode, now)
+        && life.inode.size == now.size && life.inode.sectors == now.sectors
+        && life.inode.map == now.map;
+}
+
+void Reader::addEnded(const ExtLife& life, const ExtInode& now)
 {
     auto made = content_.makeDead(life);
     if (!made.node)
@@ -195,7 +208,8 @@ void Reader::addEnded(const ExtLife& life)
             .died = died,
             .diedAtLatest = diedAtLatest,
             .namedBefore = isOlder ? diedAtLatest : died,
-            .firstDead = life.isStateDead ? life.died : 0 });
+            .firstDead = life.isStateDead ? life.died : 0,
+            .isUnfreed = isUnfreed(life, now) });
 }
 
 void Reader::add(const ExtInode& inode, ByteView slot, ExtContent::Made made, ExtEntry entry)

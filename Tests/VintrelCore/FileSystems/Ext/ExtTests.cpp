@@ -250,6 +250,51 @@ TEST(Ext, LowersTheChanceOfWhatOthersHadSince)
     }
 }
 
+TEST(Ext, BelievesOrphansThatStillHaveTheirBlocks)
+{
+    constexpr auto reused = "Ringe: Blokkene er genbrugt af andre filer";
+    const struct {
+        const char* what;
+        std::uint64_t size; ///< of the inode now
+        void (*put)(ExtImage& image);
+        const char* expected;
+    } rows[] = {
+        { "the first of the list", 8, [](ExtImage& it) { it.putFirstOrphan(13); }, "God" },
+        { "another behind one that is being cut", 8,
+            [](ExtImage& it) {
+                it.putInode(14, { .deleted = 13 });
+                it.putFirstOrphan(14);
+            },
+            "God" },
+        { "in no list", 8, [](ExtImage& /*it*/) {}, reused },
+        { "a list that loops before it", 8,
+            [](ExtImage& it) {
+                it.putInode(14, { .deleted = 14 });
+                it.putFirstOrphan(14);
+            },
+            reused },
+        { "taken apart already", 0, [](ExtImage& it) { it.putFirstOrphan(13); }, reused },
+        { "in the orphan file", 8, [](ExtImage& it) { it.putOrphanFile(15, 150, 13); }, "God" },
+        { "in a wrong one", 8,
+            [](ExtImage& it) {
+                it.putOrphanFile(15, 150, 13);
+                it.bytes()[ExtImage::offsetOf(150)] = 14;
+            },
+            reused },
+    };
+    for (const auto& [what, size, put, expected] : rows) {
+        auto image = withFile();
+        image.putFolder(12, ExtImage::root, folderBlock, {});
+        image.putInode(13, { .size = size, .links = 0, .extents = { { 0, fileBlock, 1 } } });
+        put(image);
+        image.commit({ ExtImage::tableBlockOf(13), folderBlock });
+        const auto disk = parse(image.bytes());
+        EXPECT_EQ(chance(disk["/mappe/brev"]), expected) << what;
+        for (const auto* file : disk.volume->root->allFiles())
+            EXPECT_NE(file->fsID, 15u) << what << ": the orphan file is the system's own";
+    }
+}
+
 TEST(Ext, ReadsAVolumeThatWasNotUnmountedThroughItsJournal)
 {
     const auto before = withFile();
