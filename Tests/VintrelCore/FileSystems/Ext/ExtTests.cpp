@@ -274,6 +274,14 @@ TEST(Ext, BelievesOrphansThatStillHaveTheirBlocks)
             },
             reused },
         { "taken apart already", 0, [](ExtImage& it) { it.putFirstOrphan(13); }, reused },
+        { "its blocks free by now, and written since", 8,
+            [](ExtImage& it) {
+                it.setUsed(fileBlock, 1, false);
+                it.putFirstOrphan(13);
+                it.commit({ ExtImage::tableBlockOf(13), folderBlock });
+                it.commit({ fileBlock });
+            },
+            reused },
         { "in the orphan file", 8, [](ExtImage& it) { it.putOrphanFile(15, 150, 13); }, "God" },
         { "in a wrong one", 8,
             [](ExtImage& it) {
