@@ -103,8 +103,9 @@ void ExtContext::keepFiles(std::vector<SeededFile> files)
 
 const FileNode* ExtContext::fileWith(std::uint32_t seed) const
 {
-    const auto found = std::ranges::equal_range(files_, seed, {}, &SeededFile::seed);
-    return found.size() == 1 ? found.front().file : nullptr;
+    const auto first = std::ranges::lower_bound(files_, seed, {}, &SeededFile::seed);
+    const auto last = std::ranges::upper_bound(files_, seed, {}, &SeededFile::seed);
+    return last - first == 1 ? first->file : nullptr;
 }
 
 /// By the journal's inode as it lies on the disk or, where that is damaged, by the copy of its map
