@@ -22,6 +22,7 @@ std::uint32_t crc32c(std::uint32_t state, std::uint32_t number)
 
 constexpr std::uint32_t start = 0xFFFFFFFF;
 constexpr std::uint64_t uuidOffset = 1024 + 104;
+constexpr std::uint64_t nodeRoom = 84; // entries of a node that takes a block
 constexpr std::uint64_t tail = ExtImage::blockSize - 4;
 
 } // namespace
@@ -106,34 +107,63 @@ void ExtImage::putInode(std::uint32_t number, const Inode& inode)
     putLE(bytes_, slot + 32, inode.hasLists ? 0 : 0x80000, 4);
     putLE(bytes_, slot + 100, inode.generation, 4);
     putLE(bytes_, slot + 128, 32, 2);
+    putLE(bytes_, slot + 144, inode.created, 4);
     const auto map = slot + 40;
     if (inode.hasLists) {
         for (const auto& piece : inode.extents)
             putLE(bytes_, map + piece.logical * 4, piece.block, 4);
     } else {
-        const auto putTree
-            = [&](std::uint64_t at, std::size_t room, std::size_t entries, int depth) {
-                  putLE(bytes_, at, 0xF30A, 2);
-                  putLE(bytes_, at + 2, entries, 2);
-                  putLE(bytes_, at + 4, room, 2);
-                  putLE(bytes_, at + 6, static_cast<std::uint64_t>(depth), 2);
-              };
-        auto at = map;
         if (inode.node != 0) {
-            putTree(map, 4, 1, 1);
-            putLE(bytes_, map + 16, inode.node, 4);
-            at = offsetOf(inode.node);
+            putTree(map, 4, { { 0, inode.node, 0 } }, 1);
             nodes_[inode.node] = number;
         }
-        putTree(at, inode.node != 0 ? 84 : 4, inode.extents.size(), 0);
-        for (const auto& piece : inode.extents) {
-            at += 12;
-            putLE(bytes_, at, piece.logical, 4);
-            putLE(bytes_, at + 4, piece.count, 2);
-            putLE(bytes_, at + 8, piece.block, 4);
-        }
+        putTree(inode.node != 0 ? offsetOf(inode.node) : map, inode.node != 0 ? nodeRoom : 4,
+            inode.extents, 0);
     }
     renewChecksums();
+}
+
+void ExtImage::putTree(
+    std::uint64_t at, std::size_t room, const std::vector<Piece>& pieces, std::uint16_t depth)
+{
+    putLE(bytes_, at, 0xF30A, 2);
+    putLE(bytes_, at + 2, pieces.size(), 2);
+    putLE(bytes_, at + 4, room, 2);
+    putLE(bytes_, at + 6, depth, 2);
+    for (const auto& piece : pieces) {
+        at += 12;
+        putLE(bytes_, at, piece.logical, 4);
+        putLE(bytes_, at + 4, depth == 0 ? piece.count : piece.block, depth == 0 ? 2 : 4);
+        putLE(bytes_, at + 8, depth == 0 ? piece.block : 0, 4);
+    }
+}
+
+void ExtImage::putNode(std::uint64_t block, std::uint32_t number, std::uint32_t generation,
+    const std::vector<Piece>& pieces, std::uint16_t depth)
+{
+    const auto at = offsetOf(block);
+    putTree(at, nodeRoom, pieces, depth);
+    const auto seed = crc32c(crc32c(seed_, number), generation);
+    putLE(bytes_, at + 12 + nodeRoom * 12, sum(seed, at, 12 + nodeRoom * 12), 4);
+}
+
+void ExtImage::putFirstOrphan(std::uint32_t number)
+{
+    putLE(bytes_, 1024 + 232, number, 4);
+    renewChecksums();
+}
+
+void ExtImage::putOrphanFile(std::uint32_t number, std::uint64_t block, std::uint32_t orphan)
+{
+    putLE(bytes_, 1024 + 92, 0x4 | 0x1000, 4);
+    putLE(bytes_, 1024 + 640, number, 4);
+    putInode(number, { .size = blockSize, .extents = { { 0, block, 1 } } });
+    const auto at = offsetOf(block);
+    putLE(bytes_, at + 8, orphan, 4);
+    putLE(bytes_, at + blockSize - 8, 0x0B10CA04, 4);
+    const auto place = static_cast<std::uint32_t>(block);
+    const auto state = crc32c(crc32c(seedOf(number), place), std::uint32_t { 0 });
+    putLE(bytes_, at + tail, sum(state, at, blockSize - 8), 4);
 }
 
 void ExtImage::putFolder(std::uint32_t number, std::uint32_t parent, std::uint64_t block,
@@ -251,6 +281,6 @@ void ExtImage::renewChecksums()
         putLE(bytes_, offsetOf(block) + tail, sum(seedOf(number), offsetOf(block), blockSize - 12),
             4);
     for (const auto& [block, number] : nodes_)
-        putLE(bytes_, offsetOf(block) + 12 + 84 * 12,
-            sum(seedOf(number), offsetOf(block), 12 + 84 * 12), 4);
+        putLE(bytes_, offsetOf(block) + 12 + nodeRoom * 12,
+            sum(seedOf(number), offsetOf(block), 12 + nodeRoom * 12), 4);
 }

@@ -31,6 +31,7 @@ public:
         std::uint64_t size = 0;
         std::uint16_t links = 1;
         std::uint32_t deleted = 0;
+        std::uint32_t created = 0;
         std::uint32_t generation = 7;
         std::vector<Piece> extents {};
         std::uint64_t node = 0; ///< a block of its extent tree that has the extents; 0: the inode
@@ -44,6 +45,14 @@ public:
     /// A file in one piece.
     void putFile(std::uint32_t number, std::uint64_t block, std::string_view content);
     void removeInode(std::uint32_t number, std::uint32_t generation = 7);
+    /// A node of an extent tree by itself, with the checksum that it has for this inode. Where
+    /// `depth` is not 0, the pieces are nodes.
+    void putNode(std::uint64_t block, std::uint32_t number, std::uint32_t generation,
+        const std::vector<Piece>& pieces, std::uint16_t depth = 0);
+    /// The number with which the superblock's list of orphans begins.
+    void putFirstOrphan(std::uint32_t number);
+    /// The orphan file, in one block.
+    void putOrphanFile(std::uint32_t number, std::uint64_t block, std::uint32_t orphan);
     void setUsed(std::uint64_t block, std::uint64_t count, bool isUsed);
 
     /// A transaction with the states that these blocks have now.
@@ -68,6 +77,8 @@ private:
     std::uint32_t seedOf(std::uint32_t number) const;
     std::uint32_t sum(std::uint32_t state, std::uint64_t from, std::uint64_t count) const;
     void sumInode(std::uint32_t number);
+    void putTree(
+        std::uint64_t at, std::size_t room, const std::vector<Piece>& pieces, std::uint16_t depth);
     void putHeader(std::uint64_t block, std::uint32_t type);
     void sumTail(std::uint64_t block);
 

@@ -4,6 +4,7 @@
 #include "VintrelCore/FileSystems/APFS/Parser.h"
 #include "VintrelCore/FileSystems/ExFAT/Parser.h"
 #include "VintrelCore/FileSystems/Ext/LooseLists.h"
+#include "VintrelCore/FileSystems/Ext/LooseNodes.h"
 #include "VintrelCore/FileSystems/Ext/Parser.h"
 #include "VintrelCore/FileSystems/Ext/Remains.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
@@ -81,6 +82,8 @@ bool mayBeExtSuperblock(const std::uint8_t* sector)
 
 bool mayBeExtJournal(const std::uint8_t* sector) { return sector[0] == 0xC0 && sector[1] == 0x3B; }
 
+bool mayBeExtNode(const std::uint8_t* sector) { return sector[0] == 0x0A && sector[1] == 0xF3; }
+
 /// The kind of a slot's inode, and a time of deletion that is zero.
 bool mayBeExtFolderInode(const std::uint8_t* sector)
 {
@@ -139,6 +142,7 @@ struct StructureRows {
         // costs the most, and its sectors pass for nothing above
         { mayBeExFATDirectory, &StructureFinder::findExFATDirectory },
         { mayBeExtJournal, &StructureFinder::findExtJournal },
+        { mayBeExtNode, &StructureFinder::findExtNode },
         { mayBeExtFolderInode, &StructureFinder::findExtFolderInodes },
         // is nothing but numbers, which tables of other file systems are too
         { mayBeExtBlockList, &StructureFinder::findExtBlockList },
@@ -241,6 +245,14 @@ bool StructureFinder::findExtJournal(const SweptSector& swept)
     if (!ExtRemainders::looksLikeJournal(swept.sector()))
         return false;
     result_.extJournals.push_back(swept.offset);
+    return true;
+}
+
+bool StructureFinder::findExtNode(const SweptSector& swept)
+{
+    if (!ExtLooseNodes::looksLikeNode(swept.sector()))
+        return false;
+    result_.extNodes.push_back(swept.offset);
     return true;
 }
 

@@ -51,6 +51,7 @@ private:
     bool findAPFSObjectMap(const SweptSector& swept);
     bool findExFATDirectory(const SweptSector& swept);
     bool findExtSuperblock(const SweptSector& swept);
+    bool findExtNode(const SweptSector& swept);
     bool findExtFolderInodes(const SweptSector& swept);
     bool findExtJournal(const SweptSector& swept);
     bool findExtBlockList(const SweptSector& swept);

@@ -38,6 +38,7 @@ struct DeepScanResult {
     Offsets extFolderInodes;       ///< slots that may hold the inode of a directory of ext2, ext3
     Offsets extJournals;           ///< sectors that begin a journal of ext3 or ext4
     Offsets extBlockLists;         ///< sectors that may begin a list of a file's blocks
+    Offsets extNodes;              ///< sectors that may begin a node of an extent tree
     bool carvingRanOut = false;    ///< whether places had to be given up that cost too much
     bool completed = false;        ///< whether the end of the source was reached
     std::uint64_t scannedUpTo = 0;

@@ -20,16 +20,6 @@ constexpr std::int64_t entrySize = sizeof(LeafExtent);
 constexpr std::uint64_t statesOfBlock = 4;
 constexpr std::uint64_t leastBudget = 65'536;
 
-std::uint64_t startOf(const LeafExtent& extent)
-{
-    return extent.startLow | std::uint64_t { extent.startHigh } << 32;
-}
-
-std::uint64_t nodeOf(const ExtentIndex& index)
-{
-    return index.nodeLow | std::uint64_t { index.nodeHigh } << 32;
-}
-
 /// The entries of a node, as many as it has room for.
 std::uint16_t entryCount(ByteView node, const ExtentHeader& header)
 {
@@ -115,8 +105,8 @@ ExtMapping ExtBlockMaps::readDeadTree(const ExtInode& inode, const Lookup& looku
          at += entrySize) {
         // An extent that was taken out has zeros where an index has its node.
         const auto index = root.load<ExtentIndex>(at).value_or(ExtentIndex {});
-        if (index.nodeLow != 0 && geometry_.isBlock(nodeOf(index))
-            && !readNode(inode, nodeOf(index), lookup, mapping))
+        if (index.nodeLow != 0 && geometry_.isBlock(blockOf(index))
+            && !readNode(inode, blockOf(index), lookup, mapping))
             mapping.isWhole = false;
     }
     return mapping;
@@ -154,7 +144,7 @@ void ExtBlockMaps::readExtents(const ExtInode& inode, ByteView node, std::uint16
         for (std::uint16_t index = count; level > 0 && index > 0; --index)
             if (const auto below = bytes.load<ExtentIndex>(headerSize + (index - 1) * entrySize))
                 open.push_back(
-                    { nodeOf(*below), below->block, static_cast<std::uint16_t>(level - 1) });
+                    { blockOf(*below), below->block, static_cast<std::uint16_t>(level - 1) });
     };
     addEntries(node, depth);
     while (!open.empty()) {
@@ -181,7 +171,7 @@ void ExtBlockMaps::addExtent(ExtMapping& mapping, const LeafExtent& extent)
 {
     const bool isWritten = extent.count <= maxWrittenLength;
     const ExtRun run { .logical = extent.block,
-        .physical = startOf(extent),
+        .physical = blockOf(extent),
         .count = std::uint64_t { extent.count } - (isWritten ? 0 : maxWrittenLength),
         .isWritten = isWritten };
     const auto next = mapping.runs.empty() ? 0 : mapping.runs.back().end();

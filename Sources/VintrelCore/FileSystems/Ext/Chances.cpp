@@ -36,6 +36,7 @@ public:
 private:
     void addPieces(ExtEntry::Index file);
     void judgeGroup(std::span<const Piece> pieces);
+    bool isHeld(const Piece& piece);
     bool isWrittenSince(const Piece& piece, std::uint64_t block) const;
     void judgeClaims();
 
@@ -92,6 +93,18 @@ void Judge::addPieces(ExtEntry::Index file)
     }
 }
 
+/// Whether all blocks are in use now.
+bool Judge::isHeld(const Piece& piece)
+{
+    if (piece.count > blocksLeft_)
+        return false;
+    blocksLeft_ -= piece.count;
+    for (std::uint64_t index = 0; index < piece.count; ++index)
+        if (!context_.allocation().isInUse(piece.first + index))
+            return false;
+    return true;
+}
+
 /// What the journal has written to a block since the file ended.
 bool Judge::isWrittenSince(const Piece& piece, std::uint64_t block) const
 {
@@ -122,6 +135,8 @@ void Judge::judgeGroup(std::span<const Piece> pieces)
         }
         auto& use = uses_[piece.file - files_.livingCount];
         use.checked += piece.count;
+        if (files_.entries[piece.file].isUnfreed && isHeld(piece))
+            continue;
         use.isUnknown = use.isUnknown || used.empty()
             || (journal != nullptr && !journal->isCompleteSince(piece.died));
         if (piece.count > blocksLeft_) {

@@ -95,6 +95,19 @@ bool ExtContext::isInJournal(std::uint64_t offset) const
         [&](const ByteRange& piece) { return piece.start <= offset && offset < piece.end; });
 }
 
+void ExtContext::keepFiles(std::vector<SeededFile> files)
+{
+    files_ = std::move(files);
+    std::ranges::sort(files_, {}, &SeededFile::seed);
+}
+
+const FileNode* ExtContext::fileWith(std::uint32_t seed) const
+{
+    const auto first = std::ranges::lower_bound(files_, seed, {}, &SeededFile::seed);
+    const auto last = std::ranges::upper_bound(files_, seed, {}, &SeededFile::seed);
+    return last - first == 1 ? first->file : nullptr;
+}
+
 /// By the journal's inode as it lies on the disk or, where that is damaged, by the copy of its map
 /// in the superblock.
 std::vector<ByteRange> ExtContext::findJournal() const

@@ -52,6 +52,16 @@ public:
     bool isInJournal(std::uint64_t offset) const;
     /// What there is to say of all this, for the user.
     std::vector<std::string> notes() const;
+    /// A file, by what the checksums of its inode's own blocks begin with.
+    struct SeededFile {
+        std::uint32_t seed = 0;
+        const FileNode* file = nullptr;
+    };
+    /// Keeps the files of a volume with checksums that have names; each must live as long as the
+    /// context.
+    void keepFiles(std::vector<SeededFile> files);
+    /// The file that has a seed; none where none has it, or several.
+    const FileNode* fileWith(std::uint32_t seed) const;
     /// Lets go of what only the reading of files needs.
     void forgetJournal() { journal_.reset(); }
 
@@ -67,4 +77,5 @@ private:
     bool lacksJournal_ = false;
     std::unique_ptr<ExtGroups> groups_;
     std::unique_ptr<ExtAllocation> allocation_;
+    std::vector<SeededFile> files_; ///< by their seeds
 };

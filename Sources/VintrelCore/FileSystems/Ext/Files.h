@@ -23,9 +23,14 @@ struct ExtEntry {
     ExtSequence born = 0;
     ExtSequence died = ExtLife::now; ///< as ExtLife has it, or earlier
     ExtSequence diedAtLatest = ExtLife::now;
+    /// States of directories from before this transaction have its name. Never later than
+    /// `diedAtLatest`.
+    ExtSequence namedBefore = ExtLife::now;
     /// The first transaction whose state of it is dead, where only such states are left of it.
     ExtSequence firstDead = 0;
     ExtSequence namedAt = 0; ///< when it had its name
+    /// Whether its blocks are still its own: it was open, or waited to be taken apart.
+    bool isUnfreed = false;
     Index parent = ParentLinks::none;
     Doubts doubts = {}; ///< of what has ended
     std::unique_ptr<FileNode> node = {};
@@ -50,7 +55,8 @@ struct ExtFiles {
 
     /// What exists with this number; none when nothing does.
     ExtEntry* findLiving(std::uint32_t number);
-    /// What had this number when the transaction ended and has ended since; none when nothing had.
+    /// What had this number when the transaction ended and has ended since; none when nothing had,
+    /// or nothing says so.
     ExtEntry* findEnded(std::uint32_t number, ExtSequence sequence);
     /// What had this number and had ended by then; of several the one that ended last.
     ExtEntry* findLastEnded(std::uint32_t number, ExtSequence sequence);

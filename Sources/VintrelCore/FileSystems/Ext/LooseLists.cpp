@@ -1,8 +1,5 @@
 #include "VintrelCore/FileSystems/Ext/LooseLists.h"
 
-#include "VintrelCore/FileSystems/Ext/Chances.h"
-#include "VintrelCore/FileSystems/Ext/Content.h"
-#include "VintrelCore/FileSystems/Ext/Recognition.h"
 #include "VintrelCore/Foundation/RangeSet.h"
 #include "VintrelCore/Model/DeepScanResult.h"
 
@@ -15,7 +12,7 @@ using namespace ExtFormat;
 
 namespace {
 
-constexpr std::uint64_t directBlocks = 12;
+constexpr auto directBlocks = ExtListed::directBlocks;
 constexpr int topLevel = 2; ///< lists of lists of lists
 
 /// Of all lists of a volume, some 100 MiB of memory. Disks in use have a hundredth of it.
@@ -31,49 +28,13 @@ struct LooseList {
     std::uint64_t first() const { return runs.front().physical; }
 };
 
-/// Where the byte `position` of a file lies; none in a hole or behind its end.
-std::optional<std::uint64_t> placeOf(const ExtentList& extents, std::uint64_t position)
-{
-    for (const auto& [offset, length] : extents) {
-        if (position < length)
-            return offset ? std::optional(*offset + position) : std::nullopt;
-        position -= length;
-    }
-    return std::nullopt;
-}
-
-/// What the volumes list already.
-struct Listed {
-    /// Where the thirteenth blocks of the files lie, in bytes on the source.
-    std::set<std::uint64_t> places;
-    RangeSet deleted; ///< where deleted files lie that are believed, likewise
-
-    void add(const Volume& volume, std::uint64_t blockSize);
-};
-
-void Listed::add(const Volume& volume, std::uint64_t blockSize)
-{
-    for (const auto* file : volume.root->allFiles()) {
-        const auto* const extents = extentsOf(file->data);
-        if (extents == nullptr)
-            continue;
-        if (const auto place = placeOf(*extents, directBlocks * blockSize))
-            places.insert(*place);
-        if (file->status == EntryStatus::existing || file->recoverability != Recoverability::good)
-            continue;
-        for (const auto& [offset, length] : *extents)
-            if (offset)
-                deleted.add(*offset, *offset + length);
-    }
-}
-
 /// Puts the files of one volume together.
 class Search {
 public:
-    Search(const Listed& listed, ExtContext& context);
+    Search(const ExtListed& listed, ExtContext& context);
 
     void add(std::uint64_t offset);
-    std::unique_ptr<FileNode> findFiles();
+    void findFiles(ExtLooseFiles& files);
 
 private:
     using Lists = std::map<std::uint64_t, LooseList>; // by their blocks
@@ -86,23 +47,18 @@ private:
     LooseList* nextList(int level, std::uint64_t block);
     void append(ExtMapping& mapping, const LooseList& list) const;
     ExtMapping mappingOf(std::uint64_t block, const LooseList& list);
-    ExtEntry entryOf(std::uint64_t block, const ExtMapping& mapping);
 
     ExtContext& context_;
     const ExtGeometry& geometry_;
-    const ExtContent content_;
-    ExtRecognition recognition_;
     Lists lists_;
     std::size_t runsLeft_ = maxRuns;
     std::multimap<std::pair<int, std::uint64_t>, std::uint64_t> followers_;
-    const Listed& listed_;
+    const ExtListed& listed_;
 };
 
-Search::Search(const Listed& listed, ExtContext& context)
+Search::Search(const ExtListed& listed, ExtContext& context)
     : context_(context)
     , geometry_(context.geometry())
-    , content_(context)
-    , recognition_(context)
     , listed_(listed)
 {
 }
@@ -248,54 +204,18 @@ ExtMapping Search::mappingOf(std::uint64_t block, const LooseList& list)
     return mapping;
 }
 
-ExtEntry Search::entryOf(std::uint64_t block, const ExtMapping& mapping)
-{
-    ExtEntry entry { .kind = fileMode, .died = ExtLife::now - 1, .diedAtLatest = ExtLife::now - 1 };
-    entry.node = FileNode::makeFile(
-        "blok-" + std::to_string(block), 0, EntryStatus::deleted, Recoverability::good);
-    auto& node = *entry.node;
-    content_.takeRuns(node, mapping);
-    const auto extension = mapping.isWhole ? recognition_.recognise(node) : std::string();
-    if (!extension.empty()) {
-        node.name += "." + extension;
-    } else {
-        entry.doubts.add(Doubt::guessedBeginning);
-        entry.doubts.add(Doubt::unknownSize);
-    }
-    if (!mapping.isWhole)
-        entry.doubts.add(Doubt::lostBlocks);
-    for (const auto& [offset, length] : *extentsOf(node.data))
-        if (offset && listed_.deleted.intersects(*offset, *offset + length))
-            entry.doubts.add(Doubt::contestedByDeleted);
-    return entry;
-}
-
-std::unique_ptr<FileNode> Search::findFiles()
+void Search::findFiles(ExtLooseFiles& files)
 {
     findLevels();
     findFollowers();
-    ExtFiles files;
     for (auto& [block, list] : lists_) {
         const bool isFirst = list.level == 0 && !list.isNamed;
-        if (!isFirst || listed_.places.contains(geometry_.offsetOf(list.first())))
+        if (!isFirst || listed_.hasBehindDirect(geometry_.offsetOf(list.first())))
             continue;
         const auto mapping = mappingOf(block, list);
         if (!mapping.runs.empty())
-            files.entries.push_back(entryOf(block, mapping));
+            files.add(block, mapping, ExtLooseFiles::Beginning::guessed);
     }
-    // A number alone in a block may be anything: only content makes it a list.
-    std::erase_if(files.entries, [&](const ExtEntry& entry) {
-        return entry.doubts.has(Doubt::guessedBeginning)
-            && entry.node->size <= (directBlocks + 1) * geometry_.blockSize;
-    });
-    if (files.entries.empty())
-        return nullptr;
-    ExtChances::judge(context_, files);
-    auto folder = FileNode::makeFolder("$Filer fra bloklister", EntryStatus::orphaned);
-    for (auto& entry : files.entries)
-        folder->add(std::move(entry.node));
-    folder->sortChildren();
-    return folder;
 }
 
 } // namespace
@@ -313,29 +233,17 @@ bool looksLikeList(ByteView sector)
                .isAllZero();
 }
 
-std::vector<ExtraFolder> findLostFolders(DiskSource& /*source*/, const VolumeList& volumes,
-    const DeepScanResult& finds, WorkProgress* progress)
+void add(
+    ExtContext& context, const ExtListed& listed, const DeepScanResult& finds, ExtLooseFiles& files)
 {
-    Listed listed;
-    for (const auto& volume : volumes)
-        if (const auto* context = dynamic_cast<const ExtContext*>(volume->deepContext.get()))
-            listed.add(*volume, context->geometry().blockSize);
-    std::vector<ExtraFolder> folders;
-    for (const auto& volume : volumes) {
-        auto* const context = dynamic_cast<ExtContext*>(volume->deepContext.get());
-        if (context == nullptr || isCancelled(progress))
-            continue;
-        report(progress, 0, "Søger efter filer fra løse bloklister …");
-        Search search(listed, *context);
-        const auto begin = std::ranges::lower_bound(finds.extBlockLists, volume->offset);
-        for (auto found = begin; found != finds.extBlockLists.end()
-             && *found - volume->offset < context->geometry().volumeSize();
-             ++found)
-            search.add(*found);
-        if (auto folder = search.findFiles())
-            folders.push_back({ volume.get(), std::move(folder) });
-    }
-    return folders;
+    Search search(listed, context);
+    const auto base = context.geometry().base;
+    const auto begin = std::ranges::lower_bound(finds.extBlockLists, base);
+    for (auto found = begin;
+         found != finds.extBlockLists.end() && *found - base < context.geometry().volumeSize();
+         ++found)
+        search.add(*found);
+    search.findFiles(files);
 }
 
 } // namespace ExtLooseLists

@@ -146,10 +146,10 @@ void ExtNames::readOld(const ExtFolder& folder, std::uint64_t block)
     const auto& owner = files_.entries[folder.entry];
     const auto copies = journal->copiesOf(block);
     for (const auto& copy : copies) {
-        if (copy.sequence < owner.born || copy.sequence >= owner.died)
+        if (copy.sequence < owner.born || copy.sequence >= owner.namedBefore)
             continue;
         const auto bytes = journal->content(copy);
-        if (bytes.empty())
+        if (bytes.empty() || !isOfEnded(owner, bytes))
             continue;
         ++blocksRead_;
         readEntries(bytes, { folder.entry, copy.sequence, false, false });

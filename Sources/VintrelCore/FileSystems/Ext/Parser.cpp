@@ -26,6 +26,17 @@ void addNotes(
             std::to_string(names.damagedCount()) + " mappeblokke er beskadiget.");
 }
 
+std::vector<ExtContext::SeededFile> namedFiles(const ExtGeometry& geometry, const ExtFiles& files)
+{
+    std::vector<ExtContext::SeededFile> named;
+    named.reserve(geometry.hasChecksums() ? files.entries.size() : 0);
+    for (const auto& entry : files.entries)
+        if (geometry.hasChecksums() && entry.kind == fileMode && entry.isNamed())
+            named.push_back(
+                { ExtInodes::seedOf(geometry, entry.number, entry.generation), entry.node.get() });
+    return named;
+}
+
 std::unique_ptr<Volume> volumeOf(
     std::unique_ptr<ExtContext> context, const std::string& origin, WorkProgress* progress)
 {
@@ -46,6 +57,7 @@ std::unique_ptr<Volume> volumeOf(
     volume->root->fsID = rootInode;
     ExtChances::judge(*context, files);
     addNotes(*volume, *context, content, names);
+    context->keepFiles(namedFiles(context->geometry(), files));
     ExtTree::build(std::move(files), names.hardLinks(), *volume->root);
     context->forgetJournal();
     volume->deepContext = std::move(context);

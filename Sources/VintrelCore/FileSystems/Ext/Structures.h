@@ -72,17 +72,21 @@ struct Superblock {
     std::array<LE32, 2> backupGroups;         // 588
     std::array<std::uint8_t, 28> encryption;  // 596
     LE32 checksumSeed;                        // 624
-    std::array<std::uint8_t, 392> rest;       // 628
+    std::array<std::uint8_t, 12> dates;       // 628  and others
+    LE32 orphanFileInode;                     // 640
+    std::array<std::uint8_t, 376> rest;       // 644
     LE32 checksum;                            // 1020
 };
 static_assert(sizeof(Superblock) == 1024 && offsetof(Superblock, compatible) == 92
     && offsetof(Superblock, journalBlocks) == 268 && offsetof(Superblock, blockCountHigh) == 336
-    && offsetof(Superblock, backupGroups) == 588 && offsetof(Superblock, checksumSeed) == 624);
+    && offsetof(Superblock, backupGroups) == 588 && offsetof(Superblock, checksumSeed) == 624
+    && offsetof(Superblock, orphanFileInode) == 640);
 
 /// Features that change what lies where ("The Super Block", s_feature_…).
 namespace Feature {
 constexpr std::uint32_t hasJournal = 0x4;      // compatible
 constexpr std::uint32_t sparseSuper2 = 0x200;  // compatible
+constexpr std::uint32_t orphanFile = 0x1000;   // compatible
 constexpr std::uint32_t recover = 0x4;         // incompatible
 constexpr std::uint32_t journalDevice = 0x8;   // incompatible
 constexpr std::uint32_t metaGroups = 0x10;     // incompatible
@@ -193,6 +197,18 @@ struct LeafExtent {
 };
 static_assert(sizeof(ExtentHeader) == 12 && sizeof(ExtentIndex) == 12 && sizeof(LeafExtent) == 12);
 
+/// The first block of an extent.
+inline std::uint64_t blockOf(const LeafExtent& extent)
+{
+    return extent.startLow | std::uint64_t { extent.startHigh } << 32;
+}
+
+/// The block of a node that an index names.
+inline std::uint64_t blockOf(const ExtentIndex& index)
+{
+    return index.nodeLow | std::uint64_t { index.nodeHigh } << 32;
+}
+
 constexpr std::uint16_t extentMagic = 0xF30A;
 constexpr std::uint16_t maxExtentDepth = 5;
 constexpr std::uint16_t maxWrittenLength = 32768;
@@ -205,6 +221,15 @@ struct DirectoryEntry {
     std::uint8_t type;       // 7  0 where the volume does not keep it
 };
 static_assert(sizeof(DirectoryEntry) == 8);
+
+/// "Orphan file": struct ext4_orphan_block_tail, at the end of a block with numbers of inodes.
+struct OrphanTail {
+    LE32 magic;    // 0
+    LE32 checksum; // 4
+};
+static_assert(sizeof(OrphanTail) == 8);
+
+constexpr std::uint32_t orphanMagic = 0x0B10'CA04;
 
 constexpr std::uint8_t checksumEntryType = 0xDE; ///< of the entry at a block's end
 constexpr std::int64_t checksumEntrySize = 12;

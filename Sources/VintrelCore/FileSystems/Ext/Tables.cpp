@@ -1,7 +1,10 @@
 #include "VintrelCore/FileSystems/Ext/Files.h"
+#include "VintrelCore/FileSystems/Ext/Orphans.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
+#include <chrono>
+#include <set>
 #include <tuple>
 
 using namespace ExtFormat;
@@ -18,12 +21,20 @@ constexpr std::size_t maxStates = 4096;
 constexpr std::uint16_t maxBelievedLinks = 4096;
 constexpr std::uint64_t maxBelievedSize = std::uint64_t { 1 } << 44;
 
+/// Since 1970; 0 before.
+std::uint64_t secondsOf(const Date& date)
+{
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(date).time_since_epoch().count();
+    return static_cast<std::uint64_t>(std::max<std::int64_t>(seconds, 0));
+}
+
 class Reader {
 public:
     Reader(const ExtContext& context, ExtContent& content)
         : context_(context)
         , geometry_(context.geometry())
         , content_(content)
+        , orphans_(ExtOrphans::numbers(context))
     {
     }
 
@@ -34,15 +45,18 @@ private:
     void readBlock(std::uint64_t block, ByteView now, std::uint32_t firstNumber, bool isUsed);
     void readSlot(std::uint32_t number, std::span<const ExtSlotState> states);
     void addLiving(const ExtInode& inode, ByteView slot);
-    void addEnded(const ExtLife& life);
+    void addEnded(const ExtLife& life, const ExtInode& now);
+    bool isUnfreed(const ExtLife& life, const ExtInode& now) const;
     void add(const ExtInode& inode, ByteView slot, ExtContent::Made made, ExtEntry entry);
     ExtSequence endOf(const ExtLife& life, std::uint64_t seconds) const;
+    ExtSequence birthOf(const ExtLife& life) const;
     bool isListed(std::uint32_t number) const;
     bool isOurs(const ExtInode& inode) const;
 
     const ExtContext& context_;
     const ExtGeometry& geometry_;
     ExtContent& content_;
+    const std::set<std::uint32_t> orphans_;
     ExtFiles files_;
 };
 
@@ -52,7 +66,7 @@ bool Reader::isListed(std::uint32_t number) const
     const std::uint32_t first = geometry_.superblock.revision == 0
         ? 11
         : std::max<std::uint32_t>(geometry_.superblock.firstInode, 1);
-    return number == rootInode || number >= first;
+    return number == rootInode || (number >= first && !ExtOrphans::isOrphanFile(geometry_, number));
 }
 
 /// Whether an inode is this volume's, and not what another one or a file has left in its place.
@@ -140,7 +154,7 @@ void Reader::readSlot(std::uint32_t number, std::span<const ExtSlotState> states
         return;
     for (const auto& life : ExtLives::ended(geometry_, number, states))
         if (!inode.isAlive() || !ExtLives::isSameFile(inode, life.inode)) // it is back
-            addEnded(life);
+            addEnded(life, inode);
 }
 
 void Reader::addLiving(const ExtInode& inode, ByteView slot)
@@ -161,15 +175,41 @@ ExtSequence Reader::endOf(const ExtLife& life, std::uint64_t seconds) const
         { journal->firstSince(seconds).value_or(ExtLife::now - 1), life.died, ExtLife::now - 1 });
 }
 
-void Reader::addEnded(const ExtLife& life)
+/// The beginning of a file or, where only the dead inode says when that was, the first transaction
+/// that was committed in this second or later: those before are about others with its number.
+ExtSequence Reader::birthOf(const ExtLife& life) const
+{
+    const auto* const journal = context_.journal();
+    if (!life.isStateDead || journal == nullptr || !life.inode.created)
+        return life.born;
+    return std::max(
+        life.born, journal->firstSince(secondsOf(*life.inode.created)).value_or(ExtLife::now - 1));
+}
+
+/// Whether the inode of a file still has all that it had when it lost its name.
+bool Reader::isUnfreed(const ExtLife& life, const ExtInode& now) const
+{
+    return orphans_.contains(now.number) && now.links == 0 && ExtLives::isSameFile(life.inode, now)
+        && life.inode.size == now.size && life.inode.sectors == now.sectors
+        && life.inode.map == now.map;
+}
+
+void Reader::addEnded(const ExtLife& life, const ExtInode& now)
 {
     auto made = content_.makeDead(life);
-    if (made.node)
-        add(life.inode, life.slot, std::move(made),
-            { .born = life.born,
-                .died = endOf(life, life.inode.deleted),
-                .diedAtLatest = endOf(life, std::uint64_t { life.inode.deleted } + 1),
-                .firstDead = life.isStateDead ? life.died : 0 });
+    if (!made.node)
+        return;
+    const auto died = endOf(life, life.inode.deleted);
+    const auto diedAtLatest = endOf(life, std::uint64_t { life.inode.deleted } + 1);
+    // Whatever had the number in the second of the deletion was this file, unless it began then.
+    const bool isOlder = life.inode.created && secondsOf(*life.inode.created) < life.inode.deleted;
+    add(life.inode, life.slot, std::move(made),
+        { .born = birthOf(life),
+            .died = died,
+            .diedAtLatest = diedAtLatest,
+            .namedBefore = isOlder ? diedAtLatest : died,
+            .firstDead = life.isStateDead ? life.died : 0,
+            .isUnfreed = isUnfreed(life, now) });
 }
 
 void Reader::add(const ExtInode& inode, ByteView slot, ExtContent::Made made, ExtEntry entry)
@@ -233,7 +273,7 @@ ExtEntry* ExtFiles::findEnded(std::uint32_t number, ExtSequence sequence)
     auto found = std::lower_bound(first, entries.end(), number,
         [](const ExtEntry& entry, std::uint32_t wanted) { return entry.number < wanted; });
     for (; found != entries.end() && found->number == number; ++found)
-        if (found->born <= sequence && sequence < found->died)
+        if (found->born <= sequence && sequence < found->namedBefore)
             return &*found;
     return nullptr;
 }

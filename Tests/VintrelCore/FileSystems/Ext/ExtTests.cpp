@@ -162,6 +162,44 @@ TEST(Ext, TellsFilesThatHadOneInodeApart)
     EXPECT_EQ(disk["/mappe/nyt brev"].status, EntryStatus::existing);
 }
 
+TEST(Ext, NamesAFileByStatesOfItsFolderFromWhenItLived)
+{
+    constexpr std::uint32_t second = 1'500'000'000; // of the transactions, behind their numbers
+    const struct {
+        const char* what;
+        std::uint32_t created, deleted;
+        bool isTheFolders; ///< the state in the journal
+        bool isNamed;
+    } rows[] = {
+        { "nothing says when it began", 0, second + 3, true, true },
+        { "it was deleted in the second of the state", second, second + 2, true, true },
+        { "it began and ended in that second", second + 2, second + 2, true, false },
+        { "it began later, with the number of another", second + 3, second + 3, true, false },
+        { "the block was another folder's", 0, second + 3, false, false },
+    };
+    for (const auto& [what, created, deleted, isTheFolders, isNamed] : rows) {
+        ExtImage image;
+        image.putFolder(12, ExtImage::root, folderBlock, { { 13, "brev" } });
+        image.putFolder(ExtImage::root, ExtImage::root, ExtImage::rootBlock, { { 12, "mappe" } });
+        if (!isTheFolders)
+            image.putFolder(14, ExtImage::root, folderBlock, { { 13, "brev" } });
+        image.commit({ ExtImage::bitmapBlock });
+        image.commit({ folderBlock });
+        image.putInode(14, { .mode = 0, .links = 0 });
+        image.putFolder(12, ExtImage::root, folderBlock, {});
+        image.putInode(13,
+            { .size = 8,
+                .links = 0,
+                .deleted = deleted,
+                .created = created,
+                .extents = { { 0, fileBlock, 1 } } });
+        image.commit({ ExtImage::tableBlockOf(13), folderBlock });
+        const auto disk = parse(image.bytes());
+        EXPECT_EQ(disk.volume->root->allFiles().front()->name, isNamed ? "brev" : "inode-13")
+            << what;
+    }
+}
+
 TEST(Ext, TakesNoNumberOfAnotherOrphanForATime)
 {
     ExtImage image;
@@ -209,6 +247,59 @@ TEST(Ext, LowersTheChanceOfWhatOthersHadSince)
         auto image = withDeletedFile();
         reuse(image);
         EXPECT_EQ(chance(parse(image.bytes())["/mappe/brev"]), expected) << name;
+    }
+}
+
+TEST(Ext, BelievesOrphansThatStillHaveTheirBlocks)
+{
+    constexpr auto reused = "Ringe: Blokkene er genbrugt af andre filer";
+    const struct {
+        const char* what;
+        std::uint64_t size; ///< of the inode now
+        void (*put)(ExtImage& image);
+        const char* expected;
+    } rows[] = {
+        { "the first of the list", 8, [](ExtImage& it) { it.putFirstOrphan(13); }, "God" },
+        { "another behind one that is being cut", 8,
+            [](ExtImage& it) {
+                it.putInode(14, { .deleted = 13 });
+                it.putFirstOrphan(14);
+            },
+            "God" },
+        { "in no list", 8, [](ExtImage& /*it*/) {}, reused },
+        { "a list that loops before it", 8,
+            [](ExtImage& it) {
+                it.putInode(14, { .deleted = 14 });
+                it.putFirstOrphan(14);
+            },
+            reused },
+        { "taken apart already", 0, [](ExtImage& it) { it.putFirstOrphan(13); }, reused },
+        { "its blocks free by now, and written since", 8,
+            [](ExtImage& it) {
+                it.setUsed(fileBlock, 1, false);
+                it.putFirstOrphan(13);
+                it.commit({ ExtImage::tableBlockOf(13), folderBlock });
+                it.commit({ fileBlock });
+            },
+            reused },
+        { "in the orphan file", 8, [](ExtImage& it) { it.putOrphanFile(15, 150, 13); }, "God" },
+        { "in a wrong one", 8,
+            [](ExtImage& it) {
+                it.putOrphanFile(15, 150, 13);
+                it.bytes()[ExtImage::offsetOf(150)] = 14;
+            },
+            reused },
+    };
+    for (const auto& [what, size, put, expected] : rows) {
+        auto image = withFile();
+        image.putFolder(12, ExtImage::root, folderBlock, {});
+        image.putInode(13, { .size = size, .links = 0, .extents = { { 0, fileBlock, 1 } } });
+        put(image);
+        image.commit({ ExtImage::tableBlockOf(13), folderBlock });
+        const auto disk = parse(image.bytes());
+        EXPECT_EQ(chance(disk["/mappe/brev"]), expected) << what;
+        for (const auto* file : disk.volume->root->allFiles())
+            EXPECT_NE(file->fsID, 15u) << what << ": the orphan file is the system's own";
     }
 }
 
