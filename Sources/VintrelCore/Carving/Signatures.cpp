@@ -171,20 +171,25 @@ const Signature* signatureOf(ByteView head)
 
 namespace {
 
-/// Whether a film of the years before "ftyp" may begin here.
-bool beginsQuickTime(ByteView head)
+/// By the type of a first box, which its size stands in front of: the usual one, those of films of
+/// the years before it, and those of RED.
+FormatReader readerByBox(std::uint32_t type)
 {
-    const auto type = head.u32be(4);
     switch (type) {
+    case 0x6674'7970: // ftyp
+        return Formats::isoBMFF;
     case 0x6D6F'6F76: // moov
     case 0x6D64'6174: // mdat
     case 0x7769'6465: // wide
     case 0x6672'6565: // free
     case 0x736B'6970: // skip
     case 0x706E'6F74: // pnot
-        return true;
+        return Formats::quickTime;
+    case 0x5245'4431: // RED1
+    case 0x5245'4432: // RED2
+        return Formats::r3d;
     default:
-        return false;
+        return nullptr;
     }
 }
 
@@ -249,12 +254,8 @@ Formats::Found discOrTriangles(const Candidate& candidate)
 
 FormatReader readerByInnerMark(ByteView head)
 {
-    if (head.matches("ftyp", 4))
-        return Formats::isoBMFF;
-    if (beginsQuickTime(head))
-        return Formats::quickTime;
-    if (head.matches("RED", 4))
-        return Formats::r3d;
+    if (const auto read = readerByBox(head.u32be(4)))
+        return read;
     if (mayBeginBerkeleyDB(head))
         return Formats::berkeleyDB;
     if (mayBeginTGA(head))

@@ -24,51 +24,31 @@ public:
 
     void addLast()
     {
-        const auto& file = files_.back();
-        if (file.isProved)
-            return;
-        open_.push_back(files_.size() - 1);
-        hasOpenEnd_ |= file.isOpenEnded;
+        if (!files_.back().isProved)
+            open_.push_back(files_.size() - 1);
     }
 
-    /// Whether a find is left of which only the next one tells where it ends.
-    bool hasOpenEnd() const { return hasOpenEnd_; }
+    /// Whether only what comes next tells where the last find ends.
+    bool hasOpenEnd() const { return !open_.empty() && files_[open_.back()].isOpenEnded; }
 
     /// Another find begins at `offset`, behind all others. Each find is looked at once here,
     /// however many lie inside it, and those that it goes beyond are forgotten.
     void interrupt(std::uint64_t offset)
     {
-        for (const auto index : open_)
-            interrupt(files_[index], offset);
+        for (const auto index : open_) {
+            auto& file = files_[index];
+            if (file.offset + file.size <= offset)
+                continue;
+            file.isInterrupted = true;
+            if (file.isOpenEnded)
+                file.size = offset - file.offset;
+        }
         open_.clear();
-        hasOpenEnd_ = false;
-    }
-
-    /// Something begins at `offset` that is no find, and that files without an end do not hold.
-    /// Those whose lengths are known may be archives and hold it.
-    void endOpenEnds(std::uint64_t offset)
-    {
-        const auto isOpenEnded = [&](std::size_t index) { return files_[index].isOpenEnded; };
-        for (const auto index : open_)
-            if (isOpenEnded(index))
-                interrupt(files_[index], offset);
-        std::erase_if(open_, isOpenEnded);
-        hasOpenEnd_ = false;
     }
 
 private:
-    static void interrupt(CarvedFile& file, std::uint64_t offset)
-    {
-        if (file.offset + file.size <= offset)
-            return;
-        file.isInterrupted = true;
-        if (file.isOpenEnded)
-            file.size = offset - file.offset;
-    }
-
     std::vector<CarvedFile>& files_;
     std::vector<std::size_t> open_; // their indices
-    bool hasOpenEnd_ = false;
 };
 
 } // namespace
@@ -112,8 +92,9 @@ DeepScanResult DeepScanner::run(
                 continue;
             const auto head = chunk.subspan(at, std::min(headSize, chunk.size() - at));
             auto found = carver->check(head, offset);
+            // Archives and other files of a known length may hold programs.
             if (!found && unproved.hasOpenEnd() && carver->beginsProgram(head, offset))
-                unproved.endOpenEnds(offset);
+                unproved.interrupt(offset);
             if (!found)
                 continue;
             if (found->isProved)

@@ -134,13 +134,16 @@ private:
         return sector <= lastRegularSector && offsetOf(sector) + sectorSize() <= file_.size();
     }
 
-    /// Whether a sector is filled with the mark of the table's sectors: one that writers leave
-    /// behind the last one in use, and that the list does not name.
+    /// Whether a sector begins with the mark of the table's sectors and holds no other but that of
+    /// free ones: one that writers leave behind the last one in use, and that the list does not
+    /// name.
     bool isSpareTable(std::uint64_t sector)
     {
         bool isSpare = offsetOf(sector + 1) <= file_.size();
-        for (std::uint64_t at = 0; at < sectorSize() && isSpare; at += entrySize)
-            isSpare = file_.u32le(offsetOf(sector) + at) == tableSector;
+        for (std::uint64_t at = 0; at < sectorSize() && isSpare; at += entrySize) {
+            const auto entry = file_.u32le(offsetOf(sector) + at);
+            isSpare = entry == tableSector || (at > 0 && entry == freeSector);
+        }
         return isSpare;
     }
 

@@ -113,6 +113,8 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
 {
     Content wide;
     wide.text("#!AMR-WB\n").add(repeated(9, Content().be(0x1C, 1).zeros(36))).be(0x7C, 1);
+    EXPECT_EQ(carve(Content().add(wide).be(0x1C, 1)), "amr " + std::to_string(wide.size()))
+        << "a byte behind it that might begin a frame";
     const struct {
         const char* ext;
         Bytes file;

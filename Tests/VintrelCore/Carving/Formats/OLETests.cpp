@@ -73,4 +73,7 @@ TEST(OLE, EndsWithTheLastSectorThatItsTableHasInUse)
         EXPECT_EQ(
             carve(compoundFile(tableSectors, last)), "doc " + std::to_string(offsetOf(last + 1)))
             << what;
+    const Bytes spare
+        = Content().add(compoundFile(1, 100)).le(tableSector, 4).upTo(offsetOf(102), 0xFF);
+    EXPECT_EQ(carve(spare), "doc " + std::to_string(offsetOf(102))) << "a spare table";
 }
