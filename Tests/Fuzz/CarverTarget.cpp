@@ -16,10 +16,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<BrokenHead> heads;
     Carver carver(*source, carvedCategories());
     carver.noteBrokenHeads(heads);
-    for (std::size_t offset = 0; offset + 512 <= bytes.size(); offset += 512)
-        if (auto found
-            = carver.check(ByteView(bytes).sub(static_cast<std::int64_t>(offset), 512), offset))
+    carver.findTexts();
+    for (std::size_t offset = 0; offset + 512 <= bytes.size(); offset += 512) {
+        const auto head = ByteView(bytes).sub(static_cast<std::int64_t>(offset), 512);
+        if (auto found = carver.check(head, offset))
             finds.push_back(std::move(*found));
+        else
+            carver.beginsProgram(head, offset);
+    }
     for (const auto& find : finds)
         expect(find.size > 0 && find.offset < bytes.size()
                 && (!find.exact || find.size <= bytes.size() - find.offset),
