@@ -11,15 +11,15 @@ namespace Formats {
 namespace {
 
 constexpr std::string_view firstLines[] = {
-    "name,url,username,password",                      // Chrome and its relatives
-    "\"url\",\"username\",\"password\",\"httpRealm\"", // Firefox
-    "Title,URL,Username,Password,",                    // Safari
-    "folder,favorite,type,name,notes,fields,",         // Bitwarden
-    "collections,type,name,notes,fields,",             // Bitwarden of an organisation
-    "Title,Url,Username,Password,",                    // 1Password
-    "url,username,password,",                          // LastPass
-    "\"Group\",\"Title\",\"Username\",\"Password\",",  // KeePassXC
-    "\"Account\",\"Login Name\",\"Password\",",        // KeePass
+    "name,url,username,password",                 // Chrome and its relatives
+    R"("url","username","password","httpRealm")", // Firefox
+    "Title,URL,Username,Password,",               // Safari
+    "folder,favorite,type,name,notes,fields,",    // Bitwarden
+    "collections,type,name,notes,fields,",        // Bitwarden of an organisation
+    "Title,Url,Username,Password,",               // 1Password
+    "url,username,password,",                     // LastPass
+    R"("Group","Title","Username","Password",)",  // KeePassXC
+    R"("Account","Login Name","Password",)",      // KeePass
 };
 
 constexpr std::uint64_t limit = 67'108'864;
