@@ -20,6 +20,18 @@ std::uint32_t crc32c(std::uint32_t state, std::uint32_t number)
     return state;
 }
 
+/// CRC-32 with its highest term in the highest bit, likewise.
+std::uint32_t crc32Of(ByteView bytes)
+{
+    std::uint32_t state = 0xFFFFFFFF;
+    for (const auto byte : bytes.span())
+        for (int bit = 7; bit >= 0; --bit) {
+            const auto top = (state >> 31) ^ (byte >> bit & 1U);
+            state = state << 1 ^ (top != 0 ? 0x04C11DB7 : 0);
+        }
+    return state;
+}
+
 constexpr std::uint32_t start = 0xFFFFFFFF;
 constexpr std::uint64_t uuidOffset = 1024 + 104;
 constexpr std::uint64_t nodeRoom = 84; // entries of a node that takes a block
@@ -241,13 +253,17 @@ void ExtImage::commit(
         auto state = journalSeed_;
         for (int shift = 24; shift >= 0; shift -= 8)
             state = crc32c(state, static_cast<std::uint8_t>(sequence_ >> shift));
-        const auto tag = offsetOf(first) + 12 + index * 16 + (index > 0 ? 16 : 0);
+        const auto tag
+            = offsetOf(first) + 12 + index * (hasOldJournal_ ? 8 : 16) + (index > 0 ? 16 : 0);
         putBE(bytes_, tag, blocks[index], 4);
         putBE(
             bytes_, tag + 4, (index > 0 ? 0x2u : 0u) | (index + 1 == blocks.size() ? 0x8u : 0u), 4);
-        putBE(bytes_, tag + 12, sum(state, offsetOf(copy), blockSize), 4);
+        if (!hasOldJournal_)
+            putBE(bytes_, tag + 12, sum(state, offsetOf(copy), blockSize), 4);
     }
-    sumTail(first);
+    if (!hasOldJournal_)
+        sumTail(first);
+    const auto written = (1 + blocks.size()) * blockSize;
     head_ += 1 + blocks.size();
     if (!revoked.empty()) {
         const auto block = journalBlock + head_++;
@@ -260,8 +276,20 @@ void ExtImage::commit(
     const auto last = journalBlock + head_++;
     putHeader(last, 2);
     putBE(bytes_, offsetOf(last) + 48, 1'500'000'000 + sequence_, 8);
-    putBE(bytes_, offsetOf(last) + 16, sum(journalSeed_, offsetOf(last), blockSize), 4);
+    putBE(bytes_, offsetOf(last) + 12, hasOldJournal_ ? 0x0104 : 0, 2); // CRC-32, of four bytes
+    putBE(bytes_, offsetOf(last) + 16,
+        hasOldJournal_ ? crc32Of(ByteView(bytes_).sub(
+            static_cast<std::int64_t>(offsetOf(first)), static_cast<std::int64_t>(written)))
+                       : sum(journalSeed_, offsetOf(last), blockSize),
+        4);
     ++sequence_;
+}
+
+void ExtImage::useOldJournal()
+{
+    hasOldJournal_ = true;
+    putBE(bytes_, offsetOf(journalBlock) + 36, 0x1, 4);
+    putBE(bytes_, offsetOf(journalBlock) + 40, 0x1, 4); // revokes
 }
 
 void ExtImage::demandReplay() { putBE(bytes_, offsetOf(journalBlock) + 28, 1, 4); }

@@ -55,6 +55,8 @@ public:
     void putOrphanFile(std::uint32_t number, std::uint64_t block, std::uint32_t orphan);
     void setUsed(std::uint64_t block, std::uint64_t count, bool isUsed);
 
+    /// Gives the journal checksums of version 1, for the transactions from now on.
+    void useOldJournal();
     /// A transaction with the states that these blocks have now.
     void commit(
         const std::vector<std::uint64_t>& blocks, const std::vector<std::uint64_t>& revoked = {});
@@ -84,6 +86,7 @@ private:
 
     std::uint32_t seed_ = 0;
     std::uint32_t journalSeed_ = 0;
+    bool hasOldJournal_ = false;
     std::uint32_t sequence_ = 1;
     std::uint64_t head_ = 1;                         ///< of the log
     std::map<std::uint64_t, std::uint32_t> folders_; ///< numbers, by their blocks

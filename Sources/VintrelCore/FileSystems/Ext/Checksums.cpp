@@ -35,6 +35,18 @@ constexpr auto reverseTable = [] {
     return made;
 }();
 
+constexpr auto highTable = [] {
+    constexpr std::uint32_t polynomial = 0x04C1'1DB7;
+    Table made {};
+    for (std::uint32_t byte = 0; byte < made.size(); ++byte) {
+        std::uint32_t remainder = byte << 24;
+        for (int bit = 0; bit < 8; ++bit)
+            remainder = (remainder >> 31) != 0 ? remainder << 1 ^ polynomial : remainder << 1;
+        made[byte] = remainder;
+    }
+    return made;
+}();
+
 constexpr auto table16 = [] {
     constexpr unsigned polynomial = 0xA001;
     std::array<std::uint16_t, 256> made {};
@@ -77,6 +89,13 @@ std::uint32_t rewind32c(std::uint32_t state, ByteView bytes)
         const auto left = reverseTable[state >> 24];
         state = (state ^ tables[0][left]) << 8 | static_cast<std::uint32_t>(left ^ *byte);
     }
+    return state;
+}
+
+std::uint32_t crc32(std::uint32_t state, ByteView bytes)
+{
+    for (const auto byte : bytes.span())
+        state = state << 8 ^ highTable[state >> 24 ^ byte];
     return state;
 }
 

@@ -17,6 +17,10 @@ std::uint32_t crc32c(std::uint32_t state, LE32 number);
 /// The state before these bytes that leads to `state` behind them.
 std::uint32_t rewind32c(std::uint32_t state, ByteView bytes);
 
+/// CRC-32 with its highest term in the highest bit, as commits of the journal have it ("Commit
+/// Block", checksums of version 1).
+std::uint32_t crc32(std::uint32_t state, ByteView bytes);
+
 /// CRC-16 with the polynomial of IBM, as group descriptors of ext4 without metadata checksums have
 /// it.
 std::uint16_t crc16(std::uint16_t state, ByteView bytes);

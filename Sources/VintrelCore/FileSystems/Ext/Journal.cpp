@@ -248,6 +248,30 @@ bool ExtJournal::isIntact(const Claim& claim) const
     return claim.position < blockCount_ && claim.copy.offset != 0 && !content(claim.copy).empty();
 }
 
+/// The checksum of version 1 of a transaction so far: over its descriptors, each with its copies.
+std::uint32_t ExtJournal::sumWith(
+    std::uint32_t sum, std::uint32_t position, const Control& control) const
+{
+    if (control.type != descriptorType || (superblock_->compatible & checksum1Feature) == 0)
+        return sum;
+    const ExtBlocks blocks(source_, geometry_);
+    for (std::uint64_t index = 0; index < control.length; ++index)
+        sum = ExtChecksums::crc32(
+            sum, blocks.readCopy({ offsetOf(wrap(position + index)), false }));
+    return sum;
+}
+
+/// Whether the commit at this place has the checksum of its transaction, or none of version 1.
+bool ExtJournal::isVouchedFor(std::uint32_t position, std::uint32_t sum) const
+{
+    if ((superblock_->compatible & checksum1Feature) == 0 || hasChecksums())
+        return true;
+    const auto block = source_.read(
+        offsetOf(position), static_cast<std::int64_t>(sizeof(Commit)), ReadMode::thorough);
+    const auto commit = ByteView(block).load<Commit>(0).value_or(Commit {});
+    return commit.checksumType != crc32Type || commit.checksums[0] == sum;
+}
+
 ExtBlocks::Overlay ExtJournal::replay() const
 {
     ExtBlocks::Overlay overlay;
@@ -262,6 +286,7 @@ ExtBlocks::Overlay ExtJournal::replay() const
     std::vector<std::uint64_t> revoked;
     ExtSequence sequence = superblock_->sequence;
     std::uint32_t position = superblock_->start;
+    std::uint32_t sum = ExtChecksums::start;
     for (std::uint32_t passed = 0; passed < blockCount_;) {
         const auto found = controls_.find(position);
         if (found == controls_.end() || found->second.sequence != sequence)
@@ -273,7 +298,8 @@ ExtBlocks::Overlay ExtJournal::replay() const
             isWhole = isIntact(claim);
             pending.push_back({ &claim.copy });
         }
-        if (!isWhole)
+        sum = isWhole ? sumWith(sum, position, control) : sum;
+        if (!isWhole || (control.type == commitType && !isVouchedFor(position, sum)))
             break;
         const auto first = revoked_.begin() + static_cast<std::ptrdiff_t>(control.firstRevoked);
         revoked.insert(
@@ -284,6 +310,7 @@ ExtBlocks::Overlay ExtJournal::replay() const
                 revokedIn[block] = sequence;
             pending.clear();
             revoked.clear();
+            sum = ExtChecksums::start;
             ++sequence;
         }
         passed += control.length;

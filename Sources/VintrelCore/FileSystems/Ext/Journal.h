@@ -87,6 +87,8 @@ private:
     void keepNewestClaims();
     void findGap();
     bool isIntact(const Claim& claim) const;
+    std::uint32_t sumWith(std::uint32_t sum, std::uint32_t position, const Control& control) const;
+    bool isVouchedFor(std::uint32_t position, std::uint32_t sum) const;
 
     DiskSource& source_;
     const ExtGeometry geometry_;

@@ -46,6 +46,7 @@ struct Superblock {
 };
 static_assert(sizeof(Superblock) == 88 && offsetof(Superblock, uuid) == 48);
 
+constexpr std::uint32_t checksum1Feature = 0x1;   ///< compatible
 constexpr std::uint32_t wideFeature = 0x2;        ///< incompatible
 constexpr std::uint32_t checksum2Feature = 0x8;   ///< incompatible
 constexpr std::uint32_t checksum3Feature = 0x10;  ///< incompatible
@@ -83,6 +84,8 @@ struct Commit {
     BE32 nanoseconds;                    // 56
 };
 static_assert(sizeof(Commit) == 60 && offsetof(Commit, seconds) == 48);
+
+constexpr std::uint8_t crc32Type = 1; ///< of a commit's checksum
 
 /// "Revocation Block": jbd2_journal_revoke_header_s.
 struct Revoke {

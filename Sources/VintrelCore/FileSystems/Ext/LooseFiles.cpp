@@ -43,8 +43,13 @@ void ExtListed::add(const Volume& volume, std::uint64_t blockSize)
 bool ExtListed::has(std::uint64_t start, std::uint64_t position, std::uint64_t place) const
 {
     const auto [first, last] = starts_.equal_range(start);
-    return std::any_of(first, last,
-        [&](const auto& listed) { return placeOf(*listed.second, position) == place; });
+    return std::any_of(first, last, [&](const auto& listed) {
+        const std::uint64_t count = listed.second->size();
+        if (count > piecesLeft_)
+            return true;
+        piecesLeft_ -= count;
+        return placeOf(*listed.second, position) == place;
+    });
 }
 
 ExtLooseFiles::ExtLooseFiles(ExtContext& context, const ExtListed& listed)

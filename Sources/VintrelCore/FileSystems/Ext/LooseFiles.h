@@ -23,7 +23,8 @@ public:
     /// Whether the first block of some file behind the direct ones lies there, in bytes on the
     /// source.
     bool hasBehindDirect(std::uint64_t place) const { return behindDirect_.contains(place); }
-    /// Whether some file begins at `start` and has its byte `position` at `place`.
+    /// Whether some file begins at `start` and has its byte `position` at `place`; also where
+    /// finding that out would take too long.
     bool has(std::uint64_t start, std::uint64_t position, std::uint64_t place) const;
     /// Whether a deleted file that is believed lies in these bytes of the source.
     bool isOfDeleted(std::uint64_t start, std::uint64_t end) const
@@ -32,9 +33,14 @@ public:
     }
 
 private:
+    /// Pieces of files that are gone through for all questions together. Two files that begin in
+    /// one place are rare; more of them come from made-up disks.
+    static constexpr std::uint64_t maxPieces = 67'108'864;
+
     std::set<std::uint64_t> behindDirect_;
     std::multimap<std::uint64_t, const ExtentList*> starts_;
     RangeSet deleted_;
+    mutable std::uint64_t piecesLeft_ = maxPieces;
 };
 
 /// Files that only loose blocks tell of, without names. Used by one thread at a time.

@@ -180,7 +180,8 @@ LooseNode* Search::childOf(const LooseNode& parent, const LooseNode::Child& chil
 void Search::nameChildren()
 {
     for (std::uint16_t depth = 1; depth < maxExtentDepth; ++depth)
-        for (auto& [block, node] : nodes_) {
+        for (auto& entry : nodes_) {
+            auto& node = entry.second;
             if (node.depth != depth)
                 continue;
             std::erase_if(node.children, [&](const LooseNode::Child& child) {

@@ -24,9 +24,8 @@ std::string text(const Parsed& disk, std::string_view path)
 }
 
 /// A folder "mappe" with the file "brev", of which the journal has the states.
-ExtImage withFile()
+ExtImage withFile(ExtImage image = {})
 {
-    ExtImage image;
     image.putFile(13, fileBlock, "kære du");
     image.putFolder(12, ExtImage::root, folderBlock, { { 13, "brev" } });
     image.putFolder(ExtImage::root, ExtImage::root, ExtImage::rootBlock, { { 12, "mappe" } });
@@ -35,9 +34,9 @@ ExtImage withFile()
 }
 
 /// The same, and then the file is deleted.
-ExtImage withDeletedFile()
+ExtImage withDeletedFile(ExtImage empty = {})
 {
-    auto image = withFile();
+    auto image = withFile(std::move(empty));
     image.putFolder(12, ExtImage::root, folderBlock, {});
     image.removeInode(13);
     image.setUsed(fileBlock, 1, false);
@@ -305,24 +304,30 @@ TEST(Ext, BelievesOrphansThatStillHaveTheirBlocks)
 
 TEST(Ext, ReadsAVolumeThatWasNotUnmountedThroughItsJournal)
 {
-    const auto before = withFile();
-    auto image = withDeletedFile();
-    image.demandReplay();
-    // Nothing of the second transaction has come to its place.
-    for (const auto block : { ExtImage::tableBlockOf(13), folderBlock })
-        image.write(ExtImage::offsetOf(block),
-            ByteView(before.bytes())
-                .sub(static_cast<std::int64_t>(ExtImage::offsetOf(block)), ExtImage::blockSize)
-                .span());
-    EXPECT_EQ(parse(image.bytes())["/mappe/brev"].status, EntryStatus::deleted);
+    for (const bool isOld : { false, true }) {
+        SCOPED_TRACE(isOld ? "checksums of commits" : "checksums of blocks");
+        ExtImage empty;
+        if (isOld)
+            empty.useOldJournal();
+        const auto before = withFile(empty);
+        auto image = withDeletedFile(empty);
+        image.demandReplay();
+        // Nothing of the second transaction has come to its place.
+        for (const auto block : { ExtImage::tableBlockOf(13), folderBlock })
+            image.write(ExtImage::offsetOf(block),
+                ByteView(before.bytes())
+                    .sub(static_cast<std::int64_t>(ExtImage::offsetOf(block)), ExtImage::blockSize)
+                    .span());
+        EXPECT_EQ(parse(image.bytes())["/mappe/brev"].status, EntryStatus::deleted);
 
-    auto torn = image;
-    torn.bytes()[ExtImage::offsetOf(ExtImage::journalBlock + 6) + 100] ^= 1; // a copy of the second
-    EXPECT_EQ(parse(torn.bytes())["/mappe/brev"].status, EntryStatus::existing);
+        auto torn = image;
+        torn.bytes()[ExtImage::offsetOf(ExtImage::journalBlock + 6) + 100] ^= 1; // of the second
+        EXPECT_EQ(parse(torn.bytes())["/mappe/brev"].status, EntryStatus::existing);
 
-    auto revoked = image;
-    revoked.commit({ 200 }, { folderBlock, ExtImage::tableBlockOf(13) });
-    EXPECT_EQ(parse(revoked.bytes())["/mappe/brev"].status, EntryStatus::existing);
+        auto revoked = image;
+        revoked.commit({ 200 }, { folderBlock, ExtImage::tableBlockOf(13) });
+        EXPECT_EQ(parse(revoked.bytes())["/mappe/brev"].status, EntryStatus::existing);
+    }
 }
 
 TEST(Ext, HealsWhatIsLostFromTheJournal)
