@@ -244,10 +244,10 @@ void ExtImage::sumTail(std::uint64_t block)
 void ExtImage::commit(
     const std::vector<std::uint64_t>& blocks, const std::vector<std::uint64_t>& revoked)
 {
-    const auto first = journalBlock + head_;
+    const auto first = logBlock(logLength_++);
     putHeader(first, 1);
     for (std::size_t index = 0; index < blocks.size(); ++index) {
-        const auto copy = first + 1 + index;
+        const auto copy = logBlock(logLength_++);
         std::copy_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offsetOf(blocks[index])),
             blockSize, bytes_.begin() + static_cast<std::ptrdiff_t>(offsetOf(copy)));
         auto state = journalSeed_;
@@ -264,16 +264,15 @@ void ExtImage::commit(
     if (!hasOldJournal_)
         sumTail(first);
     const auto written = (1 + blocks.size()) * blockSize;
-    head_ += 1 + blocks.size();
     if (!revoked.empty()) {
-        const auto block = journalBlock + head_++;
+        const auto block = logBlock(logLength_++);
         putHeader(block, 5);
         putBE(bytes_, offsetOf(block) + 12, 16 + 4 * revoked.size(), 4);
         for (std::size_t index = 0; index < revoked.size(); ++index)
             putBE(bytes_, offsetOf(block) + 16 + 4 * index, revoked[index], 4);
         sumTail(block);
     }
-    const auto last = journalBlock + head_++;
+    const auto last = logBlock(logLength_++);
     putHeader(last, 2);
     putBE(bytes_, offsetOf(last) + 48, 1'500'000'000 + sequence_, 8);
     putBE(bytes_, offsetOf(last) + 12, hasOldJournal_ ? 0x0104 : 0, 2); // CRC-32, of four bytes
@@ -292,7 +291,21 @@ void ExtImage::useOldJournal()
     putBE(bytes_, offsetOf(journalBlock) + 40, 0x1, 4); // revokes
 }
 
-void ExtImage::demandReplay() { putBE(bytes_, offsetOf(journalBlock) + 28, 1, 4); }
+void ExtImage::useFastCommits(std::uint64_t blocks)
+{
+    putBE(bytes_, offsetOf(journalBlock) + 40, 0x1 | 0x10 | 0x20, 4);
+    putBE(bytes_, offsetOf(journalBlock) + 84, blocks, 4);
+    logEnd_ = journalBlocks - blocks;
+    logStart_ = logEnd_ - 3; // so that it goes round
+}
+
+void ExtImage::demandReplay() { putBE(bytes_, offsetOf(journalBlock) + 28, logStart_, 4); }
+
+std::uint64_t ExtImage::logBlock(std::uint64_t index) const
+{
+    const auto position = logStart_ + index;
+    return journalBlock + (position < logEnd_ ? position : position - logEnd_ + 1);
+}
 
 void ExtImage::renewChecksums()
 {

@@ -57,6 +57,10 @@ public:
 
     /// Gives the journal checksums of version 1, for the transactions from now on.
     void useOldJournal();
+    /// Leaves the journal's last blocks to fast commits, and lets the log begin shortly before.
+    void useFastCommits(std::uint64_t blocks);
+    /// The block of the volume with this block of the log.
+    std::uint64_t logBlock(std::uint64_t index) const;
     /// A transaction with the states that these blocks have now.
     void commit(
         const std::vector<std::uint64_t>& blocks, const std::vector<std::uint64_t>& revoked = {});
@@ -88,7 +92,8 @@ private:
     std::uint32_t journalSeed_ = 0;
     bool hasOldJournal_ = false;
     std::uint32_t sequence_ = 1;
-    std::uint64_t head_ = 1;                         ///< of the log
+    std::uint64_t logStart_ = 1, logEnd_ = journalBlocks,
+                  logLength_ = 0;                    ///< in blocks of the journal
     std::map<std::uint64_t, std::uint32_t> folders_; ///< numbers, by their blocks
     std::map<std::uint64_t, std::uint32_t> nodes_;   ///< the same of nodes of extent trees
 };

@@ -62,6 +62,7 @@ ExtContext::ExtContext(
     if (journal_) {
         const auto overlay = journal_->replay();
         replayedBlocks_ = overlay.size();
+        hasFastCommits_ = journal_->hasFastCommits();
         blocks_.lay(overlay);
         blocks_.use(replayedGeometry(blocks_, geometry));
     }
@@ -157,6 +158,9 @@ std::vector<std::string> ExtContext::notes() const
     if (replayedBlocks_ > 0)
         notes.push_back("Filsystemet blev ikke afmonteret: " + std::to_string(replayedBlocks_)
             + " blokke er læst fra journalen.");
+    if (hasFastCommits_)
+        notes.emplace_back("Journalens hurtige transaktioner læses ikke: de seneste ændringer "
+                           "mangler.");
     if (groups_->unsoundCount() > 0)
         notes.push_back(std::to_string(groups_->unsoundCount())
             + " gruppebeskrivelser har en forkert kontrolsum.");

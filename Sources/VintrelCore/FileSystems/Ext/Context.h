@@ -75,6 +75,7 @@ private:
     std::unique_ptr<ExtJournal> journal_;
     std::size_t replayedBlocks_ = 0;
     bool lacksJournal_ = false;
+    bool hasFastCommits_ = false;
     std::unique_ptr<ExtGroups> groups_;
     std::unique_ptr<ExtAllocation> allocation_;
     std::vector<SeededFile> files_; ///< by their seeds

@@ -79,13 +79,23 @@ std::uint64_t ExtJournal::offsetOf(std::uint32_t position) const
     return pieces_[piece].start + (position - piecePositions_[piece]) * geometry_.blockSize;
 }
 
+/// Behind the log one block is left out, and then fast commits have the journal's last blocks.
+std::uint32_t ExtJournal::logEnd() const
+{
+    constexpr std::uint32_t usualFastCommitBlocks = 256;
+    if (!hasFeature(fastCommitFeature))
+        return blockCount_;
+    const std::uint32_t named = superblock_->fastCommitBlocks;
+    return blockCount_ - std::min(named != 0 ? named : usualFastCommitBlocks, blockCount_);
+}
+
 /// The position that follows the log's end is its beginning.
 std::uint32_t ExtJournal::wrap(std::uint64_t position) const
 {
-    const std::uint32_t first = std::clamp<std::uint32_t>(superblock_->first, 1, blockCount_);
-    return static_cast<std::uint32_t>(position < blockCount_
-            ? position
-            : std::min(first + (position - blockCount_), std::uint64_t { blockCount_ }));
+    const std::uint64_t end = logEnd();
+    const std::uint64_t first = std::max<std::uint32_t>(superblock_->first, 1);
+    return static_cast<std::uint32_t>(
+        position < end ? position : std::min<std::uint64_t>(first + (position - end), blockCount_));
 }
 
 void ExtJournal::search(WorkProgress* progress)
@@ -272,10 +282,13 @@ bool ExtJournal::isVouchedFor(std::uint32_t position, std::uint32_t sum) const
     return commit.checksumType != crc32Type || commit.checksums[0] == sum;
 }
 
-ExtBlocks::Overlay ExtJournal::replay() const
+ExtBlocks::Overlay ExtJournal::replay()
 {
     ExtBlocks::Overlay overlay;
-    if (!superblock_ || superblock_->start == 0)
+    if (!superblock_)
+        return overlay;
+    next_ = superblock_->sequence;
+    if (superblock_->start == 0)
         return overlay;
     struct Write {
         const ExtJournalCopy* copy;
@@ -316,6 +329,7 @@ ExtBlocks::Overlay ExtJournal::replay() const
         passed += control.length;
         position = wrap(std::uint64_t { position } + control.length);
     }
+    next_ = sequence;
     for (const auto& write : writes) {
         const auto revocation = revokedIn.find(write.copy->block);
         if (write.copy->block < geometry_.blockCount
@@ -324,4 +338,15 @@ ExtBlocks::Overlay ExtJournal::replay() const
                 write.copy->block, ExtBlockCopy { write.copy->offset, write.copy->isEscaped });
     }
     return overlay;
+}
+
+bool ExtJournal::hasFastCommits() const
+{
+    const std::uint64_t position = std::uint64_t { logEnd() } + 1;
+    if (!hasFeature(fastCommitFeature) || position >= blockCount_)
+        return false;
+    const auto block = source_.read(offsetOf(static_cast<std::uint32_t>(position)),
+        static_cast<std::int64_t>(sizeof(FastCommitHead)), ReadMode::thorough);
+    const auto head = ByteView(block).load<FastCommitHead>(0).value_or(FastCommitHead {});
+    return head.tag == fastCommitHeadTag && head.sequence == next_;
 }

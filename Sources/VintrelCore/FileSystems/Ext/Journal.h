@@ -40,7 +40,10 @@ public:
 
     /// What has been written to the journal and not yet to its own place: of the transactions at
     /// the log's start those that are whole.
-    ExtBlocks::Overlay replay() const;
+    ExtBlocks::Overlay replay();
+    /// Whether fast commits follow on what was replayed. They are not read: what they tell of is
+    /// newer than all that is.
+    bool hasFastCommits() const;
 
     /// All states that were found of whole transactions, by block and then by sequence.
     std::span<const ExtJournalCopy> copies() const { return copies_; }
@@ -77,6 +80,7 @@ private:
     bool hasFeature(std::uint32_t feature) const;
     bool hasChecksums() const;
     std::uint64_t offsetOf(std::uint32_t position) const;
+    std::uint32_t logEnd() const;
     std::uint32_t wrap(std::uint64_t position) const;
     void findSuperblock();
     void search(WorkProgress* progress);
@@ -103,5 +107,6 @@ private:
     std::vector<ExtJournalCopy> copies_;
     std::map<ExtSequence, std::uint64_t> commitSeconds_;
     ExtSequence newest_ = 0;
+    ExtSequence next_ = 0; ///< of the transaction that would follow on what was replayed
     ExtSequence completeSince_ = 0;
 };

@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
+
 namespace {
 
 constexpr std::uint64_t folderBlock = 100, fileBlock = 110;
@@ -304,11 +307,18 @@ TEST(Ext, BelievesOrphansThatStillHaveTheirBlocks)
 
 TEST(Ext, ReadsAVolumeThatWasNotUnmountedThroughItsJournal)
 {
-    for (const bool isOld : { false, true }) {
-        SCOPED_TRACE(isOld ? "checksums of commits" : "checksums of blocks");
+    const struct {
+        const char* what;
+        std::function<void(ExtImage&)> prepare;
+    } rows[] = {
+        { "checksums of blocks", [](ExtImage&) {} },
+        { "checksums of commits", [](ExtImage& it) { it.useOldJournal(); } },
+        { "a log that goes round before fast commits", [](ExtImage& it) { it.useFastCommits(8); } },
+    };
+    for (const auto& [what, prepare] : rows) {
+        SCOPED_TRACE(what);
         ExtImage empty;
-        if (isOld)
-            empty.useOldJournal();
+        prepare(empty);
         const auto before = withFile(empty);
         auto image = withDeletedFile(empty);
         image.demandReplay();
@@ -321,12 +331,40 @@ TEST(Ext, ReadsAVolumeThatWasNotUnmountedThroughItsJournal)
         EXPECT_EQ(parse(image.bytes())["/mappe/brev"].status, EntryStatus::deleted);
 
         auto torn = image;
-        torn.bytes()[ExtImage::offsetOf(ExtImage::journalBlock + 6) + 100] ^= 1; // of the second
+        torn.bytes()[ExtImage::offsetOf(torn.logBlock(5)) + 100] ^= 1; // of the second
         EXPECT_EQ(parse(torn.bytes())["/mappe/brev"].status, EntryStatus::existing);
 
         auto revoked = image;
         revoked.commit({ 200 }, { folderBlock, ExtImage::tableBlockOf(13) });
         EXPECT_EQ(parse(revoked.bytes())["/mappe/brev"].status, EntryStatus::existing);
+    }
+}
+
+TEST(Ext, TellsOfFastCommitsThatFollowOnTheJournal)
+{
+    const std::string note
+        = "Journalens hurtige transaktioner læses ikke: de seneste ændringer mangler.";
+    constexpr std::uint64_t fastCommitBlocks = 8;
+    constexpr std::uint64_t first = ExtImage::journalBlocks - fastCommitBlocks + 1;
+    constexpr std::uint8_t next = 3; // behind the two transactions
+    const struct {
+        std::uint8_t tag, sequence;
+        bool isTold;
+    } rows[] = {
+        { 9, next, true },
+        { 9, next - 1, false }, // a transaction has taken their place
+        { 8, next, false },
+    };
+    for (const auto& [tag, sequence, isTold] : rows) {
+        ExtImage empty;
+        empty.useFastCommits(fastCommitBlocks);
+        auto image = withDeletedFile(empty);
+        image.demandReplay();
+        auto& bytes = image.bytes();
+        const auto head = ExtImage::offsetOf(ExtImage::journalBlock + first);
+        bytes[head] = tag;
+        bytes[head + 8] = sequence;
+        EXPECT_EQ(std::ranges::count(parse(bytes).volume->notes, note), isTold ? 1 : 0);
     }
 }
 
