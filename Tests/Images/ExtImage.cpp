@@ -301,6 +301,56 @@ void ExtImage::useFastCommits(std::uint64_t blocks)
 
 void ExtImage::demandReplay() { putBE(bytes_, offsetOf(journalBlock) + 28, logStart_, 4); }
 
+ExtImage::Change ExtImage::name(
+    std::uint16_t kind, std::uint32_t folder, std::uint32_t number, std::string_view text)
+{
+    Bytes value(8);
+    putLE(value, 0, folder, 4);
+    putLE(value, 4, number, 4);
+    return { kind, joined({ value, bytesOf(text) }) };
+}
+
+ExtImage::Change ExtImage::inode(std::uint32_t number) const
+{
+    Bytes value(4);
+    putLE(value, 0, number, 4);
+    const auto slot = bytes_.begin() + static_cast<std::ptrdiff_t>(slotOf(number));
+    value.insert(value.end(), slot, slot + inodeSize);
+    return { 6, value };
+}
+
+ExtImage::Change ExtImage::blocks(std::uint32_t number, const Piece& piece)
+{
+    Bytes value(16);
+    putLE(value, 0, number, 4);
+    putLE(value, 4, piece.logical, 4);
+    putLE(value, 8, piece.count, 2);
+    putLE(value, 12, piece.block, 4);
+    return { 1, value };
+}
+
+void ExtImage::putFastCommit(std::uint32_t sequence, const std::vector<Change>& changes)
+{
+    const auto start = offsetOf(journalBlock + logEnd_ + 1 + fastCommits_);
+    auto at = start;
+    const auto put = [&](const Change& change) {
+        putLE(bytes_, at, change.kind, 2);
+        putLE(bytes_, at + 2, change.value.size(), 2);
+        write(at + 4, change.value);
+        at += 4 + change.value.size();
+    };
+    Bytes features(8);
+    putLE(features, 4, sequence, 4);
+    if (fastCommits_++ == 0)
+        put({ 9, features });
+    for (const auto& change : changes)
+        put(change);
+    putLE(bytes_, at, 8, 2);
+    putLE(bytes_, at + 2, start + blockSize - at - 4, 2);
+    putLE(bytes_, at + 4, sequence, 4);
+    putLE(bytes_, at + 8, sum(0, start, at + 8 - start), 4);
+}
+
 std::uint64_t ExtImage::logBlock(std::uint64_t index) const
 {
     const auto position = logStart_ + index;

@@ -59,6 +59,19 @@ public:
     void useOldJournal();
     /// Leaves the journal's last blocks to fast commits, and lets the log begin shortly before.
     void useFastCommits(std::uint64_t blocks);
+    /// What a fast commit says of one thing: the kind of change, and what follows on that.
+    struct Change {
+        std::uint16_t kind = 0;
+        Bytes value;
+    };
+    /// A folder gets a name (3) or loses it (5).
+    static Change name(
+        std::uint16_t kind, std::uint32_t folder, std::uint32_t number, std::string_view text);
+    /// An inode gets the state that it has now, and a file the blocks.
+    Change inode(std::uint32_t number) const;
+    static Change blocks(std::uint32_t number, const Piece& piece);
+    /// The next fast commit, before the transaction with this number.
+    void putFastCommit(std::uint32_t sequence, const std::vector<Change>& changes);
     /// The block of the volume with this block of the log.
     std::uint64_t logBlock(std::uint64_t index) const;
     /// A transaction with the states that these blocks have now.
@@ -92,6 +105,7 @@ private:
     std::uint32_t journalSeed_ = 0;
     bool hasOldJournal_ = false;
     std::uint32_t sequence_ = 1;
+    std::uint64_t fastCommits_ = 0;
     std::uint64_t logStart_ = 1, logEnd_ = journalBlocks,
                   logLength_ = 0;                    ///< in blocks of the journal
     std::map<std::uint64_t, std::uint32_t> folders_; ///< numbers, by their blocks

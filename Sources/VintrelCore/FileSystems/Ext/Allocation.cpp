@@ -66,6 +66,21 @@ bool ExtAllocation::isInUse(std::uint64_t block)
     return bit / 8 < bitmap.size() && (bitmap[bit / 8] >> (bit % 8) & 1) != 0;
 }
 
+void ExtAllocation::hold(std::uint64_t first, std::uint64_t count)
+{
+    const auto& geometry = blocks_.geometry();
+    const auto end
+        = first + std::min(count, geometry.blockCount - std::min(first, geometry.blockCount));
+    for (auto block = first; block < end; ++block) {
+        const auto group = geometry.groupOf(block);
+        bitmapOf(group);
+        auto& bitmap = bitmaps_[group];
+        const auto bit = bitOf(block);
+        if (bit / 8 < bitmap.size())
+            bitmap[bit / 8] = static_cast<std::uint8_t>(bitmap[bit / 8] | 1U << (bit % 8));
+    }
+}
+
 bool ExtAllocation::addUsedRanges(std::vector<ByteRange>& ranges)
 {
     const auto& geometry = blocks_.geometry();

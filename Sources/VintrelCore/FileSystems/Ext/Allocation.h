@@ -21,6 +21,8 @@ public:
     std::uint64_t bitOf(std::uint64_t block) const;
     /// Whether a bitmap says that the block is in use.
     bool isInUse(std::uint64_t block);
+    /// Says that blocks are in use of which the bitmaps do not know yet.
+    void hold(std::uint64_t first, std::uint64_t count);
     /// Adds the ranges of the source that are in use, ascending. False when nothing is known.
     bool addUsedRanges(std::vector<ByteRange>& ranges);
 

@@ -23,6 +23,12 @@ Bytes ExtBlocks::read(std::uint64_t first, std::uint64_t count) const
         const auto at = (laid->first - first) * geometry_.blockSize;
         std::ranges::copy(copy, bytes.begin() + static_cast<std::ptrdiff_t>(at));
     }
+    for (auto patch = patches_.lower_bound(first); patch != patches_.end(); ++patch) {
+        if (patch->first - first >= count)
+            break;
+        const auto at = (patch->first - first) * geometry_.blockSize;
+        std::ranges::copy(patch->second, bytes.begin() + static_cast<std::ptrdiff_t>(at));
+    }
     return bytes;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <utility>
 
 class DiskSource;
 
@@ -38,6 +39,12 @@ public:
     void lay(const Overlay& overlay);
     bool isLaid(std::uint64_t block) const { return overlay_.contains(block); }
 
+    /// Puts these bytes in the place of a block from now on.
+    void patch(std::uint64_t block, Bytes bytes)
+    {
+        patches_.insert_or_assign(block, std::move(bytes));
+    }
+
     /// Blocks in a row, whose number the caller has bounded.
     Bytes read(std::uint64_t first, std::uint64_t count = 1) const;
     /// A copy of a block, wherever it lies.
@@ -47,4 +54,5 @@ private:
     DiskSource& source_;
     ExtGeometry geometry_;
     Overlay overlay_;
+    std::map<std::uint64_t, Bytes> patches_;
 };

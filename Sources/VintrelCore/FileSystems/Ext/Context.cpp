@@ -62,12 +62,55 @@ ExtContext::ExtContext(
     if (journal_) {
         const auto overlay = journal_->replay();
         replayedBlocks_ = overlay.size();
-        hasFastCommits_ = journal_->hasFastCommits();
         blocks_.lay(overlay);
         blocks_.use(replayedGeometry(blocks_, geometry));
     }
     groups_ = std::make_unique<ExtGroups>(blocks_);
     allocation_ = std::make_unique<ExtAllocation>(blocks_, *groups_);
+    if (journal_)
+        applyFastCommits();
+}
+
+void ExtContext::applyFastCommits()
+{
+    fastCommits_ = ExtFastCommits::read(*journal_);
+    for (const auto& inode : fastCommits_.inodes)
+        applyInode(inode);
+    // On a sound volume each block is given to one file.
+    auto left = geometry().blockCount;
+    for (const auto& [first, count] : fastCommits_.blocks) {
+        if (count > left)
+            break;
+        left -= count;
+        allocation_->hold(first, count);
+    }
+}
+
+/// Puts the new state of an inode in its place. The nodes of its extent tree come to the disk with
+/// the next transaction, which is not there.
+void ExtContext::applyInode(const ExtFastCommits::Inode& inode)
+{
+    const auto& geometry = this->geometry();
+    const auto index = inode.number - 1;
+    if (inode.number == 0 || inode.number > geometry.inodeCount()
+        || index / geometry.inodesPerGroup() >= groups_->count()
+        || (*groups_)[index / geometry.inodesPerGroup()].inodeTable == 0)
+        return;
+    const auto inGroup = index % geometry.inodesPerGroup();
+    const auto block = (*groups_)[index / geometry.inodesPerGroup()].inodeTable
+        + inGroup / geometry.inodesPerBlock();
+    if (patchesLeft_ == 0)
+        return;
+    --patchesLeft_;
+    auto table = blocks_.read(block);
+    const auto at = std::size_t { inGroup % geometry.inodesPerBlock() } * geometry.inodeSize;
+    const auto count = std::min<std::size_t>(inode.state.size(), geometry.inodeSize);
+    std::copy_n(inode.state.begin(), count, table.begin() + static_cast<std::ptrdiff_t>(at));
+    blocks_.patch(block, std::move(table));
+    groups_->use(inode.number);
+    const auto state = ExtInode::decode(geometry, inode.number, inode.state);
+    const auto header = ByteView(state.map).load<ExtentHeader>(0).value_or(ExtentHeader {});
+    hasUnreadTrees_ |= state.hasExtents() && header.depth > 0;
 }
 
 ExtContext::ExtContext(DiskSource& source, const ExtRemains& remains, WorkProgress* progress)
@@ -158,9 +201,13 @@ std::vector<std::string> ExtContext::notes() const
     if (replayedBlocks_ > 0)
         notes.push_back("Filsystemet blev ikke afmonteret: " + std::to_string(replayedBlocks_)
             + " blokke er læst fra journalen.");
-    if (hasFastCommits_)
-        notes.emplace_back("Journalens hurtige transaktioner læses ikke: de seneste ændringer "
-                           "mangler.");
+    if (!fastCommits_.inodes.empty())
+        notes.push_back(
+            "Filsystemet blev ikke afmonteret: " + std::to_string(fastCommits_.inodes.size())
+            + " ændringer er læst fra journalens hurtige transaktioner.");
+    if (hasUnreadTrees_)
+        notes.emplace_back(
+            "Store filer, der blev skrevet lige før, kan mangle deres sidste blokke.");
     if (groups_->unsoundCount() > 0)
         notes.push_back(std::to_string(groups_->unsoundCount())
             + " gruppebeskrivelser har en forkert kontrolsum.");

@@ -2,6 +2,7 @@
 
 #include "VintrelCore/FileSystems/Ext/Allocation.h"
 #include "VintrelCore/FileSystems/Ext/Blocks.h"
+#include "VintrelCore/FileSystems/Ext/FastCommits.h"
 #include "VintrelCore/FileSystems/Ext/Groups.h"
 #include "VintrelCore/FileSystems/Ext/Journal.h"
 #include "VintrelCore/Foundation/ByteRange.h"
@@ -48,6 +49,8 @@ public:
     ExtAllocation& allocation() { return *allocation_; }
     /// None when the volume has none, or it cannot be read.
     const ExtJournal* journal() const { return journal_.get(); }
+    /// What is newer than all that the journal's transactions have.
+    const ExtFastCommits& fastCommits() const { return fastCommits_; }
     /// Whether the volume's journal has this byte of the source.
     bool isInJournal(std::uint64_t offset) const;
     /// What there is to say of all this, for the user.
@@ -68,6 +71,8 @@ public:
 private:
     std::vector<ByteRange> findJournal() const;
     void readJournal(WorkProgress* progress);
+    void applyFastCommits();
+    void applyInode(const ExtFastCommits::Inode& inode);
 
     ExtBlocks blocks_;
     const ExtTrust trust_;
@@ -75,7 +80,10 @@ private:
     std::unique_ptr<ExtJournal> journal_;
     std::size_t replayedBlocks_ = 0;
     bool lacksJournal_ = false;
-    bool hasFastCommits_ = false;
+    ExtFastCommits fastCommits_;
+    bool hasUnreadTrees_ = false;
+    /// Each takes a block of memory at most. Fast commits are made for few files at a time.
+    std::uint32_t patchesLeft_ = 16'384;
     std::unique_ptr<ExtGroups> groups_;
     std::unique_ptr<ExtAllocation> allocation_;
     std::vector<SeededFile> files_; ///< by their seeds

@@ -214,6 +214,12 @@ void ExtGroups::load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trus
     }
 }
 
+void ExtGroups::use(std::uint32_t number)
+{
+    auto& group = groups_[(number - 1) / geometry_.inodesPerGroup()];
+    group.usedInodes = std::max(group.usedInodes, (number - 1) % geometry_.inodesPerGroup() + 1);
+}
+
 std::optional<std::uint32_t> ExtGroups::firstInodeIn(std::uint64_t block) const
 {
     const auto next = std::ranges::upper_bound(

@@ -24,6 +24,8 @@ public:
 
     std::uint32_t count() const { return static_cast<std::uint32_t>(groups_.size()); }
     const ExtGroup& operator[](std::uint32_t group) const { return groups_[group]; }
+    /// Says that the table of the inode has it, of which the descriptors do not know yet.
+    void use(std::uint32_t number);
     /// Descriptors whose checksum does not fit.
     std::uint32_t unsoundCount() const { return unsoundCount_; }
     /// Groups whose place only a copy of the descriptors knows, or nothing at all.

@@ -340,13 +340,11 @@ ExtBlocks::Overlay ExtJournal::replay()
     return overlay;
 }
 
-bool ExtJournal::hasFastCommits() const
+Bytes ExtJournal::fastCommitBlock(std::uint32_t index) const
 {
-    const std::uint64_t position = std::uint64_t { logEnd() } + 1;
+    const auto position = std::uint64_t { logEnd() } + 1 + index;
     if (!hasFeature(fastCommitFeature) || position >= blockCount_)
-        return false;
-    const auto block = source_.read(offsetOf(static_cast<std::uint32_t>(position)),
-        static_cast<std::int64_t>(sizeof(FastCommitHead)), ReadMode::thorough);
-    const auto head = ByteView(block).load<FastCommitHead>(0).value_or(FastCommitHead {});
-    return head.tag == fastCommitHeadTag && head.sequence == next_;
+        return {};
+    return source_.read(
+        offsetOf(static_cast<std::uint32_t>(position)), geometry_.blockSize, ReadMode::thorough);
 }

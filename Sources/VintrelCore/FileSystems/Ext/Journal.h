@@ -41,9 +41,10 @@ public:
     /// What has been written to the journal and not yet to its own place: of the transactions at
     /// the log's start those that are whole.
     ExtBlocks::Overlay replay();
-    /// Whether fast commits follow on what was replayed. They are not read: what they tell of is
-    /// newer than all that is.
-    bool hasFastCommits() const;
+    /// The number of the transaction that would follow on what was replayed.
+    ExtSequence next() const { return next_; }
+    /// A block of those that fast commits have behind the log; empty when there is none.
+    Bytes fastCommitBlock(std::uint32_t index) const;
 
     /// All states that were found of whole transactions, by block and then by sequence.
     std::span<const ExtJournalCopy> copies() const { return copies_; }
@@ -107,6 +108,6 @@ private:
     std::vector<ExtJournalCopy> copies_;
     std::map<ExtSequence, std::uint64_t> commitSeconds_;
     ExtSequence newest_ = 0;
-    ExtSequence next_ = 0; ///< of the transaction that would follow on what was replayed
+    ExtSequence next_ = 0;
     ExtSequence completeSince_ = 0;
 };

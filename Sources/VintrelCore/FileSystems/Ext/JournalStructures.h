@@ -87,15 +87,6 @@ static_assert(sizeof(Commit) == 60 && offsetof(Commit, seconds) == 48);
 
 constexpr std::uint8_t crc32Type = 1; ///< of a commit's checksum
 
-/// "Fast commits": ext4_fc_tl and ext4_fc_head, which begin the first of them behind a transaction.
-struct FastCommitHead {
-    LE16 tag, length;        // 0, 2
-    LE32 features, sequence; // 4, 8
-};
-static_assert(sizeof(FastCommitHead) == 12);
-
-constexpr std::uint16_t fastCommitHeadTag = 9;
-
 /// "Revocation Block": jbd2_journal_revoke_header_s.
 struct Revoke {
     Header header; //  0

@@ -34,7 +34,9 @@ bool fitsKind(std::uint8_t type, std::uint16_t kind)
 void ExtNames::read(WorkProgress* progress)
 {
     // What exists first: the folders of now are the ones whose names count.
-    for (const bool isAlive : { true, false })
+    for (const bool isAlive : { true, false }) {
+        if (!isAlive)
+            takeFastCommits();
         for (std::size_t index = 0; index < files_.folders.size(); ++index) {
             const auto& folder = files_.folders[index];
             if (isCancelled(progress))
@@ -46,6 +48,20 @@ void ExtNames::read(WorkProgress* progress)
             if (files_.entries[folder.entry].isAlive() == isAlive)
                 readFolder(folder);
         }
+    }
+}
+
+/// The names that folders got after the last transaction.
+void ExtNames::takeFastCommits()
+{
+    for (const auto& [name, isThere] : context_.fastCommits().names) {
+        auto* const file = isThere ? files_.findLiving(name.number) : nullptr;
+        const auto* const folder = files_.findLiving(name.folder);
+        if (file != nullptr && folder != nullptr && folder->kind == directoryMode)
+            nameLiving(*file, { .inode = name.number, .name = name.name },
+                { static_cast<ExtEntry::Index>(folder - files_.entries.data()), ExtLife::now, true,
+                    true });
+    }
 }
 
 void ExtNames::readFolder(const ExtFolder& folder)
@@ -166,7 +182,14 @@ bool ExtNames::readEntries(ByteView block, const Place& place)
 
 void ExtNames::take(const ExtDirectory::Entry& entry, const Place& place)
 {
-    if (place.isOfNow && !entry.isDeleted) {
+    const auto& changes = context_.fastCommits().names;
+    const auto change = changes.empty() ? changes.end()
+                                        : changes.find({ files_.entries[place.folder].number,
+                                            entry.inode, std::string(entry.name) });
+    if (place.isOfNow && change != changes.end()) {
+        if (!change->second)
+            nameEnded(entry, { place.folder, ExtLife::now, false, true });
+    } else if (place.isOfNow && !entry.isDeleted) {
         auto* const file = files_.findLiving(entry.inode);
         if (file != nullptr && fitsKind(entry.type, file->kind))
             nameLiving(*file, entry, place);

@@ -48,6 +48,7 @@ private:
     void readOld(const ExtFolder& folder, std::uint64_t block);
     void readNow(const ExtFolder& folder, std::uint64_t block, ByteView bytes);
     bool readEntries(ByteView block, const Place& place);
+    void takeFastCommits();
     void take(const ExtDirectory::Entry& entry, const Place& place);
     void nameLiving(ExtEntry& file, const ExtDirectory::Entry& entry, const Place& place);
     void nameEnded(const ExtDirectory::Entry& entry, const Place& place);

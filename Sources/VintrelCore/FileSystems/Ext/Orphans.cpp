@@ -106,6 +106,9 @@ std::set<std::uint32_t> numbers(const ExtContext& context)
     if (context.trust() != ExtTrust::full)
         return numbers;
     addListed(context, numbers);
+    // What fast commits have taken from its folder is given back by a whole transaction alone.
+    for (const auto& inode : context.fastCommits().inodes)
+        numbers.insert(inode.number);
     if (context.geometry().isCompatible(Feature::orphanFile))
         addFromFile(context, numbers);
     return numbers;

@@ -9,8 +9,8 @@
 /// the volume was last written: their blocks are still in use, and by them. Used by one thread.
 namespace ExtOrphans {
 
-/// The numbers of their inodes, by the superblock's list of them and by the volume's orphan file.
-/// Inodes with names, of files that were being cut, are among them.
+/// The numbers of their inodes, by the superblock's list of them, by the volume's orphan file and
+/// by fast commits. Inodes with names, of files that were being cut, are among them.
 std::set<std::uint32_t> numbers(const ExtContext& context);
 
 /// Whether a number is that of the orphan file, which is the system's own.

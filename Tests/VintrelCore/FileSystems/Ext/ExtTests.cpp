@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 
 namespace {
@@ -337,34 +336,6 @@ TEST(Ext, ReadsAVolumeThatWasNotUnmountedThroughItsJournal)
         auto revoked = image;
         revoked.commit({ 200 }, { folderBlock, ExtImage::tableBlockOf(13) });
         EXPECT_EQ(parse(revoked.bytes())["/mappe/brev"].status, EntryStatus::existing);
-    }
-}
-
-TEST(Ext, TellsOfFastCommitsThatFollowOnTheJournal)
-{
-    const std::string note
-        = "Journalens hurtige transaktioner læses ikke: de seneste ændringer mangler.";
-    constexpr std::uint64_t fastCommitBlocks = 8;
-    constexpr std::uint64_t first = ExtImage::journalBlocks - fastCommitBlocks + 1;
-    constexpr std::uint8_t next = 3; // behind the two transactions
-    const struct {
-        std::uint8_t tag, sequence;
-        bool isTold;
-    } rows[] = {
-        { 9, next, true },
-        { 9, next - 1, false }, // a transaction has taken their place
-        { 8, next, false },
-    };
-    for (const auto& [tag, sequence, isTold] : rows) {
-        ExtImage empty;
-        empty.useFastCommits(fastCommitBlocks);
-        auto image = withDeletedFile(empty);
-        image.demandReplay();
-        auto& bytes = image.bytes();
-        const auto head = ExtImage::offsetOf(ExtImage::journalBlock + first);
-        bytes[head] = tag;
-        bytes[head + 8] = sequence;
-        EXPECT_EQ(std::ranges::count(parse(bytes).volume->notes, note), isTold ? 1 : 0);
     }
 }
 

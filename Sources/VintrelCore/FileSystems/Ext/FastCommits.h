@@ -1,0 +1,38 @@
+#pragma once
+
+#include "VintrelCore/FileSystems/Ext/Journal.h"
+#include "VintrelCore/Foundation/Binary.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+/// What fast commits say that follow on the transactions of a journal ("Fast commits"): single
+/// changes instead of whole blocks.
+struct ExtFastCommits {
+    /// The new state of an inode.
+    struct Inode {
+        std::uint32_t number = 0;
+        Bytes state; ///< the beginning of its slot
+    };
+    /// A name that a folder has, or had.
+    struct Name {
+        std::uint32_t folder = 0, number = 0; ///< inodes
+        std::string name;
+
+        auto operator<=>(const Name&) const = default;
+    };
+    /// Blocks of the volume that a file got.
+    struct Blocks {
+        std::uint64_t first = 0, count = 0;
+    };
+
+    std::vector<Inode> inodes;  ///< in the order of the changes
+    std::map<Name, bool> names; ///< whether the folder has it in the end
+    std::vector<Blocks> blocks;
+
+    /// Those whose checksum fits, up to the first that has another one. None where the journal has
+    /// been written to since by whole transactions.
+    static ExtFastCommits read(const ExtJournal& journal);
+};
