@@ -76,7 +76,6 @@ TEST(ExtFastCommits, AreReadAsFarAsTheirChecksumsFit)
         { "the first", area + ExtImage::blockSize + 5,
             "inode-15=ny tekst (Ringe), gammel=gammel tekst (findes), ny=ny tekst (findes)" },
         { "none", area + 30, nothing },
-        { "those of another transaction", area + 8, nothing },
     };
     for (const auto& [what, damaged, expected] : rows) {
         auto bytes = image.bytes();
@@ -95,4 +94,14 @@ TEST(ExtFastCommits, GiveFilesTheNamesThatTheyHaveInTheEnd)
             ExtImage::name(linked, 12, 13, "kort tid") });
     image.putFastCommit(next, { ExtImage::name(unlinked, 12, 13, "kort tid") });
     EXPECT_EQ(told(image.bytes()), "inode-15=slettet! (God), ny=gammel tekst (findes)");
+}
+
+TEST(ExtFastCommits, AreForgottenWhereATransactionHasBeenWrittenSince)
+{
+    auto image = before();
+    image.putFastCommit(next - 1, { ExtImage::name(linked, 12, 13, "ny") });
+    EXPECT_EQ(told(image.bytes()), told(before().bytes()));
+    image = before();
+    image.putFastCommit(next, { ExtImage::name(linked, 12, 13, "ny") });
+    EXPECT_NE(told(image.bytes()), told(before().bytes()));
 }
