@@ -331,7 +331,7 @@ ExtImage::Change ExtImage::blocks(std::uint32_t number, const Piece& piece)
 
 void ExtImage::putFastCommit(std::uint32_t sequence, const std::vector<Change>& changes)
 {
-    const auto start = offsetOf(journalBlock + logEnd_ + 1 + fastCommits_);
+    const auto start = offsetOf(journalBlock + logEnd_ + 1 + fastCommits_.size());
     auto at = start;
     const auto put = [&](const Change& change) {
         putLE(bytes_, at, change.kind, 2);
@@ -341,14 +341,15 @@ void ExtImage::putFastCommit(std::uint32_t sequence, const std::vector<Change>& 
     };
     Bytes features(8);
     putLE(features, 4, sequence, 4);
-    if (fastCommits_++ == 0)
+    if (fastCommits_.empty())
         put({ 9, features });
     for (const auto& change : changes)
         put(change);
     putLE(bytes_, at, 8, 2);
     putLE(bytes_, at + 2, start + blockSize - at - 4, 2);
     putLE(bytes_, at + 4, sequence, 4);
-    putLE(bytes_, at + 8, sum(0, start, at + 8 - start), 4);
+    fastCommits_.emplace_back(start, at + 8);
+    renewChecksums();
 }
 
 std::uint64_t ExtImage::logBlock(std::uint64_t index) const
@@ -374,4 +375,6 @@ void ExtImage::renewChecksums()
     for (const auto& [block, number] : nodes_)
         putLE(bytes_, offsetOf(block) + 12 + nodeRoom * 12,
             sum(seedOf(number), offsetOf(block), 12 + nodeRoom * 12), 4);
+    for (const auto& [from, place] : fastCommits_)
+        putLE(bytes_, place, sum(0, from, place - from), 4);
 }

@@ -105,7 +105,7 @@ private:
     std::uint32_t journalSeed_ = 0;
     bool hasOldJournal_ = false;
     std::uint32_t sequence_ = 1;
-    std::uint64_t fastCommits_ = 0;
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> fastCommits_; ///< from there to the sum
     std::uint64_t logStart_ = 1, logEnd_ = journalBlocks,
                   logLength_ = 0;                    ///< in blocks of the journal
     std::map<std::uint64_t, std::uint32_t> folders_; ///< numbers, by their blocks

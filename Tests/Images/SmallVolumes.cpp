@@ -104,6 +104,7 @@ ExFATImage smallExFATCard()
 ExtImage smallExtVolume()
 {
     ExtImage image;
+    image.useFastCommits(8);
     for (std::uint32_t number = 13; number < 20; ++number)
         image.putFile(number, 100 + number, "indhold");
     image.putInode(20, { .size = 9000, .extents = { { 0, 200, 2 }, { 4, 300, 5 } }, .node = 131 });
@@ -119,6 +120,9 @@ ExtImage smallExtVolume()
     image.removeInode(13);
     image.commit({ ExtImage::tableBlockOf(13), 130, ExtImage::bitmapBlock }, { 150 });
     image.demandReplay();
+    image.putFastCommit(3,
+        { image.inode(15), ExtImage::blocks(15, { 1, 180, 3 }), ExtImage::name(3, 12, 15, "tre") });
+    image.putFastCommit(3, { ExtImage::name(5, 12, 14, "to"), image.inode(14) });
     return image;
 }
 
