@@ -21,6 +21,7 @@ struct ExtFastCommits {
         std::uint32_t folder = 0, number = 0; ///< inodes
         std::string name;
 
+        // NOLINTNEXTLINE(modernize-use-nullptr): it takes the zero of comparisons for a pointer
         auto operator<=>(const Name&) const = default;
     };
     /// Blocks of the volume that a file got.
