@@ -8,6 +8,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     constexpr std::size_t place = 1024, behind = 4096;
+    constexpr std::int64_t headSize = 64; // as the deep scan has them
     Bytes bytes(place, 0x11);
     bytes.insert(bytes.end(), data, data + size);
     bytes.insert(bytes.end(), behind, 0x11);
@@ -18,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     carver.noteBrokenHeads(heads);
     carver.findTexts();
     for (std::size_t offset = 0; offset + 512 <= bytes.size(); offset += 512) {
-        const auto head = ByteView(bytes).sub(static_cast<std::int64_t>(offset), 512);
+        const auto head = ByteView(bytes).sub(static_cast<std::int64_t>(offset), headSize);
         if (auto found = carver.check(head, offset))
             finds.push_back(std::move(*found));
         else
