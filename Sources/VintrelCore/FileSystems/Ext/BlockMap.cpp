@@ -80,6 +80,15 @@ ExtFit ExtBlockMaps::judgeList(ByteView block) const
     return hasBlocks ? ExtFit::possible : ExtFit::none;
 }
 
+ExtRun runOf(const LeafExtent& extent)
+{
+    const bool isWritten = extent.count <= maxWrittenLength;
+    return { .logical = extent.block,
+        .physical = blockOf(extent),
+        .count = std::uint64_t { extent.count } - (isWritten ? 0 : maxWrittenLength),
+        .isWritten = isWritten };
+}
+
 ExtMapping ExtBlockMaps::read(const ExtInode& inode, const Lookup& lookup)
 {
     ExtMapping mapping;
@@ -169,11 +178,7 @@ void ExtBlockMaps::readExtents(const ExtInode& inode, ByteView node, std::uint16
 
 void ExtBlockMaps::addExtent(ExtMapping& mapping, const LeafExtent& extent)
 {
-    const bool isWritten = extent.count <= maxWrittenLength;
-    const ExtRun run { .logical = extent.block,
-        .physical = blockOf(extent),
-        .count = std::uint64_t { extent.count } - (isWritten ? 0 : maxWrittenLength),
-        .isWritten = isWritten };
+    const auto run = runOf(extent);
     const auto next = mapping.runs.empty() ? 0 : mapping.runs.back().end();
     if (run.count == 0)
         return;

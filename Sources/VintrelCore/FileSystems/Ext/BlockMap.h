@@ -17,6 +17,9 @@ struct ExtRun {
     std::uint64_t end() const { return logical + count; }
 };
 
+/// What an extent of a tree says; lengths above a limit stand for blocks that were never written.
+ExtRun runOf(const ExtFormat::LeafExtent& extent);
+
 /// Where a file lies.
 struct ExtMapping {
     std::vector<ExtRun> runs;               ///< ascending, without overlaps

@@ -78,11 +78,11 @@ void ExtContext::applyFastCommits()
         applyInode(inode);
     // On a sound volume each block is given to one file.
     auto left = geometry().blockCount;
-    for (const auto& [first, count] : fastCommits_.blocks) {
-        if (count > left)
+    for (const auto& run : fastCommits_.runs) {
+        if (run.count > left)
             break;
-        left -= count;
-        allocation_->hold(first, count);
+        left -= run.count;
+        allocation_->hold(run.physical, run.count);
     }
 }
 
@@ -91,22 +91,14 @@ void ExtContext::applyFastCommits()
 void ExtContext::applyInode(const ExtFastCommits::Inode& inode)
 {
     const auto& geometry = this->geometry();
-    const auto index = inode.number - 1;
-    if (inode.number == 0 || inode.number > geometry.inodeCount()
-        || index / geometry.inodesPerGroup() >= groups_->count()
-        || (*groups_)[index / geometry.inodesPerGroup()].inodeTable == 0)
+    const auto slot = groups_->slotOf(inode.number);
+    if (!slot || patchBytesLeft_ < geometry.blockSize)
         return;
-    const auto inGroup = index % geometry.inodesPerGroup();
-    const auto block = (*groups_)[index / geometry.inodesPerGroup()].inodeTable
-        + inGroup / geometry.inodesPerBlock();
-    if (patchesLeft_ == 0)
-        return;
-    --patchesLeft_;
-    auto table = blocks_.read(block);
-    const auto at = std::size_t { inGroup % geometry.inodesPerBlock() } * geometry.inodeSize;
+    patchBytesLeft_ -= geometry.blockSize;
+    auto table = blocks_.read(slot->block);
     const auto count = std::min<std::size_t>(inode.state.size(), geometry.inodeSize);
-    std::copy_n(inode.state.begin(), count, table.begin() + static_cast<std::ptrdiff_t>(at));
-    blocks_.patch(block, std::move(table));
+    std::copy_n(inode.state.begin(), count, table.begin() + static_cast<std::ptrdiff_t>(slot->at));
+    blocks_.patch(slot->block, std::move(table));
     groups_->use(inode.number);
     const auto state = ExtInode::decode(geometry, inode.number, inode.state);
     const auto header = ByteView(state.map).load<ExtentHeader>(0).value_or(ExtentHeader {});
@@ -207,7 +199,7 @@ std::vector<std::string> ExtContext::notes() const
             + " ændringer er læst fra journalens hurtige transaktioner.");
     if (hasUnreadTrees_)
         notes.emplace_back(
-            "Store filer, der blev skrevet lige før, kan mangle deres sidste blokke.");
+            "Store filer, der blev skrevet til sidst, kan mangle deres sidste blokke.");
     if (groups_->unsoundCount() > 0)
         notes.push_back(std::to_string(groups_->unsoundCount())
             + " gruppebeskrivelser har en forkert kontrolsum.");

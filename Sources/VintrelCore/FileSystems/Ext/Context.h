@@ -82,8 +82,8 @@ private:
     bool lacksJournal_ = false;
     ExtFastCommits fastCommits_;
     bool hasUnreadTrees_ = false;
-    /// Each takes a block of memory at most. Fast commits are made for few files at a time.
-    std::uint32_t patchesLeft_ = 16'384;
+    /// Of tables that fast commits change, in memory. They are made for few files at a time.
+    std::uint64_t patchBytesLeft_ = 67'108'864;
     std::unique_ptr<ExtGroups> groups_;
     std::unique_ptr<ExtAllocation> allocation_;
     std::vector<SeededFile> files_; ///< by their seeds

@@ -1,7 +1,6 @@
 #include "VintrelCore/FileSystems/Ext/FastCommits.h"
 
 #include "VintrelCore/FileSystems/Ext/Checksums.h"
-#include "VintrelCore/FileSystems/Ext/Structures.h"
 
 #include <algorithm>
 #include <iterator>
@@ -88,7 +87,7 @@ private:
         std::ranges::move(commit.inodes, std::back_inserter(whole_.inodes));
         for (const auto& [name, isAdded] : commit.names)
             whole_.names.insert_or_assign(name, isAdded);
-        std::ranges::move(commit.blocks, std::back_inserter(whole_.blocks));
+        std::ranges::move(commit.runs, std::back_inserter(whole_.runs));
     }
 
     void take(Tag tag, ByteView value)
@@ -131,12 +130,8 @@ private:
 
     void takeRange(ByteView value)
     {
-        const auto extent = value.load<ExtFormat::LeafExtent>(numberSize);
-        if (!extent)
-            return;
-        const bool isWritten = extent->count <= ExtFormat::maxWrittenLength;
-        pending_.blocks.push_back({ ExtFormat::blockOf(*extent),
-            std::uint64_t { extent->count } - (isWritten ? 0 : ExtFormat::maxWrittenLength) });
+        if (const auto extent = value.load<ExtFormat::LeafExtent>(numberSize))
+            pending_.runs.push_back(runOf(*extent));
     }
 
     const ExtJournal& journal_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VintrelCore/FileSystems/Ext/BlockMap.h"
 #include "VintrelCore/FileSystems/Ext/Journal.h"
 #include "VintrelCore/Foundation/Binary.h"
 
@@ -24,14 +25,9 @@ struct ExtFastCommits {
         // NOLINTNEXTLINE(modernize-use-nullptr): it takes the zero of comparisons for a pointer
         auto operator<=>(const Name&) const = default;
     };
-    /// Blocks of the volume that a file got.
-    struct Blocks {
-        std::uint64_t first = 0, count = 0;
-    };
-
     std::vector<Inode> inodes;  ///< in the order of the changes
     std::map<Name, bool> names; ///< whether the folder has it in the end
-    std::vector<Blocks> blocks;
+    std::vector<ExtRun> runs;   ///< of blocks that files got
 
     /// Those whose checksum fits, up to the first that has another one. None where the journal has
     /// been written to since by whole transactions.

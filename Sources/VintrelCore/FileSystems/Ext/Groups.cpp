@@ -214,6 +214,17 @@ void ExtGroups::load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trus
     }
 }
 
+std::optional<ExtSlot> ExtGroups::slotOf(std::uint32_t number) const
+{
+    const auto group = (number - 1) / geometry_.inodesPerGroup();
+    if (number == 0 || number > geometry_.inodeCount() || group >= groups_.size()
+        || groups_[group].inodeTable == 0)
+        return std::nullopt;
+    const auto index = (number - 1) % geometry_.inodesPerGroup();
+    return ExtSlot { groups_[group].inodeTable + index / geometry_.inodesPerBlock(),
+        std::int64_t { index % geometry_.inodesPerBlock() } * geometry_.inodeSize };
+}
+
 void ExtGroups::use(std::uint32_t number)
 {
     auto& group = groups_[(number - 1) / geometry_.inodesPerGroup()];

@@ -15,6 +15,12 @@ struct ExtGroup {
     bool hasBitmap = false;       ///< whether the bitmap was ever written
 };
 
+/// Where an inode lies.
+struct ExtSlot {
+    std::uint64_t block = 0; ///< of the table
+    std::int64_t at = 0;     ///< byte of the block
+};
+
 /// The groups of a volume, by its descriptors.
 class ExtGroups {
 public:
@@ -24,6 +30,8 @@ public:
 
     std::uint32_t count() const { return static_cast<std::uint32_t>(groups_.size()); }
     const ExtGroup& operator[](std::uint32_t group) const { return groups_[group]; }
+    /// None for a number that no inode has, or where the table is not known.
+    std::optional<ExtSlot> slotOf(std::uint32_t number) const;
     /// Says that the table of the inode has it, of which the descriptors do not know yet.
     void use(std::uint32_t number);
     /// Descriptors whose checksum does not fit.

@@ -22,6 +22,21 @@ std::optional<std::uint64_t> placeOf(const ExtentList& extents, std::uint64_t po
 
 } // namespace
 
+std::vector<std::uint64_t> freeBlocksAt(
+    ExtContext& context, const std::vector<std::uint64_t>& places)
+{
+    const auto& geometry = context.geometry();
+    std::vector<std::uint64_t> blocks;
+    for (auto place = std::ranges::lower_bound(places, geometry.base);
+         place != places.end() && *place - geometry.base < geometry.volumeSize(); ++place) {
+        const auto block = (*place - geometry.base) / geometry.blockSize;
+        if ((*place - geometry.base) % geometry.blockSize == 0 && geometry.isBlock(block)
+            && !context.allocation().isInUse(block))
+            blocks.push_back(block);
+    }
+    return blocks;
+}
+
 void ExtListed::add(const Volume& volume, std::uint64_t blockSize)
 {
     for (const auto* file : volume.root->allFiles()) {

@@ -10,6 +10,12 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <vector>
+
+/// The blocks of a volume that are not in use and begin at one of these places, which ascend, in
+/// bytes on the source.
+std::vector<std::uint64_t> freeBlocksAt(
+    ExtContext& context, const std::vector<std::uint64_t>& places);
 
 /// What the volumes of a source list already: what loose blocks say of such files is known. Used by
 /// one thread at a time.

@@ -33,7 +33,7 @@ class Search {
 public:
     Search(const ExtListed& listed, ExtContext& context);
 
-    void add(std::uint64_t offset);
+    void add(std::uint64_t block);
     void findFiles(ExtLooseFiles& files);
 
 private:
@@ -87,13 +87,8 @@ std::optional<LooseList> Search::decode(ByteView block) const
     return list;
 }
 
-void Search::add(std::uint64_t offset)
+void Search::add(std::uint64_t block)
 {
-    const auto inVolume = offset - geometry_.base;
-    const auto block = inVolume / geometry_.blockSize;
-    if (inVolume % geometry_.blockSize != 0 || !geometry_.isBlock(block)
-        || context_.allocation().isInUse(block))
-        return;
     auto list = decode(context_.blocks().read(block));
     if (!list || list->runs.size() > runsLeft_)
         return;
@@ -237,12 +232,8 @@ void add(
     ExtContext& context, const ExtListed& listed, const DeepScanResult& finds, ExtLooseFiles& files)
 {
     Search search(listed, context);
-    const auto base = context.geometry().base;
-    const auto begin = std::ranges::lower_bound(finds.extBlockLists, base);
-    for (auto found = begin;
-         found != finds.extBlockLists.end() && *found - base < context.geometry().volumeSize();
-         ++found)
-        search.add(*found);
+    for (const auto block : freeBlocksAt(context, finds.extBlockLists))
+        search.add(block);
     search.findFiles(files);
 }
 

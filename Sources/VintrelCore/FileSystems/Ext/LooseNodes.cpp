@@ -73,7 +73,7 @@ public:
     {
     }
 
-    void add(std::uint64_t offset);
+    void add(std::uint64_t block);
     void findFiles(ExtLooseFiles& files);
 
 private:
@@ -101,13 +101,8 @@ private:
 bool Search::readRuns(ByteView block, std::uint16_t count, LooseNode& node) const
 {
     for (std::uint16_t index = 0; index < count; ++index) {
-        const auto extent
-            = block.load<LeafExtent>(headerSize + index * entrySize).value_or(LeafExtent {});
-        const bool isWritten = extent.count <= maxWrittenLength;
-        const ExtRun run { .logical = extent.block,
-            .physical = blockOf(extent),
-            .count = std::uint64_t { extent.count } - (isWritten ? 0 : maxWrittenLength),
-            .isWritten = isWritten };
+        const auto run
+            = runOf(block.load<LeafExtent>(headerSize + index * entrySize).value_or(LeafExtent {}));
         const bool isPossible = run.count > 0 && geometry_.isBlock(run.physical)
             && run.count <= geometry_.blockCount - run.physical
             && (node.runs.empty() || run.logical >= node.runs.back().end());
@@ -153,13 +148,8 @@ std::optional<LooseNode> Search::decode(ByteView block) const
     return isPossible ? std::optional(node) : std::nullopt;
 }
 
-void Search::add(std::uint64_t offset)
+void Search::add(std::uint64_t block)
 {
-    const auto inVolume = offset - geometry_.base;
-    const auto block = inVolume / geometry_.blockSize;
-    if (inVolume % geometry_.blockSize != 0 || !geometry_.isBlock(block)
-        || context_.allocation().isInUse(block))
-        return;
     auto node = decode(context_.blocks().read(block));
     if (!node)
         return;
@@ -290,11 +280,8 @@ void add(
     ExtContext& context, const ExtListed& listed, const DeepScanResult& finds, ExtLooseFiles& files)
 {
     Search search(listed, context);
-    const auto base = context.geometry().base;
-    const auto begin = std::ranges::lower_bound(finds.extNodes, base);
-    for (auto found = begin;
-         found != finds.extNodes.end() && *found - base < context.geometry().volumeSize(); ++found)
-        search.add(*found);
+    for (const auto block : freeBlocksAt(context, finds.extNodes))
+        search.add(block);
     search.findFiles(files);
 }
 

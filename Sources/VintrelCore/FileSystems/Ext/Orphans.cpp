@@ -20,17 +20,11 @@ constexpr std::uint64_t maxOrphanBlocks = 4096;
 /// The place of an inode in its table; empty where there is none.
 Bytes slotOf(const ExtContext& context, std::uint32_t number)
 {
-    const auto& geometry = context.geometry();
-    if (number == 0 || number > geometry.inodeCount())
+    const auto place = context.groups().slotOf(number);
+    if (!place)
         return {};
-    const auto group = (number - 1) / geometry.inodesPerGroup();
-    const auto index = (number - 1) % geometry.inodesPerGroup();
-    if (group >= context.groups().count() || context.groups()[group].inodeTable == 0)
-        return {};
-    const auto block = context.blocks().read(
-        context.groups()[group].inodeTable + index / geometry.inodesPerBlock());
-    const auto at = std::int64_t { index % geometry.inodesPerBlock() } * geometry.inodeSize;
-    const auto slot = ByteView(block).sub(at, geometry.inodeSize).span();
+    const auto block = context.blocks().read(place->block);
+    const auto slot = ByteView(block).sub(place->at, context.geometry().inodeSize).span();
     return { slot.begin(), slot.end() };
 }
 
