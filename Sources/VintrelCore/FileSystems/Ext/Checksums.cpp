@@ -47,18 +47,6 @@ constexpr auto highTable = [] {
     return made;
 }();
 
-constexpr auto table16 = [] {
-    constexpr unsigned polynomial = 0xA001;
-    std::array<std::uint16_t, 256> made {};
-    for (unsigned byte = 0; byte < made.size(); ++byte) {
-        unsigned remainder = byte;
-        for (int bit = 0; bit < 8; ++bit)
-            remainder = (remainder & 1) != 0 ? remainder >> 1 ^ polynomial : remainder >> 1;
-        made[byte] = static_cast<std::uint16_t>(remainder);
-    }
-    return made;
-}();
-
 } // namespace
 
 std::uint32_t crc32c(std::uint32_t state, ByteView bytes)
@@ -96,13 +84,6 @@ std::uint32_t crc32(std::uint32_t state, ByteView bytes)
 {
     for (const auto byte : bytes.span())
         state = state << 8 ^ highTable[state >> 24 ^ byte];
-    return state;
-}
-
-std::uint16_t crc16(std::uint16_t state, ByteView bytes)
-{
-    for (const auto byte : bytes.span())
-        state = static_cast<std::uint16_t>(state >> 8 ^ table16[(state ^ byte) & 0xFF]);
     return state;
 }
 

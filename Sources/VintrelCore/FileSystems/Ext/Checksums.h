@@ -21,8 +21,4 @@ std::uint32_t rewind32c(std::uint32_t state, ByteView bytes);
 /// Block", checksums of version 1).
 std::uint32_t crc32(std::uint32_t state, ByteView bytes);
 
-/// CRC-16 with the polynomial of IBM, as group descriptors of ext4 without metadata checksums have
-/// it.
-std::uint16_t crc16(std::uint16_t state, ByteView bytes);
-
 } // namespace ExtChecksums

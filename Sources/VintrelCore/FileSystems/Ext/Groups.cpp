@@ -3,6 +3,7 @@
 #include "VintrelCore/Disk/DiskSource.h"
 #include "VintrelCore/FileSystems/Ext/Checksums.h"
 #include "VintrelCore/FileSystems/Ext/Inode.h"
+#include "VintrelCore/Foundation/CRC16.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
 #include <algorithm>
@@ -158,10 +159,10 @@ bool ExtGroups::isSound(std::uint32_t group, ByteView descriptor) const
     if (!geometry_.isReadOnly(Feature::groupChecksum))
         return true;
     const auto number = std::bit_cast<std::array<std::uint8_t, sizeof(LE32)>>(LE32(group));
-    auto sum = ExtChecksums::crc16(0xFFFF, geometry_.superblock.uuid);
-    sum = ExtChecksums::crc16(sum, number);
-    sum = ExtChecksums::crc16(sum, descriptor.sub(0, sumOffset));
-    return ExtChecksums::crc16(sum, descriptor.sub(behind, size)) == stored;
+    auto sum = crc16(0xFFFF, geometry_.superblock.uuid);
+    sum = crc16(sum, number);
+    sum = crc16(sum, descriptor.sub(0, sumOffset));
+    return crc16(sum, descriptor.sub(behind, size)) == stored;
 }
 
 void ExtGroups::load(std::uint32_t descriptorBlock, std::uint64_t at, Trust trust, bool wantsSound)
