@@ -97,6 +97,8 @@ constexpr Signature signatures[] = {
     { { '"', 'A', 'c', 'c' }, all, document, Formats::passwordTable },
     { { 3, 0xD9, 0xA2, 0x9A }, all, document, Formats::kdbx },
     { { '!', 'B', 'D', 'N' }, all, document, Formats::pst },
+    { { 'A', 'C', '1', '0' }, all, document, Formats::dwg },
+    { { 0x06, 0x06, 0xED, 0xF5 }, all, document, Formats::indd },
     { { '<', '?', 'x', 'm' }, all, image, Formats::svg },
     { { '<', 's', 'v', 'g' }, all, image, Formats::svg },
     { { '<', '!', '-', '-' }, all, image, Formats::svg },

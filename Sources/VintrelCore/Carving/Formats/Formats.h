@@ -122,6 +122,8 @@ Found pst(const Candidate& candidate);
 Found svg(const Candidate& candidate);
 Found step(const Candidate& candidate);
 Found dxf(const Candidate& candidate);
+Found dwg(const Candidate& candidate);
+Found indd(const Candidate& candidate);
 Found berkeleyDB(const Candidate& candidate);
 Found jpeg2000(const Candidate& candidate);
 Found jpeg2000Codestream(const Candidate& candidate);

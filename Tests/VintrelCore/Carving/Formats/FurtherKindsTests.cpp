@@ -2,6 +2,7 @@
 // looks like one.
 
 #include "Tests/VintrelCore/Carving/Carve.h"
+#include "VintrelCore/Foundation/CRC16.h"
 
 #include <gtest/gtest.h>
 
@@ -188,6 +189,10 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         { "a heap with a picture that is none", damaged("crw-plain.crw", 26 + 900) },
         { "sections that begin elsewhere", damaged("x3f-plain.x3f", 40) },
         { "a clip without an end", damaged("r3d-plain.r3d", 2'260 - 52) },
+        { "a table of sections with a wrong sum", damaged("dwg-1015.dwg", 30) },
+        { "a drawing whose variables lie elsewhere", damaged("dwg-1015.dwg", 0x101) },
+        { "a header of a drawing with a wrong sum", damaged("dwg-1032.dwg", 128 + 30) },
+        { "one master page", damaged("indd-plain.indd", 4'096) },
         { "a key without the name of its owner", damaged("gpg-public.gpg", 53) },
         { "a message that is not encrypted", damaged("gpg-password.gpg", 15) },
         { "a message of a version that none has", damaged("gpg-password.gpg", 17) },
@@ -237,6 +242,67 @@ TEST(FurtherKinds, EstimateALetterWithoutParts)
               .text("To: c\n\n--Z\n\nOne.\n--Z--\n");
     EXPECT_EQ(carve(Content().add(parts).text("text of somebody else")),
         "eml " + std::to_string(parts.size()));
+}
+
+TEST(FurtherKinds, ProveDrawingsByTheSumsOfAllTheirParts)
+{
+    const auto isProved = [](const Bytes& file) {
+        const auto source = makeSource(file);
+        Carver carver(*source, carvedCategories());
+        const auto found = carver.check(source->read(0, 64, ReadMode::fast), 0);
+        EXPECT_TRUE(found && found->size == file.size());
+        return found && found->isProved;
+    };
+    const struct {
+        const char* sample;
+        std::vector<std::size_t> damagedParts;
+    } drawings[] = {
+        // An object, the first handle of the map, the size of its last page.
+        { "dwg-1015.dwg", { 0x380, 0xB4B, 0xBB3 } },
+        // A page, a map, the copy of the header.
+        { "dwg-1032.dwg", { 0x200, 0x1760, 0x1800 } },
+    };
+    for (const auto& [sample, damagedParts] : drawings) {
+        const auto whole = readFile(VINTREL_SAMPLES "/" + std::string(sample));
+        EXPECT_TRUE(isProved(whole)) << sample;
+        for (const auto part : damagedParts) {
+            auto damaged = whole;
+            damaged[part] ^= 0x55;
+            EXPECT_FALSE(isProved(damaged)) << sample << " at " << part;
+        }
+    }
+}
+
+// As AutoCAD itself writes them: other programs have no second header, and the preview in front.
+TEST(FurtherKinds, EndDrawingsBehindTheSecondHeaderAndThePreview)
+{
+    const auto drawing = readFile(VINTREL_SAMPLES "/dwg-1015.dwg");
+    const auto preview = ByteView(drawing).u32le(13);
+    const auto previewSize = 16 + 4 + ByteView(drawing).u32le(preview + 16) + 16;
+    const auto second = Content()
+                            .be(0xD47B'21CE'2893'9FBF, 8)
+                            .be(0x5324'4009'123C'AA01, 8)
+                            .upTo(100, 7)
+                            .be(0x2B84'DE31'D76C'6040, 8)
+                            .be(0xACDB'BFF6'EDC3'55FE, 8);
+    Content file;
+    file.add(drawing).add(second);
+    EXPECT_EQ(carve(file), "dwg " + std::to_string(file.size()));
+
+    const auto first = drawing.begin() + preview;
+    Bytes moved = file.add({ first, first + previewSize });
+    putLE(moved, 13, drawing.size() + second.size(), 4);
+    const auto tableEnd = 25 + 9 * ByteView(drawing).u32le(21);
+    putLE(moved, tableEnd, crc16(0xC0C1, ByteView(moved).sub(0, tableEnd)), 2);
+    EXPECT_EQ(carve(moved), "dwg " + std::to_string(moved.size()));
+}
+
+TEST(FurtherKinds, EstimateALayoutWhoseLastObjectIsDamaged)
+{
+    auto layout = readFile(VINTREL_SAMPLES "/indd-plain.indd");
+    const auto object = 3 * 4'096;
+    layout[object + 32 + ByteView(layout).u32le(object + 24)] ^= 1;
+    EXPECT_EQ(carve(layout), "indd ~" + std::to_string(object));
 }
 
 // What is encrypted ends at zeros, or where another file begins.
