@@ -63,9 +63,16 @@ public:
     void add(ByteView bytes)
     {
         constexpr std::uint32_t modulus = 65'521;
-        for (const auto byte : bytes.span()) {
-            low_ = (low_ + byte) % modulus;
-            high_ = (high_ + low_) % modulus;
+        constexpr std::size_t mostBytes = 5'552; // before a sum could overflow
+        for (auto rest = bytes.span(); !rest.empty();) {
+            const auto part = rest.first(std::min(rest.size(), mostBytes));
+            for (const auto byte : part) {
+                low_ += byte;
+                high_ += low_;
+            }
+            low_ %= modulus;
+            high_ %= modulus;
+            rest = rest.subspan(part.size());
         }
     }
     std::uint32_t value() const { return high_ << 16 | low_; }
@@ -75,10 +82,10 @@ private:
     std::uint32_t high_ = 0;
 };
 
-/// The sum of what lies on a page behind a header of `headerSize` bytes.
-void addBody(PageSum& sum, RandomReader& file, std::uint64_t body, std::uint32_t size)
+/// Adds the `size` bytes from `position` on.
+void add(PageSum& sum, RandomReader& file, std::uint64_t position, std::uint32_t size)
 {
-    forEachStretch(file, body, size, [&](ByteView bytes) { sum.add(bytes); });
+    forEachStretch(file, position, size, [&](ByteView bytes) { sum.add(bytes); });
 }
 
 /// Behind the page of a map of pages or sections; none when there is no sound one.
@@ -96,7 +103,7 @@ std::optional<std::uint64_t> behindMap(RandomReader& file, std::uint64_t positio
     header.sum = 0;
     PageSum sum;
     sum.add(std::bit_cast<std::array<std::uint8_t, sizeof header>>(header));
-    addBody(sum, file, position + sizeof header, header.size);
+    add(sum, file, position + sizeof header, header.size);
     return sum.value() == expected ? std::optional(position + sizeof header + header.size)
                                    : std::nullopt;
 }
@@ -114,7 +121,7 @@ std::optional<std::uint64_t> behindPage(RandomReader& file, std::uint64_t positi
     if (field(type) != page)
         return std::nullopt;
     PageSum body;
-    addBody(body, file, position + sizeof stored, field(size));
+    add(body, file, position + sizeof stored, field(size));
     return body.value() == field(sum) ? std::optional(position + sizeof stored + field(size))
                                       : std::nullopt;
 }
