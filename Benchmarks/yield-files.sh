@@ -209,6 +209,30 @@ make_further() {
         for size in 1 2 3; do printf 'From a@example.dk Sun Jul 14 12:30:00 2019\n' && cat "eml$n.eml" && echo; done >"mbox$n.mbox"
         for size in $(sequence 1 $((n * 30))); do printf 'BEGIN:VCARD\r\nVERSION:3.0\r\nFN:Nummer %s\r\nEND:VCARD\r\n' "$size"; done >"vcf$n.vcf"
     done
+    make_drawings
+}
+
+make_drawings() { # with the one free package that writes DWG
+    npm install --prefix . --silent --ignore-scripts --no-audit --no-fund @node-projects/acad-ts@3.2.0
+    cat >drawings.mjs <<'SCRIPT'
+import { ACadVersion, CadDocument, DwgWriter, Line, XYZ } from '@node-projects/acad-ts';
+import { writeFileSync } from 'fs';
+let seed = 1;
+const next = () => (seed = (seed * 1103515245 + 12345) % 2 ** 31) / 1e6;
+['1014', '1015', '1018', '1024', '1027', '1032'].forEach((version, number) => {
+    const drawing = new CadDocument();
+    drawing.header.version = ACadVersion['AC' + version];
+    for (let count = 400 * 2 ** number; count > 0; --count) {
+        const line = new Line();
+        line.startPoint = new XYZ(next(), next(), 0);
+        line.endPoint = new XYZ(next(), next(), next());
+        drawing.modelSpace.entities.add(line);
+    }
+    writeFileSync(`dwg${version}.dwg`, DwgWriter.writeToBuffer(drawing));
+});
+SCRIPT
+    node drawings.mjs
+    rm -r node_modules package*.json drawings.mjs
 }
 
 noise() { # seed: random bytes without end
@@ -280,7 +304,7 @@ while read -r name; do
         11) lost zip$((number / 40 % 6 + 1)).zip ;;
         13) lost docx1$((number / 40 % 6 + 1)).docx ;;
         15) lost pdf2$((number / 40 % 6 + 1)).pdf ;;
-        17) lost jpg$((number / 40 + 8)).jpg ;;
+        17) lost jpg$((number / 40 % 20 + 8)).jpg ;;
         19) lost png$((number / 40 % 6 + 4)).png ;;
         21) lost gif$((number / 40 % 6 + 4)).gif ;;
         23) lost ogg$((number / 40 % 6 + 1)).ogg ;;

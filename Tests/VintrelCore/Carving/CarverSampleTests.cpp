@@ -24,15 +24,21 @@ struct Sample {
     std::string extension() const { return name.substr(name.rfind('.') + 1); }
 };
 
+/// Whether what tells the end or the kind of a sample is packed.
+bool needsZlib(const std::filesystem::path& sample)
+{
+    return sample.extension() == ".gz" || sample.extension() == ".xcf"
+        || sample.filename() == "numbers-xml.numbers";
+}
+
 const std::vector<Sample>& samples()
 {
     static const auto all = [] {
         std::vector<Sample> files;
         for (const auto& entry : std::filesystem::directory_iterator(VINTREL_SAMPLES)) {
             const auto extension = entry.path().extension();
-            // The recipe has none; without zlib nothing tells where some kinds end.
-            if (!extension.empty()
-                && (Compression::hasZlib() || (extension != ".gz" && extension != ".xcf")))
+            // The recipe has none.
+            if (!extension.empty() && (Compression::hasZlib() || !needsZlib(entry.path())))
                 files.push_back(
                     { entry.path().filename().string(), readFile(entry.path().string()) });
         }

@@ -1,7 +1,11 @@
 #include "VintrelCore/Carving/Formats/IWork.h"
 
 #include "VintrelCore/Disk/RandomReader.h"
+#include "VintrelCore/Foundation/Compression/Inflater.h"
 #include "VintrelCore/Foundation/ZIPLayout.h"
+
+#include <algorithm>
+#include <string>
 
 // Apple documents nothing of what iWork writes since 2013; what is known of it is that a document
 // is a chain of messages in the encoding of Protocol Buffers, packed with Snappy ("Snappy
@@ -60,6 +64,15 @@ std::uint64_t firstType(ByteView packed)
     return varint(packed, at) == messageType ? varint(packed, at) : 0;
 }
 
+/// As much as there is room for.
+void unpack(const Bytes& packed, std::span<char> to)
+{
+    using Compression::Inflater;
+    Bytes bytes(to.size());
+    const auto progress = Inflater(Inflater::Wrapping::raw).unpack(packed, bytes);
+    std::copy_n(bytes.begin(), progress.produced, to.begin());
+}
+
 } // namespace
 
 const char* iWorkKind(RandomReader& file, std::uint64_t position)
@@ -71,6 +84,22 @@ const char* iWorkKind(RandomReader& file, std::uint64_t position)
     if (type == textDocument)
         return "pages";
     return type == otherDocument ? "numbers" : "zip";
+}
+
+const char* iWorkKindByXML(RandomReader& file, std::uint64_t position)
+{
+    constexpr std::uint16_t stored = 0;
+    constexpr std::size_t packedSize = 512; // the codes of a block come first
+    const auto header = file.load<ZIPLayout::LocalHeader>(position);
+    const auto packed = file.bytes(position + header.dataOffset(), packedSize);
+    std::string text(headSize, '\0');
+    if (header.method == stored)
+        std::copy_n(packed.begin(), headSize, text.begin());
+    else
+        unpack(packed, text);
+    if (text.find("<sl:document") != std::string::npos)
+        return "pages";
+    return text.find("<ls:document") != std::string::npos ? "numbers" : "zip";
 }
 
 } // namespace Formats

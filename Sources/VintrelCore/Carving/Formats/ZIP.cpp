@@ -183,7 +183,7 @@ struct NamedKind {
 constexpr NamedKind namedKinds[] = { { { "word/" }, "docx" }, { { "xl/" }, "xlsx" },
     { { "ppt/" }, "pptx" }, { { "META-INF/MANIFEST.MF" }, "jar" },
     { { "AndroidManifest.xml" }, "apk" }, { { "3D/3dmodel.model" }, "3mf" },
-    { { "Index/Slide" }, "key" }, { { "export.attributes" }, "1pux" },
+    { { "Index/Slide" }, "key" }, { { "index.apxl" }, "key" }, { { "export.attributes" }, "1pux" },
     { { "document.json", "meta.json", "pages/" }, "sketch" } };
 
 /// What the names of entries tell of an archive's kind.
@@ -242,20 +242,26 @@ NamesSeen namesIn(ByteView bytes)
 const char* kindByDirectory(RandomReader& file, const ArchiveEnd& end)
 {
     constexpr std::string_view documentOfIWork = "Index/Document.iwa";
+    constexpr std::string_view documentInXML = "index.xml"; // before 2013
     NamesSeen names;
     std::optional<std::uint64_t> document;
+    std::optional<std::uint64_t> xml;
     const bool isRead = end.directory != 0
         && forEachEntry(
             file, end.directory, end.size, [&](const CentralHeader& header, std::uint64_t name) {
                 if (file.matches(name, documentOfIWork))
                     document = header.localOffset;
+                if (header.nameLength == documentInXML.size() && file.matches(name, documentInXML))
+                    xml = header.localOffset;
                 names.add([&](std::string_view text) { return file.matches(name, text); });
                 return !file.isExhausted();
             });
     if (!isRead)
         return nullptr;
-    const std::string_view kind = names.extension();
-    return document && kind == "zip" ? iWorkKind(file, *document) : names.extension();
+    const auto* const kind = names.extension();
+    if (std::string_view(kind) != "zip" || (!document && !xml))
+        return kind;
+    return document ? iWorkKind(file, *document) : iWorkKindByXML(file, *xml);
 }
 
 const char* kindOf(RandomReader& file, const ArchiveEnd& end)

@@ -27,6 +27,9 @@ TEST(ZIP, TellsItsKindByTheNamesOfItsEntries)
         { { { "mimetype", "application/x-else" }, { "word/x" } }, "zip" },
         { { { "document.json" }, { "meta.json" } }, "zip" }, // of many programs
         { { { "Index/Document.iwa", "a document of another type" } }, "zip" },
+        { { { "index.apxl" } }, "key" },
+        { { { "index.xml", "<?xml version='1.0'?>\n<sl:document xmlns:sl=''/>" } }, "pages" },
+        { { { "index.xml", "<?xml version='1.0'?>\n<document/>" } }, "zip" },
         { { { "bilag.docx", textOf(zipFile({ { "word/document.xml" } })) } }, "zip" },
         { { { "ppt/presentation.xml" },
               { "ppt/embeddings/a.xlsx", textOf(zipFile({ { "xl/workbook.xml" } })) } },
