@@ -85,6 +85,18 @@ Bytes blend(char order)
         .add(block("ENDB", 0));
 }
 
+/// As versions from 5 on write it.
+Bytes wideBlend()
+{
+    Content file;
+    file.text("BLENDER17-01v0500");
+    for (const std::string_view code : { "GLOB", "DNA1", "ENDB" }) {
+        const std::size_t size = code == "ENDB" ? 0 : 300;
+        file.text(code).zeros(12).le(size, 8).zeros(8 + size);
+    }
+    return file;
+}
+
 Bytes digitalVideo()
 {
     Content file;
@@ -134,6 +146,7 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
         { "stl", triangles(12) },
         { "blend", blend('v') },
         { "blend", blend('V') },
+        { "blend", wideBlend() },
         { "dv", Content().add(digitalVideo()).add(digitalVideo()) },
         { "mrw", minolta() },
         { "stp", bytesOf(std::string(step)) },
