@@ -212,7 +212,14 @@ make_further() {
     make_drawings
 }
 
-make_drawings() { # with the one free package that writes DWG
+make_drawings() { # DWG with the one free package that writes it
+    blender --background --python-expr '
+import bpy, os
+for number in range(1, 4):
+    bpy.ops.mesh.primitive_uv_sphere_add(segments=8 * number, location=(number, 0, 0))
+    bpy.ops.wm.save_as_mainfile(filepath=os.path.abspath(f"blend{number}.blend"), compress=False)
+    bpy.ops.export_mesh.stl(filepath=os.path.abspath(f"stl{number}.stl"))
+' >/dev/null 2>&1
     npm install --prefix . --silent --ignore-scripts --no-audit --no-fund @node-projects/acad-ts@3.2.0
     cat >drawings.mjs <<'SCRIPT'
 import { ACadVersion, CadDocument, DwgWriter, Line, XYZ } from '@node-projects/acad-ts';
