@@ -9,6 +9,8 @@
 // "Open Design Specification for .dwg files" 5.4 (Open Design Alliance). Versions R13 to 2000 have
 // a table of sections in front, and a map behind the objects that says where each of them lies.
 
+using namespace std::string_view_literals;
+
 namespace Formats {
 
 namespace {
@@ -23,27 +25,20 @@ struct Section {
 };
 static_assert(sizeof(Section) == 9);
 
-using Sentinel = std::array<std::uint8_t, 16>;
+/// The marks between the parts, which are random numbers.
+constexpr std::uint64_t sentinelSize = 16;
 
-constexpr Sentinel behindTable { 0x95, 0xA0, 0x4E, 0x28, 0x99, 0x82, 0x1A, 0xE5, 0x5E, 0x41, 0xE0,
-    0x5F, 0x9D, 0x3A, 0x4D, 0x00 };
-constexpr Sentinel beforeVariables { 0xCF, 0x7B, 0x1F, 0x23, 0xFD, 0xDE, 0x38, 0xA9, 0x5F, 0x7C,
-    0x68, 0xB8, 0x4E, 0x6D, 0x33, 0x5F };
-constexpr Sentinel beforePreview { 0x1F, 0x25, 0x6D, 0x07, 0xD4, 0x36, 0x28, 0x28, 0x9D, 0x57, 0xCA,
-    0x3F, 0x9D, 0x44, 0x10, 0x2B };
-constexpr Sentinel behindPreview { 0xE0, 0xDA, 0x92, 0xF8, 0x2B, 0xC9, 0xD7, 0xD7, 0x62, 0xA8, 0x35,
-    0xC0, 0x62, 0xBB, 0xEF, 0xD4 };
-constexpr Sentinel beforeSecondHeader { 0xD4, 0x7B, 0x21, 0xCE, 0x28, 0x93, 0x9F, 0xBF, 0x53, 0x24,
-    0x40, 0x09, 0x12, 0x3C, 0xAA, 0x01 };
-constexpr Sentinel behindSecondHeader { 0x2B, 0x84, 0xDE, 0x31, 0xD7, 0x6C, 0x60, 0x40, 0xAC, 0xDB,
-    0xBF, 0xF6, 0xED, 0xC3, 0x55, 0xFE };
+constexpr auto behindTable = "\x95\xA0\x4E\x28\x99\x82\x1A\xE5\x5E\x41\xE0\x5F\x9D\x3A\x4D\x00"sv;
+constexpr auto beforeVariables
+    = "\xCF\x7B\x1F\x23\xFD\xDE\x38\xA9\x5F\x7C\x68\xB8\x4E\x6D\x33\x5F"sv;
+constexpr auto beforePreview = "\x1F\x25\x6D\x07\xD4\x36\x28\x28\x9D\x57\xCA\x3F\x9D\x44\x10\x2B"sv;
+constexpr auto behindPreview = "\xE0\xDA\x92\xF8\x2B\xC9\xD7\xD7\x62\xA8\x35\xC0\x62\xBB\xEF\xD4"sv;
+constexpr auto beforeSecondHeader
+    = "\xD4\x7B\x21\xCE\x28\x93\x9F\xBF\x53\x24\x40\x09\x12\x3C\xAA\x01"sv;
+constexpr auto behindSecondHeader
+    = "\x2B\x84\xDE\x31\xD7\x6C\x60\x40\xAC\xDB\xBF\xF6\xED\xC3\x55\xFE"sv;
 
 constexpr std::uint16_t sumStart = 0xC0C1;
-
-bool hasSentinel(RandomReader& file, std::uint64_t position, const Sentinel& sentinel)
-{
-    return file.load<Sentinel>(position) == sentinel;
-}
 
 /// The sections that the table in front names; empty when its sum or the mark behind it is wrong.
 std::vector<Section> sectionsOf(RandomReader& file)
@@ -55,8 +50,7 @@ std::vector<Section> sectionsOf(RandomReader& file)
         return {};
     const std::uint64_t end = table + count * sizeof(Section);
     const auto head = file.bytes(0, static_cast<std::size_t>(end));
-    if (crc16(sumStart, head) != file.u16le(end)
-        || !hasSentinel(file, end + sizeof(LE16), behindTable))
+    if (crc16(sumStart, head) != file.u16le(end) || !file.matches(end + sizeof(LE16), behindTable))
         return {};
     std::vector<Section> sections(count);
     for (std::uint32_t i = 0; i < count; ++i)
@@ -68,23 +62,21 @@ std::vector<Section> sectionsOf(RandomReader& file)
 std::uint64_t behindPreviewOf(RandomReader& file)
 {
     const std::uint64_t preview = file.u32le(13);
-    if (!hasSentinel(file, preview, beforePreview))
+    if (!file.matches(preview, beforePreview))
         return 0;
-    const auto size = file.u32le(preview + sizeof(Sentinel));
-    const std::uint64_t last = preview + sizeof(Sentinel) + sizeof(LE32) + size;
-    return hasSentinel(file, last, behindPreview) ? last + sizeof(Sentinel) : 0;
+    const auto size = file.u32le(preview + sentinelSize);
+    const std::uint64_t last = preview + sentinelSize + sizeof(LE32) + size;
+    return file.matches(last, behindPreview) ? last + sentinelSize : 0;
 }
 
 /// Behind the second header, when one begins at `end`; else `end`.
 std::uint64_t behindSecondHeaderAt(RandomReader& file, std::uint64_t end)
 {
     constexpr std::uint64_t maxSize = 1'024;
-    if (!hasSentinel(file, end, beforeSecondHeader))
+    if (!file.matches(end, beforeSecondHeader))
         return end;
-    const std::string_view mark(
-        reinterpret_cast<const char*>(behindSecondHeader.data()), behindSecondHeader.size());
-    const auto last = file.find(mark, end, end + maxSize);
-    return last ? *last + sizeof(Sentinel) : end;
+    const auto last = file.find(behindSecondHeader, end, end + maxSize);
+    return last ? *last + sentinelSize : end;
 }
 
 /// A page of the object map: pairs of numbers of seven bits in each byte, the lowest ones first.
@@ -182,8 +174,7 @@ Found sectioned(const Candidate& candidate)
     constexpr std::size_t objectMap = 2;
     auto& file = candidate.file;
     const auto sections = sectionsOf(file);
-    if (sections.size() <= objectMap
-        || !hasSentinel(file, sections[variables].offset, beforeVariables))
+    if (sections.size() <= objectMap || !file.matches(sections[variables].offset, beforeVariables))
         return std::nullopt;
     auto end = behindPreviewOf(file);
     for (const auto& section : sections)
