@@ -60,20 +60,7 @@ constexpr Signature signatures[] = {
     { { 0x28, 0xB5, 0x2F, 0xFD }, all, archive, Formats::zstandard },
     { { 'M', 'S', 'C', 'F' }, all, archive, Formats::cabinet },
     { { '0', '7', '0', '7' }, all, archive, Formats::cpio },
-    { { 'R', 'e', 't', 'u' }, all, document, Formats::mail },
-    { { 'R', 'e', 'c', 'e' }, all, document, Formats::mail },
-    { { 'D', 'e', 'l', 'i' }, all, document, Formats::mail },
     { { 'F', 'r', 'o', 'm' }, all, document, Formats::mail },
-    { { 'M', 'e', 's', 's' }, all, document, Formats::mail },
-    { { 'M', 'I', 'M', 'E' }, all, document, Formats::mail },
-    { { 'D', 'a', 't', 'e' }, all, document, Formats::mail },
-    { { 'S', 'u', 'b', 'j' }, all, document, Formats::mail },
-    { { 'T', 'o', ':', ' ' }, all, document, Formats::mail },
-    { { 'D', 'K', 'I', 'M' }, all, document, Formats::mail },
-    { { 'C', 'o', 'n', 't' }, all, document, Formats::mail },
-    { { 'A', 'R', 'C', '-' }, all, document, Formats::mail },
-    { { 'A', 'u', 't', 'h' }, all, document, Formats::mail },
-    { { 'X', '-', 0, 0 }, firstTwo, document, Formats::mail },
     { { 'B', 'E', 'G', 'I' }, all, document, Formats::contacts },
     { { '-', '-', '-', '-' }, all, document, Formats::armour },
     { { 0x98, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // public keys
@@ -209,6 +196,24 @@ bool mayBePaddedName(ByteView head)
         && std::all_of(end, bytes.end(), [](std::uint8_t byte) { return byte == 0; });
 }
 
+/// Whether the first line may be a field of a mail's header: a name, and a colon.
+bool mayBeginMail(ByteView head)
+{
+    constexpr std::ptrdiff_t shortestName = 2;
+    constexpr std::string_view behindColon = " \t\r\n";
+    const auto isLetter = [](std::uint8_t byte) {
+        const auto lower = byte | 0x20;
+        return lower >= 'a' && lower <= 'z';
+    };
+    const auto bytes = head.span();
+    if (!isLetter(bytes.front()))
+        return false;
+    const auto end = std::ranges::find_if(
+        bytes, [&](std::uint8_t byte) { return !isLetter(byte) && byte != '-'; });
+    return end - bytes.begin() >= shortestName && bytes.end() - end > 1 && *end == ':'
+        && behindColon.find(static_cast<char>(end[1])) != std::string_view::npos;
+}
+
 /// Whether the mark of a B-tree, a hash or a queue of Berkeley DB lies behind a page's number,
 /// which is zero.
 bool mayBeginBerkeleyDB(ByteView head)
@@ -244,6 +249,14 @@ Formats::Found archiveOrTriangles(const Candidate& candidate)
     return found ? found : Formats::stl(candidate);
 }
 
+// Names of files may hold a colon as well.
+
+Formats::Found mailOrArchive(const Candidate& candidate)
+{
+    auto found = Formats::mail(candidate);
+    return found ? found : archiveOrTriangles(candidate);
+}
+
 Formats::Found discOrTriangles(const Candidate& candidate)
 {
     auto found = Formats::iso9660(candidate);
@@ -262,6 +275,8 @@ FormatReader readerByInnerMark(ByteView head)
         return Formats::tga;
     if (mayBeginDisc(head))
         return discOrTriangles;
+    if (mayBeginMail(head))
+        return mailOrArchive;
     if (mayBePaddedName(head))
         return archiveOrTriangles;
     if (head.u8(4) == 'G') // behind a time

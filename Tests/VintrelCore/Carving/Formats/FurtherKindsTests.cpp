@@ -235,8 +235,16 @@ TEST(FurtherKinds, EstimateALetterWithoutParts)
         = Content()
               .text("From: a@b\nDate: x\nContent-Type: multipart/mixed;\n boundary=Z\n")
               .text("To: c\n\n--Z\n\nOne.\n--Z--\n");
-    EXPECT_EQ(carve(Content().add(parts).text("text of somebody else")),
-        "eml " + std::to_string(parts.size()));
+    for (const auto* first : { "", "Envelope-to: b\n", "reply-to: a\n", "X-Spam: 0\n\tx\n" }) {
+        const Bytes mail = Content().text(first).add(parts);
+        EXPECT_EQ(carve(Content().add(mail).text("text of somebody else")),
+            "eml " + std::to_string(mail.size()))
+            << first;
+    }
+    for (const auto* line : { "From a@b Sun Jul 14 12:30:00 2019\n", "From \n" }) {
+        const Bytes mails = Content().text(line).add(parts).text("\n").text(line).add(parts);
+        EXPECT_EQ(carve(mails), "mbox " + std::to_string(mails.size())) << line;
+    }
 }
 
 // What is encrypted ends at zeros, or where another file begins.
