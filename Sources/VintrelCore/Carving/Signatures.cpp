@@ -62,12 +62,22 @@ constexpr Signature signatures[] = {
     { { '0', '7', '0', '7' }, all, archive, Formats::cpio },
     { { 'F', 'r', 'o', 'm' }, all, document, Formats::mail },
     { { 'B', 'E', 'G', 'I' }, all, document, Formats::contacts },
+    { { 'b', 'e', 'g', 'i' }, all, document, Formats::contacts },
+    { { 0xEF, 0xBB, 0xBF, 'B' }, all, document, Formats::contacts }, // with a byte order mark
     { { '-', '-', '-', '-' }, all, document, Formats::armour },
     { { 0x98, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // public keys
     { { 0x99, 0, 0, 4 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
     { { 0x94, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // secret ones
     { { 0x95, 0, 0, 4 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
     { { 0x84, 0, 3, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // messages
+    // The same in the newer format, with one byte of length and with two.
+    { { 0xC5, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
+    { { 0xC5, 0xC0, 0, 4 }, { 0xFF, 0xE0, 0, 0xFF }, document, Formats::openPGP },
+    { { 0xC6, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
+    { { 0xC6, 0xC0, 0, 4 }, { 0xFF, 0xE0, 0, 0xFF }, document, Formats::openPGP },
+    { { 0xC1, 0, 3, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
+    { { 0xC1, 0xC0, 0, 3 }, { 0xFF, 0xE0, 0, 0xFF }, document, Formats::openPGP },
+    { { 0xC3, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
     { { 0x85, 0, 0, 3 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
     { { 0x8C, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
     { { 'P', 'u', 'T', 'T' }, all, document, Formats::puttyKey },

@@ -1,6 +1,6 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
 
-// RFC 4880, OpenPGP Message Format, packets: keys and messages that are not written as text.
+// RFC 9580, OpenPGP, packets of both formats: keys and messages that are not written as text.
 
 namespace Formats {
 

@@ -103,6 +103,21 @@ Bytes minolta()
     return file.upTo(108 + 20 * 30 * 12 / 8, 3);
 }
 
+/// A key whose packets have lengths of the newer format.
+Bytes openPGPKey(unsigned tag, std::size_t size)
+{
+    Content file;
+    const auto packet = [&](unsigned which, std::size_t length, std::string_view begin) {
+        file.be(which, 1);
+        length < 192 ? file.be(length, 1) : file.be(0xC000 + length - 192, 2);
+        file.text(begin).upTo(file.size() + length - begin.size(), 'a');
+    };
+    packet(tag, size, "\4");
+    packet(0xCD, 20, "Havn");
+    packet(0xC2, 200, "\4");
+    return file;
+}
+
 constexpr auto step
     = "ISO-10303-21;\nHEADER;\nENDSEC;\nDATA;\n#1=POINT('',0.);\nENDSEC;\nEND-ISO-10303-21;\n"sv;
 constexpr auto letter = "From: a@b\r\nDate: x\r\nSubject: y\r\n\r\nOne.\r\nTwo.\r\n"sv;
@@ -136,6 +151,12 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
         { "dv", Content().add(digitalVideo()).add(digitalVideo()) },
         { "mrw", minolta() },
         { "stp", bytesOf(std::string(step)) },
+        { "vcf", bytesOf("begin:vcard\r\nFN:A\r\nend:vcard\r\n\r\nBegin:vCard\r\nEND:VCARD\r\n") },
+        { "ics",
+            bytesOf("\xEF\xBB\xBF"
+                    "BEGIN:VCALENDAR\nEND:VCALENDAR\n") },
+        { "gpg", openPGPKey(0xC6, 60) },
+        { "gpg", openPGPKey(0xC5, 500) },
     };
     for (const auto& [ext, file] : files)
         EXPECT_EQ(carve(file), std::string(ext) + " " + std::to_string(file.size()));
