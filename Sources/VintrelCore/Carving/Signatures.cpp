@@ -58,13 +58,20 @@ constexpr Signature signatures[] = {
     { { 'B', 'Z', 'h', 0 }, firstThree, archive, Formats::bzip2 },
     { { 0xFD, '7', 'z', 'X' }, all, archive, Formats::xz },
     { { 0x28, 0xB5, 0x2F, 0xFD }, all, archive, Formats::zstandard },
+    { { 0x50, 0x2A, 0x4D, 0x18 }, { 0xF0, 0xFF, 0xFF, 0xFF }, archive, Formats::zstandard },
     { { 'M', 'S', 'C', 'F' }, all, archive, Formats::cabinet },
     { { '0', '7', '0', '7' }, all, archive, Formats::cpio },
+    { { 0xC7, 0x71, 0, 0 }, firstTwo, archive, Formats::cpio },
+    { { 0x71, 0xC7, 0, 0 }, firstTwo, archive, Formats::cpio },
     { { 'F', 'r', 'o', 'm' }, all, document, Formats::mail },
     { { 'B', 'E', 'G', 'I' }, all, document, Formats::contacts },
     { { 'b', 'e', 'g', 'i' }, all, document, Formats::contacts },
     { { 0xEF, 0xBB, 0xBF, 'B' }, all, document, Formats::contacts }, // with a byte order mark
     { { '-', '-', '-', '-' }, all, document, Formats::armour },
+    { { 'B', 'a', 'g', ' ' }, all, document, Formats::armour },
+    { { 'C', 'e', 'r', 't' }, all, document, Formats::armour },
+    { { 'P', 'u', 'b', 'l' }, all, document, Formats::armour },
+    { { 's', 'u', 'b', 'j' }, all, document, Formats::armour },
     { { 0x98, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // public keys
     { { 0x99, 0, 0, 4 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
     { { 0x94, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // secret ones

@@ -130,6 +130,7 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
     wide.text("#!AMR-WB\n").add(repeated(9, Content().be(0x1C, 1).zeros(36))).be(0x7C, 1);
     EXPECT_EQ(carve(Content().add(wide).be(0x1C, 1)), "amr " + std::to_string(wide.size()))
         << "a byte behind it that might begin a frame";
+    const std::string block = "-----BEGIN RSA KEY-----\nAAAA\n-----END RSA KEY-----\n";
     const struct {
         const char* ext;
         Bytes file;
@@ -155,6 +156,9 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
         { "ics",
             bytesOf("\xEF\xBB\xBF"
                     "BEGIN:VCALENDAR\nEND:VCALENDAR\n") },
+        { "pem", bytesOf("Bag Attributes\n    a: b\n" + block + "Bag Attributes\n\n" + block) },
+        { "pem",
+            bytesOf("---- BEGIN SSH2 PUBLIC KEY ----\nAAAA\n---- END SSH2 PUBLIC KEY ----\n") },
         { "gpg", openPGPKey(0xC6, 60) },
         { "gpg", openPGPKey(0xC5, 500) },
     };
