@@ -197,8 +197,9 @@ FormatReader readerByBox(std::uint32_t type)
     }
 }
 
-/// Whether it may be a name with zeros behind it, or one that is longer than the head, as at the
-/// beginning of a TAR archive. What random bytes nearly never have is looked at first.
+/// Whether it may be a name with zeros behind it, a line with zeros, or one that is longer than the
+/// head, as at the beginning of a TAR archive. What random bytes nearly never have is looked at
+/// first.
 bool mayBePaddedName(ByteView head)
 {
     constexpr std::uint64_t aboveASCII = 0x8080'8080'8080'8080;
@@ -209,8 +210,9 @@ bool mayBePaddedName(ByteView head)
     const auto bytes = head.span();
     const auto end
         = std::ranges::find_if(bytes, [](std::uint8_t byte) { return byte < firstPrintable; });
+    const auto padding = end != bytes.end() && *end == '\n' ? end + 1 : end;
     return end != bytes.begin()
-        && std::all_of(end, bytes.end(), [](std::uint8_t byte) { return byte == 0; });
+        && std::all_of(padding, bytes.end(), [](std::uint8_t byte) { return byte == 0; });
 }
 
 /// Whether the first line may be a field of a mail's header: a name, and a colon.

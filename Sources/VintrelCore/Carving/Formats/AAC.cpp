@@ -1,3 +1,4 @@
+#include "VintrelCore/Carving/Formats/AudioTags.h"
 #include "VintrelCore/Carving/Formats/Formats.h"
 
 // ISO/IEC 13818-7, Audio Data Transport Stream (ADTS): frames that each say their length.
@@ -45,7 +46,7 @@ Found aac(const Candidate& candidate)
     }
     if (frames < minFrames || position >= limit)
         return std::nullopt;
-    return candidate.proved(position, "aac");
+    return candidate.proved(behindAudioTags(file, position), "aac");
 }
 
 } // namespace Formats

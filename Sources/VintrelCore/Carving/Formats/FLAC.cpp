@@ -1,3 +1,4 @@
+#include "VintrelCore/Carving/Formats/AudioTags.h"
 #include "VintrelCore/Carving/Formats/FLACFrame.h"
 #include "VintrelCore/Carving/Formats/Formats.h"
 
@@ -139,7 +140,7 @@ Found flac(const Candidate& candidate)
         if (!next || checksumOf(file, *position, *next) != 0) {
             // The frame of another file may have the next number.
             if (const auto end = endOfLast(file, *frame, *position, info))
-                return candidate.found(*end, "flac", isProved);
+                return candidate.found(behindAudioTags(file, *end), "flac", isProved);
             isProved = false;
         }
         position = next;

@@ -49,6 +49,20 @@ std::uint64_t unitSize(RandomReader& file, std::uint64_t position, std::uint32_t
     return length == 0 ? 0 : codeSize + sizeof(BE16) + length;
 }
 
+/// Where the next pack begins behind the zeros at `position`, which fill the sectors of a Video CD;
+/// none where something else lies there.
+std::optional<std::uint64_t> behindFill(RandomReader& file, std::uint64_t position)
+{
+    constexpr std::uint64_t longest = 64;
+    for (std::uint64_t end = position; end - position < longest; ++end) {
+        if (file.u32be(end) == pack)
+            return end;
+        if (file.u8(end) != 0)
+            break;
+    }
+    return std::nullopt;
+}
+
 /// The system clock reference of the pack header at `position`, without its fraction.
 std::uint64_t clockOf(RandomReader& file, std::uint64_t position)
 {
@@ -84,7 +98,14 @@ Found mpegPS(const Candidate& candidate)
     while (position < limit) {
         const auto code = file.u32be(position);
         const auto size = unitSize(file, position, code);
-        if (size == 0 || !candidate.fits(position + size))
+        if (size == 0) {
+            const auto next = packets > 0 ? behindFill(file, position) : std::nullopt;
+            if (!next)
+                break;
+            position = *next;
+            continue;
+        }
+        if (!candidate.fits(position + size))
             break;
         if (code == pack) {
             if (beginsAnother(file, position, size, clock))
