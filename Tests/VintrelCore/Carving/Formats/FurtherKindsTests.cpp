@@ -104,7 +104,7 @@ Bytes minolta()
 }
 
 /// A key whose packets have lengths of the newer format.
-Bytes openPGPKey(unsigned tag, std::size_t size)
+Bytes openPGPKey(unsigned tag, std::size_t size, char algorithm = 1)
 {
     Content file;
     const auto packet = [&](unsigned which, std::size_t length, std::string_view begin) {
@@ -112,7 +112,7 @@ Bytes openPGPKey(unsigned tag, std::size_t size)
         length < 192 ? file.be(length, 1) : file.be(0xC000 + length - 192, 2);
         file.text(begin).upTo(file.size() + length - begin.size(), 'a');
     };
-    packet(tag, size, "\4");
+    packet(tag, size, std::string("\4year") + algorithm);
     packet(0xCD, 20, "Havn");
     packet(0xC2, 200, "\4");
     return file;
@@ -216,6 +216,15 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         { "a key without the name of its owner", damaged("gpg-public.gpg", 53) },
         { "a message that is not encrypted", damaged("gpg-password.gpg", 15) },
         { "a message of a version that none has", damaged("gpg-password.gpg", 17) },
+        { "code that begins like a message in parts",
+            Content()
+                .text("\xC1\xE1\3H\x21")
+                .upTo(11)
+                .be(1, 1)
+                .upTo(38)
+                .text("\xD2\x20\1")
+                .upTo(300) },
+        { "a key of an algorithm that none has", openPGPKey(0xC6, 60, '\x63') },
         { "a table of sectors that was overwritten", withoutTable },
         { "passwords with one field less", damaged("csv-browser.csv", 39) },
         { "something else in the footer's place", damaged("tga-plain.tga", 9'999) },
