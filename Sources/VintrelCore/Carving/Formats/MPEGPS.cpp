@@ -95,6 +95,7 @@ Found mpegPS(const Candidate& candidate)
     int packets = 0; // of sound and pictures
     std::uint64_t clock = 0;
     bool isFromDVD = false;
+    std::uint64_t fill = 0; // behind the last pack that had any
     while (position < limit) {
         const auto code = file.u32be(position);
         const auto size = unitSize(file, position, code);
@@ -102,6 +103,7 @@ Found mpegPS(const Candidate& candidate)
             const auto next = packets > 0 ? behindFill(file, position) : std::nullopt;
             if (!next)
                 break;
+            fill = *next - position;
             position = *next;
             continue;
         }
@@ -118,6 +120,9 @@ Found mpegPS(const Candidate& candidate)
     }
     if (packets < minPackets || position >= limit)
         return std::nullopt;
+    if (fill > 0 && ByteView(file.bytes(position, static_cast<std::size_t>(fill))).isAllZero()
+        && candidate.fits(position + fill))
+        position += fill;
     return candidate.proved(position, isFromDVD ? "vob" : "mpg");
 }
 

@@ -63,6 +63,25 @@ Bytes triangles(std::string_view title, std::uint32_t normal)
     return file;
 }
 
+Bytes id3() { return Content().text("ID3\4").zeros(5).be(50, 1).upTo(60); }
+
+/// An image of a CD with something behind the volume, and the two headers of a partition table.
+Bytes withPartitions(Bytes file)
+{
+    const auto copy = (file.size() + 4'096) / 512;
+    file.resize((copy + 1) * 512);
+    const auto put = [&](std::size_t here, std::size_t other) {
+        const auto header = bytesOf("EFI PART");
+        std::copy(
+            header.begin(), header.end(), file.begin() + static_cast<std::ptrdiff_t>(here * 512));
+        putLE(file, here * 512 + 24, here, 8);
+        putLE(file, here * 512 + 32, other, 8);
+    };
+    put(1, copy);
+    put(copy, 1);
+    return file;
+}
+
 } // namespace
 
 TEST(OtherMakers, ArePutTogetherInOtherWays)
@@ -88,9 +107,19 @@ TEST(OtherMakers, ArePutTogetherInOtherWays)
         { "both forms of end records", "zip", zip64Beside() },
         { "a name in other letters", "3mf",
             replaced(sample("3mf-plain.3mf"), "3dmodel.model", "3DModel.model") },
-        { "zeros in front of a pack", "mpg",
-            inserted(sample("mpg-first.mpg"), 2'048,
-                Content().zeros(20).be(0x1BA, 4).be(0x2100'0500'01A1'9A75, 8)) },
+        { "zeros that fill sectors", "mpg",
+            Content()
+                .add(inserted(sample("mpg-first.mpg"), 2'048,
+                    Content().zeros(20).be(0x1BA, 4).be(0x2100'0500'01A1'9A75, 8)))
+                .zeros(20) },
+        { "a tag in front", "aac", Content().add(id3()).add(sample("aac-plain.aac")) },
+        { "a tag in front", "flac", Content().add(id3()).add(sample("flac-plain.flac")) },
+        { "a partition table", "iso", withPartitions(sample("iso-plain.iso")) },
+        { "long names", "iso",
+            Content()
+                .add(inserted(
+                    sample("iso-plain.iso"), 17 * 2'048, Content().text("\2CD001\2").upTo(2'048)))
+                .upTo(sample("iso-plain.iso").size()) },
         { "a title that is a line", "stl", triangles("Model\n", 0x3F80'0000) },
         { "normals that nobody shortened", "stl", triangles("Model", 0x42C8'0000) },
     };
