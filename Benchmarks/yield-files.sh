@@ -242,13 +242,53 @@ SCRIPT
     rm -r node_modules package*.json drawings.mjs
 }
 
+# The same kinds as other programs and other options make them.
+make_variants() {
+    local n size
+    for n in $(sequence 1 3); do
+        size=$((n * 64))x$((n * 48))
+        sound "$n" $((n * 2)) sound.wav
+        picture "$n" 90x60 cover.jpeg
+        flac -s -8 --picture=cover.jpeg --padding=$((n * 3000)) -o "flac2$n.flac" sound.wav 2>/dev/null
+        sound "$n" $((n * 2)) -c:a aac -write_id3v2 1 -metadata title="Nummer $n" -f adts "aac1$n.aac"
+        sound "$n" $((n * 2)) -ac 6 sound6.wav
+        wavpack -q -m sound6.wav -o "wv1$n.wv"
+        film "$n" $size "$n" -target pal-vcd "mpg2$n.mpg"
+        film "$n" $size 1 -pix_fmt yuv420p -c:v libx264 -preset veryfast -c:a aac -f flv "flv1$n.flv"
+        picture "$n" $size still.ppm
+        opj_compress -i still.ppm -o "jp21$n.jp2" -r 20,5 -TLM -PLT -jpip >/dev/null
+        opj_compress -i still.ppm -o "j2k1$n.j2k" -t 32,32 -SOP -EPH >/dev/null
+        picture "$n" $size -monochrome still.pbm
+        c44 still.ppm page1.djvu && cjb2 still.pbm page2.djvu && djvm -c "djvu1$n.djvu" page1.djvu page2.djvu
+        rm still.* page* sound* cover.jpeg
+        mkdir tree && prose "$n" $((n * n * 9000)) >tree/tekst.txt && head -c $((n * n * 8000)) <(noise "$n") >tree/data.bin
+        tar -C tree --format=v7 -cf "tar2$n.tar" . && tar -C tree -V "Nummer $n" -cf "tar3$n.tar" .
+        (cd tree && printf '%s\n' * | cpio --quiet -o -H odc) >"cpio1$n.cpio"
+        (cd tree && printf '%s\n' * | cpio --quiet -o -H bin) >"cpio2$n.cpio" 2>/dev/null
+        pzstd -q -c tree/tekst.txt >"zst1$n.zst"
+        bsdtar --format=zip --options zip:zip64 -cf "zip6$n.zip" -C tree tekst.txt data.bin
+        genisoimage -quiet -iso-level 4 -udf -o "iso1$n.iso" tree
+        head -c 70000 /dev/zero >start && xorriso -as mkisofs -quiet -R -appended_part_as_gpt -append_partition 2 0xef start -o "iso2$n.iso" tree 2>/dev/null
+        rm -r tree start
+        openssl req -x509 -newkey rsa:2048 -nodes -keyout key -out cert -subj "/CN=Nummer $n" 2>/dev/null
+        openssl x509 -in cert -text >"pem1$n.pem"
+        openssl pkcs12 -export -in cert -inkey key -passout pass:x | openssl pkcs12 -passin pass:x -nodes >"pem2$n.pem"
+        rm key cert
+        sq key generate --userid "Nummer $n" --export key.asc 2>/dev/null && sq dearmor key.asc >"gpg1$n.gpg" && rm key.asc*
+        { printf 'Envelope-to: b@example.dk\nMIME-Version: 1.0\nFrom: a@example.dk\nTo: b@example.dk\nSubject: %s\n' "$n" &&
+            printf 'Content-Type: multipart/mixed; boundary="=%s="\n\n--=%s=\n\n' "$n" "$n" && prose "$n" $((n * 4000)) && printf '\n--=%s=--\n' "$n"; } >"eml1$n.eml"
+        for size in 1 2 3; do printf 'From \n' && cat "eml1$n.eml" && echo; done >"mbox1$n.mbox"
+        { printf '\xEF\xBB\xBF' && for size in $(sequence 1 $((n * 30))); do printf 'BEGIN:VCARD\nVERSION:2.1\nN:%s\nend:vcard\n\n' "$size"; done | sed '$d'; } >"vcf1$n.vcf"
+    done
+}
+
 noise() { # seed: random bytes without end
     openssl enc -aes-128-ctr -K "$(printf '%032x' "$1")" -iv 00000000000000000000000000000000 -in /dev/zero 2>/dev/null
 }
 
 if [ ! -e "$files/complete" ]; then
     echo "making the files …" >&2
-    for maker in make_pictures make_films make_documents make_archives make_further; do
+    for maker in make_pictures make_films make_documents make_archives make_further make_variants; do
         (mkdir "$scratch/$maker" && cd "$scratch/$maker" && $maker) &
         makers+=($!)
     done

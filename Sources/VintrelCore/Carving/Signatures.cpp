@@ -58,29 +58,33 @@ constexpr Signature signatures[] = {
     { { 'B', 'Z', 'h', 0 }, firstThree, archive, Formats::bzip2 },
     { { 0xFD, '7', 'z', 'X' }, all, archive, Formats::xz },
     { { 0x28, 0xB5, 0x2F, 0xFD }, all, archive, Formats::zstandard },
+    { { 0x50, 0x2A, 0x4D, 0x18 }, all, archive, Formats::zstandard }, // with lengths in front
     { { 'M', 'S', 'C', 'F' }, all, archive, Formats::cabinet },
     { { '0', '7', '0', '7' }, all, archive, Formats::cpio },
-    { { 'R', 'e', 't', 'u' }, all, document, Formats::mail },
-    { { 'R', 'e', 'c', 'e' }, all, document, Formats::mail },
-    { { 'D', 'e', 'l', 'i' }, all, document, Formats::mail },
+    { { 0xC7, 0x71, 0, 0 }, firstTwo, archive, Formats::cpio },
+    { { 0x71, 0xC7, 0, 0 }, firstTwo, archive, Formats::cpio },
     { { 'F', 'r', 'o', 'm' }, all, document, Formats::mail },
-    { { 'M', 'e', 's', 's' }, all, document, Formats::mail },
-    { { 'M', 'I', 'M', 'E' }, all, document, Formats::mail },
-    { { 'D', 'a', 't', 'e' }, all, document, Formats::mail },
-    { { 'S', 'u', 'b', 'j' }, all, document, Formats::mail },
-    { { 'T', 'o', ':', ' ' }, all, document, Formats::mail },
-    { { 'D', 'K', 'I', 'M' }, all, document, Formats::mail },
-    { { 'C', 'o', 'n', 't' }, all, document, Formats::mail },
-    { { 'A', 'R', 'C', '-' }, all, document, Formats::mail },
-    { { 'A', 'u', 't', 'h' }, all, document, Formats::mail },
-    { { 'X', '-', 0, 0 }, firstTwo, document, Formats::mail },
     { { 'B', 'E', 'G', 'I' }, all, document, Formats::contacts },
+    { { 'b', 'e', 'g', 'i' }, all, document, Formats::contacts },
+    { { 0xEF, 0xBB, 0xBF, 'B' }, all, document, Formats::contacts }, // with a byte order mark
     { { '-', '-', '-', '-' }, all, document, Formats::armour },
+    { { 'B', 'a', 'g', ' ' }, all, document, Formats::armour },
+    { { 'C', 'e', 'r', 't' }, all, document, Formats::armour },
+    { { 'P', 'u', 'b', 'l' }, all, document, Formats::armour },
+    { { 's', 'u', 'b', 'j' }, all, document, Formats::armour },
     { { 0x98, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // public keys
     { { 0x99, 0, 0, 4 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
     { { 0x94, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // secret ones
     { { 0x95, 0, 0, 4 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
     { { 0x84, 0, 3, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // messages
+    // The same in the newer format, with one byte of length and with two.
+    { { 0xC5, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
+    { { 0xC5, 0xC0, 0, 4 }, { 0xFF, 0xE0, 0, 0xFF }, document, Formats::openPGP },
+    { { 0xC6, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
+    { { 0xC6, 0xC0, 0, 4 }, { 0xFF, 0xE0, 0, 0xFF }, document, Formats::openPGP },
+    { { 0xC1, 0, 3, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
+    { { 0xC1, 0xC0, 0, 3 }, { 0xFF, 0xE0, 0, 0xFF }, document, Formats::openPGP },
+    { { 0xC3, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
     { { 0x85, 0, 0, 3 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
     { { 0x8C, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP },
     { { 'P', 'u', 'T', 'T' }, all, document, Formats::puttyKey },
@@ -195,8 +199,9 @@ FormatReader readerByBox(std::uint32_t type)
     }
 }
 
-/// Whether it may be a name with zeros behind it, or one that is longer than the head, as at the
-/// beginning of a TAR archive. What random bytes nearly never have is looked at first.
+/// Whether it may be a name with zeros behind it, a line with zeros, or one that is longer than the
+/// head, as at the beginning of a TAR archive. What random bytes nearly never have is looked at
+/// first.
 bool mayBePaddedName(ByteView head)
 {
     constexpr std::uint64_t aboveASCII = 0x8080'8080'8080'8080;
@@ -207,8 +212,27 @@ bool mayBePaddedName(ByteView head)
     const auto bytes = head.span();
     const auto end
         = std::ranges::find_if(bytes, [](std::uint8_t byte) { return byte < firstPrintable; });
+    const auto padding = end != bytes.end() && *end == '\n' ? end + 1 : end;
     return end != bytes.begin()
-        && std::all_of(end, bytes.end(), [](std::uint8_t byte) { return byte == 0; });
+        && std::all_of(padding, bytes.end(), [](std::uint8_t byte) { return byte == 0; });
+}
+
+/// Whether the first line may be a field of a mail's header: a name, and a colon.
+bool mayBeginMail(ByteView head)
+{
+    constexpr std::ptrdiff_t shortestName = 2;
+    constexpr std::string_view behindColon = " \t\r\n";
+    const auto isLetter = [](std::uint8_t byte) {
+        const auto lower = byte | 0x20;
+        return lower >= 'a' && lower <= 'z';
+    };
+    const auto bytes = head.span();
+    if (!isLetter(bytes.front()))
+        return false;
+    const auto end = std::ranges::find_if(
+        bytes, [&](std::uint8_t byte) { return !isLetter(byte) && byte != '-'; });
+    return end - bytes.begin() >= shortestName && bytes.end() - end > 1 && *end == ':'
+        && behindColon.find(static_cast<char>(end[1])) != std::string_view::npos;
 }
 
 /// Whether the mark of a B-tree, a hash or a queue of Berkeley DB lies behind a page's number,
@@ -246,6 +270,14 @@ Formats::Found archiveOrTriangles(const Candidate& candidate)
     return found ? found : Formats::stl(candidate);
 }
 
+// Names of files may hold a colon as well.
+
+Formats::Found mailOrArchive(const Candidate& candidate)
+{
+    auto found = Formats::mail(candidate);
+    return found ? found : archiveOrTriangles(candidate);
+}
+
 Formats::Found discOrTriangles(const Candidate& candidate)
 {
     auto found = Formats::iso9660(candidate);
@@ -264,6 +296,8 @@ FormatReader readerByInnerMark(ByteView head)
         return Formats::tga;
     if (mayBeginDisc(head))
         return discOrTriangles;
+    if (mayBeginMail(head))
+        return mailOrArchive;
     if (mayBePaddedName(head))
         return archiveOrTriangles;
     if (head.u8(4) == 'G') // behind a time

@@ -1,3 +1,4 @@
+#include "VintrelCore/Carving/Formats/AudioTags.h"
 #include "VintrelCore/Carving/Formats/Formats.h"
 
 // ISO/IEC 13818-7, Audio Data Transport Stream (ADTS): frames that each say their length.
@@ -29,11 +30,13 @@ std::uint64_t frameLength(std::uint64_t header)
 
 } // namespace
 
-Found aac(const Candidate& candidate)
+Found aac(const Candidate& candidate) { return aacBehindTag(candidate, 0); }
+
+Found aacBehindTag(const Candidate& candidate, std::uint64_t tagSize)
 {
     auto& file = candidate.file;
-    const std::uint32_t kind = file.u32be(0) & fixedBits;
-    std::uint64_t position = 0;
+    const std::uint32_t kind = file.u32be(tagSize) & fixedBits;
+    std::uint64_t position = tagSize;
     int frames = 0;
     while (position < limit) {
         const std::uint64_t header = file.u64be(position);
@@ -45,7 +48,7 @@ Found aac(const Candidate& candidate)
     }
     if (frames < minFrames || position >= limit)
         return std::nullopt;
-    return candidate.proved(position, "aac");
+    return candidate.proved(behindAudioTags(file, position), "aac");
 }
 
 } // namespace Formats

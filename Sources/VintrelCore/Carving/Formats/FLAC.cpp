@@ -1,3 +1,4 @@
+#include "VintrelCore/Carving/Formats/AudioTags.h"
 #include "VintrelCore/Carving/Formats/FLACFrame.h"
 #include "VintrelCore/Carving/Formats/Formats.h"
 
@@ -46,11 +47,11 @@ struct StreamInfo {
 };
 static_assert(sizeof(StreamInfo) == 34 && offsetof(StreamInfo, format) == 10);
 
-/// Where the first frame begins; none when the metadata does not hold together.
-std::optional<std::uint64_t> behindMetadata(RandomReader& file)
+/// Where the first frame begins behind the metadata at `position`; none when this does not hold
+/// together.
+std::optional<std::uint64_t> behindMetadata(RandomReader& file, std::uint64_t position)
 {
     constexpr std::uint8_t invalidType = 127;
-    std::uint64_t position = signatureSize;
     for (int count = 0; count < maxMetadata && position < limit; ++count) {
         const auto header = file.load<MetadataHeader>(position);
         if ((header.type & 0x7F) == invalidType)
@@ -117,14 +118,17 @@ std::optional<std::uint64_t> endOfLast(
 
 } // namespace
 
-Found flac(const Candidate& candidate)
+Found flac(const Candidate& candidate) { return flacBehindTag(candidate, 0); }
+
+Found flacBehindTag(const Candidate& candidate, std::uint64_t tagSize)
 {
     auto& file = candidate.file;
-    const auto first = file.load<MetadataHeader>(signatureSize);
-    const auto info = file.load<StreamInfo>(signatureSize + sizeof first);
+    const std::uint64_t metadata = tagSize + signatureSize;
+    const auto first = file.load<MetadataHeader>(metadata);
+    const auto info = file.load<StreamInfo>(metadata + sizeof first);
     if ((first.type & 0x7F) != 0 || first.length() != sizeof info)
         return std::nullopt;
-    auto position = behindMetadata(file);
+    auto position = behindMetadata(file, metadata);
     std::uint64_t samples = 0;
     bool isProved = true;
     for (int count = 0; position && count < maxFrames && *position < limit; ++count) {
@@ -139,7 +143,7 @@ Found flac(const Candidate& candidate)
         if (!next || checksumOf(file, *position, *next) != 0) {
             // The frame of another file may have the next number.
             if (const auto end = endOfLast(file, *frame, *position, info))
-                return candidate.found(*end, "flac", isProved);
+                return candidate.found(behindAudioTags(file, *end), "flac", isProved);
             isProved = false;
         }
         position = next;

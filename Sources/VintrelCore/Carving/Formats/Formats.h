@@ -145,6 +145,10 @@ Found r3d(const Candidate& candidate);
 Found xcf(const Candidate& candidate);
 Found plainText(const Candidate& candidate);
 
+/// The same with a tag of this size in front.
+Found flacBehindTag(const Candidate& candidate, std::uint64_t tagSize);
+Found aacBehindTag(const Candidate& candidate, std::uint64_t tagSize);
+
 /// Whether what begins at `position` may belong to the same file as the `before` streams in front
 /// of it, where programs join streams. At a sector it rather is a file of its own, but for files
 /// that consist of very many streams.

@@ -48,7 +48,7 @@ bool isKnown(const ISOBox& box)
 {
     constexpr std::string_view names[] = { "jp2h", "jp2c", "jp2i", "xml ", "uuid", "uinf", "res ",
         "rreq", "asoc", "jpch", "jplh", "ftbl", "free", "jxlc", "jxlp", "jxll", "jxli", "jbrd",
-        "Exif", "brob", "jumb", "jhgm" };
+        "Exif", "brob", "jumb", "jhgm", "iptr", "cidx", "fidx", "prxy" };
     return std::ranges::any_of(names, [&](std::string_view name) { return box.is(name); });
 }
 

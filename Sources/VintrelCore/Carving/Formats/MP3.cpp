@@ -105,8 +105,13 @@ Found mp3(const Candidate& candidate)
     constexpr int minFrames = 3; // fewer may be chance
     auto& file = candidate.file;
     const auto tag = tagSize(file);
-    return tag ? withFrames(candidate, behindZeros(file, *tag, *tag + maxPadding), minFrames)
-               : std::nullopt;
+    if (!tag)
+        return std::nullopt;
+    const auto sound = behindZeros(file, *tag, *tag + maxPadding);
+    if (auto found = withFrames(candidate, sound, minFrames))
+        return found;
+    return file.matches(sound, "fLaC") ? flacBehindTag(candidate, sound)
+                                       : aacBehindTag(candidate, sound);
 }
 
 Found mp3WithoutTag(const Candidate& candidate)

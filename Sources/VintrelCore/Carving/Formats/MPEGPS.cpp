@@ -49,6 +49,20 @@ std::uint64_t unitSize(RandomReader& file, std::uint64_t position, std::uint32_t
     return length == 0 ? 0 : codeSize + sizeof(BE16) + length;
 }
 
+/// Where the next pack begins behind the zeros at `position`, which fill the sectors of a Video CD;
+/// none where something else lies there.
+std::optional<std::uint64_t> behindFill(RandomReader& file, std::uint64_t position)
+{
+    constexpr std::uint64_t longest = 64;
+    for (std::uint64_t end = position; end - position < longest; ++end) {
+        if (file.u32be(end) == pack)
+            return end;
+        if (file.u8(end) != 0)
+            break;
+    }
+    return std::nullopt;
+}
+
 /// The system clock reference of the pack header at `position`, without its fraction.
 std::uint64_t clockOf(RandomReader& file, std::uint64_t position)
 {
@@ -81,10 +95,19 @@ Found mpegPS(const Candidate& candidate)
     int packets = 0; // of sound and pictures
     std::uint64_t clock = 0;
     bool isFromDVD = false;
+    std::uint64_t fill = 0; // behind the last pack that had any
     while (position < limit) {
         const auto code = file.u32be(position);
         const auto size = unitSize(file, position, code);
-        if (size == 0 || !candidate.fits(position + size))
+        if (size == 0) {
+            const auto next = packets > 0 ? behindFill(file, position) : std::nullopt;
+            if (!next)
+                break;
+            fill = *next - position;
+            position = *next;
+            continue;
+        }
+        if (!candidate.fits(position + size))
             break;
         if (code == pack) {
             if (beginsAnother(file, position, size, clock))
@@ -97,6 +120,9 @@ Found mpegPS(const Candidate& candidate)
     }
     if (packets < minPackets || position >= limit)
         return std::nullopt;
+    if (fill > 0 && ByteView(file.bytes(position, static_cast<std::size_t>(fill))).isAllZero()
+        && candidate.fits(position + fill))
+        position += fill;
     return candidate.proved(position, isFromDVD ? "vob" : "mpg");
 }
 

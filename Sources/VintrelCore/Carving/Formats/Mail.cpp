@@ -19,9 +19,12 @@ struct MailEnd {
     bool isMarked;
 };
 
-/// Whether a line of a mailbox is one that a mail follows: "From", an address and a date.
+/// Whether a line of a mailbox is one that a mail follows: "From", an address and a date, of which
+/// some programs write neither.
 bool isSeparator(std::string_view line)
 {
+    if (line == "From ")
+        return true;
     constexpr std::size_t minLength = 24; // that of the date alone
     constexpr std::string_view days[]
         = { " Mon ", " Tue ", " Wed ", " Thu ", " Fri ", " Sat ", " Sun " };

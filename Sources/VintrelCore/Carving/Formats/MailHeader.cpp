@@ -46,13 +46,14 @@ std::optional<MailHeader> MailHeader::from(TextLines& lines)
     constexpr std::string_view usual[]
         = { "date", "to", "subject", "message-id", "received", "return-path", "mime-version" };
     constexpr int minUsual = 2;
+    constexpr int maxLinesBefore = 256; // signatures of servers stand in front
     bool hasSender = false;
     int usualFields = 0;
     std::string contentType;
     bool isInContentType = false;
     for (int count = 0; count < maxLines; ++count) {
         const auto line = lines.next();
-        if (!line || !line->isEnded)
+        if (!line || !line->isEnded || (usualFields == 0 && count > maxLinesBefore))
             break;
         if (line->text.empty()) {
             if (!hasSender || usualFields < minUsual)

@@ -40,6 +40,7 @@ static_assert(sizeof(EMFRecord) == 8);
 
 constexpr std::uint64_t wordSize = 2;
 constexpr std::uint64_t maxSize = 1'073'741'824;
+constexpr std::uint32_t maxRecords = 100'000'000;
 
 } // namespace
 
@@ -57,8 +58,10 @@ Found wmf(const Candidate& candidate)
         if (record.words < sizeof record / wordSize)
             break;
         position += std::uint64_t { record.words } * wordSize;
-        if (record.function == 0)
-            return position == size ? Found(candidate.proved(size, "wmf")) : std::nullopt;
+        if (record.function == 0) // some programs count the placeable header as well
+            return position == size || position == size - placeableSize
+                ? Found(candidate.proved(position, "wmf"))
+                : std::nullopt;
     }
     return std::nullopt;
 }
@@ -71,7 +74,8 @@ Found emf(const Candidate& candidate)
         return std::nullopt;
     const auto header = file.load<EMFHeader>(0);
     std::uint64_t position = 0;
-    for (std::uint32_t count = 0; count < header.records && position < header.bytes; ++count) {
+    // Not every program counts all its records.
+    for (std::uint32_t count = 0; count < maxRecords && position < header.bytes; ++count) {
         const auto record = file.load<EMFRecord>(position);
         if (record.size < sizeof record || record.size > header.bytes - position)
             break;

@@ -1,6 +1,6 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
 
-// RFC 4880, OpenPGP Message Format, packets: keys and messages that are not written as text.
+// RFC 9580, OpenPGP, packets of both formats: keys and messages that are not written as text.
 
 namespace Formats {
 
@@ -80,6 +80,9 @@ std::optional<Packet> packetAt(const Candidate& candidate, std::uint64_t positio
         return std::nullopt;
     Packet packet { static_cast<std::uint8_t>(hasNewLength ? tagByte & 0x3F : tagByte >> 2 & 0xF),
         length->begin, 0 };
+    constexpr std::uint64_t leastFirstPart = 512;
+    if (length->isPart && (packet.tag != encryptedData || length->count < leastFirstPart))
+        return std::nullopt;
     for (int parts = 0; length->isPart && parts < maxPackets; ++parts) {
         if (!candidate.fits(length->begin + length->count))
             return std::nullopt;
@@ -90,21 +93,32 @@ std::optional<Packet> packetAt(const Candidate& candidate, std::uint64_t positio
     return isWhole && packet.end > packet.body ? std::optional(packet) : std::nullopt;
 }
 
+/// Whether it is the number of an algorithm with public keys.
+bool isPublicKeyAlgorithm(std::uint8_t number)
+{
+    constexpr std::uint8_t lastOfRSA = 3, elgamal = 16, last = 28;
+    return (number >= 1 && number <= lastOfRSA) || (number >= elgamal && number <= last);
+}
+
 /// Whether the body begins as one of its kind does. Packets of other kinds stand in no such file.
 bool isSound(RandomReader& file, const Packet& packet)
 {
+    constexpr std::uint64_t behindKeyID = 9, behindTime = 5;
+    constexpr std::uint8_t lastCipher = 13;
     const auto version = file.u8(packet.body);
+    const auto cipher = file.u8(packet.body + 1);
     switch (packet.tag) {
     case sessionKey:
-        return version == 3;
+        return version == 3 && isPublicKeyAlgorithm(file.u8(packet.body + behindKeyID));
     case signature:
         return version == 3 || version == 4;
     case passwordKey:
+        return version == 4 && cipher >= 1 && cipher <= lastCipher;
     case secretKey:
     case publicKey:
     case secretSubkey:
     case publicSubkey:
-        return version == 4;
+        return version == 4 && isPublicKeyAlgorithm(file.u8(packet.body + behindTime));
     case encryptedData:
         return version == 1;
     case userID:

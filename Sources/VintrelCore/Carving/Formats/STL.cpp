@@ -35,22 +35,47 @@ bool isCoordinate(float value)
     return (kind == FP_NORMAL || kind == FP_ZERO) && std::abs(value) < maxCoordinate;
 }
 
-/// Whether it has a normal of length 1 or 0, and three different corners.
+using Vector = std::array<double, 3>;
+
+Vector difference(const Vector& a, const Vector& b)
+{
+    return { a[0] - b[0], a[1] - b[1], a[2] - b[2] };
+}
+
+Vector crossProduct(const Vector& a, const Vector& b)
+{
+    return { a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0] };
+}
+
+double length(const Vector& a) { return std::hypot(a[0], a[1], a[2]); }
+
+/// Whether it is 0 or of length 1, or at a right angle to the sides, as programs leave it that do
+/// not shorten it.
+bool isNormal(const Vector& normal, const Vector& side, const Vector& other)
+{
+    constexpr double tolerance = 0.01;
+    const auto size = length(normal);
+    if (size == 0 || std::abs(size - 1) < tolerance)
+        return true;
+    const auto right = crossProduct(side, other);
+    return length(right) > 0
+        && length(crossProduct(normal, right)) < tolerance * size * length(right);
+}
+
+/// Whether it has such a normal, and three different corners.
 bool isTriangle(const Triangle& triangle)
 {
-    constexpr float tolerance = 0.01F;
-    const auto x = number(triangle.normal[0]);
-    const auto y = number(triangle.normal[1]);
-    const auto z = number(triangle.normal[2]);
-    const auto length = std::hypot(x, y, z);
-    const bool isNormal = length == 0 || std::abs(length - 1) < tolerance;
     const bool areClose = std::ranges::all_of(
         triangle.corners, [](const LE32& corner) { return isCoordinate(number(corner)); });
     const auto corner = [&](std::size_t which) {
-        return std::array { number(triangle.corners[which * 3]),
+        return Vector { number(triangle.corners[which * 3]),
             number(triangle.corners[which * 3 + 1]), number(triangle.corners[which * 3 + 2]) };
     };
-    return isNormal && areClose && (corner(0) != corner(1) || corner(1) != corner(2));
+    const Vector normal { number(triangle.normal[0]), number(triangle.normal[1]),
+        number(triangle.normal[2]) };
+    const auto side = difference(corner(1), corner(0));
+    return areClose && isNormal(normal, side, difference(corner(2), corner(0)))
+        && (corner(0) != corner(1) || corner(1) != corner(2));
 }
 
 } // namespace

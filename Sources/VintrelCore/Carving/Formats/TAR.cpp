@@ -1,6 +1,7 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 
@@ -29,9 +30,12 @@ struct Header {
 };
 static_assert(sizeof(Header) == 512 && offsetof(Header, magic) == 257);
 
-/// A field of octal digits, with blanks in front; none when it is something else.
+/// A field of octal digits, with blanks in front; none when it is something else. An empty one is
+/// 0: the name of a whole archive has neither a size nor an owner.
 std::optional<std::uint64_t> octal(std::span<const std::uint8_t> field)
 {
+    if (ByteView(field).isAllZero())
+        return 0;
     std::uint64_t value = 0;
     bool hasDigits = false;
     for (const auto byte : field) {
@@ -53,11 +57,24 @@ std::optional<std::uint64_t> sizeOf(const Header& header)
     return field.u8(0) == binary ? std::optional(field.u64be(4)) : octal(field.span());
 }
 
+/// Whether it says that it is a header, or is of the time before headers said so: a zero stands
+/// there, and nothing but digits in front and behind.
+bool hasMark(const Header& header)
+{
+    if (ByteView(header.magic).matches("ustar", 0))
+        return true;
+    const auto isNumber = [](std::uint8_t byte) {
+        return (byte >= '0' && byte <= '7') || byte == ' ' || byte == 0;
+    };
+    return ByteView(header.magic).isAllZero() && std::ranges::all_of(header.mode, isNumber)
+        && std::ranges::all_of(header.others, isNumber) && header.time[0] != 0;
+}
+
 bool isSound(const Header& header)
 {
     const auto stated = octal(header.checksum);
     const ByteView bytes(header.name);
-    if (!ByteView(header.magic).matches("ustar", 0) || !stated || bytes.u8(0) == 0)
+    if (!hasMark(header) || !stated || bytes.u8(0) == 0)
         return false;
     const auto all = std::bit_cast<std::array<std::uint8_t, blockSize>>(header);
     std::uint64_t sum = header.checksum.size() * ' '; // what stood there when it was summed up
@@ -110,7 +127,7 @@ std::uint64_t behindZeros(RandomReader& file, std::uint64_t position)
 Found tar(const Candidate& candidate)
 {
     auto& file = candidate.file;
-    if (!file.matches(offsetof(Header, magic), "ustar"))
+    if (file.u8(offsetof(Header, magic)) != 'u' && file.u8(offsetof(Header, magic)) != 0)
         return std::nullopt;
     std::uint64_t position = 0;
     for (int count = 0; count < maxMembers && candidate.fits(position + blockSize); ++count) {

@@ -51,11 +51,15 @@ Found wavPack(const Candidate& candidate)
     for (int count = 0; count < maxBlocks && candidate.fits(position + sizeof(BlockHeader));
          ++count) {
         const auto block = file.load<BlockHeader>(position);
-        const bool beginsAnew = count > 0 && indexOf(block) < lastIndex; // the next file
+        const bool hasSound = block.samples != 0;
+        const bool beginsAnew
+            = hasSound && count > 0 && indexOf(block) < lastIndex; // the next file
         if (!isBlock(block) || beginsAnew || !candidate.fits(position + uncounted + block.size))
             break;
-        lastIndex = indexOf(block);
-        samples = lastIndex + block.samples;
+        if (hasSound) { // and no sum of all the sound, which comes last
+            lastIndex = indexOf(block);
+            samples = lastIndex + block.samples;
+        }
         position += uncounted + block.size;
     }
     if (samples == 0)

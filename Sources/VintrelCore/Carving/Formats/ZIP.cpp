@@ -79,10 +79,14 @@ struct EndClaim {
 std::optional<EndClaim> claimOf(RandomReader& file, std::uint64_t position)
 {
     const auto record = file.load<EndRecord>(position);
-    const std::uint64_t directory = record.directoryOffset;
-    if (directory != inZip64 && record.directorySize != inZip64)
-        return EndClaim { directory + record.directorySize, directory };
     constexpr std::uint64_t recordDistance = sizeof(Zip64Locator) + sizeof(Zip64EndRecord);
+    const std::uint64_t directory = record.directoryOffset;
+    if (directory != inZip64 && record.directorySize != inZip64) {
+        const std::uint64_t end = directory + record.directorySize;
+        const bool hasBoth
+            = position == end + recordDistance && file.u32le(end) == zip64EndSignature;
+        return EndClaim { hasBoth ? position : end, directory };
+    }
     constexpr EndClaim others { std::numeric_limits<std::uint64_t>::max(), 0 };
     if (position < recordDistance)
         return others;
@@ -183,8 +187,8 @@ struct NamedKind {
 constexpr NamedKind namedKinds[] = { { { "word/" }, "docx" }, { { "xl/" }, "xlsx" },
     { { "ppt/" }, "pptx" }, { { "META-INF/MANIFEST.MF" }, "jar" },
     { { "AndroidManifest.xml" }, "apk" }, { { "3D/3dmodel.model" }, "3mf" },
-    { { "Index/Slide" }, "key" }, { { "index.apxl" }, "key" }, { { "export.attributes" }, "1pux" },
-    { { "document.json", "meta.json", "pages/" }, "sketch" } };
+    { { "3D/3DModel.model" }, "3mf" }, { { "Index/Slide" }, "key" }, { { "index.apxl" }, "key" },
+    { { "export.attributes" }, "1pux" }, { { "document.json", "meta.json", "pages/" }, "sketch" } };
 
 /// What the names of entries tell of an archive's kind.
 class NamesSeen {

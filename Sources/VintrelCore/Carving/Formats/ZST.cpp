@@ -53,7 +53,7 @@ std::optional<std::uint64_t> behindFrame(RandomReader& file, std::uint64_t posit
     constexpr std::uint8_t hasChecksum = 0x04;
     constexpr std::uint64_t checksumSize = 4;
     const auto magic = file.u32le(position);
-    if (position > 0 && (magic & ~0xFU) == skippableMagic)
+    if ((magic & ~0xFU) == skippableMagic)
         return position + 2 * magicSize + file.u32le(position + magicSize);
     const auto blocks = magic == frameMagic ? behindHeader(file, position) : std::nullopt;
     const auto end = blocks ? behindBlocks(file, *blocks) : std::nullopt;
@@ -67,14 +67,16 @@ std::optional<std::uint64_t> behindFrame(RandomReader& file, std::uint64_t posit
 Found zstandard(const Candidate& candidate)
 {
     std::uint64_t end = 0;
+    bool hasContent = false;
     for (std::uint64_t frames = 0; end < limit && mayJoin(end, frames); ++frames) {
         const auto next = behindFrame(candidate.file, end);
         if (!next || !candidate.fits(*next))
             break;
+        hasContent |= candidate.file.u32le(end) == frameMagic;
         end = *next;
     }
     // One foreign block in fifty would end a frame as well, so that this is no proof.
-    return end > 0 ? Found(candidate.found(end, "zst")) : std::nullopt;
+    return hasContent ? Found(candidate.found(end, "zst")) : std::nullopt;
 }
 
 } // namespace Formats

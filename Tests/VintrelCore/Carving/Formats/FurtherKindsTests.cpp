@@ -116,6 +116,21 @@ Bytes minolta()
     return file.upTo(108 + 20 * 30 * 12 / 8, 3);
 }
 
+/// A key whose packets have lengths of the newer format.
+Bytes openPGPKey(unsigned tag, std::size_t size, char algorithm = 1)
+{
+    Content file;
+    const auto packet = [&](unsigned which, std::size_t length, std::string_view begin) {
+        file.be(which, 1);
+        length < 192 ? file.be(length, 1) : file.be(0xC000 + length - 192, 2);
+        file.text(begin).upTo(file.size() + length - begin.size(), 'a');
+    };
+    packet(tag, size, std::string("\4year") + algorithm);
+    packet(0xCD, 20, "Havn");
+    packet(0xC2, 200, "\4");
+    return file;
+}
+
 constexpr auto step
     = "ISO-10303-21;\nHEADER;\nENDSEC;\nDATA;\n#1=POINT('',0.);\nENDSEC;\nEND-ISO-10303-21;\n"sv;
 constexpr auto letter = "From: a@b\r\nDate: x\r\nSubject: y\r\n\r\nOne.\r\nTwo.\r\n"sv;
@@ -128,6 +143,7 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
     wide.text("#!AMR-WB\n").add(repeated(9, Content().be(0x1C, 1).zeros(36))).be(0x7C, 1);
     EXPECT_EQ(carve(Content().add(wide).be(0x1C, 1)), "amr " + std::to_string(wide.size()))
         << "a byte behind it that might begin a frame";
+    const std::string block = "-----BEGIN RSA KEY-----\nAAAA\n-----END RSA KEY-----\n";
     const struct {
         const char* ext;
         Bytes file;
@@ -150,6 +166,15 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
         { "dv", Content().add(digitalVideo()).add(digitalVideo()) },
         { "mrw", minolta() },
         { "stp", bytesOf(std::string(step)) },
+        { "vcf", bytesOf("begin:vcard\r\nFN:A\r\nend:vcard\r\n\r\nBegin:vCard\r\nEND:VCARD\r\n") },
+        { "ics",
+            bytesOf("\xEF\xBB\xBF"
+                    "BEGIN:VCALENDAR\nEND:VCALENDAR\n") },
+        { "pem", bytesOf("Bag Attributes\n    a: b\n" + block + "Bag Attributes\n\n" + block) },
+        { "pem",
+            bytesOf("---- BEGIN SSH2 PUBLIC KEY ----\nAAAA\n---- END SSH2 PUBLIC KEY ----\n") },
+        { "gpg", openPGPKey(0xC6, 60) },
+        { "gpg", openPGPKey(0xC5, 500) },
     };
     for (const auto& [ext, file] : files)
         EXPECT_EQ(carve(file), std::string(ext) + " " + std::to_string(file.size()));
@@ -209,6 +234,15 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
         { "a key without the name of its owner", damaged("gpg-public.gpg", 53) },
         { "a message that is not encrypted", damaged("gpg-password.gpg", 15) },
         { "a message of a version that none has", damaged("gpg-password.gpg", 17) },
+        { "code that begins like a message in parts",
+            Content()
+                .text("\xC1\xE1\3H\x21")
+                .upTo(11)
+                .be(1, 1)
+                .upTo(38)
+                .text("\xD2\x20\1")
+                .upTo(300) },
+        { "a key of an algorithm that none has", openPGPKey(0xC6, 60, '\x63') },
         { "a table of sectors that was overwritten", withoutTable },
         { "passwords with one field less", damaged("csv-browser.csv", 39) },
         { "something else in the footer's place", damaged("tga-plain.tga", 9'999) },
@@ -253,8 +287,16 @@ TEST(FurtherKinds, EstimateALetterWithoutParts)
         = Content()
               .text("From: a@b\nDate: x\nContent-Type: multipart/mixed;\n boundary=Z\n")
               .text("To: c\n\n--Z\n\nOne.\n--Z--\n");
-    EXPECT_EQ(carve(Content().add(parts).text("text of somebody else")),
-        "eml " + std::to_string(parts.size()));
+    for (const auto* first : { "", "Envelope-to: b\n", "reply-to: a\n", "X-Spam: 0\n\tx\n" }) {
+        const Bytes mail = Content().text(first).add(parts);
+        EXPECT_EQ(carve(Content().add(mail).text("text of somebody else")),
+            "eml " + std::to_string(mail.size()))
+            << first;
+    }
+    for (const auto* line : { "From a@b Sun Jul 14 12:30:00 2019\n", "From \n" }) {
+        const Bytes mails = Content().text(line).add(parts).text("\n").text(line).add(parts);
+        EXPECT_EQ(carve(mails), "mbox " + std::to_string(mails.size())) << line;
+    }
 }
 
 TEST(FurtherKinds, ProveDrawingsByTheSumsOfAllTheirParts)
