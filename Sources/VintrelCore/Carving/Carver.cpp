@@ -65,7 +65,13 @@ std::optional<CarvedFile> Carver::check(ByteView head, std::uint64_t offset)
     const auto readByInnerMark = readerByInnerMark(head);
     if (signature == nullptr && readByInnerMark == nullptr && !findsTexts_)
         return std::nullopt;
+    return tryReaders(signature, readByInnerMark, head, offset);
+}
 
+/// What is found by the readers that the first bytes ask for, the first one that finds something.
+std::optional<CarvedFile> Carver::tryReaders(
+    const Signature* signature, FormatReader readByInnerMark, ByteView head, std::uint64_t offset)
+{
     std::optional<CarvedFile> found;
     if (signature != nullptr && (!signature->gate || categories_.contains(*signature->gate)))
         found = tryFormat(signature->read, offset);

@@ -16,6 +16,7 @@
 
 class DiskSource;
 struct Candidate;
+struct Signature;
 struct CarverSearches;
 
 /// Every category but `other`, which is never carved.
@@ -47,8 +48,9 @@ public:
         { FileCategory::video, "TS, MTS, MPG, VOB, WMV, FLV, MXF, DV, R3D" },
         { FileCategory::audio, "FLAC, AAC, AMR, CAF, AU, APE, WavPack, MIDI, WMA" },
         { FileCategory::document,
-            "EML, MBOX, PST, VCF, ICS, ODG, KEY, PAGES, NUMBERS, SKETCH, DjVu, DXF, STEP, STL, "
-            "BLEND, 3MF, KDBX, 1PUX, JSON, CSV of passwords, Berkeley DB, PEM, ASC, GPG, PPK" },
+            "EML, MBOX, PST, VCF, ICS, ODG, KEY, PAGES, NUMBERS, SKETCH, DjVu, DXF, DWG, STEP, "
+            "STL, BLEND, INDD, 3MF, KDBX, 1PUX, JSON, CSV of passwords, Berkeley DB, PEM, ASC, "
+            "GPG, PPK" },
         { FileCategory::archive, "GZ, BZ2, XZ, ZST, TAR, CAB, CPIO, ISO, APK" },
     } };
 
@@ -85,6 +87,8 @@ private:
 
     std::uint64_t beginCandidate(std::uint64_t offset);
     void endCandidate(std::uint64_t allowed, std::uint64_t credit);
+    std::optional<CarvedFile> tryReaders(const Signature* signature, FormatReader readByInnerMark,
+        ByteView head, std::uint64_t offset);
     std::optional<CarvedFile> tryFormat(FormatReader read, std::uint64_t offset);
     std::optional<CarvedFile> tryText(ByteView head, std::uint64_t offset);
     void noteBrokenHead(ByteView head, std::uint64_t offset);

@@ -199,15 +199,21 @@ FormatReader readerByBox(std::uint32_t type)
     }
 }
 
+/// Whether the last of what is looked at may be text, or zeros.
+bool endsInASCII(ByteView head)
+{
+    constexpr std::uint64_t aboveASCII = 0x8080'8080'8080'8080;
+    constexpr std::int64_t lastEight = 56;
+    return (head.u64le(lastEight) & aboveASCII) == 0;
+}
+
 /// Whether it may be a name with zeros behind it, a line with zeros, or one that is longer than the
 /// head, as at the beginning of a TAR archive. What random bytes nearly never have is looked at
 /// first.
 bool mayBePaddedName(ByteView head)
 {
-    constexpr std::uint64_t aboveASCII = 0x8080'8080'8080'8080;
-    constexpr std::int64_t lastEight = 56;
     constexpr std::uint8_t firstPrintable = 0x20;
-    if ((head.u64le(lastEight) & aboveASCII) != 0)
+    if (!endsInASCII(head))
         return false;
     const auto bytes = head.span();
     const auto end
@@ -284,10 +290,42 @@ Formats::Found discOrTriangles(const Candidate& candidate)
     return found ? found : Formats::stl(candidate);
 }
 
+/// What a byte may be the beginning of, by its place in the head.
+enum Role : std::uint8_t {
+    beginsDisc = 1, ///< the first one
+    isInName = 2,   ///< the first and the second one: of a mail's field
+    beginsType = 4, ///< the fifth one: a box, or a packet behind a time
+};
+
+constexpr auto rolesOfBytes = [] {
+    std::array<std::uint8_t, 256> roles {};
+    const auto add = [&](std::string_view bytes, Role role) {
+        for (const auto byte : bytes)
+            roles[static_cast<std::uint8_t>(byte)] |= role;
+    };
+    add({ "\x00\x33\xEB\x45", 4 }, beginsDisc);
+    add("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-", isInName);
+    add("fmwspRG", beginsType);
+    return roles;
+}();
+
+/// What nearly every sector fails. All marks are looked at in one step: a branch for each one costs
+/// more than looking.
+bool mayHaveInnerMark(ByteView head)
+{
+    const auto* const bytes = head.data();
+    const auto& roles = rolesOfBytes;
+    const unsigned byBytes = (roles[bytes[0]] & beginsDisc)
+        | (roles[bytes[0]] & roles[bytes[1]] & isInName) | (roles[bytes[4]] & beginsType);
+    return (byBytes != 0) | (bytes[1] <= 1) | (head.u32le(8) == 0) | endsInASCII(head);
+}
+
 } // namespace
 
 FormatReader readerByInnerMark(ByteView head)
 {
+    if (!mayHaveInnerMark(head))
+        return nullptr;
     if (const auto read = readerByBox(head.u32be(4)))
         return read;
     if (mayBeginBerkeleyDB(head))
