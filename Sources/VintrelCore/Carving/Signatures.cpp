@@ -1,5 +1,7 @@
 #include "VintrelCore/Carving/Signatures.h"
 
+#include "VintrelCore/Carving/Formats/MailHeader.h"
+
 #include <algorithm>
 
 namespace {
@@ -58,7 +60,7 @@ constexpr Signature signatures[] = {
     { { 'B', 'Z', 'h', 0 }, firstThree, archive, Formats::bzip2 },
     { { 0xFD, '7', 'z', 'X' }, all, archive, Formats::xz },
     { { 0x28, 0xB5, 0x2F, 0xFD }, all, archive, Formats::zstandard },
-    { { 0x50, 0x2A, 0x4D, 0x18 }, { 0xF0, 0xFF, 0xFF, 0xFF }, archive, Formats::zstandard },
+    { { 0x50, 0x2A, 0x4D, 0x18 }, all, archive, Formats::zstandard },
     { { 'M', 'S', 'C', 'F' }, all, archive, Formats::cabinet },
     { { '0', '7', '0', '7' }, all, archive, Formats::cpio },
     { { 0xC7, 0x71, 0, 0 }, firstTwo, archive, Formats::cpio },
@@ -197,40 +199,26 @@ FormatReader readerByBox(std::uint32_t type)
     }
 }
 
-/// Whether it may be a name with zeros behind it, a line with zeros, or one that is longer than the
-/// head, as at the beginning of a TAR archive. What random bytes nearly never have is looked at
-/// first.
-bool mayBePaddedName(ByteView head)
+/// Whether the last bytes may be text or zeros: random bytes nearly never are, and nothing else is
+/// asked of them then.
+bool endsInASCII(ByteView head)
 {
     constexpr std::uint64_t aboveASCII = 0x8080'8080'8080'8080;
     constexpr std::int64_t lastEight = 56;
+    return (head.u64le(lastEight) & aboveASCII) == 0;
+}
+
+/// Whether it may be a name with zeros behind it, a line with zeros, or one that is longer than the
+/// head, as at the beginning of a TAR archive.
+bool mayBePaddedName(ByteView head)
+{
     constexpr std::uint8_t firstPrintable = 0x20;
-    if ((head.u64le(lastEight) & aboveASCII) != 0)
-        return false;
     const auto bytes = head.span();
     const auto end
         = std::ranges::find_if(bytes, [](std::uint8_t byte) { return byte < firstPrintable; });
     const auto padding = end != bytes.end() && *end == '\n' ? end + 1 : end;
     return end != bytes.begin()
         && std::all_of(padding, bytes.end(), [](std::uint8_t byte) { return byte == 0; });
-}
-
-/// Whether the first line may be a field of a mail's header: a name, and a colon.
-bool mayBeginMail(ByteView head)
-{
-    constexpr std::ptrdiff_t shortestName = 2;
-    constexpr std::string_view behindColon = " \t\r\n";
-    const auto isLetter = [](std::uint8_t byte) {
-        const auto lower = byte | 0x20;
-        return lower >= 'a' && lower <= 'z';
-    };
-    const auto bytes = head.span();
-    if (!isLetter(bytes.front()))
-        return false;
-    const auto end = std::ranges::find_if(
-        bytes, [&](std::uint8_t byte) { return !isLetter(byte) && byte != '-'; });
-    return end - bytes.begin() >= shortestName && bytes.end() - end > 1 && *end == ':'
-        && behindColon.find(static_cast<char>(end[1])) != std::string_view::npos;
 }
 
 /// Whether the mark of a B-tree, a hash or a queue of Berkeley DB lies behind a page's number,
@@ -294,10 +282,12 @@ FormatReader readerByInnerMark(ByteView head)
         return Formats::tga;
     if (mayBeginDisc(head))
         return discOrTriangles;
-    if (mayBeginMail(head))
-        return mailOrArchive;
-    if (mayBePaddedName(head))
-        return archiveOrTriangles;
+    if (endsInASCII(head)) {
+        if (Formats::MailHeader::mayBeginWith(head))
+            return mailOrArchive;
+        if (mayBePaddedName(head))
+            return archiveOrTriangles;
+    }
     if (head.u8(4) == 'G') // behind a time
         return Formats::mpegTSWithTimes;
     return nullptr;

@@ -83,6 +83,9 @@ Found mail(const Candidate& candidate)
 {
     if (candidate.file.matches(0, "From "))
         return mailbox(candidate);
+    constexpr std::uint64_t longestField = 1'024; // its first line
+    if (!candidate.file.find(std::uint8_t { '\n' }, 0, longestField))
+        return std::nullopt;
     TextLines lines(candidate.file, 0, limit);
     const auto header = MailHeader::from(lines);
     if (!header)

@@ -41,6 +41,17 @@ std::string boundaryOf(std::string_view contentType)
 
 } // namespace
 
+bool MailHeader::mayBeginWith(ByteView text)
+{
+    constexpr std::string_view behindColon = " \t\r\n";
+    const auto isOfName
+        = [](std::uint8_t byte) { return (byte | 0x20U) - 'a' < 26 || byte == '-'; };
+    const auto bytes = text.span();
+    const auto colon = std::ranges::find_if_not(bytes, isOfName);
+    return colon != bytes.begin() && bytes.end() - colon > 1 && *colon == ':'
+        && behindColon.find(static_cast<char>(colon[1])) != std::string_view::npos;
+}
+
 std::optional<MailHeader> MailHeader::from(TextLines& lines)
 {
     constexpr std::string_view usual[]
