@@ -276,8 +276,10 @@ TEST(FurtherKinds, EstimateALetterWithoutParts)
             << first;
     }
     for (const auto* line : { "From a@b Sun Jul 14 12:30:00 2019\n", "From \n" }) {
-        const Bytes mails = Content().text(line).add(parts).text("\n").text(line).add(parts);
-        EXPECT_EQ(carve(mails), "mbox " + std::to_string(mails.size())) << line;
+        for (const auto* below : { "\n", "____\nlist@b\n\n" }) {
+            const Bytes mails = Content().text(line).add(parts).text(below).text(line).add(parts);
+            EXPECT_EQ(carve(mails), "mbox " + std::to_string(mails.size())) << line << below;
+        }
     }
 }
 
