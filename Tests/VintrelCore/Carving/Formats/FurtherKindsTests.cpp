@@ -324,6 +324,7 @@ TEST(FurtherKinds, AreTextsOnlyWhereTheyAreAskedFor)
         { "txt", filled(sentence) },
         { "txt", filled("Bl\xC3\xA6sten kom f\xC3\xB8rst henad aften.\n") },
         { "txt", filled("Bl\xE6sten kom f\xF8rst henad aften.\n") },
+        { "txt", filled("Над фьордом стояло солнце и никто не спешил.\n") },
         { "txt", wide },
         { "html", filled("<p>Ingen havde travlt.</p>\n", "<!DOCTYPE html>\n<html>\n") },
         { "xml", filled("<p>Ingen havde travlt.</p>\n", "<?xml version='1.0'?>\n<a>\n") },
