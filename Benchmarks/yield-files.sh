@@ -320,7 +320,7 @@ while read -r name; do
         11) lost zip$((number / 40 % 6 + 1)).zip ;;
         13) lost docx1$((number / 40 % 6 + 1)).docx ;;
         15) lost pdf2$((number / 40 % 6 + 1)).pdf ;;
-        17) lost jpg$((number / 40 + 8)).jpg ;;
+        17) lost jpg$((number / 40 % 20 + 8)).jpg ;;
         19) lost png$((number / 40 % 6 + 4)).png ;;
         21) lost gif$((number / 40 % 6 + 4)).gif ;;
         23) lost ogg$((number / 40 % 6 + 1)).ogg ;;
