@@ -118,6 +118,8 @@ TEST(OtherMakers, ArePutTogetherInOtherWays)
             Content()
                 .add(withNumber(sample("dpx-plain.dpx"), 800, 0x1000'0032))
                 .upTo(8'384 + 192) },
+        { "a sum of signed bytes", "tar",
+            replaced(replaced(sample("tar-plain.tar"), "a.txt", "\xD8.txt"), "010517", "010306") },
         { "a partition table", "iso", withPartitions(sample("iso-plain.iso")) },
         { "long names", "iso",
             Content()
