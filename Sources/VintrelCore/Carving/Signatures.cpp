@@ -73,6 +73,8 @@ constexpr Signature signatures[] = {
     { { 'B', 'a', 'g', ' ' }, all, document, Formats::armour },
     { { 'C', 'e', 'r', 't' }, all, document, Formats::armour },
     { { 'P', 'u', 'b', 'l' }, all, document, Formats::armour },
+    { { 'P', 'r', 'i', 'v' }, all, document, Formats::armour },
+    { { 'R', 'S', 'A', ' ' }, all, document, Formats::armour },
     { { 's', 'u', 'b', 'j' }, all, document, Formats::armour },
     { { 0x98, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // public keys
     { { 0x99, 0, 0, 4 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },

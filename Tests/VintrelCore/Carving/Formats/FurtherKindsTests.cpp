@@ -159,6 +159,7 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
         { "pem", bytesOf("Bag Attributes\n    a: b\n" + block + "Bag Attributes\n\n" + block) },
         { "pem",
             bytesOf("---- BEGIN SSH2 PUBLIC KEY ----\nAAAA\n---- END SSH2 PUBLIC KEY ----\n") },
+        { "pem", bytesOf("RSA Private-Key: (512 bit, 2 primes)\nmodulus:\n    00:b1\n" + block) },
         { "dxf", bytesOf(" 0\nSECTION\n\t2\nHEADER\n 0\nENDSEC\n\t0\nEOF\n") },
         { "gpg", openPGPKey(0xC6, 60) },
         { "gpg", openPGPKey(0xC5, 500) },
