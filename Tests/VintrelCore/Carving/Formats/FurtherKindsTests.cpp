@@ -195,6 +195,8 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
             Content().text("BLENDER-v279DATA").le(40, 4).upTo(72).text("dat1") },
         { "a drawing without an end", bytesOf(std::string(step.substr(0, 60))) },
         { "a letter from nobody", bytesOf("To: a\r\nDate: x\r\nSubject: y\r\n\r\nOne.\r\n") },
+        { "a letter below 300 other fields",
+            Content().add(repeated(300, bytesOf("a: b\n"))).text(letter) },
         { "text that only begins like a letter", bytesOf("From: a\nDate: x\n\nOne.\n") },
         { "one damaged frame", damaged("flac-plain.flac", 9'999) },
         { "a wrong sum of packed bytes", damaged("gz-plain.gz", 82) },
@@ -283,6 +285,10 @@ TEST(FurtherKinds, EstimateALetterWithoutParts)
             EXPECT_EQ(carve(mails), "mbox " + std::to_string(mails.size())) << line << below;
         }
     }
+    const Bytes mailbox = Content().text("From \n").add(parts);
+    const auto size = "+" + std::to_string(mailbox.size());
+    const Bytes withText = Content().add(mailbox).upTo(510, 'x').text("\n\n");
+    EXPECT_EQ(sweep({ withText, mailbox }), (Texts { "mbox@0" + size, "mbox@1" + size }));
 }
 
 // What is encrypted ends at zeros, or where another file begins.
