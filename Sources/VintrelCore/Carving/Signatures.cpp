@@ -1,5 +1,7 @@
 #include "VintrelCore/Carving/Signatures.h"
 
+#include "VintrelCore/Carving/Formats/MailHeader.h"
+
 #include <algorithm>
 
 namespace {
@@ -58,7 +60,7 @@ constexpr Signature signatures[] = {
     { { 'B', 'Z', 'h', 0 }, firstThree, archive, Formats::bzip2 },
     { { 0xFD, '7', 'z', 'X' }, all, archive, Formats::xz },
     { { 0x28, 0xB5, 0x2F, 0xFD }, all, archive, Formats::zstandard },
-    { { 0x50, 0x2A, 0x4D, 0x18 }, all, archive, Formats::zstandard }, // with lengths in front
+    { { 0x50, 0x2A, 0x4D, 0x18 }, all, archive, Formats::zstandard },
     { { 'M', 'S', 'C', 'F' }, all, archive, Formats::cabinet },
     { { '0', '7', '0', '7' }, all, archive, Formats::cpio },
     { { 0xC7, 0x71, 0, 0 }, firstTwo, archive, Formats::cpio },
@@ -71,6 +73,8 @@ constexpr Signature signatures[] = {
     { { 'B', 'a', 'g', ' ' }, all, document, Formats::armour },
     { { 'C', 'e', 'r', 't' }, all, document, Formats::armour },
     { { 'P', 'u', 'b', 'l' }, all, document, Formats::armour },
+    { { 'P', 'r', 'i', 'v' }, all, document, Formats::armour },
+    { { 'R', 'S', 'A', ' ' }, all, document, Formats::armour },
     { { 's', 'u', 'b', 'j' }, all, document, Formats::armour },
     { { 0x98, 0, 4, 0 }, { 0xFF, 0, 0xFF, 0 }, document, Formats::openPGP }, // public keys
     { { 0x99, 0, 0, 4 }, { 0xFF, 0, 0, 0xFF }, document, Formats::openPGP },
@@ -111,6 +115,9 @@ constexpr Signature signatures[] = {
     { { 'I', 'S', 'O', '-' }, all, document, Formats::step },
     { { ' ', ' ', '0', '\n' }, all, document, Formats::dxf },
     { { ' ', ' ', '0', '\r' }, all, document, Formats::dxf },
+    { { ' ', '0', '\n', 'S' }, all, document, Formats::dxf },
+    { { ' ', '0', '\r', '\n' }, all, document, Formats::dxf },
+    { { '\t', '0', '\n', 'S' }, all, document, Formats::dxf },
     { { '0', '\n', 'S', 'E' }, all, document, Formats::dxf },
     { { '0', '\r', '\n', 'S' }, all, document, Formats::dxf },
     { { '9', '9', '9', '\n' }, all, document, Formats::dxf },
@@ -199,7 +206,8 @@ FormatReader readerByBox(std::uint32_t type)
     }
 }
 
-/// Whether the last of what is looked at may be text, or zeros.
+/// Whether the last bytes may be text or zeros: random bytes nearly never are, and nothing else is
+/// asked of them then.
 bool endsInASCII(ByteView head)
 {
     constexpr std::uint64_t aboveASCII = 0x8080'8080'8080'8080;
@@ -208,37 +216,16 @@ bool endsInASCII(ByteView head)
 }
 
 /// Whether it may be a name with zeros behind it, a line with zeros, or one that is longer than the
-/// head, as at the beginning of a TAR archive. What random bytes nearly never have is looked at
-/// first.
+/// head, as at the beginning of a TAR archive.
 bool mayBePaddedName(ByteView head)
 {
     constexpr std::uint8_t firstPrintable = 0x20;
-    if (!endsInASCII(head))
-        return false;
     const auto bytes = head.span();
     const auto end
         = std::ranges::find_if(bytes, [](std::uint8_t byte) { return byte < firstPrintable; });
     const auto padding = end != bytes.end() && *end == '\n' ? end + 1 : end;
     return end != bytes.begin()
         && std::all_of(padding, bytes.end(), [](std::uint8_t byte) { return byte == 0; });
-}
-
-/// Whether the first line may be a field of a mail's header: a name, and a colon.
-bool mayBeginMail(ByteView head)
-{
-    constexpr std::ptrdiff_t shortestName = 2;
-    constexpr std::string_view behindColon = " \t\r\n";
-    const auto isLetter = [](std::uint8_t byte) {
-        const auto lower = byte | 0x20;
-        return lower >= 'a' && lower <= 'z';
-    };
-    const auto bytes = head.span();
-    if (!isLetter(bytes.front()))
-        return false;
-    const auto end = std::ranges::find_if(
-        bytes, [&](std::uint8_t byte) { return !isLetter(byte) && byte != '-'; });
-    return end - bytes.begin() >= shortestName && bytes.end() - end > 1 && *end == ':'
-        && behindColon.find(static_cast<char>(end[1])) != std::string_view::npos;
 }
 
 /// Whether the mark of a B-tree, a hash or a queue of Berkeley DB lies behind a page's number,
@@ -292,20 +279,16 @@ Formats::Found discOrTriangles(const Candidate& candidate)
 
 /// What a byte may be the beginning of, by its place in the head.
 enum Role : std::uint8_t {
-    beginsDisc = 1, ///< the first one
-    isInName = 2,   ///< the first and the second one: of a mail's field
-    beginsType = 4, ///< the fifth one: a box, or a packet behind a time
+    beginsDisc = 1, ///< the first byte
+    beginsType = 2, ///< the fifth one: of a box, or a packet behind a time
 };
 
 constexpr auto rolesOfBytes = [] {
     std::array<std::uint8_t, 256> roles {};
-    const auto add = [&](std::string_view bytes, Role role) {
-        for (const auto byte : bytes)
-            roles[static_cast<std::uint8_t>(byte)] |= role;
-    };
-    add({ "\x00\x33\xEB\x45", 4 }, beginsDisc);
-    add("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-", isInName);
-    add("fmwspRG", beginsType);
+    for (const unsigned byte : { 0x00, 0x33, 0xEB, 0x45 })
+        roles[byte] |= beginsDisc;
+    for (const unsigned byte : { 'f', 'm', 'w', 's', 'p', 'R', 'G' })
+        roles[byte] |= beginsType;
     return roles;
 }();
 
@@ -314,10 +297,12 @@ constexpr auto rolesOfBytes = [] {
 bool mayHaveInnerMark(ByteView head)
 {
     const auto* const bytes = head.data();
-    const auto& roles = rolesOfBytes;
-    const unsigned byBytes = (roles[bytes[0]] & beginsDisc)
-        | (roles[bytes[0]] & roles[bytes[1]] & isInName) | (roles[bytes[4]] & beginsType);
-    return (byBytes != 0) | (bytes[1] <= 1) | (head.u32le(8) == 0) | endsInASCII(head);
+    const unsigned isTypeOrDisc
+        = (rolesOfBytes[bytes[0]] & beginsDisc) | (rolesOfBytes[bytes[4]] & beginsType);
+    const unsigned isPicture = bytes[1] <= 1 ? 1 : 0;
+    const unsigned isDatabase = head.u32le(8) == 0 ? 1 : 0;
+    const unsigned isText = endsInASCII(head) ? 1 : 0;
+    return (isTypeOrDisc | isPicture | isDatabase | isText) != 0;
 }
 
 } // namespace
@@ -334,10 +319,12 @@ FormatReader readerByInnerMark(ByteView head)
         return Formats::tga;
     if (mayBeginDisc(head))
         return discOrTriangles;
-    if (mayBeginMail(head))
-        return mailOrArchive;
-    if (mayBePaddedName(head))
-        return archiveOrTriangles;
+    if (endsInASCII(head)) {
+        if (Formats::MailHeader::mayBeginWith(head))
+            return mailOrArchive;
+        if (mayBePaddedName(head))
+            return archiveOrTriangles;
+    }
     if (head.u8(4) == 'G') // behind a time
         return Formats::mpegTSWithTimes;
     return nullptr;

@@ -7,6 +7,7 @@
 #include "VintrelCore/FileSystems/Ext/LooseNodes.h"
 #include "VintrelCore/FileSystems/Ext/Parser.h"
 #include "VintrelCore/FileSystems/Ext/Remains.h"
+#include "VintrelCore/FileSystems/FAT/Entries.h"
 #include "VintrelCore/FileSystems/FAT/Parser.h"
 #include "VintrelCore/FileSystems/FSProbe.h"
 #include "VintrelCore/FileSystems/HFSPlus/Parser.h"
@@ -31,19 +32,12 @@ constexpr std::uint8_t apfsPhysical = 0x40; // how it is stored
 
 bool mayBeAPFSLeaf(const std::uint8_t* sector) { return sector[28] == apfsTreeSubtype; }
 
-/// The first entry's attributes say that it holds a piece of a long name; or they are possible, and
-/// so are its first letter and the part of a second at which it was made.
+/// The first entry is a piece of a long name, or it shows nothing that a short one cannot have.
 bool mayBeFATDirectory(const std::uint8_t* sector)
 {
-    constexpr unsigned longName = 0x0F;
-    constexpr unsigned allAttributes = 0x3F;
-    constexpr unsigned maxTicks = 199;
-    const unsigned letter = sector[0];
-    const unsigned attributes = sector[11];
-    const bool startsWell
-        = (letter - 0x21 <= 0x7E - 0x21) | (letter == 0xE5) | (letter == 0x05); // deleted, Kanji
-    return (attributes == longName)
-        | (startsWell & (attributes <= allAttributes) & (sector[13] <= maxTicks));
+    const auto attributes = sector[11];
+    return attributes == FATEntries::longNameAttributes
+        || FATEntries::mayBeShortEntry(sector[0], attributes, sector[13]);
 }
 
 bool mayBeMFTRecord(const std::uint8_t* sector)

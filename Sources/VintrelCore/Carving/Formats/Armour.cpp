@@ -87,7 +87,8 @@ std::optional<Block> blockAt(RandomReader& file, std::uint64_t position)
 bool beginsWithExplanation(RandomReader& file)
 {
     constexpr std::string_view beginnings[] = { "Bag Attributes\n    ", "Certificate:\n    Data:\n",
-        "Public Key Info:\n\t", "subject=" };
+        "Certificate Request:\n    Data:\n", "Private-Key: (", "RSA Private-Key: (",
+        "Public-Key: (", "Public Key Info:\n\t", "subject=" };
     return std::ranges::any_of(
         beginnings, [&](std::string_view text) { return file.matches(0, text); });
 }

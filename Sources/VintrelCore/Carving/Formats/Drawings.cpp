@@ -15,10 +15,11 @@ constexpr std::uint64_t limit = 4'294'967'296;
 std::optional<std::uint32_t> groupCode(std::string_view line)
 {
     constexpr std::uint32_t maxCode = 1071;
-    const auto from = line.find_first_not_of(' ');
+    constexpr std::string_view blanks = " \t";
+    const auto from = line.find_first_not_of(blanks);
     if (from == std::string_view::npos)
         return std::nullopt;
-    const auto last = line.find_last_not_of(' ');
+    const auto last = line.find_last_not_of(blanks);
     const auto code = Text::number<std::uint32_t>(line.substr(from, last + 1 - from));
     return code && *code <= maxCode ? code : std::nullopt;
 }

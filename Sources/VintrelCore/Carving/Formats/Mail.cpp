@@ -33,6 +33,21 @@ bool isSeparator(std::string_view line)
             days, [&](std::string_view day) { return line.find(day) != std::string_view::npos; });
 }
 
+/// Where the next mail of a mailbox begins behind what mailing lists write below an end mark, which
+/// ends at `position`; none when none does. At a sector it rather is another mailbox.
+std::optional<std::uint64_t> behindEpilogue(RandomReader& file, std::uint64_t position)
+{
+    constexpr std::uint64_t longest = 65'536;
+    TextLines lines(file, position, position + longest);
+    bool wasEmpty = true;
+    while (const auto line = lines.next()) {
+        if (wasEmpty && isSeparator(line->text))
+            return mayJoin(line->start, 1) ? std::optional(line->start) : std::nullopt;
+        wasEmpty = line->text.empty();
+    }
+    return std::nullopt;
+}
+
 /// The end of the mail whose body comes next. `isInMailbox`: whether a separator ends it, too.
 MailEnd endOfBody(RandomReader& file, TextLines& lines, const MailHeader& header, bool isInMailbox)
 {
@@ -47,6 +62,8 @@ MailEnd endOfBody(RandomReader& file, TextLines& lines, const MailHeader& header
         end.position = line->end;
         if (!endMark.empty() && line->text.starts_with(endMark)) {
             end = { behindEmptyLines(file, line->end, maxEmptyLines), true };
+            if (isInMailbox)
+                end.position = behindEpilogue(file, end.position).value_or(end.position);
             lines.moveTo(end.position);
             break;
         }
@@ -83,6 +100,9 @@ Found mail(const Candidate& candidate)
 {
     if (candidate.file.matches(0, "From "))
         return mailbox(candidate);
+    constexpr std::uint64_t longestField = 1'024; // its first line
+    if (!candidate.file.find(std::uint8_t { '\n' }, 0, longestField))
+        return std::nullopt;
     TextLines lines(candidate.file, 0, limit);
     const auto header = MailHeader::from(lines);
     if (!header)

@@ -41,6 +41,30 @@ std::string boundaryOf(std::string_view contentType)
 
 } // namespace
 
+bool MailHeader::mayBeginWith(ByteView text)
+{
+    // What the names of fields begin with. Any name would do, but then so would the rest of one in
+    // each sector of a mailbox.
+    constexpr std::string_view beginnings[]
+        = { "accept-", "arc-", "authentication-", "auto", "bcc", "bimi-", "cc", "comments",
+              "content-", "date", "deliver", "disposition-", "dkim-", "domainkey-", "envelope-",
+              "errors-", "fcc", "feedback-", "from", "importance", "in-reply-to", "keywords",
+              "list-", "mail", "message-id", "mime-version", "newsgroups", "organi", "path",
+              "precedence", "priority", "received", "references", "reply-to", "resent-", "return-",
+              "sender", "sensitivity", "status", "subject", "thread-", "to", "user-agent", "x-" };
+    constexpr std::string_view behindColon = " \t\r\n";
+    const auto isOfName
+        = [](std::uint8_t byte) { return (byte | 0x20U) - 'a' < 26 || byte == '-'; };
+    const auto bytes = text.span();
+    const auto colon = std::ranges::find_if_not(bytes, isOfName);
+    if (bytes.end() - colon < 2 || *colon != ':'
+        || behindColon.find(static_cast<char>(colon[1])) == std::string_view::npos)
+        return false;
+    const auto name = Text::lowerCase(std::string(bytes.begin(), colon));
+    return std::ranges::any_of(
+        beginnings, [&](std::string_view beginning) { return name.starts_with(beginning); });
+}
+
 std::optional<MailHeader> MailHeader::from(TextLines& lines)
 {
     constexpr std::string_view usual[]

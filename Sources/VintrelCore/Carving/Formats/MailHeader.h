@@ -15,6 +15,8 @@ struct MailHeader {
     /// The header whose first line comes next; none when these lines are no mail's header. A mail
     /// says who sent it, and at least two of the other things that mails say.
     static std::optional<MailHeader> from(TextLines& lines);
+    /// Whether the text begins with the name of a field that mails have, and a colon.
+    static bool mayBeginWith(ByteView text);
 };
 
 } // namespace Formats

@@ -101,17 +101,23 @@ std::uint64_t behindText(RandomReader& file, Decoder::Encoding encoding, std::ui
     return position - decoder.pending();
 }
 
-/// Whether these bytes are more than a pattern that fills space, and mostly letters of ASCII.
+/// Whether these bytes are more than a pattern that fills space.
 bool isWritten(ByteView bytes)
 {
     constexpr std::ptrdiff_t leastDifferent = 16;
     std::array<bool, 256> isUsed {};
-    std::size_t foreign = 0;
-    for (const auto byte : bytes.span()) {
+    for (const auto byte : bytes.span())
         isUsed[byte] = true;
-        foreign += byte >= 0x80 ? 1 : 0;
-    }
-    return std::ranges::count(isUsed, true) >= leastDifferent && foreign <= bytes.size() / 4;
+    return std::ranges::count(isUsed, true) >= leastDifferent;
+}
+
+/// Whether most of these bytes are ASCII. What is sound UTF-8 need not be, but nearly any bytes
+/// pass for ISO 8859-1.
+bool isMostlyASCII(ByteView bytes)
+{
+    const auto foreign
+        = std::ranges::count_if(bytes.span(), [](std::uint8_t byte) { return byte >= 0x80; });
+    return static_cast<std::size_t>(foreign) <= bytes.size() / 4;
 }
 
 /// The beginning of the text in one byte a character, what is not ASCII as question marks.
@@ -195,7 +201,7 @@ Found plainText(const Candidate& candidate)
     if (!isWritten(first))
         return std::nullopt;
     auto found = inEncoding(candidate, Decoder::utf8, first);
-    return found ? found : inEncoding(candidate, Decoder::latin1, first);
+    return found || !isMostlyASCII(first) ? found : inEncoding(candidate, Decoder::latin1, first);
 }
 
 } // namespace Formats

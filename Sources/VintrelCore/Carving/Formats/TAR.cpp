@@ -70,19 +70,30 @@ bool hasMark(const Header& header)
         && std::ranges::all_of(header.others, isNumber) && header.time[0] != 0;
 }
 
+/// Whether the header's sum is the stated one. Programs of some systems took bytes above ASCII for
+/// negative numbers.
+bool hasSum(const Header& header, std::uint64_t stated)
+{
+    constexpr std::uint64_t range = 256;
+    const auto bytes = std::bit_cast<std::array<std::uint8_t, blockSize>>(header);
+    std::uint64_t sum = header.checksum.size() * ' '; // what stood there when it was summed up
+    std::uint64_t negative = 0;
+    for (const auto byte : bytes) {
+        sum += byte;
+        negative += byte >= range / 2 ? range : 0;
+    }
+    for (const auto byte : header.checksum)
+        sum -= byte;
+    return stated == sum || stated == sum - negative;
+}
+
 bool isSound(const Header& header)
 {
     const auto stated = octal(header.checksum);
     const ByteView bytes(header.name);
     if (!hasMark(header) || !stated || bytes.u8(0) == 0)
         return false;
-    const auto all = std::bit_cast<std::array<std::uint8_t, blockSize>>(header);
-    std::uint64_t sum = header.checksum.size() * ' '; // what stood there when it was summed up
-    for (const auto byte : all)
-        sum += byte;
-    for (const auto byte : header.checksum)
-        sum -= byte;
-    return sum == *stated;
+    return hasSum(header, *stated);
 }
 
 /// Where the content of a member begins whose header is at `position`. GNU's own form of a sparse

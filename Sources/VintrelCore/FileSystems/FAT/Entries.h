@@ -83,15 +83,21 @@ std::optional<std::string> assembleLongName(
 /// Whether the bytes can be a short name. Of a deleted entry the first one is not looked at.
 bool isPlausible(const ShortName& name, bool isDeleted);
 
+/// What a short entry shows without its name: its first letter, its attributes, and the part of a
+/// second at which it was made.
+inline bool mayBeShortEntry(std::uint8_t letter, std::uint8_t attributes, std::uint8_t ticks)
+{
+    const bool startsWell
+        = letter == escapedE5 || letter == deletedMark || (letter >= 0x21 && letter <= 0x7E);
+    return startsWell && attributes <= 63 && ticks <= 199;
+}
+
 /// Whether bytes of a directory can be this short entry. Less is forbidden here than in a name that
 /// is listed: this test meets sectors of every kind and must not lose a true one.
 inline bool canBeShortEntry(const ShortEntry& entry)
 {
     constexpr std::string_view forbidden = "\"*/:<>?\\|";
-    const auto first = entry.name[0];
-    const bool startsWell = first == escapedE5 || first == deletedMark || first == '.'
-        || (first >= 0x21 && first <= 0x7E);
-    return startsWell && entry.attributes <= 63 && entry.creationTicks <= 199
+    return mayBeShortEntry(entry.name[0], entry.attributes, entry.creationTicks)
         && std::ranges::all_of(std::span(entry.name).subspan(1), [&](std::uint8_t byte) {
                return byte >= 0x20
                    && forbidden.find(static_cast<char>(byte)) == std::string_view::npos;

@@ -173,6 +173,8 @@ TEST(FurtherKinds, AreFollowedToTheirEnd)
         { "pem", bytesOf("Bag Attributes\n    a: b\n" + block + "Bag Attributes\n\n" + block) },
         { "pem",
             bytesOf("---- BEGIN SSH2 PUBLIC KEY ----\nAAAA\n---- END SSH2 PUBLIC KEY ----\n") },
+        { "pem", bytesOf("RSA Private-Key: (512 bit, 2 primes)\nmodulus:\n    00:b1\n" + block) },
+        { "dxf", bytesOf(" 0\nSECTION\n\t2\nHEADER\n 0\nENDSEC\n\t0\nEOF\n") },
         { "gpg", openPGPKey(0xC6, 60) },
         { "gpg", openPGPKey(0xC5, 500) },
     };
@@ -207,6 +209,9 @@ TEST(FurtherKinds, AreRefusedWhereTheyDoNotHoldTogether)
             Content().text("BLENDER-v279DATA").le(40, 4).upTo(72).text("dat1") },
         { "a drawing without an end", bytesOf(std::string(step.substr(0, 60))) },
         { "a letter from nobody", bytesOf("To: a\r\nDate: x\r\nSubject: y\r\n\r\nOne.\r\n") },
+        { "a letter below 300 other fields",
+            Content().add(repeated(300, bytesOf("X-A: b\n"))).text(letter) },
+        { "the rest of a field's name", Content().text("lla-Status: 1\n").text(letter) },
         { "text that only begins like a letter", bytesOf("From: a\nDate: x\n\nOne.\n") },
         { "one damaged frame", damaged("flac-plain.flac", 9'999) },
         { "a wrong sum of packed bytes", damaged("gz-plain.gz", 82) },
@@ -294,9 +299,15 @@ TEST(FurtherKinds, EstimateALetterWithoutParts)
             << first;
     }
     for (const auto* line : { "From a@b Sun Jul 14 12:30:00 2019\n", "From \n" }) {
-        const Bytes mails = Content().text(line).add(parts).text("\n").text(line).add(parts);
-        EXPECT_EQ(carve(mails), "mbox " + std::to_string(mails.size())) << line;
+        for (const auto* below : { "\n", "____\nlist@b\n\n" }) {
+            const Bytes mails = Content().text(line).add(parts).text(below).text(line).add(parts);
+            EXPECT_EQ(carve(mails), "mbox " + std::to_string(mails.size())) << line << below;
+        }
     }
+    const Bytes mailbox = Content().text("From \n").add(parts);
+    const auto size = "+" + std::to_string(mailbox.size());
+    const Bytes withText = Content().add(mailbox).upTo(510, 'x').text("\n\n");
+    EXPECT_EQ(sweep({ withText, mailbox }), (Texts { "mbox@0" + size, "mbox@1" + size }));
 }
 
 TEST(FurtherKinds, ProveDrawingsByTheSumsOfAllTheirParts)
@@ -401,6 +412,7 @@ TEST(FurtherKinds, AreTextsOnlyWhereTheyAreAskedFor)
         { "txt", filled(sentence) },
         { "txt", filled("Bl\xC3\xA6sten kom f\xC3\xB8rst henad aften.\n") },
         { "txt", filled("Bl\xE6sten kom f\xF8rst henad aften.\n") },
+        { "txt", filled("Над фьордом стояло солнце и никто не спешил.\n") },
         { "txt", wide },
         { "html", filled("<p>Ingen havde travlt.</p>\n", "<!DOCTYPE html>\n<html>\n") },
         { "xml", filled("<p>Ingen havde travlt.</p>\n", "<?xml version='1.0'?>\n<a>\n") },

@@ -114,6 +114,12 @@ TEST(OtherMakers, ArePutTogetherInOtherWays)
                 .zeros(20) },
         { "a tag in front", "aac", Content().add(id3()).add(sample("aac-plain.aac")) },
         { "a tag in front", "flac", Content().add(id3()).add(sample("flac-plain.flac")) },
+        { "twice as many bits as it says", "dpx",
+            Content()
+                .add(withNumber(sample("dpx-plain.dpx"), 800, 0x1000'0032))
+                .upTo(8'384 + 192) },
+        { "a sum of signed bytes", "tar",
+            replaced(replaced(sample("tar-plain.tar"), "a.txt", "\xD8.txt"), "010517", "010306") },
         { "a partition table", "iso", withPartitions(sample("iso-plain.iso")) },
         { "long names", "iso",
             Content()
