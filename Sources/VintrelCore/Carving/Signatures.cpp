@@ -285,10 +285,10 @@ enum Role : std::uint8_t {
 
 constexpr auto rolesOfBytes = [] {
     std::array<std::uint8_t, 256> roles {};
-    for (const unsigned byte : { 0x00, 0x33, 0xEB, 0x45 })
+    for (const auto byte : { 0x00U, 0x33U, 0xEBU, 0x45U })
         roles[byte] |= beginsDisc;
-    for (const unsigned byte : { 'f', 'm', 'w', 's', 'p', 'R', 'G' })
-        roles[byte] |= beginsType;
+    for (const auto letter : { 'f', 'm', 'w', 's', 'p', 'R', 'G' })
+        roles[static_cast<std::uint8_t>(letter)] |= beginsType;
     return roles;
 }();
 
