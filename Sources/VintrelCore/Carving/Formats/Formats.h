@@ -145,7 +145,7 @@ Found r3d(const Candidate& candidate);
 Found xcf(const Candidate& candidate);
 Found plainText(const Candidate& candidate);
 
-/// The same with a tag of this size in front.
+/// FLAC and ADTS behind a tag of ID3v2, which takes up the first `tagSize` bytes.
 Found flacBehindTag(const Candidate& candidate, std::uint64_t tagSize);
 Found aacBehindTag(const Candidate& candidate, std::uint64_t tagSize);
 
