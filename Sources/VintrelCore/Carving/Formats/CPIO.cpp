@@ -57,24 +57,15 @@ constexpr std::uint64_t limit = std::uint64_t { 1 } << 42;
 constexpr std::uint64_t maxName = 65'536;
 constexpr std::string_view trailer { "TRAILER!!!\0", 11 };
 
-std::optional<Member> newMember(const NewHeader& header)
+/// A member whose header is in digits of this base; none when others stand there.
+template <class Header>
+std::optional<Member> memberInDigits(const Header& header, int base, std::uint64_t unit)
 {
-    constexpr int base = 16;
     const auto fileSize = Text::number({ header.fileSize.data(), header.fileSize.size() }, base);
     const auto nameSize = Text::number({ header.nameSize.data(), header.nameSize.size() }, base);
     if (!fileSize || !nameSize)
         return std::nullopt;
-    return Member { sizeof header, *nameSize, *fileSize, 4 };
-}
-
-std::optional<Member> portableMember(const PortableHeader& header)
-{
-    constexpr int base = 8;
-    const auto fileSize = Text::number({ header.fileSize.data(), header.fileSize.size() }, base);
-    const auto nameSize = Text::number({ header.nameSize.data(), header.nameSize.size() }, base);
-    if (!fileSize || !nameSize)
-        return std::nullopt;
-    return Member { sizeof header, *nameSize, *fileSize, 1 };
+    return Member { sizeof header, *nameSize, *fileSize, unit };
 }
 
 template <std::endian order> Member oldMember(RandomReader& file, std::uint64_t position)
@@ -88,9 +79,9 @@ template <std::endian order> Member oldMember(RandomReader& file, std::uint64_t 
 std::optional<Member> memberAt(RandomReader& file, std::uint64_t position)
 {
     if (file.matches(position, "070701") || file.matches(position, "070702"))
-        return newMember(file.load<NewHeader>(position));
+        return memberInDigits(file.load<NewHeader>(position), 16, 4);
     if (file.matches(position, "070707"))
-        return portableMember(file.load<PortableHeader>(position));
+        return memberInDigits(file.load<PortableHeader>(position), 8, 1);
     if (file.u16le(position) == oldMagic)
         return oldMember<std::endian::little>(file, position);
     if (file.u16be(position) == oldMagic)
