@@ -212,7 +212,7 @@ make_further() {
     make_drawings
 }
 
-make_drawings() { # DWG with the one free package that writes it
+make_drawings() { # DWG by the one free package that writes it, BLEND and STL
     blender --background --python-expr '
 import bpy, os
 for number in range(1, 4):

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-// RFC 7468 (PEM), RFC 4880 (OpenPGP, ASCII armour), RFC 4716 and the other key files of SSH
+// RFC 7468 (PEM), RFC 9580 (OpenPGP, ASCII armour), RFC 4716 and the other key files of SSH
 // programs: lines of Base64 between two lines that name what they hold. Programs write in front of
 // a block what it says. And PuTTY's files, which count their lines instead.
 

@@ -1,10 +1,12 @@
 #include "VintrelCore/Carving/Formats/DWG.h"
 
+#include "VintrelCore/Carving/Formats/SevenBits.h"
 #include "VintrelCore/Carving/Formats/Stretches.h"
 #include "VintrelCore/Foundation/CRC16.h"
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 
 // "Open Design Specification for .dwg files" 5.4 (Open Design Alliance). Versions R13 to 2000 have
 // a table of sections in front, and a map behind the objects that says where each of them lies.
@@ -16,6 +18,15 @@ namespace Formats {
 namespace {
 
 constexpr std::uint64_t limit = 4'294'967'296;
+
+struct Header {
+    std::array<std::uint8_t, 6> version; //  0  "AC1015" and others
+    std::array<std::uint8_t, 7> release; //  6
+    LE32 preview;                        // 13  where it begins
+    LE16 writer, codePage;               // 17, 19
+    LE32 sectionCount;                   // 21  of the table behind it
+};
+static_assert(sizeof(Header) == 25 && offsetof(Header, sectionCount) == 21);
 
 struct Section {
     std::uint8_t number; // 0
@@ -43,9 +54,9 @@ constexpr std::uint16_t sumStart = 0xC0C1;
 /// The sections that the table in front names; empty when its sum or the mark behind it is wrong.
 std::vector<Section> sectionsOf(RandomReader& file)
 {
-    constexpr std::uint64_t table = 25;
+    constexpr std::uint64_t table = sizeof(Header);
     constexpr std::uint32_t maxSections = 16;
-    const auto count = file.u32le(table - sizeof(LE32));
+    const std::uint32_t count = file.load<Header>(0).sectionCount;
     if (count == 0 || count > maxSections)
         return {};
     const std::uint64_t end = table + count * sizeof(Section);
@@ -61,7 +72,7 @@ std::vector<Section> sectionsOf(RandomReader& file)
 /// Behind the preview that the header names; 0 when it has none there.
 std::uint64_t behindPreviewOf(RandomReader& file)
 {
-    const std::uint64_t preview = file.u32le(13);
+    const std::uint64_t preview = file.load<Header>(0).preview;
     if (!file.matches(preview, beforePreview))
         return 0;
     const auto size = file.u32le(preview + sentinelSize);
@@ -78,46 +89,6 @@ std::uint64_t behindSecondHeaderAt(RandomReader& file, std::uint64_t end)
     const auto last = file.find(behindSecondHeader, end, end + maxSize);
     return last ? *last + sentinelSize : end;
 }
-
-/// A page of the object map: pairs of numbers of seven bits in each byte, the lowest ones first.
-class MapPage {
-public:
-    explicit MapPage(ByteView bytes)
-        : bytes_(bytes)
-    {
-    }
-
-    bool isAtEnd() const { return position_ >= bytes_.size(); }
-    void skip() { next(); }
-    /// A number whose last byte also holds its sign.
-    std::int64_t nextSigned()
-    {
-        const auto number = next();
-        const auto sign = std::uint64_t { 0x40 } << shiftOfLast_;
-        const auto size = static_cast<std::int64_t>(number & ~sign);
-        return (number & sign) != 0 ? -size : size;
-    }
-
-private:
-    std::uint64_t next()
-    {
-        constexpr unsigned bits = 7;
-        constexpr unsigned maxShift = 49;
-        std::uint64_t number = 0;
-        for (unsigned shift = 0; shift <= maxShift; shift += bits) {
-            const auto byte = isAtEnd() ? std::uint8_t { 0 } : bytes_.span()[position_++];
-            number |= std::uint64_t { byte & 0x7FU } << shift;
-            shiftOfLast_ = shift;
-            if ((byte & 0x80) == 0)
-                break;
-        }
-        return number;
-    }
-
-    ByteView bytes_;
-    std::size_t position_ = 0;
-    unsigned shiftOfLast_ = 0;
-};
 
 /// Whether the object at `position` ends in front of `end`, with the right sum.
 bool isWholeObject(RandomReader& file, std::uint64_t position, std::uint64_t end)
@@ -137,13 +108,24 @@ bool isWholeObject(RandomReader& file, std::uint64_t position, std::uint64_t end
     return sum == file.u16le(position + size);
 }
 
-/// Whether all objects are whole that a page of the map names.
+/// A number whose last byte also holds its sign, below the bit that ends it.
+std::int64_t withSign(const SevenBits& number)
+{
+    const auto sign = std::uint64_t { 0x40 } << 7 * (number.bytes - 1);
+    const auto size = static_cast<std::int64_t>(number.value & ~sign);
+    return (number.value & sign) != 0 ? -size : size;
+}
+
+/// Whether all objects are whole that a page of the map names: by the steps of their handles and of
+/// their places.
 bool holdsObjectsOfPage(RandomReader& file, ByteView page, std::uint64_t end)
 {
     std::int64_t object = 0;
-    for (MapPage pairs(page); !pairs.isAtEnd();) {
-        pairs.skip(); // the object's handle
-        object += pairs.nextSigned();
+    std::int64_t at = 0;
+    const auto next = [&] { return page.u8(at++); };
+    while (at < static_cast<std::int64_t>(page.size())) {
+        readSevenBits(next); // the handle's
+        object += withSign(readSevenBits(next));
         if (object <= 0 || object >= static_cast<std::int64_t>(limit)
             || !isWholeObject(file, static_cast<std::uint64_t>(object), end))
             return false;

@@ -23,7 +23,7 @@ constexpr GUID trailerGUID { 0xFD, 0xCE, 0xDB, 0x70, 0xF7, 0x86, 0x4B, 0x4F, 0xA
 
 struct MasterPage {
     GUID guid;                            //   0
-    std::array<std::uint8_t, 8> magic;    //  16  "DOCUMENT", "BOOKFILE", "LIBRARY4" …
+    std::array<std::uint8_t, 8> magic;    //  16  "DOCUMENT"; books and libraries have others
     std::array<std::uint8_t, 240> state;  //  24
     LE64 sequence;                        // 264  the higher one was written last
     std::array<std::uint8_t, 8> reserved; // 272

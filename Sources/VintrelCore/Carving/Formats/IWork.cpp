@@ -1,5 +1,6 @@
 #include "VintrelCore/Carving/Formats/IWork.h"
 
+#include "VintrelCore/Carving/Formats/SevenBits.h"
 #include "VintrelCore/Disk/RandomReader.h"
 #include "VintrelCore/Foundation/Compression/Inflater.h"
 #include "VintrelCore/Foundation/ZIPLayout.h"
@@ -19,18 +20,11 @@ namespace {
 constexpr std::size_t headSize = 64;
 constexpr std::int64_t chunkHeaderSize = 4; // a zero, and the length in three bytes
 
-/// A number of seven bits in each byte, the lowest ones first; moves `at` behind it.
+/// A number of seven bits in each byte; moves `at` behind it.
 std::uint64_t varint(ByteView bytes, std::int64_t& at)
 {
     constexpr unsigned maxBits = 35;
-    std::uint64_t value = 0;
-    for (unsigned shift = 0; shift < maxBits; shift += 7) {
-        const auto byte = bytes.u8(at++);
-        value |= (byte & 0x7FULL) << shift;
-        if ((byte & 0x80) == 0)
-            break;
-    }
-    return value;
+    return readSevenBits([&] { return bytes.u8(at++); }, maxBits).value;
 }
 
 /// Where the first bytes that are copied as they are begin in packed ones; 0 when others come

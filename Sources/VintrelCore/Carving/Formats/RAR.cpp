@@ -1,4 +1,5 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/Formats/SevenBits.h"
 #include "VintrelCore/Foundation/CRC32.h"
 
 #include <cstddef>
@@ -80,18 +81,11 @@ constexpr std::uint64_t hasExtra5 = 1;
 constexpr std::uint64_t hasData5 = 2;
 constexpr std::uint64_t endType5 = 5; // 1: archive, 2: file, 3: service, 4: encryption
 
-/// Reads a number of seven bits a byte, the lowest first, and moves behind it. None when it does
-/// not end in 64 bits.
+/// Reads a number of seven bits a byte and moves behind it. None when it does not end in 63 bits.
 std::optional<std::uint64_t> takeNumber(RandomReader& file, std::uint64_t& position)
 {
-    std::uint64_t value = 0;
-    for (unsigned shift = 0; shift < 63; shift += 7) {
-        const auto byte = file.u8(position++);
-        value |= std::uint64_t { byte & 0x7Fu } << shift;
-        if (byte < 0x80)
-            return value;
-    }
-    return std::nullopt;
+    const auto number = readSevenBits([&] { return file.u8(position++); });
+    return number.isEnded ? std::optional(number.value) : std::nullopt;
 }
 
 Found version5(const Candidate& candidate)

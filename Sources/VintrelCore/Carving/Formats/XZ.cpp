@@ -1,4 +1,5 @@
 #include "VintrelCore/Carving/Formats/Formats.h"
+#include "VintrelCore/Carving/Formats/SevenBits.h"
 #include "VintrelCore/Foundation/CRC32.h"
 #include "VintrelCore/Foundation/Rounding.h"
 
@@ -89,18 +90,10 @@ std::optional<std::uint64_t> behindBlock(
                : std::nullopt;
 }
 
-/// Passes over a number of seven bits a byte, the lowest first; returns it.
+/// Passes over a number of seven bits a byte; returns it.
 std::uint64_t readNumber(RandomReader& file, std::uint64_t& position)
 {
-    constexpr unsigned maxBits = 63;
-    std::uint64_t value = 0;
-    for (unsigned shift = 0; shift < maxBits; shift += 7) {
-        const auto byte = file.u8(position++);
-        value |= std::uint64_t { byte & 0x7FU } << shift;
-        if (byte < 0x80)
-            break;
-    }
-    return value;
+    return readSevenBits([&] { return file.u8(position++); }).value;
 }
 
 /// The length of the index at `position`, which must list `blocks`; 0 when it does not.
